@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The toolbox of every module: leveled console logging, debug switches read
+ * from the environment, clocks, deadlines for condition waits, PCM dump files
+ * and the audio period size for a sample rate.
+ *
+ * Every function here is reentrant and may be called from any thread.
+ */
+#pragma once
+
+#include <time.h>
+
+#include <cstdint>
+
+enum loglevel_e {
+    LOG_LEVEL_N = 0, ///< none
+    LOG_LEVEL_E = 1, ///< error
+    LOG_LEVEL_W = 2, ///< warning
+    LOG_LEVEL_I = 3, ///< information
+    LOG_LEVEL_D = 4, ///< debug
+    LOG_LEVEL_V = 5, ///< verbose
+};
+
+/**
+ * Writes one record to standard output: colour, local time, kernel thread id,
+ * level letter, then the caller's text. Neither filters by level nor adds a
+ * line break nor flushes. Records of different threads never interleave.
+ */
+void console_print(loglevel_e level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/**
+ * The integer value of environment variable @p str, or @p value when it is
+ * unset or malformed. Only decimal digits are accepted, at most ten; a value
+ * above INT32_MAX saturates; an empty text is 0.
+ */
+int env_get_value(const char* str, int value);
+
+/**
+ * A copy of the text of environment variable @p str, to be released with
+ * free(), or null when it is unset or shorter than two characters.
+ */
+char* env_get_string(const char* str);
+
+/// Whether a message of @p level is printed now; reads the environment each time.
+inline bool log_enabled(loglevel_e level) { return env_get_value("debug_hdmiplayer_log_level", 2) >= level; }
+
+/**
+ * Logs with the "[function line] " prefix. The level test comes before the
+ * arguments are evaluated: a suppressed message costs one environment look-up.
+ * Use in named functions only: in a lambda the prefix would name no function.
+ */
+#define log_at(level, format, ...)                                                      \
+    do {                                                                                \
+        if (log_enabled(level))                                                         \
+            console_print(level, "[%s %d] " format, __func__, __LINE__, ##__VA_ARGS__); \
+    } while (0)
+
+#define log_e(format, ...) log_at(LOG_LEVEL_E, format, ##__VA_ARGS__)
+#define log_w(format, ...) log_at(LOG_LEVEL_W, format, ##__VA_ARGS__)
+#define log_i(format, ...) log_at(LOG_LEVEL_I, format, ##__VA_ARGS__)
+#define log_d(format, ...) log_at(LOG_LEVEL_D, format, ##__VA_ARGS__)
+#define log_v(format, ...) log_at(LOG_LEVEL_V, format, ##__VA_ARGS__)
+
+/// Wall-clock time in microseconds, 0 if the clock cannot be read. Time base of clocks and media time.
+uint64_t get_system_time_us(void);
+
+/// The instant @p microseconds from now on CLOCK_REALTIME, for pthread_cond_timedwait.
+struct timespec get_cond_timeout_us(uint32_t microseconds);
+
+/// The instant @p milliseconds from now on CLOCK_REALTIME, for pthread_cond_timedwait.
+struct timespec get_cond_timeout_ms(uint32_t milliseconds);
+
+/// @p start advanced by @p microseconds, normalised.
+struct timespec timespec_add_us(struct timespec start, uint64_t microseconds);
+
+/// The clock @p clock_id in nanoseconds.
+uint64_t system_time(clockid_t clock_id);
+
+/// Appends a block to "dump_hdmiplayer_write.pcm" while debug_hdmiplayer_dump_write_pcm is on.
+void dump_pcm_write(uint8_t* data, int32_t size);
+
+/// Appends a block to "dump_hdmiplayer_read.pcm" while debug_hdmiplayer_dump_read_pcm is on.
+void dump_pcm_read(uint8_t* data, int32_t size);
+
+/// Audio frames in one device period at @p rate Hz.
+int convert_sample_rate_to_frames(int rate);
+
+/// Names the calling thread for the kernel (15 characters at most).
+void set_thread_name(const char* name);

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The hand-over between two audio stages: a pool of at most 128 audio frames
+ * and the list of those that are filled ("done"), addressed by a small id.
+ *
+ * Producer: pool_acquire, fill `frame`, done_enqueue (or put, to give it back
+ * unused). Consumer: done_dequeue, use, put. Shutdown: abort, join the threads,
+ * deinit. Every function may be called from any thread; deinit waits for calls
+ * in progress, which its abort ends.
+ */
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "hdmi_player.h"
+#include "internal/list.h"
+#include "internal/locks.h"
+#include "internal/resource_manager.h"
+
+/// Frames in a queue at most.
+constexpr int32_t FRAME_QUEUE_POOL_MAX = 128;
+/// Queues that can exist at a time.
+constexpr uint32_t FRAME_QUEUE_MAX = 16;
+
+typedef enum {
+    E_FRAME_NODE_STATE_FREE = 0,     ///< in the pool; its buffer, if any, is kept for reuse
+    E_FRAME_NODE_STATE_DEQUEUED = 1, ///< held by the consumer
+    E_FRAME_NODE_STATE_QUEUED = 2,   ///< in the done list
+    E_FRAME_NODE_STATE_ACQUIRED = 3, ///< held by the producer
+    E_FRAME_NODE_STATE_MAX = 4,
+} frame_node_state_e;
+
+typedef struct frame_info_s {
+    list_head_t node; ///< link in the done list
+    frame_node_state_e state;
+    hdmi_player_audio_frame_t frame; ///< `data` and `buf_size` are the queue's
+} frame_info_t;
+
+typedef struct frame_queue_s {
+    list_head_t list_done_frames GUARDED_BY(mutex); ///< oldest first
+    frame_info_t arry_pool_frames[FRAME_QUEUE_POOL_MAX] GUARDED_BY(mutex);
+    std::atomic<int32_t> done_frames_count; ///< written under mutex
+    int32_t free_frames_count GUARDED_BY(mutex);
+    int32_t pool_frames_count GUARDED_BY(mutex); ///< records brought into use
+    int32_t pool_frames_max GUARDED_BY(mutex);
+    bool abort GUARDED_BY(mutex);
+    bool en_api_log;   ///< constant after init
+    bool en_state_log; ///< constant after init
+    const char* name;  ///< the caller's string; outlives the queue
+    mutex_t mutex;
+    pthread_cond_t cond;                ///< the done list gained a frame
+    pthread_cond_t cond_acquire;        ///< the pool gained a free frame
+    bool done_wakeup GUARDED_BY(mutex); ///< one-shot: stop waiting for a done frame
+    bool pool_wakeup GUARDED_BY(mutex); ///< one-shot: stop waiting for a pool frame
+} frame_queue_t;
+
+extern resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX];
+
+/// A new queue of at most @p max_frames frames (128 at most); its id, or -1. @p name must outlive it.
+int32_t frame_queue_init(int32_t max_frames, const char* name);
+
+/// Aborts the queue, waits for calls in progress, frees every frame, held ones included. 0 or -1.
+int32_t frame_queue_deinit(int32_t id);
+
+/// A frame in state ACQUIRED whose `data` holds at least @p frame_size bytes; blocks until there is
+/// one; null on abort, on a pool wake-up or when memory is short on an aborted queue.
+frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size);
+
+/// Appends an acquired frame to the done list. 0, or -1 when it is not in state ACQUIRED.
+int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame);
+
+/// The oldest done frame, or null after @p timeout_ms without one (0: at once, negative: no limit in
+/// practice), on abort and on a done wake-up. The limit starts anew at every wake of the wait.
+frame_info_t* frame_queue_done_dequeue(int32_t id, int32_t timeout_ms);
+
+/// Gives a frame back to the pool: the `frame` member of one of this queue's records. 0, or -1 with
+/// nothing changed when it is none.
+int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame);
+
+/// Ends every blocked call and refuses acquire and dequeue from now on.
+void frame_queue_abort(int32_t id);
+
+/// Discards every done frame. Does not wake a producer blocked in acquire. 0 or -1.
+int32_t frame_queue_done_release(int32_t id);
+
+/// Discards every frame and frees its buffer, held frames included. 0 or -1.
+int32_t frame_queue_pool_release(int32_t id);
+
+/// Waits, without limit, until @p count frames are done or the queue is aborted. 0 or -1.
+int32_t frame_queue_wait_done_frame(int32_t id, int32_t count);
+
+/// Number of done frames, or -1. Does not wait for the queue's mutex.
+int32_t frame_queue_get_done_counts(int32_t id);
+
+/// Ends one wait for a done frame, now or the next one to come.
+void frame_queue_done_wakeup(int32_t id);
+
+/// Ends one wait for a pool frame, now or the next one to come.
+void frame_queue_pool_wakeup(int32_t id);

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Conversion of PCM to the output's rate and layout, on a thread of its own.
+ */
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+extern "C" {
+#include <libavutil/samplefmt.h>
+}
+
+#include "hdmi_player.h"
+#include "internal/locks.h"
+
+struct SwrContext;
+
+/// One audio format. The caller fills the first three fields, init derives the rest.
+typedef struct audio_param_s {
+    enum AVSampleFormat fmt;
+    int sample_rate; ///< Hz
+    int channels;
+    int64_t channel_layout;
+    int frame_size; ///< bytes of one sample of all channels
+    int bytes_per_sec;
+} audio_param_t;
+
+typedef struct resample_config_s {
+    audio_param_t src_param;
+    audio_param_t tgt_param;
+    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms);
+    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame);
+} resample_config_t;
+
+typedef struct resample_context_s {
+    struct SwrContext* audio_swr_ctx; ///< null: frames pass through unchanged. Worker only after init.
+    audio_param_t src_param;          ///< rate: the one the converter was built for. Worker only after init.
+    audio_param_t tgt_param;
+    int32_t frame_resample_queue; ///< "RESAMPLE"; -1: none
+    pthread_t resample_thread;    ///< 0: none
+    std::atomic<bool> abort_request;
+    std::atomic<bool> enable_resample;
+    std::atomic<bool> initialized;         ///< never set: the stage answers in every state
+    uint8_t enable_dummy_alg_delay;        ///< 0 off, 1 fixed, 2 random
+    int32_t dummy_alg_delay_interval;      ///< s
+    int64_t dummy_alg_delay_time;          ///< ms
+    int64_t dummy_alg_delay_start_time_us; ///< 0: no interval begun
+    mutex_t internal_mutex;                ///< guards the dummy delay
+    rwlock_t api_rwlock;                   ///< write: init and deinit; read: everything else
+    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms);
+    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame);
+} resample_context_t;
+
+extern resample_context_t g_resample_ctx;
+
+int32_t audio_resample_init(resample_config_t cfg);
+
+/// Ends the thread and frees everything; harmless without init.
+int32_t audio_resample_deinit(void);
+
+/// The oldest converted frame, waiting at most @p timeout_ms. 0 or -1.
+int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms);
+
+/// Gives a converted frame back. 0, or -1 when it is not of this stage's queue.
+int32_t audio_resample_put_pcm_frame(hdmi_player_audio_frame_t* frame);
+
+/// Whether PCM goes through this stage (debug_hdmiplayer_enable_resample).
+bool audio_resample_is_enable_resample(void);

@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Control of the simulated platform: an HDMI receiver with its own clock, a
+ * playback device that records, a display, a CEC link, and faults on demand.
+ *
+ * The library under test sees only aio_device_*, adecoder_*, vendor_hdmi_cec_*,
+ * drmWaitVBlank(), uevents and the receiver's state file. Programs and tests
+ * set the stage here and read afterwards what happened at the edges.
+ *
+ * Times are nanoseconds of CLOCK_MONOTONIC unless a name says otherwise; every
+ * simulated device paces itself with absolute deadlines on that clock. All
+ * functions may be called from any thread.
+ */
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace hdmi_sim
+{
+
+int64_t now_ns();
+
+// --- Receiver ---------------------------------------------------------------
+
+/**
+ * What the source sends, as link frames: two 16-bit words each, one frame per
+ * sample of PCM, four per sample for an E-AC-3 bitstream.
+ */
+struct Signal {
+    /// Link frames per second by the source's own idea of time.
+    int rate = 48000;
+    /// Deviation of the source's clock from the monotonic clock, parts per million.
+    double clock_error_ppm = 0;
+    /// When link frame 0 passes; 0: at the call of receiver_connect().
+    int64_t start_ns = 0;
+    /// Fills @p frames link frames, starting with number @p first. Called while
+    /// the player reads the device, in any order of @p first; must not block.
+    std::function<void(int64_t first, int16_t* words, int frames)> generate;
+};
+
+/// The cable is in and the source sends @p signal from now on (or from its start_ns on).
+void receiver_connect(Signal signal);
+/// The signal ends: reads of the capture device block until there is one again or the device is closed.
+void receiver_disconnect();
+
+struct ReceiverStats {
+    int64_t opens = 0;
+    int64_t periods_read = 0;
+    int64_t overruns = 0; ///< periods lost because nobody read
+    int64_t frames_read = 0;
+    int64_t first_read_frame = -1; ///< link frame with which the present opening of the device began
+    int bypass_mode = -1;          ///< audio_in_bypass_mode_e at the last open
+};
+ReceiverStats receiver_stats();
+
+// --- Announcements ------------------------------------------------------------
+
+/**
+ * Enters private mount and network namespaces (unprivileged: in a new user
+ * namespace) and puts an empty "/sys/class/extcon/hdmirx_aud/" into place, with
+ * the rest of /sys/class as it is. Call before the process has threads.
+ * @return false with one line in @p error that says what the machine must allow.
+ */
+bool enter_private_namespaces(std::string* error);
+
+/// The driver's name of a state, e.g. announce_text(true, 44100) is "HEADDONE_COMP_44=1"; empty for other rates.
+std::string announce_text(bool compressed, int sample_rate);
+/// Writes the state file only.
+bool write_state_file(const std::string& text);
+/// Writes the state file and sends the uevent, as the driver does at a change.
+bool announce(const std::string& state);
+/// Sends one uevent: NUL-separated strings as they are, on the kernel's netlink protocol to group 1.
+bool send_uevent(const std::string& message);
+
+// --- Playback -------------------------------------------------------------------
+
+struct PlaybackConfig {
+    std::string wav_path;       ///< records everything played, underrun silence included; empty: no recording
+    double clock_error_ppm = 0; ///< of the playback device's clock
+};
+/// Takes effect at the next open of a playback device. Recording goes on across reopens.
+void playback_configure(const PlaybackConfig& config);
+
+/// One run of consecutive frames in the recording.
+struct PlayedBlock {
+    int64_t first_frame; ///< position in the recording
+    int64_t frames;
+    int64_t heard_ns; ///< when its first frame is heard
+    bool silence;     ///< made by an underrun
+};
+struct PlaybackStats {
+    int64_t opens = 0;
+    int64_t frames_written = 0;
+    int64_t underruns = 0;
+    int64_t first_write_ns = 0;   ///< 0: none yet
+    int64_t last_underrun_ns = 0; ///< 0: none
+    int sample_rate = 0;
+    int device_id = -1;     ///< audio_io_dev_e
+    int output_fmt = -1;    ///< audio_io_format_e
+    int volume = -1;        ///< last aio_device_set_volume, percent; -1: never set
+    int direct_volume = -1; ///< last aio_device_set_volume_direct; -1: never set
+    bool muted = false;
+};
+PlaybackStats playback_stats();
+std::vector<PlayedBlock> playback_blocks();
+/// Completes the WAV file and, beside it, "<wav>.blocks.csv" with one line per PlayedBlock.
+bool playback_finish_recording();
+
+// --- Display --------------------------------------------------------------------
+
+struct DisplayConfig {
+    double refresh_hz = 60;
+    int64_t latency_ns = 76'000'000; ///< from the vertical blank that takes a frame to light
+};
+
+/// What one vertical blank put on the screen. Called on the display's thread; the buffer's content may be read.
+struct ScanOut {
+    int64_t vblank; ///< number since the display started
+    int64_t vblank_ns;
+    int64_t seen_ns; ///< vblank_ns + latency
+    void* buffer;    ///< null while nothing was flipped yet
+    bool repeated;   ///< the same buffer as at the vertical blank before
+};
+using ScanOutFn = std::function<void(const ScanOut&)>;
+/// The screen is done with a buffer: replaced by the next one, or superseded before it was seen.
+using ReleaseFn = std::function<void(void* buffer, bool superseded)>;
+
+/// Starts the display; its descriptor (above 0) is what drmWaitVBlank() accepts. One at a time.
+int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn on_release);
+/// Queues a buffer: at most two are pending, shown first in, first out; a third one supersedes the newer of them.
+void display_flip(void* buffer);
+/// Ends the display after the vertical blank to come; pending buffers and the one on screen are released.
+void display_stop();
+
+struct DisplayStats {
+    int64_t vblanks = 0;
+    int64_t flips = 0;
+    int64_t superseded = 0; ///< flipped, but replaced before a vertical blank took them
+    int64_t repeated = 0;   ///< vertical blanks without a new buffer, after the first one
+};
+DisplayStats display_stats();
+
+// --- CEC ------------------------------------------------------------------------
+
+/// The calls so far, in order: "init", "open_arc", "deinit".
+std::vector<std::string> cec_calls();
+
+// --- Faults ---------------------------------------------------------------------
+
+enum class Op {
+    capture_open,
+    capture_close,
+    capture_read,
+    capture_frames_to_bytes,
+    playback_open,
+    playback_close,
+    playback_write,
+    playback_delay,
+    set_volume,
+    set_volume_direct,
+    set_mute,
+    reselect,
+    wait_vblank,
+    cec_init,
+    cec_open_arc,
+    cec_deinit,
+    count
+};
+enum class FaultKind {
+    fail,     ///< returns `result`, at once, with nothing done
+    block,    ///< waits until clear_fault(), or, for read and write, until the device is closed
+    brief,    ///< read and write only: half of what was asked (rounded down to a frame less one byte when `odd`)
+    withhold, ///< write only: reports success, plays nothing of it
+};
+struct Fault {
+    FaultKind kind = FaultKind::fail;
+    int result = -5; ///< -EIO
+    int skip = 0;    ///< calls that pass before the fault begins
+    int count = -1;  ///< calls that it hits; negative: all
+    bool odd = false;
+};
+void set_fault(Op op, const Fault& fault);
+void clear_fault(Op op);
+/// Calls of @p op that a fault has hit so far.
+int64_t fault_hits(Op op);
+
+/// Back to the state at start: faults, statistics, recording, signal. Nothing may be open.
+void reset();
+
+} // namespace hdmi_sim
