@@ -13,6 +13,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "hdmi_player.h"
@@ -51,10 +52,11 @@ typedef struct frame_queue_s {
     bool en_state_log; ///< constant after init
     const char* name;  ///< the caller's string; outlives the queue
     mutex_t mutex;
-    pthread_cond_t cond;                ///< the done list gained a frame
-    pthread_cond_t cond_acquire;        ///< the pool gained a free frame
-    bool done_wakeup GUARDED_BY(mutex); ///< one-shot: stop waiting for a done frame
-    bool pool_wakeup GUARDED_BY(mutex); ///< one-shot: stop waiting for a pool frame
+    pthread_cond_t cond;                     ///< the done list gained a frame
+    pthread_cond_t cond_acquire;             ///< the pool gained a free frame
+    bool done_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a done frame
+    bool pool_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a pool frame
+    int32_t count_waiters GUARDED_BY(mutex); ///< calls in frame_queue_wait_done_frame()
 } frame_queue_t;
 
 extern resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX];
@@ -65,8 +67,8 @@ int32_t frame_queue_init(int32_t max_frames, const char* name);
 /// Aborts the queue, waits for calls in progress, frees every frame, held ones included. 0 or -1.
 int32_t frame_queue_deinit(int32_t id);
 
-/// A frame in state ACQUIRED whose `data` holds at least @p frame_size bytes; blocks until there is
-/// one; null on abort, on a pool wake-up or when memory is short on an aborted queue.
+/// A frame in state ACQUIRED whose `data` is not null and holds at least @p frame_size bytes; blocks
+/// until there is one, while memory is short too; null on abort and on a pool wake-up.
 frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size);
 
 /// Appends an acquired frame to the done list. 0, or -1 when it is not in state ACQUIRED.
@@ -86,7 +88,7 @@ void frame_queue_abort(int32_t id);
 /// Discards every done frame. Does not wake a producer blocked in acquire. 0 or -1.
 int32_t frame_queue_done_release(int32_t id);
 
-/// Discards every frame and frees its buffer, held frames included. 0 or -1.
+/// Discards every frame and frees its buffer, held frames included: whoever holds one must be stopped. 0 or -1.
 int32_t frame_queue_pool_release(int32_t id);
 
 /// Waits, without limit, until @p count frames are done or the queue is aborted. 0 or -1.
