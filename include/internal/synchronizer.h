@@ -61,48 +61,58 @@ typedef struct synchronizer_callback_s {
     bool (*flip_frame)(void* handle, synchronizer_frame_info_t* frame); ///< show it now
 } synchronizer_callback_t;
 
-/// The handle. `mutex` guards the clock; what crosses threads without it is atomic.
+/**
+ * The handle. `mutex` guards the clock and the settings; what crosses threads
+ * without it is atomic. Everything lives as long as the handle, so that the
+ * caller may notify and feed the clock whether the threads run or not.
+ */
 typedef struct sync_strategy_info_s {
-    synchronizer_player_e player_type;
-    std::atomic<int64_t> base_media_time;       ///< anchor; 0: no clock yet. Written under mutex.
-    int64_t base_system_time GUARDED_BY(mutex); ///< system time of the anchor
-    int64_t max_media_time GUARDED_BY(mutex);   ///< the clock's upper bound; below 1: none
-    float rate GUARDED_BY(mutex);
-    std::atomic<synchronizer_mode_e> mode;   ///< written under mutex, or forced by the sync thread
-    std::atomic<synchronizer_state_e> state; ///< written under mutex, or forced by the sync thread
+    synchronizer_player_e player_type = E_SYNCHRONIZER_PLAYER_SELF;
+    std::atomic<int64_t> base_media_time{0};                   ///< anchor; 0: no clock yet. Written under mutex.
+    int64_t base_system_time GUARDED_BY(mutex) = 0;            ///< system time of the anchor
+    int64_t max_media_time GUARDED_BY(mutex) = 0;              ///< the clock's upper bound; below 1: none
+    float rate GUARDED_BY(mutex) = 1.0F;                       ///< media time per system time
+    std::atomic<synchronizer_mode_e> mode{E_SYNC_MODE_MAX};    ///< written under mutex, or forced by the sync thread
+    std::atomic<synchronizer_state_e> state{E_SYNC_STATE_MAX}; ///< as mode
     mutex_t mutex;
-    void* callback_handle;
-    synchronizer_callback_t* callback; ///< the caller's; outlives the synchronizer
-    pthread_t sync_thread;             ///< 0: none
+    void* callback_handle = nullptr;
+    synchronizer_callback_t* callback = nullptr;         ///< the caller's; outlives the synchronizer
+    pthread_t sync_thread GUARDED_BY(control_mutex) = 0; ///< 0: none
     mutex_t sync_thread_mutex;
-    pthread_cond_t sync_thread_cond;
-    std::atomic<bool> sync_thread_exit;
-    bool exiting;       ///< unused
-    mutex_t exit_mutex; ///< unused
-    synchronizer_drm_info_t drm_info;
-    pthread_t vsync_thread; ///< 0: none
+    pthread_cond_t sync_thread_cond;                             ///< on the monotonic clock
+    std::atomic<bool> sync_thread_exit{false};                   ///< written under sync_thread_mutex
+    bool sync_thread_wake GUARDED_BY(sync_thread_mutex) = false; ///< news that the sync thread has not looked at
+    bool exiting = false;                                        ///< unused
+    mutex_t exit_mutex;                                          ///< unused
+    synchronizer_drm_info_t drm_info GUARDED_BY(mutex) = {0, 0};
+    pthread_t vsync_thread GUARDED_BY(control_mutex) = 0; ///< 0: none
     mutex_t vsync_thread_mutex;
-    pthread_cond_t vsync_thread_cond;
-    std::atomic<bool> vsync_thread_exit;
-    std::atomic<int64_t> last_vsync_system_time; ///< written by the vsync thread and by resync; -1: unknown
-    std::atomic<int64_t> last_flip_system_time;  ///< written by the sync thread and by resync; -1: none
-    std::atomic<bool> low_latency_mode;
-    bool enable_log;
-    bool (*on_sync_logic)(void* handle);
+    pthread_cond_t vsync_thread_cond;                ///< on the monotonic clock
+    std::atomic<bool> vsync_thread_exit{false};      ///< written under vsync_thread_mutex
+    std::atomic<int64_t> last_vsync_system_time{-1}; ///< latest vertical blank; -1: unknown
+    std::atomic<int64_t> last_flip_system_time{-1};  ///< latest paced flip; -1: none
+    std::atomic<bool> low_latency_mode{false};
+    bool enable_log = false; ///< constant after init
+    bool (*on_sync_logic)(void* handle) = nullptr;
+    mutex_t control_mutex;                     ///< serialises start, stop and resync
+    std::atomic<bool> resync_requested{false}; ///< the next step forgets the pacing history
 } sync_strategy_info_t;
 
-/// The handle of the one strategy; a pointer to it is also one to its base.
+/**
+ * The handle of the one strategy; a pointer to it is also one to its base. The
+ * pacing history belongs to the sync thread while there is one.
+ */
 typedef struct sync_strategy_info_Oru_player_s {
     sync_strategy_info_t base;
-    synchronizer_frame_info_t last_frame; ///< the frame most recently taken for display; pts -1: none
-    int64_t last_frame_system_time;       ///< when it was taken; -1: never
-    int64_t frame_timer;                  ///< its nominal display time; -1: unset
+    synchronizer_frame_info_t last_frame = {nullptr, 0, UINT64_MAX}; ///< most recently taken for display; pts -1: none
+    int64_t last_frame_system_time = -1;                             ///< when it was taken; -1: never
+    int64_t frame_timer = -1;                                        ///< its nominal display time; -1: unset
 } sync_strategy_info_Oru_player_t;
 
 /// A new synchronizer, or null for a player without strategy or without memory.
 void* synchronizer_init(synchronizer_player_e player);
 
-/// Frees the synchronizer; its threads must have been stopped.
+/// Frees the synchronizer, after stopping it if the caller did not. Nobody else may use the handle any more.
 bool synchronizer_deinit(void* handle);
 
 /// Sets the frame queue; before start.
@@ -111,23 +121,23 @@ bool synchronizer_set_callback(void* handle, void* callback_handle, synchronizer
 /// Starts the sync and the vsync thread; true without effect when they run already.
 bool synchronizer_start(void* handle);
 
-/// Ends both threads and waits for them: at most one vertical blank or one fallback sleep.
+/// Ends both threads and waits for them: at most the callback that runs and one vertical blank. Not from a callback.
 bool synchronizer_stop(void* handle);
 
 /// Wakes the sync thread: a frame was queued. Does not block; harmless while stopped.
 bool synchronizer_notify_frame_done(void* handle);
 
-/// Forgets the pacing history: the next frame is shown at once. Only while stopped or before any frame.
+/// Forgets the pacing history: the next frame is shown at once. While the threads run, the next step does so.
 bool synchronizer_resync(void* handle);
 
 bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode);
 bool synchronizer_get_sync_mode(void* handle, synchronizer_mode_e* mode);
 
-/// E_SYNC_STATE_RESUME also moves the clock's anchor to now.
+/// E_SYNC_STATE_RESUME also sets the anchor's system time, to the monotonic clock's microseconds.
 bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state);
 bool synchronizer_get_sync_state(void* handle, synchronizer_state_e* state);
 
-/// Sets the display; before start.
+/// Sets the display; before start. A descriptor of 0 or less ends a vsync thread that runs.
 bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info);
 
 /// In free run, low latency shows every frame as soon as it is queued; pacing by audio ignores it.

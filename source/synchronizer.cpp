@@ -1,0 +1,922 @@
+// SPDX-License-Identifier: MIT
+#include "internal/synchronizer.h"
+
+#include <xf86drm.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+#include <new>
+#include <type_traits>
+
+#include "internal/common.h"
+
+// The clock's single precision is part of its contract. Machines that compute
+// float in wider registers, or may reorder it, would pace differently.
+static_assert(FLT_EVAL_METHOD == 0, "float must be evaluated as float");
+#ifdef __FAST_MATH__
+#error "the media clock needs strict floating point"
+#endif
+
+static_assert(std::is_standard_layout<sync_strategy_info_Oru_player_t>::value,
+              "a pointer to the strategy's record must be one to its base");
+
+namespace
+{
+
+constexpr int64_t kUnset = -1;
+
+constexpr int64_t kUnknownFrameUs = 16666;     ///< a display of unknown rate counts as one of 60 Hz
+constexpr float kShortestFrameUs = 100.0F;     ///< 10 kHz; faster is no display, and the waits would become a busy loop
+constexpr float kLongestFrameUs = 10000000.0F; ///< 0.1 Hz; slower is no display, and the waits would last for ever
+constexpr int64_t kFlipLeadPercent = 80;       ///< a flip is aimed this part of a period ahead of its vertical blank
+
+constexpr uint32_t kIdleWaitUs = 10000;
+
+// Limits of the delay correction. Video this far off is corrected; smaller
+// deviations are neither seen nor worth an uneven frame.
+constexpr int64_t kSyncThresholdMinUs = 40000;
+constexpr int64_t kSyncThresholdMaxUs = 100000;
+constexpr int64_t kLongFrameUs = 150000;            ///< only frames longer than this are stretched when video is ahead
+constexpr int64_t kNoCorrectionBeyondUs = 99999999; ///< further apart the clocks have nothing to do with each other
+constexpr int64_t kTimerLagMaxUs = 100000;
+
+// What viewers notice, after ITU-R BT.1359: sound may lag the picture further
+// than it may lead. Positive: video ahead of audio.
+constexpr int64_t kUndetectableLateUs = -25000;
+constexpr int64_t kUndetectableEarlyUs = 100000;
+constexpr int64_t kDetectableLateUs = -45000;
+constexpr int64_t kDetectableEarlyUs = 125000;
+constexpr int64_t kAcceptableLateUs = -90000;
+constexpr int64_t kAcceptableEarlyUs = 185000;
+
+// Reports a missing argument in the caller's name.
+bool missing(const void* argument, const char* name, const char* function = __builtin_FUNCTION(),
+             int line = __builtin_LINE())
+{
+    if (argument != nullptr)
+        return false;
+    if (log_enabled(LOG_LEVEL_E))
+        console_print(LOG_LEVEL_E, "[%s %d] %s is null\n", function, line, name);
+    return true;
+}
+
+sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_info_t*>(handle); }
+
+// --- Arithmetic -----------------------------------------------------------------
+// Time stamps come from outside and a wall clock may be set to anything: sums
+// and conversions saturate instead of overflowing.
+
+int64_t add(int64_t a, int64_t b)
+{
+    int64_t sum = 0;
+    if (__builtin_add_overflow(a, b, &sum))
+        return a < 0 ? INT64_MIN : INT64_MAX;
+    return sum;
+}
+
+int64_t subtract(int64_t a, int64_t b)
+{
+    int64_t difference = 0;
+    if (__builtin_sub_overflow(a, b, &difference))
+        return a < 0 ? INT64_MIN : INT64_MAX;
+    return difference;
+}
+
+// Truncates, and saturates where the value does not fit.
+int64_t to_int64(float value)
+{
+    constexpr float kTwoTo63 = 9223372036854775808.0F;
+    if (std::isnan(value))
+        return 0;
+    if (value >= kTwoTo63)
+        return INT64_MAX;
+    if (value < -kTwoTo63)
+        return INT64_MIN;
+    return static_cast<int64_t>(value);
+}
+
+int64_t signed_pts(const synchronizer_frame_info_t& frame) { return static_cast<int64_t>(frame.pts); }
+
+int64_t system_time_us() { return static_cast<int64_t>(get_system_time_us()); }
+
+// One refresh of the display. A rate that no display has counts as unknown.
+int64_t frame_duration_us(float vrefresh)
+{
+    if (!(vrefresh > 0))
+        return kUnknownFrameUs;
+    const float duration = 1000000.0F / vrefresh;
+    if (duration < kShortestFrameUs || duration > kLongestFrameUs)
+        return kUnknownFrameUs;
+    return static_cast<int64_t>(duration);
+}
+
+synchronizer_drm_info_t display_of(sync_strategy_info_t& sync)
+{
+    mutex_guard guard(sync.mutex);
+    return sync.drm_info;
+}
+
+// --- Waits ----------------------------------------------------------------------
+// The conditions run on the monotonic clock: setting the wall clock back must
+// not freeze the picture for as long.
+
+void init_condition(pthread_cond_t& cond)
+{
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&cond, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
+struct timespec deadline_in_us(uint32_t microseconds)
+{
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return timespec_add_us(now, microseconds);
+}
+
+// Has the sync thread look again, now or, while it is busy, at its next wait.
+void wake_sync_thread(sync_strategy_info_t& sync)
+{
+    mutex_guard guard(sync.sync_thread_mutex);
+    sync.sync_thread_wake = true;
+    pthread_cond_signal(&sync.sync_thread_cond);
+}
+
+// The sync thread's wait: until there is news, the time has passed, or a stop.
+void wait_for_news(sync_strategy_info_t& sync, uint32_t timeout_us)
+{
+    const struct timespec deadline = deadline_in_us(timeout_us);
+    mutex_guard guard(sync.sync_thread_mutex);
+    while (!sync.sync_thread_wake && !sync.sync_thread_exit) {
+        if (guard.wait_until(sync.sync_thread_cond, deadline) != 0)
+            break;
+    }
+    sync.sync_thread_wake = false;
+}
+
+// Sleeps to the end whatever is signalled, except at a stop: then false.
+bool sleep_unless_stopped(mutex_t& mutex, pthread_cond_t& cond, const std::atomic<bool>& stopped, uint32_t duration_us)
+{
+    const struct timespec deadline = deadline_in_us(duration_us);
+    mutex_guard guard(mutex);
+    while (!stopped && guard.wait_until(cond, deadline) == 0) {
+    }
+    return !stopped;
+}
+
+void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::atomic<bool>& exit)
+{
+    if (thread == 0)
+        return;
+    {
+        // Under the mutex: between the thread's test and its wait the signal would be lost.
+        mutex_guard guard(mutex);
+        exit = true;
+        pthread_cond_signal(&cond);
+    }
+    pthread_join(thread, nullptr);
+    thread = 0;
+}
+
+// --- Media clock ----------------------------------------------------------------
+
+// The extrapolated clock. The difference to the anchor's system time is a
+// float already, because the two queries convert it with different signedness.
+int64_t extrapolate(float elapsed, float rate, int64_t base_media_time)
+{
+    return to_int64(elapsed * rate + static_cast<float>(base_media_time));
+}
+
+// As the current-time query wants it: before its anchor, the clock is far ahead, hence at its bound.
+float elapsed_unsigned(int64_t now, int64_t base_system_time)
+{
+    return static_cast<float>(static_cast<uint64_t>(now) - static_cast<uint64_t>(base_system_time));
+}
+
+float elapsed_signed(int64_t now, int64_t base_system_time)
+{
+    return static_cast<float>(subtract(now, base_system_time));
+}
+
+int64_t release_time_at(int64_t now, int64_t media_time, int64_t master_time, float rate)
+{
+    return add(now, to_int64(static_cast<float>(subtract(media_time, master_time)) / rate));
+}
+
+// --- Threads --------------------------------------------------------------------
+
+void* handle_sync_logic(void* arg)
+{
+    if (missing(arg, "arg"))
+        return nullptr;
+    sync_strategy_info_t& sync = base_of(arg);
+    log_i("handle_sync_logic thread enter\n");
+    set_thread_name("aysync_logic");
+    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    if (sync.on_sync_logic == nullptr) {
+        log_e("on_sync_logic callback is null\n");
+        return nullptr;
+    }
+    while (!sync.sync_thread_exit) {
+        if (!sync.on_sync_logic(arg))
+            wait_for_news(sync, kIdleWaitUs);
+    }
+    log_i("handle_sync_logic thread exit\n");
+    return nullptr;
+}
+
+void* handle_vsync(void* arg)
+{
+    if (missing(arg, "arg"))
+        return nullptr;
+    sync_strategy_info_t& sync = base_of(arg);
+    if (env_get_value("debug.hdmiplayer.sync.disablevsync", 0) != 0) {
+        sync.last_vsync_system_time = kUnset;
+        return nullptr;
+    }
+    set_thread_name("av_sync");
+    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    while (!sync.vsync_thread_exit) {
+        const synchronizer_drm_info_t display = display_of(sync);
+        if (display.fd <= 0) {
+            log_e("invalid drm_info.fd:%d\n", display.fd);
+            return nullptr;
+        }
+        drmVBlank vbl = {};
+        vbl.request.type = DRM_VBLANK_RELATIVE;
+        vbl.request.sequence = 1;
+        const int64_t before = system_time_us();
+        const int result = drmWaitVBlank(display.fd, &vbl);
+        if (result != 0) {
+            log_e("drmWaitVBlank fd:%d error:%d\n", display.fd, result);
+            // The pacing goes on at the display's nominal rate.
+            sleep_unless_stopped(sync.vsync_thread_mutex, sync.vsync_thread_cond, sync.vsync_thread_exit,
+                                 static_cast<uint32_t>(frame_duration_us(display.vrefresh)));
+        }
+        const int64_t end = system_time_us();
+        sync.last_vsync_system_time = end;
+        if (sync.enable_log)
+            log_v("vblank diff:%lli before:%lli end:%lli %ld\n", static_cast<long long>(end - before),
+                  static_cast<long long>(before), static_cast<long long>(end),
+                  static_cast<long>(int64_t{vbl.reply.tval_sec} * 1000000 + vbl.reply.tval_usec));
+        wake_sync_thread(sync);
+    }
+    log_i("handle_vsync thread exit\n");
+    return nullptr;
+}
+
+// --- Frame pacing ---------------------------------------------------------------
+
+using oru_player = sync_strategy_info_Oru_player_t;
+
+// Every line of a pacing step carries the step's name, whichever helper decides.
+#define log_step(level, format, ...)                                                               \
+    do {                                                                                           \
+        if (log_enabled(level))                                                                    \
+            console_print(level, "[%s %d] " format, "on_Oru_sync_logic", __LINE__, ##__VA_ARGS__); \
+    } while (0)
+
+#define trace_step(player, level, format, ...)      \
+    do {                                            \
+        if ((player).base.enable_log)               \
+            log_step(level, format, ##__VA_ARGS__); \
+    } while (0)
+
+// Shorthands for the printf arguments.
+long long lli(int64_t value) { return value; }
+unsigned long long llu(uint64_t value) { return value; }
+
+bool has_last_frame(const oru_player& player) { return signed_pts(player.last_frame) != kUnset; }
+
+void forget_history(oru_player& player)
+{
+    player.last_frame.fd = 0;
+    player.last_frame.pts = static_cast<uint64_t>(kUnset);
+    player.base.last_vsync_system_time = kUnset;
+    player.base.last_flip_system_time = kUnset;
+}
+
+// Frames waiting; 0 also when the queue does not say.
+int32_t waiting_frames(oru_player& player)
+{
+    int32_t count = 0;
+    player.base.callback->get_frame_count(player.base.callback_handle, &count);
+    return count;
+}
+
+bool peek(oru_player& player, synchronizer_frame_info_t& frame)
+{
+    return player.base.callback->peek_frame(player.base.callback_handle, &frame);
+}
+
+// Takes the oldest frame out and makes it the last frame. The queue's owner may
+// have taken the peeked frame meanwhile: then @p frame becomes the one that was
+// got, and false says that there was none, so that nothing is released twice.
+bool take(oru_player& player, synchronizer_frame_info_t& frame, int64_t now)
+{
+    player.last_frame_system_time = now;
+    const bool taken = player.base.callback->get_frame(player.base.callback_handle, &frame);
+    player.last_frame = frame;
+    return taken;
+}
+
+void flip(oru_player& player, synchronizer_frame_info_t& frame)
+{
+    player.base.callback->flip_frame(player.base.callback_handle, &frame);
+}
+
+// A clock that was set back must not leave the timer in the far future.
+void pull_timer_back(oru_player& player, int64_t now, loglevel_e level)
+{
+    if (now >= player.frame_timer)
+        return;
+    trace_step(player, level, "system_time:%lli frame_timer:%lli\n", lli(now), lli(player.frame_timer));
+    player.frame_timer = now;
+}
+
+// Waits until the frame's distance to the last one has passed; false at a stop.
+bool wait_distance(oru_player& player, const synchronizer_frame_info_t& frame)
+{
+    sync_strategy_info_t& sync = player.base;
+    const int64_t last_frame_duration = subtract(signed_pts(frame), signed_pts(player.last_frame));
+    trace_step(player, LOG_LEVEL_V, "last_frame_duration:%lli cur_frame_pts:%llu last_frame_pts:%llu\n",
+               lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
+    const int64_t now = system_time_us();
+    pull_timer_back(player, now, LOG_LEVEL_V);
+    const int64_t due = add(player.frame_timer, last_frame_duration);
+    if (now >= due)
+        return true;
+    const int64_t remaining_time = subtract(due, now);
+    trace_step(player, LOG_LEVEL_V, "wait frame_pts:%llu remaining_time:%lli system_time:%lli\n",
+               llu(player.last_frame.pts), lli(remaining_time), lli(now));
+    return sleep_unless_stopped(sync.sync_thread_mutex, sync.sync_thread_cond, sync.sync_thread_exit,
+                                static_cast<uint32_t>(remaining_time));
+}
+
+bool free_run_step(oru_player& player)
+{
+    if (waiting_frames(player) == 0)
+        return false;
+    synchronizer_frame_info_t frame = {};
+    if (!peek(player, frame))
+        return true;
+    if (has_last_frame(player) && !player.base.low_latency_mode && !wait_distance(player, frame))
+        return true;
+    synchronizer_set_base_media_time(&player, signed_pts(frame), -1);
+    const int64_t now = system_time_us();
+    player.frame_timer = now;
+    if (!take(player, frame, now))
+        return true;
+    flip(player, frame);
+    trace_step(player, LOG_LEVEL_I, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now),
+               frame.fd);
+    return true;
+}
+
+void show_first(oru_player& player, synchronizer_frame_info_t& frame)
+{
+    const int64_t now = system_time_us();
+    player.frame_timer = now;
+    if (!take(player, frame, now))
+        return;
+    flip(player, frame);
+    player.base.last_flip_system_time = system_time_us();
+    trace_step(player, LOG_LEVEL_D, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now),
+               frame.fd);
+}
+
+struct av_clocks {
+    int64_t video;
+    int64_t audio;
+    int64_t diff; ///< positive: video ahead of audio
+};
+
+av_clocks read_clocks(oru_player& player, const synchronizer_frame_info_t& frame)
+{
+    av_clocks clocks = {};
+    const int64_t since_last = subtract(system_time_us(), player.last_frame_system_time);
+    clocks.video = std::min(add(signed_pts(player.last_frame), since_last), signed_pts(frame));
+    synchronizer_get_current_media_time(&player, &clocks.audio);
+    clocks.diff = subtract(clocks.video, clocks.audio);
+    return clocks;
+}
+
+// How long the last frame stays: its duration, less when video is late, more
+// when a long frame is ahead. Short frames ahead are not doubled: the vertical
+// blank and the frame timer hold them.
+int64_t corrected_delay(int64_t duration, int64_t diff)
+{
+    if (diff < -kNoCorrectionBeyondUs || diff > kNoCorrectionBeyondUs)
+        return duration;
+    const int64_t threshold = std::max(std::min(duration, kSyncThresholdMaxUs), kSyncThresholdMinUs);
+    if (diff <= -threshold)
+        return std::max<int64_t>(add(duration, diff), 0);
+    if (diff >= threshold && duration > kLongFrameUs)
+        return add(duration, diff);
+    return duration;
+}
+
+bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
+
+// Logs how far apart sound and picture are; false when it is unacceptable.
+bool classify(oru_player& player, int64_t diff)
+{
+    if (within(diff, kUndetectableLateUs, kUndetectableEarlyUs)) {
+        trace_step(player, LOG_LEVEL_D, "video clock sync audio clock undetectable\n");
+        return true;
+    }
+    if (within(diff, kDetectableLateUs, kDetectableEarlyUs)) {
+        trace_step(player, LOG_LEVEL_I, "video clock sync audio clock detectable\n");
+        return true;
+    }
+    if (within(diff, kAcceptableLateUs, kAcceptableEarlyUs)) {
+        trace_step(player, LOG_LEVEL_I, "video clock sync audio clock acceptable\n");
+        return true;
+    }
+    trace_step(player, LOG_LEVEL_W, "video clock sync audio clock unacceptable\n");
+    return false;
+}
+
+// With the sync log on, a frame far ahead of the audio clock waits for it.
+// True when the step waited. The tie to the log switch is intended.
+bool waited_for_audio(oru_player& player, const av_clocks& clocks, int64_t delay)
+{
+    if (!player.base.enable_log)
+        return false;
+    trace_step(player, LOG_LEVEL_I, "video_clock_pts:%lli audio_clock_pts:%lli diff:%lli delay:%lli\n",
+               lli(clocks.video), lli(clocks.audio), lli(clocks.diff), lli(delay));
+    if (classify(player, clocks.diff) || clocks.diff <= kAcceptableEarlyUs)
+        return false;
+    trace_step(player, LOG_LEVEL_I, "wait audio clock update, video_clock_pts:%lli audio_clock_pts:%lli diff:%lli\n",
+               lli(clocks.video), lli(clocks.audio), lli(clocks.diff));
+    wait_for_news(player.base, static_cast<uint32_t>(clocks.diff));
+    return true;
+}
+
+/// The vertical-blank grid as one pass of the step sees it.
+struct vsync_grid {
+    int64_t sampled_time; ///< system time of a vertical blank; -1: unknown
+    int64_t duration;     ///< us
+};
+
+// When to flip the frame: its release time, or where the grid is known, ahead
+// of the vertical blank nearest to it, in time for the display to latch it.
+int64_t flip_target(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t now,
+                    int64_t delay)
+{
+    int64_t target = 0;
+    synchronizer_get_release_time(&player, signed_pts(frame), &target);
+    trace_step(player, LOG_LEVEL_I, "original cur_frame_system_time:%lli\n", lli(target));
+    if (grid.sampled_time == kUnset)
+        return target;
+    grid.duration = frame_duration_us(display_of(player.base).vrefresh);
+    target = subtract(closest_vsync(target, grid.sampled_time, grid.duration), grid.duration * kFlipLeadPercent / 100);
+    trace_step(player, LOG_LEVEL_I,
+               "frameSystemTime:%lli vsyncSystemTime:%lli current_system_time:%lli frame_timer:%lli diff:%lli %lli\n",
+               lli(target), lli(grid.sampled_time), lli(now), lli(player.frame_timer),
+               lli(subtract(add(player.frame_timer, delay), now)), lli(subtract(target, grid.sampled_time)));
+    return target;
+}
+
+// Decides about a frame that has a predecessor: true when its time has come,
+// with the delay that the timer advances by; false after a wait.
+bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t* delay)
+{
+    const int64_t last_frame_duration = subtract(signed_pts(frame), signed_pts(player.last_frame));
+    trace_step(player, LOG_LEVEL_D, "last_frame_duration:%lli frame_pts:%llu lastFramePts:%llu\n",
+               lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
+    const av_clocks clocks = read_clocks(player, frame);
+    *delay = corrected_delay(last_frame_duration, clocks.diff);
+    if (waited_for_audio(player, clocks, *delay))
+        return false;
+
+    const int64_t now = system_time_us();
+    pull_timer_back(player, now, LOG_LEVEL_D);
+    grid.sampled_time = player.base.last_vsync_system_time;
+    const int64_t target = flip_target(player, frame, grid, now, *delay);
+    const int64_t due = add(player.frame_timer, *delay);
+    if (now >= due || frame_render_by_vsync(target, grid.sampled_time, grid.duration))
+        return true;
+
+    // One refresh at most, so that the decision is taken anew for each.
+    const int64_t remaining_time = std::min(subtract(due, now), grid.duration);
+    trace_step(player, LOG_LEVEL_I, "wait frame_pts:%llu remaining_time:%lli\n", llu(player.last_frame.pts),
+               lli(remaining_time));
+    wait_for_news(player.base, static_cast<uint32_t>(remaining_time));
+    return false;
+}
+
+// Moves the timer to the frame that is taken now. After a negative delay it
+// may lag: the stream jumped back, and the timer with it.
+void advance_timer(oru_player& player, int64_t now, int64_t delay)
+{
+    player.frame_timer = add(player.frame_timer, delay);
+    if (delay > 0 && subtract(now, player.frame_timer) > kTimerLagMaxUs)
+        player.frame_timer = now;
+}
+
+// Drops the taken frame when its successor is already due; @p next is then the successor.
+bool dropped_late(oru_player& player, synchronizer_frame_info_t& frame, synchronizer_frame_info_t& next, int64_t now)
+{
+    if (waiting_frames(player) < 1 || !peek(player, next))
+        return false;
+    const int64_t cur_frame_duration = subtract(signed_pts(next), signed_pts(frame));
+    trace_step(player, LOG_LEVEL_I, "cur_frame_duration:%lli next_frame_pts:%llu cur_frame_pts:%llu\n",
+               lli(cur_frame_duration), llu(next.pts), llu(frame.pts));
+    if (now <= add(player.frame_timer, cur_frame_duration))
+        return false;
+    player.base.callback->drop_frame(player.base.callback_handle, &frame);
+    trace_step(player, LOG_LEVEL_W,
+               "drop_frame current_system_time:%lli frame_timer:%lli elapsed:%lli cur_frame_duration:%lli\n", lli(now),
+               lli(player.frame_timer), lli(subtract(now, player.frame_timer)), lli(cur_frame_duration));
+    return true;
+}
+
+void flip_paced(oru_player& player, synchronizer_frame_info_t& frame)
+{
+    flip(player, frame);
+    const int64_t flip_time = system_time_us();
+    trace_step(player, LOG_LEVEL_I, "flip_frame frame_pts:%llu fd:%d last_frame_actual_duration:%lli flip_time:%lli\n",
+               llu(frame.pts), frame.fd, lli(subtract(flip_time, player.base.last_flip_system_time)), lli(flip_time));
+    player.base.last_flip_system_time = flip_time;
+}
+
+// Shows the frame, or the first of its successors that is not late as well.
+void pace(oru_player& player, synchronizer_frame_info_t frame)
+{
+    vsync_grid grid = {kUnset, kUnknownFrameUs};
+    int64_t delay = 0;
+    while (frame_is_due(player, frame, grid, &delay)) {
+        const int64_t now = system_time_us();
+        advance_timer(player, now, delay);
+        trace_step(player, LOG_LEVEL_I, "system_time:%lli frame_timer:%lli video late sys:%lli delay:%lli\n", lli(now),
+                   lli(player.frame_timer), lli(subtract(now, player.frame_timer)), lli(delay));
+        if (!take(player, frame, now))
+            return;
+        synchronizer_frame_info_t next = {};
+        if (!dropped_late(player, frame, next, now)) {
+            flip_paced(player, frame);
+            return;
+        }
+        frame = next;
+    }
+}
+
+bool audio_master_step(oru_player& player)
+{
+    const int32_t frame_count = waiting_frames(player);
+    if (frame_count == 0) {
+        log_step(LOG_LEVEL_V, "%s:%d", "on_Oru_sync_logic", __LINE__);
+        return false;
+    }
+    trace_step(player, LOG_LEVEL_D, "frame_count:%d\n", frame_count);
+    synchronizer_frame_info_t frame = {};
+    const bool peeked = peek(player, frame);
+    trace_step(player, LOG_LEVEL_D, "peekFrame frame_pts:%llu fd:%d\n", llu(frame.pts), frame.fd);
+    if (!peeked) {
+        log_step(LOG_LEVEL_V, "%s:%d", "on_Oru_sync_logic", __LINE__);
+        return false;
+    }
+    if (has_last_frame(player))
+        pace(player, frame);
+    else
+        show_first(player, frame);
+    return true;
+}
+
+// For the laboratory: state and mode can be forced from the environment at any time.
+void apply_forced(sync_strategy_info_t& sync)
+{
+    const int state = env_get_value("debug.hdmiplayer.sync.forcestate", -1);
+    if (within(state, E_SYNC_STATE_STOP, E_SYNC_STATE_RESUME) && state != sync.state) {
+        sync.state = static_cast<synchronizer_state_e>(state);
+        log_step(LOG_LEVEL_D, "force state:%d\n", state);
+    }
+    const int mode = env_get_value("debug.hdmiplayer.sync.forcemode", -1);
+    if (within(mode, E_SYNC_MODE_FREERUN, E_SYNC_MODE_VIDEO_MASTER) && mode != sync.mode) {
+        sync.mode = static_cast<synchronizer_mode_e>(mode);
+        log_step(LOG_LEVEL_D, "force mode:%d\n", mode);
+    }
+}
+
+} // namespace
+
+// --- Lifecycle ------------------------------------------------------------------
+
+void* synchronizer_init(synchronizer_player_e player)
+{
+    if (player != E_SYNCHRONIZER_PLAYER_ORUPLAYER) {
+        log_e("not support get strategy by player:%d\n", player);
+        return nullptr;
+    }
+    auto* info = new (std::nothrow) sync_strategy_info_Oru_player_t;
+    if (info == nullptr) {
+        log_e("info malloc failed\n");
+        return nullptr;
+    }
+    info->base.player_type = player;
+    info->base.enable_log = env_get_value("debug_hdmiplayer_log_avsync", 0) != 0;
+    info->base.on_sync_logic = on_Oru_sync_logic;
+    init_condition(info->base.sync_thread_cond);
+    init_condition(info->base.vsync_thread_cond);
+    return info;
+}
+
+bool synchronizer_deinit(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    synchronizer_stop(handle);
+    auto* info = static_cast<sync_strategy_info_Oru_player_t*>(handle);
+    sync_strategy_info_t& sync = info->base;
+    pthread_cond_destroy(&sync.sync_thread_cond);
+    pthread_cond_destroy(&sync.vsync_thread_cond);
+    for (mutex_t* mutex :
+         {&sync.mutex, &sync.sync_thread_mutex, &sync.vsync_thread_mutex, &sync.exit_mutex, &sync.control_mutex})
+        mutex->destroy();
+    delete info;
+    return true;
+}
+
+bool synchronizer_set_callback(void* handle, void* callback_handle, synchronizer_callback_t* callback)
+{
+    if (missing(handle, "handle") || missing(callback_handle, "callback_handle") || missing(callback, "callback"))
+        return false;
+    base_of(handle).callback_handle = callback_handle;
+    base_of(handle).callback = callback;
+    return true;
+}
+
+bool synchronizer_start(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    if (sync.callback == nullptr) {
+        log_e("please call firstly setCallback before start!!!\n");
+        return false;
+    }
+    mutex_guard guard(sync.control_mutex);
+    if (sync.sync_thread != 0)
+        return true;
+    sync.sync_thread_exit = false;
+    if (pthread_create(&sync.sync_thread, nullptr, handle_sync_logic, handle) != 0) {
+        log_e("create sync_thread failed!\n");
+        sync.sync_thread = 0;
+        return false;
+    }
+    sync.vsync_thread_exit = false;
+    if (pthread_create(&sync.vsync_thread, nullptr, handle_vsync, handle) != 0) {
+        log_e("create vsync_thread failed!\n");
+        sync.vsync_thread = 0;
+        end_thread(sync.sync_thread, sync.sync_thread_mutex, sync.sync_thread_cond, sync.sync_thread_exit);
+        return false;
+    }
+    return true;
+}
+
+bool synchronizer_stop(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    mutex_guard guard(sync.control_mutex);
+    end_thread(sync.sync_thread, sync.sync_thread_mutex, sync.sync_thread_cond, sync.sync_thread_exit);
+    end_thread(sync.vsync_thread, sync.vsync_thread_mutex, sync.vsync_thread_cond, sync.vsync_thread_exit);
+    return true;
+}
+
+bool synchronizer_notify_frame_done(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    wake_sync_thread(base_of(handle));
+    return true;
+}
+
+bool synchronizer_resync(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    mutex_guard guard(sync.control_mutex);
+    if (sync.sync_thread == 0) {
+        forget_history(*static_cast<sync_strategy_info_Oru_player_t*>(handle));
+        return true;
+    }
+    sync.resync_requested = true;
+    wake_sync_thread(sync);
+    return true;
+}
+
+// --- Settings -------------------------------------------------------------------
+
+bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode)
+{
+    if (missing(handle, "handle"))
+        return false;
+    if (!within(mode, E_SYNC_MODE_FREERUN, E_SYNC_MODE_VIDEO_MASTER)) {
+        log_e("invalid mode:%d\n", mode);
+        return false;
+    }
+    sync_strategy_info_t& sync = base_of(handle);
+    {
+        mutex_guard guard(sync.mutex);
+        sync.mode = mode;
+    }
+    log_d("mode:%d\n", mode);
+    return true;
+}
+
+bool synchronizer_get_sync_mode(void* handle, synchronizer_mode_e* mode)
+{
+    if (missing(handle, "handle") || missing(mode, "mode"))
+        return false;
+    mutex_guard guard(base_of(handle).mutex);
+    *mode = base_of(handle).mode;
+    return true;
+}
+
+bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state)
+{
+    if (missing(handle, "handle"))
+        return false;
+    if (!within(state, E_SYNC_STATE_STOP, E_SYNC_STATE_RESUME)) {
+        log_e("invalid state:%d\n", state);
+        return false;
+    }
+    sync_strategy_info_t& sync = base_of(handle);
+    {
+        mutex_guard guard(sync.mutex);
+        if (state == E_SYNC_STATE_RESUME)
+            sync.base_system_time = static_cast<int64_t>(system_time(CLOCK_MONOTONIC) / 1000);
+        sync.state = state;
+    }
+    log_d("state:%d\n", state);
+    return true;
+}
+
+bool synchronizer_get_sync_state(void* handle, synchronizer_state_e* state)
+{
+    if (missing(handle, "handle") || missing(state, "state"))
+        return false;
+    mutex_guard guard(base_of(handle).mutex);
+    *state = base_of(handle).state;
+    return true;
+}
+
+bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info)
+{
+    if (missing(handle, "handle"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    {
+        mutex_guard guard(sync.mutex);
+        sync.drm_info = info;
+    }
+    log_d("fd:%d vrefresh:%0.2f\n", info.fd, static_cast<double>(info.vrefresh));
+    return true;
+}
+
+bool synchronizer_enable_low_latency_mode(void* handle, bool enable)
+{
+    if (missing(handle, "handle"))
+        return false;
+    base_of(handle).low_latency_mode = enable;
+    return true;
+}
+
+// --- Media clock ----------------------------------------------------------------
+
+bool synchronizer_set_playback_rate(void* handle, float rate)
+{
+    if (missing(handle, "handle"))
+        return false;
+    if (rate == 0.0F) {
+        log_e("invalid rate:%f\n", static_cast<double>(rate));
+        return false;
+    }
+    sync_strategy_info_t& sync = base_of(handle);
+    mutex_guard guard(sync.mutex);
+    sync.rate = rate;
+    return true;
+}
+
+bool synchronizer_get_playback_rate(void* handle, float* rate)
+{
+    if (missing(handle, "handle") || missing(rate, "rate"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    mutex_guard guard(sync.mutex);
+    *rate = sync.rate;
+    return true;
+}
+
+bool synchronizer_set_base_media_time(void* handle, int64_t media_time, int64_t max_media_time)
+{
+    if (missing(handle, "handle"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    int64_t now = 0;
+    {
+        mutex_guard guard(sync.mutex);
+        now = system_time_us();
+        sync.base_media_time = media_time;
+        sync.max_media_time = max_media_time;
+        sync.base_system_time = now;
+    }
+    if (sync.enable_log)
+        log_i("media_time:%lli max_media_time:%lli system_time:%lli\n", lli(media_time), lli(max_media_time), lli(now));
+    wake_sync_thread(sync);
+    return true;
+}
+
+bool synchronizer_get_current_media_time(void* handle, int64_t* media_time)
+{
+    if (missing(handle, "handle") || missing(media_time, "media_time"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    if (sync.base_media_time == 0) {
+        *media_time = 0;
+        return true;
+    }
+    mutex_guard guard(sync.mutex);
+    *media_time =
+        extrapolate(elapsed_unsigned(system_time_us(), sync.base_system_time), sync.rate, sync.base_media_time);
+    if (sync.max_media_time >= 1 && *media_time > sync.max_media_time) {
+        if (sync.enable_log)
+            log_w("audio stuck, underrun time:%lli\n", lli(*media_time - sync.max_media_time));
+        *media_time = sync.max_media_time;
+    }
+    if (sync.enable_log)
+        log_d("media_time:%lli\n", lli(*media_time));
+    return true;
+}
+
+bool synchronizer_get_release_time(void* handle, int64_t media_time, int64_t* release_time)
+{
+    if (missing(handle, "handle") || missing(release_time, "system_time"))
+        return false;
+    sync_strategy_info_t& sync = base_of(handle);
+    mutex_guard guard(sync.mutex);
+    const int64_t now = system_time_us();
+    const int64_t master_time =
+        extrapolate(elapsed_signed(now, sync.base_system_time), sync.rate, sync.base_media_time);
+    *release_time = release_time_at(now, media_time, master_time, sync.rate);
+    if (sync.enable_log)
+        log_d("media_time:%lli release_time:%lli\n", lli(media_time), lli(*release_time));
+    return true;
+}
+
+// --- The step -------------------------------------------------------------------
+
+int64_t closest_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
+{
+    if (vsync_duration < 1)
+        return release_time;
+    const int64_t vsync_count = subtract(release_time, sampled_vsync_time) / vsync_duration;
+    const int64_t snapped_time = add(sampled_vsync_time, vsync_count * vsync_duration);
+    const bool early = snapped_time < release_time;
+    const int64_t snapped_before = early ? snapped_time : subtract(snapped_time, vsync_duration);
+    const int64_t snapped_after = early ? add(snapped_time, vsync_duration) : snapped_time;
+    const int64_t snapped_after_diff = subtract(snapped_after, release_time);
+    const int64_t snapped_before_diff = subtract(release_time, snapped_before);
+    return snapped_after_diff < snapped_before_diff ? snapped_after : snapped_before;
+}
+
+bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
+{
+    if (sampled_vsync_time == kUnset)
+        return false;
+    const int64_t half = vsync_duration / 2;
+    // Past the last vertical blank already, or within half a period of it.
+    if (release_time >= sampled_vsync_time &&
+        !within(release_time, subtract(sampled_vsync_time, half), add(sampled_vsync_time, half)))
+        return false;
+    log_v("current frame need render");
+    return true;
+}
+
+bool on_Oru_sync_logic(void* handle)
+{
+    if (missing(handle, "handle"))
+        return false;
+    auto& player = *static_cast<sync_strategy_info_Oru_player_t*>(handle);
+    sync_strategy_info_t& sync = player.base;
+    if (missing(sync.callback, "synchronizer callback"))
+        return false;
+    if (sync.resync_requested.exchange(false))
+        forget_history(player);
+    apply_forced(sync);
+    const synchronizer_mode_e mode = sync.mode;
+    if (mode == E_SYNC_MODE_FREERUN || sync.state != E_SYNC_STATE_START)
+        return free_run_step(player);
+    if (mode == E_SYNC_MODE_AUDIO_MASTER)
+        return audio_master_step(player);
+    log_e("cannot get valid sync mode:%d\n", mode);
+    return false;
+}
