@@ -41,21 +41,28 @@ typedef struct audio_output_config_s {
 
 typedef struct audio_output_info_s {
     std::atomic<bool> initialized;
-    std::atomic<bool> write_continued; ///< written under mutex
-    bool enable_log;
-    std::atomic<bool> abort_request;
+    std::atomic<bool> write_continued; ///< written under mutex once the writer runs
+    bool enable_log;                   ///< constant after init
+    std::atomic<bool> abort_request;   ///< the writer ends, nothing is opened or written any more
     std::atomic<bool> mute_status;
-    bool interval_log;
+    bool interval_log;                       ///< constant after init
     std::atomic<int32_t> target_sample_rate; ///< Hz
     int32_t frame_queue;                     ///< "OUT"; -1: none
     std::atomic<int32_t> init_state;         ///< 0: the device is open; negative: it is not. Written under mutex.
     std::atomic<int32_t> fixed_delay;        ///< ms the writer holds the first block of a serial
     std::atomic<hdmi_player_ao_dev_e> dev;
     std::atomic<hdmi_player_ao_format_e> format;
-    std::atomic<audio_output_dev_op_e> dev_op;
-    audio_config_t audio_cfg; ///< ids, format and device calls under mutex; the rest constant after init
+    std::atomic<audio_output_dev_op_e> dev_op; ///< written under mutex
+    audio_config_t audio_cfg; ///< device_id, output_fmt and device calls under mutex; the rest constant after init
     pthread_t write_thread;   ///< 0: none
-    mutex_t mutex;            ///< serialises calls into the device
+    /**
+     * Serialises calls into the device. Not held inside aio_device_write, which
+     * blocks: `writing` keeps everybody but a close out meanwhile.
+     */
+    mutex_t mutex;
+    bool writing GUARDED_BY(mutex);    ///< the writer is inside aio_device_write
+    int32_t waiting GUARDED_BY(mutex); ///< callers that wait for the write to end; they go before the next one
+    pthread_cond_t device_cond;        ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
     pthread_attr_t attr;
     rwlock_t api_rwlock; ///< write: init and the end of deinit; read: everything else
     mutex_t fixed_delay_mutex;
