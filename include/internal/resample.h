@@ -37,32 +37,34 @@ typedef struct resample_config_s {
 } resample_config_t;
 
 typedef struct resample_context_s {
-    struct SwrContext* audio_swr_ctx; ///< null: frames pass through unchanged. Worker only after init.
-    audio_param_t src_param;          ///< rate: the one the converter was built for. Worker only after init.
-    audio_param_t tgt_param;
-    int32_t frame_resample_queue; ///< "RESAMPLE"; -1: none
-    pthread_t resample_thread;    ///< 0: none
-    std::atomic<bool> abort_request;
-    std::atomic<bool> enable_resample;
-    std::atomic<bool> initialized;         ///< never set: the stage answers in every state
-    uint8_t enable_dummy_alg_delay;        ///< 0 off, 1 fixed, 2 random
-    int32_t dummy_alg_delay_interval;      ///< s
-    int64_t dummy_alg_delay_time;          ///< ms
-    int64_t dummy_alg_delay_start_time_us; ///< 0: no interval begun
-    mutex_t internal_mutex;                ///< guards the dummy delay
-    rwlock_t api_rwlock;                   ///< write: init and deinit; read: everything else
-    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms);
-    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame);
+    struct SwrContext* audio_swr_ctx = nullptr; ///< null: frames pass through unchanged. Worker only after init.
+    audio_param_t src_param = {};               ///< rate: the one the converter was built for. Worker only after init.
+    audio_param_t tgt_param = {};
+    int32_t frame_resample_queue = -1;                               ///< "RESAMPLE"; -1: none
+    pthread_t resample_thread = 0;                                   ///< 0: none
+    std::atomic<bool> abort_request{false};                          ///< written under internal_mutex
+    std::atomic<bool> enable_resample{false};                        ///< constant after init
+    std::atomic<bool> initialized{false};                            ///< never set: the stage answers in every state
+    uint8_t enable_dummy_alg_delay GUARDED_BY(internal_mutex) = 0;   ///< 0 off, 1 fixed, 2 random
+    int32_t dummy_alg_delay_interval GUARDED_BY(internal_mutex) = 0; ///< s
+    int64_t dummy_alg_delay_time GUARDED_BY(internal_mutex) = 0;     ///< ms
+    int64_t dummy_alg_delay_start_time_us GUARDED_BY(internal_mutex) = 0; ///< 0: no interval begun
+    mutex_t internal_mutex;                               ///< guards the dummy delay; lives as long as the process
+    pthread_cond_t abort_cond = PTHREAD_COND_INITIALIZER; ///< abort_request was set
+    rwlock_t api_rwlock;                                  ///< write: init and the end of deinit; read: everything else
+    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
+    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
 } resample_context_t;
 
 extern resample_context_t g_resample_ctx;
 
+/// Starts the stage; one that runs already is ended first. 0 or -1, with nothing left behind.
 int32_t audio_resample_init(resample_config_t cfg);
 
 /// Ends the thread and frees everything; harmless without init.
 int32_t audio_resample_deinit(void);
 
-/// The oldest converted frame, waiting at most @p timeout_ms. 0 or -1.
+/// The oldest converted frame, waiting at most @p timeout_ms; to be given back. 0 or -1.
 int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms);
 
 /// Gives a converted frame back. 0, or -1 when it is not of this stage's queue.
