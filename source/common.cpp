@@ -48,18 +48,19 @@ struct timespec realtime_now()
 
 // Opened and closed for every block, so that a dump can be removed or
 // truncated while the player runs.
-void append_dump(const char* enable_switch, const char* file, const uint8_t* data, int32_t size)
+void append_dump(const char* function, const char* enable_switch, const char* file, const uint8_t* data, int32_t size)
 {
     if (env_get_value(enable_switch, 0) == 0 || data == nullptr || size <= 0)
         return;
     FILE* fp = fopen(file, "a+");
     if (fp == nullptr) {
-        log_e("fopen(%s) fail\n", file);
+        log_as(function, LOG_LEVEL_E, "fopen(%s) fail\n", file);
         return;
     }
     const size_t written = fwrite(data, static_cast<size_t>(size), 1, fp);
     fclose(fp);
-    log_v("fwrite(%s) size:%zu ret:%d", file, static_cast<size_t>(size), static_cast<int>(written));
+    log_as(function, LOG_LEVEL_V, "fwrite(%s) size:%zu ret:%d", file, static_cast<size_t>(size),
+           static_cast<int>(written));
 }
 
 } // namespace
@@ -140,12 +141,12 @@ uint64_t system_time(clockid_t clock_id)
 
 void dump_pcm_write(uint8_t* data, int32_t size)
 {
-    append_dump("debug_hdmiplayer_dump_write_pcm", "dump_hdmiplayer_write.pcm", data, size);
+    append_dump(__func__, "debug_hdmiplayer_dump_write_pcm", "dump_hdmiplayer_write.pcm", data, size);
 }
 
 void dump_pcm_read(uint8_t* data, int32_t size)
 {
-    append_dump("debug_hdmiplayer_dump_read_pcm", "dump_hdmiplayer_read.pcm", data, size);
+    append_dump(__func__, "debug_hdmiplayer_dump_read_pcm", "dump_hdmiplayer_read.pcm", data, size);
 }
 
 int convert_sample_rate_to_frames(int rate)

@@ -19,13 +19,6 @@ resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX] = {
     {12, {}, {nullptr}}, {13, {}, {nullptr}}, {14, {}, {nullptr}}, {15, {}, {nullptr}},
 };
 
-// As log_at, in the name of the operation that a helper works for.
-#define log_as(function, level, format, ...)                                            \
-    do {                                                                                \
-        if (log_enabled(level))                                                         \
-            console_print(level, "[%s %d] " format, function, __LINE__, ##__VA_ARGS__); \
-    } while (0)
-
 namespace
 {
 

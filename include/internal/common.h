@@ -50,10 +50,13 @@ inline bool log_enabled(loglevel_e level) { return env_get_value("debug_hdmiplay
  * arguments are evaluated: a suppressed message costs one environment look-up.
  * Use in named functions only: in a lambda the prefix would name no function.
  */
-#define log_at(level, format, ...)                                                      \
+#define log_at(level, format, ...) log_as(__func__, level, format, ##__VA_ARGS__)
+
+/// As log_at, in the name of @p function: for helpers whose messages belong to the operation they work for.
+#define log_as(function, level, format, ...)                                            \
     do {                                                                                \
         if (log_enabled(level))                                                         \
-            console_print(level, "[%s %d] " format, __func__, __LINE__, ##__VA_ARGS__); \
+            console_print(level, "[%s %d] " format, function, __LINE__, ##__VA_ARGS__); \
     } while (0)
 
 #define log_e(format, ...) log_at(LOG_LEVEL_E, format, ##__VA_ARGS__)

@@ -3,6 +3,17 @@
  * @file
  * Compressed input: finds IEC 61937 bursts in the captured stream, feeds their
  * payload to the platform's decoder and queues the decoded PCM.
+ *
+ * Two threads. "dolby_demux" takes the captured chunks, finds the bursts and
+ * writes to the decoder, which it alone builds and replaces; "dolby_decode"
+ * reads the decoder. Both queue PCM: the decode thread what was decoded, the
+ * demux thread the digital silence of a link that carries no burst. Silence is
+ * handed on chunk by chunk as it was captured, stamped with the decoder's rate
+ * once there is one: a second of it on a link that runs at four times the
+ * sample rate (E-AC-3) plays for four seconds.
+ *
+ * The host's and the player's callbacks are called with none of this module's
+ * mutexes held.
  */
 #pragma once
 
@@ -13,6 +24,7 @@
 
 #include "adecoder.h"
 #include "hdmi_player.h"
+#include "internal/frame_queue.h"
 #include "internal/locks.h"
 
 /// What the player does with compressed input.
@@ -24,8 +36,8 @@ typedef enum {
     DOLBY_STRATEGY_MAX = 4, ///< not set yet
 } dolby_strategy_e;
 
-/// Burst data types, IEC 61937-2.
-typedef enum {
+/// Burst data types, IEC 61937-2. Every 7-bit code is a value: the parser stores what Pc holds.
+typedef enum : int32_t {
     DOLBY_IEC61937_FORMAT_UNSET = -1,
     DOLBY_IEC61937_FORMAT_NONE = 0,
     DOLBY_IEC61937_FORMAT_AC3 = 1,
@@ -54,73 +66,104 @@ typedef struct dolby_config_s {
 } dolby_config_t;
 
 typedef struct dolby_info_s {
-    std::atomic<bool> initialized;
-    std::atomic<bool> enlog;
-    std::atomic<bool> async_mode;
-    std::atomic<bool> abort_request;
-    bool need_reinit_decoder; ///< demux thread only
-    bool wait_iec61937;       ///< silence went out while no burst came; demux thread only
-    std::atomic<dolby_strategy_e> strategy;
-    std::atomic<dolby_iec61937_format_e> format;          ///< of the stream being decoded
-    uint32_t iec61937_burst_insufficient_bytes;           ///< stuffing of the burst still to skip; demux thread only
-    uint32_t iec61937_payload_insufficient_bytes;         ///< payload of the burst still to come; demux thread only
-    std::atomic<int32_t> output_sample_rate;              ///< of the input chunks, Hz
-    std::atomic<int32_t> output_channels;                 ///< of the input chunks
-    int64_t output_frames GUARDED_BY(internal_mutex);     ///< PCM frames queued since the last serial change
-    int32_t output_acquire_size;                          ///< bytes of each decoded frame
-    int32_t output_pcm_queue;                             ///< "DOLBY_OUT"; -1: none
-    std::atomic<int32_t> frame_serial;                    ///< of the latest input chunk
-    int32_t last_frame_serial GUARDED_BY(internal_mutex); ///< of the latest PCM frame
-    int32_t iec61937_header_size;                         ///< demux thread only
-    uint8_t iec61937_header[8];                           ///< preamble cut by the end of a chunk; demux thread only
-    adecoder_handle_t* adecoder_handle GUARDED_BY(decoder_mutex);
-    char* dump_path_iec61937;
-    char* dump_path_raw;
-    char* dump_path_pcm;
-    pthread_t tid_demux;
-    pthread_t tid_decode;
+    std::atomic<bool> initialized{false};
+    std::atomic<bool> enlog{false};
+    std::atomic<bool> async_mode{false};
+    std::atomic<bool> abort_request{false};
+    bool need_reinit_decoder = false; ///< the channel count changed; demux thread only
+    bool wait_iec61937 = false;       ///< silence went out while no burst came; demux thread only
+    std::atomic<dolby_strategy_e> strategy{DOLBY_STRATEGY_MAX};
+    std::atomic<dolby_iec61937_format_e> format{DOLBY_IEC61937_FORMAT_UNSET}; ///< of the latest burst sent
+    uint32_t iec61937_burst_insufficient_bytes = 0;            ///< stuffing still to skip; demux thread only
+    uint32_t iec61937_payload_insufficient_bytes = 0;          ///< payload still to come; demux thread only
+    std::atomic<int32_t> output_sample_rate{0};                ///< of the input chunks, Hz; set by the demux thread
+    std::atomic<int32_t> output_channels{0};                   ///< of the input chunks; set by the demux thread
+    int64_t output_frames GUARDED_BY(internal_mutex) = 0;      ///< PCM frames queued since the last serial change
+    int32_t output_acquire_size = 0;                           ///< bytes of each decoded frame; constant after init
+    int32_t output_pcm_queue = -1;                             ///< "DOLBY_OUT"; -1: none; constant after init
+    std::atomic<int32_t> frame_serial{-1};                     ///< of the latest input chunk; set by the demux thread
+    int32_t last_frame_serial GUARDED_BY(internal_mutex) = -1; ///< of the latest PCM frame
+    int32_t iec61937_header_size = 0;                          ///< bytes held; demux thread only
+    uint8_t iec61937_header[8] = {}; ///< preamble cut by the end of a chunk; demux thread only
+    /// Replaced by the demux thread only, under the mutex; the demux thread writes to it without.
+    adecoder_handle_t* adecoder_handle GUARDED_BY(decoder_mutex) = nullptr;
+    char* dump_path_iec61937 = nullptr; ///< owned, as the next two; null: no dump
+    char* dump_path_raw = nullptr;
+    char* dump_path_pcm = nullptr;
+    pthread_t tid_demux = 0;
+    pthread_t tid_decode = 0;
     mutex_t decoder_mutex;
-    pthread_cond_t decoder_cond; ///< the decoder was rebuilt, or has output, or ends
-    mutex_t internal_mutex;
-    rwlock_t api_rwlock; ///< write: init and deinit; read: everything else
-    hdmi_player_event_cb_t event_cb;
-    void (*format_changed_cb)(bool force_reset, bool* restarted);
-    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms);
-    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame);
-    void (*input_queue_wakeup_cb)(void);
+    pthread_cond_t decoder_cond = PTHREAD_COND_INITIALIZER; ///< the decoder was rebuilt, has output, or ends
+    mutex_t internal_mutex;                                 ///< time line of the output; never waited under
+    rwlock_t api_rwlock;                                    ///< write: init and deinit; read: everything else
+    hdmi_player_event_cb_t event_cb = nullptr;
+    void (*format_changed_cb)(bool force_reset, bool* restarted) = nullptr;
+    hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
+    int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
+    void (*input_queue_wakeup_cb)(void) = nullptr;
+    std::atomic<bool> demux_acquiring{false}; ///< the demux thread takes a frame of "DOLBY_OUT", or waits for one
 } dolby_info_t;
 
 extern dolby_info_t g_dolby_info;
 
+/// Starts both threads; decoding begins with dolby_set_strategy(). 0 or -1.
 int32_t dolby_init(dolby_config_t cfg);
+
+/// Ends both threads wherever they wait, and frees everything. 0, or -1 without effect before init.
 int32_t dolby_deinit(void);
 
 dolby_strategy_e dolby_get_strategy(void);
+
+/// A change away from decoding also releases the demux thread where it waits for a free output frame.
 int32_t dolby_set_strategy(dolby_strategy_e strategy);
+
+/// "decode", "hwbypass" or "unsupported"; "unknown" for everything else, PCM included.
 const char* dolby_strategy_name(dolby_strategy_e strategy);
 
 /// Whether the stream's format is one the decoder knows, or not known yet.
 bool dolby_format_support(void);
 
+/// The oldest PCM frame, waiting at most @p timeout_ms. 0 or -1.
 int32_t dolby_get_output_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms);
+
+/// Gives a PCM frame back. 0, or -1 when it is not of this module's queue.
 int32_t dolby_put_output_pcm_frame(hdmi_player_audio_frame_t* frame);
 
 /**
  * Finds a burst preamble (Pa, Pb, Pc, Pd of IEC 61937-1) in @p buffer.
- * @return the payload's address inside @p buffer, or null. A result that is
- * not null does not imply that Pa and Pb were seen.
+ * @param filter_bytes receives the payload's offset from @p buffer
+ * @param burst_bytes receives the burst's repetition period in bytes, preamble included
+ * @param payload_bytes receives the payload's length as Pd states it; it may exceed the burst and the buffer
+ * @return the payload's address inside @p buffer (its end, if the preamble ends there), or null. A result
+ * that is not null does not imply that Pa and Pb were seen.
  */
 void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* buffer, uint32_t bytes,
                                        uint32_t* filter_bytes, uint32_t* burst_bytes, uint32_t* payload_bytes);
 
-/// Consumes one captured chunk: 0 when it was burst data, -1 when no burst was recognised in it.
+/**
+ * Consumes one captured chunk; demux thread only.
+ * @return 0 when it was burst data; -1 when no burst was recognised in what the previous burst left of it,
+ * or the start of a preamble was held back; the error of dolby_send_stream()
+ */
 int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint32_t bytes);
 
-/// Feeds one stretch of payload to the decoder, rebuilding it first when the format changed.
+/**
+ * Feeds one stretch of payload to the decoder, rebuilding it first when the
+ * format or the channel count changed; demux thread only. Without a decoder
+ * the bytes are dropped. A decoder that takes nothing for some milliseconds
+ * loses the rest of the stretch.
+ * @return 0 or -1
+ */
 int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, dolby_iec61937_format_e new_format);
 
+/// Follows a change of format; for the format in use: rebuilds the decoder and reports no change.
 void dolby_format_changed(dolby_info_t* info, dolby_iec61937_format_e new_format);
-void dolby_pack_pcm_frame(dolby_info_t* info, hdmi_player_audio_frame_t* frame);
+
+/// Stamps a filled frame of "DOLBY_OUT" with serial, format and pts, and queues it.
+void dolby_pack_pcm_frame(dolby_info_t* info, frame_info_t* frame);
+
+/// Appends to the dump file of @p type, if its path is set.
 void dolby_dump(dolby_info_t* info, dolby_dump_e type, const void* data, uint32_t size);
+
 adecoder_format_t dolby_trans_format(dolby_iec61937_format_e format);
 adecoder_channel_t dolby_trans_channels(int32_t channels);

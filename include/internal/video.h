@@ -3,6 +3,18 @@
  * @file
  * The video side: the queue of frames handed in by the host, their time
  * stamps, and the A/V sync reset. The synchronizer paces what is queued here.
+ *
+ * Every function may be called from any thread and from inside every callback,
+ * except that init and deinit must not be called inside one (deinit refuses).
+ * Several threads may render at once, also from inside flip, drop and event
+ * callbacks: their frames are queued in the order of their stamps.
+ * - Callbacks are called with no mutex held, only the module's read lock, which
+ *   nests.
+ * - While one render stops or restarts the synchronizer, the others do not wait
+ *   for it: they queue their frames, as during a reset.
+ * - A render on the sync thread (inside a flip or drop callback that the pacing
+ *   makes) never starts a reset, for it would have to wait for its own thread.
+ *   The request stays, and the next render on another thread serves it.
  */
 #pragma once
 
@@ -24,12 +36,13 @@ typedef struct video_frame_info_s {
 } video_frame_info_t;
 
 /// First-in, first-out queue over a fixed pool of slots. Never blocks, never allocates after init.
+/// frames_count + free_frames_count == pool_frames_count; a slot is in the list exactly while used.
 typedef struct video_frame_queue_s {
-    list_head_t list_frames GUARDED_BY(mutex); ///< slots in use, oldest first
-    video_frame_info_t* arry_pool_frames GUARDED_BY(mutex);
-    std::atomic<int32_t> frames_count; ///< written under mutex
+    list_head_t list_frames GUARDED_BY(mutex);              ///< slots in use, oldest first
+    video_frame_info_t* arry_pool_frames GUARDED_BY(mutex); ///< null: no pool
+    std::atomic<int32_t> frames_count;                      ///< written under mutex
     int32_t free_frames_count GUARDED_BY(mutex);
-    int32_t pool_frames_count; ///< constant after init
+    int32_t pool_frames_count; ///< constant from init to deinit
     bool en_api_log;
     bool en_state_log;
     mutex_t mutex;
@@ -40,7 +53,7 @@ typedef struct video_frame_queue_s {
 typedef struct video_config_s {
     int32_t video_frame_queue_size;      ///< slots
     int32_t audio_alg_max_delay_time_ms; ///< kept, not used
-    int64_t fixed_delay;                 ///< ms
+    int64_t fixed_delay;                 ///< ms; kept for the caller, video_set_fixed_delay() sets the one in force
     hdmi_player_drm_info_t drm_info;
     hdmi_player_video_frame_drop_cb_t video_frame_drop_cb;
     hdmi_player_video_frame_flip_cb_t video_frame_flip_cb;
@@ -49,39 +62,46 @@ typedef struct video_config_s {
     bool (*ai_read_continued_cb)(void);
 } video_config_t;
 
+/// The module's state. What is not guarded or atomic is constant from init to deinit.
 typedef struct video_info_s {
-    std::atomic<bool> initialized;
-    std::atomic<bool> disable_avsync; ///< frames are flipped at once
+    std::atomic<bool> initialized;    ///< set under the write lock
+    std::atomic<bool> disable_avsync; ///< frames are flipped at once; written under internal_mutex
     std::atomic<bool> avsync_reset;   ///< a reset is requested
     bool enable_log;
     bool en_fps_log;
-    bool resetting; ///< render thread only
+    bool resetting GUARDED_BY(render_mutex);
     bool wait_audio;
-    void* synchronizer_handle;
+    void* synchronizer_handle; ///< outlives `initialized`: deinit is not over while it is set
     synchronizer_callback_t synchronizer_cb;
     hdmi_player_video_frame_drop_cb_t video_frame_drop_cb;
     hdmi_player_video_frame_flip_cb_t video_frame_flip_cb;
     hdmi_player_event_cb_t event_cb;
     std::atomic<int64_t> last_flip_time_ms;
     video_frame_queue_t frame_queue;
-    std::atomic<int32_t> fixed_delay;  ///< ms: latency of the video path
-    int64_t last_system_time;          ///< us: the previous render call; render thread only
-    int64_t last_frame_pts;            ///< us: render thread only
-    std::atomic<int32_t> frame_serial; ///< serial of the audio clock
-    int32_t last_frame_serial;         ///< serial seen by the previous render; render thread only
-    rwlock_t api_rwlock;               ///< write: init and deinit; read: everything else
-    mutex_t internal_mutex;            ///< serialises the setters
+    std::atomic<int32_t> fixed_delay;                   ///< ms: latency of the video path
+    int64_t last_system_time GUARDED_BY(render_mutex);  ///< us: the previous render call
+    int64_t last_frame_pts GUARDED_BY(render_mutex);    ///< us: the last stamp given
+    std::atomic<int32_t> frame_serial;                  ///< serial of the audio clock; written under internal_mutex
+    int32_t last_frame_serial GUARDED_BY(render_mutex); ///< serial seen by the previous render
+    rwlock_t api_rwlock;                                ///< write: init and deinit; read: everything else
+    mutex_t internal_mutex;                             ///< serialises the setters
     void (*notify_audio_reset_cb)(void);
     bool (*ai_read_continued_cb)(void);
+    mutex_t render_mutex;                        ///< never held over a callback or a stop of the synchronizer
+    bool sync_changing GUARDED_BY(render_mutex); ///< a render is stopping or restarting the synchronizer
 } video_info_t;
 
 extern video_info_t g_video_info;
 
+/// 0, or -1 with everything undone: a callback is missing, no memory or threads, or it runs already.
 int32_t video_init(video_config_t config);
+
+/// Waits for calls in progress, ends the synchronizer, discards queued frames without callbacks. 0 or -1.
 int32_t video_deinit(void);
 
 /// Stamps and queues a frame, or shows it at once in free run. 0 when the frame was taken; see the
-/// public hdmi_player_video_render() for who owns it on -1.
+/// public hdmi_player_video_render() for who owns it on -1. With debug_hdmiplayer_video_wait_audio
+/// off, the call that starts a reset does not take the frame.
 int32_t video_render(hdmi_player_video_frame_t* frame);
 
 /// Audio clock update; a new serial ends an A/V sync reset at the next render.
@@ -95,17 +115,27 @@ bool video_is_disable_avsync(void);
 /// Latency of the video path in ms: where the stamps of a sequence start, negated.
 int32_t video_set_fixed_delay(int32_t delay);
 
-/// The frame queue; the push and the callbacks work on g_video_info.
+/// A queue of @p size slots (at least 1). 0, or -1 without memory.
 int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size);
+
+/// pool_release, and the end of the queue's mutex. 0; harmless for a queue without pool.
 int32_t video_frame_queue_deinit(video_frame_queue_t* q);
+
+/// Discards every frame and frees the pool: nothing can be pushed any more. 0.
 int32_t video_frame_queue_pool_release(video_frame_queue_t* q);
+
+/// Appends a copy of @p frame to the module's queue. 0, or -1 when it is null or the queue is full.
 int32_t video_frame_queue_push_frame(hdmi_player_video_frame_t* frame);
+
+/// Takes the oldest frame out. 0, or -1 when there is none.
 int32_t video_frame_queue_get_frame(video_frame_queue_t* q, hdmi_player_video_frame_t* frame);
+
+/// Copies the oldest frame without taking it. 0, or -1 when there is none.
 int32_t video_frame_queue_peek_frame(video_frame_queue_t* q, hdmi_player_video_frame_t* frame);
 
-/// What the synchronizer sees of the queue; @p handle is the video_info_t.
-bool sync_get_frame_count_cb(void* handle, int32_t* count);
+/// What the synchronizer sees of the queue; @p handle is the video_info_t. On failure nothing is stored.
+bool sync_get_frame_count_cb(void* handle, int32_t* count); ///< takes no lock: may be stale
 bool sync_peek_frame_cb(void* handle, synchronizer_frame_info_t* info);
 bool sync_get_frame_cb(void* handle, synchronizer_frame_info_t* info);
-bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info);
-bool sync_flip_frame_cb(void* handle, synchronizer_frame_info_t* info);
+bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info); ///< calls the host
+bool sync_flip_frame_cb(void* handle, synchronizer_frame_info_t* info); ///< calls the host

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace hdmi_sim
 {
 
@@ -39,8 +41,21 @@ struct Signal {
     int64_t start_ns = 0;
     /// Fills @p frames link frames, starting with number @p first. Called while
     /// the player reads the device, in any order of @p first; must not block.
+    /// Without it the link carries zeros.
     std::function<void(int64_t first, int16_t* words, int frames)> generate;
 };
+
+/**
+ * The capture device gives periods of the configuration's period_frames link
+ * frames at the pace of this signal, whatever rate it was opened with (0 opens
+ * as 48000). After an open it begins with the link frame that passes next; a
+ * period can be read when its last frame has passed. It holds period_count
+ * complete periods; when nobody reads, the oldest are lost. Reads of any size
+ * work; a brief, odd one (see Fault) gives up the rest of its last frame.
+ *
+ * A signal that takes the place of another one while the device is open fills
+ * the rest of the period that was under way.
+ */
 
 /// The cable is in and the source sends @p signal from now on (or from its start_ns on).
 void receiver_connect(Signal signal);
@@ -52,8 +67,9 @@ struct ReceiverStats {
     int64_t periods_read = 0;
     int64_t overruns = 0; ///< periods lost because nobody read
     int64_t frames_read = 0;
-    int64_t first_read_frame = -1; ///< link frame with which the present opening of the device began
+    int64_t first_read_frame = -1; ///< link frame with which reading in the last opening began; -1: nothing read yet
     int bypass_mode = -1;          ///< audio_in_bypass_mode_e at the last open
+    int sample_rate = 0;           ///< Hz, at the last open
 };
 ReceiverStats receiver_stats();
 
@@ -62,7 +78,12 @@ ReceiverStats receiver_stats();
 /**
  * Enters private mount and network namespaces (unprivileged: in a new user
  * namespace) and puts an empty "/sys/class/extcon/hdmirx_aud/" into place, with
- * the rest of /sys/class as it is. Call before the process has threads.
+ * the rest of /sys/class as it is. Call before the process has threads. Called
+ * again it does nothing.
+ *
+ * The functions below fail with errno EPERM until this has succeeded in the
+ * process or, before a fork, in its parent: an announcement never reaches the
+ * machine's own network namespace, where its device manager listens.
  * @return false with one line in @p error that says what the machine must allow.
  */
 bool enter_private_namespaces(std::string* error);
@@ -82,12 +103,23 @@ struct PlaybackConfig {
     std::string wav_path;       ///< records everything played, underrun silence included; empty: no recording
     double clock_error_ppm = 0; ///< of the playback device's clock
 };
-/// Takes effect at the next open of a playback device. Recording goes on across reopens.
+/**
+ * Takes effect at the next open of a playback device. Recording goes on across
+ * reopens; a reopen at another rate or with other channels begins another file,
+ * "name-2.wav", "name-3.wav".
+ *
+ * The device's clock starts with the first write after an open. Volume and mute
+ * act on the samples as they are written. aio_device_set_volume takes percent
+ * on a scale even to the ear, 0.6 dB a step: 100, like a volume never set,
+ * leaves the samples as they are, 0 is silence. aio_device_set_volume_direct
+ * takes 0 to 255, in proportion to the amplitude. The later call counts; values
+ * outside are refused.
+ */
 void playback_configure(const PlaybackConfig& config);
 
-/// One run of consecutive frames in the recording.
+/// One run of consecutive frames in the recording: of sound at most one period.
 struct PlayedBlock {
-    int64_t first_frame; ///< position in the recording
+    int64_t first_frame; ///< position in the file
     int64_t frames;
     int64_t heard_ns; ///< when its first frame is heard
     bool silence;     ///< made by an underrun
@@ -106,9 +138,16 @@ struct PlaybackStats {
     bool muted = false;
 };
 PlaybackStats playback_stats();
+/// What was heard so far, of the file begun last; empty without a recording.
 std::vector<PlayedBlock> playback_blocks();
-/// Completes the WAV file and, beside it, "<wav>.blocks.csv" with one line per PlayedBlock.
-bool playback_finish_recording();
+/**
+ * Completes the WAV file with what was heard until now and, beside it,
+ * "<wav>.blocks.csv" with one line per PlayedBlock. What is played afterwards
+ * is not recorded until playback_configure() and an open.
+ * @return false when nothing was recorded or a file could not be written, with
+ *         one line in @p error.
+ */
+bool playback_finish_recording(std::string* error = nullptr);
 
 // --- Display --------------------------------------------------------------------
 
@@ -129,11 +168,23 @@ using ScanOutFn = std::function<void(const ScanOut&)>;
 /// The screen is done with a buffer: replaced by the next one, or superseded before it was seen.
 using ReleaseFn = std::function<void(void* buffer, bool superseded)>;
 
-/// Starts the display; its descriptor (above 0) is what drmWaitVBlank() accepts. One at a time.
+/**
+ * Starts the display. The functions run on its thread with no lock held; all
+ * but display_stop() may be called from them.
+ * @return the descriptor (above 0) that drmWaitVBlank() takes for this display;
+ *         it accepts relative waits only. Negative for a refresh rate outside
+ *         1 to 1000 Hz and while another display runs.
+ */
 int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn on_release);
-/// Queues a buffer: at most two are pending, shown first in, first out; a third one supersedes the newer of them.
-void display_flip(void* buffer);
-/// Ends the display after the vertical blank to come; pending buffers and the one on screen are released.
+/**
+ * Queues a buffer for the first vertical blank after the call: at most two are
+ * pending, shown first in, first out; a third one supersedes the newer of them.
+ * A superseded buffer is released with the next vertical blank.
+ * @return false without a running display: the buffer stays the caller's
+ */
+bool display_flip(void* buffer);
+/// Ends the display after the vertical blank to come; the buffer on screen and pending ones (as superseded) are
+/// released.
 void display_stop();
 
 struct DisplayStats {
@@ -192,3 +243,5 @@ int64_t fault_hits(Op op);
 void reset();
 
 } // namespace hdmi_sim
+
+#pragma GCC visibility pop

@@ -1,0 +1,262 @@
+// SPDX-License-Identifier: MIT
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <xf86drm.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+#include "latch.h"
+#include "sim.h"
+
+namespace sim
+{
+namespace
+{
+
+constexpr double kMinRefreshHz = 1;
+constexpr double kMaxRefreshHz = 1000;
+constexpr int kFirstDescriptor = 3; ///< above the standard streams: 0 would count as no display
+
+struct Display {
+    mutex_t control; ///< one start or stop at a time; before `mutex`
+    std::thread thread GUARDED_BY(control);
+
+    mutex_t mutex;
+    Condition changed; ///< the display ends
+    int descriptor GUARDED_BY(mutex) = -1;
+    bool running GUARDED_BY(mutex) = false;  ///< takes flips
+    bool stopping GUARDED_BY(mutex) = false; ///< one vertical blank to come
+    uint64_t session GUARDED_BY(mutex) = 0;
+    int64_t start_ns GUARDED_BY(mutex) = 0;
+    Pace pace GUARDED_BY(mutex);
+    Latch latch GUARDED_BY(mutex);
+    hdmi_sim::DisplayStats stats GUARDED_BY(mutex);
+    // Constant while the thread runs.
+    hdmi_sim::DisplayConfig config;
+    hdmi_sim::ScanOutFn on_scan_out;
+    hdmi_sim::ReleaseFn on_release;
+
+    int64_t vblank_ns(int64_t number) REQUIRES(mutex) { return start_ns + pace.time_of(number); }
+};
+
+Display& display()
+{
+    static auto* instance = new Display;
+    return *instance;
+}
+
+void report(const Display& d, const std::vector<Latch::Release>& released)
+{
+    for (const Latch::Release& release : released)
+        if (d.on_release)
+            d.on_release(release.buffer, release.superseded);
+}
+
+void count(hdmi_sim::DisplayStats& stats, const std::vector<Latch::Release>& released)
+{
+    stats.superseded +=
+        std::count_if(released.begin(), released.end(), [](const Latch::Release& r) { return r.superseded; });
+}
+
+// One vertical blank, with the host's functions called without the lock.
+void scan_out(Display& d, mutex_guard& guard, int64_t number) REQUIRES(d.mutex)
+{
+    const int64_t at = d.vblank_ns(number);
+    const Latch::Result result = d.latch.vblank(at);
+    d.stats.vblanks++;
+    d.stats.repeated += result.repeated ? 1 : 0;
+    count(d.stats, result.released);
+    guard.unlock();
+    if (d.on_scan_out)
+        d.on_scan_out({number, at, at + d.config.latency_ns, result.buffer, result.repeated});
+    report(d, result.released);
+    guard.lock();
+}
+
+void run_display(Display& d)
+{
+    pthread_setname_np(pthread_self(), "sim_display");
+    mutex_guard guard(d.mutex);
+    bool last = false;
+    for (int64_t number = 1; !last; number++) {
+        const int64_t at = d.vblank_ns(number);
+        while (hdmi_sim::now_ns() < at)
+            d.changed.wait_until(guard, at);
+        last = d.stopping;
+        scan_out(d, guard, number);
+    }
+    d.running = false;
+    const std::vector<Latch::Release> released = d.latch.clear();
+    count(d.stats, released);
+    guard.unlock();
+    report(d, released);
+}
+
+int make_descriptor()
+{
+    const int any = eventfd(0, EFD_CLOEXEC);
+    if (any < 0 || any >= kFirstDescriptor)
+        return any;
+    const int descriptor = fcntl(any, F_DUPFD_CLOEXEC, kFirstDescriptor);
+    close(any);
+    return descriptor;
+}
+
+int fail(int error)
+{
+    errno = error;
+    return -1;
+}
+
+int wait_vblank(Display& d, int fd, drmVBlank& vblank)
+{
+    mutex_guard guard(d.mutex);
+    if (!d.running || d.descriptor != fd)
+        return fail(ENODEV);
+    const uint64_t session = d.session;
+    const int64_t target = d.pace.count_at(hdmi_sim::now_ns() - d.start_ns) + vblank.request.sequence;
+    const int64_t at = d.vblank_ns(target);
+    while (hdmi_sim::now_ns() < at) {
+        d.changed.wait_until(guard, at);
+        if (!d.running || d.session != session)
+            return fail(ENODEV);
+    }
+    vblank.reply.type = DRM_VBLANK_RELATIVE;
+    vblank.reply.sequence = static_cast<unsigned int>(target);
+    vblank.reply.tval_sec = static_cast<long>(at / kNsPerSecond);
+    vblank.reply.tval_usec = static_cast<long>(at % kNsPerSecond / 1000);
+    return 0;
+}
+
+bool is_running(Display& d, int fd)
+{
+    mutex_guard guard(d.mutex);
+    return d.running && d.descriptor == fd;
+}
+
+int simulated_wait(int fd, drmVBlankPtr vblank)
+{
+    Display& d = display();
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::wait_vblank, [&d, fd] { return !is_running(d, fd); });
+    if (verdict.fail) {
+        errno = verdict.result < 0 ? -verdict.result : 0;
+        return verdict.result;
+    }
+    if (vblank == nullptr || vblank->request.type != DRM_VBLANK_RELATIVE)
+        return fail(EINVAL);
+    return wait_vblank(d, fd, *vblank);
+}
+
+bool is_simulated(int fd)
+{
+    Display& d = display();
+    mutex_guard guard(d.mutex);
+    return fd >= 0 && fd == d.descriptor;
+}
+
+// libdrm's function: the next one in the program, or that of the library loaded for it.
+int real_wait(int fd, drmVBlankPtr vblank)
+{
+    using Function = int (*)(int, drmVBlankPtr);
+    static const Function function = [] {
+        void* symbol = dlsym(RTLD_NEXT, "drmWaitVBlank");
+        if (symbol == nullptr) {
+            void* library = dlopen("libdrm.so.2", RTLD_NOW | RTLD_LOCAL);
+            symbol = library != nullptr ? dlsym(library, "drmWaitVBlank") : nullptr;
+        }
+        return reinterpret_cast<Function>(symbol);
+    }();
+    return function != nullptr ? function(fd, vblank) : fail(ENODEV);
+}
+
+} // namespace
+
+void display_reset()
+{
+    Display& d = display();
+    mutex_guard guard(d.mutex);
+    d.stats = {};
+}
+
+} // namespace sim
+
+extern "C" SIM_EXPORT int drmWaitVBlank(int fd, drmVBlankPtr vbl)
+{
+    return sim::is_simulated(fd) ? sim::simulated_wait(fd, vbl) : sim::real_wait(fd, vbl);
+}
+
+namespace hdmi_sim
+{
+
+int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn on_release)
+{
+    // Not a number fails both comparisons.
+    if (!(config.refresh_hz >= sim::kMinRefreshHz && config.refresh_hz <= sim::kMaxRefreshHz))
+        return -1;
+    sim::Display& d = sim::display();
+    mutex_guard control(d.control);
+    if (d.thread.joinable())
+        return -1;
+    const int descriptor = sim::make_descriptor();
+    if (descriptor < 0)
+        return -1;
+    d.config = config;
+    d.on_scan_out = std::move(on_scan_out);
+    d.on_release = std::move(on_release);
+    mutex_guard guard(d.mutex);
+    d.descriptor = descriptor;
+    d.running = true;
+    d.stopping = false;
+    d.session++;
+    d.start_ns = now_ns();
+    d.pace = sim::Pace(config.refresh_hz, 0);
+    d.stats = {};
+    d.thread = std::thread([&d] { sim::run_display(d); });
+    return descriptor;
+}
+
+bool display_flip(void* buffer)
+{
+    sim::Display& d = sim::display();
+    mutex_guard guard(d.mutex);
+    if (!d.running)
+        return false;
+    // Read under the lock: the time stamps come in the order of the flips.
+    d.latch.flip(buffer, now_ns());
+    d.stats.flips++;
+    return true;
+}
+
+void display_stop()
+{
+    sim::Display& d = sim::display();
+    mutex_guard control(d.control);
+    if (!d.thread.joinable())
+        return;
+    {
+        mutex_guard guard(d.mutex);
+        d.stopping = true;
+    }
+    d.thread.join();
+    d.on_scan_out = nullptr;
+    d.on_release = nullptr;
+    mutex_guard guard(d.mutex);
+    close(d.descriptor);
+    d.descriptor = -1;
+    d.changed.notify_all();
+    guard.unlock();
+    sim::faults_wake();
+}
+
+DisplayStats display_stats()
+{
+    sim::Display& d = sim::display();
+    mutex_guard guard(d.mutex);
+    return d.stats;
+}
+
+} // namespace hdmi_sim

@@ -1,0 +1,331 @@
+// SPDX-License-Identifier: MIT
+#include <atomic>
+#include <memory>
+
+#include "play_queue.h"
+#include "recording.h"
+#include "sim.h"
+
+namespace sim
+{
+namespace
+{
+
+constexpr int kMaxChannels = 8;
+constexpr int kMaxRate = 192000;
+constexpr int kMaxPeriodFrames = 1 << 16;
+constexpr int kMaxPeriods = 64;
+constexpr int kMaxVolume = 100;
+constexpr int kMaxDirectVolume = 255;
+/// 60 dB between the lowest step and full level, evenly: 100 is unity, 0 is silence.
+constexpr float kDecibelsPerPercent = 0.6f;
+
+struct Playback {
+    mutex_t mutex;
+    Condition changed; ///< opening
+    hdmi_sim::PlaybackConfig config GUARDED_BY(mutex);
+    bool new_config GUARDED_BY(mutex) = false;
+    bool open GUARDED_BY(mutex) = false;
+    int channels GUARDED_BY(mutex) = 2;
+    int period_frames GUARDED_BY(mutex) = 0;
+    PlayQueue queue GUARDED_BY(mutex);
+    bool ran_empty GUARDED_BY(mutex) = false; ///< and nothing was written since
+    float gain GUARDED_BY(mutex) = 1.0f;
+    hdmi_sim::PlaybackStats stats GUARDED_BY(mutex);
+    std::shared_ptr<Recording> recording GUARDED_BY(mutex);
+    int files GUARDED_BY(mutex) = 0; ///< begun with the present configuration
+    /// Odd while the device is open; a call that began in another opening ends.
+    std::atomic<uint64_t> opening{0};
+};
+
+Playback& playback()
+{
+    static auto* instance = new Playback;
+    return *instance;
+}
+
+float effective_gain(const Playback& p) REQUIRES(p.mutex) { return p.stats.muted ? 0.0f : p.gain; }
+
+// Brings the record up to @p now: what was heard, and whether the queue ran empty.
+void settle(Playback& p, int64_t now) REQUIRES(p.mutex)
+{
+    if (!p.open)
+        return;
+    p.queue.drain(now, p.recording.get());
+    if (p.ran_empty || now <= p.queue.empty_ns())
+        return;
+    p.ran_empty = true;
+    p.stats.underruns++;
+    p.stats.last_underrun_ns = p.queue.empty_ns();
+}
+
+// "sound.wav", then "sound-2.wav" and so on.
+std::string numbered(const std::string& path, int number)
+{
+    if (number == 1)
+        return path;
+    const size_t slash = path.rfind('/');
+    const size_t dot = path.rfind('.');
+    const bool has_suffix = dot != std::string::npos && (slash == std::string::npos || dot > slash);
+    const size_t at = has_suffix ? dot : path.size();
+    return path.substr(0, at) + "-" + std::to_string(number) + path.substr(at);
+}
+
+// A WAV file has one rate: another one begins another file.
+void prepare_recording(Playback& p, int rate, int channels) REQUIRES(p.mutex)
+{
+    if (p.new_config) {
+        p.recording = nullptr;
+        p.files = 0;
+        p.new_config = false;
+    }
+    if (p.config.wav_path.empty())
+        return;
+    if (p.recording != nullptr && p.recording->rate() == rate && p.recording->channels() == channels) {
+        p.recording->break_block();
+        return;
+    }
+    if (p.recording != nullptr)
+        p.recording->finish(nullptr);
+    p.recording = std::make_shared<Recording>(numbered(p.config.wav_path, ++p.files), rate, channels);
+}
+
+bool valid_output(int device_id, int output_fmt)
+{
+    return device_id >= E_AUDIO_IO_DEV_AUTO && device_id < E_AUDIO_IO_DEV_MAX && output_fmt >= E_AUDIO_IO_FORMAT_PCM &&
+           output_fmt < E_AUDIO_IO_FORMAT_MAX;
+}
+
+bool valid(const audio_config_t& config)
+{
+    return valid_output(config.device_id, config.output_fmt) && config.channels > 0 &&
+           config.channels <= kMaxChannels && config.sample_rate > 0 && config.sample_rate <= kMaxRate &&
+           config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames && config.period_count > 0 &&
+           config.period_count <= kMaxPeriods;
+}
+
+void put(Playback& p, int64_t now, const uint8_t* data, int frames) REQUIRES(p.mutex)
+{
+    p.queue.put(now, data, frames, effective_gain(p), p.recording.get());
+    p.ran_empty = false;
+    p.stats.frames_written += frames;
+    if (p.stats.first_write_ns == 0)
+        p.stats.first_write_ns = now;
+}
+
+int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, const Verdict& verdict)
+{
+    mutex_guard guard(p.mutex);
+    if (p.opening != opening)
+        return kClosed;
+    const int frame_bytes = p.channels * kBytesPerSample;
+    const int accepted = brief_size(verdict, size, frame_bytes);
+    const int frames = accepted / frame_bytes;
+    int done = 0;
+    while (done < frames && p.opening == opening) {
+        const int64_t now = hdmi_sim::now_ns();
+        settle(p, now);
+        const int run = std::min(frames - done, p.queue.room(now));
+        if (run > 0) {
+            put(p, now, data + static_cast<size_t>(done) * static_cast<size_t>(frame_bytes), run);
+            done += run;
+        } else {
+            p.changed.wait_until(guard, p.queue.room_ns(std::min(frames - done, p.period_frames)));
+        }
+    }
+    if (done == frames)
+        return verdict.odd ? accepted : frames * frame_bytes;
+    return done > 0 ? done * frame_bytes : kClosed;
+}
+
+} // namespace
+
+int playback_open(const audio_config_t& config)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::playback_open);
+    if (verdict.fail)
+        return verdict.result;
+    if (!valid(config))
+        return -EINVAL;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    if (p.open)
+        return -EBUSY;
+    prepare_recording(p, config.sample_rate, config.channels);
+    p.queue = PlayQueue(config.sample_rate, p.config.clock_error_ppm, config.channels, config.period_frames,
+                        config.period_count);
+    p.open = true;
+    p.opening++;
+    p.ran_empty = false;
+    p.channels = config.channels;
+    p.period_frames = config.period_frames;
+    p.stats.opens++;
+    p.stats.sample_rate = config.sample_rate;
+    p.stats.device_id = config.device_id;
+    p.stats.output_fmt = config.output_fmt;
+    return 0;
+}
+
+int playback_close()
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::playback_close);
+    if (verdict.fail)
+        return verdict.result;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    if (!p.open)
+        return 0;
+    settle(p, hdmi_sim::now_ns());
+    p.open = false;
+    p.opening++;
+    p.changed.notify_all();
+    guard.unlock();
+    faults_wake();
+    return 0;
+}
+
+int playback_write(const uint8_t* data, int size)
+{
+    Playback& p = playback();
+    const uint64_t opening = p.opening;
+    const Verdict verdict =
+        fault_verdict(hdmi_sim::Op::playback_write, [&p, opening] { return opening % 2 == 0 || p.opening != opening; });
+    if (verdict.fail)
+        return verdict.result;
+    if (data == nullptr || size < 0)
+        return -EINVAL;
+    if (opening % 2 == 0)
+        return kClosed;
+    return verdict.withhold ? size : write_frames(p, opening, data, size, verdict);
+}
+
+int playback_delay(int* frames)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::playback_delay);
+    if (verdict.fail)
+        return verdict.result;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    if (!p.open)
+        return kClosed;
+    if (frames == nullptr)
+        return -EINVAL;
+    const int64_t now = hdmi_sim::now_ns();
+    settle(p, now);
+    *frames = p.queue.queued(now);
+    return 0;
+}
+
+int playback_set_volume(int percent)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::set_volume);
+    if (verdict.fail)
+        return verdict.result;
+    if (percent < 0 || percent > kMaxVolume)
+        return -EINVAL;
+    const float decibels = static_cast<float>(percent - kMaxVolume) * kDecibelsPerPercent;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    p.stats.volume = percent;
+    p.gain = percent == 0 ? 0.0f : std::pow(10.0f, decibels / 20.0f);
+    return 0;
+}
+
+int playback_set_volume_direct(int level)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::set_volume_direct);
+    if (verdict.fail)
+        return verdict.result;
+    if (level < 0 || level > kMaxDirectVolume)
+        return -EINVAL;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    p.stats.direct_volume = level;
+    p.gain = static_cast<float>(level) / static_cast<float>(kMaxDirectVolume);
+    return 0;
+}
+
+int playback_set_mute(bool mute)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::set_mute);
+    if (verdict.fail)
+        return verdict.result;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    p.stats.muted = mute;
+    return 0;
+}
+
+int playback_reselect(int device_id, int output_fmt)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::reselect);
+    if (verdict.fail)
+        return verdict.result;
+    if (!valid_output(device_id, output_fmt))
+        return -EINVAL;
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    if (!p.open)
+        return kClosed;
+    p.stats.device_id = device_id;
+    p.stats.output_fmt = output_fmt;
+    return 0;
+}
+
+void playback_reset()
+{
+    Playback& p = playback();
+    mutex_guard guard(p.mutex);
+    p.recording = nullptr;
+    p.config = {};
+    p.new_config = false;
+    p.files = 0;
+    p.gain = 1.0f;
+    p.stats = {};
+}
+
+} // namespace sim
+
+namespace hdmi_sim
+{
+
+void playback_configure(const PlaybackConfig& config)
+{
+    sim::Playback& p = sim::playback();
+    mutex_guard guard(p.mutex);
+    p.config = config;
+    p.new_config = true;
+}
+
+PlaybackStats playback_stats()
+{
+    sim::Playback& p = sim::playback();
+    mutex_guard guard(p.mutex);
+    sim::settle(p, now_ns());
+    return p.stats;
+}
+
+std::vector<PlayedBlock> playback_blocks()
+{
+    sim::Playback& p = sim::playback();
+    mutex_guard guard(p.mutex);
+    sim::settle(p, now_ns());
+    return p.recording != nullptr ? p.recording->blocks() : std::vector<PlayedBlock>();
+}
+
+bool playback_finish_recording(std::string* error)
+{
+    sim::Playback& p = sim::playback();
+    mutex_guard guard(p.mutex);
+    sim::settle(p, now_ns());
+    const std::shared_ptr<sim::Recording> recording = p.recording;
+    // The device plays on meanwhile.
+    guard.unlock();
+    if (recording != nullptr)
+        return recording->finish(error);
+    if (error != nullptr)
+        *error = "nothing was recorded";
+    return false;
+}
+
+} // namespace hdmi_sim

@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: MIT
+#include <atomic>
+#include <cstring>
+
+#include "capture_ring.h"
+#include "sim.h"
+
+namespace sim
+{
+namespace
+{
+
+constexpr int kUnknownInputRate = 48000; ///< a device opened with rate 0
+
+struct Receiver {
+    mutex_t mutex;
+    Condition changed; ///< signal or opening
+    LinkSignalPtr signal GUARDED_BY(mutex);
+    bool open GUARDED_BY(mutex) = false;
+    CaptureRing ring GUARDED_BY(mutex);
+    hdmi_sim::ReceiverStats stats GUARDED_BY(mutex);
+    /// Odd while the device is open; a call that began in another opening ends.
+    std::atomic<uint64_t> opening{0};
+};
+
+Receiver& receiver()
+{
+    static auto* instance = new Receiver;
+    return *instance;
+}
+
+void generate(const hdmi_sim::Signal& source, int64_t first, int16_t* words, int frames)
+{
+    if (source.generate)
+        source.generate(first, words, frames);
+    else
+        memset(words, 0, static_cast<size_t>(frames) * kLinkFrameBytes);
+}
+
+// The caller's buffer may be odd and the piece a part of a frame: then by way of a copy.
+void fill(const CaptureRing::Piece& piece, uint8_t* data)
+{
+    const hdmi_sim::Signal& source = piece.signal->source;
+    const bool aligned = reinterpret_cast<uintptr_t>(data) % alignof(int16_t) == 0;
+    if (aligned && piece.bytes % kLinkFrameBytes == 0) {
+        generate(source, piece.link_frame, reinterpret_cast<int16_t*>(data), piece.bytes / kLinkFrameBytes);
+        return;
+    }
+    int skip = piece.skip_bytes;
+    int64_t link_frame = piece.link_frame;
+    for (int done = 0; done < piece.bytes;) {
+        int16_t frame[kLinkChannels];
+        generate(source, link_frame++, frame, 1);
+        const int bytes = std::min(piece.bytes - done, kLinkFrameBytes - skip);
+        memcpy(data + done, reinterpret_cast<const uint8_t*>(frame) + skip, static_cast<size_t>(bytes));
+        done += bytes;
+        skip = 0;
+    }
+}
+
+CaptureRing::Piece take(Receiver& r, int max_bytes) REQUIRES(r.mutex)
+{
+    const int64_t before = r.ring.position_bytes();
+    CaptureRing::Piece piece = r.ring.take(max_bytes);
+    const int64_t after = r.ring.position_bytes();
+    if (r.stats.first_read_frame < 0)
+        r.stats.first_read_frame = piece.link_frame;
+    r.stats.frames_read += after / kLinkFrameBytes - before / kLinkFrameBytes;
+    r.stats.periods_read += after / r.ring.period_bytes() - before / r.ring.period_bytes();
+    return piece;
+}
+
+// Waits until something is ready and says how much of @p size; 0 when the opening ended.
+int await_ready(Receiver& r, mutex_guard& guard, uint64_t opening, int size) REQUIRES(r.mutex)
+{
+    while (r.opening == opening) {
+        const int64_t now = hdmi_sim::now_ns();
+        r.stats.overruns += r.ring.drop_overrun(now);
+        const int64_t ready = r.ring.ready_bytes(now);
+        if (ready > 0)
+            return static_cast<int>(std::min<int64_t>(ready, size));
+        r.changed.wait_until(guard, r.ring.next_period_ns(now));
+    }
+    return 0;
+}
+
+int read_whole(Receiver& r, uint64_t opening, uint8_t* data, int size, bool align)
+{
+    mutex_guard guard(r.mutex);
+    int done = 0;
+    while (done < size) {
+        const int ready = await_ready(r, guard, opening, size - done);
+        if (ready == 0)
+            return done > 0 ? done : kClosed;
+        const CaptureRing::Piece piece = take(r, ready);
+        // The source's function is the program's own: it runs without the lock.
+        guard.unlock();
+        fill(piece, data + done);
+        guard.lock();
+        done += piece.bytes;
+    }
+    if (align && r.opening == opening)
+        r.ring.align();
+    return done;
+}
+
+bool valid(const audio_config_t& config)
+{
+    return config.device_id == E_AUDIO_IO_DEV_HDMI_IN && config.channels == kLinkChannels && config.sample_rate >= 0 &&
+           config.period_frames > 0 && config.period_count > 0;
+}
+
+} // namespace
+
+int capture_open(const audio_config_t& config)
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::capture_open);
+    if (verdict.fail)
+        return verdict.result;
+    if (!valid(config))
+        return -EINVAL;
+    Receiver& r = receiver();
+    mutex_guard guard(r.mutex);
+    if (r.open)
+        return -EBUSY;
+    r.open = true;
+    r.opening++;
+    r.ring = CaptureRing(config.period_frames, config.period_count);
+    if (r.signal != nullptr)
+        r.ring.attach(r.signal, hdmi_sim::now_ns());
+    r.stats.opens++;
+    r.stats.first_read_frame = -1;
+    r.stats.bypass_mode = config.in_bypass_mode;
+    r.stats.sample_rate = config.sample_rate != 0 ? config.sample_rate : kUnknownInputRate;
+    return 0;
+}
+
+int capture_close()
+{
+    const Verdict verdict = fault_verdict(hdmi_sim::Op::capture_close);
+    if (verdict.fail)
+        return verdict.result;
+    Receiver& r = receiver();
+    mutex_guard guard(r.mutex);
+    if (!r.open)
+        return 0;
+    r.open = false;
+    r.opening++;
+    r.changed.notify_all();
+    guard.unlock();
+    faults_wake();
+    return 0;
+}
+
+int capture_read(uint8_t* data, int size)
+{
+    Receiver& r = receiver();
+    const uint64_t opening = r.opening;
+    const Verdict verdict =
+        fault_verdict(hdmi_sim::Op::capture_read, [&r, opening] { return opening % 2 == 0 || r.opening != opening; });
+    if (verdict.fail)
+        return verdict.result;
+    if (data == nullptr || size < 0)
+        return -EINVAL;
+    if (opening % 2 == 0)
+        return kClosed;
+    return read_whole(r, opening, data, brief_size(verdict, size, kLinkFrameBytes), verdict.odd);
+}
+
+void capture_reset()
+{
+    Receiver& r = receiver();
+    mutex_guard guard(r.mutex);
+    r.signal = nullptr;
+    r.stats = {};
+}
+
+} // namespace sim
+
+namespace hdmi_sim
+{
+
+void receiver_connect(Signal signal)
+{
+    const int64_t now = now_ns();
+    auto link = std::make_shared<sim::LinkSignal>();
+    link->start_ns = signal.start_ns != 0 ? signal.start_ns : now;
+    link->pace = sim::Pace(signal.rate, signal.clock_error_ppm);
+    link->source = std::move(signal);
+
+    sim::Receiver& r = sim::receiver();
+    mutex_guard guard(r.mutex);
+    r.signal = std::move(link);
+    if (r.open)
+        r.ring.attach(r.signal, now);
+    r.changed.notify_all();
+}
+
+void receiver_disconnect()
+{
+    sim::Receiver& r = sim::receiver();
+    mutex_guard guard(r.mutex);
+    if (r.open)
+        r.ring.detach(now_ns());
+    r.signal = nullptr;
+    r.changed.notify_all();
+}
+
+ReceiverStats receiver_stats()
+{
+    sim::Receiver& r = sim::receiver();
+    mutex_guard guard(r.mutex);
+    // Periods that nobody came for are lost all the same.
+    if (r.open)
+        r.stats.overruns += r.ring.drop_overrun(now_ns());
+    return r.stats;
+}
+
+} // namespace hdmi_sim

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#include "sim.h"
+
+namespace hdmi_sim
+{
+
+int64_t now_ns()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * sim::kNsPerSecond + now.tv_nsec;
+}
+
+void reset()
+{
+    sim::faults_reset();
+    sim::capture_reset();
+    sim::playback_reset();
+    sim::display_reset();
+    sim::cec_reset();
+}
+
+} // namespace hdmi_sim

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What the simulated devices share, and the calls by which the platform's
+ * C functions reach them.
+ */
+#pragma once
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <limits>
+
+#include "aio_device.h"
+#include "hdmi_sim.h"
+#include "internal/locks.h"
+#include "pacing.h"
+
+#define SIM_EXPORT __attribute__((visibility("default")))
+
+namespace sim
+{
+
+constexpr int kBytesPerSample = 2;
+constexpr int kClosed = -EBADF; ///< result of a call on a device that is not open (any more)
+constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
+
+/// A condition variable whose deadlines are CLOCK_MONOTONIC nanoseconds.
+class Condition
+{
+public:
+    Condition()
+    {
+        pthread_condattr_t attr;
+        pthread_condattr_init(&attr);
+        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+        pthread_cond_init(&native_, &attr);
+        pthread_condattr_destroy(&attr);
+    }
+    ~Condition() { pthread_cond_destroy(&native_); }
+    Condition(const Condition&) = delete;
+    Condition& operator=(const Condition&) = delete;
+
+    void notify_all() { pthread_cond_broadcast(&native_); }
+    /// May wake early: test a predicate.
+    void wait_until(mutex_guard& guard, int64_t deadline_ns)
+    {
+        if (deadline_ns == kNever) {
+            guard.wait(native_);
+            return;
+        }
+        const timespec deadline = {static_cast<time_t>(deadline_ns / kNsPerSecond),
+                                   static_cast<long>(deadline_ns % kNsPerSecond)};
+        guard.wait_until(native_, deadline);
+    }
+
+private:
+    pthread_cond_t native_;
+};
+
+/// What a fault makes of a call; a call without fault gets the default.
+struct Verdict {
+    bool fail = false;
+    int result = 0; ///< where it fails
+    bool brief = false;
+    bool odd = false;
+    bool withhold = false;
+};
+/**
+ * Every operation passes here first; a blocking fault holds it until the fault
+ * is cleared or replaced, or @p ended turns true and faults_wake() was called.
+ */
+Verdict fault_verdict(hdmi_sim::Op op, const std::function<bool()>& ended = nullptr);
+void faults_wake();
+void faults_reset();
+/// What a brief transfer leaves of @p size bytes.
+int brief_size(const Verdict& verdict, int size, int bytes_per_frame);
+
+int capture_open(const audio_config_t& config);
+int capture_close();
+int capture_read(uint8_t* data, int size);
+void capture_reset();
+
+int playback_open(const audio_config_t& config);
+int playback_close();
+int playback_write(const uint8_t* data, int size);
+int playback_delay(int* frames);
+int playback_set_volume(int percent);
+int playback_set_volume_direct(int level);
+int playback_set_mute(bool mute);
+int playback_reselect(int device_id, int output_fmt);
+void playback_reset();
+
+void display_reset();
+void cec_reset();
+
+} // namespace sim

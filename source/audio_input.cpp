@@ -1,0 +1,853 @@
+// SPDX-License-Identifier: MIT
+#include "internal/audio_input.h"
+
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <sched.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+extern "C" {
+#include <libavutil/time.h>
+}
+
+#include "internal/common.h"
+#include "internal/frame_queue.h"
+
+audio_input_info_t g_ai_info;
+
+namespace
+{
+
+constexpr int kCard = 0;
+constexpr int kChannels = 2;
+constexpr int kCaptureOpenMode = 1;
+constexpr int kPeriodCount = 4;
+constexpr int32_t kQueueFrames = 128;
+// Above every other thread of the player: a chunk that is not fetched in time is lost in the device.
+constexpr int kReadPriority = 99;
+constexpr unsigned kBackOffUs = 10000;
+constexpr int32_t kDefaultSampleRate = 48000;
+constexpr int64_t kUsPerSecond = 1000000;
+
+constexpr char kStateFile[] = "/sys/class/extcon/hdmirx_aud/state";
+constexpr char kUeventHeader[] = "change@/devices/virtual/korin/hdmirx_aud/extcon1";
+constexpr std::string_view kStateLinePrefix = "STATE=HEADDONE";
+constexpr size_t kTextSize = 512; // with the NUL
+constexpr int kUeventBufferBytes = 65536;
+constexpr uint32_t kAllUeventGroups = 0xFFFFFFFF;
+constexpr int kPollMs = 50; // bounds how long a stop takes
+constexpr int64_t kUnsupportedAfterUs = 1000000;
+
+struct state_key {
+    std::string_view text;
+    audio_input_format_e format;
+    int32_t sample_rate;
+};
+
+// In order of precedence.
+constexpr state_key kStateKeys[] = {
+    {"HEADDONE_PCM_48=1", AUDIO_INPUT_FORMAT_PCM, 48000},
+    {"HEADDONE_PCM_44=1", AUDIO_INPUT_FORMAT_PCM, 44100},
+    {"HEADDONE_PCM_32=1", AUDIO_INPUT_FORMAT_PCM, 32000},
+    {"HEADDONE_COMP_48=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 48000},
+    {"HEADDONE_COMP_44=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 44100},
+    {"HEADDONE_COMP_32=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 32000},
+};
+
+// The rate first: a reader that sees the new format must see its rate.
+void store_state(audio_input_format_e format, int32_t sample_rate)
+{
+    g_ai_info.original_sample_rate = sample_rate;
+    g_ai_info.format = format;
+}
+
+// --- Capture ----------------------------------------------------------------
+
+void back_off()
+{
+    if (!g_ai_info.abort_request)
+        av_usleep(kBackOffUs);
+}
+
+void set_device_rate(int32_t sample_rate)
+{
+    g_ai_info.audio_cfg.sample_rate = sample_rate;
+    g_ai_info.audio_cfg.period_frames = convert_sample_rate_to_frames(sample_rate);
+    g_ai_info.audio_cfg.period_count = kPeriodCount;
+}
+
+// A device whose close fails is given up all the same: nobody would try again.
+int32_t close_device()
+{
+    mutex_guard device(g_ai_info.device_mutex);
+    if (!g_ai_info.device_opened)
+        return 0;
+    g_ai_info.device_opened = false;
+    return aio_device_close(&g_ai_info.audio_cfg);
+}
+
+void update_acquire_size()
+{
+    g_ai_info.acquire_size = aio_device_frames_to_bytes(&g_ai_info.audio_cfg, 0);
+    log_i("sample_rate:%d acquire_size:%d\n", g_ai_info.audio_cfg.sample_rate, g_ai_info.acquire_size);
+}
+
+bool reopen_at_current_rate()
+{
+    mutex_guard device(g_ai_info.device_mutex);
+    // Deinit sets the flag before it closes the device under this lock: nothing is opened after that.
+    if (g_ai_info.abort_request)
+        return false;
+    if (g_ai_info.device_opened && aio_device_close(&g_ai_info.audio_cfg) < 0) {
+        log_w("aio_device_close error!\n");
+        return false;
+    }
+    g_ai_info.device_opened = false;
+    // Taken back before the rate is read: a request that comes from here on is for another reopen.
+    g_ai_info.reopen_device = false;
+    set_device_rate(g_ai_info.original_sample_rate);
+    g_ai_info.audio_cfg.in_bypass_mode = g_ai_info.in_bypass_mode;
+    if (aio_device_open(&g_ai_info.audio_cfg) < 0) {
+        g_ai_info.reopen_device = true;
+        log_w("aio_device_open error!\n");
+        return false;
+    }
+    g_ai_info.device_opened = true;
+    return true;
+}
+
+bool reopen_device()
+{
+    if (!reopen_at_current_rate())
+        return false;
+    frame_queue_done_release(g_ai_info.pcm_frame_queue);
+    frame_queue_done_release(g_ai_info.iec61937_queue);
+    update_acquire_size();
+    return true;
+}
+
+frame_info_t* acquire_frame(int32_t queue)
+{
+    frame_info_t* slot = frame_queue_pool_acquire(queue, g_ai_info.acquire_size);
+    if (slot == nullptr) {
+        log_e("frame_queue_pool_acquire(size:%d) failed.\n", g_ai_info.acquire_size);
+        return nullptr;
+    }
+    if (slot->frame.data == nullptr) {
+        // The pool hands out a record whose buffer could not be enlarged: out of memory, which takes time to pass.
+        log_e("frame_queue_pool_acquire(size:%d) failed.\n", g_ai_info.acquire_size);
+        frame_queue_put(queue, &slot->frame);
+        back_off();
+        return nullptr;
+    }
+    return slot;
+}
+
+// Bytes read, or -1. Reports the first failure of a run only: the loop tries a hundred times a second.
+int32_t read_device(uint8_t* data)
+{
+    const int32_t size = aio_device_read(&g_ai_info.audio_cfg, data, g_ai_info.acquire_size);
+    if (size > 0 && size <= g_ai_info.acquire_size) {
+        g_ai_info.read_failing = false;
+        return size;
+    }
+    // A read that the closing of the device ended did not fail.
+    if (!g_ai_info.read_failing && !g_ai_info.abort_request)
+        log_w("aio_device_read failed. ret:%d\n", size);
+    g_ai_info.read_failing = true;
+    return -1;
+}
+
+void restart_time_line(int32_t queue)
+{
+    g_ai_info.frame_serial = audio_input_next_serial(g_ai_info.frame_serial);
+    g_ai_info.read_frames = 0;
+    audio_input_avsync_reset(false);
+    frame_queue_done_release(queue);
+    log_i("[avsync_reset] done, frame_serial:%d!\n", g_ai_info.frame_serial);
+}
+
+void stamp_time(hdmi_player_audio_frame_t* frame)
+{
+    // No rate is known before the first announcement.
+    frame->pts = frame->sample_rate > 0 ? g_ai_info.read_frames * kUsPerSecond / frame->sample_rate : 0;
+    g_ai_info.read_frames += aio_device_bytes_to_frames(&g_ai_info.audio_cfg, frame->size);
+    log_d("serial:%d read_frames:%lld frame_pts:%lld sample_rate:%d\n", frame->serial,
+          static_cast<long long>(g_ai_info.read_frames), static_cast<long long>(frame->pts), frame->sample_rate);
+}
+
+void deliver(int32_t queue, frame_info_t* slot, audio_input_format_e format)
+{
+    if (g_ai_info.avsync_reset)
+        restart_time_line(queue);
+    hdmi_player_audio_frame_t* frame = &slot->frame;
+    frame->serial = g_ai_info.frame_serial;
+    frame->channels = g_ai_info.audio_cfg.channels;
+    frame->sample_rate = g_ai_info.original_sample_rate;
+    if (format == AUDIO_INPUT_FORMAT_PCM)
+        stamp_time(frame);
+    else
+        log_d("serial:%d sample_rate:%d size:%d\n", frame->serial, frame->sample_rate, frame->size);
+    frame_queue_done_enqueue(queue, slot);
+}
+
+void note_read_continued()
+{
+    if (g_ai_info.hotplug_status != E_HDMI_HOTPLUG_STATUS_IN || g_ai_info.read_continued)
+        return;
+    audio_input_set_read_continued(true);
+    log_d("hotplug status changed read continued!\n");
+}
+
+void capture_chunk(audio_input_format_e format)
+{
+    const int32_t queue = format == AUDIO_INPUT_FORMAT_PCM ? g_ai_info.pcm_frame_queue : g_ai_info.iec61937_queue;
+    frame_info_t* slot = acquire_frame(queue);
+    if (slot == nullptr)
+        return;
+    const int32_t size = read_device(slot->frame.data);
+    // A chunk that straddles a change is of neither format, and at neither rate.
+    if (size < 0 || format != g_ai_info.format || g_ai_info.reopen_device) {
+        frame_queue_put(queue, &slot->frame);
+        if (size < 0)
+            back_off();
+        return;
+    }
+    slot->frame.size = size;
+    note_read_continued();
+    deliver(queue, slot, format);
+}
+
+void* audio_read(void*)
+{
+    if (g_ai_info.enable_log)
+        log_i(">>>\n");
+    set_thread_name("audio_read");
+    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    update_acquire_size();
+    while (!g_ai_info.abort_request && g_ai_info.acquire_size >= 0) {
+        if (g_ai_info.reopen_device) {
+            if (!reopen_device())
+                back_off();
+            continue; // the new size may end the loop
+        }
+        const audio_input_format_e format = g_ai_info.format;
+        if (format == AUDIO_INPUT_FORMAT_NONE)
+            back_off();
+        else
+            capture_chunk(format);
+    }
+    if (g_ai_info.enable_log)
+        log_i("<<<\n");
+    return nullptr;
+}
+
+// --- Detection --------------------------------------------------------------
+
+// What the detection thread remembers between messages.
+struct detection {
+    int32_t old_sample_rate;
+    audio_input_format_e old_format;
+    bool force_reset;    // a state line differed from the last known state since the last notification
+    bool state_changed;  // a state line came since the last notification
+    int64_t last_timeus; // monotonic time of the last state line
+};
+
+// Bytes of the state file in @p text, which holds kTextSize; -1 when it cannot be opened.
+ssize_t read_state_file(char* text)
+{
+    const int fd = open(kStateFile, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    size_t length = 0;
+    while (length < kTextSize - 1) {
+        const ssize_t got = read(fd, text + length, kTextSize - 1 - length);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        length += static_cast<size_t>(got);
+    }
+    close(fd);
+    return static_cast<ssize_t>(length);
+}
+
+// Whether the host must be told that the input is not supported. An empty file says nothing.
+bool read_initial_state()
+{
+    char text[kTextSize] = {};
+    const ssize_t length = read_state_file(text);
+    if (length < 0) {
+        log_e("failed to open extcon init state file\n");
+        store_state(AUDIO_INPUT_FORMAT_NONE, kDefaultSampleRate);
+        return true;
+    }
+    bool unsupported = false;
+    if (length > 0) {
+        log_i("extcon init state: (%s).\n", text);
+        audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
+        int32_t sample_rate = kDefaultSampleRate;
+        unsupported = !audio_input_parse_state(text, &format, &sample_rate);
+        if (unsupported)
+            log_w("unsupported hdmi input sample rate, used default!\n");
+        store_state(format, sample_rate);
+    }
+    log_i("format:%d sample_rate:%d\n", g_ai_info.format.load(), g_ai_info.original_sample_rate.load());
+    return unsupported;
+}
+
+// A descriptor above 0, or -1.
+int open_uevent_socket()
+{
+    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    if (fd < 0)
+        return -1;
+    // Needs a privilege; without it a burst of events overruns the default size sooner.
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kUeventBufferBytes, sizeof(kUeventBufferBytes));
+    struct sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = kAllUeventGroups;
+    const bool bound = bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) == 0;
+    // 0 is nobody's socket: it means that the process lost its standard input.
+    if (bound && fd != 0)
+        return fd;
+    close(fd);
+    return -1;
+}
+
+void take_state_line(std::string_view line, detection* state)
+{
+    audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
+    int32_t sample_rate = g_ai_info.original_sample_rate;
+    audio_input_parse_state(line, &format, &sample_rate);
+    store_state(format, sample_rate);
+    if (sample_rate != state->old_sample_rate) {
+        log_w("sample_rate: %d -> %d\n", state->old_sample_rate, sample_rate);
+        state->old_sample_rate = sample_rate;
+        state->force_reset = true;
+    }
+    if (format != state->old_format) {
+        log_w("format: %s -> %s\n", audio_input_format_name(state->old_format), audio_input_format_name(format));
+        state->old_format = format;
+        state->force_reset = true;
+    }
+    state->last_timeus = av_gettime_relative();
+    state->state_changed = true;
+}
+
+// @p message has a NUL behind its last byte.
+void take_message(std::string_view message, detection* state)
+{
+    // Deliberate: the driver's own device is the one that is passed over, its state comes under another path.
+    if (strcasecmp(message.data(), kUeventHeader) == 0) {
+        log_i("event(%s) not match\n", message.data());
+        return;
+    }
+    for (std::string_view line = audio_input_next_string(&message); !line.empty();
+         line = audio_input_next_string(&message)) {
+        log_i("mesg(%s)\n", line.data());
+        if (line.substr(0, kStateLinePrefix.size()) == kStateLinePrefix)
+            take_state_line(line, state);
+    }
+}
+
+// A supported state is reported at once, none only when it lasts: sources pass through it at every change.
+void report_state(detection* state, int64_t now_us)
+{
+    if (!state->state_changed)
+        return;
+    if (g_ai_info.format != AUDIO_INPUT_FORMAT_NONE) {
+        g_ai_info.changed_cb(state->force_reset, nullptr);
+        state->state_changed = false;
+    } else if (now_us - state->last_timeus > kUnsupportedAfterUs) {
+        log_w("unsupported hdmi input format!\n");
+        g_ai_info.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
+        g_ai_info.changed_cb(false, nullptr);
+        state->state_changed = false;
+    }
+    state->force_reset = false;
+}
+
+void watch_uevents(int uevent_fd)
+{
+    detection state = {g_ai_info.original_sample_rate, g_ai_info.format, false, false, 0};
+    while (!g_ai_info.abort_request) {
+        struct pollfd ready = {uevent_fd, POLLIN, 0};
+        const int count = poll(&ready, 1, kPollMs);
+        if (count > 0) {
+            char buffer[kTextSize] = {};
+            // An overrun of the receive buffer makes the socket ready as well, with an error to fetch.
+            const ssize_t length = recv(uevent_fd, buffer, sizeof(buffer) - 1, MSG_DONTWAIT);
+            if (length <= 0) {
+                back_off();
+                continue;
+            }
+            take_message({buffer, static_cast<size_t>(length)}, &state);
+        } else if (count < 0) {
+            back_off();
+        }
+        report_state(&state, av_gettime_relative());
+    }
+}
+
+void* format_detect(void*)
+{
+    set_thread_name("format_detect");
+    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    const int uevent_fd = open_uevent_socket();
+    if (uevent_fd < 0) {
+        log_e("failed to register uevent for hdmi in audio headdone detection\n");
+        return nullptr;
+    }
+    watch_uevents(uevent_fd);
+    close(uevent_fd);
+    log_i("monitor state stop ...\n");
+    return nullptr;
+}
+
+// --- Lifecycle --------------------------------------------------------------
+
+// Clears every field except the locks: the caller holds one of them.
+void clear_record() REQUIRES(g_ai_info.api_rwlock)
+{
+    g_ai_info.initialized = false;
+    g_ai_info.avsync_reset = false;
+    g_ai_info.read_continued = false;
+    g_ai_info.enable_log = false;
+    g_ai_info.abort_request = false;
+    g_ai_info.reopen_device = false;
+    g_ai_info.hotplug_status = E_HDMI_HOTPLUG_STATUS_OUT;
+    g_ai_info.original_sample_rate = 0;
+    g_ai_info.audio_cfg = {};
+    g_ai_info.pcm_frame_queue = -1;
+    g_ai_info.read_thread = 0;
+    g_ai_info.format_detect_thread = 0;
+    g_ai_info.format = AUDIO_INPUT_FORMAT_NONE;
+    g_ai_info.event_cb = nullptr;
+    g_ai_info.read_frames = 0;
+    g_ai_info.acquire_size = 0;
+    g_ai_info.attr = {};
+    g_ai_info.iec61937_queue = -1;
+    g_ai_info.frame_serial = 0;
+    g_ai_info.changed_cb = nullptr;
+    g_ai_info.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
+    g_ai_info.read_failing = false;
+}
+
+void prepare_record(const audio_input_config_t& cfg) REQUIRES(g_ai_info.api_rwlock)
+{
+    clear_record();
+    g_ai_info.enable_log = env_get_value("debug_hdmiplayer_log_ai_api", 0) != 0;
+    g_ai_info.internal_mutex.init();
+    pthread_attr_init(&g_ai_info.attr);
+    g_ai_info.event_cb = cfg.event_cb;
+    g_ai_info.changed_cb = cfg.changed_cb;
+}
+
+void release_queue(int32_t queue)
+{
+    if (queue < 0)
+        return;
+    const int32_t err = frame_queue_deinit(queue);
+    if (err < 0)
+        log_e("frame_queue_pool_release failed. err:%d\n", err);
+}
+
+// The end of a deinit, and of an init that failed. The threads have ended.
+void teardown() REQUIRES(g_ai_info.api_rwlock)
+{
+    release_queue(g_ai_info.iec61937_queue);
+    release_queue(g_ai_info.pcm_frame_queue);
+    close_device();
+    pthread_attr_destroy(&g_ai_info.attr);
+    g_ai_info.internal_mutex.destroy();
+    clear_record();
+}
+
+bool open_device() REQUIRES(g_ai_info.api_rwlock)
+{
+    audio_config_t* cfg = &g_ai_info.audio_cfg;
+    cfg->stream_type = E_AUDIO_STREAM_CAPTURE;
+    cfg->card_id = kCard;
+    cfg->device_id = E_AUDIO_IO_DEV_HDMI_IN;
+    cfg->output_fmt = E_AUDIO_IO_FORMAT_PCM;
+    cfg->channels = kChannels;
+    cfg->open_mode = kCaptureOpenMode;
+    cfg->game_mode = false;
+    cfg->pcm_name = nullptr;
+    cfg->in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
+    set_device_rate(g_ai_info.original_sample_rate);
+    mutex_guard device(g_ai_info.device_mutex);
+    const int err = aio_device_open(cfg);
+    if (err < 0) {
+        log_e("aio_device_open failed. err:%d\n", err);
+        return false;
+    }
+    g_ai_info.device_opened = true;
+    return true;
+}
+
+bool create_queues() REQUIRES(g_ai_info.api_rwlock)
+{
+    g_ai_info.pcm_frame_queue = frame_queue_init(kQueueFrames, "IN");
+    if (g_ai_info.pcm_frame_queue < 0) {
+        log_e("frame_queue_init failed.\n");
+        return false;
+    }
+    log_i("pcm_frame_queue id:%d.\n", g_ai_info.pcm_frame_queue);
+    g_ai_info.iec61937_queue = frame_queue_init(kQueueFrames, "IEC61937");
+    if (g_ai_info.iec61937_queue < 0) {
+        log_e("iec61937_queue_init failed.\n");
+        return false;
+    }
+    log_i("iec61937_queue id:%d.\n", g_ai_info.iec61937_queue);
+    return true;
+}
+
+bool start_detection() REQUIRES(g_ai_info.api_rwlock)
+{
+    if (pthread_create(&g_ai_info.format_detect_thread, nullptr, format_detect, &g_ai_info) == 0)
+        return true;
+    g_ai_info.format_detect_thread = 0; // undefined after a failure
+    log_e("create format_detect_thread failed!\n");
+    return false;
+}
+
+int create_read_thread() REQUIRES(g_ai_info.api_rwlock)
+{
+    struct sched_param param = {};
+    param.sched_priority = kReadPriority;
+    // Without the first, policy and priority would be ignored in favour of the caller's.
+    pthread_attr_setinheritsched(&g_ai_info.attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&g_ai_info.attr, SCHED_RR);
+    pthread_attr_setschedparam(&g_ai_info.attr, &param);
+    const int err = pthread_create(&g_ai_info.read_thread, &g_ai_info.attr, audio_read, &g_ai_info);
+    if (err != EPERM)
+        return err;
+    static std::atomic<bool> warned{false};
+    if (!warned.exchange(true))
+        log_w("no permission for real-time priority %d, audio_read runs without.\n", kReadPriority);
+    return pthread_create(&g_ai_info.read_thread, nullptr, audio_read, &g_ai_info);
+}
+
+bool start_reading() REQUIRES(g_ai_info.api_rwlock)
+{
+    if (create_read_thread() == 0)
+        return true;
+    g_ai_info.read_thread = 0;
+    log_e("create read thread failed!\n");
+    return false;
+}
+
+// Init without the event: @p unsupported tells whether to raise it.
+bool start(const audio_input_config_t& cfg, bool* unsupported)
+{
+    write_guard api(g_ai_info.api_rwlock);
+    // abort_request without initialized: another thread's init failed and is being undone.
+    if (g_ai_info.initialized || g_ai_info.abort_request) {
+        log_w("module has been initialized\n");
+        return false;
+    }
+    prepare_record(cfg);
+    *unsupported = read_initial_state();
+    if (!open_device() || !create_queues() || !start_detection()) {
+        teardown();
+        return false;
+    }
+    if (start_reading()) {
+        g_ai_info.initialized = true;
+        return true;
+    }
+    g_ai_info.abort_request = true;
+    // The detection thread may be in a callback that calls in and waits for this lock.
+    api.unlock();
+    pthread_join(g_ai_info.format_detect_thread, nullptr);
+    write_guard again(g_ai_info.api_rwlock);
+    teardown();
+    return false;
+}
+
+} // namespace
+
+bool audio_input_parse_state(std::string_view text, audio_input_format_e* format, int32_t* sample_rate)
+{
+    for (const state_key& key : kStateKeys) {
+        if (text.find(key.text) == std::string_view::npos)
+            continue;
+        *format = key.format;
+        *sample_rate = key.sample_rate;
+        return true;
+    }
+    return false;
+}
+
+std::string_view audio_input_next_string(std::string_view* message)
+{
+    const size_t end = message->find('\0');
+    const std::string_view first = message->substr(0, end);
+    message->remove_prefix(end == std::string_view::npos ? message->size() : end + 1);
+    return first;
+}
+
+int32_t audio_input_next_serial(int32_t serial) { return serial >= INT32_MAX - 1 ? 0 : serial + 1; }
+
+int32_t audio_input_init(audio_input_config_t cfg)
+{
+    if (cfg.event_cb == nullptr || cfg.changed_cb == nullptr) {
+        log_e("invalid callback function.\n");
+        return -1;
+    }
+    bool unsupported = false;
+    const bool started = start(cfg, &unsupported);
+    // Not before the lock is released: the host may call back in.
+    if (unsupported)
+        cfg.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
+    return started ? 0 : -1;
+}
+
+int32_t audio_input_deinit(void)
+{
+    {
+        read_guard api(g_ai_info.api_rwlock);
+        // The request is also the claim: of two concurrent calls one ends the module.
+        if (!g_ai_info.initialized || g_ai_info.abort_request.exchange(true)) {
+            log_w("module not initialized\n");
+            return -1;
+        }
+    }
+    frame_queue_abort(g_ai_info.pcm_frame_queue);
+    frame_queue_abort(g_ai_info.iec61937_queue);
+    pthread_join(g_ai_info.format_detect_thread, nullptr);
+    const int32_t err = close_device(); // ends a blocked read
+    if (err < 0)
+        log_e("aio_device_close failed. err:%d\n", err);
+    pthread_join(g_ai_info.read_thread, nullptr);
+    write_guard api(g_ai_info.api_rwlock);
+    teardown();
+    return 0;
+}
+
+int32_t audio_input_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_v("module not initialized\n");
+        return -1;
+    }
+    frame_info_t* slot = frame_queue_done_dequeue(g_ai_info.pcm_frame_queue, timeout_ms);
+    if (slot == nullptr) {
+        log_d("frame_queue_done_dequeue failed.\n");
+        return -1;
+    }
+    *frame = &slot->frame;
+    return 0;
+}
+
+int32_t audio_input_put_pcm_frame(hdmi_player_audio_frame_t* frame)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    return frame_queue_put(g_ai_info.pcm_frame_queue, frame);
+}
+
+int32_t audio_input_get_iec61937_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_d("module not initialized\n");
+        return -1;
+    }
+    frame_info_t* slot = frame_queue_done_dequeue(g_ai_info.iec61937_queue, timeout_ms);
+    if (slot == nullptr) {
+        log_d("frame_queue_done_dequeue failed.\n");
+        return -1;
+    }
+    *frame = &slot->frame;
+    return 0;
+}
+
+int32_t audio_input_put_iec61937_frame(hdmi_player_audio_frame_t* frame)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_v("module not initialized\n");
+        return -1;
+    }
+    return frame_queue_put(g_ai_info.iec61937_queue, frame);
+}
+
+void audio_input_wakeup_iec61937_queue(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return;
+    }
+    frame_queue_done_wakeup(g_ai_info.iec61937_queue);
+}
+
+int32_t audio_input_set_game_mode(bool)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    log_w("game mode is not supported now\n");
+    return -1;
+}
+
+bool audio_input_get_game_mode(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return false;
+    }
+    return g_ai_info.audio_cfg.game_mode;
+}
+
+int32_t audio_input_get_original_sample_rate(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return kDefaultSampleRate;
+    }
+    return g_ai_info.original_sample_rate;
+}
+
+bool audio_input_read_continued(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return false;
+    }
+    return g_ai_info.read_continued;
+}
+
+int32_t audio_input_set_read_continued(bool enable)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    mutex_guard setter(g_ai_info.internal_mutex);
+    g_ai_info.read_continued = enable;
+    return 0;
+}
+
+int32_t audio_input_avsync_reset(bool enable)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    mutex_guard setter(g_ai_info.internal_mutex);
+    g_ai_info.avsync_reset = enable;
+    log_i("avsync_reset:%d\n", enable);
+    return 0;
+}
+
+audio_input_format_e audio_input_get_format(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return AUDIO_INPUT_FORMAT_NONE;
+    }
+    return g_ai_info.format;
+}
+
+hdmi_hotplug_status_e audio_input_get_hotplug_status(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return E_HDMI_HOTPLUG_STATUS_OUT;
+    }
+    return static_cast<hdmi_hotplug_status_e>(g_ai_info.hotplug_status.load());
+}
+
+int32_t audio_input_set_hotplug_status(hdmi_hotplug_status_e status)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    mutex_guard setter(g_ai_info.internal_mutex);
+    g_ai_info.hotplug_status = status;
+    return 0;
+}
+
+audio_in_bypass_mode_e audio_input_get_bypass_mode(void)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return E_AUDIO_IN_BYPASS_MODE_NONE;
+    }
+    return g_ai_info.in_bypass_mode;
+}
+
+int32_t audio_input_set_bypass_mode(audio_in_bypass_mode_e mode)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    mutex_guard setter(g_ai_info.internal_mutex);
+    g_ai_info.in_bypass_mode = mode;
+    return 0;
+}
+
+int32_t audio_input_set_reopen_device(bool enable)
+{
+    read_guard api(g_ai_info.api_rwlock);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    {
+        mutex_guard setter(g_ai_info.internal_mutex);
+        g_ai_info.reopen_device = enable;
+    }
+    // The read thread may wait for a frame of a queue that nobody empties any more. A wake-up that it does
+    // not need ends at its next acquire.
+    if (enable) {
+        frame_queue_pool_wakeup(g_ai_info.pcm_frame_queue);
+        frame_queue_pool_wakeup(g_ai_info.iec61937_queue);
+    }
+    return 0;
+}
+
+const char* audio_input_format_name(audio_input_format_e format)
+{
+    switch (format) {
+    case AUDIO_INPUT_FORMAT_PCM: return "pcm";
+    case AUDIO_INPUT_FORMAT_COMP_IEC61937: return "IEC-61937";
+    default: return "unknown";
+    }
+}

@@ -1,0 +1,826 @@
+// SPDX-License-Identifier: MIT
+#include "internal/dolby.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "internal/common.h"
+
+dolby_info_t g_dolby_info;
+
+namespace
+{
+
+/// Pa, Pb, Pc and Pd.
+constexpr uint32_t kPreambleBytes = 8;
+constexpr uint32_t kSyncBytes = 4;
+/// Pa = 0xF872 and Pb = 0x4E1F, little endian.
+constexpr uint8_t kSync[kSyncBytes] = {0x72, 0xF8, 0x1F, 0x4E};
+constexpr uint16_t kPcErrorFlag = 0x80;
+/// Data type and its two dependent bits: a burst that sets one of those is not recognised.
+constexpr uint16_t kPcTypeMask = 0x7F;
+
+constexpr int32_t kOutputQueueFrames = 32;
+/// Where the player names no size: a 48 kHz period of 16-bit stereo.
+constexpr int32_t kDefaultOutputBytes = 960 * 4;
+constexpr int32_t kDefaultSampleRate = 48000;
+constexpr int32_t kDefaultChannels = 2;
+constexpr int32_t kBytesPerSample = 2;
+constexpr int32_t kDequeueTimeoutMs = 100;
+/// How often a decoder that signals nothing is asked for output.
+constexpr uint32_t kReadPollMs = 10;
+/// Pause after a source or a queue that refused at once, so that its thread does not spin.
+constexpr useconds_t kRefusedPauseUs = 2000;
+/// A decoder that takes no bytes is asked again so often, at this interval. Both stretches of a burst
+/// may cost that much and the demux thread still keeps up: a burst lasts 10.7 ms at least.
+constexpr int kStalledWritesMax = 4;
+constexpr useconds_t kStalledWritePauseUs = 1000;
+constexpr size_t kDumpNameBytes = 256;
+
+/// Serialises init and deinit as a whole; deinit joins with no other lock held.
+mutex_t g_lifecycle_mutex;
+
+struct burst_type {
+    dolby_iec61937_format_e format;
+    uint32_t pd_units_per_byte; ///< Pd counts bits or bytes
+    uint32_t burst_bytes;       ///< repetition period, 4 bytes for each sample frame
+};
+
+constexpr burst_type kBurstTypes[] = {
+    {DOLBY_IEC61937_FORMAT_AC3, 8, 6144},   {DOLBY_IEC61937_FORMAT_DTS1, 8, 2048},
+    {DOLBY_IEC61937_FORMAT_DTS2, 8, 4096},  {DOLBY_IEC61937_FORMAT_DTS3, 8, 8192},
+    {DOLBY_IEC61937_FORMAT_EAC3, 1, 24576},
+};
+
+struct burst {
+    dolby_iec61937_format_e format;
+    uint32_t filter_bytes;
+    uint32_t burst_bytes;
+    uint32_t payload_bytes;
+};
+
+/// What is left of a chunk.
+struct stretch {
+    const uint8_t* data;
+    uint32_t bytes;
+
+    void skip(uint32_t count)
+    {
+        data += count;
+        bytes -= count;
+    }
+};
+
+uint16_t read_le16(const uint8_t* data) { return static_cast<uint16_t>(data[0] | data[1] << 8); }
+
+const burst_type* find_burst_type(dolby_iec61937_format_e format)
+{
+    for (const burst_type& type : kBurstTypes) {
+        if (type.format == format)
+            return &type;
+    }
+    return nullptr;
+}
+
+// The first burst in @p data; its burst_bytes are 0 when there is none.
+burst find_burst(const uint8_t* data, uint32_t bytes)
+{
+    burst found = {};
+    dolby_disassemble_burst_preamble(&found.format, const_cast<uint8_t*>(data), bytes, &found.filter_bytes,
+                                     &found.burst_bytes, &found.payload_bytes);
+    return found;
+}
+
+// Steps over what the previous burst still owes. 0, or the error of the send.
+int32_t take_owed(dolby_info_t* info, stretch* left)
+{
+    const uint32_t payload = info->iec61937_payload_insufficient_bytes;
+    if (payload > left->bytes) {
+        // Deliberate: only a tail that completes within one chunk reaches the decoder.
+        info->iec61937_payload_insufficient_bytes -= left->bytes;
+        left->skip(left->bytes);
+        return 0;
+    }
+    info->iec61937_payload_insufficient_bytes = 0;
+    const int32_t ret = payload > 0 ? dolby_send_stream(info, left->data, payload, info->format) : 0;
+    if (ret != 0) {
+        // The rest of this chunk is lost, and with it the place in the burst: search afresh.
+        info->iec61937_burst_insufficient_bytes = 0;
+        return ret;
+    }
+    left->skip(payload);
+    const uint32_t skipped = std::min(info->iec61937_burst_insufficient_bytes, left->bytes);
+    info->iec61937_burst_insufficient_bytes -= skipped;
+    left->skip(skipped);
+    return 0;
+}
+
+// Moves bytes to the held preamble; whether it is complete then.
+bool hold_preamble(dolby_info_t* info, stretch* left)
+{
+    const auto held = static_cast<uint32_t>(info->iec61937_header_size);
+    const uint32_t count = std::min(kPreambleBytes - held, left->bytes);
+    std::copy_n(left->data, count, info->iec61937_header + held);
+    left->skip(count);
+    info->iec61937_header_size = static_cast<int32_t>(held + count);
+    return held + count == kPreambleBytes;
+}
+
+// Sends what the chunk, which ends inside the burst or with it, holds of the payload, and notes what it owes.
+// @p rest counts the bytes behind the preamble: three more than the chunk has where a held preamble was false.
+void begin_burst(dolby_info_t* info, const burst& found, const stretch& left, uint32_t rest)
+{
+    const uint32_t room = found.burst_bytes - kPreambleBytes;
+    if (left.bytes > 0)
+        dolby_send_stream(info, left.data, std::min(found.payload_bytes, left.bytes), found.format);
+    info->iec61937_payload_insufficient_bytes = found.payload_bytes - std::min(found.payload_bytes, rest);
+    info->iec61937_burst_insufficient_bytes = room - std::min(room, std::max(found.payload_bytes, rest));
+}
+
+const char* format_name(dolby_iec61937_format_e format)
+{
+    switch (format) {
+    case DOLBY_IEC61937_FORMAT_UNSET: return "unset";
+    case DOLBY_IEC61937_FORMAT_AC3: return "ac3";
+    case DOLBY_IEC61937_FORMAT_DTS1:
+    case DOLBY_IEC61937_FORMAT_DTS2:
+    case DOLBY_IEC61937_FORMAT_DTS3: return "dts";
+    case DOLBY_IEC61937_FORMAT_EAC3: return "eac3";
+    default: return "unknown";
+    }
+}
+
+bool is_decodable(dolby_iec61937_format_e format)
+{
+    return format == DOLBY_IEC61937_FORMAT_AC3 || format == DOLBY_IEC61937_FORMAT_EAC3;
+}
+
+bool is_dts(dolby_iec61937_format_e format)
+{
+    return format == DOLBY_IEC61937_FORMAT_DTS1 || format == DOLBY_IEC61937_FORMAT_DTS2 ||
+           format == DOLBY_IEC61937_FORMAT_DTS3;
+}
+
+bool is_same_family(dolby_iec61937_format_e a, dolby_iec61937_format_e b)
+{
+    return a == b || (is_decodable(a) && is_decodable(b)) || (is_dts(a) && is_dts(b));
+}
+
+bool is_silent(const uint8_t* data, uint32_t size)
+{
+    return size == 0 || (data[0] == 0 && memcmp(data, data + 1, size - 1) == 0);
+}
+
+adecoder_handle_t* current_decoder(dolby_info_t* info)
+{
+    mutex_guard lock(info->decoder_mutex);
+    return info->adecoder_handle;
+}
+
+int32_t current_sample_rate(dolby_info_t* info)
+{
+    mutex_guard lock(info->decoder_mutex);
+    const int32_t rate = info->adecoder_handle != nullptr ? adecoder_get_output_sample_rate(info->adecoder_handle)
+                                                          : info->output_sample_rate.load();
+    return rate > 0 ? rate : kDefaultSampleRate;
+}
+
+void signal_decode_thread(dolby_info_t* info)
+{
+    mutex_guard lock(info->decoder_mutex);
+    pthread_cond_signal(&info->decoder_cond);
+}
+
+// The queue wakes one waiting producer only, and any acquire may swallow the request: whoever might have
+// done so repeats it until the demux thread has its answer.
+void release_demux_thread(dolby_info_t* info)
+{
+    if (info->demux_acquiring && info->strategy != DOLBY_STRATEGY_DECODE)
+        frame_queue_pool_wakeup(info->output_pcm_queue);
+}
+
+frame_info_t* acquire_output_frame(dolby_info_t* info, int32_t size)
+{
+    frame_info_t* frame = frame_queue_pool_acquire(info->output_pcm_queue, std::max(size, 1));
+    if (frame != nullptr && frame->frame.data == nullptr) {
+        frame_queue_put(info->output_pcm_queue, &frame->frame);
+        return nullptr;
+    }
+    return frame;
+}
+
+// For the demux thread: null as well when decoding ends while the queue is full.
+frame_info_t* acquire_silence_frame(dolby_info_t* info, int32_t size)
+{
+    info->demux_acquiring = true;
+    // A change of strategy before the flag was set has woken nobody.
+    frame_info_t* frame = info->strategy == DOLBY_STRATEGY_DECODE ? acquire_output_frame(info, size) : nullptr;
+    info->demux_acquiring = false;
+    return frame;
+}
+
+int32_t write_once(adecoder_handle_t* decoder, const stretch& left, int32_t* status)
+{
+    *status = 0;
+    return adecoder_write(decoder, left.data, static_cast<int32_t>(left.bytes), 0, -1, status);
+}
+
+// Writes some bytes, waiting a little for a decoder that takes none. The result of the last write.
+int32_t write_some(dolby_info_t* info, adecoder_handle_t* decoder, const stretch& left, int32_t* status)
+{
+    int32_t written = write_once(decoder, left, status);
+    for (int attempt = 0; attempt < kStalledWritesMax && written == 0 && !info->abort_request; ++attempt) {
+        signal_decode_thread(info);
+        usleep(kStalledWritePauseUs);
+        written = write_once(decoder, left, status);
+    }
+    return written;
+}
+
+// Handles one captured chunk.
+void dolby_demux(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
+{
+    if (chunk->serial != info->frame_serial) {
+        log_i("frame_serial changed: %d -> %d\n", info->frame_serial.load(), chunk->serial);
+        info->wait_iec61937 = false;
+        info->frame_serial = chunk->serial;
+    }
+    if (chunk->channels != info->output_channels) {
+        log_w("channels: %d -> %d\n", info->output_channels.load(), chunk->channels);
+        info->output_channels = chunk->channels;
+        info->need_reinit_decoder = true;
+    }
+    if (chunk->sample_rate != info->output_sample_rate) {
+        log_w("sample_rate: %d -> %d\n", info->output_sample_rate.load(), chunk->sample_rate);
+        info->output_sample_rate = chunk->sample_rate;
+    }
+    if (info->enlog)
+        log_i("IEC-61937 serial:%d pts:%lld size:%d channels:%d sample_rate:%d\n", chunk->serial,
+              static_cast<long long>(chunk->pts), chunk->size, chunk->channels, chunk->sample_rate);
+
+    const uint32_t size = chunk->data != nullptr && chunk->size > 0 ? static_cast<uint32_t>(chunk->size) : 0;
+    dolby_dump(info, DOLBY_DUMP_IEC61937, chunk->data, size);
+    if (dolby_disassemble_iec61937(info, chunk->data, size) == 0 || !is_silent(chunk->data, size))
+        return;
+
+    frame_info_t* silence = acquire_silence_frame(info, static_cast<int32_t>(size));
+    if (silence == nullptr) {
+        log_e("frame_queue_pool_acquire(size:%d) failed.\n", static_cast<int32_t>(size));
+        return;
+    }
+    hdmi_player_audio_frame_t& frame = silence->frame;
+    log_d("src data:%p buf_size:%d size:%d dts data:%p buf_size:%d size:%d\n", static_cast<void*>(chunk->data),
+          chunk->buf_size, chunk->size, static_cast<void*>(frame.data), frame.buf_size, frame.size);
+    std::copy_n(chunk->data, size, frame.data);
+    frame.size = static_cast<int32_t>(size);
+    dolby_dump(info, DOLBY_DUMP_PCM, frame.data, size);
+    dolby_pack_pcm_frame(info, silence);
+    info->wait_iec61937 = true;
+}
+
+void* dolby_demux(void* arg)
+{
+    auto* info = static_cast<dolby_info_t*>(arg);
+    set_thread_name("dolby_demux");
+    log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    while (!info->abort_request) {
+        hdmi_player_audio_frame_t* chunk = info->input_queue_dequeue_cb(kDequeueTimeoutMs);
+        if (chunk == nullptr) {
+            usleep(kRefusedPauseUs);
+            continue;
+        }
+        if (info->strategy == DOLBY_STRATEGY_DECODE)
+            dolby_demux(info, chunk);
+        else
+            info->iec61937_burst_insufficient_bytes = 0;
+        info->input_queue_put_cb(chunk);
+    }
+    log_i("exit\n");
+    return nullptr;
+}
+
+void* dolby_decode(void* arg)
+{
+    auto* info = static_cast<dolby_info_t*>(arg);
+    set_thread_name("dolby_decode");
+    log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    const int32_t frame_size = info->output_acquire_size;
+    frame_info_t* frame = nullptr;
+    while (!info->abort_request) {
+        if (frame == nullptr) {
+            frame = acquire_output_frame(info, frame_size);
+            release_demux_thread(info);
+            if (frame == nullptr && !info->abort_request) {
+                log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame_size);
+                usleep(kRefusedPauseUs);
+            }
+            continue;
+        }
+        mutex_guard lock(info->decoder_mutex);
+        if (info->adecoder_handle == nullptr) {
+            frame_queue_put(info->output_pcm_queue, &frame->frame);
+            frame = nullptr;
+            while (info->adecoder_handle == nullptr && !info->abort_request)
+                lock.wait(info->decoder_cond);
+            continue;
+        }
+        memset(frame->frame.data, 0, static_cast<size_t>(frame_size));
+        const int32_t size = adecoder_read(info->adecoder_handle, 0, 0, frame->frame.data, frame_size, 0);
+        if (size <= 0) {
+            log_v("adecoder_read size:%d\n", size);
+            // Not a wait for a state: any wake reads again.
+            if (!info->abort_request)
+                lock.wait_until(info->decoder_cond, get_cond_timeout_ms(kReadPollMs));
+            continue;
+        }
+        lock.unlock();
+        log_i("adecoder_read size:%d\n", size);
+        frame->frame.size = std::min(size, frame_size);
+        dolby_dump(info, DOLBY_DUMP_PCM, frame->frame.data, static_cast<uint32_t>(frame->frame.size));
+        dolby_pack_pcm_frame(info, frame);
+        frame = nullptr;
+    }
+    if (frame != nullptr)
+        frame_queue_put(info->output_pcm_queue, &frame->frame);
+    log_i("exit\n");
+    return nullptr;
+}
+
+// Everything except api_rwlock, which the caller holds for writing, as after static initialisation.
+void reset_record(dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS
+{
+    info->initialized = false;
+    info->enlog = false;
+    info->async_mode = false;
+    info->abort_request = false;
+    info->need_reinit_decoder = false;
+    info->wait_iec61937 = false;
+    info->strategy = DOLBY_STRATEGY_MAX;
+    info->format = DOLBY_IEC61937_FORMAT_UNSET;
+    info->iec61937_burst_insufficient_bytes = 0;
+    info->iec61937_payload_insufficient_bytes = 0;
+    info->output_sample_rate = 0;
+    info->output_channels = 0;
+    info->output_frames = 0;
+    info->output_acquire_size = 0;
+    info->output_pcm_queue = -1;
+    info->frame_serial = -1;
+    info->last_frame_serial = -1;
+    info->iec61937_header_size = 0;
+    memset(info->iec61937_header, 0, sizeof(info->iec61937_header));
+    info->adecoder_handle = nullptr;
+    info->dump_path_iec61937 = nullptr;
+    info->dump_path_raw = nullptr;
+    info->dump_path_pcm = nullptr;
+    info->tid_demux = 0;
+    info->tid_decode = 0;
+    info->event_cb = nullptr;
+    info->format_changed_cb = nullptr;
+    info->input_queue_dequeue_cb = nullptr;
+    info->input_queue_put_cb = nullptr;
+    info->input_queue_wakeup_cb = nullptr;
+    info->demux_acquiring = false;
+}
+
+void set_up(dolby_info_t* info, const dolby_config_t& cfg)
+{
+    reset_record(info);
+    info->output_acquire_size = cfg.output_buffer_size > 0 ? cfg.output_buffer_size : kDefaultOutputBytes;
+    info->event_cb = cfg.event_cb;
+    info->format_changed_cb = cfg.format_changed_cb;
+    info->input_queue_dequeue_cb = cfg.input_queue_dequeue_cb;
+    info->input_queue_put_cb = cfg.input_queue_put_cb;
+    info->input_queue_wakeup_cb = cfg.input_queue_wakeup_cb;
+    info->decoder_mutex.init();
+    pthread_cond_init(&info->decoder_cond, nullptr);
+    info->internal_mutex.init();
+}
+
+// Ends the threads that run, wherever they wait: on the input, on the decoder or on a full output queue.
+void stop_threads(dolby_info_t* info)
+{
+    info->abort_request = true;
+    if (info->output_pcm_queue >= 0)
+        frame_queue_abort(info->output_pcm_queue);
+    if (info->tid_demux != 0)
+        info->input_queue_wakeup_cb();
+    signal_decode_thread(info);
+    if (info->tid_demux != 0)
+        pthread_join(info->tid_demux, nullptr);
+    if (info->tid_decode != 0)
+        pthread_join(info->tid_decode, nullptr);
+}
+
+// Takes a record apart whose threads have ended. 0, or the decoder's error.
+int32_t tear_down(dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS
+{
+    info->internal_mutex.destroy();
+    info->decoder_mutex.destroy();
+    pthread_cond_destroy(&info->decoder_cond);
+    if (info->output_pcm_queue >= 0)
+        frame_queue_deinit(info->output_pcm_queue);
+    const int32_t ret = info->adecoder_handle != nullptr ? adecoder_deinit(info->adecoder_handle) : 0;
+    free(info->dump_path_iec61937);
+    free(info->dump_path_raw);
+    free(info->dump_path_pcm);
+    reset_record(info);
+    return ret;
+}
+
+} // namespace
+
+void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* buffer, uint32_t bytes,
+                                       uint32_t* filter_bytes, uint32_t* burst_bytes, uint32_t* payload_bytes)
+{
+    *filter_bytes = 0;
+    *burst_bytes = 0;
+    *payload_bytes = 0;
+    if (buffer == nullptr || bytes < kPreambleBytes)
+        return nullptr;
+
+    auto* const data = static_cast<uint8_t*>(buffer);
+    // A whole preamble follows where the sync is looked for.
+    const auto* const sync =
+        static_cast<const uint8_t*>(memmem(data, bytes - kPreambleBytes + kSyncBytes, kSync, kSyncBytes));
+    if (sync != nullptr) {
+        *filter_bytes = static_cast<uint32_t>(sync - data);
+        log_v("[Pa Pb] found! filter_bytes(%d)\n", *filter_bytes);
+        *filter_bytes += kSyncBytes;
+    } else {
+        // Deliberate: Pc and Pd are read all the same, after the last position examined.
+        *filter_bytes = bytes - kPreambleBytes + 1;
+    }
+
+    const uint16_t pc = read_le16(data + *filter_bytes);
+    log_v("Pc(%#x) found!  filter_bytes(%d)\n", pc, *filter_bytes);
+    if ((pc & kPcErrorFlag) != 0) {
+        log_e("Pc error-flag indicating that the burst-payload may contain errors!\n");
+        return nullptr;
+    }
+    *format = static_cast<dolby_iec61937_format_e>(pc & kPcTypeMask);
+    *filter_bytes += 2;
+    const uint16_t pd = read_le16(data + *filter_bytes);
+    log_v("filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", *filter_bytes, pd, *format);
+    *filter_bytes += 2;
+
+    const burst_type* type = find_burst_type(*format);
+    if (type == nullptr)
+        return nullptr;
+    *burst_bytes = type->burst_bytes;
+    *payload_bytes = pd / type->pd_units_per_byte;
+    return data + *filter_bytes;
+}
+
+int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint32_t bytes)
+{
+    bytes = buffer != nullptr ? bytes : 0;
+    stretch left = {static_cast<const uint8_t*>(buffer), bytes};
+    uint32_t& owed_payload = info->iec61937_payload_insufficient_bytes;
+    uint32_t& owed_stuffing = info->iec61937_burst_insufficient_bytes;
+    int32_t ret = 0;
+    for (;;) {
+        log_v("burst_insufficient_bytes(%d) info->iec61937_payload_insufficient_bytes(%d)\n", owed_stuffing,
+              owed_payload);
+        const bool owing = owed_payload > 0 || owed_stuffing > 0;
+        ret = take_owed(info, &left);
+        // A chunk that ends with or inside a burst was burst data to its end.
+        if (ret != 0 || (left.bytes == 0 && (bytes > 0 || owing)))
+            break;
+        ret = -1;
+        burst found = {};
+        const int32_t held = info->iec61937_header_size;
+        const uint32_t need = left.bytes;
+        uint32_t rest = 0; // bytes behind the preamble
+        if (held > 0 || need < kPreambleBytes) {
+            if (!hold_preamble(info, &left))
+                break;
+            info->iec61937_header_size = 0;
+            found = find_burst(info->iec61937_header, kPreambleBytes);
+            rest = left.bytes + kPreambleBytes - found.filter_bytes;
+            if (found.burst_bytes > 0)
+                log_v("iec61937_header_size(%d) need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) "
+                      "payload_bytes(%d)\n",
+                      held, need, found.filter_bytes, found.burst_bytes, found.payload_bytes);
+        } else {
+            found = find_burst(left.data, need);
+            log_v("need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n", need,
+                  found.filter_bytes, found.burst_bytes, found.payload_bytes);
+            left.skip(found.filter_bytes);
+            rest = left.bytes;
+        }
+        if (found.burst_bytes == 0) {
+            log_v("[Pa Pb Pc Pd] not found!\n");
+            break;
+        }
+        log_v("[Pa Pb Pc Pd] found!\n");
+        const uint32_t room = found.burst_bytes - kPreambleBytes;
+        if (rest <= room) {
+            if (found.payload_bytes > room)
+                log_e("payload_bytes(%d) cannot be greater than burst_bytes(%d)\n", found.payload_bytes,
+                      found.burst_bytes);
+            begin_burst(info, found, left, rest);
+            ret = 0;
+            break;
+        }
+        // Clamped: Pd may promise more than the burst and the chunk hold.
+        ret = dolby_send_stream(info, left.data, std::min(found.payload_bytes, left.bytes), found.format);
+        if (ret != 0)
+            break;
+        left.skip(std::min(room, left.bytes));
+    }
+    log_v("bytes(%d) ret(%d)\n", bytes, ret);
+    return ret;
+}
+
+int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, dolby_iec61937_format_e new_format)
+{
+    if (data == nullptr || size == 0) {
+        log_e("[%s] invalid data:%p size:%d\n", format_name(info->format), data, size);
+        return -1;
+    }
+    dolby_dump(info, DOLBY_DUMP_RAW, data, size);
+    // Before the first burst there is nothing to rebuild, and nothing unsupported to report.
+    if (new_format != info->format || (info->need_reinit_decoder && new_format != DOLBY_IEC61937_FORMAT_UNSET))
+        dolby_format_changed(info, new_format);
+
+    // Only this thread replaces the decoder, so it stays valid; writing must not keep the decode thread from reading.
+    adecoder_handle_t* const decoder = current_decoder(info);
+    if (decoder == nullptr)
+        return 0;
+    const char* const name = format_name(info->format);
+    stretch left = {static_cast<const uint8_t*>(data), size};
+    while (left.bytes > 0) {
+        int32_t status = 0;
+        const int32_t ret = write_some(info, decoder, left, &status);
+        if (ret <= 0) {
+            log_e("[%s] adecoder_write failed, left_bytes:%d ret:%d, status:0x%x\n", name, left.bytes, ret, status);
+            return -1;
+        }
+        left.skip(std::min(static_cast<uint32_t>(ret), left.bytes));
+        if (status > 0 || info->async_mode)
+            signal_decode_thread(info);
+        else if (status < 0)
+            log_w("[%s] adecoder_write status:0x%x error do not send signal\n", name, status);
+        if (info->enlog)
+            log_i("[%s] adecoder_write written:%d, left_bytes:%d, status:0x%x\n", name, ret, left.bytes, status);
+    }
+    if (info->wait_iec61937) {
+        info->wait_iec61937 = false;
+        info->format_changed_cb(true, nullptr);
+    }
+    return 0;
+}
+
+void dolby_format_changed(dolby_info_t* info, dolby_iec61937_format_e new_format)
+{
+    const dolby_iec61937_format_e old_format = info->format;
+    const char* const name = format_name(new_format);
+    const bool rebuild_only = new_format == old_format;
+    const bool changed = !is_same_family(old_format, new_format);
+    if (!rebuild_only)
+        log_w("dolby format changed [%s -> %s]\n", format_name(old_format), name);
+
+    bool supported = true;
+    if (changed || rebuild_only) {
+        mutex_guard lock(info->decoder_mutex);
+        if (info->adecoder_handle != nullptr)
+            adecoder_deinit(info->adecoder_handle);
+        info->adecoder_handle = nullptr;
+        if (is_decodable(new_format)) {
+            const adecoder_format_t format = dolby_trans_format(new_format);
+            const adecoder_channel_t num_channel = dolby_trans_channels(info->output_channels);
+            info->adecoder_handle = adecoder_init(format, 1, 0, num_channel, 0, info->async_mode);
+            if (info->adecoder_handle == nullptr)
+                log_e("[%s] adecoder_init failed. format:%d num_channel:%d\n", name, format, num_channel);
+            else
+                log_i("[%s] dolby init success. format:%d num_channel:%d\n", name, format, num_channel);
+        }
+        supported = info->adecoder_handle != nullptr;
+    }
+    // The callbacks reach into the player and the host: no mutex is held here.
+    if (!supported) {
+        info->event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
+        log_w("dolby format [%s] not supported\n", name);
+    }
+    info->format = new_format;
+    if (changed) {
+        info->format_changed_cb(info->wait_iec61937, nullptr);
+        info->wait_iec61937 = false;
+    }
+    info->need_reinit_decoder = false;
+    signal_decode_thread(info);
+}
+
+void dolby_pack_pcm_frame(dolby_info_t* info, frame_info_t* frame)
+{
+    if (info == nullptr) {
+        log_e("info is null.\n");
+        return;
+    }
+    const int32_t sample_rate = current_sample_rate(info);
+    const int32_t channels = info->output_channels;
+    // Held to the end: both threads queue, and time stamps must ascend in the queue.
+    mutex_guard lock(info->internal_mutex);
+    const int32_t serial = info->frame_serial;
+    if (serial != info->last_frame_serial) {
+        log_i("[flush] done, frame_serial:%d -> %d\n", info->last_frame_serial, serial);
+        info->last_frame_serial = serial;
+        info->output_frames = 0;
+        frame_queue_done_release(info->output_pcm_queue);
+    }
+    frame->frame.serial = serial;
+    frame->frame.channels = channels;
+    frame->frame.sample_rate = sample_rate;
+    frame->frame.pts = info->output_frames * 1000000 / sample_rate;
+    info->output_frames += frame->frame.size / kBytesPerSample / (channels > 0 ? channels : kDefaultChannels);
+    log_d("serial:%d output_frames:%lld frame_pts:%lld sample_rate:%d\n", serial,
+          static_cast<long long>(info->output_frames), static_cast<long long>(frame->frame.pts), sample_rate);
+    frame_queue_done_enqueue(info->output_pcm_queue, frame);
+}
+
+void dolby_dump(dolby_info_t* info, dolby_dump_e type, const void* data, uint32_t size)
+{
+    if (data == nullptr || size == 0)
+        return;
+    char name[kDumpNameBytes] = {};
+    int length = 0;
+    if (type == DOLBY_DUMP_IEC61937 && info->dump_path_iec61937 != nullptr)
+        length = snprintf(name, sizeof(name), "%s/dump_dolby_iec61937.raw", info->dump_path_iec61937);
+    else if (type == DOLBY_DUMP_RAW && info->dump_path_raw != nullptr)
+        length =
+            snprintf(name, sizeof(name), "%s/dump_dolby_decode_in.%s", info->dump_path_raw, format_name(info->format));
+    else if (type == DOLBY_DUMP_PCM && info->dump_path_pcm != nullptr)
+        length = snprintf(name, sizeof(name), "%s/dump_dolby_decode_out_ch%d_rate_%d.pcm", info->dump_path_pcm,
+                          info->output_channels.load(), info->output_sample_rate.load());
+    else
+        return;
+
+    const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
+    FILE* const file = fits ? fopen(name, "a+") : nullptr;
+    if (file == nullptr) {
+        log_e("fopen %s fail\n", name);
+        return;
+    }
+    // One write for each block: both threads append to the PCM dump.
+    setvbuf(file, nullptr, _IONBF, 0);
+    fwrite(data, size, 1, file);
+    fclose(file);
+}
+
+adecoder_format_t dolby_trans_format(dolby_iec61937_format_e format)
+{
+    switch (format) {
+    case DOLBY_IEC61937_FORMAT_AC3: return ADECODER_FORMAT_AC3;
+    case DOLBY_IEC61937_FORMAT_EAC3: return ADECODER_FORMAT_EAC3;
+    default: log_w("%s invalid format:%d - %s\n", __func__, format, format_name(format)); return ADECODER_FORMAT_AC3;
+    }
+}
+
+adecoder_channel_t dolby_trans_channels(int32_t channels)
+{
+    if (channels < 1 || channels > ADECODER_CHANNEL_MAX)
+        return ADECODER_CHANNEL_STEREO;
+    return static_cast<adecoder_channel_t>(channels - 1);
+}
+
+int32_t dolby_init(dolby_config_t cfg)
+{
+    if (cfg.event_cb == nullptr || cfg.format_changed_cb == nullptr || cfg.input_queue_dequeue_cb == nullptr ||
+        cfg.input_queue_put_cb == nullptr || cfg.input_queue_wakeup_cb == nullptr) {
+        log_e("invalid callback function\n");
+        return -1;
+    }
+    dolby_info_t* const info = &g_dolby_info;
+    mutex_guard lifecycle(g_lifecycle_mutex);
+    write_guard lock(info->api_rwlock);
+    if (info->initialized) {
+        log_w("module has been initialized\n");
+        return -1;
+    }
+    set_up(info, cfg);
+    bool started = false;
+    info->output_pcm_queue = frame_queue_init(kOutputQueueFrames, "DOLBY_OUT");
+    if (info->output_pcm_queue < 0) {
+        log_e("frame_queue_init failed.\n");
+    } else {
+        log_i("output_pcm_queue id:%d.\n", info->output_pcm_queue);
+        if (pthread_create(&info->tid_demux, nullptr, dolby_demux, info) != 0) {
+            info->tid_demux = 0;
+            log_e("create dolby demux thread failed!\n");
+        } else if (pthread_create(&info->tid_decode, nullptr, dolby_decode, info) != 0) {
+            info->tid_decode = 0;
+            log_e("create dolby decode thread failed!\n");
+        } else {
+            started = true;
+        }
+    }
+    if (!started) {
+        // The demux thread calls nothing of this module before a strategy was set: joining under the lock is safe.
+        stop_threads(info);
+        tear_down(info);
+        log_i("dolby init failed\n");
+        return -1;
+    }
+    info->initialized = true;
+    // The threads look at these only after the strategy was set, which publishes them.
+    info->dump_path_iec61937 = env_get_string("debug_hdmiplayer_dolby_dumppath_iec61937");
+    info->dump_path_raw = env_get_string("debug_hdmiplayer_dolby_dumppath_in");
+    info->dump_path_pcm = env_get_string("debug_hdmiplayer_dolby_dumppath_out");
+    info->enlog = env_get_value("debug_hdmiplayer_dolby_log", 0) != 0;
+    info->async_mode = env_get_value("debug_hdmiplayer_dolby_async", 0) != 0;
+    log_i("dolby init success\n");
+    return 0;
+}
+
+int32_t dolby_deinit(void)
+{
+    dolby_info_t* const info = &g_dolby_info;
+    mutex_guard lifecycle(g_lifecycle_mutex);
+    if (!info->initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    // Without api_rwlock: the threads' callbacks come back into this module.
+    stop_threads(info);
+    write_guard lock(info->api_rwlock);
+    if (tear_down(info) != 0)
+        log_e("adecoder_deinit failedt\n");
+    return 0;
+}
+
+dolby_strategy_e dolby_get_strategy(void)
+{
+    read_guard lock(g_dolby_info.api_rwlock);
+    if (!g_dolby_info.initialized) {
+        log_v("module not initialized\n");
+        return DOLBY_STRATEGY_PCM;
+    }
+    return g_dolby_info.strategy;
+}
+
+int32_t dolby_set_strategy(dolby_strategy_e strategy)
+{
+    read_guard lock(g_dolby_info.api_rwlock);
+    if (!g_dolby_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    g_dolby_info.strategy = strategy;
+    release_demux_thread(&g_dolby_info);
+    return 0;
+}
+
+const char* dolby_strategy_name(dolby_strategy_e strategy)
+{
+    switch (strategy) {
+    case DOLBY_STRATEGY_DECODE: return "decode";
+    case DOLBY_STRATEGY_HWBYPASS: return "hwbypass";
+    case DOLBY_STRATEGY_UNSUPPORTED: return "unsupported";
+    default: return "unknown";
+    }
+}
+
+bool dolby_format_support(void)
+{
+    read_guard lock(g_dolby_info.api_rwlock);
+    if (!g_dolby_info.initialized) {
+        log_w("module not initialized\n");
+        return false;
+    }
+    const dolby_iec61937_format_e format = g_dolby_info.format;
+    return format == DOLBY_IEC61937_FORMAT_UNSET || is_decodable(format);
+}
+
+int32_t dolby_get_output_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard lock(g_dolby_info.api_rwlock);
+    if (!g_dolby_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    frame_info_t* done = frame_queue_done_dequeue(g_dolby_info.output_pcm_queue, timeout_ms);
+    if (done == nullptr) {
+        log_d("frame_queue_done_dequeue failed.\n");
+        return -1;
+    }
+    *frame = &done->frame;
+    return 0;
+}
+
+int32_t dolby_put_output_pcm_frame(hdmi_player_audio_frame_t* frame)
+{
+    if (frame == nullptr)
+        return -1;
+    read_guard lock(g_dolby_info.api_rwlock);
+    if (!g_dolby_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    return frame_queue_put(g_dolby_info.output_pcm_queue, frame);
+}

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What the library prints while something runs, for tests of its messages.
+ */
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+/// Sets the highest level that is printed for a scope. The environment changes: no other thread may log meanwhile.
+class LogLevel
+{
+public:
+    explicit LogLevel(const char* level)
+    {
+        const char* before = getenv(kSwitch);
+        was_set_ = before != nullptr;
+        before_ = was_set_ ? before : "";
+        setenv(kSwitch, level, 1);
+    }
+    ~LogLevel() { was_set_ ? setenv(kSwitch, before_.c_str(), 1) : unsetenv(kSwitch); }
+    LogLevel(const LogLevel&) = delete;
+    LogLevel& operator=(const LogLevel&) = delete;
+
+private:
+    static constexpr const char* kSwitch = "debug_hdmiplayer_log_level";
+    bool was_set_;
+    std::string before_;
+};
+
+/// The console output of @p action, which ends the threads it starts, with messages up to @p level.
+template <typename Action> std::string logged(const char* level, Action action)
+{
+    LogLevel scope(level);
+    testing::internal::CaptureStdout();
+    action();
+    return testing::internal::GetCapturedStdout();
+}
+
+/// How often @p part occurs in @p text.
+inline int occurrences(const std::string& text, const std::string& part)
+{
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size()))
+        ++count;
+    return count;
+}
