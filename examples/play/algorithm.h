@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace play
+{
+
+/**
+ * Stands for a host's audio processing that delays: a line through which the
+ * samples of one sequence pass. It puts out real samples only, never silence
+ * of its own, so that the first block it emits carries time stamp 0 as the
+ * player expects of the first block of a sequence.
+ */
+class DelayLine
+{
+public:
+    explicit DelayLine(int delay_ms) : m_delay_ms(delay_ms) {}
+
+    /// A new sequence begins with @p pts_us: what is left of the old one is forgotten.
+    void start(int64_t pts_us, int sample_rate);
+    /// Appends stereo samples.
+    void push(const int16_t* stereo, int frames);
+    /// Takes what has been in the line long enough. @return frames in @p stereo; *pts_us is that of the first
+    int pop(std::vector<int16_t>* stereo, int64_t* pts_us);
+    /// From now on nothing is held back: the end of the sound.
+    void drain() { m_hold = 0; }
+    bool empty() const { return m_line.empty(); }
+
+private:
+    int m_delay_ms;
+    int m_sample_rate = 0;
+    int64_t m_start_pts_us = 0;
+    int64_t m_emitted = 0; ///< frames since start
+    size_t m_hold = 0;     ///< frames that stay in the line
+    std::vector<int16_t> m_line;
+};
+
+} // namespace play

@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The player from end to end: a source, the host, and the observers at the
+ * edges, then the report.
+ */
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "hdmi_sim.h"
+#include "host.h"
+#include "measure.h"
+#include "media_file.h"
+#include "options.h"
+#include "programme.h"
+#include "progress.h"
+#include "realtime.h"
+#include "report.h"
+#include "stage.h"
+#include "verdict.h"
+
+namespace play
+{
+namespace
+{
+
+enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3 };
+
+constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t ms = 1'000'000;
+/// Pictures and sound are judged from this long after the reset at start.
+constexpr int64_t settling_ns = 700 * ms;
+/// The programme goes on after its last flash until that was surely seen and heard.
+constexpr int64_t tail_ns = 700 * ms;
+/// Above ordinary threads, below the player's own capture and output.
+constexpr int realtime_priority = 20;
+constexpr int programme_audio_rate = 44100;
+
+/// A name for the recording, and the recording's end if nobody asked for it.
+class RecordingFile
+{
+public:
+    explicit RecordingFile(const std::string& wanted) : m_path(wanted), m_keep(!wanted.empty())
+    {
+        if (m_keep)
+            return;
+        const char* directory = getenv("TMPDIR");
+        m_path = std::string(directory != nullptr ? directory : "/tmp") + "/hdmi-player-play-" +
+                 std::to_string(getpid()) + ".wav";
+    }
+    ~RecordingFile()
+    {
+        if (m_keep)
+            return;
+        unlink(m_path.c_str());
+        unlink((m_path + ".blocks.csv").c_str());
+    }
+    RecordingFile(const RecordingFile&) = delete;
+    RecordingFile& operator=(const RecordingFile&) = delete;
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+    bool m_keep;
+};
+
+/// The source that the options name; null with one line in @p error. Starts no thread.
+std::unique_ptr<Source> make_source(const Options& options, std::string* error)
+{
+    if (!options.file.empty())
+        return MediaFile::open(options.file, options.source_rate, error);
+    int rate = options.source_rate != 0 ? options.source_rate : programme_audio_rate;
+    auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * ms + tail_ns;
+    return std::make_unique<Programme>(rate, options.fps, length_ns);
+}
+
+void start_source(const Options& options, Source* source)
+{
+    auto* file = dynamic_cast<MediaFile*>(source);
+    if (file != nullptr)
+        file->start(static_cast<int64_t>(options.seconds * 1e9));
+}
+
+/// Before the first thread: the environment that the player reads, and a place for announcements of our own.
+bool prepare_process(const Options& options, std::string* error)
+{
+    // The report is what this program prints; warnings can be had by setting the variable.
+    setenv("debug_hdmiplayer_log_level", "1", 0);
+    if (options.no_sync)
+        setenv("debug_hdmiplayer_disable_avsync", "1", 1);
+    return Stage::enter_namespaces(error);
+}
+
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, Stage* stage)
+{
+    HostConfig config;
+    config.output = options.output;
+    config.display = display;
+    config.algorithm_delay_ms = options.algorithm_delay_ms;
+    config.video_start_ns = options.video_start_ms * ms;
+    config.sync = !options.no_sync;
+    config.present = [stage](FrameBuffer* buffer) { stage->present(buffer); };
+    return config;
+}
+
+void watch(const Host& host, const Screen& screen)
+{
+    constexpr useconds_t look_again_us = 50'000;
+    Progress progress;
+    while (host.video_running()) {
+        double seconds = static_cast<double>(hdmi_sim::now_ns() - host.opened_ns()) / 1e9;
+        FrameAccount frames = host.frames();
+        char text[128];
+        std::snprintf(text, sizeof text, "rendered %lld, flipped %lld, dropped %lld, resets %lld",
+                      static_cast<long long>(frames.rendered), static_cast<long long>(frames.flipped),
+                      static_cast<long long>(frames.dropped), static_cast<long long>(host.resets()));
+        progress.update(seconds, text);
+        usleep(look_again_us);
+    }
+    progress.finish();
+    (void)screen;
+}
+
+/// Everything that the observers recorded, as figures.
+void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen,
+              const Recording& recording, Result* result)
+{
+    std::vector<Sighting> all = screen.sightings();
+    int64_t settled_ns = (host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns()) + settling_ns;
+    int64_t from_ns = clock.to_source(settled_ns);
+    int64_t last_ns = all.empty() ? 0 : source.frame_ns(all.back().number);
+
+    bool by_marks = !source.marks().empty();
+    std::vector<SoundMatch> matches =
+        by_marks ? match_beeps(recording, source, clock) : match_waveform(recording, source, clock, last_ns);
+    for (const Offset& offset : measure_offsets(matches, recording, all, source, clock, by_marks))
+        if (offset.source_ns >= from_ns)
+            result->offsets.push_back(offset);
+    for (int64_t mark : source.marks())
+        result->instants += mark >= from_ns && mark < last_ns ? 1 : 0;
+    for (int64_t at_ns = second_ns; !by_marks && at_ns + second_ns / 2 < last_ns; at_ns += second_ns)
+        result->instants += at_ns >= from_ns ? 1 : 0;
+    result->offset = summarise(result->offsets);
+    std::vector<double> sound;
+    std::vector<double> picture;
+    for (const Offset& offset : result->offsets) {
+        sound.push_back(offset.sound_ms);
+        picture.push_back(offset.picture_ms);
+    }
+    result->sound_latency = summarise_latency(sound);
+    result->picture_latency = summarise_latency(picture);
+
+    // The last picture stays until the display ends.
+    for (const Sighting& sighting : all) {
+        int64_t at_ns = source.frame_ns(sighting.number);
+        if (at_ns >= from_ns && sighting.number != all.back().number)
+            result->sightings.push_back(sighting);
+    }
+    result->cadence = measure_cadence(result->sightings, result->options.display_rate.value() / source.fps().value());
+    result->unreadable = screen.unreadable();
+    result->samples = check_samples(recording, source, matches, result->stage.first_captured + result->stage.captured);
+    result->gaps = recording.gaps(result->stage.first_write_ns + second_ns);
+    result->early_gaps = recording.gaps(0) - result->gaps;
+}
+
+/// Plays the source to its end. @return false with one line in @p error
+bool run(Source* source, const std::string& wav_path, Result* result, std::string* error)
+{
+    Screen screen;
+    Stage stage(result->options, source, &screen, wav_path);
+    start_source(result->options, source);
+    std::unique_ptr<Host> host;
+    SourceClock clock;
+    Usage before = usage_now();
+    {
+        RealtimeScope realtime(realtime_priority);
+        result->realtime = realtime.active();
+        hdmi_player_drm_info_t display = stage.start();
+        clock = stage.connect();
+        host = std::make_unique<Host>(host_config(result->options, display, &stage), source, clock);
+        if (!host->start()) {
+            *error = "the player did not open";
+            return false;
+        }
+    }
+    watch(*host, screen);
+    host->stop_video();
+    stage.disconnect();
+    result->seconds = static_cast<double>(hdmi_sim::now_ns() - host->opened_ns()) / 1e9;
+    result->usage = usage_now().since(before, result->seconds);
+    host->drain_audio();
+    stage.wait_until_played();
+    host->close();
+
+    Recording recording;
+    if (!stage.finish(&recording, error))
+        return false;
+    result->video_queue_size = host->video_queue_size();
+    result->frames = host->frames();
+    result->audio = host->audio();
+    result->resets = host->resets();
+    result->unsupported = host->unsupported();
+    result->starved = source->starved();
+    result->stage = stage.stats();
+    evaluate(*source, clock, *host, screen, recording, result);
+    return true;
+}
+
+int main_with(const Options& options)
+{
+    std::string error;
+    std::unique_ptr<Source> source = make_source(options, &error);
+    if (!source) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+        return bad_input;
+    }
+    if (!prepare_process(options, &error)) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+        return not_permitted;
+    }
+    RecordingFile wav(options.wav_path);
+    Result result;
+    result.options = options;
+    result.programme = source->description();
+    if (!run(source.get(), wav.path(), &result, &error)) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+        return outside;
+    }
+    std::vector<Verdict> verdicts = judge(result);
+    print_report(result, verdicts);
+    if (!options.report_path.empty() && !write_report(result, verdicts, options.report_path, &error)) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+        return outside;
+    }
+    return all_passed(verdicts) ? inside : outside;
+}
+
+} // namespace
+} // namespace play
+
+int main(int argc, char** argv)
+{
+    play::Options options;
+    play::ParseResult parsed = play::parse_options(argc, argv, &options);
+    return parsed.go_on ? play::main_with(options) : parsed.code;
+}

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * From what was seen and heard to figures. No time stamp of the player enters
+ * here: positions in the recording, pictures on the screen, and the source's
+ * own knowledge of what it sent when.
+ */
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "recording.h"
+#include "screen.h"
+#include "source.h"
+
+namespace play
+{
+
+/// One instant of the source, seen and heard.
+struct Offset {
+    int64_t source_ns;
+    double sound_ms;   ///< from the source to the ear
+    double picture_ms; ///< from the source to the eye
+    /// Positive: the sound comes before its picture.
+    double ms() const { return picture_ms - sound_ms; }
+};
+
+/// EBU R37, end to end: sound up to 40 ms early or 60 ms late.
+constexpr double r37_early_ms = 40;
+constexpr double r37_late_ms = -60;
+/// ITU-R BT.1359: outside of the first band an offset is noticed, outside of the second it is not accepted.
+constexpr double detectable_early_ms = 45;
+constexpr double detectable_late_ms = -125;
+constexpr double acceptable_early_ms = 90;
+constexpr double acceptable_late_ms = -185;
+
+struct OffsetStatistics {
+    int64_t count = 0;
+    double mean_ms = 0;
+    double deviation_ms = 0;
+    /// The offset that 95 % do not exceed, where how far an offset goes is its share of the R37 limit on its side.
+    double p95_ms = 0;
+    double worst_ms = 0; ///< by the same measure
+    int64_t undetectable = 0;
+    int64_t acceptable = 0; ///< detectable, yet acceptable
+    int64_t unacceptable = 0;
+
+    bool p95_inside_r37() const { return count > 0 && p95_ms <= r37_early_ms && p95_ms >= r37_late_ms; }
+};
+
+OffsetStatistics summarise(const std::vector<Offset>& offsets);
+
+struct Latency {
+    double mean_ms = 0;
+    double least_ms = 0;
+    double most_ms = 0;
+};
+Latency summarise_latency(const std::vector<double>& values_ms);
+
+/// Where one instant of the source was found in the sound.
+struct SoundMatch {
+    int64_t source_sample;
+    int64_t position; ///< in the recording
+};
+
+/// Beeps in the recording, each given to the mark before it (sound does not come early from the source).
+std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock);
+/// The sound of each full second of the source, found in the recording by its waveform.
+std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
+                                       int64_t length_ns);
+
+/// Offsets of those matches whose flash (@p flashes) or whose picture was seen, from @p from_ns on.
+std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, const Recording& recording,
+                                    const std::vector<Sighting>& sightings, const Source& source, SourceClock clock,
+                                    bool flashes);
+
+/// How evenly the pictures were shown.
+struct Cadence {
+    int64_t pictures = 0; ///< sent by the source, first to last seen
+    int64_t vblanks = 0;
+    int64_t unseen = 0;  ///< dropped, or superseded before a vertical blank
+    int64_t repeats = 0; ///< vertical blanks that showed the picture of the one before
+    int64_t excess_unseen = 0;
+    int64_t excess_repeats = 0;
+    std::vector<int64_t> histogram; ///< pictures that stayed for so many vertical blanks
+
+    /// Share of pictures unseen or held beyond what the two rates dictate.
+    double excess() const
+    {
+        return pictures > 0 ? static_cast<double>(excess_unseen + excess_repeats) / static_cast<double>(pictures) : 1;
+    }
+};
+/// @p sightings of one stretch of the programme; @p vblanks_per_picture is refresh rate by frame rate.
+Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_per_picture);
+
+/// Whether the samples that came out are those that went in.
+struct SampleCheck {
+    bool same_rate = false;
+    double first_source_sample = -1; ///< with which the recording begins
+    int64_t in = 0;                  ///< source samples from there to the last one captured
+    int64_t out = 0;                 ///< frames played
+    double missing = 0;              ///< frames that in x ratio is more than out
+    int64_t block = 0;               ///< frames that may be missing
+    int64_t mismatches = 0;          ///< same rate: frames that differ from the source's
+    int64_t first_mismatch = -1;
+    double worst_place = 0; ///< other rates: frames by which a match lies beside where it belongs
+
+    bool passed() const;
+};
+/// @p captured_end is the number of the sample after the last one captured.
+SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
+                          int64_t captured_end);
+
+} // namespace play

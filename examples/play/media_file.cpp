@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: MIT
+#include "media_file.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "rate_conversion.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+namespace play
+{
+namespace
+{
+
+/// Pictures decoded ahead: small ones, a few megabytes in all.
+constexpr size_t pictures_ahead = 600;
+/// Sound decoded ahead of the pictures, in a file that keeps the two far apart.
+constexpr int64_t sound_ahead_ns = 2'000'000'000;
+/// Enough to start with.
+constexpr size_t pictures_to_start = 60;
+/// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
+constexpr int64_t gap_ms = 100;
+constexpr int64_t second_ns = 1'000'000'000;
+
+struct FormatCloser {
+    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
+};
+struct CodecFreer {
+    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* p) const { av_frame_free(&p); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct ConverterFreer {
+    void operator()(SwrContext* p) const { swr_free(&p); }
+};
+struct ScalerFreer {
+    void operator()(SwsContext* p) const { sws_freeContext(p); }
+};
+
+std::string av_text(int code)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+int64_t to_ns(int64_t time, AVRational base) { return av_rescale_q(time, base, {1, 1'000'000'000}); }
+
+} // namespace
+
+struct MediaDecoders {
+    std::unique_ptr<AVFormatContext, FormatCloser> format;
+    std::unique_ptr<AVCodecContext, CodecFreer> video;
+    std::unique_ptr<AVCodecContext, CodecFreer> audio;
+    std::unique_ptr<SwsContext, ScalerFreer> scaler;
+    std::unique_ptr<SwrContext, ConverterFreer> converter;
+    std::unique_ptr<AVFrame, FrameFreer> frame{av_frame_alloc()};
+    std::unique_ptr<AVPacket, PacketFreer> packet{av_packet_alloc()};
+    int video_index = -1;
+    int audio_index = -1;
+    int64_t start_ns = 0;      ///< the file's time at our zero
+    int64_t next_video_ns = 0; ///< for pictures without a time stamp
+    std::vector<int16_t> converted;
+
+    std::string open_stream(AVMediaType type, int* index, std::unique_ptr<AVCodecContext, CodecFreer>* codec)
+    {
+        const char* name = av_get_media_type_string(type);
+        for (unsigned i = 0; i < format->nb_streams && *index < 0; i++)
+            if (format->streams[i]->codecpar->codec_type == type)
+                *index = static_cast<int>(i);
+        if (*index < 0)
+            return std::string("has no ") + name + " stream";
+        const AVCodecParameters* parameters = format->streams[*index]->codecpar;
+        const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+        if (decoder == nullptr)
+            return std::string("has ") + name + " for which there is no decoder";
+        codec->reset(avcodec_alloc_context3(decoder));
+        if (!*codec || avcodec_parameters_to_context(codec->get(), parameters) < 0)
+            return std::string("has ") + name + " that cannot be decoded";
+        (*codec)->thread_count = 0;
+        return "";
+    }
+
+    AVRational time_base(int index) const { return format->streams[index]->time_base; }
+};
+
+MediaFile::MediaFile() : m_decoders(new MediaDecoders) {}
+
+MediaFile::~MediaFile()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_rate, std::string* error)
+{
+    av_log_set_level(AV_LOG_QUIET);
+    std::unique_ptr<MediaFile> file(new MediaFile);
+    MediaDecoders& decoders = *file->m_decoders;
+    AVFormatContext* format = nullptr;
+    // "file:" keeps a name with a colon from being taken for a protocol.
+    int result = avformat_open_input(&format, ("file:" + path).c_str(), nullptr, nullptr);
+    decoders.format.reset(format);
+    if (result >= 0)
+        result = avformat_find_stream_info(format, nullptr);
+    if (result < 0) {
+        bool unknown = result == AVERROR_INVALIDDATA || result == AVERROR_EOF;
+        *error = path + ": " + (unknown ? "not a media file" : av_text(result));
+        return nullptr;
+    }
+    std::string wrong = decoders.open_stream(AVMEDIA_TYPE_VIDEO, &decoders.video_index, &decoders.video);
+    if (wrong.empty())
+        wrong = decoders.open_stream(AVMEDIA_TYPE_AUDIO, &decoders.audio_index, &decoders.audio);
+    if (!wrong.empty()) {
+        *error = path + ": " + wrong;
+        return nullptr;
+    }
+    if (!file->m_sound.usable()) {
+        *error = "no temporary file for the decoded sound";
+        return nullptr;
+    }
+    int own_rate = decoders.audio->sample_rate;
+    bool carried = own_rate == 32000 || own_rate == 44100 || own_rate == 48000;
+    file->m_audio_rate = audio_rate != 0 ? audio_rate : carried ? own_rate : 48000;
+    AVRational rate = av_guess_frame_rate(format, format->streams[decoders.video_index], nullptr);
+    if (rate.num > 0 && rate.den > 0)
+        file->m_fps = {rate.num, rate.den};
+    decoders.start_ns = format->start_time != AV_NOPTS_VALUE ? format->start_time * 1000 : 0;
+    char text[256];
+    std::snprintf(text, sizeof text, "%s %dx%d %.5g fps, %s, sent as %d Hz", avcodec_get_name(decoders.video->codec_id),
+                  decoders.video->width, decoders.video->height, file->m_fps.value(),
+                  avcodec_get_name(decoders.audio->codec_id), file->m_audio_rate);
+    file->m_description = path + ": " + text;
+    return file;
+}
+
+void MediaFile::start(int64_t length_ns)
+{
+    m_length_ns = length_ns;
+    m_thread = std::thread(&MediaFile::decode_thread, this);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] {
+        bool sound = m_sound.frames() * second_ns / m_audio_rate >= second_ns;
+        return m_ended || (m_pictures.size() >= pictures_to_start && sound) || m_pictures.size() >= pictures_ahead;
+    });
+}
+
+void MediaFile::audio(int64_t first, int16_t* stereo, int frames) const
+{
+    if (m_sound.read(first, stereo, frames) < frames && first >= 0) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_starved += m_ended ? 0 : 1;
+    }
+}
+
+bool MediaFile::next_video(VideoFrame* frame)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_pictures.empty() && !m_ended) {
+        m_starved++;
+        m_changed.wait(lock, [this] { return !m_pictures.empty() || m_ended; });
+    }
+    if (m_pictures.empty())
+        return false;
+    *frame = m_pictures.front();
+    m_pictures.pop_front();
+    m_changed.notify_all();
+    return true;
+}
+
+int64_t MediaFile::frame_ns(int64_t number) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto index = static_cast<size_t>(std::max<int64_t>(number, 0));
+    return index < m_frame_times.size() ? m_frame_times[index] : -1;
+}
+
+// --- The decoding thread ----------------------------------------------------------
+
+void MediaFile::decode_thread()
+{
+    MediaDecoders& decoders = *m_decoders;
+    bool opened = avcodec_open2(decoders.video.get(), nullptr, nullptr) == 0 &&
+                  avcodec_open2(decoders.audio.get(), nullptr, nullptr) == 0;
+    AVPacket* packet = decoders.packet.get();
+    while (opened && av_read_frame(decoders.format.get(), packet) >= 0) {
+        wait_for_demand();
+        // A damaged packet is the decoder's to skip: what follows it may be whole.
+        if (packet->stream_index == decoders.video_index && avcodec_send_packet(decoders.video.get(), packet) >= 0)
+            take_video();
+        if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
+            take_audio();
+        av_packet_unref(packet);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        bool enough = past_the_end(decoders.next_video_ns) && past_the_end(m_sound.frames() * second_ns / m_audio_rate);
+        if (m_stop || enough)
+            break;
+    }
+    if (opened)
+        drain_decoders();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended = true;
+    m_changed.notify_all();
+}
+
+void MediaFile::wait_for_demand()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] {
+        // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
+        int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
+        bool sound_short = m_sound.frames() * second_ns / m_audio_rate < present_ns + sound_ahead_ns;
+        return m_stop || m_pictures.size() < pictures_ahead || sound_short;
+    });
+}
+
+void MediaFile::drain_decoders()
+{
+    avcodec_send_packet(m_decoders->video.get(), nullptr);
+    take_video();
+    avcodec_send_packet(m_decoders->audio.get(), nullptr);
+    take_audio();
+}
+
+void MediaFile::take_video()
+{
+    MediaDecoders& decoders = *m_decoders;
+    AVFrame* frame = decoders.frame.get();
+    while (avcodec_receive_frame(decoders.video.get(), frame) >= 0) {
+        VideoFrame out = {};
+        out.source_ns = decoders.next_video_ns;
+        if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
+            out.source_ns =
+                to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.video_index)) - decoders.start_ns;
+        decoders.next_video_ns = out.source_ns + second_ns * m_fps.den / m_fps.num;
+        decoders.scaler.reset(sws_getCachedContext(
+            decoders.scaler.release(), frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+            Picture::width, Picture::field_height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
+        uint8_t* rows[4] = {out.picture.field(), nullptr, nullptr, nullptr};
+        int strides[4] = {Picture::width, 0, 0, 0};
+        if (decoders.scaler)
+            sws_scale(decoders.scaler.get(), frame->data, frame->linesize, 0, frame->height, rows, strides);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        bool in_order = m_frame_times.empty() || out.source_ns > m_frame_times.back();
+        if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
+            continue;
+        out.number = static_cast<int64_t>(m_frame_times.size());
+        write_number(&out.picture, out.number);
+        m_frame_times.push_back(out.source_ns);
+        m_pictures.push_back(out);
+        m_changed.notify_all();
+    }
+}
+
+void MediaFile::take_audio()
+{
+    MediaDecoders& decoders = *m_decoders;
+    AVFrame* frame = decoders.frame.get();
+    while (avcodec_receive_frame(decoders.audio.get(), frame) >= 0) {
+        if (!decoders.converter)
+            decoders.converter.reset(make_converter(frame, m_audio_rate));
+        if (!decoders.converter)
+            continue;
+        int64_t skip = 0;
+        if (frame->best_effort_timestamp != AV_NOPTS_VALUE) {
+            int64_t at_ns =
+                to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.audio_index)) - decoders.start_ns;
+            int64_t gap = at_ns * m_audio_rate / second_ns - m_sound.frames();
+            if (gap > gap_ms * m_audio_rate / 1000 || (m_sound.frames() == 0 && gap > 0))
+                m_sound.append_silence(gap);
+            else if (m_sound.frames() == 0)
+                skip = -gap;
+        }
+        int capacity = swr_get_out_samples(decoders.converter.get(), frame->nb_samples);
+        decoders.converted.resize(static_cast<size_t>(2 * std::max(capacity, 0)));
+        auto* bytes = reinterpret_cast<uint8_t*>(decoders.converted.data());
+        int frames = swr_convert(decoders.converter.get(), &bytes, capacity,
+                                 const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
+        if (frames > skip)
+            m_sound.append(decoders.converted.data() + 2 * skip, frames - skip);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_changed.notify_all();
+    }
+}
+
+} // namespace play

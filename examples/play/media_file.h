@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sample_store.h"
+#include "source.h"
+
+namespace play
+{
+
+struct MediaDecoders;
+
+/// The first video and audio stream of a media file, decoded ahead on a thread of its own.
+class MediaFile : public Source
+{
+public:
+    /**
+     * Opens and examines the file; starts no thread.
+     * @param audio_rate Hz, 0: the file's own if HDMI carries it, else 48000
+     * @return null with one line in @p error
+     */
+    static std::unique_ptr<MediaFile> open(const std::string& path, int audio_rate, std::string* error);
+    ~MediaFile() override;
+
+    /// Starts to decode and returns when enough lies ready to play. The programme ends after @p length_ns, if positive.
+    void start(int64_t length_ns);
+
+    int audio_rate() const override { return m_audio_rate; }
+    void audio(int64_t first, int16_t* stereo, int frames) const override;
+    Rational fps() const override { return m_fps; }
+    bool next_video(VideoFrame* frame) override;
+    int64_t frame_ns(int64_t number) const override;
+    std::vector<int64_t> marks() const override { return {}; }
+    int64_t starved() const override { return m_starved; }
+    std::string description() const override { return m_description; }
+
+private:
+    MediaFile();
+    void decode_thread();
+    void wait_for_demand();
+    void take_video();
+    void take_audio();
+    void drain_decoders();
+    bool past_the_end(int64_t source_ns) const { return m_length_ns > 0 && source_ns >= m_length_ns; }
+
+    std::unique_ptr<MediaDecoders> m_decoders;
+    SampleStore m_sound;
+    int m_audio_rate = 0;
+    Rational m_fps{25, 1};
+    std::string m_description;
+    int64_t m_length_ns = 0;
+
+    std::thread m_thread;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<VideoFrame> m_pictures;  ///< decoded, not taken yet
+    std::vector<int64_t> m_frame_times; ///< of every picture so far
+    bool m_ended = false;
+    bool m_stop = false;
+    mutable std::atomic<int64_t> m_starved{0};
+};
+
+} // namespace play

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace play
+{
+
+/**
+ * Finds where beeps start in a stream of stereo samples: the first sample of
+ * the left channel at half of the beep's peak or more, after a stretch in
+ * which none came near it.
+ */
+class OnsetDetector
+{
+public:
+    OnsetDetector(int sample_rate, int16_t beep_peak);
+
+    /// The next @p frames samples of the stream.
+    void feed(const int16_t* stereo, int frames);
+    /// Sample numbers, counted from the first one fed.
+    const std::vector<int64_t>& onsets() const { return m_onsets; }
+
+private:
+    int m_loud;
+    int m_quiet;
+    int64_t m_rest; ///< samples of quiet that separate two beeps
+    int64_t m_position = 0;
+    int64_t m_last_sound = -1; ///< last sample that was not quiet
+    std::vector<int64_t> m_onsets;
+};
+
+} // namespace play

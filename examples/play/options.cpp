@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <sstream>
+
+namespace play
+{
+namespace
+{
+
+const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
+    {"speaker", E_HDMI_PLAYER_AO_DEV_SPEAKER}, {"headphone", E_HDMI_PLAYER_AO_DEV_HEADPHONE},
+    {"spdif", E_HDMI_PLAYER_AO_DEV_SPDIF},     {"arc", E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
+    {"i2s", E_HDMI_PLAYER_AO_DEV_I2S_TXA},
+};
+
+const char* const footer =
+    "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
+    "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
+    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.";
+
+constexpr double default_programme_seconds = 20;
+
+struct Texts {
+    std::string fps = "60";
+    std::string display_rate = "60";
+    std::string display = "sim";
+    std::string output = "speaker";
+};
+
+void describe(CLI::App* app, Options* options, Texts* texts)
+{
+    auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream");
+    app->add_option("--rate", options->source_rate, "Audio sample rate of the source: 32000, 44100 or 48000 Hz")
+        ->check(CLI::IsMember({32000, 44100, 48000}));
+    app->add_option("--fps", texts->fps, "Frames per second of the programme; 59.94 means 60000/1001")
+        ->capture_default_str()
+        ->excludes(file);
+    app->add_option("--display-rate", texts->display_rate, "Vertical blanks per second")->capture_default_str();
+    app->add_option("--display", texts->display, "Display: sim, or none (no vertical blanks to pace on)")
+        ->check(CLI::IsMember({"sim", "none"}))
+        ->capture_default_str();
+    app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
+        ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
+        ->capture_default_str();
+    app->add_option("--algorithm-delay", options->algorithm_delay_ms, "Delay of the host's audio processing in ms")
+        ->check(CLI::Range(0, 1000))
+        ->capture_default_str();
+    app->add_option("--video-start", options->video_start_ms, "First picture that many ms after open")
+        ->check(CLI::Range(0, 10000))
+        ->capture_default_str();
+    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
+        ->check(CLI::Range(2.0, 86400.0));
+    app->add_option("--receiver-ppm", options->receiver_ppm, "Clock error of the source")
+        ->check(CLI::Range(-1000.0, 1000.0))
+        ->capture_default_str();
+    app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
+        ->check(CLI::Range(-1000.0, 1000.0))
+        ->capture_default_str();
+    app->add_option("--display-latency", options->display_latency_ms, "From the vertical blank to light, in ms")
+        ->check(CLI::Range(0, 1000))
+        ->capture_default_str();
+    app->add_option("--report", options->report_path, "Also write the report there, as JSON");
+    app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
+    app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
+    app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
+    app->footer(footer);
+}
+
+std::string take_rates(const Texts& texts, Options* options)
+{
+    if (!parse_rate(texts.fps, &options->fps) || options->fps.value() < 5 || options->fps.value() > 240)
+        return "--fps: " + texts.fps + " is no frame rate from 5 to 240";
+    if (!parse_rate(texts.display_rate, &options->display_rate) || options->display_rate.value() < 20 ||
+        options->display_rate.value() > 240)
+        return "--display-rate: " + texts.display_rate + " is no refresh rate from 20 to 240";
+    return "";
+}
+
+} // namespace
+
+bool parse_rate(const std::string& text, Rational* rate)
+{
+    std::istringstream in(text);
+    double value = 0;
+    if (text.find('/') != std::string::npos) {
+        char slash = 0;
+        Rational given{0, 0};
+        if (!(in >> given.num >> slash >> given.den) || slash != '/' || !in.eof() || given.num <= 0 || given.den <= 0)
+            return false;
+        *rate = given;
+        return true;
+    }
+    if (!(in >> value) || !in.eof() || !(value > 0) || value > 1e6)
+        return false;
+    // Within half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
+    constexpr double writing_error = 0.005;
+    double whole = std::round(value);
+    double ntsc = std::ceil(value) * 1000 / 1001;
+    if (value == whole)
+        *rate = {static_cast<int64_t>(whole), 1};
+    else if (std::abs(value - ntsc) <= writing_error)
+        *rate = {static_cast<int64_t>(std::ceil(value)) * 1000, 1001};
+    else
+        *rate = {std::llround(value * 1000), 1000};
+    return true;
+}
+
+ParseResult parse_options(int argc, char** argv, Options* options)
+{
+    CLI::App app("hdmi-player-play: the player from end to end, measured at the edges", "hdmi-player-play");
+    Texts texts;
+    describe(&app, options, &texts);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return {false, app.exit(e)};
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "hdmi-player-play: %s (--help shows the options)\n", e.what());
+        return {false, 2};
+    }
+    std::string wrong = take_rates(texts, options);
+    if (!wrong.empty()) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
+        return {false, 2};
+    }
+    options->simulated_display = texts.display == "sim";
+    options->output = outputs.at(texts.output);
+    if (options->seconds == 0 && options->file.empty())
+        options->seconds = default_programme_seconds;
+    return {true, 0};
+}
+
+} // namespace play

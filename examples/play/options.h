@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "hdmi_player.h"
+#include "source.h"
+
+namespace play
+{
+
+/// What the command line asks for.
+struct Options {
+    std::string file;    ///< media file; empty: the built-in programme
+    int source_rate = 0; ///< Hz on the link; 0: 44100 for the programme, the file's own for a file
+    Rational fps{60, 1}; ///< of the programme; a file brings its own
+    Rational display_rate{60, 1};
+    bool simulated_display = true;
+    hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+    int algorithm_delay_ms = 0; ///< what the host's own processing adds
+    int video_start_ms = 0;     ///< first frame that long after open
+    double seconds = 0;         ///< 0: 20 s for the programme, the whole file
+    double receiver_ppm = 0;
+    double playback_ppm = 0;
+    int display_latency_ms = 76;
+    std::string report_path;
+    std::string wav_path;
+    bool no_sync = false;
+    bool withhold_block = false;
+};
+
+/// Nothing to do but leave with @p code (help was shown, or the usage was wrong), or go on.
+struct ParseResult {
+    bool go_on;
+    int code;
+};
+
+/// Reads the command line; prints help or one line about what is wrong with it.
+ParseResult parse_options(int argc, char** argv, Options* options);
+
+/// "59.94" is 60000/1001, as in every such rate of television; "30000/1001" and whole numbers are taken as they are.
+bool parse_rate(const std::string& text, Rational* rate);
+
+} // namespace play

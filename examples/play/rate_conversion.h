@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+extern "C" {
+#include <libavutil/samplefmt.h>
+#include <libswresample/swresample.h>
+}
+
+struct AVFrame;
+
+namespace play
+{
+
+/// A converter to 16-bit stereo at @p rate_out from frames like @p like. Null if there is none. The caller frees it.
+SwrContext* make_converter(const AVFrame* like, int rate_out);
+
+/// Stereo samples of another rate, of the same length in time.
+std::vector<int16_t> convert_rate(const std::vector<int16_t>& stereo, int rate_in, int rate_out);
+
+} // namespace play

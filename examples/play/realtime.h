@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+namespace play
+{
+
+/**
+ * Runs the calling thread with round-robin real-time priority, if the machine
+ * permits, and with its old scheduling again when the scope ends.
+ *
+ * Threads that are started inside inherit it. That matters for the player:
+ * threads that it creates without scheduling of their own (those that pace the
+ * pictures and feed the sound device) take that of the thread that calls
+ * hdmi_player_open(), and later that of the one that calls
+ * hdmi_player_video_render(), because an A/V sync reset starts the pacing anew.
+ */
+class RealtimeScope
+{
+public:
+    explicit RealtimeScope(int priority);
+    ~RealtimeScope();
+    RealtimeScope(const RealtimeScope&) = delete;
+    RealtimeScope& operator=(const RealtimeScope&) = delete;
+
+    bool active() const { return m_active; }
+
+private:
+    bool m_active = false;
+};
+
+} // namespace play

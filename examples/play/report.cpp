@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: MIT
+#include "report.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+namespace play
+{
+namespace
+{
+
+using nlohmann::json;
+
+double share(int64_t part, int64_t whole)
+{
+    return whole > 0 ? 100.0 * static_cast<double>(part) / static_cast<double>(whole) : 0;
+}
+
+void print_sync(const Result& result)
+{
+    const OffsetStatistics& offset = result.offset;
+    std::printf("\nLip sync at %" PRId64 " of %" PRId64 " instants (+ = sound early)\n", offset.count, result.instants);
+    std::printf("  offset    mean %+.1f ms, deviation %.1f ms, p95 %+.1f ms, worst %+.1f ms\n", offset.mean_ms,
+                offset.deviation_ms, offset.p95_ms, offset.worst_ms);
+    std::printf("  BT.1359   undetectable %.0f %%, acceptable %.0f %%, unacceptable %.0f %%\n",
+                share(offset.undetectable, offset.count), share(offset.acceptable, offset.count),
+                share(offset.unacceptable, offset.count));
+    std::printf("  latency   sound %.1f ms (%.1f to %.1f), picture %.1f ms (%.1f to %.1f)\n",
+                result.sound_latency.mean_ms, result.sound_latency.least_ms, result.sound_latency.most_ms,
+                result.picture_latency.mean_ms, result.picture_latency.least_ms, result.picture_latency.most_ms);
+}
+
+void print_pictures(const Result& result)
+{
+    const FrameAccount& frames = result.frames;
+    std::printf("\nPictures\n");
+    std::printf("  account   rendered %" PRId64 " = flipped %" PRId64 " + dropped %" PRId64 " + held at close %" PRId64
+                "; refused %" PRId64 "%s\n",
+                frames.rendered, frames.flipped, frames.dropped, frames.held, frames.refused,
+                frames.closes() ? "" : "  DOES NOT CLOSE");
+    if (frames.foreign != 0 || frames.no_buffer != 0)
+        std::printf("  account   callbacks for foreign frames %" PRId64 ", no buffer for %" PRId64 "\n", frames.foreign,
+                    frames.no_buffer);
+    const Cadence& cadence = result.cadence;
+    std::printf("  screen    %" PRId64 " pictures on %" PRId64 " vertical blanks: unseen %" PRId64 ", repeats %" PRId64
+                "; beyond the rates %" PRId64 " and %" PRId64 " (%.2f %%)\n",
+                cadence.pictures, cadence.vblanks, cadence.unseen, cadence.repeats, cadence.excess_unseen,
+                cadence.excess_repeats, 100 * cadence.excess());
+    std::printf("  on screen");
+    for (size_t vblanks = 1; vblanks < cadence.histogram.size(); vblanks++)
+        if (cadence.histogram[vblanks] > 0)
+            std::printf("  %zu vblank%s: %" PRId64, vblanks, vblanks == 1 ? "" : "s", cadence.histogram[vblanks]);
+    std::printf("\n");
+    if (result.unreadable != 0)
+        std::printf("  screen    unreadable %" PRId64 "\n", result.unreadable);
+}
+
+void print_sound(const Result& result)
+{
+    const SampleCheck& samples = result.samples;
+    std::printf("\nSound\n");
+    std::printf("  samples   in %" PRId64 ", out %" PRId64 ", missing %.0f", samples.in, samples.out, samples.missing);
+    if (samples.same_rate)
+        std::printf("; different %" PRId64 "\n", samples.mismatches);
+    else
+        std::printf("; out of place by %.1f at most\n", samples.worst_place);
+    std::printf("  devices   underruns %" PRId64 " (and %" PRId64 " in the first second), overruns %" PRId64
+                ", resets %" PRId64 "\n",
+                result.gaps, result.early_gaps, result.stage.overruns, result.resets);
+    if (result.starved != 0)
+        std::printf("  source    was not decoded in time %" PRId64 " times\n", result.starved);
+}
+
+void print_usage(const Result& result)
+{
+    std::printf("\nMachine\n");
+    std::printf("  CPU       %.3f s per second, of it the player's threads %.3f; peak memory %.1f MB%s\n",
+                result.usage.cpu_s, result.usage.player_cpu_s(),
+                static_cast<double>(result.usage.peak_memory_kb) / 1024,
+                result.realtime ? "" : "; without real-time priority");
+}
+
+json to_json(const OffsetStatistics& offset)
+{
+    return {{"count", offset.count},
+            {"mean_ms", offset.mean_ms},
+            {"deviation_ms", offset.deviation_ms},
+            {"p95_ms", offset.p95_ms},
+            {"worst_ms", offset.worst_ms},
+            {"bt1359",
+             {{"undetectable", offset.undetectable},
+              {"acceptable", offset.acceptable},
+              {"unacceptable", offset.unacceptable}}}};
+}
+
+json to_json(const Latency& latency)
+{
+    return {{"mean_ms", latency.mean_ms}, {"least_ms", latency.least_ms}, {"most_ms", latency.most_ms}};
+}
+
+json to_json(const std::vector<Offset>& offsets)
+{
+    json list = json::array();
+    for (const Offset& offset : offsets)
+        list.push_back({{"source_s", static_cast<double>(offset.source_ns) / 1e9},
+                        {"offset_ms", offset.ms()},
+                        {"sound_latency_ms", offset.sound_ms},
+                        {"picture_latency_ms", offset.picture_ms}});
+    return list;
+}
+
+json pictures_json(const Result& result)
+{
+    const FrameAccount& frames = result.frames;
+    const Cadence& cadence = result.cadence;
+    json seen = json::array();
+    for (const Sighting& sighting : result.sightings)
+        seen.push_back({sighting.number, sighting.vblanks});
+    return {{"rendered", frames.rendered},
+            {"flipped", frames.flipped},
+            {"dropped", frames.dropped},
+            {"refused", frames.refused},
+            {"held_at_close", frames.held},
+            {"foreign", frames.foreign},
+            {"no_buffer", frames.no_buffer},
+            {"closes", frames.closes()},
+            {"superseded", result.stage.superseded},
+            {"unreadable", result.unreadable},
+            {"settled",
+             {{"pictures", cadence.pictures},
+              {"vblanks", cadence.vblanks},
+              {"unseen", cadence.unseen},
+              {"repeats", cadence.repeats},
+              {"excess_unseen", cadence.excess_unseen},
+              {"excess_repeats", cadence.excess_repeats},
+              {"excess", cadence.excess()},
+              {"stayed_vblanks", cadence.histogram}}},
+            {"on_screen", seen}};
+}
+
+json sound_json(const Result& result)
+{
+    const SampleCheck& samples = result.samples;
+    return {{"same_rate", samples.same_rate},
+            {"first_source_sample", samples.first_source_sample},
+            {"in", samples.in},
+            {"out", samples.out},
+            {"missing", samples.missing},
+            {"mismatches", samples.mismatches},
+            {"first_mismatch", samples.first_mismatch},
+            {"worst_place", samples.worst_place},
+            {"pulled", result.audio.pulled},
+            {"discarded_at_start", result.audio.discarded},
+            {"written", result.audio.written},
+            {"failed_writes", result.audio.failed_writes},
+            {"underruns", result.gaps},
+            {"underruns_first_second", result.early_gaps},
+            {"overruns", result.stage.overruns},
+            {"withheld_blocks", result.stage.withheld}};
+}
+
+json options_json(const Result& result)
+{
+    const Options& options = result.options;
+    return {{"file", options.file},
+            {"programme", result.programme},
+            {"display_rate", options.display_rate.value()},
+            {"display", options.simulated_display ? "sim" : "none"},
+            {"output", static_cast<int>(options.output)},
+            {"algorithm_delay_ms", options.algorithm_delay_ms},
+            {"video_start_ms", options.video_start_ms},
+            {"receiver_ppm", options.receiver_ppm},
+            {"playback_ppm", options.playback_ppm},
+            {"display_latency_ms", options.display_latency_ms},
+            {"sync", !options.no_sync},
+            {"withhold_block", options.withhold_block},
+            {"video_queue_size", result.video_queue_size},
+            {"realtime", result.realtime}};
+}
+
+} // namespace
+
+void print_report(const Result& result, const std::vector<Verdict>& verdicts)
+{
+    std::printf("\n%s; display %.5g Hz; %.1f s\n", result.programme.c_str(), result.options.display_rate.value(),
+                result.seconds);
+    print_sync(result);
+    print_pictures(result);
+    print_sound(result);
+    print_usage(result);
+    std::printf("\nLimits\n");
+    for (const Verdict& verdict : verdicts)
+        std::printf("  %s  %s\n", verdict.passed ? "ok  " : "FAIL", verdict.limit.c_str());
+    std::printf("\n%s\n", all_passed(verdicts) ? "PASS" : "FAIL");
+    std::fflush(stdout);
+}
+
+bool write_report(const Result& result, const std::vector<Verdict>& verdicts, const std::string& path,
+                  std::string* error)
+{
+    json limits = json::array();
+    for (const Verdict& verdict : verdicts)
+        limits.push_back({{"limit", verdict.limit}, {"passed", verdict.passed}});
+    json report = {{"passed", all_passed(verdicts)},
+                   {"limits", limits},
+                   {"run", options_json(result)},
+                   {"seconds", result.seconds},
+                   {"offset", to_json(result.offset)},
+                   {"instants", result.instants},
+                   {"offsets", to_json(result.offsets)},
+                   {"sound_latency", to_json(result.sound_latency)},
+                   {"picture_latency", to_json(result.picture_latency)},
+                   {"pictures", pictures_json(result)},
+                   {"sound", sound_json(result)},
+                   {"resets", result.resets},
+                   {"unsupported_events", result.unsupported},
+                   {"source_starved", result.starved},
+                   {"cpu_s_per_s", result.usage.cpu_s},
+                   {"player_cpu_s_per_s", result.usage.player_cpu_s()},
+                   {"cpu_by_thread", result.usage.by_thread},
+                   {"peak_memory_kb", result.usage.peak_memory_kb}};
+    std::ofstream out(path);
+    out << report.dump(1) << "\n";
+    out.close();
+    if (out)
+        return true;
+    *error = path + ": " + std::strerror(errno);
+    return false;
+}
+
+} // namespace play

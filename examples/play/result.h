@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host.h"
+#include "measure.h"
+#include "options.h"
+#include "stage.h"
+#include "usage.h"
+
+namespace play
+{
+
+/// All that one run has shown.
+struct Result {
+    Options options;
+    std::string programme;
+    bool realtime = false;
+    int video_queue_size = 0;
+    double seconds = 0; ///< from open to the end of the signal
+
+    int64_t instants = 0; ///< of the source at which the offset should be measured
+    std::vector<Offset> offsets;
+    OffsetStatistics offset;
+    Latency sound_latency;
+    Latency picture_latency;
+
+    FrameAccount frames;
+    Cadence cadence;
+    std::vector<Sighting> sightings;
+    int64_t unreadable = 0;
+
+    AudioAccount audio;
+    SampleCheck samples;
+    int64_t gaps = 0;       ///< underruns after the first second
+    int64_t early_gaps = 0; ///< underruns in the first second
+    int64_t resets = 0;
+    int64_t unsupported = 0;
+    int64_t starved = 0;
+    StageStats stage;
+    Usage usage;
+};
+
+} // namespace play

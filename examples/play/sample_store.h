@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace play
+{
+
+/**
+ * Decoded sound of any length, in an unlinked temporary file rather than in
+ * memory: it is needed twice, when it is sent and when the recording is compared with it.
+ * One thread appends, any thread reads.
+ */
+class SampleStore
+{
+public:
+    SampleStore();
+    ~SampleStore();
+    SampleStore(const SampleStore&) = delete;
+    SampleStore& operator=(const SampleStore&) = delete;
+
+    bool usable() const { return m_fd >= 0; }
+    /// @return false if the disk is full
+    bool append(const int16_t* stereo, int64_t frames);
+    bool append_silence(int64_t frames);
+    int64_t frames() const { return m_frames; }
+    /// Frames that are not stored are silent. @return frames that are
+    int64_t read(int64_t first, int16_t* stereo, int64_t frames) const;
+
+private:
+    int m_fd = -1;
+    std::atomic<int64_t> m_frames{0};
+};
+
+} // namespace play

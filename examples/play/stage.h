@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Everything around the host, simulated: the source on the HDMI cable, the
+ * sound device that records, and the display with its observer.
+ */
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "frame_pool.h"
+#include "hdmi_player.h"
+#include "options.h"
+#include "recording.h"
+#include "screen.h"
+#include "source.h"
+
+namespace play
+{
+
+/// What happened at the devices.
+struct StageStats {
+    int64_t captured = 0;        ///< frames read from the receiver
+    int64_t first_captured = -1; ///< number of the first of them
+    int64_t capture_opens = 0;
+    int64_t overruns = 0;
+    int64_t playback_opens = 0;
+    int64_t first_write_ns = 0;
+    int64_t vblanks = 0;
+    int64_t flips = 0;
+    int64_t superseded = 0;
+    int64_t repeated = 0;
+    int64_t withheld = 0; ///< blocks taken away on demand
+};
+
+class Stage
+{
+public:
+    /// Private namespaces for the receiver's announcements. Call while the process has one thread.
+    static bool enter_namespaces(std::string* error);
+
+    /// @p source and @p screen outlive the stage.
+    Stage(const Options& options, Source* source, Screen* screen, const std::string& wav_path);
+    ~Stage();
+
+    /// Starts display and sound device. @return what the player is told of the display
+    hdmi_player_drm_info_t start();
+    /// The source starts to send; its zero lies a moment ahead. @return its clock
+    SourceClock connect();
+    /// Where the host presents its pictures.
+    void present(FrameBuffer* buffer);
+
+    /// The source stops sending.
+    void disconnect();
+    /// Waits until the sound device has played all that it was given.
+    void wait_until_played();
+    /// Ends the display and completes the recording. Once, after the player was closed.
+    bool finish(Recording* recording, std::string* error);
+
+    StageStats stats() const;
+
+private:
+    void show_now(FrameBuffer* buffer);
+
+    const Options m_options;
+    Source* m_source;
+    Screen* m_screen;
+    std::string m_wav_path;
+    bool m_display_running = false;
+    std::mutex m_mutex;
+    FrameBuffer* m_shown = nullptr; ///< without a display: what is on the imagined one
+};
+
+} // namespace play

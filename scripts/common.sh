@@ -1,0 +1,67 @@
+# SPDX-License-Identifier: MIT
+# What the scripts share: the packages of Debian and Ubuntu that the build needs, and the build itself.
+# To be sourced.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+build_packages=(
+    g++ cmake ninja-build pkg-config
+    libavutil-dev libswresample-dev libdrm-dev                          # the library
+    libsndfile1-dev libavcodec-dev                                      # the simulated platform
+    libavformat-dev libswscale-dev libcli11-dev nlohmann-json3-dev      # the play program
+    libgtest-dev                                                        # the tests
+)
+
+is_installed() {
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# ensure_packages PACKAGE...: installs those that are missing, and says which.
+ensure_packages() {
+    local package missing=() as_root=()
+    if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
+        echo "No apt here: expecting what these Debian packages bring: $*" >&2
+        return 0
+    fi
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing: ${missing[*]}" >&2
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null; then
+            echo "That needs root, and there is no sudo. As root: apt-get install ${missing[*]}" >&2
+            return 1
+        fi
+        as_root=(sudo)
+    fi
+    {
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update &&
+            "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
+                "${missing[@]}"
+    } >&2 </dev/null
+}
+
+# run_quietly COMMAND...: its output only if it fails.
+run_quietly() {
+    local log status=0
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 || status=$?
+    [ "$status" -eq 0 ] || cat "$log" >&2
+    rm -f "$log"
+    return "$status"
+}
+
+# build_targets FOLDER TARGET... [-- CMAKE_OPTION...]: configures FOLDER and builds the targets (all: the default ones).
+build_targets() {
+    local folder=$1 targets=()
+    shift
+    while [ $# -gt 0 ] && [ "$1" != -- ]; do
+        targets+=("$1")
+        shift
+    done
+    [ $# -gt 0 ] && shift
+    [ -e "$folder/build.ninja" ] || echo "Building in $folder (the first time takes a minute or two)" >&2
+    run_quietly cmake -S "$root" -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" || return 1
+    run_quietly cmake --build "$folder" --target "${targets[@]}"
+}

@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: MIT
+// The play program's measurements, on scenes made up so that the right figures are known.
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <functional>
+#include <string>
+
+#include "algorithm.h"
+#include "correlate.h"
+#include "measure.h"
+#include "onset.h"
+#include "picture.h"
+#include "programme.h"
+#include "rate_conversion.h"
+#include "recording.h"
+#include "screen.h"
+
+using namespace play;
+
+namespace
+{
+
+constexpr int64_t ms = 1'000'000;
+constexpr int64_t second = 1000 * ms;
+
+std::vector<int16_t> sound_of(const Source& source, int64_t first, int frames)
+{
+    std::vector<int16_t> stereo(static_cast<size_t>(2 * frames));
+    source.audio(first, stereo.data(), frames);
+    return stereo;
+}
+
+/// A recording of given samples, heard from @p heard_ns on.
+class PlayMeasure : public testing::Test
+{
+protected:
+    ~PlayMeasure() override { unlink(m_path.c_str()); }
+
+    void record(const std::vector<int16_t>& stereo, int rate, std::vector<HeardBlock> blocks)
+    {
+        m_path = testing::TempDir() + "play_measure_" + std::to_string(getpid()) + ".wav";
+        SF_INFO info = {};
+        info.channels = 2;
+        info.samplerate = rate;
+        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
+        SNDFILE* file = sf_open(m_path.c_str(), SFM_WRITE, &info);
+        ASSERT_NE(file, nullptr);
+        sf_writef_short(file, stereo.data(), static_cast<sf_count_t>(stereo.size() / 2));
+        sf_close(file);
+        std::string error;
+        ASSERT_TRUE(recording.open(m_path, std::move(blocks), &error)) << error;
+    }
+
+    void record(const std::vector<int16_t>& stereo, int rate, int64_t heard_ns)
+    {
+        record(stereo, rate, {{0, static_cast<int64_t>(stereo.size() / 2), heard_ns, false}});
+    }
+
+    Recording recording;
+
+private:
+    std::string m_path;
+};
+
+std::vector<Sighting> watch(Programme* programme, int64_t latency_ns)
+{
+    Screen screen;
+    VideoFrame frame;
+    while (programme->next_video(&frame))
+        screen.refresh(frame.picture, frame.source_ns + latency_ns);
+    return screen.sightings();
+}
+
+std::vector<Offset> offsets(std::initializer_list<double> values_ms)
+{
+    std::vector<Offset> list;
+    for (double value : values_ms)
+        list.push_back({0, 100, 100 + value});
+    return list;
+}
+
+} // namespace
+
+TEST(Picture, CarriesItsNumberAndItsFlash)
+{
+    Picture picture;
+    for (int64_t number : {int64_t{0}, int64_t{1}, int64_t{1199}, int64_t{0x5A5A5A}, picture_number_limit - 1}) {
+        write_number(&picture, number);
+        fill_field(&picture, number % 2 != 0 ? Picture::white : Picture::black);
+        EXPECT_EQ(read_number(picture), number);
+        EXPECT_EQ(is_flash(picture), number % 2 != 0);
+    }
+}
+
+TEST(Picture, DamagedOrPlainIsNoNumber)
+{
+    Picture picture;
+    picture.luma.fill(Picture::black);
+    EXPECT_EQ(read_number(picture), -1);
+    picture.luma.fill(Picture::white);
+    EXPECT_EQ(read_number(picture), -1);
+    write_number(&picture, 77);
+    for (int row = 0; row < 8; row++) // the lowest bit's block
+        for (int column = 0; column < 4; column++)
+            picture.luma[static_cast<size_t>(row * Picture::width + column)] = Picture::black;
+    EXPECT_EQ(read_number(picture), -1);
+}
+
+TEST(OnsetDetector, FindsEachBeepAtItsFirstSampleInBlocksOfAnySize)
+{
+    Programme programme(48000, {60, 1}, 3 * second + second / 2);
+    std::vector<int16_t> sound = sound_of(programme, 0, 48000 * 7 / 2);
+    for (int chunk : {1, 977, 48000}) {
+        OnsetDetector detector(48000, Programme::beep_peak);
+        for (int done = 0; done < 48000 * 7 / 2; done += chunk)
+            detector.feed(sound.data() + 2 * done, std::min(chunk, 48000 * 7 / 2 - done));
+        EXPECT_EQ(detector.onsets(), (std::vector<int64_t>{48000, 96000, 144000}));
+    }
+}
+
+TEST(OnsetDetector, FindsBeepsWithinAFrameOrTwoAfterResampling)
+{
+    Programme programme(44100, {60, 1}, 3 * second);
+    std::vector<int16_t> sound = convert_rate(sound_of(programme, 0, 44100 * 5 / 2), 44100, 48000);
+    OnsetDetector detector(48000, Programme::beep_peak);
+    detector.feed(sound.data(), static_cast<int>(sound.size() / 2));
+    ASSERT_EQ(detector.onsets().size(), 2u);
+    EXPECT_NEAR(static_cast<double>(detector.onsets()[0]), 48000, 2);
+    EXPECT_NEAR(static_cast<double>(detector.onsets()[1]), 96000, 2);
+}
+
+TEST(Programme, FlashAndBeepMarkTheSameInstantAtEveryFrameRate)
+{
+    for (Rational fps : {Rational{24, 1}, Rational{25, 1}, Rational{30000, 1001}, Rational{60000, 1001}}) {
+        Programme programme(44100, fps, 4 * second);
+        OnsetDetector detector(44100, Programme::beep_peak);
+        std::vector<int16_t> sound = sound_of(programme, 0, 44100 * 4);
+        detector.feed(sound.data(), 44100 * 4);
+        std::vector<int64_t> flashes;
+        bool was_flash = false;
+        for (const Sighting& seen : watch(&programme, 0)) {
+            if (seen.flash && !was_flash)
+                flashes.push_back(seen.seen_ns);
+            was_flash = seen.flash;
+        }
+        ASSERT_GE(flashes.size(), 3u);
+        for (size_t i = 0; i < 3; i++) {
+            EXPECT_EQ(flashes[i], programme.marks()[i]);
+            EXPECT_NEAR(static_cast<double>(detector.onsets()[i]) / 44100, static_cast<double>(flashes[i]) / 1e9,
+                        1.0 / 44100);
+        }
+    }
+}
+
+TEST_F(PlayMeasure, OffsetIsTheDifferenceOfTheTwoLatencies)
+{
+    Programme programme(48000, {60, 1}, 3 * second + second / 2);
+    SourceClock clock{1000 * second, 0};
+    // The recording begins with source sample 4800, and what was sent at 0.1 s is heard 120 ms later.
+    record(sound_of(programme, 4800, 48000 * 3), 48000, clock.start_ns + 220 * ms);
+    std::vector<SoundMatch> matches = match_beeps(recording, programme, clock);
+    ASSERT_EQ(matches.size(), 3u);
+    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 90 * ms);
+    for (const Offset& offset : measure_offsets(matches, recording, sightings, programme, clock, true)) {
+        EXPECT_NEAR(offset.sound_ms, 120, 0.05);
+        EXPECT_NEAR(offset.picture_ms, 90, 0.05);
+        EXPECT_NEAR(offset.ms(), -30, 0.1); // the sound is late
+    }
+}
+
+TEST_F(PlayMeasure, WaveformsAreFoundAsBeepsAre)
+{
+    Programme programme(44100, {25, 1}, 5 * second);
+    SourceClock clock{50 * second, 0};
+    std::vector<int16_t> out = convert_rate(sound_of(programme, 0, 44100 * 5), 44100, 48000);
+    record(out, 48000, clock.start_ns + 150 * ms);
+    std::vector<SoundMatch> matches = match_waveform(recording, programme, clock, 4 * second);
+    ASSERT_EQ(matches.size(), 3u);
+    for (const SoundMatch& match : matches)
+        EXPECT_NEAR(static_cast<double>(match.position), static_cast<double>(match.source_sample) * 48000 / 44100, 1);
+    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 170 * ms);
+    std::vector<Offset> found = measure_offsets(matches, recording, sightings, programme, clock, false);
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_NEAR(found[2].ms(), 20, 0.1);
+}
+
+TEST(Correlation, GivesUpOnSilenceAndOnSteadyTones)
+{
+    std::vector<float> silence(48000, 0.5f);
+    EXPECT_FALSE(find_in(silence, std::vector<float>(4800, 0.5f)));
+    std::vector<float> tone(48000);
+    for (size_t i = 0; i < tone.size(); i++)
+        tone[i] = 8000 * std::sin(static_cast<float>(i % 480) * 2 * static_cast<float>(M_PI) / 480);
+    EXPECT_FALSE(find_in(tone, std::vector<float>(tone.begin() + 9600, tone.begin() + 14400)));
+}
+
+TEST(OffsetStatistics, WeighEachSideByItsOwnLimit)
+{
+    // -50 is within 60 ms on its side, +45 is beyond 40 on the other: the smaller figure is the worse one.
+    OffsetStatistics statistics = summarise(offsets({-50, 45, 0, 0}));
+    EXPECT_DOUBLE_EQ(statistics.worst_ms, 45);
+    EXPECT_FALSE(statistics.p95_inside_r37());
+    EXPECT_DOUBLE_EQ(statistics.mean_ms, -1.25);
+    EXPECT_TRUE(summarise(offsets({-59.9, 39.9})).p95_inside_r37());
+    EXPECT_FALSE(summarise(offsets({-60.1})).p95_inside_r37());
+    EXPECT_FALSE(summarise({}).p95_inside_r37());
+}
+
+TEST(OffsetStatistics, OneInTwentyMayBeOutsideOfP95)
+{
+    std::vector<Offset> list = offsets({200});
+    for (int i = 0; i < 19; i++)
+        list.push_back({0, 100, 90});
+    OffsetStatistics statistics = summarise(list);
+    EXPECT_DOUBLE_EQ(statistics.p95_ms, -10);
+    EXPECT_DOUBLE_EQ(statistics.worst_ms, 200);
+    EXPECT_EQ(statistics.undetectable, 19);
+    EXPECT_EQ(statistics.unacceptable, 1);
+    list.push_back({0, 100, 300});
+    EXPECT_FALSE(summarise(list).p95_inside_r37());
+}
+
+namespace
+{
+
+std::vector<Sighting> shown(std::initializer_list<std::pair<int64_t, int64_t>> number_and_vblanks)
+{
+    std::vector<Sighting> list;
+    for (auto [number, vblanks] : number_and_vblanks)
+        list.push_back({number, false, 0, vblanks});
+    return list;
+}
+
+} // namespace
+
+TEST(Cadence, WhatTheRatesDictateIsNoFault)
+{
+    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 2}, {3, 3}}), 2.5).excess(), 0); // 24 on 60
+    EXPECT_EQ(measure_cadence(shown({{0, 1}, {1, 1}, {3, 1}, {4, 1}, {5, 1}, {7, 1}}), 50.0 / 60).excess_unseen, 0);
+    EXPECT_EQ(measure_cadence(shown({{7, 1}, {8, 2}, {9, 1}}), 60 / 59.94).excess(), 0);
+}
+
+TEST(Cadence, WhatTheyDoNotDictateIs)
+{
+    Cadence swapped = measure_cadence(shown({{0, 1}, {2, 2}, {3, 1}}), 1); // one superseded, the next held
+    EXPECT_EQ(swapped.excess_unseen, 1);
+    EXPECT_EQ(swapped.excess_repeats, 1);
+    EXPECT_DOUBLE_EQ(swapped.excess(), 0.5);
+    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 1}, {3, 2}}), 2).excess_repeats, 1); // uneven, none lost
+    EXPECT_EQ(measure_cadence({}, 1).excess(), 1);
+}
+
+TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
+{
+    Programme programme(48000, {60, 1}, 3 * second);
+    std::vector<int16_t> out = sound_of(programme, 1234, 48000 * 2);
+    record(out, 48000, 0);
+    std::vector<SoundMatch> matches = {{48000, 48000 - 1234}};
+    int64_t end = 1234 + 48000 * 2;
+    EXPECT_TRUE(check_samples(recording, programme, matches, end).passed());
+    EXPECT_FALSE(check_samples(recording, programme, matches, end + 2000).passed()); // the end is missing
+
+    out[2 * 70000] ^= 1;
+    std::swap(out[10], out[11]); // left for right, once
+    record(out, 48000, 0);
+    SampleCheck check = check_samples(recording, programme, matches, end);
+    EXPECT_EQ(check.mismatches, 2);
+    EXPECT_EQ(check.first_mismatch, 5);
+}
+
+TEST_F(PlayMeasure, ALostBlockIsNoticedAtEveryRate)
+{
+    Programme programme(44100, {60, 1}, 4 * second);
+    std::vector<int16_t> out = convert_rate(sound_of(programme, 0, 44100 * 7 / 2), 44100, 48000);
+    record(out, 48000, 0);
+    EXPECT_TRUE(check_samples(recording, programme, match_beeps(recording, programme, {0, 0}), 44100 * 7 / 2).passed());
+    out.erase(out.begin() + 2 * 70000, out.begin() + 2 * 70960);
+    record(out, 48000, 200 * ms);
+    SampleCheck check = check_samples(recording, programme, match_beeps(recording, programme, {0, 0}), 44100 * 7 / 2);
+    EXPECT_FALSE(check.passed());
+    EXPECT_NEAR(check.worst_place, 960, 4);
+}
+
+TEST_F(PlayMeasure, SilencesOfTheDeviceAreGapsUnlessTheSoundIsOver)
+{
+    Programme programme(48000, {60, 1}, 3 * second);
+    std::vector<int16_t> out = sound_of(programme, 0, 48000);
+    std::vector<int16_t> gap(2 * 4800);
+    out.insert(out.begin() + 2 * 24000, gap.begin(), gap.end());
+    out.insert(out.end(), gap.begin(), gap.end());
+    record(out, 48000,
+           {{0, 24000, 0, false},
+            {24000, 4800, 500 * ms, true},
+            {28800, 24000, 600 * ms, false},
+            {52800, 4800, 1100 * ms, true}});
+    EXPECT_EQ(recording.gaps(0), 1);
+    EXPECT_EQ(recording.gaps(501 * ms), 0);
+    EXPECT_EQ(recording.written(), 48000);
+    EXPECT_EQ(recording.written_before(30000), 25200);
+    EXPECT_EQ(recording.heard_ns(28848), 601 * ms);
+    EXPECT_EQ(recording.heard_ns(60000), -1);
+    EXPECT_EQ(recording.position_at(601 * ms), 28848);
+    EXPECT_EQ(check_samples(recording, programme, {{0, 0}}, 48000).mismatches, 0);
+}
+
+TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
+{
+    DelayLine line(10);
+    std::vector<int16_t> in(2 * 441);
+    std::vector<int16_t> out;
+    int64_t pts = -1;
+    line.start(0, 44100);
+    for (size_t i = 0; i < in.size(); i++)
+        in[i] = static_cast<int16_t>(i);
+    line.push(in.data(), 441);
+    EXPECT_EQ(line.pop(&out, &pts), 0); // 10 ms are held, nothing is made up
+    line.push(in.data(), 441);
+    EXPECT_EQ(line.pop(&out, &pts), 441);
+    EXPECT_EQ(pts, 0);
+    EXPECT_EQ(out, in);
+    line.push(in.data(), 100);
+    EXPECT_EQ(line.pop(&out, &pts), 100);
+    EXPECT_EQ(pts, 10'000);
+    line.start(0, 44100); // a new sequence starts empty
+    line.push(in.data(), 441);
+    EXPECT_EQ(line.pop(&out, &pts), 0);
+    line.drain();
+    EXPECT_EQ(line.pop(&out, &pts), 441);
+    EXPECT_EQ(pts, 0);
+}
