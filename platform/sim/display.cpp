@@ -62,38 +62,49 @@ void count(hdmi_sim::DisplayStats& stats, const std::vector<Latch::Release>& rel
         std::count_if(released.begin(), released.end(), [](const Latch::Release& r) { return r.superseded; });
 }
 
-// One vertical blank, with the host's functions called without the lock.
-void scan_out(Display& d, mutex_guard& guard, int64_t number) REQUIRES(d.mutex)
+struct Frame {
+    Latch::Result latched;
+    int64_t vblank_ns = 0;
+    bool last = false;
+};
+
+Frame await_vblank(Display& d, int64_t number)
 {
-    const int64_t at = d.vblank_ns(number);
-    const Latch::Result result = d.latch.vblank(at);
+    mutex_guard guard(d.mutex);
+    Frame frame;
+    frame.vblank_ns = d.vblank_ns(number);
+    while (hdmi_sim::now_ns() < frame.vblank_ns)
+        d.changed.wait_until(guard, frame.vblank_ns);
+    frame.last = d.stopping;
+    frame.latched = d.latch.vblank(frame.vblank_ns);
     d.stats.vblanks++;
-    d.stats.repeated += result.repeated ? 1 : 0;
-    count(d.stats, result.released);
-    guard.unlock();
-    if (d.on_scan_out)
-        d.on_scan_out({number, at, at + d.config.latency_ns, result.buffer, result.repeated});
-    report(d, result.released);
-    guard.lock();
+    d.stats.repeated += frame.latched.repeated ? 1 : 0;
+    count(d.stats, frame.latched.released);
+    return frame;
+}
+
+std::vector<Latch::Release> end_display(Display& d)
+{
+    mutex_guard guard(d.mutex);
+    d.running = false;
+    std::vector<Latch::Release> released = d.latch.clear();
+    count(d.stats, released);
+    return released;
 }
 
 void run_display(Display& d)
 {
     pthread_setname_np(pthread_self(), "sim_display");
-    mutex_guard guard(d.mutex);
     bool last = false;
     for (int64_t number = 1; !last; number++) {
-        const int64_t at = d.vblank_ns(number);
-        while (hdmi_sim::now_ns() < at)
-            d.changed.wait_until(guard, at);
-        last = d.stopping;
-        scan_out(d, guard, number);
+        const Frame frame = await_vblank(d, number);
+        const int64_t seen_ns = frame.vblank_ns + d.config.latency_ns;
+        if (d.on_scan_out)
+            d.on_scan_out({number, frame.vblank_ns, seen_ns, frame.latched.buffer, frame.latched.repeated});
+        report(d, frame.latched.released);
+        last = frame.last;
     }
-    d.running = false;
-    const std::vector<Latch::Release> released = d.latch.clear();
-    count(d.stats, released);
-    guard.unlock();
-    report(d, released);
+    report(d, end_display(d));
 }
 
 int make_descriptor()

@@ -25,10 +25,10 @@ constexpr const char* kDevicePath = "/devices/platform/hdmirx_aud/extcon/hdmirx_
 constexpr unsigned int kKernelGroup = 1; ///< of NETLINK_KOBJECT_UEVENT: the kernel's own events
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
-constexpr const char* kAdvice =
-    "run as root, or allow user namespaces (sysctl kernel.unprivileged_userns_clone=1, "
-    "kernel.apparmor_restrict_unprivileged_userns=0), or give the container --cap-add=SYS_ADMIN "
-    "--security-opt seccomp=unconfined --security-opt apparmor=unconfined";
+constexpr const char* kAdvice = "run as root, or allow user namespaces (sysctl kernel.unprivileged_userns_clone=1, "
+                                "user.max_user_namespaces=100, kernel.apparmor_restrict_unprivileged_userns=0), or "
+                                "give the container --cap-add=SYS_ADMIN "
+                                "--security-opt seccomp=unconfined --security-opt apparmor=unconfined";
 
 class Descriptor
 {
