@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -98,8 +99,6 @@ hdmi_player_config_t make_config()
     config.video_frame_flip_cb = on_flip;
     return config;
 }
-
-void silence(int64_t, int16_t* words, int frames) { memset(words, 0, static_cast<size_t>(frames) * 4); }
 
 // Counts from 1 in both words, so that no block is all zeros.
 void ramp(int64_t first, int16_t* words, int frames)
