@@ -374,6 +374,14 @@ void report_state(detection* state, int64_t now_us)
     state->force_reset = false;
 }
 
+void close_uevent_socket()
+{
+    if (g_ai_info.uevent_fd < 0)
+        return;
+    close(g_ai_info.uevent_fd);
+    g_ai_info.uevent_fd = -1;
+}
+
 void watch_uevents(int uevent_fd)
 {
     detection state = {g_ai_info.original_sample_rate, g_ai_info.format, false, false, 0};
@@ -400,13 +408,12 @@ void* format_detect(void*)
 {
     set_thread_name("format_detect");
     log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
-    const int uevent_fd = open_uevent_socket();
-    if (uevent_fd < 0) {
+    if (g_ai_info.uevent_fd < 0) {
         log_e("failed to register uevent for hdmi in audio headdone detection\n");
         return nullptr;
     }
-    watch_uevents(uevent_fd);
-    close(uevent_fd);
+    watch_uevents(g_ai_info.uevent_fd);
+    close_uevent_socket();
     log_i("monitor state stop ...\n");
     return nullptr;
 }
@@ -438,6 +445,7 @@ void clear_record() REQUIRES(g_ai_info.api_rwlock)
     g_ai_info.changed_cb = nullptr;
     g_ai_info.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
     g_ai_info.read_failing = false;
+    g_ai_info.uevent_fd = -1;
 }
 
 void prepare_record(const audio_input_config_t& cfg) REQUIRES(g_ai_info.api_rwlock)
@@ -465,6 +473,7 @@ void teardown() REQUIRES(g_ai_info.api_rwlock)
     release_queue(g_ai_info.iec61937_queue);
     release_queue(g_ai_info.pcm_frame_queue);
     close_device();
+    close_uevent_socket();
     pthread_attr_destroy(&g_ai_info.attr);
     g_ai_info.internal_mutex.destroy();
     clear_record();
@@ -555,6 +564,8 @@ bool start(const audio_input_config_t& cfg, bool* unsupported)
         return false;
     }
     prepare_record(cfg);
+    // Before the state is read: a change that comes while the device opens would be lost for good otherwise.
+    g_ai_info.uevent_fd = open_uevent_socket();
     *unsupported = read_initial_state();
     if (!open_device() || !create_queues() || !start_detection()) {
         teardown();

@@ -65,6 +65,7 @@ typedef struct audio_input_info_s {
     mutex_t device_mutex; ///< open and close of the device; not held during reads, which a close ends
     bool device_opened GUARDED_BY(device_mutex) = false;
     bool read_failing = false; ///< the present run of failed reads was reported; read thread only
+    int uevent_fd = -1;        ///< opened by init, then the detection thread's
 } audio_input_info_t;
 
 extern audio_input_info_t g_ai_info;
