@@ -41,6 +41,31 @@ struct hdmi_player_resource_t {
 
 hdmi_player_resource_t g_player_res;
 
+/// Holds the player's lock for reading. A relay may run inside an exported call on the same thread (a
+/// selection runs the change handler): only the outermost of them takes the lock, so that no read waits
+/// behind a module's lock.
+class SCOPED_CAPABILITY player_guard
+{
+public:
+    player_guard() ACQUIRE_SHARED(g_player_res.api_rwlock)
+    {
+        if (depth_++ == 0)
+            pthread_rwlock_rdlock(&g_player_res.api_rwlock.native);
+    }
+    ~player_guard() RELEASE()
+    {
+        if (--depth_ == 0)
+            pthread_rwlock_unlock(&g_player_res.api_rwlock.native);
+    }
+    player_guard(const player_guard&) = delete;
+    player_guard& operator=(const player_guard&) = delete;
+
+private:
+    static thread_local int depth_;
+};
+
+thread_local int player_guard::depth_ = 0;
+
 // What the host set last; kept across close and open.
 std::atomic<int32_t> g_user_volume{kVolumeUnset};
 std::atomic<int32_t> g_hw_volume{kVolumeUnset};
@@ -91,7 +116,7 @@ bool check_opened(const char* function, int line)
 void hdmi_player_event_cb(hdmi_player_event_e type)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return;
     if (type > E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
@@ -105,7 +130,7 @@ void hdmi_player_event_cb(hdmi_player_event_e type)
 
 void hdmi_player_ao_update_avsync_clock_cb(int64_t media_time, int64_t max_media_time, int32_t serial)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return;
     if (video_set_base_media_time(media_time, max_media_time, serial) != 0)
@@ -114,7 +139,7 @@ void hdmi_player_ao_update_avsync_clock_cb(int64_t media_time, int64_t max_media
 
 void hdmi_player_video_notify_audio_reset_cb(void)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return;
     audio_input_avsync_reset(true);
@@ -122,13 +147,13 @@ void hdmi_player_video_notify_audio_reset_cb(void)
 
 bool hdmi_player_video_ai_read_continued_cb(void)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() && audio_input_read_continued();
 }
 
 hdmi_player_audio_frame_t* hdmi_player_resample_input_queue_dequeue_cb(int32_t timeout_ms)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return nullptr;
     hdmi_player_audio_frame_t* frame = nullptr;
@@ -141,7 +166,7 @@ hdmi_player_audio_frame_t* hdmi_player_resample_input_queue_dequeue_cb(int32_t t
 // tried as well, and each refuses a frame that is not its own.
 int32_t hdmi_player_resample_input_queue_put_cb(hdmi_player_audio_frame_t* frame)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return -1;
     const bool pcm = dolby_get_strategy() == DOLBY_STRATEGY_PCM;
@@ -155,7 +180,7 @@ int32_t hdmi_player_resample_input_queue_put_cb(hdmi_player_audio_frame_t* frame
 
 hdmi_player_audio_frame_t* hdmi_player_dolby_input_queue_dequeue_cb(int32_t timeout_ms)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return nullptr;
     hdmi_player_audio_frame_t* frame = nullptr;
@@ -164,13 +189,13 @@ hdmi_player_audio_frame_t* hdmi_player_dolby_input_queue_dequeue_cb(int32_t time
 
 int32_t hdmi_player_dolby_input_queue_put_cb(hdmi_player_audio_frame_t* frame)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() ? audio_input_put_iec61937_frame(frame) : -1;
 }
 
 void hdmi_player_dolby_input_queue_wakeup_cb(void)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return;
     audio_input_wakeup_iec61937_queue();
@@ -284,7 +309,7 @@ bool apply_routing(const routing_state& state, const routing_decision& next, sum
 /// The change handler: recomputes the routing. Runs on whichever thread saw the change.
 void hdmi_player_audio_io_changed_cb(bool force_reset, bool* ao_restarted)
 {
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     // The mutex lives only while the player is open, so that is tested before it is taken.
     if (!g_player_res.opened)
         return;
@@ -492,14 +517,14 @@ int32_t hdmi_player_close(void)
 int32_t hdmi_player_set_game_mode(bool enable)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() ? audio_input_set_game_mode(enable) : -1;
 }
 
 bool hdmi_player_get_game_mode(void)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     // A closed player answers true: the same bits as the -1 of the other functions.
     return player_is_open() ? audio_input_get_game_mode() : true;
 }
@@ -507,14 +532,14 @@ bool hdmi_player_get_game_mode(void)
 int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_dev_e dev)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() ? audio_output_select_device(dev) : -1;
 }
 
 int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_format_e format)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() ? audio_output_select_format(format) : -1;
 }
 
@@ -526,7 +551,7 @@ int32_t hdmi_player_set_volume(int32_t volume)
         return -1;
     }
     g_user_volume = volume;
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!g_player_res.opened || !audio_output_initialized()) {
         log_i("set user_volume:%d\n", volume);
         return 0;
@@ -541,7 +566,7 @@ int32_t hdmi_player_set_volume(int32_t volume)
 int32_t hdmi_player_set_volume2(int32_t volume)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!g_player_res.opened) {
         g_hw_volume = volume;
         log_i("set hw_volume:%d\n", g_hw_volume.load());
@@ -565,7 +590,7 @@ int32_t hdmi_player_set_volume2(int32_t volume)
 int32_t hdmi_player_set_mute(bool mute)
 {
     trace_call(LOG_LEVEL_D);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!g_player_res.opened || !audio_output_initialized()) {
         g_user_mute = mute;
         log_i("set_mute:%d\n", mute);
@@ -591,7 +616,7 @@ int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, int32_t timeout_m
         log_e("frame is null\n");
         return -1;
     }
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return -1;
     const int32_t result = audio_resample_is_enable_resample() ? audio_resample_get_pcm_frame(frame, timeout_ms)
@@ -608,7 +633,7 @@ int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame)
         log_e("frame is null\n");
         return -1;
     }
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return -1;
     return audio_resample_is_enable_resample() ? audio_resample_put_pcm_frame(frame) : audio_input_put_pcm_frame(frame);
@@ -621,7 +646,7 @@ int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame)
         log_e("frame is null\n");
         return -1;
     }
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     return player_is_open() ? audio_output_write_pcm_frame(frame) : -1;
 }
 
@@ -632,7 +657,7 @@ int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
         log_e("frame is null\n");
         return -1;
     }
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return -1;
     if (!video_is_disable_avsync() && audio_input_get_hotplug_status() != E_HDMI_HOTPLUG_STATUS_IN) {
@@ -645,7 +670,7 @@ int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
 int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state)
 {
     trace_call(LOG_LEVEL_V);
-    const read_guard api(g_player_res.api_rwlock);
+    const player_guard api;
     if (!player_is_open())
         return -1;
     if (!audio_output_initialized()) {
