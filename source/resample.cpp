@@ -55,10 +55,12 @@ SwrContext* create_converter(const audio_param_t& tgt, const audio_param_t& src,
     AVChannelLayout tgt_layout = {};
     AVChannelLayout src_layout = {};
     SwrContext* converter = nullptr;
-    // A count without a default layout is left empty: swr_init refuses it, as it refuses the mask 0.
     av_channel_layout_from_mask(&tgt_layout, static_cast<uint64_t>(tgt.channel_layout));
     av_channel_layout_from_mask(&src_layout, static_cast<uint64_t>(src.channel_layout));
-    swr_alloc_set_opts2(&converter, &tgt_layout, tgt.fmt, tgt.sample_rate, &src_layout, src.fmt, src_rate, 0, nullptr);
+    // A channel count without a mask is refused here; the mask interface left that to swr_init.
+    if (swr_alloc_set_opts2(&converter, &tgt_layout, tgt.fmt, tgt.sample_rate, &src_layout, src.fmt, src_rate, 0,
+                            nullptr) < 0)
+        converter = swr_alloc();
     return converter;
 }
 

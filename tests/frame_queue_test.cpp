@@ -236,6 +236,8 @@ TEST_F(FrameQueue, DequeuePollsWaitsOrWaitsForEver)
 
     frame_queue_done_wakeup(queue.id);
     EXPECT_EQ(queue.consume(-1), -1) << "a wake-up for nobody ends the next wait";
+    text = logged("4", [&] { EXPECT_EQ(queue.consume(10), -1); });
+    EXPECT_NE(text.find("wait timeout"), std::string::npos) << "and only that one";
     queue.produce(6);
     EXPECT_EQ(queue.consume(-1), 6);
 }
