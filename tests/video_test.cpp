@@ -162,7 +162,7 @@ protected:
                                  "debug_hdmiplayer_log_video_render_fps", "debug_hdmiplayer_log_video_fq_state",
                                  "debug_hdmiplayer_log_video_fq_api"})
             unsetenv(name);
-        set_log_level("5");
+        set_log_level("4");
         testing::internal::CaptureStdout();
         g_hooks = {};
         g_hooks.wait_vblank = [](int, drmVBlank*) {
@@ -412,6 +412,7 @@ TEST_F(VideoFrameQueueTest, MeasuresFromFlipToFlip)
 
 TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
 {
+    set_log_level("5");
     hdmi_player_video_frame_t frame = frame_of(1);
     const std::string closed = log_of([&] {
         EXPECT_EQ(video_deinit(), -1);
@@ -447,16 +448,59 @@ TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
     EXPECT_TRUE(host_.take_calls().empty());
 }
 
+TEST_F(VideoTest, HasItsFramesPacedByAudio)
+{
+    start();
+    synchronizer_mode_e mode = E_SYNC_MODE_MAX;
+    synchronizer_state_e state = E_SYNC_STATE_MAX;
+    EXPECT_TRUE(synchronizer_get_sync_mode(g_video_info.synchronizer_handle, &mode));
+    EXPECT_TRUE(synchronizer_get_sync_state(g_video_info.synchronizer_handle, &state));
+    EXPECT_EQ(mode, E_SYNC_MODE_AUDIO_MASTER);
+    EXPECT_EQ(state, E_SYNC_STATE_START);
+    EXPECT_TRUE(static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle)->low_latency_mode);
+    video_set_base_media_time(1500000, 1500000, 1);
+    int64_t media_time = 0;
+    EXPECT_TRUE(synchronizer_get_current_media_time(g_video_info.synchronizer_handle, &media_time));
+    EXPECT_EQ(media_time, 1500000);
+}
+
+// Without vertical blanks nothing but the module wakes the pacing early or lets
+// a frame overtake its time.
 TEST_F(VideoTest, RunsWithoutADisplay)
 {
+    constexpr int32_t kBeyondCorrectionMs = 200000;
     video_config_t blind = config();
     blind.drm_info = {0, -1.0F};
     EXPECT_NE(log_of([&] { EXPECT_EQ(video_init(blind), 0); }).find("] invalid drm_info fd:0 vrefresh:-1.000000\n"),
               std::string::npos);
+    video_set_fixed_delay(kBeyondCorrectionMs);
     render(1);
     video_set_base_media_time(1000, 1000000, 1);
     render(2);
-    EXPECT_TRUE(eventually([this] { return host_.count("flip") == 2; }));
+    render(3);
+    ASSERT_TRUE(eventually([this] { return host_.count("flip") + host_.count("drop") == 3; }));
+    // Stamps start anew: the frames before the reset must not time those after it.
+    video_avsync_reset(true, false);
+    EXPECT_EQ(render(4), -1);
+    video_set_base_media_time(1000, 1000000, 2);
+    Gate gate;
+    host_.set_on_flip([&](int) { gate.pass(); });
+    render(5);
+    ASSERT_TRUE(gate.reached());
+
+    auto& sync = *static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle);
+    {
+        const mutex_guard guard(sync.sync_thread_mutex);
+        sync.sync_thread_wake = false;
+    }
+    EXPECT_EQ(render(6), 0);
+    {
+        const mutex_guard guard(sync.sync_thread_mutex);
+        EXPECT_TRUE(sync.sync_thread_wake);
+    }
+    gate.open();
+    EXPECT_TRUE(eventually([] { return queued() == 0; }));
+    video_deinit();
 }
 
 TEST_F(VideoTest, UndoesAnInitWithoutMemory)
@@ -595,6 +639,9 @@ TEST_F(VideoTest, ShowsFramesUnchangedAndAtOnceInFreeRun)
     EXPECT_EQ(render(1), 0);
     video_avsync_reset(true, false);
     EXPECT_FALSE(video_is_disable_avsync());
+    EXPECT_NE(log_of([] { video_avsync_reset(true, true); }).find("] reset:1 avsync:0\n"), std::string::npos);
+    EXPECT_TRUE(video_is_disable_avsync());
+    video_avsync_reset(true, false);
     host_.audio_continues = false;
     const std::string log = log_of([] { EXPECT_EQ(render(2), 0); });
     EXPECT_NE(log.find("] free run sys_time:"), std::string::npos);
