@@ -56,13 +56,18 @@ adecoder_handle_t* adecoder_init(adecoder_format_t format, int32_t arg1, int32_t
                                  int32_t arg4, bool async_mode);
 
 /**
- * Feeds @p bytes bytes of the elementary stream, cut anywhere.
+ * Feeds @p bytes bytes of the elementary stream, cut anywhere. They come as the
+ * link carries them: in 16-bit words whose low byte is first (the sync of AC-3
+ * reads 77 0B), so both byte orders must be understood. A frame ends with the
+ * size that its header states; it must not wait for the next one's header.
+ * A damaged frame is to cost its own duration and nothing after it.
  * @param arg3 always 0
  * @param timeout_ms always -1
  * @param status receives a positive value exactly when decoded PCM is ready to
- *        be read, a negative one when decoding failed (the stream goes on with
- *        the next frame), else 0
- * @return bytes accepted, negative on error. Does not wait for the reader.
+ *        be read; else a negative one when decoding failed (the stream goes on
+ *        with the next frame), else 0
+ * @return bytes accepted, 0 while nothing can be taken because decoded PCM waits
+ *         to be read, negative on error. Does not wait for the reader.
  */
 int32_t adecoder_write(adecoder_handle_t* handle, const void* data, int32_t bytes, int32_t arg3, int32_t timeout_ms,
                        int32_t* status);

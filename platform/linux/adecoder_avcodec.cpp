@@ -1,0 +1,442 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The decoder of compressed audio on libavcodec.
+ *
+ * Every frame is decoded as soon as its last byte was written. A frame that is
+ * damaged or lost is concealed or replaced by silence of its duration, so that
+ * what follows keeps its place in time. Noise is generated consistently (the
+ * decoder's "cons_noisegen"): equal input gives equal output.
+ *
+ * What is held at most: the framer's 40 kB of input, in the asynchronous mode
+ * two blocks of 64 kB more, and 16 frames of PCM. While the PCM is full, a
+ * write takes nothing.
+ */
+#include "adecoder.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <utility>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/downmix_info.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+}
+
+#include "ac3_framer.h"
+
+#define ADECODER_EXPORT __attribute__((visibility("default")))
+
+namespace
+{
+
+constexpr size_t kPcmFramesMax = 16 * ac3::kFrameSamplesMax;
+constexpr size_t kPendingBytesMax = 64 * 1024;
+
+struct AvDeleter {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+    void operator()(SwrContext* converter) const { swr_free(&converter); }
+};
+template <typename Type> using AvPtr = std::unique_ptr<Type, AvDeleter>;
+
+/// Decoded PCM between the writing and the reading thread: a ring of constant size.
+class PcmRing
+{
+public:
+    explicit PcmRing(size_t channels) : channels_(channels), samples_(kPcmFramesMax * channels) {}
+
+    size_t frames() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return count_ / channels_;
+    }
+    size_t room() const { return kPcmFramesMax - frames(); }
+
+    /// What finds no room is dropped.
+    void push(const int16_t* data, size_t frames)
+    {
+        push_with(frames, [&data](int16_t* to, size_t samples) {
+            std::copy_n(data, samples, to);
+            data += samples;
+        });
+    }
+    void push_silence(size_t frames)
+    {
+        push_with(frames, [](int16_t* to, size_t samples) { std::fill_n(to, samples, int16_t{0}); });
+    }
+
+    /// The frames stored, at most @p frames.
+    size_t pop(int16_t* data, size_t frames)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const size_t samples = std::min(frames * channels_, count_);
+        const size_t first = std::min(samples, samples_.size() - head_);
+        std::copy_n(samples_.data() + head_, first, data);
+        std::copy_n(samples_.data(), samples - first, data + first);
+        head_ = (head_ + samples) % samples_.size();
+        count_ -= samples;
+        return samples / channels_;
+    }
+
+private:
+    template <typename Fill> void push_with(size_t frames, Fill fill)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const size_t samples = std::min(frames * channels_, samples_.size() - count_);
+        const size_t tail = (head_ + count_) % samples_.size();
+        const size_t first = std::min(samples, samples_.size() - tail);
+        fill(samples_.data() + tail, first);
+        fill(samples_.data(), samples - first);
+        count_ += samples;
+    }
+
+    const size_t channels_;
+    mutable std::mutex mutex_;
+    std::vector<int16_t> samples_;
+    size_t head_ = 0;
+    size_t count_ = 0;
+};
+
+/// How loud the channels that the output lacks are mixed into those it has.
+struct MixLevels {
+    double center = 0;
+    double surround = 0;
+    double lfe = 0;
+
+    bool operator==(const MixLevels& other) const
+    {
+        return center == other.center && surround == other.surround && lfe == other.lfe;
+    }
+};
+
+MixLevels mix_levels(const AVFrame& frame)
+{
+    const AVFrameSideData* side = av_frame_get_side_data(&frame, AV_FRAME_DATA_DOWNMIX_INFO);
+    if (side == nullptr)
+        return {M_SQRT1_2, M_SQRT1_2, 0};
+    const auto* info = reinterpret_cast<const AVDownmixInfo*>(side->data);
+    if (info->preferred_downmix_type == AV_DOWNMIX_TYPE_LTRT)
+        return {info->center_mix_level_ltrt, info->surround_mix_level_ltrt, info->lfe_mix_level};
+    return {info->center_mix_level, info->surround_mix_level, info->lfe_mix_level};
+}
+
+/// From the codec's samples to interleaved 16-bit ones in the layout asked for.
+class Converter
+{
+public:
+    explicit Converter(int channels) { av_channel_layout_default(&target_, channels); }
+    ~Converter()
+    {
+        av_channel_layout_uninit(&target_);
+        av_channel_layout_uninit(&source_);
+    }
+    Converter(const Converter&) = delete;
+    Converter& operator=(const Converter&) = delete;
+
+    /// Appends the frame to @p pcm; false on failure.
+    bool convert(const AVFrame& frame, std::vector<int16_t>* pcm)
+    {
+        if (!follow(frame))
+            return false;
+        const auto channels = static_cast<size_t>(target_.nb_channels);
+        const size_t start = pcm->size();
+        pcm->resize(start + static_cast<size_t>(frame.nb_samples) * channels);
+        auto* to = reinterpret_cast<uint8_t*>(pcm->data() + start);
+        const int frames = swr_convert(swr_.get(), &to, frame.nb_samples,
+                                       const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
+        pcm->resize(start + static_cast<size_t>(std::max(frames, 0)) * channels);
+        return frames >= 0;
+    }
+
+private:
+    bool follow(const AVFrame& frame)
+    {
+        const MixLevels levels = mix_levels(frame);
+        if (swr_ != nullptr && levels == levels_ && rate_ == frame.sample_rate && format_ == frame.format &&
+            av_channel_layout_compare(&source_, &frame.ch_layout) == 0)
+            return true;
+        swr_.reset();
+        SwrContext* swr = nullptr;
+        if (av_channel_layout_copy(&source_, &frame.ch_layout) < 0 ||
+            swr_alloc_set_opts2(&swr, &target_, AV_SAMPLE_FMT_S16, frame.sample_rate, &source_,
+                                static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr) < 0)
+            return false;
+        AvPtr<SwrContext> fresh(swr);
+        av_opt_set_double(swr, "center_mix_level", levels.center, 0);
+        av_opt_set_double(swr, "surround_mix_level", levels.surround, 0);
+        av_opt_set_double(swr, "lfe_mix_level", levels.lfe, 0);
+        if (swr_init(swr) < 0)
+            return false;
+        swr_ = std::move(fresh);
+        levels_ = levels;
+        rate_ = frame.sample_rate;
+        format_ = frame.format;
+        return true;
+    }
+
+    AVChannelLayout target_ = {};
+    AVChannelLayout source_ = {};
+    AvPtr<SwrContext> swr_;
+    MixLevels levels_;
+    int rate_ = 0;
+    int format_ = AV_SAMPLE_FMT_NONE;
+};
+
+/// One unit in, its PCM out.
+class UnitDecoder
+{
+public:
+    explicit UnitDecoder(int channels) : converter_(channels), frame_(av_frame_alloc()), packet_(av_packet_alloc())
+    {
+        // This one decodes AC-3 as well, and AC-3 with E-AC-3 extensions.
+        const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_EAC3);
+        if (codec == nullptr || frame_ == nullptr || packet_ == nullptr)
+            return;
+        AvPtr<AVCodecContext> context(avcodec_alloc_context3(codec));
+        if (context == nullptr)
+            return;
+        context->thread_count = 1;
+        // Damage on the link is expected; it is told by the status of the write.
+        context->log_level_offset = AV_LOG_VERBOSE - AV_LOG_ERROR;
+        av_opt_set_int(context->priv_data, "cons_noisegen", 1, 0);
+        if (avcodec_open2(context.get(), codec, nullptr) == 0)
+            context_ = std::move(context);
+    }
+
+    bool ready() const { return context_ != nullptr; }
+    int32_t rate() const { return rate_; }
+
+    /// False when decoding failed; @p pcm holds what came nevertheless.
+    bool decode(const ac3::Unit& unit, std::vector<int16_t>* pcm)
+    {
+        pcm->clear();
+        // Frames with a wrong check sum are concealed, but not all of a stream that has no right one.
+        seen_intact_ = seen_intact_ || unit.intact;
+        context_->err_recognition = seen_intact_ ? AV_EF_CRCCHECK : 0;
+        if (av_new_packet(packet_.get(), static_cast<int>(unit.bytes)) < 0)
+            return false;
+        std::copy_n(unit.data, unit.bytes, packet_->data);
+        bool good = avcodec_send_packet(context_.get(), packet_.get()) == 0;
+        av_packet_unref(packet_.get());
+        while (avcodec_receive_frame(context_.get(), frame_.get()) == 0) {
+            good = converter_.convert(*frame_, pcm) && good;
+            rate_ = frame_->sample_rate;
+            av_frame_unref(frame_.get());
+        }
+        return good && !pcm->empty();
+    }
+
+private:
+    Converter converter_;
+    AvPtr<AVFrame> frame_;
+    AvPtr<AVPacket> packet_;
+    AvPtr<AVCodecContext> context_;
+    bool seen_intact_ = false;
+    std::atomic<int32_t> rate_{0};
+};
+
+/// From bytes to PCM; fed by one thread at a time.
+class Pipeline
+{
+public:
+    explicit Pipeline(int channels)
+        : channels_(static_cast<size_t>(channels)), decoder_(channels), pcm_(static_cast<size_t>(channels))
+    {
+    }
+
+    bool ready() const { return decoder_.ready(); }
+    int32_t rate() const { return decoder_.rate(); }
+    PcmRing& pcm() { return pcm_; }
+
+    /// Bytes taken: fewer than given when the PCM is full.
+    size_t feed(const uint8_t* data, size_t bytes, bool* failed)
+    {
+        size_t taken = 0;
+        while (decode_complete(failed) && taken < bytes)
+            taken += framer_.write(data + taken, bytes - taken);
+        return taken;
+    }
+
+private:
+    // Decodes the units that are there. False when the PCM is full.
+    bool decode_complete(bool* failed)
+    {
+        ac3::Unit unit = {};
+        while (pcm_.room() >= ac3::kFrameSamplesMax) {
+            if (!framer_.next(&unit))
+                return true;
+            const bool started = decoder_.rate() != 0;
+            *failed = !decoder_.decode(unit, &scratch_) || unit.lost > 0 || !unit.intact || *failed;
+            // Silence stands for what was lost, so that the sound behind it keeps its place in time.
+            if (started) {
+                const size_t after = std::max<size_t>(unit.samples, scratch_.size() / channels_);
+                const size_t room = pcm_.room();
+                pcm_.push_silence(std::min<size_t>(unit.lost * unit.samples, room - std::min(room, after)));
+            }
+            if (scratch_.empty() && started)
+                pcm_.push_silence(unit.samples);
+            pcm_.push(scratch_.data(), scratch_.size() / channels_);
+        }
+        return false;
+    }
+
+    const size_t channels_;
+    ac3::Framer framer_;
+    UnitDecoder decoder_;
+    PcmRing pcm_;
+    std::vector<int16_t> scratch_;
+};
+
+} // namespace
+
+struct adecoder_handle {
+    adecoder_handle(int channels, bool async_mode) : channels(channels), async(async_mode), pipeline(channels)
+    {
+        if (async && pipeline.ready())
+            worker = std::thread(&adecoder_handle::run, this);
+    }
+    ~adecoder_handle()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stopping = true;
+        }
+        changed.notify_all();
+        if (worker.joinable())
+            worker.join();
+    }
+
+    int32_t write(const uint8_t* data, size_t bytes, int32_t* status)
+    {
+        bool bad = false;
+        const size_t taken = async ? enqueue(data, bytes, &bad) : pipeline.feed(data, bytes, &bad);
+        *status = pipeline.pcm().frames() > 0 ? 1 : bad ? -1 : 0;
+        return static_cast<int32_t>(taken);
+    }
+
+    int32_t read(void* buffer, int32_t bytes)
+    {
+        const auto frame_bytes = static_cast<size_t>(channels) * sizeof(int16_t);
+        const size_t frames =
+            pipeline.pcm().pop(static_cast<int16_t*>(buffer), static_cast<size_t>(bytes) / frame_bytes);
+        if (async && frames > 0) {
+            // Under the mutex: the worker tests the room and then waits.
+            std::lock_guard<std::mutex> lock(mutex);
+            changed.notify_all();
+        }
+        return static_cast<int32_t>(frames * frame_bytes);
+    }
+
+    size_t enqueue(const uint8_t* data, size_t bytes, bool* bad)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        const size_t taken = std::min(bytes, kPendingBytesMax - pending.size());
+        pending.insert(pending.end(), data, data + taken);
+        *bad = failed;
+        failed = false;
+        changed.notify_all();
+        return taken;
+    }
+
+    bool has_room() { return pipeline.pcm().room() >= ac3::kFrameSamplesMax; }
+
+    // The worker of the asynchronous mode.
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "adecoder");
+        std::vector<uint8_t> block;
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            changed.wait(lock, [this] { return stopping || !pending.empty(); });
+            if (stopping)
+                return;
+            block.clear();
+            block.swap(pending);
+            // A full ring leaves whole units behind even when it has taken all bytes.
+            for (size_t at = 0; !stopping && (at < block.size() || !has_room());) {
+                changed.wait(lock, [this] { return stopping || has_room(); });
+                lock.unlock();
+                bool bad = false;
+                at += pipeline.feed(block.data() + at, block.size() - at, &bad);
+                lock.lock();
+                failed = failed || bad;
+            }
+        }
+    }
+
+    const int channels;
+    const bool async;
+    Pipeline pipeline;
+    std::mutex mutex; ///< of what follows, which the asynchronous mode alone uses
+    std::condition_variable changed;
+    std::vector<uint8_t> pending;
+    bool failed = false;
+    bool stopping = false;
+    std::thread worker;
+};
+
+extern "C" {
+
+ADECODER_EXPORT adecoder_handle_t* adecoder_init(adecoder_format_t format, int32_t, int32_t,
+                                                 adecoder_channel_t num_channel, int32_t, bool async_mode)
+{
+    if ((format != ADECODER_FORMAT_AC3 && format != ADECODER_FORMAT_EAC3) || num_channel < ADECODER_CHANNEL_MONO ||
+        num_channel >= ADECODER_CHANNEL_MAX)
+        return nullptr;
+    try {
+        auto handle = std::make_unique<adecoder_handle>(num_channel + 1, async_mode);
+        return handle->pipeline.ready() ? handle.release() : nullptr;
+    } catch (const std::exception&) {
+        return nullptr; // no memory, or no thread
+    }
+}
+
+ADECODER_EXPORT int32_t adecoder_write(adecoder_handle_t* handle, const void* data, int32_t bytes, int32_t, int32_t,
+                                       int32_t* status)
+{
+    int32_t ignored = 0;
+    if (handle == nullptr || data == nullptr || bytes < 0)
+        return -1;
+    try {
+        return handle->write(static_cast<const uint8_t*>(data), static_cast<size_t>(bytes),
+                             status != nullptr ? status : &ignored);
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+ADECODER_EXPORT int32_t adecoder_read(adecoder_handle_t* handle, int32_t, int32_t, void* buffer, int32_t buffer_size,
+                                      int32_t)
+{
+    if (handle == nullptr || buffer == nullptr || buffer_size < 0)
+        return -1;
+    return handle->read(buffer, buffer_size);
+}
+
+ADECODER_EXPORT int32_t adecoder_get_output_sample_rate(adecoder_handle_t* handle)
+{
+    return handle != nullptr ? handle->pipeline.rate() : 0;
+}
+
+ADECODER_EXPORT int32_t adecoder_deinit(adecoder_handle_t* handle)
+{
+    delete handle;
+    return handle != nullptr ? 0 : -1;
+}
+
+} // extern "C"

@@ -1,0 +1,414 @@
+// SPDX-License-Identifier: MIT
+#include "adecoder.h"
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavutil/crc.h>
+}
+
+#include "ac3_framer.h"
+#include "coded_audio.h"
+
+namespace
+{
+
+using coded_audio::Bytes;
+using coded_audio::Format;
+using Pcm = std::vector<int16_t>;
+
+constexpr size_t kFrame = ac3::kFrameSamplesMax;
+
+struct Closer {
+    void operator()(adecoder_handle_t* handle) const { EXPECT_EQ(0, adecoder_deinit(handle)); }
+};
+using Decoder = std::unique_ptr<adecoder_handle_t, Closer>;
+
+Decoder open_decoder(adecoder_format_t format = ADECODER_FORMAT_AC3, int channels = 2, bool async_mode = false)
+{
+    return Decoder(adecoder_init(format, 1, 0, static_cast<adecoder_channel_t>(channels - 1), 0, async_mode));
+}
+
+void read_all(adecoder_handle_t* decoder, Pcm* pcm)
+{
+    int16_t block[1000];
+    for (int32_t bytes; (bytes = adecoder_read(decoder, 0, 0, block, sizeof(block), 0)) > 0;)
+        pcm->insert(pcm->end(), block, block + bytes / 2);
+}
+
+// Writes the stream in pieces and reads what comes.
+template <typename NextSize> Pcm play(adecoder_handle_t* decoder, const Bytes& stream, NextSize next_size)
+{
+    Pcm pcm;
+    for (size_t at = 0; at < stream.size();) {
+        const size_t size = std::min<size_t>(next_size(), stream.size() - at);
+        int32_t status = 0;
+        const int32_t taken = adecoder_write(decoder, stream.data() + at, static_cast<int32_t>(size), 0, -1, &status);
+        EXPECT_LE(0, taken);
+        at += static_cast<size_t>(std::max(taken, 0));
+        const size_t before = pcm.size();
+        read_all(decoder, &pcm);
+        EXPECT_EQ(pcm.size() > before, status > 0);
+    }
+    return pcm;
+}
+
+Pcm play(adecoder_handle_t* decoder, const Bytes& stream)
+{
+    return play(decoder, stream, [] { return size_t{4096}; });
+}
+
+Bytes swap_words(Bytes bytes)
+{
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2)
+        std::swap(bytes[i], bytes[i + 1]);
+    return bytes;
+}
+
+bool is_silent(const Pcm& pcm, size_t from, size_t to)
+{
+    return std::all_of(pcm.begin() + static_cast<ptrdiff_t>(from), pcm.begin() + static_cast<ptrdiff_t>(to),
+                       [](int16_t sample) { return std::abs(sample) < 2; });
+}
+
+size_t count_differences(const Pcm& a, const Pcm& b, size_t from, size_t to)
+{
+    size_t count = 0;
+    for (size_t i = from; i < to; ++i)
+        count += i >= a.size() || i >= b.size() || a[i] != b[i] ? 1 : 0;
+    return count;
+}
+
+const Format kFormats[] = {
+    {AV_CODEC_ID_AC3, 48000, 2, 192000},   {AV_CODEC_ID_AC3, 44100, 2, 128000}, {AV_CODEC_ID_AC3, 32000, 1, 64000},
+    {AV_CODEC_ID_AC3, 48000, 6, 448000},   {AV_CODEC_ID_EAC3, 48000, 2, 96000}, {AV_CODEC_ID_EAC3, 44100, 6, 384000},
+    {AV_CODEC_ID_EAC3, 48000, 6, 1024000},
+};
+
+class AdecoderFormats : public testing::TestWithParam<Format>
+{
+};
+
+TEST_P(AdecoderFormats, AnyCutInEitherByteOrderGivesWhatADirectDecodeGives)
+{
+    const Format format = GetParam();
+    const std::vector<Bytes> packets = coded_audio::encode(format, 12);
+    for (int channels : {2, 6}) {
+        const Pcm expected = coded_audio::decode(format, packets, channels);
+        ASSERT_EQ(12 * kFrame * static_cast<size_t>(channels), expected.size());
+        for (const Bytes& stream : {coded_audio::join(packets), swap_words(coded_audio::join(packets))}) {
+            std::mt19937 random(5);
+            for (size_t most : {size_t{1}, size_t{40}, size_t{5000}}) {
+                const Decoder decoder = open_decoder(
+                    format.codec == AV_CODEC_ID_AC3 ? ADECODER_FORMAT_AC3 : ADECODER_FORMAT_EAC3, channels);
+                ASSERT_NE(nullptr, decoder);
+                EXPECT_EQ(0, adecoder_get_output_sample_rate(decoder.get()));
+                const Pcm pcm = play(decoder.get(), stream, [&] { return 1 + random() % most; });
+                EXPECT_TRUE(expected == pcm) << channels << " channels, pieces up to " << most;
+                EXPECT_EQ(format.rate, adecoder_get_output_sample_rate(decoder.get()));
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Streams, AdecoderFormats, testing::ValuesIn(kFormats));
+
+TEST(Adecoder, FrameComesOutWithItsLastByte)
+{
+    for (const Format& format : kFormats) {
+        const Decoder decoder = open_decoder();
+        for (const Bytes& packet : coded_audio::encode(format, 3)) {
+            int32_t status = 5;
+            const auto bytes = static_cast<int32_t>(packet.size());
+            EXPECT_EQ(bytes - 1, adecoder_write(decoder.get(), packet.data(), bytes - 1, 0, -1, &status));
+            EXPECT_EQ(0, status);
+            EXPECT_EQ(1, adecoder_write(decoder.get(), packet.data() + bytes - 1, 1, 0, -1, &status));
+            EXPECT_LT(0, status);
+            Pcm pcm;
+            read_all(decoder.get(), &pcm);
+            EXPECT_EQ(2 * kFrame, pcm.size());
+        }
+    }
+}
+
+TEST(Adecoder, OneDecoderFollowsFromAc3ToEac3AndToAnotherRate)
+{
+    Bytes stream;
+    for (const Format& format : {kFormats[0], kFormats[4], kFormats[1]}) {
+        const Bytes part = coded_audio::join(coded_audio::encode(format, 4));
+        stream.insert(stream.end(), part.begin(), part.end());
+    }
+    const Decoder decoder = open_decoder(ADECODER_FORMAT_AC3);
+    EXPECT_EQ(12 * kFrame * 2, play(decoder.get(), stream).size());
+    EXPECT_EQ(44100, adecoder_get_output_sample_rate(decoder.get()));
+}
+
+// What happens to the sixth of twelve frames.
+struct Damage {
+    const char* name;
+    void (*apply)(Bytes* frame);
+};
+
+const Damage kDamages[] = {
+    {"a bit of the sound", [](Bytes* frame) { (*frame)[frame->size() / 2] ^= 0x10; }},
+    {"the sync", [](Bytes* frame) { (*frame)[0] ^= 1; }},
+    {"a size too large",
+     [](Bytes* frame) {
+         if ((*frame)[5] >> 3 <= 10)
+             (*frame)[4] += 8;
+         else
+             (*frame)[2] |= 7;
+     }},
+    {"a size too small",
+     [](Bytes* frame) {
+         if ((*frame)[5] >> 3 <= 10)
+             (*frame)[4] -= 8;
+         else
+             (*frame)[3] -= 9;
+     }},
+    {"half of it missing", [](Bytes* frame) { frame->erase(frame->begin() + 100, frame->begin() + 100 + 240); }},
+    {"all random", [](Bytes* frame) {
+         std::mt19937 random(9);
+         for (uint8_t& byte : *frame)
+             byte = static_cast<uint8_t>(random());
+     }}};
+
+TEST(Adecoder, DamagedFrameCostsItsOwnDurationAndNothingAfter)
+{
+    for (const Format& format : {kFormats[0], kFormats[1], kFormats[3], kFormats[4], kFormats[6]}) {
+        const std::vector<Bytes> good = coded_audio::encode(format, 12);
+        const Pcm expected = coded_audio::decode(format, good, 2);
+        for (const Damage& damage : kDamages) {
+            SCOPED_TRACE(testing::Message() << damage.name << ", codec " << format.codec << ", " << format.bit_rate);
+            std::vector<Bytes> packets = good;
+            damage.apply(&packets[5]);
+            for (bool whole : {false, true}) {
+                const Decoder decoder = open_decoder();
+                std::mt19937 random(2);
+                const Pcm pcm = play(decoder.get(), coded_audio::join(packets),
+                                     [&] { return whole ? size_t{1} << 20 : 1 + random() % 700; });
+                ASSERT_EQ(expected.size(), pcm.size()) << "the time line holds";
+                EXPECT_EQ(0u, count_differences(expected, pcm, 0, 5 * kFrame * 2));
+                // The overlap with the damaged frame reaches one block into the next.
+                EXPECT_EQ(0u, count_differences(expected, pcm, (6 * kFrame + 256) * 2, expected.size()));
+            }
+        }
+    }
+}
+
+TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)
+{
+    for (bool async_mode : {false, true}) {
+        const std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 400);
+        const Bytes stream = coded_audio::join(packets);
+        const Decoder decoder = open_decoder(ADECODER_FORMAT_AC3, 2, async_mode);
+        size_t at = 0;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        int refused = 0;
+        // Nobody reads: some time nothing more is taken.
+        while (refused < 50 && at < stream.size() && std::chrono::steady_clock::now() < deadline) {
+            int32_t status = 0;
+            const int32_t taken =
+                adecoder_write(decoder.get(), stream.data() + at,
+                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 5000)), 0, -1, &status);
+            ASSERT_LE(0, taken);
+            at += static_cast<size_t>(taken);
+            refused = taken == 0 ? refused + 1 : 0;
+            if (taken == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_LT(at, size_t{300 * 1024}) << "what is held is bounded";
+        // Read, it goes on without loss.
+        Pcm pcm;
+        const Pcm expected = coded_audio::decode(kFormats[0], packets, 2);
+        while (pcm.size() + 2 * 2 * kFrame * 16 < expected.size() && std::chrono::steady_clock::now() < deadline) {
+            read_all(decoder.get(), &pcm);
+            int32_t status = 0;
+            const int32_t taken =
+                adecoder_write(decoder.get(), stream.data() + at,
+                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 5000)), 0, -1, &status);
+            at += static_cast<size_t>(std::max(taken, 0));
+        }
+        EXPECT_EQ(0u, count_differences(expected, pcm, 0, pcm.size()));
+        EXPECT_LT(expected.size() / 2, pcm.size());
+    }
+}
+
+TEST(Adecoder, AsynchronousModeDecodesTheSameAndCanBeReadMeanwhile)
+{
+    for (int round = 0; round < 10; ++round) {
+        const std::vector<Bytes> packets = coded_audio::encode(kFormats[3], 30);
+        const Pcm expected = coded_audio::decode(kFormats[3], packets, 2);
+        const Decoder decoder = open_decoder(ADECODER_FORMAT_AC3, 2, true);
+        Pcm pcm;
+        std::thread reader([&] {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (pcm.size() < expected.size() && std::chrono::steady_clock::now() < deadline) {
+                read_all(decoder.get(), &pcm);
+                std::this_thread::yield();
+            }
+        });
+        const Bytes stream = coded_audio::join(packets);
+        for (size_t at = 0; at < stream.size();) {
+            int32_t status = 0;
+            const int32_t taken =
+                adecoder_write(decoder.get(), stream.data() + at,
+                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 1700)), 0, -1, &status);
+            ASSERT_LE(0, taken);
+            at += static_cast<size_t>(taken);
+            adecoder_get_output_sample_rate(decoder.get());
+        }
+        reader.join();
+        EXPECT_TRUE(expected == pcm);
+    }
+    // Ended in the middle of its work.
+    const Decoder decoder = open_decoder(ADECODER_FORMAT_AC3, 2, true);
+    const Bytes stream = coded_audio::join(coded_audio::encode(kFormats[0], 60));
+    int32_t status = 0;
+    EXPECT_LT(0, adecoder_write(decoder.get(), stream.data(), static_cast<int32_t>(stream.size()), 0, -1, &status));
+}
+
+TEST(Adecoder, RandomAndFlippedStreamsAreHarmlessAndRecoveredFrom)
+{
+    std::mt19937 random(11);
+    const Bytes tail = coded_audio::join(coded_audio::encode(kFormats[0], 12));
+    for (int round = 0; round < 60; ++round) {
+        const Format& format = kFormats[random() % std::size(kFormats)];
+        Bytes stream = coded_audio::join(coded_audio::encode(format, 6));
+        for (size_t flips = random() % 400; flips > 0; --flips)
+            stream[random() % stream.size()] ^= static_cast<uint8_t>(1u << random() % 8);
+        const Decoder decoder = open_decoder(ADECODER_FORMAT_EAC3, 1 + static_cast<int>(random() % 8));
+        const Pcm noise = play(decoder.get(), stream, [&] { return 1 + random() % 3000; });
+        EXPECT_LE(noise.size(), stream.size() / 16 * 256 * 8);
+        Pcm pcm = play(decoder.get(), tail);
+        EXPECT_LT(8 * kFrame, pcm.size()) << "the good frames behind it come out";
+    }
+}
+
+TEST(Adecoder, MemoryDoesNotGrow)
+{
+    const Bytes stream = coded_audio::join(coded_audio::encode(kFormats[3], 100));
+    const Decoder decoder = open_decoder();
+    play(decoder.get(), stream);
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 5; ++i)
+        play(decoder.get(), stream);
+    EXPECT_LT(mallinfo2().uordblks, before + 64 * 1024);
+}
+
+TEST(Adecoder, NonsenseIsRefused)
+{
+    EXPECT_EQ(nullptr, adecoder_init(ADECODER_FORMAT_DTS, 1, 0, ADECODER_CHANNEL_STEREO, 0, false));
+    EXPECT_EQ(nullptr, adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_MAX, 0, false));
+    const Decoder decoder = open_decoder();
+    int32_t status = 0;
+    EXPECT_GT(0, adecoder_write(nullptr, &status, 4, 0, -1, &status));
+    EXPECT_GT(0, adecoder_write(decoder.get(), nullptr, 4, 0, -1, &status));
+    EXPECT_GT(0, adecoder_write(decoder.get(), &status, -4, 0, -1, &status));
+    EXPECT_EQ(0, adecoder_write(decoder.get(), &status, 0, 0, -1, &status));
+    EXPECT_EQ(0, adecoder_read(decoder.get(), 0, 0, &status, 3, 0)) << "no room for a frame";
+    EXPECT_GE(0, adecoder_read(nullptr, 0, 0, &status, 3, 0));
+    EXPECT_GT(0, adecoder_deinit(nullptr));
+}
+
+// A frame of E-AC-3 that only its framing is right of: the check sum included.
+Bytes make_frame(int type, int substream, size_t bytes)
+{
+    Bytes frame(bytes, 0x55);
+    const size_t words = bytes / 2 - 1;
+    frame[0] = 0x0B;
+    frame[1] = 0x77;
+    frame[2] = static_cast<uint8_t>(type << 6 | substream << 3 | static_cast<int>(words >> 8));
+    frame[3] = static_cast<uint8_t>(words);
+    frame[4] = 0x34;
+    frame[5] = 0x80;
+    const uint32_t crc = av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame.data() + 2, bytes - 4);
+    frame[bytes - 2] = static_cast<uint8_t>(crc);
+    frame[bytes - 1] = static_cast<uint8_t>(crc >> 8);
+    return frame;
+}
+
+TEST(Adecoder, DecodingErrorIsToldByANegativeStatus)
+{
+    const Decoder decoder = open_decoder();
+    int32_t status = 0;
+    for (int i = 0; i < 2; ++i) {
+        const Bytes frame = make_frame(2, 0, 400);
+        EXPECT_EQ(400, adecoder_write(decoder.get(), frame.data(), 400, 0, -1, &status));
+        EXPECT_EQ(-1, status);
+    }
+    EXPECT_EQ(2 * 12 * kFrame, play(decoder.get(), coded_audio::join(coded_audio::encode(kFormats[0], 12))).size());
+}
+
+std::vector<size_t> units_of(ac3::Framer* framer, const std::vector<Bytes>& writes)
+{
+    std::vector<size_t> sizes;
+    for (const Bytes& bytes : writes) {
+        EXPECT_EQ(bytes.size(), framer->write(bytes.data(), bytes.size()));
+        for (ac3::Unit unit = {}; framer->next(&unit);)
+            sizes.push_back(unit.bytes);
+    }
+    return sizes;
+}
+
+TEST(Ac3Framer, DependentFramesBelongToTheFrameBeforeThem)
+{
+    const Bytes main = make_frame(0, 0, 400);
+    const Bytes dependent = make_frame(1, 0, 200);
+    const Bytes other_program = make_frame(0, 1, 300);
+    const Bytes burst = coded_audio::join({main, dependent, other_program});
+    ac3::Framer framer;
+    EXPECT_EQ(std::vector<size_t>({600, 600}), units_of(&framer, {burst, burst}));
+
+    // Cut at the joint, the first time the dependent frame comes too late; from then on it is waited for.
+    ac3::Framer cut;
+    EXPECT_EQ(std::vector<size_t>({400, 600, 600}),
+              units_of(&cut, {main, dependent, main, dependent, main, dependent}));
+    // Without one, the next frame ends the wait.
+    EXPECT_EQ(std::vector<size_t>({400, 400, 400}), units_of(&cut, {main, main, main}));
+}
+
+TEST(Ac3Framer, SizesFollowTheTables)
+{
+    const struct {
+        uint8_t fscod, frmsizecod;
+        uint32_t bytes;
+    } sizes[] = {{0, 0, 128}, {0, 20, 768}, {0, 37, 2560}, {1, 0, 138}, {1, 1, 140}, {1, 36, 2786}, {2, 37, 3840}};
+    for (const auto& size : sizes) {
+        const uint8_t data[ac3::kHeaderBytes] = {
+            0x0B, 0x77, 0, 0, static_cast<uint8_t>(size.fscod << 6 | size.frmsizecod), 0x40, 0, 0};
+        ac3::Header header = {};
+        ASSERT_TRUE(ac3::parse_header(data, &header));
+        EXPECT_EQ(size.bytes, header.bytes);
+    }
+    for (const auto& bad : {std::pair<int, int>{0xC0, 0x40}, {0x26, 0x40}, {0, 0x88}}) {
+        const uint8_t data[ac3::kHeaderBytes] = {
+            0x0B, 0x77, 0, 0, static_cast<uint8_t>(bad.first), static_cast<uint8_t>(bad.second), 0, 0};
+        ac3::Header header = {};
+        EXPECT_FALSE(ac3::parse_header(data, &header));
+    }
+}
+
+TEST(Adecoder, SilenceOfLostFramesIsSilent)
+{
+    std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 12);
+    packets[5].assign(packets[5].size(), 0);
+    packets[6].assign(packets[6].size(), 0);
+    const Decoder decoder = open_decoder();
+    const Pcm pcm = play(decoder.get(), coded_audio::join(packets));
+    ASSERT_EQ(12 * kFrame * 2, pcm.size());
+    EXPECT_TRUE(is_silent(pcm, 5 * kFrame * 2, 7 * kFrame * 2));
+    EXPECT_FALSE(is_silent(pcm, 8 * kFrame * 2, 9 * kFrame * 2));
+}
+
+} // namespace
