@@ -220,10 +220,17 @@ void audio_output_device_operation(audio_output_dev_op_e op)
     discard_queued_frames();
 }
 
-int32_t audio_output_select(int device_id, int output_fmt)
+// The change handler runs with the module's lock released: it is serialised with its other runs, and those ask
+// this module for its state.
+int32_t audio_output_select(read_guard& api, int device_id, int output_fmt) NO_THREAD_SAFETY_ANALYSIS
 {
+    const auto changed_cb = g_ao_info.changed_cb;
     bool restarted = false;
-    g_ao_info.changed_cb(false, &restarted);
+    api.unlock();
+    changed_cb(false, &restarted);
+    api.lock();
+    if (!ready(__func__, __LINE__))
+        return -1;
     if (g_ao_info.dev_op == AUDIO_OUTPUT_DEV_OP_CLOSE)
         audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_CLOSE);
     if (restarted)
@@ -250,10 +257,12 @@ template <typename Selection> Selection exchange_selection(std::atomic<Selection
     return selected.exchange(next);
 }
 
-// Takes a failed selection back, unless another thread has selected again meanwhile.
+// Takes a failed selection back, unless another thread has selected again or ended the module meanwhile.
 template <typename Selection>
 void restore_selection(std::atomic<Selection>& selected, Selection failed, Selection previous)
 {
+    if (!g_ao_info.initialized)
+        return;
     mutex_guard lock(g_ao_info.mutex);
     selected.compare_exchange_strong(failed, previous);
 }
@@ -738,7 +747,7 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
         return -1;
     }
     const hdmi_player_ao_dev_e previous = exchange_selection(g_ao_info.dev, dev);
-    const int32_t err = audio_output_select(device_id, output_fmt);
+    const int32_t err = audio_output_select(api, device_id, output_fmt);
     if (err != 0) {
         log_e("audio_output_select failed. err:%d\n", err);
         restore_selection(g_ao_info.dev, dev, previous);
@@ -768,7 +777,7 @@ int32_t audio_output_select_format(hdmi_player_ao_format_e format)
         return -1;
     }
     const hdmi_player_ao_format_e previous = exchange_selection(g_ao_info.format, format);
-    const int32_t err = audio_output_select(device_id, output_fmt);
+    const int32_t err = audio_output_select(api, device_id, output_fmt);
     if (err != 0) {
         log_e("audio_output_select failed. err:%d\n", err);
         restore_selection(g_ao_info.format, format, previous);

@@ -87,17 +87,36 @@ private:
     bool held_ = false;
 };
 
-/// Holds a reader-writer lock for reading for a scope.
+/// Holds a reader-writer lock for reading for a scope; may be released and taken again inside it.
 class SCOPED_CAPABILITY read_guard
 {
 public:
-    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(lock) { pthread_rwlock_rdlock(&lock_.native); }
-    ~read_guard() RELEASE() { pthread_rwlock_unlock(&lock_.native); }
+    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(&lock) { lock_native(); }
+    ~read_guard() RELEASE()
+    {
+        if (held_)
+            unlock_native();
+    }
     read_guard(const read_guard&) = delete;
     read_guard& operator=(const read_guard&) = delete;
 
+    void unlock() RELEASE() { unlock_native(); }
+    void lock() ACQUIRE_SHARED() { lock_native(); }
+
 private:
-    rwlock_t& lock_;
+    void lock_native()
+    {
+        pthread_rwlock_rdlock(&lock_->native);
+        held_ = true;
+    }
+    void unlock_native()
+    {
+        held_ = false;
+        pthread_rwlock_unlock(&lock_->native);
+    }
+
+    rwlock_t* lock_;
+    bool held_ = false;
 };
 
 /// Holds a reader-writer lock for writing for a scope; may be released early.
