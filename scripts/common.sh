@@ -9,7 +9,10 @@ build_packages=(
     libavutil-dev libswresample-dev libdrm-dev                          # the library
     libsndfile1-dev libavcodec-dev                                      # the simulated platform
     libavformat-dev libswscale-dev libcli11-dev nlohmann-json3-dev      # the play program
-    libgtest-dev                                                        # the tests
+)
+test_packages=(
+    libgtest-dev clang clang-format binutils git
+    ffmpeg                                                              # makes the film files that are played
 )
 
 is_installed() {
