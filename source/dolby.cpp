@@ -771,9 +771,10 @@ int32_t dolby_set_strategy(dolby_strategy_e strategy)
     }
     g_dolby_info.strategy = strategy;
     release_demux_thread(&g_dolby_info);
-    // A consumer that waits for decoded sound looks anew where sound comes from: at open it would lose the first
-    // tenth of a second, and the sound would stay that much later.
-    frame_queue_done_wakeup(g_dolby_info.output_pcm_queue);
+    // From now on sound comes from elsewhere. A consumer that went on waiting here, at open for a tenth of a second,
+    // would take the first block late, and the sound would stay that much later.
+    if (strategy == DOLBY_STRATEGY_PCM)
+        frame_queue_done_wakeup(g_dolby_info.output_pcm_queue);
     return 0;
 }
 

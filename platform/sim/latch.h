@@ -37,6 +37,7 @@ public:
         Result result;
         while (!flips_.empty() && flips_.front().at_ns < vblank_ns)
             queue_next(result.released);
+        catching_up_ = false;
         if (!pending_.empty()) {
             if (screen_.used)
                 result.released.push_back({screen_.buffer, false});
@@ -67,11 +68,15 @@ public:
 private:
     static constexpr size_t kMaxPending = 2;
 
+    // One flip too many before a vertical blank means that a backlog is being worked off: of such a burst only the
+    // newest is worth showing. Kept in turn, the rest would make every picture after it late.
     void queue_next(std::vector<Release>& released)
     {
-        if (pending_.size() == kMaxPending) {
-            released.push_back({pending_.back(), true});
-            pending_.pop_back();
+        if (pending_.size() == kMaxPending || catching_up_) {
+            for (void* buffer : pending_)
+                released.push_back({buffer, true});
+            pending_.clear();
+            catching_up_ = true;
         }
         pending_.push_back(flips_.front().buffer);
         flips_.pop_front();
@@ -88,6 +93,7 @@ private:
     std::deque<Flip> flips_;    ///< not decided yet
     std::deque<void*> pending_; ///< for the vertical blanks to come
     Screen screen_;
+    bool catching_up_ = false; ///< more flips than can be pending came since the latest vertical blank
 };
 
 } // namespace sim

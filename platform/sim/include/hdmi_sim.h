@@ -178,7 +178,8 @@ using ReleaseFn = std::function<void(void* buffer, bool superseded)>;
 int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn on_release);
 /**
  * Queues a buffer for the first vertical blank after the call: at most two are
- * pending, shown first in, first out; a third one supersedes the newer of them.
+ * pending, shown first in, first out; a third one before the vertical blank
+ * supersedes both, and so on: of a burst only the newest is shown.
  * A superseded buffer is released with the next vertical blank.
  * @return false without a running display: the buffer stays the caller's
  */
