@@ -298,6 +298,8 @@ TEST_F(Synchronizer, ThreadCreationThatFailsLeavesItStopped)
         g_thread_creations_until_failure = creations;
         EXPECT_FALSE(synchronizer_start(handle));
         g_thread_creations_until_failure = -1;
+        mutex_guard guard(sync().control_mutex);
+        EXPECT_EQ(sync().sync_thread, 0U);
     }
     queue.push(0);
     EXPECT_TRUE(synchronizer_start(handle));
@@ -434,8 +436,12 @@ TEST_F(Synchronizer, EarlyFrameGoesOutAtTheVerticalBlankBeforeItsOwn)
         queue.push(1033333);
         const int64_t release = kStart + kPeriod + kPeriod / 2 + beyond;
         at(kStart + 1000, 1033333 - (release - (kStart + 1000)));
-        EXPECT_TRUE(step());
+        sync().enable_log = true;
+        const std::string log = logged_step("3");
         EXPECT_EQ(queue.flips(), flips) << beyond;
+        const int64_t target = kStart + (beyond == 0 ? kPeriod : 2 * kPeriod) - 13332;
+        EXPECT_NE(log.find("] frameSystemTime:" + std::to_string(target) + " vsyncSystemTime:"), std::string::npos)
+            << log;
     }
 }
 
@@ -495,6 +501,19 @@ TEST_F(Synchronizer, DelayIsCorrectedBeyondTheThresholdOnly)
         EXPECT_EQ(queue.flips(), flips + 1);
         EXPECT_EQ(player().frame_timer, kStart + c.delay);
         EXPECT_TRUE(queue.dropped.empty());
+    }
+}
+
+TEST_F(Synchronizer, VideoClockRunsOnFromTheLastFrame)
+{
+    for (int64_t late : {39999, 40000}) {
+        queue.waiting.clear();
+        show_first(1000000);
+        const size_t flips = queue.flips();
+        queue.push(1033333);
+        at(kStart + 10000, 1010000 + late);
+        EXPECT_TRUE(step());
+        EXPECT_EQ(queue.flips(), late == 40000 ? flips + 1 : flips);
     }
 }
 
@@ -754,15 +773,62 @@ TEST_F(Synchronizer, ThreadsPaceARunningStreamAndAccountForEveryFrame)
     EXPECT_NE(sync().last_vsync_system_time, -1);
 }
 
-TEST_F(Synchronizer, ResyncWhileRunningShowsTheNextFrameAtOnce)
+TEST_F(Synchronizer, ResyncForgetsTheHistoryButTheTimer)
 {
-    ASSERT_TRUE(synchronizer_start(handle));
+    show_first(1000000);
+    sync().last_vsync_system_time = kStart;
+    synchronizer_resync(handle);
+    EXPECT_EQ(sync().last_vsync_system_time, -1);
+    EXPECT_EQ(sync().last_flip_system_time, -1);
+    EXPECT_EQ(player().last_frame.pts, UINT64_MAX);
+    EXPECT_EQ(player().frame_timer, kStart);
+    EXPECT_EQ(player().last_frame_system_time, kStart);
+    // While the threads run, the next step does it, whatever it waited for.
+    g_frozen_us = 0;
     queue.push(1000000);
-    synchronizer_notify_frame_done(handle);
-    ASSERT_TRUE(queue.wait_flips(1));
+    ASSERT_TRUE(synchronizer_start(handle));
+    ASSERT_TRUE(queue.wait_flips(2));
     queue.push(3600000000); // due in an hour
     synchronizer_notify_frame_done(handle);
     synchronizer_resync(handle);
+    EXPECT_TRUE(queue.wait_flips(3));
+}
+
+TEST_F(Synchronizer, NewsEndTheWaitForAudio)
+{
+    sync().enable_log = true;
+    setenv("debug_hdmiplayer_log_level", "0", 1);
+    for (const bool display : {false, true}) {
+        synchronizer_set_base_media_time(handle, 1, 1);
+        synchronizer_resync(handle);
+        queue.push(90000000);
+        queue.push(90001000); // far ahead of a clock that stands: waits 90 s
+        if (display)
+            vblank_every(2000);
+        ASSERT_TRUE(synchronizer_start(handle));
+        ASSERT_TRUE(queue.wait_flips(display ? 3 : 1));
+        std::this_thread::sleep_for(20ms); // most probably in the wait by now
+        EXPECT_EQ(queue.flips(), display ? 3U : 1U);
+        if (display) { // neither call is news of its own; the vertical blank is
+            synchronizer_enable_low_latency_mode(handle, true);
+            synchronizer_set_sync_mode(handle, E_SYNC_MODE_FREERUN);
+        } else {
+            synchronizer_set_base_media_time(handle, 90001000, 90001000);
+        }
+        EXPECT_TRUE(queue.wait_flips(display ? 4 : 2));
+        synchronizer_stop(handle);
+    }
+}
+
+TEST_F(Synchronizer, EarlyFrameIsLookedAtAgainEachRefreshWithoutAnyNews)
+{
+    queue.push(1000000);
+    queue.push(3600000000);
+    ASSERT_TRUE(synchronizer_start(handle));
+    ASSERT_TRUE(queue.wait_flips(1));
+    std::this_thread::sleep_for(40ms); // past the frame's first decision, most probably
+    synchronizer_enable_low_latency_mode(handle, true);
+    synchronizer_set_sync_mode(handle, E_SYNC_MODE_FREERUN);
     EXPECT_TRUE(queue.wait_flips(2));
 }
 
@@ -893,15 +959,16 @@ TEST_F(Synchronizer, WithoutADisplayFramesFollowTheTimerAlone)
     unsetenv("debug.hdmiplayer.sync.disablevsync");
 
     synchronizer_set_drm_info(handle, {0, 60});
-    testing::internal::CaptureStdout();
-    ASSERT_TRUE(synchronizer_start(handle));
-    queue.push(1080000);
-    synchronizer_notify_frame_done(handle);
-    EXPECT_TRUE(queue.wait_flips(3));
-    std::this_thread::sleep_for(50ms); // the thread's time to start; a stop before that is silent
-    synchronizer_stop(handle);
-    fflush(stdout);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("] invalid drm_info.fd:0\n"), std::string::npos);
+    std::string log;
+    for (int attempt = 0; attempt < 100 && log.empty(); ++attempt) { // a stop before the thread ran is silent
+        testing::internal::CaptureStdout();
+        ASSERT_TRUE(synchronizer_start(handle));
+        std::this_thread::sleep_for(20ms);
+        synchronizer_stop(handle);
+        fflush(stdout);
+        log = testing::internal::GetCapturedStdout();
+    }
+    EXPECT_NE(log.find("] invalid drm_info.fd:0\n"), std::string::npos) << log;
     EXPECT_EQ(calls, 0);
 }
 
