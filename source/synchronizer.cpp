@@ -274,16 +274,12 @@ void* handle_vsync(void* arg)
 using oru_player = sync_strategy_info_Oru_player_t;
 
 // Every line of a pacing step carries the step's name, whichever helper decides.
-#define log_step(level, format, ...)                                                               \
-    do {                                                                                           \
-        if (log_enabled(level))                                                                    \
-            console_print(level, "[%s %d] " format, "on_Oru_sync_logic", __LINE__, ##__VA_ARGS__); \
-    } while (0)
+constexpr const char* kStep = "on_Oru_sync_logic";
 
-#define trace_step(player, level, format, ...)      \
-    do {                                            \
-        if ((player).base.enable_log)               \
-            log_step(level, format, ##__VA_ARGS__); \
+#define trace_step(player, level, format, ...)           \
+    do {                                                 \
+        if ((player).base.enable_log)                    \
+            log_as(kStep, level, format, ##__VA_ARGS__); \
     } while (0)
 
 // Shorthands for the printf arguments.
@@ -570,7 +566,7 @@ bool audio_master_step(oru_player& player)
 {
     const int32_t frame_count = waiting_frames(player);
     if (frame_count == 0) {
-        log_step(LOG_LEVEL_V, "%s:%d", "on_Oru_sync_logic", __LINE__);
+        log_as(kStep, LOG_LEVEL_V, "%s:%d", kStep, __LINE__);
         return false;
     }
     trace_step(player, LOG_LEVEL_D, "frame_count:%d\n", frame_count);
@@ -578,7 +574,7 @@ bool audio_master_step(oru_player& player)
     const bool peeked = peek(player, frame);
     trace_step(player, LOG_LEVEL_D, "peekFrame frame_pts:%llu fd:%d\n", llu(frame.pts), frame.fd);
     if (!peeked) {
-        log_step(LOG_LEVEL_V, "%s:%d", "on_Oru_sync_logic", __LINE__);
+        log_as(kStep, LOG_LEVEL_V, "%s:%d", kStep, __LINE__);
         return false;
     }
     if (has_last_frame(player))
@@ -594,12 +590,12 @@ void apply_forced(sync_strategy_info_t& sync)
     const int state = env_get_value("debug.hdmiplayer.sync.forcestate", -1);
     if (within(state, E_SYNC_STATE_STOP, E_SYNC_STATE_RESUME) && state != sync.state) {
         sync.state = static_cast<synchronizer_state_e>(state);
-        log_step(LOG_LEVEL_D, "force state:%d\n", state);
+        log_as(kStep, LOG_LEVEL_D, "force state:%d\n", state);
     }
     const int mode = env_get_value("debug.hdmiplayer.sync.forcemode", -1);
     if (within(mode, E_SYNC_MODE_FREERUN, E_SYNC_MODE_VIDEO_MASTER) && mode != sync.mode) {
         sync.mode = static_cast<synchronizer_mode_e>(mode);
-        log_step(LOG_LEVEL_D, "force mode:%d\n", mode);
+        log_as(kStep, LOG_LEVEL_D, "force mode:%d\n", mode);
     }
 }
 
