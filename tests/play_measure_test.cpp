@@ -296,8 +296,9 @@ TEST_F(PlayMeasure, SilencesOfTheDeviceAreGapsUnlessTheSoundIsOver)
             {24000, 4800, 500 * ms, true},
             {28800, 24000, 600 * ms, false},
             {52800, 4800, 1100 * ms, true}});
-    EXPECT_EQ(recording.gaps(0), 1);
-    EXPECT_EQ(recording.gaps(501 * ms), 0);
+    EXPECT_EQ(recording.gaps(0, 2 * second), 1);
+    EXPECT_EQ(recording.gaps(0, 500 * ms), 0);
+    EXPECT_EQ(recording.gaps(501 * ms, 2 * second), 0);
     EXPECT_EQ(recording.written(), 48000);
     EXPECT_EQ(recording.written_before(30000), 25200);
     EXPECT_EQ(recording.heard_ns(28848), 601 * ms);

@@ -172,7 +172,12 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     if (buffer == nullptr)
         return;
     s_host->m_flipped++;
-    s_host->m_config.present(buffer);
+    if (s_host->m_config.gate->admit(now_ns())) {
+        s_host->m_config.present(buffer);
+        return;
+    }
+    s_host->m_skipped++;
+    FramePool::pass(buffer, Owner::display, Owner::free);
 }
 
 void Host::on_drop(hdmi_player_video_frame_t frame)
@@ -272,6 +277,7 @@ FrameAccount Host::frames() const
     FrameAccount account;
     account.rendered = m_rendered;
     account.flipped = m_flipped;
+    account.skipped = m_skipped;
     account.dropped = m_dropped;
     account.refused = m_refused;
     account.held = m_held;

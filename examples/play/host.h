@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "algorithm.h"
+#include "flip_gate.h"
 #include "frame_pool.h"
 #include "hdmi_player.h"
 #include "source.h"
@@ -27,6 +28,7 @@ struct HostConfig {
     int64_t video_start_ns = 0; ///< first picture that long after open
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
+    FlipGate* gate = nullptr; ///< of the display; outlives the host
     /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it.
     std::function<void(FrameBuffer*)> present;
 };
@@ -35,6 +37,7 @@ struct HostConfig {
 struct FrameAccount {
     int64_t rendered = 0; ///< passed to the player
     int64_t flipped = 0;
+    int64_t skipped = 0; ///< of these, not shown: flipped at a stroke with the one before
     int64_t dropped = 0;
     int64_t refused = 0;   ///< kept by the host: the player did not take them
     int64_t held = 0;      ///< still the player's when it was closed
@@ -111,6 +114,7 @@ private:
     std::atomic<int64_t> m_unsupported{0};
     std::atomic<int64_t> m_rendered{0};
     std::atomic<int64_t> m_flipped{0};
+    std::atomic<int64_t> m_skipped{0};
     std::atomic<int64_t> m_dropped{0};
     std::atomic<int64_t> m_refused{0};
     std::atomic<int64_t> m_foreign{0};

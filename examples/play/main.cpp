@@ -96,7 +96,7 @@ bool prepare_process(const Options& options, std::string* error)
     return Stage::enter_namespaces(error);
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, Stage* stage)
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, Stage* stage, FlipGate* gate)
 {
     HostConfig config;
     config.output = options.output;
@@ -104,11 +104,12 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, S
     config.algorithm_delay_ms = options.algorithm_delay_ms;
     config.video_start_ns = options.video_start_ms * ms;
     config.sync = !options.no_sync;
+    config.gate = gate;
     config.present = [stage](FrameBuffer* buffer) { stage->present(buffer); };
     return config;
 }
 
-void watch(const Host& host, const Screen& screen)
+void watch(const Host& host)
 {
     constexpr useconds_t look_again_us = 50'000;
     Progress progress;
@@ -123,7 +124,6 @@ void watch(const Host& host, const Screen& screen)
         usleep(look_again_us);
     }
     progress.finish();
-    (void)screen;
 }
 
 /// Everything that the observers recorded, as figures.
@@ -164,15 +164,17 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     result->cadence = measure_cadence(result->sightings, result->options.display_rate.value() / source.fps().value());
     result->unreadable = screen.unreadable();
     result->samples = check_samples(recording, source, matches, result->stage.first_captured + result->stage.captured);
-    result->gaps = recording.gaps(result->stage.first_write_ns + second_ns);
-    result->early_gaps = recording.gaps(0) - result->gaps;
+    int64_t settled_sound_ns = result->stage.first_write_ns + second_ns;
+    result->early_gaps = recording.gaps(0, settled_sound_ns);
+    result->gaps = recording.gaps(settled_sound_ns, result->signal_end_ns);
 }
 
 /// Plays the source to its end. @return false with one line in @p error
 bool run(Source* source, const std::string& wav_path, Result* result, std::string* error)
 {
     Screen screen;
-    Stage stage(result->options, source, &screen, wav_path);
+    FlipGate gate(result->options.display_rate.value());
+    Stage stage(result->options, source, &screen, &gate, wav_path);
     start_source(result->options, source);
     std::unique_ptr<Host> host;
     SourceClock clock;
@@ -182,16 +184,17 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
         result->realtime = realtime.active();
         hdmi_player_drm_info_t display = stage.start();
         clock = stage.connect();
-        host = std::make_unique<Host>(host_config(result->options, display, &stage), source, clock);
+        host = std::make_unique<Host>(host_config(result->options, display, &stage, &gate), source, clock);
         if (!host->start()) {
             *error = "the player did not open";
             return false;
         }
     }
-    watch(*host, screen);
+    watch(*host);
     host->stop_video();
     stage.disconnect();
-    result->seconds = static_cast<double>(hdmi_sim::now_ns() - host->opened_ns()) / 1e9;
+    result->signal_end_ns = hdmi_sim::now_ns();
+    result->seconds = static_cast<double>(result->signal_end_ns - host->opened_ns()) / 1e9;
     result->usage = usage_now().since(before, result->seconds);
     host->drain_audio();
     stage.wait_until_played();

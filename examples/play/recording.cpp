@@ -83,13 +83,13 @@ int64_t Recording::written_before(int64_t position) const
     return m_written[index] + (block.silence ? 0 : std::min(block.frames, position - block.first_frame));
 }
 
-int64_t Recording::gaps(int64_t from_ns) const
+int64_t Recording::gaps(int64_t from_ns, int64_t to_ns) const
 {
     int64_t gaps = 0;
     int64_t pending = 0;
     for (const HeardBlock& block : m_blocks) {
         if (block.silence) {
-            pending += block.heard_ns >= from_ns ? 1 : 0;
+            pending += block.heard_ns >= from_ns && block.heard_ns < to_ns ? 1 : 0;
         } else {
             gaps += pending;
             pending = 0;

@@ -50,8 +50,8 @@ public:
     int64_t written_before(int64_t position) const;
     int64_t written() const { return written_before(m_frames); }
 
-    /// Silences with sound after them, heard after @p from_ns: gaps, as opposed to the end of the programme.
-    int64_t gaps(int64_t from_ns) const;
+    /// Silences with sound after them that began between the two instants.
+    int64_t gaps(int64_t from_ns, int64_t to_ns) const;
 
 private:
     sf_private_tag* m_file = nullptr;

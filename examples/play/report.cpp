@@ -122,6 +122,7 @@ json pictures_json(const Result& result)
         seen.push_back({sighting.number, sighting.vblanks});
     return {{"rendered", frames.rendered},
             {"flipped", frames.flipped},
+            {"skipped", frames.skipped},
             {"dropped", frames.dropped},
             {"refused", frames.refused},
             {"held_at_close", frames.held},

@@ -20,7 +20,8 @@ struct Result {
     std::string programme;
     bool realtime = false;
     int video_queue_size = 0;
-    double seconds = 0; ///< from open to the end of the signal
+    int64_t signal_end_ns = 0; ///< when the source stopped to send
+    double seconds = 0;        ///< from open to the end of the signal
 
     int64_t instants = 0; ///< of the source at which the offset should be measured
     std::vector<Offset> offsets;

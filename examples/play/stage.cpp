@@ -20,8 +20,8 @@ void release(void* buffer) { FramePool::pass(static_cast<FrameBuffer*>(buffer), 
 
 bool Stage::enter_namespaces(std::string* error) { return hdmi_sim::enter_private_namespaces(error); }
 
-Stage::Stage(const Options& options, Source* source, Screen* screen, const std::string& wav_path)
-    : m_options(options), m_source(source), m_screen(screen), m_wav_path(wav_path)
+Stage::Stage(const Options& options, Source* source, Screen* screen, FlipGate* gate, const std::string& wav_path)
+    : m_options(options), m_source(source), m_screen(screen), m_gate(gate), m_wav_path(wav_path)
 {
 }
 
@@ -53,10 +53,18 @@ hdmi_player_drm_info_t Stage::start()
     display.refresh_hz = refresh_hz;
     display.latency_ns = m_options.display_latency_ms * ms;
     auto scan_out = [this](const hdmi_sim::ScanOut& out) {
-        if (out.buffer != nullptr)
-            m_screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
+        if (out.buffer == nullptr)
+            return;
+        if (!out.repeated)
+            m_gate->done();
+        m_screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
     };
-    int fd = hdmi_sim::display_start(display, scan_out, [](void* buffer, bool) { release(buffer); });
+    auto on_release = [this](void* buffer, bool superseded) {
+        if (superseded)
+            m_gate->done();
+        release(buffer);
+    };
+    int fd = hdmi_sim::display_start(display, scan_out, on_release);
     m_display_running = true;
     return {fd, static_cast<float>(refresh_hz)};
 }
@@ -86,6 +94,7 @@ void Stage::present(FrameBuffer* buffer)
 void Stage::show_now(FrameBuffer* buffer)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
+    m_gate->done();
     m_screen->refresh(buffer->picture, hdmi_sim::now_ns() + m_options.display_latency_ms * ms);
     if (m_shown != nullptr)
         release(m_shown);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "flip_gate.h"
 #include "frame_pool.h"
 #include "hdmi_player.h"
 #include "options.h"
@@ -42,8 +43,8 @@ public:
     /// Private namespaces for the receiver's announcements. Call while the process has one thread.
     static bool enter_namespaces(std::string* error);
 
-    /// @p source and @p screen outlive the stage.
-    Stage(const Options& options, Source* source, Screen* screen, const std::string& wav_path);
+    /// @p source, @p screen and @p gate outlive the stage.
+    Stage(const Options& options, Source* source, Screen* screen, FlipGate* gate, const std::string& wav_path);
     ~Stage();
 
     /// Starts display and sound device. @return what the player is told of the display
@@ -68,6 +69,7 @@ private:
     const Options m_options;
     Source* m_source;
     Screen* m_screen;
+    FlipGate* m_gate;
     std::string m_wav_path;
     bool m_display_running = false;
     std::mutex m_mutex;
