@@ -37,6 +37,8 @@ constexpr int64_t ms = 1'000'000;
 constexpr int64_t settling_ns = 700 * ms;
 /// The programme goes on after its last flash until that was surely seen and heard.
 constexpr int64_t tail_ns = 700 * ms;
+/// Instants of the source this close to its end are not judged: they may be cut off.
+constexpr int64_t ending_ns = 550 * ms;
 /// Above ordinary threads, below the player's own capture and output.
 constexpr int realtime_priority = 20;
 constexpr int programme_audio_rate = 44100;
@@ -135,16 +137,18 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     int64_t from_ns = clock.to_source(settled_ns);
     int64_t last_ns = all.empty() ? 0 : source.frame_ns(all.back().number);
 
+    auto judged = [from_ns, last_ns](int64_t at_ns) { return at_ns >= from_ns && at_ns + ending_ns < last_ns; };
+
     bool by_marks = !source.marks().empty();
     std::vector<SoundMatch> matches =
         by_marks ? match_beeps(recording, source, clock) : match_waveform(recording, source, clock, last_ns);
     for (const Offset& offset : measure_offsets(matches, recording, all, source, clock, by_marks))
-        if (offset.source_ns >= from_ns)
+        if (judged(offset.source_ns))
             result->offsets.push_back(offset);
     for (int64_t mark : source.marks())
-        result->instants += mark >= from_ns && mark < last_ns ? 1 : 0;
-    for (int64_t at_ns = second_ns; !by_marks && at_ns + second_ns / 2 < last_ns; at_ns += second_ns)
-        result->instants += at_ns >= from_ns ? 1 : 0;
+        result->instants += judged(mark) ? 1 : 0;
+    for (int64_t at_ns = second_ns; !by_marks && at_ns < last_ns; at_ns += second_ns)
+        result->instants += judged(at_ns) ? 1 : 0;
     result->offset = summarise(result->offsets);
     std::vector<double> sound;
     std::vector<double> picture;
