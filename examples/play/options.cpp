@@ -56,6 +56,9 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
         ->check(CLI::Range(2.0, 86400.0));
+    app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
+        ->check(CLI::Range(0.0, 100.0))
+        ->capture_default_str();
     app->add_option("--receiver-ppm", options->receiver_ppm, "Clock error of the source")
         ->check(CLI::Range(-1000.0, 1000.0))
         ->capture_default_str();

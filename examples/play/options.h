@@ -21,6 +21,7 @@ struct Options {
     int algorithm_delay_ms = 0; ///< what the host's own processing adds
     int video_start_ms = 0;     ///< first frame that long after open
     double seconds = 0;         ///< 0: 20 s for the programme, the whole file
+    double phase_ms = 0;        ///< the source starts that much later against the display
     double receiver_ppm = 0;
     double playback_ppm = 0;
     int display_latency_ms = 76;

@@ -174,6 +174,7 @@ json options_json(const Result& result)
             {"output", static_cast<int>(options.output)},
             {"algorithm_delay_ms", options.algorithm_delay_ms},
             {"video_start_ms", options.video_start_ms},
+            {"phase_ms", options.phase_ms},
             {"receiver_ppm", options.receiver_ppm},
             {"playback_ppm", options.playback_ppm},
             {"display_latency_ms", options.display_latency_ms},

@@ -75,7 +75,7 @@ SourceClock Stage::connect()
     hdmi_sim::Signal signal;
     signal.rate = m_source->audio_rate();
     signal.clock_error_ppm = m_options.receiver_ppm;
-    signal.start_ns = hdmi_sim::now_ns() + source_lead_ns;
+    signal.start_ns = hdmi_sim::now_ns() + source_lead_ns + static_cast<int64_t>(m_options.phase_ms * ms);
     signal.generate = [source = m_source](int64_t first, int16_t* words, int frames) {
         source->audio(first, words, frames);
     };
