@@ -189,8 +189,8 @@ TEST_F(PlayMeasure, WaveformsAreFoundAsBeepsAre)
 
 TEST(Correlation, GivesUpOnSilenceAndOnSteadyTones)
 {
-    std::vector<float> silence(48000, 0.5f);
-    EXPECT_FALSE(find_in(silence, std::vector<float>(4800, 0.5f)));
+    std::vector<float> silence(48000);
+    EXPECT_FALSE(find_in(silence, std::vector<float>(4800)));
     std::vector<float> tone(48000);
     for (size_t i = 0; i < tone.size(); i++)
         tone[i] = 8000 * std::sin(static_cast<float>(i % 480) * 2 * static_cast<float>(M_PI) / 480);

@@ -10,8 +10,8 @@ namespace play
 
 /**
  * Where @p needle lies in @p haystack (both mono, same rate, the needle not
- * longer), by correlation of their phases: every frequency that the needle
- * has counts alike, so that music with one strong note is found as surely as noise.
+ * longer): the place at which the waveforms agree best, looked for where their
+ * correlation peaks, as they are and with all frequencies made equally strong.
  * @return the index in the haystack of the needle's first sample; nothing for
  * silence and for what fits at several places, such as a steady tone.
  */

@@ -145,9 +145,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     for (const Offset& offset : measure_offsets(matches, recording, all, source, clock, by_marks))
         if (judged(offset.source_ns))
             result->offsets.push_back(offset);
-    for (int64_t mark : source.marks())
-        result->instants += judged(mark) ? 1 : 0;
-    for (int64_t at_ns = second_ns; !by_marks && at_ns < last_ns; at_ns += second_ns)
+    for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(last_ns))
         result->instants += judged(at_ns) ? 1 : 0;
     result->offset = summarise(result->offsets);
     std::vector<double> sound;

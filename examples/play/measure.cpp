@@ -20,6 +20,8 @@ constexpr int64_t second_ns = 1'000'000'000;
 constexpr int64_t longest_latency_ns = second_ns;
 /// Sound that is looked for as a waveform: long enough to be unique, short enough to be heard at one speed.
 constexpr int64_t needle_ms = 500;
+/// Places at which a film is measured: each takes some hundredths of a second to find.
+constexpr int64_t most_instants = 600;
 /// A resampler's phase and the onset's threshold may each move it by one frame.
 constexpr double place_tolerance = 4;
 constexpr int chunk_frames = 4096;
@@ -141,12 +143,21 @@ std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& so
     return matches;
 }
 
+std::vector<int64_t> waveform_instants(int64_t length_ns)
+{
+    int64_t step = std::max<int64_t>(1, length_ns / second_ns / most_instants) * second_ns;
+    std::vector<int64_t> instants;
+    for (int64_t at_ns = second_ns; at_ns + needle_ms * 1'000'000 < length_ns; at_ns += step)
+        instants.push_back(at_ns);
+    return instants;
+}
+
 std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
                                        int64_t length_ns)
 {
     std::vector<SoundMatch> matches;
     int rate = recording.sample_rate();
-    for (int64_t at_ns = second_ns; at_ns + needle_ms * 1'000'000 < length_ns; at_ns += second_ns) {
+    for (int64_t at_ns : waveform_instants(length_ns)) {
         int64_t begin = recording.position_at(clock.to_monotonic(at_ns));
         if (begin < 0)
             continue;

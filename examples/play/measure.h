@@ -67,7 +67,9 @@ struct SoundMatch {
 
 /// Beeps in the recording, each given to the mark before it (sound does not come early from the source).
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock);
-/// The sound of each full second of the source, found in the recording by its waveform.
+/// The sound of full seconds of the source (each, but of a long film some hundreds), found in the recording by its
+/// waveform.
+std::vector<int64_t> waveform_instants(int64_t length_ns);
 std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
                                        int64_t length_ns);
 

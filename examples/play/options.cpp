@@ -22,7 +22,7 @@ const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
     "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
-    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.";
+    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.\n";
 
 constexpr double default_programme_seconds = 20;
 

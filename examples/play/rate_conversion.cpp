@@ -4,6 +4,7 @@
 extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/frame.h>
+#include <libavutil/opt.h>
 #include <libavutil/version.h>
 }
 
@@ -76,7 +77,14 @@ SwrContext* started(SwrContext* converter)
 
 } // namespace
 
-SwrContext* make_converter(const AVFrame* like, int rate_out) { return started(allocate_like(like, rate_out)); }
+SwrContext* make_converter(const AVFrame* like, int rate_out)
+{
+    SwrContext* converter = allocate_like(like, rate_out);
+    // As 16-bit sound is made: and the noise makes even a steady tone differ from place to place.
+    if (converter != nullptr)
+        av_opt_set_int(converter, "dither_method", SWR_DITHER_TRIANGULAR, 0);
+    return started(converter);
+}
 
 std::vector<int16_t> convert_rate(const std::vector<int16_t>& stereo, int rate_in, int rate_out)
 {

@@ -14,7 +14,8 @@ struct AVFrame;
 namespace play
 {
 
-/// A converter to 16-bit stereo at @p rate_out from frames like @p like. Null if there is none. The caller frees it.
+/// A dithering converter to 16-bit stereo at @p rate_out from frames like @p like. Null if there is none. The caller
+/// frees it.
 SwrContext* make_converter(const AVFrame* like, int rate_out);
 
 /// Stereo samples of another rate, of the same length in time.

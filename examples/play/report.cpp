@@ -24,6 +24,8 @@ void print_sync(const Result& result)
 {
     const OffsetStatistics& offset = result.offset;
     std::printf("\nLip sync at %" PRId64 " of %" PRId64 " instants (+ = sound early)\n", offset.count, result.instants);
+    if (offset.count < result.instants && !result.options.file.empty())
+        std::printf("  not all   where the film's sound repeats itself exactly, its place cannot be measured\n");
     std::printf("  offset    mean %+.1f ms, deviation %.1f ms, p95 %+.1f ms, worst %+.1f ms\n", offset.mean_ms,
                 offset.deviation_ms, offset.p95_ms, offset.worst_ms);
     std::printf("  BT.1359   undetectable %.0f %%, acceptable %.0f %%, unacceptable %.0f %%\n",

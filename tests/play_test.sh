@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# play_test.sh PROGRAM [quick]: runs the play program as a whole. Good runs pass, the controls that prove its
+# measurement fail for the reason that they were built for, and bad input is refused. Quick: one good run.
+# 77 if the machine does not permit the program to run.
+set -euo pipefail
+
+program=$1
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+failures=0
+
+fail() {
+    echo "FAIL: $*"
+    failures=$((failures + 1))
+}
+
+# run NAME ARGUMENT...: leaves the exit status in $status, the output in NAME.txt and the report in NAME.json.
+run() {
+    local name=$1
+    shift
+    status=0
+    "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
+}
+
+passes() {
+    run "$@"
+    [ "$status" -eq 0 ] || { cat "$folder/$1.txt"; fail "${*:2}: exit status $status"; }
+}
+
+# misses NAME LIMIT ARGUMENT...: the run is outside of that limit.
+misses() {
+    local name=$1 limit=$2
+    run "$name" "${@:3}"
+    [ "$status" -eq 1 ] && grep -q "FAIL  $limit" "$folder/$name.txt" ||
+        { cat "$folder/$name.txt"; fail "${*:3}: exit status $status, should miss: $limit"; }
+}
+
+refuses() {
+    run refused "$@"
+    [ "$status" -eq 2 ] || fail "$*: exit status $status instead of 2"
+    [ "$(wc -l <"$folder/refused.txt")" -eq 1 ] || fail "$*: not one line: $(cat "$folder/refused.txt")"
+}
+
+run start --seconds 2
+if [ "$status" -eq 3 ]; then
+    cat "$folder/start.txt"
+    exit 77
+fi
+[ "$status" -eq 0 ] || { cat "$folder/start.txt"; fail "exit status $status"; }
+grep -q '"passed": true' "$folder/start.json" || fail "the report does not say that the run passed"
+
+if [ "${2:-}" != quick ]; then
+    passes exact --seconds 2 --rate 48000 --fps 59.94 --display-rate 50
+    passes delayed --seconds 2 --rate 32000 --algorithm-delay 60 --video-start 200 --fps 25
+    misses unsynced 'one reset, at start' --seconds 2 --no-sync
+    misses late 'A/V offset p95' --seconds 2 --display-latency 150
+    misses lost 'output bit for bit the input' --seconds 2 --rate 48000 --withhold-block
+    misses lost_resampled 'samples complete and in place' --seconds 2 --withhold-block
+
+    : >"$folder/empty.mp4"
+    echo "This is no film." >"$folder/text.mp4"
+    refuses "$folder/missing.mp4"
+    refuses "$folder/empty.mp4"
+    refuses "$folder/text.mp4"
+    refuses --fps 0
+    refuses --no-such-option
+fi
+
+[ "$failures" -eq 0 ] && echo "All as expected."
+exit $((failures > 0))
