@@ -36,7 +36,7 @@ constexpr uint32_t kReadPollMs = 10;
 /// Pause after a source or a queue that refused at once, so that its thread does not spin.
 constexpr useconds_t kRefusedPauseUs = 2000;
 /// A decoder that takes no bytes is asked again so often, at this interval. Both stretches of a burst
-/// may cost that much and the demux thread still keeps up: a burst lasts 10.7 ms at least.
+/// may cost that much and the demux thread still keeps up: a burst of AC-3 or E-AC-3 lasts 32 ms at least.
 constexpr int kStalledWritesMax = 4;
 constexpr useconds_t kStalledWritePauseUs = 1000;
 constexpr size_t kDumpNameBytes = 256;
@@ -203,42 +203,15 @@ void release_demux_thread(dolby_info_t* info)
         frame_queue_pool_wakeup(info->output_pcm_queue);
 }
 
-frame_info_t* acquire_output_frame(dolby_info_t* info, int32_t size)
-{
-    frame_info_t* frame = frame_queue_pool_acquire(info->output_pcm_queue, std::max(size, 1));
-    if (frame != nullptr && frame->frame.data == nullptr) {
-        frame_queue_put(info->output_pcm_queue, &frame->frame);
-        return nullptr;
-    }
-    return frame;
-}
-
 // For the demux thread: null as well when decoding ends while the queue is full.
 frame_info_t* acquire_silence_frame(dolby_info_t* info, int32_t size)
 {
     info->demux_acquiring = true;
     // A change of strategy before the flag was set has woken nobody.
-    frame_info_t* frame = info->strategy == DOLBY_STRATEGY_DECODE ? acquire_output_frame(info, size) : nullptr;
+    frame_info_t* frame =
+        info->strategy == DOLBY_STRATEGY_DECODE ? frame_queue_pool_acquire(info->output_pcm_queue, size) : nullptr;
     info->demux_acquiring = false;
     return frame;
-}
-
-int32_t write_once(adecoder_handle_t* decoder, const stretch& left, int32_t* status)
-{
-    *status = 0;
-    return adecoder_write(decoder, left.data, static_cast<int32_t>(left.bytes), 0, -1, status);
-}
-
-// Writes some bytes, waiting a little for a decoder that takes none. The result of the last write.
-int32_t write_some(dolby_info_t* info, adecoder_handle_t* decoder, const stretch& left, int32_t* status)
-{
-    int32_t written = write_once(decoder, left, status);
-    for (int attempt = 0; attempt < kStalledWritesMax && written == 0 && !info->abort_request; ++attempt) {
-        signal_decode_thread(info);
-        usleep(kStalledWritePauseUs);
-        written = write_once(decoder, left, status);
-    }
-    return written;
 }
 
 // Handles one captured chunk.
@@ -312,7 +285,7 @@ void* dolby_decode(void* arg)
     frame_info_t* frame = nullptr;
     while (!info->abort_request) {
         if (frame == nullptr) {
-            frame = acquire_output_frame(info, frame_size);
+            frame = frame_queue_pool_acquire(info->output_pcm_queue, frame_size);
             release_demux_thread(info);
             if (frame == nullptr && !info->abort_request) {
                 log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame_size);
@@ -331,14 +304,14 @@ void* dolby_decode(void* arg)
         memset(frame->frame.data, 0, static_cast<size_t>(frame_size));
         const int32_t size = adecoder_read(info->adecoder_handle, 0, 0, frame->frame.data, frame_size, 0);
         if (size <= 0) {
-            log_v("adecoder_read size:%d\n", size);
+            log_v("[%s] adecoder_read size:%d\n", format_name(info->format), size);
             // Not a wait for a state: any wake reads again.
             if (!info->abort_request)
                 lock.wait_until(info->decoder_cond, get_cond_timeout_ms(kReadPollMs));
             continue;
         }
         lock.unlock();
-        log_i("adecoder_read size:%d\n", size);
+        log_i("[%s] adecoder_read size:%d\n", format_name(info->format), size);
         frame->frame.size = std::min(size, frame_size);
         dolby_dump(info, DOLBY_DUMP_PCM, frame->frame.data, static_cast<uint32_t>(frame->frame.size));
         dolby_pack_pcm_frame(info, frame);
@@ -519,10 +492,10 @@ int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint3
         log_v("[Pa Pb Pc Pd] found!\n");
         const uint32_t room = found.burst_bytes - kPreambleBytes;
         if (rest <= room) {
+            begin_burst(info, found, left, rest);
             if (found.payload_bytes > room)
                 log_e("payload_bytes(%d) cannot be greater than burst_bytes(%d)\n", found.payload_bytes,
                       found.burst_bytes);
-            begin_burst(info, found, left, rest);
             ret = 0;
             break;
         }
@@ -553,10 +526,12 @@ int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, d
         return 0;
     const char* const name = format_name(info->format);
     stretch left = {static_cast<const uint8_t*>(data), size};
+    int stalled_writes = 0;
     while (left.bytes > 0) {
         int32_t status = 0;
-        const int32_t ret = write_some(info, decoder, left, &status);
-        if (ret <= 0) {
+        const int32_t ret = adecoder_write(decoder, left.data, static_cast<int32_t>(left.bytes), 0, -1, &status);
+        stalled_writes = ret == 0 ? stalled_writes + 1 : 0;
+        if (ret < 0 || stalled_writes > kStalledWritesMax) {
             log_e("[%s] adecoder_write failed, left_bytes:%d ret:%d, status:0x%x\n", name, left.bytes, ret, status);
             return -1;
         }
@@ -567,6 +542,8 @@ int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, d
             log_w("[%s] adecoder_write status:0x%x error do not send signal\n", name, status);
         if (info->enlog)
             log_i("[%s] adecoder_write written:%d, left_bytes:%d, status:0x%x\n", name, ret, left.bytes, status);
+        if (ret == 0)
+            usleep(kStalledWritePauseUs);
     }
     if (info->wait_iec61937) {
         info->wait_iec61937 = false;

@@ -611,6 +611,10 @@ TEST_F(DecodePipeline, SilenceBeforeTheFirstBurstIsPlayedAndTheBurstThenForcesAR
     EXPECT_EQ(2, calls.forced);
     feed(make_payload(100), 3, 2, 192000);
     EXPECT_EQ(2, calls.changed) << "noise is dropped";
+    // A new serial is a reset already.
+    feed(Bytes(1920), 3, 2, 192000);
+    feed(ac3_burst(make_payload(1536)), 4, 2, 192000);
+    EXPECT_EQ(2, calls.changed);
 }
 
 TEST_F(DecodePipeline, DecodedPcmCarriesSerialRateAndPts)
@@ -721,14 +725,18 @@ TEST_F(DecodePipeline, DecoderThatTakesNothingOrFailsDoesNotHoldUpTheInput)
 
 TEST_F(DecodePipeline, OutputIsReadWithoutASignalFromTheDecoder)
 {
+    setenv("debug_hdmiplayer_log_level", "3", 1);
+    testing::internal::CaptureStdout();
     start();
     decoder.set(&FakeDecoder::status, -3);
-    testing::internal::CaptureStdout();
     feed(ac3_burst(make_payload(1536)));
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos, log.find("[ac3] adecoder_write status:0xfffffffd error do not send signal\n"));
     decoder.decode_to(make_payload(960));
     dolby_put_output_pcm_frame(take());
+    EXPECT_EQ(0, dolby_deinit());
+    unsetenv("debug_hdmiplayer_log_level");
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, log.find("[ac3] adecoder_write status:0xfffffffd error do not send signal\n"));
+    EXPECT_NE(std::string::npos, log.find("[ac3] adecoder_read size:960\n"));
 }
 
 TEST_F(DecodePipeline, WithoutTheDecodeStrategyTheInputDrainsAndIsForgotten)
@@ -806,9 +814,10 @@ TEST_F(DecodePipeline, AsynchronousModeReachesTheDecoder)
 {
     setenv("debug_hdmiplayer_dolby_async", "1", 1);
     start();
-    unsetenv("debug_hdmiplayer_dolby_async");
     feed(ac3_burst(make_payload(1536)));
     EXPECT_TRUE(decoder.get(&FakeDecoder::async_mode));
+    EXPECT_EQ(0, dolby_deinit());
+    unsetenv("debug_hdmiplayer_dolby_async");
 }
 
 TEST_F(DecodePipeline, DumpsHoldChunksPayloadsAndPcm)
@@ -819,9 +828,6 @@ TEST_F(DecodePipeline, DumpsHoldChunksPayloadsAndPcm)
     for (const char* name : {"iec61937", "in", "out"})
         setenv((std::string("debug_hdmiplayer_dolby_dumppath_") + name).c_str(), folder.c_str(), 1);
     start();
-    for (const char* name : {"iec61937", "in", "out"})
-        unsetenv((std::string("debug_hdmiplayer_dolby_dumppath_") + name).c_str());
-
     const Bytes burst = ac3_burst(make_payload(1536));
     feed(Bytes(400), 0, 2, 48000);
     feed(burst, 0, 2, 48000);
@@ -830,6 +836,8 @@ TEST_F(DecodePipeline, DumpsHoldChunksPayloadsAndPcm)
     dolby_put_output_pcm_frame(take());
     dolby_put_output_pcm_frame(take());
     EXPECT_EQ(0, dolby_deinit());
+    for (const char* name : {"iec61937", "in", "out"})
+        unsetenv((std::string("debug_hdmiplayer_dolby_dumppath_") + name).c_str());
 
     const auto read = [&folder](const char* name) {
         std::ifstream file(folder / name, std::ios::binary);
