@@ -234,8 +234,11 @@ public:
         bool good = avcodec_send_packet(context_.get(), packet_.get()) == 0;
         av_packet_unref(packet_.get());
         while (avcodec_receive_frame(context_.get(), frame_.get()) == 0) {
-            good = converter_.convert(*frame_, pcm) && good;
-            rate_ = frame_->sample_rate;
+            // A stream whose first frame is damaged is concealed without a rate.
+            if (frame_->sample_rate > 0 && converter_.convert(*frame_, pcm))
+                rate_ = frame_->sample_rate;
+            else
+                good = false;
             av_frame_unref(frame_.get());
         }
         return good && !pcm->empty();
@@ -257,6 +260,8 @@ public:
     explicit Pipeline(int channels)
         : channels_(static_cast<size_t>(channels)), decoder_(channels), pcm_(static_cast<size_t>(channels))
     {
+        // So that short memory ends the init, not the thread that decodes.
+        scratch_.reserve(ac3::kFrameSamplesMax * channels_);
     }
 
     bool ready() const { return decoder_.ready(); }
