@@ -82,14 +82,14 @@ void set_device_rate(int32_t sample_rate)
     g_ai_info.audio_cfg.period_count = kPeriodCount;
 }
 
-// A device whose close fails is given up all the same: nobody would try again.
 int32_t close_device()
 {
     mutex_guard device(g_ai_info.device_mutex);
     if (!g_ai_info.device_opened)
         return 0;
-    g_ai_info.device_opened = false;
-    return aio_device_close(&g_ai_info.audio_cfg);
+    const int32_t err = aio_device_close(&g_ai_info.audio_cfg);
+    g_ai_info.device_opened = err < 0;
+    return err;
 }
 
 void update_acquire_size()
@@ -135,24 +135,19 @@ bool reopen_device()
 frame_info_t* acquire_frame(int32_t queue)
 {
     frame_info_t* slot = frame_queue_pool_acquire(queue, g_ai_info.acquire_size);
-    if (slot == nullptr) {
+    if (slot == nullptr)
         log_e("frame_queue_pool_acquire(size:%d) failed.\n", g_ai_info.acquire_size);
-        return nullptr;
-    }
-    if (slot->frame.data == nullptr) {
-        // The pool hands out a record whose buffer could not be enlarged: out of memory, which takes time to pass.
-        log_e("frame_queue_pool_acquire(size:%d) failed.\n", g_ai_info.acquire_size);
-        frame_queue_put(queue, &slot->frame);
-        back_off();
-        return nullptr;
-    }
     return slot;
 }
 
 // Bytes read, or -1. Reports the first failure of a run only: the loop tries a hundred times a second.
 int32_t read_device(uint8_t* data)
 {
-    const int32_t size = aio_device_read(&g_ai_info.audio_cfg, data, g_ai_info.acquire_size);
+    // Said before the stop is tested: a deinit that looks after it asked for the stop misses no read.
+    g_ai_info.reading = true;
+    const int32_t size =
+        g_ai_info.abort_request ? -1 : aio_device_read(&g_ai_info.audio_cfg, data, g_ai_info.acquire_size);
+    g_ai_info.reading = false;
     if (size > 0 && size <= g_ai_info.acquire_size) {
         g_ai_info.read_failing = false;
         return size;
@@ -420,6 +415,10 @@ void* format_detect(void*)
 
 // --- Lifecycle --------------------------------------------------------------
 
+// The messages of a start and of a stop come in the name of the call that makes them.
+constexpr char kInit[] = "audio_input_init";
+constexpr char kDeinit[] = "audio_input_deinit";
+
 // Clears every field except the locks: the caller holds one of them.
 void clear_record() REQUIRES(g_ai_info.api_rwlock)
 {
@@ -444,6 +443,7 @@ void clear_record() REQUIRES(g_ai_info.api_rwlock)
     g_ai_info.frame_serial = 0;
     g_ai_info.changed_cb = nullptr;
     g_ai_info.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
+    g_ai_info.reading = false;
     g_ai_info.read_failing = false;
     g_ai_info.uevent_fd = -1;
 }
@@ -458,21 +458,29 @@ void prepare_record(const audio_input_config_t& cfg) REQUIRES(g_ai_info.api_rwlo
     g_ai_info.changed_cb = cfg.changed_cb;
 }
 
-void release_queue(int32_t queue)
+void release_queue(int32_t queue, const char* function)
 {
     if (queue < 0)
         return;
     const int32_t err = frame_queue_deinit(queue);
     if (err < 0)
-        log_e("frame_queue_pool_release failed. err:%d\n", err);
+        log_as(function, LOG_LEVEL_E, "frame_queue_pool_release failed. err:%d\n", err);
+}
+
+// A device that cannot be closed is given up: the next init opens it anew.
+void forget_device()
+{
+    mutex_guard device(g_ai_info.device_mutex);
+    g_ai_info.device_opened = false;
 }
 
 // The end of a deinit, and of an init that failed. The threads have ended.
-void teardown() REQUIRES(g_ai_info.api_rwlock)
+void teardown(const char* function) REQUIRES(g_ai_info.api_rwlock)
 {
-    release_queue(g_ai_info.iec61937_queue);
-    release_queue(g_ai_info.pcm_frame_queue);
+    release_queue(g_ai_info.iec61937_queue, function);
+    release_queue(g_ai_info.pcm_frame_queue, function);
     close_device();
+    forget_device();
     close_uevent_socket();
     pthread_attr_destroy(&g_ai_info.attr);
     g_ai_info.internal_mutex.destroy();
@@ -495,7 +503,7 @@ bool open_device() REQUIRES(g_ai_info.api_rwlock)
     mutex_guard device(g_ai_info.device_mutex);
     const int err = aio_device_open(cfg);
     if (err < 0) {
-        log_e("aio_device_open failed. err:%d\n", err);
+        log_as(kInit, LOG_LEVEL_E, "aio_device_open failed. err:%d\n", err);
         return false;
     }
     g_ai_info.device_opened = true;
@@ -506,16 +514,16 @@ bool create_queues() REQUIRES(g_ai_info.api_rwlock)
 {
     g_ai_info.pcm_frame_queue = frame_queue_init(kQueueFrames, "IN");
     if (g_ai_info.pcm_frame_queue < 0) {
-        log_e("frame_queue_init failed.\n");
+        log_as(kInit, LOG_LEVEL_E, "frame_queue_init failed.\n");
         return false;
     }
-    log_i("pcm_frame_queue id:%d.\n", g_ai_info.pcm_frame_queue);
+    log_as(kInit, LOG_LEVEL_I, "pcm_frame_queue id:%d.\n", g_ai_info.pcm_frame_queue);
     g_ai_info.iec61937_queue = frame_queue_init(kQueueFrames, "IEC61937");
     if (g_ai_info.iec61937_queue < 0) {
-        log_e("iec61937_queue_init failed.\n");
+        log_as(kInit, LOG_LEVEL_E, "iec61937_queue_init failed.\n");
         return false;
     }
-    log_i("iec61937_queue id:%d.\n", g_ai_info.iec61937_queue);
+    log_as(kInit, LOG_LEVEL_I, "iec61937_queue id:%d.\n", g_ai_info.iec61937_queue);
     return true;
 }
 
@@ -524,7 +532,7 @@ bool start_detection() REQUIRES(g_ai_info.api_rwlock)
     if (pthread_create(&g_ai_info.format_detect_thread, nullptr, format_detect, &g_ai_info) == 0)
         return true;
     g_ai_info.format_detect_thread = 0; // undefined after a failure
-    log_e("create format_detect_thread failed!\n");
+    log_as(kInit, LOG_LEVEL_E, "create format_detect_thread failed!\n");
     return false;
 }
 
@@ -541,7 +549,8 @@ int create_read_thread() REQUIRES(g_ai_info.api_rwlock)
         return err;
     static std::atomic<bool> warned{false};
     if (!warned.exchange(true))
-        log_w("no permission for real-time priority %d, audio_read runs without.\n", kReadPriority);
+        log_as(kInit, LOG_LEVEL_W, "no permission for real-time priority %d, audio_read runs without.\n",
+               kReadPriority);
     return pthread_create(&g_ai_info.read_thread, nullptr, audio_read, &g_ai_info);
 }
 
@@ -550,7 +559,7 @@ bool start_reading() REQUIRES(g_ai_info.api_rwlock)
     if (create_read_thread() == 0)
         return true;
     g_ai_info.read_thread = 0;
-    log_e("create read thread failed!\n");
+    log_as(kInit, LOG_LEVEL_E, "create read thread failed!\n");
     return false;
 }
 
@@ -560,7 +569,7 @@ bool start(const audio_input_config_t& cfg, bool* unsupported)
     write_guard api(g_ai_info.api_rwlock);
     // abort_request without initialized: another thread's init failed and is being undone.
     if (g_ai_info.initialized || g_ai_info.abort_request) {
-        log_w("module has been initialized\n");
+        log_as(kInit, LOG_LEVEL_W, "module has been initialized\n");
         return false;
     }
     prepare_record(cfg);
@@ -568,7 +577,7 @@ bool start(const audio_input_config_t& cfg, bool* unsupported)
     g_ai_info.uevent_fd = open_uevent_socket();
     *unsupported = read_initial_state();
     if (!open_device() || !create_queues() || !start_detection()) {
-        teardown();
+        teardown(kInit);
         return false;
     }
     if (start_reading()) {
@@ -580,8 +589,33 @@ bool start(const audio_input_config_t& cfg, bool* unsupported)
     api.unlock();
     pthread_join(g_ai_info.format_detect_thread, nullptr);
     write_guard again(g_ai_info.api_rwlock);
-    teardown();
+    teardown(kInit);
     return false;
+}
+
+// --- Consumers --------------------------------------------------------------
+
+int32_t take_frame(const int32_t& queue, hdmi_player_audio_frame_t** frame, int32_t timeout_ms, loglevel_e closed_level,
+                   const char* function)
+{
+    if (frame == nullptr)
+        return -1;
+    // Tested before the lock is taken: consumers in a loop, whom an aborted queue no longer holds up, would
+    // starve the deinit that waits for it.
+    if (!g_ai_info.abort_request) {
+        read_guard api(g_ai_info.api_rwlock);
+        if (g_ai_info.initialized) {
+            frame_info_t* slot = frame_queue_done_dequeue(queue, timeout_ms);
+            if (slot == nullptr) {
+                log_as(function, LOG_LEVEL_D, "frame_queue_done_dequeue failed.\n");
+                return -1;
+            }
+            *frame = &slot->frame;
+            return 0;
+        }
+    }
+    log_as(function, closed_level, "module not initialized\n");
+    return -1;
 }
 
 } // namespace
@@ -638,28 +672,18 @@ int32_t audio_input_deinit(void)
     const int32_t err = close_device(); // ends a blocked read
     if (err < 0)
         log_e("aio_device_close failed. err:%d\n", err);
+    // A close that failed has not ended the read, which may block for as long as there is no signal.
+    while (g_ai_info.reading && close_device() < 0)
+        av_usleep(kBackOffUs);
     pthread_join(g_ai_info.read_thread, nullptr);
     write_guard api(g_ai_info.api_rwlock);
-    teardown();
+    teardown(kDeinit);
     return 0;
 }
 
 int32_t audio_input_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
 {
-    if (frame == nullptr)
-        return -1;
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_v("module not initialized\n");
-        return -1;
-    }
-    frame_info_t* slot = frame_queue_done_dequeue(g_ai_info.pcm_frame_queue, timeout_ms);
-    if (slot == nullptr) {
-        log_d("frame_queue_done_dequeue failed.\n");
-        return -1;
-    }
-    *frame = &slot->frame;
-    return 0;
+    return take_frame(g_ai_info.pcm_frame_queue, frame, timeout_ms, LOG_LEVEL_V, __func__);
 }
 
 int32_t audio_input_put_pcm_frame(hdmi_player_audio_frame_t* frame)
@@ -676,20 +700,7 @@ int32_t audio_input_put_pcm_frame(hdmi_player_audio_frame_t* frame)
 
 int32_t audio_input_get_iec61937_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
 {
-    if (frame == nullptr)
-        return -1;
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_d("module not initialized\n");
-        return -1;
-    }
-    frame_info_t* slot = frame_queue_done_dequeue(g_ai_info.iec61937_queue, timeout_ms);
-    if (slot == nullptr) {
-        log_d("frame_queue_done_dequeue failed.\n");
-        return -1;
-    }
-    *frame = &slot->frame;
-    return 0;
+    return take_frame(g_ai_info.iec61937_queue, frame, timeout_ms, LOG_LEVEL_D, __func__);
 }
 
 int32_t audio_input_put_iec61937_frame(hdmi_player_audio_frame_t* frame)

@@ -64,8 +64,9 @@ typedef struct audio_input_info_s {
     std::atomic<audio_in_bypass_mode_e> in_bypass_mode{E_AUDIO_IN_BYPASS_MODE_NONE}; ///< into audio_cfg at a reopen
     mutex_t device_mutex; ///< open and close of the device; not held during reads, which a close ends
     bool device_opened GUARDED_BY(device_mutex) = false;
-    bool read_failing = false; ///< the present run of failed reads was reported; read thread only
-    int uevent_fd = -1;        ///< opened by init, then the detection thread's
+    std::atomic<bool> reading{false}; ///< the read thread may be blocked in the device
+    bool read_failing = false;        ///< the present run of failed reads was reported; read thread only
+    int uevent_fd = -1;               ///< opened by init, then the detection thread's
 } audio_input_info_t;
 
 extern audio_input_info_t g_ai_info;
