@@ -4,6 +4,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "hdmi_cec.h"
@@ -27,9 +28,15 @@ constexpr int32_t kDefaultBufferSize = 8192;  ///< frames
 /// A healthy device takes a block within the block's own duration, some 20 ms.
 /// A write that lasts longer than this is stuck, and only a close ends it.
 constexpr uint32_t kWriteGraceUs = 100000;
+/// A call that only a healthy device can serve gives up after this, so that a
+/// device that takes no sound does not hold its caller until the stop.
+constexpr uint32_t kDevicePatienceUs = 2000000;
 
 /// Lets one deinit run at a time. Taken before every other lock of the module.
 mutex_t g_deinit_mutex;
+
+/// A deinit waits for the calls in progress to leave, or clears the record.
+std::atomic<bool> g_leaving;
 
 /// Traces a call: ">>>" now, "<<<" when the scope ends.
 class call_trace
@@ -55,13 +62,61 @@ private:
     const int line_;
 };
 
+void warn_not_initialized(const char* function, int line)
+{
+    if (log_enabled(LOG_LEVEL_W))
+        console_print(LOG_LEVEL_W, "[%s %d] module not initialized\n", function, line);
+}
+
 // Whether the module is initialised; if not, warns in the name of the function that was called.
 bool ready(const char* function, int line)
 {
-    if (!g_ao_info.initialized && log_enabled(LOG_LEVEL_W))
-        console_print(LOG_LEVEL_W, "[%s %d] module not initialized\n", function, line);
-    return g_ao_info.initialized;
+    const bool initialized = g_ao_info.initialized;
+    if (!initialized)
+        warn_not_initialized(function, line);
+    return initialized;
 }
+
+/// Holds the module's lock for reading for a scope if the module is initialised; if not, it is
+/// empty, with a warning in the name of the caller. May be released and taken again inside the scope.
+class api_guard
+{
+public:
+    explicit api_guard(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE())
+        : function_(function), line_(line)
+    {
+        lock();
+    }
+    ~api_guard() { unlock(); }
+    api_guard(const api_guard&) = delete;
+    api_guard& operator=(const api_guard&) = delete;
+
+    explicit operator bool() const { return held_; }
+
+    void lock()
+    {
+        // The lock prefers readers: callers in a loop would starve the deinit that waits for it.
+        if (g_leaving) {
+            warn_not_initialized(function_, line_);
+            return;
+        }
+        pthread_rwlock_rdlock(&g_ao_info.api_rwlock.native);
+        held_ = true;
+        if (!ready(function_, line_))
+            unlock();
+    }
+    void unlock()
+    {
+        if (held_)
+            pthread_rwlock_unlock(&g_ao_info.api_rwlock.native);
+        held_ = false;
+    }
+
+private:
+    const char* const function_;
+    const int line_;
+    bool held_ = false;
+};
 
 int sample_rate_hz(hdmi_player_aio_sample_rate_e rate)
 {
@@ -105,39 +160,40 @@ clock_values clock_after_write(int64_t pts, int frames, int remaining, int sampl
 
 // --- Turns at the device ------------------------------------------------------
 
-struct timespec write_grace_end()
+struct timespec monotonic_after_us(uint64_t microseconds)
 {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return timespec_add_us(now, kWriteGraceUs);
+    return timespec_add_us(now, microseconds);
 }
 
-// Waits until the writer is outside aio_device_write, or for a deadline on CLOCK_MONOTONIC.
+// Waits until the writer is outside aio_device_write; false when it still is after @p limit_us.
 // Callers that found a write in progress go before the next one: the writer comes back at
 // once, and with real-time priority it would win that race for ever.
-void await_write_end(mutex_guard& lock, const struct timespec* deadline) REQUIRES(g_ao_info.mutex)
+bool await_write_end(mutex_guard& lock, uint32_t limit_us) REQUIRES(g_ao_info.mutex)
 {
     if (!g_ao_info.writing)
-        return;
+        return true;
+    const struct timespec deadline = monotonic_after_us(limit_us);
     ++g_ao_info.waiting;
-    int err = 0;
-    while (g_ao_info.writing && err == 0)
-        err =
-            deadline != nullptr ? lock.wait_until(g_ao_info.device_cond, *deadline) : lock.wait(g_ao_info.device_cond);
+    while (g_ao_info.writing && lock.wait_until(g_ao_info.device_cond, deadline) == 0) {
+    }
     --g_ao_info.waiting;
     pthread_cond_broadcast(&g_ao_info.device_cond);
+    return !g_ao_info.writing;
 }
 
 bool device_open() { return g_ao_info.init_state == 0; }
 
 // Runs @p call, which returns 0 or an error code, on the device between two writes;
-// 0 without a call while the device is closed.
+// 0 without a call while the device is closed, -ETIMEDOUT while it is stuck in a write.
 template <typename Call> int32_t on_open_device(Call call)
 {
     if (!device_open())
         return 0;
     mutex_guard lock(g_ao_info.mutex);
-    await_write_end(lock, nullptr);
+    if (!await_write_end(lock, kDevicePatienceUs))
+        return -ETIMEDOUT;
     return device_open() ? call(&g_ao_info.audio_cfg) : 0;
 }
 
@@ -193,8 +249,7 @@ void audio_output_device_operation(audio_output_dev_op_e op)
     int32_t init_state = -1;
     {
         mutex_guard lock(g_ao_info.mutex);
-        const struct timespec deadline = write_grace_end();
-        await_write_end(lock, &deadline);
+        await_write_end(lock, kWriteGraceUs);
         if (g_ao_info.abort_request || g_ao_info.dev_op != op)
             return;
         if (device_open()) {
@@ -222,14 +277,14 @@ void audio_output_device_operation(audio_output_dev_op_e op)
 
 // The change handler runs with the module's lock released: it is serialised with its other runs, and those ask
 // this module for its state.
-int32_t audio_output_select(read_guard& api, int device_id, int output_fmt) NO_THREAD_SAFETY_ANALYSIS
+int32_t audio_output_select(api_guard& api, int device_id, int output_fmt)
 {
     const auto changed_cb = g_ao_info.changed_cb;
     bool restarted = false;
     api.unlock();
     changed_cb(false, &restarted);
     api.lock();
-    if (!ready(__func__, __LINE__))
+    if (!api)
         return -1;
     if (g_ao_info.dev_op == AUDIO_OUTPUT_DEV_OP_CLOSE)
         audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_CLOSE);
@@ -257,25 +312,24 @@ template <typename Selection> Selection exchange_selection(std::atomic<Selection
     return selected.exchange(next);
 }
 
-// Takes a failed selection back, unless another thread has selected again or ended the module meanwhile.
+// Takes a failed selection back, unless another thread has selected again meanwhile.
 template <typename Selection>
 void restore_selection(std::atomic<Selection>& selected, Selection failed, Selection previous)
 {
-    if (!g_ao_info.initialized)
-        return;
     mutex_guard lock(g_ao_info.mutex);
     selected.compare_exchange_strong(failed, previous);
 }
 
 // --- Writer -------------------------------------------------------------------
 
-// Holds the first block of a serial back; a stop ends it.
+// Holds the first block of a serial back; a stop ends it. By the monotonic clock: a step of the
+// wall clock would be heard as silence, or as sound that stays early.
 void hold_first_block()
 {
     const int32_t delay_ms = g_ao_info.fixed_delay;
     if (delay_ms <= 0)
         return;
-    const struct timespec deadline = get_cond_timeout_ms(static_cast<uint32_t>(delay_ms));
+    const struct timespec deadline = monotonic_after_us(static_cast<uint64_t>(delay_ms) * 1000);
     mutex_guard lock(g_ao_info.fixed_delay_mutex);
     while (!g_ao_info.abort_request && lock.wait_until(g_ao_info.fixed_delay_cond, deadline) == 0) {
     }
@@ -410,10 +464,10 @@ void create_locks()
 {
     g_ao_info.mutex.init();
     g_ao_info.fixed_delay_mutex.init();
-    pthread_cond_init(&g_ao_info.fixed_delay_cond, nullptr);
     pthread_condattr_t monotonic;
     pthread_condattr_init(&monotonic);
     pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_cond_init(&g_ao_info.fixed_delay_cond, &monotonic);
     pthread_cond_init(&g_ao_info.device_cond, &monotonic);
     pthread_condattr_destroy(&monotonic);
     pthread_attr_init(&g_ao_info.attr);
@@ -510,8 +564,7 @@ bool start_writer()
 int stop_device(bool* stuck)
 {
     mutex_guard lock(g_ao_info.mutex);
-    const struct timespec deadline = write_grace_end();
-    await_write_end(lock, &deadline);
+    await_write_end(lock, kWriteGraceUs);
     const int result = device_open() ? close_device() : 0;
     *stuck = result < 0 && g_ao_info.writing;
     return result;
@@ -596,11 +649,13 @@ int32_t audio_output_deinit(void)
     pthread_join(g_ao_info.write_thread, nullptr);
     g_ao_info.write_thread = 0;
 
+    g_leaving = true;
     write_guard api(g_ao_info.api_rwlock);
     const int32_t err = tear_down();
     if (err != 0)
         log_e("frame_queue_pool_release failed. err:%d\n", err);
     reset_record();
+    g_leaving = false;
     return 0;
 }
 
@@ -608,8 +663,8 @@ bool audio_output_initialized(void) { return g_ao_info.initialized; }
 
 int32_t audio_output_set_volume(int volume)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return -1;
     const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
     const int32_t err = on_open_device([&](audio_config_t* config) { return aio_device_set_volume(config, volume); });
@@ -620,8 +675,8 @@ int32_t audio_output_set_volume(int volume)
 
 int32_t audio_output_set_volume_direct(int volume)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return -1;
     const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
     const int32_t err =
@@ -633,8 +688,8 @@ int32_t audio_output_set_volume_direct(int volume)
 
 int32_t audio_output_set_mute(bool mute)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return -1;
     const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
     const int32_t err = on_open_device([&](audio_config_t* config) {
@@ -650,16 +705,16 @@ int32_t audio_output_set_mute(bool mute)
 
 bool audio_output_mute_status(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return false;
     return g_ao_info.mute_status;
 }
 
 void audio_output_set_write_continued(bool enable)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return;
     mutex_guard lock(g_ao_info.mutex);
     g_ao_info.write_continued = enable;
@@ -667,48 +722,48 @@ void audio_output_set_write_continued(bool enable)
 
 int32_t audio_output_get_sample_rate(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return kDefaultSampleRate;
     return g_ao_info.target_sample_rate;
 }
 
 int32_t audio_output_get_channels(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return kChannels;
     return g_ao_info.audio_cfg.channels;
 }
 
 hdmi_player_ao_dev_e audio_output_get_device(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return E_HDMI_PLAYER_AO_DEV_AUTO;
     return g_ao_info.dev;
 }
 
 hdmi_player_ao_format_e audio_output_get_format(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return E_HDMI_PLAYER_AO_FORMAT_PCM;
     return g_ao_info.format;
 }
 
 int32_t audio_output_get_alsa_buffer_size(void)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return kDefaultBufferSize;
     return g_ao_info.audio_cfg.period_count * g_ao_info.audio_cfg.period_frames;
 }
 
 int32_t audio_output_set_video_delay(int32_t delay)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return -1;
     g_ao_info.fixed_delay = delay;
     return 0;
@@ -716,8 +771,8 @@ int32_t audio_output_set_video_delay(int32_t delay)
 
 void audio_output_set_dev_operation(audio_output_dev_op_e op)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return;
     {
         mutex_guard lock(g_ao_info.mutex);
@@ -728,8 +783,8 @@ void audio_output_set_dev_operation(audio_output_dev_op_e op)
 
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    api_guard api;
+    if (!api)
         return -1;
     const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
     if (dev == g_ao_info.dev) {
@@ -750,7 +805,8 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
     const int32_t err = audio_output_select(api, device_id, output_fmt);
     if (err != 0) {
         log_e("audio_output_select failed. err:%d\n", err);
-        restore_selection(g_ao_info.dev, dev, previous);
+        if (api)
+            restore_selection(g_ao_info.dev, dev, previous);
         return -1;
     }
     return 0;
@@ -758,8 +814,8 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
 
 int32_t audio_output_select_format(hdmi_player_ao_format_e format)
 {
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    api_guard api;
+    if (!api)
         return -1;
     const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
     if (format == g_ao_info.format) {
@@ -780,7 +836,8 @@ int32_t audio_output_select_format(hdmi_player_ao_format_e format)
     const int32_t err = audio_output_select(api, device_id, output_fmt);
     if (err != 0) {
         log_e("audio_output_select failed. err:%d\n", err);
-        restore_selection(g_ao_info.format, format, previous);
+        if (api)
+            restore_selection(g_ao_info.format, format, previous);
         return -1;
     }
     return 0;
@@ -796,15 +853,10 @@ int32_t audio_output_write_pcm_frame(hdmi_player_audio_frame_t* frame)
         log_e("frame data:%p size:%d invalid.\n", static_cast<void*>(frame->data), frame->size);
         return -1;
     }
-    read_guard api(g_ao_info.api_rwlock);
-    if (!ready(__func__, __LINE__))
+    const api_guard api;
+    if (!api)
         return -1;
     frame_info_t* record = frame_queue_pool_acquire(g_ao_info.frame_queue, frame->size);
-    // A record can come without a buffer after its allocation failed.
-    if (record != nullptr && record->frame.data == nullptr) {
-        frame_queue_put(g_ao_info.frame_queue, &record->frame);
-        record = nullptr;
-    }
     if (record == nullptr) {
         log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame->size);
         return -1;

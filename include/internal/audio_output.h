@@ -66,7 +66,7 @@ typedef struct audio_output_info_s {
     pthread_attr_t attr;
     rwlock_t api_rwlock; ///< write: init and the end of deinit; read: everything else
     mutex_t fixed_delay_mutex;
-    pthread_cond_t fixed_delay_cond;
+    pthread_cond_t fixed_delay_cond; ///< abort_request was set; on CLOCK_MONOTONIC
     audio_output_update_avsync_clock_cb_t update_avsync_clock_cb;
     void (*changed_cb)(bool force_reset, bool* restarted);
 } audio_output_info_t;
@@ -78,7 +78,8 @@ int32_t audio_output_deinit(void);
 /// Without a lock.
 bool audio_output_initialized(void);
 
-/// Percent, 0 to 100; the platform's error code on failure. 0 without effect while the device is closed.
+/// Percent, 0 to 100. The platform's error code on failure; -ETIMEDOUT, after two seconds, while the device
+/// is stuck in a write; 0 without effect while it is closed. The same holds for the next two.
 int32_t audio_output_set_volume(int volume);
 /// In the device's own units.
 int32_t audio_output_set_volume_direct(int volume);
@@ -97,7 +98,8 @@ int32_t audio_output_set_video_delay(int32_t delay);
 /// Leaves an operation on the device to the writer thread (reopen) or to the next selection (close).
 void audio_output_set_dev_operation(audio_output_dev_op_e op);
 
-/// Both run `changed_cb` without the device's mutex held.
+/// Both run `changed_cb` without a lock of the module held. They fail, after two seconds, while the device is
+/// stuck in a write, unless the selection closes it.
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev);
 int32_t audio_output_select_format(hdmi_player_ao_format_e format);
 
