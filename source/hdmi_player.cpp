@@ -6,6 +6,7 @@
  */
 #include "hdmi_player.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -35,15 +36,15 @@ constexpr int32_t kVolumeUnset = -1;
 struct hdmi_player_resource_t {
     std::atomic<bool> opened{false}; ///< written under api_rwlock
     hdmi_player_event_cb_t event_cb GUARDED_BY(api_rwlock) = nullptr;
-    mutex_t aio_changed_mutex; ///< one run of the change handler at a time
-    rwlock_t api_rwlock;       ///< write: only around changes of the fields above
+    mutex_t aio_changed_mutex;                       ///< one run of the change handler at a time
+    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: only around changes of the fields above
 };
 
 hdmi_player_resource_t g_player_res;
 
 /// Holds the player's lock for reading. A relay may run inside an exported call on the same thread (a
-/// selection runs the change handler): only the outermost of them takes the lock, so that no read waits
-/// behind a module's lock.
+/// selection runs the change handler): only the outermost of them takes the lock, because a nested read
+/// would wait behind a writer that waits for the outer one.
 class SCOPED_CAPABILITY player_guard
 {
 public:
@@ -358,8 +359,8 @@ audio_output_config_t make_audio_output_config(const hdmi_player_config_t& cfg)
 {
     audio_output_config_t config = {};
     config.mute = g_user_mute;
-    config.hw_volume = g_hw_volume >= 0 ? g_hw_volume.load() : kVolumeUnset;
-    config.volume = config.hw_volume < 0 && g_user_volume >= 0 ? g_user_volume.load() : kVolumeUnset;
+    config.hw_volume = std::max(g_hw_volume.load(), kVolumeUnset);
+    config.volume = config.hw_volume < 0 ? g_user_volume.load() : kVolumeUnset;
     config.dev = cfg.ao_dev;
     config.format = cfg.ao_format;
     config.sample_rate = cfg.ao_sample_rate;
@@ -450,8 +451,7 @@ bool start_modules(const hdmi_player_config_t& cfg, const char* function)
     size_t started = 0;
     for (const module& m : modules) {
         if (m.start(cfg) < 0) {
-            if (log_enabled(LOG_LEVEL_E))
-                console_print(LOG_LEVEL_E, "[%s %d] %s\n", function, __LINE__, m.failure);
+            log_as(function, LOG_LEVEL_E, "%s\n", m.failure);
             while (started > 0)
                 modules[--started].stop();
             return false;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hdmi_sim.h"
+#include "support/log_capture.h"
 
 using namespace std::chrono_literals;
 using hdmi_sim::Op;
@@ -207,8 +208,11 @@ TEST_F(PlayerTest, AFailedOpenLeavesNothingBehind)
     EXPECT_EQ(hdmi_player_open(bad_device), -1);
     for (const Op op : {Op::playback_open, Op::set_mute, Op::capture_open}) {
         hdmi_sim::set_fault(op, {});
-        EXPECT_EQ(hdmi_player_open(make_config()), -1);
+        const std::string log = logged("2", [] { EXPECT_EQ(hdmi_player_open(make_config()), -1); });
         EXPECT_EQ(hdmi_sim::fault_hits(op), 1);
+        EXPECT_NE(log.find(op == Op::capture_open ? "] audio_input_init failed\n" : "] audio_output_init failed\n"),
+                  std::string::npos)
+            << log;
         hdmi_sim::clear_fault(op);
         EXPECT_EQ(hdmi_player_video_render(nullptr), -1);
     }
@@ -223,8 +227,45 @@ TEST_F(PlayerTest, SmallVideoQueuesAreRaisedToFive)
     config.video_frame_queue_size = -3;
     testing::internal::CaptureStdout();
     EXPECT_EQ(hdmi_player_open(config), 0);
-    fflush(stdout);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("video_frame_queue_size:-3 too small!\n"), std::string::npos);
+    hdmi_player_close();
+    config.video_frame_queue_size = 5;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(hdmi_player_open(config), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("too small"), std::string::npos);
+}
+
+TEST_F(PlayerTest, RefusalsSayWhy)
+{
+    const auto expect = [](const char* message, const std::function<void()>& call) {
+        testing::internal::CaptureStdout();
+        call();
+        const std::string log = testing::internal::GetCapturedStdout();
+        EXPECT_NE(log.find(std::string("] ") + message + "\n"), std::string::npos) << message << ":\n" << log;
+    };
+    const std::string closed = logged("3", [] {
+        hdmi_player_close();
+        hdmi_player_set_volume(40);
+        hdmi_player_set_volume2(30);
+        hdmi_player_set_mute(false);
+    });
+    size_t at = 0;
+    for (const char* message : {"[hdmi_player_close ", "] >>>\n", "] hdmi_player is not open\n",
+                                "] set user_volume:40\n", "] set hw_volume:30\n", "] set_mute:0\n"}) {
+        at = closed.find(message, at);
+        ASSERT_NE(at, std::string::npos) << message << ":\n" << closed;
+    }
+    expect("invalid volume:101", [] { hdmi_player_set_volume(101); });
+    expect("frame is null", [] { hdmi_player_write_pcm(nullptr); });
+
+    open();
+    expect("hdmi_player has been opened", [] { hdmi_player_open(make_config()); });
+    EXPECT_EQ(hdmi_player_set_mute(true), 0);
+    expect("mute status does not change", [] { hdmi_player_set_mute(true); });
+    expect("cann't setting in mute state!", [] { hdmi_player_set_volume(1); });
+    expect("cann't setting in mute state!", [] { hdmi_player_set_volume2(1); });
+    hdmi_sim::set_fault(Op::set_mute, {});
+    expect("set mute(0) err", [] { hdmi_player_set_mute(false); });
 }
 
 TEST_F(PlayerTest, VolumeGivenWhileClosedIsAppliedAtOpen)
@@ -322,7 +363,6 @@ TEST_F(PlayerTest, CompressedInputOnARawDigitalOutputGoesPastThePlayer)
     testing::internal::CaptureStdout();
     ASSERT_TRUE(hdmi_sim::announce("HEADDONE_COMP_48=1"));
     EXPECT_TRUE(eventually([] { return hdmi_sim::receiver_stats().bypass_mode == 1; }));
-    fflush(stdout);
     const std::string log = testing::internal::GetCapturedStdout();
     EXPECT_NE(log.find("ai[IEC-61937] ao[hdmi-arc][raw]\nai_bypass_mode: -1 -> 1\nao operation: 2\n"
                        "avsync: 1 -> 0\ndolby_strategy: unknown -> hwbypass\n\n"),
@@ -332,6 +372,27 @@ TEST_F(PlayerTest, CompressedInputOnARawDigitalOutputGoesPastThePlayer)
     ASSERT_TRUE(hdmi_sim::announce("HEADDONE_PCM_48=1"));
     EXPECT_TRUE(eventually([] { return hdmi_sim::receiver_stats().bypass_mode == -1; }));
     EXPECT_TRUE(eventually([&] { return pull().serial >= 0; }));
+}
+
+TEST_F(PlayerTest, CompressedInputOnASpeakerIsDecodedInSyncUnlessSwitchedOff)
+{
+    for (const bool switched_off : {false, true}) {
+        if (switched_off)
+            setenv("debug_hdmiplayer_dolby_disable_avsync", "1", 1); // no thread of the player runs
+        hdmi_player_config_t config = make_config();
+        config.ao_format = E_HDMI_PLAYER_AO_FORMAT_RAW; // matters on digital outputs only
+        ASSERT_TRUE(hdmi_sim::write_state_file("HEADDONE_COMP_48=1\n"));
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(hdmi_player_open(config), 0);
+        const std::string log = testing::internal::GetCapturedStdout();
+        const std::string avsync = switched_off ? "avsync: 1 -> 0\n" : "avsync: 1\n";
+        EXPECT_NE(log.find("ai[IEC-61937] ao[speaker][raw]\nai_bypass_mode: -1\n" + avsync +
+                           "dolby_strategy: unknown -> decode\n\n"),
+                  std::string::npos)
+            << log;
+        hdmi_player_close();
+    }
+    unsetenv("debug_hdmiplayer_dolby_disable_avsync");
 }
 
 TEST_F(PlayerTest, AnUnknownInputRunsThePictureFreeAndTellsTheHost)
@@ -392,6 +453,50 @@ TEST_F(PlayerTest, CloseIsPromptWhateverIsBlocked)
     done = true;
     writer.join();
     reader.join();
+}
+
+// Calls that fail at once overlap each other: nothing but the order of the locks lets an open or a close through.
+TEST_F(PlayerTest, CallersInALoopDoNotHoldUpOpenOrClose)
+{
+    const std::function<void()> calls[] = {
+        [] { hdmi_player_get_game_mode(); },
+        [] {
+            hdmi_player_audio_frame_t* frame = nullptr;
+            if (hdmi_player_get_pcm(&frame, -1) == 0)
+                hdmi_player_put_pcm(frame);
+        },
+        [] {
+            uint8_t sound[3840] = {};
+            hdmi_player_audio_frame_t frame = {};
+            frame.data = sound;
+            frame.size = sizeof(sound);
+            hdmi_player_write_pcm(&frame);
+        },
+    };
+    testing::internal::CaptureStdout(); // every failed call prints a line
+    std::chrono::steady_clock::duration opening_and_closing{};
+    for (const auto& call : calls) {
+        std::atomic<bool> done{false};
+        const auto give_up = std::chrono::steady_clock::now() + kGenerous;
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 4; ++i) {
+            callers.emplace_back([&] {
+                while (!done && std::chrono::steady_clock::now() < give_up)
+                    call();
+            });
+        }
+        for (int i = 0; i < 2; ++i) {
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(hdmi_player_open(make_config()), 0);
+            EXPECT_EQ(hdmi_player_close(), 0);
+            opening_and_closing += std::chrono::steady_clock::now() - start;
+        }
+        done = true;
+        for (std::thread& caller : callers)
+            caller.join();
+    }
+    testing::internal::GetCapturedStdout();
+    EXPECT_LT(opening_and_closing, kGenerous);
 }
 
 TEST_F(PlayerTest, EveryCallFromEveryThreadWhileOpeningAndClosing)

@@ -37,14 +37,18 @@ struct CAPABILITY("mutex") mutex_t {
 
 /**
  * A reader-writer lock that prefers readers: a thread that holds it for reading
- * may take it for reading again while a writer waits. The module locks need
- * that: a selection call holds the output module's lock when the change handler
- * that it runs asks the same module for its state.
+ * may take it for reading again while a writer waits. Where that happens it is
+ * needed: a render holds the video module's lock when it raises an event, and
+ * the host may call back in.
  */
 struct CAPABILITY("rwlock") rwlock_t {
     static_assert(static_cast<int>(PTHREAD_RWLOCK_DEFAULT_NP) == static_cast<int>(PTHREAD_RWLOCK_PREFER_READER_NP),
                   "the static initialiser must prefer readers: they nest");
     pthread_rwlock_t native = PTHREAD_RWLOCK_INITIALIZER;
+
+    /// For locks whose readers never nest: a waiting writer goes before new readers. Host threads that call
+    /// in a loop, failing at once, would otherwise overlap each other's reads and hold up a close for ever.
+    static constexpr rwlock_t writers_first() { return {PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP}; }
 };
 
 /// Holds a mutex for a scope; may be released and taken again inside it.

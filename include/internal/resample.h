@@ -51,7 +51,7 @@ typedef struct resample_context_s {
     int64_t dummy_alg_delay_start_time_us GUARDED_BY(internal_mutex) = 0; ///< 0: no interval begun
     mutex_t internal_mutex;                               ///< guards the dummy delay; lives as long as the process
     pthread_cond_t abort_cond = PTHREAD_COND_INITIALIZER; ///< abort_request was set
-    rwlock_t api_rwlock;                                  ///< write: init and the end of deinit; read: everything else
+    rwlock_t api_rwlock = rwlock_t::writers_first();      ///< write: init and the end of deinit; read: everything else
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
 } resample_context_t;
