@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 cmake_minimum_required(VERSION 3.22)
 # Writes OUTPUT with the banner of this build: the source revision and the build date.
 execute_process(COMMAND git -C ${SOURCE_DIR} rev-parse --short HEAD

@@ -48,28 +48,36 @@
  *
  *     // video thread, for every frame at the moment at which it arrives
  *     hdmi_player_video_frame_t frame = { buffer, 0 };
- *     if (hdmi_player_video_render(&frame) != 0 && !reset_raised_during_the_call)
+ *     if (hdmi_player_video_render(&frame) != 0 && !reset_raised_by_this_call)
  *         release(buffer);                               // the host kept it
  *
  *     hdmi_player_close();                               // buffers neither flipped nor dropped come back here
  *
  * ## Starting cleanly
  *
- * At the first frame, and whenever the time line breaks (a second without
- * frames, a full video queue, a change of format or output), the player resets:
- * it raises E_HDMI_PLAYER_EVENT_AVSYNC_RESET, restarts the audio's time line
- * with a new `serial` and pts 0, and holds the picture until sound of that
- * serial is played. The first block of a serial is held back by the
- * latency of the video path, 76 ms, and the picture follows the sound from then on.
+ * At the first frame that meets running capture, and whenever the time line
+ * breaks (a second without frames, a full video queue, a change of the input's
+ * format or rate, a selection that changes how the input is played), the
+ * player resets: it raises E_HDMI_PLAYER_EVENT_AVSYNC_RESET, restarts the
+ * audio's time line with a new `serial` and pts 0, and queues the frames until
+ * sound of that serial is played; once the queue is full, every further frame
+ * flips the oldest. The first block of a serial is held back by the latency of
+ * the video path, 76 ms, and the picture follows the sound from then on: late
+ * frames are dropped, but early ones are never held back for the sound, so the
+ * sound must not be later than that plan.
  *
- * Frames that are early are not held for ever: the sound must not be later than
- * that plan. So, from hdmi_player_open() on, the host
+ * So, from hdmi_player_open() on, the host
  * - tells at once that the cable is in (hdmi_player_hotplug_status_changed());
  * - pulls blocks all the time, so that none grow old in the queues;
  * - gives blocks straight back, unwritten, until the first block whose serial
  *   is new since the latest AVSYNC_RESET. What is written before stays ahead of
  *   the new sequence in the playback device, and more than 76 ms of it
  *   remain as late sound for good.
+ *
+ * Frames that come before any sound was captured, or while A/V sync is off, are
+ * flipped at once, from inside hdmi_player_video_render(), and start no reset.
+ * A host without video, or with A/V sync switched off, gets no reset at all and
+ * writes from the first block on.
  *
  * ## Length of the video queue
  *
@@ -79,10 +87,10 @@
  *     2 + frames per second x (one capture period + resampler + host's processing
  *                              + decoder + backlog of the output)    [seconds]
  *
- * One capture period is 20 ms (20.3 ms at 44.1 kHz), the resampler below 1 ms,
- * the decoder one burst (32 ms for AC-3 and E-AC-3), the backlog of the output
- * the 76 ms for which it is held at the start. A queue that is full at a
- * render call starts a reset.
+ * One capture period is 20 ms (20.3 ms at 44.1 kHz, 30 ms at 32 kHz), the
+ * resampler below 1 ms, the decoder one burst (32 ms for AC-3 and E-AC-3 at
+ * 48 kHz, 48 ms at 32 kHz), the backlog of the output the 76 ms for which it is
+ * held at the start. A queue that is full at a render call starts a reset.
  *
  * ## Threads, locks, callbacks
  *
@@ -102,14 +110,15 @@
  *
  * ## Errors and messages
  *
- * Functions return 0 on success and -1 on failure, with one message on
- * standard output; nothing aborts the process. Environment variable
- * debug_hdmiplayer_log_level sets what is printed: 0 nothing, 1 errors,
- * 2 warnings (default), 3 information, 4 debug, 5 verbose.
+ * Functions return 0 on success and -1 on failure (volume and mute: the
+ * platform's error code), with a message on standard output; nothing aborts the
+ * process. Environment variable debug_hdmiplayer_log_level sets what is
+ * printed: 0 nothing, 1 errors, 2 warnings (default), 3 information, 4 debug,
+ * 5 verbose.
  *
- * The process needs permission for round-robin scheduling at priority 99
+ * The process should have permission for round-robin scheduling at priority 99
  * (CAP_SYS_NICE or RLIMIT_RTPRIO) for the capture thread; without it the player
- * warns once and runs with ordinary scheduling.
+ * warns once and captures with the scheduling of the thread that opened it.
  */
 #ifndef HDMI_PLAYER_H
 #define HDMI_PLAYER_H
@@ -153,9 +162,9 @@ typedef enum hdmi_player_aio_sample_rate {
 
 /** What the player tells the host through hdmi_player_event_cb_t. */
 typedef enum hdmi_player_event {
-    /** The source sends nothing that can be played: no known format within a
-     *  second, or a compressed format without decoder. The picture goes on
-     *  without A/V sync. */
+    /** The source sends nothing that can be played: no known format at open or
+     *  for a second, or a compressed format without decoder. The picture goes
+     *  on without A/V sync. */
     E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED = 0,
     /** The time line restarts; see "Starting cleanly". Raised inside
      *  hdmi_player_video_render(). */
@@ -173,8 +182,8 @@ typedef enum hdmi_hotplug_status {
 /** One video frame. */
 typedef struct hdmi_player_video_frame_s {
     void* buf_handle; /**< the host's; the library never dereferences it */
-    int64_t pts;      /**< microseconds. Replaced by the player's own stamp, the arrival time, on the synchronised path;
-                         given      back as it was in free run. */
+    int64_t pts; /**< microseconds. Replaced by the player's own stamp, made from the arrival times, where the frame
+                    is synchronised; given back as it was where it is flipped at once. */
 } hdmi_player_video_frame_t;
 
 /**
@@ -184,11 +193,12 @@ typedef struct hdmi_player_video_frame_s {
  * host's own.
  */
 typedef struct hdmi_player_pcm_frame_s {
-    uint8_t* data;       /**< size bytes: size / 2 / channels samples of each channel */
-    int32_t size;        /**< bytes of sound in data */
-    int32_t buf_size;    /**< bytes allocated at data; size may grow up to it in place */
+    uint8_t* data;    /**< size bytes: size / 2 / channels samples of each channel. In the player's blocks the samples
+                         are the host's to change, data and buf_size are not. */
+    int32_t size;     /**< bytes of sound in data */
+    int32_t buf_size; /**< bytes allocated at data; size may grow up to it in place */
     int32_t sample_rate; /**< Hz */
-    int32_t channels;    /**< 2, except for what a host makes itself */
+    int32_t channels;    /**< 2 */
     int64_t pts;    /**< microseconds since the latest A/V sync reset: media time of the first sample. Processing that
                        delays the sound moves the stamp with it. */
     int32_t serial; /**< number of the sequence, one more after each A/V sync reset; kept by the host as it is */
@@ -221,8 +231,8 @@ typedef struct hdmi_player_config_s {
     hdmi_player_ao_format_e ao_format; /**< output format at start */
     hdmi_player_drm_info_t drm_info;
     hdmi_player_aio_sample_rate_e ao_sample_rate; /**< rate of the output for the player's lifetime */
-    int32_t audio_alg_max_delay_time_ms; /**< kept for the host's record, milliseconds; nothing uses it. What the host's
-                                            processing delays counts in video_frame_queue_size. */
+    int32_t audio_alg_max_delay_time_ms; /**< milliseconds; kept, but nothing uses it. What the host's processing delays
+                                            counts in video_frame_queue_size. */
     int32_t video_frame_queue_size;  /**< frames, 5 at least (fewer are raised to 5 with a warning); see "Length of the
                                         video queue" */
     hdmi_player_event_cb_t event_cb; /**< may be null */
@@ -234,8 +244,9 @@ typedef struct hdmi_player_config_s {
  * Opens the player: opens the devices and starts eight threads. Volume and mute
  * given earlier are applied. Blocks for as long as the devices take to open.
  * Other functions that are called before it returns may fail.
- * @return 0; -1 when it is open already, a callback is missing, an enumerator
- * is out of range or a device does not open: then everything is as before.
+ * @return 0; -1 when it is open already, the flip or the drop callback is
+ * missing, ao_dev or ao_format is out of range, a device does not open or the
+ * output refuses volume or mute: then everything is as before.
  */
 HDMI_PLAYER_API int32_t hdmi_player_open(hdmi_player_config_t cfg);
 
@@ -256,9 +267,10 @@ HDMI_PLAYER_API bool hdmi_player_get_game_mode(void);
 
 /**
  * Selects the output device while playing. Where the change sends a compressed
- * input past the player (RAW on S/PDIF or ARC) the device closes at once; on
- * the way back to decoding it reopens at the first block of a new serial,
- * and a new serial needs video: a host without frames stays silent.
+ * input past the player (RAW on S/PDIF or ARC) the device closes at once, and
+ * what is written meanwhile is discarded without a wait; on the way back to
+ * decoding it reopens at the first block of a new serial, and a new serial
+ * needs video: a host without frames stays silent.
  * @return 0, also when it is selected already; -1 for an unknown device, when
  * the platform refuses (the old one stays) or when the player is not open.
  */
@@ -268,8 +280,8 @@ HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_de
 HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_format_e format);
 
 /**
- * Sets the volume. Remembered while the player is closed or muted, and applied
- * at the next open unless a hardware volume was set.
+ * Sets the volume. Remembered, also while the player is closed or muted, and
+ * applied at the next open unless a hardware volume was set.
  * @param volume percent, 0 to 100
  * @return 0, also when it was only remembered for the next open; -1 out of
  * range or while muted; the platform's error otherwise.
@@ -305,7 +317,8 @@ HDMI_PLAYER_API int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, i
 HDMI_PLAYER_API int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame);
 
 /**
- * Queues a block for playback; its content is copied. Blocks while 128 blocks
+ * Queues a block for playback; its content is copied. The sound must have the
+ * output's rate and 2 channels: it is played as it is. Blocks while 128 blocks
  * wait to be played, which paces the host to the device.
  * @return 0; -1 for a block without data, when the player is not open or is being closed.
  */
@@ -313,21 +326,22 @@ HDMI_PLAYER_API int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame);
 
 /**
  * Hands in one video frame, to be called when the frame arrives: the time of
- * the call is the frame's time. Does not wait for the display; a call that
- * starts a reset waits for the synchronizer's threads, one vertical blank at most.
+ * the call is the frame's time. Does not wait for the display, except that a
+ * call that starts a reset waits for the synchronizer's threads: for a flip or
+ * drop callback in progress and for the vertical blank.
  * May call flip, drop and event callbacks itself.
  * @param frame copied; its pts may be overwritten
  * @return 0: the player has the frame, and it comes back by a callback or by
- * close. -1: if E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised during this call
- * the player has the frame all the same; otherwise the host keeps it (no
- * cable, no room, not open).
+ * close. -1: if E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised during this call,
+ * on the calling thread, the player has the frame all the same; otherwise the
+ * host keeps it (no cable, no room, not open).
  */
 HDMI_PLAYER_API int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame);
 
 /**
  * Tells that the cable was plugged in or pulled out. Frames are refused while
- * it is out and A/V sync is on; the player starts with the cable out. A value
- * outside the enumeration is stored as it is and counts as out.
+ * it is out and A/V sync is on; every open starts with the cable out. A value
+ * outside the enumeration is stored as it is, and frames are refused as well.
  * @return 0; -1 when the player is not open.
  */
 HDMI_PLAYER_API int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state);
