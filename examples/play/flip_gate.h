@@ -18,25 +18,34 @@ namespace play
 class FlipGate
 {
 public:
-    explicit FlipGate(double refresh_hz) : m_stroke_ns(static_cast<int64_t>(1e9 / refresh_hz / 2)) {}
+    explicit FlipGate(double refresh_hz) : m_refresh_ns(static_cast<int64_t>(1e9 / refresh_hz)) {}
 
     /// Whether a picture flipped now goes to the display. If not, its time has gone to the one before it.
     bool admit(int64_t now_ns)
     {
-        if (m_pending > 0 && now_ns - m_last_ns < m_stroke_ns)
+        int64_t last_ns = m_last_ns;
+        // Half a refresh: flips closer than this, with no vertical blank between them, are meant for the same one.
+        if (now_ns - last_ns < m_refresh_ns / 2 && refresh_of(now_ns) == refresh_of(last_ns))
             return false;
         m_last_ns = now_ns;
-        m_pending++;
         return true;
     }
 
-    /// The display has taken one of its pending pictures, or given it up.
-    void done() { m_pending--; }
+    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate.
+    void vblank(int64_t at_ns) { m_vblank_ns = at_ns; }
 
 private:
-    const int64_t m_stroke_ns; ///< half a refresh: flips closer than this are meant for the same vertical blank
+    /// Number of the refresh, counted from the latest known one, in which an instant lies.
+    int64_t refresh_of(int64_t at_ns) const
+    {
+        // From far before, so that the division rounds down.
+        constexpr int64_t many = 1000;
+        return (at_ns - m_vblank_ns + many * m_refresh_ns) / m_refresh_ns;
+    }
+
+    const int64_t m_refresh_ns;
     std::atomic<int64_t> m_last_ns{0};
-    std::atomic<int> m_pending{0};
+    std::atomic<int64_t> m_vblank_ns{0};
 };
 
 } // namespace play

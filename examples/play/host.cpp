@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "host.h"
 
+#include <pthread.h>
 #include <time.h>
 
 #include <cmath>
@@ -119,6 +120,7 @@ void Host::close()
 
 void Host::video_thread()
 {
+    pthread_setname_np(pthread_self(), "host_video");
     int64_t first_ns = m_opened_ns + m_config.video_start_ns;
     VideoFrame frame;
     while (!m_video_stop && m_source->next_video(&frame)) {
@@ -200,6 +202,7 @@ void Host::on_event(hdmi_player_event_e event)
 
 void Host::audio_thread()
 {
+    pthread_setname_np(pthread_self(), "host_audio");
     hdmi_player_audio_frame_t last = {};
     int dry = 0;
     while (!m_audio_draining || dry < dry_pulls) {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "media_file.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -194,6 +196,7 @@ int64_t MediaFile::frame_ns(int64_t number) const
 
 void MediaFile::decode_thread()
 {
+    pthread_setname_np(pthread_self(), "decode");
     MediaDecoders& decoders = *m_decoders;
     bool opened = avcodec_open2(decoders.video.get(), nullptr, nullptr) == 0 &&
                   avcodec_open2(decoders.audio.get(), nullptr, nullptr) == 0;

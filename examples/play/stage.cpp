@@ -53,18 +53,11 @@ hdmi_player_drm_info_t Stage::start()
     display.refresh_hz = refresh_hz;
     display.latency_ns = m_options.display_latency_ms * ms;
     auto scan_out = [this](const hdmi_sim::ScanOut& out) {
-        if (out.buffer == nullptr)
-            return;
-        if (!out.repeated)
-            m_gate->done();
-        m_screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
+        m_gate->vblank(out.vblank_ns);
+        if (out.buffer != nullptr)
+            m_screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
     };
-    auto on_release = [this](void* buffer, bool superseded) {
-        if (superseded)
-            m_gate->done();
-        release(buffer);
-    };
-    int fd = hdmi_sim::display_start(display, scan_out, on_release);
+    int fd = hdmi_sim::display_start(display, scan_out, [](void* buffer, bool) { release(buffer); });
     m_display_running = true;
     return {fd, static_cast<float>(refresh_hz)};
 }
@@ -94,7 +87,6 @@ void Stage::present(FrameBuffer* buffer)
 void Stage::show_now(FrameBuffer* buffer)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_gate->done();
     m_screen->refresh(buffer->picture, hdmi_sim::now_ns() + m_options.display_latency_ms * ms);
     if (m_shown != nullptr)
         release(m_shown);
