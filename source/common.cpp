@@ -39,10 +39,10 @@ level_style style_of(loglevel_e level)
     }
 }
 
-struct timespec realtime_now()
+struct timespec read_clock(clockid_t clock_id)
 {
     struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(clock_id, &now);
     return now;
 }
 
@@ -69,7 +69,7 @@ void console_print(loglevel_e level, const char* format, ...)
 {
     pthread_mutex_lock(&g_log_mutex);
     const level_style style = style_of(level);
-    const struct timespec now = realtime_now();
+    const struct timespec now = read_clock(CLOCK_REALTIME);
     struct tm local = {};
     localtime_r(&now.tv_sec, &local);
     printf("%s[%02d:%02d:%02d.%03ld] %ld %s ", style.colour, local.tm_hour, local.tm_min, local.tm_sec,
@@ -125,17 +125,24 @@ struct timespec timespec_add_us(struct timespec start, uint64_t microseconds)
     return start;
 }
 
-struct timespec get_cond_timeout_us(uint32_t microseconds) { return timespec_add_us(realtime_now(), microseconds); }
+struct timespec get_cond_timeout_us(uint32_t microseconds)
+{
+    return timespec_add_us(read_clock(CLOCK_REALTIME), microseconds);
+}
 
 struct timespec get_cond_timeout_ms(uint32_t milliseconds)
 {
-    return timespec_add_us(realtime_now(), static_cast<uint64_t>(milliseconds) * 1000);
+    return timespec_add_us(read_clock(CLOCK_REALTIME), static_cast<uint64_t>(milliseconds) * 1000);
+}
+
+struct timespec get_monotonic_timeout_us(uint64_t microseconds)
+{
+    return timespec_add_us(read_clock(CLOCK_MONOTONIC), microseconds);
 }
 
 uint64_t system_time(clockid_t clock_id)
 {
-    struct timespec now = {};
-    clock_gettime(clock_id, &now);
+    const struct timespec now = read_clock(clock_id);
     return static_cast<uint64_t>(now.tv_sec) * kNsPerSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 

@@ -25,7 +25,7 @@ namespace
 static_assert(std::is_trivially_destructible_v<frame_queue_t>, "the registry frees the record without a destructor");
 
 /// Pause between two attempts to allocate a buffer while memory is short.
-constexpr uint32_t kAllocRetryMs = 10;
+constexpr uint64_t kAllocRetryUs = 10000;
 
 /// Serialises the registry, whose functions take no lock. Inside a slot lock.
 mutex_t g_registry_mutex;
@@ -241,7 +241,7 @@ bool acquire_ended(const frame_queue_t& q, const char* function) REQUIRES(q.mute
 bool wait_for_memory(frame_queue_t& q, mutex_guard& lock, const char* function) REQUIRES(q.mutex)
 {
     if (!q.abort && !q.pool_wakeup)
-        lock.wait_until(q.cond_acquire, get_cond_timeout_ms(kAllocRetryMs));
+        lock.wait_until(q.cond_acquire, get_monotonic_timeout_us(kAllocRetryUs));
     return !acquire_ended(q, function);
 }
 
@@ -285,7 +285,7 @@ bool wait_done(frame_queue_t& q, mutex_guard& lock, int32_t timeout_ms, const ch
             log_as(function, LOG_LEVEL_D, "[%s] done_frames_count:%d\n", q.name, q.done_frames_count.load());
             return true;
         }
-        const int err = lock.wait_until(q.cond, get_cond_timeout_ms(wait_ms));
+        const int err = lock.wait_until(q.cond, get_monotonic_timeout_us(uint64_t{wait_ms} * 1000));
         if (err == ETIMEDOUT)
             log_as(function, LOG_LEVEL_D, "[%s] wait timeout, err(%d): %s\n", q.name, err, strerror(err));
         else if (err != 0)
@@ -333,6 +333,7 @@ frame_info_t* find_record(frame_queue_t& q, const void* address, size_t member_o
 
 void abort_queue(frame_queue_t& q) EXCLUDES(q.mutex)
 {
+    api_trace trace(q, "frame_queue_abort");
     mutex_guard lock(q.mutex);
     q.abort = true;
     pthread_cond_broadcast(&q.cond);
@@ -353,8 +354,10 @@ int32_t release_done(frame_queue_t& q) REQUIRES(q.mutex)
     return q.list_done_frames.prev == &q.list_done_frames ? 0 : -1;
 }
 
-void release_pool(frame_queue_t& q, const char* function) EXCLUDES(q.mutex)
+void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
 {
+    const char* function = "frame_queue_pool_release";
+    api_trace trace(q, function);
     mutex_guard lock(q.mutex);
     release_done(q);
     for (int32_t i = 0; i < q.pool_frames_max; ++i) {
@@ -381,8 +384,10 @@ frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THR
     q->name = name;
     q->pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
     q->mutex.init();
-    pthread_cond_init(&q->cond, nullptr);
-    pthread_cond_init(&q->cond_acquire, nullptr);
+    // Consumers wait on queues of other stages too, which their own stop does not wake: their
+    // time limit ends such a wait, whatever happens to the wall clock.
+    cond_init_monotonic(q->cond);
+    cond_init_monotonic(q->cond_acquire);
     list_init(&q->list_done_frames);
     return q;
 }
@@ -439,7 +444,7 @@ int32_t frame_queue_deinit(int32_t id)
     // Calls in progress hold the slot lock, for ever if they wait for a frame: end them first.
     abort_queue(*q);
     write_guard lock(slot->rwlock);
-    release_pool(*q, __func__);
+    release_pool(*q);
     q->mutex.destroy();
     pthread_cond_destroy(&q->cond);
     pthread_cond_destroy(&q->cond_acquire);
@@ -533,7 +538,6 @@ void frame_queue_abort(int32_t id)
     frame_queue_t* q = ref.get();
     if (q == nullptr)
         return;
-    api_trace trace(*q);
     abort_queue(*q);
 }
 
@@ -553,8 +557,7 @@ int32_t frame_queue_pool_release(int32_t id)
     frame_queue_t* q = ref.get();
     if (q == nullptr)
         return -1;
-    api_trace trace(*q);
-    release_pool(*q, __func__);
+    release_pool(*q);
     return 0;
 }
 

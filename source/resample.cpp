@@ -127,8 +127,7 @@ frame_plan plan(const resample_context_t& ctx, const hdmi_player_audio_frame_t& 
 {
     frame_plan result;
     if (frame.data == nullptr || frame.size < 0 || frame.channels <= 0 || frame.sample_rate <= 0 ||
-        !can_hold_samples(ctx.src_param) || !can_hold_samples(ctx.tgt_param) ||
-        frame.size % ctx.src_param.frame_size != 0)
+        !can_hold_samples(ctx.src_param) || !can_hold_samples(ctx.tgt_param))
         return result;
     result.nb_frames = frame.size / kSourceSampleBytes / frame.channels;
     const int64_t samples = int64_t{ctx.tgt_param.sample_rate} * result.nb_frames / frame.sample_rate;
@@ -231,6 +230,8 @@ void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char
         ctx.input_queue_put_cb(src);
         return;
     }
+    if (src->size % ctx.src_param.frame_size != 0)
+        log_as(function, LOG_LEVEL_W, "frame size:%d is not whole samples\n", src->size);
     frame_info_t* dst = frame_queue_pool_acquire(ctx.frame_resample_queue, planned.buf_size);
     if (dst == nullptr) {
         ctx.input_queue_put_cb(src);

@@ -74,6 +74,9 @@ struct timespec get_cond_timeout_us(uint32_t microseconds);
 /// The instant @p milliseconds from now on CLOCK_REALTIME, for pthread_cond_timedwait.
 struct timespec get_cond_timeout_ms(uint32_t milliseconds);
 
+/// The instant @p microseconds from now on CLOCK_MONOTONIC, for conditions of cond_init_monotonic().
+struct timespec get_monotonic_timeout_us(uint64_t microseconds);
+
 /// @p start advanced by @p microseconds, normalised.
 struct timespec timespec_add_us(struct timespec start, uint64_t microseconds);
 

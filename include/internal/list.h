@@ -26,9 +26,6 @@ inline void list_init(list_head_t* head)
 
 inline bool list_empty(const list_head_t* head) { return head->next == head; }
 
-/// Whether @p node is linked into a list: neither zeroed nor poisoned.
-inline bool list_linked(const list_head_t* node) { return node->next != nullptr && node->next != LIST_POISON_NEXT; }
-
 inline void list_add_tail(list_head_t* node, list_head_t* head)
 {
     node->prev = head->prev;

@@ -51,6 +51,16 @@ struct CAPABILITY("rwlock") rwlock_t {
     static constexpr rwlock_t writers_first() { return {PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP}; }
 };
 
+/// Initialises @p cond for deadlines on CLOCK_MONOTONIC, which setting the wall clock back does not put off.
+inline void cond_init_monotonic(pthread_cond_t& cond)
+{
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&cond, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
 /// Holds a mutex for a scope; may be released and taken again inside it.
 class SCOPED_CAPABILITY mutex_guard
 {
@@ -69,7 +79,7 @@ public:
 
     /// Waits on @p cond; the mutex is held again on return. Wakes may be spurious: test a predicate.
     int wait(pthread_cond_t& cond) { return pthread_cond_wait(&cond, &mutex_->native); }
-    /// As wait(), with an absolute CLOCK_REALTIME deadline; ETIMEDOUT when it passed.
+    /// As wait(), with an absolute deadline on the condition's clock; ETIMEDOUT when it passed.
     int wait_until(pthread_cond_t& cond, const struct timespec& deadline)
     {
         return pthread_cond_timedwait(&cond, &mutex_->native, &deadline);
