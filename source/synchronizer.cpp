@@ -122,22 +122,6 @@ synchronizer_drm_info_t display_of(sync_strategy_info_t& sync)
 // The conditions run on the monotonic clock: setting the wall clock back must
 // not freeze the picture for as long.
 
-void init_condition(pthread_cond_t& cond)
-{
-    pthread_condattr_t attr;
-    pthread_condattr_init(&attr);
-    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_cond_init(&cond, &attr);
-    pthread_condattr_destroy(&attr);
-}
-
-struct timespec deadline_in_us(uint32_t microseconds)
-{
-    struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return timespec_add_us(now, microseconds);
-}
-
 // Has the sync thread look again, now or, while it is busy, at its next wait.
 void wake_sync_thread(sync_strategy_info_t& sync)
 {
@@ -149,7 +133,7 @@ void wake_sync_thread(sync_strategy_info_t& sync)
 // The sync thread's wait: until there is news, the time has passed, or a stop.
 void wait_for_news(sync_strategy_info_t& sync, uint32_t timeout_us)
 {
-    const struct timespec deadline = deadline_in_us(timeout_us);
+    const struct timespec deadline = get_monotonic_timeout_us(timeout_us);
     mutex_guard guard(sync.sync_thread_mutex);
     while (!sync.sync_thread_wake && !sync.sync_thread_exit) {
         if (guard.wait_until(sync.sync_thread_cond, deadline) != 0)
@@ -161,7 +145,7 @@ void wait_for_news(sync_strategy_info_t& sync, uint32_t timeout_us)
 // Sleeps to the end whatever is signalled, except at a stop: then false.
 bool sleep_unless_stopped(mutex_t& mutex, pthread_cond_t& cond, const std::atomic<bool>& stopped, uint32_t duration_us)
 {
-    const struct timespec deadline = deadline_in_us(duration_us);
+    const struct timespec deadline = get_monotonic_timeout_us(duration_us);
     mutex_guard guard(mutex);
     while (!stopped && guard.wait_until(cond, deadline) == 0) {
     }
@@ -617,8 +601,8 @@ void* synchronizer_init(synchronizer_player_e player)
     info->base.player_type = player;
     info->base.enable_log = env_get_value("debug_hdmiplayer_log_avsync", 0) != 0;
     info->base.on_sync_logic = on_Oru_sync_logic;
-    init_condition(info->base.sync_thread_cond);
-    init_condition(info->base.vsync_thread_cond);
+    cond_init_monotonic(info->base.sync_thread_cond);
+    cond_init_monotonic(info->base.vsync_thread_cond);
     return info;
 }
 
