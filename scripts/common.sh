@@ -7,8 +7,8 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_packages=(
     g++ cmake ninja-build pkg-config
     libavutil-dev libswresample-dev libdrm-dev                          # the library
-    libsndfile1-dev libavcodec-dev                                      # the simulated platform
-    libavformat-dev libswscale-dev libcli11-dev nlohmann-json3-dev      # the play program
+    libsndfile1-dev libavcodec-dev libavformat-dev                      # the simulated platform
+    libswscale-dev libcli11-dev nlohmann-json3-dev                      # the play program
 )
 test_packages=(
     libgtest-dev clang clang-format binutils git

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <thread>
 
+#include "adecoder.h"
 #include "aio_device.h"
 #include "capture_ring.h"
 #include "hdmi_cec.h"
@@ -817,9 +818,14 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
     hdmi_cec_config_t cec = {};
     uint8_t data[8] = {};
     int delay = 77;
+    int32_t status = 0;
+    adecoder_handle_t* decoder = nullptr;
     hdmi_sim::receiver_connect(numbered_signal());
     Screen screen;
     const int fd = screen.start(200);
+    const auto init_decoder = [] {
+        return adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
+    };
     drmVBlank vblank;
     // In an order in which every call works without its fault.
     const std::vector<std::pair<Op, std::function<int()>>> calls = {
@@ -837,6 +843,9 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
         {Op::cec_init, [&] { return vendor_hdmi_cec_init(&cec); }},
         {Op::cec_open_arc, [&] { return vendor_hdmi_cec_open_arc(); }},
         {Op::cec_deinit, [&] { return vendor_hdmi_cec_deinit(); }},
+        {Op::decoder_init, [&] { return (decoder = init_decoder()) != nullptr ? 0 : -42; }},
+        {Op::decoder_write, [&] { return adecoder_write(decoder, data, 8, 0, -1, &status); }},
+        {Op::decoder_read, [&] { return adecoder_read(decoder, 0, 0, data, 8, 0); }},
         {Op::capture_close, [&] { return aio_device_close(&capture); }},
         {Op::playback_close, [&] { return aio_device_close(&playback); }},
     };
@@ -852,6 +861,7 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
         EXPECT_GE(call(), 0) << "one call was to fail";
         hdmi_sim::clear_fault(op);
     }
+    EXPECT_EQ(adecoder_deinit(decoder), 0);
     EXPECT_EQ(hdmi_sim::cec_calls(),
               (std::vector<std::string>{"init", "init", "open_arc", "open_arc", "deinit", "deinit"}));
 }

@@ -39,9 +39,21 @@ public:
     CaptureRing() = default;
     CaptureRing(int period_frames, int period_count) : period_(period_frames), count_(period_count) {}
 
-    /// The link carries @p signal from @p now on; capture begins with the frame that passes next.
+    /// The device was opened on a link that carries @p signal: capture begins with the frame of the signal's choice.
+    void open(LinkSignalPtr signal, int64_t now)
+    {
+        const int64_t next = signal->passed(now);
+        const int64_t link_frame = signal->source.open_at ? std::max(next, signal->source.open_at(next)) : next;
+        segments_.push_back({std::move(signal), 0, link_frame, kNever});
+    }
+
+    /// The link carries @p signal from @p now on; capture goes on with the frame that passes next.
     void attach(LinkSignalPtr signal, int64_t now)
     {
+        if (segments_.empty()) {
+            open(std::move(signal), now);
+            return;
+        }
         detach(now);
         const int64_t link_frame = signal->passed(now);
         segments_.push_back({std::move(signal), captured(now), link_frame, kNever});

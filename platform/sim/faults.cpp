@@ -40,7 +40,7 @@ bool applies(hdmi_sim::FaultKind kind, hdmi_sim::Op op)
 {
     switch (kind) {
     case hdmi_sim::FaultKind::brief: return is_transfer(op);
-    case hdmi_sim::FaultKind::withhold: return op == hdmi_sim::Op::playback_write;
+    case hdmi_sim::FaultKind::withhold: return op == hdmi_sim::Op::playback_write || op == hdmi_sim::Op::decoder_write;
     default: return true;
     }
 }

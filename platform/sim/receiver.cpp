@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "bypass_path.h"
 #include "capture_ring.h"
 #include "sim.h"
 
@@ -11,6 +12,7 @@ namespace
 {
 
 constexpr int kUnknownInputRate = 48000; ///< a device opened with rate 0
+constexpr int kBypassPiece = 1 << 16;    ///< link frames that are asked for at a time
 
 struct Receiver {
     mutex_t mutex;
@@ -18,6 +20,7 @@ struct Receiver {
     LinkSignalPtr signal GUARDED_BY(mutex);
     bool open GUARDED_BY(mutex) = false;
     CaptureRing ring GUARDED_BY(mutex);
+    BypassPath bypass GUARDED_BY(mutex);
     hdmi_sim::ReceiverStats stats GUARDED_BY(mutex);
     /// Odd while the device is open; a call that began in another opening ends.
     std::atomic<uint64_t> opening{0};
@@ -126,8 +129,10 @@ int capture_open(const audio_config_t& config)
     r.open = true;
     r.opening++;
     r.ring = CaptureRing(config.period_frames, config.period_count);
+    const int64_t now = hdmi_sim::now_ns();
     if (r.signal != nullptr)
-        r.ring.attach(r.signal, hdmi_sim::now_ns());
+        r.ring.open(r.signal, now);
+    r.bypass.open(config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW, r.signal, now);
     r.stats.opens++;
     r.stats.first_read_frame = -1;
     r.stats.bypass_mode = config.in_bypass_mode;
@@ -145,6 +150,7 @@ int capture_close()
     if (!r.open)
         return 0;
     r.open = false;
+    r.bypass.close(hdmi_sim::now_ns());
     r.opening++;
     r.changed.notify_all();
     guard.unlock();
@@ -173,6 +179,7 @@ void capture_reset()
     mutex_guard guard(r.mutex);
     r.signal = nullptr;
     r.stats = {};
+    r.bypass = {};
 }
 
 } // namespace sim
@@ -193,6 +200,7 @@ void receiver_connect(Signal signal)
     r.signal = std::move(link);
     if (r.open)
         r.ring.attach(r.signal, now);
+    r.bypass.carry(r.signal, now);
     r.changed.notify_all();
 }
 
@@ -200,8 +208,10 @@ void receiver_disconnect()
 {
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
+    const int64_t now = now_ns();
     if (r.open)
-        r.ring.detach(now_ns());
+        r.ring.detach(now);
+    r.bypass.carry(nullptr, now);
     r.signal = nullptr;
     r.changed.notify_all();
 }
@@ -214,6 +224,29 @@ ReceiverStats receiver_stats()
     if (r.open)
         r.stats.overruns += r.ring.drop_overrun(now_ns());
     return r.stats;
+}
+
+std::vector<BypassRun> bypass_recording()
+{
+    std::vector<sim::BypassPath::Span> spans;
+    {
+        sim::Receiver& r = sim::receiver();
+        mutex_guard guard(r.mutex);
+        spans = r.bypass.spans(now_ns());
+    }
+    std::vector<BypassRun> runs;
+    for (const sim::BypassPath::Span& span : spans) {
+        const sim::LinkSignal& signal = *span.signal;
+        BypassRun run = {signal.source.rate, span.first, signal.start_ns + signal.pace.time_of(span.first), {}};
+        run.words.resize(static_cast<size_t>((span.end - span.first) * sim::kLinkChannels));
+        for (int64_t done = 0; done < span.end - span.first; done += sim::kBypassPiece) {
+            const int64_t frames = std::min<int64_t>(sim::kBypassPiece, span.end - span.first - done);
+            sim::generate(signal.source, span.first + done, run.words.data() + done * sim::kLinkChannels,
+                          static_cast<int>(frames));
+        }
+        runs.push_back(std::move(run));
+    }
+    return runs;
 }
 
 } // namespace hdmi_sim

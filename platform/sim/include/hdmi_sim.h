@@ -43,6 +43,10 @@ struct Signal {
     /// the player reads the device, in any order of @p first; must not block.
     /// Without it the link carries zeros.
     std::function<void(int64_t first, int16_t* words, int frames)> generate;
+    /// The link frame, at or after @p frame, with which the captured data of a device that is opened now begins; what
+    /// passes before it is not captured. Called with the receiver's lock held: pure, quick, no call back into the
+    /// simulator. Without it: @p frame itself, the one that passes next.
+    std::function<int64_t(int64_t frame)> open_at;
 };
 
 /**
@@ -72,6 +76,114 @@ struct ReceiverStats {
     int sample_rate = 0;           ///< Hz, at the last open
 };
 ReceiverStats receiver_stats();
+
+/// What one signal put on the digital outputs during one opening.
+struct BypassRun {
+    int rate;            ///< link frames per second
+    int64_t first_frame; ///< the signal's number of the first link frame
+    int64_t first_ns;    ///< when that one left the source
+    std::vector<int16_t> words;
+};
+/**
+ * Raw pass-through. A capture device that was opened with bypass mode TO_RAW
+ * is also a path past the player: from the opening on, whatever passes on the
+ * link arrives at S/PDIF and ARC at the link's pace, whether the player reads
+ * or not and whether a playback device is open or not (its sound goes nowhere
+ * then; which of the outputs is meant is not known here, because a player that
+ * selects the output last closes its device without naming it). Reads deliver
+ * the same data to the player.
+ *
+ * @return everything that arrived so far, oldest first. The words come from
+ *         the signals' generate(), which is asked again for them: a generator
+ *         must still know all of its past.
+ */
+std::vector<BypassRun> bypass_recording();
+
+// --- Compressed signals ---------------------------------------------------------
+
+/// What is inside a burst: the data type of Pc.
+enum class Coding { ac3 = 1, dts1 = 11, dts2 = 12, dts3 = 13, eac3 = 21 };
+
+/**
+ * One IEC 61937 data burst: Pa and Pb, then what is in here, then zeros up to
+ * the end of its repetition period. Change the fields for a source at fault:
+ * another type or the error flag in `pc`, a length in `pd` that is not that of
+ * the payload (0xFFFF: longer than the burst), a cut or damaged payload.
+ */
+struct Burst {
+    uint16_t pc; ///< data type, flags
+    uint16_t pd; ///< length of the payload: bits, for E-AC-3 bytes
+    /// As it passes on the link: the stream's bytes swapped in pairs. What does not fit before the next burst is cut.
+    std::vector<uint8_t> payload;
+};
+
+/// A compressed stream, by the burst. AC-3 and E-AC-3: 1536 samples each, DTS: 512, 1024 or 2048.
+struct Bitstream {
+    Coding coding = Coding::ac3;
+    int sample_rate = 0; ///< Hz, of the sound; the link is faster for E-AC-3
+    std::vector<Burst> bursts;
+};
+/// Link frames from one burst to the next: a quarter of its bytes (AC-3 6144, DTS 2048, 4096, 8192, E-AC-3 24576).
+int burst_frames(Coding coding);
+/// Link frames per second: the sample rate; for E-AC-3 four times it.
+int link_rate(const Bitstream& stream);
+
+/**
+ * Packs an elementary stream of AC-3 or E-AC-3 (the content of an .ac3 or .eac3
+ * file, in the usual byte order) with libavformat's IEC 61937 muxer: as many
+ * frames to a burst as make 1536 samples. Left out are a frame that the muxer
+ * refuses and, at the end, a burst that did not become full. The sample rate is
+ * that of the last frame.
+ * @return false when there is not one burst in it, with one line in @p error.
+ */
+bool pack_bitstream(Coding coding, const uint8_t* data, size_t bytes, Bitstream* stream, std::string* error = nullptr);
+/// DTS to the outside only: sync word, then noise. @p type: one of the dts codings.
+Bitstream dts_bitstream(Coding type, int sample_rate, int bursts, uint32_t seed);
+
+/// Zeros on the link for @p frames link frames, before burst @p before_burst (in every round of a repeated stream).
+struct BurstGap {
+    int64_t before_burst;
+    int64_t frames;
+};
+struct BurstOptions {
+    /**
+     * Where bursts lie in what a capture device reads: the bytes between the
+     * beginning of an opening and the next burst that begins (in a silence: at
+     * which one would begin, had it no end), modulo the bytes of a burst. A multiple of
+     * 4, as a link frame is never cut. The device waits for such a link frame,
+     * so that its data begins up to one burst later. Of chunks of 3840 bytes,
+     * every eighth ends where an AC-3 burst ends if the phase is a multiple of
+     * 768; with an odd multiple of 4, chunks also end inside a preamble.
+     * Negative: openings begin wherever they fall.
+     */
+    int phase_bytes = -1;
+    int64_t lead_frames = 0; ///< zeros before burst 0
+    std::vector<BurstGap> gaps;
+    bool repeat = false;       ///< after the last burst, begin again with burst 0; otherwise zeros follow
+    double bit_error_rate = 0; ///< chance of a bit to be wrong, anywhere on the link; at most one bit in a link frame
+    uint64_t seed = 1;         ///< of the bit errors: the same seed, the same bits
+};
+/**
+ * The source that sends @p stream; its rate is link_rate(). start_ns and
+ * clock_error_ppm are the caller's to set. The signal holds a copy, is the same
+ * at every call and knows all of its past.
+ *
+ * Time: burst k begins (its Pa passes) with link frame burst_start(k), which is
+ * at start_ns + burst_start(k) / link_rate seconds. That is when the first of
+ * the samples belongs to the picture that a decoder makes of this burst. A coder
+ * overlaps its blocks: what the encoder was given as sample n comes out of the
+ * decoder as sample n + 256 (for libavcodec's encoders: initial_padding), and
+ * the first 256 samples after a burst that follows nothing are incomplete.
+ *
+ * Silence. Zeros on a compressed link are no PCM: a player hands a chunk of
+ * zeros on as PCM of the stated sample rate, one sample per link frame. On an
+ * E-AC-3 link, at four times the sample rate, a second of zeros becomes four
+ * seconds of silence, three of which stay behind in its queues until the
+ * bursts begin and it flushes.
+ */
+Signal bitstream_signal(const Bitstream& stream, const BurstOptions& options = {});
+/// The link frame with which burst @p burst begins (repeated streams count on); -1 for one that never comes.
+int64_t burst_start(const Bitstream& stream, const BurstOptions& options, int64_t burst);
 
 // --- Announcements ------------------------------------------------------------
 
@@ -220,13 +332,16 @@ enum class Op {
     cec_init,
     cec_open_arc,
     cec_deinit,
+    decoder_init,
+    decoder_write,
+    decoder_read,
     count
 };
 enum class FaultKind {
-    fail,     ///< returns `result`, at once, with nothing done
+    fail,     ///< returns `result`, at once, with nothing done (decoder_init: null)
     block,    ///< waits until clear_fault(), or, for read and write, until the device is closed
     brief,    ///< read and write only: half of what was asked (rounded down to a frame less one byte when `odd`)
-    withhold, ///< write only: reports success, plays nothing of it
+    withhold, ///< write only: reports success, plays or decodes nothing of it
 };
 struct Fault {
     FaultKind kind = FaultKind::fail;
