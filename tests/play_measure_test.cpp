@@ -10,6 +10,7 @@
 
 #include "algorithm.h"
 #include "correlate.h"
+#include "flip_gate.h"
 #include "measure.h"
 #include "onset.h"
 #include "picture.h"
@@ -331,4 +332,18 @@ TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
     line.drain();
     EXPECT_EQ(line.pop(&out, &pts), 441);
     EXPECT_EQ(pts, 0);
+}
+
+TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)
+{
+    FlipGate gate(50);
+    gate.vblank(second);
+    EXPECT_TRUE(gate.admit(second + 1 * ms));
+    EXPECT_FALSE(gate.admit(second + 2 * ms)); // the same vertical blank
+    EXPECT_TRUE(gate.admit(second + 19 * ms)); // early for the next one
+    EXPECT_TRUE(gate.admit(second + 21 * ms)); // after it, whether the display has told of it yet or not
+    EXPECT_FALSE(gate.admit(second + 22 * ms));
+    gate.vblank(second + 40 * ms);
+    EXPECT_TRUE(gate.admit(second + 39 * ms)); // seen from the vertical blank after it
+    EXPECT_TRUE(gate.admit(second + 41 * ms));
 }
