@@ -5,7 +5,9 @@
  */
 #include "internal/video.h"
 
+#include <algorithm>
 #include <new>
+#include <utility>
 
 #include "internal/common.h"
 
@@ -18,28 +20,36 @@ namespace
 constexpr int64_t kMaxRenderGapUs = 1000000;
 constexpr int64_t kUsPerMs = 1000;
 
-// What the calling thread is inside of: renders, and host callbacks that it
-// makes as the synchronizer's thread.
-thread_local int t_renders = 0;
-thread_local int t_sync_callbacks = 0;
+/// How a thread came into the module. Calls from inside the host's callbacks do
+/// not change it: it decides what they may wait for.
+enum class entry {
+    none,
+    render,
+    pacing, ///< the synchronizer's thread, inside a flip or drop callback
+};
+thread_local entry t_entry = entry::none;
 
-class nesting
+class entry_scope
 {
 public:
-    explicit nesting(int& depth) : depth_(depth) { ++depth_; }
-    ~nesting() { --depth_; }
-    nesting(const nesting&) = delete;
-    nesting& operator=(const nesting&) = delete;
+    explicit entry_scope(entry how) : before_(std::exchange(t_entry, t_entry == entry::none ? how : t_entry)) {}
+    ~entry_scope() { t_entry = before_; }
+    entry_scope(const entry_scope&) = delete;
+    entry_scope& operator=(const entry_scope&) = delete;
 
 private:
-    int& depth_;
+    entry before_;
 };
 
-/// Logs entry and exit of a function while its module's switch is on.
+/// Logs entry and exit of the calling function while its switch is on.
 class call_trace
 {
 public:
-    call_trace(bool enabled, const char* function) : enabled_(enabled), function_(function) { print(">>>"); }
+    explicit call_trace(bool enabled, const char* function = __builtin_FUNCTION())
+        : enabled_(enabled), function_(function)
+    {
+        print(">>>");
+    }
     ~call_trace() { print("<<<"); }
     call_trace(const call_trace&) = delete;
     call_trace& operator=(const call_trace&) = delete;
@@ -55,83 +65,75 @@ private:
     const char* function_;
 };
 
-#define trace_call(enabled) const call_trace trace(enabled, __func__)
+// Shorthand for the printf arguments.
+long long lli(int64_t value) { return value; }
 
-bool check_initialized(const char* function)
+// Reports a null argument in the caller's name.
+bool missing(const void* argument, const char* message, const char* function = __builtin_FUNCTION())
 {
-    if (g_video_info.initialized)
-        return true;
-    log_as(function, LOG_LEVEL_V, "module not initialized\n");
-    return false;
+    if (argument == nullptr)
+        log_as(function, LOG_LEVEL_E, "%s\n", message);
+    return argument == nullptr;
 }
 
-#define module_is_initialized() check_initialized(__func__)
-
-// ---------------------------------------------------------------------------
-// Frame queue
-// ---------------------------------------------------------------------------
+// --- Frame queue ------------------------------------------------------------------
 
 void log_fill_state(const video_frame_queue_t& q, const video_frame_info_t& slot, const char* function)
     REQUIRES(q.mutex)
 {
-    if (!q.en_state_log)
-        return;
-    log_as(function, LOG_LEVEL_I, "frames free:%d done:%d, buf:%p pts:%lli used:%d\n", q.free_frames_count,
-           q.frames_count.load(), slot.frame.buf_handle, static_cast<long long>(slot.frame.pts), slot.used);
+    if (q.en_state_log)
+        log_as(function, LOG_LEVEL_I, "frames free:%d done:%d, buf:%p pts:%lli used:%d\n", q.free_frames_count,
+               q.frames_count.load(), slot.frame.buf_handle, lli(slot.frame.pts), slot.used);
 }
 
-/// The oldest slot in use, or null with the reason logged.
-video_frame_info_t* oldest_slot(video_frame_queue_t& q, const char* function) REQUIRES(q.mutex)
-{
-    const int32_t count = q.frames_count;
-    if (count < 1) {
-        log_as(function, LOG_LEVEL_W, "frames_count(%d) < 0\n", count);
-        return nullptr;
-    }
-    if (list_empty(&q.list_frames)) {
-        log_as(function, LOG_LEVEL_E, "list_frames empty, but list size is %d.\n", count);
-        log_as(function, LOG_LEVEL_E, "get frame failed\n");
-        return nullptr;
-    }
-    video_frame_info_t* slot = list_entry(q.list_frames.next, video_frame_info_t, node);
-    if (!slot->used)
-        log_as(function, LOG_LEVEL_E, "the frame state is free\n");
-    return slot;
-}
+bool queue_full(const video_frame_queue_t& q) { return q.frames_count >= q.pool_frames_count; }
 
-video_frame_info_t* first_free_slot(video_frame_queue_t& q) REQUIRES(q.mutex)
-{
-    for (int32_t i = 0; i < q.pool_frames_count; ++i) {
-        if (!q.arry_pool_frames[i].used)
-            return &q.arry_pool_frames[i];
-    }
-    return nullptr;
-}
-
-void unlink_slot(video_frame_queue_t& q, video_frame_info_t& slot) REQUIRES(q.mutex)
+void release_slot(video_frame_queue_t& q, video_frame_info_t& slot) REQUIRES(q.mutex)
 {
     list_del(&slot.node);
     if (q.frames_count > 0)
         --q.frames_count;
     ++q.free_frames_count;
-}
-
-void clear_slot(video_frame_info_t& slot)
-{
     slot.used = false;
     slot.frame = {};
 }
 
-bool queue_full(const video_frame_queue_t& q) { return q.frames_count >= q.pool_frames_count; }
+int32_t read_oldest(video_frame_queue_t* q, hdmi_player_video_frame_t* frame, bool take, const char* function)
+{
+    if (missing(q, "video_frame_queue is null.", function))
+        return -1;
+    const call_trace trace(q->en_api_log, function);
+    if (missing(frame, "frame is null.", function))
+        return -1;
+    const mutex_guard guard(q->mutex);
+    const int32_t count = q->frames_count;
+    if (count < 1) {
+        log_as(function, LOG_LEVEL_W, "frames_count(%d) < 0\n", count);
+        return -1;
+    }
+    if (list_empty(&q->list_frames)) {
+        log_as(function, LOG_LEVEL_E, "list_frames empty, but list size is %d.\n", count);
+        log_as(function, LOG_LEVEL_E, "get frame failed\n");
+        return -1;
+    }
+    video_frame_info_t* slot = list_entry(q->list_frames.next, video_frame_info_t, node);
+    if (!slot->used)
+        log_as(function, LOG_LEVEL_E, "the frame state is free\n");
+    const video_frame_info_t oldest = *slot;
+    if (take)
+        release_slot(*q, *slot);
+    log_fill_state(*q, oldest, function);
+    *frame = oldest.frame;
+    return 0;
+}
 
 } // namespace
 
-int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size) NO_THREAD_SAFETY_ANALYSIS
+int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size)
 {
-    if (q == nullptr) {
-        log_e("video_frame_queue is null.\n");
+    if (missing(q, "video_frame_queue is null."))
         return -1;
-    }
+    const mutex_guard guard(q->mutex);
     q->arry_pool_frames = size > 0 ? new (std::nothrow) video_frame_info_t[static_cast<size_t>(size)]() : nullptr;
     if (q->arry_pool_frames == nullptr) {
         log_e("no pool of %d frames\n", size);
@@ -143,27 +145,19 @@ int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size) NO_THREAD_S
     q->pool_frames_count = size;
     q->en_api_log = env_get_value("debug_hdmiplayer_log_video_fq_api", 0) != 0;
     q->en_state_log = env_get_value("debug_hdmiplayer_log_video_fq_state", 0) != 0;
-    q->mutex.init();
-    pthread_cond_init(&q->cond, nullptr);
-    pthread_cond_init(&q->cond_acquire, nullptr);
     return 0;
 }
 
 int32_t video_frame_queue_pool_release(video_frame_queue_t* q)
 {
-    if (q == nullptr) {
-        log_e("video_frame_queue is null.\n");
+    if (missing(q, "video_frame_queue is null."))
         return -1;
-    }
-    trace_call(q->en_api_log);
+    const call_trace trace(q->en_api_log);
     const mutex_guard guard(q->mutex);
     if (q->arry_pool_frames == nullptr)
         return 0;
-    while (!list_empty(&q->list_frames)) {
-        video_frame_info_t* slot = list_entry(q->list_frames.next, video_frame_info_t, node);
-        unlink_slot(*q, *slot);
-        clear_slot(*slot);
-    }
+    while (!list_empty(&q->list_frames))
+        release_slot(*q, *list_entry(q->list_frames.next, video_frame_info_t, node));
     delete[] q->arry_pool_frames;
     q->arry_pool_frames = nullptr;
     q->frames_count = 0;
@@ -172,38 +166,23 @@ int32_t video_frame_queue_pool_release(video_frame_queue_t* q)
     return 0;
 }
 
-int32_t video_frame_queue_deinit(video_frame_queue_t* q) NO_THREAD_SAFETY_ANALYSIS
-{
-    if (q == nullptr) {
-        log_e("video_frame_queue is null.\n");
-        return -1;
-    }
-    trace_call(q->en_api_log);
-    if (q->list_frames.next == nullptr) // never initialised
-        return 0;
-    video_frame_queue_pool_release(q);
-    pthread_cond_destroy(&q->cond_acquire);
-    pthread_cond_destroy(&q->cond);
-    q->mutex.destroy();
-    q->list_frames = {};
-    return 0;
-}
+int32_t video_frame_queue_deinit(video_frame_queue_t* q) { return video_frame_queue_pool_release(q); }
 
 int32_t video_frame_queue_push_frame(hdmi_player_video_frame_t* frame)
 {
     video_frame_queue_t& q = g_video_info.frame_queue;
-    trace_call(q.en_api_log);
-    if (frame == nullptr) {
-        log_e("frame is null.\n");
+    const call_trace trace(q.en_api_log);
+    if (missing(frame, "frame is null."))
         return -1;
-    }
     const mutex_guard guard(q.mutex);
     if (q.free_frames_count < 1) {
         log_w("free_frames_count(%d) <= 0\n", q.free_frames_count);
         return -1;
     }
-    video_frame_info_t* slot = first_free_slot(q);
-    if (slot == nullptr) {
+    video_frame_info_t* const pool_end = q.arry_pool_frames + q.pool_frames_count;
+    video_frame_info_t* const slot =
+        std::find_if(q.arry_pool_frames, pool_end, [](const video_frame_info_t& s) { return !s.used; });
+    if (slot == pool_end) {
         log_w("free_frames_count:%d but no free frame found in arry_pool_frames\n", q.free_frames_count);
         return -1;
     }
@@ -218,112 +197,50 @@ int32_t video_frame_queue_push_frame(hdmi_player_video_frame_t* frame)
 
 int32_t video_frame_queue_get_frame(video_frame_queue_t* q, hdmi_player_video_frame_t* frame)
 {
-    if (q == nullptr) {
-        log_e("video_frame_queue is null.\n");
-        return -1;
-    }
-    trace_call(q->en_api_log);
-    if (frame == nullptr) {
-        log_e("frame is null.\n");
-        return -1;
-    }
-    const mutex_guard guard(q->mutex);
-    video_frame_info_t* slot = oldest_slot(*q, __func__);
-    if (slot == nullptr)
-        return -1;
-    unlink_slot(*q, *slot);
-    log_fill_state(*q, *slot, __func__);
-    *frame = slot->frame;
-    clear_slot(*slot);
-    return 0;
+    return read_oldest(q, frame, true, __func__);
 }
 
 int32_t video_frame_queue_peek_frame(video_frame_queue_t* q, hdmi_player_video_frame_t* frame)
 {
-    if (q == nullptr) {
-        log_e("video_frame_queue is null.\n");
-        return -1;
-    }
-    trace_call(q->en_api_log);
-    if (frame == nullptr) {
-        log_e("frame is null.\n");
-        return -1;
-    }
-    const mutex_guard guard(q->mutex);
-    const video_frame_info_t* slot = oldest_slot(*q, __func__);
-    if (slot == nullptr)
-        return -1;
-    log_fill_state(*q, *slot, __func__);
-    *frame = slot->frame;
-    return 0;
+    return read_oldest(q, frame, false, __func__);
 }
 
-// ---------------------------------------------------------------------------
-// What the synchronizer sees of the queue
-// ---------------------------------------------------------------------------
+// --- What the synchronizer sees of the queue --------------------------------------
 
 namespace
 {
 
-using host_frame_cb_t = void (*)(hdmi_player_video_frame_t);
-
-bool check_arguments(const void* handle, const void* frame, const char* function)
+bool read_for_sync(void* handle, synchronizer_frame_info_t* info, bool take, const char* function)
 {
-    if (handle == nullptr) {
-        log_as(function, LOG_LEVEL_E, "handle is null\n");
+    if (missing(handle, "handle is null", function) || missing(info, "frame is null", function))
+        return false;
+    video_frame_queue_t* q = &static_cast<video_info_t*>(handle)->frame_queue;
+    hdmi_player_video_frame_t frame = {};
+    const int32_t result = take ? video_frame_queue_get_frame(q, &frame) : video_frame_queue_peek_frame(q, &frame);
+    if (result != 0) {
+        log_as(function, LOG_LEVEL_E, "video_frame_queue_%s_frame failed\n", take ? "get" : "peek");
         return false;
     }
-    if (frame == nullptr) {
-        log_as(function, LOG_LEVEL_E, "frame is null\n");
-        return false;
-    }
+    info->buf_handle = frame.buf_handle;
+    info->pts = static_cast<uint64_t>(frame.pts);
+    log_as(function, LOG_LEVEL_D, "video frame pts:%lld\n", lli(frame.pts));
     return true;
 }
 
-void store_frame(const hdmi_player_video_frame_t& frame, synchronizer_frame_info_t& info, const char* function)
+// A render, too, flips through the synchronizer's callbacks: the scope keeps it apart.
+void hand_back(void (*host_cb)(hdmi_player_video_frame_t), const synchronizer_frame_info_t& info)
 {
-    info.buf_handle = frame.buf_handle;
-    info.pts = static_cast<uint64_t>(frame.pts);
-    log_as(function, LOG_LEVEL_D, "video frame pts:%lld\n", static_cast<long long>(frame.pts));
-}
-
-// A render, too, flips through the callbacks; on any other thread than a
-// rendering one it is the synchronizer that hands a frame back.
-void hand_back(host_frame_cb_t host_cb, const synchronizer_frame_info_t& info)
-{
-    if (host_cb == nullptr)
-        return;
-    const hdmi_player_video_frame_t frame = {info.buf_handle, static_cast<int64_t>(info.pts)};
-    if (t_renders > 0) {
-        host_cb(frame);
-        return;
-    }
-    const nesting inside(t_sync_callbacks);
-    host_cb(frame);
-}
-
-// Measures from one flip to the next, whoever flips.
-void note_flip(video_info_t& video, const char* function)
-{
-    const int64_t now_ms = static_cast<int64_t>(get_system_time_us()) / kUsPerMs;
-    if (video.last_flip_time_ms < 1)
-        video.last_flip_time_ms = now_ms;
-    log_as(function, LOG_LEVEL_D, "diff last:%lli\n", static_cast<long long>(now_ms - video.last_flip_time_ms));
-    video.last_flip_time_ms = now_ms;
+    const entry_scope scope(entry::pacing);
+    if (host_cb != nullptr)
+        host_cb({info.buf_handle, static_cast<int64_t>(info.pts)});
 }
 
 } // namespace
 
 bool sync_get_frame_count_cb(void* handle, int32_t* count)
 {
-    if (handle == nullptr) {
-        log_e("handle is null\n");
+    if (missing(handle, "handle is null") || missing(count, "count is null"))
         return false;
-    }
-    if (count == nullptr) {
-        log_e("count is null\n");
-        return false;
-    }
     const int32_t frames = static_cast<video_info_t*>(handle)->frame_queue.frames_count;
     if (frames < 0)
         return false;
@@ -333,60 +250,55 @@ bool sync_get_frame_count_cb(void* handle, int32_t* count)
 
 bool sync_peek_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
-    if (!check_arguments(handle, info, __func__))
-        return false;
-    hdmi_player_video_frame_t frame = {};
-    if (video_frame_queue_peek_frame(&static_cast<video_info_t*>(handle)->frame_queue, &frame) != 0) {
-        log_e("video_frame_queue_peek_frame failed\n");
-        return false;
-    }
-    store_frame(frame, *info, __func__);
-    return true;
+    return read_for_sync(handle, info, false, __func__);
 }
 
 bool sync_get_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
-    if (!check_arguments(handle, info, __func__))
-        return false;
-    hdmi_player_video_frame_t frame = {};
-    if (video_frame_queue_get_frame(&static_cast<video_info_t*>(handle)->frame_queue, &frame) != 0) {
-        log_e("video_frame_queue_get_frame failed\n");
-        return false;
-    }
-    store_frame(frame, *info, __func__);
-    return true;
+    return read_for_sync(handle, info, true, __func__);
 }
 
 bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
-    if (!check_arguments(handle, info, __func__))
+    if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
     hand_back(static_cast<video_info_t*>(handle)->video_frame_drop_cb, *info);
-    log_d("buf_handle:%p pts:%lli\n", info->buf_handle, static_cast<long long>(info->pts));
+    log_d("buf_handle:%p pts:%lli\n", info->buf_handle, lli(info->pts));
     return true;
 }
 
 bool sync_flip_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
-    if (!check_arguments(handle, info, __func__))
+    if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
     video_info_t& video = *static_cast<video_info_t*>(handle);
     hand_back(video.video_frame_flip_cb, *info);
-    if (video.en_fps_log)
-        note_flip(video, __func__);
+    if (!video.en_fps_log)
+        return true;
+    const int64_t now_ms = static_cast<int64_t>(get_system_time_us()) / kUsPerMs;
+    if (video.last_flip_time_ms < 1)
+        video.last_flip_time_ms = now_ms;
+    log_d("diff last:%lli\n", lli(now_ms - video.last_flip_time_ms));
+    video.last_flip_time_ms = now_ms;
     return true;
 }
 
-// ---------------------------------------------------------------------------
-// Life of the module
-// ---------------------------------------------------------------------------
+// --- Life of the module -----------------------------------------------------------
 
 namespace
 {
 
-// Everything but the locks, of which the caller holds one.
-void clear_record(video_info_t& video) NO_THREAD_SAFETY_ANALYSIS
+bool callbacks_complete(const video_config_t& config)
 {
+    return config.video_frame_drop_cb != nullptr && config.video_frame_flip_cb != nullptr &&
+           config.event_cb != nullptr && config.notify_audio_reset_cb != nullptr &&
+           config.ai_read_continued_cb != nullptr;
+}
+
+// Everything but the queue and the locks, one of which the caller holds.
+void reset_record(video_info_t& video, const video_config_t& config)
+{
+    const mutex_guard guard(video.internal_mutex);
     video.initialized = false;
     video.disable_avsync = false;
     video.avsync_reset = false;
@@ -396,46 +308,41 @@ void clear_record(video_info_t& video) NO_THREAD_SAFETY_ANALYSIS
     video.wait_audio = false;
     video.synchronizer_handle = nullptr;
     video.synchronizer_cb = {};
-    video.video_frame_drop_cb = nullptr;
-    video.video_frame_flip_cb = nullptr;
-    video.event_cb = nullptr;
+    video.video_frame_drop_cb = config.video_frame_drop_cb;
+    video.video_frame_flip_cb = config.video_frame_flip_cb;
+    video.event_cb = config.event_cb;
     video.last_flip_time_ms = 0;
     video.fixed_delay = 0;
     video.last_system_time = 0;
     video.last_frame_pts = 0;
     video.frame_serial = 0;
     video.last_frame_serial = 0;
-    video.notify_audio_reset_cb = nullptr;
-    video.ai_read_continued_cb = nullptr;
+    video.notify_audio_reset_cb = config.notify_audio_reset_cb;
+    video.ai_read_continued_cb = config.ai_read_continued_cb;
     video.sync_changing = false;
 }
 
-void fill_record(video_info_t& video, const video_config_t& config)
+void read_switches(video_info_t& video)
 {
-    video.video_frame_drop_cb = config.video_frame_drop_cb;
-    video.video_frame_flip_cb = config.video_frame_flip_cb;
-    video.event_cb = config.event_cb;
-    video.notify_audio_reset_cb = config.notify_audio_reset_cb;
-    video.ai_read_continued_cb = config.ai_read_continued_cb;
-    video.synchronizer_cb = {sync_get_frame_count_cb, sync_peek_frame_cb, sync_get_frame_cb, sync_drop_frame_cb,
-                             sync_flip_frame_cb};
     video.enable_log = env_get_value("debug_hdmiplayer_log_v_api", 0) != 0;
     video.en_fps_log = env_get_value("debug_hdmiplayer_log_video_render_fps", 0) != 0;
     video.disable_avsync = env_get_value("debug_hdmiplayer_disable_avsync", 0) != 0;
     video.wait_audio = env_get_value("debug_hdmiplayer_video_wait_audio", 1) != 0;
 }
 
+constexpr const char* kInit = "video_init";
+
 bool check_step(bool done, const char* step)
 {
     if (!done)
-        log_as("video_init", LOG_LEVEL_E, "%s failed\n", step);
+        log_as(kInit, LOG_LEVEL_E, "%s failed\n", step);
     return done;
 }
 
 bool set_drm_info(void* handle, const hdmi_player_drm_info_t& drm)
 {
     if (drm.fd < 1 || !(drm.panel_refresh_rate > 0))
-        log_as("video_init", LOG_LEVEL_E, "invalid drm_info fd:%d vrefresh:%f\n", drm.fd,
+        log_as(kInit, LOG_LEVEL_E, "invalid drm_info fd:%d vrefresh:%f\n", drm.fd,
                static_cast<double>(drm.panel_refresh_rate));
     return synchronizer_set_drm_info(handle, {drm.fd, drm.panel_refresh_rate});
 }
@@ -444,6 +351,8 @@ bool start_synchronizer(video_info_t& video, const hdmi_player_drm_info_t& drm)
 {
     void* handle = synchronizer_init(E_SYNCHRONIZER_PLAYER_ORUPLAYER);
     video.synchronizer_handle = handle;
+    video.synchronizer_cb = {sync_get_frame_count_cb, sync_peek_frame_cb, sync_get_frame_cb, sync_drop_frame_cb,
+                             sync_flip_frame_cb};
     return check_step(handle != nullptr, "synchronizer_init") &&
            check_step(synchronizer_set_sync_mode(handle, E_SYNC_MODE_AUDIO_MASTER), "synchronizer_set_sync_mode") &&
            check_step(synchronizer_enable_low_latency_mode(handle, true), "synchronizer_enable_low_latency_mode") &&
@@ -454,57 +363,27 @@ bool start_synchronizer(video_info_t& video, const hdmi_player_drm_info_t& drm)
            check_step(synchronizer_resync(handle), "synchronizer_resync");
 }
 
-// Ends the threads. Without the write lock: the thread to be joined may be in
-// a callback whose host calls into the module.
-void stop_synchronizer(video_info_t& video, const char* function)
+bool set_up(video_info_t& video, const video_config_t& config)
 {
-    if (video.synchronizer_handle != nullptr && !synchronizer_stop(video.synchronizer_handle))
-        log_as(function, LOG_LEVEL_E, "synchronizer_stop failed\n");
+    reset_record(video, config);
+    read_switches(video);
+    if (video_frame_queue_init(&video.frame_queue, config.video_frame_queue_size) != 0)
+        return false;
+    log_as(kInit, LOG_LEVEL_I, "video_frame_queue_size:%d\n", config.video_frame_queue_size);
+    if (!start_synchronizer(video, config.drm_info))
+        return false;
+    video.avsync_reset = true; // at the first frame
+    video.initialized = true;
+    return true;
 }
 
-// The one teardown, of a failed init and of deinit, after the threads ended.
-void tear_down(video_info_t& video, const char* function) NO_THREAD_SAFETY_ANALYSIS
+// The one teardown, of a failed init and of deinit.
+void tear_down(video_info_t& video, const char* function = __builtin_FUNCTION())
 {
     if (video.synchronizer_handle != nullptr && !synchronizer_deinit(video.synchronizer_handle))
         log_as(function, LOG_LEVEL_E, "synchronizer_deinit failed\n");
     video_frame_queue_deinit(&video.frame_queue);
-    video.internal_mutex.destroy();
-    clear_record(video);
-}
-
-bool callbacks_complete(const video_config_t& config)
-{
-    return config.video_frame_drop_cb != nullptr && config.video_frame_flip_cb != nullptr &&
-           config.event_cb != nullptr && config.notify_audio_reset_cb != nullptr &&
-           config.ai_read_continued_cb != nullptr;
-}
-
-bool set_up(video_info_t& video, const video_config_t& config)
-{
-    clear_record(video);
-    video.internal_mutex.init();
-    fill_record(video, config);
-    if (video_frame_queue_init(&video.frame_queue, config.video_frame_queue_size) != 0)
-        return false;
-    log_as("video_init", LOG_LEVEL_I, "video_frame_queue_size:%d\n", config.video_frame_queue_size);
-    return start_synchronizer(video, config.drm_info);
-}
-
-int32_t init_locked(video_info_t& video, const video_config_t& config) REQUIRES(video.api_rwlock)
-{
-    // A deinit in progress still owns its synchronizer.
-    if (video.initialized || video.synchronizer_handle != nullptr) {
-        log_as("video_init", LOG_LEVEL_W, "module has been initialized\n");
-        return -1;
-    }
-    if (!set_up(video, config)) {
-        stop_synchronizer(video, "video_init");
-        tear_down(video, "video_init");
-        return -1;
-    }
-    video.avsync_reset = true;
-    video.initialized = true;
-    return 0;
+    reset_record(video, {});
 }
 
 } // namespace
@@ -516,19 +395,24 @@ int32_t video_init(video_config_t config)
         log_e("invalid callback function\n");
         return -1;
     }
-    int32_t result = -1;
-    {
-        const write_guard api(g_video_info.api_rwlock);
-        result = init_locked(g_video_info, config);
+    write_guard api(g_video_info.api_rwlock);
+    // A deinit in progress still owns its synchronizer.
+    if (g_video_info.initialized || g_video_info.synchronizer_handle != nullptr) {
+        log_w("module has been initialized\n");
+        return -1;
     }
+    const bool running = set_up(g_video_info, config);
+    if (!running)
+        tear_down(g_video_info);
+    api.unlock();
     log_i("<<<\n");
-    return result;
+    return running ? 0 : -1;
 }
 
 int32_t video_deinit(void)
 {
     log_i(">>>\n");
-    if (t_renders > 0 || t_sync_callbacks > 0) {
+    if (t_entry != entry::none) { // it would wait for itself
         log_e("called inside a callback\n");
         return -1;
     }
@@ -539,18 +423,18 @@ int32_t video_deinit(void)
     {
         const write_guard calls_in_progress_end(g_video_info.api_rwlock);
     }
-    stop_synchronizer(g_video_info, __func__);
+    // Without the lock: the thread to be joined may be in a callback whose host calls into the module.
+    if (!synchronizer_stop(g_video_info.synchronizer_handle))
+        log_e("synchronizer_stop failed\n");
     {
         const write_guard api(g_video_info.api_rwlock);
-        tear_down(g_video_info, __func__);
+        tear_down(g_video_info);
     }
     log_i("<<<\n");
     return 0;
 }
 
-// ---------------------------------------------------------------------------
-// Rendering
-// ---------------------------------------------------------------------------
+// --- Rendering --------------------------------------------------------------------
 
 namespace
 {
@@ -565,47 +449,39 @@ enum class render_step {
     end_reset,   ///< audio runs again: restart the synchronizer, then queue it
 };
 
-/// When a frame came, and how long after the frame before.
-struct arrival_t {
-    int64_t now;  ///< us
-    int64_t diff; ///< us
-};
-
-int64_t since_last_render(video_info_t& video, int64_t now) REQUIRES(video.render_mutex)
+int64_t since_last_render(video_info_t& video, int64_t now) REQUIRES(video.internal_mutex)
 {
     if (video.last_system_time < 1)
         video.last_system_time = now;
     return now - video.last_system_time;
 }
 
-arrival_t note_arrival(video_info_t& video)
+// Returns how long after the frame before it this one came.
+int64_t note_arrival(video_info_t& video, int64_t now)
 {
-    const mutex_guard guard(video.render_mutex);
-    const int64_t now = static_cast<int64_t>(get_system_time_us());
+    const mutex_guard guard(video.internal_mutex);
     const int64_t diff = since_last_render(video, now);
     if (diff > kMaxRenderGapUs)
         video.avsync_reset = true;
-    return {now, diff};
+    return diff;
 }
 
-void begin_reset_locked(video_info_t& video, int64_t now) REQUIRES(video.render_mutex)
+void set_avsync(video_info_t& video, bool reset, bool disable_avsync) REQUIRES(video.internal_mutex)
 {
-    video.last_system_time = now;
-    video.resetting = true;
-    video.last_frame_pts = -kUsPerMs * video.fixed_delay;
-    video.sync_changing = true;
+    video.avsync_reset = reset;
+    video.disable_avsync = disable_avsync;
+    log_as("video_avsync_reset", LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disable_avsync);
 }
 
+// After a step that begins or ends a reset only this render touches the
+// synchronizer, until sync_changed(). The others go on as if nothing had
+// changed: to wait would be a deadlock where the thread that is being joined
+// renders. For the same reason that thread never begins a reset.
 render_step next_step(video_info_t& video, int64_t now)
 {
-    const mutex_guard guard(video.render_mutex);
-    const render_step same_serial = video.resetting && !video.wait_audio ? render_step::show : render_step::queue;
-    // Waiting for the other render would be a deadlock when it joins the
-    // synchronizer's thread and that thread is the one that renders here.
-    if (video.sync_changing)
-        return same_serial;
+    const mutex_guard guard(video.internal_mutex);
     const int32_t serial = video.frame_serial;
-    if (serial != video.last_frame_serial) {
+    if (serial != video.last_frame_serial && !video.sync_changing) {
         video.last_frame_serial = serial;
         if (!video.resetting) {
             log_as(kRender, LOG_LEVEL_W, "frame_serial:%d abnormal changed!\n", serial);
@@ -615,66 +491,62 @@ render_step next_step(video_info_t& video, int64_t now)
         video.sync_changing = true;
         return render_step::end_reset;
     }
-    const bool reset_wanted = !video.resetting && (queue_full(video.frame_queue) || video.avsync_reset);
-    if (!reset_wanted || t_sync_callbacks > 0)
-        return same_serial;
-    begin_reset_locked(video, now);
-    return render_step::begin_reset;
+    if (!video.resetting) {
+        const bool reset_wanted = queue_full(video.frame_queue) || video.avsync_reset;
+        if (!reset_wanted || video.sync_changing || t_entry == entry::pacing)
+            return render_step::queue;
+        video.last_system_time = now;
+        video.resetting = true;
+        video.last_frame_pts = -kUsPerMs * video.fixed_delay;
+        video.sync_changing = true;
+        set_avsync(video, false, video.disable_avsync);
+        return render_step::begin_reset;
+    }
+    if (video.wait_audio)
+        return render_step::queue;
+    video.last_frame_pts = 0;
+    video.last_system_time = 0;
+    return render_step::show;
 }
 
 void sync_changed(video_info_t& video)
 {
-    const mutex_guard guard(video.render_mutex);
+    const mutex_guard guard(video.internal_mutex);
     video.sync_changing = false;
 }
 
-// Without @p disable_avsync the switch stays as it is: the change handler may
-// be setting it at this moment.
-void request_reset(video_info_t& video, bool reset, const bool* disable_avsync)
+int32_t show(video_info_t& video, const hdmi_player_video_frame_t& frame, int64_t now, int64_t diff, const char* state)
 {
-    bool disabled = false;
-    {
-        const mutex_guard guard(video.internal_mutex);
-        video.avsync_reset = reset;
-        if (disable_avsync != nullptr)
-            video.disable_avsync = *disable_avsync;
-        disabled = video.disable_avsync;
-    }
-    log_as("video_avsync_reset", LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disabled);
+    video.video_frame_flip_cb(frame);
+    log_as(kRender, LOG_LEVEL_D, "%sfree run sys_time:%lld diff_time:%lli\n", state, lli(now), lli(diff));
+    return 0;
 }
 
 void drop_oldest(video_info_t& video)
 {
+    hdmi_player_video_frame_t oldest = {};
     if (video.frame_queue.frames_count < 1)
         return;
-    hdmi_player_video_frame_t oldest = {};
-    if (video_frame_queue_get_frame(&video.frame_queue, &oldest) != 0) {
+    if (video_frame_queue_get_frame(&video.frame_queue, &oldest) == 0)
+        video.video_frame_drop_cb(oldest);
+    else
         log_as(kRender, LOG_LEVEL_E, "video_frame_queue_get_frame failed\n");
-        return;
-    }
-    video.video_frame_drop_cb(oldest);
-}
-
-void queue_first_of_reset(video_info_t& video, hdmi_player_video_frame_t* frame)
-{
-    frame->pts = 0;
-    if (video_frame_queue_push_frame(frame) == 0)
-        return;
-    log_as(kRender, LOG_LEVEL_W, "video_frame_queue_push_frame failed\n");
-    // Other renders filled the queue. The reset's event says that the frame
-    // was taken, so it has to come back.
-    video.video_frame_drop_cb(*frame);
 }
 
 int32_t begin_reset(video_info_t& video, hdmi_player_video_frame_t* frame)
 {
-    request_reset(video, false, nullptr);
     drop_oldest(video);
     synchronizer_stop(video.synchronizer_handle);
     video.event_cb(E_HDMI_PLAYER_EVENT_AVSYNC_RESET);
     video.notify_audio_reset_cb();
-    if (video.wait_audio)
-        queue_first_of_reset(video, frame);
+    if (video.wait_audio) {
+        frame->pts = 0;
+        if (video_frame_queue_push_frame(frame) != 0) {
+            log_as(kRender, LOG_LEVEL_W, "video_frame_queue_push_frame failed\n");
+            // Other renders filled the queue. The event says that the frame was taken, so it has to come back.
+            video.video_frame_drop_cb(*frame);
+        }
+    }
     log_as(kRender, LOG_LEVEL_I, "[avsync_reset] start!\n");
     sync_changed(video);
     return -1;
@@ -688,40 +560,6 @@ void end_reset(video_info_t& video)
     sync_changed(video);
 }
 
-int32_t show_in_free_run(video_info_t& video, const hdmi_player_video_frame_t& frame, const arrival_t& arrival)
-{
-    video.video_frame_flip_cb(frame);
-    log_as(kRender, LOG_LEVEL_D, "free run sys_time:%lld diff_time:%lli\n", static_cast<long long>(arrival.now),
-           static_cast<long long>(arrival.diff));
-    return 0;
-}
-
-int32_t show_in_reset(video_info_t& video, const hdmi_player_video_frame_t& frame, const arrival_t& arrival)
-{
-    video.video_frame_flip_cb(frame);
-    {
-        const mutex_guard guard(video.render_mutex);
-        video.last_frame_pts = 0;
-        video.last_system_time = 0;
-    }
-    log_as(kRender, LOG_LEVEL_D, "[resetting] free run sys_time:%lld diff_time:%lli\n",
-           static_cast<long long>(arrival.now), static_cast<long long>(arrival.diff));
-    return 0;
-}
-
-// The host's time stamp is not used: video time is when frames arrive. The
-// distance to the frame before is taken here once more, because another render
-// may have stamped its own frame meanwhile.
-void stamp(video_info_t& video, hdmi_player_video_frame_t& frame, int64_t now) REQUIRES(video.render_mutex)
-{
-    const int64_t diff = since_last_render(video, now);
-    video.last_system_time = now;
-    video.last_frame_pts += diff;
-    frame.pts = video.last_frame_pts;
-    log_as(kRender, LOG_LEVEL_D, "video frame serial:%d pts:%lld diff_time:%lli\n", video.last_frame_serial,
-           static_cast<long long>(frame.pts), static_cast<long long>(diff));
-}
-
 // The picture goes on while audio is awaited.
 void flip_oldest(video_info_t& video)
 {
@@ -731,44 +569,56 @@ void flip_oldest(video_info_t& video)
         return;
     video.synchronizer_cb.flip_frame(&video, &oldest);
     log_as(kRender, LOG_LEVEL_I, "[resetting] frame_queue count:%d full, force flip ahead frame pts:%lld\n", count,
-           static_cast<long long>(oldest.pts));
+           lli(oldest.pts));
 }
 
+// The host's time stamp is not used: video time is when frames arrive.
 int32_t queue_frame(video_info_t& video, hdmi_player_video_frame_t* frame, int64_t now)
 {
-    int32_t result = -1;
-    bool resetting = false;
-    {
-        const mutex_guard guard(video.render_mutex);
-        stamp(video, *frame, now);
-        result = video_frame_queue_push_frame(frame);
-        resetting = video.resetting;
-    }
+    mutex_guard guard(video.internal_mutex);
+    // Anew, because another render may have stamped its own frame meanwhile.
+    const int64_t diff = since_last_render(video, now);
+    video.last_system_time = now;
+    video.last_frame_pts += diff;
+    frame->pts = video.last_frame_pts;
+    log_as(kRender, LOG_LEVEL_D, "video frame serial:%d pts:%lld diff_time:%lli\n", video.last_frame_serial,
+           lli(frame->pts), lli(diff));
+    const int32_t result = video_frame_queue_push_frame(frame);
+    const bool resetting = video.resetting;
+    guard.unlock();
+
     log_as(kRender, LOG_LEVEL_D, "frame queue count:%d\n", video.frame_queue.frames_count.load());
     if (result != 0)
         log_as(kRender, LOG_LEVEL_W, "video_frame_queue_push_frame failed\n");
-    if (resetting) {
-        if (queue_full(video.frame_queue))
-            flip_oldest(video);
-    } else if (result == 0) {
+    if (resetting && queue_full(video.frame_queue))
+        flip_oldest(video);
+    if (!resetting && result == 0)
         synchronizer_notify_frame_done(video.synchronizer_handle);
-    }
     return result;
 }
 
-int32_t render(video_info_t& video, hdmi_player_video_frame_t* frame) REQUIRES_SHARED(video.api_rwlock)
+int32_t render(video_info_t& video, hdmi_player_video_frame_t* frame)
 {
-    const nesting inside(t_renders);
-    const arrival_t arrival = note_arrival(video);
+    const entry_scope scope(entry::render);
+    const int64_t now = static_cast<int64_t>(get_system_time_us());
+    const int64_t diff = note_arrival(video, now);
     if (video.disable_avsync || !video.ai_read_continued_cb())
-        return show_in_free_run(video, *frame, arrival);
-    switch (next_step(video, arrival.now)) {
+        return show(video, *frame, now, diff, "");
+    switch (next_step(video, now)) {
+    case render_step::show: return show(video, *frame, now, diff, "[resetting] ");
     case render_step::begin_reset: return begin_reset(video, frame);
-    case render_step::show: return show_in_reset(video, *frame, arrival);
     case render_step::end_reset: end_reset(video); break;
     case render_step::queue: break;
     }
-    return queue_frame(video, frame, arrival.now);
+    return queue_frame(video, frame, now);
+}
+
+bool is_initialized(const char* function = __builtin_FUNCTION())
+{
+    const bool initialized = g_video_info.initialized;
+    if (!initialized)
+        log_as(function, LOG_LEVEL_V, "module not initialized\n");
+    return initialized;
 }
 
 } // namespace
@@ -776,30 +626,24 @@ int32_t render(video_info_t& video, hdmi_player_video_frame_t* frame) REQUIRES_S
 int32_t video_render(hdmi_player_video_frame_t* frame)
 {
     const read_guard api(g_video_info.api_rwlock);
-    if (!module_is_initialized())
+    if (!is_initialized())
         return -1;
-    trace_call(g_video_info.enable_log);
-    if (frame == nullptr) {
-        log_e("frame is null\n");
+    const call_trace trace(g_video_info.enable_log);
+    if (missing(frame, "frame is null"))
         return -1;
-    }
     return render(g_video_info, frame);
 }
 
-// ---------------------------------------------------------------------------
-// Setters
-// ---------------------------------------------------------------------------
+// --- Setters ----------------------------------------------------------------------
 
 int32_t video_set_base_media_time(int64_t media_time, int64_t max_media_time, int32_t frame_serial)
 {
     const read_guard api(g_video_info.api_rwlock);
-    if (!module_is_initialized())
+    if (!is_initialized())
         return -1;
-    trace_call(g_video_info.enable_log);
-    if (g_video_info.synchronizer_handle == nullptr) {
-        log_e("synchronizer_handle is null\n");
+    const call_trace trace(g_video_info.enable_log);
+    if (missing(g_video_info.synchronizer_handle, "synchronizer_handle is null"))
         return -1;
-    }
     if (!synchronizer_set_base_media_time(g_video_info.synchronizer_handle, media_time, max_media_time)) {
         log_e("synchronizer_set_base_media_time failed\n");
         return -1;
@@ -812,28 +656,29 @@ int32_t video_set_base_media_time(int64_t media_time, int64_t max_media_time, in
 int32_t video_avsync_reset(bool reset, bool disable_avsync)
 {
     const read_guard api(g_video_info.api_rwlock);
-    if (!module_is_initialized())
+    if (!is_initialized())
         return -1;
-    trace_call(g_video_info.enable_log);
-    request_reset(g_video_info, reset, &disable_avsync);
+    const call_trace trace(g_video_info.enable_log);
+    const mutex_guard guard(g_video_info.internal_mutex);
+    set_avsync(g_video_info, reset, disable_avsync);
     return 0;
 }
 
 bool video_is_disable_avsync(void)
 {
     const read_guard api(g_video_info.api_rwlock);
-    if (!module_is_initialized())
+    if (!is_initialized())
         return false;
-    trace_call(g_video_info.enable_log);
+    const call_trace trace(g_video_info.enable_log);
     return g_video_info.disable_avsync;
 }
 
 int32_t video_set_fixed_delay(int32_t delay)
 {
     const read_guard api(g_video_info.api_rwlock);
-    if (!module_is_initialized())
+    if (!is_initialized())
         return -1;
-    trace_call(g_video_info.enable_log);
+    const call_trace trace(g_video_info.enable_log);
     g_video_info.fixed_delay = delay;
     log_w("setting video delay:%d\n", delay);
     return 0;

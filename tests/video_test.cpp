@@ -20,6 +20,7 @@
 
 #include "internal/common.h"
 #include "platform_hooks.h"
+#include "support/blocked_call.h"
 
 namespace
 {
@@ -37,7 +38,8 @@ struct Host {
     std::vector<int64_t> flip_pts;
     std::atomic<bool> audio_continues{true};
     std::function<void(int)> on_flip;
-    std::function<void()> on_event; // set before init
+    std::function<void()> on_event;          // set before init
+    std::function<void()> on_audio_question; // set before init
 
     void set_on_flip(std::function<void(int)> action)
     {
@@ -94,19 +96,14 @@ void on_event(hdmi_player_event_e event)
         g_host->on_event();
 }
 void on_audio_reset() { g_host->note("audio reset"); }
-bool audio_continues() { return g_host->audio_continues; }
+bool audio_continues()
+{
+    if (g_host->on_audio_question)
+        g_host->on_audio_question();
+    return g_host->audio_continues;
+}
 
 const calls_t kReset = {"event 1", "audio reset"};
-
-bool eventually(const std::function<bool()>& condition)
-{
-    for (int i = 0; i < 10000; ++i) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
 
 // Console output, captured all the time: the level cannot be changed while the
 // module's threads read the environment.
@@ -220,8 +217,14 @@ protected:
     // Lets @p us pass between the last render and the next one.
     static void pass_time(int64_t us)
     {
-        const mutex_guard guard(g_video_info.render_mutex);
+        const mutex_guard guard(g_video_info.internal_mutex);
         g_video_info.last_system_time -= us;
+    }
+
+    static bool sync_changing()
+    {
+        const mutex_guard guard(g_video_info.internal_mutex);
+        return g_video_info.sync_changing;
     }
 
     static int32_t queued() { return g_video_info.frame_queue.frames_count; }
@@ -442,8 +445,9 @@ TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
         EXPECT_EQ(video_render(&frame), -1);
     }
     start();
-    EXPECT_NE(log_of([] { EXPECT_EQ(video_init(config()), -1); }).find("] module has been initialized\n"),
-              std::string::npos);
+    const std::string second = log_of([] { EXPECT_EQ(video_init(config()), -1); });
+    EXPECT_NE(second.find("] module has been initialized\n"), std::string::npos);
+    EXPECT_EQ(second.find("<<<"), std::string::npos);
     EXPECT_NE(log_of([] { EXPECT_EQ(video_render(nullptr), -1); }).find("[video_render "), std::string::npos);
     EXPECT_TRUE(host_.take_calls().empty());
 }
@@ -584,7 +588,7 @@ TEST_F(VideoTest, TakesANewSerialWithoutAResetAsItComes)
 TEST_F(VideoTest, ResetsAfterAGapOfMoreThanASecond)
 {
     start_synchronized();
-    pass_time(900000);
+    pass_time(600000);
     EXPECT_EQ(render(1), 0);
     ASSERT_TRUE(eventually([this] { return host_.count("flip 1") == 1; }));
     host_.take_calls();
@@ -643,7 +647,9 @@ TEST_F(VideoTest, ShowsFramesUnchangedAndAtOnceInFreeRun)
     EXPECT_TRUE(video_is_disable_avsync());
     video_avsync_reset(true, false);
     host_.audio_continues = false;
+    host_.set_on_flip([](int) { EXPECT_EQ(video_deinit(), -1); }); // it would wait for its own call
     const std::string log = log_of([] { EXPECT_EQ(render(2), 0); });
+    host_.set_on_flip(nullptr);
     EXPECT_NE(log.find("] free run sys_time:"), std::string::npos);
     EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
     EXPECT_EQ(host_.flip_pts, (std::vector<int64_t>{12345, 12345}));
@@ -738,10 +744,7 @@ TEST_F(VideoTest, ResetsWhileACallbackRenders)
     ASSERT_TRUE(gate.reached());
     video_avsync_reset(true, false);
     std::thread host_thread([] { EXPECT_EQ(render(3), -1); });
-    ASSERT_TRUE(eventually([] {
-        const mutex_guard guard(g_video_info.render_mutex);
-        return g_video_info.sync_changing;
-    }));
+    ASSERT_TRUE(eventually(sync_changing));
     gate.open();
     host_thread.join();
     EXPECT_EQ(nested, 0);
@@ -768,6 +771,67 @@ TEST_F(VideoTest, LeavesAResetToAThreadThatCanWaitForTheSynchronizer)
     EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
     EXPECT_EQ(render(3), -1);
     EXPECT_EQ(host_.take_calls(), kReset);
+}
+
+TEST_F(VideoTest, LetsOneRenderAtATimeChangeTheSynchronizer)
+{
+    start();
+    EXPECT_EQ(render(1), -1);
+    video_set_base_media_time(1000, 1000000, 1);
+    mutex_guard restart_waits(static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle)->control_mutex);
+    std::thread host_thread([] { EXPECT_EQ(render(2), 0); });
+    ASSERT_TRUE(eventually(sync_changing));
+    BlockedCall<int32_t> other([] {
+        video_avsync_reset(true, false);
+        return render(3);
+    });
+    EXPECT_EQ(other.result(), 0);
+    restart_waits.unlock();
+    host_thread.join();
+    host_.take_calls();
+    EXPECT_EQ(render(4), -1);
+    EXPECT_EQ(host_.count("event"), 1U);
+}
+
+TEST_F(VideoTest, GivesBackTheFirstFrameOfAResetThatFindsNoRoom)
+{
+    host_.on_event = [] {
+        hdmi_player_video_frame_t frame = frame_of(9);
+        while (video_frame_queue_push_frame(&frame) == 0) {
+        }
+    };
+    start();
+    EXPECT_EQ(render(1), -1);
+    EXPECT_EQ(host_.take_calls(), (calls_t{"event 1", "audio reset", "drop 1"}));
+}
+
+// Deinit must not hold the module's lock when it ends what this render starts.
+TEST_F(VideoTest, EndsWhileARenderRestartsTheSynchronizer)
+{
+    Gate gate;
+    std::atomic<bool> hold{false};
+    host_.on_audio_question = [&] {
+        if (hold)
+            gate.pass();
+    };
+    host_.set_on_flip([](int) {
+        for (int i = 0; i < 50; ++i) {
+            EXPECT_EQ(render(9), -1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    start();
+    EXPECT_EQ(render(1), -1);
+    video_set_base_media_time(1000, 1000000, 1);
+    hold = true;
+    std::thread host_thread([] { EXPECT_EQ(render(2), 0); });
+    ASSERT_TRUE(gate.reached());
+    BlockedCall<int32_t> closer(video_deinit);
+    ASSERT_TRUE(eventually([] { return !g_video_info.initialized; }));
+    EXPECT_TRUE(closer.asleep());
+    gate.open();
+    host_thread.join();
+    EXPECT_EQ(closer.result(), 0);
 }
 
 /// Counts what becomes of every frame that several threads and the flip

@@ -7,7 +7,7 @@
  * Every function may be called from any thread and from inside every callback,
  * except that init and deinit must not be called inside one (deinit refuses).
  * Several threads may render at once, also from inside flip, drop and event
- * callbacks: their frames are queued in the order of their stamps.
+ * callbacks; frames that arrive at the same moment are queued in any order.
  * - Callbacks are called with no mutex held, only the module's read lock, which
  *   nests.
  * - While one render stops or restarts the synchronizer, the others do not wait
@@ -35,8 +35,9 @@ typedef struct video_frame_info_s {
     hdmi_player_video_frame_t frame;
 } video_frame_info_t;
 
-/// First-in, first-out queue over a fixed pool of slots. Never blocks, never allocates after init.
-/// frames_count + free_frames_count == pool_frames_count; a slot is in the list exactly while used.
+/// First-in, first-out queue over a fixed pool of slots. Never blocks, never allocates after init; before it and after
+/// deinit it has no slots. frames_count + free_frames_count == pool_frames_count; a slot is in the list exactly while
+/// used.
 typedef struct video_frame_queue_s {
     list_head_t list_frames GUARDED_BY(mutex);              ///< slots in use, oldest first
     video_frame_info_t* arry_pool_frames GUARDED_BY(mutex); ///< null: no pool
@@ -46,8 +47,8 @@ typedef struct video_frame_queue_s {
     bool en_api_log;
     bool en_state_log;
     mutex_t mutex;
-    pthread_cond_t cond;         ///< reserved
-    pthread_cond_t cond_acquire; ///< reserved
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;         ///< reserved
+    pthread_cond_t cond_acquire = PTHREAD_COND_INITIALIZER; ///< reserved
 } video_frame_queue_t;
 
 typedef struct video_config_s {
@@ -69,7 +70,7 @@ typedef struct video_info_s {
     std::atomic<bool> avsync_reset;   ///< a reset is requested
     bool enable_log;
     bool en_fps_log;
-    bool resetting GUARDED_BY(render_mutex);
+    bool resetting GUARDED_BY(internal_mutex);
     bool wait_audio;
     void* synchronizer_handle; ///< outlives `initialized`: deinit is not over while it is set
     synchronizer_callback_t synchronizer_cb;
@@ -78,17 +79,16 @@ typedef struct video_info_s {
     hdmi_player_event_cb_t event_cb;
     std::atomic<int64_t> last_flip_time_ms;
     video_frame_queue_t frame_queue;
-    std::atomic<int32_t> fixed_delay;                   ///< ms: latency of the video path
-    int64_t last_system_time GUARDED_BY(render_mutex);  ///< us: the previous render call
-    int64_t last_frame_pts GUARDED_BY(render_mutex);    ///< us: the last stamp given
-    std::atomic<int32_t> frame_serial;                  ///< serial of the audio clock; written under internal_mutex
-    int32_t last_frame_serial GUARDED_BY(render_mutex); ///< serial seen by the previous render
-    rwlock_t api_rwlock;                                ///< write: init and deinit; read: everything else
-    mutex_t internal_mutex;                             ///< serialises the setters
+    std::atomic<int32_t> fixed_delay;                     ///< ms: latency of the video path
+    int64_t last_system_time GUARDED_BY(internal_mutex);  ///< us: the previous render call
+    int64_t last_frame_pts GUARDED_BY(internal_mutex);    ///< us: the last stamp given
+    std::atomic<int32_t> frame_serial;                    ///< serial of the audio clock; written under internal_mutex
+    int32_t last_frame_serial GUARDED_BY(internal_mutex); ///< serial seen by the previous render
+    rwlock_t api_rwlock;                                  ///< write: init and deinit; read: everything else
+    mutex_t internal_mutex;                               ///< never held over a callback or a stop of the synchronizer
     void (*notify_audio_reset_cb)(void);
     bool (*ai_read_continued_cb)(void);
-    mutex_t render_mutex;                        ///< never held over a callback or a stop of the synchronizer
-    bool sync_changing GUARDED_BY(render_mutex); ///< a render is stopping or restarting the synchronizer
+    bool sync_changing GUARDED_BY(internal_mutex); ///< a render is stopping or restarting the synchronizer
 } video_info_t;
 
 extern video_info_t g_video_info;
@@ -118,11 +118,9 @@ int32_t video_set_fixed_delay(int32_t delay);
 /// A queue of @p size slots (at least 1). 0, or -1 without memory.
 int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size);
 
-/// pool_release, and the end of the queue's mutex. 0; harmless for a queue without pool.
+/// Discards every frame and frees the pool: nothing can be pushed any more. 0; harmless without a pool.
 int32_t video_frame_queue_deinit(video_frame_queue_t* q);
-
-/// Discards every frame and frees the pool: nothing can be pushed any more. 0.
-int32_t video_frame_queue_pool_release(video_frame_queue_t* q);
+int32_t video_frame_queue_pool_release(video_frame_queue_t* q); ///< what deinit does
 
 /// Appends a copy of @p frame to the module's queue. 0, or -1 when it is null or the queue is full.
 int32_t video_frame_queue_push_frame(hdmi_player_video_frame_t* frame);
