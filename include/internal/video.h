@@ -11,7 +11,8 @@
  * - Callbacks are called with no mutex held, only the module's read lock, which
  *   nests.
  * - While one render stops or restarts the synchronizer, the others do not wait
- *   for it: they queue their frames, as during a reset.
+ *   for it: they queue their frames, or show them where a reset does not wait
+ *   for audio.
  * - A render on the sync thread (inside a flip or drop callback that the pacing
  *   makes) never starts a reset, for it would have to wait for its own thread.
  *   The request stays, and the next render on another thread serves it.
