@@ -11,7 +11,7 @@ build_packages=(
     libswscale-dev libcli11-dev nlohmann-json3-dev                      # the play program
 )
 test_packages=(
-    libgtest-dev clang clang-format binutils git
+    clang clang-format binutils git
     ffmpeg                                                              # makes the film files that are played
 )
 
