@@ -9,6 +9,7 @@ build_packages=(
     libavutil-dev libswresample-dev libdrm-dev                          # the library
     libsndfile1-dev libavcodec-dev libavformat-dev                      # the simulated platform
     libswscale-dev libcli11-dev nlohmann-json3-dev                      # the play program
+    libgtest-dev                                                        # the tests
 )
 test_packages=(
     clang clang-format binutils git
