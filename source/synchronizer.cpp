@@ -44,12 +44,18 @@ constexpr int64_t kTimerLagMaxUs = 100000;
 
 // What viewers notice, after ITU-R BT.1359: sound may lag the picture further
 // than it may lead. Positive: video ahead of audio.
-constexpr int64_t kUndetectableLateUs = -25000;
-constexpr int64_t kUndetectableEarlyUs = 100000;
-constexpr int64_t kDetectableLateUs = -45000;
-constexpr int64_t kDetectableEarlyUs = 125000;
-constexpr int64_t kAcceptableLateUs = -90000;
 constexpr int64_t kAcceptableEarlyUs = 185000;
+constexpr struct {
+    int64_t late_us;
+    int64_t early_us;
+    loglevel_e level;
+    const char* name;
+} kOffsetClasses[] = {
+    {-25000, 100000, LOG_LEVEL_D, "undetectable"},
+    {-45000, 125000, LOG_LEVEL_I, "detectable"},
+    {-90000, kAcceptableEarlyUs, LOG_LEVEL_I, "acceptable"},
+    {INT64_MIN, INT64_MAX, LOG_LEVEL_W, "unacceptable"}, // ends every search
+};
 
 // Reports a missing argument in the caller's name.
 bool missing(const void* argument, const char* name, const char* function = __builtin_FUNCTION(),
@@ -71,17 +77,15 @@ sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_
 int64_t add(int64_t a, int64_t b)
 {
     int64_t sum = 0;
-    if (__builtin_add_overflow(a, b, &sum))
-        return a < 0 ? INT64_MIN : INT64_MAX;
-    return sum;
+    const bool overflow = __builtin_add_overflow(a, b, &sum);
+    return !overflow ? sum : a < 0 ? INT64_MIN : INT64_MAX;
 }
 
 int64_t subtract(int64_t a, int64_t b)
 {
     int64_t difference = 0;
-    if (__builtin_sub_overflow(a, b, &difference))
-        return a < 0 ? INT64_MIN : INT64_MAX;
-    return difference;
+    const bool overflow = __builtin_sub_overflow(a, b, &difference);
+    return !overflow ? difference : a < 0 ? INT64_MIN : INT64_MAX;
 }
 
 // Truncates, and saturates where the value does not fit.
@@ -90,10 +94,8 @@ int64_t to_int64(float value)
     constexpr float kTwoTo63 = 9223372036854775808.0F;
     if (std::isnan(value))
         return 0;
-    if (value >= kTwoTo63)
-        return INT64_MAX;
-    if (value < -kTwoTo63)
-        return INT64_MIN;
+    if (std::fabs(value) >= kTwoTo63)
+        return value < 0 ? INT64_MIN : INT64_MAX;
     return static_cast<int64_t>(value);
 }
 
@@ -101,15 +103,18 @@ int64_t signed_pts(const synchronizer_frame_info_t& frame) { return static_cast<
 
 int64_t system_time_us() { return static_cast<int64_t>(get_system_time_us()); }
 
+bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
+
+// Shorthands for the printf arguments.
+long long lli(int64_t value) { return value; }
+unsigned long long llu(uint64_t value) { return value; }
+
 // One refresh of the display. A rate that no display has counts as unknown.
 int64_t frame_duration_us(float vrefresh)
 {
-    if (!(vrefresh > 0))
-        return kUnknownFrameUs;
-    const float duration = 1000000.0F / vrefresh;
-    if (duration < kShortestFrameUs || duration > kLongestFrameUs)
-        return kUnknownFrameUs;
-    return static_cast<int64_t>(duration);
+    const float duration = 1000000.0F / vrefresh; // infinite and NaN are possible, and outside the limits
+    const bool plausible = kShortestFrameUs <= duration && duration <= kLongestFrameUs;
+    return plausible ? static_cast<int64_t>(duration) : kUnknownFrameUs;
 }
 
 synchronizer_drm_info_t display_of(sync_strategy_info_t& sync)
@@ -119,8 +124,6 @@ synchronizer_drm_info_t display_of(sync_strategy_info_t& sync)
 }
 
 // --- Waits ----------------------------------------------------------------------
-// The conditions run on the monotonic clock: setting the wall clock back must
-// not freeze the picture for as long.
 
 // Has the sync thread look again, now or, while it is busy, at its next wait.
 void wake_sync_thread(sync_strategy_info_t& sync)
@@ -135,9 +138,7 @@ void wait_for_news(sync_strategy_info_t& sync, uint32_t timeout_us)
 {
     const struct timespec deadline = get_monotonic_timeout_us(timeout_us);
     mutex_guard guard(sync.sync_thread_mutex);
-    while (!sync.sync_thread_wake && !sync.sync_thread_exit) {
-        if (guard.wait_until(sync.sync_thread_cond, deadline) != 0)
-            break;
+    while (!sync.sync_thread_wake && !sync.sync_thread_exit && guard.wait_until(sync.sync_thread_cond, deadline) == 0) {
     }
     sync.sync_thread_wake = false;
 }
@@ -156,39 +157,14 @@ void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::at
 {
     if (thread == 0)
         return;
-    {
-        // Under the mutex: between the thread's test and its wait the signal would be lost.
-        mutex_guard guard(mutex);
-        exit = true;
-        pthread_cond_signal(&cond);
-    }
+    // Under the mutex: between the thread's test and its wait the signal would be lost.
+    mutex_guard guard(mutex);
+    exit = true;
+    pthread_cond_signal(&cond);
+    guard.unlock();
     pthread_join(thread, nullptr);
     thread = 0;
-}
-
-// --- Media clock ----------------------------------------------------------------
-
-// The extrapolated clock. The difference to the anchor's system time is a
-// float already, because the two queries convert it with different signedness.
-int64_t extrapolate(float elapsed, float rate, int64_t base_media_time)
-{
-    return to_int64(elapsed * rate + static_cast<float>(base_media_time));
-}
-
-// As the current-time query wants it: before its anchor, the clock is far ahead, hence at its bound.
-float elapsed_unsigned(int64_t now, int64_t base_system_time)
-{
-    return static_cast<float>(static_cast<uint64_t>(now) - static_cast<uint64_t>(base_system_time));
-}
-
-float elapsed_signed(int64_t now, int64_t base_system_time)
-{
-    return static_cast<float>(subtract(now, base_system_time));
-}
-
-int64_t release_time_at(int64_t now, int64_t media_time, int64_t master_time, float rate)
-{
-    return add(now, to_int64(static_cast<float>(subtract(media_time, master_time)) / rate));
+    exit = false;
 }
 
 // --- Threads --------------------------------------------------------------------
@@ -244,8 +220,7 @@ void* handle_vsync(void* arg)
         const int64_t end = system_time_us();
         sync.last_vsync_system_time = end;
         if (sync.enable_log)
-            log_v("vblank diff:%lli before:%lli end:%lli %ld\n", static_cast<long long>(end - before),
-                  static_cast<long long>(before), static_cast<long long>(end),
+            log_v("vblank diff:%lli before:%lli end:%lli %ld\n", lli(end - before), lli(before), lli(end),
                   static_cast<long>(int64_t{vbl.reply.tval_sec} * 1000000 + vbl.reply.tval_usec));
         wake_sync_thread(sync);
     }
@@ -265,10 +240,6 @@ constexpr const char* kStep = "on_Oru_sync_logic";
         if ((player).base.enable_log)                    \
             log_as(kStep, level, format, ##__VA_ARGS__); \
     } while (0)
-
-// Shorthands for the printf arguments.
-long long lli(int64_t value) { return value; }
-unsigned long long llu(uint64_t value) { return value; }
 
 bool has_last_frame(const oru_player& player) { return signed_pts(player.last_frame) != kUnset; }
 
@@ -309,6 +280,18 @@ void flip(oru_player& player, synchronizer_frame_info_t& frame)
     player.base.callback->flip_frame(player.base.callback_handle, &frame);
 }
 
+// Shows the frame now and starts the timer with it; false when there was none left.
+bool show_unpaced(oru_player& player, synchronizer_frame_info_t& frame, loglevel_e level)
+{
+    const int64_t now = system_time_us();
+    player.frame_timer = now;
+    if (!take(player, frame, now))
+        return false;
+    flip(player, frame);
+    trace_step(player, level, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now), frame.fd);
+    return true;
+}
+
 // A clock that was set back must not leave the timer in the far future.
 void pull_timer_back(oru_player& player, int64_t now, loglevel_e level)
 {
@@ -346,43 +329,9 @@ bool free_run_step(oru_player& player)
         return true;
     if (has_last_frame(player) && !player.base.low_latency_mode && !wait_distance(player, frame))
         return true;
-    synchronizer_set_base_media_time(&player, signed_pts(frame), -1);
-    const int64_t now = system_time_us();
-    player.frame_timer = now;
-    if (!take(player, frame, now))
-        return true;
-    flip(player, frame);
-    trace_step(player, LOG_LEVEL_I, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now),
-               frame.fd);
+    synchronizer_set_base_media_time(&player, signed_pts(frame), kUnset);
+    show_unpaced(player, frame, LOG_LEVEL_I);
     return true;
-}
-
-void show_first(oru_player& player, synchronizer_frame_info_t& frame)
-{
-    const int64_t now = system_time_us();
-    player.frame_timer = now;
-    if (!take(player, frame, now))
-        return;
-    flip(player, frame);
-    player.base.last_flip_system_time = system_time_us();
-    trace_step(player, LOG_LEVEL_D, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now),
-               frame.fd);
-}
-
-struct av_clocks {
-    int64_t video;
-    int64_t audio;
-    int64_t diff; ///< positive: video ahead of audio
-};
-
-av_clocks read_clocks(oru_player& player, const synchronizer_frame_info_t& frame)
-{
-    av_clocks clocks = {};
-    const int64_t since_last = subtract(system_time_us(), player.last_frame_system_time);
-    clocks.video = std::min(add(signed_pts(player.last_frame), since_last), signed_pts(frame));
-    synchronizer_get_current_media_time(&player, &clocks.audio);
-    clocks.diff = subtract(clocks.video, clocks.audio);
-    return clocks;
 }
 
 // How long the last frame stays: its duration, less when video is late, more
@@ -400,40 +349,24 @@ int64_t corrected_delay(int64_t duration, int64_t diff)
     return duration;
 }
 
-bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
-
-// Logs how far apart sound and picture are; false when it is unacceptable.
-bool classify(oru_player& player, int64_t diff)
-{
-    if (within(diff, kUndetectableLateUs, kUndetectableEarlyUs)) {
-        trace_step(player, LOG_LEVEL_D, "video clock sync audio clock undetectable\n");
-        return true;
-    }
-    if (within(diff, kDetectableLateUs, kDetectableEarlyUs)) {
-        trace_step(player, LOG_LEVEL_I, "video clock sync audio clock detectable\n");
-        return true;
-    }
-    if (within(diff, kAcceptableLateUs, kAcceptableEarlyUs)) {
-        trace_step(player, LOG_LEVEL_I, "video clock sync audio clock acceptable\n");
-        return true;
-    }
-    trace_step(player, LOG_LEVEL_W, "video clock sync audio clock unacceptable\n");
-    return false;
-}
-
 // With the sync log on, a frame far ahead of the audio clock waits for it.
 // True when the step waited. The tie to the log switch is intended.
-bool waited_for_audio(oru_player& player, const av_clocks& clocks, int64_t delay)
+bool waited_for_audio(oru_player& player, int64_t video_clock_pts, int64_t audio_clock_pts, int64_t delay)
 {
     if (!player.base.enable_log)
         return false;
+    const int64_t diff = subtract(video_clock_pts, audio_clock_pts);
     trace_step(player, LOG_LEVEL_I, "video_clock_pts:%lli audio_clock_pts:%lli diff:%lli delay:%lli\n",
-               lli(clocks.video), lli(clocks.audio), lli(clocks.diff), lli(delay));
-    if (classify(player, clocks.diff) || clocks.diff <= kAcceptableEarlyUs)
+               lli(video_clock_pts), lli(audio_clock_pts), lli(diff), lli(delay));
+    const auto* offset = kOffsetClasses;
+    while (!within(diff, offset->late_us, offset->early_us))
+        ++offset;
+    trace_step(player, offset->level, "video clock sync audio clock %s\n", offset->name);
+    if (diff <= kAcceptableEarlyUs)
         return false;
     trace_step(player, LOG_LEVEL_I, "wait audio clock update, video_clock_pts:%lli audio_clock_pts:%lli diff:%lli\n",
-               lli(clocks.video), lli(clocks.audio), lli(clocks.diff));
-    wait_for_news(player.base, static_cast<uint32_t>(clocks.diff));
+               lli(video_clock_pts), lli(audio_clock_pts), lli(diff));
+    wait_for_news(player.base, static_cast<uint32_t>(diff));
     return true;
 }
 
@@ -464,21 +397,24 @@ int64_t flip_target(oru_player& player, const synchronizer_frame_info_t& frame, 
 
 // Decides about a frame that has a predecessor: true when its time has come,
 // with the delay that the timer advances by; false after a wait.
-bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t* delay)
+bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t& delay)
 {
     const int64_t last_frame_duration = subtract(signed_pts(frame), signed_pts(player.last_frame));
     trace_step(player, LOG_LEVEL_D, "last_frame_duration:%lli frame_pts:%llu lastFramePts:%llu\n",
                lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
-    const av_clocks clocks = read_clocks(player, frame);
-    *delay = corrected_delay(last_frame_duration, clocks.diff);
-    if (waited_for_audio(player, clocks, *delay))
+    const int64_t since_last = subtract(system_time_us(), player.last_frame_system_time);
+    const int64_t video_clock_pts = std::min(add(signed_pts(player.last_frame), since_last), signed_pts(frame));
+    int64_t audio_clock_pts = 0;
+    synchronizer_get_current_media_time(&player, &audio_clock_pts);
+    delay = corrected_delay(last_frame_duration, subtract(video_clock_pts, audio_clock_pts));
+    if (waited_for_audio(player, video_clock_pts, audio_clock_pts, delay))
         return false;
 
     const int64_t now = system_time_us();
     pull_timer_back(player, now, LOG_LEVEL_D);
     grid.sampled_time = player.base.last_vsync_system_time;
-    const int64_t target = flip_target(player, frame, grid, now, *delay);
-    const int64_t due = add(player.frame_timer, *delay);
+    const int64_t target = flip_target(player, frame, grid, now, delay);
+    const int64_t due = add(player.frame_timer, delay);
     if (now >= due || frame_render_by_vsync(target, grid.sampled_time, grid.duration))
         return true;
 
@@ -488,15 +424,6 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vs
                lli(remaining_time));
     wait_for_news(player.base, static_cast<uint32_t>(remaining_time));
     return false;
-}
-
-// Moves the timer to the frame that is taken now. After a negative delay it
-// may lag: the stream jumped back, and the timer with it.
-void advance_timer(oru_player& player, int64_t now, int64_t delay)
-{
-    player.frame_timer = add(player.frame_timer, delay);
-    if (delay > 0 && subtract(now, player.frame_timer) > kTimerLagMaxUs)
-        player.frame_timer = now;
 }
 
 // Drops the taken frame when its successor is already due; @p next is then the successor.
@@ -520,19 +447,24 @@ void flip_paced(oru_player& player, synchronizer_frame_info_t& frame)
 {
     flip(player, frame);
     const int64_t flip_time = system_time_us();
+    const int64_t last_flip_time = player.base.last_flip_system_time.exchange(flip_time);
     trace_step(player, LOG_LEVEL_I, "flip_frame frame_pts:%llu fd:%d last_frame_actual_duration:%lli flip_time:%lli\n",
-               llu(frame.pts), frame.fd, lli(subtract(flip_time, player.base.last_flip_system_time)), lli(flip_time));
-    player.base.last_flip_system_time = flip_time;
+               llu(frame.pts), frame.fd, lli(subtract(flip_time, last_flip_time)), lli(flip_time));
 }
 
-// Shows the frame, or the first of its successors that is not late as well.
+// Shows the frame, or the first of its successors that is not late as well. A
+// host that queues a frame for each that is dropped could be late for ever:
+// a stop ends that too.
 void pace(oru_player& player, synchronizer_frame_info_t frame)
 {
     vsync_grid grid = {kUnset, kUnknownFrameUs};
     int64_t delay = 0;
-    while (frame_is_due(player, frame, grid, &delay)) {
+    while (!player.base.sync_thread_exit && frame_is_due(player, frame, grid, delay)) {
         const int64_t now = system_time_us();
-        advance_timer(player, now, delay);
+        player.frame_timer = add(player.frame_timer, delay);
+        // After a jump back of the stream, a negative delay, the timer may lag.
+        if (delay > 0 && subtract(now, player.frame_timer) > kTimerLagMaxUs)
+            player.frame_timer = now;
         trace_step(player, LOG_LEVEL_I, "system_time:%lli frame_timer:%lli video late sys:%lli delay:%lli\n", lli(now),
                    lli(player.frame_timer), lli(subtract(now, player.frame_timer)), lli(delay));
         if (!take(player, frame, now))
@@ -563,24 +495,20 @@ bool audio_master_step(oru_player& player)
     }
     if (has_last_frame(player))
         pace(player, frame);
-    else
-        show_first(player, frame);
+    else if (show_unpaced(player, frame, LOG_LEVEL_D))
+        player.base.last_flip_system_time = system_time_us();
     return true;
 }
 
 // For the laboratory: state and mode can be forced from the environment at any time.
-void apply_forced(sync_strategy_info_t& sync)
+template <typename Setting>
+void apply_forced(const char* variable, const char* name, std::atomic<Setting>& setting, Setting last)
 {
-    const int state = env_get_value("debug.hdmiplayer.sync.forcestate", -1);
-    if (within(state, E_SYNC_STATE_STOP, E_SYNC_STATE_RESUME) && state != sync.state) {
-        sync.state = static_cast<synchronizer_state_e>(state);
-        log_as(kStep, LOG_LEVEL_D, "force state:%d\n", state);
-    }
-    const int mode = env_get_value("debug.hdmiplayer.sync.forcemode", -1);
-    if (within(mode, E_SYNC_MODE_FREERUN, E_SYNC_MODE_VIDEO_MASTER) && mode != sync.mode) {
-        sync.mode = static_cast<synchronizer_mode_e>(mode);
-        log_as(kStep, LOG_LEVEL_D, "force mode:%d\n", mode);
-    }
+    const int forced = env_get_value(variable, -1);
+    if (!within(forced, 0, last) || forced == setting)
+        return;
+    setting = static_cast<Setting>(forced);
+    log_as(kStep, LOG_LEVEL_D, "force %s:%d\n", name, forced);
 }
 
 } // namespace
@@ -611,14 +539,13 @@ bool synchronizer_deinit(void* handle)
     if (missing(handle, "handle"))
         return false;
     synchronizer_stop(handle);
-    auto* info = static_cast<sync_strategy_info_Oru_player_t*>(handle);
-    sync_strategy_info_t& sync = info->base;
+    sync_strategy_info_t& sync = base_of(handle);
     pthread_cond_destroy(&sync.sync_thread_cond);
     pthread_cond_destroy(&sync.vsync_thread_cond);
     for (mutex_t* mutex :
          {&sync.mutex, &sync.sync_thread_mutex, &sync.vsync_thread_mutex, &sync.exit_mutex, &sync.control_mutex})
         mutex->destroy();
-    delete info;
+    delete static_cast<sync_strategy_info_Oru_player_t*>(handle);
     return true;
 }
 
@@ -643,13 +570,11 @@ bool synchronizer_start(void* handle)
     mutex_guard guard(sync.control_mutex);
     if (sync.sync_thread != 0)
         return true;
-    sync.sync_thread_exit = false;
     if (pthread_create(&sync.sync_thread, nullptr, handle_sync_logic, handle) != 0) {
         log_e("create sync_thread failed!\n");
         sync.sync_thread = 0;
         return false;
     }
-    sync.vsync_thread_exit = false;
     if (pthread_create(&sync.vsync_thread, nullptr, handle_vsync, handle) != 0) {
         log_e("create vsync_thread failed!\n");
         sync.vsync_thread = 0;
@@ -704,10 +629,9 @@ bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode)
         return false;
     }
     sync_strategy_info_t& sync = base_of(handle);
-    {
-        mutex_guard guard(sync.mutex);
-        sync.mode = mode;
-    }
+    mutex_guard guard(sync.mutex);
+    sync.mode = mode;
+    guard.unlock();
     log_d("mode:%d\n", mode);
     return true;
 }
@@ -730,12 +654,11 @@ bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state)
         return false;
     }
     sync_strategy_info_t& sync = base_of(handle);
-    {
-        mutex_guard guard(sync.mutex);
-        if (state == E_SYNC_STATE_RESUME)
-            sync.base_system_time = static_cast<int64_t>(system_time(CLOCK_MONOTONIC) / 1000);
-        sync.state = state;
-    }
+    mutex_guard guard(sync.mutex);
+    if (state == E_SYNC_STATE_RESUME)
+        sync.base_system_time = static_cast<int64_t>(system_time(CLOCK_MONOTONIC) / 1000);
+    sync.state = state;
+    guard.unlock();
     log_d("state:%d\n", state);
     return true;
 }
@@ -754,10 +677,9 @@ bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info)
     if (missing(handle, "handle"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
-    {
-        mutex_guard guard(sync.mutex);
-        sync.drm_info = info;
-    }
+    mutex_guard guard(sync.mutex);
+    sync.drm_info = info;
+    guard.unlock();
     log_d("fd:%d vrefresh:%0.2f\n", info.fd, static_cast<double>(info.vrefresh));
     return true;
 }
@@ -771,6 +693,18 @@ bool synchronizer_enable_low_latency_mode(void* handle, bool enable)
 }
 
 // --- Media clock ----------------------------------------------------------------
+
+namespace
+{
+
+// The two queries convert the time since the anchor with different signedness,
+// hence it comes as a float.
+int64_t extrapolate(const sync_strategy_info_t& sync, float elapsed) REQUIRES(sync.mutex)
+{
+    return to_int64(elapsed * sync.rate + static_cast<float>(sync.base_media_time));
+}
+
+} // namespace
 
 bool synchronizer_set_playback_rate(void* handle, float rate)
 {
@@ -801,14 +735,12 @@ bool synchronizer_set_base_media_time(void* handle, int64_t media_time, int64_t 
     if (missing(handle, "handle"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
-    int64_t now = 0;
-    {
-        mutex_guard guard(sync.mutex);
-        now = system_time_us();
-        sync.base_media_time = media_time;
-        sync.max_media_time = max_media_time;
-        sync.base_system_time = now;
-    }
+    mutex_guard guard(sync.mutex);
+    const int64_t now = system_time_us();
+    sync.base_media_time = media_time;
+    sync.max_media_time = max_media_time;
+    sync.base_system_time = now;
+    guard.unlock();
     if (sync.enable_log)
         log_i("media_time:%lli max_media_time:%lli system_time:%lli\n", lli(media_time), lli(max_media_time), lli(now));
     wake_sync_thread(sync);
@@ -825,8 +757,9 @@ bool synchronizer_get_current_media_time(void* handle, int64_t* media_time)
         return true;
     }
     mutex_guard guard(sync.mutex);
-    *media_time =
-        extrapolate(elapsed_unsigned(system_time_us(), sync.base_system_time), sync.rate, sync.base_media_time);
+    // Unsigned: before its anchor the clock is far ahead, hence at its bound.
+    const uint64_t elapsed = get_system_time_us() - static_cast<uint64_t>(sync.base_system_time);
+    *media_time = extrapolate(sync, static_cast<float>(elapsed));
     if (sync.max_media_time >= 1 && *media_time > sync.max_media_time) {
         if (sync.enable_log)
             log_w("audio stuck, underrun time:%lli\n", lli(*media_time - sync.max_media_time));
@@ -844,9 +777,9 @@ bool synchronizer_get_release_time(void* handle, int64_t media_time, int64_t* re
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.mutex);
     const int64_t now = system_time_us();
-    const int64_t master_time =
-        extrapolate(elapsed_signed(now, sync.base_system_time), sync.rate, sync.base_media_time);
-    *release_time = release_time_at(now, media_time, master_time, sync.rate);
+    const int64_t master_time = extrapolate(sync, static_cast<float>(subtract(now, sync.base_system_time)));
+    const auto ahead = static_cast<float>(subtract(media_time, master_time));
+    *release_time = add(now, to_int64(ahead / sync.rate));
     if (sync.enable_log)
         log_d("media_time:%lli release_time:%lli\n", lli(media_time), lli(*release_time));
     return true;
@@ -891,7 +824,8 @@ bool on_Oru_sync_logic(void* handle)
         return false;
     if (sync.resync_requested.exchange(false))
         forget_history(player);
-    apply_forced(sync);
+    apply_forced("debug.hdmiplayer.sync.forcestate", "state", sync.state, E_SYNC_STATE_RESUME);
+    apply_forced("debug.hdmiplayer.sync.forcemode", "mode", sync.mode, E_SYNC_MODE_VIDEO_MASTER);
     const synchronizer_mode_e mode = sync.mode;
     if (mode == E_SYNC_MODE_FREERUN || sync.state != E_SYNC_STATE_START)
         return free_run_step(player);

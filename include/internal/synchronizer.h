@@ -118,7 +118,7 @@ bool synchronizer_deinit(void* handle);
 /// Sets the frame queue; before start.
 bool synchronizer_set_callback(void* handle, void* callback_handle, synchronizer_callback_t* callback);
 
-/// Starts the sync and the vsync thread; true without effect when they run already.
+/// Starts the sync and the vsync thread; true without effect when they run already. Not from a callback.
 bool synchronizer_start(void* handle);
 
 /// Ends both threads and waits for them: at most the callback that runs and one vertical blank. Not from a callback.
@@ -127,7 +127,8 @@ bool synchronizer_stop(void* handle);
 /// Wakes the sync thread: a frame was queued. Does not block; harmless while stopped.
 bool synchronizer_notify_frame_done(void* handle);
 
-/// Forgets the pacing history: the next frame is shown at once. While the threads run, the next step does so.
+/// Forgets the pacing history: the next frame is shown at once. While the threads run, the next step does so. Not from
+/// a callback.
 bool synchronizer_resync(void* handle);
 
 bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode);
