@@ -128,6 +128,7 @@ bool reopen_device()
         return false;
     frame_queue_done_release(g_ai_info.pcm_frame_queue);
     frame_queue_done_release(g_ai_info.iec61937_queue);
+    g_ai_info.stream_broken = true;
     update_acquire_size();
     return true;
 }
@@ -164,6 +165,8 @@ void restart_time_line(int32_t queue)
     g_ai_info.frame_serial = audio_input_next_serial(g_ai_info.frame_serial);
     g_ai_info.read_frames = 0;
     audio_input_avsync_reset(false);
+    if (frame_queue_get_done_counts(queue) > 0)
+        g_ai_info.stream_broken = true;
     frame_queue_done_release(queue);
     log_i("[avsync_reset] done, frame_serial:%d!\n", g_ai_info.frame_serial);
 }
@@ -177,6 +180,14 @@ void stamp_time(hdmi_player_audio_frame_t* frame)
           static_cast<long long>(g_ai_info.read_frames), static_cast<long long>(frame->pts), frame->sample_rate);
 }
 
+// A compressed chunk has no time of its own.
+void stamp_break(hdmi_player_audio_frame_t* frame)
+{
+    frame->pts = g_ai_info.stream_broken ? kStreamBreakPts : 0;
+    g_ai_info.stream_broken = false;
+    log_d("serial:%d sample_rate:%d size:%d\n", frame->serial, frame->sample_rate, frame->size);
+}
+
 void deliver(int32_t queue, frame_info_t* slot, audio_input_format_e format)
 {
     if (g_ai_info.avsync_reset)
@@ -188,7 +199,7 @@ void deliver(int32_t queue, frame_info_t* slot, audio_input_format_e format)
     if (format == AUDIO_INPUT_FORMAT_PCM)
         stamp_time(frame);
     else
-        log_d("serial:%d sample_rate:%d size:%d\n", frame->serial, frame->sample_rate, frame->size);
+        stamp_break(frame);
     frame_queue_done_enqueue(queue, slot);
 }
 
@@ -444,6 +455,7 @@ void clear_record() REQUIRES(g_ai_info.api_rwlock)
     g_ai_info.changed_cb = nullptr;
     g_ai_info.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
     g_ai_info.reading = false;
+    g_ai_info.stream_broken = false;
     g_ai_info.read_failing = false;
     g_ai_info.uevent_fd = -1;
 }

@@ -175,6 +175,25 @@ bool is_silent(const uint8_t* data, uint32_t size)
     return size == 0 || (data[0] == 0 && memcmp(data, data + 1, size - 1) == 0);
 }
 
+// The stream does not go on where it was, but most likely in the middle of a burst.
+void begin_stream(dolby_info_t* info)
+{
+    info->iec61937_burst_insufficient_bytes = 0;
+    info->iec61937_payload_insufficient_bytes = 0;
+    info->iec61937_header_size = 0;
+    const burst_type* type = is_decodable(info->format) ? find_burst_type(info->format) : nullptr;
+    info->stuffing_bytes = type != nullptr ? type->burst_bytes : 0;
+}
+
+// Zeros before the first burst of a stream that began in the middle of one are its stuffing, as long as they are no
+// longer than a burst. Taken for a pause, they would have the next burst reopen the capture, and so on for ever.
+bool is_stuffing(dolby_info_t* info, uint32_t size)
+{
+    const bool fits = size < info->stuffing_bytes;
+    info->stuffing_bytes = fits ? info->stuffing_bytes - size : 0;
+    return fits;
+}
+
 adecoder_handle_t* current_decoder(dolby_info_t* info)
 {
     mutex_guard lock(info->decoder_mutex);
@@ -237,7 +256,13 @@ void dolby_demux(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
 
     const uint32_t size = chunk->data != nullptr && chunk->size > 0 ? static_cast<uint32_t>(chunk->size) : 0;
     dolby_dump(info, DOLBY_DUMP_IEC61937, chunk->data, size);
-    if (dolby_disassemble_iec61937(info, chunk->data, size) == 0 || !is_silent(chunk->data, size))
+    if (chunk->pts == kStreamBreakPts)
+        begin_stream(info);
+    if (dolby_disassemble_iec61937(info, chunk->data, size) == 0) {
+        info->stuffing_bytes = 0;
+        return;
+    }
+    if (!is_silent(chunk->data, size) || is_stuffing(info, size))
         return;
 
     frame_info_t* silence = acquire_silence_frame(info, static_cast<int32_t>(size));
@@ -344,6 +369,7 @@ void reset_record(dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS
     info->frame_serial = -1;
     info->last_frame_serial = -1;
     info->iec61937_header_size = 0;
+    info->stuffing_bytes = 0;
     memset(info->iec61937_header, 0, sizeof(info->iec61937_header));
     info->adecoder_handle = nullptr;
     info->dump_path_iec61937 = nullptr;

@@ -470,6 +470,9 @@ void set_avsync(video_info_t& video, bool reset, bool disable_avsync) REQUIRES(v
 {
     video.avsync_reset = reset;
     video.disable_avsync = disable_avsync;
+    // An unfinished reset ends: the sound that it waits for may never be played, as where it goes past the player.
+    if (disable_avsync)
+        video.resetting = false;
     log_as("video_avsync_reset", LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disable_avsync);
 }
 

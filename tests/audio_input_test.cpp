@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "hdmi_sim.h"
+#include "internal/frame_queue.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 #include "support/log_capture.h"
@@ -575,7 +576,7 @@ TEST_F(AudioInput, ACompressedStreamHasItsOwnQueueItsSerialAndNoTime)
     ASSERT_TRUE(chunk);
     EXPECT_EQ(chunk->buf_size, 4);
     EXPECT_EQ(chunk->serial, 1);
-    EXPECT_EQ(chunk->pts, 0);
+    EXPECT_EQ(chunk->pts, kStreamBreakPts) << "the three chunks before it were discarded";
     EXPECT_EQ(chunk->sample_rate, 48000);
     EXPECT_FALSE(take_pcm(0));
     audio_input_wakeup_iec61937_queue();

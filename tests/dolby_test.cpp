@@ -390,7 +390,7 @@ TEST_F(BurstParser, DamagedStreamsOfAnyCutStayInsideTheChunk)
 class Source
 {
 public:
-    void push(const Bytes& data, int32_t serial = 0, int32_t channels = 2, int32_t rate = 48000)
+    void push(const Bytes& data, int32_t serial = 0, int32_t channels = 2, int32_t rate = 48000, int64_t pts = 0)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         chunks_.push_back({data, {}});
@@ -400,6 +400,7 @@ public:
         chunk.frame.channels = channels;
         chunk.frame.sample_rate = rate;
         chunk.frame.serial = serial;
+        chunk.frame.pts = pts;
         ++pushed_;
         cond_.notify_all();
     }
@@ -615,6 +616,31 @@ TEST_F(DecodePipeline, SilenceBeforeTheFirstBurstIsPlayedAndTheBurstThenForcesAR
     feed(Bytes(1920), 3, 2, 192000);
     feed(ac3_burst(make_payload(1536)), 4, 2, 192000);
     EXPECT_EQ(2, calls.changed);
+}
+
+// A capture that reopens in the middle of a burst begins with stuffing. A reset for it would reopen the capture again.
+TEST_F(DecodePipeline, StuffingAtTheBeginningOfAReopenedStreamIsNoSilence)
+{
+    start();
+    const auto reopen = [this](const Bytes& chunk) { feed(chunk, 0, 2, 48000, kStreamBreakPts); };
+    const Bytes burst = ac3_burst(make_payload(1000));
+    feed(burst);
+    EXPECT_EQ(1, calls.changed);
+    feed(Bytes(burst.begin(), burst.begin() + 500)); // owes payload and stuffing when the stream breaks
+    reopen(Bytes(3000));
+    feed(Bytes(3000));
+    const auto written = [this] { return decoder.get(&FakeDecoder::written).size(); };
+    const size_t before = written();
+    feed(burst);
+    EXPECT_EQ(1000U, written() - before) << "found at once, and nothing of the old burst sent";
+    EXPECT_EQ(1, calls.changed);
+    EXPECT_EQ(-1, g_dolby_info.last_frame_serial) << "no silence was queued";
+    // A pause is longer than a burst.
+    reopen(Bytes(3840));
+    feed(Bytes(3840));
+    EXPECT_EQ(Bytes(3840).size(), static_cast<size_t>(take()->size));
+    feed(burst);
+    EXPECT_EQ(1, calls.forced);
 }
 
 TEST_F(DecodePipeline, DecodedPcmCarriesSerialRateAndPts)

@@ -611,6 +611,19 @@ TEST_F(VideoTest, ResetsOnRequestOnce)
     EXPECT_EQ(host_.count("event"), 0U);
 }
 
+// The sound that the reset waits for may have gone past the player: only a new reset brings other sound.
+TEST_F(VideoTest, ResetsAnewAfterFreeRunThatCutAResetShort)
+{
+    start();
+    EXPECT_EQ(render(1), -1);
+    video_avsync_reset(true, true);
+    EXPECT_EQ(render(2), 0);
+    host_.take_calls();
+    video_avsync_reset(true, false);
+    EXPECT_EQ(render(3), -1);
+    EXPECT_EQ(host_.count("event"), 1U);
+}
+
 TEST_F(VideoTest, ResetsWhenTheQueueIsFullAndDropsOnlyTheOldestFrame)
 {
     start_synchronized();

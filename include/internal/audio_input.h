@@ -58,6 +58,7 @@ typedef struct audio_input_info_s {
     pthread_attr_t attr = {};
     int32_t iec61937_queue = -1;                     ///< "IEC61937"; -1: none
     int32_t frame_serial = 0;                        ///< read thread only
+    bool stream_broken = false;                      ///< chunks were lost since the last one queued; read thread only
     mutex_t internal_mutex;                          ///< serialises the setters
     rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: init and the end of deinit; read: everything else
     void (*changed_cb)(bool changed, bool* restarted) = nullptr;                     ///< constant after init

@@ -101,6 +101,7 @@ typedef struct dolby_info_s {
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
     void (*input_queue_wakeup_cb)(void) = nullptr;
+    uint32_t stuffing_bytes = 0; ///< zeros that are no pause, after a break in the stream; demux thread only
     std::atomic<bool> demux_acquiring{false}; ///< the demux thread takes a frame of "DOLBY_OUT", or waits for one
 } dolby_info_t;
 

@@ -26,6 +26,10 @@ constexpr int32_t FRAME_QUEUE_POOL_MAX = 128;
 /// Queues that can exist at a time.
 constexpr uint32_t FRAME_QUEUE_MAX = 16;
 
+/// The pts of a captured compressed chunk that does not continue the one before it: the capture was opened anew, or
+/// chunks were discarded. Other compressed chunks have pts 0.
+constexpr int64_t kStreamBreakPts = INT64_MIN;
+
 typedef enum {
     E_FRAME_NODE_STATE_FREE = 0,     ///< in the pool; its buffer, if any, is kept for reuse
     E_FRAME_NODE_STATE_DEQUEUED = 1, ///< held by the consumer

@@ -302,7 +302,9 @@ PlaybackStats playback_stats()
     sim::Playback& p = sim::playback();
     mutex_guard guard(p.mutex);
     sim::settle(p, now_ns());
-    return p.stats;
+    PlaybackStats stats = p.stats;
+    stats.open = p.open;
+    return stats;
 }
 
 std::vector<PlayedBlock> playback_blocks()

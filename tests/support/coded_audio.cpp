@@ -25,12 +25,12 @@ void check(bool good, const char* what)
         throw std::runtime_error(what);
 }
 
-void fill_tones(AVFrame* frame, int64_t start, std::mt19937* random)
+void fill_tones(AVFrame* frame, int64_t start, double tone_hz, std::mt19937* random)
 {
     std::uniform_real_distribution<float> noise(-0.01f, 0.01f);
     for (int channel = 0; channel < frame->ch_layout.nb_channels; ++channel) {
         auto* to = reinterpret_cast<float*>(frame->extended_data[channel]);
-        const double step = 2 * M_PI * (300.0 + 170.0 * channel) / frame->sample_rate;
+        const double step = 2 * M_PI * (tone_hz + 170.0 * channel) / frame->sample_rate;
         for (int i = 0; i < frame->nb_samples; ++i)
             to[i] = static_cast<float>(0.2 * std::sin(step * static_cast<double>(start + i))) + noise(*random);
     }
@@ -85,7 +85,7 @@ std::vector<Bytes> encode(const Format& format, int count)
         frame->pts = start;
         av_channel_layout_copy(&frame->ch_layout, &encoder->ch_layout);
         check(av_frame_get_buffer(frame, 0) == 0, "frame");
-        fill_tones(frame, start, &random);
+        fill_tones(frame, start, format.tone_hz, &random);
         check(avcodec_send_frame(encoder, frame) == 0, "encode");
         av_frame_unref(frame);
         take_packets(encoder, packet, &packets);

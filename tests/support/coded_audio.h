@@ -23,6 +23,7 @@ struct Format {
     int rate = 48000;
     int channels = 2;
     int64_t bit_rate = 192000;
+    double tone_hz = 300; ///< of the first channel; 170 Hz more in each further one
 };
 
 /// @p count packets of one frame each: a tone per channel and a little noise.

@@ -237,6 +237,7 @@ struct PlayedBlock {
     bool silence;     ///< made by an underrun
 };
 struct PlaybackStats {
+    bool open = false;
     int64_t opens = 0;
     int64_t frames_written = 0;
     int64_t underruns = 0;

@@ -1,0 +1,415 @@
+// SPDX-License-Identifier: MIT
+// Compressed input through the whole player, on the simulated platform: what a host hears of it.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "coded_audio.h"
+#include "hdmi_player.h"
+#include "hdmi_sim.h"
+
+using namespace std::chrono_literals;
+using coded_audio::Bytes;
+using hdmi_sim::Bitstream;
+using hdmi_sim::BurstOptions;
+using hdmi_sim::Coding;
+using hdmi_sim::Op;
+
+namespace
+{
+
+constexpr auto kGenerous = 10s;
+constexpr auto kPromptClose = 3s;
+constexpr int kBurstSamples = 1536;
+constexpr int kOverlapSamples = 256; ///< of the coder's blocks: incomplete where nothing precedes
+constexpr int64_t kSecond = 1'000'000'000;
+
+bool eventually(const std::function<bool()>& condition, std::chrono::nanoseconds patience = kGenerous)
+{
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+// --- What the source sends: every kind of sound has a pitch of its own ------------------
+
+enum class Kind { silence, ac3, eac3, pcm, other };
+
+constexpr double kAc3Hz = 300;
+constexpr double kEac3Hz = 2000;
+constexpr double kPcmHz = 8000;
+constexpr size_t kStreamBursts = 32;
+
+const coded_audio::Format kAc3 = {AV_CODEC_ID_AC3, 48000, 2, 192000, kAc3Hz};
+const coded_audio::Format kEac3 = {AV_CODEC_ID_EAC3, 48000, 2, 256000, kEac3Hz};
+
+// A stream that is sent in rounds, and what a decoder makes of them.
+struct Programme {
+    Bitstream stream;
+    Bytes link;                     ///< of one round, from an independent muxer
+    std::vector<int16_t> reference; ///< of several rounds, interleaved stereo
+};
+
+Programme make_programme(const coded_audio::Format& format)
+{
+    const std::vector<Bytes> packets = coded_audio::encode(format, kStreamBursts);
+    Programme programme;
+    const Bytes bytes = coded_audio::join(packets);
+    const Coding coding = format.codec == AV_CODEC_ID_AC3 ? Coding::ac3 : Coding::eac3;
+    std::string error;
+    if (!hdmi_sim::pack_bitstream(coding, bytes.data(), bytes.size(), &programme.stream, &error))
+        throw std::runtime_error(error);
+    programme.link = coded_audio::mux_bursts(format, packets);
+    std::vector<Bytes> rounds;
+    for (int i = 0; i < 4; ++i)
+        rounds.insert(rounds.end(), packets.begin(), packets.end());
+    programme.reference = coded_audio::decode(format, rounds, 2);
+    return programme;
+}
+
+const Programme& programme(Kind kind)
+{
+    static const Programme ac3 = make_programme(kAc3);
+    static const Programme eac3 = make_programme(kEac3);
+    return kind == Kind::ac3 ? ac3 : eac3;
+}
+
+hdmi_sim::Signal pcm_signal()
+{
+    hdmi_sim::Signal signal;
+    signal.generate = [](int64_t first, int16_t* words, int frames) {
+        for (int i = 0; i < frames; ++i)
+            words[2 * i] = words[2 * i + 1] =
+                static_cast<int16_t>(8000 * std::sin(2 * M_PI * kPcmHz * static_cast<double>(first + i) / 48000 + 0.1));
+    };
+    return signal;
+}
+
+BurstOptions rounds(int phase_bytes = -1)
+{
+    BurstOptions options;
+    options.repeat = true;
+    options.phase_bytes = phase_bytes;
+    return options;
+}
+
+hdmi_sim::Signal signal_of(Kind kind, int phase_bytes = -1)
+{
+    return kind == Kind::pcm ? pcm_signal() : hdmi_sim::bitstream_signal(programme(kind).stream, rounds(phase_bytes));
+}
+
+std::string state_of(Kind kind) { return hdmi_sim::announce_text(kind != Kind::pcm, 48000); }
+
+// By the zero crossings of the first channel.
+Kind kind_of(const std::vector<int16_t>& pcm)
+{
+    size_t crossings = 0;
+    bool silent = true;
+    for (size_t i = 2; i < pcm.size(); i += 2) {
+        silent = silent && pcm[i] == 0;
+        crossings += (pcm[i - 2] < 0) != (pcm[i] < 0);
+    }
+    if (silent)
+        return Kind::silence;
+    const double hz = static_cast<double>(crossings) / static_cast<double>(pcm.size()) * 48000;
+    for (const auto& [kind, pitch] : {std::pair(Kind::ac3, kAc3Hz), {Kind::eac3, kEac3Hz}, {Kind::pcm, kPcmHz}}) {
+        if (hz > 0.7 * pitch && hz < 1.3 * pitch)
+            return kind;
+    }
+    return Kind::other;
+}
+
+// --- A host ------------------------------------------------------------------------------
+
+struct Block {
+    int64_t taken_ns;
+    int32_t serial;
+    bool written;
+    std::vector<int16_t> pcm;
+};
+
+std::atomic<int> g_unsupported{0};
+std::atomic<int> g_resets{0};
+std::atomic<int> g_flipped{0};
+
+void on_event(hdmi_player_event_e event)
+{
+    if (event == E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED)
+        g_unsupported++;
+    if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
+        g_resets++;
+}
+void on_flip(hdmi_player_video_frame_t) { g_flipped++; }
+void on_drop(hdmi_player_video_frame_t) {}
+
+// Takes, plays and keeps the sound; renders 60 frames a second, or none.
+class Host
+{
+public:
+    explicit Host(bool video, hdmi_player_ao_dev_e device = E_HDMI_PLAYER_AO_DEV_SPEAKER) : m_video(video)
+    {
+        g_unsupported = g_resets = g_flipped = 0;
+        hdmi_player_config_t config = {};
+        config.ao_dev = device;
+        config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
+        config.video_frame_queue_size = 24;
+        config.event_cb = on_event;
+        config.video_frame_drop_cb = on_drop;
+        config.video_frame_flip_cb = on_flip;
+        if (hdmi_player_open(config) != 0)
+            throw std::runtime_error("open");
+        hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+        m_audio = std::thread([this] { audio(); });
+        m_render = std::thread([this] { render(); });
+    }
+    ~Host() { close(); }
+
+    void close()
+    {
+        if (m_done.exchange(true))
+            return;
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(hdmi_player_close(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, kPromptClose);
+        m_audio.join();
+        m_render.join();
+    }
+
+    std::vector<Block> blocks()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_blocks;
+    }
+    void forget()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_blocks.clear();
+    }
+    std::vector<int16_t> pcm()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<int16_t> all;
+        for (const Block& block : m_blocks)
+            all.insert(all.end(), block.pcm.begin(), block.pcm.end());
+        return all;
+    }
+    /// When sound of this kind first went to the output after @p since_ns; 0: not yet.
+    int64_t heard(Kind kind, int64_t since_ns)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (const Block& block : m_blocks) {
+            if (block.written && block.taken_ns >= since_ns && kind_of(block.pcm) == kind)
+                return block.taken_ns;
+        }
+        return 0;
+    }
+    bool hears(Kind kind, int64_t since_ns = 0)
+    {
+        return eventually([&] { return heard(kind, since_ns) != 0; });
+    }
+
+private:
+    void audio()
+    {
+        int resets = 0;
+        int32_t waiting_for = m_video ? INT32_MIN : -1; // the serial after this one; INT32_MIN: no reset yet
+        int32_t last = -1;
+        while (!m_done) {
+            hdmi_player_audio_frame_t* frame = nullptr;
+            if (hdmi_player_get_pcm(&frame, 100) != 0)
+                continue;
+            if (g_resets != resets) {
+                resets = g_resets;
+                waiting_for = last;
+            }
+            const bool play = waiting_for != INT32_MIN && frame->serial != waiting_for;
+            if (play)
+                waiting_for = -1;
+            last = frame->serial;
+            const auto* samples = reinterpret_cast<const int16_t*>(frame->data);
+            Block block = {hdmi_sim::now_ns(), frame->serial, play, {samples, samples + frame->size / 2}};
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_blocks.push_back(std::move(block));
+            }
+            if (play)
+                hdmi_player_write_pcm(frame);
+            hdmi_player_put_pcm(frame);
+        }
+    }
+
+    void render()
+    {
+        auto next = std::chrono::steady_clock::now();
+        for (uintptr_t number = 1; m_video && !m_done; ++number) {
+            hdmi_player_video_frame_t frame = {reinterpret_cast<void*>(number), 0};
+            hdmi_player_video_render(&frame);
+            next += 16667us;
+            std::this_thread::sleep_until(next);
+        }
+    }
+
+    const bool m_video;
+    std::atomic<bool> m_done{false};
+    std::mutex m_mutex;
+    std::vector<Block> m_blocks;
+    std::thread m_audio;
+    std::thread m_render;
+};
+
+// Where the end of @p pcm stands in the reference, and how far back they are equal.
+struct Match {
+    size_t samples = 0; ///< per channel
+    size_t first = 0;   ///< sample of the reference
+};
+
+Match match_end(const std::vector<int16_t>& pcm, const std::vector<int16_t>& reference)
+{
+    constexpr size_t kProbe = 2048; // words
+    Match match;
+    if (pcm.size() < kProbe)
+        return match;
+    // The earliest rounds have the priming of the encoder in front; a later one stands for all.
+    const auto found = std::search(reference.begin() + static_cast<ptrdiff_t>(reference.size() / 2), reference.end(),
+                                   pcm.end() - kProbe, pcm.end());
+    if (found == reference.end())
+        return match;
+    auto at = found + kProbe;
+    auto mine = pcm.end();
+    while (at != reference.begin() && mine != pcm.begin() && *(at - 1) == *(mine - 1)) {
+        --at;
+        --mine;
+    }
+    match.first = static_cast<size_t>(at - reference.begin() + 1) / 2;
+    match.samples = static_cast<size_t>(pcm.end() - mine) / 2;
+    return match;
+}
+
+// At least @p bursts of sound are the reference's, from 256 samples after a burst's beginning on, to the end.
+bool is_exact(const std::vector<int16_t>& pcm, Kind kind, size_t bursts, bool from_burst = true)
+{
+    const Match match = match_end(pcm, programme(kind).reference);
+    return match.samples >= bursts * kBurstSamples &&
+           (!from_burst || match.first % kBurstSamples <= static_cast<size_t>(kOverlapSamples));
+}
+
+class BitstreamTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        hdmi_sim::reset();
+        programme(Kind::ac3); // made before anything is timed
+    }
+    void send(Kind kind, int phase_bytes = -1)
+    {
+        ASSERT_TRUE(hdmi_sim::write_state_file(state_of(kind)));
+        hdmi_sim::receiver_connect(signal_of(kind, phase_bytes));
+    }
+};
+
+std::string link_at(const Programme& programme, int64_t first_frame, size_t bytes)
+{
+    std::string result(bytes, '\0');
+    for (size_t i = 0; i < bytes; ++i)
+        result[i] =
+            static_cast<char>(programme.link[(static_cast<size_t>(first_frame) * 4 + i) % programme.link.size()]);
+    return result;
+}
+
+bool bypass_is_exact(const Programme& programme, int64_t frames)
+{
+    const std::vector<hdmi_sim::BypassRun> runs = hdmi_sim::bypass_recording();
+    if (runs.empty() || static_cast<int64_t>(runs.back().words.size()) < 2 * frames)
+        return false;
+    for (const hdmi_sim::BypassRun& run : runs) {
+        const size_t bytes = run.words.size() * 2;
+        if (memcmp(run.words.data(), link_at(programme, run.first_frame, bytes).data(), bytes) != 0)
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+TEST_F(BitstreamTest, DecodedSoundIsExactAtEveryChunkPhase)
+{
+    for (const Kind kind : {Kind::ac3, Kind::eac3}) {
+        for (const int phase : {0, 5 * 768, 4 * 961, 4, -1}) {
+            SCOPED_TRACE(testing::Message() << (kind == Kind::ac3 ? "AC-3 " : "E-AC-3 ") << phase);
+            send(kind, phase);
+            Host host(false);
+            EXPECT_TRUE(eventually([&] { return is_exact(host.pcm(), kind, 10); }));
+        }
+    }
+}
+
+// Also on S/PDIF, whose selection the player knows before the format.
+TEST_F(BitstreamTest, RawSelectedWhilePlayingPassesTheBurstsAtOnceAndGoesBackToDecoding)
+{
+    send(Kind::ac3);
+    Host host(true, E_HDMI_PLAYER_AO_DEV_SPDIF);
+    ASSERT_TRUE(host.hears(Kind::ac3));
+    ASSERT_TRUE(hdmi_sim::bypass_recording().empty());
+    ASSERT_EQ(hdmi_player_select_audio_output_format(E_HDMI_PLAYER_AO_FORMAT_RAW), 0);
+    EXPECT_FALSE(hdmi_sim::playback_stats().open);
+    EXPECT_TRUE(eventually([] { return bypass_is_exact(programme(Kind::ac3), 24000); }));
+    EXPECT_EQ(hdmi_sim::bypass_recording().size(), 1U) << "interrupted";
+    const int flipped = g_flipped;
+    EXPECT_TRUE(eventually([&] { return g_flipped > flipped + 10; }));
+
+    const int64_t back = hdmi_sim::now_ns();
+    ASSERT_EQ(hdmi_player_select_audio_output_format(E_HDMI_PLAYER_AO_FORMAT_PCM), 0);
+    EXPECT_TRUE(eventually([] { return hdmi_sim::playback_stats().open; }));
+    EXPECT_TRUE(host.hears(Kind::ac3, back));
+    EXPECT_EQ(hdmi_sim::receiver_stats().bypass_mode, -1);
+    EXPECT_TRUE(eventually([&] { return is_exact(host.pcm(), Kind::ac3, 5, false); }));
+}
+
+TEST_F(BitstreamTest, RawByAnnouncementPassesTheBurstsAndClosesTheOutputAtTheNextSelection)
+{
+    send(Kind::pcm);
+    Host host(true, E_HDMI_PLAYER_AO_DEV_SPDIF);
+    ASSERT_EQ(hdmi_player_select_audio_output_format(E_HDMI_PLAYER_AO_FORMAT_RAW), 0);
+    ASSERT_TRUE(host.hears(Kind::pcm));
+    hdmi_sim::receiver_connect(signal_of(Kind::eac3));
+    ASSERT_TRUE(hdmi_sim::announce(state_of(Kind::eac3)));
+    EXPECT_TRUE(eventually([] { return bypass_is_exact(programme(Kind::eac3), 96000); }));
+    EXPECT_TRUE(hdmi_sim::playback_stats().open);
+    ASSERT_EQ(hdmi_player_select_audio_output_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), 0);
+    EXPECT_FALSE(hdmi_sim::playback_stats().open);
+    EXPECT_TRUE(eventually([] { return bypass_is_exact(programme(Kind::eac3), 96000); }));
+
+    const int64_t back = hdmi_sim::now_ns();
+    ASSERT_EQ(hdmi_player_select_audio_output_device(E_HDMI_PLAYER_AO_DEV_SPEAKER), 0);
+    EXPECT_TRUE(eventually([] { return hdmi_sim::playback_stats().open; }));
+    EXPECT_TRUE(host.hears(Kind::eac3, back));
+}
+
+int main(int argc, char** argv)
+{
+    setenv("debug_hdmiplayer_log_level", "0", 0);
+    testing::InitGoogleTest(&argc, argv);
+    std::string error;
+    if (!hdmi_sim::enter_private_namespaces(&error)) {
+        printf("SKIPPED: %s\n", error.c_str());
+        return 77;
+    }
+    return RUN_ALL_TESTS();
+}
