@@ -38,30 +38,6 @@ mutex_t g_deinit_mutex;
 /// A deinit waits for the calls in progress to leave, or clears the record.
 std::atomic<bool> g_leaving;
 
-/// Traces a call: ">>>" now, "<<<" when the scope ends.
-class call_trace
-{
-public:
-    call_trace(bool enabled, const char* function, int line) : enabled_(enabled), function_(function), line_(line)
-    {
-        print(">>>");
-    }
-    ~call_trace() { print("<<<"); }
-    call_trace(const call_trace&) = delete;
-    call_trace& operator=(const call_trace&) = delete;
-
-private:
-    void print(const char* mark) const
-    {
-        if (enabled_ && log_enabled(LOG_LEVEL_I))
-            console_print(LOG_LEVEL_I, "[%s %d] %s\n", function_, line_, mark);
-    }
-
-    const bool enabled_;
-    const char* const function_;
-    const int line_;
-};
-
 void warn_not_initialized(const char* function, int line)
 {
     if (log_enabled(LOG_LEVEL_W))
@@ -132,14 +108,6 @@ int sample_rate_hz(hdmi_player_aio_sample_rate_e rate)
 
 int64_t frames_to_us(int64_t frames, int sample_rate) { return frames * kUsPerSecond / sample_rate; }
 
-int64_t add_saturated(int64_t a, int64_t b)
-{
-    int64_t sum = 0;
-    if (__builtin_add_overflow(a, b, &sum))
-        return b > 0 ? INT64_MAX : INT64_MIN;
-    return sum;
-}
-
 struct clock_values {
     int64_t write_duration_us;  ///< queued in the device, not heard yet
     int64_t cur_frame_duration; ///< us
@@ -160,13 +128,6 @@ clock_values clock_after_write(int64_t pts, int frames, int remaining, int sampl
 
 // --- Turns at the device ------------------------------------------------------
 
-struct timespec monotonic_after_us(uint64_t microseconds)
-{
-    struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return timespec_add_us(now, microseconds);
-}
-
 // Waits until the writer is outside aio_device_write; false when it still is after @p limit_us.
 // Callers that found a write in progress go before the next one: the writer comes back at
 // once, and with real-time priority it would win that race for ever.
@@ -174,7 +135,7 @@ bool await_write_end(mutex_guard& lock, uint32_t limit_us) REQUIRES(g_ao_info.mu
 {
     if (!g_ao_info.writing)
         return true;
-    const struct timespec deadline = monotonic_after_us(limit_us);
+    const struct timespec deadline = get_monotonic_timeout_us(limit_us);
     ++g_ao_info.waiting;
     while (g_ao_info.writing && lock.wait_until(g_ao_info.device_cond, deadline) == 0) {
     }
@@ -329,7 +290,7 @@ void hold_first_block()
     const int32_t delay_ms = g_ao_info.fixed_delay;
     if (delay_ms <= 0)
         return;
-    const struct timespec deadline = monotonic_after_us(static_cast<uint64_t>(delay_ms) * 1000);
+    const struct timespec deadline = get_monotonic_timeout_us(static_cast<uint64_t>(delay_ms) * 1000);
     mutex_guard lock(g_ao_info.fixed_delay_mutex);
     while (!g_ao_info.abort_request && lock.wait_until(g_ao_info.fixed_delay_cond, deadline) == 0) {
     }
@@ -464,12 +425,8 @@ void create_locks()
 {
     g_ao_info.mutex.init();
     g_ao_info.fixed_delay_mutex.init();
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_ao_info.fixed_delay_cond, &monotonic);
-    pthread_cond_init(&g_ao_info.device_cond, &monotonic);
-    pthread_condattr_destroy(&monotonic);
+    cond_init_monotonic(g_ao_info.fixed_delay_cond);
+    cond_init_monotonic(g_ao_info.device_cond);
     pthread_attr_init(&g_ao_info.attr);
 }
 
@@ -574,7 +531,7 @@ int stop_device(bool* stuck)
 
 int32_t audio_output_init(audio_output_config_t cfg)
 {
-    const call_trace trace(true, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I);
     if (cfg.update_avsync_clock_cb == nullptr || cfg.changed_cb == nullptr) {
         log_e("invalid callback function\n");
         return -1;
@@ -633,7 +590,7 @@ int32_t audio_output_init(audio_output_config_t cfg)
 
 int32_t audio_output_deinit(void)
 {
-    const call_trace trace(true, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I);
     mutex_guard one_at_a_time(g_deinit_mutex);
     if (!ready(__func__, __LINE__))
         return -1;
@@ -666,7 +623,7 @@ int32_t audio_output_set_volume(int volume)
     const api_guard api;
     if (!api)
         return -1;
-    const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
     const int32_t err = on_open_device([&](audio_config_t* config) { return aio_device_set_volume(config, volume); });
     if (err != 0)
         log_e("aio_device_set_volume failed. err:%d\n", err);
@@ -678,7 +635,7 @@ int32_t audio_output_set_volume_direct(int volume)
     const api_guard api;
     if (!api)
         return -1;
-    const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
     const int32_t err =
         on_open_device([&](audio_config_t* config) { return aio_device_set_volume_direct(config, volume); });
     if (err != 0)
@@ -691,7 +648,7 @@ int32_t audio_output_set_mute(bool mute)
     const api_guard api;
     if (!api)
         return -1;
-    const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
     const int32_t err = on_open_device([&](audio_config_t* config) {
         const int result = aio_device_set_mute(config, mute);
         if (result == 0)
@@ -786,7 +743,7 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
     api_guard api;
     if (!api)
         return -1;
-    const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
     if (dev == g_ao_info.dev) {
         log_i("the device:%d has been selected\n", dev);
         return 0;
@@ -817,7 +774,7 @@ int32_t audio_output_select_format(hdmi_player_ao_format_e format)
     api_guard api;
     if (!api)
         return -1;
-    const call_trace trace(g_ao_info.enable_log, __func__, __LINE__);
+    const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
     if (format == g_ao_info.format) {
         log_i("the format:%d has been selected\n", format);
         return 0;

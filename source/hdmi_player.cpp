@@ -72,32 +72,6 @@ std::atomic<int32_t> g_user_volume{kVolumeUnset};
 std::atomic<int32_t> g_hw_volume{kVolumeUnset};
 std::atomic<bool> g_user_mute{false};
 
-/// Logs entry and exit of an exported function.
-class call_trace
-{
-public:
-    call_trace(loglevel_e level, const char* function, int line) : level_(level), function_(function), line_(line)
-    {
-        print(">>>");
-    }
-    ~call_trace() { print("<<<"); }
-    call_trace(const call_trace&) = delete;
-    call_trace& operator=(const call_trace&) = delete;
-
-private:
-    void print(const char* mark) const
-    {
-        if (log_enabled(level_))
-            console_print(level_, "[%s %d] %s\n", function_, line_, mark);
-    }
-
-    loglevel_e level_;
-    const char* function_;
-    int line_;
-};
-
-#define trace_call(level) const call_trace trace(level, __func__, __LINE__)
-
 /// Whether the player is open; complains in the name of @p function if not.
 bool check_opened(const char* function, int line)
 {
@@ -116,7 +90,7 @@ bool check_opened(const char* function, int line)
 
 void hdmi_player_event_cb(hdmi_player_event_e type)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     if (!player_is_open())
         return;
@@ -466,7 +440,7 @@ bool start_modules(const hdmi_player_config_t& cfg, const char* function)
 int32_t hdmi_player_open(hdmi_player_config_t cfg)
 {
     log_i("%s\n", HDMI_PLAYER_VERSION_BANNER);
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     if (g_player_res.opened) {
         log_e("hdmi_player has been opened\n");
         return -1;
@@ -490,7 +464,7 @@ int32_t hdmi_player_open(hdmi_player_config_t cfg)
 // threads by aborting its queues, even while its producer still runs.
 int32_t hdmi_player_close(void)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     log_w(">>>\n");
     if (!g_player_res.opened) {
         log_e("hdmi_player is not open\n");
@@ -516,14 +490,14 @@ int32_t hdmi_player_close(void)
 
 int32_t hdmi_player_set_game_mode(bool enable)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     return player_is_open() ? audio_input_set_game_mode(enable) : -1;
 }
 
 bool hdmi_player_get_game_mode(void)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     // A closed player answers true: the same bits as the -1 of the other functions.
     return player_is_open() ? audio_input_get_game_mode() : true;
@@ -531,21 +505,21 @@ bool hdmi_player_get_game_mode(void)
 
 int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_dev_e dev)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     return player_is_open() ? audio_output_select_device(dev) : -1;
 }
 
 int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_format_e format)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     return player_is_open() ? audio_output_select_format(format) : -1;
 }
 
 int32_t hdmi_player_set_volume(int32_t volume)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     if (volume < 0 || volume > 100) {
         log_e("invalid volume:%d\n", volume);
         return -1;
@@ -565,7 +539,7 @@ int32_t hdmi_player_set_volume(int32_t volume)
 
 int32_t hdmi_player_set_volume2(int32_t volume)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     if (!g_player_res.opened) {
         g_hw_volume = volume;
@@ -589,7 +563,7 @@ int32_t hdmi_player_set_volume2(int32_t volume)
 
 int32_t hdmi_player_set_mute(bool mute)
 {
-    trace_call(LOG_LEVEL_D);
+    const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     if (!g_player_res.opened || !audio_output_initialized()) {
         g_user_mute = mute;
@@ -611,7 +585,7 @@ int32_t hdmi_player_set_mute(bool mute)
 
 int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
 {
-    trace_call(LOG_LEVEL_V);
+    const call_trace trace(LOG_LEVEL_V);
     if (frame == nullptr) {
         log_e("frame is null\n");
         return -1;
@@ -628,7 +602,7 @@ int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, int32_t timeout_m
 
 int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame)
 {
-    trace_call(LOG_LEVEL_V);
+    const call_trace trace(LOG_LEVEL_V);
     if (frame == nullptr) {
         log_e("frame is null\n");
         return -1;
@@ -641,7 +615,7 @@ int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame)
 
 int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame)
 {
-    trace_call(LOG_LEVEL_V);
+    const call_trace trace(LOG_LEVEL_V);
     if (frame == nullptr) {
         log_e("frame is null\n");
         return -1;
@@ -652,7 +626,7 @@ int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame)
 
 int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
 {
-    trace_call(LOG_LEVEL_V);
+    const call_trace trace(LOG_LEVEL_V);
     if (frame == nullptr) {
         log_e("frame is null\n");
         return -1;
@@ -669,7 +643,7 @@ int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
 
 int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state)
 {
-    trace_call(LOG_LEVEL_V);
+    const call_trace trace(LOG_LEVEL_V);
     const player_guard api;
     if (!player_is_open())
         return -1;

@@ -74,13 +74,6 @@ sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_
 // Time stamps come from outside and a wall clock may be set to anything: sums
 // and conversions saturate instead of overflowing.
 
-int64_t add(int64_t a, int64_t b)
-{
-    int64_t sum = 0;
-    const bool overflow = __builtin_add_overflow(a, b, &sum);
-    return !overflow ? sum : a < 0 ? INT64_MIN : INT64_MAX;
-}
-
 int64_t subtract(int64_t a, int64_t b)
 {
     int64_t difference = 0;
@@ -310,7 +303,7 @@ bool wait_distance(oru_player& player, const synchronizer_frame_info_t& frame)
                lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
     const int64_t now = system_time_us();
     pull_timer_back(player, now, LOG_LEVEL_V);
-    const int64_t due = add(player.frame_timer, last_frame_duration);
+    const int64_t due = add_saturated(player.frame_timer, last_frame_duration);
     if (now >= due)
         return true;
     const int64_t remaining_time = subtract(due, now);
@@ -343,9 +336,9 @@ int64_t corrected_delay(int64_t duration, int64_t diff)
         return duration;
     const int64_t threshold = std::max(std::min(duration, kSyncThresholdMaxUs), kSyncThresholdMinUs);
     if (diff <= -threshold)
-        return std::max<int64_t>(add(duration, diff), 0);
+        return std::max<int64_t>(add_saturated(duration, diff), 0);
     if (diff >= threshold && duration > kLongFrameUs)
-        return add(duration, diff);
+        return add_saturated(duration, diff);
     return duration;
 }
 
@@ -391,7 +384,7 @@ int64_t flip_target(oru_player& player, const synchronizer_frame_info_t& frame, 
     trace_step(player, LOG_LEVEL_I,
                "frameSystemTime:%lli vsyncSystemTime:%lli current_system_time:%lli frame_timer:%lli diff:%lli %lli\n",
                lli(target), lli(grid.sampled_time), lli(now), lli(player.frame_timer),
-               lli(subtract(add(player.frame_timer, delay), now)), lli(subtract(target, grid.sampled_time)));
+               lli(subtract(add_saturated(player.frame_timer, delay), now)), lli(subtract(target, grid.sampled_time)));
     return target;
 }
 
@@ -403,7 +396,8 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vs
     trace_step(player, LOG_LEVEL_D, "last_frame_duration:%lli frame_pts:%llu lastFramePts:%llu\n",
                lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
     const int64_t since_last = subtract(system_time_us(), player.last_frame_system_time);
-    const int64_t video_clock_pts = std::min(add(signed_pts(player.last_frame), since_last), signed_pts(frame));
+    const int64_t video_clock_pts =
+        std::min(add_saturated(signed_pts(player.last_frame), since_last), signed_pts(frame));
     int64_t audio_clock_pts = 0;
     synchronizer_get_current_media_time(&player, &audio_clock_pts);
     delay = corrected_delay(last_frame_duration, subtract(video_clock_pts, audio_clock_pts));
@@ -414,7 +408,7 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vs
     pull_timer_back(player, now, LOG_LEVEL_D);
     grid.sampled_time = player.base.last_vsync_system_time;
     const int64_t target = flip_target(player, frame, grid, now, delay);
-    const int64_t due = add(player.frame_timer, delay);
+    const int64_t due = add_saturated(player.frame_timer, delay);
     if (now >= due || frame_render_by_vsync(target, grid.sampled_time, grid.duration))
         return true;
 
@@ -434,7 +428,7 @@ bool dropped_late(oru_player& player, synchronizer_frame_info_t& frame, synchron
     const int64_t cur_frame_duration = subtract(signed_pts(next), signed_pts(frame));
     trace_step(player, LOG_LEVEL_I, "cur_frame_duration:%lli next_frame_pts:%llu cur_frame_pts:%llu\n",
                lli(cur_frame_duration), llu(next.pts), llu(frame.pts));
-    if (now <= add(player.frame_timer, cur_frame_duration))
+    if (now <= add_saturated(player.frame_timer, cur_frame_duration))
         return false;
     player.base.callback->drop_frame(player.base.callback_handle, &frame);
     trace_step(player, LOG_LEVEL_W,
@@ -461,7 +455,7 @@ void pace(oru_player& player, synchronizer_frame_info_t frame)
     int64_t delay = 0;
     while (!player.base.sync_thread_exit && frame_is_due(player, frame, grid, delay)) {
         const int64_t now = system_time_us();
-        player.frame_timer = add(player.frame_timer, delay);
+        player.frame_timer = add_saturated(player.frame_timer, delay);
         // After a jump back of the stream, a negative delay, the timer may lag.
         if (delay > 0 && subtract(now, player.frame_timer) > kTimerLagMaxUs)
             player.frame_timer = now;
@@ -779,7 +773,7 @@ bool synchronizer_get_release_time(void* handle, int64_t media_time, int64_t* re
     const int64_t now = system_time_us();
     const int64_t master_time = extrapolate(sync, static_cast<float>(subtract(now, sync.base_system_time)));
     const auto ahead = static_cast<float>(subtract(media_time, master_time));
-    *release_time = add(now, to_int64(ahead / sync.rate));
+    *release_time = add_saturated(now, to_int64(ahead / sync.rate));
     if (sync.enable_log)
         log_d("media_time:%lli release_time:%lli\n", lli(media_time), lli(*release_time));
     return true;
@@ -792,10 +786,10 @@ int64_t closest_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t 
     if (vsync_duration < 1)
         return release_time;
     const int64_t vsync_count = subtract(release_time, sampled_vsync_time) / vsync_duration;
-    const int64_t snapped_time = add(sampled_vsync_time, vsync_count * vsync_duration);
+    const int64_t snapped_time = add_saturated(sampled_vsync_time, vsync_count * vsync_duration);
     const bool early = snapped_time < release_time;
     const int64_t snapped_before = early ? snapped_time : subtract(snapped_time, vsync_duration);
-    const int64_t snapped_after = early ? add(snapped_time, vsync_duration) : snapped_time;
+    const int64_t snapped_after = early ? add_saturated(snapped_time, vsync_duration) : snapped_time;
     const int64_t snapped_after_diff = subtract(snapped_after, release_time);
     const int64_t snapped_before_diff = subtract(release_time, snapped_before);
     return snapped_after_diff < snapped_before_diff ? snapped_after : snapped_before;
@@ -808,7 +802,7 @@ bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int
     const int64_t half = vsync_duration / 2;
     // Past the last vertical blank already, or within half a period of it.
     if (release_time >= sampled_vsync_time &&
-        !within(release_time, subtract(sampled_vsync_time, half), add(sampled_vsync_time, half)))
+        !within(release_time, subtract(sampled_vsync_time, half), add_saturated(sampled_vsync_time, half)))
         return false;
     log_v("current frame need render");
     return true;

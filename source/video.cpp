@@ -41,30 +41,6 @@ private:
     entry before_;
 };
 
-/// Logs entry and exit of the calling function while its switch is on.
-class call_trace
-{
-public:
-    explicit call_trace(bool enabled, const char* function = __builtin_FUNCTION())
-        : enabled_(enabled), function_(function)
-    {
-        print(">>>");
-    }
-    ~call_trace() { print("<<<"); }
-    call_trace(const call_trace&) = delete;
-    call_trace& operator=(const call_trace&) = delete;
-
-private:
-    void print(const char* mark) const
-    {
-        if (enabled_)
-            log_as(function_, LOG_LEVEL_D, "%s\n", mark);
-    }
-
-    bool enabled_;
-    const char* function_;
-};
-
 // Shorthand for the printf arguments.
 long long lli(int64_t value) { return value; }
 
@@ -102,7 +78,7 @@ int32_t read_oldest(video_frame_queue_t* q, hdmi_player_video_frame_t* frame, bo
 {
     if (missing(q, "video_frame_queue is null.", function))
         return -1;
-    const call_trace trace(q->en_api_log, function);
+    const call_trace trace(LOG_LEVEL_D, q->en_api_log, function);
     if (missing(frame, "frame is null.", function))
         return -1;
     const mutex_guard guard(q->mutex);
@@ -152,7 +128,7 @@ int32_t video_frame_queue_pool_release(video_frame_queue_t* q)
 {
     if (missing(q, "video_frame_queue is null."))
         return -1;
-    const call_trace trace(q->en_api_log);
+    const call_trace trace(LOG_LEVEL_D, q->en_api_log);
     const mutex_guard guard(q->mutex);
     if (q->arry_pool_frames == nullptr)
         return 0;
@@ -171,7 +147,7 @@ int32_t video_frame_queue_deinit(video_frame_queue_t* q) { return video_frame_qu
 int32_t video_frame_queue_push_frame(hdmi_player_video_frame_t* frame)
 {
     video_frame_queue_t& q = g_video_info.frame_queue;
-    const call_trace trace(q.en_api_log);
+    const call_trace trace(LOG_LEVEL_D, q.en_api_log);
     if (missing(frame, "frame is null."))
         return -1;
     const mutex_guard guard(q.mutex);
@@ -631,7 +607,7 @@ int32_t video_render(hdmi_player_video_frame_t* frame)
     const read_guard api(g_video_info.api_rwlock);
     if (!is_initialized())
         return -1;
-    const call_trace trace(g_video_info.enable_log);
+    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     if (missing(frame, "frame is null"))
         return -1;
     return render(g_video_info, frame);
@@ -644,7 +620,7 @@ int32_t video_set_base_media_time(int64_t media_time, int64_t max_media_time, in
     const read_guard api(g_video_info.api_rwlock);
     if (!is_initialized())
         return -1;
-    const call_trace trace(g_video_info.enable_log);
+    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     if (missing(g_video_info.synchronizer_handle, "synchronizer_handle is null"))
         return -1;
     if (!synchronizer_set_base_media_time(g_video_info.synchronizer_handle, media_time, max_media_time)) {
@@ -661,7 +637,7 @@ int32_t video_avsync_reset(bool reset, bool disable_avsync)
     const read_guard api(g_video_info.api_rwlock);
     if (!is_initialized())
         return -1;
-    const call_trace trace(g_video_info.enable_log);
+    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     const mutex_guard guard(g_video_info.internal_mutex);
     set_avsync(g_video_info, reset, disable_avsync);
     return 0;
@@ -672,7 +648,7 @@ bool video_is_disable_avsync(void)
     const read_guard api(g_video_info.api_rwlock);
     if (!is_initialized())
         return false;
-    const call_trace trace(g_video_info.enable_log);
+    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     return g_video_info.disable_avsync;
 }
 
@@ -681,7 +657,7 @@ int32_t video_set_fixed_delay(int32_t delay)
     const read_guard api(g_video_info.api_rwlock);
     if (!is_initialized())
         return -1;
-    const call_trace trace(g_video_info.enable_log);
+    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     g_video_info.fixed_delay = delay;
     log_w("setting video delay:%d\n", delay);
     return 0;

@@ -65,6 +65,41 @@ inline bool log_enabled(loglevel_e level) { return env_get_value("debug_hdmiplay
 #define log_d(format, ...) log_at(LOG_LEVEL_D, format, ##__VA_ARGS__)
 #define log_v(format, ...) log_at(LOG_LEVEL_V, format, ##__VA_ARGS__)
 
+/// Traces a call of an operation: ">>>" now, "<<<" when the scope ends, while @p enabled.
+class call_trace
+{
+public:
+    explicit call_trace(loglevel_e level, bool enabled = true, const char* function = __builtin_FUNCTION(),
+                        int line = __builtin_LINE())
+        : level_(level), enabled_(enabled), function_(function), line_(line)
+    {
+        print(">>>");
+    }
+    ~call_trace() { print("<<<"); }
+    call_trace(const call_trace&) = delete;
+    call_trace& operator=(const call_trace&) = delete;
+
+private:
+    void print(const char* mark) const
+    {
+        if (enabled_ && log_enabled(level_))
+            console_print(level_, "[%s %d] %s\n", function_, line_, mark);
+    }
+
+    loglevel_e level_;
+    bool enabled_;
+    const char* function_;
+    int line_;
+};
+
+/// @p a + @p b, held at the ends of the range: times come from outside and may be anything.
+inline int64_t add_saturated(int64_t a, int64_t b)
+{
+    int64_t sum = 0;
+    const bool overflow = __builtin_add_overflow(a, b, &sum);
+    return !overflow ? sum : a < 0 ? INT64_MIN : INT64_MAX;
+}
+
 /// Wall-clock time in microseconds, 0 if the clock cannot be read. Time base of clocks and media time.
 uint64_t get_system_time_us(void);
 
