@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # ARMv7 with hardware floating point. Set CMAKE_SYSROOT to the device's tree, with
 # FFmpeg's and libdrm's headers and libraries in it.
 set(CMAKE_SYSTEM_NAME Linux)
