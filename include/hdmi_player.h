@@ -102,7 +102,9 @@
  * same time. The event callback comes from whichever thread saw the event,
  * inside hdmi_player_video_render() and hdmi_player_open() among them.
  * Callbacks must not block: they hold up the picture. The host must not hold a
- * lock that its callbacks take while it calls into the player.
+ * lock that its callbacks take while it calls into the player. A host that
+ * renders from inside its flip callback bounds that itself: in free run, and
+ * while a reset keeps the queue full, every render flips at once.
  *
  * Buffer handles are opaque: the library never looks into them. Each handle
  * that hdmi_player_video_render() took comes back exactly once, by the flip
@@ -320,7 +322,8 @@ HDMI_PLAYER_API int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame);
  * Queues a block for playback; its content is copied. The sound must have the
  * output's rate and 2 channels: it is played as it is. Blocks while 128 blocks
  * wait to be played, which paces the host to the device.
- * @return 0; -1 for a block without data, when the player is not open or is being closed.
+ * @return 0; -1 for a block without data, when the player is not open or is
+ * being closed; 1 when the queue refused the block.
  */
 HDMI_PLAYER_API int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame);
 
@@ -334,7 +337,8 @@ HDMI_PLAYER_API int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame);
  * @return 0: the player has the frame, and it comes back by a callback or by
  * close. -1: if E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised during this call,
  * on the calling thread, the player has the frame all the same; otherwise the
- * host keeps it (no cable, no room, not open).
+ * host keeps it (no cable, no room, not open). With
+ * debug_hdmiplayer_video_wait_audio=0 the host keeps it in either case.
  */
 HDMI_PLAYER_API int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame);
 
