@@ -12,8 +12,9 @@
  * Threads. Playback calls are serialised by the player, except that
  * aio_device_close may be called while aio_device_write is blocked on another
  * thread. Capture calls come from one thread, except aio_device_close, which
- * another thread calls while aio_device_read may be blocked. Playback and
- * capture calls run at the same time.
+ * another thread calls while aio_device_read may be blocked. In both cases the
+ * close may also come just before the read or write: that then finds a closed
+ * device and must fail at once. Playback and capture calls run at the same time.
  *
  * Units. A frame is one sample of each channel; samples are signed 16-bit
  * little-endian and interleaved. Results are 0 or a count on success and
@@ -101,8 +102,9 @@ int aio_device_close(audio_config_t* config);
  * longer than the buffer holds, the oldest periods are lost and the call goes
  * on with what follows them.
  * @return bytes read (fewer only at the end of the device's life), or negative
- * on failure and when the device is closed meanwhile. Never sleeps after a
- * failure: the player backs off itself.
+ * on failure, when the device is closed meanwhile and, at once, when it is
+ * closed already: a read that waited there would never end. Never sleeps after
+ * a failure: the player backs off itself.
  */
 int aio_device_read(audio_config_t* config, uint8_t* data, int size);
 
@@ -110,7 +112,7 @@ int aio_device_read(audio_config_t* config, uint8_t* data, int size);
  * Queues @p size bytes for playback, blocking while the device's buffer is full.
  * An empty device plays silence and counts an underrun; the next write continues.
  * @return bytes written; fewer than @p size, or negative, on failure and when
- * the device is closed meanwhile.
+ * the device is closed meanwhile; negative, at once, when it is closed already.
  */
 int aio_device_write(audio_config_t* config, const uint8_t* data, int size);
 
