@@ -14,20 +14,8 @@
 #include <fstream>
 #include <future>
 #include <string>
-#include <thread>
 
-/// Polls @p condition for at most @p limit.
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::seconds limit = std::chrono::seconds(10))
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+#include "eventually.h"
 
 /// Runs a call on a thread and tells when it sleeps and what it returned.
 template <typename Result> class BlockedCall
