@@ -402,6 +402,275 @@ TEST_F(BitstreamTest, RawByAnnouncementPassesTheBurstsAndClosesTheOutputAtTheNex
     EXPECT_TRUE(host.hears(Kind::eac3, back));
 }
 
+TEST_F(BitstreamTest, UnsupportedSoundIsReportedAndThePictureGoesOn)
+{
+    send(Kind::pcm);
+    Host host(true);
+    ASSERT_TRUE(host.hears(Kind::pcm));
+    for (const Coding type : {Coding::dts1, Coding::dts2, Coding::dts3}) {
+        const int reported = g_unsupported;
+        ASSERT_TRUE(hdmi_sim::announce(state_of(Kind::ac3)));
+        hdmi_sim::receiver_connect(hdmi_sim::bitstream_signal(hdmi_sim::dts_bitstream(type, 48000, 20, 9), rounds()));
+        EXPECT_TRUE(eventually([&] { return g_unsupported > reported; }));
+        const int flipped = g_flipped;
+        EXPECT_TRUE(eventually([&] { return g_flipped > flipped + 10; }));
+
+        const int64_t back = hdmi_sim::now_ns();
+        hdmi_sim::receiver_connect(signal_of(Kind::ac3));
+        EXPECT_TRUE(host.hears(Kind::ac3, back)) << "the way back needs no announcement";
+        hdmi_sim::receiver_connect(signal_of(Kind::pcm));
+        ASSERT_TRUE(hdmi_sim::announce(state_of(Kind::pcm)));
+        EXPECT_TRUE(host.hears(Kind::pcm, back));
+    }
+}
+
+// What a source at fault sends, then good bursts for a while, in rounds.
+TEST_F(BitstreamTest, TheNextGoodBurstsBringTheSoundBack)
+{
+    std::mt19937 random(11);
+    const auto below = [&random](size_t limit) { return std::uniform_int_distribution<size_t>(0, limit - 1)(random); };
+    for (const Kind kind : {Kind::ac3, Kind::eac3}) {
+        const Bitstream good = programme(kind).stream;
+        Bitstream damaged = good;
+        damaged.bursts.insert(damaged.bursts.end(), good.bursts.begin(), good.bursts.end());
+        for (size_t i = 0; i < kStreamBursts; ++i) {
+            hdmi_sim::Burst& burst = damaged.bursts[i];
+            switch (i % 8) {
+            case 0: burst.pc |= 0x80; break;
+            case 1: burst.pc = static_cast<uint16_t>(random()); break;
+            case 2: burst.pd = 0xFFFF; break;
+            case 3: burst.pd = static_cast<uint16_t>(random()); break;
+            case 4: burst.payload.resize(below(burst.payload.size())); break;
+            case 5: burst.payload[below(burst.payload.size())] ^= 0x10; break;
+            case 6:
+                for (uint8_t& byte : burst.payload)
+                    byte = static_cast<uint8_t>(random());
+                break;
+            default:
+                burst.pc = 11; // the decoder goes, and comes back
+                burst.pd = 0xFFFF;
+                burst.payload.assign(24568, 0xA5);
+            }
+        }
+        ASSERT_TRUE(hdmi_sim::write_state_file(state_of(kind)));
+        hdmi_sim::receiver_connect(hdmi_sim::bitstream_signal(damaged, rounds(kind == Kind::ac3 ? 768 : 4 * 333)));
+        Host host(true);
+        EXPECT_TRUE(eventually([&] { return is_exact(host.pcm(), kind, 6, false); }));
+    }
+}
+
+TEST_F(BitstreamTest, ALinkFullOfErrorsDoesNoHarm)
+{
+    for (const double rate : {1e-5, 1e-3, 0.02}) {
+        BurstOptions options = rounds();
+        options.bit_error_rate = rate;
+        ASSERT_TRUE(hdmi_sim::write_state_file(state_of(Kind::eac3)));
+        hdmi_sim::receiver_connect(hdmi_sim::bitstream_signal(programme(Kind::eac3).stream, options));
+        Host host(true);
+        const int flipped = g_flipped;
+        EXPECT_TRUE(eventually([&] { return g_flipped > flipped + 20; }));
+        const int64_t repaired = hdmi_sim::now_ns();
+        hdmi_sim::receiver_connect(signal_of(Kind::eac3));
+        EXPECT_TRUE(host.hears(Kind::eac3, repaired));
+    }
+}
+
+TEST_F(BitstreamTest, ADecoderThatFailsStallsNothingElse)
+{
+    const auto fault = [](Op op, hdmi_sim::FaultKind kind, int result) {
+        hdmi_sim::Fault fault;
+        fault.kind = kind;
+        fault.result = result;
+        hdmi_sim::set_fault(op, fault);
+    };
+    const std::vector<std::tuple<Op, hdmi_sim::FaultKind, int>> faults = {
+        {Op::decoder_init, hdmi_sim::FaultKind::fail, 0},
+        {Op::decoder_write, hdmi_sim::FaultKind::fail, -5},
+        {Op::decoder_write, hdmi_sim::FaultKind::fail, 0}, // never takes a byte
+        {Op::decoder_write, hdmi_sim::FaultKind::withhold, 0},
+        {Op::decoder_read, hdmi_sim::FaultKind::fail, 0}, // never has output
+        {Op::decoder_read, hdmi_sim::FaultKind::fail, -5},
+    };
+    for (const auto& [op, kind, result] : faults) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(op) << " " << result);
+        send(Kind::ac3);
+        fault(op, kind, result);
+        {
+            Host host(true);
+            EXPECT_TRUE(eventually([op = op] { return hdmi_sim::fault_hits(op) > 0; }));
+            EXPECT_EQ(eventually([] { return g_unsupported > 0; }, op == Op::decoder_init ? kGenerous : 0s),
+                      op == Op::decoder_init);
+            const int flipped = g_flipped;
+            EXPECT_TRUE(eventually([&] { return g_flipped > flipped + 10; }));
+            const int64_t now = hdmi_sim::now_ns();
+            ASSERT_TRUE(hdmi_sim::announce(state_of(Kind::pcm)));
+            hdmi_sim::receiver_connect(signal_of(Kind::pcm));
+            EXPECT_TRUE(host.hears(Kind::pcm, now));
+            ASSERT_TRUE(hdmi_sim::announce(state_of(Kind::ac3)));
+            hdmi_sim::receiver_connect(signal_of(Kind::ac3));
+        } // the close is prompt with the fault in force
+        hdmi_sim::clear_fault(op);
+    }
+}
+
+namespace
+{
+
+std::string content(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Whether @p part is somewhere in @p whole.
+bool contains(const std::string& whole, const std::string& part)
+{
+    return !part.empty() && whole.find(part) != std::string::npos;
+}
+
+std::string as_text(const void* data, size_t bytes) { return {static_cast<const char*>(data), bytes}; }
+
+} // namespace
+
+TEST_F(BitstreamTest, EachDumpSwitchWritesItsStage)
+{
+    char directory[] = "/tmp/bitstream_test_XXXXXX";
+    ASSERT_NE(mkdtemp(directory), nullptr);
+    const char* const switches[] = {"debug_hdmiplayer_dolby_dumppath_iec61937", "debug_hdmiplayer_dolby_dumppath_in",
+                                    "debug_hdmiplayer_dolby_dumppath_out"};
+    for (const char* name : switches)
+        setenv(name, directory, 1);
+    send(Kind::ac3, 0); // begins with a burst: no silence, no reset
+    std::vector<int16_t> pcm;
+    {
+        Host host(false);
+        EXPECT_TRUE(eventually([&] { return is_exact(host.pcm(), Kind::ac3, 6); }));
+        pcm = host.pcm();
+    }
+    for (const char* name : switches)
+        unsetenv(name);
+    const std::string base = directory;
+    const std::string link = content(base + "/dump_dolby_iec61937.raw");
+    const Bytes& round = programme(Kind::ac3).link;
+    EXPECT_TRUE(
+        contains(as_text(round.data(), round.size()) + as_text(round.data(), round.size()), link.substr(0, 6144 * 6)));
+    // The name is chosen before a stretch's type is noted: the first one has none yet.
+    const std::string payloads =
+        content(base + "/dump_dolby_decode_in.unset") + content(base + "/dump_dolby_decode_in.ac3");
+    std::string expected;
+    for (int i = 0; i < 2; ++i) {
+        for (const hdmi_sim::Burst& burst : programme(Kind::ac3).stream.bursts)
+            expected += as_text(burst.payload.data(), burst.payload.size());
+    }
+    EXPECT_GT(payloads.size(), 5U * 768);
+    EXPECT_TRUE(contains(expected, payloads.substr(0, 5 * 768)));
+    const std::string decoded = content(base + "/dump_dolby_decode_out_ch2_rate_48000.pcm");
+    EXPECT_EQ(decoded.substr(0, pcm.size() * 2), as_text(pcm.data(), pcm.size() * 2));
+    EXPECT_EQ(system(("rm -r " + base).c_str()), 0);
+}
+
+// --- Formats that change under way ------------------------------------------------------------
+
+namespace
+{
+
+enum class Announcement { before, after, without };
+
+// The longest time from the first burst or block of a format to its sound.
+struct Changes {
+    Host& host;
+    Kind now = Kind::pcm;
+    Kind compressed_before = Kind::silence;
+    int64_t worst_ns = 0;
+
+    // DTS is Kind::other here: its sound is its report.
+    void change(Kind to, Announcement announcement, std::chrono::milliseconds apart)
+    {
+        const bool compressed = to != Kind::pcm;
+        const int reported = g_unsupported;
+        if (announcement == Announcement::before) {
+            ASSERT_TRUE(hdmi_sim::announce(hdmi_sim::announce_text(compressed, 48000)));
+            std::this_thread::sleep_for(apart);
+        }
+        const int64_t since = hdmi_sim::now_ns();
+        hdmi_sim::receiver_connect(
+            to == Kind::other
+                ? hdmi_sim::bitstream_signal(hdmi_sim::dts_bitstream(Coding::dts2, 48000, 20, 9), rounds())
+                : signal_of(to));
+        int64_t told = since;
+        if (announcement == Announcement::after) {
+            std::this_thread::sleep_for(apart);
+            told = hdmi_sim::now_ns();
+            ASSERT_TRUE(hdmi_sim::announce(hdmi_sim::announce_text(compressed, 48000)));
+        }
+        if (to == Kind::other) {
+            // A type that came last as well, before PCM, is no change to the player.
+            EXPECT_TRUE(compressed_before == to || eventually([&] { return g_unsupported > reported; }));
+        } else {
+            ASSERT_TRUE(host.hears(to, since));
+            worst_ns = std::max(worst_ns, host.heard(to, since) - told);
+        }
+        now = to;
+        compressed_before = compressed ? to : compressed_before;
+        host.forget();
+    }
+};
+
+} // namespace
+
+TEST_F(BitstreamTest, FormatsFollowEachOtherWithTheAnnouncementBeforeAfterAndWithout)
+{
+    send(Kind::pcm);
+    Host host(true);
+    ASSERT_TRUE(host.hears(Kind::pcm));
+    Changes changes = {host};
+    for (const Announcement announcement : {Announcement::before, Announcement::after}) {
+        SCOPED_TRACE(static_cast<int>(announcement));
+        changes.change(Kind::ac3, announcement, 150ms);
+        changes.change(Kind::eac3, Announcement::without, 0ms);
+        changes.change(Kind::other, Announcement::without, 0ms);
+        changes.change(Kind::eac3, announcement, 150ms);
+        changes.change(Kind::ac3, announcement, 150ms);
+        changes.change(Kind::other, announcement, 150ms);
+        changes.change(Kind::pcm, announcement, 150ms);
+    }
+    RecordProperty("longest_ms", static_cast<int>(changes.worst_ns / 1'000'000));
+    EXPECT_LT(changes.worst_ns, kSecond);
+}
+
+TEST_F(BitstreamTest, FormatsChangeInAnyOrderAtAnyTime)
+{
+    const char* asked = getenv("HDMIPLAYER_FORMAT_CHANGES");
+    const int count = asked != nullptr ? atoi(asked) : 10;
+    const char* seed = getenv("HDMIPLAYER_FORMAT_SEED");
+    std::mt19937 random(seed != nullptr ? static_cast<unsigned>(atoi(seed)) : 1U);
+    int64_t worst_ns = 0;
+    for (int done = 0; done < count && !HasFatalFailure();) {
+        send(Kind::pcm);
+        Host host(true);
+        ASSERT_TRUE(host.hears(Kind::pcm));
+        Changes changes = {host};
+        // The player closes and opens now and then, in whatever format.
+        for (const int stop = done + 20; done < std::min(stop, count) && !HasFatalFailure(); ++done) {
+            const Kind kinds[] = {Kind::pcm, Kind::ac3, Kind::eac3, Kind::other};
+            Kind to = changes.now;
+            while (to == changes.now)
+                to = kinds[random() % 4];
+            const bool needs_announcement = (to == Kind::pcm) != (changes.now == Kind::pcm);
+            const auto announcement = static_cast<Announcement>(random() % (needs_announcement ? 2 : 3));
+            SCOPED_TRACE(testing::Message() << "change " << done << " to " << static_cast<int>(to) << " announced "
+                                            << static_cast<int>(announcement));
+            changes.change(to, announcement, std::chrono::milliseconds(random() % 200));
+            EXPECT_LT(changes.worst_ns, kSecond);
+            // At any phase of what is under way, now and then before the new sound has settled.
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 250));
+        }
+        worst_ns = std::max(worst_ns, changes.worst_ns);
+    }
+    printf("%d changes of format, sound back after %lld ms at most\n", count,
+           static_cast<long long>(worst_ns / 1'000'000));
+}
+
 int main(int argc, char** argv)
 {
     setenv("debug_hdmiplayer_log_level", "0", 0);
