@@ -402,6 +402,28 @@ TEST_F(BitstreamTest, RawByAnnouncementPassesTheBurstsAndClosesTheOutputAtTheNex
     EXPECT_TRUE(host.hears(Kind::eac3, back));
 }
 
+// Zeros on the link are played sample by sample, four times as long as they lasted. What was written of them stays
+// ahead of the sound; what was not is discarded.
+TEST_F(BitstreamTest, SilenceOnAFasterLinkPilesUpAndTheFirstBurstFlushesTheQueues)
+{
+    BurstOptions options = rounds();
+    const int silence_s = 1;
+    options.lead_frames = silence_s * 192000;
+    hdmi_sim::Signal signal = hdmi_sim::bitstream_signal(programme(Kind::eac3).stream, options);
+    signal.start_ns = hdmi_sim::now_ns();
+    ASSERT_TRUE(hdmi_sim::write_state_file(state_of(Kind::eac3)));
+    hdmi_sim::receiver_connect(signal);
+    Host host(true);
+    ASSERT_TRUE(host.hears(Kind::eac3));
+    const int64_t first_burst = signal.start_ns + silence_s * kSecond;
+    const int64_t delay_ns = host.heard(Kind::eac3, 0) - first_burst;
+    size_t samples = 0;
+    for (const Block& block : host.blocks())
+        samples += block.written && kind_of(block.pcm) == Kind::silence ? block.pcm.size() / 2 : 0;
+    EXPECT_GT(samples, 2U * 48000);
+    EXPECT_LT(delay_ns, kSecond);
+}
+
 TEST_F(BitstreamTest, UnsupportedSoundIsReportedAndThePictureGoesOn)
 {
     send(Kind::pcm);

@@ -148,10 +148,9 @@ struct BurstGap {
 struct BurstOptions {
     /**
      * Where bursts lie in what a capture device reads: the bytes between the
-     * beginning of an opening and the next burst that begins (in a silence: at
-     * which one would begin, had it no end), modulo the bytes of a burst. A multiple of
-     * 4, as a link frame is never cut. The device waits for such a link frame,
-     * so that its data begins up to one burst later. Of chunks of 3840 bytes,
+     * beginning of an opening and the next burst that begins, modulo the bytes
+     * of a burst. A multiple of 4, as a link frame is never cut. The device
+     * waits for such a link frame: its data begins up to a burst later. Of chunks of 3840 bytes,
      * every eighth ends where an AC-3 burst ends if the phase is a multiple of
      * 768; with an odd multiple of 4, chunks also end inside a preamble.
      * Negative: openings begin wherever they fall.
@@ -175,11 +174,14 @@ struct BurstOptions {
  * decoder as sample n + 256 (for libavcodec's encoders: initial_padding), and
  * the first 256 samples after a burst that follows nothing are incomplete.
  *
- * Silence. Zeros on a compressed link are no PCM: a player hands a chunk of
- * zeros on as PCM of the stated sample rate, one sample per link frame. On an
- * E-AC-3 link, at four times the sample rate, a second of zeros becomes four
- * seconds of silence, three of which stay behind in its queues until the
- * bursts begin and it flushes.
+ * Silence. A player hands zeros on a compressed link on as PCM of the stated
+ * sample rate, one sample per link frame. On an E-AC-3 link, four times as
+ * fast, each second of them becomes four seconds of silence. The first burst
+ * discards what waits inside the player, but not what its host has written:
+ * after a second of zeros or more that is all that the output takes, 128 blocks
+ * and 8 periods, 2.7 s ahead of the first sound (measured: written 0.14 s after
+ * its burst began, heard 2.75 s after). A source that is to stay in sync therefore sends
+ * neither lead nor gaps at the E-AC-3 pace; at that of AC-3 they do no harm.
  */
 Signal bitstream_signal(const Bitstream& stream, const BurstOptions& options = {});
 /// The link frame with which burst @p burst begins (repeated streams count on); -1 for one that never comes.
