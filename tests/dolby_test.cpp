@@ -634,7 +634,8 @@ TEST_F(DecodePipeline, StuffingAtTheBeginningOfAReopenedStreamIsNoSilence)
     feed(burst);
     EXPECT_EQ(1000U, written() - before) << "found at once, and nothing of the old burst sent";
     EXPECT_EQ(1, calls.changed);
-    EXPECT_EQ(-1, g_dolby_info.last_frame_serial) << "no silence was queued";
+    hdmi_player_audio_frame_t* silence = nullptr;
+    EXPECT_EQ(-1, dolby_get_output_pcm_frame(&silence, 0));
     // A pause is longer than a burst.
     reopen(Bytes(3840));
     feed(Bytes(3840));
