@@ -9,6 +9,7 @@
 #include <string>
 
 #include "algorithm.h"
+#include "coded_programme.h"
 #include "correlate.h"
 #include "flip_gate.h"
 #include "measure.h"
@@ -154,6 +155,63 @@ TEST(Programme, FlashAndBeepMarkTheSameInstantAtEveryFrameRate)
                         1.0 / 44100);
         }
     }
+}
+
+TEST(CodedProgramme, IsHeardWhenItsBurstsPass)
+{
+    for (Coding coding : {Coding::ac3, Coding::eac3}) {
+        std::string error;
+        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 2 * second + second / 2, &error);
+        ASSERT_NE(coded, nullptr) << error;
+        // The sound is in its place, although the coder delays it.
+        Programme plain(48000, {60, 1}, 2 * second + second / 2);
+        ASSERT_EQ(coded->onsets().size(), plain.onsets().size());
+        for (size_t i = 0; i < plain.onsets().size(); i++)
+            EXPECT_NEAR(static_cast<double>(coded->onsets()[i]), static_cast<double>(plain.onsets()[i]), 16);
+        // Each burst begins where its first sample belongs, and ends with zeros.
+        EXPECT_EQ(coded->link_rate(), coding == Coding::eac3 ? 192000 : 48000);
+        int64_t frames = burst_link_frames(coding);
+        for (int64_t burst : {0, 1, 31}) {
+            int16_t words[6] = {};
+            coded->link(burst * frames - 1, words, 3);
+            EXPECT_EQ(words[0], 0);
+            EXPECT_EQ(static_cast<uint16_t>(words[2]), 0xF872);
+            EXPECT_EQ(static_cast<uint16_t>(words[3]), 0x4E1F);
+            EXPECT_EQ(words[4], coding == Coding::eac3 ? 21 : 1);
+        }
+    }
+}
+
+TEST_F(PlayMeasure, DecodedSoundIsComparedFromTheFirstWholeBurstOn)
+{
+    std::string error;
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * second, &error);
+    ASSERT_NE(coded, nullptr) << error;
+    constexpr int64_t first = 1000; // in the middle of a burst
+    std::vector<int16_t> out = sound_of(*coded, first, 48000 * 2);
+    std::fill_n(out.begin(), 2 * (burst_samples - first + 256), int16_t{99});
+    record(out, 48000, first * second / 48000 + 100 * ms);
+    auto matches = match_beeps(recording, *coded, {0, 0});
+    int64_t end = first + 48000 * 2;
+    EXPECT_TRUE(check_samples(recording, *coded, matches, end).passed());
+    EXPECT_FALSE(check_samples(recording, *coded, matches, end + 2 * burst_samples).passed()); // the end is missing
+    out[2 * (burst_samples - first + 256)] ^= 1;
+    record(out, 48000, first * second / 48000 + 100 * ms);
+    EXPECT_EQ(check_samples(recording, *coded, matches, end).mismatches, 1);
+}
+
+TEST_F(PlayMeasure, WhatADeviceThatWasOpenedAgainPlayedBeforeIsNotJudged)
+{
+    Programme programme(48000, {60, 1}, 3 * second);
+    std::vector<int16_t> out(2 * 4000, int16_t{0});
+    std::vector<int16_t> sound = sound_of(programme, 12000, 48000 * 2);
+    out.insert(out.end(), sound.begin(), sound.end());
+    record(out, 48000, {{0, 4000, 100 * ms, false}, {4000, 48000 * 2, 400 * ms, false}});
+    EXPECT_EQ(recording.last_opening(), 4000);
+    std::vector<SoundMatch> matches = {{48000, 4000 + 36000}};
+    EXPECT_TRUE(check_samples(recording, programme, matches, 12000 + 48000 * 2).passed());
+    record(out, 48000, 100 * ms);
+    EXPECT_FALSE(check_samples(recording, programme, matches, 12000 + 48000 * 2).passed());
 }
 
 TEST_F(PlayMeasure, OffsetIsTheDifferenceOfTheTwoLatencies)

@@ -55,6 +55,10 @@ if [ "${2:-}" != quick ]; then
     passes exact --seconds 2 --rate 48000 --fps 59.94 --display-rate 50
     processed=(--seconds 2 --rate 32000 --algorithm-delay 100 --video-start 200 --fps 25)
     passes processed "${processed[@]}"
+    passes ac3 --seconds 2 --bitstream ac3 --chunk-phase 772
+    passes eac3 --seconds 2 --bitstream eac3 --chunk-phase 12288 --rate 44100
+    passes raw --seconds 2 --bitstream eac3 --raw --output arc
+    grep -q '"gaps": 0' "$folder/raw.json" || fail "the report does not tell of the bursts at the output"
     misses unsynced 'one reset, at start' --seconds 2 --no-sync
     # Without processing a free run happens to be in sync. With it, nothing but the player makes the picture wait.
     misses unsynced_processed 'A/V offset p95' "${processed[@]}" --no-sync
@@ -70,6 +74,8 @@ if [ "${2:-}" != quick ]; then
     refuses "$folder"
     refuses --fps 0
     refuses --no-such-option
+    refuses --bitstream eac3 --raw
+    refuses --bitstream ac3 --chunk-phase 6
 fi
 
 [ "$failures" -eq 0 ] && echo "All as expected."

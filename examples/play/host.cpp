@@ -44,16 +44,19 @@ double period_s(int rate) { return (rate == 44100 ? 896.0 : 960.0) / rate; }
 
 Host* Host::s_host = nullptr;
 
-int video_queue_slots(double fps, int audio_rate, int algorithm_delay_ms)
+int video_queue_slots(double fps, int audio_rate, Coding coding, int algorithm_delay_ms)
 {
     constexpr int output_rate = 48000;
-    double sound_s = period_s(audio_rate) + period_s(output_rate) + algorithm_delay_ms / 1000.0 + fixed_delay_s;
+    double decoder_s = coding == Coding::pcm ? 0 : static_cast<double>(burst_samples) / audio_rate;
+    double sound_s =
+        period_s(audio_rate) + decoder_s + period_s(output_rate) + algorithm_delay_ms / 1000.0 + fixed_delay_s;
     return 2 + static_cast<int>(std::ceil(fps * sound_s));
 }
 
 Host::Host(HostConfig config, Source* source, SourceClock clock)
     : m_config(std::move(config)), m_source(source), m_clock(clock),
-      m_video_queue_size(video_queue_slots(source->fps().value(), source->audio_rate(), m_config.algorithm_delay_ms)),
+      m_video_queue_size(video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(),
+                                           m_config.algorithm_delay_ms)),
       m_pool(m_video_queue_size + buffers_beside_queue), m_line(m_config.algorithm_delay_ms),
       m_wait_for_serial(m_config.sync)
 {
@@ -69,7 +72,7 @@ bool Host::start()
 {
     hdmi_player_config_t config = {};
     config.ao_dev = m_config.output;
-    config.ao_format = E_HDMI_PLAYER_AO_FORMAT_PCM;
+    config.ao_format = m_config.raw ? E_HDMI_PLAYER_AO_FORMAT_RAW : E_HDMI_PLAYER_AO_FORMAT_PCM;
     config.drm_info = m_config.display;
     config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
     config.audio_alg_max_delay_time_ms = m_config.algorithm_delay_ms;
@@ -267,10 +270,11 @@ void Host::write_from_line(const hdmi_player_audio_frame_t& like)
     out.buf_size = out.size;
     out.pts = pts_us;
     // Waits while the player's output queue is full: the sound device sets the pace.
-    if (hdmi_player_write_pcm(&out) == 0)
-        m_audio_account.written += frames;
-    else
+    if (hdmi_player_write_pcm(&out) != 0) {
         m_audio_account.failed_writes++;
+        return;
+    }
+    m_audio_account.written += frames;
 }
 
 // --- Accounts ---------------------------------------------------------------

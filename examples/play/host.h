@@ -26,6 +26,7 @@ struct HostConfig {
     hdmi_player_drm_info_t display = {0, 60};
     int algorithm_delay_ms = 0;
     int64_t video_start_ns = 0; ///< first picture that long after open
+    bool raw = false;           ///< compressed sound goes to the output as it is
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
     FlipGate* gate = nullptr; ///< of the display; outlives the host
@@ -131,6 +132,6 @@ private:
 };
 
 /// Slots that the player's video queue needs, see hdmi_player_config_t::video_frame_queue_size.
-int video_queue_slots(double fps, int audio_rate, int algorithm_delay_ms);
+int video_queue_slots(double fps, int audio_rate, Coding coding, int algorithm_delay_ms);
 
 } // namespace play

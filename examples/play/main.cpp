@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "coded_programme.h"
 #include "hdmi_sim.h"
 #include "host.h"
 #include "measure.h"
@@ -42,6 +43,7 @@ constexpr int64_t ending_ns = 550 * ms;
 /// Above ordinary threads, below the player's own capture and output.
 constexpr int realtime_priority = 20;
 constexpr int programme_audio_rate = 44100;
+constexpr int coded_programme_rate = 48000;
 
 /// A name for the recording, and the recording's end if nobody asked for it.
 class RecordingFile
@@ -75,9 +77,13 @@ private:
 std::unique_ptr<Source> make_source(const Options& options, std::string* error)
 {
     if (!options.file.empty())
-        return MediaFile::open(options.file, options.source_rate, error);
-    int rate = options.source_rate != 0 ? options.source_rate : programme_audio_rate;
+        return MediaFile::open(options.file, options.source_rate, options.coding, error);
+    Coding coding = options.coding.value_or(Coding::pcm);
+    int own_rate = coding == Coding::pcm ? programme_audio_rate : coded_programme_rate;
+    int rate = options.source_rate != 0 ? options.source_rate : own_rate;
     auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * ms + tail_ns;
+    if (coding != Coding::pcm)
+        return CodedProgramme::make(coding, rate, options.fps, length_ns, error);
     return std::make_unique<Programme>(rate, options.fps, length_ns);
 }
 
@@ -106,6 +112,7 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, S
     config.algorithm_delay_ms = options.algorithm_delay_ms;
     config.video_start_ns = options.video_start_ms * ms;
     config.sync = !options.no_sync;
+    config.raw = options.raw;
     config.gate = gate;
     config.present = [stage](FrameBuffer* buffer) { stage->present(buffer); };
     return config;
@@ -140,13 +147,16 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     auto judged = [from_ns, last_ns](int64_t at_ns) { return at_ns >= from_ns && at_ns + ending_ns < last_ns; };
 
     bool by_marks = !source.marks().empty();
-    std::vector<SoundMatch> matches =
-        by_marks ? match_beeps(recording, source, clock) : match_waveform(recording, source, clock, last_ns);
+    bool heard = recording.frames() > 0;
+    std::vector<SoundMatch> matches = !heard     ? std::vector<SoundMatch>{}
+                                      : by_marks ? match_beeps(recording, source, clock)
+                                                 : match_waveform(recording, source, clock, last_ns);
     for (const Offset& offset : measure_offsets(matches, recording, all, source, clock, by_marks))
         if (judged(offset.source_ns))
             result->offsets.push_back(offset);
-    for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(last_ns))
-        result->instants += judged(at_ns) ? 1 : 0;
+    if (heard)
+        for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(last_ns))
+            result->instants += judged(at_ns) ? 1 : 0;
     result->offset = summarise(result->offsets);
     std::vector<double> sound;
     std::vector<double> picture;
@@ -165,7 +175,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     }
     result->cadence = measure_cadence(result->sightings, result->options.display_rate.value() / source.fps().value());
     result->unreadable = screen.unreadable();
-    result->samples = check_samples(recording, source, matches, result->stage.first_captured + result->stage.captured);
+    result->samples = check_samples(recording, source, matches, result->stage.captured_end);
     int64_t settled_sound_ns = result->stage.first_write_ns + second_ns;
     result->early_gaps = recording.gaps(0, settled_sound_ns);
     result->gaps = recording.gaps(settled_sound_ns, result->signal_end_ns);
@@ -205,11 +215,16 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     Recording recording;
     if (!stage.finish(&recording, error))
         return false;
+    if (result->options.raw)
+        result->raw = stage.check_raw();
     result->video_queue_size = host->video_queue_size();
     result->frames = host->frames();
     result->audio = host->audio();
     result->resets = host->resets();
+    result->last_reset_ns = host->reset_ns() - host->opened_ns();
+    result->coding = source->coding();
     result->unsupported = host->unsupported();
+    result->opened_ns = host->opened_ns();
     result->starved = source->starved();
     result->stage = stage.stats();
     evaluate(*source, clock, *host, screen, recording, result);
@@ -222,6 +237,11 @@ int main_with(const Options& options)
     std::unique_ptr<Source> source = make_source(options, &error);
     if (!source) {
         std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+        return bad_input;
+    }
+    if (options.raw && source->coding() == Coding::pcm) {
+        std::fprintf(stderr, "hdmi-player-play: %s: its sound is not compressed, --raw has nothing to pass on\n",
+                     options.file.c_str());
         return bad_input;
     }
     if (!prepare_process(options, &error)) {

@@ -25,6 +25,8 @@ constexpr int64_t most_instants = 600;
 /// A resampler's phase and the onset's threshold may each move it by one frame.
 constexpr double place_tolerance = 4;
 constexpr int chunk_frames = 4096;
+/// The coder overlaps its blocks: the first one of a decoder that begins in the middle of a stream is incomplete.
+constexpr int64_t decoder_settling = 256;
 
 double to_ms(int64_t ns) { return static_cast<double>(ns) / 1e6; }
 
@@ -130,15 +132,14 @@ std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& so
     std::vector<SoundMatch> matches;
     size_t next = 0;
     const std::vector<int64_t>& onsets = detector.onsets();
-    for (int64_t mark : source.marks()) {
-        int64_t sent_ns = clock.to_monotonic(mark);
+    for (int64_t sample : source.onsets()) {
+        int64_t sent_ns = clock.to_monotonic(source_time_of(sample, source.audio_rate()));
         while (next < onsets.size() && recording.heard_ns(onsets[next]) < sent_ns)
             next++;
         if (next == onsets.size())
             break;
         if (recording.heard_ns(onsets[next]) - sent_ns < longest_latency_ns)
-            matches.push_back(
-                {std::llround(static_cast<double>(mark) * source.audio_rate() / second_ns), onsets[next]});
+            matches.push_back({sample, onsets[next]});
     }
     return matches;
 }
@@ -238,20 +239,31 @@ Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_p
 namespace
 {
 
+/// Samples that are complete with @p link_frames on the link; of coded ones, those of whole bursts.
+int64_t samples_until(Coding coding, int64_t link_frames)
+{
+    return coding == Coding::pcm ? link_frames : link_frames / burst_link_frames(coding) * burst_samples;
+}
+
+/// Samples from @p sample to the first burst that begins with it or later.
+int64_t samples_to_burst(int64_t sample) { return ((-sample) % burst_samples + burst_samples) % burst_samples; }
+
 void compare_all(const Recording& recording, const Source& source, SampleCheck* check)
 {
     std::vector<int16_t> played(2 * chunk_frames);
     std::vector<int16_t> sent(2 * chunk_frames);
-    auto next = static_cast<int64_t>(check->first_source_sample);
+    auto next = static_cast<int64_t>(check->first_source_sample) - check->earlier;
     for (const HeardBlock& block : recording.blocks()) {
         for (int64_t done = 0; done < block.frames && !block.silence; done += chunk_frames) {
             int64_t frames = std::min<int64_t>(chunk_frames, block.frames - done);
             recording.read(block.first_frame + done, played.data(), frames);
             source.audio(next, sent.data(), static_cast<int>(frames));
-            for (int64_t i = 0; i < frames; i++) {
+            int64_t before = recording.written_before(block.first_frame) + done;
+            for (int64_t i = std::clamp<int64_t>(check->earlier + check->settling - before, 0, frames); i < frames;
+                 i++) {
                 bool equal = played[2 * i] == sent[2 * i] && played[2 * i + 1] == sent[2 * i + 1];
                 if (!equal && check->first_mismatch < 0)
-                    check->first_mismatch = recording.written_before(block.first_frame) + done + i;
+                    check->first_mismatch = before + i;
                 check->mismatches += equal ? 0 : 1;
             }
             next += frames;
@@ -272,16 +284,24 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
 {
     SampleCheck check;
     check.same_rate = source.audio_rate() == recording.sample_rate();
-    check.out = recording.written();
+    check.earlier = recording.written_before(recording.last_opening());
+    check.out = recording.written() - check.earlier;
     check.block = recording.sample_rate() / 50;
     if (matches.empty())
         return check;
     double ratio = static_cast<double>(recording.sample_rate()) / source.audio_rate();
-    auto played = [&recording](const SoundMatch& match) {
-        return static_cast<double>(recording.written_before(match.position));
+    if (source.coding() != Coding::pcm)
+        check.block = std::max<int64_t>(check.block, std::llround(burst_samples * ratio));
+    auto played = [&recording, &check](const SoundMatch& match) {
+        return static_cast<double>(recording.written_before(match.position) - check.earlier);
     };
     check.first_source_sample = static_cast<double>(matches.front().source_sample) - played(matches.front()) / ratio;
-    check.in = captured_end - std::llround(check.first_source_sample);
+    check.in = samples_until(source.coding(), captured_end) - std::llround(check.first_source_sample);
+    if (source.coding() != Coding::pcm)
+        check.settling = samples_to_burst(std::llround(check.first_source_sample)) + decoder_settling;
+    // A device that is opened anew discards what waits behind the first block.
+    if (check.earlier > 0)
+        check.settling += check.block;
     check.missing = static_cast<double>(check.in) * ratio - static_cast<double>(check.out);
     for (const SoundMatch& match : matches) {
         double belongs = (static_cast<double>(match.source_sample) - check.first_source_sample) * ratio;

@@ -65,7 +65,7 @@ struct SoundMatch {
     int64_t position; ///< in the recording
 };
 
-/// Beeps in the recording, each given to the mark before it (sound does not come early from the source).
+/// Beeps in the recording, each given to the source's one before it (sound does not come early from the source).
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock);
 /// The sound of full seconds of the source (each, but of a long film some hundreds), found in the recording by its
 /// waveform.
@@ -100,18 +100,20 @@ Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_p
 /// Whether the samples that came out are those that went in.
 struct SampleCheck {
     bool same_rate = false;
-    double first_source_sample = -1; ///< with which the recording begins
+    int64_t earlier = 0;             ///< frames played before the device was opened last: not judged
+    double first_source_sample = -1; ///< with which what is judged begins
     int64_t in = 0;                  ///< source samples from there to the last one captured
-    int64_t out = 0;                 ///< frames played
+    int64_t out = 0;                 ///< frames played from there
     double missing = 0;              ///< frames that in x ratio is more than out
-    int64_t block = 0;               ///< frames that may be missing
+    int64_t block = 0;               ///< frames that may be missing: a block, of coded sound a burst
+    int64_t settling = 0;            ///< frames at its beginning that are not compared
     int64_t mismatches = 0;          ///< same rate: frames that differ from the source's
     int64_t first_mismatch = -1;
     double worst_place = 0; ///< other rates: frames by which a match lies beside where it belongs
 
     bool passed() const;
 };
-/// @p captured_end is the number of the sample after the last one captured.
+/// @p captured_end is the number of the link frame after the last one captured.
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                           int64_t captured_end);
 

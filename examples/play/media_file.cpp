@@ -56,6 +56,13 @@ std::string av_text(int code)
     return text;
 }
 
+Coding coding_of(const AVCodecParameters& parameters)
+{
+    return parameters.codec_id == AV_CODEC_ID_AC3    ? Coding::ac3
+           : parameters.codec_id == AV_CODEC_ID_EAC3 ? Coding::eac3
+                                                     : Coding::pcm;
+}
+
 int64_t to_ns(int64_t time, AVRational base) { return av_rescale_q(time, base, {1, 1'000'000'000}); }
 
 } // namespace
@@ -109,7 +116,8 @@ MediaFile::~MediaFile()
         m_thread.join();
 }
 
-std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_rate, std::string* error)
+std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_rate, std::optional<Coding> coding,
+                                           std::string* error)
 {
     av_log_set_level(AV_LOG_QUIET);
     std::unique_ptr<MediaFile> file(new MediaFile);
@@ -143,10 +151,23 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
     if (rate.num > 0 && rate.den > 0)
         file->m_fps = {rate.num, rate.den};
     decoders.start_ns = format->start_time != AV_NOPTS_VALUE ? format->start_time * 1000 : 0;
+    const AVStream& sound = *format->streams[decoders.audio_index];
+    Coding own = coding_of(*sound.codecpar);
+    if (own != Coding::pcm && carried && file->m_audio_rate == own_rate && coding.value_or(own) == own) {
+        file->m_track = std::make_unique<CodedTrack>(own, own_rate);
+        // The link begins with a burst: zeros before it would be silence to the player.
+        if (sound.start_time != AV_NOPTS_VALUE)
+            decoders.start_ns = to_ns(sound.start_time, sound.time_base);
+    }
+    if (file->m_track && !file->m_track->usable()) {
+        *error = path + ": its sound cannot be packed into bursts";
+        return nullptr;
+    }
     char text[256];
-    std::snprintf(text, sizeof text, "%s %dx%d %.5g fps, %s, sent as %d Hz", avcodec_get_name(decoders.video->codec_id),
-                  decoders.video->width, decoders.video->height, file->m_fps.value(),
-                  avcodec_get_name(decoders.audio->codec_id), file->m_audio_rate);
+    std::snprintf(text, sizeof text, "%s %dx%d %.5g fps, %s, sent as %s at %d Hz",
+                  avcodec_get_name(decoders.video->codec_id), decoders.video->width, decoders.video->height,
+                  file->m_fps.value(), avcodec_get_name(decoders.audio->codec_id), coding_name(file->coding()),
+                  file->m_audio_rate);
     file->m_description = path + ": " + text;
     return file;
 }
@@ -157,17 +178,36 @@ void MediaFile::start(int64_t length_ns)
     m_thread = std::thread(&MediaFile::decode_thread, this);
     std::unique_lock<std::mutex> lock(m_mutex);
     m_changed.wait(lock, [this] {
-        bool sound = m_sound.frames() * second_ns / m_audio_rate >= second_ns;
+        bool sound = sound_ns() >= second_ns;
         return m_ended || (m_pictures.size() >= pictures_to_start && sound) || m_pictures.size() >= pictures_ahead;
     });
 }
 
 void MediaFile::audio(int64_t first, int16_t* stereo, int frames) const
 {
-    if (m_sound.read(first, stereo, frames) < frames && first >= 0) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_starved += m_ended ? 0 : 1;
-    }
+    int64_t got = m_track ? m_track->audio(first, stereo, frames) : m_sound.read(first, stereo, frames);
+    note_starved(got == frames || first < 0);
+}
+
+void MediaFile::link(int64_t first, int16_t* words, int frames) const
+{
+    if (m_track)
+        note_starved(m_track->link(first, words, frames) == frames || first < 0);
+    else
+        audio(first, words, frames);
+}
+
+void MediaFile::note_starved(bool complete) const
+{
+    if (complete)
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_starved += m_ended ? 0 : 1;
+}
+
+int64_t MediaFile::sound_ns() const
+{
+    return (m_track ? m_track->samples() : m_sound.frames()) * second_ns / m_audio_rate;
 }
 
 bool MediaFile::next_video(VideoFrame* frame)
@@ -206,11 +246,13 @@ void MediaFile::decode_thread()
         // A damaged packet is the decoder's to skip: what follows it may be whole.
         if (packet->stream_index == decoders.video_index && avcodec_send_packet(decoders.video.get(), packet) >= 0)
             take_video();
-        if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
+        if (packet->stream_index == decoders.audio_index && m_track)
+            take_coded();
+        else if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
             take_audio();
         av_packet_unref(packet);
         std::lock_guard<std::mutex> lock(m_mutex);
-        bool enough = past_the_end(decoders.next_video_ns) && past_the_end(m_sound.frames() * second_ns / m_audio_rate);
+        bool enough = past_the_end(decoders.next_video_ns) && past_the_end(sound_ns());
         if (m_stop || enough)
             break;
     }
@@ -227,7 +269,7 @@ void MediaFile::wait_for_demand()
     m_changed.wait(lock, [this] {
         // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
         int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
-        bool sound_short = m_sound.frames() * second_ns / m_audio_rate < present_ns + sound_ahead_ns;
+        bool sound_short = sound_ns() < present_ns + sound_ahead_ns;
         return m_stop || m_pictures.size() < pictures_ahead || sound_short;
     });
 }
@@ -236,8 +278,24 @@ void MediaFile::drain_decoders()
 {
     avcodec_send_packet(m_decoders->video.get(), nullptr);
     take_video();
+    if (m_track)
+        return;
     avcodec_send_packet(m_decoders->audio.get(), nullptr);
     take_audio();
+}
+
+void MediaFile::take_coded()
+{
+    AVPacket* packet = m_decoders->packet.get();
+    if (packet->pts != AV_NOPTS_VALUE) {
+        int64_t at_ns = to_ns(packet->pts, m_decoders->time_base(m_decoders->audio_index)) - m_decoders->start_ns;
+        int64_t gap_ns = at_ns - sound_ns();
+        if (gap_ns > gap_ms * second_ns / 1000)
+            m_track->add_gap(gap_ns * m_audio_rate / second_ns);
+    }
+    m_track->add(packet);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_changed.notify_all();
 }
 
 void MediaFile::take_video()

@@ -6,10 +6,12 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "coded_track.h"
 #include "sample_store.h"
 #include "source.h"
 
@@ -24,10 +26,12 @@ class MediaFile : public Source
 public:
     /**
      * Opens and examines the file; starts no thread.
+     * AC-3 and E-AC-3 are sent as they are unless @p coding asks for PCM or @p audio_rate for another rate.
      * @param audio_rate Hz, 0: the file's own if HDMI carries it, else 48000
      * @return null with one line in @p error
      */
-    static std::unique_ptr<MediaFile> open(const std::string& path, int audio_rate, std::string* error);
+    static std::unique_ptr<MediaFile> open(const std::string& path, int audio_rate, std::optional<Coding> coding,
+                                           std::string* error);
     ~MediaFile() override;
 
     /// Starts to decode and returns when enough lies ready to play. The programme ends after @p length_ns, if positive.
@@ -35,6 +39,8 @@ public:
 
     int audio_rate() const override { return m_audio_rate; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;
+    Coding coding() const override { return m_track ? m_track->coding() : Coding::pcm; }
+    void link(int64_t first, int16_t* words, int frames) const override;
     Rational fps() const override { return m_fps; }
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
@@ -48,11 +54,15 @@ private:
     void wait_for_demand();
     void take_video();
     void take_audio();
+    void take_coded();
     void drain_decoders();
+    int64_t sound_ns() const;
+    void note_starved(bool complete) const;
     bool past_the_end(int64_t source_ns) const { return m_length_ns > 0 && source_ns >= m_length_ns; }
 
     std::unique_ptr<MediaDecoders> m_decoders;
     SampleStore m_sound;
+    std::unique_ptr<CodedTrack> m_track; ///< in place of m_sound: sound that is sent as it is
     int m_audio_rate = 0;
     Rational m_fps{25, 1};
     std::string m_description;

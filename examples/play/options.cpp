@@ -19,9 +19,19 @@ const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
     {"i2s", E_HDMI_PLAYER_AO_DEV_I2S_TXA},
 };
 
+const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
+
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
     "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
+    "Compressed sound: a sample was sent when its burst began to pass, plus its place in the burst's sound. The "
+    "player\n"
+    "must reset once, when the first picture meets captured sound, and twice at most if --chunk-phase makes the "
+    "capture\n"
+    "begin inside of a burst: it takes the zeros at the burst's end for silence, and the first burst after a silence\n"
+    "resets it again. Nothing but bursts is sent. The output must be a decode of them, bit for bit at 48 kHz, from "
+    "256\n"
+    "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves.\n\n"
     "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.\n";
 
 constexpr double default_programme_seconds = 20;
@@ -31,6 +41,8 @@ struct Texts {
     std::string display_rate = "60";
     std::string display = "sim";
     std::string output = "speaker";
+    std::string coding;
+    std::string chunk_phase;
 };
 
 void describe(CLI::App* app, Options* options, Texts* texts)
@@ -38,6 +50,13 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream");
     app->add_option("--rate", options->source_rate, "Audio sample rate of the source: 32000, 44100 or 48000 Hz")
         ->check(CLI::IsMember({32000, 44100, 48000}));
+    app->add_option("--bitstream", texts->coding,
+                    "Send the sound compressed: ac3, eac3; pcm: send FILE's decoded (default: AC-3 and E-AC-3 of\n"
+                    "FILE as they are, unless --rate names another rate)")
+        ->check(CLI::IsMember({"ac3", "eac3", "pcm"}));
+    app->add_option("--chunk-phase", texts->chunk_phase,
+                    "The first capture begins that many bytes (a multiple of 4) before a burst, or random");
+    app->add_flag("--raw", options->raw, "Pass the bursts on as they are; with --output spdif or arc");
     app->add_option("--fps", texts->fps, "Frames per second of the programme; 59.94 means 60000/1001")
         ->capture_default_str()
         ->excludes(file);
@@ -73,6 +92,34 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
     app->footer(footer);
+}
+
+std::string take_coding(const Texts& texts, Options* options)
+{
+    if (!texts.coding.empty())
+        options->coding = codings.at(texts.coding);
+    if (!options->file.empty() && options->coding.value_or(Coding::pcm) != Coding::pcm)
+        return "--bitstream: FILE is sent as it is or as pcm";
+    bool programme = options->file.empty();
+    bool pcm = options->coding.value_or(programme ? Coding::pcm : Coding::ac3) == Coding::pcm;
+    bool digital = options->output == E_HDMI_PLAYER_AO_DEV_SPDIF || options->output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+    if (options->raw && (pcm || !digital))
+        return "--raw needs compressed sound (--bitstream) and --output spdif or arc";
+    if (texts.chunk_phase.empty())
+        return "";
+    if (pcm)
+        return "--chunk-phase needs compressed sound (--bitstream)";
+    if (texts.chunk_phase == "random") {
+        options->chunk_phase = phase_random;
+        return "";
+    }
+    // A multiple of a link frame; what is longer than a burst wraps around.
+    constexpr int link_frame_bytes = 4;
+    std::istringstream in(texts.chunk_phase);
+    if (!(in >> options->chunk_phase) || !in.eof() || options->chunk_phase < 0 ||
+        options->chunk_phase % link_frame_bytes != 0)
+        return "--chunk-phase: " + texts.chunk_phase + " is neither a multiple of 4 nor random";
+    return "";
 }
 
 std::string take_rates(const Texts& texts, Options* options)
@@ -127,13 +174,15 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         std::fprintf(stderr, "hdmi-player-play: %s (--help shows the options)\n", e.what());
         return {false, 2};
     }
+    options->output = outputs.at(texts.output);
     std::string wrong = take_rates(texts, options);
+    if (wrong.empty())
+        wrong = take_coding(texts, options);
     if (!wrong.empty()) {
         std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
         return {false, 2};
     }
     options->simulated_display = texts.display == "sim";
-    options->output = outputs.at(texts.output);
     if (options->seconds == 0 && options->file.empty())
         options->seconds = default_programme_seconds;
     return {true, 0};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "hdmi_player.h"
@@ -10,11 +11,19 @@
 namespace play
 {
 
+/// Values of Options::chunk_phase beside the bytes.
+constexpr int phase_anywhere = -1; ///< captures begin with what passes next
+constexpr int phase_random = -2;   ///< drawn for the run
+
 /// What the command line asks for.
 struct Options {
     std::string file;    ///< media file; empty: the built-in programme
-    int source_rate = 0; ///< Hz on the link; 0: 44100 for the programme, the file's own for a file
-    Rational fps{60, 1}; ///< of the programme; a file brings its own
+    int source_rate = 0; ///< Hz; 0: 44100 for the programme in PCM, 48000 for it coded, the file's own for a file
+    /// How the sound is sent; nothing: as it is in the file, PCM for the programme.
+    std::optional<Coding> coding;
+    int chunk_phase = phase_anywhere; ///< bytes from the beginning of the first capture to the next burst
+    bool raw = false;                 ///< bursts go to the output as they are
+    Rational fps{60, 1};              ///< of the programme; a file brings its own
     Rational display_rate{60, 1};
     bool simulated_display = true;
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;

@@ -29,6 +29,7 @@ public:
     int64_t frame_ns(int64_t number) const override { return number * 1'000'000'000 * m_fps.den / m_fps.num; }
     /// When the flashes' first pictures arrive; their beeps begin at the sample next to that.
     std::vector<int64_t> marks() const override;
+    std::vector<int64_t> onsets() const override { return {m_beeps.begin() + 1, m_beeps.end()}; }
     int64_t starved() const override { return 0; }
     std::string description() const override;
 

@@ -3,6 +3,7 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
+#include <libavutil/downmix_info.h>
 #include <libavutil/frame.h>
 #include <libavutil/opt.h>
 #include <libavutil/version.h>
@@ -83,6 +84,22 @@ SwrContext* make_converter(const AVFrame* like, int rate_out)
     // As 16-bit sound is made: and the noise makes even a steady tone differ from place to place.
     if (converter != nullptr)
         av_opt_set_int(converter, "dither_method", SWR_DITHER_TRIANGULAR, 0);
+    return started(converter);
+}
+
+SwrContext* make_downmixer(const AVFrame* like)
+{
+    SwrContext* converter = allocate_like(like, like->sample_rate);
+    const AVFrameSideData* side = av_frame_get_side_data(like, AV_FRAME_DATA_DOWNMIX_INFO);
+    if (converter != nullptr && side != nullptr) {
+        const auto* info = reinterpret_cast<const AVDownmixInfo*>(side->data);
+        bool matrixed = info->preferred_downmix_type == AV_DOWNMIX_TYPE_LTRT;
+        av_opt_set_double(converter, "center_mix_level",
+                          matrixed ? info->center_mix_level_ltrt : info->center_mix_level, 0);
+        av_opt_set_double(converter, "surround_mix_level",
+                          matrixed ? info->surround_mix_level_ltrt : info->surround_mix_level, 0);
+        av_opt_set_double(converter, "lfe_mix_level", info->lfe_mix_level, 0);
+    }
     return started(converter);
 }
 

@@ -18,6 +18,10 @@ namespace play
 /// frees it.
 SwrContext* make_converter(const AVFrame* like, int rate_out);
 
+/// A converter to 16-bit stereo at the same rate, without dither, that mixes down with the levels that the stream
+/// brings with @p like. Null if there is none. The caller frees it.
+SwrContext* make_downmixer(const AVFrame* like);
+
 /// Stereo samples of another rate, of the same length in time.
 std::vector<int16_t> convert_rate(const std::vector<int16_t>& stereo, int rate_in, int rate_out);
 

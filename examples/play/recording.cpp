@@ -83,6 +83,18 @@ int64_t Recording::written_before(int64_t position) const
     return m_written[index] + (block.silence ? 0 : std::min(block.frames, position - block.first_frame));
 }
 
+int64_t Recording::last_opening() const
+{
+    constexpr int64_t jitter_ns = 1'000'000;
+    for (size_t i = m_blocks.size(); i > 1; i--) {
+        const HeardBlock& before = m_blocks[i - 2];
+        int64_t end_ns = before.heard_ns + before.frames * 1'000'000'000 / m_sample_rate;
+        if (m_blocks[i - 1].heard_ns - end_ns > jitter_ns)
+            return m_blocks[i - 1].first_frame;
+    }
+    return 0;
+}
+
 int64_t Recording::gaps(int64_t from_ns, int64_t to_ns) const
 {
     int64_t gaps = 0;

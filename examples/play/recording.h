@@ -46,6 +46,9 @@ public:
     /// The frame heard at @p monotonic_ns, by the block that was sounding then or last began before; -1: none yet.
     int64_t position_at(int64_t monotonic_ns) const;
 
+    /// First frame heard since the device was opened last: after that came a pause that is not in the recording.
+    int64_t last_opening() const;
+
     /// Frames that were written to the device, up to frame @p position: its silences do not count.
     int64_t written_before(int64_t position) const;
     int64_t written() const { return written_before(m_frames); }

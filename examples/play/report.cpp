@@ -77,6 +77,21 @@ void print_sound(const Result& result)
         std::printf("  source    was not decoded in time %" PRId64 " times\n", result.starved);
 }
 
+void print_link(const Result& result)
+{
+    if (result.coding == Coding::pcm)
+        return;
+    std::printf("\nLink\n");
+    std::printf(
+        "  time      a coded sample was sent when its burst began to pass, plus its place in the burst's sound;\n"
+        "            that a burst must pass before it can be decoded is latency of the player\n");
+    if (result.stage.chunk_phase >= 0)
+        std::printf("  capture   began %d bytes before a burst\n", result.stage.chunk_phase);
+    if (result.options.raw)
+        std::printf("  output    %" PRId64 " bursts in %" PRId64 " frames, different %" PRId64 ", gaps %" PRId64 "\n",
+                    result.raw.bursts, result.raw.frames, result.raw.different, result.raw.gaps);
+}
+
 void print_usage(const Result& result)
 {
     std::printf("\nMachine\n");
@@ -150,6 +165,7 @@ json sound_json(const Result& result)
     const SampleCheck& samples = result.samples;
     return {{"same_rate", samples.same_rate},
             {"first_source_sample", samples.first_source_sample},
+            {"earlier", samples.earlier},
             {"in", samples.in},
             {"out", samples.out},
             {"missing", samples.missing},
@@ -166,6 +182,17 @@ json sound_json(const Result& result)
             {"withheld_blocks", result.stage.withheld}};
 }
 
+json link_json(const Result& result)
+{
+    json link = {{"coding", coding_name(result.coding)}, {"chunk_phase", result.stage.chunk_phase}};
+    if (result.options.raw)
+        link["raw"] = {{"frames", result.raw.frames},
+                       {"bursts", result.raw.bursts},
+                       {"different", result.raw.different},
+                       {"gaps", result.raw.gaps}};
+    return link;
+}
+
 json options_json(const Result& result)
 {
     const Options& options = result.options;
@@ -180,6 +207,7 @@ json options_json(const Result& result)
             {"receiver_ppm", options.receiver_ppm},
             {"playback_ppm", options.playback_ppm},
             {"display_latency_ms", options.display_latency_ms},
+            {"raw", options.raw},
             {"sync", !options.no_sync},
             {"withhold_block", options.withhold_block},
             {"video_queue_size", result.video_queue_size},
@@ -192,9 +220,12 @@ void print_report(const Result& result, const std::vector<Verdict>& verdicts)
 {
     std::printf("\n%s; display %.5g Hz; %.1f s\n", result.programme.c_str(), result.options.display_rate.value(),
                 result.seconds);
-    print_sync(result);
+    if (!result.options.raw)
+        print_sync(result);
     print_pictures(result);
-    print_sound(result);
+    if (!result.options.raw)
+        print_sound(result);
+    print_link(result);
     print_usage(result);
     std::printf("\nLimits\n");
     for (const Verdict& verdict : verdicts)
@@ -220,6 +251,7 @@ bool write_report(const Result& result, const std::vector<Verdict>& verdicts, co
                    {"picture_latency", to_json(result.picture_latency)},
                    {"pictures", pictures_json(result)},
                    {"sound", sound_json(result)},
+                   {"link", link_json(result)},
                    {"resets", result.resets},
                    {"unsupported_events", result.unsupported},
                    {"source_starved", result.starved},

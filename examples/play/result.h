@@ -18,8 +18,10 @@ namespace play
 struct Result {
     Options options;
     std::string programme;
+    Coding coding = Coding::pcm; ///< of the sound on the link
     bool realtime = false;
     int video_queue_size = 0;
+    int64_t opened_ns = 0;     ///< when the player had opened
     int64_t signal_end_ns = 0; ///< when the source stopped to send
     double seconds = 0;        ///< from open to the end of the signal
 
@@ -39,6 +41,8 @@ struct Result {
     int64_t gaps = 0;       ///< underruns after the first second
     int64_t early_gaps = 0; ///< underruns in the first second
     int64_t resets = 0;
+    int64_t last_reset_ns = 0; ///< since open
+    RawCheck raw;              ///< of a run with raw pass-through
     int64_t unsupported = 0;
     int64_t starved = 0;
     StageStats stage;

@@ -44,14 +44,39 @@ struct VideoFrame {
     Picture picture;
 };
 
+/// How sound passes on the link: sample by sample, or in IEC 61937 bursts of 1536 samples each.
+enum class Coding { pcm, ac3, eac3 };
+
+constexpr const char* coding_name(Coding coding)
+{
+    return coding == Coding::ac3 ? "AC-3" : coding == Coding::eac3 ? "E-AC-3" : "PCM";
+}
+constexpr int burst_samples = 1536;
+/// An E-AC-3 burst has four link frames for each sample.
+constexpr int link_frames_per_sample(Coding coding) { return coding == Coding::eac3 ? 4 : 1; }
+constexpr int64_t burst_link_frames(Coding coding) { return int64_t{burst_samples} * link_frames_per_sample(coding); }
+
+/**
+ * When a sample was sent. PCM: when it passes on the link. A coded sample is not there by itself; its time is that
+ * of its burst's first word on the link (Pa) plus its place among the burst's decoded samples. So the bursts follow
+ * each other as their sound does, whatever the length of a payload; what a decoder waits for (a burst is complete when
+ * the last byte of its payload has passed) counts as latency of the player.
+ */
 class Source
 {
 public:
     virtual ~Source() = default;
 
     virtual int audio_rate() const = 0;
-    /// Stereo samples @p first and following. From any thread; does not block.
+    /// Stereo samples @p first and following; of a coded source, as a decoder makes them. From any thread; does not
+    /// block.
     virtual void audio(int64_t first, int16_t* stereo, int frames) const = 0;
+
+    virtual Coding coding() const { return Coding::pcm; }
+    /// What passes on the link, two words a frame; burst k of a coded source begins with frame k x burst_link_frames().
+    /// From any thread; does not block.
+    virtual void link(int64_t first, int16_t* words, int frames) const { audio(first, words, frames); }
+    int link_rate() const { return audio_rate() * link_frames_per_sample(coding()); }
 
     /// The nominal frame rate.
     virtual Rational fps() const = 0;
@@ -62,6 +87,8 @@ public:
 
     /// Source times at which picture and sound both change at a stroke; empty if there are none by construction.
     virtual std::vector<int64_t> marks() const = 0;
+    /// Samples with which the sounds of the marks begin, in the same order.
+    virtual std::vector<int64_t> onsets() const { return {}; }
     /// How often sound or picture was asked for before it was decoded: then the source itself failed real time.
     virtual int64_t starved() const = 0;
     virtual std::string description() const = 0;

@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -24,17 +25,28 @@ namespace play
 
 /// What happened at the devices.
 struct StageStats {
-    int64_t captured = 0;        ///< frames read from the receiver
-    int64_t first_captured = -1; ///< number of the first of them
+    int chunk_phase = phase_anywhere; ///< bytes from the beginning of the first capture to the next burst
+    int64_t captured_end = -1;        ///< number of the link frame after the last one read from the receiver
     int64_t capture_opens = 0;
     int64_t overruns = 0;
     int64_t playback_opens = 0;
     int64_t first_write_ns = 0;
+    int64_t playback_frames = 0; ///< written to the sound device
     int64_t vblanks = 0;
     int64_t flips = 0;
     int64_t superseded = 0;
     int64_t repeated = 0;
     int64_t withheld = 0; ///< blocks taken away on demand
+};
+
+/// Raw pass-through.
+struct RawCheck {
+    int64_t frames = 0;    ///< link frames that arrived at the output
+    int64_t bursts = 0;    ///< whole ones among them
+    int64_t different = 0; ///< frames that are not the source's
+    int64_t gaps = 0;      ///< places at which frames are missing
+    int64_t began_ns = 0;  ///< when the first frame left the source
+    int64_t ended_ns = 0;  ///< when the last one did
 };
 
 class Stage
@@ -61,6 +73,8 @@ public:
     /// Ends the display and completes the recording. Once, after the player was closed.
     bool finish(Recording* recording, std::string* error);
 
+    /// What went past the player to the digital outputs, against what the source sent.
+    RawCheck check_raw() const;
     StageStats stats() const;
 
 private:
@@ -72,6 +86,8 @@ private:
     FlipGate* m_gate;
     std::string m_wav_path;
     bool m_display_running = false;
+    std::atomic<bool> m_opened{false}; ///< the capture device
+    int m_chunk_phase = phase_anywhere;
     std::mutex m_mutex;
     FrameBuffer* m_shown = nullptr; ///< without a display: what is on the imagined one
 };

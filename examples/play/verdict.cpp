@@ -16,20 +16,55 @@ bool measured_enough(const Result& result)
     return measured > 0 && (programme ? measured == result.instants : 2 * measured >= result.instants);
 }
 
+/**
+ * The player resets when the first picture meets captured sound. A capture that begins inside of a burst may see the
+ * zeros at that burst's end first; the player takes them for silence, and the first burst after a silence resets it
+ * once more.
+ */
+Verdict judge_resets(const Result& result)
+{
+    bool inside_of_burst = result.coding != Coding::pcm && result.stage.chunk_phase > 0;
+    if (!inside_of_burst)
+        return {"one reset, at start", result.resets == 1};
+    constexpr int64_t start_ns = 1'000'000'000;
+    bool at_start = result.last_reset_ns < start_ns + result.options.video_start_ms * int64_t{1'000'000};
+    return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
+}
+
+// The sound goes past the player, and its pictures free of it.
+void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
+{
+    constexpr int64_t start_ns = 1'000'000'000;
+    bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
+    bool lasted =
+        result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
+    verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
+    verdicts->push_back({"nothing played beside them", result.stage.playback_frames == 0});
+    verdicts->push_back({"no reset", result.resets == 0});
+}
+
+void judge_played(const Result& result, std::vector<Verdict>* verdicts)
+{
+    verdicts->push_back({"A/V offset measured", measured_enough(result)});
+    verdicts->push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
+    verdicts->push_back(judge_resets(result));
+    verdicts->push_back({"no underrun after the first second", result.gaps == 0});
+    const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
+    verdicts->push_back({result.samples.same_rate ? exact : "samples complete and in place", result.samples.passed()});
+}
+
 } // namespace
 
 std::vector<Verdict> judge(const Result& result)
 {
     bool paced = result.options.simulated_display;
     std::vector<Verdict> verdicts;
-    verdicts.push_back({"A/V offset measured", measured_enough(result)});
-    verdicts.push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
-    verdicts.push_back({"one reset, at start", result.resets == 1});
-    verdicts.push_back({"no underrun after the first second", result.gaps == 0});
+    if (result.options.raw)
+        judge_raw(result, &verdicts);
+    else
+        judge_played(result, &verdicts);
     verdicts.push_back({"no overrun", result.stage.overruns == 0});
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
-    verdicts.push_back({result.samples.same_rate ? "output bit for bit the input" : "samples complete and in place",
-                        result.samples.passed()});
     if (paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
                             result.cadence.excess() <= excess_limit && result.unreadable == 0});

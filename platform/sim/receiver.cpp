@@ -69,6 +69,7 @@ CaptureRing::Piece take(Receiver& r, int max_bytes) REQUIRES(r.mutex)
     if (r.stats.first_read_frame < 0)
         r.stats.first_read_frame = piece.link_frame;
     r.stats.frames_read += after / kLinkFrameBytes - before / kLinkFrameBytes;
+    r.stats.end_read_frame = piece.link_frame + (piece.skip_bytes + piece.bytes) / kLinkFrameBytes;
     r.stats.periods_read += after / r.ring.period_bytes() - before / r.ring.period_bytes();
     return piece;
 }

@@ -72,6 +72,7 @@ struct ReceiverStats {
     int64_t overruns = 0; ///< periods lost because nobody read
     int64_t frames_read = 0;
     int64_t first_read_frame = -1; ///< link frame with which reading in the last opening began; -1: nothing read yet
+    int64_t end_read_frame = -1;   ///< link frame after the last one read; -1: nothing read yet
     int bypass_mode = -1;          ///< audio_in_bypass_mode_e at the last open
     int sample_rate = 0;           ///< Hz, at the last open
 };
