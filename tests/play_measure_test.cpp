@@ -19,6 +19,7 @@
 #include "rate_conversion.h"
 #include "recording.h"
 #include "screen.h"
+#include "verdict.h"
 
 using namespace play;
 
@@ -297,19 +298,26 @@ std::vector<Sighting> shown(std::initializer_list<std::pair<int64_t, int64_t>> n
 
 TEST(Cadence, WhatTheRatesDictateIsNoFault)
 {
-    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 2}, {3, 3}}), 2.5).excess(), 0); // 24 on 60
-    EXPECT_EQ(measure_cadence(shown({{0, 1}, {1, 1}, {3, 1}, {4, 1}, {5, 1}, {7, 1}}), 50.0 / 60).excess_unseen, 0);
-    EXPECT_EQ(measure_cadence(shown({{7, 1}, {8, 2}, {9, 1}}), 60 / 59.94).excess(), 0);
+    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 2}, {3, 3}}), {0, 3}, 2.5).excess(), 0); // 24 on 60
+    EXPECT_EQ(measure_cadence(shown({{0, 1}, {1, 1}, {3, 1}, {4, 1}, {5, 1}, {7, 1}}), {0, 7}, 50.0 / 60).excess_unseen,
+              0);
+    EXPECT_EQ(measure_cadence(shown({{7, 1}, {8, 2}, {9, 1}}), {8, 8}, 60 / 59.94).excess(), 0);
 }
 
 TEST(Cadence, WhatTheyDoNotDictateIs)
 {
-    Cadence swapped = measure_cadence(shown({{0, 1}, {2, 2}, {3, 1}}), 1); // one superseded, the next held
+    Cadence swapped = measure_cadence(shown({{0, 1}, {2, 2}, {3, 1}}), {0, 3}, 1); // one superseded, the next held
     EXPECT_EQ(swapped.excess_unseen, 1);
     EXPECT_EQ(swapped.excess_repeats, 1);
     EXPECT_DOUBLE_EQ(swapped.excess(), 0.5);
-    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 1}, {3, 2}}), 2).excess_repeats, 1); // uneven, none lost
-    EXPECT_EQ(measure_cadence({}, 1).excess(), 1);
+    // Uneven, none lost.
+    EXPECT_EQ(measure_cadence(shown({{0, 2}, {1, 3}, {2, 1}, {3, 2}}), {0, 3}, 2).excess_repeats, 1);
+    EXPECT_EQ(measure_cadence({}, {0, 3}, 1).excess(), 1);
+}
+
+TEST(Cadence, PicturesBeforeTheFirstAndAfterTheLastSeenAreMissedToo)
+{
+    EXPECT_EQ(measure_cadence(shown({{4, 1}, {5, 1}}), {2, 9}, 1).excess_unseen, 6);
 }
 
 TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
@@ -366,6 +374,15 @@ TEST_F(PlayMeasure, SilencesOfTheDeviceAreGapsUnlessTheSoundIsOver)
     EXPECT_EQ(check_samples(recording, programme, {{0, 0}}, 48000).mismatches, 0);
 }
 
+TEST_F(PlayMeasure, APauseOfTheDeviceIsAGapToo)
+{
+    Programme programme(48000, {60, 1}, 3 * second);
+    record(sound_of(programme, 0, 48000), 48000, {{0, 24000, 0, false}, {24000, 24000, 520 * ms, false}});
+    EXPECT_EQ(recording.last_opening(), 24000);
+    EXPECT_EQ(recording.gaps(0, 2 * second), 1);
+    EXPECT_EQ(recording.gaps(510 * ms, 2 * second), 0);
+}
+
 TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
 {
     DelayLine line(10);
@@ -390,6 +407,86 @@ TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
     line.drain();
     EXPECT_EQ(line.pop(&out, &pts), 441);
     EXPECT_EQ(pts, 0);
+}
+
+TEST(FramePool, TellsFramesThatWerePassedLongAgoFromThoseStillQueued)
+{
+    FramePool pool(4);
+    for (int64_t turn : {3, 90, 91, 92}) {
+        FrameBuffer* buffer = pool.acquire();
+        ASSERT_NE(buffer, nullptr);
+        buffer->turn = turn;
+        if (turn != 91)
+            FramePool::pass(buffer, Owner::host, Owner::player);
+    }
+    EXPECT_EQ(pool.count(Owner::player), 3);
+    EXPECT_EQ(pool.count(Owner::player, 90), 1);
+}
+
+namespace
+{
+
+Result good_run()
+{
+    Result run;
+    run.instants = 1;
+    run.offsets = offsets({5});
+    run.offset = summarise(run.offsets);
+    run.resets = 1;
+    run.frames.rendered = run.frames.flipped = 60;
+    run.samples.out = run.samples.in = 48000;
+    run.samples.first_source_sample = 0;
+    run.samples.block = 960;
+    run.cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 1}, 1);
+    return run;
+}
+
+struct Fault {
+    const char* limit;
+    std::function<void(Result*)> apply;
+};
+
+} // namespace
+
+TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
+{
+    EXPECT_TRUE(all_passed(judge(good_run())));
+    const std::vector<Fault> faults = {
+        {"A/V offset measured", [](Result* run) { run->instants = 2; }},
+        {"A/V offset p95 inside EBU R37 (+40/-60 ms)",
+         [](Result* run) { run->offset = summarise(run->offsets = offsets({-61})); }},
+        {"one reset, at start", [](Result* run) { run->resets = 0; }},
+        {"one reset, at start", [](Result* run) { run->resets = 2; }},
+        {"one reset, at start", [](Result* run) { run->reset_s = 3; }},
+        {"no underrun after the first second", [](Result* run) { run->gaps = 1; }},
+        {"no overrun", [](Result* run) { run->stage.overruns = 1; }},
+        {"frame account closed", [](Result* run) { run->frames.flipped--; }},
+        {"frame account closed", [](Result* run) { run->frames.foreign = 1; }},
+        {"frame account closed", [](Result* run) { run->frames.no_buffer = 1; }},
+        {"frame account closed",
+         [](Result* run) {
+             run->frames.flipped--;
+             run->frames.held = run->frames.lost = 1;
+         }},
+        {"samples complete and in place", [](Result* run) { run->samples.missing = -961; }},
+        {"samples complete and in place", [](Result* run) { run->samples.worst_place = 5; }},
+        {"output bit for bit the input",
+         [](Result* run) {
+             run->samples.same_rate = true;
+             run->samples.mismatches = 1;
+         }},
+        {"at most 2 % of frames unseen or held beyond the rates", [](Result* run) { run->unreadable = 1; }},
+        {"at most 2 % of frames unseen or held beyond the rates",
+         [](Result* run) {
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+         }},
+    };
+    for (const Fault& fault : faults) {
+        Result run = good_run();
+        fault.apply(&run);
+        for (const Verdict& verdict : judge(run))
+            EXPECT_EQ(verdict.passed, verdict.limit != fault.limit) << verdict.limit << " at: " << fault.limit;
+    }
 }
 
 TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)

@@ -72,10 +72,23 @@ if [ "${2:-}" != quick ]; then
     refuses "$folder/empty.mp4"
     refuses "$folder/text.mp4"
     refuses "$folder"
+    refuses ""
     refuses --fps 0
+    refuses --seconds nan
+    refuses --wav "$folder/missing/sound.wav"
     refuses --no-such-option
     refuses --bitstream eac3 --raw
     refuses --bitstream ac3 --chunk-phase 6
+
+    if command -v ffmpeg >/dev/null; then
+        ffmpeg -v error -f lavfi -i testsrc=size=320x240:rate=25:duration=3 -f lavfi -i anoisesrc=duration=3 \
+            -c:v libx264 -c:a aac -movflags +faststart "$folder/film.mp4" </dev/null
+        passes film "$folder/film.mp4"
+        head -c 12000 "$folder/film.mp4" >"$folder/cut.mp4"
+        refuses "$folder/cut.mp4"
+    else
+        echo "No ffmpeg here: no film played."
+    fi
 fi
 
 [ "$failures" -eq 0 ] && echo "All as expected."

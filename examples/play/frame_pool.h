@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <memory>
 
 #include "picture.h"
@@ -21,6 +23,7 @@ enum class Owner {
 /// A picture buffer; its address is the handle that the player passes around.
 struct FrameBuffer {
     std::atomic<Owner> owner{Owner::free};
+    int64_t turn = 0; ///< how many the player had been given before this one
     Picture picture;
 };
 
@@ -58,12 +61,13 @@ public:
         return false;
     }
 
-    int count(Owner owner) const
+    /// Buffers of @p owner, of those given to the player before turn @p before.
+    int count(Owner owner, int64_t before = std::numeric_limits<int64_t>::max()) const
     {
-        int n = 0;
-        for (int i = 0; i < m_count; i++)
-            n += m_buffers[i].owner == owner ? 1 : 0;
-        return n;
+        const FrameBuffer* all = m_buffers.get();
+        return static_cast<int>(std::count_if(all, all + m_count, [owner, before](const FrameBuffer& buffer) {
+            return buffer.owner == owner && buffer.turn < before;
+        }));
     }
 
 private:

@@ -19,6 +19,8 @@ constexpr int dry_pulls = 3;
 constexpr double fixed_delay_s = 0.076;
 /// Buffers beyond the player's queue: one on screen, two waiting for it, one being filled, and one spare.
 constexpr int buffers_beside_queue = 5;
+/// What the player may hold beyond its queue: the frame that it is about to flip or drop.
+constexpr int held_beside_queue = 1;
 constexpr int bytes_per_frame = 4;
 
 int64_t now_ns()
@@ -116,6 +118,7 @@ void Host::close()
     drain_audio();
     hdmi_player_close();
     m_held = m_pool.count(Owner::player);
+    m_lost = m_pool.count(Owner::player, m_rendered - m_video_queue_size - held_beside_queue);
     s_host = nullptr;
 }
 
@@ -127,6 +130,7 @@ void Host::video_thread()
     int64_t first_ns = m_opened_ns + m_config.video_start_ns;
     VideoFrame frame;
     while (!m_video_stop && m_source->next_video(&frame)) {
+        m_last_picture = frame.number;
         int64_t due_ns = m_clock.to_monotonic(frame.source_ns);
         if (due_ns < first_ns)
             continue;
@@ -144,6 +148,7 @@ void Host::render(const VideoFrame& frame)
         return;
     }
     buffer->picture = frame.picture;
+    buffer->turn = m_rendered;
     // Flip or drop may come before the call returns: the buffer must be the player's by then.
     FramePool::pass(buffer, Owner::host, Owner::player);
     int64_t resets_before = m_resets;
@@ -288,6 +293,7 @@ FrameAccount Host::frames() const
     account.dropped = m_dropped;
     account.refused = m_refused;
     account.held = m_held;
+    account.lost = m_lost;
     account.foreign = m_foreign;
     account.no_buffer = m_no_buffer;
     return account;

@@ -42,10 +42,11 @@ struct FrameAccount {
     int64_t dropped = 0;
     int64_t refused = 0;   ///< kept by the host: the player did not take them
     int64_t held = 0;      ///< still the player's when it was closed
+    int64_t lost = 0;      ///< of these, passed so long before that they cannot have been in its queue any more
     int64_t foreign = 0;   ///< callbacks with a handle that was not the player's at that moment
     int64_t no_buffer = 0; ///< pictures for which the host had no buffer left
 
-    bool closes() const { return rendered == flipped + dropped + held && foreign == 0; }
+    bool closes() const { return rendered == flipped + dropped + held && foreign == 0 && lost == 0; }
 };
 
 struct AudioAccount {
@@ -81,6 +82,8 @@ public:
     /// When the last A/V sync reset was raised, 0: never.
     int64_t reset_ns() const { return m_reset_ns; }
     int video_queue_size() const { return m_video_queue_size; }
+    /// Number of the last picture that the source sent, -1: none.
+    int64_t last_picture() const { return m_last_picture; }
 
 private:
     static void on_event(hdmi_player_event_e event);
@@ -121,6 +124,8 @@ private:
     std::atomic<int64_t> m_foreign{0};
     std::atomic<int64_t> m_no_buffer{0};
     std::atomic<int64_t> m_held{0};
+    std::atomic<int64_t> m_lost{0};
+    std::atomic<int64_t> m_last_picture{-1};
 
     // The audio thread's own, read by others after it was joined.
     DelayLine m_line;

@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "coded_programme.h"
@@ -49,20 +51,22 @@ constexpr int coded_programme_rate = 48000;
 class RecordingFile
 {
 public:
-    explicit RecordingFile(const std::string& wanted) : m_path(wanted), m_keep(!wanted.empty())
+    explicit RecordingFile(const std::string& wanted) : m_path(wanted)
     {
-        if (m_keep)
+        if (!wanted.empty())
             return;
-        const char* directory = getenv("TMPDIR");
-        m_path = std::string(directory != nullptr ? directory : "/tmp") + "/hdmi-player-play-" +
-                 std::to_string(getpid()) + ".wav";
+        const char* parent = getenv("TMPDIR");
+        m_directory = std::string(parent != nullptr ? parent : "/tmp") + "/hdmi-player-play-XXXXXX";
+        // Of our own: in a directory that all may write to, a name that can be guessed may be somebody's link.
+        m_path = mkdtemp(m_directory.data()) != nullptr ? m_directory + "/sound.wav" : m_directory;
     }
     ~RecordingFile()
     {
-        if (m_keep)
+        if (m_directory.empty())
             return;
         unlink(m_path.c_str());
         unlink((m_path + ".blocks.csv").c_str());
+        rmdir(m_directory.c_str());
     }
     RecordingFile(const RecordingFile&) = delete;
     RecordingFile& operator=(const RecordingFile&) = delete;
@@ -70,8 +74,21 @@ public:
 
 private:
     std::string m_path;
-    bool m_keep;
+    std::string m_directory; ///< empty: the recording is to be kept
 };
+
+/// Whether a file can be created or replaced at @p path, so that nobody learns it at the end of a film.
+bool is_writable(const std::string& path, std::string* error)
+{
+    bool writable = access(path.c_str(), W_OK) == 0;
+    if (!writable && errno == ENOENT) {
+        std::string directory = std::filesystem::path(path).parent_path();
+        writable = access(directory.empty() ? "." : directory.c_str(), W_OK) == 0;
+    }
+    if (!writable)
+        *error = path + ": " + std::strerror(errno);
+    return writable;
+}
 
 /// The source that the options name; null with one line in @p error. Starts no thread.
 std::unique_ptr<Source> make_source(const Options& options, std::string* error)
@@ -87,11 +104,13 @@ std::unique_ptr<Source> make_source(const Options& options, std::string* error)
     return std::make_unique<Programme>(rate, options.fps, length_ns);
 }
 
-void start_source(const Options& options, Source* source)
+bool start_source(const Options& options, Source* source, std::string* error)
 {
     auto* file = dynamic_cast<MediaFile*>(source);
-    if (file != nullptr)
-        file->start(static_cast<int64_t>(options.seconds * 1e9));
+    if (file == nullptr || file->start(static_cast<int64_t>(options.seconds * 1e9), error))
+        return true;
+    *error = options.file + ": " + *error;
+    return false;
 }
 
 /// Before the first thread: the environment that the player reads, and a place for announcements of our own.
@@ -140,9 +159,11 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
               const Recording& recording, Result* result)
 {
     std::vector<Sighting> all = screen.sightings();
-    int64_t settled_ns = (host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns()) + settling_ns;
-    int64_t from_ns = clock.to_source(settled_ns);
-    int64_t last_ns = all.empty() ? 0 : source.frame_ns(all.back().number);
+    int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
+    result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
+    int64_t from_ns = clock.to_source(reset_ns + settling_ns);
+    // Of what was sent, not of what was seen: a picture that freezes must not end the judgement.
+    int64_t last_ns = host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0;
 
     auto judged = [from_ns, last_ns](int64_t at_ns) { return at_ns >= from_ns && at_ns + ending_ns < last_ns; };
 
@@ -173,7 +194,12 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
         if (at_ns >= from_ns && sighting.number != all.back().number)
             result->sightings.push_back(sighting);
     }
-    result->cadence = measure_cadence(result->sightings, result->options.display_rate.value() / source.fps().value());
+    Stretch due = {host.last_picture() + 1, -1};
+    for (int64_t number = 0; number <= host.last_picture(); number++)
+        if (judged(source.frame_ns(number)))
+            due = {std::min(due.first, number), number};
+    result->cadence =
+        measure_cadence(result->sightings, due, result->options.display_rate.value() / source.fps().value());
     result->unreadable = screen.unreadable();
     result->samples = check_samples(recording, source, matches, result->stage.captured_end);
     int64_t settled_sound_ns = result->stage.first_write_ns + second_ns;
@@ -187,7 +213,6 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     Screen screen;
     FlipGate gate(result->options.display_rate.value());
     Stage stage(result->options, source, &screen, &gate, wav_path);
-    start_source(result->options, source);
     std::unique_ptr<Host> host;
     SourceClock clock;
     Usage before = usage_now();
@@ -221,7 +246,6 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     result->frames = host->frames();
     result->audio = host->audio();
     result->resets = host->resets();
-    result->last_reset_ns = host->reset_ns() - host->opened_ns();
     result->coding = source->coding();
     result->unsupported = host->unsupported();
     result->opened_ns = host->opened_ns();
@@ -231,37 +255,36 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     return true;
 }
 
+int fail(ExitStatus status, const std::string& error)
+{
+    std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+    return status;
+}
+
 int main_with(const Options& options)
 {
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
-    if (!source) {
-        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
-        return bad_input;
-    }
-    if (options.raw && source->coding() == Coding::pcm) {
-        std::fprintf(stderr, "hdmi-player-play: %s: its sound is not compressed, --raw has nothing to pass on\n",
-                     options.file.c_str());
-        return bad_input;
-    }
-    if (!prepare_process(options, &error)) {
-        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
-        return not_permitted;
-    }
+    if (!source || (!options.report_path.empty() && !is_writable(options.report_path, &error)))
+        return fail(bad_input, error);
+    if (options.raw && source->coding() == Coding::pcm)
+        return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
     RecordingFile wav(options.wav_path);
+    if (!is_writable(wav.path(), &error))
+        return fail(bad_input, error);
+    if (!prepare_process(options, &error))
+        return fail(not_permitted, error);
+    if (!start_source(options, source.get(), &error))
+        return fail(bad_input, error);
     Result result;
     result.options = options;
     result.programme = source->description();
-    if (!run(source.get(), wav.path(), &result, &error)) {
-        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
-        return outside;
-    }
+    if (!run(source.get(), wav.path(), &result, &error))
+        return fail(outside, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);
-    if (!options.report_path.empty() && !write_report(result, verdicts, options.report_path, &error)) {
-        std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
-        return outside;
-    }
+    if (!options.report_path.empty() && !write_report(result, verdicts, options.report_path, &error))
+        return fail(outside, error);
     return all_passed(verdicts) ? inside : outside;
 }
 

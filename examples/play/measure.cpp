@@ -204,7 +204,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
 
 // --- Pictures -------------------------------------------------------------------
 
-Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_per_picture)
+Cadence measure_cadence(const std::vector<Sighting>& sightings, Stretch due, double vblanks_per_picture)
 {
     Cadence cadence;
     if (sightings.empty())
@@ -219,7 +219,7 @@ Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_p
         cadence.histogram[static_cast<size_t>(sighting.vblanks)]++;
     }
     auto seen = static_cast<int64_t>(sightings.size());
-    cadence.pictures = sightings.back().number - sightings.front().number + 1;
+    cadence.pictures = std::max(due.last, sightings.back().number) - std::min(due.first, sightings.front().number) + 1;
     cadence.unseen = cadence.pictures - seen;
     cadence.repeats = cadence.vblanks - seen;
     // More pictures than vertical blanks: some cannot be seen. Fewer: some must stay.

@@ -80,7 +80,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
 
 /// How evenly the pictures were shown.
 struct Cadence {
-    int64_t pictures = 0; ///< sent by the source, first to last seen
+    int64_t pictures = 0; ///< sent by the source, first to last that was due or seen
     int64_t vblanks = 0;
     int64_t unseen = 0;  ///< dropped, or superseded before a vertical blank
     int64_t repeats = 0; ///< vertical blanks that showed the picture of the one before
@@ -94,8 +94,14 @@ struct Cadence {
         return pictures > 0 ? static_cast<double>(excess_unseen + excess_repeats) / static_cast<double>(pictures) : 1;
     }
 };
-/// @p sightings of one stretch of the programme; @p vblanks_per_picture is refresh rate by frame rate.
-Cadence measure_cadence(const std::vector<Sighting>& sightings, double vblanks_per_picture);
+/// Numbers of the first and the last picture of a stretch of the programme.
+struct Stretch {
+    int64_t first;
+    int64_t last;
+};
+/// @p sightings of the stretch that was @p due, and of what was seen beside it; @p vblanks_per_picture is refresh rate
+/// by frame rate.
+Cadence measure_cadence(const std::vector<Sighting>& sightings, Stretch due, double vblanks_per_picture);
 
 /// Whether the samples that came out are those that went in.
 struct SampleCheck {

@@ -24,8 +24,8 @@ namespace
 constexpr size_t pictures_ahead = 600;
 /// Sound decoded ahead of the pictures, in a file that keeps the two far apart.
 constexpr int64_t sound_ahead_ns = 2'000'000'000;
-/// Enough to start with.
-constexpr size_t pictures_to_start = 60;
+/// Of pictures and of sound: enough to start with. With less, not even the first full second could be measured.
+constexpr int64_t least_ns = 1'600'000'000;
 /// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
 constexpr int64_t gap_ms = 100;
 constexpr int64_t second_ns = 1'000'000'000;
@@ -172,15 +172,21 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
     return file;
 }
 
-void MediaFile::start(int64_t length_ns)
+bool MediaFile::start(int64_t length_ns, std::string* error)
 {
     m_length_ns = length_ns;
     m_thread = std::thread(&MediaFile::decode_thread, this);
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] {
-        bool sound = sound_ns() >= second_ns;
-        return m_ended || (m_pictures.size() >= pictures_to_start && sound) || m_pictures.size() >= pictures_ahead;
-    });
+    auto pictures_ns = [this] { return m_frame_times.empty() ? 0 : m_frame_times.back(); };
+    auto enough = [this, &pictures_ns] { return pictures_ns() >= least_ns && sound_ns() >= least_ns; };
+    m_changed.wait(lock, [this, &enough] { return m_ended || enough() || m_pictures.size() >= pictures_ahead; });
+    if (!m_ended || enough())
+        return true;
+    char text[128];
+    std::snprintf(text, sizeof text, "too short or damaged: pictures for %.1f s, sound for %.1f s",
+                  static_cast<double>(pictures_ns()) / 1e9, static_cast<double>(sound_ns()) / 1e9);
+    *error = text;
+    return false;
 }
 
 void MediaFile::audio(int64_t first, int16_t* stereo, int frames) const

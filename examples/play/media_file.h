@@ -34,8 +34,11 @@ public:
                                            std::string* error);
     ~MediaFile() override;
 
-    /// Starts to decode and returns when enough lies ready to play. The programme ends after @p length_ns, if positive.
-    void start(int64_t length_ns);
+    /**
+     * Starts to decode and returns when enough lies ready to play. The programme ends after @p length_ns, if positive.
+     * @return false with one line in @p error: the file holds too little to be measured
+     */
+    bool start(int64_t length_ns, std::string* error);
 
     int audio_rate() const override { return m_audio_rate; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <sstream>
 
@@ -36,6 +37,17 @@ const char* const footer =
 
 constexpr double default_programme_seconds = 20;
 
+/// CLI::Range takes what is not a number for inside.
+CLI::Validator in_range(double least, double most)
+{
+    CLI::Range range(least, most);
+    return CLI::Validator(
+        [range](std::string& text) {
+            return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number" : range(text);
+        },
+        range.get_description());
+}
+
 struct Texts {
     std::string fps = "60";
     std::string display_rate = "60";
@@ -47,7 +59,8 @@ struct Texts {
 
 void describe(CLI::App* app, Options* options, Texts* texts)
 {
-    auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream");
+    auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream")
+                     ->check([](const std::string& name) { return std::string(name.empty() ? "no name" : ""); });
     app->add_option("--rate", options->source_rate, "Audio sample rate of the source: 32000, 44100 or 48000 Hz")
         ->check(CLI::IsMember({32000, 44100, 48000}));
     app->add_option("--bitstream", texts->coding,
@@ -73,16 +86,15 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--video-start", options->video_start_ms, "First picture that many ms after open")
         ->check(CLI::Range(0, 10000))
         ->capture_default_str();
-    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
-        ->check(CLI::Range(2.0, 86400.0));
+    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")->check(in_range(2, 86400));
     app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
-        ->check(CLI::Range(0.0, 100.0))
+        ->check(in_range(0, 100))
         ->capture_default_str();
     app->add_option("--receiver-ppm", options->receiver_ppm, "Clock error of the source")
-        ->check(CLI::Range(-1000.0, 1000.0))
+        ->check(in_range(-1000, 1000))
         ->capture_default_str();
     app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
-        ->check(CLI::Range(-1000.0, 1000.0))
+        ->check(in_range(-1000, 1000))
         ->capture_default_str();
     app->add_option("--display-latency", options->display_latency_ms, "From the vertical blank to light, in ms")
         ->check(CLI::Range(0, 1000))
@@ -136,17 +148,19 @@ std::string take_rates(const Texts& texts, Options* options)
 
 bool parse_rate(const std::string& text, Rational* rate)
 {
+    constexpr int64_t largest_rate = 1'000'000;
     std::istringstream in(text);
     double value = 0;
     if (text.find('/') != std::string::npos) {
         char slash = 0;
         Rational given{0, 0};
-        if (!(in >> given.num >> slash >> given.den) || slash != '/' || !in.eof() || given.num <= 0 || given.den <= 0)
+        if (!(in >> given.num >> slash >> given.den) || slash != '/' || !in.eof() || given.num <= 0 || given.den <= 0 ||
+            given.num > largest_rate || given.den > largest_rate)
             return false;
         *rate = given;
         return true;
     }
-    if (!(in >> value) || !in.eof() || !(value > 0) || value > 1e6)
+    if (!(in >> value) || !in.eof() || !(value > 0) || value > largest_rate)
         return false;
     // Within half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
     constexpr double writing_error = 0.005;

@@ -59,6 +59,13 @@ void Programme::audio(int64_t first, int16_t* stereo, int frames) const
     }
 }
 
+int64_t Programme::frame_ns(int64_t number) const
+{
+    // Full seconds apart: the product of all would overflow after some hours.
+    int64_t ticks = number * m_fps.den;
+    return ticks / m_fps.num * second_ns + ticks % m_fps.num * second_ns / m_fps.num;
+}
+
 bool Programme::next_video(VideoFrame* frame)
 {
     frame->number = m_next_frame;

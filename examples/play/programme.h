@@ -26,7 +26,7 @@ public:
     void audio(int64_t first, int16_t* stereo, int frames) const override;
     Rational fps() const override { return m_fps; }
     bool next_video(VideoFrame* frame) override;
-    int64_t frame_ns(int64_t number) const override { return number * 1'000'000'000 * m_fps.den / m_fps.num; }
+    int64_t frame_ns(int64_t number) const override;
     /// When the flashes' first pictures arrive; their beeps begin at the sample next to that.
     std::vector<int64_t> marks() const override;
     std::vector<int64_t> onsets() const override { return {m_beeps.begin() + 1, m_beeps.end()}; }

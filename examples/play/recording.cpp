@@ -83,26 +83,34 @@ int64_t Recording::written_before(int64_t position) const
     return m_written[index] + (block.silence ? 0 : std::min(block.frames, position - block.first_frame));
 }
 
-int64_t Recording::last_opening() const
+int64_t Recording::end_ns(size_t block) const
+{
+    return m_blocks[block].heard_ns + m_blocks[block].frames * 1'000'000'000 / m_sample_rate;
+}
+
+bool Recording::pause_before(size_t block) const
 {
     constexpr int64_t jitter_ns = 1'000'000;
-    for (size_t i = m_blocks.size(); i > 1; i--) {
-        const HeardBlock& before = m_blocks[i - 2];
-        int64_t end_ns = before.heard_ns + before.frames * 1'000'000'000 / m_sample_rate;
-        if (m_blocks[i - 1].heard_ns - end_ns > jitter_ns)
+    return block > 0 && m_blocks[block].heard_ns - end_ns(block - 1) > jitter_ns;
+}
+
+int64_t Recording::last_opening() const
+{
+    for (size_t i = m_blocks.size(); i > 1; i--)
+        if (pause_before(i - 1))
             return m_blocks[i - 1].first_frame;
-    }
     return 0;
 }
 
 int64_t Recording::gaps(int64_t from_ns, int64_t to_ns) const
 {
+    auto inside = [from_ns, to_ns](int64_t at_ns) { return at_ns >= from_ns && at_ns < to_ns ? 1 : 0; };
     int64_t gaps = 0;
     int64_t pending = 0;
-    for (const HeardBlock& block : m_blocks) {
-        if (block.silence) {
-            pending += block.heard_ns >= from_ns && block.heard_ns < to_ns ? 1 : 0;
-        } else {
+    for (size_t i = 0; i < m_blocks.size(); i++) {
+        pending += pause_before(i) ? inside(end_ns(i - 1)) : 0;
+        pending += m_blocks[i].silence ? inside(m_blocks[i].heard_ns) : 0;
+        if (!m_blocks[i].silence) {
             gaps += pending;
             pending = 0;
         }

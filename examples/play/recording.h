@@ -53,10 +53,14 @@ public:
     int64_t written_before(int64_t position) const;
     int64_t written() const { return written_before(m_frames); }
 
-    /// Silences with sound after them that began between the two instants.
+    /// Silences and pauses with sound after them that began between the two instants.
     int64_t gaps(int64_t from_ns, int64_t to_ns) const;
 
 private:
+    int64_t end_ns(size_t block) const;
+    /// The device was closed and opened again before this block.
+    bool pause_before(size_t block) const;
+
     sf_private_tag* m_file = nullptr;
     int m_sample_rate = 0;
     int64_t m_frames = 0;

@@ -44,9 +44,13 @@ void print_pictures(const Result& result)
                 "; refused %" PRId64 "%s\n",
                 frames.rendered, frames.flipped, frames.dropped, frames.held, frames.refused,
                 frames.closes() ? "" : "  DOES NOT CLOSE");
-    if (frames.foreign != 0 || frames.no_buffer != 0)
-        std::printf("  account   callbacks for foreign frames %" PRId64 ", no buffer for %" PRId64 "\n", frames.foreign,
-                    frames.no_buffer);
+    if (frames.foreign != 0 || frames.lost != 0 || frames.no_buffer != 0)
+        std::printf("  account   callbacks for foreign frames %" PRId64 ", lost %" PRId64 ", no buffer for %" PRId64
+                    "\n",
+                    frames.foreign, frames.lost, frames.no_buffer);
+    std::printf("  flips     at a stroke with the one before %" PRId64 ", superseded before they were seen %" PRId64
+                "\n",
+                frames.skipped, result.stage.superseded);
     const Cadence& cadence = result.cadence;
     std::printf("  screen    %" PRId64 " pictures on %" PRId64 " vertical blanks: unseen %" PRId64 ", repeats %" PRId64
                 "; beyond the rates %" PRId64 " and %" PRId64 " (%.2f %%)\n",
@@ -144,6 +148,7 @@ json pictures_json(const Result& result)
             {"refused", frames.refused},
             {"held_at_close", frames.held},
             {"foreign", frames.foreign},
+            {"lost", frames.lost},
             {"no_buffer", frames.no_buffer},
             {"closes", frames.closes()},
             {"superseded", result.stage.superseded},
@@ -253,6 +258,7 @@ bool write_report(const Result& result, const std::vector<Verdict>& verdicts, co
                    {"sound", sound_json(result)},
                    {"link", link_json(result)},
                    {"resets", result.resets},
+                   {"reset_s", result.reset_s},
                    {"unsupported_events", result.unsupported},
                    {"source_starved", result.starved},
                    {"cpu_s_per_s", result.usage.cpu_s},

@@ -41,8 +41,8 @@ struct Result {
     int64_t gaps = 0;       ///< underruns after the first second
     int64_t early_gaps = 0; ///< underruns in the first second
     int64_t resets = 0;
-    int64_t last_reset_ns = 0; ///< since open
-    RawCheck raw;              ///< of a run with raw pass-through
+    double reset_s = 0; ///< of the last reset, after the first picture
+    RawCheck raw;       ///< of a run with raw pass-through
     int64_t unsupported = 0;
     int64_t starved = 0;
     StageStats stage;

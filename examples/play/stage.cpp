@@ -165,10 +165,8 @@ bool Stage::finish(Recording* recording, std::string* error)
     // With the bursts passed on, the player's own sound device stays silent.
     if (m_options.raw)
         return true;
-    if (!hdmi_sim::playback_finish_recording()) {
-        *error = "nothing was played";
+    if (!hdmi_sim::playback_finish_recording(error))
         return false;
-    }
     std::vector<HeardBlock> blocks;
     for (const hdmi_sim::PlayedBlock& block : hdmi_sim::playback_blocks())
         blocks.push_back({block.first_frame, block.frames, block.heard_ns, block.silence});

@@ -24,10 +24,9 @@ bool measured_enough(const Result& result)
 Verdict judge_resets(const Result& result)
 {
     bool inside_of_burst = result.coding != Coding::pcm && result.stage.chunk_phase > 0;
+    bool at_start = result.reset_s < latest_reset_s;
     if (!inside_of_burst)
-        return {"one reset, at start", result.resets == 1};
-    constexpr int64_t start_ns = 1'000'000'000;
-    bool at_start = result.last_reset_ns < start_ns + result.options.video_start_ms * int64_t{1'000'000};
+        return {"one reset, at start", result.resets == 1 && at_start};
     return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
 }
 
