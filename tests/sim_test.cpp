@@ -846,6 +846,9 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
         {Op::decoder_init, [&] { return (decoder = init_decoder()) != nullptr ? 0 : -42; }},
         {Op::decoder_write, [&] { return adecoder_write(decoder, data, 8, 0, -1, &status); }},
         {Op::decoder_read, [&] { return adecoder_read(decoder, 0, 0, data, 8, 0); }},
+        {Op::decoder_rate, [&] { return adecoder_get_output_sample_rate(decoder); }},
+        {Op::decoder_deinit, [&] { return adecoder_deinit(decoder); }},
+        {Op::bytes_to_frames, [&] { return aio_device_bytes_to_frames(&playback, 8); }},
         {Op::capture_close, [&] { return aio_device_close(&capture); }},
         {Op::playback_close, [&] { return aio_device_close(&playback); }},
     };
@@ -861,7 +864,6 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
         EXPECT_GE(call(), 0) << "one call was to fail";
         hdmi_sim::clear_fault(op);
     }
-    EXPECT_EQ(adecoder_deinit(decoder), 0);
     EXPECT_EQ(hdmi_sim::cec_calls(),
               (std::vector<std::string>{"init", "init", "open_arc", "open_arc", "deinit", "deinit"}));
 }
@@ -891,6 +893,18 @@ TEST_F(Sim, BriefTransfersAreHalvesAndWithheldWritesAreNotHeard)
     hdmi_sim::set_fault(Op::playback_write, {FaultKind::withhold, 0, 0, 1, false});
     EXPECT_EQ(write_all(playback, ramp(100)), 400);
     EXPECT_EQ(hdmi_sim::playback_stats().frames_written, 50 + 49);
+}
+
+TEST_F(Sim, BriefDecoderTakesHalf)
+{
+    adecoder_handle_t* decoder = adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
+    ASSERT_NE(decoder, nullptr);
+    const uint8_t data[8] = {};
+    int32_t status = 0;
+    hdmi_sim::set_fault(Op::decoder_write, {FaultKind::brief, 0, 0, 1, false});
+    EXPECT_EQ(adecoder_write(decoder, data, 8, 0, -1, &status), 4);
+    EXPECT_EQ(adecoder_write(decoder, data, 8, 0, -1, &status), 8);
+    adecoder_deinit(decoder);
 }
 
 TEST_F(Sim, BlockingFaultEndsWhenClearedOrWithTheDevice)

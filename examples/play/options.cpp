@@ -36,6 +36,8 @@ const char* const footer =
     "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.\n";
 
 constexpr double default_programme_seconds = 20;
+/// Six hours: a WAV file holds 4 GB.
+constexpr double longest_seconds = 21600;
 
 /// CLI::Range takes what is not a number for inside.
 CLI::Validator in_range(double least, double most)
@@ -86,7 +88,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--video-start", options->video_start_ms, "First picture that many ms after open")
         ->check(CLI::Range(0, 10000))
         ->capture_default_str();
-    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")->check(in_range(2, 86400));
+    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")->check(in_range(2, longest_seconds));
     app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
         ->check(in_range(0, 100))
         ->capture_default_str();

@@ -58,7 +58,10 @@ SIM_EXPORT int aio_device_get_write_bytes(audio_config_t* config, int* out)
 
 SIM_EXPORT int aio_device_bytes_to_frames(audio_config_t* config, int bytes)
 {
-    return config != nullptr && config->channels > 0 ? bytes / frame_bytes(config) : kWrongStream;
+    if (config == nullptr || config->channels <= 0)
+        return kWrongStream;
+    const sim::Verdict verdict = sim::fault_verdict(hdmi_sim::Op::bytes_to_frames);
+    return verdict.fail ? verdict.result : bytes / frame_bytes(config);
 }
 
 SIM_EXPORT int aio_device_frames_to_bytes(audio_config_t* config, int frames)

@@ -8,6 +8,11 @@
 
 #include "sim.h"
 
+namespace
+{
+constexpr int kPcmFrameBytes = 2 * sim::kBytesPerSample; ///< the player asks for stereo
+}
+
 extern "C" {
 
 adecoder_handle_t* sound_adecoder_init(adecoder_format_t format, int32_t arg1, int32_t arg2,
@@ -32,7 +37,7 @@ SIM_EXPORT int32_t adecoder_write(adecoder_handle_t* handle, const void* data, i
 {
     const sim::Verdict verdict = sim::fault_verdict(hdmi_sim::Op::decoder_write);
     if (!verdict.fail && !verdict.withhold)
-        return sound_adecoder_write(handle, data, bytes, arg3, timeout_ms, status);
+        return sound_adecoder_write(handle, data, sim::brief_size(verdict, bytes, 1), arg3, timeout_ms, status);
     if (status != nullptr)
         *status = 0;
     return verdict.fail ? verdict.result : bytes;
@@ -44,14 +49,19 @@ SIM_EXPORT int32_t adecoder_read(adecoder_handle_t* handle, int32_t arg1, int32_
     const sim::Verdict verdict = sim::fault_verdict(hdmi_sim::Op::decoder_read);
     if (verdict.fail)
         return verdict.result;
-    return sound_adecoder_read(handle, arg1, arg2, buffer, buffer_size, arg5);
+    return sound_adecoder_read(handle, arg1, arg2, buffer, sim::brief_size(verdict, buffer_size, kPcmFrameBytes), arg5);
 }
 
 SIM_EXPORT int32_t adecoder_get_output_sample_rate(adecoder_handle_t* handle)
 {
-    return sound_adecoder_get_output_sample_rate(handle);
+    const sim::Verdict verdict = sim::fault_verdict(hdmi_sim::Op::decoder_rate);
+    return verdict.fail ? verdict.result : sound_adecoder_get_output_sample_rate(handle);
 }
 
-SIM_EXPORT int32_t adecoder_deinit(adecoder_handle_t* handle) { return sound_adecoder_deinit(handle); }
+SIM_EXPORT int32_t adecoder_deinit(adecoder_handle_t* handle)
+{
+    const sim::Verdict verdict = sim::fault_verdict(hdmi_sim::Op::decoder_deinit);
+    return verdict.fail ? verdict.result : sound_adecoder_deinit(handle);
+}
 
 } // extern "C"

@@ -34,13 +34,14 @@ Faults& faults()
     return *instance;
 }
 
-bool is_transfer(hdmi_sim::Op op) { return op == hdmi_sim::Op::capture_read || op == hdmi_sim::Op::playback_write; }
+bool is_write(hdmi_sim::Op op) { return op == hdmi_sim::Op::playback_write || op == hdmi_sim::Op::decoder_write; }
+bool is_read(hdmi_sim::Op op) { return op == hdmi_sim::Op::capture_read || op == hdmi_sim::Op::decoder_read; }
 
 bool applies(hdmi_sim::FaultKind kind, hdmi_sim::Op op)
 {
     switch (kind) {
-    case hdmi_sim::FaultKind::brief: return is_transfer(op);
-    case hdmi_sim::FaultKind::withhold: return op == hdmi_sim::Op::playback_write || op == hdmi_sim::Op::decoder_write;
+    case hdmi_sim::FaultKind::brief: return is_read(op) || is_write(op);
+    case hdmi_sim::FaultKind::withhold: return is_write(op);
     default: return true;
     }
 }

@@ -339,12 +339,15 @@ enum class Op {
     decoder_init,
     decoder_write,
     decoder_read,
+    decoder_rate,
+    decoder_deinit,
+    bytes_to_frames, ///< of either device
     count
 };
 enum class FaultKind {
     fail,     ///< returns `result`, at once, with nothing done (decoder_init: null)
     block,    ///< waits until clear_fault(), or, for read and write, until the device is closed
-    brief,    ///< read and write only: half of what was asked (rounded down to a frame less one byte when `odd`)
+    brief,    ///< reads and writes only: half of what was asked (rounded down to a frame less one byte when `odd`)
     withhold, ///< write only: reports success, plays or decodes nothing of it
 };
 struct Fault {
