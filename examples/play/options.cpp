@@ -88,7 +88,8 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--video-start", options->video_start_ms, "First picture that many ms after open")
         ->check(CLI::Range(0, 10000))
         ->capture_default_str();
-    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")->check(in_range(2, longest_seconds));
+    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
+        ->check(in_range(2, longest_seconds));
     app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
         ->check(in_range(0, 100))
         ->capture_default_str();
