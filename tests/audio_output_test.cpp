@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <map>
-#include <regex>
+#include <sstream>
 
 #include "internal/frame_queue.h"
 #include "platform_hooks.h"
@@ -119,8 +119,7 @@ void on_clock(int64_t time_us, int64_t max_time_us, int32_t serial)
 
 void on_changed(bool force_reset, bool* restarted)
 {
-    EXPECT_FALSE(force_reset);
-    EXPECT_FALSE(*restarted);
+    EXPECT_FALSE(force_reset || *restarted);
     g_device->set([] { g_device->calls.push_back("changed"); });
     if (g_on_changed)
         g_on_changed(restarted);
@@ -225,7 +224,12 @@ protected:
 // The messages since testing::internal::CaptureStdout(), reduced to level and text.
 std::string captured()
 {
-    return std::regex_replace(testing::internal::GetCapturedStdout(), std::regex(".* ([A-Z]) \\[\\w+ \\d+\\] "), "$1 ");
+    std::istringstream log(testing::internal::GetCapturedStdout());
+    std::string messages;
+    for (std::string line; std::getline(log, line);)
+        if (const size_t at = line.find(" ["); at != std::string::npos)
+            messages += line.substr(at - 1, 2) + line.substr(line.find("] ", at) + 2) + '\n';
+    return messages;
 }
 
 template <typename... Arguments> auto in_thread(Arguments... arguments)
@@ -247,13 +251,11 @@ TEST_F(AudioOutput, OpensTheDeviceThenMutesThenPreparesTheReturnChannelAndCloses
     device.calls.clear();
     EXPECT_EQ(audio_output_deinit(), 0);
     EXPECT_EQ(audio_output_deinit(), -1);
-    EXPECT_EQ(audio_output_set_volume(1), -1);
-    EXPECT_EQ(play(0, 0), -1);
+    EXPECT_EQ(audio_output_set_volume(1) + play(0, 0), -2);
     EXPECT_EQ(audio_output_get_sample_rate(), 48000);
     EXPECT_EQ(device.calls, (Calls{"cec_deinit", "close"}));
     const std::string log = captured();
-    EXPECT_EQ(occurrences(log, "W mute state:1\n"), 1);
-    EXPECT_EQ(occurrences(log, "W module has been initialized\n"), 1);
+    EXPECT_EQ(occurrences(log, "W mute state:1\nW module has been initialized\n"), 1);
     EXPECT_EQ(occurrences(log, "W module not initialized\n"), 4);
     config.hw_volume = -1;
     for (const auto& [setting, rate, buffer] : {std::tuple(E_HDMI_PLAYER_AIO_SAMPLE_RATE_16K, 16000, 7680),
@@ -263,8 +265,7 @@ TEST_F(AudioOutput, OpensTheDeviceThenMutesThenPreparesTheReturnChannelAndCloses
         device.calls.clear();
         ASSERT_EQ(audio_output_init(config), 0);
         EXPECT_EQ(device.calls[1], "volume 30");
-        EXPECT_EQ(audio_output_get_sample_rate(), rate);
-        EXPECT_EQ(audio_output_get_alsa_buffer_size(), buffer);
+        EXPECT_TRUE(audio_output_get_sample_rate() == rate && audio_output_get_alsa_buffer_size() == buffer) << rate;
         EXPECT_EQ(audio_output_deinit(), 0);
     }
 }
@@ -545,8 +546,7 @@ TEST_F(AudioOutput, StopEndsAStuckWriteAndEverybodyWhoWaitsForIt)
     producer.get();
     recovery.get();
     EXPECT_GE(occurrences(captured(), "E aio_device_close failed.\n"), 1);
-    EXPECT_EQ(device.count("volume 1"), 0);
-    EXPECT_EQ(device.count("cec_deinit"), 1);
+    EXPECT_TRUE(device.count("volume 1") == 0 && device.count("cec_deinit") == 1);
 }
 
 TEST_F(AudioOutput, AStopKeepsAReopenThatIsUnderWayFromOpeningTheDevice)
