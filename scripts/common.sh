@@ -8,11 +8,13 @@ build_packages=(
     g++ cmake ninja-build pkg-config
     libavutil-dev libswresample-dev libdrm-dev                          # the library
     libsndfile1-dev libavcodec-dev libavformat-dev                      # the simulated platform
+    libasound2-dev                                                      # the Linux platform
     libswscale-dev libcli11-dev nlohmann-json3-dev                      # the play program
     libgtest-dev                                                        # the tests
 )
 test_packages=(
     clang clang-format binutils git
+    libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
     ffmpeg                                                              # makes the film files that are played
 )
 

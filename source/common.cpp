@@ -21,8 +21,6 @@ constexpr size_t kMaxValueDigits = 10;
 constexpr size_t kMinStringLength = 2;
 constexpr long kNsPerSecond = 1000000000;
 
-pthread_mutex_t g_log_mutex = PTHREAD_MUTEX_INITIALIZER;
-
 struct level_style {
     const char* colour;
     const char* title;
@@ -67,7 +65,8 @@ void append_dump(const char* function, const char* enable_switch, const char* fi
 
 void console_print(loglevel_e level, const char* format, ...)
 {
-    pthread_mutex_lock(&g_log_mutex);
+    // The stream's own lock: a platform library beside this one prints here as well.
+    flockfile(stdout);
     const level_style style = style_of(level);
     const struct timespec now = read_clock(CLOCK_REALTIME);
     struct tm local = {};
@@ -79,7 +78,7 @@ void console_print(loglevel_e level, const char* format, ...)
     vfprintf(stdout, format, args);
     va_end(args);
     printf("\033[0m");
-    pthread_mutex_unlock(&g_log_mutex);
+    funlockfile(stdout);
 }
 
 int env_get_value(const char* str, int value)

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The configuration of the Linux platform: which devices stand behind its names.
+ *
+ * Lines "key = value", '#' begins a comment at the start of a line or after a
+ * blank. For each key in docs/linux.md there is one field here.
+ */
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "aio_device.h"
+
+namespace hdmi_linux
+{
+
+struct AudioDeviceConfig {
+    std::string pcm;        ///< ALSA's name; empty: the first capture device of the machine
+    std::string pcm_source; ///< what named it, for messages: "file:line: key" or a variable; empty: the default
+    std::string mixer;      ///< simple mixer element; empty: the usual one, "none": scale the samples
+    std::string mixer_card; ///< control device of the mixer; empty: the PCM's card
+    bool resample = false;  ///< the PCM may convert the rate
+};
+
+struct Config {
+    Config();
+
+    std::array<AudioDeviceConfig, E_AUDIO_IO_DEV_MAX> audio; ///< by audio_io_dev_e
+    audio_io_dev_e raw_output = E_AUDIO_IO_DEV_HDMI_ARC;     ///< of pass-through until a digital output was selected
+    int start_periods = 2;                                   ///< periods queued before playback starts
+    std::string cec = "/dev/cec0";                           ///< adapter; "none": there is none
+    std::string cec_source;                                  ///< as pcm_source
+};
+
+/// The name of @p device in the configuration, such as "hdmi_arc"; AUTO is the speaker.
+const char* device_key(int device);
+
+/// Applies @p text to @p config, a line at fault not at all: for each one "path:line: key: ..." is added to @p errors.
+void parse_config(std::string_view text, const std::string& path, Config* config, std::vector<std::string>* errors);
+
+/// The defaults, the configuration file over them, the environment over that. Faults are added to @p errors.
+Config load_config(std::vector<std::string>* errors);
+
+/// As load_config(); faults go to the log, once for as long as they stay the same.
+Config current_config();
+
+} // namespace hdmi_linux
