@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "coded_programme.h"
+#include "display.h"
 #include "hdmi_sim.h"
 #include "host.h"
 #include "measure.h"
@@ -123,17 +124,17 @@ bool prepare_process(const Options& options, std::string* error)
     return Stage::enter_namespaces(error);
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t display, Stage* stage, FlipGate* gate)
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate)
 {
     HostConfig config;
     config.output = options.output;
-    config.display = display;
+    config.display = told;
     config.algorithm_delay_ms = options.algorithm_delay_ms;
     config.video_start_ns = options.video_start_ms * ms;
     config.sync = !options.no_sync;
     config.raw = options.raw;
     config.gate = gate;
-    config.present = [stage](FrameBuffer* buffer) { stage->present(buffer); };
+    config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
     return config;
 }
 
@@ -198,8 +199,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     for (int64_t number = 0; number <= host.last_picture(); number++)
         if (judged(source.frame_ns(number)))
             due = {std::min(due.first, number), number};
-    result->cadence =
-        measure_cadence(result->sightings, due, result->options.display_rate.value() / source.fps().value());
+    result->cadence = measure_cadence(result->sightings, due, result->display_hz / source.fps().value());
     result->unreadable = screen.unreadable();
     result->samples = check_samples(recording, source, matches, result->stage.captured_end);
     int64_t settled_sound_ns = result->stage.first_write_ns + second_ns;
@@ -208,22 +208,26 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
 }
 
 /// Plays the source to its end. @return false with one line in @p error
-bool run(Source* source, const std::string& wav_path, Result* result, std::string* error)
+bool run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
 {
     Screen screen;
-    FlipGate gate(result->options.display_rate.value());
-    Stage stage(result->options, source, &screen, &gate, wav_path);
+    FlipGate gate(display->refresh_hz());
+    Stage stage(result->options, source, wav_path);
     std::unique_ptr<Host> host;
     SourceClock clock;
     Usage before = usage_now();
     {
         RealtimeScope realtime(realtime_priority);
         result->realtime = realtime.active();
-        hdmi_player_drm_info_t display = stage.start();
+        stage.start();
+        std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
+        if (!told)
+            return false;
         clock = stage.connect();
-        host = std::make_unique<Host>(host_config(result->options, display, &stage, &gate), source, clock);
+        host = std::make_unique<Host>(host_config(result->options, *told, display, &gate), source, clock);
         if (!host->start()) {
             *error = "the player did not open";
+            display->stop();
             return false;
         }
     }
@@ -236,6 +240,7 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     host->drain_audio();
     stage.wait_until_played();
     host->close();
+    display->stop();
 
     Recording recording;
     if (!stage.finish(&recording, error))
@@ -251,6 +256,7 @@ bool run(Source* source, const std::string& wav_path, Result* result, std::strin
     result->opened_ns = host->opened_ns();
     result->starved = source->starved();
     result->stage = stage.stats();
+    result->display_stats = display->stats();
     evaluate(*source, clock, *host, screen, recording, result);
     return true;
 }
@@ -274,12 +280,18 @@ int main_with(const Options& options)
         return fail(bad_input, error);
     if (!prepare_process(options, &error))
         return fail(not_permitted, error);
+    std::unique_ptr<Display> display = open_display(options, &error);
+    if (!display)
+        return fail(not_permitted, error);
     if (!start_source(options, source.get(), &error))
         return fail(bad_input, error);
     Result result;
     result.options = options;
     result.programme = source->description();
-    if (!run(source.get(), wav.path(), &result, &error))
+    result.display = display->description();
+    result.display_hz = display->refresh_hz();
+    result.paced = display->paced();
+    if (!run(source.get(), display.get(), wav.path(), &result, &error))
         return fail(outside, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);

@@ -22,6 +22,8 @@ const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
 
 const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
 
+const std::map<std::string, DisplayKind> displays = {{"sim", DisplayKind::sim}, {"none", DisplayKind::none}};
+
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
     "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
@@ -199,7 +201,7 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
         return {false, 2};
     }
-    options->simulated_display = texts.display == "sim";
+    options->display = displays.at(texts.display);
     if (options->seconds == 0 && options->file.empty())
         options->seconds = default_programme_seconds;
     return {true, 0};

@@ -15,6 +15,8 @@ namespace play
 constexpr int phase_anywhere = -1; ///< captures begin with what passes next
 constexpr int phase_random = -2;   ///< drawn for the run
 
+enum class DisplayKind { sim, none };
+
 /// What the command line asks for.
 struct Options {
     std::string file;    ///< media file; empty: the built-in programme
@@ -25,7 +27,7 @@ struct Options {
     bool raw = false;                 ///< bursts go to the output as they are
     Rational fps{60, 1};              ///< of the programme; a file brings its own
     Rational display_rate{60, 1};
-    bool simulated_display = true;
+    DisplayKind display = DisplayKind::sim;
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
     int algorithm_delay_ms = 0; ///< what the host's own processing adds
     int video_start_ms = 0;     ///< first frame that long after open

@@ -50,7 +50,7 @@ void print_pictures(const Result& result)
                     frames.foreign, frames.lost, frames.no_buffer);
     std::printf("  flips     at a stroke with the one before %" PRId64 ", superseded before they were seen %" PRId64
                 "\n",
-                frames.skipped, result.stage.superseded);
+                frames.skipped, result.display_stats.superseded);
     const Cadence& cadence = result.cadence;
     std::printf("  screen    %" PRId64 " pictures on %" PRId64 " vertical blanks: unseen %" PRId64 ", repeats %" PRId64
                 "; beyond the rates %" PRId64 " and %" PRId64 " (%.2f %%)\n",
@@ -151,7 +151,7 @@ json pictures_json(const Result& result)
             {"lost", frames.lost},
             {"no_buffer", frames.no_buffer},
             {"closes", frames.closes()},
-            {"superseded", result.stage.superseded},
+            {"superseded", result.display_stats.superseded},
             {"unreadable", result.unreadable},
             {"settled",
              {{"pictures", cadence.pictures},
@@ -203,8 +203,8 @@ json options_json(const Result& result)
     const Options& options = result.options;
     return {{"file", options.file},
             {"programme", result.programme},
-            {"display_rate", options.display_rate.value()},
-            {"display", options.simulated_display ? "sim" : "none"},
+            {"display_rate", result.display_hz},
+            {"display", result.display},
             {"output", static_cast<int>(options.output)},
             {"algorithm_delay_ms", options.algorithm_delay_ms},
             {"video_start_ms", options.video_start_ms},
@@ -223,8 +223,8 @@ json options_json(const Result& result)
 
 void print_report(const Result& result, const std::vector<Verdict>& verdicts)
 {
-    std::printf("\n%s; display %.5g Hz; %.1f s\n", result.programme.c_str(), result.options.display_rate.value(),
-                result.seconds);
+    std::printf("\n%s; display %s, %.5g Hz; %.1f s\n", result.programme.c_str(), result.display.c_str(),
+                result.display_hz, result.seconds);
     if (!result.options.raw)
         print_sync(result);
     print_pictures(result);

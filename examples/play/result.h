@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "display.h"
 #include "host.h"
 #include "measure.h"
 #include "options.h"
@@ -20,6 +21,9 @@ struct Result {
     std::string programme;
     Coding coding = Coding::pcm; ///< of the sound on the link
     bool realtime = false;
+    std::string display;    ///< which one was used
+    double display_hz = 60; ///< its vertical blanks per second
+    bool paced = true;      ///< the player could wait for them
     int video_queue_size = 0;
     int64_t opened_ns = 0;     ///< when the player had opened
     int64_t signal_end_ns = 0; ///< when the source stopped to send
@@ -46,6 +50,7 @@ struct Result {
     int64_t unsupported = 0;
     int64_t starved = 0;
     StageStats stage;
+    DisplayStats display_stats;
     Usage usage;
 };
 

@@ -27,24 +27,16 @@ int64_t opening_at(Coding coding, int64_t frame, int phase)
     return frame + ((wanted - frame) % period + period) % period;
 }
 
-void release(void* buffer) { FramePool::pass(static_cast<FrameBuffer*>(buffer), Owner::display, Owner::free); }
-
 } // namespace
 
 bool Stage::enter_namespaces(std::string* error) { return hdmi_sim::enter_private_namespaces(error); }
 
-Stage::Stage(const Options& options, Source* source, Screen* screen, FlipGate* gate, const std::string& wav_path)
-    : m_options(options), m_source(source), m_screen(screen), m_gate(gate), m_wav_path(wav_path)
+Stage::Stage(const Options& options, Source* source, const std::string& wav_path)
+    : m_options(options), m_source(source), m_wav_path(wav_path)
 {
 }
 
-Stage::~Stage()
-{
-    if (m_display_running)
-        hdmi_sim::display_stop();
-}
-
-hdmi_player_drm_info_t Stage::start()
+void Stage::start()
 {
     hdmi_sim::PlaybackConfig playback;
     playback.wav_path = m_wav_path;
@@ -58,21 +50,6 @@ hdmi_player_drm_info_t Stage::start()
         fault.count = 1;
         hdmi_sim::set_fault(hdmi_sim::Op::playback_write, fault);
     }
-    auto refresh_hz = m_options.display_rate.value();
-    if (!m_options.simulated_display)
-        return {0, static_cast<float>(refresh_hz)};
-
-    hdmi_sim::DisplayConfig display;
-    display.refresh_hz = refresh_hz;
-    display.latency_ns = m_options.display_latency_ms * ms;
-    auto scan_out = [this](const hdmi_sim::ScanOut& out) {
-        m_gate->vblank(out.vblank_ns);
-        if (out.buffer != nullptr)
-            m_screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
-    };
-    int fd = hdmi_sim::display_start(display, scan_out, [](void* buffer, bool) { release(buffer); });
-    m_display_running = true;
-    return {fd, static_cast<float>(refresh_hz)};
 }
 
 SourceClock Stage::connect()
@@ -98,23 +75,6 @@ SourceClock Stage::connect()
         };
     hdmi_sim::receiver_connect(signal);
     return {signal.start_ns, m_options.receiver_ppm};
-}
-
-void Stage::present(FrameBuffer* buffer)
-{
-    if (m_options.simulated_display)
-        hdmi_sim::display_flip(buffer);
-    else
-        show_now(buffer);
-}
-
-void Stage::show_now(FrameBuffer* buffer)
-{
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_screen->refresh(buffer->picture, hdmi_sim::now_ns() + m_options.display_latency_ms * ms);
-    if (m_shown != nullptr)
-        release(m_shown);
-    m_shown = buffer;
 }
 
 void Stage::disconnect() { hdmi_sim::receiver_disconnect(); }
@@ -158,10 +118,6 @@ RawCheck Stage::check_raw() const
 
 bool Stage::finish(Recording* recording, std::string* error)
 {
-    if (m_display_running) {
-        hdmi_sim::display_stop();
-        m_display_running = false;
-    }
     // With the bursts passed on, the player's own sound device stays silent.
     if (m_options.raw)
         return true;
@@ -185,11 +141,6 @@ StageStats Stage::stats() const
     stats.playback_opens = playback.opens;
     stats.playback_frames = playback.frames_written;
     stats.first_write_ns = playback.first_write_ns;
-    hdmi_sim::DisplayStats display = hdmi_sim::display_stats();
-    stats.vblanks = display.vblanks;
-    stats.flips = display.flips;
-    stats.superseded = display.superseded;
-    stats.repeated = display.repeated;
     stats.withheld = hdmi_sim::fault_hits(hdmi_sim::Op::playback_write);
     return stats;
 }

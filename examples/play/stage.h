@@ -1,23 +1,18 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * Everything around the host, simulated: the source on the HDMI cable, the
- * sound device that records, and the display with its observer.
+ * What the host's sound comes from and goes to: the source on the HDMI cable,
+ * and the sound device that records.
  */
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "flip_gate.h"
-#include "frame_pool.h"
-#include "hdmi_player.h"
 #include "options.h"
 #include "recording.h"
-#include "screen.h"
 #include "source.h"
 
 namespace play
@@ -32,11 +27,7 @@ struct StageStats {
     int64_t playback_opens = 0;
     int64_t first_write_ns = 0;
     int64_t playback_frames = 0; ///< written to the sound device
-    int64_t vblanks = 0;
-    int64_t flips = 0;
-    int64_t superseded = 0;
-    int64_t repeated = 0;
-    int64_t withheld = 0; ///< blocks taken away on demand
+    int64_t withheld = 0;        ///< blocks taken away on demand
 };
 
 /// Raw pass-through.
@@ -55,22 +46,19 @@ public:
     /// Private namespaces for the receiver's announcements. Call while the process has one thread.
     static bool enter_namespaces(std::string* error);
 
-    /// @p source, @p screen and @p gate outlive the stage.
-    Stage(const Options& options, Source* source, Screen* screen, FlipGate* gate, const std::string& wav_path);
-    ~Stage();
+    /// @p source outlives the stage.
+    Stage(const Options& options, Source* source, const std::string& wav_path);
 
-    /// Starts display and sound device. @return what the player is told of the display
-    hdmi_player_drm_info_t start();
+    /// Readies the sound device.
+    void start();
     /// The source starts to send; its zero lies a moment ahead. @return its clock
     SourceClock connect();
-    /// Where the host presents its pictures.
-    void present(FrameBuffer* buffer);
 
     /// The source stops sending.
     void disconnect();
     /// Waits until the sound device has played all that it was given.
     void wait_until_played();
-    /// Ends the display and completes the recording. Once, after the player was closed.
+    /// Completes the recording. Once, after the player was closed.
     bool finish(Recording* recording, std::string* error);
 
     /// What went past the player to the digital outputs, against what the source sent.
@@ -78,18 +66,11 @@ public:
     StageStats stats() const;
 
 private:
-    void show_now(FrameBuffer* buffer);
-
     const Options m_options;
     Source* m_source;
-    Screen* m_screen;
-    FlipGate* m_gate;
     std::string m_wav_path;
-    bool m_display_running = false;
     std::atomic<bool> m_opened{false}; ///< the capture device
     int m_chunk_phase = phase_anywhere;
-    std::mutex m_mutex;
-    FrameBuffer* m_shown = nullptr; ///< without a display: what is on the imagined one
 };
 
 } // namespace play

@@ -56,7 +56,6 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
 
 std::vector<Verdict> judge(const Result& result)
 {
-    bool paced = result.options.simulated_display;
     std::vector<Verdict> verdicts;
     if (result.options.raw)
         judge_raw(result, &verdicts);
@@ -64,7 +63,7 @@ std::vector<Verdict> judge(const Result& result)
         judge_played(result, &verdicts);
     verdicts.push_back({"no overrun", result.stage.overruns == 0});
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
-    if (paced)
+    if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
                             result.cadence.excess() <= excess_limit && result.unreadable == 0});
     return verdicts;

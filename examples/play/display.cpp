@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#include "display.h"
+
+namespace play
+{
+
+std::unique_ptr<Display> open_display(const Options& options, std::string* /*error*/)
+{
+    switch (options.display) {
+    case DisplayKind::none: return open_no_display(options);
+    case DisplayKind::sim: break;
+    }
+    return open_simulated_display(options);
+}
+
+} // namespace play

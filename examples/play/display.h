@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Where the host's pictures are shown, and the eye in front of it.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "flip_gate.h"
+#include "frame_pool.h"
+#include "hdmi_player.h"
+#include "options.h"
+#include "screen.h"
+
+namespace play
+{
+
+/// What happened at a display.
+struct DisplayStats {
+    int64_t vblanks = 0;
+    int64_t flips = 0;
+    int64_t superseded = 0; ///< released without having been seen
+    int64_t repeated = 0;   ///< vertical blanks that brought nothing new
+};
+
+/**
+ * A display takes the buffers that the host flips, first in, first out, gives
+ * each back to the pool when it is done with it (FramePool::pass() from
+ * Owner::display), tells the screen what was seen when, and tells the gate of
+ * the vertical blanks.
+ */
+class Display
+{
+public:
+    virtual ~Display() = default;
+    Display() = default;
+    Display(const Display&) = delete;
+    Display& operator=(const Display&) = delete;
+
+    /// Vertical blanks per second.
+    virtual double refresh_hz() const = 0;
+    /// Whether the player can wait for this display's vertical blanks.
+    virtual bool paced() const = 0;
+    /// One line for the report.
+    virtual std::string description() const = 0;
+
+    /// Starts it, once. @p screen and @p gate live until stop(). @return what the player is told; nothing, with one
+    /// line in @p error, if it does not start
+    virtual std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) = 0;
+    /// Shows a buffer at the coming vertical blank. From any thread; does not wait.
+    virtual void present(FrameBuffer* buffer) = 0;
+    /// Ends it; every buffer is the pool's again. For a display that does not run: nothing.
+    virtual void stop() = 0;
+    virtual DisplayStats stats() const = 0;
+};
+
+/// The display that the options name, not started yet; null, with one line in @p error, if the machine has none such.
+std::unique_ptr<Display> open_display(const Options& options, std::string* error);
+
+// One function for each kind.
+std::unique_ptr<Display> open_simulated_display(const Options& options);
+std::unique_ptr<Display> open_no_display(const Options& options);
+
+/// Gives a buffer that the display is done with back to the pool.
+inline void release(FrameBuffer* buffer) { FramePool::pass(buffer, Owner::display, Owner::free); }
+
+} // namespace play
