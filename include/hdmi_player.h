@@ -79,6 +79,16 @@
  * A host without video, or with A/V sync switched off, gets no reset at all and
  * writes from the first block on.
  *
+ * ## Compressed sound
+ *
+ * The time line of decoded sound begins with the first burst that is decoded
+ * after the reset. Bursts of AC-3 and E-AC-3 last 32 ms at 48 kHz, so that one
+ * began between 0 and 32 ms after the picture's zero, and by as much the sound
+ * would be early for good. A host that knows its input to be compressed adds
+ * half a burst (1536 / 2 samples) to the pts of what it writes: the error is
+ * then at most half a burst, to either side. On PCM input there is nothing to
+ * add.
+ *
  * ## Length of the video queue
  *
  * While the sound is on its way the frames wait, so `video_frame_queue_size`
@@ -202,7 +212,8 @@ typedef struct hdmi_player_pcm_frame_s {
     int32_t sample_rate; /**< Hz */
     int32_t channels;    /**< 2 */
     int64_t pts;    /**< microseconds since the latest A/V sync reset: media time of the first sample. Processing that
-                       delays the sound moves the stamp with it. */
+                       delays the sound moves the stamp with it. Decoded sound counts from the first burst after the
+                       reset, which began up to one burst later: see "Compressed sound". */
     int32_t serial; /**< number of the sequence, one more after each A/V sync reset; kept by the host as it is */
 } hdmi_player_audio_frame_t;
 

@@ -11,8 +11,8 @@ namespace play
 /**
  * Stands for a host's audio processing that delays: a line through which the
  * samples of one sequence pass. It puts out real samples only, never silence
- * of its own, so that the first block it emits carries time stamp 0 as the
- * player expects of the first block of a sequence.
+ * of its own, so that the first block it emits carries the time stamp of the
+ * sequence's first sample.
  */
 class DelayLine
 {

@@ -39,6 +39,16 @@ void sleep_until_ns(int64_t deadline_ns)
     }
 }
 
+/**
+ * How much later than the picture's zero the zero of decoded sound lies, on
+ * average, in microseconds: its time line begins with the first burst that is
+ * decoded after a reset, and that one began up to a burst after it.
+ */
+int64_t decoder_start_us(const Source& source)
+{
+    return source.coding() == Coding::pcm ? 0 : int64_t{burst_samples} * 1'000'000 / source.audio_rate() / 2;
+}
+
 /// Seconds of one block: the device's period at that rate.
 double period_s(int rate) { return (rate == 44100 ? 896.0 : 960.0) / rate; }
 
@@ -258,7 +268,7 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
         return;
     }
     if (first || block.serial != serial_before)
-        m_line.start(block.pts, block.sample_rate);
+        m_line.start(block.pts + decoder_start_us(*m_source), block.sample_rate);
     m_line.push(reinterpret_cast<const int16_t*>(block.data), frames);
     write_from_line(block);
 }
