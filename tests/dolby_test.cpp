@@ -528,7 +528,8 @@ TEST_F(DecodePipeline, DecodedPcmCarriesSerialRateAndPtsWithoutASignalFromTheDec
         EXPECT_EQ(0, dolby_deinit());
     });
     EXPECT_EQ(1, occurrences(log, "[ac3] adecoder_write status:0xfffffffd error do not send signal\n"));
-    EXPECT_EQ(3, occurrences(log, "[ac3] adecoder_read size:960\n"));
+    // The decoder is read as soon as it is there, perhaps before its format has got a name.
+    EXPECT_EQ(3, occurrences(log, "] adecoder_read size:960\n"));
 }
 
 TEST_F(DecodePipeline, TheDecoderFollowsTheFormatAndTheHostIsTold)
