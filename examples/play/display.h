@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "flip_gate.h"
 #include "frame_pool.h"
@@ -19,12 +20,21 @@
 namespace play
 {
 
+/// A display was lost for a while: unplugged, taken by another program, suspended.
+struct Outage {
+    int64_t began_ns;
+    int64_t lasted_ns; ///< 0: it did not come back
+    std::string reason;
+};
+
 /// What happened at a display.
 struct DisplayStats {
     int64_t vblanks = 0;
     int64_t flips = 0;
     int64_t superseded = 0; ///< released without having been seen
     int64_t repeated = 0;   ///< vertical blanks that brought nothing new
+    int64_t unshown = 0;    ///< released because the display was lost
+    std::vector<Outage> outages;
 };
 
 /**
@@ -47,14 +57,20 @@ public:
     virtual bool paced() const = 0;
     /// One line for the report.
     virtual std::string description() const = 0;
+    /// What images are to fit into; nothing for a display that needs none.
+    virtual Size image_size() const { return {0, 0}; }
 
     /// Starts it, once. @p screen and @p gate live until stop(). @return what the player is told; nothing, with one
     /// line in @p error, if it does not start
     virtual std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) = 0;
+    /// Paints a buffer's picture where the display reads it. On the thread that renders; takes its time.
+    virtual void paint(FrameBuffer* /*buffer*/) {}
     /// Shows a buffer at the coming vertical blank. From any thread; does not wait.
     virtual void present(FrameBuffer* buffer) = 0;
     /// Ends it; every buffer is the pool's again. For a display that does not run: nothing.
     virtual void stop() = 0;
+    /// The viewer has closed it: time to end.
+    virtual bool closed() const { return false; }
     virtual DisplayStats stats() const = 0;
 };
 
@@ -64,6 +80,7 @@ std::unique_ptr<Display> open_display(const Options& options, std::string* error
 // One function for each kind.
 std::unique_ptr<Display> open_simulated_display(const Options& options);
 std::unique_ptr<Display> open_no_display(const Options& options);
+std::unique_ptr<Display> open_kms_display(const Options& options, std::string* error);
 
 /// Gives a buffer that the display is done with back to the pool.
 inline void release(FrameBuffer* buffer) { FramePool::pass(buffer, Owner::display, Owner::free); }

@@ -65,7 +65,7 @@ private:
 
 std::unique_ptr<Display> open_no_display(const Options& options)
 {
-    return std::make_unique<NoDisplay>(options.display_rate.value(), options.display_latency_ms);
+    return std::make_unique<NoDisplay>(options.display_hz(), options.display_latency_ms());
 }
 
 } // namespace play

@@ -53,8 +53,13 @@ public:
 
     DisplayStats stats() const override
     {
-        hdmi_sim::DisplayStats stats = hdmi_sim::display_stats();
-        return {stats.vblanks, stats.flips, stats.superseded, stats.repeated};
+        hdmi_sim::DisplayStats simulated = hdmi_sim::display_stats();
+        DisplayStats stats;
+        stats.vblanks = simulated.vblanks;
+        stats.flips = simulated.flips;
+        stats.superseded = simulated.superseded;
+        stats.repeated = simulated.repeated;
+        return stats;
     }
 
 private:
@@ -67,7 +72,7 @@ private:
 
 std::unique_ptr<Display> open_simulated_display(const Options& options)
 {
-    return std::make_unique<SimulatedDisplay>(options.display_rate.value(), options.display_latency_ms);
+    return std::make_unique<SimulatedDisplay>(options.display_hz(), options.display_latency_ms());
 }
 
 } // namespace play

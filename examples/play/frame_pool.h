@@ -7,6 +7,7 @@
 #include <limits>
 #include <memory>
 
+#include "canvas.h"
 #include "picture.h"
 
 namespace play
@@ -20,11 +21,24 @@ enum class Owner {
     display, ///< flipped, until the display releases it
 };
 
+/// Memory that a display shows.
+class Surface
+{
+public:
+    virtual ~Surface() = default;
+    Surface() = default;
+    Surface(const Surface&) = delete;
+    Surface& operator=(const Surface&) = delete;
+    virtual Canvas canvas() const = 0;
+};
+
 /// A picture buffer; its address is the handle that the player passes around.
 struct FrameBuffer {
     std::atomic<Owner> owner{Owner::free};
     int64_t turn = 0; ///< how many the player had been given before this one
     Picture picture;
+    std::shared_ptr<const Image> image; ///< what to show, of a film on a display that shows colour
+    std::shared_ptr<Surface> surface;   ///< where it was painted, made by the display that reads it there
 };
 
 /**

@@ -144,20 +144,31 @@ void Host::video_thread()
         int64_t due_ns = m_clock.to_monotonic(frame.source_ns);
         if (due_ns < first_ns)
             continue;
+        // Painted ahead: the moment of the call is the picture's time.
+        FrameBuffer* buffer = fill(frame);
         sleep_until_ns(due_ns);
-        render(frame);
+        if (buffer != nullptr)
+            render(buffer);
     }
     m_video_running = false;
 }
 
-void Host::render(const VideoFrame& frame)
+FrameBuffer* Host::fill(const VideoFrame& frame)
 {
     FrameBuffer* buffer = m_pool.acquire();
     if (buffer == nullptr) {
         m_no_buffer++;
-        return;
+        return nullptr;
     }
     buffer->picture = frame.picture;
+    buffer->image = frame.image;
+    if (m_config.paint)
+        m_config.paint(buffer);
+    return buffer;
+}
+
+void Host::render(FrameBuffer* buffer)
+{
     buffer->turn = m_rendered;
     // Flip or drop may come before the call returns: the buffer must be the player's by then.
     FramePool::pass(buffer, Owner::host, Owner::player);

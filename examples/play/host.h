@@ -30,6 +30,8 @@ struct HostConfig {
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
     FlipGate* gate = nullptr; ///< of the display; outlives the host
+    /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
+    std::function<void(FrameBuffer*)> paint;
     /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it.
     std::function<void(FrameBuffer*)> present;
 };
@@ -91,7 +93,8 @@ private:
     static void on_drop(hdmi_player_video_frame_t frame);
 
     void video_thread();
-    void render(const VideoFrame& frame);
+    FrameBuffer* fill(const VideoFrame& frame);
+    void render(FrameBuffer* buffer);
     void audio_thread();
     void play_block(const hdmi_player_audio_frame_t& block);
     void write_from_line(const hdmi_player_audio_frame_t& like);

@@ -134,15 +134,16 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
     config.sync = !options.no_sync;
     config.raw = options.raw;
     config.gate = gate;
+    config.paint = [display](FrameBuffer* buffer) { display->paint(buffer); };
     config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
     return config;
 }
 
-void watch(const Host& host)
+void watch(const Host& host, const Display& display)
 {
     constexpr useconds_t look_again_us = 50'000;
     Progress progress;
-    while (host.video_running()) {
+    while (host.video_running() && !display.closed()) {
         double seconds = static_cast<double>(hdmi_sim::now_ns() - host.opened_ns()) / 1e9;
         FrameAccount frames = host.frames();
         char text[128];
@@ -231,7 +232,7 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
             return false;
         }
     }
-    watch(*host);
+    watch(*host, *display);
     host->stop_video();
     stage.disconnect();
     result->signal_end_ns = hdmi_sim::now_ns();
@@ -283,6 +284,9 @@ int main_with(const Options& options)
     std::unique_ptr<Display> display = open_display(options, &error);
     if (!display)
         return fail(not_permitted, error);
+    Size image_size = display->image_size();
+    if (image_size.width > 0)
+        source->want_images(image_size);
     if (!start_source(options, source.get(), &error))
         return fail(bad_input, error);
     Result result;

@@ -22,7 +22,8 @@ const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
 
 const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
 
-const std::map<std::string, DisplayKind> displays = {{"sim", DisplayKind::sim}, {"none", DisplayKind::none}};
+const std::map<std::string, DisplayKind> displays = {
+    {"sim", DisplayKind::sim}, {"none", DisplayKind::none}, {"kms", DisplayKind::kms}};
 
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
@@ -35,7 +36,8 @@ const char* const footer =
     "resets it again. Nothing but bursts is sent. The output must be a decode of them, bit for bit at 48 kHz, from "
     "256\n"
     "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves.\n\n"
-    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it.\n";
+    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it,\nor "
+    "has no such display.\n";
 
 constexpr double default_programme_seconds = 20;
 /// Six hours: a WAV file holds 4 GB.
@@ -54,7 +56,7 @@ CLI::Validator in_range(double least, double most)
 
 struct Texts {
     std::string fps = "60";
-    std::string display_rate = "60";
+    std::string display_rate;
     std::string display = "sim";
     std::string output = "speaker";
     std::string coding;
@@ -77,9 +79,11 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--fps", texts->fps, "Frames per second of the programme; 59.94 means 60000/1001")
         ->capture_default_str()
         ->excludes(file);
-    app->add_option("--display-rate", texts->display_rate, "Vertical blanks per second")->capture_default_str();
-    app->add_option("--display", texts->display, "Display: sim, or none (no vertical blanks to pace on)")
-        ->check(CLI::IsMember({"sim", "none"}))
+    app->add_option("--display-rate", texts->display_rate,
+                    "Vertical blanks per second: default 60; for kms that of the display's preferred mode");
+    app->add_option("--display", texts->display,
+                    "Display: sim; none (no vertical blanks to pace on); kms or kms:/dev/dri/cardN (DRM/KMS: takes\n"
+                    "the whole screen, on a console that no desktop uses)")
         ->capture_default_str();
     app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
         ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
@@ -101,9 +105,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
         ->check(in_range(-1000, 1000))
         ->capture_default_str();
-    app->add_option("--display-latency", options->display_latency_ms, "From the vertical blank to light, in ms")
-        ->check(CLI::Range(0, 1000))
-        ->capture_default_str();
+    app->add_option("--display-latency", options->display_latency,
+                    "From the vertical blank to light, in ms: what your panel needs, which is not measured. Default\n"
+                    "0 for kms, 76 for sim and none, the delay of the panels that the player allows for")
+        ->check(CLI::Range(0, 1000));
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
@@ -143,10 +148,26 @@ std::string take_rates(const Texts& texts, Options* options)
 {
     if (!parse_rate(texts.fps, &options->fps) || options->fps.value() < 5 || options->fps.value() > 240)
         return "--fps: " + texts.fps + " is no frame rate from 5 to 240";
-    if (!parse_rate(texts.display_rate, &options->display_rate) || options->display_rate.value() < 20 ||
-        options->display_rate.value() > 240)
+    if (texts.display_rate.empty())
+        return "";
+    Rational rate{};
+    if (!parse_rate(texts.display_rate, &rate) || rate.value() < 20 || rate.value() > 240)
         return "--display-rate: " + texts.display_rate + " is no refresh rate from 20 to 240";
+    options->display_rate = rate;
     return "";
+}
+
+std::string take_display(const Texts& texts, Options* options)
+{
+    size_t colon = texts.display.find(':');
+    auto kind = displays.find(texts.display.substr(0, colon));
+    if (kind == displays.end() || (colon != std::string::npos && kind->second != DisplayKind::kms))
+        return "--display: " + texts.display + " is none of sim, none, kms, kms:/dev/dri/cardN";
+    options->display = kind->second;
+    if (colon == std::string::npos)
+        return "";
+    options->display_path = texts.display.substr(colon + 1);
+    return options->display_path.empty() ? "--display: kms: without a path" : "";
 }
 
 } // namespace
@@ -196,12 +217,13 @@ ParseResult parse_options(int argc, char** argv, Options* options)
     options->output = outputs.at(texts.output);
     std::string wrong = take_rates(texts, options);
     if (wrong.empty())
+        wrong = take_display(texts, options);
+    if (wrong.empty())
         wrong = take_coding(texts, options);
     if (!wrong.empty()) {
         std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
         return {false, 2};
     }
-    options->display = displays.at(texts.display);
     if (options->seconds == 0 && options->file.empty())
         options->seconds = default_programme_seconds;
     return {true, 0};

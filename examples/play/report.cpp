@@ -61,6 +61,10 @@ void print_pictures(const Result& result)
         if (cadence.histogram[vblanks] > 0)
             std::printf("  %zu vblank%s: %" PRId64, vblanks, vblanks == 1 ? "" : "s", cadence.histogram[vblanks]);
     std::printf("\n");
+    for (const Outage& outage : result.display_stats.outages)
+        std::printf("  display   lost at %.1f s: %s; back after %.2f s\n",
+                    static_cast<double>(outage.began_ns - result.opened_ns) / 1e9, outage.reason.c_str(),
+                    static_cast<double>(outage.lasted_ns) / 1e9);
     if (result.unreadable != 0)
         std::printf("  screen    unreadable %" PRId64 "\n", result.unreadable);
 }
@@ -134,6 +138,16 @@ json to_json(const std::vector<Offset>& offsets)
     return list;
 }
 
+json outages_json(const Result& result)
+{
+    json list = json::array();
+    for (const Outage& outage : result.display_stats.outages)
+        list.push_back({{"at_s", static_cast<double>(outage.began_ns - result.opened_ns) / 1e9},
+                        {"lasted_s", static_cast<double>(outage.lasted_ns) / 1e9},
+                        {"reason", outage.reason}});
+    return list;
+}
+
 json pictures_json(const Result& result)
 {
     const FrameAccount& frames = result.frames;
@@ -152,6 +166,10 @@ json pictures_json(const Result& result)
             {"no_buffer", frames.no_buffer},
             {"closes", frames.closes()},
             {"superseded", result.display_stats.superseded},
+            {"display_flips", result.display_stats.flips},
+            {"display_vblanks", result.display_stats.vblanks},
+            {"unshown", result.display_stats.unshown},
+            {"outages", outages_json(result)},
             {"unreadable", result.unreadable},
             {"settled",
              {{"pictures", cadence.pictures},
@@ -211,7 +229,7 @@ json options_json(const Result& result)
             {"phase_ms", options.phase_ms},
             {"receiver_ppm", options.receiver_ppm},
             {"playback_ppm", options.playback_ppm},
-            {"display_latency_ms", options.display_latency_ms},
+            {"display_latency_ms", options.display_latency_ms()},
             {"raw", options.raw},
             {"sync", !options.no_sync},
             {"withhold_block", options.withhold_block},

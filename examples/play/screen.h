@@ -28,6 +28,9 @@ public:
     /// The screen shows @p picture from @p seen_ns on for one refresh. From one thread.
     void refresh(const Picture& picture, int64_t seen_ns);
 
+    /// What it showed last stayed for @p refreshes more.
+    void stay(int64_t refreshes);
+
     std::vector<Sighting> sightings() const;
     /// Refreshes that showed something that is no numbered picture.
     int64_t unreadable() const;
@@ -36,6 +39,7 @@ private:
     mutable std::mutex m_mutex;
     std::vector<Sighting> m_sightings;
     int64_t m_unreadable = 0;
+    bool m_readable = true; ///< the latest refresh
 };
 
 } // namespace play

@@ -8,9 +8,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "canvas.h"
 #include "picture.h"
 
 namespace play
@@ -42,6 +44,7 @@ struct VideoFrame {
     int64_t number;
     int64_t source_ns; ///< when it arrives
     Picture picture;
+    std::shared_ptr<const Image> image; ///< in colour, if the source was asked for it
 };
 
 /// How sound passes on the link: sample by sample, or in IEC 61937 bursts of 1536 samples each.
@@ -80,6 +83,8 @@ public:
 
     /// The nominal frame rate.
     virtual Rational fps() const = 0;
+    /// From now on pictures come with images that fit into @p box. Before the first.
+    virtual void want_images(Size /*box*/) {}
     /// The next picture in order, false at the end. One thread. May wait for a decoder that is behind.
     virtual bool next_video(VideoFrame* frame) = 0;
     /// When picture @p number arrives; only for numbers that next_video() has given.

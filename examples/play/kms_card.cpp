@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: MIT
+#include "kms_card.h"
+
+#include <drm_fourcc.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <xf86drm.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "kms_mode.h"
+
+namespace play
+{
+namespace
+{
+
+constexpr int cards_to_try = 16;
+
+template <typename T, void (*release)(T*)> struct Releaser {
+    void operator()(T* p) const { release(p); }
+};
+using Resources = std::unique_ptr<drmModeRes, Releaser<drmModeRes, drmModeFreeResources>>;
+using Connector = std::unique_ptr<drmModeConnector, Releaser<drmModeConnector, drmModeFreeConnector>>;
+using Encoder = std::unique_ptr<drmModeEncoder, Releaser<drmModeEncoder, drmModeFreeEncoder>>;
+using Plane = std::unique_ptr<drmModePlane, Releaser<drmModePlane, drmModeFreePlane>>;
+using Planes = std::unique_ptr<drmModePlaneRes, Releaser<drmModePlaneRes, drmModeFreePlaneResources>>;
+using ObjectProperties =
+    std::unique_ptr<drmModeObjectProperties, Releaser<drmModeObjectProperties, drmModeFreeObjectProperties>>;
+using Property = std::unique_ptr<drmModePropertyRes, Releaser<drmModePropertyRes, drmModeFreeProperty>>;
+using AtomicRequest = std::unique_ptr<drmModeAtomicReq, Releaser<drmModeAtomicReq, drmModeAtomicFree>>;
+
+std::string driver_name(int fd)
+{
+    drmVersionPtr version = drmGetVersion(fd);
+    std::string name = version != nullptr && version->name != nullptr ? version->name : "?";
+    drmFreeVersion(version);
+    return name;
+}
+
+std::map<std::string, uint32_t> properties_of(int fd, uint32_t object, uint32_t type)
+{
+    std::map<std::string, uint32_t> ids;
+    ObjectProperties all(drmModeObjectGetProperties(fd, object, type));
+    for (uint32_t i = 0; all && i < all->count_props; i++) {
+        Property property(drmModeGetProperty(fd, all->props[i]));
+        if (property)
+            ids[property->name] = property->prop_id;
+    }
+    return ids;
+}
+
+bool is_primary(int fd, uint32_t plane)
+{
+    ObjectProperties all(drmModeObjectGetProperties(fd, plane, DRM_MODE_OBJECT_PLANE));
+    for (uint32_t i = 0; all && i < all->count_props; i++) {
+        Property property(drmModeGetProperty(fd, all->props[i]));
+        if (property && std::strcmp(property->name, "type") == 0)
+            return all->prop_values[i] == DRM_PLANE_TYPE_PRIMARY;
+    }
+    return false;
+}
+
+bool shows_xrgb(const drmModePlane& plane)
+{
+    for (uint32_t i = 0; i < plane.count_formats; i++)
+        if (plane.formats[i] == DRM_FORMAT_XRGB8888)
+            return true;
+    return false;
+}
+
+std::vector<drmModeModeInfo> modes_of(const drmModeConnector& connector)
+{
+    return {connector.modes, connector.modes + connector.count_modes};
+}
+
+int error_of(int result) { return result == 0 ? 0 : errno != 0 ? errno : EIO; }
+
+/// A call on a card that is gone, rather than one that was refused.
+bool means_gone(int error) { return error == ENODEV || error == ENXIO || error == EIO || error == EBADF; }
+
+} // namespace
+
+// --- Memory -----------------------------------------------------------------------
+
+std::shared_ptr<KmsBuffer> KmsCard::make_buffer()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto buffer = std::make_shared<KmsBuffer>();
+    uint64_t bytes = 0;
+    uint32_t pitch = 0;
+    uint64_t offset = 0;
+    if (drmModeCreateDumbBuffer(m_fd, m_width, m_height, 32, 0, &buffer->m_handle, &pitch, &bytes) != 0)
+        return nullptr;
+    buffer->m_card = shared_from_this();
+    buffer->m_generation = m_generation;
+    const uint32_t handles[4] = {buffer->m_handle, 0, 0, 0};
+    const uint32_t pitches[4] = {pitch, 0, 0, 0};
+    const uint32_t offsets[4] = {};
+    int result =
+        drmModeAddFB2(m_fd, m_width, m_height, DRM_FORMAT_XRGB8888, handles, pitches, offsets, &buffer->m_id, 0);
+    if (result == 0)
+        result = drmModeMapDumbBuffer(m_fd, buffer->m_handle, &offset);
+    void* memory = MAP_FAILED;
+    if (result == 0)
+        memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, static_cast<off_t>(offset));
+    if (memory == MAP_FAILED) {
+        int error = errno;
+        buffer->release();
+        buffer->m_card.reset();
+        errno = error;
+        return nullptr;
+    }
+    buffer->m_bytes = bytes;
+    buffer->m_canvas = {static_cast<uint8_t*>(memory), m_width, m_height, pitch};
+    return buffer;
+}
+
+bool KmsBuffer::current() const
+{
+    std::lock_guard<std::mutex> lock(m_card->m_mutex);
+    return m_generation == m_card->m_generation;
+}
+
+KmsBuffer::~KmsBuffer()
+{
+    if (!m_card)
+        return;
+    std::lock_guard<std::mutex> lock(m_card->m_mutex);
+    release();
+}
+
+void KmsBuffer::release()
+{
+    if (m_canvas.memory != nullptr)
+        munmap(m_canvas.memory, m_bytes);
+    m_canvas = {};
+    // Of a card that was opened anew, the numbers mean something else, and the memory is gone.
+    if (m_generation == m_card->m_generation) {
+        if (m_id != 0)
+            drmModeRmFB(m_card->m_fd, m_id);
+        drmModeDestroyDumbBuffer(m_card->m_fd, m_handle);
+    }
+    m_id = 0;
+    m_handle = 0;
+}
+
+// --- Opening ----------------------------------------------------------------------
+
+std::shared_ptr<KmsCard> KmsCard::open(const std::string& path, std::optional<double> refresh_hz, std::string* error)
+{
+    if (!path.empty())
+        return open_one(path, refresh_hz, error);
+    *error = "/dev/dri has no card";
+    for (int i = 0; i < cards_to_try; i++) {
+        std::string name = "/dev/dri/card" + std::to_string(i);
+        if (access(name.c_str(), F_OK) != 0)
+            continue;
+        if (std::shared_ptr<KmsCard> card = open_one(name, refresh_hz, error))
+            return card;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optional<double> refresh_hz,
+                                           std::string* error)
+{
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        *error = path + ": " + std::strerror(errno);
+        if (errno == EACCES)
+            *error += " (it needs root or the group that owns the card, video as a rule)";
+        return nullptr;
+    }
+    std::shared_ptr<KmsCard> card(new KmsCard(path, fd));
+    card->m_driver = driver_name(fd);
+    uint64_t dumb = 0;
+    std::string wrong;
+    if (drmGetCap(fd, DRM_CAP_DUMB_BUFFER, &dumb) != 0 || dumb == 0)
+        wrong = "is no display, or one that a processor cannot draw on";
+    else if (drmIsMaster(fd) == 0 && drmSetMaster(fd) != 0)
+        wrong = "another program shows on it, such as a desktop: run this on a console of its own";
+    if (wrong.empty())
+        wrong = card->take_connector(refresh_hz);
+    if (!wrong.empty()) {
+        *error = path + ": " + wrong;
+        return nullptr;
+    }
+    card->m_width = card->m_mode.hdisplay;
+    card->m_height = card->m_mode.vdisplay;
+    card->m_before = drmModeGetCrtc(fd, card->m_crtc);
+    return card;
+}
+
+KmsCard::~KmsCard()
+{
+    drmModeFreeCrtc(m_before);
+    close(m_fd);
+}
+
+std::string KmsCard::description() const
+{
+    char mode[64];
+    std::snprintf(mode, sizeof mode, " %dx%d, ", m_mode.hdisplay, m_mode.vdisplay);
+    return "kms:" + m_path + " (" + m_driver + ") " + m_connector_name + mode +
+           (m_atomic ? "atomic flips" : "page flips");
+}
+
+/// The first connector with a display, and the mode for it. @return what is wrong, or nothing
+std::string KmsCard::take_connector(std::optional<double> refresh_hz)
+{
+    Resources resources(drmModeGetResources(m_fd));
+    if (!resources)
+        return "has no connectors";
+    std::string wrong;
+    for (int i = 0; i < resources->count_connectors; i++) {
+        Connector connector(drmModeGetConnector(m_fd, resources->connectors[i]));
+        if (!connector)
+            continue;
+        std::string name = connector_name(*connector);
+        if (!m_connector_name.empty() && name != m_connector_name)
+            continue;
+        std::string why;
+        if (connector->connection != DRM_MODE_CONNECTED) {
+            wrong += (wrong.empty() ? "" : "; ") + name + " has no display";
+            continue;
+        }
+        const std::vector<drmModeModeInfo> modes = modes_of(*connector);
+        const drmModeModeInfo* mode = choose_mode(modes, refresh_hz, &why);
+        if (mode != nullptr)
+            why = take_crtc(*connector);
+        if (mode == nullptr || !why.empty()) {
+            wrong += (wrong.empty() ? "" : "; ") + name + " " + why;
+            continue;
+        }
+        m_mode = *mode;
+        m_connector = connector->connector_id;
+        m_connector_name = name;
+        take_atomic();
+        return "";
+    }
+    return wrong.empty() ? "has no connector" : wrong;
+}
+
+/// Who waits for a vertical blank without further words means the first CRTC's: that one, or none.
+std::string KmsCard::take_crtc(const drmModeConnector& connector)
+{
+    Resources resources(drmModeGetResources(m_fd));
+    for (int i = 0; resources && resources->count_crtcs > 0 && i < connector.count_encoders; i++) {
+        Encoder encoder(drmModeGetEncoder(m_fd, connector.encoders[i]));
+        if (encoder && (encoder->possible_crtcs & 1) != 0) {
+            m_crtc = resources->crtcs[0];
+            return "";
+        }
+    }
+    return "cannot be driven by the card's first CRTC, whose vertical blanks the player waits for";
+}
+
+void KmsCard::take_atomic()
+{
+    m_atomic = drmSetClientCap(m_fd, DRM_CLIENT_CAP_ATOMIC, 1) == 0 && take_primary_plane();
+    if (!m_atomic)
+        return;
+    m_connector_properties = properties_of(m_fd, m_connector, DRM_MODE_OBJECT_CONNECTOR);
+    m_crtc_properties = properties_of(m_fd, m_crtc, DRM_MODE_OBJECT_CRTC);
+    m_plane_properties = properties_of(m_fd, m_plane, DRM_MODE_OBJECT_PLANE);
+}
+
+bool KmsCard::take_primary_plane()
+{
+    Planes planes(drmModeGetPlaneResources(m_fd));
+    for (uint32_t i = 0; planes && i < planes->count_planes; i++) {
+        Plane plane(drmModeGetPlane(m_fd, planes->planes[i]));
+        if (plane && (plane->possible_crtcs & 1) != 0 && shows_xrgb(*plane) && is_primary(m_fd, plane->plane_id)) {
+            m_plane = plane->plane_id;
+            return true;
+        }
+    }
+    return false;
+}
+
+// --- Showing ----------------------------------------------------------------------
+
+int KmsCard::show(const KmsBuffer& buffer)
+{
+    if (m_atomic)
+        return show_atomic(buffer);
+    return error_of(drmModeSetCrtc(m_fd, m_crtc, buffer.id(), 0, 0, &m_connector, 1, &m_mode));
+}
+
+int KmsCard::show_atomic(const KmsBuffer& buffer)
+{
+    uint32_t blob = 0;
+    if (drmModeCreatePropertyBlob(m_fd, &m_mode, sizeof m_mode, &blob) != 0)
+        return error_of(-1);
+    AtomicRequest request(drmModeAtomicAlloc());
+    auto set = [&request](uint32_t object, Properties& properties, const char* name, uint64_t value) {
+        drmModeAtomicAddProperty(request.get(), object, properties[name], value);
+    };
+    constexpr int fixed_point = 16;
+    set(m_connector, m_connector_properties, "CRTC_ID", m_crtc);
+    set(m_crtc, m_crtc_properties, "MODE_ID", blob);
+    set(m_crtc, m_crtc_properties, "ACTIVE", 1);
+    set(m_plane, m_plane_properties, "FB_ID", buffer.id());
+    set(m_plane, m_plane_properties, "CRTC_ID", m_crtc);
+    set(m_plane, m_plane_properties, "SRC_X", 0);
+    set(m_plane, m_plane_properties, "SRC_Y", 0);
+    set(m_plane, m_plane_properties, "SRC_W", uint64_t{m_mode.hdisplay} << fixed_point);
+    set(m_plane, m_plane_properties, "SRC_H", uint64_t{m_mode.vdisplay} << fixed_point);
+    set(m_plane, m_plane_properties, "CRTC_X", 0);
+    set(m_plane, m_plane_properties, "CRTC_Y", 0);
+    set(m_plane, m_plane_properties, "CRTC_W", m_mode.hdisplay);
+    set(m_plane, m_plane_properties, "CRTC_H", m_mode.vdisplay);
+    int error = error_of(drmModeAtomicCommit(m_fd, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr));
+    drmModeDestroyPropertyBlob(m_fd, blob);
+    return error;
+}
+
+int KmsCard::flip(const KmsBuffer& buffer, uint64_t id)
+{
+    auto* data = reinterpret_cast<void*>(static_cast<uintptr_t>(id));
+    if (!m_atomic)
+        return error_of(drmModePageFlip(m_fd, m_crtc, buffer.id(), DRM_MODE_PAGE_FLIP_EVENT, data));
+    AtomicRequest request(drmModeAtomicAlloc());
+    drmModeAtomicAddProperty(request.get(), m_plane, m_plane_properties["FB_ID"], buffer.id());
+    constexpr uint32_t flags = DRM_MODE_ATOMIC_NONBLOCK | DRM_MODE_PAGE_FLIP_EVENT;
+    return error_of(drmModeAtomicCommit(m_fd, request.get(), flags, data));
+}
+
+bool KmsCard::connected() const
+{
+    Connector connector(drmModeGetConnectorCurrent(m_fd, m_connector));
+    return connector && connector->connection == DRM_MODE_CONNECTED;
+}
+
+int KmsCard::revive()
+{
+    errno = 0;
+    Connector known(drmModeGetConnectorCurrent(m_fd, m_connector));
+    if (!known && means_gone(errno) && !reopen())
+        return ENODEV;
+    if (drmIsMaster(m_fd) == 0 && drmSetMaster(m_fd) != 0)
+        return EACCES;
+    // Only now is the display itself asked, which takes some time.
+    Connector connector(drmModeGetConnector(m_fd, m_connector));
+    if (!connector || connector->connection != DRM_MODE_CONNECTED)
+        return ENOTCONN;
+    double hz = refresh_hz(m_mode);
+    for (const drmModeModeInfo& mode : modes_of(*connector))
+        if (mode.hdisplay == m_mode.hdisplay && mode.vdisplay == m_mode.vdisplay && refresh_hz(mode) == hz) {
+            m_mode = mode;
+            return 0;
+        }
+    return ENOTSUP;
+}
+
+/// Puts the card that is there now in the place of the one that went away, under the descriptor that the player has.
+bool KmsCard::reopen()
+{
+    int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    drmModeModeInfo mode = m_mode;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        dup3(fd, m_fd, O_CLOEXEC);
+        m_generation++;
+    }
+    close(fd);
+    bool found = take_connector(refresh_hz(mode)).empty();
+    // The pictures that are being painted have the size of before.
+    m_mode = mode;
+    return found;
+}
+
+void KmsCard::restore()
+{
+    if (m_before != nullptr && m_before->mode_valid != 0)
+        drmModeSetCrtc(m_fd, m_crtc, m_before->buffer_id, m_before->x, m_before->y, &m_connector, 1, &m_before->mode);
+    else
+        drmModeSetCrtc(m_fd, m_crtc, 0, 0, 0, nullptr, 0, nullptr);
+    drmDropMaster(m_fd);
+}
+
+} // namespace play

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * One connector of a DRM card: its mode, memory that it can show, and flips.
+ */
+#pragma once
+
+#include <xf86drmMode.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "canvas.h"
+#include "frame_pool.h"
+
+namespace play
+{
+
+class KmsCard;
+
+/// Memory of the card that it can show ("dumb": drawn by the processor).
+class KmsBuffer : public Surface
+{
+public:
+    ~KmsBuffer() override;
+    Canvas canvas() const override { return m_canvas; }
+    uint32_t id() const { return m_id; }
+    /// Whether the card is still the one that it was made for.
+    bool current() const;
+
+private:
+    friend class KmsCard;
+    void release();
+
+    std::shared_ptr<KmsCard> m_card;
+    int m_generation = 0;
+    uint32_t m_handle = 0;
+    uint32_t m_id = 0; ///< as a frame buffer of the card
+    Canvas m_canvas;
+    size_t m_bytes = 0;
+};
+
+/**
+ * The functions that show (show, flip, revive, restore) are for one thread at a
+ * time; make_buffer() and the buffers' end are for any.
+ */
+class KmsCard : public std::enable_shared_from_this<KmsCard>
+{
+public:
+    /// Opens the card at @p path, or the first that has a display, with the connector to show on.
+    /// @return null with one line in @p error
+    static std::shared_ptr<KmsCard> open(const std::string& path, std::optional<double> refresh_hz, std::string* error);
+    ~KmsCard();
+
+    /// Stays the same for as long as this object lives, also when the card itself went away and came back.
+    int fd() const { return m_fd; }
+    const drmModeModeInfo& mode() const { return m_mode; }
+    std::string description() const;
+
+    /// @return null, with errno set
+    std::shared_ptr<KmsBuffer> make_buffer();
+
+    /// Sets the mode and shows @p buffer; waits for it. @return 0 or an errno
+    int show(const KmsBuffer& buffer);
+    /// Shows @p buffer at the next vertical blank, with an event that carries @p id when it does. Does not wait.
+    /// @return 0 or an errno; EBUSY: not yet, another flip is on its way
+    int flip(const KmsBuffer& buffer, uint64_t id);
+    /// Whether there is a display at the connector, as far as the kernel knows; does not ask the display.
+    bool connected() const;
+    /// After a loss: becomes the screen's master again, with the card opened anew if need be, and looks whether the
+    /// display can still take the mode. show() is what should follow. @return 0 or an errno
+    int revive();
+    /// Puts back what was on the screen before, and lets others show.
+    void restore();
+
+private:
+    friend class KmsBuffer;
+    using Properties = std::map<std::string, uint32_t>;
+
+    explicit KmsCard(const std::string& path, int fd) : m_path(path), m_fd(fd) {}
+    static std::shared_ptr<KmsCard> open_one(const std::string& path, std::optional<double> refresh_hz,
+                                             std::string* error);
+    std::string take_connector(std::optional<double> refresh_hz);
+    std::string take_crtc(const drmModeConnector& connector);
+    void take_atomic();
+    bool take_primary_plane();
+    bool reopen();
+    int show_atomic(const KmsBuffer& buffer);
+
+    const std::string m_path;
+    const int m_fd;
+    std::mutex m_mutex; ///< memory is made and given back for the card that is open, not for another
+    int m_generation = 0;
+
+    std::string m_driver;
+    std::string m_connector_name;
+    uint32_t m_connector = 0;
+    uint32_t m_crtc = 0;
+    drmModeModeInfo m_mode = {};
+    int m_width = 0; ///< of the mode, which a replaced display must take too
+    int m_height = 0;
+    drmModeCrtc* m_before = nullptr; ///< what was shown when the card was opened
+
+    bool m_atomic = false;
+    uint32_t m_plane = 0;
+    Properties m_connector_properties;
+    Properties m_crtc_properties;
+    Properties m_plane_properties;
+};
+
+} // namespace play
