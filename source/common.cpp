@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "internal/common.h"
 
-#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>

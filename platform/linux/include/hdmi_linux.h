@@ -61,6 +61,7 @@ struct BypassStats {
     int64_t frames = 0;     ///< handed to the output
     int64_t dropped = 0;    ///< not handed on: no output, or it took them more slowly than they came
     int64_t xruns = 0;      ///< of the output
+    int64_t slips = 0;      ///< corrections of the queue for two clocks: stuffing left out or put in
     int64_t recoveries = 0; ///< of the output
     std::string pcm;        ///< ALSA's name, with its status bits
     int rate = 0;           ///< Hz

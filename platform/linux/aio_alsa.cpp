@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The platform's audio functions on ALSA: the stream type says which device a
+ * call is for.
+ */
+#include "aio_device.h"
+
+#include <cerrno>
+
+#include "alsa_bypass.h"
+#include "alsa_capture.h"
+#include "alsa_playback.h"
+#include "hdmi_linux.h"
+
+#define PLATFORM_EXPORT __attribute__((visibility("default")))
+
+namespace
+{
+
+using hdmi_linux::capture;
+using hdmi_linux::playback;
+
+bool is_capture(const audio_config_t* config)
+{
+    return config != nullptr && config->stream_type == E_AUDIO_STREAM_CAPTURE;
+}
+bool is_playback(const audio_config_t* config)
+{
+    return config != nullptr && config->stream_type == E_AUDIO_STREAM_PLAYBACK;
+}
+
+// The result for a call that fits neither device, or not this one.
+constexpr int kWrongStream = -EINVAL;
+
+int frame_bytes(const audio_config_t* config) { return config->channels * hdmi_linux::kBytesPerSample; }
+
+} // namespace
+
+extern "C" {
+
+PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
+{
+    if (is_capture(config))
+        return capture().open(*config);
+    return is_playback(config) ? playback().open(*config) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
+{
+    if (is_capture(config))
+        return capture().close();
+    return is_playback(config) ? playback().close() : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
+{
+    return is_capture(config) ? capture().read(data, size) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_write(audio_config_t* config, const uint8_t* data, int size)
+{
+    return is_playback(config) ? playback().write(data, size) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_get_write_bytes(audio_config_t* config, int* out)
+{
+    return is_playback(config) ? playback().delay(out) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_bytes_to_frames(audio_config_t* config, int bytes)
+{
+    if (config == nullptr || config->channels <= 0)
+        return kWrongStream;
+    return bytes / frame_bytes(config);
+}
+
+PLATFORM_EXPORT int aio_device_frames_to_bytes(audio_config_t* config, int frames)
+{
+    if (config == nullptr || config->channels <= 0)
+        return kWrongStream;
+    return (frames != 0 ? frames : config->period_frames) * frame_bytes(config);
+}
+
+PLATFORM_EXPORT int aio_device_set_volume(audio_config_t* config, int volume)
+{
+    return is_playback(config) ? playback().set_volume(volume) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_set_volume_direct(audio_config_t* config, int volume)
+{
+    return is_playback(config) ? playback().set_direct_volume(volume) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_set_mute(audio_config_t* config, bool mute)
+{
+    return is_playback(config) ? playback().set_mute(mute) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_reselect(audio_config_t* config, int device_id, int output_fmt)
+{
+    return is_playback(config) ? playback().reselect(device_id, output_fmt) : kWrongStream;
+}
+
+} // extern "C"
+
+namespace hdmi_linux
+{
+
+DeviceStats playback_stats() { return playback().stats(); }
+DeviceStats capture_stats() { return capture().stats(); }
+BypassStats bypass_stats() { return bypass().stats(); }
+
+} // namespace hdmi_linux

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: MIT
+#include "alsa_bypass.h"
+
+#include <cerrno>
+
+#include "alsa_clock.h"
+#include "alsa_playback.h"
+#include "config.h"
+#include "iec958.h"
+#include "internal/common.h"
+
+namespace hdmi_linux
+{
+namespace
+{
+
+/// Of the output: room for the capture to come late.
+constexpr int kPeriodCount = 8;
+/// Queued before the output starts; some 40 ms.
+constexpr int kStartPeriods = 2;
+constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+
+/**
+ * The capture's clock and the output's are two. Where the queue grows or runs
+ * low, this many frames of stuffing between two bursts are left out or put in:
+ * the receiver looks for the next burst's preamble, and no payload is touched.
+ */
+constexpr int kSlipFrames = 16;
+/// A run of zeros of this length is stuffing: within a payload there is none so long.
+constexpr int kStuffingFrames = 64;
+
+} // namespace
+
+Bypass& bypass()
+{
+    static auto* instance = new Bypass;
+    return *instance;
+}
+
+void Bypass::start(const audio_config_t& capture, int rate)
+{
+    const Config settings = current_config();
+    audio_io_dev_e device = playback().last_digital_output();
+    if (device == E_AUDIO_IO_DEV_NONE)
+        device = settings.raw_output;
+    // Its sound has the output; the data take it over.
+    playback().yield_device(device);
+    mutex_guard guard(mutex_);
+    active_ = true;
+    device_ = device;
+    request_ = PcmRequest();
+    request_.name = with_channel_status(settings.audio[device].pcm, channel_status(rate, true));
+    request_.channels = capture.channels;
+    request_.rate = rate;
+    request_.period_frames = capture.period_frames;
+    request_.period_count = kPeriodCount;
+    request_.start_periods = kStartPeriods;
+    retry_ns_ = now_ns();
+    reported_ = false;
+    zeros_.reset(new uint8_t[static_cast<size_t>(kSlipFrames) * capture.channels * kBytesPerSample]());
+    stats_.pcm = request_.name;
+    stats_.rate = rate;
+}
+
+void Bypass::stop()
+{
+    {
+        mutex_guard guard(mutex_);
+        if (!active_)
+            return;
+        active_ = false;
+        close_output();
+    }
+    playback().yield_back();
+}
+
+void Bypass::release_output(int device)
+{
+    mutex_guard guard(mutex_);
+    if (!active_ || device != device_)
+        return;
+    device_ = E_AUDIO_IO_DEV_NONE;
+    close_output();
+}
+
+void Bypass::close_output()
+{
+    const AlsaMessages messages;
+    pcm_.close();
+}
+
+void Bypass::open_when_due()
+{
+    const int64_t now = now_ns();
+    if (device_ == E_AUDIO_IO_DEV_NONE || now < retry_ns_)
+        return;
+    retry_ns_ = now + kReopenPauseNs;
+    std::string why;
+    const bool opened = pcm_.open(request_, &why) >= 0;
+    if (!opened && !reported_)
+        log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
+    if (opened) {
+        const ChannelStatus status = channel_status(request_.rate, true);
+        if (!set_status_control(pcm_.card(), pcm_.device(), status) && request_.name.find("AES0") == std::string::npos)
+            log_w("%s does not say that it carries coded data: the receiver must find out\n", request_.name.c_str());
+        log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
+              request_.rate);
+        stats_.recoveries += stats_.lost ? 1 : 0;
+    }
+    reported_ = !opened;
+    stats_.lost = !opened;
+}
+
+void Bypass::put(const uint8_t* data, int frames)
+{
+    mutex_guard guard(mutex_);
+    if (!active_)
+        return;
+    if (!pcm_.is_open())
+        open_when_due();
+    if (pcm_.is_open())
+        keep_level(data, frames);
+    else
+        stats_.dropped += frames;
+}
+
+void Bypass::keep_level(const uint8_t* data, int frames)
+{
+    const int frame_bytes = request_.channels * kBytesPerSample;
+    const int level = pcm_.running() ? pcm_.delay() : -1;
+    const bool high = level > (kStartPeriods + 1) * pcm_.period_frames();
+    const bool low = level >= 0 && level < pcm_.period_frames() / 4;
+    const int at = high || low ? find_stuffing(reinterpret_cast<const int16_t*>(data), frames, kStuffingFrames) : -1;
+    if (at < 0) {
+        send(data, frames);
+        return;
+    }
+    const int skipped = high ? kSlipFrames : 0;
+    send(data, at);
+    if (low)
+        send(zeros_.get(), kSlipFrames);
+    send(data + static_cast<size_t>(at + skipped) * frame_bytes, frames - at - skipped);
+    stats_.slips++;
+}
+
+void Bypass::send(const uint8_t* data, int frames)
+{
+    const int frame_bytes = request_.channels * kBytesPerSample;
+    while (frames > 0 && pcm_.is_open()) {
+        const int sent = pcm_.write(data, frames);
+        if (sent > 0) {
+            stats_.frames += sent;
+            data += static_cast<size_t>(sent) * frame_bytes;
+            frames -= sent;
+        } else if (!mend(sent)) {
+            break;
+        }
+    }
+    stats_.dropped += frames;
+}
+
+// Whether the rest can be sent.
+bool Bypass::mend(int result)
+{
+    int err = result;
+    switch (pcm_.trouble(result)) {
+    case Trouble::none: return false;
+    case Trouble::xrun:
+        stats_.xruns++;
+        err = pcm_.restart();
+        break;
+    case Trouble::suspended:
+        err = pcm_.resume();
+        if (err == -EAGAIN)
+            return false;
+        break;
+    case Trouble::lost: break;
+    }
+    if (err >= 0)
+        return true;
+    log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
+    stats_.lost = reported_ = true;
+    close_output();
+    return false;
+}
+
+BypassStats Bypass::stats()
+{
+    mutex_guard guard(mutex_);
+    BypassStats stats = stats_;
+    stats.active = active_;
+    return stats;
+}
+
+} // namespace hdmi_linux

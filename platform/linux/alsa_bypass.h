@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Raw pass-through: what carries captured bursts to the digital output, past
+ * the player, as coded data. Fed by the capture device's own thread.
+ */
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "aio_device.h"
+#include "alsa_pcm.h"
+#include "hdmi_linux.h"
+#include "internal/locks.h"
+
+namespace hdmi_linux
+{
+
+class Bypass
+{
+public:
+    /// Takes the digital output that playback used last. The output itself is opened by put(), again if it is lost.
+    void start(const audio_config_t& capture, int rate);
+    /// Gives it back. Harmless when not started.
+    void stop();
+    /// Hands captured frames on; never waits: what the output does not take is dropped.
+    void put(const uint8_t* data, int frames);
+    /// Playback needs output @p device: it is given up for the rest of this pass-through.
+    void release_output(int device);
+    BypassStats stats();
+
+private:
+    void open_when_due() REQUIRES(mutex_);
+    void keep_level(const uint8_t* data, int frames) REQUIRES(mutex_);
+    void send(const uint8_t* data, int frames) REQUIRES(mutex_);
+    bool mend(int result) REQUIRES(mutex_);
+    void close_output() REQUIRES(mutex_);
+
+    mutex_t mutex_;
+    bool active_ GUARDED_BY(mutex_) = false;
+    int device_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE;
+    PcmRequest request_ GUARDED_BY(mutex_);
+    Pcm pcm_ GUARDED_BY(mutex_);
+    int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
+    bool reported_ GUARDED_BY(mutex_) = false; ///< that the output is not there
+    std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);
+    BypassStats stats_ GUARDED_BY(mutex_);
+};
+
+Bypass& bypass();
+
+} // namespace hdmi_linux

@@ -1,0 +1,392 @@
+// SPDX-License-Identifier: MIT
+#include "alsa_capture.h"
+
+#include <pthread.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <vector>
+
+#include "alsa_bypass.h"
+#include "alsa_cards.h"
+#include "alsa_clock.h"
+#include "config.h"
+#include "internal/common.h"
+
+namespace hdmi_linux
+{
+namespace
+{
+
+constexpr int kDefaultRate = 48000;
+constexpr int kMaxChannels = 8;
+constexpr int kMaxRate = 192000;
+constexpr int kMaxPeriodFrames = 1 << 16;
+constexpr int kMaxPeriods = 64;
+
+constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
+/// The longest wait without a look at the device's state; without a signal there may be no data for hours.
+constexpr int kLookMs = 100;
+/// Between two attempts of the forwarding thread on a device that is not there.
+constexpr int kForwardPauseMs = 10;
+constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
+/// As urgent as the player's own reading, whose place it takes.
+constexpr int kForwardPriority = 99;
+
+constexpr int kClosed = -EBADFD;
+
+bool valid(const audio_config_t& config)
+{
+    return config.channels > 0 && config.channels <= kMaxChannels && config.sample_rate >= 0 &&
+           config.sample_rate <= kMaxRate && config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames &&
+           config.period_count > 0 && config.period_count <= kMaxPeriods && config.device_id >= E_AUDIO_IO_DEV_AUTO &&
+           config.device_id < E_AUDIO_IO_DEV_MAX;
+}
+
+PcmRequest request_for(const audio_config_t& config)
+{
+    const Config settings = current_config();
+    const AudioDeviceConfig& device = settings.audio[config.device_id];
+    PcmRequest request;
+    request.name = config.pcm_name != nullptr ? config.pcm_name : device.pcm;
+    if (request.name.empty())
+        request.name = first_capture_device();
+    request.stream = SND_PCM_STREAM_CAPTURE;
+    request.channels = config.channels;
+    request.rate = config.sample_rate > 0 ? config.sample_rate : kDefaultRate;
+    request.period_frames = config.period_frames;
+    request.period_count = config.period_count;
+    request.resample = device.resample;
+    return request;
+}
+
+} // namespace
+
+Capture& capture()
+{
+    static auto* instance = new Capture;
+    return *instance;
+}
+
+// --- Opening and closing ----------------------------------------------------------
+
+int Capture::open(const audio_config_t& config)
+{
+    if (!valid(config))
+        return -EINVAL;
+    const bool to_raw = config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    mutex_guard control(control_);
+    const PcmRequest request = request_for(config);
+    {
+        mutex_guard guard(mutex_);
+        if (state_ != State::closed)
+            return -EBUSY;
+        Pcm pcm;
+        std::string why;
+        if (const int err = pcm.open(request, &why); err < 0) {
+            const std::string refusal = request.name + ": " + why;
+            // The player tries again every ten milliseconds.
+            if (refusal != last_refusal_)
+                log_e("%s cannot capture: %s\n", device_key(config.device_id), refusal.c_str());
+            last_refusal_ = refusal;
+            return err;
+        }
+        last_refusal_.clear();
+        ++opening_;
+        stats_.opens++;
+        forwarding_ = to_raw;
+        frame_bytes_ = config.channels * kBytesPerSample;
+        frames_wanted_ = config.period_frames;
+        position_ = 0;
+        ring_ = to_raw ? SoundRing(config.period_frames * config.period_count, frame_bytes_) : SoundRing();
+        install(std::move(pcm), request);
+    }
+    if (!to_raw)
+        return 0;
+    bypass().start(config, request.rate);
+    return start_forwarding() ? 0 : -EAGAIN;
+}
+
+void Capture::install(Pcm pcm, const PcmRequest& request)
+{
+    pcm_ = std::move(pcm);
+    request_ = request;
+    state_ = State::working;
+    stats_.pcm = request.name;
+    stats_.rate = request.rate;
+    stats_.asked_period_frames = request.period_frames;
+    stats_.asked_period_count = request.period_count;
+    stats_.period_frames = pcm_.period_frames();
+    stats_.period_count = pcm_.buffer_frames() / pcm_.period_frames();
+    char text[256];
+    snprintf(text, sizeof(text), "captures from %s at %d Hz, %d x %d frames asked, %d x %d obtained",
+             request.name.c_str(), request.rate, request.period_count, request.period_frames, stats_.period_count,
+             stats_.period_frames);
+    if (text != last_report_)
+        log_i("%s\n", text);
+    last_report_ = text;
+}
+
+int Capture::close()
+{
+    // First, and without waiting for anything: whoever is blocked in a read comes back.
+    {
+        mutex_guard guard(mutex_);
+        if (state_ == State::closed)
+            return 0;
+        state_ = State::closed;
+        ++opening_;
+        pthread_cond_broadcast(&arrived_);
+        gate_.evict(guard);
+        const AlsaMessages messages;
+        pcm_.close();
+    }
+    mutex_guard control(control_);
+    if (forwarder_.joinable()) {
+        forwarder_.join();
+        bypass().stop();
+    }
+    return 0;
+}
+
+// --- Reading ----------------------------------------------------------------------
+
+int Capture::read(uint8_t* data, int size)
+{
+    if (data == nullptr || size < 0)
+        return -EINVAL;
+    mutex_guard guard(mutex_);
+    if (state_ == State::closed)
+        return kClosed;
+    const int frames = size / frame_bytes_;
+    const int result = forwarding_ ? take_forwarded(guard, data, frames) : fetch(guard, data, frames);
+    if (result < 0)
+        return result;
+    stats_.frames += result;
+    return result * frame_bytes_;
+}
+
+// @return @p frames, or an error code.
+int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
+{
+    const uint64_t opening = opening_;
+    int done = 0;
+    while (done < frames) {
+        const int err = mend(guard);
+        if (opening_ != opening)
+            return kClosed;
+        if (err < 0)
+            return err;
+        const int result = pcm_.read(data + static_cast<size_t>(done) * frame_bytes_, frames - done);
+        if (result > 0) {
+            done += result;
+            continue;
+        }
+        const Trouble trouble = pcm_.trouble(result);
+        if (trouble != Trouble::none) {
+            handle(trouble, result);
+            if (state_ != State::working)
+                return result;
+        } else {
+            gate_.wait(guard, &pcm_, kLookMs);
+            if (opening_ != opening)
+                return kClosed;
+        }
+    }
+    return done;
+}
+
+int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
+{
+    const uint64_t opening = opening_;
+    // More than the ring holds comes in parts.
+    for (int done = 0; done < frames;) {
+        if (opening_ != opening)
+            return kClosed;
+        if (position_ < ring_.oldest()) {
+            position_ = ring_.oldest();
+            note_overrun();
+        }
+        const SoundRing::Piece piece = ring_.piece(position_, frames - done);
+        if (piece.frames > 0) {
+            memcpy(data + static_cast<size_t>(done) * frame_bytes_, piece.data,
+                   static_cast<size_t>(piece.frames) * frame_bytes_);
+            position_ += piece.frames;
+            done += piece.frames;
+        } else if (state_ != State::working) {
+            return -ENODEV;
+        } else {
+            guard.wait(arrived_);
+        }
+    }
+    return frames;
+}
+
+// --- Forwarding -------------------------------------------------------------------
+
+bool Capture::start_forwarding()
+{
+    uint64_t opening = 0;
+    {
+        mutex_guard guard(mutex_);
+        opening = opening_;
+    }
+    try {
+        forwarder_ = std::thread(&Capture::forward, this, opening);
+    } catch (const std::system_error&) {
+        log_e("no thread to pass coded sound through\n");
+        bypass().stop();
+        mutex_guard guard(mutex_);
+        state_ = State::closed;
+        ++opening_;
+        pcm_.close();
+        return false;
+    }
+    struct sched_param priority = {};
+    priority.sched_priority = kForwardPriority;
+    // Without the permission it runs as it is, like the player's own threads.
+    (void)pthread_setschedparam(forwarder_.native_handle(), SCHED_RR, &priority);
+    return true;
+}
+
+void Capture::forward(uint64_t opening)
+{
+    set_thread_name("audio_bypass");
+    mutex_guard guard(mutex_);
+    const int frames = frames_wanted_;
+    std::vector<uint8_t> period(static_cast<size_t>(frames) * frame_bytes_);
+    while (opening_ == opening) {
+        const int result = fetch(guard, period.data(), frames);
+        if (result < 0) {
+            pthread_cond_broadcast(&arrived_);
+            if (opening_ == opening)
+                gate_.wait(guard, nullptr, kForwardPauseMs);
+            continue;
+        }
+        guard.unlock();
+        bypass().put(period.data(), frames);
+        guard.lock();
+        ring_.append(period.data(), frames);
+        pthread_cond_broadcast(&arrived_);
+    }
+}
+
+// --- Trouble, and the way back ------------------------------------------------------
+
+void Capture::handle(Trouble trouble, int err)
+{
+    switch (trouble) {
+    case Trouble::none: break;
+    case Trouble::xrun: recover_xrun(); break;
+    case Trouble::suspended:
+        log_w("%s is suspended\n", request_.name.c_str());
+        stats_.suspends++;
+        state_ = State::suspended;
+        trouble_ns_ = retry_ns_ = now_ns();
+        break;
+    case Trouble::lost: lose(err); break;
+    }
+}
+
+void Capture::note_overrun()
+{
+    stats_.xruns++;
+    const int64_t now = now_ns();
+    if (xrun_log_ns_ != 0 && now - xrun_log_ns_ < kXrunLogNs)
+        return;
+    log_w("%s was not read in time, %lld times so far\n", request_.name.c_str(), static_cast<long long>(stats_.xruns));
+    xrun_log_ns_ = now;
+}
+
+void Capture::recover_xrun()
+{
+    if (const int err = pcm_.restart(); err < 0)
+        lose(err);
+    else
+        note_overrun();
+}
+
+void Capture::lose(int err)
+{
+    log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
+    stats_.losses++;
+    const int64_t now = now_ns();
+    if (state_ == State::working)
+        trouble_ns_ = now;
+    state_ = State::lost;
+    retry_ns_ = now;
+    const AlsaMessages messages;
+    pcm_.close();
+}
+
+// 0 when the device is at work, or why it is not.
+int Capture::mend(mutex_guard& guard)
+{
+    switch (state_) {
+    case State::closed: return kClosed;
+    case State::working: return 0;
+    case State::suspended: return mend_suspend();
+    case State::lost: return mend_loss(guard);
+    }
+    return 0;
+}
+
+int Capture::mend_suspend()
+{
+    const int64_t now = now_ns();
+    if (now < retry_ns_)
+        return -ESTRPIPE;
+    const int err = pcm_.resume();
+    if (err == -EAGAIN)
+        retry_ns_ = now + kResumePauseNs;
+    else if (err < 0)
+        lose(err);
+    else
+        recovered();
+    return err;
+}
+
+int Capture::mend_loss(mutex_guard& guard)
+{
+    if (now_ns() < retry_ns_)
+        return -ENODEV;
+    const uint64_t opening = opening_;
+    const PcmRequest request = request_;
+    Pcm pcm;
+    std::string why;
+    guard.unlock();
+    const int err = pcm.open(request, &why);
+    guard.lock();
+    if (opening_ != opening)
+        return kClosed;
+    retry_ns_ = now_ns() + kReopenPauseNs;
+    if (err < 0)
+        return -ENODEV;
+    install(std::move(pcm), request);
+    recovered();
+    return 0;
+}
+
+void Capture::recovered()
+{
+    const int64_t now = now_ns();
+    state_ = State::working;
+    stats_.recoveries++;
+    stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
+    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));
+}
+
+DeviceStats Capture::stats()
+{
+    mutex_guard guard(mutex_);
+    DeviceStats stats = stats_;
+    stats.open = state_ != State::closed;
+    stats.lost = stats.open && state_ != State::working;
+    return stats;
+}
+
+} // namespace hdmi_linux

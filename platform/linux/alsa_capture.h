@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The capture device on ALSA.
+ *
+ * Normally the player's reads go to the PCM. In raw pass-through a thread of
+ * its own reads it at the link's pace, hands the data to the digital output and
+ * keeps the latest for the player, who may read or not.
+ */
+#pragma once
+
+#include <thread>
+
+#include "aio_device.h"
+#include "alsa_pcm.h"
+#include "hdmi_linux.h"
+#include "internal/locks.h"
+#include "sound_ring.h"
+
+namespace hdmi_linux
+{
+
+class Capture
+{
+public:
+    int open(const audio_config_t& config);
+    int close();
+    int read(uint8_t* data, int size);
+    DeviceStats stats();
+
+private:
+    enum class State { closed, working, suspended, lost };
+
+    void install(Pcm pcm, const PcmRequest& request) REQUIRES(mutex_);
+    int fetch(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
+    int take_forwarded(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
+    void forward(uint64_t opening);
+    bool start_forwarding();
+
+    void handle(Trouble trouble, int err) REQUIRES(mutex_);
+    void recover_xrun() REQUIRES(mutex_);
+    void note_overrun() REQUIRES(mutex_);
+    void lose(int err) REQUIRES(mutex_);
+    int mend(mutex_guard& guard) REQUIRES(mutex_);
+    int mend_suspend() REQUIRES(mutex_);
+    int mend_loss(mutex_guard& guard) REQUIRES(mutex_);
+    void recovered() REQUIRES(mutex_);
+
+    mutex_t control_; ///< one open or close at a time; before mutex_
+    std::thread forwarder_ GUARDED_BY(control_);
+
+    mutex_t mutex_;
+    PollGate gate_;
+    pthread_cond_t arrived_ = PTHREAD_COND_INITIALIZER; ///< something was forwarded, or state_ changed
+    State state_ GUARDED_BY(mutex_) = State::closed;
+    uint64_t opening_ GUARDED_BY(mutex_) = 0; ///< a call that began in another opening ends
+    bool forwarding_ GUARDED_BY(mutex_) = false;
+    int frame_bytes_ GUARDED_BY(mutex_) = 1;
+    int frames_wanted_ GUARDED_BY(mutex_) = 1; ///< by one round of the forwarding
+    PcmRequest request_ GUARDED_BY(mutex_);
+    Pcm pcm_ GUARDED_BY(mutex_);
+    SoundRing ring_ GUARDED_BY(mutex_); ///< what was forwarded, for the player
+    int64_t position_ GUARDED_BY(mutex_) = 0;
+    int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t trouble_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
+    std::string last_refusal_ GUARDED_BY(mutex_);
+    std::string last_report_ GUARDED_BY(mutex_);
+    DeviceStats stats_ GUARDED_BY(mutex_);
+};
+
+Capture& capture();
+
+} // namespace hdmi_linux

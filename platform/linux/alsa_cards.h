@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What sound devices this machine has.
+ */
+#pragma once
+
+#include <string>
+
+namespace hdmi_linux
+{
+
+/// "hw:CARD,DEVICE" of the kernel's first capture device; "default" when there is none.
+std::string first_capture_device();
+
+} // namespace hdmi_linux

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: MIT
+#include "alsa_pcm.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <system_error>
+
+namespace hdmi_linux
+{
+namespace
+{
+
+thread_local AlsaMessages* t_messages = nullptr;
+
+/// Between two looks at a device whose descriptor reports an error that no transfer confirms.
+constexpr int kErrorPauseMs = 10;
+
+struct HardwareParams {
+    HardwareParams() { snd_pcm_hw_params_malloc(&native); }
+    ~HardwareParams() { snd_pcm_hw_params_free(native); }
+    HardwareParams(const HardwareParams&) = delete;
+    HardwareParams& operator=(const HardwareParams&) = delete;
+    snd_pcm_hw_params_t* native = nullptr;
+};
+
+struct SoftwareParams {
+    SoftwareParams() { snd_pcm_sw_params_malloc(&native); }
+    ~SoftwareParams() { snd_pcm_sw_params_free(native); }
+    SoftwareParams(const SoftwareParams&) = delete;
+    SoftwareParams& operator=(const SoftwareParams&) = delete;
+    snd_pcm_sw_params_t* native = nullptr;
+};
+
+// Why the rate was refused, as far as the device tells.
+std::string offered_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int rate)
+{
+    auto nearest = static_cast<unsigned int>(rate);
+    const std::string text = "it cannot run at " + std::to_string(rate) + " Hz";
+    if (snd_pcm_hw_params_set_rate_near(pcm, params, &nearest, nullptr) < 0)
+        return text;
+    return text + ", the nearest is " + std::to_string(nearest) + " Hz";
+}
+
+int fail(int err, std::string* why, std::string reason)
+{
+    *why = std::move(reason);
+    return err;
+}
+
+} // namespace
+
+// --- Messages of alsa-lib -------------------------------------------------------
+
+AlsaMessages::AlsaMessages() : outer_(t_messages), handler_(snd_lib_error_set_local(take)) { t_messages = this; }
+
+AlsaMessages::~AlsaMessages()
+{
+    t_messages = outer_;
+    snd_lib_error_set_local(handler_);
+}
+
+void AlsaMessages::take(const char*, int, const char*, int error, const char* format, va_list args)
+{
+    if (t_messages == nullptr)
+        return;
+    char text[256];
+    vsnprintf(text, sizeof(text), format, args);
+    t_messages->text_ = text;
+    if (error != 0)
+        t_messages->text_ += std::string(": ") + snd_strerror(error);
+    while (!t_messages->text_.empty() && t_messages->text_.back() == '\n')
+        t_messages->text_.pop_back();
+}
+
+// --- Opening --------------------------------------------------------------------
+
+int Pcm::open(const PcmRequest& request, std::string* why)
+{
+    close();
+    capture_ = request.stream == SND_PCM_STREAM_CAPTURE;
+    const AlsaMessages messages;
+    snd_pcm_t* handle = nullptr;
+    // Non-blocking: a device in use is refused at once instead of waited for.
+    int err = snd_pcm_open(&handle, request.name.c_str(), request.stream, SND_PCM_NONBLOCK);
+    if (err < 0)
+        *why = std::string(snd_strerror(err)) + (messages.text().empty() ? "" : " (" + messages.text() + ")");
+    else {
+        handle_.reset(handle);
+        err = configure(request, why);
+    }
+    if (err < 0)
+        close();
+    return err;
+}
+
+int Pcm::configure(const PcmRequest& request, std::string* why)
+{
+    int err = set_hardware(request, why);
+    if (err < 0)
+        return err;
+    if ((err = set_software(request)) < 0)
+        return fail(err, why, std::string("its start cannot be set: ") + snd_strerror(err));
+    identify();
+    if (!capture_)
+        return 0;
+    if ((err = snd_pcm_start(handle_.get())) < 0)
+        return fail(err, why, std::string("it does not start: ") + snd_strerror(err));
+    return 0;
+}
+
+int Pcm::set_hardware(const PcmRequest& request, std::string* why)
+{
+    snd_pcm_t* pcm = handle_.get();
+    const HardwareParams params;
+    int err = snd_pcm_hw_params_any(pcm, params.native);
+    if (err < 0)
+        return fail(err, why, std::string("it tells no configuration: ") + snd_strerror(err));
+    if ((err = snd_pcm_hw_params_set_access(pcm, params.native, SND_PCM_ACCESS_RW_INTERLEAVED)) < 0 ||
+        (err = snd_pcm_hw_params_set_format(pcm, params.native, SND_PCM_FORMAT_S16_LE)) < 0)
+        return fail(err, why, "it does not take interleaved 16-bit samples (a plughw: name converts)");
+    const auto channels = static_cast<unsigned int>(request.channels);
+    if ((err = snd_pcm_hw_params_set_channels(pcm, params.native, channels)) < 0)
+        return fail(err, why, "it has no " + std::to_string(request.channels) + " channels (a plughw: name converts)");
+    const auto rate = static_cast<unsigned int>(request.rate);
+    if ((err = snd_pcm_hw_params_set_rate_resample(pcm, params.native, request.resample ? 1 : 0)) < 0 ||
+        (err = snd_pcm_hw_params_set_rate(pcm, params.native, rate, 0)) < 0)
+        return fail(err, why, offered_rate(pcm, params.native, request.rate));
+    auto period = static_cast<snd_pcm_uframes_t>(request.period_frames);
+    auto buffer = period * static_cast<snd_pcm_uframes_t>(request.period_count);
+    if ((err = snd_pcm_hw_params_set_period_size_near(pcm, params.native, &period, nullptr)) < 0 ||
+        (err = snd_pcm_hw_params_set_buffer_size_near(pcm, params.native, &buffer)) < 0 ||
+        (err = snd_pcm_hw_params(pcm, params.native)) < 0)
+        return fail(err, why, std::string("its buffer cannot be set: ") + snd_strerror(err));
+    unsigned int obtained = 0;
+    if (snd_pcm_hw_params_get_rate(params.native, &obtained, nullptr) < 0 || obtained != rate)
+        return fail(-EINVAL, why, offered_rate(pcm, params.native, request.rate));
+    snd_pcm_get_params(pcm, &buffer, &period);
+    period_frames_ = std::max(static_cast<int>(period), 1);
+    buffer_frames_ = std::max(static_cast<int>(buffer), 1);
+    return 0;
+}
+
+int Pcm::set_software(const PcmRequest& request)
+{
+    snd_pcm_t* pcm = handle_.get();
+    const SoftwareParams params;
+    const int start = capture_ ? 1 : std::clamp(request.start_periods * period_frames_, 1, buffer_frames_);
+    int err = snd_pcm_sw_params_current(pcm, params.native);
+    if (err >= 0)
+        err = snd_pcm_sw_params_set_start_threshold(pcm, params.native, static_cast<snd_pcm_uframes_t>(start));
+    if (err >= 0)
+        err = snd_pcm_sw_params_set_avail_min(pcm, params.native, static_cast<snd_pcm_uframes_t>(period_frames_));
+    return err >= 0 ? snd_pcm_sw_params(pcm, params.native) : err;
+}
+
+void Pcm::set_start_frames(int frames)
+{
+    const SoftwareParams params;
+    if (snd_pcm_sw_params_current(handle_.get(), params.native) < 0)
+        return;
+    const auto start = static_cast<snd_pcm_uframes_t>(std::clamp(frames, 1, buffer_frames_));
+    if (snd_pcm_sw_params_set_start_threshold(handle_.get(), params.native, start) >= 0)
+        snd_pcm_sw_params(handle_.get(), params.native);
+}
+
+void Pcm::identify()
+{
+    snd_pcm_info_t* info = nullptr;
+    card_ = device_ = -1;
+    if (snd_pcm_info_malloc(&info) < 0)
+        return;
+    const AlsaMessages messages;
+    if (snd_pcm_info(handle_.get(), info) >= 0 && snd_pcm_info_get_card(info) >= 0) {
+        card_ = snd_pcm_info_get_card(info);
+        device_ = static_cast<int>(snd_pcm_info_get_device(info));
+    }
+    snd_pcm_info_free(info);
+}
+
+// --- Transfer -------------------------------------------------------------------
+
+int Pcm::write(const uint8_t* data, int frames)
+{
+    const snd_pcm_sframes_t done = snd_pcm_writei(handle_.get(), data, static_cast<snd_pcm_uframes_t>(frames));
+    return done != 0 ? static_cast<int>(done) : -EAGAIN;
+}
+
+int Pcm::read(uint8_t* data, int frames)
+{
+    const snd_pcm_sframes_t done = snd_pcm_readi(handle_.get(), data, static_cast<snd_pcm_uframes_t>(frames));
+    if (done != 0)
+        return static_cast<int>(done);
+    // Not "no data yet", which is an error code: the stream ended, as a loopback's does when the other end takes
+    // another format.
+    return -EBADFD;
+}
+
+Trouble Pcm::trouble(int result) const
+{
+    switch (result) {
+    case -EPIPE: return Trouble::xrun;
+    case -ESTRPIPE: return Trouble::suspended;
+    case -EINTR: return Trouble::none;
+    case -EAGAIN: break;
+    default: return Trouble::lost;
+    }
+    // A device that went away may report "try again" for ever.
+    switch (snd_pcm_state(handle_.get())) {
+    case SND_PCM_STATE_XRUN: return Trouble::xrun;
+    case SND_PCM_STATE_SUSPENDED: return Trouble::suspended;
+    case SND_PCM_STATE_DISCONNECTED:
+    case SND_PCM_STATE_OPEN:
+    case SND_PCM_STATE_SETUP: return Trouble::lost;
+    default: return Trouble::none;
+    }
+}
+
+int Pcm::restart()
+{
+    const AlsaMessages messages;
+    const int err = snd_pcm_prepare(handle_.get());
+    return err >= 0 && capture_ ? snd_pcm_start(handle_.get()) : err;
+}
+
+int Pcm::resume()
+{
+    const AlsaMessages messages;
+    if (snd_pcm_resume(handle_.get()) == -EAGAIN)
+        return -EAGAIN;
+    // Where the hardware kept its buffer it would play what is long past.
+    snd_pcm_drop(handle_.get());
+    return restart();
+}
+
+int Pcm::delay()
+{
+    snd_pcm_sframes_t frames = 0;
+    const int err = snd_pcm_delay(handle_.get(), &frames);
+    return err < 0 ? err : std::max(static_cast<int>(frames), 0);
+}
+
+bool Pcm::running() const { return snd_pcm_state(handle_.get()) == SND_PCM_STATE_RUNNING; }
+
+bool Pcm::prepared() const { return snd_pcm_state(handle_.get()) == SND_PCM_STATE_PREPARED; }
+
+int Pcm::descriptors(struct pollfd* fds)
+{
+    return std::max(snd_pcm_poll_descriptors(handle_.get(), fds, kMaxDescriptors), 0);
+}
+
+bool Pcm::ready(struct pollfd* fds, int count)
+{
+    unsigned short events = 0;
+    const int err = snd_pcm_poll_descriptors_revents(handle_.get(), fds, static_cast<unsigned int>(count), &events);
+    return err < 0 || events != 0;
+}
+
+// --- Waiting --------------------------------------------------------------------
+
+PollGate::PollGate() : wake_fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+PollGate::~PollGate() { ::close(wake_fd_); }
+
+void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
+{
+    std::array<struct pollfd, Pcm::kMaxDescriptors + 1> fds = {};
+    fds[0] = {wake_fd_, POLLIN, 0};
+    const int count = pcm != nullptr && pcm->is_open() ? pcm->descriptors(&fds[1]) : 0;
+    ++polling_;
+    guard.unlock();
+    int result = poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
+    const bool broken = std::any_of(fds.begin() + 1, fds.begin() + 1 + count, [](const struct pollfd& fd) {
+        return (fd.revents & (POLLERR | POLLNVAL | POLLHUP)) != 0;
+    });
+    // The transfer that follows finds out; where it does not, this keeps the loop from spinning.
+    if (result > 0 && broken)
+        result = poll(fds.data(), 1, kErrorPauseMs);
+    guard.lock();
+    if (count > 0)
+        pcm->ready(&fds[1], count);
+    if (--polling_ == 0)
+        pthread_cond_broadcast(&idle_);
+}
+
+void PollGate::evict(mutex_guard& guard)
+{
+    const uint64_t one = 1;
+    while (polling_ > 0) {
+        (void)!::write(wake_fd_, &one, sizeof(one));
+        guard.wait(idle_);
+    }
+    uint64_t count = 0;
+    (void)!::read(wake_fd_, &count, sizeof(count));
+}
+
+} // namespace hdmi_linux

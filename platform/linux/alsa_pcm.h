@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * One open PCM of alsa-lib: 16-bit interleaved, never blocking in a transfer.
+ *
+ * Not for two threads at a time: the stream that owns it holds its mutex around
+ * every call, and only poll() runs without.
+ */
+#pragma once
+
+#include <cstdarg>
+// Before the others: in some releases it leaves its last function outside of its extern "C".
+extern "C" {
+#include <alsa/error.h>
+}
+#include <alsa/asoundlib.h>
+#include <poll.h>
+
+#include <array>
+#include <memory>
+#include <string>
+
+#include "internal/locks.h"
+
+namespace hdmi_linux
+{
+
+constexpr int kBytesPerSample = 2;
+
+struct PcmRequest {
+    std::string name;
+    snd_pcm_stream_t stream = SND_PCM_STREAM_PLAYBACK;
+    int channels = 2;
+    int rate = 48000;
+    int period_frames = 960;
+    int period_count = 4;
+    int start_periods = 1; ///< playback: starts by itself with so many periods queued
+    bool resample = false; ///< a conversion of the rate inside the named PCM is welcome
+};
+
+/// What became of a transfer that did not move a frame.
+enum class Trouble {
+    none,      ///< there is just no room, or no data
+    xrun,      ///< restart() mends it
+    suspended, ///< resume() mends it
+    lost,      ///< only a new opening can mend it
+};
+
+class Pcm
+{
+public:
+    /// Opens and configures; capture also starts. @return 0, or an error code with its reason in @p why.
+    int open(const PcmRequest& request, std::string* why);
+    /// What is queued is discarded.
+    void close() { handle_.reset(); }
+    bool is_open() const { return handle_ != nullptr; }
+
+    /// @return frames moved, or a negative error code: -EAGAIN, or one for trouble().
+    int write(const uint8_t* data, int frames);
+    int read(uint8_t* data, int frames);
+    /// What error code @p result of a transfer means.
+    Trouble trouble(int result) const;
+
+    /// After an xrun: ready for data, capture runs again. @return 0, or an error code: the device is lost.
+    int restart();
+    /// After a suspend; what was queued is gone. @return 0, -EAGAIN while the hardware wakes up, or an error code.
+    int resume();
+    /// How much must be queued from the next start on.
+    void set_start_frames(int frames);
+
+    /// Frames between the application and the ear, or the microphone; negative when unknown.
+    int delay();
+    bool running() const;
+    /// Waits for its first frames.
+    bool prepared() const;
+
+    static constexpr int kMaxDescriptors = 8;
+    int descriptors(struct pollfd* fds);
+    /// To be told after each poll(). @return whether a transfer, or a look at its error, is due.
+    bool ready(struct pollfd* fds, int count);
+
+    int period_frames() const { return period_frames_; }
+    int buffer_frames() const { return buffer_frames_; }
+    /// The kernel's numbers of the card and its device; -1: none, such as a sound server.
+    int card() const { return card_; }
+    int device() const { return device_; }
+
+private:
+    struct Closer {
+        void operator()(snd_pcm_t* handle) const { snd_pcm_close(handle); }
+    };
+    int set_hardware(const PcmRequest& request, std::string* why);
+    int set_software(const PcmRequest& request);
+    int configure(const PcmRequest& request, std::string* why);
+    void identify();
+
+    std::unique_ptr<snd_pcm_t, Closer> handle_;
+    bool capture_ = false;
+    int period_frames_ = 0;
+    int buffer_frames_ = 0;
+    int card_ = -1;
+    int device_ = -1;
+};
+
+/// What alsa-lib has to say in this scope goes here instead of to standard error. For the calling thread.
+class AlsaMessages
+{
+public:
+    AlsaMessages();
+    ~AlsaMessages();
+    AlsaMessages(const AlsaMessages&) = delete;
+    AlsaMessages& operator=(const AlsaMessages&) = delete;
+
+    /// The last message: the outermost layer's, or empty.
+    const std::string& text() const { return text_; }
+
+private:
+    static void take(const char* file, int line, const char* function, int error, const char* format, va_list args);
+    std::string text_;
+    AlsaMessages* outer_;
+    snd_local_error_handler_t handler_;
+};
+
+/**
+ * Lets threads wait for a Pcm with the stream's mutex released, and whoever is
+ * about to close that Pcm send them back first: a closed descriptor in poll()
+ * could be another file's by then.
+ */
+class PollGate
+{
+public:
+    PollGate();
+    ~PollGate();
+    PollGate(const PollGate&) = delete;
+    PollGate& operator=(const PollGate&) = delete;
+
+    /// Waits until @p pcm is ready (null: for the time alone), evict() is called or @p timeout_ms have passed.
+    void wait(mutex_guard& guard, Pcm* pcm, int timeout_ms) NO_THREAD_SAFETY_ANALYSIS;
+    /// Returns when nobody polls; with the mutex held, so that nobody can begin to.
+    void evict(mutex_guard& guard) NO_THREAD_SAFETY_ANALYSIS;
+
+private:
+    int wake_fd_;
+    int polling_ = 0;
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
+};
+
+} // namespace hdmi_linux

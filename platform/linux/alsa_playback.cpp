@@ -1,0 +1,569 @@
+// SPDX-License-Identifier: MIT
+#include "alsa_playback.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "alsa_bypass.h"
+#include "alsa_clock.h"
+#include "iec958.h"
+#include "internal/common.h"
+
+namespace hdmi_linux
+{
+namespace
+{
+
+constexpr int kMaxChannels = 8;
+constexpr int kMaxRate = 192000;
+constexpr int kMaxPeriodFrames = 1 << 16;
+constexpr int kMaxPeriods = 64;
+
+/// The ring holds this many of the asked buffers: a sound server's delay is longer than the buffer in front of it.
+constexpr int kRingBuffers = 8;
+/// Between two attempts to open a device that is lost.
+constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+/// Between two attempts to wake a device that is suspended.
+constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
+/// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
+/// seconds before its idle sink wakes up.
+constexpr int64_t kStuckNs = 3 * kNsPerSecond;
+/// The longest wait without a look at the device's state.
+constexpr int kLookMs = 100;
+/// Underruns come in dozens; one message per this time.
+constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
+
+/// Troubles of a device in the course of one block, each mended.
+constexpr int kMaxTroubles = 3;
+
+constexpr int kClosed = -EBADFD;
+
+bool is_digital(int device) { return device == E_AUDIO_IO_DEV_SPDIF || device == E_AUDIO_IO_DEV_HDMI_ARC; }
+
+bool valid_output(int device_id, int output_fmt)
+{
+    return device_id >= E_AUDIO_IO_DEV_AUTO && device_id < E_AUDIO_IO_DEV_MAX && output_fmt >= E_AUDIO_IO_FORMAT_PCM &&
+           output_fmt < E_AUDIO_IO_FORMAT_MAX;
+}
+
+} // namespace
+
+Playback& playback()
+{
+    static auto* instance = new Playback;
+    return *instance;
+}
+
+// --- Opening and closing ----------------------------------------------------------
+
+int Playback::check(const audio_config_t& config) const
+{
+    const bool valid = valid_output(config.device_id, config.output_fmt) && config.channels > 0 &&
+                       config.channels <= kMaxChannels && config.sample_rate > 0 && config.sample_rate <= kMaxRate &&
+                       config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames &&
+                       config.period_count > 0 && config.period_count <= kMaxPeriods;
+    return valid ? 0 : -EINVAL;
+}
+
+PcmRequest Playback::request_for(const Config& config, int device) const
+{
+    PcmRequest request;
+    const bool named = config_.pcm_name != nullptr && device == config_.device_id;
+    request.name = named ? config_.pcm_name : config.audio[device].pcm;
+    if (is_digital(device))
+        request.name = with_channel_status(request.name, channel_status(config_.sample_rate, false));
+    request.channels = config_.channels;
+    request.rate = config_.sample_rate;
+    request.period_frames = config_.period_frames;
+    request.period_count = config_.period_count;
+    request.start_periods = start_periods_;
+    request.resample = config.audio[device].resample;
+    return request;
+}
+
+void Playback::begin(const audio_config_t& config)
+{
+    config_ = config;
+    sent_ = heard_ = lost_at_ = 0;
+    heard_ns_ = progress_ns_ = now_ns();
+    moving_ = false;
+    const int buffer = config.period_frames * config.period_count;
+    const int frame_bytes = config.channels * kBytesPerSample;
+    ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate), frame_bytes);
+    scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
+}
+
+int Playback::open(const audio_config_t& config)
+{
+    if (const int err = check(config))
+        return err;
+    // The player wants to be heard: what pass-through still holds is given back first.
+    bypass().release_output(config.device_id);
+    const Config settings = current_config();
+    mutex_guard guard(mutex_);
+    if (state_ != State::closed)
+        return -EBUSY;
+    start_periods_ = settings.start_periods;
+    begin(config);
+    const PcmRequest request = request_for(settings, config.device_id);
+    Pcm pcm;
+    std::string why;
+    const int err = pcm.open(request, &why);
+    if (err < 0) {
+        const std::string refusal = request.name + ": " + why;
+        // The player tries again for every block.
+        if (refusal != last_refusal_)
+            log_e("%s cannot play: %s\n", device_key(config.device_id), refusal.c_str());
+        last_refusal_ = refusal;
+        return err;
+    }
+    last_refusal_.clear();
+    ++opening_;
+    stats_.opens++;
+    install(std::move(pcm), request, settings);
+    gain_.set(volume_.software_gain());
+    gain_.settle();
+    return 0;
+}
+
+// The device is at work from here on; what is in the ring and was not sent goes to it.
+void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
+{
+    pcm_ = std::move(pcm);
+    request_ = request;
+    state_ = State::working;
+    progress_ns_ = now_ns();
+    const int device = config_.device_id;
+    if (is_digital(device)) {
+        digital_output_ = static_cast<audio_io_dev_e>(device);
+        set_status_control(pcm_.card(), pcm_.device(), channel_status(request.rate, false));
+    }
+    volume_.attach(config.audio[device], device, pcm_.card());
+    gain_.set(volume_.software_gain());
+    stats_.pcm = request.name;
+    stats_.rate = request.rate;
+    stats_.asked_period_frames = request.period_frames;
+    stats_.asked_period_count = request.period_count;
+    stats_.period_frames = pcm_.period_frames();
+    stats_.period_count = pcm_.buffer_frames() / pcm_.period_frames();
+    char text[256];
+    snprintf(text, sizeof(text), "%s plays on %s at %d Hz, %d x %d frames asked, %d x %d obtained", device_key(device),
+             request.name.c_str(), request.rate, request.period_count, request.period_frames, stats_.period_count,
+             stats_.period_frames);
+    if (text != last_report_)
+        log_i("%s\n", text);
+    last_report_ = text;
+}
+
+int Playback::close()
+{
+    mutex_guard guard(mutex_);
+    if (state_ == State::closed)
+        return 0;
+    state_ = State::closed;
+    ++opening_;
+    gate_.evict(guard);
+    pcm_.close();
+    volume_.detach();
+    return 0;
+}
+
+// --- The flow of frames -----------------------------------------------------------
+
+int64_t Playback::heard(int64_t now) const
+{
+    if (!moving_)
+        return heard_;
+    const int64_t passed = frames_in(now - heard_ns_, config_.sample_rate);
+    return std::min(heard_ + passed, state_ == State::working ? sent_ : ring_.end());
+}
+
+// Asks the device. One that has not started yet heard nothing, whatever it says.
+void Playback::note_heard(int64_t now)
+{
+    if (pcm_.prepared())
+        return;
+    const int delay = pcm_.delay();
+    if (delay < 0)
+        return;
+    heard_ = std::clamp(sent_ - delay, ring_.oldest(), sent_);
+    heard_ns_ = now;
+    moving_ = pcm_.running();
+}
+
+// From here on it is the clock that plays.
+void Playback::freeze_heard(int64_t now)
+{
+    heard_ = heard(now);
+    heard_ns_ = now;
+    moving_ = true;
+    lost_at_ = heard_;
+}
+
+// Frames that a write may put into the ring now.
+int Playback::room(int64_t now) const
+{
+    const int buffer = config_.period_frames * config_.period_count;
+    const int64_t waiting =
+        state_ == State::working ? ring_.end() - sent_ + buffer - config_.period_frames : ring_.end() - heard(now);
+    return static_cast<int>(std::max<int64_t>(buffer - waiting, 0));
+}
+
+int Playback::accept(const uint8_t* data, int frames, int64_t now)
+{
+    const int count = std::min(frames, room(now));
+    if (count <= 0)
+        return 0;
+    if (state_ != State::working && heard(now) == ring_.end()) {
+        // Nothing was left to be played: the clock waits for what comes.
+        heard_ = ring_.end();
+        heard_ns_ = now;
+    }
+    ring_.append(data, count);
+    return count;
+}
+
+// Whether what was written has gone where a device would have taken it.
+bool Playback::taken() const { return state_ != State::working || sent_ == ring_.end(); }
+
+int Playback::send(SoundRing::Piece piece)
+{
+    if (gain_.is_unity())
+        return pcm_.write(piece.data, piece.frames);
+    gain_.apply(piece.data, scaled_.get(), piece.frames, config_.channels);
+    const int sent = pcm_.write(reinterpret_cast<const uint8_t*>(scaled_.get()), piece.frames);
+    if (sent > 0)
+        gain_.advance(sent);
+    return sent;
+}
+
+void Playback::pump(int64_t now)
+{
+    for (int troubles = 0; state_ == State::working && sent_ < ring_.end();) {
+        const int result = send(ring_.piece(sent_, config_.period_frames));
+        if (result > 0) {
+            sent_ += result;
+            progress_ns_ = now;
+            continue;
+        }
+        const Trouble trouble = pcm_.trouble(result);
+        if (trouble == Trouble::none)
+            break;
+        // A device that is empty again at once is not at work.
+        handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result, now);
+    }
+    if (state_ == State::working)
+        note_heard(now);
+}
+
+void Playback::wait(mutex_guard& guard, int64_t now)
+{
+    if (state_ == State::working) {
+        const int64_t buffer_ns = ns_of(pcm_.buffer_frames(), config_.sample_rate);
+        if (now - progress_ns_ > buffer_ns + kStuckNs)
+            lose(-ETIMEDOUT, now);
+        else
+            gate_.wait(guard, &pcm_, kLookMs);
+        return;
+    }
+    // Until a period's room is there, or the device may be looked for.
+    const int64_t buffer = config_.period_frames * config_.period_count;
+    const int64_t excess = ring_.end() - heard(now) + config_.period_frames - buffer;
+    int64_t due = now + ns_of(std::max<int64_t>(excess, 1), config_.sample_rate);
+    if (state_ != State::yielded)
+        due = std::min(due, std::max(retry_ns_, now));
+    gate_.wait(guard, nullptr, std::clamp(static_cast<int>((due - now) / kNsPerMs) + 1, 1, kLookMs));
+}
+
+int Playback::write(const uint8_t* data, int size)
+{
+    if (data == nullptr || size < 0)
+        return -EINVAL;
+    mutex_guard guard(mutex_);
+    const uint64_t opening = opening_;
+    if (state_ == State::closed)
+        return kClosed;
+    const int frame_bytes = config_.channels * kBytesPerSample;
+    const int frames = size / frame_bytes;
+    int done = 0;
+    while (opening_ == opening) {
+        mend(guard);
+        if (opening_ != opening)
+            break;
+        const int64_t now = now_ns();
+        const int count = accept(data + static_cast<size_t>(done) * frame_bytes, frames - done, now);
+        done += count;
+        stats_.frames += count;
+        pump(now);
+        if (done == frames && taken())
+            return frames * frame_bytes;
+        if (count == 0 || done == frames)
+            wait(guard, now);
+    }
+    return done > 0 && done < frames ? done * frame_bytes : kClosed;
+}
+
+int Playback::delay(int* frames)
+{
+    mutex_guard guard(mutex_);
+    if (state_ == State::closed)
+        return kClosed;
+    if (frames == nullptr)
+        return -EINVAL;
+    if (state_ == State::working && !pcm_.prepared()) {
+        const int delay = pcm_.delay();
+        // Negative: an underrun, all of it was heard.
+        *frames = static_cast<int>(ring_.end() - sent_) + std::max(delay, 0);
+    } else {
+        *frames = static_cast<int>(ring_.end() - heard(now_ns()));
+    }
+    return 0;
+}
+
+// --- Trouble, and the way back ----------------------------------------------------
+
+void Playback::handle(Trouble trouble, int err, int64_t now)
+{
+    switch (trouble) {
+    case Trouble::none: break;
+    case Trouble::xrun: recover_xrun(now); break;
+    case Trouble::suspended:
+        log_w("%s is suspended\n", request_.name.c_str());
+        stats_.suspends++;
+        freeze_heard(now);
+        state_ = State::suspended;
+        trouble_ns_ = retry_ns_ = now;
+        break;
+    case Trouble::lost: lose(err, now); break;
+    }
+}
+
+void Playback::recover_xrun(int64_t now)
+{
+    heard_ = sent_;
+    heard_ns_ = now;
+    moving_ = false;
+    if (const int err = pcm_.restart(); err < 0) {
+        lose(err, now);
+        return;
+    }
+    stats_.xruns++;
+    if (now - xrun_log_ns_ > kXrunLogNs || xrun_log_ns_ == 0) {
+        log_w("%s ran empty, %lld times so far\n", request_.name.c_str(), static_cast<long long>(stats_.xruns));
+        xrun_log_ns_ = now;
+    }
+    // The supply is less even than the start assumed.
+    const int most = std::max(config_.period_count / 2, start_periods_);
+    start_periods_ = std::min(start_periods_ + 1, most);
+    request_.start_periods = start_periods_;
+    pcm_.set_start_frames(start_periods_ * pcm_.period_frames());
+}
+
+void Playback::lose(int err, int64_t now)
+{
+    log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
+    stats_.losses++;
+    if (state_ == State::working)
+        trouble_ns_ = now;
+    give_up_pcm(State::lost, now);
+}
+
+void Playback::give_up_pcm(State state, int64_t now)
+{
+    if (state_ == State::working)
+        freeze_heard(now);
+    state_ = state;
+    retry_ns_ = now;
+    const AlsaMessages messages;
+    pcm_.close();
+    volume_.detach();
+}
+
+void Playback::mend(mutex_guard& guard)
+{
+    const int64_t now = now_ns();
+    if (now < retry_ns_)
+        return;
+    if (state_ == State::suspended)
+        mend_suspend(now);
+    else if (state_ == State::lost)
+        mend_loss(guard);
+}
+
+void Playback::mend_suspend(int64_t now)
+{
+    const int err = pcm_.resume();
+    if (err == -EAGAIN) {
+        retry_ns_ = now + kResumePauseNs;
+    } else if (err < 0) {
+        lose(err, now);
+    } else {
+        const int64_t position = heard(now);
+        state_ = State::working;
+        resume_flow(position, now);
+    }
+}
+
+void Playback::mend_loss(mutex_guard& guard)
+{
+    const uint64_t opening = opening_;
+    const PcmRequest request = request_;
+    Pcm pcm;
+    std::string why;
+    // The player asks for the delay meanwhile, and may close.
+    guard.unlock();
+    const Config settings = current_config();
+    const int err = pcm.open(request, &why);
+    guard.lock();
+    if (opening_ != opening || state_ != State::lost)
+        return;
+    const int64_t now = now_ns();
+    retry_ns_ = now + kReopenPauseNs;
+    if (err < 0)
+        return;
+    const int64_t position = heard(now);
+    install(std::move(pcm), request, settings);
+    resume_flow(position, now);
+}
+
+void Playback::requeue_from(int64_t position, int64_t now)
+{
+    heard_ = sent_ = std::max(position, ring_.oldest());
+    heard_ns_ = progress_ns_ = now;
+    moving_ = false;
+}
+
+// What would have been heard meanwhile is past; the rest is queued again.
+void Playback::resume_flow(int64_t position, int64_t now)
+{
+    stats_.frames_lost += std::max<int64_t>(position - lost_at_, 0);
+    stats_.recoveries++;
+    stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
+    requeue_from(position, now);
+    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));
+}
+
+// --- Another device ---------------------------------------------------------------
+
+int Playback::reselect(int device_id, int output_fmt)
+{
+    if (!valid_output(device_id, output_fmt))
+        return -EINVAL;
+    bypass().release_output(device_id);
+    mutex_guard guard(mutex_);
+    if (state_ == State::closed)
+        return kClosed;
+    const int err = move_to(guard, device_id);
+    if (err >= 0)
+        config_.output_fmt = output_fmt;
+    return err;
+}
+
+int Playback::move_to(mutex_guard& guard, int device_id)
+{
+    const Config settings = current_config();
+    const PcmRequest next = request_for(settings, device_id);
+    if (state_ == State::working && next.name == request_.name) {
+        config_.device_id = device_id;
+        volume_.attach(settings.audio[device_id], device_id, pcm_.card());
+        gain_.set(volume_.software_gain());
+        stats_.reselects++;
+        return 0;
+    }
+    Pcm pcm;
+    std::string why;
+    int err = pcm.open(next, &why);
+    gate_.evict(guard);
+    if (err == -EBUSY && state_ == State::working)
+        err = open_busy(guard, next, &pcm, &why);
+    if (err < 0) {
+        log_e("%s cannot play: %s: %s\n", device_key(device_id), next.name.c_str(), why.c_str());
+        return err;
+    }
+    const int64_t now = now_ns();
+    if (state_ == State::working)
+        note_heard(now);
+    const int64_t position = heard(now);
+    pcm_.close();
+    config_.device_id = device_id;
+    install(std::move(pcm), next, settings);
+    requeue_from(position, now);
+    stats_.reselects++;
+    pump(now);
+    return 0;
+}
+
+// Two names of one device: the old one has to go before the new one can come, or come back.
+int Playback::open_busy(mutex_guard&, const PcmRequest& next, Pcm* pcm, std::string* why)
+{
+    note_heard(now_ns());
+    trouble_ns_ = now_ns();
+    give_up_pcm(State::lost, now_ns());
+    return pcm->open(next, why);
+}
+
+audio_io_dev_e Playback::last_digital_output()
+{
+    mutex_guard guard(mutex_);
+    return digital_output_;
+}
+
+void Playback::yield_device(int device)
+{
+    mutex_guard guard(mutex_);
+    if (state_ == State::closed || state_ == State::yielded || config_.device_id != device)
+        return;
+    gate_.evict(guard);
+    const int64_t now = now_ns();
+    if (state_ == State::working)
+        note_heard(now);
+    trouble_ns_ = now;
+    give_up_pcm(State::yielded, now);
+}
+
+void Playback::yield_back()
+{
+    mutex_guard guard(mutex_);
+    if (state_ != State::yielded)
+        return;
+    state_ = State::lost;
+    retry_ns_ = now_ns();
+    gate_.evict(guard);
+}
+
+// --- Volume -----------------------------------------------------------------------
+
+int Playback::set_volume(int percent)
+{
+    mutex_guard guard(mutex_);
+    const int err = volume_.set_percent(percent);
+    gain_.set(volume_.software_gain());
+    return err;
+}
+
+int Playback::set_direct_volume(int value)
+{
+    mutex_guard guard(mutex_);
+    const int err = volume_.set_direct(value);
+    gain_.set(volume_.software_gain());
+    return err;
+}
+
+int Playback::set_mute(bool mute)
+{
+    mutex_guard guard(mutex_);
+    const int err = volume_.set_mute(mute);
+    gain_.set(volume_.software_gain());
+    return err;
+}
+
+DeviceStats Playback::stats()
+{
+    mutex_guard guard(mutex_);
+    DeviceStats stats = stats_;
+    stats.open = state_ != State::closed;
+    stats.lost = stats.open && state_ != State::working;
+    return stats;
+}
+
+} // namespace hdmi_linux

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The playback device on ALSA.
+ *
+ * What the player writes goes through a ring that keeps it until it has been
+ * heard. When the device changes, or comes back after it was lost, what nobody
+ * heard yet is queued again. While there is no device, time goes on as if there
+ * were one: writes take as long, the delay falls as fast, so that the picture
+ * keeps its clock and the sound returns in its place.
+ */
+#pragma once
+
+#include <memory>
+
+#include "alsa_pcm.h"
+#include "alsa_volume.h"
+#include "config.h"
+#include "hdmi_linux.h"
+#include "internal/locks.h"
+#include "sound_ring.h"
+
+namespace hdmi_linux
+{
+
+class Playback
+{
+public:
+    int open(const audio_config_t& config);
+    int close();
+    int write(const uint8_t* data, int size);
+    int delay(int* frames);
+    int reselect(int device_id, int output_fmt);
+    int set_volume(int percent);
+    int set_direct_volume(int value);
+    int set_mute(bool mute);
+    DeviceStats stats();
+
+    /// Which digital output was selected last; NONE: none yet.
+    audio_io_dev_e last_digital_output();
+    /// Pass-through takes digital output @p device: its PCM is given up until yield_back().
+    void yield_device(int device);
+    void yield_back();
+
+private:
+    enum class State {
+        closed,
+        working,
+        suspended, ///< the PCM is there and wakes up
+        lost,      ///< there is no PCM; opened again when due
+        yielded,   ///< there is no PCM; pass-through has the output
+    };
+
+    int check(const audio_config_t& config) const;
+    PcmRequest request_for(const Config& config, int device) const REQUIRES(mutex_);
+    void begin(const audio_config_t& config) REQUIRES(mutex_);
+    void install(Pcm pcm, const PcmRequest& request, const Config& config) REQUIRES(mutex_);
+    int move_to(mutex_guard& guard, int device_id) REQUIRES(mutex_);
+    int open_busy(mutex_guard& guard, const PcmRequest& next, Pcm* pcm, std::string* why) REQUIRES(mutex_);
+
+    // The flow of frames: ring_.end() were written, sent_ are in the device, heard() of them are through.
+    int64_t heard(int64_t now) const REQUIRES(mutex_);
+    void note_heard(int64_t now) REQUIRES(mutex_);
+    void freeze_heard(int64_t now) REQUIRES(mutex_);
+    int room(int64_t now) const REQUIRES(mutex_);
+    bool taken() const REQUIRES(mutex_);
+    int accept(const uint8_t* data, int frames, int64_t now) REQUIRES(mutex_);
+    void pump(int64_t now) REQUIRES(mutex_);
+    int send(SoundRing::Piece piece) REQUIRES(mutex_);
+    void wait(mutex_guard& guard, int64_t now) REQUIRES(mutex_);
+
+    // Trouble, and the way back.
+    void handle(Trouble trouble, int err, int64_t now) REQUIRES(mutex_);
+    void recover_xrun(int64_t now) REQUIRES(mutex_);
+    void lose(int err, int64_t now) REQUIRES(mutex_);
+    void give_up_pcm(State state, int64_t now) REQUIRES(mutex_);
+    void mend(mutex_guard& guard) REQUIRES(mutex_);
+    void mend_suspend(int64_t now) REQUIRES(mutex_);
+    void mend_loss(mutex_guard& guard) REQUIRES(mutex_);
+    void requeue_from(int64_t position, int64_t now) REQUIRES(mutex_);
+    void resume_flow(int64_t position, int64_t now) REQUIRES(mutex_);
+
+    mutex_t mutex_;
+    PollGate gate_;
+    State state_ GUARDED_BY(mutex_) = State::closed;
+    uint64_t opening_ GUARDED_BY(mutex_) = 0; ///< a call that began in another opening ends
+    audio_config_t config_ GUARDED_BY(mutex_) = {};
+    PcmRequest request_ GUARDED_BY(mutex_);
+    Pcm pcm_ GUARDED_BY(mutex_);
+    Volume volume_ GUARDED_BY(mutex_);
+    GainRamp gain_ GUARDED_BY(mutex_);
+    std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, on its way to the device
+    SoundRing ring_ GUARDED_BY(mutex_);
+    int64_t sent_ GUARDED_BY(mutex_) = 0;
+    int64_t heard_ GUARDED_BY(mutex_) = 0; ///< at heard_ns_, and going on from there if moving_
+    int64_t heard_ns_ GUARDED_BY(mutex_) = 0;
+    bool moving_ GUARDED_BY(mutex_) = false;
+    int start_periods_ GUARDED_BY(mutex_) = 1;
+    int64_t progress_ns_ GUARDED_BY(mutex_) = 0; ///< when the device last took something
+    int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t trouble_ns_ GUARDED_BY(mutex_) = 0; ///< when the device was lost or suspended
+    int64_t lost_at_ GUARDED_BY(mutex_) = 0;    ///< what had been heard then
+    int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
+    audio_io_dev_e digital_output_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE;
+    std::string last_refusal_ GUARDED_BY(mutex_);
+    std::string last_report_ GUARDED_BY(mutex_);
+    DeviceStats stats_ GUARDED_BY(mutex_);
+};
+
+Playback& playback();
+
+} // namespace hdmi_linux

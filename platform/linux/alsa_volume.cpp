@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: MIT
+#include "alsa_volume.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+#include "alsa_pcm.h"
+#include "internal/common.h"
+
+namespace hdmi_linux
+{
+namespace
+{
+
+constexpr int kMaxPercent = 100;
+/// Without a mixer the direct volume has these units: an amplitude of so many steps.
+constexpr int kMaxDirect = 255;
+/// Up to here, in hundredths of a decibel, a control is even to the ear when its decibels are even.
+constexpr long kLinearRange = 2400;
+/// Hundredths of a decibel for a factor of ten in the cube root of the amplitude.
+constexpr double kCubicScale = 6000.0;
+/// Change of gain per frame: from silence to full level in 10 ms at 48 kHz.
+constexpr float kRampStep = 1.0f / 480.0f;
+
+struct Candidates {
+    int device;
+    const char* elements[4];
+};
+/// What a card calls the volume of an output, the most telling first. Digital outputs have none.
+constexpr Candidates kCandidates[] = {
+    {E_AUDIO_IO_DEV_AUTO, {"Master", "Speaker", "PCM", "Digital"}},
+    {E_AUDIO_IO_DEV_SPEAKER, {"Master", "Speaker", "PCM", "Digital"}},
+    {E_AUDIO_IO_DEV_HEADPHONE, {"Headphone", "Master", "PCM", "Digital"}},
+    {E_AUDIO_IO_DEV_I2S_TXA, {"Digital", "PCM", "Master", "Speaker"}},
+};
+
+snd_mixer_elem_t* find_named(snd_mixer_t* mixer, const char* name)
+{
+    for (snd_mixer_elem_t* elem = snd_mixer_first_elem(mixer); elem != nullptr; elem = snd_mixer_elem_next(elem)) {
+        if (snd_mixer_selem_has_playback_volume(elem) && strcmp(snd_mixer_selem_get_name(elem), name) == 0)
+            return elem;
+    }
+    return nullptr;
+}
+
+int set_raw(snd_mixer_elem_t* element, long value)
+{
+    long min = 0;
+    long max = 0;
+    const int err = snd_mixer_selem_get_playback_volume_range(element, &min, &max);
+    if (err < 0)
+        return err;
+    return value < min || value > max ? -EINVAL : snd_mixer_selem_set_playback_volume_all(element, value);
+}
+
+int set_percent_of(snd_mixer_elem_t* element, int percent)
+{
+    long min = 0;
+    long max = 0;
+    // Rounded up, so that the lowest percents are not silent already.
+    constexpr int kUp = 1;
+    if (snd_mixer_selem_get_playback_dB_range(element, &min, &max) >= 0 && min < max)
+        return snd_mixer_selem_set_playback_dB_all(element, volume_decibels(percent, min, max), percent > 0 ? kUp : 0);
+    const int err = snd_mixer_selem_get_playback_volume_range(element, &min, &max);
+    if (err < 0)
+        return err;
+    return snd_mixer_selem_set_playback_volume_all(element, min + std::lround((max - min) * (percent / 100.0)));
+}
+
+} // namespace
+
+long volume_decibels(int percent, long min, long max)
+{
+    if (percent <= 0)
+        return min;
+    const double part = std::min(percent, kMaxPercent) / 100.0;
+    if (min != SND_CTL_TLV_DB_GAIN_MUTE && max - min <= kLinearRange)
+        return min + std::lround(static_cast<double>(max - min) * part);
+    const double lowest =
+        min != SND_CTL_TLV_DB_GAIN_MUTE ? std::pow(10.0, static_cast<double>(min - max) / kCubicScale) : 0;
+    return max + std::lround(kCubicScale * std::log10(lowest + part * (1 - lowest)));
+}
+
+float volume_gain(int percent)
+{
+    const float part = static_cast<float>(std::clamp(percent, 0, kMaxPercent)) / kMaxPercent;
+    return part * part * part;
+}
+
+// --- Scaling --------------------------------------------------------------------
+
+float GainRamp::after(int frames) const
+{
+    const float step = kRampStep * static_cast<float>(frames);
+    return current_ < target_ ? std::min(current_ + step, target_) : std::max(current_ - step, target_);
+}
+
+void GainRamp::apply(const uint8_t* from, int16_t* to, int frames, int channels) const
+{
+    memcpy(to, from, static_cast<size_t>(frames) * static_cast<size_t>(channels) * kBytesPerSample);
+    for (int frame = 0; frame < frames; ++frame) {
+        const float gain = after(frame);
+        for (int channel = 0; channel < channels; ++channel, ++to)
+            *to = static_cast<int16_t>(std::lrint(static_cast<float>(*to) * gain));
+    }
+}
+
+// --- Mixer ----------------------------------------------------------------------
+
+void Volume::attach(const AudioDeviceConfig& config, int device, int card)
+{
+    mixer_.reset();
+    element_ = nullptr;
+    const AlsaMessages messages;
+    // A sound server's mixer is everybody's: it is used when the configuration names it, not by itself.
+    const std::string control = !config.mixer_card.empty() ? config.mixer_card
+                                : card >= 0                ? "hw:" + std::to_string(card)
+                                                           : std::string();
+    if (config.mixer != "none" && !control.empty() && open_mixer(control))
+        element_ = find_element(config, device);
+    if (element_ == nullptr && (!config.mixer_card.empty() || (!config.mixer.empty() && config.mixer != "none")))
+        log_w("%s: no volume control '%s' on '%s', the samples are scaled instead\n", device_key(device),
+              config.mixer.c_str(), control.c_str());
+    std::string identity;
+    if (element_ != nullptr)
+        identity = control + "/" + snd_mixer_selem_get_name(element_);
+    if (identity == identity_ && !fresh_)
+        return;
+    // In another mixer's units the value means something else.
+    if (identity != identity_ && kind_ == Kind::direct)
+        kind_ = Kind::unset;
+    identity_ = std::move(identity);
+    fresh_ = false;
+    apply_volume();
+    if (mute_set_)
+        apply_mute();
+}
+
+void Volume::detach()
+{
+    mixer_.reset();
+    element_ = nullptr;
+    fresh_ = true;
+}
+
+void Volume::catch_up()
+{
+    // What others set meanwhile: a value that seems to be there already is not written.
+    if (mixer_ != nullptr)
+        snd_mixer_handle_events(mixer_.get());
+}
+
+bool Volume::open_mixer(const std::string& card)
+{
+    snd_mixer_t* mixer = nullptr;
+    if (snd_mixer_open(&mixer, 0) < 0)
+        return false;
+    mixer_.reset(mixer);
+    return snd_mixer_attach(mixer, card.c_str()) >= 0 && snd_mixer_selem_register(mixer, nullptr, nullptr) >= 0 &&
+           snd_mixer_load(mixer) >= 0;
+}
+
+snd_mixer_elem_t* Volume::find_element(const AudioDeviceConfig& config, int device)
+{
+    if (!config.mixer.empty())
+        return find_named(mixer_.get(), config.mixer.c_str());
+    for (const Candidates& candidates : kCandidates) {
+        if (candidates.device != device)
+            continue;
+        for (const char* name : candidates.elements)
+            if (snd_mixer_elem_t* elem = find_named(mixer_.get(), name))
+                return elem;
+    }
+    return nullptr;
+}
+
+int Volume::set_percent(int percent)
+{
+    if (percent < 0 || percent > kMaxPercent)
+        return -EINVAL;
+    kind_ = Kind::percent;
+    value_ = percent;
+    return apply_volume();
+}
+
+int Volume::set_direct(int value)
+{
+    if (element_ == nullptr && (value < 0 || value > kMaxDirect))
+        return -EINVAL;
+    const bool mute_by_volume = mute_ && element_ != nullptr && !snd_mixer_selem_has_playback_switch(element_);
+    catch_up();
+    const int err = element_ != nullptr && !mute_by_volume ? set_raw(element_, value) : 0;
+    if (err < 0)
+        return err;
+    kind_ = Kind::direct;
+    value_ = value;
+    return 0;
+}
+
+int Volume::set_mute(bool mute)
+{
+    mute_ = mute;
+    mute_set_ = true;
+    return apply_mute();
+}
+
+int Volume::apply_volume()
+{
+    if (element_ == nullptr || kind_ == Kind::unset)
+        return 0;
+    const AlsaMessages messages;
+    catch_up();
+    if (mute_ && !snd_mixer_selem_has_playback_switch(element_))
+        return 0;
+    return kind_ == Kind::percent ? set_percent_of(element_, value_) : set_raw(element_, value_);
+}
+
+int Volume::apply_mute()
+{
+    if (element_ == nullptr)
+        return 0;
+    const AlsaMessages messages;
+    catch_up();
+    if (snd_mixer_selem_has_playback_switch(element_))
+        return snd_mixer_selem_set_playback_switch_all(element_, mute_ ? 0 : 1);
+    if (!mute_)
+        return apply_volume();
+    if (kind_ == Kind::unset) {
+        // What was set outside the player comes back with the sound.
+        long before = 0;
+        if (snd_mixer_selem_get_playback_volume(element_, SND_MIXER_SCHN_FRONT_LEFT, &before) >= 0) {
+            kind_ = Kind::direct;
+            value_ = static_cast<int>(before);
+        }
+    }
+    long min = 0;
+    long max = 0;
+    const int err = snd_mixer_selem_get_playback_volume_range(element_, &min, &max);
+    return err < 0 ? err : snd_mixer_selem_set_playback_volume_all(element_, min);
+}
+
+float Volume::software_gain() const
+{
+    if (element_ != nullptr || kind_ == Kind::unset)
+        return mute_ && element_ == nullptr ? 0.0f : 1.0f;
+    if (mute_)
+        return 0.0f;
+    return kind_ == Kind::percent ? volume_gain(value_)
+                                  : static_cast<float>(std::clamp(value_, 0, kMaxDirect)) / kMaxDirect;
+}
+
+} // namespace hdmi_linux

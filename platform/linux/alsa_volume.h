@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Volume and mute of the playback device: on the card's mixer where it has
+ * one, else by scaling the samples on their way to the device.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "alsa_pcm.h"
+#include "config.h"
+
+namespace hdmi_linux
+{
+
+/// Hundredths of a decibel for @p percent of a control that reaches from @p min to @p max: by the decibel where the
+/// range is small, else by the cube root of the amplitude, which is even to the ear. @p min may be
+/// SND_CTL_TLV_DB_GAIN_MUTE.
+long volume_decibels(int percent, long min, long max);
+
+/// Amplitude for @p percent without a mixer: 1 at 100, silence at 0, cubic between.
+float volume_gain(int percent);
+
+/// Scales samples, changing from one gain to another over some milliseconds so that no step is heard.
+class GainRamp
+{
+public:
+    void set(float gain) { target_ = gain; }
+    void settle() { current_ = target_; }
+    bool is_unity() const { return current_ == 1.0f && target_ == 1.0f; }
+    void apply(const uint8_t* from, int16_t* to, int frames, int channels) const;
+    /// So many frames went out with it.
+    void advance(int frames) { current_ = after(frames); }
+
+private:
+    float after(int frames) const;
+    float current_ = 1.0f;
+    float target_ = 1.0f;
+};
+
+/// The volume that the player wants, carried out on whatever output is in use. Not for two threads at a time.
+class Volume
+{
+public:
+    /// Takes the mixer of the device that was just opened; @p card is the kernel's number, -1: none. What the player
+    /// asked for before is set on it.
+    void attach(const AudioDeviceConfig& config, int device, int card);
+    /// Gives the mixer up: the card went away. When it is back, what the player asked for is set anew.
+    void detach();
+
+    /// @return 0, or an error code.
+    int set_percent(int percent);
+    int set_direct(int value);
+    int set_mute(bool mute);
+
+    /// For the samples; 1 where the mixer does it.
+    float software_gain() const;
+    bool in_software() const { return element_ == nullptr; }
+
+private:
+    struct Closer {
+        void operator()(snd_mixer_t* mixer) const { snd_mixer_close(mixer); }
+    };
+    enum class Kind { unset, percent, direct };
+
+    bool open_mixer(const std::string& card);
+    snd_mixer_elem_t* find_element(const AudioDeviceConfig& config, int device);
+    void catch_up();
+    int apply_volume();
+    int apply_mute();
+
+    std::unique_ptr<snd_mixer_t, Closer> mixer_;
+    snd_mixer_elem_t* element_ = nullptr; ///< of mixer_; null: the samples are scaled
+    std::string identity_;                ///< of the element, for messages and to see that it is another one
+    bool fresh_ = false;                  ///< nothing was set on it since it came back
+    Kind kind_ = Kind::unset;
+    int value_ = 0;
+    bool mute_ = false;
+    bool mute_set_ = false;
+};
+
+} // namespace hdmi_linux

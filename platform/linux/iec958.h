@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The channel status of a digital output (IEC 60958-3, consumer use): what
+ * tells the receiver the rate, and whether it gets sound or coded data; and the
+ * stuffing between bursts of coded data (IEC 61937).
+ */
+#pragma once
+
+#include <alsa/asoundef.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+namespace hdmi_linux
+{
+
+using ChannelStatus = std::array<uint8_t, 4>; ///< AES0 to AES3
+
+inline uint8_t status_rate_code(int rate)
+{
+    switch (rate) {
+    case 22050: return IEC958_AES3_CON_FS_22050;
+    case 24000: return IEC958_AES3_CON_FS_24000;
+    case 32000: return IEC958_AES3_CON_FS_32000;
+    case 44100: return IEC958_AES3_CON_FS_44100;
+    case 48000: return IEC958_AES3_CON_FS_48000;
+    case 88200: return IEC958_AES3_CON_FS_88200;
+    case 96000: return IEC958_AES3_CON_FS_96000;
+    case 176400: return IEC958_AES3_CON_FS_176400;
+    case 192000: return IEC958_AES3_CON_FS_192000;
+    case 768000: return IEC958_AES3_CON_FS_768000;
+    default: return IEC958_AES3_CON_FS_NOTID;
+    }
+}
+
+inline ChannelStatus channel_status(int rate, bool non_audio)
+{
+    const uint8_t sound = IEC958_AES0_CON_NOT_COPYRIGHT;
+    return {static_cast<uint8_t>(non_audio ? sound | IEC958_AES0_NONAUDIO : sound),
+            IEC958_AES1_CON_ORIGINAL | IEC958_AES1_CON_PCM_CODER, 0, status_rate_code(rate)};
+}
+
+/**
+ * ALSA's configuration gives the status of its digital outputs as arguments of
+ * their names. @return @p pcm with @p status among them, or unchanged for a
+ * name of another kind, and for one that says a status itself.
+ */
+inline std::string with_channel_status(const std::string& pcm, const ChannelStatus& status)
+{
+    const size_t colon = pcm.find(':');
+    const std::string base = pcm.substr(0, colon);
+    if ((base != "iec958" && base != "spdif" && base != "hdmi") || pcm.find("AES") != std::string::npos)
+        return pcm;
+    const bool braced = colon != std::string::npos && pcm.back() == '}';
+    char arguments[80];
+    snprintf(arguments, sizeof(arguments),
+             braced ? " AES0 0x%02x AES1 0x%02x AES2 0x%02x AES3 0x%02x "
+                    : "AES0=0x%02x,AES1=0x%02x,AES2=0x%02x,AES3=0x%02x",
+             status[0], status[1], status[2], status[3]);
+    if (braced)
+        return pcm.substr(0, pcm.size() - 1) + arguments + "}";
+    return pcm + (colon == std::string::npos ? ":" : ",") + arguments;
+}
+
+/// Sets @p status on a card that has a control for it: where the PCM's name does not say it. @return whether it did.
+bool set_status_control(int card, int device, const ChannelStatus& status);
+
+/// The first of @p frames frames of two words that begins a run of at least @p run zero frames; -1: there is none.
+inline int find_stuffing(const int16_t* words, int frames, int run)
+{
+    for (int frame = 0, zeros = 0; frame < frames; ++frame) {
+        zeros = words[2 * frame] == 0 && words[2 * frame + 1] == 0 ? zeros + 1 : 0;
+        if (zeros == run)
+            return frame + 1 - run;
+    }
+    return -1;
+}
+
+} // namespace hdmi_linux

@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: MIT
+#include "pulse_server.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "eventually.h"
+
+namespace
+{
+
+constexpr auto kStartLimit = std::chrono::seconds(20);
+constexpr int kRate = 48000;
+constexpr unsigned kLatencyUs = 40000;
+
+std::string socket_of(const std::string& folder) { return folder + "/native"; }
+
+// In the child: quiet, and gone when the test is gone.
+[[noreturn]] void become_server(const std::string& folder, const std::vector<std::string>& sinks)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int log = open((folder + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(log, STDOUT_FILENO);
+    dup2(log, STDERR_FILENO);
+    // Neither the user's settings nor a bus, and no library preloaded for the test.
+    for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "DISPLAY", "LD_PRELOAD"})
+        unsetenv(name);
+    std::vector<std::string> words = {"pulseaudio",
+                                      "-n",
+                                      "--daemonize=no",
+                                      "--exit-idle-time=-1",
+                                      "--use-pid-file=no",
+                                      "--disable-shm=yes",
+                                      "-L",
+                                      "module-native-protocol-unix auth-anonymous=1 socket=" + socket_of(folder)};
+    for (const std::string& sink : sinks) {
+        words.emplace_back("-L");
+        words.push_back("module-null-sink norewinds=1 format=s16le rate=48000 channels=2 sink_name=" + sink);
+    }
+    std::vector<char*> argv;
+    for (std::string& word : words)
+        argv.push_back(word.data());
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+    perror("pulseaudio");
+    _exit(127);
+}
+
+} // namespace
+
+PulseServer::PulseServer(std::vector<std::string> sinks, const std::string& more) : sinks_(std::move(sinks))
+{
+    char name[] = "/tmp/hdmiplayer-sound-XXXXXX";
+    if (mkdtemp(name) == nullptr)
+        throw std::runtime_error("no temporary folder");
+    folder_ = name;
+    std::ofstream config(folder_ + "/asound.conf");
+    for (const std::string& sink : sinks_) {
+        for (const char* suffix : {"", "_monitor"})
+            config << "pcm." << sink << suffix << " { type pulse server \"unix:" << socket_of(folder_) << "\" device \""
+                   << sink << (*suffix != '\0' ? ".monitor" : "") << "\" }\n";
+    }
+    config << more;
+    setenv("HOME", name, 1);
+    setenv("XDG_RUNTIME_DIR", name, 1);
+    setenv("ALSA_CONFIG_PATH", (folder_ + "/asound.conf").c_str(), 1);
+}
+
+PulseServer::~PulseServer()
+{
+    kill();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+bool PulseServer::start()
+{
+    pid_ = fork();
+    if (pid_ == 0)
+        become_server(folder_, sinks_);
+    bool gone = pid_ < 0;
+    const bool up = eventually(
+        [this, &gone] {
+            gone = gone || waitpid(pid_, nullptr, WNOHANG) == pid_;
+            return gone || reachable();
+        },
+        kStartLimit);
+    if (gone)
+        pid_ = -1;
+    if (up && !gone)
+        return true;
+    why_ = "no private sound server: " + log_tail();
+    kill();
+    return false;
+}
+
+void PulseServer::kill()
+{
+    if (pid_ <= 0)
+        return;
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    unlink(socket_of(folder_).c_str());
+}
+
+bool PulseServer::reachable() const
+{
+    if (access(socket_of(folder_).c_str(), R_OK) != 0)
+        return false;
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, sinks_.back().c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
+        return false;
+    snd_pcm_close(pcm);
+    return true;
+}
+
+std::string PulseServer::log_tail() const
+{
+    std::ifstream log(folder_ + "/log");
+    std::string line;
+    std::string last = "it says nothing";
+    while (std::getline(log, line))
+        last = line;
+    return last;
+}
+
+Recorder::Recorder(const std::string& pcm)
+{
+    if (snd_pcm_open(&pcm_, pcm.c_str(), SND_PCM_STREAM_CAPTURE, 0) < 0 ||
+        snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, kRate, 0, kLatencyUs) < 0)
+        throw std::runtime_error("cannot record " + pcm);
+    snd_pcm_start(pcm_);
+    thread_ = std::thread(&Recorder::run, this);
+    // What plays from here on is recorded.
+    eventually([this] { return !words().empty(); });
+}
+
+void Recorder::run()
+{
+    int16_t block[2 * 480];
+    while (!stop_) {
+        const snd_pcm_sframes_t frames = snd_pcm_readi(pcm_, block, 480);
+        if (frames < 0 && snd_pcm_recover(pcm_, static_cast<int>(frames), 1) < 0)
+            break;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        words_.insert(words_.end(), block, block + 2 * std::max<snd_pcm_sframes_t>(frames, 0));
+    }
+}
+
+std::vector<int16_t> Recorder::words() const
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return words_;
+}
+
+std::vector<int16_t> Recorder::left() const
+{
+    const std::vector<int16_t> both = words();
+    std::vector<int16_t> result;
+    for (size_t at = 0; at < both.size(); at += 2)
+        result.push_back(both[at]);
+    return result;
+}
+
+void Recorder::stop()
+{
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    if (pcm_ != nullptr)
+        snd_pcm_close(pcm_);
+    pcm_ = nullptr;
+}

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * A sound server of the test's own: null sinks that take sound in real time,
+ * whose monitors give it back, reached through ALSA's names "NAME" and
+ * "NAME_monitor". Nothing of the machine's or the user's sound is touched.
+ */
+#pragma once
+
+#include <alsa/asoundlib.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+class PulseServer
+{
+public:
+    /// Writes the ALSA configuration (with @p more in it) and sets the environment: before any thread starts.
+    PulseServer(std::vector<std::string> sinks, const std::string& more);
+    ~PulseServer();
+    PulseServer(const PulseServer&) = delete;
+    PulseServer& operator=(const PulseServer&) = delete;
+
+    /// @return whether the sinks can be opened; if not, why() tells.
+    bool start();
+    /// At once, as if it had crashed.
+    void kill();
+    const std::string& why() const { return why_; }
+    const std::string& folder() const { return folder_; }
+
+private:
+    bool reachable() const;
+    std::string log_tail() const;
+
+    std::vector<std::string> sinks_;
+    std::string folder_;
+    std::string why_;
+    pid_t pid_ = -1;
+};
+
+/// Records an ALSA device, in stereo at 48 kHz, on a thread of its own: independent of the code under test.
+class Recorder
+{
+public:
+    explicit Recorder(const std::string& pcm);
+    ~Recorder() { stop(); }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    /// The left channel so far.
+    std::vector<int16_t> left() const;
+    /// Both channels so far.
+    std::vector<int16_t> words() const;
+    void stop();
+
+private:
+    void run();
+
+    snd_pcm_t* pcm_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<int16_t> words_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
