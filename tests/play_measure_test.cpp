@@ -201,6 +201,23 @@ TEST_F(PlayMeasure, DecodedSoundIsComparedFromTheFirstWholeBurstOn)
     EXPECT_EQ(check_samples(recording, *coded, matches, end).mismatches, 1);
 }
 
+TEST_F(PlayMeasure, SilenceBehindTheLastBurstIsNoSoundTooMuch)
+{
+    std::string error;
+    auto coded = CodedProgramme::make(Coding::eac3, 48000, {60, 1}, 2 * second, &error);
+    ASSERT_NE(coded, nullptr) << error;
+    int64_t samples = coded->coded_end();
+    std::vector<int16_t> out = sound_of(*coded, 0, samples);
+    out.resize(out.size() + 2 * 4 * 960);
+    record(out, 48000, 100 * ms);
+    auto matches = match_beeps(recording, *coded, {0, 0});
+    int64_t link_end = samples * link_frames_per_sample(Coding::eac3);
+    EXPECT_TRUE(check_samples(recording, *coded, matches, link_end).passed());
+    out.back() = 1;
+    record(out, 48000, 100 * ms);
+    EXPECT_FALSE(check_samples(recording, *coded, matches, link_end).passed()) << "but it must be silence";
+}
+
 TEST_F(PlayMeasure, WhatADeviceThatWasOpenedAgainPlayedBeforeIsNotJudged)
 {
     Programme programme(48000, {60, 1}, 3 * second);

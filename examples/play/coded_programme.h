@@ -24,6 +24,7 @@ public:
     int audio_rate() const override { return m_programme.audio_rate(); }
     void audio(int64_t first, int16_t* stereo, int frames) const override { m_track.audio(first, stereo, frames); }
     Coding coding() const override { return m_track.coding(); }
+    int64_t coded_end() const override { return m_track.samples(); }
     void link(int64_t first, int16_t* words, int frames) const override { m_track.link(first, words, frames); }
 
     Rational fps() const override { return m_programme.fps(); }

@@ -296,9 +296,15 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
         return static_cast<double>(recording.written_before(match.position) - check.earlier);
     };
     check.first_source_sample = static_cast<double>(matches.front().source_sample) - played(matches.front()) / ratio;
-    check.in = samples_until(source.coding(), captured_end) - std::llround(check.first_source_sample);
-    if (source.coding() != Coding::pcm)
+    int64_t sent = samples_until(source.coding(), captured_end);
+    if (source.coding() != Coding::pcm) {
+        // The player hands the zeros behind the last burst on as silence.
+        double end = static_cast<double>(source.coded_end());
+        sent = std::min(sent, source.coded_end());
+        check.out = std::min<int64_t>(check.out, std::llround((end - check.first_source_sample) * ratio));
         check.settling = samples_to_burst(std::llround(check.first_source_sample)) + decoder_settling;
+    }
+    check.in = sent - std::llround(check.first_source_sample);
     // A device that is opened anew discards what waits behind the first block.
     if (check.earlier > 0)
         check.settling += check.block;

@@ -109,7 +109,7 @@ struct SampleCheck {
     int64_t earlier = 0;             ///< frames played before the device was opened last: not judged
     double first_source_sample = -1; ///< with which what is judged begins
     int64_t in = 0;                  ///< source samples from there to the last one captured
-    int64_t out = 0;                 ///< frames played from there
+    int64_t out = 0;                 ///< frames played from there, without the silence behind the source's end
     double missing = 0;              ///< frames that in x ratio is more than out
     int64_t block = 0;               ///< frames that may be missing: a block, of coded sound a burst
     int64_t settling = 0;            ///< frames at its beginning that are not compared

@@ -42,6 +42,7 @@ public:
 
     int audio_rate() const override { return m_audio_rate; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;
+    int64_t coded_end() const override { return m_track ? m_track->samples() : 0; }
     Coding coding() const override { return m_track ? m_track->coding() : Coding::pcm; }
     void link(int64_t first, int16_t* words, int frames) const override;
     Rational fps() const override { return m_fps; }

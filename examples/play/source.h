@@ -79,6 +79,8 @@ public:
     /// What passes on the link, two words a frame; burst k of a coded source begins with frame k x burst_link_frames().
     /// From any thread; does not block.
     virtual void link(int64_t first, int16_t* words, int frames) const { audio(first, words, frames); }
+    /// Coded: the sample after the last burst's; zeros follow it on the link.
+    virtual int64_t coded_end() const { return 0; }
     int link_rate() const { return audio_rate() * link_frames_per_sample(coding()); }
 
     /// The nominal frame rate.
