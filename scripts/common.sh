@@ -9,13 +9,14 @@ build_packages=(
     libavutil-dev libswresample-dev libdrm-dev                          # the library
     libsndfile1-dev libavcodec-dev libavformat-dev                      # the simulated platform
     libasound2-dev                                                      # the Linux platform
-    libswscale-dev libcli11-dev nlohmann-json3-dev                      # the play program
+    libswscale-dev libcli11-dev nlohmann-json3-dev libsdl2-dev          # the play program
     libgtest-dev                                                        # the tests
 )
 test_packages=(
     clang clang-format binutils git
     libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
     ffmpeg                                                              # makes the film files that are played
+    xvfb                                                                # a desktop for its window
 )
 
 is_installed() {

@@ -63,8 +63,9 @@ public:
     /// Starts it, once. @p screen and @p gate live until stop(). @return what the player is told; nothing, with one
     /// line in @p error, if it does not start
     virtual std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) = 0;
-    /// Paints a buffer's picture where the display reads it. On the thread that renders; takes its time.
-    virtual void paint(FrameBuffer* /*buffer*/) {}
+    /// Paints a buffer's picture, or @p image if there is one, where the display reads it. On the thread that renders,
+    /// before the player is given the buffer; takes its time.
+    virtual void paint(FrameBuffer* /*buffer*/, const Image* /*image*/) {}
     /// Shows a buffer at the coming vertical blank. From any thread; does not wait.
     virtual void present(FrameBuffer* buffer) = 0;
     /// Ends it; every buffer is the pool's again. For a display that does not run: nothing.
@@ -81,6 +82,7 @@ std::unique_ptr<Display> open_display(const Options& options, std::string* error
 std::unique_ptr<Display> open_simulated_display(const Options& options);
 std::unique_ptr<Display> open_no_display(const Options& options);
 std::unique_ptr<Display> open_kms_display(const Options& options, std::string* error);
+std::unique_ptr<Display> open_window_display(const Options& options, std::string* error);
 
 /// Gives a buffer that the display is done with back to the pool.
 inline void release(FrameBuffer* buffer) { FramePool::pass(buffer, Owner::display, Owner::free); }

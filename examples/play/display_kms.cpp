@@ -66,7 +66,7 @@ public:
     Size image_size() const override { return {m_card->mode().hdisplay, m_card->mode().vdisplay}; }
 
     std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override;
-    void paint(FrameBuffer* buffer) override;
+    void paint(FrameBuffer* buffer, const Image* image) override;
     void present(FrameBuffer* buffer) override;
     void stop() override;
     DisplayStats stats() const override;
@@ -136,13 +136,13 @@ std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate
     return hdmi_player_drm_info_t{m_card->fd(), static_cast<float>(m_refresh_hz)};
 }
 
-void KmsDisplay::paint(FrameBuffer* buffer)
+void KmsDisplay::paint(FrameBuffer* buffer, const Image* image)
 {
     auto* memory = static_cast<KmsBuffer*>(buffer->surface.get());
     if (memory == nullptr || !memory->current())
         buffer->surface = m_card->make_buffer();
     if (buffer->surface)
-        play::paint(buffer->picture, buffer->image.get(), buffer->surface->canvas());
+        play::paint(buffer->picture, image, buffer->surface->canvas());
 }
 
 void KmsDisplay::present(FrameBuffer* buffer)

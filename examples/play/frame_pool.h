@@ -37,8 +37,7 @@ struct FrameBuffer {
     std::atomic<Owner> owner{Owner::free};
     int64_t turn = 0; ///< how many the player had been given before this one
     Picture picture;
-    std::shared_ptr<const Image> image; ///< what to show, of a film on a display that shows colour
-    std::shared_ptr<Surface> surface;   ///< where it was painted, made by the display that reads it there
+    std::shared_ptr<Surface> surface; ///< where it was painted, made by the display that reads it there
 };
 
 /**

@@ -161,9 +161,8 @@ FrameBuffer* Host::fill(const VideoFrame& frame)
         return nullptr;
     }
     buffer->picture = frame.picture;
-    buffer->image = frame.image;
     if (m_config.paint)
-        m_config.paint(buffer);
+        m_config.paint(buffer, frame.image.get());
     return buffer;
 }
 

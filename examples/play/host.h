@@ -31,7 +31,7 @@ struct HostConfig {
 
     FlipGate* gate = nullptr; ///< of the display; outlives the host
     /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
-    std::function<void(FrameBuffer*)> paint;
+    std::function<void(FrameBuffer*, const Image*)> paint;
     /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it.
     std::function<void(FrameBuffer*)> present;
 };

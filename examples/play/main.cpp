@@ -134,7 +134,7 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
     config.sync = !options.no_sync;
     config.raw = options.raw;
     config.gate = gate;
-    config.paint = [display](FrameBuffer* buffer) { display->paint(buffer); };
+    config.paint = [display](FrameBuffer* buffer, const Image* image) { display->paint(buffer, image); };
     config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
     return config;
 }

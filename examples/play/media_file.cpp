@@ -20,10 +20,14 @@ namespace play
 namespace
 {
 
-/// Pictures decoded ahead: small ones, a few megabytes in all.
+/// Pictures decoded ahead: small ones, a few megabytes in all; and with images, some two hundred.
 constexpr size_t pictures_ahead = 600;
-/// Sound decoded ahead of the pictures, in a file that keeps the two far apart.
+constexpr size_t images_ahead = 50;
+/// Sound decoded ahead of the pictures, in a file that keeps the two far apart; less of it where images pile up for it.
 constexpr int64_t sound_ahead_ns = 2'000'000'000;
+constexpr int64_t sound_ahead_of_images_ns = 600'000'000;
+/// Larger images are left to the display to enlarge.
+constexpr Size largest_image{1280, 720};
 /// Of pictures and of sound: enough to start with. With less, not even the first full second could be measured.
 constexpr int64_t least_ns = 1'600'000'000;
 /// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
@@ -72,6 +76,7 @@ struct MediaDecoders {
     std::unique_ptr<AVCodecContext, CodecFreer> video;
     std::unique_ptr<AVCodecContext, CodecFreer> audio;
     std::unique_ptr<SwsContext, ScalerFreer> scaler;
+    std::unique_ptr<SwsContext, ScalerFreer> image_scaler;
     std::unique_ptr<SwrContext, ConverterFreer> converter;
     std::unique_ptr<AVFrame, FrameFreer> frame{av_frame_alloc()};
     std::unique_ptr<AVPacket, PacketFreer> packet{av_packet_alloc()};
@@ -172,6 +177,8 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
     return file;
 }
 
+void MediaFile::want_images(Size box) { m_image_box = box; }
+
 bool MediaFile::start(int64_t length_ns, std::string* error)
 {
     m_length_ns = length_ns;
@@ -179,7 +186,7 @@ bool MediaFile::start(int64_t length_ns, std::string* error)
     std::unique_lock<std::mutex> lock(m_mutex);
     auto pictures_ns = [this] { return m_frame_times.empty() ? 0 : m_frame_times.back(); };
     auto enough = [this, &pictures_ns] { return pictures_ns() >= least_ns && sound_ns() >= least_ns; };
-    m_changed.wait(lock, [this, &enough] { return m_ended || enough() || m_pictures.size() >= pictures_ahead; });
+    m_changed.wait(lock, [this, &enough] { return m_ended || enough() || !wants_more(); });
     if (!m_ended || enough())
         return true;
     char text[128];
@@ -272,12 +279,16 @@ void MediaFile::decode_thread()
 void MediaFile::wait_for_demand()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] {
-        // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
-        int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
-        bool sound_short = sound_ns() < present_ns + sound_ahead_ns;
-        return m_stop || m_pictures.size() < pictures_ahead || sound_short;
-    });
+    m_changed.wait(lock, [this] { return m_stop || wants_more(); });
+}
+
+bool MediaFile::wants_more() const
+{
+    bool images = m_image_box.width > 0;
+    // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
+    int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
+    return m_pictures.size() < (images ? images_ahead : pictures_ahead) ||
+           sound_ns() < present_ns + (images ? sound_ahead_of_images_ns : sound_ahead_ns);
 }
 
 void MediaFile::drain_decoders()
@@ -315,13 +326,9 @@ void MediaFile::take_video()
             out.source_ns =
                 to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.video_index)) - decoders.start_ns;
         decoders.next_video_ns = out.source_ns + second_ns * m_fps.den / m_fps.num;
-        decoders.scaler.reset(sws_getCachedContext(
-            decoders.scaler.release(), frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-            Picture::width, Picture::field_height, AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
-        uint8_t* rows[4] = {out.picture.field(), nullptr, nullptr, nullptr};
-        int strides[4] = {Picture::width, 0, 0, 0};
-        if (decoders.scaler)
-            sws_scale(decoders.scaler.get(), frame->data, frame->linesize, 0, frame->height, rows, strides);
+        make_field(&out.picture);
+        if (m_image_box.width > 0)
+            out.image = make_image();
         std::lock_guard<std::mutex> lock(m_mutex);
         bool in_order = m_frame_times.empty() || out.source_ns > m_frame_times.back();
         if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
@@ -332,6 +339,54 @@ void MediaFile::take_video()
         m_pictures.push_back(out);
         m_changed.notify_all();
     }
+}
+
+void MediaFile::make_field(Picture* picture)
+{
+    const AVFrame& frame = *m_decoders->frame;
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->scaler;
+    scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
+                                      static_cast<AVPixelFormat>(frame.format), Picture::width, Picture::field_height,
+                                      AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
+    uint8_t* rows[4] = {picture->field(), nullptr, nullptr, nullptr};
+    int strides[4] = {Picture::width, 0, 0, 0};
+    if (scaler)
+        sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, strides);
+}
+
+/// The decoded frame in colour, in the shape in which it is to be seen.
+std::shared_ptr<const Image> MediaFile::make_image()
+{
+    const AVFrame& frame = *m_decoders->frame;
+    AVRational pixel = frame.sample_aspect_ratio;
+    double width = pixel.num > 0 && pixel.den > 0 ? frame.width * av_q2d(pixel) : frame.width;
+    Size box{std::min(m_image_box.width, largest_image.width), std::min(m_image_box.height, largest_image.height)};
+    Size size = fit(width, frame.height, box);
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->image_scaler;
+    const SwsContext* before = scaler.get();
+    scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
+                                      static_cast<AVPixelFormat>(frame.format), size.width, size.height,
+                                      AV_PIX_FMT_0RGB32, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr));
+    if (!scaler)
+        return nullptr;
+    if (scaler.get() != before) {
+        // Without a word about its colours a large picture has those of HDTV.
+        constexpr int sd_height = 576;
+        int colours = frame.colorspace != AVCOL_SPC_UNSPECIFIED ? static_cast<int>(frame.colorspace)
+                      : frame.height > sd_height                ? SWS_CS_ITU709
+                                                                : SWS_CS_ITU601;
+        constexpr int unchanged = 1 << 16;
+        sws_setColorspaceDetails(scaler.get(), sws_getCoefficients(colours), frame.color_range == AVCOL_RANGE_JPEG,
+                                 sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, unchanged, unchanged);
+    }
+    auto image = std::make_shared<Image>();
+    image->width = size.width;
+    image->height = size.height;
+    image->pixels.resize(static_cast<size_t>(size.width) * static_cast<size_t>(size.height));
+    uint8_t* rows[4] = {reinterpret_cast<uint8_t*>(image->pixels.data()), nullptr, nullptr, nullptr};
+    int strides[4] = {size.width * 4, 0, 0, 0};
+    sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, strides);
+    return image;
 }
 
 void MediaFile::take_audio()

@@ -46,6 +46,7 @@ public:
     Coding coding() const override { return m_track ? m_track->coding() : Coding::pcm; }
     void link(int64_t first, int16_t* words, int frames) const override;
     Rational fps() const override { return m_fps; }
+    void want_images(Size box) override;
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
     std::vector<int64_t> marks() const override { return {}; }
@@ -57,6 +58,9 @@ private:
     void decode_thread();
     void wait_for_demand();
     void take_video();
+    void make_field(Picture* picture);
+    std::shared_ptr<const Image> make_image();
+    bool wants_more() const;
     void take_audio();
     void take_coded();
     void drain_decoders();
@@ -71,6 +75,7 @@ private:
     Rational m_fps{25, 1};
     std::string m_description;
     int64_t m_length_ns = 0;
+    Size m_image_box{0, 0}; ///< nothing: no images are wanted
 
     std::thread m_thread;
     mutable std::mutex m_mutex;

@@ -23,7 +23,7 @@ const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
 const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
 
 const std::map<std::string, DisplayKind> displays = {
-    {"sim", DisplayKind::sim}, {"none", DisplayKind::none}, {"kms", DisplayKind::kms}};
+    {"sim", DisplayKind::sim}, {"none", DisplayKind::none}, {"kms", DisplayKind::kms}, {"window", DisplayKind::window}};
 
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
@@ -80,10 +80,11 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str()
         ->excludes(file);
     app->add_option("--display-rate", texts->display_rate,
-                    "Vertical blanks per second: default 60; for kms that of the display's preferred mode");
+                    "Vertical blanks per second: default 60; for kms that of the display's preferred mode,\n"
+                    "for window the desktop's");
     app->add_option("--display", texts->display,
                     "Display: sim; none (no vertical blanks to pace on); kms or kms:/dev/dri/cardN (DRM/KMS: takes\n"
-                    "the whole screen, on a console that no desktop uses)")
+                    "the whole screen, on a console that no desktop uses); window (of a desktop)")
         ->capture_default_str();
     app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
         ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
@@ -107,7 +108,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_option("--display-latency", options->display_latency,
                     "From the vertical blank to light, in ms: what your panel needs, which is not measured. Default\n"
-                    "0 for kms, 76 for sim and none, the delay of the panels that the player allows for")
+                    "0 for kms and window, 76 for sim and none, the delay of the panels that the player allows for")
         ->check(CLI::Range(0, 1000));
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
@@ -162,7 +163,7 @@ std::string take_display(const Texts& texts, Options* options)
     size_t colon = texts.display.find(':');
     auto kind = displays.find(texts.display.substr(0, colon));
     if (kind == displays.end() || (colon != std::string::npos && kind->second != DisplayKind::kms))
-        return "--display: " + texts.display + " is none of sim, none, kms, kms:/dev/dri/cardN";
+        return "--display: " + texts.display + " is none of sim, none, kms, kms:/dev/dri/cardN, window";
     options->display = kind->second;
     if (colon == std::string::npos)
         return "";

@@ -15,7 +15,7 @@ namespace play
 constexpr int phase_anywhere = -1; ///< captures begin with what passes next
 constexpr int phase_random = -2;   ///< drawn for the run
 
-enum class DisplayKind { sim, none, kms };
+enum class DisplayKind { sim, none, kms, window };
 
 /// From the vertical blank to light, of the simulated panel: what the player allows for.
 constexpr int default_display_latency_ms = 76;
