@@ -409,8 +409,12 @@ void Playback::mend_loss(mutex_guard& guard)
     const uint64_t opening = opening_;
     const PcmRequest request = request_;
     Pcm pcm;
+    std::string why;
     // The player asks for the delay meanwhile, and may close.
-    const int err = open_unlocked(guard, request, &pcm);
+    guard.unlock();
+    const Config settings = current_config();
+    const int err = pcm.open(request, &why);
+    guard.lock();
     if (opening_ != opening || state_ != State::lost)
         return;
     const int64_t now = now_ns();
@@ -418,7 +422,7 @@ void Playback::mend_loss(mutex_guard& guard)
     if (err < 0)
         return;
     const int64_t position = heard(now);
-    install(std::move(pcm), request, current_config());
+    install(std::move(pcm), request, settings);
     resume_flow(position, now);
 }
 
