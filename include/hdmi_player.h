@@ -89,6 +89,12 @@
  * then at most half a burst, to either side. On PCM input there is nothing to
  * add.
  *
+ * A burst is decoded whole if its payload is not larger than one captured
+ * chunk, 3840 bytes (3584 at 44.1 kHz): AC-3 at every bit rate, E-AC-3 up to
+ * 960 kb/s (823 kb/s at 44.1 kHz, 640 kb/s at 32 kHz). Of a larger one what
+ * lies between its first and its last chunk is lost, and the sound is broken;
+ * RAW on S/PDIF or ARC passes it on whole.
+ *
  * ## Length of the video queue
  *
  * While the sound is on its way the frames wait, so `video_frame_queue_size`

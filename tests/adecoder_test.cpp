@@ -13,10 +13,6 @@
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <libavutil/crc.h>
-}
-
 #include "ac3_framer.h"
 #include "coded_audio.h"
 
@@ -90,9 +86,10 @@ size_t count_differences(const Pcm& a, const Pcm& b, size_t from, size_t to)
 }
 
 const Format kFormats[] = {
-    {AV_CODEC_ID_AC3, 48000, 2, 192000},   {AV_CODEC_ID_AC3, 44100, 2, 128000}, {AV_CODEC_ID_AC3, 32000, 1, 64000},
-    {AV_CODEC_ID_AC3, 48000, 6, 448000},   {AV_CODEC_ID_EAC3, 48000, 2, 96000}, {AV_CODEC_ID_EAC3, 44100, 6, 384000},
-    {AV_CODEC_ID_EAC3, 48000, 6, 1024000},
+    {AV_CODEC_ID_AC3, 48000, 2, 192000},   {AV_CODEC_ID_AC3, 44100, 2, 128000},
+    {AV_CODEC_ID_AC3, 32000, 1, 64000},    {AV_CODEC_ID_AC3, 48000, 6, 448000},
+    {AV_CODEC_ID_EAC3, 48000, 2, 96000},   {AV_CODEC_ID_EAC3, 44100, 6, 384000},
+    {AV_CODEC_ID_EAC3, 48000, 6, 1024000}, {AV_CODEC_ID_EAC3, 48000, 6, 384000, 300, true},
 };
 
 class AdecoderFormats : public testing::TestWithParam<Format>
@@ -103,9 +100,11 @@ TEST_P(AdecoderFormats, AnyCutInEitherByteOrderGivesWhatADirectDecodeGives)
 {
     const Format format = GetParam();
     const std::vector<Bytes> packets = coded_audio::encode(format, 12);
-    for (int channels : {2, 6}) {
+    for (int channels : {2, 6, 8}) {
         const Pcm expected = coded_audio::decode(format, packets, channels);
         ASSERT_EQ(12 * kFrame * static_cast<size_t>(channels), expected.size());
+        // Before the first dependent frame nobody knows that there are any: cut off, it comes too late.
+        const size_t known = format.extended_7_1 ? (kFrame + 256) * static_cast<size_t>(channels) : 0;
         for (const Bytes& stream : {coded_audio::join(packets), swap_words(coded_audio::join(packets))}) {
             std::mt19937 random(5);
             for (size_t most : {size_t{1}, size_t{40}, size_t{5000}}) {
@@ -114,7 +113,8 @@ TEST_P(AdecoderFormats, AnyCutInEitherByteOrderGivesWhatADirectDecodeGives)
                 ASSERT_NE(nullptr, decoder);
                 EXPECT_EQ(0, adecoder_get_output_sample_rate(decoder.get()));
                 const Pcm pcm = play(decoder.get(), stream, [&] { return 1 + random() % most; });
-                EXPECT_TRUE(expected == pcm) << channels << " channels, pieces up to " << most;
+                EXPECT_EQ(0u, count_differences(expected, pcm, known, std::max(expected.size(), pcm.size())))
+                    << channels << " channels, pieces up to " << most;
                 EXPECT_EQ(format.rate, adecoder_get_output_sample_rate(decoder.get()));
             }
         }
@@ -185,7 +185,7 @@ const Damage kDamages[] = {
 
 TEST(Adecoder, DamagedFrameCostsItsOwnDurationAndNothingAfter)
 {
-    for (const Format& format : {kFormats[0], kFormats[1], kFormats[3], kFormats[4], kFormats[6]}) {
+    for (const Format& format : {kFormats[0], kFormats[1], kFormats[3], kFormats[4], kFormats[6], kFormats[7]}) {
         const std::vector<Bytes> good = coded_audio::encode(format, 12);
         const Pcm expected = coded_audio::decode(format, good, 2);
         for (const Damage& damage : kDamages) {
@@ -332,9 +332,7 @@ Bytes make_frame(int type, int substream, size_t bytes)
     frame[3] = static_cast<uint8_t>(words);
     frame[4] = 0x34;
     frame[5] = 0x80;
-    const uint32_t crc = av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame.data() + 2, bytes - 4);
-    frame[bytes - 2] = static_cast<uint8_t>(crc);
-    frame[bytes - 1] = static_cast<uint8_t>(crc >> 8);
+    coded_audio::set_check_sum(&frame);
     return frame;
 }
 

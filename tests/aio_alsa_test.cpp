@@ -47,6 +47,7 @@ std::vector<int16_t> numbered(int64_t first, int frames)
 struct Stretch {
     int first;
     int last;
+    int frames;
 };
 std::vector<Stretch> stretches(const std::vector<int16_t>& recorded)
 {
@@ -55,9 +56,9 @@ std::vector<Stretch> stretches(const std::vector<int16_t>& recorded)
         if (number == 0)
             continue;
         if (!runs.empty() && number == runs.back().last % kNumbers + 1)
-            runs.back().last = number;
+            runs.back() = {runs.back().first, number, runs.back().frames + 1};
         else
-            runs.push_back({number, number});
+            runs.push_back({number, number, 1});
     }
     return runs;
 }
@@ -272,6 +273,194 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceFailsAtOnceAndComesBack)
     EXPECT_GT(capture_stats().recoveries, 0);
 }
 
+// --- Raw pass-through ------------------------------------------------------------------
+
+// Sends frame numbers into an ALSA device, as the other end of the capture's link.
+class Feeder
+{
+public:
+    explicit Feeder(const char* pcm)
+    {
+        EXPECT_EQ(snd_pcm_open(&pcm_, pcm, SND_PCM_STREAM_PLAYBACK, 0), 0);
+        EXPECT_EQ(snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, kRate, 0, 100000),
+                  0);
+        thread_ = std::thread([this] {
+            for (int64_t sent = 0; !stop_; sent += kPeriod)
+                snd_pcm_writei(pcm_, numbered(sent, kPeriod).data(), kPeriod);
+        });
+    }
+    ~Feeder()
+    {
+        stop_ = true;
+        thread_.join();
+        snd_pcm_close(pcm_);
+    }
+
+private:
+    snd_pcm_t* pcm_ = nullptr;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
+{
+    playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    Recorder output("digital_monitor");
+    const Feeder link("link");
+    capture_.pcm_name = "link_monitor";
+    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    // Nobody reads.
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(write_numbered(1), kBlockBytes) << "goes nowhere";
+        const std::vector<Stretch> runs = stretches(output.left());
+        return !runs.empty() && runs[0].frames > kRate / 2;
+    }));
+    EXPECT_EQ(stretches(output.left()).size(), 1u) << "one unbroken stretch, none of the playback's sound in it";
+    EXPECT_TRUE(hdmi_linux::bypass_stats().active);
+    EXPECT_EQ(hdmi_linux::bypass_stats().dropped, 0);
+    EXPECT_TRUE(playback_stats().lost) << "the data have the output";
+    // The player reads the same.
+    std::vector<int16_t> block(2 * kPeriod);
+    std::vector<int16_t> read;
+    for (int blocks = 0; blocks < 8; ++blocks) {
+        ASSERT_EQ(aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes), kBlockBytes);
+        for (size_t at = 0; at < block.size(); at += 2)
+            read.push_back(block[at]);
+    }
+    ASSERT_EQ(stretches(read).size(), 1u);
+    EXPECT_EQ(stretches(read)[0].frames, 8 * kPeriod);
+    BlockedCall<int> blocked([&] {
+        std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
+        return aio_device_read(&capture_, minute.data(), static_cast<int>(minute.size()));
+    });
+    ASSERT_TRUE(blocked.asleep());
+    ASSERT_EQ(aio_device_close(&capture_), 0);
+    EXPECT_LT(blocked.result(), 0);
+    EXPECT_FALSE(hdmi_linux::bypass_stats().active);
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }))
+        << "sound again";
+}
+
+// What the digital output's receiver reads in the channel status: AES0 to AES3, from the left subframes of one block.
+std::vector<int> received_status(const std::string& file)
+{
+    std::ifstream stream(file, std::ios::binary);
+    std::vector<uint32_t> words(4096);
+    stream.read(reinterpret_cast<char*>(words.data()), static_cast<std::streamsize>(words.size() * 4));
+    constexpr uint32_t kBlockStart = 0x8;
+    constexpr uint32_t kStatusBit = 0x40000000;
+    const auto start =
+        std::find_if(words.begin(), words.end(), [](uint32_t word) { return (word & 0xF) == kBlockStart; });
+    std::vector<int> bytes(4);
+    if (words.end() - start >= 64)
+        for (int bit = 0; bit < 32; ++bit)
+            bytes[bit / 8] |= (start[2 * bit] & kStatusBit) != 0 ? 1 << bit % 8 : 0;
+    return bytes;
+}
+
+TEST_F(AioAlsaTest, ADigitalOutputSaysItsRateAndWhetherItCarriesData)
+{
+    const std::string file = g_server->folder() + "/subframes";
+    playback_.device_id = E_AUDIO_IO_DEV_SPDIF;
+    playback_.sample_rate = 44100;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    ASSERT_EQ(write_numbered(2), kBlockBytes);
+    aio_device_close(&playback_);
+    EXPECT_EQ(received_status(file), (std::vector<int>{0x04, 0x82, 0x00, 0x00})) << "sound at 44.1 kHz";
+    // The player closed it as the last output before pass-through.
+    const Feeder link("link");
+    capture_.pcm_name = "link_monitor";
+    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    EXPECT_TRUE(eventually([&] {
+        return received_status(file) == std::vector<int>{0x06, 0x82, 0x00, 0x02};
+    })) << "data at 48 kHz";
+    aio_device_close(&capture_);
+}
+
+TEST(Iec958, StatusGoesIntoNamesThatTakeIt)
+{
+    const hdmi_linux::ChannelStatus data = hdmi_linux::channel_status(32000, true);
+    using hdmi_linux::with_channel_status;
+    EXPECT_EQ(with_channel_status("iec958", data), "iec958:AES0=0x06,AES1=0x82,AES2=0x00,AES3=0x03");
+    EXPECT_EQ(with_channel_status("hdmi:CARD=PCH,DEV=1", data),
+              "hdmi:CARD=PCH,DEV=1,AES0=0x06,AES1=0x82,AES2=0x00,AES3=0x03");
+    EXPECT_EQ(with_channel_status("spdif:{CARD 1}", data), "spdif:{CARD 1 AES0 0x06 AES1 0x82 AES2 0x00 AES3 0x03 }");
+    for (const char* other : {"hw:1,3", "iec958:AES0=0x02", "iec958_out"})
+        EXPECT_EQ(with_channel_status(other, data), other);
+}
+
+TEST(Iec958, StuffingIsALongRunOfZeroFrames)
+{
+    std::vector<int16_t> words(2 * 100, 1);
+    EXPECT_EQ(hdmi_linux::find_stuffing(words.data(), 100, 10), -1);
+    std::fill_n(words.begin() + 2 * 20, 2 * 9, 0);
+    EXPECT_EQ(hdmi_linux::find_stuffing(words.data(), 100, 10), -1);
+    std::fill_n(words.begin() + 2 * 90, 2 * 10, 0);
+    EXPECT_EQ(hdmi_linux::find_stuffing(words.data(), 100, 10), 90);
+    EXPECT_EQ(hdmi_linux::find_stuffing(words.data(), 99, 10), -1);
+}
+
+// --- Configuration ----------------------------------------------------------------------
+
+TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
+{
+    hdmi_linux::Config config;
+    std::vector<std::string> errors;
+    hdmi_linux::parse_config("# outputs\n"
+                             "speaker = hw:0,0   # the amplifier\n"
+                             "speaker.mixer=Digital\n"
+                             "  spdif.resample = maybe\n"
+                             "loudspeaker = hw:1\n"
+                             "hdmi_in.mixer = Capture\n"
+                             "hdmi_arc =\n"
+                             "mic01\n"
+                             "start_periods = 8x\n"
+                             "start_periods = 3\n"
+                             "raw_output = speaker\r\n"
+                             "speaker = hw:2\n"
+                             "headphone.resample = no",
+                             "a.conf", &config, &errors);
+    const std::vector<std::string> expected = {
+        "a.conf:4: spdif.resample: 'maybe' is neither yes nor no",
+        "a.conf:5: loudspeaker: unknown key",
+        "a.conf:6: hdmi_in.mixer: unknown key",
+        "a.conf:7: hdmi_arc: no value",
+        "a.conf:8: mic01: no value",
+        "a.conf:9: start_periods: '8x' is not a number from 1 to 7",
+        "a.conf:10: start_periods: set in line 9 already",
+        "a.conf:11: raw_output: 'speaker' is neither spdif nor hdmi_arc",
+        "a.conf:12: speaker: set in line 2 already",
+    };
+    EXPECT_EQ(errors, expected);
+    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].pcm, "hw:0,0");
+    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].mixer, "Digital");
+    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm, "hdmi");
+    EXPECT_FALSE(config.audio[E_AUDIO_IO_DEV_HEADPHONE].resample);
+    EXPECT_EQ(config.start_periods, 2);
+}
+
+TEST(LinuxConfig, IsCheckedAgainstTheMachine)
+{
+    const std::string path = g_server->folder() + "/linux.conf";
+    setenv("HDMIPLAYER_LINUX_CONFIG", path.c_str(), 1);
+    std::string error;
+    EXPECT_FALSE(hdmi_linux::check_config(&error)) << "named, but not there";
+    EXPECT_EQ(error, path + ": cannot be read: No such file or directory\n");
+    std::ofstream(path) << "i2s_txa = nowhere\nmic01 = link_monitor\ncec = /dev/nothing\n";
+    EXPECT_FALSE(hdmi_linux::check_config(&error));
+    EXPECT_EQ(error, path +
+                         ":1: i2s_txa: 'nowhere' cannot be opened: No such file or directory (Unknown PCM nowhere)\n" +
+                         path + ":3: cec: '/dev/nothing' is not there: No such file or directory\n");
+    std::ofstream(path) << "i2s_txa = other\nspeaker = nowhere\n";
+    EXPECT_TRUE(hdmi_linux::check_config(&error)) << "the environment names another speaker: " << error;
+    std::ofstream(path) << std::string(100000, '#');
+    EXPECT_FALSE(hdmi_linux::check_config(nullptr)) << "too long to be one";
+    unsetenv("HDMIPLAYER_LINUX_CONFIG");
+}
+
 // --- Volume ---------------------------------------------------------------------------
 
 TEST_F(AioAlsaTest, VolumeAndMuteScaleTheSamplesWhereThereIsNoMixer)
@@ -322,13 +511,31 @@ TEST(AlsaVolume, PercentIsEvenToTheEar)
 
 } // namespace
 
+// ALSA's names beside those of the server's sinks: a device of one rate, and a digital output whose subframes go to a
+// file.
+std::string more_devices(const std::string& folder)
+{
+    return "pcm.fixed44 { type plug slave { pcm { type null } rate 44100 } }\n"
+           "pcm.iec958 {\n"
+           "    @args [ AES0 AES1 AES2 AES3 ]\n"
+           "    @args.AES0 { type integer } @args.AES1 { type integer }\n"
+           "    @args.AES2 { type integer } @args.AES3 { type integer }\n"
+           "    type iec958\n"
+           "    slave { format IEC958_SUBFRAME_LE pcm { type file format raw file \"" +
+           folder +
+           "/subframes\" slave.pcm { type null } } }\n"
+           "    status [ $AES0 $AES1 $AES2 $AES3 ]\n"
+           "}\n";
+}
+
 int main(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
-    PulseServer server({"out", "other", "link"}, "pcm.fixed44 { type plug slave { pcm { type null } rate 44100 } }\n");
+    PulseServer server({"out", "other", "link", "digital"}, more_devices);
     g_server = &server;
     setenv("HDMIPLAYER_ALSA_SPEAKER", "out", 1);
     setenv("HDMIPLAYER_ALSA_HEADPHONE", "other", 1);
+    setenv("HDMIPLAYER_ALSA_HDMI_ARC", "digital", 1);
     setenv("HDMIPLAYER_ALSA_HDMI_IN", "out_monitor", 1);
     if (!server.start()) {
         std::cout << "SKIPPED: " << server.why() << std::endl;

@@ -20,8 +20,6 @@ namespace
 
 const coded_audio::Format kAc3 = {AV_CODEC_ID_AC3, 44100, 2, 192000};
 const coded_audio::Format kEac3 = {AV_CODEC_ID_EAC3, 48000, 6, 448000};
-const coded_audio::Format kDenseEac3 = {AV_CODEC_ID_EAC3, 48000, 2,
-                                        3024000}; // one block to a frame, six frames a burst
 
 Coding coding(const coded_audio::Format& format)
 {
@@ -56,7 +54,10 @@ int64_t frames_of(const Bitstream& stream)
 
 TEST(Bursts, OnTheLinkAreWhatTheMuxerMakes)
 {
-    for (const coded_audio::Format& format : {kAc3, kEac3, kDenseEac3}) {
+    const coded_audio::Format two_frames_in_burst = {AV_CODEC_ID_EAC3, 48000, 2, 1536000};
+    const coded_audio::Format three_frames_in_burst = {AV_CODEC_ID_EAC3, 48000, 2, 3024000};
+    const coded_audio::Format dependent_frames = {AV_CODEC_ID_EAC3, 48000, 6, 384000, 300, true};
+    for (const auto& format : {kAc3, kEac3, two_frames_in_burst, three_frames_in_burst, dependent_frames}) {
         const std::vector<Bytes> packets = coded_audio::encode(format, 12);
         const Bytes expected = coded_audio::mux_bursts(format, packets);
         const Bitstream stream = pack(format, packets);

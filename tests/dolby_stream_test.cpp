@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "burst_geometry.h"
 #include "coded_audio.h"
 #include "internal/dolby.h"
 #include "platform_hooks.h"
@@ -15,61 +16,38 @@
 namespace
 {
 
+using burst_geometry::Burst;
+using burst_geometry::Cuts;
+using burst_geometry::kPreambleBytes;
 using coded_audio::Bytes;
 
-constexpr size_t kPreamble = 8;
 constexpr size_t kAc3Burst = 6144;
 constexpr size_t kEac3Burst = 24576;
-
-struct Burst {
-    size_t start, payload, end; ///< byte positions: preamble, end of the payload, end of the burst
-};
 
 struct Stream {
     Bytes bytes;
     std::vector<Burst> bursts;
 
-    void add(const coded_audio::Format& format, int count)
+    // All frames of a stream have one size here.
+    void add(const coded_audio::Format& format, size_t count, size_t frames_in_burst = 1)
     {
-        const std::vector<Bytes> packets = coded_audio::encode(format, count);
+        const std::vector<Bytes> packets = coded_audio::encode(format, static_cast<int>(count * frames_in_burst));
         const size_t period = format.codec == AV_CODEC_ID_AC3 ? kAc3Burst : kEac3Burst;
-        for (const Bytes& packet : packets) {
-            const size_t start = bytes.size() + period * static_cast<size_t>(&packet - packets.data());
-            bursts.push_back({start, start + kPreamble + packet.size(), start + period});
+        for (size_t i = 0; i < count; ++i) {
+            const size_t start = bytes.size() + period * i;
+            bursts.push_back({start, start + kPreambleBytes + frames_in_burst * packets[0].size()});
         }
         const Bytes muxed = coded_audio::mux_bursts(format, packets);
-        ASSERT_EQ(period * packets.size(), muxed.size());
+        ASSERT_EQ(period * count, muxed.size());
         bytes.insert(bytes.end(), muxed.begin(), muxed.end());
     }
 };
 
-// Ends of the chunks that a stream is cut into, ascending, the last one the stream's.
-using Cuts = std::vector<size_t>;
-
-// The payload bytes that arrive: of each burst those in the chunk that completes its preamble and those in
-// the chunk that its payload ends in; what lies between is dropped. The decoder is there from the first
-// stretch sent with the data type of its own burst, which is the one behind a preamble.
-Bytes arriving(const Stream& stream, const Cuts& cuts)
+Bytes arriving_bytes(const Stream& stream, const Cuts& cuts)
 {
     Bytes expected;
-    bool decoding = false;
-    const auto end_of_chunk = [&cuts](size_t position) {
-        return *std::upper_bound(cuts.begin(), cuts.end(), position);
-    };
-    for (const Burst& burst : stream.bursts) {
-        const size_t head = burst.start + kPreamble;
-        const size_t head_end = std::min(end_of_chunk(head - 1), burst.payload);
-        decoding = decoding || head_end > head;
-        if (!decoding)
-            continue;
-        const size_t last_end = end_of_chunk(burst.payload - 1);
-        const auto last = std::lower_bound(cuts.begin(), cuts.end(), last_end);
-        const size_t last_start = last == cuts.begin() ? 0 : *std::prev(last);
-        const size_t tail = std::max(head_end, last_start);
-        const auto at = [&stream](size_t position) { return stream.bytes.begin() + static_cast<ptrdiff_t>(position); };
-        expected.insert(expected.end(), at(head), at(head_end));
-        expected.insert(expected.end(), at(tail), at(burst.payload));
-    }
+    for (const burst_geometry::Stretch& stretch : burst_geometry::arriving(stream.bursts, cuts))
+        expected.insert(expected.end(), stream.bytes.data() + stretch.begin, stream.bytes.data() + stretch.end);
     return expected;
 }
 
@@ -77,7 +55,7 @@ Bytes arriving(const Stream& stream, const Cuts& cuts)
 int32_t expected_result(const Stream& stream, size_t chunk_end)
 {
     for (const Burst& burst : stream.bursts) {
-        if (chunk_end > burst.start && chunk_end < burst.start + kPreamble)
+        if (chunk_end > burst.start && chunk_end < burst.start + kPreambleBytes)
             return -1;
     }
     return 0;
@@ -91,8 +69,9 @@ protected:
         setenv("debug_hdmiplayer_log_level", "0", 1);
         stream = new Stream();
         stream->add({AV_CODEC_ID_AC3, 48000, 2, 192000}, 2);
-        stream->add({AV_CODEC_ID_EAC3, 48000, 6, 1024000}, 1);
+        stream->add({AV_CODEC_ID_EAC3, 48000, 6, 1536000}, 1, 2);
         stream->add({AV_CODEC_ID_AC3, 48000, 6, 640000}, 2);
+        stream->add({AV_CODEC_ID_EAC3, 48000, 2, 3024000}, 1, 3);
         stream->add({AV_CODEC_ID_EAC3, 48000, 2, 96000}, 1);
     }
     static void TearDownTestSuite()
@@ -129,7 +108,7 @@ protected:
             start = end;
         }
         EXPECT_EQ(0u, wrong_results);
-        EXPECT_TRUE(arriving(*stream, cuts) == arrived);
+        EXPECT_TRUE(arriving_bytes(*stream, cuts) == arrived);
         EXPECT_EQ(0u, info.iec61937_payload_insufficient_bytes + info.iec61937_burst_insufficient_bytes);
     }
 

@@ -82,9 +82,14 @@ if [ "${2:-}" != quick ]; then
     refuses --bitstream ac3 --chunk-phase 6
 
     if command -v ffmpeg >/dev/null; then
-        ffmpeg -v error -f lavfi -i testsrc=size=320x240:rate=25:duration=3 -f lavfi -i anoisesrc=duration=3 \
-            -c:v libx264 -c:a aac -movflags +faststart "$folder/film.mp4" </dev/null
-        passes film "$folder/film.mp4"
+        film=(-f lavfi -i testsrc=size=320x240:rate=25:duration=3 -f lavfi -i anoisesrc=duration=3
+            -c:v libx264 -movflags +faststart)
+        ffmpeg -v error "${film[@]}" -c:a aac "$folder/film.mp4" </dev/null
+        ffmpeg -v error "${film[@]}" -c:a eac3 -ac 6 "$folder/coded.mp4" </dev/null
+        passes film "$folder/film.mp4" &
+        passes coded "$folder/coded.mp4" &
+        wait
+        grep -q 'sent as E-AC-3' "$folder/coded.txt" || fail "a film's E-AC-3 is not sent as it is"
         head -c 12000 "$folder/film.mp4" >"$folder/cut.mp4"
         refuses "$folder/cut.mp4"
     else

@@ -115,6 +115,7 @@ void Host::stop_video()
 
 void Host::drain_audio()
 {
+    m_drained_ns = now_ns() + m_config.drain_ns;
     m_audio_draining = true;
     if (m_audio.joinable())
         m_audio.join();
@@ -233,7 +234,7 @@ void Host::audio_thread()
     pthread_setname_np(pthread_self(), "host_audio");
     hdmi_player_audio_frame_t last = {};
     int dry = 0;
-    while (!m_audio_draining || dry < dry_pulls) {
+    while (!m_audio_draining || (dry < dry_pulls && now_ns() < m_drained_ns)) {
         hdmi_player_audio_frame_t* block = nullptr;
         if (hdmi_player_get_pcm(&block, pull_timeout_ms) != 0) {
             dry++;

@@ -29,6 +29,8 @@ struct HostConfig {
     bool raw = false;           ///< compressed sound goes to the output as it is
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
+    int64_t drain_ns = 5'000'000'000; ///< after the signal's end its sound must run dry in that time, or is cut off
+
     FlipGate* gate = nullptr; ///< of the display; outlives the host
     /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
     std::function<void(FrameBuffer*, const Image*)> paint;
@@ -115,6 +117,7 @@ private:
     std::atomic<bool> m_video_stop{false};
     std::atomic<bool> m_video_running{false};
     std::atomic<bool> m_audio_draining{false};
+    std::atomic<int64_t> m_drained_ns{0}; ///< when draining ends at the latest
 
     std::atomic<int64_t> m_resets{0};
     std::atomic<int64_t> m_reset_ns{0};

@@ -43,6 +43,8 @@ constexpr int64_t settling_ns = 700 * ms;
 constexpr int64_t tail_ns = 700 * ms;
 /// Instants of the source this close to its end are not judged: they may be cut off.
 constexpr int64_t ending_ns = 550 * ms;
+/// What is on its way from a real capture device to the output.
+constexpr int64_t real_drain_ns = 300 * ms;
 /// Above ordinary threads, below the player's own capture and output.
 constexpr int realtime_priority = 20;
 constexpr int programme_audio_rate = 44100;
@@ -65,8 +67,10 @@ public:
     {
         if (m_directory.empty())
             return;
-        unlink(m_path.c_str());
-        unlink((m_path + ".blocks.csv").c_str());
+        for (const std::string& sound : {m_path, sent_path(m_path)}) {
+            unlink(sound.c_str());
+            unlink((sound + ".blocks.csv").c_str());
+        }
         rmdir(m_directory.c_str());
     }
     RecordingFile(const RecordingFile&) = delete;
@@ -121,7 +125,7 @@ bool prepare_process(const Options& options, std::string* error)
     setenv("debug_hdmiplayer_log_level", "1", 0);
     if (options.no_sync)
         setenv("debug_hdmiplayer_disable_avsync", "1", 1);
-    return Stage::enter_namespaces(error);
+    return Stage::prepare(options, error);
 }
 
 HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate)
@@ -133,6 +137,9 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
     config.video_start_ns = options.video_start_ms * ms;
     config.sync = !options.no_sync;
     config.raw = options.raw;
+    // A device goes on with silence when its source has ended.
+    if (!options.capture.empty())
+        config.drain_ns = real_drain_ns;
     config.gate = gate;
     config.paint = [display](FrameBuffer* buffer, const Image* image) { display->paint(buffer, image); };
     config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
@@ -156,56 +163,109 @@ void watch(const Host& host, const Display& display)
     progress.finish();
 }
 
-/// Everything that the observers recorded, as figures.
-void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen,
-              const Recording& recording, Result* result)
+/// What came out of the sound device, and what the player had given it: without an observer, the same.
+struct Sound {
+    Recording heard;
+    Recording sent;
+};
+
+/// Sound of the source, found in a recording.
+std::vector<SoundMatch> find_sound(const Recording& recording, const Source& source, SourceClock clock, int64_t last_ns)
+{
+    if (recording.frames() == 0)
+        return {};
+    return source.marks().empty() ? match_waveform(recording, source, clock, last_ns)
+                                  : match_beeps(recording, source, clock);
+}
+
+/// Names of hardware: nothing on the way changes a sample.
+bool is_hardware(const std::string& device) { return device.rfind("hw:", 0) == 0; }
+
+CapturePath capture_path(const Result& result)
+{
+    const Options& options = result.options;
+    bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
+    return {result.stage.link.captured_end, transparent};
+}
+
+/// From this instant until that one the player has settled, and nothing is cut off.
+struct Judged {
+    int64_t from_ns;
+    int64_t last_ns;
+    bool holds(int64_t at_ns) const { return at_ns >= from_ns && at_ns + ending_ns < last_ns; }
+};
+
+void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound, Judged judged,
+                    Result* result)
+{
+    bool by_marks = !source.marks().empty();
+    std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
+    for (const Offset& offset : measure_offsets(matches, sound.heard, screen.sightings(), source, clock, by_marks))
+        if (judged.holds(offset.source_ns))
+            result->offsets.push_back(offset);
+    if (sound.heard.frames() > 0)
+        for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(judged.last_ns))
+            result->instants += judged.holds(at_ns) ? 1 : 0;
+    result->offset = summarise(result->offsets);
+    std::vector<double> sound_ms;
+    std::vector<double> picture_ms;
+    for (const Offset& offset : result->offsets) {
+        sound_ms.push_back(offset.sound_ms);
+        picture_ms.push_back(offset.picture_ms);
+    }
+    result->sound_latency = summarise_latency(sound_ms);
+    result->picture_latency = summarise_latency(picture_ms);
+    if (!result->options.observe.empty())
+        matches = find_sound(sound.sent, source, clock, judged.last_ns);
+    result->samples = check_samples(sound.sent, source, matches, capture_path(*result));
+}
+
+void evaluate_pictures(const Source& source, const Host& host, const Screen& screen, Judged judged, Result* result)
 {
     std::vector<Sighting> all = screen.sightings();
-    int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
-    result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
-    int64_t from_ns = clock.to_source(reset_ns + settling_ns);
-    // Of what was sent, not of what was seen: a picture that freezes must not end the judgement.
-    int64_t last_ns = host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0;
-
-    auto judged = [from_ns, last_ns](int64_t at_ns) { return at_ns >= from_ns && at_ns + ending_ns < last_ns; };
-
-    bool by_marks = !source.marks().empty();
-    bool heard = recording.frames() > 0;
-    std::vector<SoundMatch> matches = !heard     ? std::vector<SoundMatch>{}
-                                      : by_marks ? match_beeps(recording, source, clock)
-                                                 : match_waveform(recording, source, clock, last_ns);
-    for (const Offset& offset : measure_offsets(matches, recording, all, source, clock, by_marks))
-        if (judged(offset.source_ns))
-            result->offsets.push_back(offset);
-    if (heard)
-        for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(last_ns))
-            result->instants += judged(at_ns) ? 1 : 0;
-    result->offset = summarise(result->offsets);
-    std::vector<double> sound;
-    std::vector<double> picture;
-    for (const Offset& offset : result->offsets) {
-        sound.push_back(offset.sound_ms);
-        picture.push_back(offset.picture_ms);
-    }
-    result->sound_latency = summarise_latency(sound);
-    result->picture_latency = summarise_latency(picture);
-
     // The last picture stays until the display ends.
     for (const Sighting& sighting : all) {
         int64_t at_ns = source.frame_ns(sighting.number);
-        if (at_ns >= from_ns && sighting.number != all.back().number)
+        if (at_ns >= judged.from_ns && sighting.number != all.back().number)
             result->sightings.push_back(sighting);
     }
     Stretch due = {host.last_picture() + 1, -1};
     for (int64_t number = 0; number <= host.last_picture(); number++)
-        if (judged(source.frame_ns(number)))
+        if (judged.holds(source.frame_ns(number)))
             due = {std::min(due.first, number), number};
     result->cadence = measure_cadence(result->sightings, due, result->display_hz / source.fps().value());
     result->unreadable = screen.unreadable();
-    result->samples = check_samples(recording, source, matches, result->stage.captured_end);
-    int64_t settled_sound_ns = result->stage.first_write_ns + second_ns;
-    result->early_gaps = recording.gaps(0, settled_sound_ns);
-    result->gaps = recording.gaps(settled_sound_ns, result->signal_end_ns);
+}
+
+/// Underruns and overruns: simulated devices show them in the recording, real ones have counted them.
+void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result* result)
+{
+    int64_t settled_ns = result->stage.sound.first_write_ns + second_ns;
+    bool real = !result->options.playback.empty();
+    result->early_gaps = real ? troubles.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
+    result->gaps = real ? troubles.playback.count(settled_ns, result->signal_end_ns)
+                        : sound.heard.gaps(settled_ns, result->signal_end_ns);
+    result->overruns = result->options.capture.empty() ? result->stage.link.overruns
+                                                       : troubles.capture.count(settled_ns, result->signal_end_ns);
+    for (const Disturbance& disturbance : troubles.capture.all())
+        result->recoveries.push_back({"capture", disturbance, sound_back_ns(sound.heard, disturbance.at_ns)});
+    for (const Disturbance& disturbance : troubles.playback.all())
+        result->recoveries.push_back({"playback", disturbance, sound_back_ns(sound.heard, disturbance.at_ns)});
+}
+
+/// Everything that the observers recorded, as figures.
+void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen, const Sound& sound,
+              const DeviceTroubles& troubles, Result* result)
+{
+    int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
+    result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
+    // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
+    Judged judged = {clock.to_source(reset_ns + settling_ns),
+                     host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
+    if (!result->options.foreign_source())
+        evaluate_sound(source, clock, screen, sound, judged, result);
+    evaluate_pictures(source, host, screen, judged, result);
+    evaluate_devices(sound, troubles, result);
 }
 
 /// Plays the source to its end. @return false with one line in @p error
@@ -215,19 +275,21 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     FlipGate gate(display->refresh_hz());
     Stage stage(result->options, source, wav_path);
     std::unique_ptr<Host> host;
-    SourceClock clock;
     Usage before = usage_now();
     {
         RealtimeScope realtime(realtime_priority);
         result->realtime = realtime.active();
-        stage.start();
+        if (!stage.start(error))
+            return false;
         std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
         if (!told)
             return false;
-        clock = stage.connect();
-        host = std::make_unique<Host>(host_config(result->options, *told, display, &gate), source, clock);
-        if (!host->start()) {
-            *error = "the player did not open";
+        bool connected = stage.connect(error);
+        if (connected)
+            host = std::make_unique<Host>(host_config(result->options, *told, display, &gate), source, stage.clock());
+        if (!connected || !host->start()) {
+            if (connected)
+                *error = "the player did not open";
             display->stop();
             return false;
         }
@@ -243,8 +305,8 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     host->close();
     display->stop();
 
-    Recording recording;
-    if (!stage.finish(&recording, error))
+    Sound sound;
+    if (!stage.finish(&sound.heard, &sound.sent, error))
         return false;
     if (result->options.raw)
         result->raw = stage.check_raw();
@@ -258,7 +320,7 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     result->starved = source->starved();
     result->stage = stage.stats();
     result->display_stats = display->stats();
-    evaluate(*source, clock, *host, screen, recording, result);
+    evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), result);
     return true;
 }
 
@@ -276,6 +338,8 @@ int main_with(const Options& options)
         return fail(bad_input, error);
     if (options.raw && source->coding() == Coding::pcm)
         return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
+    if (!options.feed.empty() && source->coding() == Coding::eac3)
+        return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
     RecordingFile wav(options.wav_path);
     if (!is_writable(wav.path(), &error))
         return fail(bad_input, error);

@@ -115,12 +115,18 @@ struct SampleCheck {
     int64_t settling = 0;            ///< frames at its beginning that are not compared
     int64_t mismatches = 0;          ///< same rate: frames that differ from the source's
     int64_t first_mismatch = -1;
-    double worst_place = 0; ///< other rates: frames by which a match lies beside where it belongs
+    double worst_place = 0; ///< frames by which a match lies beside where it belongs
+    bool exact = false;     ///< equal samples are demanded
+    double place_tolerance = 0;
 
     bool passed() const;
 };
-/// @p captured_end is the number of the link frame after the last one captured.
+/// What lay between the source and the player.
+struct CapturePath {
+    int64_t captured_end = -1; ///< number of the link frame after the last one captured; -1: not known, the last match
+    bool transparent = true;   ///< the words of the link come through as they are
+};
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
-                          int64_t captured_end);
+                          const CapturePath& path);
 
 } // namespace play

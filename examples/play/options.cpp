@@ -28,6 +28,13 @@ const std::map<std::string, DisplayKind> displays = {
 const char* const footer =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
     "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
+    "Each of these edges can be a real device instead. With --capture alsa:NAME the player captures from that device;\n"
+    "--feed alsa:NAME names the device at its other end (of a loopback, or of a cable), into which the source is "
+    "sent.\n"
+    "Without --feed the source is not known, and sound is not measured against picture. With --playback alsa:NAME the\n"
+    "player plays to that device; --observe alsa:NAME names one that hears it. Without --observe, the device's own "
+    "word\n"
+    "of its delay says when sound is heard. Names are ALSA's: hw:1,0,0, pulse, ...\n\n"
     "Compressed sound: a sample was sent when its burst began to pass, plus its place in the burst's sound. The "
     "player\n"
     "must reset once, when the first picture meets captured sound, and twice at most if --chunk-phase makes the "
@@ -37,7 +44,7 @@ const char* const footer =
     "256\n"
     "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves.\n\n"
     "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it,\nor "
-    "has no such display.\n";
+    "has no such device.\n";
 
 constexpr double default_programme_seconds = 20;
 /// Six hours: a WAV file holds 4 GB.
@@ -61,6 +68,11 @@ struct Texts {
     std::string output = "speaker";
     std::string coding;
     std::string chunk_phase;
+    std::string capture = "sim";
+    std::string playback = "sim";
+    std::string cec = "sim";
+    std::string feed;
+    std::string observe;
 };
 
 void describe(CLI::App* app, Options* options, Texts* texts)
@@ -86,6 +98,11 @@ void describe(CLI::App* app, Options* options, Texts* texts)
                     "Display: sim; none (no vertical blanks to pace on); kms or kms:/dev/dri/cardN (DRM/KMS: takes\n"
                     "the whole screen, on a console that no desktop uses); window (of a desktop)")
         ->capture_default_str();
+    app->add_option("--capture", texts->capture, "The player captures from: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--feed", texts->feed, "Send the source into alsa:NAME, the other end of --capture");
+    app->add_option("--playback", texts->playback, "The player plays to: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--observe", texts->observe, "Hear the sound at alsa:NAME, the other end of --playback");
+    app->add_option("--cec", texts->cec, "CEC adapter: sim, or a device file like /dev/cec0")->capture_default_str();
     app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
         ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
         ->capture_default_str();
@@ -142,6 +159,50 @@ std::string take_coding(const Texts& texts, Options* options)
     if (!(in >> options->chunk_phase) || !in.eof() || options->chunk_phase < 0 ||
         options->chunk_phase % link_frame_bytes != 0)
         return "--chunk-phase: " + texts.chunk_phase + " is neither a multiple of 4 nor random";
+    return "";
+}
+
+/// "alsa:NAME", or for an edge that can be simulated "sim".
+bool parse_device(const std::string& text, std::string* name)
+{
+    constexpr char prefix[] = "alsa:";
+    constexpr size_t length = sizeof prefix - 1;
+    *name = text.compare(0, length, prefix) == 0 ? text.substr(length) : "";
+    return !name->empty();
+}
+
+std::string take_devices(const Texts& texts, Options* options)
+{
+    if (texts.capture != "sim" && !parse_device(texts.capture, &options->capture))
+        return "--capture: " + texts.capture + " is neither sim nor alsa:NAME";
+    if (texts.playback != "sim" && !parse_device(texts.playback, &options->playback))
+        return "--playback: " + texts.playback + " is neither sim nor alsa:NAME";
+    if (!texts.feed.empty() && !parse_device(texts.feed, &options->feed))
+        return "--feed: " + texts.feed + " is not alsa:NAME";
+    if (!texts.observe.empty() && !parse_device(texts.observe, &options->observe))
+        return "--observe: " + texts.observe + " is not alsa:NAME";
+    if (texts.cec != "sim" && texts.cec.front() != '/')
+        return "--cec: " + texts.cec + " is neither sim nor a device file";
+    options->cec = texts.cec != "sim" ? texts.cec : "";
+    return "";
+}
+
+/// What the simulated edges can do, and real ones cannot.
+std::string check_devices(const Options& options)
+{
+    bool real_capture = !options.capture.empty();
+    if (!options.feed.empty() && !real_capture)
+        return "--feed needs --capture alsa:NAME, the device's other end";
+    if (!options.observe.empty() && options.playback.empty())
+        return "--observe needs --playback alsa:NAME, the device's other end";
+    if (options.foreign_source() && (!options.file.empty() || options.coding))
+        return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
+    if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != phase_anywhere))
+        return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
+    if (!options.playback.empty() && options.playback_ppm != 0)
+        return "--playback-ppm is of the simulated sound device";
+    if (options.raw && (real_capture || !options.playback.empty()))
+        return "--raw is checked on the simulated devices only";
     return "";
 }
 
@@ -221,6 +282,10 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         wrong = take_display(texts, options);
     if (wrong.empty())
         wrong = take_coding(texts, options);
+    if (wrong.empty())
+        wrong = take_devices(texts, options);
+    if (wrong.empty())
+        wrong = check_devices(*options);
     if (!wrong.empty()) {
         std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
         return {false, 2};

@@ -32,6 +32,11 @@ struct Options {
     std::optional<Rational> display_rate; ///< nothing: the display's own, see display_hz()
     DisplayKind display = DisplayKind::sim;
     std::string display_path; ///< of the DRM card; empty: the first with a display
+    std::string capture;  ///< ALSA's name of the device that the player captures from; empty: the simulated receiver
+    std::string playback; ///< likewise, that it plays to
+    std::string cec;      ///< CEC device file; empty: the simulated one
+    std::string feed;     ///< ALSA's name of the device that the source is sent into; empty: none
+    std::string observe;  ///< ALSA's name of the device that hears what is played; empty: none
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
     int algorithm_delay_ms = 0; ///< what the host's own processing adds
     int video_start_ms = 0;     ///< first frame that long after open
@@ -53,6 +58,8 @@ struct Options {
     }
     /// Of displays without a rate of their own.
     double display_hz() const { return display_rate.value_or(Rational{60, 1}).value(); }
+    /// The captured sound comes from somewhere else.
+    bool foreign_source() const { return !capture.empty() && feed.empty(); }
 };
 
 /// Nothing to do but leave with @p code (help was shown, or the usage was wrong), or go on.

@@ -22,6 +22,10 @@ double share(int64_t part, int64_t whole)
 
 void print_sync(const Result& result)
 {
+    if (result.options.foreign_source()) {
+        std::printf("\nLip sync not measured: when the captured source sent what is not known\n");
+        return;
+    }
     const OffsetStatistics& offset = result.offset;
     std::printf("\nLip sync at %" PRId64 " of %" PRId64 " instants (+ = sound early)\n", offset.count, result.instants);
     if (offset.count < result.instants && !result.options.file.empty())
@@ -69,20 +73,60 @@ void print_pictures(const Result& result)
         std::printf("  screen    unreadable %" PRId64 "\n", result.unreadable);
 }
 
+void print_samples(const SampleCheck& samples)
+{
+    std::printf("  samples   in %" PRId64 ", out %" PRId64 ", missing %.0f", samples.in, samples.out, samples.missing);
+    if (samples.exact)
+        std::printf("; different %" PRId64 "\n", samples.mismatches);
+    else
+        std::printf("; out of place by %.1f at most\n", samples.worst_place);
+}
+
 void print_sound(const Result& result)
 {
     const SampleCheck& samples = result.samples;
     std::printf("\nSound\n");
-    std::printf("  samples   in %" PRId64 ", out %" PRId64 ", missing %.0f", samples.in, samples.out, samples.missing);
-    if (samples.same_rate)
-        std::printf("; different %" PRId64 "\n", samples.mismatches);
+    if (result.options.foreign_source())
+        std::printf("  samples   not compared: the captured source is not known; written %" PRId64 "\n",
+                    result.audio.written);
     else
-        std::printf("; out of place by %.1f at most\n", samples.worst_place);
+        print_samples(samples);
     std::printf("  devices   underruns %" PRId64 " (and %" PRId64 " in the first second), overruns %" PRId64
                 ", resets %" PRId64 "\n",
-                result.gaps, result.early_gaps, result.stage.overruns, result.resets);
+                result.gaps, result.early_gaps, result.overruns, result.resets);
     if (result.starved != 0)
         std::printf("  source    was not decoded in time %" PRId64 " times\n", result.starved);
+}
+
+/// Devices of the machine, and whose word the times are.
+void print_edges(const Result& result)
+{
+    const Options& options = result.options;
+    if (options.capture.empty() && options.playback.empty())
+        return;
+    std::printf("\nReal devices\n");
+    if (!options.capture.empty())
+        std::printf("  capture   alsa:%s\n", options.capture.c_str());
+    if (!options.feed.empty())
+        std::printf("  source    sent into alsa:%s, whose clock is %+.1f ppm fast; breaks %" PRId64 "\n",
+                    options.feed.c_str(), result.stage.link.drift_ppm, result.stage.link.breaks);
+    if (!options.playback.empty())
+        std::printf("  playback  alsa:%s\n", options.playback.c_str());
+    if (!options.observe.empty())
+        std::printf("  heard     at alsa:%s, whose clock is %+.1f ppm fast\n", options.observe.c_str(),
+                    result.stage.sound.drift_ppm);
+    else if (!options.playback.empty())
+        std::printf("  heard     when the playback device itself says so: what lies behind it is not in the figures\n");
+    for (const Recovery& recovery : result.recoveries) {
+        double at_s = static_cast<double>(recovery.disturbance.at_ns - result.opened_ns) / 1e9;
+        double back_ms = static_cast<double>(recovery.sound_back_ns - recovery.disturbance.at_ns) / 1e6;
+        std::printf("  %-9s %s at %.2f s, sound ", recovery.device.c_str(), disturbance_name(recovery.disturbance.kind),
+                    at_s);
+        if (recovery.sound_back_ns < 0)
+            std::printf("did not come back\n");
+        else
+            std::printf("back after %.0f ms\n", back_ms);
+    }
 }
 
 void print_link(const Result& result)
@@ -93,8 +137,8 @@ void print_link(const Result& result)
     std::printf(
         "  time      a coded sample was sent when its burst began to pass, plus its place in the burst's sound;\n"
         "            that a burst must pass before it can be decoded is latency of the player\n");
-    if (result.stage.chunk_phase >= 0)
-        std::printf("  capture   began %d bytes before a burst\n", result.stage.chunk_phase);
+    if (result.stage.link.chunk_phase >= 0)
+        std::printf("  capture   began %d bytes before a burst\n", result.stage.link.chunk_phase);
     if (result.options.raw)
         std::printf("  output    %" PRId64 " bursts in %" PRId64 " frames, different %" PRId64 ", gaps %" PRId64 "\n",
                     result.raw.bursts, result.raw.frames, result.raw.different, result.raw.gaps);
@@ -187,6 +231,7 @@ json sound_json(const Result& result)
 {
     const SampleCheck& samples = result.samples;
     return {{"same_rate", samples.same_rate},
+            {"exact", samples.exact},
             {"first_source_sample", samples.first_source_sample},
             {"earlier", samples.earlier},
             {"in", samples.in},
@@ -201,13 +246,34 @@ json sound_json(const Result& result)
             {"failed_writes", result.audio.failed_writes},
             {"underruns", result.gaps},
             {"underruns_first_second", result.early_gaps},
-            {"overruns", result.stage.overruns},
-            {"withheld_blocks", result.stage.withheld}};
+            {"overruns", result.overruns},
+            {"withheld_blocks", result.stage.withheld},
+            {"drift_ppm", result.stage.sound.drift_ppm}};
+}
+
+json recoveries_json(const Result& result)
+{
+    auto after_ms = [](int64_t from_ns, int64_t to_ns) {
+        return to_ns < 0 ? json(nullptr) : json(static_cast<double>(to_ns - from_ns) / 1e6);
+    };
+    json list = json::array();
+    for (const Recovery& recovery : result.recoveries) {
+        const Disturbance& disturbance = recovery.disturbance;
+        list.push_back({{"device", recovery.device},
+                        {"kind", disturbance_name(disturbance.kind)},
+                        {"at_s", static_cast<double>(disturbance.at_ns - result.opened_ns) / 1e9},
+                        {"device_back_ms", after_ms(disturbance.at_ns, disturbance.back_ns)},
+                        {"sound_back_ms", after_ms(disturbance.at_ns, recovery.sound_back_ns)}});
+    }
+    return list;
 }
 
 json link_json(const Result& result)
 {
-    json link = {{"coding", coding_name(result.coding)}, {"chunk_phase", result.stage.chunk_phase}};
+    json link = {{"coding", coding_name(result.coding)},
+                 {"chunk_phase", result.stage.link.chunk_phase},
+                 {"breaks", result.stage.link.breaks},
+                 {"drift_ppm", result.stage.link.drift_ppm}};
     if (result.options.raw)
         link["raw"] = {{"frames", result.raw.frames},
                        {"bursts", result.raw.bursts},
@@ -223,6 +289,11 @@ json options_json(const Result& result)
             {"programme", result.programme},
             {"display_rate", result.display_hz},
             {"display", result.display},
+            {"capture", options.capture.empty() ? "sim" : "alsa:" + options.capture},
+            {"playback", options.playback.empty() ? "sim" : "alsa:" + options.playback},
+            {"cec", options.cec.empty() ? "sim" : options.cec},
+            {"feed", options.feed.empty() ? "" : "alsa:" + options.feed},
+            {"observe", options.observe.empty() ? "" : "alsa:" + options.observe},
             {"output", static_cast<int>(options.output)},
             {"algorithm_delay_ms", options.algorithm_delay_ms},
             {"video_start_ms", options.video_start_ms},
@@ -249,6 +320,7 @@ void print_report(const Result& result, const std::vector<Verdict>& verdicts)
     if (!result.options.raw)
         print_sound(result);
     print_link(result);
+    print_edges(result);
     print_usage(result);
     std::printf("\nLimits\n");
     for (const Verdict& verdict : verdicts)
@@ -274,6 +346,7 @@ bool write_report(const Result& result, const std::vector<Verdict>& verdicts, co
                    {"picture_latency", to_json(result.picture_latency)},
                    {"pictures", pictures_json(result)},
                    {"sound", sound_json(result)},
+                   {"recoveries", recoveries_json(result)},
                    {"link", link_json(result)},
                    {"resets", result.resets},
                    {"reset_s", result.reset_s},

@@ -15,6 +15,13 @@
 namespace play
 {
 
+/// A disturbance of a real device, and when all was well again.
+struct Recovery {
+    std::string device; ///< "capture" or "playback"
+    Disturbance disturbance;
+    int64_t sound_back_ns; ///< at the edge; -1: never
+};
+
 /// All that one run has shown.
 struct Result {
     Options options;
@@ -44,6 +51,8 @@ struct Result {
     SampleCheck samples;
     int64_t gaps = 0;       ///< underruns after the first second
     int64_t early_gaps = 0; ///< underruns in the first second
+    int64_t overruns = 0;
+    std::vector<Recovery> recoveries; ///< of real devices
     int64_t resets = 0;
     double reset_s = 0; ///< of the last reset, after the first picture
     RawCheck raw;       ///< of a run with raw pass-through

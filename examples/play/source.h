@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "canvas.h"
+#include "clock_track.h"
 #include "picture.h"
 
 namespace play
@@ -28,13 +29,19 @@ struct Rational {
 struct SourceClock {
     int64_t start_ns = 0; ///< monotonic time of the source's zero
     double ppm = 0;       ///< the source's clock runs that much faster
+    /// Takes the place of the two where link frames are sent by a real device, whose clock is learned as it runs.
+    std::shared_ptr<const ClockTrack> track = nullptr;
 
     int64_t to_monotonic(int64_t source_ns) const
     {
+        if (track)
+            return track->time_of(static_cast<double>(source_ns) * track->rate() / 1e9);
         return start_ns + static_cast<int64_t>(static_cast<double>(source_ns) / (1 + ppm * 1e-6));
     }
     int64_t to_source(int64_t monotonic_ns) const
     {
+        if (track)
+            return static_cast<int64_t>(track->position_at(monotonic_ns) * 1e9 / track->rate());
         return static_cast<int64_t>(static_cast<double>(monotonic_ns - start_ns) * (1 + ppm * 1e-6));
     }
 };

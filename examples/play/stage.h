@@ -2,75 +2,79 @@
 /**
  * @file
  * What the host's sound comes from and goes to: the source on the HDMI cable,
- * and the sound device that records.
+ * and the sound device that is listened to.
  */
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
-#include <vector>
+#include <thread>
 
+#include "disturbances.h"
 #include "options.h"
 #include "recording.h"
-#include "source.h"
+#include "sound_output.h"
+#include "source_link.h"
 
 namespace play
 {
 
 /// What happened at the devices.
 struct StageStats {
-    int chunk_phase = phase_anywhere; ///< bytes from the beginning of the first capture to the next burst
-    int64_t captured_end = -1;        ///< number of the link frame after the last one read from the receiver
-    int64_t capture_opens = 0;
-    int64_t overruns = 0;
-    int64_t playback_opens = 0;
-    int64_t first_write_ns = 0;
-    int64_t playback_frames = 0; ///< written to the sound device
-    int64_t withheld = 0;        ///< blocks taken away on demand
+    LinkAccount link;
+    SoundAccount sound;
+    int64_t withheld = 0; ///< blocks taken away on demand
 };
 
-/// Raw pass-through.
-struct RawCheck {
-    int64_t frames = 0;    ///< link frames that arrived at the output
-    int64_t bursts = 0;    ///< whole ones among them
-    int64_t different = 0; ///< frames that are not the source's
-    int64_t gaps = 0;      ///< places at which frames are missing
-    int64_t began_ns = 0;  ///< when the first frame left the source
-    int64_t ended_ns = 0;  ///< when the last one did
+/// The real devices' troubles; of simulated ones, nothing.
+struct DeviceTroubles {
+    DisturbanceLog capture;
+    DisturbanceLog playback;
 };
 
 class Stage
 {
 public:
-    /// Private namespaces for the receiver's announcements. Call while the process has one thread.
-    static bool enter_namespaces(std::string* error);
+    /// Loads what real devices need, and checks that they are there. Otherwise, private namespaces for the receiver's
+    /// announcements. Call while the process has one thread.
+    static bool prepare(const Options& options, std::string* error);
 
     /// @p source outlives the stage.
-    Stage(const Options& options, Source* source, const std::string& wav_path);
+    Stage(const Options& options, const Source* source, const std::string& wav_path);
+    ~Stage();
 
-    /// Readies the sound device.
-    void start();
-    /// The source starts to send; its zero lies a moment ahead. @return its clock
-    SourceClock connect();
+    /// Readies the sound device. @return false with one line in @p error
+    bool start(std::string* error);
+    /// The source starts to send. @return false with one line in @p error
+    bool connect(std::string* error);
+    SourceClock clock() const { return m_link->clock(); }
 
     /// The source stops sending.
     void disconnect();
     /// Waits until the sound device has played all that it was given.
     void wait_until_played();
-    /// Completes the recording. Once, after the player was closed.
-    bool finish(Recording* recording, std::string* error);
+    /// Completes the recordings: what was heard, and what the player had written. Once, after the player was closed.
+    bool finish(Recording* heard, Recording* sent, std::string* error);
 
     /// What went past the player to the digital outputs, against what the source sent.
-    RawCheck check_raw() const;
+    RawCheck check_raw() const { return m_link->check_raw(); }
     StageStats stats() const;
+    /// After finish().
+    const DeviceTroubles& troubles() const { return m_troubles; }
 
 private:
+    void watch_devices();
+    void end_watch();
+
     const Options m_options;
-    Source* m_source;
-    std::string m_wav_path;
-    std::atomic<bool> m_opened{false}; ///< the capture device
-    int m_chunk_phase = phase_anywhere;
+    std::unique_ptr<SourceLink> m_link;
+    std::unique_ptr<SoundOutput> m_output;
+    std::atomic<bool> m_end_watch{false};
+    DeviceTroubles m_troubles; ///< the watching thread's while it runs
+    std::thread m_watch;
 };
 
 } // namespace play

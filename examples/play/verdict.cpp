@@ -23,7 +23,7 @@ bool measured_enough(const Result& result)
  */
 Verdict judge_resets(const Result& result)
 {
-    bool inside_of_burst = result.coding != Coding::pcm && result.stage.chunk_phase > 0;
+    bool inside_of_burst = result.coding != Coding::pcm && result.stage.link.chunk_phase > 0;
     bool at_start = result.reset_s < latest_reset_s;
     if (!inside_of_burst)
         return {"one reset, at start", result.resets == 1 && at_start};
@@ -38,18 +38,26 @@ void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
     bool lasted =
         result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
     verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
-    verdicts->push_back({"nothing played beside them", result.stage.playback_frames == 0});
+    verdicts->push_back({"nothing played beside them", result.stage.sound.frames == 0});
     verdicts->push_back({"no reset", result.resets == 0});
 }
 
 void judge_played(const Result& result, std::vector<Verdict>* verdicts)
 {
-    verdicts->push_back({"A/V offset measured", measured_enough(result)});
-    verdicts->push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
+    // Of a source that is not ours, nobody knows when it sent what.
+    bool known = !result.options.foreign_source();
+    if (known) {
+        verdicts->push_back({"A/V offset measured", measured_enough(result)});
+        verdicts->push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
+    }
     verdicts->push_back(judge_resets(result));
     verdicts->push_back({"no underrun after the first second", result.gaps == 0});
+    if (!known)
+        return;
+    if (!result.options.feed.empty())
+        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0});
     const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
-    verdicts->push_back({result.samples.same_rate ? exact : "samples complete and in place", result.samples.passed()});
+    verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed()});
 }
 
 } // namespace
@@ -61,7 +69,7 @@ std::vector<Verdict> judge(const Result& result)
         judge_raw(result, &verdicts);
     else
         judge_played(result, &verdicts);
-    verdicts.push_back({"no overrun", result.stage.overruns == 0});
+    verdicts.push_back({"no overrun", result.overruns == 0});
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",

@@ -357,10 +357,7 @@ int Capture::mend_loss(mutex_guard& guard)
     const uint64_t opening = opening_;
     const PcmRequest request = request_;
     Pcm pcm;
-    std::string why;
-    guard.unlock();
-    const int err = pcm.open(request, &why);
-    guard.lock();
+    const int err = open_unlocked(guard, request, &pcm);
     if (opening_ != opening)
         return kClosed;
     retry_ns_ = now_ns() + kReopenPauseNs;

@@ -35,7 +35,7 @@ private:
     int fetch(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
     int take_forwarded(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
     void forward(uint64_t opening);
-    bool start_forwarding();
+    bool start_forwarding() REQUIRES(control_);
 
     void handle(Trouble trouble, int err) REQUIRES(mutex_);
     void recover_xrun() REQUIRES(mutex_);

@@ -98,6 +98,15 @@ int Pcm::open(const PcmRequest& request, std::string* why)
     return err;
 }
 
+int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm)
+{
+    std::string why;
+    guard.unlock();
+    const int err = pcm->open(request, &why);
+    guard.lock();
+    return err;
+}
+
 int Pcm::configure(const PcmRequest& request, std::string* why)
 {
     int err = set_hardware(request, why);

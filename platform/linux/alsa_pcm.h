@@ -102,6 +102,9 @@ private:
     int device_ = -1;
 };
 
+/// Opens @p pcm with the mutex of @p guard, which the caller holds, released: an opening may take its time.
+int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm) NO_THREAD_SAFETY_ANALYSIS;
+
 /// What alsa-lib has to say in this scope goes here instead of to standard error. For the calling thread.
 class AlsaMessages
 {

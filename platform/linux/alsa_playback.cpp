@@ -409,12 +409,8 @@ void Playback::mend_loss(mutex_guard& guard)
     const uint64_t opening = opening_;
     const PcmRequest request = request_;
     Pcm pcm;
-    std::string why;
     // The player asks for the delay meanwhile, and may close.
-    guard.unlock();
-    const Config settings = current_config();
-    const int err = pcm.open(request, &why);
-    guard.lock();
+    const int err = open_unlocked(guard, request, &pcm);
     if (opening_ != opening || state_ != State::lost)
         return;
     const int64_t now = now_ns();
@@ -422,7 +418,7 @@ void Playback::mend_loss(mutex_guard& guard)
     if (err < 0)
         return;
     const int64_t position = heard(now);
-    install(std::move(pcm), request, settings);
+    install(std::move(pcm), request, current_config());
     resume_flow(position, now);
 }
 

@@ -8,6 +8,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/channel_layout.h>
+#include <libavutil/crc.h>
 #include <libavutil/downmix_info.h>
 #include <libavutil/opt.h>
 #include <libswresample/swresample.h>
@@ -34,6 +35,40 @@ void fill_tones(AVFrame* frame, int64_t start, double tone_hz, std::mt19937* ran
         for (int i = 0; i < frame->nb_samples; ++i)
             to[i] = static_cast<float>(0.2 * std::sin(step * static_cast<double>(start + i))) + noise(*random);
     }
+}
+
+// A dependent frame (A/52, annex E), which no encoder here makes: the surround channels anew, and two back channels.
+// All exponents of a channel are equal and no mantissa is coded, so that the decoder puts in noise of that level.
+Bytes dependent_frame()
+{
+    Bytes frame(112);
+    size_t at = 0;
+    const auto put = [&](int bits, unsigned value) {
+        for (; bits > 0; --bits, ++at)
+            frame[at / 8] |= static_cast<uint8_t>((value >> (bits - 1) & 1) << (7 - at % 8));
+    };
+    put(16, 0x0B77);
+    put(2, 1); // dependent
+    put(3, 0);
+    put(11, static_cast<unsigned>(frame.size() / 2 - 1));
+    put(4, 3);        // 48 kHz, six blocks
+    put(4, 12);       // four channels, none for effects
+    put(5, 16);       // E-AC-3
+    put(6, 62);       // dialogue level, nothing to compress
+    put(17, 0x11A00); // the channels: Ls, Rs, and the pair behind them
+    put(3, 0);
+    // Of the frame: nothing but exponents in the first block, reused in the others, and the lowest ratio to noise.
+    put(12 + 6 + 4 * 5 + 10 + 1, 0);
+    // Of the first block: no dynamic range, no extension, the bandwidths.
+    put(2 + 4 * 6, 0);
+    for (unsigned channel = 0; channel < 4; ++channel) {
+        put(4, 5 + channel);
+        for (int group = 0; group < 24; ++group)
+            put(7, 62); // three differences of nothing
+        put(2, 0);
+    }
+    set_check_sum(&frame);
+    return frame;
 }
 
 void take_packets(AVCodecContext* encoder, AVPacket* packet, std::vector<Bytes>* packets)
@@ -94,6 +129,8 @@ std::vector<Bytes> encode(const Format& format, int count)
     av_packet_free(&packet);
     avcodec_free_context(&encoder);
     packets.resize(static_cast<size_t>(count));
+    for (Bytes& bytes : packets)
+        bytes = format.extended_7_1 ? join({bytes, dependent_frame()}) : bytes;
     return packets;
 }
 
@@ -155,6 +192,14 @@ Bytes mux_bursts(const Format& format, const std::vector<Bytes>& packets)
     av_packet_free(&packet);
     avformat_free_context(muxer);
     return bursts;
+}
+
+void set_check_sum(Bytes* frame)
+{
+    const size_t end = frame->size() - 2;
+    const uint32_t crc = av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame->data() + 2, end - 2);
+    (*frame)[end] = static_cast<uint8_t>(crc);
+    (*frame)[end + 1] = static_cast<uint8_t>(crc >> 8);
 }
 
 Bytes join(const std::vector<Bytes>& packets)

@@ -20,8 +20,9 @@
 class PulseServer
 {
 public:
-    /// Writes the ALSA configuration (with @p more in it) and sets the environment: before any thread starts.
-    PulseServer(std::vector<std::string> sinks, const std::string& more);
+    /// Makes a temporary folder with the ALSA configuration, to which @p more(folder) adds, and sets the environment:
+    /// before any thread starts.
+    PulseServer(std::vector<std::string> sinks, std::string (*more)(const std::string& folder));
     ~PulseServer();
     PulseServer(const PulseServer&) = delete;
     PulseServer& operator=(const PulseServer&) = delete;

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+typedef struct _snd_pcm snd_pcm_t;
+
+namespace play
+{
+
+/**
+ * One ALSA device of the measurement's own, 16-bit stereo: what the programme
+ * is sent into, or what listens to the player's output. No call waits longer
+ * than a tenth of a second. Not for several threads at once.
+ */
+class AlsaPcm
+{
+public:
+    enum class Direction { playback, capture };
+
+    /// @return null with one line in @p error
+    static std::unique_ptr<AlsaPcm> open(const std::string& name, Direction direction, int rate, std::string* error);
+    ~AlsaPcm();
+    AlsaPcm(const AlsaPcm&) = delete;
+    AlsaPcm& operator=(const AlsaPcm&) = delete;
+
+    int period_frames() const { return m_period_frames; }
+
+    /// @return frames taken or given, 0 if the device did not move for a while, or a negative error number
+    int write(const int16_t* stereo, int frames);
+    int read(int16_t* stereo, int frames);
+    /// Begins to play what was written so far, or to capture.
+    bool start();
+    /// After an overrun or underrun: empty, and ready to go on.
+    bool prepare();
+
+    /// The device's last word of where it is.
+    struct Word {
+        int64_t frames; ///< written and not played yet, or captured and not read yet
+        int64_t at_ns;  ///< CLOCK_MONOTONIC
+    };
+    /// @return false while the device does not run
+    bool ask(Word* word);
+
+private:
+    AlsaPcm(snd_pcm_t* pcm, int period_frames) : m_pcm(pcm), m_period_frames(period_frames) {}
+
+    snd_pcm_t* m_pcm;
+    int m_period_frames;
+};
+
+/// Where a device is in the machine; of one that is made in software, nowhere: card -1.
+struct AlsaPlace {
+    int card = -1;
+    int device = 0;
+    int subdevice = 0;
+};
+/// Opens the device for a moment.
+AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction);
+/// Integer control @p name of the very device at @p place; -1: there is none.
+int alsa_control(const AlsaPlace& place, const char* name);
+
+} // namespace play

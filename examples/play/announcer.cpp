@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+#include "announcer.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "hdmi_sim.h"
+
+namespace play
+{
+namespace
+{
+
+constexpr const char* state_file = "/sys/class/extcon/hdmirx_aud/state";
+constexpr useconds_t look_again_us = 100'000;
+/// Long enough for a few of the longest bursts, or for as much sound without one.
+constexpr int64_t listening_ns = 400'000'000;
+constexpr int default_rate = 48000;
+
+std::string state_text(const LinkState& state)
+{
+    std::string text = hdmi_sim::announce_text(state.compressed, state.sample_rate);
+    // No state that anybody knows: the player takes the source for unsupported.
+    return text.empty() ? "HEADDONE=0" : text;
+}
+
+/// What the machine's own driver announces; a sample rate of 0 if that is not known.
+LinkState state_of_driver()
+{
+    std::ifstream file(state_file);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    for (int rate : {48000, 44100, 32000})
+        for (bool compressed : {false, true})
+            if (text.find(hdmi_sim::announce_text(compressed, rate)) != std::string::npos)
+                return {compressed, rate};
+    return {false, 0};
+}
+
+} // namespace
+
+bool Announcer::driver_announces()
+{
+    static const bool announces = access(state_file, F_OK) == 0;
+    return announces;
+}
+
+bool Announcer::start(std::string* error)
+{
+    m_place = alsa_place(m_device, AlsaPcm::Direction::capture);
+    if (!driver_announces()) {
+        int rate = control_rate();
+        listen(rate > 0 ? rate : default_rate);
+        m_announced = derive_state({}, evidence());
+        if (!hdmi_sim::write_state_file(state_text(m_announced))) {
+            *error = "cannot announce the source";
+            return false;
+        }
+    }
+    tap_capture(this);
+    m_thread = std::thread(&Announcer::follow, this);
+    return true;
+}
+
+// The player was closed before: nobody is inside of captured().
+Announcer::~Announcer()
+{
+    stop();
+    tap_capture(nullptr);
+}
+
+void Announcer::stop()
+{
+    m_stop = true;
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+/// A device that cannot be opened is the player's to report: nothing is known of it here.
+void Announcer::listen(int rate)
+{
+    std::string ignored;
+    std::unique_ptr<AlsaPcm> pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, rate, &ignored);
+    if (!pcm || !pcm->start())
+        return;
+    std::vector<int16_t> period(static_cast<size_t>(2 * pcm->period_frames()));
+    int64_t deadline = hdmi_sim::now_ns() + listening_ns;
+    while (m_content == Content::unknown && hdmi_sim::now_ns() < deadline) {
+        int got = pcm->read(period.data(), pcm->period_frames());
+        if (got < 0)
+            return;
+        captured(reinterpret_cast<const uint8_t*>(period.data()), got * 4, hdmi_sim::now_ns());
+    }
+}
+
+void Announcer::captured(const uint8_t* data, int bytes, int64_t now_ns)
+{
+    m_watch.feed(data, bytes, now_ns);
+    m_frames_per_sample = m_watch.frames_per_sample();
+    m_content = m_watch.content();
+    m_link_rate = m_watch.link_rate();
+}
+
+LinkEvidence Announcer::evidence() const
+{
+    LinkEvidence evidence;
+    evidence.control_rate = control_rate();
+    evidence.content = m_content;
+    evidence.frames_per_sample = m_frames_per_sample;
+    evidence.link_rate = m_link_rate;
+    return evidence;
+}
+
+/// Of a capture card, or of the far end of a loopback.
+int Announcer::control_rate() const
+{
+    for (const char* name : {"PCM Slave Rate", "PCM Rate"}) {
+        int rate = alsa_control(m_place, name);
+        if (rate > 0)
+            return rate;
+    }
+    return -1;
+}
+
+void Announcer::follow()
+{
+    pthread_setname_np(pthread_self(), "announcer");
+    while (!m_stop) {
+        LinkEvidence found = evidence();
+        if (driver_announces())
+            m_announced = state_of_driver();
+        std::string message = m_rates.look(m_announced, found);
+        if (!message.empty())
+            std::fprintf(stderr, "hdmi-player-play: %s\n", message.c_str());
+        if (!driver_announces()) {
+            LinkState next = derive_state(m_announced, found);
+            if (next != m_announced && hdmi_sim::announce(state_text(next)))
+                m_announced = next;
+        }
+        usleep(look_again_us);
+    }
+}
+
+} // namespace play

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include "alsa_pcm.h"
+#include "platform_router.h"
+#include "signal_watch.h"
+
+namespace play
+{
+
+/**
+ * Announces what a real capture device brings. Where the receiver's own driver
+ * does so, it only compares; on any other hardware it stands in for that
+ * driver: what the device's controls and its sound tell goes into the state
+ * file and, at each change, into a uevent.
+ */
+class Announcer : private SeamTap
+{
+public:
+    /// Whether this machine's driver announces. The first call decides: later ones may find what was announced here.
+    static bool driver_announces();
+
+    explicit Announcer(std::string device) : m_device(std::move(device)) {}
+    ~Announcer() override;
+
+    /// Before the player opens: listens to the device for a moment, announces, and from then on follows it. @return
+    /// false with one line in @p error
+    bool start(std::string* error);
+    void stop();
+
+private:
+    void opened(const audio_config_t&) override { m_watch.restart_pace(); }
+    void captured(const uint8_t* data, int bytes, int64_t now_ns) override;
+
+    void listen(int rate);
+    LinkEvidence evidence() const;
+    int control_rate() const;
+    void follow();
+
+    const std::string m_device;
+    AlsaPlace m_place;
+    LinkState m_announced;
+    RateWatch m_rates;
+    SignalWatch m_watch; ///< of who captures: first start(), then the player's thread
+    std::atomic<Content> m_content{Content::unknown};
+    std::atomic<int> m_frames_per_sample{1};
+    std::atomic<double> m_link_rate{0};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+} // namespace play

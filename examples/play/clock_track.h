@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+namespace play
+{
+
+/**
+ * When the frames of a device pass, learned from what the device says of
+ * itself while it runs: frame @p position passed at a given time. A device
+ * moves its position by leaps and is asked late, so a single word of it comes
+ * some milliseconds after the fact; of each half second the early words count,
+ * and between these the time is interpolated. So the device's clock may drift
+ * against CLOCK_MONOTONIC.
+ *
+ * May be asked while it learns: what it says of the present then shifts by
+ * what it has learned since.
+ */
+class ClockTrack
+{
+public:
+    explicit ClockTrack(int rate) : m_rate(rate) {}
+
+    void add(int64_t position, int64_t at_ns);
+
+    /// When frame @p position passes. Without any word of the device: as if frame 0 had passed at time 0.
+    int64_t time_of(double position) const;
+    double position_at(int64_t at_ns) const;
+    /// How much faster than its nominal rate the device runs, in parts per million; 0 until some seconds are known.
+    double drift_ppm() const;
+    bool empty() const;
+    int rate() const { return m_rate; }
+
+private:
+    struct Anchor {
+        double position;
+        double late_ns; ///< time beyond that of the nominal rate from position 0, time 0 on
+    };
+
+    double nominal_ns(double position) const { return position * 1e9 / m_rate; }
+    Anchor gathered() const;
+    double late_ns(double position) const;
+    double slope() const;
+
+    const int m_rate;
+    mutable std::mutex m_mutex;
+    std::vector<Anchor> m_anchors;
+    std::vector<Anchor> m_recent; ///< words of the half second under way
+    int64_t m_recent_since_ns = 0;
+};
+
+} // namespace play

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Where the captured sound comes from: the source at the other end of the
+ * HDMI cable, and the receiver that announces what it sends.
+ */
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "options.h"
+#include "source.h"
+
+namespace play
+{
+
+/// What happened at the receiver.
+struct LinkAccount {
+    int chunk_phase = phase_anywhere; ///< bytes from the beginning of the first capture to the next burst
+    int64_t captured_end = -1; ///< number of the link frame after the last one read from the receiver; -1: not known
+    int64_t overruns = 0;
+    int64_t breaks = 0;   ///< times that the source's own device ran dry or went away
+    double drift_ppm = 0; ///< of the source's clock against CLOCK_MONOTONIC
+};
+
+/// Raw pass-through.
+struct RawCheck {
+    int64_t frames = 0;    ///< link frames that arrived at the output
+    int64_t bursts = 0;    ///< whole ones among them
+    int64_t different = 0; ///< frames that are not the source's
+    int64_t gaps = 0;      ///< places at which frames are missing
+    int64_t began_ns = 0;  ///< when the first frame left the source
+    int64_t ended_ns = 0;  ///< when the last one did
+};
+
+class SourceLink
+{
+public:
+    virtual ~SourceLink() = default;
+    SourceLink() = default;
+    SourceLink(const SourceLink&) = delete;
+    SourceLink& operator=(const SourceLink&) = delete;
+
+    /// The source sends and is announced, before the player opens. @return false with one line in @p error
+    virtual bool connect(std::string* error) = 0;
+    /// The source stops sending.
+    virtual void disconnect() = 0;
+    /// When which of its frames was sent. After connect().
+    virtual SourceClock clock() const = 0;
+
+    /// What went past the player to the digital outputs, against what the source sent.
+    virtual RawCheck check_raw() const = 0;
+    virtual LinkAccount account() const = 0;
+};
+
+/// The link that the options name. @p source outlives it; where the captured source is not ours, it gives the pictures.
+std::unique_ptr<SourceLink> make_source_link(const Options& options, const Source* source);
+
+} // namespace play
