@@ -17,6 +17,7 @@
 #include "iec958.h"
 #include "log_capture.h"
 #include "pulse_server.h"
+#include "sound_devices.h"
 
 namespace
 {
@@ -32,36 +33,6 @@ constexpr int kBlockBytes = kPeriod * 4;
 PulseServer* g_server = nullptr;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-// Frames numbered from 1 on, wrapping before the sign: what is lost, doubled or changed shows.
-constexpr int kNumbers = 32000;
-std::vector<int16_t> numbered(int64_t first, int frames)
-{
-    std::vector<int16_t> words;
-    for (int64_t frame = first; frame < first + frames; ++frame)
-        words.insert(words.end(), 2, static_cast<int16_t>(frame % kNumbers + 1));
-    return words;
-}
-
-// The runs of consecutive numbers in a recording, silence left out.
-struct Stretch {
-    int first;
-    int last;
-    int frames;
-};
-std::vector<Stretch> stretches(const std::vector<int16_t>& recorded)
-{
-    std::vector<Stretch> runs;
-    for (const int16_t number : recorded) {
-        if (number == 0)
-            continue;
-        if (!runs.empty() && number == runs.back().last % kNumbers + 1)
-            runs.back() = {runs.back().first, number, runs.back().frames + 1};
-        else
-            runs.push_back({number, number, 1});
-    }
-    return runs;
-}
 
 class AioAlsaTest : public testing::Test
 {
@@ -134,7 +105,7 @@ TEST_F(AioAlsaTest, PlaysWhatIsWrittenAndCapturesWhatIsPlayed)
     EXPECT_GT(seconds_since(start), 0.5);
     EXPECT_GT(most, kPeriod);
     EXPECT_LT(most, kRate);
-    EXPECT_TRUE(eventually([&] { return delay() == 0 || playback_stats().xruns > 0; }));
+    EXPECT_TRUE(eventually([&] { return delay() < kPeriod / 4; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     done = true;
     reader.join();
@@ -275,33 +246,6 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceFailsAtOnceAndComesBack)
 
 // --- Raw pass-through ------------------------------------------------------------------
 
-// Sends frame numbers into an ALSA device, as the other end of the capture's link.
-class Feeder
-{
-public:
-    explicit Feeder(const char* pcm)
-    {
-        EXPECT_EQ(snd_pcm_open(&pcm_, pcm, SND_PCM_STREAM_PLAYBACK, 0), 0);
-        EXPECT_EQ(snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, kRate, 0, 100000),
-                  0);
-        thread_ = std::thread([this] {
-            for (int64_t sent = 0; !stop_; sent += kPeriod)
-                snd_pcm_writei(pcm_, numbered(sent, kPeriod).data(), kPeriod);
-        });
-    }
-    ~Feeder()
-    {
-        stop_ = true;
-        thread_.join();
-        snd_pcm_close(pcm_);
-    }
-
-private:
-    snd_pcm_t* pcm_ = nullptr;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
-
 TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
 {
     playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
@@ -309,6 +253,7 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     Recorder output("digital_monitor");
     const Feeder link("link");
     capture_.pcm_name = "link_monitor";
+    capture_.period_count = 16; // the machine may be busy
     capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
     ASSERT_EQ(aio_device_open(&capture_), 0);
     // Nobody reads.
@@ -324,13 +269,14 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     // The player reads the same.
     std::vector<int16_t> block(2 * kPeriod);
     std::vector<int16_t> read;
-    for (int blocks = 0; blocks < 8; ++blocks) {
-        ASSERT_EQ(aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes), kBlockBytes);
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes), kBlockBytes);
         for (size_t at = 0; at < block.size(); at += 2)
             read.push_back(block[at]);
-    }
-    ASSERT_EQ(stretches(read).size(), 1u);
-    EXPECT_EQ(stretches(read)[0].frames, 8 * kPeriod);
+        const std::vector<Stretch> runs = stretches(read);
+        return !runs.empty() && runs[0].frames >= 8 * kPeriod;
+    }));
+    EXPECT_EQ(stretches(read).size(), 1u);
     BlockedCall<int> blocked([&] {
         std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
         return aio_device_read(&capture_, minute.data(), static_cast<int>(minute.size()));

@@ -14,14 +14,13 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "alsa_pcm.h"
 #include "eventually.h"
 
 namespace
 {
 
 constexpr auto kStartLimit = std::chrono::seconds(20);
-constexpr int kRate = 48000;
-constexpr unsigned kLatencyUs = 40000;
 
 std::string socket_of(const std::string& folder) { return folder + "/native"; }
 
@@ -125,6 +124,7 @@ bool PulseServer::reachable() const
 {
     if (access(socket_of(folder_).c_str(), R_OK) != 0)
         return false;
+    const hdmi_linux::AlsaMessages expected;
     snd_pcm_t* pcm = nullptr;
     if (snd_pcm_open(&pcm, sinks_.back().c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
         return false;
@@ -140,52 +140,4 @@ std::string PulseServer::log_tail() const
     while (std::getline(log, line))
         last = line;
     return last;
-}
-
-Recorder::Recorder(const std::string& pcm)
-{
-    if (snd_pcm_open(&pcm_, pcm.c_str(), SND_PCM_STREAM_CAPTURE, 0) < 0 ||
-        snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, kRate, 0, kLatencyUs) < 0)
-        throw std::runtime_error("cannot record " + pcm);
-    snd_pcm_start(pcm_);
-    thread_ = std::thread(&Recorder::run, this);
-    // What plays from here on is recorded.
-    eventually([this] { return !words().empty(); });
-}
-
-void Recorder::run()
-{
-    int16_t block[2 * 480];
-    while (!stop_) {
-        const snd_pcm_sframes_t frames = snd_pcm_readi(pcm_, block, 480);
-        if (frames < 0 && snd_pcm_recover(pcm_, static_cast<int>(frames), 1) < 0)
-            break;
-        const std::lock_guard<std::mutex> guard(mutex_);
-        words_.insert(words_.end(), block, block + 2 * std::max<snd_pcm_sframes_t>(frames, 0));
-    }
-}
-
-std::vector<int16_t> Recorder::words() const
-{
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return words_;
-}
-
-std::vector<int16_t> Recorder::left() const
-{
-    const std::vector<int16_t> both = words();
-    std::vector<int16_t> result;
-    for (size_t at = 0; at < both.size(); at += 2)
-        result.push_back(both[at]);
-    return result;
-}
-
-void Recorder::stop()
-{
-    stop_ = true;
-    if (thread_.joinable())
-        thread_.join();
-    if (pcm_ != nullptr)
-        snd_pcm_close(pcm_);
-    pcm_ = nullptr;
 }

@@ -7,14 +7,9 @@
  */
 #pragma once
 
-#include <alsa/asoundlib.h>
 #include <sys/types.h>
 
-#include <atomic>
-#include <cstdint>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 class PulseServer
@@ -42,29 +37,4 @@ private:
     std::string folder_;
     std::string why_;
     pid_t pid_ = -1;
-};
-
-/// Records an ALSA device, in stereo at 48 kHz, on a thread of its own: independent of the code under test.
-class Recorder
-{
-public:
-    explicit Recorder(const std::string& pcm);
-    ~Recorder() { stop(); }
-    Recorder(const Recorder&) = delete;
-    Recorder& operator=(const Recorder&) = delete;
-
-    /// The left channel so far.
-    std::vector<int16_t> left() const;
-    /// Both channels so far.
-    std::vector<int16_t> words() const;
-    void stop();
-
-private:
-    void run();
-
-    snd_pcm_t* pcm_ = nullptr;
-    mutable std::mutex mutex_;
-    std::vector<int16_t> words_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
 };

@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "sound_devices.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "eventually.h"
+
+namespace
+{
+
+constexpr int kBlockFrames = 960;
+constexpr unsigned kLatencyUs = 100000;
+
+} // namespace
+
+std::vector<int16_t> numbered(int64_t first, int frames)
+{
+    std::vector<int16_t> words;
+    for (int64_t frame = first; frame < first + frames; ++frame)
+        words.insert(words.end(), 2, static_cast<int16_t>(frame % kNumbers + 1));
+    return words;
+}
+
+std::vector<Stretch> stretches(const std::vector<int16_t>& left)
+{
+    std::vector<Stretch> result;
+    for (const int16_t number : left) {
+        if (number == 0)
+            continue;
+        if (!result.empty() && number == result.back().last % kNumbers + 1)
+            result.back() = {result.back().first, number, result.back().frames + 1};
+        else
+            result.push_back({number, number, 1});
+    }
+    return result;
+}
+
+Feeder::Feeder(const std::string& pcm, int rate)
+{
+    if (snd_pcm_open(&pcm_, pcm.c_str(), SND_PCM_STREAM_PLAYBACK, 0) < 0 ||
+        snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, static_cast<unsigned>(rate),
+                           0, kLatencyUs) < 0)
+        throw std::runtime_error("cannot feed " + pcm);
+    thread_ = std::thread([this] {
+        for (int64_t sent = 0; !stop_; sent += kBlockFrames) {
+            const snd_pcm_sframes_t result = snd_pcm_writei(pcm_, numbered(sent, kBlockFrames).data(), kBlockFrames);
+            if (result < 0 && snd_pcm_recover(pcm_, static_cast<int>(result), 1) < 0)
+                break;
+        }
+    });
+}
+
+Feeder::~Feeder()
+{
+    stop_ = true;
+    thread_.join();
+    snd_pcm_close(pcm_);
+}
+
+Recorder::Recorder(const std::string& pcm, int rate)
+{
+    if (snd_pcm_open(&pcm_, pcm.c_str(), SND_PCM_STREAM_CAPTURE, 0) < 0 ||
+        snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, static_cast<unsigned>(rate),
+                           0, kLatencyUs) < 0)
+        throw std::runtime_error("cannot record " + pcm);
+    snd_pcm_start(pcm_);
+    thread_ = std::thread(&Recorder::run, this);
+    // What plays from here on is recorded.
+    eventually([this] { return !words().empty(); });
+}
+
+void Recorder::run()
+{
+    int16_t block[2 * 480];
+    while (!stop_) {
+        const snd_pcm_sframes_t frames = snd_pcm_readi(pcm_, block, 480);
+        if (frames < 0 && snd_pcm_recover(pcm_, static_cast<int>(frames), 1) < 0)
+            break;
+        const std::lock_guard<std::mutex> guard(mutex_);
+        words_.insert(words_.end(), block, block + 2 * std::max<snd_pcm_sframes_t>(frames, 0));
+    }
+}
+
+std::vector<int16_t> Recorder::words() const
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return words_;
+}
+
+std::vector<int16_t> Recorder::left() const
+{
+    const std::vector<int16_t> both = words();
+    std::vector<int16_t> result;
+    for (size_t at = 0; at < both.size(); at += 2)
+        result.push_back(both[at]);
+    return result;
+}
+
+void Recorder::stop()
+{
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    if (pcm_ != nullptr)
+        snd_pcm_close(pcm_);
+    pcm_ = nullptr;
+}

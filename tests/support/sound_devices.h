@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The far ends of ALSA devices, independent of the code under test, and sound
+ * in which every frame has a number: what is lost, doubled or changed shows.
+ */
+#pragma once
+
+#include <alsa/asoundlib.h>
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+constexpr int kNumbers = 32000;
+/// Stereo frames with the numbers from @p first on; they run from 1 to kNumbers.
+std::vector<int16_t> numbered(int64_t first, int frames);
+
+/// Frames with consecutive numbers.
+struct Stretch {
+    int first;
+    int last;
+    int frames;
+};
+/// Those in a recording, silence left out.
+std::vector<Stretch> stretches(const std::vector<int16_t>& left);
+
+/// Sends frame numbers into an ALSA device, as the other end of the capture's link.
+class Feeder
+{
+public:
+    explicit Feeder(const std::string& pcm, int rate = 48000);
+    ~Feeder();
+    Feeder(const Feeder&) = delete;
+    Feeder& operator=(const Feeder&) = delete;
+
+private:
+    snd_pcm_t* pcm_ = nullptr;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+/// Records an ALSA device, in stereo, on a thread of its own: independent of the code under test.
+class Recorder
+{
+public:
+    explicit Recorder(const std::string& pcm, int rate = 48000);
+    ~Recorder() { stop(); }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+
+    /// The left channel so far.
+    std::vector<int16_t> left() const;
+    /// Both channels so far.
+    std::vector<int16_t> words() const;
+    void stop();
+
+private:
+    void run();
+
+    snd_pcm_t* pcm_ = nullptr;
+    mutable std::mutex mutex_;
+    std::vector<int16_t> words_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
