@@ -32,8 +32,8 @@ struct Config {
     std::array<AudioDeviceConfig, E_AUDIO_IO_DEV_MAX> audio; ///< by audio_io_dev_e
     audio_io_dev_e raw_output = E_AUDIO_IO_DEV_HDMI_ARC;     ///< of pass-through until a digital output was selected
     int start_periods = 2;                                   ///< periods queued before playback starts
-    std::string cec = "/dev/cec0";                           ///< adapter; "none": there is none
-    std::string cec_source;                                  ///< as pcm_source
+    std::string cec;        ///< adapter; empty: the first of a TV, "none": there is none
+    std::string cec_source; ///< as pcm_source
 };
 
 /// The name of @p device in the configuration, such as "hdmi_arc"; AUTO is the speaker.

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #pragma GCC visibility push(default)
 
@@ -67,6 +68,42 @@ struct BypassStats {
     int rate = 0;           ///< Hz
 };
 BypassStats bypass_stats();
+
+/// The audio return channel, as this side knows it.
+enum class ArcState {
+    idle,       ///< not asked for, no link, or the attempts to open it are over
+    requested,  ///< asked for, and the audio system has not opened it yet
+    active,     ///< open
+    terminated, ///< was closed, by the audio system or by vendor_hdmi_cec_deinit
+};
+
+/// The CEC adapter between vendor_hdmi_cec_init and vendor_hdmi_cec_deinit, and afterwards as it was at the end.
+struct CecStats {
+    bool open = false;     ///< taken
+    bool lost = false;     ///< taken, but the device is gone; it is looked for every second
+    bool attached = false; ///< has the TV's logical address and a physical one: messages can pass
+    ArcState arc = ArcState::idle;
+    std::string device;            ///< such as "/dev/cec0"
+    std::string note;              ///< what was last said of the channel, in words; empty: nothing yet
+    int64_t activations = 0;       ///< times that the channel was opened
+    int64_t received = 0;          ///< messages
+    int64_t sent = 0;              ///< messages that were acknowledged
+    int64_t undelivered = 0;       ///< messages that were not
+    int64_t refusals = 0;          ///< messages answered with <Feature Abort>
+    int physical_address = 0xFFFF; ///< four digits of four bits; 0xFFFF: none
+};
+CecStats cec_stats();
+
+/// A message that passed the adapter, in or out.
+struct CecMessage {
+    int64_t time_ns;   ///< CLOCK_MONOTONIC: when it was received, or when its fate was known
+    bool sent;         ///< by this program
+    bool delivered;    ///< acknowledged
+    uint8_t length;    ///< in bytes
+    uint8_t bytes[16]; ///< initiator and destination, opcode, operands
+};
+/// The last messages, at most 256, oldest first.
+std::vector<CecMessage> cec_messages();
 
 } // namespace hdmi_linux
 

@@ -1,0 +1,936 @@
+// SPDX-License-Identifier: MIT
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "cec_arc.h"
+#include "cec_kernel.h"
+#include "hdmi_cec.h"
+
+namespace
+{
+
+using cec_arc::Delivery;
+using cec_arc::Message;
+using cec_arc::Notice;
+using cec_arc::State;
+using cec_arc::TvSide;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint16_t kRoot = 0x0000;
+constexpr int64_t kResponseMs = 1000; // of the standard
+constexpr char kAddressReport[] = "5f:84:10:00:05";
+
+// "50:c0" and back: as CEC tools write messages.
+Bytes parsed(const std::string& text)
+{
+    Bytes bytes;
+    for (size_t at = 0; at < text.size(); at += 3)
+        bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(at, 2), nullptr, 16)));
+    return bytes;
+}
+
+std::string printed(const uint8_t* bytes, size_t length)
+{
+    std::string text;
+    char digits[4];
+    for (size_t i = 0; i < length; ++i) {
+        snprintf(digits, sizeof(digits), i == 0 ? "%02x" : ":%02x", bytes[i]);
+        text += digits;
+    }
+    return text;
+}
+
+// The TV's side on a bus of its own, where every message is acknowledged unless a test says otherwise.
+struct Bus {
+    void hear(const std::string& text) { hear(parsed(text)); }
+    // It gets a copy of the exact size: reading past the end is found.
+    void hear(const Bytes& message)
+    {
+        const std::unique_ptr<uint8_t[]> copy(new uint8_t[message.size()]);
+        std::copy(message.begin(), message.end(), copy.get());
+        arc.received(copy.get(), message.size(), now);
+    }
+    // What it sends now, with blanks between.
+    std::string said(Delivery delivery = Delivery::acknowledged)
+    {
+        std::string all;
+        while (const auto message = arc.next_message()) {
+            all += (all.empty() ? "" : " ") + printed(message->bytes, message->length);
+            arc.delivered(*message, delivery, now);
+        }
+        return all;
+    }
+    std::vector<Notice> told()
+    {
+        std::vector<Notice> notices;
+        while (const auto notice = arc.next_notice())
+            notices.push_back(*notice);
+        return notices;
+    }
+    void pass(int64_t milliseconds)
+    {
+        now += milliseconds;
+        arc.elapsed(now);
+    }
+    // The time at which it does something by itself.
+    void pass_to_deadline()
+    {
+        ASSERT_NE(cec_arc::kNever, arc.deadline());
+        pass(arc.deadline() - now);
+    }
+
+    TvSide arc;
+    int64_t now = 1000;
+};
+
+Bus attached(bool only_follower = true)
+{
+    Bus bus;
+    bus.arc.attach(kRoot, only_follower, bus.now);
+    return bus;
+}
+
+Bus asking()
+{
+    Bus bus = attached();
+    bus.arc.open(bus.now);
+    EXPECT_EQ("05:83", bus.said());
+    return bus;
+}
+
+Bus requesting()
+{
+    Bus bus = asking();
+    bus.hear(kAddressReport);
+    EXPECT_EQ("05:c3", bus.said());
+    return bus;
+}
+
+Bus active()
+{
+    Bus bus = requesting();
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ(State::active, bus.arc.state());
+    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.told());
+    return bus;
+}
+
+Bus terminated()
+{
+    Bus bus = active();
+    bus.hear("50:c5");
+    EXPECT_EQ("05:c2", bus.said());
+    EXPECT_EQ(State::terminated, bus.arc.state());
+    return bus;
+}
+
+Bus closing()
+{
+    Bus bus = active();
+    bus.arc.close(bus.now);
+    EXPECT_EQ("05:c4", bus.said());
+    EXPECT_FALSE(bus.arc.closed());
+    return bus;
+}
+
+TEST(CecArc, OnlyADeviceOnAConnectorOfTheTvIsAdjacent)
+{
+    for (const int port : {1, 2, 15})
+        EXPECT_TRUE(cec_arc::adjacent(kRoot, static_cast<uint16_t>(port << 12))) << port;
+    for (const int other : {0x0000, 0x1100, 0x1110, 0x1111, 0x0100, 0x1010, 0xFFFF})
+        EXPECT_FALSE(cec_arc::adjacent(kRoot, static_cast<uint16_t>(other))) << std::hex << other;
+    EXPECT_TRUE(cec_arc::adjacent(0x1000, 0x1200));
+    EXPECT_FALSE(cec_arc::adjacent(0x1000, 0x2200));
+    EXPECT_FALSE(cec_arc::adjacent(0x1000, 0x1000));
+    EXPECT_FALSE(cec_arc::adjacent(0x1111, 0x1111));
+    EXPECT_FALSE(cec_arc::adjacent(0xFFFF, 0xFFFF));
+}
+
+TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
+{
+    Bus bus;
+    bus.arc.open(bus.now);
+    EXPECT_EQ("", bus.said());
+    EXPECT_EQ(State::idle, bus.arc.state());
+    bus.arc.attach(kRoot, true, bus.now);
+    EXPECT_EQ("05:83", bus.said());
+    EXPECT_EQ(State::requested, bus.arc.state());
+    bus.arc.open(bus.now);
+    EXPECT_EQ("", bus.said()) << "asked for twice";
+    bus.hear(kAddressReport);
+    EXPECT_EQ("05:c3", bus.said());
+    bus.hear("50:c0");
+    EXPECT_EQ(State::requested, bus.arc.state()) << "not before it was confirmed";
+    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ(State::active, bus.arc.state());
+    EXPECT_EQ(cec_arc::kNever, bus.arc.deadline()) << "an open channel needs no attention";
+}
+
+TEST(CecArc, FollowsWhatTheAudioSystemDoesLater)
+{
+    Bus bus = terminated();
+    EXPECT_EQ(std::vector<Notice>{Notice::closed_by_peer}, bus.told());
+    bus.hear("50:c5");
+    EXPECT_EQ("05:c2", bus.said()) << "every time";
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ(State::active, bus.arc.state());
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said()) << "every time";
+    EXPECT_EQ(State::active, bus.arc.state());
+    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.told()) << "once";
+    // Both before the bus was free: the last one counts.
+    bus.hear("50:c5");
+    bus.hear("50:c0");
+    bus.hear("50:c5");
+    EXPECT_EQ("05:c2 05:c1 05:c2", bus.said());
+    EXPECT_EQ(State::terminated, bus.arc.state());
+}
+
+TEST(CecArc, RefusesWhatIsMalformedOrComesFromElsewhere)
+{
+    for (const char* opcode : {"c0", "c5"}) {
+        const std::string op = opcode;
+        const std::vector<std::pair<std::string, std::string>> cases = {
+            {"50:" + op + ":00", "05:00:" + op + ":03"},
+            {"50:" + op + ":00:01:02:03:04:05:06:07:08:09:0a:0b:0c:0d", "05:00:" + op + ":03"},
+            {"40:" + op, "04:00:" + op + ":04"},
+            {"e0:" + op, "0e:00:" + op + ":04"},
+            {"f0:" + op, ""},
+            {"5f:" + op, ""},
+            {"51:" + op, ""},
+            {"00:" + op, ""},
+        };
+        for (const auto& [message, answer] : cases)
+            for (Bus bus : {requesting(), active(), terminated()}) {
+                const State before = bus.arc.state();
+                bus.hear(message);
+                EXPECT_EQ(answer, bus.said()) << message;
+                EXPECT_EQ(before, bus.arc.state()) << message;
+            }
+    }
+    for (const char* opcode : {"c1", "c2", "c3", "c4"}) { // of the other role
+        Bus bus = active();
+        bus.hear(std::string("50:") + opcode);
+        EXPECT_EQ(std::string("05:00:") + opcode + ":00", bus.said());
+    }
+}
+
+TEST(CecArc, AnAudioSystemBehindAnotherDeviceIsRefused)
+{
+    Bus bus = asking();
+    bus.hear("5f:84:11:00:05");
+    EXPECT_EQ("", bus.said());
+    EXPECT_EQ(std::vector<Notice>{Notice::not_adjacent}, bus.told());
+    for (const char* opcode : {"c0", "c5"}) {
+        bus.hear(std::string("50:") + opcode);
+        EXPECT_EQ(std::string("05:00:") + opcode + ":04", bus.said());
+    }
+    EXPECT_EQ(State::idle, bus.arc.state());
+    bus.hear(kAddressReport); // Plugged in directly now.
+    EXPECT_EQ("05:c3", bus.said());
+    bus = active();
+    bus.hear("5f:84:11:00:05");
+    EXPECT_EQ(State::idle, bus.arc.state());
+}
+
+TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
+{
+    Bus bus = attached();
+    bus.arc.open(bus.now);
+    EXPECT_EQ("05:83", bus.said(Delivery::not_acknowledged)); // Switched on a little later,
+    bus.hear("50:c0");                                        // it opens the channel by itself.
+    EXPECT_EQ("05:83", bus.said());
+    Bus other = bus;
+    Bus silent = bus;
+    bus.hear(kAddressReport);
+    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ(State::active, bus.arc.state());
+    other.hear("5f:84:12:00:05");
+    EXPECT_EQ("05:00:c0:04", other.said());
+    silent.pass(kResponseMs);
+    EXPECT_EQ("05:00:c0:04", silent.said().substr(0, 11));
+    // An address report of somebody else, one that was not broadcast, one that is too short: no address.
+    for (const char* report : {"4f:84:10:00:04", "50:84:10:00:05", "5f:84:10:00"}) {
+        Bus waiting = asking();
+        waiting.hear(report);
+        EXPECT_EQ("", waiting.said()) << report;
+    }
+}
+
+TEST(CecArc, BeforeItIsAskedForItIsNotReady)
+{
+    Bus bus = attached();
+    bus.hear("50:c0");
+    EXPECT_EQ("05:00:c0:01", bus.said());
+    EXPECT_EQ(State::idle, bus.arc.state());
+}
+
+// Some attempts, then silence; one notice.
+void expect_attempts(Bus bus, const char* message, Delivery delivery, Notice notice)
+{
+    int attempts = 0;
+    std::string all;
+    do {
+        const std::string said = bus.said(delivery);
+        attempts += said.empty() ? 0 : 1;
+        all += said.empty() || !all.empty() ? "" : said;
+        if (bus.arc.deadline() != cec_arc::kNever)
+            bus.pass_to_deadline();
+    } while (attempts < 10 && bus.arc.deadline() != cec_arc::kNever);
+    EXPECT_EQ(message, all);
+    EXPECT_EQ(3, attempts);
+    EXPECT_EQ(std::vector<Notice>{notice}, bus.told());
+    EXPECT_EQ(State::idle, bus.arc.state());
+    EXPECT_LT(bus.now, 20000);
+    // Silence is not for ever: it appears, or asks by itself.
+    bus.hear(kAddressReport);
+    EXPECT_EQ("05:c3", bus.said());
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ(State::active, bus.arc.state());
+}
+
+TEST(CecArc, GivesUpAfterSomeAttemptsAndSaysWhy)
+{
+    Bus bus = attached();
+    bus.arc.open(bus.now);
+    expect_attempts(bus, "05:83", Delivery::not_acknowledged, Notice::no_audio_system);
+    expect_attempts(bus, "05:83", Delivery::failed, Notice::no_answer);
+    expect_attempts(bus, "05:83", Delivery::acknowledged, Notice::no_address);
+    bus = asking();
+    bus.hear(kAddressReport);
+    expect_attempts(bus, "05:c3", Delivery::acknowledged, Notice::no_answer);
+    expect_attempts(bus, "05:c3", Delivery::failed, Notice::no_answer);
+}
+
+TEST(CecArc, TakesARefusalAsFinalUnlessItMayPass)
+{
+    for (const char* reason : {"00", "03", "04", "05", "ff"}) {
+        Bus bus = requesting();
+        bus.hear(std::string("50:00:c3:") + reason);
+        EXPECT_EQ(State::idle, bus.arc.state());
+        EXPECT_EQ(cec_arc::kNever, bus.arc.deadline());
+        EXPECT_EQ(std::vector<Notice>{Notice::refused}, bus.told());
+    }
+    Bus bus = requesting();
+    bus.hear("50:00:c3:01"); // in standby
+    bus.pass_to_deadline();
+    EXPECT_EQ("05:c3", bus.said());
+    for (const char* nothing : {"40:00:c3:04", "50:00:c3", "50:00", "5f:00:c3:04", "50:00:c1:04"})
+        bus.hear(nothing);
+    EXPECT_EQ(State::requested, bus.arc.state());
+    EXPECT_EQ("", bus.said()) << "a Feature Abort is never answered";
+}
+
+TEST(CecArc, ConfirmationThatDoesNotArriveIsNoOpenChannel)
+{
+    Bus bus = requesting();
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said(Delivery::not_acknowledged));
+    EXPECT_EQ(State::requested, bus.arc.state());
+    bus.pass_to_deadline();
+    EXPECT_EQ("05:83", bus.said()) << "it has gone: begun again";
+}
+
+TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
+{
+    for (Bus bus : {asking(), requesting(), active(), terminated()}) {
+        bus.arc.detach();
+        EXPECT_EQ(State::idle, bus.arc.state());
+        EXPECT_EQ(cec_arc::kNever, bus.arc.deadline());
+        bus.hear("50:c0");
+        EXPECT_EQ("", bus.said());
+        bus.arc.attach(0x1000, true, bus.now);
+        EXPECT_EQ("05:83", bus.said());
+        bus.hear("5f:84:13:00:05");
+        EXPECT_EQ("05:c3", bus.said());
+    }
+    Bus bus = active();
+    bus.hear(kAddressReport); // Only the audio system was away.
+    EXPECT_EQ("05:c3", bus.said());
+    bus.hear(kAddressReport);
+    EXPECT_EQ("", bus.said()) << "once for each time";
+}
+
+TEST(CecArc, ClosesWithinItsTime)
+{
+    Bus bus = closing();
+    bus.hear("50:c0");
+    EXPECT_EQ("05:00:c0:01", bus.said());
+    bus.hear("50:c5");
+    EXPECT_FALSE(bus.arc.closed());
+    EXPECT_EQ("05:c2", bus.said());
+    EXPECT_TRUE(bus.arc.closed());
+    EXPECT_EQ(State::terminated, bus.arc.state());
+    bus.arc.attach(kRoot, true, bus.now);
+    bus.arc.open(bus.now);
+    bus.hear("50:c0");
+    EXPECT_EQ("", bus.said()) << "closed for good";
+
+    const std::vector<std::function<void(Bus&)>> ends = {
+        [](Bus& b) { b.pass(TvSide::kCloseMs); },
+        [](Bus& b) { b.hear("50:00:c4:00"); },
+        [](Bus& b) { b.arc.detach(); },
+        [](Bus& b) { b.arc.attach(0x2000, true, b.now); },
+    };
+    for (const auto& end : ends) {
+        bus = closing();
+        end(bus);
+        EXPECT_TRUE(bus.arc.closed());
+    }
+    bus = requesting(); // What was asked for is taken back.
+    bus.arc.close(bus.now);
+    EXPECT_EQ("05:c4", bus.said(Delivery::not_acknowledged));
+    EXPECT_TRUE(bus.arc.closed());
+    for (Bus quiet : {Bus(), attached(), asking(), terminated()}) {
+        quiet.arc.close(quiet.now);
+        EXPECT_TRUE(quiet.arc.closed());
+        EXPECT_EQ("", quiet.said());
+    }
+}
+
+TEST(CecArc, AnswersOthersOnlyWhereNobodyElseDoes)
+{
+    Bus alone = attached(true);
+    Bus shared = attached(false);
+    for (const char* message : {"40:8f", "80:89:01:02", "50:ff", "40:44:41", "40:45", "f0:8f", "4f:8f", "40"}) {
+        alone.hear(message);
+        shared.hear(message);
+    }
+    EXPECT_EQ("04:00:8f:00 08:00:89:00 05:00:ff:00", alone.said());
+    EXPECT_EQ(3, alone.arc.refusals());
+    EXPECT_EQ("", shared.said());
+}
+
+TEST(CecArc, AFloodIsNotAnsweredFasterThanTheBusCarries)
+{
+    Bus bus = active();
+    for (int i = 0; i < 1000; ++i)
+        for (const char* message : {"50:c0", "40:c0", "40:8f", "5f:84:20:00:05", "50:c5", kAddressReport})
+            bus.hear(message);
+    const std::string said = bus.said();
+    EXPECT_LT(said.size(), 20 * sizeof("05:00:c0:04"));
+    EXPECT_NE(std::string::npos, said.find("05:c2"));
+    EXPECT_EQ(State::requested, bus.arc.state()) << "its own request finds room all the same";
+    EXPECT_EQ("05:c3", said.substr(said.size() - 5));
+}
+
+// Whatever comes in: one answer at most, from the TV to the initiator, none to what was broadcast, none to a device
+// without address. Only the audio system moves the state.
+void expect_manners(const Bus& before, const Bytes& message)
+{
+    Bus bus = before;
+    bus.hear(message);
+    const auto text = [&message] { return printed(message.data(), message.size()); };
+    const bool directed = message.size() > 1 && (message[0] & 0xF) == cec_arc::kTv;
+    const int from = message.empty() ? -1 : message[0] >> 4;
+    if (from != cec_arc::kAudioSystem) {
+        ASSERT_EQ(before.arc.state(), bus.arc.state()) << text();
+    }
+    const bool address = message.size() > 1 && from == cec_arc::kAudioSystem && message[1] == 0x84;
+    for (int answers = 0; const auto answer = bus.arc.next_message(); ++answers) {
+        ASSERT_EQ(0, answers) << text();
+        ASSERT_TRUE(directed || address) << text();
+        ASSERT_EQ(address ? cec_arc::kAudioSystem : from, answer->bytes[0]) << text();
+        ASSERT_NE(cec_arc::kUnregistered, from) << text();
+        ASSERT_NE(cec_arc::kFeatureAbort, message[1]) << text();
+        if (answer->opcode() == cec_arc::kFeatureAbort) {
+            ASSERT_EQ(4, answer->length);
+            ASSERT_EQ(message[1], answer->bytes[2]) << text();
+        } else {
+            ASSERT_EQ(2, answer->length) << text();
+        }
+    }
+}
+
+TEST(CecArc, EveryMessageOfEveryLengthFindsItWellBehaved)
+{
+    for (const Bus& bus : {Bus(), attached(), asking(), requesting(), active(), terminated(), closing()})
+        for (const size_t length : {0, 1, 2, 3, 4, 5, 16, 40})
+            for (int from = 0; from < 16; ++from)
+                for (int to = 0; to < 16; ++to)
+                    for (int opcode = 0; opcode < (length > 1 ? 256 : 1); ++opcode) {
+                        Bytes message(length, 0x10);
+                        if (length > 0)
+                            message[0] = static_cast<uint8_t>(from << 4 | to);
+                        if (length > 1)
+                            message[1] = static_cast<uint8_t>(opcode);
+                        ASSERT_NO_FATAL_FAILURE(expect_manners(bus, message));
+                    }
+}
+
+TEST(CecArc, NoSequenceOfEventsLeavesItStuck)
+{
+    std::mt19937 random(4);
+    const auto any = [&random](int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); };
+    const std::array<uint8_t, 10> opcodes = {0x00, 0x83, 0x84, 0xC0, 0xC0, 0xC1, 0xC2, 0xC3, 0xC4, 0xC5};
+    for (int run = 0; run < 400; ++run) {
+        Bus bus = attached(any(2) == 0);
+        bus.arc.open(bus.now);
+        for (int step = 0; step < 200; ++step) {
+            const int event = any(20);
+            if (event == 0)
+                bus.arc.detach();
+            else if (event < 3)
+                bus.arc.attach(static_cast<uint16_t>(any(3) << 12), any(2) == 0, bus.now);
+            else if (event < 6)
+                bus.said(static_cast<Delivery>(any(3)));
+            else if (event < 9)
+                bus.pass(any(3000));
+            else {
+                Bytes message = {static_cast<uint8_t>(any(4) == 0 ? any(256) : 0x50 | any(2) * 0xF),
+                                 opcodes[static_cast<size_t>(any(10))], static_cast<uint8_t>(any(4) * 0x61),
+                                 static_cast<uint8_t>(any(6)), 5};
+                message.resize(static_cast<size_t>(any(6)));
+                bus.hear(message);
+            }
+        }
+        // The audio system is there and behaves from now on: the channel opens.
+        bus.arc.attach(kRoot, true, bus.now);
+        bus.told();
+        bus.said();
+        bus.hear(kAddressReport);
+        ASSERT_EQ("05:c3", bus.said()) << run;
+        bus.hear("50:c0");
+        ASSERT_EQ("05:c1", bus.said()) << run;
+        ASSERT_EQ(State::active, bus.arc.state()) << run;
+        bus.arc.close(bus.now);
+        bus.pass(TvSide::kCloseMs);
+        ASSERT_TRUE(bus.arc.closed()) << run;
+    }
+}
+
+// --- The adapter ------------------------------------------------------------
+
+using hdmi_linux::ArcState;
+using hdmi_linux::CecLink;
+using hdmi_linux::CecStats;
+
+struct FakeAdapter {
+    std::string path = "/dev/cec0";
+    int open_error = 0;
+    uint32_t capabilities = CEC_CAP_LOG_ADDRS | CEC_CAP_TRANSMIT;
+    uint16_t physical_address = kRoot;
+    cec_log_addrs logical = {};
+    bool of_output = false;
+};
+
+FakeAdapter used_as(int type, const std::string& path = "/dev/cec0")
+{
+    FakeAdapter adapter;
+    adapter.path = path;
+    adapter.logical.num_log_addrs = 1;
+    adapter.logical.log_addr_type[0] = static_cast<uint8_t>(type);
+    adapter.logical.log_addr_mask = type == CEC_LOG_ADDR_TYPE_TV ? CEC_LOG_ADDR_MASK_TV : CEC_LOG_ADDR_MASK_PLAYBACK;
+    return adapter;
+}
+
+// What the kernel does with an adapter, and an audio system at its other end.
+class FakeKernel : public hdmi_linux::CecSystem
+{
+public:
+    explicit FakeKernel(std::vector<FakeAdapter> fakes = {FakeAdapter()}) : adapters(std::move(fakes)) {}
+
+    std::vector<std::string> devices() override
+    {
+        std::vector<std::string> paths;
+        for (const FakeAdapter& adapter : adapters)
+            paths.push_back(adapter.path);
+        return paths;
+    }
+    int open(const char* path) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto found =
+            std::find_if(adapters.begin(), adapters.end(), [&](const auto& a) { return a.path == path; });
+        const int error = found == adapters.end() || gone_ ? ENOENT : found->open_error;
+        if (error != 0) {
+            errno = error;
+            return -1;
+        }
+        current_ = &*found;
+        events_.clear();
+        inbox_.clear();
+        fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        post_state(CEC_EVENT_FL_INITIAL_STATE);
+        return fd_;
+    }
+    void close(int fd) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        EXPECT_EQ(fd_, fd);
+        ::close(fd_);
+        fd_ = -1;
+    }
+    int ioctl(int fd, unsigned long request, void* argument) override
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        EXPECT_EQ(fd_, fd);
+        errno = gone_ ? ENODEV : answer(request, argument);
+        return errno == 0 ? 0 : -1;
+    }
+
+    void unplug()
+    {
+        change([this] { gone_ = true; });
+    }
+    void plug()
+    {
+        change([this] { gone_ = false; });
+    }
+    // The adapter has got its address, or something else about it has changed.
+    void claim()
+    {
+        change([this] {
+            claiming_ = false;
+            current_->logical.log_addr_mask = CEC_LOG_ADDR_MASK_TV;
+            post_state(0);
+        });
+    }
+    void post(const std::string& text)
+    {
+        change([&] { receive(text); });
+    }
+    bool is_open()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return fd_ >= 0;
+    }
+
+    std::vector<FakeAdapter> adapters;
+    bool claims_at_once = true;
+    bool tells_fates = true;
+    int transmit_error = 0;
+    std::function<std::string(const std::string&)> audio_system = [](const std::string& message) -> std::string {
+        return message == "05:83" ? kAddressReport : message == "05:c3" ? "50:c0" : message == "05:c4" ? "50:c5" : "";
+    };
+
+private:
+    void change(const std::function<void()>& what)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        what();
+        wake();
+    }
+    void wake()
+    {
+        const uint64_t one = 1;
+        if (fd_ >= 0) {
+            EXPECT_EQ(static_cast<ssize_t>(sizeof(one)), write(fd_, &one, sizeof(one)));
+        }
+    }
+    // As the kernel: at most one that waits.
+    void post_state(uint32_t flags)
+    {
+        cec_event event = {};
+        event.event = CEC_EVENT_STATE_CHANGE;
+        event.flags = flags;
+        event.state_change.phys_addr = current_->physical_address;
+        event.state_change.log_addr_mask = current_->logical.log_addr_mask;
+        events_.assign(1, event);
+        wake();
+    }
+    void receive(const std::string& text)
+    {
+        cec_msg message = {};
+        const Bytes bytes = parsed(text);
+        message.len = static_cast<uint32_t>(bytes.size());
+        std::copy(bytes.begin(), bytes.end(), message.msg);
+        message.rx_status = CEC_RX_STATUS_OK;
+        inbox_.push_back(message);
+    }
+    template <typename Type> static int take(std::vector<Type>* queue, void* argument)
+    {
+        if (queue->empty())
+            return EAGAIN;
+        memcpy(argument, &queue->front(), sizeof(Type));
+        queue->erase(queue->begin());
+        return 0;
+    }
+    int set_addresses(const cec_log_addrs& wanted)
+    {
+        if (claiming_ || (wanted.num_log_addrs != 0 && current_->logical.num_log_addrs != 0))
+            return EBUSY;
+        current_->logical = wanted;
+        claiming_ = wanted.num_log_addrs != 0 && !claims_at_once;
+        current_->logical.log_addr_mask = wanted.num_log_addrs != 0 && claims_at_once ? CEC_LOG_ADDR_MASK_TV : 0;
+        post_state(0);
+        return 0;
+    }
+    int transmit(cec_msg* message)
+    {
+        if (transmit_error != 0)
+            return transmit_error;
+        message->sequence = ++sequence_;
+        if (!tells_fates)
+            return 0;
+        cec_msg result = *message;
+        result.tx_status = CEC_TX_STATUS_OK;
+        inbox_.push_back(result);
+        const std::string reply = audio_system(printed(message->msg, message->len));
+        if (!reply.empty())
+            receive(reply);
+        wake();
+        return 0;
+    }
+    int answer(unsigned long request, void* argument)
+    {
+        switch (request) {
+        case CEC_ADAP_G_CAPS: static_cast<cec_caps*>(argument)->capabilities = current_->capabilities; return 0;
+        case CEC_ADAP_G_PHYS_ADDR: memcpy(argument, &current_->physical_address, 2); return 0;
+        case CEC_ADAP_G_LOG_ADDRS: *static_cast<cec_log_addrs*>(argument) = current_->logical; return 0;
+        case CEC_ADAP_G_CONNECTOR_INFO:
+            static_cast<cec_connector_info*>(argument)->type = current_->of_output ? CEC_CONNECTOR_TYPE_DRM : 0;
+            return 0;
+        case CEC_ADAP_S_PHYS_ADDR:
+            memcpy(&current_->physical_address, argument, 2);
+            post_state(0);
+            return 0;
+        case CEC_ADAP_S_LOG_ADDRS: return set_addresses(*static_cast<const cec_log_addrs*>(argument));
+        case CEC_S_MODE: return 0;
+        case CEC_TRANSMIT: return transmit(static_cast<cec_msg*>(argument));
+        case CEC_DQEVENT: return take(&events_, argument);
+        case CEC_RECEIVE: {
+            uint64_t wakes;
+            while (read(fd_, &wakes, sizeof(wakes)) > 0) {
+            }
+            if (!events_.empty())
+                wake();
+            return take(&inbox_, argument);
+        }
+        default: return ENOTTY;
+        }
+    }
+
+    std::mutex mutex_;
+    FakeAdapter* current_ = nullptr;
+    int fd_ = -1;
+    bool gone_ = false;
+    bool claiming_ = false;
+    uint32_t sequence_ = 0;
+    std::vector<cec_event> events_;
+    std::vector<cec_msg> inbox_;
+};
+
+bool comes_true(const std::function<bool()>& condition)
+{
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20); !condition();) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+bool reaches(const CecLink& link, ArcState state)
+{
+    return comes_true([&] { return link.stats().arc == state; });
+}
+
+std::string conversation(const CecLink& link)
+{
+    std::string all;
+    for (const hdmi_linux::CecMessage& message : link.messages())
+        all += (all.empty() ? "" : " ") + printed(message.bytes, message.length);
+    return all;
+}
+
+TEST(CecLink, OpensAndClosesTheChannelAndLeavesTheAdapterAsItWas)
+{
+    FakeKernel kernel;
+    kernel.adapters[0].capabilities |= CEC_CAP_PHYS_ADDR;
+    kernel.adapters[0].physical_address = CEC_PHYS_ADDR_INVALID;
+    CecLink link(&kernel);
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(0, link.start("", "", false));
+        EXPECT_EQ(-EALREADY, link.start("", "", false));
+        EXPECT_EQ(0, link.open_arc());
+        ASSERT_TRUE(reaches(link, ArcState::active));
+        kernel.post("40:8f");
+        ASSERT_TRUE(comes_true([&] { return link.stats().refusals == 1; }));
+        EXPECT_EQ(1, link.stats().activations);
+        EXPECT_EQ("/dev/cec0", link.stats().device);
+        EXPECT_TRUE(link.stats().attached);
+        link.stop();
+        EXPECT_EQ("05:83 5f:84:10:00:05 05:c3 50:c0 05:c1 40:8f 04:00:8f:00 05:c4 50:c5 05:c2", conversation(link));
+        EXPECT_EQ(ArcState::terminated, link.stats().arc);
+        EXPECT_FALSE(link.stats().open);
+        EXPECT_FALSE(kernel.is_open());
+        EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+        EXPECT_EQ(CEC_PHYS_ADDR_INVALID, kernel.adapters[0].physical_address);
+    }
+    EXPECT_EQ(-ENODEV, link.open_arc());
+    link.stop();
+}
+
+TEST(CecLink, UsesWhatAnotherProgramHasSetUpAndLeavesTheRestToIt)
+{
+    FakeKernel kernel({used_as(CEC_LOG_ADDR_TYPE_TV)});
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("", "", false));
+    link.open_arc();
+    kernel.post("40:8f");
+    ASSERT_TRUE(reaches(link, ArcState::active));
+    link.stop();
+    EXPECT_EQ(std::string::npos, conversation(link).find("04:00:8f:00"));
+    EXPECT_EQ(1, kernel.adapters[0].logical.num_log_addrs);
+}
+
+TEST(CecLink, ChoosesTheAdapterOfATv)
+{
+    FakeAdapter denied;
+    denied.open_error = EACCES;
+    FakeAdapter output;
+    output.capabilities |= CEC_CAP_CONNECTOR_INFO;
+    output.of_output = true;
+    FakeAdapter source;
+    source.physical_address = 0x1000;
+    FakeAdapter unconnected;
+    unconnected.path = "/dev/cec1";
+    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
+    FakeAdapter root;
+    root.path = "/dev/cec2";
+    FakeAdapter deaf;
+    deaf.capabilities = 0;
+    const FakeAdapter player = used_as(CEC_LOG_ADDR_TYPE_PLAYBACK);
+    const FakeAdapter tv = used_as(CEC_LOG_ADDR_TYPE_TV, "/dev/cec3");
+
+    const std::vector<std::tuple<std::vector<FakeAdapter>, std::string, std::string>> cases = {
+        {{}, "", "no CEC adapter of a TV"},
+        {{denied}, "", "Permission denied"},
+        {{output}, "", "no CEC adapter of a TV"},
+        {{source}, "", "no CEC adapter of a TV"},
+        {{deaf}, "", "no CEC adapter of a TV"},
+        {{player}, "", "no CEC adapter of a TV"},
+        {{player}, "/dev/cec0", "linux.conf:1: cec: /dev/cec0 is no CEC adapter of a TV"},
+        {{root}, "/dev/cec9", "linux.conf:1: cec: /dev/cec9 cannot be opened: No such file"},
+        {{denied, output, unconnected}, "", "/dev/cec1"},
+        {{source, unconnected, root}, "", "/dev/cec2"},
+        {{root, tv}, "", "/dev/cec3"},
+        {{output, tv}, "/dev/cec0", "/dev/cec0"},
+    };
+    for (const auto& [adapters, device, expected] : cases) {
+        FakeKernel kernel(adapters);
+        CecLink link(&kernel);
+        const int result = link.start(device, device.empty() ? "" : "linux.conf:1: cec", false);
+        if (expected.substr(0, 4) == "/dev") {
+            EXPECT_EQ(0, result) << expected;
+            EXPECT_EQ(expected, link.stats().device);
+        } else {
+            EXPECT_GT(0, result) << expected;
+            EXPECT_NE(std::string::npos, link.stats().note.find(expected)) << link.stats().note;
+            EXPECT_FALSE(link.stats().open);
+        }
+        link.stop();
+        EXPECT_FALSE(kernel.is_open());
+    }
+}
+
+TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
+{
+    FakeKernel kernel;
+    kernel.claims_at_once = false;
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("", "", false));
+    EXPECT_EQ(0, link.open_arc());
+    EXPECT_FALSE(link.stats().attached);
+    kernel.claim();
+    EXPECT_TRUE(reaches(link, ArcState::active));
+    // The kernel keeps one event: this one is a link that was down and is up again.
+    kernel.claim();
+    EXPECT_TRUE(comes_true([&] { return link.stats().activations == 2; }));
+    link.stop();
+    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+
+    // Stopped before the claim has ended.
+    ASSERT_EQ(0, link.start("", "", false));
+    std::thread late([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        kernel.claim();
+    });
+    link.stop();
+    late.join();
+    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+}
+
+TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
+{
+    FakeKernel kernel;
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("", "", false));
+    link.open_arc();
+    for (int round = 1; round <= 2; ++round) {
+        ASSERT_TRUE(comes_true([&] { return link.stats().activations == round; }));
+        kernel.unplug();
+        ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
+        EXPECT_EQ(ArcState::idle, link.stats().arc);
+        kernel.adapters[0].logical = {};
+        kernel.plug();
+    }
+    ASSERT_TRUE(comes_true([&] { return link.stats().activations == 3; }));
+    kernel.unplug();
+    ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
+    link.stop();
+    EXPECT_FALSE(kernel.is_open());
+}
+
+TEST(CecLink, EndsInTimeWhenNobodyAnswers)
+{
+    FakeKernel kernel;
+    CecLink link(&kernel);
+    kernel.audio_system = [](const std::string& message) { return message == "05:83" ? kAddressReport : ""; };
+    for (const bool tells_fates : {true, false}) {
+        kernel.tells_fates = tells_fates;
+        ASSERT_EQ(0, link.start("", "", false));
+        link.open_arc();
+        ASSERT_TRUE(reaches(link, ArcState::requested));
+        const auto start = std::chrono::steady_clock::now();
+        link.stop();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2 * CecLink::kStopMs));
+    }
+}
+
+TEST(CecLink, SaysOnceThatAnotherProgramHasTheAdapterToItself)
+{
+    FakeKernel kernel;
+    kernel.transmit_error = EBUSY;
+    CecLink link(&kernel);
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(0, link.start("", "", false));
+    link.open_arc();
+    EXPECT_TRUE(comes_true([&] { return link.stats().undelivered == 3 && link.stats().arc == ArcState::idle; }));
+    link.stop();
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, log.find("/dev/cec0 is busy"));
+    EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << log;
+}
+
+TEST(CecFunctions, WithoutAnAdapterTheyFailAtOnceAndSayWhy)
+{
+    setenv("HDMIPLAYER_CEC_DEVICE", "/dev/null", 1);
+    testing::internal::CaptureStdout();
+    hdmi_cec_config_t config = {};
+    EXPECT_GT(0, vendor_hdmi_cec_init(&config));
+    EXPECT_GT(0, vendor_hdmi_cec_open_arc());
+    EXPECT_EQ(0, vendor_hdmi_cec_deinit());
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, log.find("HDMIPLAYER_CEC_DEVICE: /dev/null is no CEC adapter of a TV")) << log;
+    EXPECT_EQ(1, std::count(log.begin(), log.end(), '\n')) << log;
+}
+
+} // namespace

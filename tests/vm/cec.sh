@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# The audio return channel between the kernel's two CEC adapters: the Linux platform is the TV at one end of the cable,
+# cec-follower the audio system at the other. Opening, cec-compliance's tests of the TV's role, cables that are pulled,
+# closing.
+# Limit: 240 s
+source "$PROJECT/tests/vm/lib.sh"
+
+tv=/dev/cec0
+audio_system=/dev/cec1
+input=/dev/video0
+output=/dev/video1
+replugs=20
+seconds_to_open=8 # an emulated machine; the exchange itself takes some 0.6 s
+told=$OUT/cec-probe.log
+
+# How often the channel was opened so far, and what it is now.
+activations() { sed -n 's/.* state .* activations \([0-9]*\) .*/\1/p' "$told" | tail -n 1; }
+state() { sed -n 's/.* state \([a-z]*\) .*/\1/p' "$told" | tail -n 1; }
+is() { [ "$(state)" = "$1" ]; }
+opened_since() { [ "$(activations)" -gt "$1" ] && is active; }
+threads() { ls "/proc/$probe/task" | wc -l; }
+
+start_probe() {
+    HDMIPLAYER_CEC_DEVICE=$1 debug_hdmiplayer_log_level=3 "$BUILD/tests/arc_probe" >"$told" 2>&1 &
+    probe=$!
+}
+end_probe() { kill "$probe" && wait "$probe"; }
+set_audio_system() { cec-ctl -d "$audio_system" --audio --feat-source-has-arc-rx; }
+
+# The audio system is unplugged and plugged in again.
+replug_output() {
+    local before
+    before=$(activations)
+    v4l2-ctl -d "$output" -c display_present=0
+    sleep 0.2
+    v4l2-ctl -d "$output" -c display_present=1 && v4l2-ctl -d "$input" --set-edid=type=hdmi
+    wait_for "$seconds_to_open" opened_since "$before"
+}
+# The TV's own input loses its address and gets it back.
+replug_input() {
+    local before
+    before=$(activations)
+    v4l2-ctl -d "$input" --clear-edid
+    wait_for 5 is idle || return 1
+    v4l2-ctl -d "$input" --set-edid=type=hdmi
+    wait_for "$seconds_to_open" opened_since "$before"
+}
+replug_often() {
+    local i
+    for ((i = 0; i < replugs; i++)); do
+        $1 || { echo "time $((i + 1)): state $(state)"; return 1; }
+    done
+}
+in_order() { # LOG MESSAGE...: each after the one before
+    local file=$1 line=0 found message
+    shift
+    for message in "$@"; do
+        found=$(tail -n +$((line + 1)) "$file" | grep -n -m 1 -E "$message\$" | cut -d : -f 1)
+        [ -n "$found" ] || { echo "no $message after line $line"; return 1; }
+        line=$((line + found))
+    done
+}
+
+set_audio_system >"$OUT/cec-audio-system.log" 2>&1
+cec-follower -d "$audio_system" -w >"$OUT/cec-follower.log" 2>&1 &
+follower=$!
+
+start_probe ""
+check "the channel is opened" wait_for "$seconds_to_open" is active || cat "$told"
+compare "vendor_hdmi_cec_init takes" "$(sed -n 's/.*init 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 100000 us
+compare "vendor_hdmi_cec_open_arc takes" "$(sed -n 's/.*open_arc 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 20000 us
+check "cec-compliance: the TV's role in ARC" cec-compliance -d "$audio_system" -r0 \
+    --test-audio-return-channel-control
+check "cec-compliance ran both tests" grep -c "(TX): OK\$" "$OUT"/cec-cec-compliance--the-TV-s-role-in-ARC.log
+check "the audio system unplugged and back, $replugs times" replug_often replug_output
+check "the TV's input unplugged and back, $replugs times" replug_often replug_input
+compare "threads at the end" "$(threads)" -eq 2
+end_probe
+check "closed at the end" is terminated
+compare "vendor_hdmi_cec_deinit takes" "$(sed -n 's/.*deinit 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 1500000 us
+check "the whole exchange" in_order "$told" 'sent 05:c3' 'received 50:c0' 'sent 05:c1' 'sent 05:c4' 'received 50:c5' \
+    'sent 05:c2'
+check "the adapter is as it was" bash -c "cec-ctl -d $tv | grep -q 'Logical Address Mask *: 0x0000'"
+
+cec-ctl -d "$tv" --tv >"$OUT/cec-tv.log" 2>&1
+start_probe "$tv"
+check "opened on an adapter that another program has set up" wait_for "$seconds_to_open" is active
+kill "$follower"
+end_probe
+compare "with an audio system that answers no more deinit takes" "$(sed -n 's/.*deinit 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 2500000 us
+check "and leaves it so" bash -c "cec-ctl -d $tv | grep -q 'Logical Address Mask *: 0x0001'"
+
+cec-ctl -d "$audio_system" --clear >"$OUT/cec-clear.log" 2>&1
+start_probe ""
+check "without an audio system one message" wait_for 20 grep -q 'no audio system on the CEC bus' "$told"
+sleep 2
+compare "no more than one" "$(grep -c 'W \[' "$told")" -eq 1
+set_audio_system >>"$OUT/cec-audio-system.log" 2>&1
+cec-follower -d "$audio_system" -w >>"$OUT/cec-follower.log" 2>&1 &
+check "opened when one appears" wait_for "$seconds_to_open" is active
+end_probe
+kill %+ 2>/dev/null
+
+start_probe "$audio_system"
+check "an adapter of another device is left alone" wait_for 5 grep -q "$audio_system is no CEC adapter of a TV" "$told"
+wait "$probe" || true
+start_probe /dev/cec9
+check "no adapter: one message" wait_for 5 grep -q '/dev/cec9 cannot be opened: No such file' "$told"
+wait "$probe" || true
