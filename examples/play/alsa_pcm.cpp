@@ -135,6 +135,19 @@ bool AlsaPcm::ask(Word* word)
     return true;
 }
 
+bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error)
+{
+    snd_lib_error_set_handler(be_silent);
+    snd_pcm_t* pcm = nullptr;
+    int result = snd_pcm_open(&pcm, name.c_str(), stream_of(direction), SND_PCM_NONBLOCK);
+    if (result >= 0) {
+        snd_pcm_close(pcm);
+        return true;
+    }
+    *error = "alsa:" + name + ": " + snd_strerror(result);
+    return false;
+}
+
 AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction)
 {
     AlsaPlace place;

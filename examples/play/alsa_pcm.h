@@ -51,6 +51,9 @@ private:
     int m_period_frames;
 };
 
+/// Whether the device can be opened. @return false with one line in @p error
+bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error);
+
 /// Where a device is in the machine; of one that is made in software, nowhere: card -1.
 struct AlsaPlace {
     int card = -1;

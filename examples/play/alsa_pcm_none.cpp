@@ -18,6 +18,10 @@ int AlsaPcm::read(int16_t*, int) { return -ENODEV; }
 bool AlsaPcm::start() { return false; }
 bool AlsaPcm::prepare() { return false; }
 bool AlsaPcm::ask(Word*) { return false; }
+bool alsa_opens(const std::string& name, AlsaPcm::Direction, std::string* error)
+{
+    return AlsaPcm::open(name, AlsaPcm::Direction::playback, 0, error) != nullptr;
+}
 AlsaPlace alsa_place(const std::string&, AlsaPcm::Direction) { return {}; }
 int alsa_control(const AlsaPlace&, const char*) { return -1; }
 

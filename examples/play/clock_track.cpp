@@ -9,10 +9,14 @@ namespace
 {
 
 constexpr int64_t gather_ns = 500'000'000;
+/// A device in software guesses at first: what it says in this time is used until there is better.
+constexpr int64_t settling_ns = 250'000'000;
 /// Of the words of half a second, so many are earlier than the one that counts: a single one may be wrong.
 constexpr size_t early_share = 8;
 /// From this length on, the drift is more than what the anchors' own error makes of it.
 constexpr double drift_known_ns = 4e9;
+/// No device drifts by more than half a per mille: what looks like it is a leap.
+constexpr double most_drift = 500e-6;
 
 } // namespace
 
@@ -21,6 +25,11 @@ void ClockTrack::add(int64_t position, int64_t at_ns)
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_recent.empty())
         m_recent_since_ns = at_ns;
+    if (!m_settled && at_ns - m_recent_since_ns >= settling_ns) {
+        m_settled = true;
+        m_recent.clear();
+        m_recent_since_ns = at_ns;
+    }
     auto place = static_cast<double>(position);
     m_recent.push_back({place, static_cast<double>(at_ns) - nominal_ns(place)});
     if (at_ns - m_recent_since_ns < gather_ns)
@@ -45,7 +54,9 @@ double ClockTrack::slope() const
     double length = m_anchors.back().position - m_anchors.front().position;
     if (nominal_ns(length) < drift_known_ns)
         return 0;
-    return (m_anchors.back().late_ns - m_anchors.front().late_ns) / length;
+    double slope = (m_anchors.back().late_ns - m_anchors.front().late_ns) / length;
+    double most = most_drift * 1e9 / m_rate;
+    return std::clamp(slope, -most, most);
 }
 
 double ClockTrack::late_ns(double position) const

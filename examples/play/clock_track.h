@@ -50,6 +50,7 @@ private:
     std::vector<Anchor> m_anchors;
     std::vector<Anchor> m_recent; ///< words of the half second under way
     int64_t m_recent_since_ns = 0;
+    bool m_settled = false; ///< the device's first guesses are over
 };
 
 } // namespace play

@@ -4,7 +4,9 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "alsa_pcm.h"
 #include "announcer.h"
@@ -40,6 +42,21 @@ void name_devices(const Options& options)
         setenv("HDMIPLAYER_CEC_DEVICE", options.cec.c_str(), 1);
 }
 
+bool devices_are_there(const Options& options, std::string* error)
+{
+    using Direction = AlsaPcm::Direction;
+    for (const std::string& device : {options.capture, options.observe})
+        if (!device.empty() && !alsa_opens(device, Direction::capture, error))
+            return false;
+    for (const std::string& device : {options.playback, options.feed})
+        if (!device.empty() && !alsa_opens(device, Direction::playback, error))
+            return false;
+    if (options.cec.empty() || access(options.cec.c_str(), R_OK | W_OK) == 0)
+        return true;
+    *error = options.cec + ": " + std::strerror(errno);
+    return false;
+}
+
 DeviceCounts counts_of(const hdmi_linux::DeviceStats& stats)
 {
     return {stats.open && !stats.lost, stats.frames, stats.xruns, stats.suspends, stats.losses};
@@ -50,7 +67,9 @@ DeviceCounts counts_of(const hdmi_linux::DeviceStats& stats)
 bool Stage::prepare(const Options& options, std::string* error)
 {
     name_devices(options);
-    if (!set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty()}, error))
+    // The ones of this program's own first: what is wrong with them has a clear message.
+    if (!devices_are_there(options, error) ||
+        !set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty()}, error))
         return false;
     // The machine's own driver announces in the machine's own namespaces.
     if (!options.capture.empty() && Announcer::driver_announces())

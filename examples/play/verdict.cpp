@@ -23,7 +23,8 @@ bool measured_enough(const Result& result)
  */
 Verdict judge_resets(const Result& result)
 {
-    bool inside_of_burst = result.coding != Coding::pcm && result.stage.link.chunk_phase > 0;
+    bool anywhere = !result.options.capture.empty();
+    bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
     bool at_start = result.reset_s < latest_reset_s;
     if (!inside_of_burst)
         return {"one reset, at start", result.resets == 1 && at_start};
