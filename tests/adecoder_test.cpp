@@ -42,16 +42,23 @@ void read_all(adecoder_handle_t* decoder, Pcm* pcm)
         pcm->insert(pcm->end(), block, block + bytes / 2);
 }
 
+// Writes at most @p size bytes and steps over those that were taken. The status.
+int32_t write_some(adecoder_handle_t* decoder, const Bytes& stream, size_t size, size_t* at)
+{
+    int32_t status = 0;
+    const auto bytes = static_cast<int32_t>(std::min(size, stream.size() - *at));
+    const int32_t taken = adecoder_write(decoder, stream.data() + *at, bytes, 0, -1, &status);
+    EXPECT_LE(0, taken);
+    *at += static_cast<size_t>(std::max(taken, 0));
+    return status;
+}
+
 // Writes the stream in pieces and reads what comes.
 template <typename NextSize> Pcm play(adecoder_handle_t* decoder, const Bytes& stream, NextSize next_size)
 {
     Pcm pcm;
     for (size_t at = 0; at < stream.size();) {
-        const size_t size = std::min<size_t>(next_size(), stream.size() - at);
-        int32_t status = 0;
-        const int32_t taken = adecoder_write(decoder, stream.data() + at, static_cast<int32_t>(size), 0, -1, &status);
-        EXPECT_LE(0, taken);
-        at += static_cast<size_t>(std::max(taken, 0));
+        const int32_t status = write_some(decoder, stream, next_size(), &at);
         const size_t before = pcm.size();
         read_all(decoder, &pcm);
         EXPECT_EQ(pcm.size() > before, status > 0);
@@ -217,14 +224,10 @@ TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)
         int refused = 0;
         // Nobody reads: some time nothing more is taken.
         while (refused < 50 && at < stream.size() && std::chrono::steady_clock::now() < deadline) {
-            int32_t status = 0;
-            const int32_t taken =
-                adecoder_write(decoder.get(), stream.data() + at,
-                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 5000)), 0, -1, &status);
-            ASSERT_LE(0, taken);
-            at += static_cast<size_t>(taken);
-            refused = taken == 0 ? refused + 1 : 0;
-            if (taken == 0)
+            const size_t before = at;
+            write_some(decoder.get(), stream, 5000, &at);
+            refused = at == before ? refused + 1 : 0;
+            if (at == before)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         EXPECT_LT(at, size_t{300 * 1024}) << "what is held is bounded";
@@ -233,11 +236,7 @@ TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)
         const Pcm expected = coded_audio::decode(kFormats[0], packets, 2);
         while (pcm.size() + 2 * 2 * kFrame * 16 < expected.size() && std::chrono::steady_clock::now() < deadline) {
             read_all(decoder.get(), &pcm);
-            int32_t status = 0;
-            const int32_t taken =
-                adecoder_write(decoder.get(), stream.data() + at,
-                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 5000)), 0, -1, &status);
-            at += static_cast<size_t>(std::max(taken, 0));
+            write_some(decoder.get(), stream, 5000, &at);
         }
         EXPECT_EQ(0u, count_differences(expected, pcm, 0, pcm.size()));
         EXPECT_LT(expected.size() / 2, pcm.size());
@@ -260,12 +259,7 @@ TEST(Adecoder, AsynchronousModeDecodesTheSameAndCanBeReadMeanwhile)
         });
         const Bytes stream = coded_audio::join(packets);
         for (size_t at = 0; at < stream.size();) {
-            int32_t status = 0;
-            const int32_t taken =
-                adecoder_write(decoder.get(), stream.data() + at,
-                               static_cast<int32_t>(std::min<size_t>(stream.size() - at, 1700)), 0, -1, &status);
-            ASSERT_LE(0, taken);
-            at += static_cast<size_t>(taken);
+            write_some(decoder.get(), stream, 1700, &at);
             adecoder_get_output_sample_rate(decoder.get());
         }
         reader.join();

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -313,26 +312,17 @@ protected:
     }
 };
 
-std::string link_at(const Programme& programme, int64_t first_frame, size_t bytes)
-{
-    std::string result(bytes, '\0');
-    for (size_t i = 0; i < bytes; ++i)
-        result[i] =
-            static_cast<char>(programme.link[(static_cast<size_t>(first_frame) * 4 + i) % programme.link.size()]);
-    return result;
-}
-
 bool bypass_is_exact(const Programme& programme, int64_t frames)
 {
     const std::vector<hdmi_sim::BypassRun> runs = hdmi_sim::bypass_recording();
     if (runs.empty() || static_cast<int64_t>(runs.back().words.size()) < 2 * frames)
         return false;
-    for (const hdmi_sim::BypassRun& run : runs) {
-        const size_t bytes = run.words.size() * 2;
-        if (memcmp(run.words.data(), link_at(programme, run.first_frame, bytes).data(), bytes) != 0)
-            return false;
-    }
-    return true;
+    return std::all_of(runs.begin(), runs.end(), [&programme](const hdmi_sim::BypassRun& run) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(run.words.data());
+        size_t at = static_cast<size_t>(run.first_frame) * 4;
+        return std::all_of(bytes, bytes + run.words.size() * 2,
+                           [&](uint8_t byte) { return byte == programme.link[at++ % programme.link.size()]; });
+    });
 }
 
 } // namespace

@@ -93,6 +93,15 @@ protected:
     }
     void TearDown() override { g_hooks = PlatformHooks(); }
 
+    static Cuts cut_every(size_t first, size_t size)
+    {
+        Cuts cuts;
+        for (size_t end = first; end < stream->bytes.size(); end += size)
+            cuts.push_back(end);
+        cuts.push_back(stream->bytes.size());
+        return cuts;
+    }
+
     void expect_geometry(const Cuts& cuts)
     {
         arrived.clear();
@@ -121,24 +130,16 @@ Stream* DolbyStream::stream = nullptr;
 TEST_F(DolbyStream, PayloadArrivesAtEveryChunkSize)
 {
     for (size_t size = 1; size <= 7000 && !HasFailure(); ++size) {
-        Cuts cuts;
-        for (size_t end = size; end < stream->bytes.size(); end += size)
-            cuts.push_back(end);
-        cuts.push_back(stream->bytes.size());
         SCOPED_TRACE(testing::Message() << "chunks of " << size);
-        expect_geometry(cuts);
+        expect_geometry(cut_every(size, size));
     }
 }
 
 TEST_F(DolbyStream, PayloadArrivesAtEveryPhaseOfADevicePeriod)
 {
     for (size_t phase = 4; phase <= 3840 && !HasFailure(); phase += 4) {
-        Cuts cuts;
-        for (size_t end = phase; end < stream->bytes.size(); end += 3840)
-            cuts.push_back(end);
-        cuts.push_back(stream->bytes.size());
         SCOPED_TRACE(testing::Message() << "phase " << phase);
-        expect_geometry(cuts);
+        expect_geometry(cut_every(phase, 3840));
     }
 }
 

@@ -43,7 +43,7 @@ Bytes dependent_frame()
 {
     Bytes frame(112);
     size_t at = 0;
-    const auto put = [&](int bits, unsigned value) {
+    const auto put = [&](int bits, uint64_t value) {
         for (; bits > 0; --bits, ++at)
             frame[at / 8] |= static_cast<uint8_t>((value >> (bits - 1) & 1) << (7 - at % 8));
     };
