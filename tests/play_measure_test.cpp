@@ -508,6 +508,21 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
     }
 }
 
+TEST(Grid, ErrorIsTheDistanceFromWholeRefreshesHoweverManyPassed)
+{
+    std::vector<Sighting> sightings;
+    for (int64_t number = 0; number < 200; number++)
+        sightings.push_back({number, false, second + number * 40 * ms, 2});
+    EXPECT_LT(measure_grid(sightings, 50).worst_us, 0.001);
+    sightings[100].seen_ns += 3 * ms; // two of the 199 distances
+    EXPECT_NEAR(measure_grid(sightings, 50).worst_us, 3000, 0.001);
+    EXPECT_LT(measure_grid(sightings, 50).p99_us, 0.001);
+    sightings[50].seen_ns += 20 * ms; // late by a refresh, but not off the grid
+    sightings.resize(101);
+    EXPECT_NEAR(measure_grid(sightings, 50).p99_us, 0, 0.001);
+    EXPECT_EQ(measure_grid({}, 50).worst_us, 0);
+}
+
 TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)
 {
     FlipGate gate(50);

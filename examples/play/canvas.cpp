@@ -77,11 +77,17 @@ void paint_image(const Image& image, const Canvas& canvas)
 
 void paint_field(const Picture& picture, const Canvas& canvas)
 {
+    const auto bytes = static_cast<size_t>(canvas.width) * sizeof(uint32_t);
+    std::vector<uint32_t> line(static_cast<size_t>(canvas.width));
+    int painted = -1;
     for (int y = 0; y < canvas.height; y++) {
-        const uint8_t* from = picture.field() + y * Picture::field_height / canvas.height * Picture::width;
-        uint32_t* row = canvas.row(y);
-        for (int x = 0; x < canvas.width; x++)
-            row[x] = colour_of(from[x * Picture::width / canvas.width]);
+        int from = y * Picture::field_height / canvas.height;
+        for (int x = 0; from != painted && x < canvas.width; x++)
+            line[static_cast<size_t>(x)] =
+                colour_of(picture.field()[from * Picture::width + x * Picture::width / canvas.width]);
+        painted = from;
+        // Copied line by line: the canvas may be slow to read.
+        std::memcpy(canvas.row(y), line.data(), bytes);
     }
 }
 

@@ -53,9 +53,9 @@ public:
 
     /// Vertical blanks per second.
     virtual double refresh_hz() const = 0;
-    /// Whether the player can wait for this display's vertical blanks.
+    /// Whether the player can wait for this display's vertical blanks; known when it was started.
     virtual bool paced() const = 0;
-    /// One line for the report.
+    /// One line for the report, complete when it was started.
     virtual std::string description() const = 0;
     /// What images are to fit into; nothing for a display that needs none.
     virtual Size image_size() const { return {0, 0}; }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -55,14 +56,15 @@ class KmsDisplay : public Display
 {
 public:
     KmsDisplay(std::shared_ptr<KmsCard> card, int latency_ms)
-        : m_card(std::move(card)), m_latency_ns(latency_ms * ms), m_refresh_hz(play::refresh_hz(m_card->mode()))
+        : m_card(std::move(card)), m_latency_ns(latency_ms * ms), m_refresh_hz(play::refresh_hz(m_card->mode())),
+          m_description(m_card->description())
     {
     }
     ~KmsDisplay() override { stop(); }
 
     double refresh_hz() const override { return m_refresh_hz; }
-    bool paced() const override { return true; }
-    std::string description() const override { return m_card->description(); }
+    bool paced() const override { return m_has_vblank; }
+    std::string description() const override { return m_description + (m_has_vblank ? "" : ", no vertical blanks"); }
     Size image_size() const override { return {m_card->mode().hdisplay, m_card->mode().vdisplay}; }
 
     std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override;
@@ -82,6 +84,7 @@ private:
     int64_t next_look_ns();
     void read_events();
     void on_flip(const FlipEvent& event);
+    int64_t refreshes_until(uint32_t sequence, int64_t vblank_ns);
     void watch_over(int64_t now_ns);
     bool finished(int64_t now_ns);
     void submit();
@@ -92,10 +95,12 @@ private:
     const std::shared_ptr<KmsCard> m_card;
     const int64_t m_latency_ns;
     const double m_refresh_hz;
+    const std::string m_description;
     Screen* m_screen = nullptr;
     FlipGate* m_gate = nullptr;
     std::shared_ptr<KmsBuffer> m_blank; ///< shown until the first picture comes
     bool m_monotonic = true;            ///< the card's time stamps
+    bool m_has_vblank = true;           ///< that can be waited for; some virtual cards have none
     int m_wake = -1;
     std::thread m_thread;
 
@@ -108,6 +113,7 @@ private:
     int64_t m_stop_ns = 0;
     bool m_sequence_known = false;
     uint32_t m_sequence = 0; ///< of the latest flip's vertical blank
+    int64_t m_vblank_ns = 0;
     DisplayStats m_stats;
 
     // The thread's own.
@@ -127,13 +133,16 @@ std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate
     if (result == 0)
         result = m_card->show(*m_blank);
     if (result != 0) {
-        *error = m_card->description() + ": does not show anything: " + std::strerror(result);
+        *error = m_description + ": does not show anything: " + std::strerror(result);
         m_card->restore();
         close(m_wake);
         return std::nullopt;
     }
+    drmVBlank now = {};
+    now.request.type = DRM_VBLANK_RELATIVE;
+    m_has_vblank = drmWaitVBlank(m_card->fd(), &now) == 0;
     m_thread = std::thread(&KmsDisplay::run, this);
-    return hdmi_player_drm_info_t{m_card->fd(), static_cast<float>(m_refresh_hz)};
+    return hdmi_player_drm_info_t{m_has_vblank ? m_card->fd() : 0, static_cast<float>(m_refresh_hz)};
 }
 
 void KmsDisplay::paint(FrameBuffer* buffer, const Image* image)
@@ -328,10 +337,8 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     // One that was on its way when the display was lost may still come.
     if (m_lost || event.id != m_flip_id || m_queue.on_its_way() == nullptr)
         return;
-    int64_t passed = m_sequence_known ? static_cast<int32_t>(event.sequence - m_sequence) : 1;
+    int64_t passed = refreshes_until(event.sequence, vblank_ns);
     bool same_screen = m_queue.on_screen() != nullptr;
-    m_sequence = event.sequence;
-    m_sequence_known = true;
     FrameBuffer* before = m_queue.shown();
     if (before != nullptr)
         release(before);
@@ -348,6 +355,20 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     if (same_screen && passed > 1)
         m_screen->stay(passed - 1);
     m_screen->refresh(seen, vblank_ns + m_latency_ns);
+}
+
+/// Refreshes since the flip before; by time where the card does not count them. With the mutex held.
+int64_t KmsDisplay::refreshes_until(uint32_t sequence, int64_t vblank_ns)
+{
+    int64_t passed = 1;
+    if (m_sequence_known && m_has_vblank)
+        passed = static_cast<int32_t>(sequence - m_sequence);
+    else if (m_sequence_known)
+        passed = std::llround(static_cast<double>(vblank_ns - m_vblank_ns) * m_refresh_hz / 1e9);
+    m_sequence = sequence;
+    m_vblank_ns = vblank_ns;
+    m_sequence_known = true;
+    return std::max<int64_t>(passed, 1);
 }
 
 void KmsDisplay::wake() const
@@ -387,7 +408,7 @@ std::unique_ptr<Display> open_kms_display(const Options& options, std::string* e
     std::optional<double> wanted_hz;
     if (options.display_rate)
         wanted_hz = options.display_rate->value();
-    std::shared_ptr<KmsCard> card = KmsCard::open(options.display_path, wanted_hz, error);
+    std::shared_ptr<KmsCard> card = KmsCard::open(options.display_path, wanted_hz, !options.page_flips, error);
     if (!card)
         return nullptr;
     return std::make_unique<KmsDisplay>(std::move(card), options.display_latency_ms());

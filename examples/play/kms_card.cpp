@@ -20,6 +20,8 @@ namespace
 
 constexpr int cards_to_try = 16;
 
+std::string card_path(int number) { return "/dev/dri/card" + std::to_string(number); }
+
 template <typename T, void (*release)(T*)> struct Releaser {
     void operator()(T* p) const { release(p); }
 };
@@ -150,22 +152,23 @@ void KmsBuffer::release()
 
 // --- Opening ----------------------------------------------------------------------
 
-std::shared_ptr<KmsCard> KmsCard::open(const std::string& path, std::optional<double> refresh_hz, std::string* error)
+std::shared_ptr<KmsCard> KmsCard::open(const std::string& path, std::optional<double> refresh_hz, bool atomic,
+                                       std::string* error)
 {
     if (!path.empty())
-        return open_one(path, refresh_hz, error);
+        return open_one(path, refresh_hz, atomic, error);
     *error = "/dev/dri has no card";
     for (int i = 0; i < cards_to_try; i++) {
-        std::string name = "/dev/dri/card" + std::to_string(i);
+        std::string name = card_path(i);
         if (access(name.c_str(), F_OK) != 0)
             continue;
-        if (std::shared_ptr<KmsCard> card = open_one(name, refresh_hz, error))
+        if (std::shared_ptr<KmsCard> card = open_one(name, refresh_hz, atomic, error))
             return card;
     }
     return nullptr;
 }
 
-std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optional<double> refresh_hz,
+std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optional<double> refresh_hz, bool atomic,
                                            std::string* error)
 {
     int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -175,7 +178,7 @@ std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optiona
             *error += " (it needs root or the group that owns the card, video as a rule)";
         return nullptr;
     }
-    std::shared_ptr<KmsCard> card(new KmsCard(path, fd));
+    std::shared_ptr<KmsCard> card(new KmsCard(path, fd, atomic));
     card->m_driver = driver_name(fd);
     uint64_t dumb = 0;
     std::string wrong;
@@ -261,7 +264,7 @@ std::string KmsCard::take_crtc(const drmModeConnector& connector)
 
 void KmsCard::take_atomic()
 {
-    m_atomic = drmSetClientCap(m_fd, DRM_CLIENT_CAP_ATOMIC, 1) == 0 && take_primary_plane();
+    m_atomic = m_try_atomic && drmSetClientCap(m_fd, DRM_CLIENT_CAP_ATOMIC, 1) == 0 && take_primary_plane();
     if (!m_atomic)
         return;
     m_connector_properties = properties_of(m_fd, m_connector, DRM_MODE_OBJECT_CONNECTOR);
@@ -336,14 +339,22 @@ bool KmsCard::connected() const
     return connector && connector->connection == DRM_MODE_CONNECTED;
 }
 
-int KmsCard::revive()
+/// The card itself went away, not only its display.
+bool KmsCard::is_gone() const
 {
     errno = 0;
-    Connector known(drmModeGetConnectorCurrent(m_fd, m_connector));
-    if (!known && means_gone(errno) && !reopen())
+    Connector connector(drmModeGetConnectorCurrent(m_fd, m_connector));
+    return (!connector && means_gone(errno)) || access(m_path.c_str(), F_OK) != 0;
+}
+
+int KmsCard::revive()
+{
+    if (is_gone() && !reopen())
         return ENODEV;
     if (drmIsMaster(m_fd) == 0 && drmSetMaster(m_fd) != 0)
         return EACCES;
+    if (m_connector == 0 && !find_connector())
+        return ENOTCONN;
     // Only now is the display itself asked, which takes some time.
     Connector connector(drmModeGetConnector(m_fd, m_connector));
     if (!connector || connector->connection != DRM_MODE_CONNECTED)
@@ -357,21 +368,50 @@ int KmsCard::revive()
     return ENOTSUP;
 }
 
-/// Puts the card that is there now in the place of the one that went away, under the descriptor that the player has.
+/// Finds the card again. As long as the old one is held open, the number is not free for the new one.
 bool KmsCard::reopen()
 {
-    int fd = ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
+    if (replace_by(m_path))
+        return true;
+    for (int i = 0; i < cards_to_try; i++)
+        if (replace_by(card_path(i)))
+            return true;
+    return false;
+}
+
+/// Puts the card at @p path, if it is of the same kind, in the place of the one that went away: under the descriptor
+/// that the player has.
+bool KmsCard::replace_by(const std::string& path)
+{
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0)
         return false;
-    drmModeModeInfo mode = m_mode;
-    {
+    bool same_kind = driver_name(fd) == m_driver;
+    if (same_kind) {
         std::lock_guard<std::mutex> lock(m_mutex);
         dup3(fd, m_fd, O_CLOEXEC);
         m_generation++;
     }
     close(fd);
+    if (!same_kind)
+        return false;
+    m_path = path;
+    m_connector = 0;
+    drmModeFreeCrtc(m_before); // nothing that could be put back
+    m_before = nullptr;
+    return true;
+}
+
+/// On a card that was opened anew: the connector of before, which may be counted differently, with the mode of before.
+bool KmsCard::find_connector()
+{
+    // The pictures that are being painted have the size of that mode.
+    drmModeModeInfo mode = m_mode;
     bool found = take_connector(refresh_hz(mode)).empty();
-    // The pictures that are being painted have the size of before.
+    if (!found) {
+        m_connector_name.clear();
+        found = take_connector(refresh_hz(mode)).empty();
+    }
     m_mode = mode;
     return found;
 }

@@ -52,9 +52,11 @@ private:
 class KmsCard : public std::enable_shared_from_this<KmsCard>
 {
 public:
-    /// Opens the card at @p path, or the first that has a display, with the connector to show on.
+    /// Opens the card at @p path, or the first that has a display, with the connector to show on. @p atomic: flips
+    /// atomically where the driver can.
     /// @return null with one line in @p error
-    static std::shared_ptr<KmsCard> open(const std::string& path, std::optional<double> refresh_hz, std::string* error);
+    static std::shared_ptr<KmsCard> open(const std::string& path, std::optional<double> refresh_hz, bool atomic,
+                                         std::string* error);
     ~KmsCard();
 
     /// Stays the same for as long as this object lives, also when the card itself went away and came back.
@@ -82,24 +84,28 @@ private:
     friend class KmsBuffer;
     using Properties = std::map<std::string, uint32_t>;
 
-    explicit KmsCard(const std::string& path, int fd) : m_path(path), m_fd(fd) {}
-    static std::shared_ptr<KmsCard> open_one(const std::string& path, std::optional<double> refresh_hz,
+    KmsCard(const std::string& path, int fd, bool atomic) : m_path(path), m_fd(fd), m_try_atomic(atomic) {}
+    static std::shared_ptr<KmsCard> open_one(const std::string& path, std::optional<double> refresh_hz, bool atomic,
                                              std::string* error);
     std::string take_connector(std::optional<double> refresh_hz);
     std::string take_crtc(const drmModeConnector& connector);
     void take_atomic();
     bool take_primary_plane();
+    bool is_gone() const;
     bool reopen();
+    bool replace_by(const std::string& path);
+    bool find_connector();
     int show_atomic(const KmsBuffer& buffer);
 
-    const std::string m_path;
+    std::string m_path; ///< a card that comes back may have another
     const int m_fd;
+    const bool m_try_atomic;
     std::mutex m_mutex; ///< memory is made and given back for the card that is open, not for another
     int m_generation = 0;
 
     std::string m_driver;
     std::string m_connector_name;
-    uint32_t m_connector = 0;
+    uint32_t m_connector = 0; ///< 0: to be found again
     uint32_t m_crtc = 0;
     drmModeModeInfo m_mode = {};
     int m_width = 0; ///< of the mode, which a replaced display must take too

@@ -234,6 +234,7 @@ void evaluate_pictures(const Source& source, const Host& host, const Screen& scr
         if (judged.holds(source.frame_ns(number)))
             due = {std::min(due.first, number), number};
     result->cadence = measure_cadence(result->sightings, due, result->display_hz / source.fps().value());
+    result->grid = measure_grid(result->sightings, result->display_hz);
     result->unreadable = screen.unreadable();
 }
 
@@ -319,6 +320,9 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     result->opened_ns = host->opened_ns();
     result->starved = source->starved();
     result->stage = stage.stats();
+    result->display = display->description();
+    result->display_hz = display->refresh_hz();
+    result->paced = display->paced();
     result->display_stats = display->stats();
     evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), result);
     return true;
@@ -356,9 +360,6 @@ int main_with(const Options& options)
     Result result;
     result.options = options;
     result.programme = source->description();
-    result.display = display->description();
-    result.display_hz = display->refresh_hz();
-    result.paced = display->paced();
     if (!run(source.get(), display.get(), wav.path(), &result, &error))
         return fail(outside, error);
     std::vector<Verdict> verdicts = judge(result);

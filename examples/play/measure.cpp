@@ -281,6 +281,20 @@ bool SampleCheck::passed() const
            (exact ? mismatches == 0 : worst_place <= place_tolerance);
 }
 
+GridError measure_grid(const std::vector<Sighting>& sightings, double refresh_hz)
+{
+    std::vector<double> errors_us;
+    for (size_t i = 1; i < sightings.size(); i++) {
+        auto passed_us = static_cast<double>(sightings[i].seen_ns - sightings[i - 1].seen_ns) / 1e3;
+        double refresh_us = 1e6 / refresh_hz;
+        errors_us.push_back(std::abs(passed_us - std::round(passed_us / refresh_us) * refresh_us));
+    }
+    if (errors_us.empty())
+        return {};
+    std::sort(errors_us.begin(), errors_us.end());
+    return {errors_us[(errors_us.size() - 1) * 99 / 100], errors_us.back()};
+}
+
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                           const CapturePath& path)
 {

@@ -103,6 +103,13 @@ struct Stretch {
 /// by frame rate.
 Cadence measure_cadence(const std::vector<Sighting>& sightings, Stretch due, double vblanks_per_picture);
 
+/// How far pictures were seen off the display's grid: each should come whole refreshes after the one before it.
+struct GridError {
+    double p99_us = 0;
+    double worst_us = 0;
+};
+GridError measure_grid(const std::vector<Sighting>& sightings, double refresh_hz);
+
 /// Whether the samples that came out are those that went in.
 struct SampleCheck {
     bool same_rate = false;

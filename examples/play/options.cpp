@@ -123,6 +123,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
         ->check(in_range(-1000, 1000))
         ->capture_default_str();
+    app->add_flag("--page-flips", options->page_flips, "kms: flip as with a driver that has no atomic flips");
     app->add_option("--display-latency", options->display_latency,
                     "From the vertical blank to light, in ms: what your panel needs, which is not measured. Default\n"
                     "0 for kms and window, 76 for sim and none, the delay of the panels that the player allows for")

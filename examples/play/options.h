@@ -32,6 +32,7 @@ struct Options {
     std::optional<Rational> display_rate; ///< nothing: the display's own, see display_hz()
     DisplayKind display = DisplayKind::sim;
     std::string display_path; ///< of the DRM card; empty: the first with a display
+    bool page_flips = false;  ///< on it, though it may be capable of atomic ones
     std::string capture;  ///< ALSA's name of the device that the player captures from; empty: the simulated receiver
     std::string playback; ///< likewise, that it plays to
     std::string cec;      ///< CEC device file; empty: the simulated one

@@ -224,6 +224,7 @@ json pictures_json(const Result& result)
               {"excess_repeats", cadence.excess_repeats},
               {"excess", cadence.excess()},
               {"stayed_vblanks", cadence.histogram}}},
+            {"off_grid_us", {{"p99", result.grid.p99_us}, {"worst", result.grid.worst_us}}},
             {"on_screen", seen}};
 }
 

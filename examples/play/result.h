@@ -44,6 +44,7 @@ struct Result {
 
     FrameAccount frames;
     Cadence cadence;
+    GridError grid;
     std::vector<Sighting> sightings;
     int64_t unreadable = 0;
 
