@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: MIT
+// What the player relies on, asked of a platform: built once for each, on a board for a new one. Everything here is
+// what aio_device.h, adecoder.h and hdmi_cec.h promise, in the order and from the threads in which the player calls.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "adecoder.h"
+#include "aio_device.h"
+#include "blocked_call.h"
+#include "hdmi_cec.h"
+#include "stage.h"
+#ifdef HAVE_CODED_AUDIO
+#include "coded_audio.h"
+#endif
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kRate = 48000;
+constexpr int kPeriod = 960;
+constexpr int kFrameBytes = 4;
+constexpr int kPeriodBytes = kPeriod * kFrameBytes;
+/// "At once", on a machine that has other things to do.
+constexpr double kPromptSeconds = 1.0;
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+audio_config_t device(audio_stream_e stream)
+{
+    const bool capture = stream == E_AUDIO_STREAM_CAPTURE;
+    audio_config_t config = {};
+    config.stream_type = stream;
+    config.device_id = capture ? E_AUDIO_IO_DEV_HDMI_IN : E_AUDIO_IO_DEV_SPEAKER;
+    config.channels = 2;
+    config.sample_rate = kRate;
+    config.open_mode = capture ? 1 : 0;
+    config.period_frames = kPeriod;
+    config.period_count = capture ? 4 : 8;
+    config.in_bypass_mode = capture ? E_AUDIO_IN_BYPASS_MODE_TO_PCM : E_AUDIO_IN_BYPASS_MODE_NONE;
+    return config;
+}
+
+class PlatformContract : public testing::Test
+{
+protected:
+    ~PlatformContract() override
+    {
+        aio_device_close(&playback_);
+        aio_device_close(&capture_);
+    }
+
+    int write_silence() { return aio_device_write(&playback_, silence_.data(), kPeriodBytes); }
+    int read_period() { return aio_device_read(&capture_, captured_.data(), kPeriodBytes); }
+    int delay()
+    {
+        int frames = -1;
+        EXPECT_EQ(0, aio_device_get_write_bytes(&playback_, &frames));
+        return frames;
+    }
+
+    audio_config_t playback_ = device(E_AUDIO_STREAM_PLAYBACK);
+    audio_config_t capture_ = device(E_AUDIO_STREAM_CAPTURE);
+    const std::vector<uint8_t> silence_ = std::vector<uint8_t>(kPeriodBytes);
+    std::vector<uint8_t> captured_ = std::vector<uint8_t>(kPeriodBytes);
+};
+
+// --- Audio devices ------------------------------------------------------------------
+
+TEST_F(PlatformContract, SizesAreKnownWithoutAnOpenDevice)
+{
+    for (audio_config_t* config : {&playback_, &capture_}) {
+        EXPECT_EQ(kPeriodBytes, aio_device_frames_to_bytes(config, 0)) << "0 frames are one period";
+        EXPECT_EQ(7 * kFrameBytes, aio_device_frames_to_bytes(config, 7));
+        EXPECT_EQ(7, aio_device_bytes_to_frames(config, 7 * kFrameBytes));
+    }
+}
+
+TEST_F(PlatformContract, ClosedDevicesRefuseAtOnceAndMayBeClosedAgain)
+{
+    for (int round = 0; round < 2; ++round) {
+        const auto start = Clock::now();
+        EXPECT_GE(aio_device_close(&playback_), 0);
+        EXPECT_GE(aio_device_close(&capture_), 0);
+        EXPECT_LT(write_silence(), 0);
+        EXPECT_LT(read_period(), 0);
+        EXPECT_LT(seconds_since(start), kPromptSeconds);
+        ASSERT_EQ(0, aio_device_open(&playback_));
+        ASSERT_EQ(0, aio_device_open(&capture_));
+        EXPECT_EQ(0, aio_device_close(&playback_));
+        EXPECT_EQ(0, aio_device_close(&capture_));
+    }
+}
+
+TEST_F(PlatformContract, WritingIsPacedByTheDeviceAndItsDelayRunsOut)
+{
+    ASSERT_EQ(0, aio_device_open(&playback_));
+    EXPECT_EQ(0, delay()) << "nothing was written yet";
+    const auto start = Clock::now();
+    int most = 0;
+    for (int period = 0; period < 100; ++period) {
+        ASSERT_EQ(kPeriodBytes, write_silence());
+        const int now = delay();
+        EXPECT_GE(now, 0);
+        most = std::max(most, now);
+    }
+    const double played = 100.0 * kPeriod / kRate;
+    EXPECT_GT(seconds_since(start), played / 2) << "does write() wait while the buffer is full?";
+    EXPECT_LT(seconds_since(start), 2 * played + kPromptSeconds);
+    EXPECT_GE(most, kPeriod) << "is it frames, and all that is not heard yet?";
+    std::printf("device holds %.0f ms of sound\n", 1e3 * most / kRate);
+    EXPECT_TRUE(eventually([&] { return delay() < kPeriod; })) << "an empty device has nothing left to play";
+    EXPECT_EQ(kPeriodBytes, write_silence()) << "and goes on with the next write";
+}
+
+TEST_F(PlatformContract, ReadingIsPacedByTheSource)
+{
+    ASSERT_EQ(0, aio_device_open(&capture_));
+    ASSERT_EQ(kPeriodBytes, read_period()) << "is a source connected?";
+    const auto start = Clock::now();
+    for (int period = 0; period < 100; ++period)
+        ASSERT_EQ(kPeriodBytes, read_period());
+    // 32 kHz to 192 kHz, the latter an E-AC-3 stream's.
+    EXPECT_GT(seconds_since(start), 100.0 * kPeriod / 192000 / 2);
+    EXPECT_LT(seconds_since(start), 2 * 100.0 * kPeriod / 32000 + kPromptSeconds);
+    std::printf("source sends %.0f frames a second\n", 100 * kPeriod / seconds_since(start));
+}
+
+TEST_F(PlatformContract, CloseEndsABlockedWriteAndABlockedRead)
+{
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_EQ(0, aio_device_open(&playback_));
+        ASSERT_EQ(0, aio_device_open(&capture_));
+        // As the player does it: one thread each, until the device says that it is gone.
+        BlockedCall<int> writing([this] {
+            int result = 0;
+            while ((result = write_silence()) == kPeriodBytes) {
+            }
+            return result;
+        });
+        BlockedCall<int> reading([this] {
+            int result = 0;
+            while ((result = read_period()) == kPeriodBytes) {
+            }
+            return result;
+        });
+        EXPECT_TRUE(eventually([&] { return delay() > 2 * kPeriod; }));
+        const auto start = Clock::now();
+        EXPECT_EQ(0, aio_device_close(&playback_));
+        EXPECT_EQ(0, aio_device_close(&capture_));
+        EXPECT_LT(writing.result(), kPeriodBytes);
+        EXPECT_LT(reading.result(), kPeriodBytes);
+        EXPECT_LT(seconds_since(start), kPromptSeconds);
+    }
+}
+
+TEST_F(PlatformContract, PlaybackAndCaptureDoNotHoldEachOtherUp)
+{
+    ASSERT_EQ(0, aio_device_open(&playback_));
+    ASSERT_EQ(0, aio_device_open(&capture_));
+    std::atomic<int> reads{0};
+    std::thread reader([&] {
+        while (read_period() == kPeriodBytes)
+            ++reads;
+    });
+    for (int period = 0; period < 100; ++period)
+        EXPECT_EQ(kPeriodBytes, write_silence());
+    EXPECT_GT(reads, 20);
+    aio_device_close(&capture_);
+    reader.join();
+}
+
+TEST_F(PlatformContract, VolumeMuteAndReselectWorkWhileTheDeviceIsOpen)
+{
+    ASSERT_EQ(0, aio_device_open(&playback_));
+    ASSERT_EQ(kPeriodBytes, write_silence());
+    for (const int percent : {0, 50, 100})
+        EXPECT_EQ(0, aio_device_set_volume(&playback_, percent));
+    EXPECT_EQ(0, aio_device_set_mute(&playback_, true));
+    EXPECT_EQ(0, aio_device_set_mute(&playback_, false));
+    EXPECT_EQ(0, aio_device_reselect(&playback_, E_AUDIO_IO_DEV_SPEAKER, E_AUDIO_IO_FORMAT_PCM));
+    EXPECT_EQ(kPeriodBytes, write_silence());
+}
+
+// --- CEC ------------------------------------------------------------------------------
+
+TEST(PlatformCec, NeverWaitsForTheBusAndMayBeClosedWithoutInit)
+{
+    const auto start = Clock::now();
+    vendor_hdmi_cec_deinit();
+    hdmi_cec_config_t config = {false};
+    std::printf("adapter: init %d", vendor_hdmi_cec_init(&config));
+    std::printf(", ARC %d\n", vendor_hdmi_cec_open_arc());
+    EXPECT_LT(seconds_since(start), kPromptSeconds) << "it would delay open";
+    vendor_hdmi_cec_deinit();
+    vendor_hdmi_cec_deinit();
+}
+
+// --- Decoder ----------------------------------------------------------------------------
+
+#ifdef HAVE_CODED_AUDIO
+TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
+{
+    const coded_audio::Format format;
+    adecoder_handle_t* decoder = adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
+    ASSERT_NE(nullptr, decoder);
+    std::vector<uint8_t> pcm(16384);
+    EXPECT_LE(adecoder_read(decoder, 0, 0, pcm.data(), static_cast<int32_t>(pcm.size()), 0), 0);
+    for (const coded_audio::Bytes& packet : coded_audio::encode(format, 4)) {
+        // As the link carries it, in two parts, as captured chunks cut it.
+        coded_audio::Bytes swapped = packet;
+        for (size_t at = 0; at + 1 < swapped.size(); at += 2)
+            std::swap(swapped[at], swapped[at + 1]);
+        const auto size = static_cast<int32_t>(swapped.size());
+        int32_t status = -1;
+        EXPECT_EQ(101, adecoder_write(decoder, swapped.data(), 101, 0, -1, &status));
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(size - 101, adecoder_write(decoder, swapped.data() + 101, size - 101, 0, -1, &status));
+        EXPECT_GT(status, 0) << "waits for the next frame's header?";
+        EXPECT_EQ(kRate, adecoder_get_output_sample_rate(decoder));
+        int32_t bytes = 0;
+        for (int32_t got = 0; (got = adecoder_read(decoder, 0, 0, pcm.data(), kPeriodBytes, 0)) > 0;)
+            bytes += got;
+        EXPECT_EQ(1536 * kFrameBytes, bytes);
+    }
+    EXPECT_EQ(0, adecoder_deinit(decoder));
+}
+#endif
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    std::string why;
+    if (!platform_stage::set_up(&why)) {
+        std::printf("SKIPPED: %s\n", why.c_str());
+        platform_stage::tear_down();
+        return 77;
+    }
+    const int result = RUN_ALL_TESTS();
+    platform_stage::tear_down();
+    return result;
+}
