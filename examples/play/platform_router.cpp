@@ -34,6 +34,7 @@ struct Platform {
     decltype(&vendor_hdmi_cec_deinit) cec_deinit = nullptr;
     decltype(&hdmi_linux::playback_stats) playback_stats = nullptr; ///< of the Linux platform only
     decltype(&hdmi_linux::capture_stats) capture_stats = nullptr;   ///< likewise
+    decltype(&hdmi_linux::cec_stats) cec_stats = nullptr;           ///< likewise
 };
 
 template <typename Function> bool look_up(void* library, const char* name, Function* function)
@@ -64,11 +65,12 @@ bool look_up_cec(void* library, Platform* platform)
            look_up(library, "vendor_hdmi_cec_deinit", &platform->cec_deinit);
 }
 
-/// The names that the compiler gives to hdmi_linux::playback_stats() and hdmi_linux::capture_stats().
+/// The names that the compiler gives to playback_stats(), capture_stats() and cec_stats() of hdmi_linux.
 bool look_up_statistics(void* library, Platform* platform)
 {
     return look_up(library, "_ZN10hdmi_linux14playback_statsEv", &platform->playback_stats) &&
-           look_up(library, "_ZN10hdmi_linux13capture_statsEv", &platform->capture_stats);
+           look_up(library, "_ZN10hdmi_linux13capture_statsEv", &platform->capture_stats) &&
+           look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats);
 }
 
 /// Behind this program in the order of search: the simulation, which it is linked with.
@@ -154,8 +156,8 @@ bool set_routes(const Routes& routes, std::string* error)
         *error = "real devices need " + std::string(linux_library) + ": " + *error;
         return false;
     }
-    if (look_up_devices(library, &r.machine) && look_up_statistics(library, &r.machine) &&
-        (!routes.real_cec || look_up_cec(library, &r.machine)))
+    if (look_up_devices(library, &r.machine) && look_up_cec(library, &r.machine) &&
+        look_up_statistics(library, &r.machine))
         return true;
     *error = std::string(linux_library) + " is not of this program's version: " + dlerror();
     return false;
@@ -171,6 +173,12 @@ hdmi_linux::DeviceStats real_capture_stats()
 {
     const Router& r = router();
     return r.routes.real_capture ? r.machine.capture_stats() : hdmi_linux::DeviceStats{};
+}
+
+hdmi_linux::CecStats real_cec_stats()
+{
+    const Router& r = router();
+    return r.routes.real_cec ? r.machine.cec_stats() : hdmi_linux::CecStats{};
 }
 
 void tap_capture(SeamTap* tap) { router().capture_tap = tap; }

@@ -34,6 +34,7 @@ bool set_routes(const Routes& routes, std::string* error);
 /// Of devices that are not simulated; empty without them.
 hdmi_linux::DeviceStats real_playback_stats();
 hdmi_linux::DeviceStats real_capture_stats();
+hdmi_linux::CecStats real_cec_stats();
 
 /**
  * Sees what passes one device, after the platform's function and on the

@@ -98,15 +98,28 @@ void print_sound(const Result& result)
         std::printf("  source    was not decoded in time %" PRId64 " times\n", result.starved);
 }
 
+const char* arc_name(hdmi_linux::ArcState state)
+{
+    switch (state) {
+    case hdmi_linux::ArcState::requested: return "requested";
+    case hdmi_linux::ArcState::active: return "active";
+    case hdmi_linux::ArcState::terminated: return "terminated";
+    case hdmi_linux::ArcState::idle: break;
+    }
+    return "idle";
+}
+
 /// Devices of the machine, and whose word the times are.
 void print_edges(const Result& result)
 {
     const Options& options = result.options;
-    if (options.capture.empty() && options.playback.empty())
+    if (options.capture.empty() && options.playback.empty() && options.cec.empty())
         return;
     std::printf("\nReal devices\n");
     if (!options.capture.empty())
         std::printf("  capture   alsa:%s\n", options.capture.c_str());
+    if (!options.cec.empty())
+        std::printf("  CEC       %s: audio return channel %s\n", options.cec.c_str(), arc_name(result.stage.cec.arc));
     if (!options.feed.empty())
         std::printf("  source    sent into alsa:%s, whose clock is %+.1f ppm fast; breaks %" PRId64 "\n",
                     options.feed.c_str(), result.stage.link.drift_ppm, result.stage.link.breaks);
@@ -252,6 +265,15 @@ json sound_json(const Result& result)
             {"drift_ppm", result.stage.sound.drift_ppm}};
 }
 
+json cec_json(const Result& result)
+{
+    const hdmi_linux::CecStats& cec = result.stage.cec;
+    return {{"device", cec.device},     {"arc", arc_name(cec.arc)},
+            {"note", cec.note},         {"received", cec.received},
+            {"sent", cec.sent},         {"undelivered", cec.undelivered},
+            {"refusals", cec.refusals}, {"activations", cec.activations}};
+}
+
 json recoveries_json(const Result& result)
 {
     auto after_ms = [](int64_t from_ns, int64_t to_ns) {
@@ -348,6 +370,7 @@ bool write_report(const Result& result, const std::vector<Verdict>& verdicts, co
                    {"pictures", pictures_json(result)},
                    {"sound", sound_json(result)},
                    {"recoveries", recoveries_json(result)},
+                   {"cec", cec_json(result)},
                    {"link", link_json(result)},
                    {"resets", result.resets},
                    {"reset_s", result.reset_s},

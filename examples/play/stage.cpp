@@ -95,7 +95,14 @@ bool Stage::start(std::string* error)
 }
 
 bool Stage::connect(std::string* error) { return m_link->connect(error); }
-void Stage::disconnect() { m_link->disconnect(); }
+
+void Stage::disconnect()
+{
+    // Before the player closes: then it closes the channel too.
+    m_cec = real_cec_stats();
+    m_link->disconnect();
+}
+
 void Stage::wait_until_played() { m_output->wait_until_played(); }
 
 void Stage::watch_devices()
@@ -129,6 +136,6 @@ bool Stage::finish(Recording* heard, Recording* sent, std::string* error)
            sent->open(sent_sound.path, std::move(sent_sound.blocks), error);
 }
 
-StageStats Stage::stats() const { return {m_link->account(), m_output->account(), withheld_blocks()}; }
+StageStats Stage::stats() const { return {m_link->account(), m_output->account(), withheld_blocks(), m_cec}; }
 
 } // namespace play

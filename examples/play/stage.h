@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "disturbances.h"
+#include "hdmi_linux.h"
 #include "options.h"
 #include "recording.h"
 #include "sound_output.h"
@@ -26,7 +27,8 @@ namespace play
 struct StageStats {
     LinkAccount link;
     SoundAccount sound;
-    int64_t withheld = 0; ///< blocks taken away on demand
+    int64_t withheld = 0;     ///< blocks taken away on demand
+    hdmi_linux::CecStats cec; ///< of a real adapter, when the source stopped
 };
 
 /// The real devices' troubles; of simulated ones, nothing.
@@ -73,6 +75,7 @@ private:
     std::unique_ptr<SourceLink> m_link;
     std::unique_ptr<SoundOutput> m_output;
     std::atomic<bool> m_end_watch{false};
+    hdmi_linux::CecStats m_cec;
     DeviceTroubles m_troubles; ///< the watching thread's while it runs
     std::thread m_watch;
 };

@@ -71,6 +71,9 @@ std::vector<Verdict> judge(const Result& result)
     else
         judge_played(result, &verdicts);
     verdicts.push_back({"no overrun", result.overruns == 0});
+    bool real_arc = !result.options.cec.empty() && result.options.output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+    if (real_arc)
+        verdicts.push_back({"audio return channel open", result.stage.cec.arc == hdmi_linux::ArcState::active});
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",

@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# play_alsa_test.sh PROGRAM: the play program on real ALSA devices, the null sinks of a sound server of its own. What is
+# played into one is heard at its monitor, what is sent into another one is captured there. 77 without that server, and
+# if the program is not permitted to run.
+set -euo pipefail
+
+program=$1
+command -v pulseaudio >/dev/null || { echo "No pulseaudio here."; exit 77; }
+folder=$(mktemp -d)
+server=
+trap '[ -z "$server" ] || { kill "$server"; wait "$server"; } 2>/dev/null || true; rm -rf "$folder"' EXIT
+failures=$folder/failures
+
+fail() { echo "FAIL: $*" | tee -a "$failures"; }
+
+# Two sinks: the cable from the source to the player, and the room in which the player is heard.
+serve() {
+    local sink
+    export HOME=$folder XDG_RUNTIME_DIR=$folder ALSA_CONFIG_PATH=$folder/asound.conf
+    unset DBUS_SESSION_BUS_ADDRESS PULSE_SERVER DISPLAY
+    echo "</usr/share/alsa/alsa.conf>" >"$ALSA_CONFIG_PATH"
+    for sink in cable room; do
+        echo "pcm.${sink} { type pulse server \"unix:$folder/native\" device $sink }"
+        echo "pcm.${sink}_end { type pulse server \"unix:$folder/native\" device $sink.monitor }"
+    done >>"$ALSA_CONFIG_PATH"
+    # Without rewinds a sink mixes 50 ms ahead at most, and with the priority of sound it does so in time.
+    pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --disable-shm=yes \
+        -L "module-native-protocol-unix auth-anonymous=1 socket=$folder/native" \
+        -L "module-null-sink norewinds=1 rate=48000 channels=2 sink_name=cable" \
+        -L "module-null-sink norewinds=1 rate=48000 channels=2 sink_name=room" >"$folder/server.txt" 2>&1 &
+    server=$!
+    for _ in $(seq 200); do
+        [ -S "$folder/native" ] && break
+        sleep 0.05
+    done
+    chrt --all-tasks --rr --pid 10 "$server" 2>/dev/null || true
+}
+
+# run NAME ARGUMENT...: the exit status in $status, the output in NAME.txt and the report in NAME.json.
+run() {
+    local name=$1
+    shift
+    status=0
+    timeout --kill-after 5 60 "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
+}
+
+# passes NAME ARGUMENT...: a sound server on a busy machine may break off at any time: one good run of four will do.
+passes() {
+    local attempt
+    for attempt in 1 2 3 4; do
+        run "$@"
+        if [ "$status" -eq 0 ]; then
+            echo "$1: attempt $attempt"
+            return 0
+        fi
+    done
+    cat "$folder/$1.txt"
+    fail "${*:2}: exit status $status"
+}
+
+# misses NAME LIMIT ARGUMENT...: the run is outside of that limit. Whether it keeps the others is the machine's affair.
+misses() {
+    run "$1" "${@:3}"
+    [ "$status" -eq 1 ] && grep -q "FAIL  $2" "$folder/$1.txt" ||
+        { cat "$folder/$1.txt"; fail "${*:3}: exit status $status, should miss: $2"; }
+}
+
+# refuses STATUS ARGUMENT...
+refuses() {
+    local expected=$1
+    shift
+    run refused "$@"
+    [ "$status" -eq "$expected" ] || fail "$*: exit status $status instead of $expected"
+    [ "$(wc -l <"$folder/refused.txt")" -eq 1 ] || fail "$*: not one line: $(cat "$folder/refused.txt")"
+}
+
+serve
+run start --seconds 2 --playback alsa:room
+if [ "$status" -eq 3 ]; then
+    cat "$folder/start.txt"
+    tail -n 3 "$folder/server.txt"
+    exit 77
+fi
+
+played=(--playback alsa:room)
+heard=("${played[@]}" --observe alsa:room_end)
+captured=(--capture alsa:cable_end)
+sent=("${captured[@]}" --feed alsa:cable)
+
+passes played --seconds 3 "${played[@]}" --display-rate 50
+passes heard --seconds 4 "${heard[@]}"
+passes real --seconds 4 "${sent[@]}" "${heard[@]}" --rate 48000
+grep -q '"exact": false' "$folder/real.json" || fail "bits are demanded of a device that may convert them"
+passes coded --seconds 4 "${sent[@]}" "${played[@]}" --bitstream ac3
+passes foreign --seconds 3 "${captured[@]}" "${played[@]}"
+grep -q 'A/V offset' "$folder/foreign.txt" && fail "an offset to a source that is not known"
+grep -q 'Lip sync not measured' "$folder/foreign.txt" || fail "the report does not tell that lip sync was not measured"
+
+# The measurement still tells a lost block, and sound and picture that do not belong together.
+misses lost 'samples complete and in place' --seconds 4 "${sent[@]}" "${heard[@]}" --withhold-block
+misses late 'A/V offset p95' --seconds 4 "${sent[@]}" "${heard[@]}" --display-latency 160
+
+refuses 3 --playback alsa:no_such_device
+refuses 3 --capture alsa:no_such_device
+refuses 3 --cec /dev/no_such_device
+refuses 2 --playback room
+refuses 2 --feed alsa:cable
+refuses 2 --observe alsa:room_end
+refuses 2 "${captured[@]}" --receiver-ppm 50
+refuses 2 "${captured[@]}" --bitstream ac3
+refuses 2 "${sent[@]}" --bitstream eac3
+
+[ ! -e "$failures" ] || exit 1
+echo "All as expected."
