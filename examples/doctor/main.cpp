@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * One screen of what this machine offers the player: devices, rights,
+ * configuration; what is missing or refused, and the command that mends it.
+ */
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include "findings.h"
+#include "hdmi_linux.h"
+
+namespace
+{
+
+using doctor::Finding;
+using doctor::Findings;
+using doctor::Verdict;
+
+enum ExitStatus { can_play = 0, cannot_play = 1, bad_configuration = 2 };
+
+constexpr char kDescription[] = "What this machine offers the player, line by line: ok, missing or refused, and the "
+                                "command that mends it.";
+constexpr char kFooter[] =
+    "Devices are opened for a moment and nothing is changed. What is missing matters only to who wants it: simulated\n"
+    "play needs private namespaces and nothing else.\n\n"
+    "Exit status: 0 when simulated play is possible at least, 1 when it is not, 2 for wrong "
+    "arguments or a\nconfiguration file that cannot be used as it is.\n";
+
+constexpr char kVariables[] = "HDMIPLAYER_";
+
+const char* text(Verdict verdict)
+{
+    switch (verdict) {
+    case Verdict::ok: return "ok";
+    case Verdict::missing: return "missing";
+    case Verdict::refused: return "refused";
+    }
+    return "?";
+}
+
+void print(const char* title, const Findings& findings)
+{
+    printf("%s\n", title);
+    size_t width = 0;
+    for (const Finding& finding : findings)
+        width = std::max(width, finding.what.size());
+    for (const Finding& finding : findings) {
+        printf("  %-8s ", text(finding.verdict));
+        if (finding.detail.empty())
+            printf("%s\n", finding.what.c_str());
+        else
+            printf("%-*s  %s\n", static_cast<int>(width), finding.what.c_str(), finding.detail.c_str());
+        if (!finding.mend.empty())
+            printf("             %s\n", finding.mend.c_str());
+    }
+}
+
+// A fault begins with what is at fault: a line of the file, or a variable.
+std::string mend_of(const std::string& fault, const std::string& path)
+{
+    const bool variable = fault.compare(0, sizeof(kVariables) - 1, kVariables) == 0;
+    return variable ? "unset " + fault.substr(0, fault.find(':')) : "${EDITOR:-vi} " + path;
+}
+
+// Prints what is wrong with it, each fault in a line; false if anything is.
+bool look_at_configuration()
+{
+    const char* named = getenv("HDMIPLAYER_LINUX_CONFIG");
+    const std::string path = named != nullptr && *named != '\0' ? named : "/etc/hdmiplayer/linux.conf";
+    std::string error;
+    Findings findings;
+    const bool good = hdmi_linux::check_config(&error);
+    std::istringstream lines(error);
+    for (std::string line; std::getline(lines, line);)
+        findings.push_back({Verdict::refused, line, "", mend_of(line, path)});
+    if (good)
+        findings.push_back({Verdict::ok, path, access(path.c_str(), F_OK) == 0 ? "" : "none: the defaults", ""});
+    print("Configuration", findings);
+    return good;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app(kDescription);
+    app.footer(kFooter);
+    app.set_help_flag("-h,--help", "this text");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? can_play : bad_configuration;
+    }
+    // Before anything that might start a thread: a process with threads cannot leave its namespaces.
+    const Finding namespaces = doctor::look_at_namespaces();
+    print("Sound", doctor::look_at_sound());
+    print("Receiver", doctor::look_at_receiver());
+    print("Display", doctor::look_at_displays());
+    print("CEC", doctor::look_at_cec());
+    Findings rights = doctor::look_at_priority();
+    rights.push_back(namespaces);
+    print("Rights", rights);
+    const bool configured = look_at_configuration();
+    const bool simulates = namespaces.verdict == Verdict::ok;
+    printf("Simulated play is %s.\n", simulates ? "possible" : "not possible");
+    return !configured ? bad_configuration : simulates ? can_play : cannot_play;
+}

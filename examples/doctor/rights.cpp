@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "access.h"
+#include "hdmi_sim.h"
+
+namespace doctor
+{
+namespace
+{
+
+constexpr int kPlayerPriority = 99;
+
+// Runs @p attempt in a process of its own, which it may change as it likes; its word on failure, empty on success.
+std::string attempt_aside(const std::function<std::string()>& attempt)
+{
+    int ends[2];
+    if (pipe(ends) != 0)
+        return strerror(errno);
+    const pid_t child = fork();
+    if (child == 0) {
+        const std::string text = attempt();
+        _exit(write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+    }
+    close(ends[1]);
+    std::string text = child < 0 ? strerror(errno) : "";
+    char part[512];
+    for (ssize_t size; (size = read(ends[0], part, sizeof(part))) > 0;)
+        text.append(part, static_cast<size_t>(size));
+    close(ends[0]);
+    if (child > 0)
+        waitpid(child, nullptr, 0);
+    return text;
+}
+
+std::string try_priority()
+{
+    sched_param param = {};
+    param.sched_priority = kPlayerPriority;
+    return sched_setscheduler(0, SCHED_RR, &param) == 0 ? "" : strerror(errno);
+}
+
+} // namespace
+
+Findings look_at_priority()
+{
+    const std::string what = "real-time priority " + std::to_string(kPlayerPriority);
+    const std::string fault = attempt_aside(try_priority);
+    if (fault.empty())
+        return {{Verdict::ok, what, "what the player asks for its capture and output threads", ""}};
+    rlimit limit = {};
+    getrlimit(RLIMIT_RTPRIO, &limit);
+    return {
+        {Verdict::refused, what, fault + ", the limit (ulimit -r) is " + std::to_string(limit.rlim_cur),
+         "echo '" + user() + " - rtprio 99' | sudo tee /etc/security/limits.d/hdmiplayer.conf   # then log in again"}};
+}
+
+Finding look_at_namespaces()
+{
+    const std::string fault = attempt_aside([] {
+        std::string error;
+        return hdmi_sim::enter_private_namespaces(&error) ? "" : error.empty() ? "?" : error;
+    });
+    if (fault.empty())
+        return {Verdict::ok, "private namespaces", "for the simulated receiver's announcements", ""};
+    return {Verdict::refused, "private namespaces", fault,
+            "sudo sysctl kernel.unprivileged_userns_clone=1 user.max_user_namespaces=100   # or run it as root"};
+}
+
+Findings look_at_receiver()
+{
+    constexpr char kState[] = "/sys/class/extcon/hdmirx_aud/state";
+    if (access(kState, R_OK) == 0)
+        return {{Verdict::ok, kState, first_line(kState), ""}};
+    if (errno == EACCES)
+        return {{Verdict::refused, kState, strerror(errno), "sudo chmod a+r " + std::string(kState)}};
+    return {{Verdict::missing, kState, "no driver announces formats: what is captured tells them",
+             "scripts/play --capture alsa:NAME"}};
+}
+
+} // namespace doctor
