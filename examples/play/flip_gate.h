@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "trace.h"
+
 namespace play
 {
 
@@ -18,7 +20,11 @@ namespace play
 class FlipGate
 {
 public:
-    explicit FlipGate(double refresh_hz) : m_refresh_ns(static_cast<int64_t>(1e9 / refresh_hz)) {}
+    /// @p trace outlives it.
+    explicit FlipGate(double refresh_hz, Trace* trace = nullptr)
+        : m_refresh_ns(static_cast<int64_t>(1e9 / refresh_hz)), m_trace(trace)
+    {
+    }
 
     /// Whether a picture flipped now goes to the display. If not, its time has gone to the one before it.
     bool admit(int64_t now_ns)
@@ -32,7 +38,12 @@ public:
     }
 
     /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate.
-    void vblank(int64_t at_ns) { m_vblank_ns = at_ns; }
+    void vblank(int64_t at_ns)
+    {
+        m_vblank_ns = at_ns;
+        if (m_trace != nullptr)
+            m_trace->vblanks.add(at_ns);
+    }
 
 private:
     /// Number of the refresh, counted from the latest known one, in which an instant lies.
@@ -44,6 +55,7 @@ private:
     }
 
     const int64_t m_refresh_ns;
+    Trace* const m_trace;
     std::atomic<int64_t> m_last_ns{0};
     std::atomic<int64_t> m_vblank_ns{0};
 };

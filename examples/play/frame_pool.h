@@ -35,7 +35,8 @@ public:
 /// A picture buffer; its address is the handle that the player passes around.
 struct FrameBuffer {
     std::atomic<Owner> owner{Owner::free};
-    int64_t turn = 0; ///< how many the player had been given before this one
+    int64_t turn = 0;   ///< how many the player had been given before this one
+    int64_t number = 0; ///< of the picture
     Picture picture;
     std::shared_ptr<Surface> surface; ///< where it was painted, made by the display that reads it there
 };

@@ -162,6 +162,7 @@ FrameBuffer* Host::fill(const VideoFrame& frame)
         return nullptr;
     }
     buffer->picture = frame.picture;
+    buffer->number = frame.number;
     if (m_config.paint)
         m_config.paint(buffer, frame.image.get());
     return buffer;
@@ -203,7 +204,11 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     if (buffer == nullptr)
         return;
     s_host->m_flipped++;
-    if (s_host->m_config.gate->admit(now_ns())) {
+    int64_t flipped_ns = now_ns();
+    bool admitted = s_host->m_config.gate->admit(flipped_ns);
+    if (Trace* trace = s_host->m_config.trace)
+        trace->flips.add({flipped_ns, buffer->number, admitted});
+    if (admitted) {
         s_host->m_config.present(buffer);
         return;
     }
@@ -295,11 +300,14 @@ void Host::write_from_line(const hdmi_player_audio_frame_t& like)
     out.size = frames * bytes_per_frame;
     out.buf_size = out.size;
     out.pts = pts_us;
+    int64_t handed_ns = now_ns();
     // Waits while the player's output queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(&out) != 0) {
         m_audio_account.failed_writes++;
         return;
     }
+    if (m_config.trace != nullptr)
+        m_config.trace->handed.add({handed_ns, pts_us, out.serial, frames, mark_of(out.data, out.size)});
     m_audio_account.written += frames;
 }
 

@@ -17,6 +17,7 @@
 #include "frame_pool.h"
 #include "hdmi_player.h"
 #include "source.h"
+#include "trace.h"
 
 namespace play
 {
@@ -32,6 +33,7 @@ struct HostConfig {
     int64_t drain_ns = 5'000'000'000; ///< after the signal's end its sound must run dry in that time, or is cut off
 
     FlipGate* gate = nullptr; ///< of the display; outlives the host
+    Trace* trace = nullptr;   ///< written down there; outlives the host
     /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
     std::function<void(FrameBuffer*, const Image*)> paint;
     /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it.

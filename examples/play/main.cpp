@@ -21,6 +21,8 @@
 #include "measure.h"
 #include "media_file.h"
 #include "options.h"
+#include "page.h"
+#include "platform_router.h"
 #include "programme.h"
 #include "progress.h"
 #include "realtime.h"
@@ -47,6 +49,8 @@ constexpr int64_t ending_ns = 550 * ms;
 constexpr int64_t real_drain_ns = 300 * ms;
 /// Above ordinary threads, below the player's own capture and output.
 constexpr int realtime_priority = 20;
+/// Of a longer run, charts show the beginning.
+constexpr double longest_trace_s = 4 * 3600;
 constexpr int programme_audio_rate = 44100;
 constexpr int coded_programme_rate = 48000;
 
@@ -95,6 +99,12 @@ bool is_writable(const std::string& path, std::string* error)
     return writable;
 }
 
+bool reports_writable(const Options& options, std::string* error)
+{
+    return (options.report_path.empty() || is_writable(options.report_path, error)) &&
+           (options.html_path.empty() || is_writable(options.html_path, error));
+}
+
 /// The source that the options name; null with one line in @p error. Starts no thread.
 std::unique_ptr<Source> make_source(const Options& options, std::string* error)
 {
@@ -128,9 +138,24 @@ bool prepare_process(const Options& options, std::string* error)
     return Stage::prepare(options, error);
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate)
+/// Null without a page to show it.
+std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, double display_hz)
+{
+    constexpr double unstated_s = 3600;
+    if (options.html_path.empty())
+        return nullptr;
+    double seconds = options.seconds > 0 ? options.seconds : source.stated_seconds();
+    if (!(seconds > 0))
+        seconds = unstated_s;
+    seconds = std::min(seconds, longest_trace_s) + options.video_start_ms / 1e3;
+    return std::make_unique<Trace>(seconds, std::max(display_hz, source.fps().value()));
+}
+
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate,
+                       Trace* trace)
 {
     HostConfig config;
+    config.trace = trace;
     config.output = options.output;
     config.display = told;
     config.algorithm_delay_ms = options.algorithm_delay_ms;
@@ -254,9 +279,24 @@ void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result
         result->recoveries.push_back({"playback", disturbance, sound_back_ns(sound.heard, disturbance.at_ns)});
 }
 
+/// What the charts show, of a run that is to be looked at.
+void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock, const Screen& screen, Judged judged,
+                    Result* result)
+{
+    TraceScope scope;
+    scope.source_s = [&clock](int64_t at_ns) { return static_cast<double>(clock.to_source(at_ns)) / 1e9; };
+    scope.settled_s = static_cast<double>(judged.from_ns) / 1e9;
+    scope.end_s = static_cast<double>(judged.last_ns - ending_ns) / 1e9;
+    scope.timeline_s = result->options.html_at;
+    scope.flashes = !source.marks().empty();
+    scope.paced = result->paced;
+    scope.display_latency_ns = result->options.display_latency_ms() * ms;
+    result->trace = view_trace(trace, scope, screen.sightings(), result->offsets);
+}
+
 /// Everything that the observers recorded, as figures.
 void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen, const Sound& sound,
-              const DeviceTroubles& troubles, Result* result)
+              const DeviceTroubles& troubles, const Trace* trace, Result* result)
 {
     int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
     result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
@@ -267,13 +307,17 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
         evaluate_sound(source, clock, screen, sound, judged, result);
     evaluate_pictures(source, host, screen, judged, result);
     evaluate_devices(sound, troubles, result);
+    if (trace != nullptr)
+        evaluate_trace(*trace, source, clock, screen, judged, result);
 }
 
 /// Plays the source to its end. @return false with one line in @p error
 bool run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
 {
     Screen screen;
-    FlipGate gate(display->refresh_hz());
+    std::unique_ptr<Trace> trace = make_trace(result->options, *source, display->refresh_hz());
+    FlipGate gate(display->refresh_hz(), trace.get());
+    PlaybackTrace playback_trace(trace.get());
     Stage stage(result->options, source, wav_path);
     std::unique_ptr<Host> host;
     Usage before = usage_now();
@@ -287,7 +331,8 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
             return false;
         bool connected = stage.connect(error);
         if (connected)
-            host = std::make_unique<Host>(host_config(result->options, *told, display, &gate), source, stage.clock());
+            host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
+                                          stage.clock());
         if (!connected || !host->start()) {
             if (connected)
                 *error = "the player did not open";
@@ -318,14 +363,28 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     result->coding = source->coding();
     result->unsupported = host->unsupported();
     result->opened_ns = host->opened_ns();
+    result->fps = source->fps().value();
     result->starved = source->starved();
     result->stage = stage.stats();
     result->display = display->description();
     result->display_hz = display->refresh_hz();
     result->paced = display->paced();
     result->display_stats = display->stats();
-    evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), result);
+    evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
     return true;
+}
+
+/// Those that were asked for. @return false with one line in @p error
+bool write_reports(const Result& result, const std::vector<Verdict>& verdicts, std::string* error)
+{
+    const Options& options = result.options;
+    nlohmann::json report = report_json(result, verdicts);
+    if (!options.report_path.empty() && !write_report(report, options.report_path, error))
+        return false;
+    if (options.html_path.empty())
+        return true;
+    Page page = {std::move(report), result.trace, result.paced, result.display_hz / result.fps, here_and_now()};
+    return write_page(page, options.html_path, error);
 }
 
 int fail(ExitStatus status, const std::string& error)
@@ -338,7 +397,7 @@ int main_with(const Options& options)
 {
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
-    if (!source || (!options.report_path.empty() && !is_writable(options.report_path, &error)))
+    if (!source || !reports_writable(options, &error))
         return fail(bad_input, error);
     if (options.raw && source->coding() == Coding::pcm)
         return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
@@ -364,7 +423,7 @@ int main_with(const Options& options)
         return fail(outside, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);
-    if (!options.report_path.empty() && !write_report(result, verdicts, options.report_path, &error))
+    if (!write_reports(result, verdicts, &error))
         return fail(outside, error);
     return all_passed(verdicts) ? inside : outside;
 }

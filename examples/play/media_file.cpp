@@ -156,6 +156,8 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
     if (rate.num > 0 && rate.den > 0)
         file->m_fps = {rate.num, rate.den};
     decoders.start_ns = format->start_time != AV_NOPTS_VALUE ? format->start_time * 1000 : 0;
+    if (format->duration > 0)
+        file->m_stated_seconds = static_cast<double>(format->duration) / AV_TIME_BASE;
     const AVStream& sound = *format->streams[decoders.audio_index];
     Coding own = coding_of(*sound.codecpar);
     if (own != Coding::pcm && carried && file->m_audio_rate == own_rate && coding.value_or(own) == own) {

@@ -52,6 +52,7 @@ public:
     std::vector<int64_t> marks() const override { return {}; }
     int64_t starved() const override { return m_starved; }
     std::string description() const override { return m_description; }
+    double stated_seconds() const override { return m_stated_seconds; }
 
 private:
     MediaFile();
@@ -74,6 +75,7 @@ private:
     int m_audio_rate = 0;
     Rational m_fps{25, 1};
     std::string m_description;
+    double m_stated_seconds = 0;
     int64_t m_length_ns = 0;
     Size m_image_box{0, 0}; ///< nothing: no images are wanted
 

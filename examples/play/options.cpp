@@ -129,6 +129,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
                     "0 for kms and window, 76 for sim and none, the delay of the panels that the player allows for")
         ->check(CLI::Range(0, 1000));
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
+    auto* html = app->add_option("--html", options->html_path, "Also write the report there as a page to look at");
+    app->add_option("--html-at", options->html_at, "Second of the source at which the page's timeline begins")
+        ->check(in_range(0, longest_seconds))
+        ->needs(html);
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");

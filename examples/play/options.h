@@ -47,6 +47,8 @@ struct Options {
     double playback_ppm = 0;
     std::optional<int> display_latency; ///< ms; nothing: see display_latency_ms()
     std::string report_path;
+    std::string html_path;
+    std::optional<double> html_at; ///< where the page's timeline begins, in seconds of the source
     std::string wav_path;
     bool no_sync = false;
     bool withhold_block = false;

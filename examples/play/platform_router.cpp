@@ -90,6 +90,7 @@ struct Router {
     Routes routes;
     std::atomic<SeamTap*> capture_tap{nullptr};
     std::atomic<SeamTap*> playback_tap{nullptr};
+    std::atomic<Trace*> trace{nullptr};
     std::atomic<int64_t> blocks{0};
     std::atomic<int64_t> block_to_withhold{-1};
     std::atomic<int64_t> withheld{0};
@@ -125,6 +126,32 @@ int64_t now_ns()
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
+}
+
+void note_opened(const audio_config_t& config)
+{
+    if (SeamTap* tap = tap_of(&config))
+        tap->opened(config);
+    Trace* trace = router().trace;
+    if (trace != nullptr && !is_capture(&config))
+        trace->opened.add({now_ns(), config.sample_rate});
+}
+
+void note_written(audio_config_t* config, const uint8_t* data, int bytes)
+{
+    SeamTap* tap = tap_of(config);
+    Trace* trace = router().trace;
+    if (tap == nullptr && trace == nullptr)
+        return;
+    int delay_frames = -1;
+    if (behind(config).get_write_bytes(config, &delay_frames) < 0)
+        delay_frames = -1;
+    int64_t written_ns = now_ns();
+    if (tap != nullptr)
+        tap->written(data, bytes, written_ns, delay_frames);
+    if (trace != nullptr)
+        trace->written.add(
+            {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
 /// By the paths that the program was built with and the system's own, and then beside the program.
@@ -184,6 +211,9 @@ hdmi_linux::CecStats real_cec_stats()
 void tap_capture(SeamTap* tap) { router().capture_tap = tap; }
 void tap_playback(SeamTap* tap) { router().playback_tap = tap; }
 
+PlaybackTrace::PlaybackTrace(Trace* trace) { router().trace = trace; }
+PlaybackTrace::~PlaybackTrace() { router().trace = nullptr; }
+
 void withhold_block(int64_t block) { router().block_to_withhold = block; }
 int64_t withheld_blocks() { return router().withheld; }
 
@@ -200,9 +230,8 @@ extern "C" {
 SEAM int aio_device_open(audio_config_t* config)
 {
     int result = behind(config).open(config);
-    play::SeamTap* tap = play::tap_of(config);
-    if (result >= 0 && tap != nullptr)
-        tap->opened(*config);
+    if (result >= 0)
+        play::note_opened(*config);
     return result;
 }
 
@@ -225,13 +254,8 @@ SEAM int aio_device_write(audio_config_t* config, const uint8_t* data, int size)
         return size;
     }
     int result = behind(config).write(config, data, size);
-    play::SeamTap* tap = play::tap_of(config);
-    if (result > 0 && tap != nullptr) {
-        int delay_frames = -1;
-        if (behind(config).get_write_bytes(config, &delay_frames) < 0)
-            delay_frames = -1;
-        tap->written(data, result, play::now_ns(), delay_frames);
-    }
+    if (result > 0)
+        play::note_written(config, data, result);
     return result;
 }
 

@@ -13,6 +13,7 @@
 
 #include "aio_device.h"
 #include "hdmi_linux.h"
+#include "trace.h"
 
 namespace play
 {
@@ -54,6 +55,17 @@ public:
 /// Null: none. The tap must stay as long as the player may call.
 void tap_capture(SeamTap* tap);
 void tap_playback(SeamTap* tap);
+
+/// Writes down what the playback device takes, and how much it has to play then; null: nothing. One at a time, around
+/// the life of the player.
+class PlaybackTrace
+{
+public:
+    explicit PlaybackTrace(Trace* trace);
+    ~PlaybackTrace();
+    PlaybackTrace(const PlaybackTrace&) = delete;
+    PlaybackTrace& operator=(const PlaybackTrace&) = delete;
+};
 
 /// The playback device reports block number @p block as written and plays nothing of it.
 void withhold_block(int64_t block);

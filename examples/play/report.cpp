@@ -352,36 +352,40 @@ void print_report(const Result& result, const std::vector<Verdict>& verdicts)
     std::fflush(stdout);
 }
 
-bool write_report(const Result& result, const std::vector<Verdict>& verdicts, const std::string& path,
-                  std::string* error)
+json report_json(const Result& result, const std::vector<Verdict>& verdicts)
 {
     json limits = json::array();
     for (const Verdict& verdict : verdicts)
         limits.push_back({{"limit", verdict.limit}, {"passed", verdict.passed}});
-    json report = {{"passed", all_passed(verdicts)},
-                   {"limits", limits},
-                   {"run", options_json(result)},
-                   {"seconds", result.seconds},
-                   {"offset", to_json(result.offset)},
-                   {"instants", result.instants},
-                   {"offsets", to_json(result.offsets)},
-                   {"sound_latency", to_json(result.sound_latency)},
-                   {"picture_latency", to_json(result.picture_latency)},
-                   {"pictures", pictures_json(result)},
-                   {"sound", sound_json(result)},
-                   {"recoveries", recoveries_json(result)},
-                   {"cec", cec_json(result)},
-                   {"link", link_json(result)},
-                   {"resets", result.resets},
-                   {"reset_s", result.reset_s},
-                   {"unsupported_events", result.unsupported},
-                   {"source_starved", result.starved},
-                   {"cpu_s_per_s", result.usage.cpu_s},
-                   {"player_cpu_s_per_s", result.usage.player_cpu_s()},
-                   {"cpu_by_thread", result.usage.by_thread},
-                   {"peak_memory_kb", result.usage.peak_memory_kb}};
+    return {{"passed", all_passed(verdicts)},
+            {"limits", limits},
+            {"run", options_json(result)},
+            {"seconds", result.seconds},
+            {"offset", to_json(result.offset)},
+            {"instants", result.instants},
+            {"offsets", to_json(result.offsets)},
+            {"sound_latency", to_json(result.sound_latency)},
+            {"picture_latency", to_json(result.picture_latency)},
+            {"pictures", pictures_json(result)},
+            {"sound", sound_json(result)},
+            {"recoveries", recoveries_json(result)},
+            {"cec", cec_json(result)},
+            {"link", link_json(result)},
+            {"resets", result.resets},
+            {"reset_s", result.reset_s},
+            {"unsupported_events", result.unsupported},
+            {"source_starved", result.starved},
+            {"cpu_s_per_s", result.usage.cpu_s},
+            {"player_cpu_s_per_s", result.usage.player_cpu_s()},
+            {"cpu_by_thread", result.usage.by_thread},
+            {"peak_memory_kb", result.usage.peak_memory_kb}};
+}
+
+bool write_report(const json& report, const std::string& path, std::string* error)
+{
     std::ofstream out(path);
-    out << report.dump(1) << "\n";
+    // A file's name may be any bytes; JSON is UTF-8.
+    out << report.dump(1, ' ', false, json::error_handler_t::replace) << "\n";
     out.close();
     if (out)
         return true;

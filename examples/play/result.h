@@ -10,6 +10,7 @@
 #include "measure.h"
 #include "options.h"
 #include "stage.h"
+#include "trace_view.h"
 #include "usage.h"
 
 namespace play
@@ -30,6 +31,7 @@ struct Result {
     bool realtime = false;
     std::string display;    ///< which one was used
     double display_hz = 60; ///< its vertical blanks per second
+    double fps = 60;        ///< of the source
     bool paced = true;      ///< the player could wait for them
     int video_queue_size = 0;
     int64_t opened_ns = 0;     ///< when the player had opened
@@ -62,6 +64,7 @@ struct Result {
     StageStats stage;
     DisplayStats display_stats;
     Usage usage;
+    TraceView trace; ///< of a run that is to be looked at
 };
 
 } // namespace play

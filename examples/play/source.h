@@ -106,6 +106,8 @@ public:
     /// How often sound or picture was asked for before it was decoded: then the source itself failed real time.
     virtual int64_t starved() const = 0;
     virtual std::string description() const = 0;
+    /// How long it says that it is; 0: it does not say.
+    virtual double stated_seconds() const { return 0; }
 };
 
 } // namespace play

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What happened when, for the report in pictures: written down by the threads
+ * that did it, real-time ones among them, and read when they have ended.
+ */
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+namespace play
+{
+
+/**
+ * Events in the order in which they were added. All memory is there, and was
+ * touched, from the beginning; an event that finds it full is counted as lost.
+ * Any number of threads may add at the same time: none waits.
+ */
+template <typename Event> class EventLog
+{
+public:
+    explicit EventLog(size_t capacity) : m_capacity(capacity), m_slots(new Slot[capacity]) {}
+
+    void add(const Event& event)
+    {
+        size_t at = m_claimed.fetch_add(1, std::memory_order_relaxed);
+        if (at >= m_capacity)
+            return;
+        m_slots[at].event = event;
+        m_slots[at].written.store(true, std::memory_order_release);
+    }
+
+    /// Those that are written by now.
+    std::vector<Event> events() const
+    {
+        std::vector<Event> all;
+        size_t end = std::min(m_claimed.load(), m_capacity);
+        all.reserve(end);
+        for (size_t i = 0; i < end; i++)
+            if (m_slots[i].written.load(std::memory_order_acquire))
+                all.push_back(m_slots[i].event);
+        return all;
+    }
+
+    int64_t lost() const
+    {
+        size_t claimed = m_claimed;
+        return claimed > m_capacity ? static_cast<int64_t>(claimed - m_capacity) : 0;
+    }
+
+private:
+    struct Slot {
+        Event event = {};
+        std::atomic<bool> written{false};
+    };
+
+    const size_t m_capacity;
+    std::unique_ptr<Slot[]> m_slots;
+    std::atomic<size_t> m_claimed{0};
+};
+
+/// The player flipped a picture.
+struct FlipEvent {
+    int64_t at_ns = 0;
+    int64_t number = 0;
+    bool shown = false; ///< given to the display; otherwise it came at a stroke with the one before
+};
+
+/// The host gave the player a block to play.
+struct HandedEvent {
+    int64_t at_ns = 0;
+    int64_t pts_us = 0; ///< of its first frame
+    int32_t serial = 0;
+    int32_t frames = 0;
+    uint64_t mark = 0; ///< see mark_of()
+};
+
+/// The playback device was opened.
+struct OpenedEvent {
+    int64_t at_ns = 0;
+    int rate = 0;
+};
+
+/// The playback device took a block.
+struct WrittenEvent {
+    int64_t at_ns = 0;
+    int32_t frames = 0;
+    int32_t delay_frames = 0; ///< that it had to play then, this block included; negative: it did not tell
+    uint64_t mark = 0;
+};
+
+/// By which a block that comes out of the player is known as one that went in.
+inline uint64_t mark_of(const uint8_t* data, int bytes)
+{
+    // FNV-1a, a word at a time: a block of 20 ms takes less than a microsecond.
+    uint64_t mark = 14695981039346656037ULL;
+    uint64_t word = 0;
+    int at = 0;
+    for (; at + static_cast<int>(sizeof word) <= bytes; at += static_cast<int>(sizeof word)) {
+        std::memcpy(&word, data + at, sizeof word);
+        mark = (mark ^ word) * 1099511628211ULL;
+    }
+    for (; at < bytes; at++)
+        mark = (mark ^ data[at]) * 1099511628211ULL;
+    return mark;
+}
+
+struct Trace {
+    /// For a run of that length.
+    Trace(double seconds, double pictures_per_s)
+        : vblanks(room(seconds, pictures_per_s)), flips(room(seconds, pictures_per_s)),
+          handed(room(seconds, blocks_per_s)), written(room(seconds, blocks_per_s)), opened(openings)
+    {
+    }
+
+    EventLog<int64_t> vblanks; ///< when the display told of one, CLOCK_MONOTONIC
+    EventLog<FlipEvent> flips;
+    EventLog<HandedEvent> handed;
+    EventLog<WrittenEvent> written;
+    EventLog<OpenedEvent> opened;
+
+    int64_t lost() const { return vblanks.lost() + flips.lost() + handed.lost() + written.lost() + opened.lost(); }
+
+private:
+    /// Periods of the device, 960 frames at 48 kHz.
+    static constexpr double blocks_per_s = 50;
+    static constexpr size_t openings = 4096;
+    /// For what comes before and after the programme, and for clocks that run fast.
+    static size_t room(double seconds, double per_s) { return static_cast<size_t>((1.1 * seconds + 10) * per_s); }
+};
+
+} // namespace play
