@@ -19,6 +19,15 @@
 #include "pulse_server.h"
 #include "sound_devices.h"
 
+// A suspended card, which needs a machine that sleeps: linked before alsa-lib's own.
+extern "C" {
+snd_pcm_sframes_t __real_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
+snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
+snd_pcm_sframes_t __real_snd_pcm_readi(snd_pcm_t* pcm, void* data, snd_pcm_uframes_t frames);
+snd_pcm_sframes_t __wrap_snd_pcm_readi(snd_pcm_t* pcm, void* data, snd_pcm_uframes_t frames);
+int __wrap_snd_pcm_resume(snd_pcm_t* pcm);
+}
+
 namespace
 {
 
@@ -33,6 +42,9 @@ constexpr int kBlockBytes = kPeriod * 4;
 PulseServer* g_server = nullptr;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// How often the hardware still says that it wakes up before it is awake; 0: it is.
+std::atomic<int> g_asleep{0};
 
 class AioAlsaTest : public testing::Test
 {
@@ -79,6 +91,23 @@ protected:
     audio_config_t capture_ = {};
     int64_t written_ = 0;
 };
+
+} // namespace
+
+snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames)
+{
+    return g_asleep > 0 ? -ESTRPIPE : __real_snd_pcm_writei(pcm, data, frames);
+}
+
+snd_pcm_sframes_t __wrap_snd_pcm_readi(snd_pcm_t* pcm, void* data, snd_pcm_uframes_t frames)
+{
+    return g_asleep > 0 ? -ESTRPIPE : __real_snd_pcm_readi(pcm, data, frames);
+}
+
+int __wrap_snd_pcm_resume(snd_pcm_t*) { return --g_asleep > 0 ? -EAGAIN : -ENOSYS; }
+
+namespace
+{
 
 // --- Sound ------------------------------------------------------------------------
 
@@ -242,6 +271,32 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceFailsAtOnceAndComesBack)
     ASSERT_TRUE(g_server->start()) << g_server->why();
     EXPECT_TRUE(eventually([&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes; }));
     EXPECT_GT(capture_stats().recoveries, 0);
+}
+
+TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
+{
+    constexpr int kTries = 10; // some 200 ms
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    ASSERT_EQ(write_numbered(12), kBlockBytes);
+    g_asleep = kTries;
+    const auto start = Clock::now();
+    const int64_t recoveries = playback_stats().recoveries;
+    EXPECT_TRUE(
+        eventually([&] { return write_numbered(1) == kBlockBytes && playback_stats().recoveries > recoveries; }));
+    EXPECT_GT(seconds_since(start), 0.15);
+    EXPECT_EQ(playback_stats().suspends, 1);
+    Recorder recorder("out_monitor");
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !stretches(recorder.left()).empty(); }));
+    aio_device_close(&playback_);
+
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    recorder.stop();
+    std::vector<uint8_t> block(kBlockBytes);
+    ASSERT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes);
+    g_asleep = kTries;
+    EXPECT_LT(aio_device_read(&capture_, block.data(), kBlockBytes), 0) << "at once";
+    EXPECT_TRUE(eventually([&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes; }));
+    EXPECT_EQ(capture_stats().suspends, 1);
 }
 
 // --- Raw pass-through ------------------------------------------------------------------

@@ -81,34 +81,42 @@ int Capture::open(const audio_config_t& config)
     const bool to_raw = config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW;
     mutex_guard control(control_);
     const PcmRequest request = request_for(config);
-    {
-        mutex_guard guard(mutex_);
-        if (state_ != State::closed)
-            return -EBUSY;
-        Pcm pcm;
-        std::string why;
-        if (const int err = pcm.open(request, &why); err < 0) {
-            const std::string refusal = request.name + ": " + why;
-            // The player tries again every ten milliseconds.
-            if (refusal != last_refusal_)
-                log_e("%s cannot capture: %s\n", device_key(config.device_id), refusal.c_str());
-            last_refusal_ = refusal;
-            return err;
-        }
-        last_refusal_.clear();
-        ++opening_;
-        stats_.opens++;
-        forwarding_ = to_raw;
-        frame_bytes_ = config.channels * kBytesPerSample;
-        frames_wanted_ = config.period_frames;
-        position_ = 0;
-        ring_ = to_raw ? SoundRing(config.period_frames * config.period_count, frame_bytes_) : SoundRing();
-        install(std::move(pcm), request);
-    }
+    mutex_guard guard(mutex_);
+    if (state_ != State::closed)
+        return -EBUSY;
+    guard.unlock();
+    // Of an opening that another thread is closing.
+    end_forwarding();
+    Pcm pcm;
+    std::string why;
+    const int err = pcm.open(request, &why);
+    guard.lock();
+    report_opening(config, request, err, why);
+    if (err < 0)
+        return err;
+    ++opening_;
+    stats_.opens++;
+    forwarding_ = to_raw;
+    frame_bytes_ = config.channels * kBytesPerSample;
+    frames_wanted_ = config.period_frames;
+    position_ = 0;
+    ring_ = to_raw ? SoundRing(config.period_frames * config.period_count, frame_bytes_) : SoundRing();
+    install(std::move(pcm), request);
+    const uint64_t opening = opening_;
+    guard.unlock();
     if (!to_raw)
         return 0;
     bypass().start(config, request.rate);
-    return start_forwarding() ? 0 : -EAGAIN;
+    return start_forwarding(opening) ? 0 : -EAGAIN;
+}
+
+// A refusal once: the player tries again every ten milliseconds.
+void Capture::report_opening(const audio_config_t& config, const PcmRequest& request, int err, const std::string& why)
+{
+    const std::string refusal = err < 0 ? request.name + ": " + why : std::string();
+    if (err < 0 && refusal != last_refusal_)
+        log_e("%s cannot capture: %s\n", device_key(config.device_id), refusal.c_str());
+    last_refusal_ = refusal;
 }
 
 void Capture::install(Pcm pcm, const PcmRequest& request)
@@ -146,10 +154,7 @@ int Capture::close()
         pcm_.close();
     }
     mutex_guard control(control_);
-    if (forwarder_.joinable()) {
-        forwarder_.join();
-        bypass().stop();
-    }
+    end_forwarding();
     return 0;
 }
 
@@ -228,13 +233,8 @@ int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
 
 // --- Forwarding -------------------------------------------------------------------
 
-bool Capture::start_forwarding()
+bool Capture::start_forwarding(uint64_t opening)
 {
-    uint64_t opening = 0;
-    {
-        mutex_guard guard(mutex_);
-        opening = opening_;
-    }
     try {
         forwarder_ = std::thread(&Capture::forward, this, opening);
     } catch (const std::system_error&) {
@@ -251,6 +251,15 @@ bool Capture::start_forwarding()
     // Without the permission it runs as it is, like the player's own threads.
     (void)pthread_setschedparam(forwarder_.native_handle(), SCHED_RR, &priority);
     return true;
+}
+
+// The device is closed, or the thread would not end.
+void Capture::end_forwarding()
+{
+    if (!forwarder_.joinable())
+        return;
+    forwarder_.join();
+    bypass().stop();
 }
 
 void Capture::forward(uint64_t opening)

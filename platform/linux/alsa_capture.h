@@ -31,11 +31,14 @@ public:
 private:
     enum class State { closed, working, suspended, lost };
 
+    void report_opening(const audio_config_t& config, const PcmRequest& request, int err, const std::string& why)
+        REQUIRES(mutex_);
     void install(Pcm pcm, const PcmRequest& request) REQUIRES(mutex_);
     int fetch(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
     int take_forwarded(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
     void forward(uint64_t opening);
-    bool start_forwarding() REQUIRES(control_);
+    bool start_forwarding(uint64_t opening) REQUIRES(control_);
+    void end_forwarding() REQUIRES(control_);
 
     void handle(Trouble trouble, int err) REQUIRES(mutex_);
     void recover_xrun() REQUIRES(mutex_);

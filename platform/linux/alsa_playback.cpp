@@ -46,6 +46,14 @@ bool valid_output(int device_id, int output_fmt)
            output_fmt < E_AUDIO_IO_FORMAT_MAX;
 }
 
+bool valid(const audio_config_t& config)
+{
+    return valid_output(config.device_id, config.output_fmt) && config.channels > 0 &&
+           config.channels <= kMaxChannels && config.sample_rate > 0 && config.sample_rate <= kMaxRate &&
+           config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames && config.period_count > 0 &&
+           config.period_count <= kMaxPeriods;
+}
+
 } // namespace
 
 Playback& playback()
@@ -55,15 +63,6 @@ Playback& playback()
 }
 
 // --- Opening and closing ----------------------------------------------------------
-
-int Playback::check(const audio_config_t& config) const
-{
-    const bool valid = valid_output(config.device_id, config.output_fmt) && config.channels > 0 &&
-                       config.channels <= kMaxChannels && config.sample_rate > 0 && config.sample_rate <= kMaxRate &&
-                       config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames &&
-                       config.period_count > 0 && config.period_count <= kMaxPeriods;
-    return valid ? 0 : -EINVAL;
-}
 
 PcmRequest Playback::request_for(const Config& config, int device) const
 {
@@ -95,8 +94,8 @@ void Playback::begin(const audio_config_t& config)
 
 int Playback::open(const audio_config_t& config)
 {
-    if (const int err = check(config))
-        return err;
+    if (!valid(config))
+        return -EINVAL;
     // The player wants to be heard: what pass-through still holds is given back first.
     bypass().release_output(config.device_id);
     const Config settings = current_config();

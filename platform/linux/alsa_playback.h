@@ -51,7 +51,6 @@ private:
         yielded,   ///< there is no PCM; pass-through has the output
     };
 
-    int check(const audio_config_t& config) const;
     PcmRequest request_for(const Config& config, int device) const REQUIRES(mutex_);
     void begin(const audio_config_t& config) REQUIRES(mutex_);
     void install(Pcm pcm, const PcmRequest& request, const Config& config) REQUIRES(mutex_);

@@ -10,7 +10,7 @@ namespace
 {
 
 constexpr int kBlockFrames = 960;
-constexpr unsigned kLatencyUs = 100000;
+constexpr unsigned kLatencyUs = 200000;
 
 } // namespace
 

@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: MIT
+// The Linux platform's sound devices on the kernel's cards, inside the virtual machine: loopbacks for the sound, a
+// dummy card for the mixer. Runs as root: cards are unbound from their driver and bound again.
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+
+#include "aio_device.h"
+#include "blocked_call.h"
+#include "hdmi_linux.h"
+#include "sound_devices.h"
+
+namespace
+{
+
+using hdmi_linux::capture_stats;
+using hdmi_linux::playback_stats;
+
+constexpr int kRate = 48000;
+constexpr int kPeriod = 960;
+constexpr int kBlockBytes = kPeriod * 4;
+
+// The loopback's cards, by the number of their platform device.
+enum Card { kCable = 0, kSpeaker = 1 };
+void driver(const char* what, Card card)
+{
+    std::ofstream(std::string("/sys/bus/platform/drivers/snd_aloop/") + what) << "snd_aloop." << card << std::flush;
+}
+
+/// Unplugs a card; the kernel is done with it when every handle of it was given up.
+class Unplugged
+{
+public:
+    explicit Unplugged(Card card) : card_(card), unbinding_(std::async(std::launch::async, driver, "unbind", card)) {}
+    bool done() const { return unbinding_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+    void plug_in()
+    {
+        unbinding_.wait();
+        driver("bind", card_);
+    }
+
+private:
+    Card card_;
+    std::future<void> unbinding_;
+};
+
+class SoundProbe : public testing::Test
+{
+protected:
+    SoundProbe()
+    {
+        playback_.stream_type = E_AUDIO_STREAM_PLAYBACK;
+        playback_.device_id = E_AUDIO_IO_DEV_SPEAKER;
+        playback_.channels = 2;
+        playback_.sample_rate = kRate;
+        playback_.period_frames = kPeriod;
+        playback_.period_count = 8;
+        capture_ = playback_;
+        capture_.stream_type = E_AUDIO_STREAM_CAPTURE;
+        capture_.device_id = E_AUDIO_IO_DEV_HDMI_IN;
+        capture_.period_count = 4;
+        capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
+    }
+    ~SoundProbe() override
+    {
+        aio_device_close(&playback_);
+        aio_device_close(&capture_);
+    }
+    int write_numbered()
+    {
+        const std::vector<int16_t> words = numbered(written_, kPeriod);
+        written_ += kPeriod;
+        return aio_device_write(&playback_, reinterpret_cast<const uint8_t*>(words.data()), kBlockBytes);
+    }
+    int delay()
+    {
+        int frames = -1;
+        aio_device_get_write_bytes(&playback_, &frames);
+        return frames;
+    }
+    int read_block(std::vector<int16_t>* left)
+    {
+        std::vector<int16_t> block(2 * kPeriod);
+        const int result = aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes);
+        for (int frame = 0; frame < result / 4; ++frame)
+            left->push_back(block[2 * frame]);
+        return result;
+    }
+
+    audio_config_t playback_ = {};
+    audio_config_t capture_ = {};
+    int64_t written_ = 0;
+};
+
+TEST_F(SoundProbe, PlaysWithoutAGap)
+{
+    Recorder recorder("hw:Speaker,1");
+    const int64_t xruns = playback_stats().xruns;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    EXPECT_EQ(playback_stats().period_frames, kPeriod);
+    EXPECT_EQ(playback_stats().period_count, 8);
+    for (int block = 0; block < 250; ++block) {
+        ASSERT_EQ(write_numbered(), kBlockBytes);
+        ASSERT_GT(delay(), 0);
+        ASSERT_LE(delay(), 8 * kPeriod + kPeriod / 4);
+    }
+    EXPECT_EQ(playback_stats().xruns, xruns);
+    EXPECT_TRUE(eventually([&] { return !stretches(recorder.left()).empty(); }));
+    EXPECT_EQ(stretches(recorder.left()).size(), 1u);
+}
+
+TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
+{
+    Recorder recorder("hw:Speaker,1");
+    const int64_t xruns = playback_stats().xruns;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    for (int block = 0; block < 3; ++block)
+        ASSERT_EQ(write_numbered(), kBlockBytes);
+    EXPECT_TRUE(eventually([&] { return delay() == 0; }));
+    for (int block = 0; block < 30; ++block)
+        ASSERT_EQ(write_numbered(), kBlockBytes);
+    EXPECT_EQ(playback_stats().xruns, xruns + 1);
+    EXPECT_TRUE(eventually([&] {
+        const std::vector<Stretch> runs = stretches(recorder.left());
+        return runs.size() == 1 && runs[0].frames >= 24 * kPeriod;
+    }));
+}
+
+TEST_F(SoundProbe, CapturesWithoutAGapAndTheOldestIsLostToALateReader)
+{
+    const Feeder link("hw:Cable,0");
+    capture_.period_count = 16; // an emulated machine
+    const int64_t xruns = capture_stats().xruns;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    std::vector<int16_t> left;
+    for (int block = 0; block < 150; ++block)
+        ASSERT_EQ(read_block(&left), kBlockBytes);
+    EXPECT_EQ(stretches(left).size(), 1u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    left.clear();
+    for (int block = 0; block < 20; ++block)
+        ASSERT_EQ(read_block(&left), kBlockBytes);
+    EXPECT_EQ(capture_stats().xruns, xruns + 1);
+}
+
+TEST_F(SoundProbe, AnUnpluggedOutputComesBackEveryTime)
+{
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    for (int round = 1; round <= 5; ++round) {
+        for (int block = 0; block < 10; ++block)
+            ASSERT_EQ(write_numbered(), kBlockBytes);
+        Unplugged card(kSpeaker);
+        ASSERT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && card.done(); }));
+        for (int block = 0; block < 5 * round; ++block)
+            ASSERT_EQ(write_numbered(), kBlockBytes);
+        EXPECT_TRUE(playback_stats().lost);
+        EXPECT_EQ(playback_stats().losses, round);
+        card.plug_in();
+        EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !playback_stats().lost; }));
+    }
+    EXPECT_EQ(playback_stats().recoveries, 5);
+    Recorder recorder("hw:Speaker,1");
+    EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !stretches(recorder.left()).empty(); }));
+}
+
+TEST_F(SoundProbe, AnUnpluggedReceiverFailsABlockedReadAndComesBack)
+{
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    for (int round = 1; round <= 5; ++round) {
+        std::vector<int16_t> left;
+        ASSERT_EQ(read_block(&left), kBlockBytes);
+        std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
+        BlockedCall<int> blocked(
+            [&] { return aio_device_read(&capture_, minute.data(), static_cast<int>(minute.size())); });
+        ASSERT_TRUE(blocked.asleep());
+        Unplugged card(kCable);
+        EXPECT_LT(blocked.result(), 0);
+        EXPECT_LT(read_block(&left), 0);
+        EXPECT_TRUE(eventually([&] { return card.done(); }));
+        card.plug_in();
+        EXPECT_TRUE(eventually([&] { return read_block(&left) == kBlockBytes; }));
+        EXPECT_EQ(capture_stats().recoveries, round);
+    }
+}
+
+TEST_F(SoundProbe, ASourceThatChangesItsRateIsFoundAtTheNewOne)
+{
+    auto link = std::make_unique<Feeder>("hw:Cable,0");
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    std::vector<int16_t> left;
+    ASSERT_EQ(read_block(&left), kBlockBytes);
+    link.reset();
+    ASSERT_EQ(aio_device_close(&capture_), 0);
+    link = std::make_unique<Feeder>("hw:Cable,0", 44100);
+    EXPECT_LT(aio_device_open(&capture_), 0) << "the link runs at another rate";
+    capture_.sample_rate = 44100;
+    capture_.period_frames = 896;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    EXPECT_EQ(read_block(&left), kBlockBytes);
+}
+
+TEST_F(SoundProbe, VolumeAndMuteAreTheMixersWhereThereIsOne)
+{
+    setenv("HDMIPLAYER_ALSA_SPEAKER", "hw:Dummy", 1);
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    snd_mixer_t* mixer = nullptr;
+    ASSERT_EQ(snd_mixer_open(&mixer, 0), 0);
+    ASSERT_EQ(snd_mixer_attach(mixer, "hw:Dummy"), 0);
+    ASSERT_EQ(snd_mixer_selem_register(mixer, nullptr, nullptr), 0);
+    ASSERT_EQ(snd_mixer_load(mixer), 0);
+    snd_mixer_elem_t* element = snd_mixer_first_elem(mixer);
+    while (std::string(snd_mixer_selem_get_name(element)) != "Master")
+        element = snd_mixer_elem_next(element);
+    const auto decibels = [&] {
+        long value = 0;
+        snd_mixer_handle_events(mixer);
+        EXPECT_EQ(snd_mixer_selem_get_playback_dB(element, SND_MIXER_SCHN_FRONT_LEFT, &value), 0);
+        return value;
+    };
+    long min = 0;
+    long max = 0;
+    ASSERT_EQ(snd_mixer_selem_get_playback_dB_range(element, &min, &max), 0);
+    ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
+    EXPECT_EQ(decibels(), max);
+    ASSERT_EQ(aio_device_set_volume(&playback_, 50), 0);
+    const long half = decibels();
+    EXPECT_LT(half, max - 1200);
+    EXPECT_GT(half, max - 1800);
+    ASSERT_EQ(aio_device_set_mute(&playback_, true), 0);
+    EXPECT_EQ(decibels(), min) << "it has no switch";
+    ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
+    EXPECT_EQ(decibels(), half);
+    EXPECT_NE(aio_device_set_volume_direct(&playback_, 100000), 0);
+    EXPECT_EQ(aio_device_set_volume_direct(&playback_, 0), 0);
+    EXPECT_NE(decibels(), half);
+    snd_mixer_close(mixer);
+    setenv("HDMIPLAYER_ALSA_SPEAKER", "hw:Speaker,0", 1);
+}
+
+TEST_F(SoundProbe, ADigitalOutputsControlSaysWhatItCarries)
+{
+    snd_ctl_t* ctl = nullptr;
+    ASSERT_EQ(snd_ctl_open(&ctl, "hw:Dummy", 0), 0);
+    snd_ctl_elem_id_t* id = nullptr;
+    snd_ctl_elem_id_alloca(&id);
+    snd_ctl_elem_id_set_interface(id, SND_CTL_ELEM_IFACE_PCM);
+    snd_ctl_elem_id_set_name(id, "IEC958 Playback Default");
+    ASSERT_GE(snd_ctl_elem_add_iec958(ctl, id), 0);
+    playback_.device_id = E_AUDIO_IO_DEV_SPDIF;
+    playback_.pcm_name = "hw:Dummy";
+    playback_.sample_rate = 32000;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    snd_ctl_elem_value_set_id(value, id);
+    ASSERT_GE(snd_ctl_elem_read(ctl, value), 0);
+    snd_aes_iec958_t status = {};
+    snd_ctl_elem_value_get_iec958(value, &status);
+    EXPECT_EQ(status.status[0], 0x04);
+    EXPECT_EQ(status.status[3], 0x03) << "32 kHz";
+    snd_ctl_elem_remove(ctl, id);
+    snd_ctl_close(ctl);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    testing::InitGoogleTest(&argc, argv);
+    // As the player's threads do.
+    struct sched_param priority = {};
+    priority.sched_priority = 50;
+    sched_setscheduler(0, SCHED_RR, &priority);
+    setenv("HDMIPLAYER_ALSA_SPEAKER", "hw:Speaker,0", 1);
+    setenv("HDMIPLAYER_ALSA_HDMI_IN", "hw:Cable,1", 1);
+    return RUN_ALL_TESTS();
+}
