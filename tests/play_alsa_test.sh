@@ -97,6 +97,22 @@ passes foreign --seconds 3 "${captured[@]}" "${played[@]}"
 grep -q 'A/V offset' "$folder/foreign.txt" && fail "an offset to a source that is not known"
 grep -q 'Lip sync not measured' "$folder/foreign.txt" || fail "the report does not tell that lip sync was not measured"
 
+# A source that goes on compressed is announced anew.
+if command -v ffmpeg >/dev/null; then
+    {
+        sleep 2
+        ffmpeg -v error -f lavfi -i anoisesrc=duration=4:sample_rate=48000 -ac 2 -c:a ac3 -f spdif - </dev/null |
+            ffmpeg -v error -f s16le -ar 48000 -ac 2 -i - -c:a pcm_s16le -f alsa cable
+    } &
+    run changing --seconds 5 "${captured[@]}" "${played[@]}"
+    wait $!
+    [ "$status" -le 1 ] && grep -q 'announced HEADDONE_PCM_48=1' "$folder/changing.txt" &&
+        grep -q 'announced HEADDONE_COMP_48=1' "$folder/changing.txt" ||
+        { cat "$folder/changing.txt"; fail "a source that becomes compressed: exit status $status"; }
+else
+    echo "No ffmpeg here: no source that changes its format."
+fi
+
 # The measurement still tells a lost block, and sound and picture that do not belong together.
 misses lost 'samples complete and in place' --seconds 4 "${sent[@]}" "${heard[@]}" --withhold-block
 misses late 'A/V offset p95' --seconds 4 "${sent[@]}" "${heard[@]}" --display-latency 160

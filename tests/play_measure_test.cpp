@@ -353,6 +353,12 @@ TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
     SampleCheck check = check_samples(recording, programme, matches, {end});
     EXPECT_EQ(check.mismatches, 2);
     EXPECT_EQ(check.first_mismatch, 5);
+    // Of a capture whose end is not known, no more than up to the last match.
+    EXPECT_EQ(check_samples(recording, programme, matches, {-1}).mismatches, 1);
+    // A device in software may have changed them, but not lost a block.
+    EXPECT_TRUE(check_samples(recording, programme, matches, {end, false}).passed());
+    matches.push_back({48000 + 24000, 48000 - 1234 + 24000 - 960});
+    EXPECT_FALSE(check_samples(recording, programme, matches, {-1, false}).passed());
 }
 
 TEST_F(PlayMeasure, ALostBlockIsNoticedAtEveryRate)

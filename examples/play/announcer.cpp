@@ -55,11 +55,13 @@ bool Announcer::start(std::string* error)
     if (!driver_announces()) {
         int rate = control_rate();
         listen(rate > 0 ? rate : default_rate);
-        m_announced = derive_state({}, evidence());
+        note(derive_state({}, evidence()));
         if (!hdmi_sim::write_state_file(state_text(m_announced))) {
             *error = "cannot announce the source";
             return false;
         }
+    } else {
+        note(state_of_driver());
     }
     tap_capture(this);
     m_thread = std::thread(&Announcer::follow, this);
@@ -126,21 +128,31 @@ int Announcer::control_rate() const
     return -1;
 }
 
+void Announcer::note(const LinkState& state)
+{
+    m_announced = state;
+    m_history.push_back({hdmi_sim::now_ns(), state_text(state)});
+}
+
+/// A source that is not what was announced is the receiver's fault, or the source's: not one that a player can mend.
+void Announcer::compare(const LinkEvidence& found)
+{
+    std::string message = m_rates.look(m_announced, found);
+    if (message.empty())
+        return;
+    std::fprintf(stderr, "hdmi-player-play: %s\n", message.c_str());
+    m_messages.push_back(message);
+}
+
 void Announcer::follow()
 {
     pthread_setname_np(pthread_self(), "announcer");
     while (!m_stop) {
         LinkEvidence found = evidence();
-        if (driver_announces())
-            m_announced = state_of_driver();
-        std::string message = m_rates.look(m_announced, found);
-        if (!message.empty())
-            std::fprintf(stderr, "hdmi-player-play: %s\n", message.c_str());
-        if (!driver_announces()) {
-            LinkState next = derive_state(m_announced, found);
-            if (next != m_announced && hdmi_sim::announce(state_text(next)))
-                m_announced = next;
-        }
+        LinkState next = driver_announces() ? state_of_driver() : derive_state(m_announced, found);
+        compare(found);
+        if (next != m_announced && (driver_announces() || hdmi_sim::announce(state_text(next))))
+            note(next);
         usleep(look_again_us);
     }
 }

@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "alsa_pcm.h"
 #include "platform_router.h"
 #include "signal_watch.h"
+#include "source_link.h"
 
 namespace play
 {
@@ -33,6 +35,10 @@ public:
     bool start(std::string* error);
     void stop();
 
+    // After stop():
+    const std::vector<Announcement>& announced() const { return m_history; }
+    const std::vector<std::string>& rate_messages() const { return m_messages; }
+
 private:
     void opened(const audio_config_t&) override { m_watch.restart_pace(); }
     void captured(const uint8_t* data, int bytes, int64_t now_ns) override;
@@ -41,11 +47,15 @@ private:
     LinkEvidence evidence() const;
     int control_rate() const;
     void follow();
+    void note(const LinkState& state);
+    void compare(const LinkEvidence& found);
 
     const std::string m_device;
     AlsaPlace m_place;
     LinkState m_announced;
     RateWatch m_rates;
+    std::vector<Announcement> m_history;
+    std::vector<std::string> m_messages;
     SignalWatch m_watch; ///< of who captures: first start(), then the player's thread
     std::atomic<Content> m_content{Content::unknown};
     std::atomic<int> m_frames_per_sample{1};

@@ -250,7 +250,8 @@ int64_t samples_until(Coding coding, int64_t link_frames)
 /// Samples from @p sample to the first burst that begins with it or later.
 int64_t samples_to_burst(int64_t sample) { return ((-sample) % burst_samples + burst_samples) % burst_samples; }
 
-void compare_all(const Recording& recording, const Source& source, SampleCheck* check)
+/// Frames that were written before number @p end, with the source's.
+void compare_until(int64_t end, const Recording& recording, const Source& source, SampleCheck* check)
 {
     std::vector<int16_t> played(2 * chunk_frames);
     std::vector<int16_t> sent(2 * chunk_frames);
@@ -261,8 +262,8 @@ void compare_all(const Recording& recording, const Source& source, SampleCheck* 
             recording.read(block.first_frame + done, played.data(), frames);
             source.audio(next, sent.data(), static_cast<int>(frames));
             int64_t before = recording.written_before(block.first_frame) + done;
-            for (int64_t i = std::clamp<int64_t>(check->earlier + check->settling - before, 0, frames); i < frames;
-                 i++) {
+            int64_t compared = std::clamp<int64_t>(end - before, 0, frames);
+            for (int64_t i = std::max<int64_t>(check->earlier + check->settling - before, 0); i < compared; i++) {
                 bool equal = played[2 * i] == sent[2 * i] && played[2 * i + 1] == sent[2 * i + 1];
                 if (!equal && check->first_mismatch < 0)
                     check->first_mismatch = before + i;
@@ -336,7 +337,9 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
         check.worst_place = std::max(check.worst_place, std::abs(played(match) - belongs));
     }
     if (check.exact)
-        compare_all(recording, source, &check);
+        // What comes after the last match may come from behind the source's end.
+        compare_until(path.captured_end < 0 ? check.earlier + check.out : recording.written(), recording, source,
+                      &check);
     return check;
 }
 

@@ -4,6 +4,7 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace play
 {
@@ -91,7 +92,8 @@ int64_t Recording::end_ns(size_t block) const
 bool Recording::pause_before(size_t block) const
 {
     constexpr int64_t jitter_ns = 1'000'000;
-    return block > 0 && m_blocks[block].heard_ns - end_ns(block - 1) > jitter_ns;
+    // Of what a device had queued when it was closed, the end was not heard: then it begins before that end.
+    return block > 0 && std::abs(m_blocks[block].heard_ns - end_ns(block - 1)) > jitter_ns;
 }
 
 int64_t Recording::last_opening() const

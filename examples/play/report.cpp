@@ -109,6 +109,19 @@ const char* arc_name(hdmi_linux::ArcState state)
     return "idle";
 }
 
+void print_recoveries(const Result& result)
+{
+    for (const Recovery& recovery : result.recoveries) {
+        const Disturbance& disturbance = recovery.disturbance;
+        std::printf("  %-9s %s at %.2f s, sound ", recovery.device.c_str(), disturbance_name(disturbance.kind),
+                    static_cast<double>(disturbance.at_ns - result.opened_ns) / 1e9);
+        if (recovery.sound_back_ns < 0)
+            std::printf("did not come back\n");
+        else
+            std::printf("back after %.0f ms\n", static_cast<double>(recovery.sound_back_ns - disturbance.at_ns) / 1e6);
+    }
+}
+
 /// Devices of the machine, and whose word the times are.
 void print_edges(const Result& result)
 {
@@ -118,6 +131,11 @@ void print_edges(const Result& result)
     std::printf("\nReal devices\n");
     if (!options.capture.empty())
         std::printf("  capture   alsa:%s\n", options.capture.c_str());
+    for (const Announcement& announcement : result.stage.link.announced)
+        std::printf("  announced %s at %.2f s\n", announcement.state.c_str(),
+                    static_cast<double>(announcement.at_ns - result.opened_ns) / 1e9);
+    for (const std::string& message : result.stage.link.rate_messages)
+        std::printf("  but       %s\n", message.c_str());
     if (!options.cec.empty())
         std::printf("  CEC       %s: audio return channel %s\n", options.cec.c_str(), arc_name(result.stage.cec.arc));
     if (!options.feed.empty())
@@ -130,16 +148,7 @@ void print_edges(const Result& result)
                     result.stage.sound.drift_ppm);
     else if (!options.playback.empty())
         std::printf("  heard     when the playback device itself says so: what lies behind it is not in the figures\n");
-    for (const Recovery& recovery : result.recoveries) {
-        double at_s = static_cast<double>(recovery.disturbance.at_ns - result.opened_ns) / 1e9;
-        double back_ms = static_cast<double>(recovery.sound_back_ns - recovery.disturbance.at_ns) / 1e6;
-        std::printf("  %-9s %s at %.2f s, sound ", recovery.device.c_str(), disturbance_name(recovery.disturbance.kind),
-                    at_s);
-        if (recovery.sound_back_ns < 0)
-            std::printf("did not come back\n");
-        else
-            std::printf("back after %.0f ms\n", back_ms);
-    }
+    print_recoveries(result);
 }
 
 void print_link(const Result& result)
@@ -297,6 +306,12 @@ json link_json(const Result& result)
                  {"chunk_phase", result.stage.link.chunk_phase},
                  {"breaks", result.stage.link.breaks},
                  {"drift_ppm", result.stage.link.drift_ppm}};
+    json announced = json::array();
+    for (const Announcement& announcement : result.stage.link.announced)
+        announced.push_back({{"at_s", static_cast<double>(announcement.at_ns - result.opened_ns) / 1e9},
+                             {"state", announcement.state}});
+    link["announced"] = announced;
+    link["rate_messages"] = result.stage.link.rate_messages;
     if (result.options.raw)
         link["raw"] = {{"frames", result.raw.frames},
                        {"bursts", result.raw.bursts},

@@ -46,7 +46,8 @@ public:
     bool connect(std::string* error) override
     {
         bool compressed = m_source->coding() != Coding::pcm;
-        if (!hdmi_sim::write_state_file(hdmi_sim::announce_text(compressed, m_source->audio_rate()))) {
+        m_connected_ns = hdmi_sim::now_ns();
+        if (!hdmi_sim::write_state_file(announcement())) {
             *error = "cannot announce the source";
             return false;
         }
@@ -75,13 +76,20 @@ public:
         account.chunk_phase = m_chunk_phase;
         account.captured_end = receiver.end_read_frame;
         account.overruns = receiver.overruns;
+        account.announced = {{m_connected_ns, announcement()}};
         account.drift_ppm = m_signal.clock_error_ppm;
         return account;
     }
 
 private:
+    std::string announcement() const
+    {
+        return hdmi_sim::announce_text(m_source->coding() != Coding::pcm, m_source->audio_rate());
+    }
+
     const Source* m_source;
     int m_chunk_phase;
+    int64_t m_connected_ns = 0;
     hdmi_sim::Signal m_signal;
     std::atomic<bool> m_opened{false}; ///< the capture device
 };
@@ -144,6 +152,8 @@ public:
         account.overruns = real_capture_stats().xruns;
         account.breaks = m_feed ? m_feed->breaks() : 0;
         account.drift_ppm = m_feed ? m_feed->track()->drift_ppm() : 0;
+        account.announced = m_announcer.announced();
+        account.rate_messages = m_announcer.rate_messages();
         return account;
     }
 

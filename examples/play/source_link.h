@@ -9,12 +9,19 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "options.h"
 #include "source.h"
 
 namespace play
 {
+
+/// A state that the player could read or was told of.
+struct Announcement {
+    int64_t at_ns;
+    std::string state;
+};
 
 /// What happened at the receiver.
 struct LinkAccount {
@@ -23,6 +30,8 @@ struct LinkAccount {
     int64_t overruns = 0;
     int64_t breaks = 0;   ///< times that the source's own device ran dry or went away
     double drift_ppm = 0; ///< of the source's clock against CLOCK_MONOTONIC
+    std::vector<Announcement> announced;
+    std::vector<std::string> rate_messages; ///< about a source that is not at the announced rate
 };
 
 /// Raw pass-through.
