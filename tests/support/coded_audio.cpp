@@ -48,15 +48,11 @@ Bytes dependent_frame()
             frame[at / 8] |= static_cast<uint8_t>((value >> (bits - 1) & 1) << (7 - at % 8));
     };
     put(16, 0x0B77);
-    put(2, 1); // dependent
-    put(3, 0);
+    put(5, 8); // dependent, of the first program
     put(11, static_cast<unsigned>(frame.size() / 2 - 1));
-    put(4, 3);        // 48 kHz, six blocks
-    put(4, 12);       // four channels, none for effects
-    put(5, 16);       // E-AC-3
-    put(6, 62);       // dialogue level, nothing to compress
-    put(17, 0x11A00); // the channels: Ls, Rs, and the pair behind them
-    put(3, 0);
+    put(8, 3 << 4 | 6 << 1);    // 48 kHz, six blocks; four channels, none for effects
+    put(11, 16 << 6 | 31 << 1); // E-AC-3; dialogue level, nothing to compress
+    put(20, 0x11A00 << 3);      // which channels: Ls, Rs and the pair behind them; nothing more
     // Of the frame: nothing but exponents in the first block, reused in the others, and the lowest ratio to noise.
     put(12 + 6 + 4 * 5 + 10 + 1, 0);
     // Of the first block: no dynamic range, no extension, the bandwidths.
