@@ -78,6 +78,11 @@ if [ "${2:-}" != quick ]; then
     refuses --seconds nan
     refuses --wav "$folder/missing/sound.wav"
     refuses --no-such-option
+    refuses --display beamer
+    refuses --display kms:
+    refuses --display sim:/dev/dri/card0
+    run no_card --display kms:/dev/null
+    [ "$status" -eq 3 ] && grep -q '/dev/null' "$folder/no_card.txt" || fail "no card: exit status $status instead of 3"
     refuses --bitstream eac3 --raw
     refuses --bitstream ac3 --chunk-phase 6
 
