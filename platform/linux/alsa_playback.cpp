@@ -285,6 +285,7 @@ int Playback::write(const uint8_t* data, int size)
     const int frame_bytes = config_.channels * kBytesPerSample;
     const int frames = size / frame_bytes;
     int done = 0;
+    progress_ns_ = std::max(progress_ns_, now_ns());
     while (opening_ == opening) {
         mend(guard);
         if (opening_ != opening)

@@ -2,6 +2,7 @@
 #include "sound_devices.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 
 #include "eventually.h"
@@ -43,10 +44,11 @@ Feeder::Feeder(const std::string& pcm, int rate)
                            0, kLatencyUs) < 0)
         throw std::runtime_error("cannot feed " + pcm);
     thread_ = std::thread([this] {
-        for (int64_t sent = 0; !stop_; sent += kBlockFrames) {
+        for (int64_t sent = 0; !stop_;) {
             const snd_pcm_sframes_t result = snd_pcm_writei(pcm_, numbered(sent, kBlockFrames).data(), kBlockFrames);
             if (result < 0 && snd_pcm_recover(pcm_, static_cast<int>(result), 1) < 0)
                 break;
+            sent += std::max<snd_pcm_sframes_t>(result, 0);
         }
     });
 }
@@ -75,6 +77,8 @@ void Recorder::run()
     int16_t block[2 * 480];
     while (!stop_) {
         const snd_pcm_sframes_t frames = snd_pcm_readi(pcm_, block, 480);
+        if (frames == -EPIPE)
+            ++overruns_;
         if (frames < 0 && snd_pcm_recover(pcm_, static_cast<int>(frames), 1) < 0)
             break;
         const std::lock_guard<std::mutex> guard(mutex_);
