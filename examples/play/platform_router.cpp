@@ -154,20 +154,23 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
             {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
-/// By the paths that the program was built with and the system's own, and then beside the program.
+/// Where the program was built, beside the program, or by the system's paths.
 void* load_linux_library(std::string* error)
 {
     // Local: what it exports must not take the place of this program's functions.
     constexpr int mode = RTLD_NOW | RTLD_LOCAL;
-    void* library = dlopen(linux_library, mode);
-    if (library != nullptr)
-        return library;
-    // Of the two, the first says what is wrong with a library that is there.
-    *error = dlerror();
     std::error_code ignored;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
-    std::filesystem::path beside = program.parent_path() / linux_library;
-    return std::filesystem::exists(beside, ignored) ? dlopen(beside.c_str(), mode) : nullptr;
+    for (const std::filesystem::path& path :
+         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / linux_library}) {
+        void* library = std::filesystem::exists(path, ignored) ? dlopen(path.c_str(), mode) : nullptr;
+        if (library != nullptr)
+            return library;
+    }
+    void* library = dlopen(linux_library, mode);
+    if (library == nullptr)
+        *error = dlerror();
+    return library;
 }
 
 } // namespace
