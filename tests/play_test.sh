@@ -77,6 +77,8 @@ if [ "${2:-}" != quick ]; then
     refuses --fps 0
     refuses --seconds nan
     refuses --wav "$folder/missing/sound.wav"
+    refuses --html "$folder/missing/page.html"
+    refuses --html-at 3
     refuses --no-such-option
     refuses --display beamer
     refuses --display kms:

@@ -28,7 +28,7 @@ std::string with_title(const std::string& tag, const std::string& attributes, co
 
 } // namespace
 
-Scale::Scale(double least, double most) : m_least(least), m_most(most)
+Scale::Scale(double least, double most) : m_least(std::min(least, most)), m_most(std::max(least, most))
 {
     if (!std::isfinite(least) || !std::isfinite(most) || std::abs(least) > 1e15 || std::abs(most) > 1e15) {
         m_least = 0;

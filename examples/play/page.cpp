@@ -28,7 +28,9 @@ constexpr int chart_px = 240;
 /// Rows of a histogram; what stayed longer than these is one more.
 constexpr size_t most_bars = 16;
 /// The number stands beside it.
-constexpr double longest_bar = 0.8;
+constexpr double longest_bar = 0.75;
+/// Dots that a chart can show, and rows that anybody reads.
+constexpr size_t most_dots = 1200;
 /// Offsets shown to the scale; those beyond are marked at its edge.
 constexpr double offset_limit_ms = 500;
 constexpr double queue_limit_ms = 5000;
@@ -67,8 +69,10 @@ public:
     {
         const json& value = at(key);
         double shown = play::real(value) * scale;
+        if (!std::isfinite(shown))
+            return number(shown, decimals);
         std::string scaled = scale == 1 ? "" : " data-scale=\"" + plain(scale, 9) + "\"";
-        return "<data value=\"" + escape(value.dump()) + "\" data-key=\"" + key + "\"" + scaled + ">" +
+        return "<data value=\"" + escape(value.dump()) + "\" data-key=\"" + escape(key) + "\"" + scaled + ">" +
                (sign == Sign::always ? signed_number(shown, decimals) : number(shown, decimals)) + "</data>";
     }
 
@@ -104,6 +108,11 @@ std::string label_of(std::string key)
     return escape(key);
 }
 
+bool is_nothing(const json& value)
+{
+    return value.is_null() || value == false || value == 0 || value == "" || (value.is_structured() && value.empty());
+}
+
 std::string text_of(const json& value)
 {
     if (value.is_boolean())
@@ -121,18 +130,30 @@ std::string text_of(const json& value)
     return value.is_null() ? "–" : escape(value.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
-/// A list of objects as a table: its columns are their keys, as they come.
-std::string table_of(const json& list)
+/// A key, in words.
+struct Label {
+    const char* key;
+    const char* text;
+};
+
+/// A list of objects as a table: the columns that are known, and then whatever else the objects have.
+std::string table_of(const json& list, std::initializer_list<Label> known)
 {
-    std::vector<std::string> columns;
+    json all = json::object();
     for (const json& item : list)
         if (item.is_object())
-            for (const auto& entry : item.items())
-                if (std::find(columns.begin(), columns.end(), entry.key()) == columns.end())
-                    columns.push_back(entry.key());
+            all.update(item);
+    std::vector<std::string> columns;
     std::string table = "<table><thead><tr>";
-    for (const std::string& column : columns)
-        table += "<th scope=\"col\">" + label_of(column) + "</th>";
+    auto add_column = [&columns, &table](const std::string& key, const std::string& label) {
+        columns.push_back(key);
+        table += "<th scope=\"col\">" + label + "</th>";
+    };
+    for (const Label& label : known)
+        if (all.erase(label.key) > 0)
+            add_column(label.key, escape(label.text));
+    for (const auto& entry : all.items())
+        add_column(entry.key(), label_of(entry.key()));
     table += "</tr></thead><tbody>\n";
     for (const json& item : list) {
         table += "<tr>";
@@ -146,6 +167,12 @@ std::string table_of(const json& list)
 // --- Head of the page ---------------------------------------------------------
 
 bool raw(const Report& report) { return report.at("/run/raw") == true; }
+
+/// Nothing is known of what the source sent when.
+bool foreign(const Report& report)
+{
+    return report.has("/run/capture") && report.at("/run/capture") != "sim" && is_nothing(report.at("/run/feed"));
+}
 
 std::string verdict_mark(bool passed, const std::string& yes, const std::string& no, const std::string& css)
 {
@@ -169,7 +196,7 @@ std::string heading(const Report& report)
 std::string tiles(const Report& report)
 {
     std::string all = "<dl class=\"tiles\">\n";
-    if (!raw(report)) {
+    if (!raw(report) && !foreign(report)) {
         all += tile("Lip sync, 95 % within", report.data("/offset/p95_ms", 1, Sign::always) + " <small>ms</small>",
                     "+ is sound early") +
                tile("Lip sync, mean", report.data("/offset/mean_ms", 1, Sign::always) + " <small>ms</small>",
@@ -247,11 +274,6 @@ constexpr RunLabel run_labels[] = {
 /// In the programme's description already.
 constexpr const char* file_key = "file";
 
-bool is_nothing(const json& value)
-{
-    return value.is_null() || value == false || value == 0 || value == "" || (value.is_structured() && value.empty());
-}
-
 std::string run_row(const std::string& key, const std::string& label, const json& value)
 {
     return row(label, key == "output" ? output_name(value) : text_of(value));
@@ -275,6 +297,8 @@ std::string run_table(const Report& report)
     }
     for (const auto& entry : rest.items())
         table += run_row(entry.key(), label_of(entry.key()), entry.value());
+    if (report.has("/cec/device") && report.at("/cec/device") != "")
+        table += row("Audio return channel", text_of(report.at("/cec/arc")) + " " + text_of(report.at("/cec/note")));
     return table + "</tbody></table></section>\n";
 }
 
@@ -303,8 +327,13 @@ Chart offset_chart(const Report& report)
     chart.band(r37_late_ms, r37_early_ms, "r37");
     chart.level(r37_early_ms, "limit", "EBU R37 +40 ms", true);
     chart.level(r37_late_ms, "limit", "EBU R37 −60 ms");
+    size_t room = most_dots;
     for (size_t i = 0; i < values.size(); i++) {
         bool inside = values[i] <= r37_early_ms && values[i] >= r37_late_ms;
+        // Of very many, every n-th of the good ones.
+        if ((inside && i % (1 + values.size() / most_dots) != 0) || room == 0)
+            continue;
+        room--;
         chart.dot(times[i], values[i], inside ? "inside" : "outside",
                   "second " + number(times[i], 2) + ": " + signed_number(values[i], 2) + " ms");
     }
@@ -317,14 +346,16 @@ std::string offset_table(const Report& report)
                         "scope=\"col\" class=\"number\">Second of the source</th><th scope=\"col\" class=\"number\">"
                         "Offset, ms</th><th scope=\"col\" class=\"number\">Sound later than sent, ms</th><th "
                         "scope=\"col\" class=\"number\">Picture later than sent, ms</th></tr></thead><tbody>\n";
-    for (size_t i = 0; i < report.at("/offsets").size(); i++) {
+    size_t rows = report.at("/offsets").size();
+    for (size_t i = 0; i < std::min(rows, most_dots); i++) {
         std::string key = "/offsets/" + std::to_string(i);
         table += "<tr><td class=\"number\">" + report.data(key + "/source_s", 2) + "</td><td class=\"number\">" +
                  report.data(key + "/offset_ms", 2, Sign::always) + "</td><td class=\"number\">" +
                  report.data(key + "/sound_latency_ms", 2) + "</td><td class=\"number\">" +
                  report.data(key + "/picture_latency_ms", 2) + "</td></tr>\n";
     }
-    return table + "</tbody></table></details>\n";
+    return table + "</tbody></table>" +
+           (rows > most_dots ? "<p>And so on: " + std::to_string(rows) + " in all.</p>" : "") + "</details>\n";
 }
 
 std::string sync_section(const Report& report)
@@ -332,8 +363,12 @@ std::string sync_section(const Report& report)
     if (raw(report))
         return "<section><h2>Lip sync</h2>\n<p>The sound went past the player, as it came: there is no offset.</p>"
                "</section>\n";
+    if (foreign(report))
+        return "<section><h2>Lip sync</h2>\n<p>Not measured: when the captured source sent what is not known.</p>"
+               "</section>\n";
     std::string caption =
-        "One dot for each of " + report.data("/offset/count") + " instants, of " + report.data("/instants") +
+        std::string(report.at("/offsets").size() > most_dots ? "Dots for some of " : "One dot for each of ") +
+        report.data("/offset/count") + " instants, of " + report.data("/instants") +
         " that the source has there. Above zero the sound comes before its picture. ITU-R BT.1359: " +
         report.data("/offset/bt1359/undetectable") + " undetectable, " + report.data("/offset/bt1359/acceptable") +
         " detectable yet acceptable, " + report.data("/offset/bt1359/unacceptable") + " unacceptable.";
@@ -562,9 +597,19 @@ std::string timeline_section(const Page& page)
 std::string recoveries_section(const Report& report)
 {
     const json& recoveries = report.at("/recoveries");
-    if (!recoveries.is_array() || recoveries.empty())
-        return "";
-    return "<section id=\"recoveries\"><h2>Recoveries</h2>\n" + table_of(recoveries) + "</section>\n";
+    const json& outages = report.at("/pictures/outages");
+    std::string tables;
+    if (recoveries.is_array() && !recoveries.empty())
+        tables += "<h3>Sound devices</h3>\n" + table_of(recoveries, {{"at_s", "Seconds after opening"},
+                                                                     {"device", "Device"},
+                                                                     {"kind", "What happened"},
+                                                                     {"device_back_ms", "Device back after, ms"},
+                                                                     {"sound_back_ms", "Sound back after, ms"}});
+    if (outages.is_array() && !outages.empty())
+        tables += "<h3>Display</h3>\n" + table_of(outages, {{"at_s", "Seconds after opening"},
+                                                            {"reason", "What happened"},
+                                                            {"lasted_s", "Back after, s"}});
+    return tables.empty() ? "" : "<section id=\"recoveries\"><h2>Recoveries</h2>\n" + tables + "</section>\n";
 }
 
 std::string machine_section(const Report& report)
@@ -575,7 +620,7 @@ std::string machine_section(const Report& report)
     std::sort(threads.rbegin(), threads.rend());
     std::string list = "<section><h2>Processor time by thread</h2>\n<dl class=\"bars\">\n";
     for (const auto& [share, name] : threads) {
-        std::string key = escape((json::json_pointer("/cpu_by_thread") / name).to_string());
+        std::string key = (json::json_pointer("/cpu_by_thread") / name).to_string();
         double length = threads.front().first > 0 ? longest_bar * share / threads.front().first : 0;
         list += "<dt>" + escape(name) + "</dt><dd><i style=\"width:" + percent(length) + "\"></i><span>" +
                 report.data(key, 2, Sign::minus_only, 100) + " %</span></dd>\n";

@@ -118,7 +118,7 @@ line.meeting { stroke: var(--quiet); stroke-width: 2; } .seen { fill: var(--oran
 .bars { display: grid; grid-template-columns: max-content minmax(0, 1fr); gap: .3rem .75rem; align-items: center;
   font-size: .9rem; font-variant-numeric: tabular-nums; margin: 0; }
 .bars dt { color: var(--quiet); text-align: right; }
-.bars dd { margin: 0; display: flex; align-items: center; gap: .5rem; min-width: 0; }
+.bars dd { margin: 0; white-space: nowrap; display: flex; align-items: center; gap: .5rem; min-width: 0; }
 .bars i { flex: none; height: 1.05rem; min-width: 2px; border-radius: 2px; background: var(--blue); }
 .bars .odd-one i { background: var(--bad); }
 details { margin-top: .5rem; } summary { cursor: pointer; color: var(--quiet); }

@@ -91,7 +91,7 @@ void Rows::box(double from_s, double to_s, const std::string& css, const std::st
 
 void Rows::vblanks()
 {
-    begin("Vertical blanks", "", m_timeline.vblanks_s.size(), ticks_px);
+    begin("Vertical blanks", "as the display told of them", m_timeline.vblanks_s.size(), ticks_px);
     for (size_t i = 0; i < m_timeline.vblanks_s.size(); i++) {
         double at_s = m_timeline.vblanks_s[i];
         std::string since =

@@ -198,6 +198,7 @@ std::vector<PictureView> view_pictures(const std::vector<Sighting>& sightings, c
 std::vector<StayBin> view_stays(const std::vector<PictureView>& pictures, const TraceScope& scope)
 {
     constexpr double most_bins = 16;
+    constexpr double rounding = 1e-6; // what stayed for a bin's very beginning belongs there
     std::vector<double> stays_ms;
     for (const PictureView& picture : pictures)
         if (picture.from_s >= scope.settled_s && picture.to_s > picture.from_s && picture.to_s < scope.end_s)
@@ -214,7 +215,7 @@ std::vector<StayBin> view_stays(const std::vector<PictureView>& pictures, const 
     std::map<int64_t, int64_t> counts;
     auto last_bin = static_cast<int64_t>(most_bins);
     for (double stay_ms : stays_ms)
-        counts[std::min(static_cast<int64_t>(stay_ms / width_ms), last_bin)]++;
+        counts[std::min(static_cast<int64_t>(stay_ms / width_ms + rounding), last_bin)]++;
     std::vector<StayBin> bins;
     for (auto [bin, count] : counts) {
         double from_ms = static_cast<double>(bin) * width_ms;
