@@ -139,7 +139,7 @@ footer { margin-top: 2.5rem; border-top: 1px solid var(--rule); padding-top: .75
   section { margin-top: 1.2rem; }
   h2, h3 { break-after: avoid; }
   tr, .tiles > div { break-inside: avoid; }
-  .wide { overflow: visible; border: 0; padding: 0; } .wide .area { min-width: 0; }
+  .wide { overflow: visible; border: 0; padding: 0 12px; } .wide .area { min-width: 0; }
   details { display: none; }
 }
 )css";
