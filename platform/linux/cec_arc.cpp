@@ -90,8 +90,6 @@ void TvSide::close(int64_t now)
         return;
     wanted_ = false;
     was_active_ = phase_ == Phase::active;
-    deferred_.reset();
-    inquiry_deadline_ = kNever;
     outbox_.clear();
     // What was asked for may still be granted: taken back as well.
     if (phase_ != Phase::requesting && phase_ != Phase::confirming && phase_ != Phase::active) {

@@ -214,8 +214,7 @@ int CecLink::start(const std::string& device, const std::string& source, bool lo
         stats_ = CecStats();
         log_.clear();
     }
-    const int result = take_adapter(device, source);
-    if (result != 0)
+    if (const int result = take_adapter(device, source); result != 0)
         return result;
     wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     int error = wake_ < 0 ? errno : 0;
@@ -307,12 +306,13 @@ int CecLink::take_adapter(const std::string& device, const std::string& source)
     }
     if (best != Fitness::unfit) {
         error = open_adapter();
+        if (error == 0)
+            return 0;
         refused = cannot_open(path_, source, error);
     } else if (refused.empty()) {
         refused = device.empty() ? "no CEC adapter of a TV" : named(device, source) + " is no CEC adapter of a TV";
     }
-    if (error != 0)
-        say(refused + "; the audio return channel stays closed", true);
+    say(refused + "; the audio return channel stays closed", true);
     return -error;
 }
 
@@ -330,8 +330,7 @@ int CecLink::open_adapter()
         return 0;
     }
     const int error = errno;
-    system_->close(fd_);
-    fd_ = -1;
+    give_back_adapter();
     return error;
 }
 
