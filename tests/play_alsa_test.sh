@@ -4,38 +4,16 @@
 # played into one is heard at its monitor, what is sent into another one is captured there. 77 without that server, and
 # if the program is not permitted to run.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/support/sound_server.sh"
 
 program=$1
 command -v pulseaudio >/dev/null || { echo "No pulseaudio here."; exit 77; }
 folder=$(mktemp -d)
-server=
-trap '[ -z "$server" ] || { kill "$server"; wait "$server"; } 2>/dev/null || true; rm -rf "$folder"' EXIT
+sound_server=
+trap '[ -z "$sound_server" ] || { kill "$sound_server"; wait "$sound_server"; } 2>/dev/null || true; rm -rf "$folder"' EXIT
 failures=$folder/failures
 
 fail() { echo "FAIL: $*" | tee -a "$failures"; }
-
-# Two sinks: the cable from the source to the player, and the room in which the player is heard.
-serve() {
-    local sink
-    export HOME=$folder XDG_RUNTIME_DIR=$folder ALSA_CONFIG_PATH=$folder/asound.conf
-    unset DBUS_SESSION_BUS_ADDRESS PULSE_SERVER DISPLAY
-    echo "</usr/share/alsa/alsa.conf>" >"$ALSA_CONFIG_PATH"
-    for sink in cable room; do
-        echo "pcm.${sink} { type pulse server \"unix:$folder/native\" device $sink }"
-        echo "pcm.${sink}_end { type pulse server \"unix:$folder/native\" device $sink.monitor }"
-    done >>"$ALSA_CONFIG_PATH"
-    # Without rewinds a sink mixes 50 ms ahead at most, and with the priority of sound it does so in time.
-    pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --disable-shm=yes \
-        -L "module-native-protocol-unix auth-anonymous=1 socket=$folder/native" \
-        -L "module-null-sink norewinds=1 rate=48000 channels=2 sink_name=cable" \
-        -L "module-null-sink norewinds=1 rate=48000 channels=2 sink_name=room" >"$folder/server.txt" 2>&1 &
-    server=$!
-    for _ in $(seq 200); do
-        [ -S "$folder/native" ] && break
-        sleep 0.05
-    done
-    chrt --all-tasks --rr --pid 10 "$server" 2>/dev/null || true
-}
 
 # run NAME ARGUMENT...: the exit status in $status, the output in NAME.txt and the report in NAME.json.
 run() {
@@ -75,7 +53,8 @@ refuses() {
     [ "$(wc -l <"$folder/refused.txt")" -eq 1 ] || fail "$*: not one line: $(cat "$folder/refused.txt")"
 }
 
-serve
+# The cable from the source to the player, and the room in which the player is heard.
+serve_sound "$folder" cable room
 run start --seconds 2 --playback alsa:room
 if [ "$status" -eq 3 ]; then
     cat "$folder/start.txt"

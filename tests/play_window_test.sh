@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # play_window_test.sh PROGRAM: a film in a window of a desktop that nobody sees: what it shows is the film, in its
-# colours and in its order, with every picture told from the others. 77 without Xvfb or ffmpeg, and if the program
+# colours and in its order, with every picture told from the others, and its sound comes out of an ALSA device (where
+# there is a sound server to offer one). 77 without Xvfb or ffmpeg, and if the program
 # was built without windows or is not permitted to run.
 set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/support/sound_server.sh"
 
 program=$1
 for tool in Xvfb ffmpeg; do
@@ -11,7 +13,8 @@ for tool in Xvfb ffmpeg; do
 done
 folder=$(mktemp -d)
 server=
-trap '[ -z "$server" ] || kill "$server"; rm -rf "$folder"' EXIT
+sound_server=
+trap 'kill $server $sound_server 2>/dev/null || true; wait; rm -rf "$folder"' EXIT
 
 fail() {
     echo "FAIL: $*"
@@ -52,8 +55,13 @@ ffmpeg -v error -f lavfi -i "color=0xD02010:size=320x180:rate=25:duration=4" \
     -f lavfi -i "color=0x1020D0:size=320x180:rate=25:duration=3" -f lavfi -i "anoisesrc=duration=7" \
     -filter_complex '[0][1]concat' -c:v libx264 -pix_fmt yuv420p -c:a aac "$folder/film.mp4" </dev/null
 
+sound=()
+if command -v pulseaudio >/dev/null; then
+    serve_sound "$folder" room
+    sound=(--playback alsa:room --observe alsa:room_end)
+fi
 DISPLAY=:$display SDL_VIDEODRIVER=x11 timeout --kill-after 5 60 "$program" "$folder/film.mp4" --display window \
-    --display-latency 76 --report "$folder/report.json" >"$folder/out.txt" 2>&1 &
+    --display-latency 76 "${sound[@]}" --report "$folder/report.json" >"$folder/out.txt" 2>&1 &
 player=$!
 sleep 0.5
 if ! kill -0 "$player" 2>/dev/null; then
@@ -72,4 +80,7 @@ grep -q '"display": "window (x11' "$folder/report.json" || fail "the report does
 grep -q '"closes": true' "$folder/report.json" || fail "the frame account does not close"
 grep -q '"unreadable": 0' "$folder/report.json" || fail "there were pictures without a number"
 grep -qE '"pictures": [1-9][0-9]' "$folder/report.json" || fail "the report tells of no pictures"
+if [ ${#sound[@]} -gt 0 ]; then
+    grep -qE '"out": [1-9][0-9]{4}' "$folder/report.json" || fail "no sound was heard"
+fi
 echo "All as expected."
