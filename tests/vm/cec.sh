@@ -3,7 +3,7 @@
 # The audio return channel between the kernel's two CEC adapters: the Linux platform is the TV at one end of the cable,
 # cec-follower the audio system at the other. Opening, cec-compliance's tests of the TV's role, cables that are pulled,
 # closing.
-# Limit: 240 s
+# Limit: 300 s
 source "$PROJECT/tests/vm/lib.sh"
 
 tv=/dev/cec0
@@ -11,7 +11,7 @@ audio_system=/dev/cec1
 input=/dev/video0
 output=/dev/video1
 replugs=20
-seconds_to_open=8 # an emulated machine; the exchange itself takes some 0.6 s
+seconds_to_open=8 # of an emulated machine: claiming an address alone takes some 340 ms, the exchange 600
 told=$OUT/cec-probe.log
 
 # How often the channel was opened so far, and what it is now.
@@ -68,7 +68,7 @@ follower=$!
 
 start_probe ""
 check "the channel is opened" wait_for "$seconds_to_open" is active || cat "$told"
-compare "vendor_hdmi_cec_init takes" "$(sed -n 's/.*init 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 100000 us
+compare "vendor_hdmi_cec_init takes" "$(sed -n 's/.*init 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 250000 us
 compare "vendor_hdmi_cec_open_arc takes" "$(sed -n 's/.*open_arc 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 20000 us
 check "cec-compliance: the TV's role in ARC" cec-compliance -d "$audio_system" -r0 \
     --test-audio-return-channel-control
