@@ -55,8 +55,14 @@ const drmModeModeInfo* choose_mode(const std::vector<drmModeModeInfo>& modes, st
         *error = "has no mode";
         return nullptr;
     }
-    auto is_preferred = [](const drmModeModeInfo& mode) { return (mode.type & DRM_MODE_TYPE_PREFERRED) != 0; };
-    auto preferred = std::find_if(modes.begin(), modes.end(), is_preferred);
+    auto of_type = [&modes](uint32_t type) {
+        return std::find_if(modes.begin(), modes.end(),
+                            [type](const drmModeModeInfo& mode) { return (mode.type & type) != 0; });
+    };
+    // What the administrator asked for (video= on the kernel's command line) goes before what the display does.
+    auto preferred = of_type(DRM_MODE_TYPE_USERDEF);
+    if (preferred == modes.end())
+        preferred = of_type(DRM_MODE_TYPE_PREFERRED);
     const drmModeModeInfo& favourite = preferred != modes.end() ? *preferred : modes.front();
     auto fits = [wanted_hz](const drmModeModeInfo& mode) {
         double hz = refresh_hz(mode);

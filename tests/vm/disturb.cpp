@@ -1,0 +1,568 @@
+// SPDX-License-Identifier: MIT
+// disturb ROUNDS SEED REPORT: plays from a loopback card to another, pictures on a KMS display, and takes the devices
+// away and gives them back, in random order, each as often as ROUNDS says. After each time sound and picture must be
+// back; at the end nothing may have leaked. Runs in the virtual machine, as root: the devices are the kernel's own.
+#include <alsa/asoundlib.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "display.h"
+#include "hdmi_linux.h"
+#include "hdmi_sim.h"
+#include "host.h"
+#include "realtime.h"
+
+namespace
+{
+
+constexpr int64_t ms = 1'000'000;
+constexpr int priority = 20;
+/// Both must have been there without a break for that long before the next disturbance.
+constexpr int64_t steady_ns = 300 * ms;
+/// What is queued plays on after a device went away: a break may show that late.
+constexpr int64_t break_shows_ns = 400 * ms;
+/// Many times what it takes, for processors that are emulated and shared; how long it took is in the report.
+constexpr int64_t recovery_limit_ns = 15000 * ms;
+/// Unplugging ends when everybody has let go of the device.
+constexpr int64_t action_limit_ns = 5000 * ms;
+constexpr int64_t start_limit_ns = 15000 * ms;
+/// A few refreshes without a new picture are the emulated processors' affair.
+constexpr int64_t longest_still_ns = 150 * ms;
+/// So is a gap in the sound that nobody would call an interruption: an underrun.
+constexpr int64_t longest_gap_ns = 100 * ms;
+constexpr int output_rate = 48000;
+constexpr int ear_window = output_rate / 100;
+constexpr int loud = 1000;
+/// After so many disturbances every part has run once, and what is kept for good is there.
+constexpr size_t warm_up = 15;
+constexpr long heap_slack = 256 * 1024;
+constexpr std::array<int, 3> source_rates = {32000, 44100, 48000};
+constexpr const char* state_file = "/sys/class/extcon/hdmirx_aud/state";
+
+int64_t now_ns() { return hdmi_sim::now_ns(); }
+void sleep_ns(int64_t ns) { std::this_thread::sleep_for(std::chrono::nanoseconds(ns)); }
+
+bool write_to(const std::string& path, const std::string& text)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    bool written = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (!written)
+        std::fprintf(stderr, "%s: %s\n", path.c_str(), std::strerror(errno));
+    if (fd >= 0)
+        close(fd);
+    return written;
+}
+
+struct PcmCloser {
+    void operator()(snd_pcm_t* pcm) const { snd_pcm_close(pcm); }
+};
+using Pcm = std::unique_ptr<snd_pcm_t, PcmCloser>;
+
+Pcm open_pcm(const char* name, snd_pcm_stream_t direction, int rate)
+{
+    constexpr unsigned int latency_us = 60'000;
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, name, direction, SND_PCM_NONBLOCK) < 0)
+        return nullptr;
+    Pcm opened(pcm);
+    if (snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2,
+                           static_cast<unsigned int>(rate), 0, latency_us) < 0)
+        return nullptr;
+    return opened;
+}
+
+/// Something that lasts, with breaks: since when it has.
+class Lasting
+{
+public:
+    explicit Lasting(int64_t longest_pause_ns) : m_longest_pause_ns(longest_pause_ns) {}
+
+    /// From one thread.
+    void is_there()
+    {
+        if (since_ns() < 0)
+            m_since_ns = now_ns();
+        m_last_ns = now_ns();
+    }
+    /// -1: it is not there.
+    int64_t since_ns() const { return now_ns() - m_last_ns <= m_longest_pause_ns ? m_since_ns.load() : -1; }
+
+private:
+    const int64_t m_longest_pause_ns;
+    std::atomic<int64_t> m_since_ns{-1};
+    std::atomic<int64_t> m_last_ns{INT64_MIN / 2};
+};
+
+/// The source's sound: a tone into the HDMI cable. It waits for nobody, and comes back with its device.
+class Feed
+{
+public:
+    explicit Feed(int rate) : m_rate(rate), m_thread(&Feed::run, this) {}
+    ~Feed()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+    /// Goes on at another rate, which the receiver's driver announces, as it does on a television.
+    bool change_rate(int rate)
+    {
+        m_rate = 0;
+        while (m_open)
+            sleep_ns(ms);
+        bool announced = announce(rate);
+        m_rate = rate;
+        return announced;
+    }
+    static bool announce(int rate)
+    {
+        return write_to(state_file, "HEADDONE_PCM_" + std::to_string(rate / 1000) + "=1");
+    }
+
+private:
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "feed");
+        while (!m_stop) {
+            int rate = m_rate;
+            Pcm pcm = rate > 0 ? open_pcm("hw:Cable,0", SND_PCM_STREAM_PLAYBACK, rate) : nullptr;
+            m_open = pcm != nullptr;
+            while (pcm && !m_stop && m_rate == rate && send(pcm.get(), rate)) {
+            }
+            pcm.reset();
+            m_open = false;
+            sleep_ns(10 * ms);
+        }
+    }
+    bool send(snd_pcm_t* pcm, int rate)
+    {
+        constexpr double tone_hz = 1000;
+        constexpr double amplitude = 10'000;
+        std::array<int16_t, 2 * 256> words;
+        for (size_t i = 0; i < words.size(); i += 2)
+            words[i] = words[i + 1] = static_cast<int16_t>(
+                amplitude * std::sin(2 * M_PI * tone_hz * static_cast<double>(m_sent + i / 2) / rate));
+        m_sent += words.size() / 2;
+        if (snd_pcm_wait(pcm, 100) < 0)
+            return snd_pcm_recover(pcm, -EPIPE, 1) == 0;
+        snd_pcm_sframes_t written = snd_pcm_writei(pcm, words.data(), words.size() / 2);
+        return written >= 0 || written == -EAGAIN || snd_pcm_recover(pcm, static_cast<int>(written), 1) == 0;
+    }
+
+    std::atomic<int> m_rate;
+    std::atomic<bool> m_open{false};
+    std::atomic<bool> m_stop{false};
+    size_t m_sent = 0;
+    std::thread m_thread;
+};
+
+/// Listens at the loudspeaker.
+class Ear
+{
+public:
+    Ear() : m_thread(&Ear::run, this) {}
+    ~Ear()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+    const Lasting& sound() const { return m_sound; }
+
+private:
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "ear");
+        while (!m_stop) {
+            Pcm pcm = open_pcm("hw:Speaker,1", SND_PCM_STREAM_CAPTURE, output_rate);
+            if (pcm)
+                snd_pcm_start(pcm.get());
+            while (pcm && !m_stop && listen(pcm.get())) {
+            }
+            pcm.reset();
+            sleep_ns(10 * ms);
+        }
+    }
+    bool listen(snd_pcm_t* pcm)
+    {
+        std::array<int16_t, 2 * ear_window> words;
+        if (snd_pcm_wait(pcm, 100) == 0)
+            return true;
+        snd_pcm_sframes_t got = snd_pcm_readi(pcm, words.data(), ear_window);
+        if (got == -EAGAIN)
+            return true;
+        if (got < 0)
+            return snd_pcm_recover(pcm, static_cast<int>(got), 1) == 0 && snd_pcm_start(pcm) == 0;
+        int peak = 0;
+        for (snd_pcm_sframes_t i = 0; i < 2 * got; i++)
+            peak = std::max(peak, std::abs(int{words[static_cast<size_t>(i)]}));
+        if (peak >= loud)
+            m_sound.is_there();
+        return true;
+    }
+
+    Lasting m_sound{longest_gap_ns};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+/// Looks at the screen: there is a picture as long as it moves.
+class Eye
+{
+public:
+    explicit Eye(const play::Display& display) : m_display(display), m_thread(&Eye::run, this) {}
+    ~Eye()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+    const Lasting& picture() const { return m_picture; }
+
+private:
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "eye");
+        int64_t shown = 0;
+        while (!m_stop) {
+            play::DisplayStats stats = m_display.stats();
+            if (stats.vblanks - stats.repeated > shown) {
+                shown = stats.vblanks - stats.repeated;
+                m_picture.is_there();
+            }
+            sleep_ns(10 * ms);
+        }
+    }
+
+    const play::Display& m_display;
+    Lasting m_picture{longest_still_ns};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+/// Numbered pictures without end; the sound comes over the cable.
+class Pictures : public play::Source
+{
+public:
+    int audio_rate() const override { return source_rates.back(); }
+    void audio(int64_t, int16_t*, int) const override {}
+    play::Rational fps() const override { return {60, 1}; }
+    bool next_video(play::VideoFrame* frame) override
+    {
+        frame->number = m_next % play::picture_number_limit;
+        frame->source_ns = frame_ns(m_next++);
+        play::fill_field(&frame->picture, play::Picture::black);
+        play::write_number(&frame->picture, frame->number);
+        return true;
+    }
+    int64_t frame_ns(int64_t number) const override { return number * 1'000'000'000 / 60; }
+    std::vector<int64_t> marks() const override { return {}; }
+    int64_t starved() const override { return 0; }
+    std::string description() const override { return "numbered pictures, a tone"; }
+
+private:
+    int64_t m_next = 0;
+};
+
+struct Disturbance {
+    std::string kind;
+    std::function<bool()> down;
+    std::function<bool()> up; ///< none: it comes back by itself
+};
+
+struct Outcome {
+    std::string kind;
+    int64_t held_ns;  ///< without the device
+    int64_t sound_ns; ///< from the device's return; -1: not back in time
+    int64_t picture_ns;
+};
+
+struct Belongings {
+    long threads;
+    long descriptors;
+    long heap; ///< bytes
+};
+
+long count_entries(const char* folder)
+{
+    long count = 0;
+    DIR* entries = opendir(folder);
+    while (entries != nullptr && readdir(entries) != nullptr)
+        count++;
+    if (entries != nullptr)
+        closedir(entries);
+    return count;
+}
+
+/// What the screen remembers of each picture is the measurement's own, and grows.
+Belongings belongings(const play::Screen& screen)
+{
+    size_t seen = screen.sightings().size();
+    size_t kept = 1;
+    while (kept < seen)
+        kept *= 2;
+    struct mallinfo2 heap = mallinfo2();
+    return {count_entries("/proc/self/task"), count_entries("/proc/self/fd"),
+            static_cast<long>(heap.uordblks + heap.hblkhd - kept * sizeof(play::Sighting))};
+}
+
+class Trial
+{
+public:
+    Trial(uint32_t seed, const Lasting& sound, const Lasting& picture)
+        : m_random(seed), m_sound(sound), m_picture(picture)
+    {
+    }
+
+    bool wait_until_steady(int64_t limit_ns)
+    {
+        int64_t end_ns = now_ns() + limit_ns;
+        while (!steady(m_sound) || !steady(m_picture)) {
+            if (now_ns() > end_ns)
+                return false;
+            sleep_ns(5 * ms);
+        }
+        return true;
+    }
+
+    /// @return false if it did not end well: then there is no point in going on
+    bool disturb(const Disturbance& disturbance)
+    {
+        Outcome outcome = {disturbance.kind, 0, -1, -1};
+        if (!in_time(disturbance.kind, disturbance.down))
+            return false;
+        if (disturbance.up) {
+            outcome.held_ns = std::uniform_int_distribution<int64_t>(20, 400)(m_random) * ms;
+            sleep_ns(outcome.held_ns);
+            if (!in_time(disturbance.kind, disturbance.up))
+                return false;
+        }
+        int64_t back_ns = now_ns();
+        sleep_ns(break_shows_ns);
+        wait_until_steady(recovery_limit_ns);
+        outcome.sound_ns = recovery(m_sound, back_ns);
+        outcome.picture_ns = recovery(m_picture, back_ns);
+        m_outcomes.push_back(outcome);
+        std::printf("%4zu %-8s sound back after %4lld ms, picture %4lld ms\n", m_outcomes.size(), outcome.kind.c_str(),
+                    static_cast<long long>(outcome.sound_ns / ms), static_cast<long long>(outcome.picture_ns / ms));
+        std::fflush(stdout);
+        return outcome.sound_ns >= 0 && outcome.picture_ns >= 0;
+    }
+
+    std::mt19937& random() { return m_random; }
+    const std::vector<Outcome>& outcomes() const { return m_outcomes; }
+
+private:
+    static bool steady(const Lasting& thing)
+    {
+        int64_t since_ns = thing.since_ns();
+        return since_ns >= 0 && now_ns() - since_ns >= steady_ns;
+    }
+    static int64_t recovery(const Lasting& thing, int64_t back_ns)
+    {
+        return steady(thing) ? std::max<int64_t>(thing.since_ns() - back_ns, 0) : -1;
+    }
+    bool in_time(const std::string& kind, const std::function<bool()>& action)
+    {
+        std::promise<bool> promise;
+        std::future<bool> result = promise.get_future();
+        std::thread actor([&action, &promise] { promise.set_value(action()); });
+        if (result.wait_for(std::chrono::nanoseconds(action_limit_ns)) != std::future_status::ready) {
+            std::printf("%s: somebody does not let go of it\n", kind.c_str());
+            std::fflush(stdout);
+            _exit(1);
+        }
+        actor.join();
+        return result.get();
+    }
+
+    std::mt19937 m_random;
+    const Lasting& m_sound;
+    const Lasting& m_picture;
+    std::vector<Outcome> m_outcomes;
+};
+
+/// Every way to disturb; @p feed and @p random outlive them.
+std::vector<Disturbance> ways(Feed* feed, std::mt19937* random)
+{
+    auto bus = [](const char* file, const char* device) {
+        return [=] { return write_to(std::string("/sys/bus/platform/drivers/snd_aloop/") + file, device); };
+    };
+    auto connector = [](const char* status) {
+        return [=] { return write_to("/sys/class/drm/card0-Virtual-1/status", status); };
+    };
+    auto rate = std::make_shared<size_t>(source_rates.size() - 1);
+    auto other_rate = [=] {
+        *rate = (*rate + 1 + (*random)() % (source_rates.size() - 1)) % source_rates.size();
+        return feed->change_rate(source_rates[*rate]);
+    };
+    auto suspend = [] { return write_to("/sys/power/pm_test", "devices") && write_to("/sys/power/state", "freeze"); };
+    return {{"cable", bus("unbind", "snd_aloop.0"), bus("bind", "snd_aloop.0")},
+            {"speaker", bus("unbind", "snd_aloop.1"), bus("bind", "snd_aloop.1")},
+            {"display", connector("off"), connector("on")},
+            {"rate", other_rate, nullptr},
+            {"suspend", suspend, nullptr}};
+}
+
+/// Median, 95th percentile and worst, in ms.
+nlohmann::json summary(std::vector<int64_t> values)
+{
+    std::sort(values.begin(), values.end());
+    auto at = [&values](size_t percent) { return values[(values.size() - 1) * percent / 100] / ms; };
+    return {{"median_ms", at(50)}, {"p95_ms", at(95)}, {"worst_ms", at(100)}};
+}
+
+std::string in_short(const nlohmann::json& summary)
+{
+    return summary["median_ms"].dump() + "/" + summary["p95_ms"].dump() + "/" + summary["worst_ms"].dump();
+}
+
+nlohmann::json to_json(const std::vector<Outcome>& outcomes)
+{
+    std::map<std::string, std::vector<int64_t>> sound;
+    std::map<std::string, std::vector<int64_t>> picture;
+    nlohmann::json all = nlohmann::json::array();
+    for (const Outcome& outcome : outcomes) {
+        sound[outcome.kind].push_back(outcome.sound_ns);
+        picture[outcome.kind].push_back(outcome.picture_ns);
+        all.push_back({{"kind", outcome.kind},
+                       {"held_ms", outcome.held_ns / ms},
+                       {"sound_ms", outcome.sound_ns / ms},
+                       {"picture_ms", outcome.picture_ns / ms}});
+    }
+    nlohmann::json kinds;
+    for (const auto& [kind, times] : sound) {
+        kinds[kind] = {{"times", times.size()}, {"sound", summary(times)}, {"picture", summary(picture[kind])}};
+        std::printf("RECOVERY %-7s %3zu times, ms (median/p95/worst): sound %s, picture %s\n", kind.c_str(),
+                    times.size(), in_short(kinds[kind]["sound"]).c_str(), in_short(kinds[kind]["picture"]).c_str());
+    }
+    return {{"recovery", kinds}, {"disturbances", all}};
+}
+
+bool same_belongings(const Belongings& before, const Belongings& after, nlohmann::json* report)
+{
+    (*report)["leaks"] = {{"threads", after.threads - before.threads},
+                          {"descriptors", after.descriptors - before.descriptors},
+                          {"heap_bytes", after.heap - before.heap}};
+    std::printf("threads %ld -> %ld, descriptors %ld -> %ld, heap %ld -> %ld bytes\n", before.threads, after.threads,
+                before.descriptors, after.descriptors, before.heap, after.heap);
+    return after.threads == before.threads && after.descriptors == before.descriptors &&
+           after.heap - before.heap <= heap_slack;
+}
+
+/// @return whether everything came back, and nothing leaked
+bool run(size_t rounds, uint32_t seed, play::Screen* screen, const play::Display& display, nlohmann::json* report)
+{
+    Feed feed(source_rates.back());
+    Ear ear;
+    Eye eye(display);
+    Trial trial(seed, ear.sound(), eye.picture());
+    if (!trial.wait_until_steady(start_limit_ns)) {
+        std::printf("no sound or no picture to begin with\n");
+        return false;
+    }
+    std::vector<Disturbance> kinds = ways(&feed, &trial.random());
+    std::vector<size_t> order;
+    for (size_t i = 0; i < rounds * kinds.size(); i++)
+        order.push_back(i % kinds.size());
+    std::shuffle(order.begin(), order.end(), trial.random());
+    Belongings before = {};
+    bool good = true;
+    for (size_t i = 0; good && i < order.size(); i++) {
+        if (i == std::min(warm_up, order.size() / 2))
+            before = belongings(*screen);
+        good = trial.disturb(kinds[order[i]]);
+    }
+    Belongings after = belongings(*screen);
+    *report = to_json(trial.outcomes());
+    bool kept = same_belongings(before, after, report);
+    return good && kept;
+}
+
+bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
+{
+    play::Options options;
+    options.display = play::DisplayKind::kms;
+    std::string error;
+    std::unique_ptr<play::Display> display = play::open_kms_display(options, &error);
+    if (!display || !Feed::announce(source_rates.back())) {
+        std::printf("%s\n", error.c_str());
+        return false;
+    }
+    play::Screen screen;
+    play::FlipGate gate(display->refresh_hz());
+    Pictures pictures;
+    std::unique_ptr<play::Host> host;
+    {
+        play::RealtimeScope realtime(priority);
+        std::optional<hdmi_player_drm_info_t> info = display->start(&screen, &gate, &error);
+        if (!info) {
+            std::printf("%s\n", error.c_str());
+            return false;
+        }
+        play::HostConfig config;
+        config.display = *info;
+        config.gate = &gate;
+        config.paint = [&display](play::FrameBuffer* buffer, const play::Image* image) {
+            display->paint(buffer, image);
+        };
+        config.drain_ns = 200 * ms; // a loopback captures silence without end
+        config.present = [&display](play::FrameBuffer* buffer) { display->present(buffer); };
+        host = std::make_unique<play::Host>(config, &pictures, play::SourceClock{now_ns()});
+        if (!host->start())
+            return false;
+    }
+    bool good = run(rounds, seed, &screen, *display, report);
+    hdmi_linux::DeviceStats played = hdmi_linux::playback_stats();
+    hdmi_linux::DeviceStats captured = hdmi_linux::capture_stats();
+    std::printf("playback: %lld losses, %lld suspends, %lld recoveries; capture: %lld, %lld, %lld\n",
+                static_cast<long long>(played.losses), static_cast<long long>(played.suspends),
+                static_cast<long long>(played.recoveries), static_cast<long long>(captured.losses),
+                static_cast<long long>(captured.suspends), static_cast<long long>(captured.recoveries));
+    host->stop_video();
+    host->close();
+    display->stop();
+    play::FrameAccount frames = host->frames();
+    std::printf("frames: rendered %lld, flipped %lld, dropped %lld, held %lld\n",
+                static_cast<long long>(frames.rendered), static_cast<long long>(frames.flipped),
+                static_cast<long long>(frames.dropped), static_cast<long long>(frames.held));
+    (*report)["frame_account_closes"] = frames.closes();
+    return good && frames.closes();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: disturb ROUNDS SEED REPORT\n");
+        return 2;
+    }
+    auto seed = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
+    std::printf("seed %u\n", seed);
+    nlohmann::json report;
+    bool good = play_and_disturb(std::strtoul(argv[1], nullptr, 10), seed, &report);
+    report["seed"] = seed;
+    report["passed"] = good;
+    std::ofstream(argv[3]) << report.dump(2) << '\n';
+    std::printf("%s\n", good ? "PASS" : "FAIL");
+    return good ? 0 : 1;
+}
