@@ -344,6 +344,29 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
         << "sound again";
 }
 
+TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)
+{
+    // An output that takes everything at once seems to be faster than the link.
+    setenv("HDMIPLAYER_ALSA_HDMI_ARC", "fast", 1);
+    playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    aio_device_close(&playback_);
+    const Feeder link("link", kRate, 360);
+    capture_.pcm_name = "link_monitor";
+    capture_.period_count = 16;
+    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    EXPECT_TRUE(eventually([] { return hdmi_linux::bypass_stats().slips > 10; }));
+    aio_device_close(&capture_);
+    setenv("HDMIPLAYER_ALSA_HDMI_ARC", "digital", 1);
+    std::ifstream stream(g_server->folder() + "/fast", std::ios::binary);
+    std::vector<int16_t> sent;
+    for (int16_t words[2]; stream.read(reinterpret_cast<char*>(words), sizeof(words));)
+        sent.push_back(words[0]);
+    EXPECT_EQ(stretches(sent).size(), 1u) << "what is between the stuffing is whole";
+    EXPECT_GT(stretches(sent)[0].frames, kPeriod);
+}
+
 // What the digital output's receiver reads in the channel status: AES0 to AES3, from the left subframes of one block.
 std::vector<int> received_status(const std::string& file)
 {
@@ -422,6 +445,8 @@ TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
                              "start_periods = 3\n"
                              "raw_output = speaker\r\n"
                              "speaker = hw:2\n"
+                             "hdmi_in.periods = 1\n"
+                             "i2s_txa.periods = 16\n"
                              "headphone.resample = no",
                              "a.conf", &config, &errors);
     const std::vector<std::string> expected = {
@@ -434,12 +459,14 @@ TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
         "a.conf:10: start_periods: set in line 9 already",
         "a.conf:11: raw_output: 'speaker' is neither spdif nor hdmi_arc",
         "a.conf:12: speaker: set in line 2 already",
+        "a.conf:13: hdmi_in.periods: '1' is not a number from 2 to 64",
     };
     EXPECT_EQ(errors, expected);
     EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].pcm, "hw:0,0");
     EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].mixer, "Digital");
     EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm, "hdmi");
     EXPECT_FALSE(config.audio[E_AUDIO_IO_DEV_HEADPHONE].resample);
+    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_I2S_TXA].periods, 16);
     EXPECT_EQ(config.start_periods, 2);
 }
 
@@ -517,6 +544,9 @@ TEST(AlsaVolume, PercentIsEvenToTheEar)
 std::string more_devices(const std::string& folder)
 {
     return "pcm.fixed44 { type plug slave { pcm { type null } rate 44100 } }\n"
+           "pcm.fast { type copy slave.pcm { type file format raw file \"" +
+           folder +
+           "/fast\" slave.pcm { type null } } }\n"
            "pcm.iec958 {\n"
            "    @args [ AES0 AES1 AES2 AES3 ]\n"
            "    @args.AES0 { type integer } @args.AES1 { type integer }\n"

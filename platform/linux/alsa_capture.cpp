@@ -59,7 +59,7 @@ PcmRequest request_for(const audio_config_t& config)
     request.channels = config.channels;
     request.rate = config.sample_rate > 0 ? config.sample_rate : kDefaultRate;
     request.period_frames = config.period_frames;
-    request.period_count = config.period_count;
+    request.period_count = device.periods > 0 ? device.periods : config.period_count;
     request.resample = device.resample;
     return request;
 }

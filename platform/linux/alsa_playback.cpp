@@ -74,7 +74,8 @@ PcmRequest Playback::request_for(const Config& config, int device) const
     request.channels = config_.channels;
     request.rate = config_.sample_rate;
     request.period_frames = config_.period_frames;
-    request.period_count = config_.period_count;
+    const int periods = config.audio[device].periods;
+    request.period_count = periods > 0 ? periods : config_.period_count;
     request.start_periods = start_periods_;
     request.resample = config.audio[device].resample;
     return request;

@@ -25,6 +25,8 @@ constexpr char kCecVariable[] = "HDMIPLAYER_CEC_DEVICE";
 /// A configuration has some twenty lines; what is longer is another file.
 constexpr size_t kMaxFileBytes = 65536;
 constexpr int kMaxStartPeriods = 7; ///< of the player's eight
+constexpr int kMinPeriods = 2;
+constexpr int kMaxPeriods = 64; ///< more than a second
 
 struct DeviceName {
     audio_io_dev_e device;
@@ -79,13 +81,13 @@ std::string set_yes_no(std::string_view value, bool* field)
     return {};
 }
 
-std::string set_start_periods(std::string_view value, Config* config)
+std::string set_number(std::string_view value, int min, int max, int* field)
 {
-    int periods = 0;
-    const auto end = std::from_chars(value.data(), value.data() + value.size(), periods);
-    if (end.ec != std::errc() || end.ptr != value.data() + value.size() || periods < 1 || periods > kMaxStartPeriods)
-        return quoted(value) + " is not a number from 1 to " + std::to_string(kMaxStartPeriods);
-    config->start_periods = periods;
+    int number = 0;
+    const auto end = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (end.ec != std::errc() || end.ptr != value.data() + value.size() || number < min || number > max)
+        return quoted(value) + " is not a number from " + std::to_string(min) + " to " + std::to_string(max);
+    *field = number;
     return {};
 }
 
@@ -105,6 +107,8 @@ std::string set_device_detail(const DeviceName& name, std::string_view detail, s
     AudioDeviceConfig& device = config->audio[name.device];
     if (detail == "resample")
         return set_yes_no(value, &device.resample);
+    if (detail == "periods")
+        return set_number(value, kMinPeriods, kMaxPeriods, &device.periods);
     if (captures(name.device) || (detail != "mixer" && detail != "mixer_card"))
         return kUnknownKey;
     (detail == "mixer" ? device.mixer : device.mixer_card) = value;
@@ -115,7 +119,7 @@ std::string set_device_detail(const DeviceName& name, std::string_view detail, s
 std::string set_key(std::string_view key, std::string_view value, const std::string& source, Config* config)
 {
     if (key == "start_periods")
-        return set_start_periods(value, config);
+        return set_number(value, 1, kMaxStartPeriods, &config->start_periods);
     if (key == "raw_output")
         return set_raw_output(value, config);
     if (key == "cec") {
@@ -191,7 +195,7 @@ void apply_environment(Config* config)
 Config::Config()
 {
     for (AudioDeviceConfig& device : audio)
-        device = {"default", "", "", "", true};
+        device = {"default", "", "", "", true, 0};
     audio[E_AUDIO_IO_DEV_SPDIF].pcm = "iec958";
     audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm = "hdmi";
     audio[E_AUDIO_IO_DEV_HDMI_IN].pcm.clear();

@@ -24,6 +24,7 @@ struct AudioDeviceConfig {
     std::string mixer;      ///< simple mixer element; empty: the usual one, "none": scale the samples
     std::string mixer_card; ///< control device of the mixer; empty: the PCM's card
     bool resample = false;  ///< the PCM may convert the rate
+    int periods = 0;        ///< of its buffer; 0: as many as the player asks for
 };
 
 struct Config {

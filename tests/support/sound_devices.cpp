@@ -37,18 +37,20 @@ std::vector<Stretch> stretches(const std::vector<int16_t>& left)
     return result;
 }
 
-Feeder::Feeder(const std::string& pcm, int rate)
+Feeder::Feeder(const std::string& pcm, int rate, int stuffing)
 {
     if (snd_pcm_open(&pcm_, pcm.c_str(), SND_PCM_STREAM_PLAYBACK, 0) < 0 ||
         snd_pcm_set_params(pcm_, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, static_cast<unsigned>(rate),
                            0, kLatencyUs) < 0)
         throw std::runtime_error("cannot feed " + pcm);
-    thread_ = std::thread([this] {
+    thread_ = std::thread([this, stuffing] {
         for (int64_t sent = 0; !stop_;) {
-            const snd_pcm_sframes_t result = snd_pcm_writei(pcm_, numbered(sent, kBlockFrames).data(), kBlockFrames);
+            std::vector<int16_t> block = numbered(sent, kBlockFrames - stuffing);
+            block.resize(2 * kBlockFrames);
+            const snd_pcm_sframes_t result = snd_pcm_writei(pcm_, block.data(), kBlockFrames);
             if (result < 0 && snd_pcm_recover(pcm_, static_cast<int>(result), 1) < 0)
                 break;
-            sent += std::max<snd_pcm_sframes_t>(result, 0);
+            sent += result > 0 ? kBlockFrames - stuffing : 0;
         }
     });
 }

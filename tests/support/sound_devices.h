@@ -32,7 +32,8 @@ std::vector<Stretch> stretches(const std::vector<int16_t>& left);
 class Feeder
 {
 public:
-    explicit Feeder(const std::string& pcm, int rate = 48000);
+    /// @p stuffing: zeros at the end of each 960 frames, without a number.
+    explicit Feeder(const std::string& pcm, int rate = 48000, int stuffing = 0);
     ~Feeder();
     Feeder(const Feeder&) = delete;
     Feeder& operator=(const Feeder&) = delete;
