@@ -9,17 +9,51 @@ namespace
 {
 
 constexpr int64_t ms = 1'000'000;
-/// A disturbance is noticed some time after the silence that it makes began, or before what is queued has run out.
-constexpr int64_t noticed_late_ns = 500 * ms;
-constexpr int64_t noticed_early_ns = 500 * ms;
+constexpr int64_t second_ns = 1000 * ms;
+/// A disturbance is noticed some time after the silence that it makes, or before what is queued has run out.
+constexpr int64_t reach_ns = 500 * ms;
+/// A silence is measured from its beginning, but not further back than this.
+constexpr int64_t longest_silence_ns = 10 * second_ns;
 /// Shorter silences are the programme's own.
 constexpr int64_t shortest_silence_ns = 5 * ms;
 constexpr int chunk_frames = 48;
 
-bool silent(const std::vector<int16_t>& stereo)
+bool is_silent(const std::vector<int16_t>& stereo)
 {
     return std::all_of(stereo.begin(), stereo.end(), [](int16_t sample) { return sample == 0; });
 }
+
+/// Puts silence together, piece by piece, and keeps the longest of those that end after a given time.
+class SilenceFinder
+{
+public:
+    explicit SilenceFinder(int64_t ends_after_ns) : m_ends_after_ns(ends_after_ns) {}
+
+    void take(int64_t at_ns, bool sounds)
+    {
+        m_end_ns = at_ns;
+        if (!sounds) {
+            m_since_ns = m_since_ns < 0 ? at_ns : m_since_ns;
+            return;
+        }
+        if (at_ns >= m_ends_after_ns && lasts(shortest_silence_ns) && lasts(m_longest.to_ns - m_longest.from_ns))
+            m_longest = {m_since_ns, at_ns};
+        m_since_ns = -1;
+    }
+    bool silent() const { return m_since_ns >= 0; }
+    int64_t since_ns() const { return m_since_ns; }
+    const Silence& longest() const { return m_longest; }
+    /// What is silent now is so for good.
+    Silence at_end() const { return lasts(shortest_silence_ns) ? Silence{m_since_ns, -1} : m_longest; }
+
+private:
+    bool lasts(int64_t ns) const { return silent() && m_end_ns - m_since_ns >= ns; }
+
+    const int64_t m_ends_after_ns;
+    Silence m_longest;
+    int64_t m_since_ns = -1; ///< -1: it sounds
+    int64_t m_end_ns = 0;
+};
 
 } // namespace
 
@@ -52,40 +86,28 @@ int64_t DisturbanceLog::count(int64_t from_ns, int64_t to_ns) const
     });
 }
 
-int64_t sound_back_ns(const Recording& heard, int64_t at_ns)
+Silence silence_around(const Recording& heard, int64_t at_ns)
 {
-    const std::vector<HeardBlock>& blocks = heard.blocks();
-    if (blocks.empty())
-        return -1;
-    int64_t rate = heard.sample_rate();
-    int64_t end_ns = blocks.front().heard_ns;
-    int64_t silent_since_ns = -1;
+    SilenceFinder finder(at_ns - reach_ns);
     std::vector<int16_t> stereo(2 * chunk_frames);
-    for (const HeardBlock& block : blocks) {
+    int64_t end_ns = -1;
+    for (const HeardBlock& block : heard.blocks()) {
         // Between two blocks of different runs nothing was heard.
-        bool pause = block.heard_ns - end_ns >= shortest_silence_ns;
-        if (pause && silent_since_ns < 0)
-            silent_since_ns = end_ns;
-        end_ns = block.heard_ns + block.frames * 1'000'000'000 / rate;
-        if (end_ns < at_ns - noticed_late_ns)
-            continue;
-        for (int64_t done = 0; done < block.frames; done += chunk_frames) {
-            int64_t now_ns = block.heard_ns + done * 1'000'000'000 / rate;
-            bool nothing = block.silence || heard.read(block.first_frame + done, stereo.data(), chunk_frames) == 0 ||
-                           silent(stereo);
-            if (nothing) {
-                silent_since_ns = silent_since_ns < 0 ? now_ns : silent_since_ns;
-                continue;
-            }
-            bool disturbed = silent_since_ns >= 0 && now_ns - silent_since_ns >= shortest_silence_ns;
-            silent_since_ns = -1;
-            if (disturbed && now_ns > at_ns - noticed_late_ns)
-                return std::max(now_ns, at_ns);
-            if (now_ns > at_ns + noticed_early_ns)
-                return at_ns;
+        if (end_ns >= 0 && block.heard_ns - end_ns >= shortest_silence_ns)
+            finder.take(end_ns, false);
+        end_ns = block.heard_ns + block.frames * second_ns / heard.sample_rate();
+        bool long_ago = end_ns < at_ns - longest_silence_ns;
+        if (long_ago)
+            finder.take(block.heard_ns, true);
+        for (int64_t done = 0; done < block.frames && !long_ago; done += chunk_frames) {
+            int64_t now_ns = block.heard_ns + done * second_ns / heard.sample_rate();
+            heard.read(block.first_frame + done, stereo.data(), chunk_frames);
+            finder.take(now_ns, !block.silence && !is_silent(stereo));
+            if (now_ns > at_ns + reach_ns && (!finder.silent() || finder.since_ns() > at_ns + reach_ns))
+                return finder.longest();
         }
     }
-    return silent_since_ns >= 0 ? -1 : at_ns;
+    return finder.at_end();
 }
 
 } // namespace play

@@ -52,8 +52,13 @@ private:
     std::vector<Disturbance> m_all;
 };
 
-/// When sound was heard again after the silence that a disturbance at @p at_ns made; @p at_ns if it made none, -1 if
-/// none was heard again.
-int64_t sound_back_ns(const Recording& heard, int64_t at_ns);
+/// Where nothing was heard.
+struct Silence {
+    int64_t from_ns = 0;
+    int64_t to_ns = 0; ///< when sound was heard again, -1: never; as from_ns: there was none
+    bool ends() const { return to_ns >= 0; }
+};
+/// The longest silence that goes with a disturbance noticed at @p at_ns: not far from it, and no rest of the programme.
+Silence silence_around(const Recording& heard, int64_t at_ns);
 
 } // namespace play

@@ -263,6 +263,14 @@ void evaluate_pictures(const Source& source, const Host& host, const Screen& scr
     result->unreadable = screen.unreadable();
 }
 
+void add_recoveries(const char* device, const DisturbanceLog& log, const Recording& heard, Result* result)
+{
+    for (const Disturbance& disturbance : log.all())
+        // After the signal there is nothing that could come back.
+        if (disturbance.at_ns < result->signal_end_ns)
+            result->recoveries.push_back({device, disturbance, silence_around(heard, disturbance.at_ns)});
+}
+
 /// Underruns and overruns: simulated devices show them in the recording, real ones have counted them.
 void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result* result)
 {
@@ -273,10 +281,8 @@ void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result
                         : sound.heard.gaps(settled_ns, result->signal_end_ns);
     result->overruns = result->options.capture.empty() ? result->stage.link.overruns
                                                        : troubles.capture.count(settled_ns, result->signal_end_ns);
-    for (const Disturbance& disturbance : troubles.capture.all())
-        result->recoveries.push_back({"capture", disturbance, sound_back_ns(sound.heard, disturbance.at_ns)});
-    for (const Disturbance& disturbance : troubles.playback.all())
-        result->recoveries.push_back({"playback", disturbance, sound_back_ns(sound.heard, disturbance.at_ns)});
+    add_recoveries("capture", troubles.capture, sound.heard, result);
+    add_recoveries("playback", troubles.playback, sound.heard, result);
 }
 
 /// What the charts show, of a run that is to be looked at.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "report.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -113,12 +114,13 @@ void print_recoveries(const Result& result)
 {
     for (const Recovery& recovery : result.recoveries) {
         const Disturbance& disturbance = recovery.disturbance;
-        std::printf("  %-9s %s at %.2f s, sound ", recovery.device.c_str(), disturbance_name(disturbance.kind),
+        const Silence& silence = recovery.silence;
+        std::printf("  %-9s %s at %.2f s, ", recovery.device.c_str(), disturbance_name(disturbance.kind),
                     static_cast<double>(disturbance.at_ns - result.opened_ns) / 1e9);
-        if (recovery.sound_back_ns < 0)
-            std::printf("did not come back\n");
+        if (!silence.ends())
+            std::printf("sound did not come back\n");
         else
-            std::printf("back after %.0f ms\n", static_cast<double>(recovery.sound_back_ns - disturbance.at_ns) / 1e6);
+            std::printf("silent for %.0f ms\n", static_cast<double>(silence.to_ns - silence.from_ns) / 1e6);
     }
 }
 
@@ -283,19 +285,24 @@ json cec_json(const Result& result)
             {"refusals", cec.refusals}, {"activations", cec.activations}};
 }
 
+/// Null: never, or not in this run.
 json recoveries_json(const Result& result)
 {
-    auto after_ms = [](int64_t from_ns, int64_t to_ns) {
+    auto length_ms = [](int64_t from_ns, int64_t to_ns) {
         return to_ns < 0 ? json(nullptr) : json(static_cast<double>(to_ns - from_ns) / 1e6);
     };
     json list = json::array();
     for (const Recovery& recovery : result.recoveries) {
         const Disturbance& disturbance = recovery.disturbance;
+        const Silence& silence = recovery.silence;
+        // Sound may be back before the trouble is noticed.
+        int64_t back_ns = silence.ends() ? std::max(silence.to_ns, disturbance.at_ns) : -1;
         list.push_back({{"device", recovery.device},
                         {"kind", disturbance_name(disturbance.kind)},
                         {"at_s", static_cast<double>(disturbance.at_ns - result.opened_ns) / 1e9},
-                        {"device_back_ms", after_ms(disturbance.at_ns, disturbance.back_ns)},
-                        {"sound_back_ms", after_ms(disturbance.at_ns, recovery.sound_back_ns)}});
+                        {"device_back_ms", length_ms(disturbance.at_ns, disturbance.back_ns)},
+                        {"sound_back_ms", length_ms(disturbance.at_ns, back_ns)},
+                        {"silent_ms", silence.ends() ? length_ms(silence.from_ns, silence.to_ns) : json(nullptr)}});
     }
     return list;
 }

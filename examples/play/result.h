@@ -20,7 +20,7 @@ namespace play
 struct Recovery {
     std::string device; ///< "capture" or "playback"
     Disturbance disturbance;
-    int64_t sound_back_ns; ///< at the edge; -1: never
+    Silence silence; ///< of it, at the edge
 };
 
 /// All that one run has shown.
