@@ -2,8 +2,8 @@
 /**
  * @file
  * Opens the audio return channel on a kernel CEC adapter and tells what comes
- * of it: one line for each change, until it is told to end by SIGTERM or
- * SIGINT; then how long the calls took, and the messages.
+ * of it: one line for each message and each change, until it is told to end by
+ * SIGTERM or SIGINT, and how long the calls took.
  */
 #include <hdmi_linux.h>
 #include <signal.h>
@@ -46,15 +46,21 @@ void print_state(const hdmi_linux::CecStats& stats, int64_t since)
     fflush(stdout);
 }
 
-void print_messages(int64_t since)
+// Those after @p last; the time of the newest. As long as fewer come between two looks than are kept.
+int64_t print_messages(int64_t last, int64_t since)
 {
     for (const hdmi_linux::CecMessage& message : hdmi_linux::cec_messages()) {
-        printf("%8.3f %s%s", static_cast<double>(message.time_ns / 1000 - since) / 1e6,
-               message.sent ? "sent" : "received", message.delivered ? "" : " (not acknowledged)");
+        if (message.time_ns <= last)
+            continue;
+        last = message.time_ns;
+        printf("%8.3f %s%s", static_cast<double>(last / 1000 - since) / 1e6, message.sent ? "sent" : "received",
+               message.delivered ? "" : " (not acknowledged)");
         for (int i = 0; i < message.length; ++i)
             printf("%c%02x", i == 0 ? ' ' : ':', message.bytes[i]);
         printf("\n");
     }
+    fflush(stdout);
+    return last;
 }
 
 } // namespace
@@ -80,7 +86,9 @@ int main()
     };
     hdmi_linux::CecStats last = hdmi_linux::cec_stats();
     print_state(last, start);
+    int64_t printed = 0;
     while (init == 0 && sigtimedwait(&ending, nullptr, &kLookEvery) < 0) {
+        printed = print_messages(printed, start);
         const hdmi_linux::CecStats stats = hdmi_linux::cec_stats();
         if (facts(stats) != facts(last))
             print_state(stats, start);
@@ -89,7 +97,7 @@ int main()
     const int64_t ended = now_us();
     const int deinit = vendor_hdmi_cec_deinit();
     printf("deinit %d in %" PRId64 " us\n", deinit, now_us() - ended);
+    print_messages(printed, start);
     print_state(hdmi_linux::cec_stats(), start);
-    print_messages(start);
     return init == 0 ? 0 : 1;
 }

@@ -3,7 +3,7 @@
 # The audio return channel between the kernel's two CEC adapters: the Linux platform is the TV at one end of the cable,
 # cec-follower the audio system at the other. Opening, cec-compliance's tests of the TV's role, cables that are pulled,
 # closing.
-# Limit: 300 s
+# Limit: 420 s
 source "$PROJECT/tests/vm/lib.sh"
 
 tv=/dev/cec0
@@ -11,8 +11,9 @@ audio_system=/dev/cec1
 input=/dev/video0
 output=/dev/video1
 replugs=20
-seconds_to_open=8 # of an emulated machine: claiming an address alone takes some 340 ms, the exchange 600
-told=$OUT/cec-probe.log
+seconds_of_random=15
+seconds_to_open=30 # programs start slowly on an emulated machine under load; the exchange itself takes 0.6 s
+starts=0
 
 # How often the channel was opened so far, and what it is now.
 activations() { sed -n 's/.* state .* activations \([0-9]*\) .*/\1/p' "$told" | tail -n 1; }
@@ -22,6 +23,7 @@ opened_since() { [ "$(activations)" -gt "$1" ] && is active; }
 threads() { ls "/proc/$probe/task" | wc -l; }
 
 start_probe() {
+    told=$OUT/cec-probe-$((++starts)).log
     HDMIPLAYER_CEC_DEVICE=$1 debug_hdmiplayer_log_level=3 "$BUILD/tests/arc_probe" >"$told" 2>&1 &
     probe=$!
 }
@@ -42,7 +44,7 @@ replug_input() {
     local before
     before=$(activations)
     v4l2-ctl -d "$input" --clear-edid
-    wait_for 5 is idle || return 1
+    wait_for 15 is idle || return 1
     v4l2-ctl -d "$input" --set-edid=type=hdmi
     wait_for "$seconds_to_open" opened_since "$before"
 }
@@ -51,6 +53,12 @@ replug_often() {
     for ((i = 0; i < replugs; i++)); do
         $1 || { echo "time $((i + 1)): state $(state)"; return 1; }
     done
+}
+# Until it has found something to complain of, or the time is over.
+random_messages() {
+    local status=0
+    timeout "$seconds_of_random" cec-compliance -d "$audio_system" -r0 --test-fuzzing || status=$?
+    [ "$status" -eq 124 ] && kill -0 "$probe"
 }
 in_order() { # LOG MESSAGE...: each after the one before
     local file=$1 line=0 found message
@@ -68,11 +76,13 @@ follower=$!
 
 start_probe ""
 check "the channel is opened" wait_for "$seconds_to_open" is active || cat "$told"
+compare "it takes" "$(sed -n 's/^ *\([0-9.]*\) state active.*/\1/p' "$told" | head -n 1)" -le 5 s
 compare "vendor_hdmi_cec_init takes" "$(sed -n 's/.*init 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 250000 us
-compare "vendor_hdmi_cec_open_arc takes" "$(sed -n 's/.*open_arc 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 20000 us
+compare "vendor_hdmi_cec_open_arc takes" "$(sed -n 's/.*open_arc 0 in \([0-9]*\) us.*/\1/p' "$told")" -le 100000 us
 check "cec-compliance: the TV's role in ARC" cec-compliance -d "$audio_system" -r0 \
     --test-audio-return-channel-control
 check "cec-compliance ran both tests" grep -c "(TX): OK\$" "$OUT"/cec-cec-compliance--the-TV-s-role-in-ARC.log
+check "random messages" random_messages
 check "the audio system unplugged and back, $replugs times" replug_often replug_output
 check "the TV's input unplugged and back, $replugs times" replug_often replug_input
 compare "threads at the end" "$(threads)" -eq 2
@@ -93,7 +103,7 @@ check "and leaves it so" bash -c "cec-ctl -d $tv | grep -q 'Logical Address Mask
 
 cec-ctl -d "$audio_system" --clear >"$OUT/cec-clear.log" 2>&1
 start_probe ""
-check "without an audio system one message" wait_for 20 grep -q 'no audio system on the CEC bus' "$told"
+check "without an audio system one message" wait_for 40 grep -q 'no audio system on the CEC bus' "$told"
 sleep 2
 compare "no more than one" "$(grep -c 'W \[' "$told")" -eq 1
 set_audio_system >>"$OUT/cec-audio-system.log" 2>&1
@@ -103,8 +113,8 @@ end_probe
 kill %+ 2>/dev/null
 
 start_probe "$audio_system"
-check "an adapter of another device is left alone" wait_for 5 grep -q "$audio_system is no CEC adapter of a TV" "$told"
+check "an adapter of another device is left alone" wait_for 15 grep -q "$audio_system is no CEC adapter of a TV" "$told"
 wait "$probe" || true
 start_probe /dev/cec9
-check "no adapter: one message" wait_for 5 grep -q '/dev/cec9 cannot be opened: No such file' "$told"
+check "no adapter: one message" wait_for 15 grep -q '/dev/cec9 cannot be opened: No such file' "$told"
 wait "$probe" || true
