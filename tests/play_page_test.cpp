@@ -285,7 +285,8 @@ json block(const std::string& page, const std::string& id)
 
 std::string unescaped(std::string text)
 {
-    for (const auto& [from, to] : {std::pair<std::string, std::string>{"&quot;", "\""}, {"&lt;", "<"}, {"&gt;", ">"}, {"−", "-"}, {"+", ""}})
+    for (const auto& [from, to] :
+         {std::pair<std::string, std::string>{"&quot;", "\""}, {"&lt;", "<"}, {"&gt;", ">"}, {"−", "-"}, {"+", ""}})
         for (size_t at = text.find(from); at != std::string::npos; at = text.find(from))
             text.replace(at, from.size(), to);
     return text;
@@ -460,6 +461,7 @@ TEST_F(PageOfRun, RecoveriesAreTabledWithWhateverIsKnownOfThem)
                           {{"at_s", 9.0}, {"device", "capture"}, {"picture_back_ms", nullptr}}};
     with["pictures"]["outages"] = {{{"at_s", 4.0}, {"lasted_s", 0.5}, {"reason", "no display at the connector"}}};
     std::string text = page(with);
+    EXPECT_EQ(all_inside(text, "class=\"broke\"", "</line>").size(), 4u); // in either chart of the sound
     std::string table = inside(text, "id=\"recoveries\"", "</section>");
     for (const char* part : {"412.5", "lost &lt;&amp;&gt;", "Sound back after, ms", "Picture back ms", "no display"})
         EXPECT_NE(table.find(part), std::string::npos) << part;

@@ -291,6 +291,7 @@ void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock,
 {
     TraceScope scope;
     scope.source_s = [&clock](int64_t at_ns) { return static_cast<double>(clock.to_source(at_ns)) / 1e9; };
+    scope.player_opened_ns = result->opened_ns;
     scope.settled_s = static_cast<double>(judged.from_ns) / 1e9;
     scope.end_s = static_cast<double>(judged.last_ns - ending_ns) / 1e9;
     scope.timeline_s = result->options.html_at;

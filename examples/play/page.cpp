@@ -510,6 +510,9 @@ std::string over_time(const Page& page, const Report& report, const std::vector<
     double step_s = (curve.back().at_s - curve.front().at_s) / static_cast<double>(curve.size());
     for (double at_s : page.view.opened_s)
         chart.moment(at_s, "moment", "the sound device was opened");
+    for (const json& recovery : report.at("/recoveries"))
+        chart.moment(page.view.player_opened_s + real(recovery.value("at_s", json())), "broke",
+                     text_of(recovery.value("device", json())) + ": " + text_of(recovery.value("kind", json())));
     chart.curve(curve, css, std::max(curve_gap_s, 3 * step_s));
     return chart.str(text, "s of the source", "ms");
 }
@@ -530,8 +533,9 @@ std::string queue_figure(const Page& page, const Report& report)
         values.push_back(1.15 * point.most);
     std::string spread = spread_text(view.queue, 1) + ".";
     return figure("Audio queue",
-                  "What the sound device had to play after each write, as it told; dashed: the device was opened. " +
-                      spread + " Underruns: " + report.data("/sound/underruns") + ", and " +
+                  "What the sound device had to play after each write, as it told; dashed: it was opened" +
+                      std::string(is_nothing(report.at("/recoveries")) ? ". " : "; red: a device failed. ") + spread +
+                      " Underruns: " + report.data("/sound/underruns") + ", and " +
                       report.data("/sound/underruns_first_second") + " in the first second.",
                   over_time(page, report, view.queue_ms, Scale::around(values, 0, 100, 0, queue_limit_ms), "queue",
                             {"queue-chart", "Audio queue over time", spread}));
@@ -553,6 +557,16 @@ std::string clock_figure(const Page& page, const Report& report)
                             {"clock-chart", "Deviation of the audio clock over time", spread + drift}));
 }
 
+std::string samples(const Report& report)
+{
+    if (foreign(report))
+        return row("Written", report.data("/sound/written")) + row("Compared", "the captured source is not known");
+    return row("Captured", report.data("/sound/in")) + row("Played", report.data("/sound/out")) +
+           row("Missing", report.data("/sound/missing", 0)) +
+           (report.at("/sound/exact") == true ? row("Different from the source's", report.data("/sound/mismatches"))
+                                              : row("Out of place by, frames", report.data("/sound/worst_place", 1)));
+}
+
 std::string sound_section(const Page& page, const Report& report)
 {
     if (raw(report))
@@ -561,13 +575,8 @@ std::string sound_section(const Page& page, const Report& report)
                " frames arrived at the output, different from the "
                "source's " +
                report.data("/link/raw/different") + ", gaps " + report.data("/link/raw/gaps") + ".</p></section>\n";
-    std::string exact = report.at("/sound/same_rate") == true
-                            ? row("Different from the source's", report.data("/sound/mismatches"))
-                            : row("Out of place by, frames", report.data("/sound/worst_place", 1));
     return "<section><h2>Sound</h2>\n" + queue_figure(page, report) + clock_figure(page, report) +
-           "<div class=\"pair\"><section><h3>Samples</h3><table class=\"figures\"><tbody>\n" +
-           row("Captured", report.data("/sound/in")) + row("Played", report.data("/sound/out")) +
-           row("Missing", report.data("/sound/missing", 0)) + exact +
+           "<div class=\"pair\"><section><h3>Samples</h3><table class=\"figures\"><tbody>\n" + samples(report) +
            "</tbody></table></section><section><h3>Devices and resets</h3><table class=\"figures\"><tbody>\n" +
            row("Underruns after the first second", report.data("/sound/underruns")) +
            row("Underruns in the first second", report.data("/sound/underruns_first_second")) +
@@ -609,7 +618,12 @@ std::string recoveries_section(const Report& report)
         tables += "<h3>Display</h3>\n" + table_of(outages, {{"at_s", "Seconds after opening"},
                                                             {"reason", "What happened"},
                                                             {"lasted_s", "Back after, s"}});
-    return tables.empty() ? "" : "<section id=\"recoveries\"><h2>Recoveries</h2>\n" + tables + "</section>\n";
+    const json& announced = report.at("/link/announced");
+    if (announced.is_array() && !announced.empty())
+        tables += "<h3>Announcements</h3>\n" + table_of(announced, {{"at_s", "Seconds after opening"}});
+    return tables.empty()
+               ? ""
+               : "<section id=\"recoveries\"><h2>What happened to the devices</h2>\n" + tables + "</section>\n";
 }
 
 std::string machine_section(const Report& report)

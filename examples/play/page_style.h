@@ -108,6 +108,7 @@ path.queue, path.clock { stroke-width: 1.6; stroke-linejoin: round; vector-effec
 path.queue { fill: none; } path.clock { fill: none; }
 circle.queue { fill: var(--teal); } circle.clock { fill: var(--violet); }
 line.moment { stroke: var(--orange); stroke-dasharray: 4 3; }
+line.broke { stroke: var(--bad); stroke-width: 1.5; }
 .panel { fill: var(--panel); }
 line.vblank { stroke: var(--quiet); stroke-width: 1.5; }
 line.flip { stroke: var(--blue); stroke-width: 2.5; }

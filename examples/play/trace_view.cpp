@@ -344,6 +344,7 @@ TraceView view_trace(const Trace& trace, const TraceScope& scope, const std::vec
     TraceView view;
     view.settled_s = scope.settled_s;
     view.end_s = scope.end_s;
+    view.player_opened_s = scope.source_s(scope.player_opened_ns);
     view.lost = trace.lost();
     for (const OpenedEvent& event : trace.opened.events())
         view.opened_s.push_back(scope.source_s(event.at_ns));
@@ -397,6 +398,7 @@ json to_json(const TraceView& view)
             {"queue_ms", to_json(view.queue)},
             {"clock_deviation_ms", to_json(view.deviation)},
             {"clock_drift_ppm", or_null(view.drift_ppm)},
+            {"player_opened_s", view.player_opened_s},
             {"opened_s", view.opened_s},
             {"stayed", to_json(view.stayed)},
             {"lost_events", view.lost},

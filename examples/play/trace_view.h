@@ -88,6 +88,7 @@ struct TraceView {
     std::vector<StayBin> stayed;     ///< settled, where there are no vertical blanks to count
     double settled_s = 0;
     double end_s = 0;
+    double player_opened_s = 0;
     std::vector<double> opened_s; ///< the playback device
     int64_t lost = 0;             ///< events for which there was no room
     int64_t unmatched = 0;        ///< blocks at the device that are none of the host's
@@ -97,6 +98,7 @@ struct TraceView {
 /// What is to be seen of a run.
 struct TraceScope {
     std::function<double(int64_t monotonic_ns)> source_s;
+    int64_t player_opened_ns = 0;
     double settled_s = 0;             ///< from then on figures count
     double end_s = 0;                 ///< to there
     std::optional<double> timeline_s; ///< where the timeline is to begin; nothing: at a second like most
