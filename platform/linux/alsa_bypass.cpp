@@ -24,10 +24,12 @@ constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
  * The capture's clock and the output's are two. Where the queue grows or runs
  * low, this many frames of stuffing between two bursts are left out or put in:
  * the receiver looks for the next burst's preamble, and no payload is touched.
+ * Few, as the bursts of DTS leave no more than seven; enough for clocks that
+ * differ by 0.4 % at a slip in each period.
  */
-constexpr int kSlipFrames = 16;
-/// A run of zeros of this length is stuffing: within a payload there is none so long.
-constexpr int kStuffingFrames = 64;
+constexpr int kSlipFrames = 4;
+/// An output that refuses what it was just mended for is not at work.
+constexpr int kMaxTroubles = 3;
 
 } // namespace
 
@@ -49,14 +51,16 @@ void Bypass::start(const audio_config_t& capture, int rate)
     active_ = true;
     device_ = device;
     request_ = PcmRequest();
-    request_.name = with_channel_status(settings.audio[device].pcm, channel_status(rate, true));
+    request_.name = settings.audio[device].pcm;
     request_.channels = capture.channels;
     request_.rate = rate;
+    say_status(&request_, true);
     request_.period_frames = capture.period_frames;
     request_.period_count = kPeriodCount;
     request_.start_periods = kStartPeriods;
     retry_ns_ = now_ns();
-    reported_ = false;
+    reported_ = stats_.lost = false;
+    bursts_ = BurstFollower();
     zeros_.reset(new uint8_t[static_cast<size_t>(kSlipFrames) * capture.channels * kBytesPerSample]());
     stats_.pcm = request_.name;
     stats_.rate = rate;
@@ -85,8 +89,12 @@ void Bypass::release_output(int device)
 
 void Bypass::close_output()
 {
-    const AlsaMessages messages;
+    if (!pcm_.is_open())
+        return;
     pcm_.close();
+    // Others that play there may not say that it is sound.
+    if (pcm_.status_set())
+        set_status_control(pcm_.card(), pcm_.device(), channel_status(request_.rate, false));
 }
 
 void Bypass::open_when_due()
@@ -100,8 +108,7 @@ void Bypass::open_when_due()
     if (!opened && !reported_)
         log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
     if (opened) {
-        const ChannelStatus status = channel_status(request_.rate, true);
-        if (!set_status_control(pcm_.card(), pcm_.device(), status) && request_.name.find("AES0") == std::string::npos)
+        if (!pcm_.status_set() && !says_channel_status(request_.name))
             log_w("%s does not say that it carries coded data: the receiver must find out\n", request_.name.c_str());
         log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
               request_.rate);
@@ -116,43 +123,43 @@ void Bypass::put(const uint8_t* data, int frames)
     mutex_guard guard(mutex_);
     if (!active_)
         return;
+    const int stuffing = bursts_.find_stuffing(reinterpret_cast<const int16_t*>(data), frames, kSlipFrames);
     if (!pcm_.is_open())
         open_when_due();
     if (pcm_.is_open())
-        keep_level(data, frames);
+        keep_level(data, frames, stuffing);
     else
         stats_.dropped += frames;
 }
 
-void Bypass::keep_level(const uint8_t* data, int frames)
+void Bypass::keep_level(const uint8_t* data, int frames, int stuffing)
 {
     const int frame_bytes = request_.channels * kBytesPerSample;
     const int level = pcm_.running() ? pcm_.delay() : -1;
     const bool high = level > (kStartPeriods + 1) * pcm_.period_frames();
     const bool low = level >= 0 && level < pcm_.period_frames() / 4;
-    const int at = high || low ? find_stuffing(reinterpret_cast<const int16_t*>(data), frames, kStuffingFrames) : -1;
-    if (at < 0) {
+    if (stuffing < 0 || (!high && !low)) {
         send(data, frames);
         return;
     }
-    const int skipped = high ? kSlipFrames : 0;
-    send(data, at);
+    send(data, stuffing);
     if (low)
         send(zeros_.get(), kSlipFrames);
-    send(data + static_cast<size_t>(at + skipped) * frame_bytes, frames - at - skipped);
+    const int next = high ? stuffing + kSlipFrames : stuffing;
+    send(data + static_cast<size_t>(next) * frame_bytes, frames - next);
     stats_.slips++;
 }
 
 void Bypass::send(const uint8_t* data, int frames)
 {
     const int frame_bytes = request_.channels * kBytesPerSample;
-    while (frames > 0 && pcm_.is_open()) {
+    for (int troubles = 0; frames > 0 && pcm_.is_open();) {
         const int sent = pcm_.write(data, frames);
         if (sent > 0) {
             stats_.frames += sent;
             data += static_cast<size_t>(sent) * frame_bytes;
             frames -= sent;
-        } else if (!mend(sent)) {
+        } else if (!mend(sent, ++troubles)) {
             break;
         }
     }
@@ -160,10 +167,11 @@ void Bypass::send(const uint8_t* data, int frames)
 }
 
 // Whether the rest can be sent.
-bool Bypass::mend(int result)
+bool Bypass::mend(int result, int troubles)
 {
     int err = result;
-    switch (pcm_.trouble(result)) {
+    const Trouble trouble = pcm_.trouble(result);
+    switch (troubles <= kMaxTroubles || trouble == Trouble::none ? trouble : Trouble::lost) {
     case Trouble::none: return false;
     case Trouble::xrun:
         stats_.xruns++;

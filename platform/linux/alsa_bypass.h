@@ -32,9 +32,9 @@ public:
 
 private:
     void open_when_due() REQUIRES(mutex_);
-    void keep_level(const uint8_t* data, int frames) REQUIRES(mutex_);
+    void keep_level(const uint8_t* data, int frames, int stuffing) REQUIRES(mutex_);
     void send(const uint8_t* data, int frames) REQUIRES(mutex_);
-    bool mend(int result) REQUIRES(mutex_);
+    bool mend(int result, int troubles) REQUIRES(mutex_);
     void close_output() REQUIRES(mutex_);
 
     mutex_t mutex_;
@@ -44,6 +44,7 @@ private:
     Pcm pcm_ GUARDED_BY(mutex_);
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     bool reported_ GUARDED_BY(mutex_) = false; ///< that the output is not there
+    BurstFollower bursts_ GUARDED_BY(mutex_);
     std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);
     BypassStats stats_ GUARDED_BY(mutex_);
 };

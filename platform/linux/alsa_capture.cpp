@@ -28,6 +28,10 @@ constexpr int kMaxPeriodFrames = 1 << 16;
 constexpr int kMaxPeriods = 64;
 
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+/// A device that fails again within this time of its return is not looked for at once.
+constexpr int64_t kRelapseNs = kNsPerSecond;
+/// Troubles of a device between two of its frames, each mended.
+constexpr int kMaxTroubles = 3;
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
 /// The longest wait without a look at the device's state; without a signal there may be no data for hours.
 constexpr int kLookMs = 100;
@@ -150,7 +154,6 @@ int Capture::close()
         ++opening_;
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
-        const AlsaMessages messages;
         pcm_.close();
     }
     mutex_guard control(control_);
@@ -180,7 +183,7 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
 {
     const uint64_t opening = opening_;
     int done = 0;
-    while (done < frames) {
+    for (int troubles = 0; done < frames;) {
         const int err = mend(guard);
         if (opening_ != opening)
             return kClosed;
@@ -189,11 +192,13 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         const int result = pcm_.read(data + static_cast<size_t>(done) * frame_bytes_, frames - done);
         if (result > 0) {
             done += result;
+            troubles = 0;
             continue;
         }
         const Trouble trouble = pcm_.trouble(result);
         if (trouble != Trouble::none) {
-            handle(trouble, result);
+            // A device that fails again at once is not at work.
+            handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result);
             if (state_ != State::working)
                 return result;
         } else {
@@ -327,8 +332,7 @@ void Capture::lose(int err)
     if (state_ == State::working)
         trouble_ns_ = now;
     state_ = State::lost;
-    retry_ns_ = now;
-    const AlsaMessages messages;
+    retry_ns_ = std::max(now, back_ns_ + kRelapseNs);
     pcm_.close();
 }
 
@@ -381,6 +385,7 @@ void Capture::recovered()
 {
     const int64_t now = now_ns();
     state_ = State::working;
+    back_ns_ = now;
     stats_.recoveries++;
     stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
     log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));

@@ -66,6 +66,7 @@ private:
     int64_t position_ GUARDED_BY(mutex_) = 0;
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t trouble_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t back_ns_ GUARDED_BY(mutex_) = 0; ///< when it last recovered
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
     std::string last_refusal_ GUARDED_BY(mutex_);
     std::string last_report_ GUARDED_BY(mutex_);

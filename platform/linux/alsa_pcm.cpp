@@ -79,6 +79,14 @@ void AlsaMessages::take(const char*, int, const char*, int error, const char* fo
 
 // --- Opening --------------------------------------------------------------------
 
+void say_status(PcmRequest* request, bool non_audio)
+{
+    if (says_channel_status(request->name))
+        return;
+    request->status = channel_status(request->rate, non_audio);
+    request->name = with_channel_status(request->name, *request->status);
+}
+
 int Pcm::open(const PcmRequest& request, std::string* why)
 {
     close();
@@ -91,11 +99,20 @@ int Pcm::open(const PcmRequest& request, std::string* why)
         *why = std::string(snd_strerror(err)) + (messages.text().empty() ? "" : " (" + messages.text() + ")");
     else {
         handle_.reset(handle);
+        identify();
+        // Drivers look at it when the hardware is configured.
+        status_set_ = request.status && set_status_control(card_, device_, *request.status);
         err = configure(request, why);
     }
     if (err < 0)
         close();
     return err;
+}
+
+void Pcm::close()
+{
+    const AlsaMessages messages;
+    handle_.reset();
 }
 
 int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm)
@@ -114,7 +131,6 @@ int Pcm::configure(const PcmRequest& request, std::string* why)
         return err;
     if ((err = set_software(request)) < 0)
         return fail(err, why, std::string("its start cannot be set: ") + snd_strerror(err));
-    identify();
     if (!capture_)
         return 0;
     if ((err = snd_pcm_start(handle_.get())) < 0)
@@ -277,6 +293,12 @@ PollGate::~PollGate() { ::close(wake_fd_); }
 
 void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
 {
+    // Who comes round again at once would never let it become idle.
+    if (evicting_ > 0) {
+        while (evicting_ > 0)
+            guard.wait(free_);
+        return;
+    }
     std::array<struct pollfd, Pcm::kMaxDescriptors + 1> fds = {};
     fds[0] = {wake_fd_, POLLIN, 0};
     const int count = pcm != nullptr && pcm->is_open() ? pcm->descriptors(&fds[1]) : 0;
@@ -299,12 +321,15 @@ void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
 void PollGate::evict(mutex_guard& guard)
 {
     const uint64_t one = 1;
+    ++evicting_;
     while (polling_ > 0) {
         (void)!::write(wake_fd_, &one, sizeof(one));
         guard.wait(idle_);
     }
     uint64_t count = 0;
     (void)!::read(wake_fd_, &count, sizeof(count));
+    if (--evicting_ == 0)
+        pthread_cond_broadcast(&free_);
 }
 
 } // namespace hdmi_linux

@@ -18,8 +18,10 @@ extern "C" {
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "iec958.h"
 #include "internal/locks.h"
 
 namespace hdmi_linux
@@ -34,9 +36,13 @@ struct PcmRequest {
     int rate = 48000;
     int period_frames = 960;
     int period_count = 4;
-    int start_periods = 1; ///< playback: starts by itself with so many periods queued
-    bool resample = false; ///< a conversion of the rate inside the named PCM is welcome
+    int start_periods = 1;               ///< playback: starts by itself with so many periods queued
+    bool resample = false;               ///< a conversion of the rate inside the named PCM is welcome
+    std::optional<ChannelStatus> status; ///< of a digital output, for its card's control
 };
+
+/// Lets @p request for a digital output say its rate, and whether it carries data, unless its name does already.
+void say_status(PcmRequest* request, bool non_audio);
 
 /// What became of a transfer that did not move a frame.
 enum class Trouble {
@@ -52,7 +58,7 @@ public:
     /// Opens and configures; capture also starts. @return 0, or an error code with its reason in @p why.
     int open(const PcmRequest& request, std::string* why);
     /// What is queued is discarded.
-    void close() { handle_.reset(); }
+    void close();
     bool is_open() const { return handle_ != nullptr; }
 
     /// @return frames moved, or a negative error code: -EAGAIN, or one for trouble().
@@ -84,6 +90,8 @@ public:
     /// The kernel's numbers of the card and its device; -1: none, such as a sound server.
     int card() const { return card_; }
     int device() const { return device_; }
+    /// Whether the card has a control that says the request's channel status.
+    bool status_set() const { return status_set_; }
 
 private:
     struct Closer {
@@ -100,6 +108,7 @@ private:
     int buffer_frames_ = 0;
     int card_ = -1;
     int device_ = -1;
+    bool status_set_ = false;
 };
 
 /// Opens @p pcm with the mutex of @p guard, which the caller holds, released: an opening may take its time.
@@ -139,13 +148,15 @@ public:
 
     /// Waits until @p pcm is ready (null: for the time alone), evict() is called or @p timeout_ms have passed.
     void wait(mutex_guard& guard, Pcm* pcm, int timeout_ms) NO_THREAD_SAFETY_ANALYSIS;
-    /// Returns when nobody polls; with the mutex held, so that nobody can begin to.
+    /// Returns when nobody polls; with the mutex held, so that nobody can begin to. Also wakes who waits for the time.
     void evict(mutex_guard& guard) NO_THREAD_SAFETY_ANALYSIS;
 
 private:
     int wake_fd_;
     int polling_ = 0;
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER;
+    int evicting_ = 0;
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; ///< nobody polls
+    pthread_cond_t free_ = PTHREAD_COND_INITIALIZER; ///< nobody evicts
 };
 
 } // namespace hdmi_linux

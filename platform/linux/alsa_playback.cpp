@@ -6,7 +6,6 @@
 
 #include "alsa_bypass.h"
 #include "alsa_clock.h"
-#include "iec958.h"
 #include "internal/common.h"
 
 namespace hdmi_linux
@@ -19,10 +18,14 @@ constexpr int kMaxRate = 192000;
 constexpr int kMaxPeriodFrames = 1 << 16;
 constexpr int kMaxPeriods = 64;
 
-/// The ring holds this many of the asked buffers: a sound server's delay is longer than the buffer in front of it.
+/// The ring holds this many of the asked buffers, and seconds: a sound server's delay is longer than the buffer in
+/// front of it, and the configuration may ask for more.
 constexpr int kRingBuffers = 8;
+constexpr int kRingSeconds = 2;
 /// Between two attempts to open a device that is lost.
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+/// A device that fails again within this time of its return is not looked for at once.
+constexpr int64_t kRelapseNs = kNsPerSecond;
 /// Between two attempts to wake a device that is suspended.
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
 /// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
@@ -37,6 +40,8 @@ constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
 constexpr int kMaxTroubles = 3;
 
 constexpr int kClosed = -EBADFD;
+/// The device is not asked.
+constexpr int kNoDelay = -ENODEV;
 
 bool is_digital(int device) { return device == E_AUDIO_IO_DEV_SPDIF || device == E_AUDIO_IO_DEV_HDMI_ARC; }
 
@@ -69,10 +74,10 @@ PcmRequest Playback::request_for(const Config& config, int device) const
     PcmRequest request;
     const bool named = config_.pcm_name != nullptr && device == config_.device_id;
     request.name = named ? config_.pcm_name : config.audio[device].pcm;
-    if (is_digital(device))
-        request.name = with_channel_status(request.name, channel_status(config_.sample_rate, false));
     request.channels = config_.channels;
     request.rate = config_.sample_rate;
+    if (is_digital(device))
+        say_status(&request, false);
     request.period_frames = config_.period_frames;
     const int periods = config.audio[device].periods;
     request.period_count = periods > 0 ? periods : config_.period_count;
@@ -89,7 +94,7 @@ void Playback::begin(const audio_config_t& config)
     moving_ = false;
     const int buffer = config.period_frames * config.period_count;
     const int frame_bytes = config.channels * kBytesPerSample;
-    ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate), frame_bytes);
+    ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate * kRingSeconds), frame_bytes);
     scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
 }
 
@@ -134,10 +139,8 @@ void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
     state_ = State::working;
     progress_ns_ = now_ns();
     const int device = config_.device_id;
-    if (is_digital(device)) {
+    if (is_digital(device))
         digital_output_ = static_cast<audio_io_dev_e>(device);
-        set_status_control(pcm_.card(), pcm_.device(), channel_status(request.rate, false));
-    }
     volume_.attach(config.audio[device], device, pcm_.card());
     gain_.set(volume_.software_gain());
     stats_.pcm = request.name;
@@ -311,13 +314,13 @@ int Playback::delay(int* frames)
         return kClosed;
     if (frames == nullptr)
         return -EINVAL;
-    if (state_ == State::working && !pcm_.prepared()) {
-        const int delay = pcm_.delay();
-        // Negative: an underrun, all of it was heard.
-        *frames = static_cast<int>(ring_.end() - sent_) + std::max(delay, 0);
-    } else {
+    const int queued = state_ == State::working && !pcm_.prepared() ? pcm_.delay() : kNoDelay;
+    if (queued >= 0)
+        *frames = static_cast<int>(ring_.end() - sent_) + queued;
+    else if (queued == -EPIPE) // an underrun: all of it was heard
+        *frames = static_cast<int>(ring_.end() - sent_);
+    else // a device that is gone or asleep: the clock goes on, before a write finds out as well as after
         *frames = static_cast<int>(ring_.end() - heard(now_ns()));
-    }
     return 0;
 }
 
@@ -374,10 +377,17 @@ void Playback::give_up_pcm(State state, int64_t now)
     if (state_ == State::working)
         freeze_heard(now);
     state_ = state;
-    retry_ns_ = now;
-    const AlsaMessages messages;
+    retry_ns_ = std::max(now, back_ns_ + kRelapseNs);
     pcm_.close();
     volume_.detach();
+}
+
+void Playback::give_up_working_pcm(State state)
+{
+    trouble_ns_ = now_ns();
+    if (state_ == State::working)
+        note_heard(trouble_ns_);
+    give_up_pcm(state, trouble_ns_);
 }
 
 void Playback::mend(mutex_guard& guard)
@@ -436,6 +446,7 @@ void Playback::resume_flow(int64_t position, int64_t now)
     stats_.frames_lost += std::max<int64_t>(position - lost_at_, 0);
     stats_.recoveries++;
     stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
+    back_ns_ = now;
     requeue_from(position, now);
     log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));
 }
@@ -456,12 +467,20 @@ int Playback::reselect(int device_id, int output_fmt)
     return err;
 }
 
+// A name instead of a number was for that device only.
+void Playback::select(int device_id)
+{
+    if (device_id != config_.device_id)
+        config_.pcm_name = nullptr;
+    config_.device_id = device_id;
+}
+
 int Playback::move_to(mutex_guard& guard, int device_id)
 {
     const Config settings = current_config();
     const PcmRequest next = request_for(settings, device_id);
-    if (state_ == State::working && next.name == request_.name) {
-        config_.device_id = device_id;
+    if (pcm_.is_open() && next.name == request_.name) {
+        select(device_id);
         volume_.attach(settings.audio[device_id], device_id, pcm_.card());
         gain_.set(volume_.software_gain());
         stats_.reselects++;
@@ -471,7 +490,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     std::string why;
     int err = pcm.open(next, &why);
     gate_.evict(guard);
-    if (err == -EBUSY && state_ == State::working)
+    if (err == -EBUSY && pcm_.is_open())
         err = open_busy(guard, next, &pcm, &why);
     if (err < 0) {
         log_e("%s cannot play: %s: %s\n", device_key(device_id), next.name.c_str(), why.c_str());
@@ -482,7 +501,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
         note_heard(now);
     const int64_t position = heard(now);
     pcm_.close();
-    config_.device_id = device_id;
+    select(device_id);
     install(std::move(pcm), next, settings);
     requeue_from(position, now);
     stats_.reselects++;
@@ -493,9 +512,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
 // Two names of one device: the old one has to go before the new one can come, or come back.
 int Playback::open_busy(mutex_guard&, const PcmRequest& next, Pcm* pcm, std::string* why)
 {
-    note_heard(now_ns());
-    trouble_ns_ = now_ns();
-    give_up_pcm(State::lost, now_ns());
+    give_up_working_pcm(State::lost);
     return pcm->open(next, why);
 }
 
@@ -511,11 +528,7 @@ void Playback::yield_device(int device)
     if (state_ == State::closed || state_ == State::yielded || config_.device_id != device)
         return;
     gate_.evict(guard);
-    const int64_t now = now_ns();
-    if (state_ == State::working)
-        note_heard(now);
-    trouble_ns_ = now;
-    give_up_pcm(State::yielded, now);
+    give_up_working_pcm(State::yielded);
 }
 
 void Playback::yield_back()

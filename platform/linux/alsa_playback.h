@@ -54,6 +54,7 @@ private:
     PcmRequest request_for(const Config& config, int device) const REQUIRES(mutex_);
     void begin(const audio_config_t& config) REQUIRES(mutex_);
     void install(Pcm pcm, const PcmRequest& request, const Config& config) REQUIRES(mutex_);
+    void select(int device_id) REQUIRES(mutex_);
     int move_to(mutex_guard& guard, int device_id) REQUIRES(mutex_);
     int open_busy(mutex_guard& guard, const PcmRequest& next, Pcm* pcm, std::string* why) REQUIRES(mutex_);
 
@@ -73,6 +74,7 @@ private:
     void recover_xrun(int64_t now) REQUIRES(mutex_);
     void lose(int err, int64_t now) REQUIRES(mutex_);
     void give_up_pcm(State state, int64_t now) REQUIRES(mutex_);
+    void give_up_working_pcm(State state) REQUIRES(mutex_);
     void mend(mutex_guard& guard) REQUIRES(mutex_);
     void mend_suspend(int64_t now) REQUIRES(mutex_);
     void mend_loss(mutex_guard& guard) REQUIRES(mutex_);
@@ -98,6 +100,7 @@ private:
     int64_t progress_ns_ GUARDED_BY(mutex_) = 0; ///< when the device last took something
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t trouble_ns_ GUARDED_BY(mutex_) = 0; ///< when the device was lost or suspended
+    int64_t back_ns_ GUARDED_BY(mutex_) = 0;    ///< when it last recovered
     int64_t lost_at_ GUARDED_BY(mutex_) = 0;    ///< what had been heard then
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
     audio_io_dev_e digital_output_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE;

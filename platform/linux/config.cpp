@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "config.h"
 
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 
 #include "internal/common.h"
@@ -141,25 +141,20 @@ std::string set_key(std::string_view key, std::string_view value, const std::str
 // False with errno when there is a file that cannot be read; no file at all is an empty one.
 bool read_file(const std::string& path, std::string* text)
 {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0)
+    // A pipe or terminal of that name must not hold up who opens a device.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
         return errno == ENOENT;
-    if (S_ISDIR(status.st_mode)) {
-        errno = EISDIR;
-        return false;
-    }
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        return false;
     text->resize(kMaxFileBytes + 1);
-    file.read(text->data(), static_cast<std::streamsize>(text->size()));
-    if (file.bad())
-        return false;
-    text->resize(static_cast<size_t>(file.gcount()));
-    if (text->size() <= kMaxFileBytes)
-        return true;
-    errno = EFBIG;
-    return false;
+    size_t length = 0;
+    ssize_t count = 0;
+    while (length < text->size() && (count = ::read(fd, text->data() + length, text->size() - length)) > 0)
+        length += static_cast<size_t>(count);
+    const int err = count < 0 ? errno : length > kMaxFileBytes ? EFBIG : 0;
+    ::close(fd);
+    text->resize(length);
+    errno = err;
+    return err == 0;
 }
 
 void apply_file(Config* config, std::vector<std::string>* errors)

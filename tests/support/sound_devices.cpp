@@ -12,6 +12,9 @@ namespace
 
 constexpr int kBlockFrames = 960;
 constexpr unsigned kLatencyUs = 200000;
+// Of a burst's preamble (IEC 61937).
+constexpr auto kSyncA = static_cast<int16_t>(0xF872);
+constexpr int16_t kSyncB = 0x4E1F;
 
 } // namespace
 
@@ -45,14 +48,32 @@ Feeder::Feeder(const std::string& pcm, int rate, int stuffing)
         throw std::runtime_error("cannot feed " + pcm);
     thread_ = std::thread([this, stuffing] {
         for (int64_t sent = 0; !stop_;) {
-            std::vector<int16_t> block = numbered(sent, kBlockFrames - stuffing);
+            const int payload = kBlockFrames - (stuffing > 0 ? stuffing + 2 : 0);
+            std::vector<int16_t> block = numbered(sent, payload);
+            if (stuffing > 0)
+                block.insert(block.begin(), {kSyncA, kSyncB, 1, static_cast<int16_t>(payload * 2 * 16)});
             block.resize(2 * kBlockFrames);
             const snd_pcm_sframes_t result = snd_pcm_writei(pcm_, block.data(), kBlockFrames);
             if (result < 0 && snd_pcm_recover(pcm_, static_cast<int>(result), 1) < 0)
                 break;
-            sent += result > 0 ? kBlockFrames - stuffing : 0;
+            sent += result > 0 ? payload : 0;
         }
     });
+}
+
+std::vector<int16_t> payloads(const std::vector<int16_t>& words)
+{
+    std::vector<int16_t> left;
+    for (size_t at = 0; at + 3 < words.size(); at += 2) {
+        if (words[at] != kSyncA || words[at + 1] != kSyncB)
+            continue;
+        const size_t begin = at + 4;
+        const size_t end = std::min(begin + static_cast<uint16_t>(words[at + 3]) / 16, words.size());
+        for (at = begin; at < end; at += 2)
+            left.push_back(words[at]);
+        at -= 2;
+    }
+    return left;
 }
 
 Feeder::~Feeder()

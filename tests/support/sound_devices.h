@@ -28,11 +28,14 @@ struct Stretch {
 /// Those in a recording, silence left out.
 std::vector<Stretch> stretches(const std::vector<int16_t>& left);
 
+/// The numbers of coded bursts, without what is between them; @p words of both channels.
+std::vector<int16_t> payloads(const std::vector<int16_t>& words);
+
 /// Sends frame numbers into an ALSA device, as the other end of the capture's link.
 class Feeder
 {
 public:
-    /// @p stuffing: zeros at the end of each 960 frames, without a number.
+    /// @p stuffing: in bursts of coded data, with so many frames of zeros, without a number, at the end of each 960.
     explicit Feeder(const std::string& pcm, int rate = 48000, int stuffing = 0);
     ~Feeder();
     Feeder(const Feeder&) = delete;
