@@ -22,11 +22,15 @@ constexpr useconds_t look_again_us = 100'000;
 constexpr int64_t listening_ns = 400'000'000;
 constexpr int default_rate = 48000;
 
+/// Longer than the player needs to see a state, shorter than it takes to call a source unsupported.
+constexpr useconds_t no_signal_us = 150'000;
+constexpr const char* no_signal = "HEADDONE=0";
+
 std::string state_text(const LinkState& state)
 {
     std::string text = hdmi_sim::announce_text(state.compressed, state.sample_rate);
     // No state that anybody knows: the player takes the source for unsupported.
-    return text.empty() ? "HEADDONE=0" : text;
+    return text.empty() ? no_signal : text;
 }
 
 /// What the machine's own driver announces; a sample rate of 0 if that is not known.
@@ -144,10 +148,29 @@ void Announcer::compare(const LinkEvidence& found)
     m_messages.push_back(message);
 }
 
+/// A device that was gone has lost an unknown time: as if the signal had been, so that the player begins a new
+/// sequence.
+void Announcer::announce_return()
+{
+    int64_t returns = real_capture_stats().recoveries;
+    if (returns == m_returns)
+        return;
+    m_returns = returns;
+    LinkState state = m_announced;
+    if (!hdmi_sim::announce(no_signal))
+        return;
+    note({false, 0});
+    usleep(no_signal_us);
+    if (hdmi_sim::announce(state_text(state)))
+        note(state);
+}
+
 void Announcer::follow()
 {
     pthread_setname_np(pthread_self(), "announcer");
     while (!m_stop) {
+        if (!driver_announces())
+            announce_return();
         LinkEvidence found = evidence();
         LinkState next = driver_announces() ? state_of_driver() : derive_state(m_announced, found);
         compare(found);

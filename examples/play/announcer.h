@@ -48,12 +48,14 @@ private:
     int control_rate() const;
     void follow();
     void note(const LinkState& state);
+    void announce_return();
     void compare(const LinkEvidence& found);
 
     const std::string m_device;
     AlsaPlace m_place;
     LinkState m_announced;
     RateWatch m_rates;
+    int64_t m_returns = 0; ///< of the lost device, that were announced
     std::vector<Announcement> m_history;
     std::vector<std::string> m_messages;
     SignalWatch m_watch; ///< of who captures: first start(), then the player's thread
