@@ -33,6 +33,8 @@ constexpr int64_t kRelapseNs = kNsPerSecond;
 /// Troubles of a device between two of its frames, each mended.
 constexpr int kMaxTroubles = 3;
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
+/// A device that still says that it wakes up is opened anew.
+constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
 /// The longest wait without a look at the device's state; without a signal there may be no data for hours.
 constexpr int kLookMs = 100;
 /// Between two attempts of the forwarding thread on a device that is not there.
@@ -354,7 +356,7 @@ int Capture::mend_suspend()
     if (now < retry_ns_)
         return -ESTRPIPE;
     const int err = pcm_.resume();
-    if (err == -EAGAIN)
+    if (err == -EAGAIN && now - trouble_ns_ < kResumeLimitNs)
         retry_ns_ = now + kResumePauseNs;
     else if (err < 0)
         lose(err);

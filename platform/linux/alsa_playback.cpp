@@ -28,6 +28,8 @@ constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
 constexpr int64_t kRelapseNs = kNsPerSecond;
 /// Between two attempts to wake a device that is suspended.
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
+/// One that still says that it wakes up is opened anew.
+constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
 /// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
 /// seconds before its idle sink wakes up.
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
@@ -206,10 +208,11 @@ void Playback::freeze_heard(int64_t now)
 // Frames that a write may put into the ring now.
 int Playback::room(int64_t now) const
 {
-    const int buffer = config_.period_frames * config_.period_count;
-    const int64_t waiting =
-        state_ == State::working ? ring_.end() - sent_ + buffer - config_.period_frames : ring_.end() - heard(now);
-    return static_cast<int>(std::max<int64_t>(buffer - waiting, 0));
+    // The device's buffer is in front of a device at work, a period is on its way; without one this is the buffer.
+    const int64_t free = state_ == State::working
+                             ? config_.period_frames - (ring_.end() - sent_)
+                             : config_.period_frames * config_.period_count - (ring_.end() - heard(now));
+    return static_cast<int>(std::max<int64_t>(free, 0));
 }
 
 int Playback::accept(const uint8_t* data, int frames, int64_t now)
@@ -404,7 +407,7 @@ void Playback::mend(mutex_guard& guard)
 void Playback::mend_suspend(int64_t now)
 {
     const int err = pcm_.resume();
-    if (err == -EAGAIN) {
+    if (err == -EAGAIN && now - trouble_ns_ < kResumeLimitNs) {
         retry_ns_ = now + kResumePauseNs;
     } else if (err < 0) {
         lose(err, now);

@@ -187,7 +187,8 @@ int Volume::set_percent(int percent)
 
 int Volume::set_direct(int value)
 {
-    if (element_ == nullptr && (value < 0 || value > kMaxDirect))
+    // While the card is gone nobody knows its range.
+    if (element_ == nullptr && !fresh_ && (value < 0 || value > kMaxDirect))
         return -EINVAL;
     const bool mute_by_volume = mute_ && element_ != nullptr && !snd_mixer_selem_has_playback_switch(element_);
     catch_up();

@@ -58,7 +58,6 @@ public:
 
     /// For the samples; 1 where the mixer does it.
     float software_gain() const;
-    bool in_software() const { return element_ == nullptr; }
 
 private:
     struct Closer {
