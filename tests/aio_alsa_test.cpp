@@ -22,7 +22,7 @@
 #include "pulse_server.h"
 #include "sound_devices.h"
 
-// A suspended card, which needs a machine that sleeps: linked before alsa-lib's own.
+// A suspended card, which needs a machine that sleeps, and a broken one: linked before alsa-lib's own.
 extern "C" {
 snd_pcm_sframes_t __real_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
 snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
@@ -48,6 +48,16 @@ double seconds_since(Clock::time_point start) { return std::chrono::duration<dou
 
 // How often the hardware still says that it wakes up before it is awake; 0: it is.
 std::atomic<int> g_asleep{0};
+// The hardware says that it ran over or empty, whenever it is asked.
+std::atomic<bool> g_broken{false};
+
+// What a transfer fails with; 0: it goes to the device.
+int trouble()
+{
+    if (g_broken)
+        return -EPIPE;
+    return g_asleep > 0 ? -ESTRPIPE : 0;
+}
 
 class AioAlsaTest : public testing::Test
 {
@@ -99,12 +109,14 @@ protected:
 
 snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames)
 {
-    return g_asleep > 0 ? -ESTRPIPE : __real_snd_pcm_writei(pcm, data, frames);
+    const int err = trouble();
+    return err != 0 ? err : __real_snd_pcm_writei(pcm, data, frames);
 }
 
 snd_pcm_sframes_t __wrap_snd_pcm_readi(snd_pcm_t* pcm, void* data, snd_pcm_uframes_t frames)
 {
-    return g_asleep > 0 ? -ESTRPIPE : __real_snd_pcm_readi(pcm, data, frames);
+    const int err = trouble();
+    return err != 0 ? err : __real_snd_pcm_readi(pcm, data, frames);
 }
 
 int __wrap_snd_pcm_resume(snd_pcm_t*) { return --g_asleep > 0 ? -EAGAIN : -ENOSYS; }
@@ -303,6 +315,26 @@ TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
     EXPECT_LT(aio_device_read(&capture_, block.data(), kBlockBytes), 0) << "at once";
     EXPECT_TRUE(eventually([&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes; }));
     EXPECT_EQ(capture_stats().suspends, 1);
+}
+
+TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
+{
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    std::vector<uint8_t> block(kBlockBytes);
+    ASSERT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes);
+    const int64_t losses = playback_stats().losses + capture_stats().losses;
+    g_broken = true;
+    const auto start = Clock::now();
+    while (seconds_since(start) < 0.5) {
+        EXPECT_EQ(write_numbered(1), kBlockBytes);
+        EXPECT_LT(aio_device_read(&capture_, block.data(), kBlockBytes), 0);
+    }
+    // Each at once, after its first return, and a second later on a machine that is slow.
+    EXPECT_LE(playback_stats().losses + capture_stats().losses, losses + 6);
+    g_broken = false;
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }));
+    EXPECT_TRUE(eventually([&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes; }));
 }
 
 // --- Raw pass-through ------------------------------------------------------------------
