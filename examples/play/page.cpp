@@ -620,7 +620,8 @@ std::string recoveries_section(const Report& report)
                                                             {"lasted_s", "Back after, s"}});
     const json& announced = report.at("/link/announced");
     if (announced.is_array() && !announced.empty())
-        tables += "<h3>Announcements</h3>\n" + table_of(announced, {{"at_s", "Seconds after opening"}});
+        tables += "<h3>Announcements</h3>\n" +
+                  table_of(announced, {{"at_s", "Seconds after opening"}, {"state", "Announced"}});
     return tables.empty()
                ? ""
                : "<section id=\"recoveries\"><h2>What happened to the devices</h2>\n" + tables + "</section>\n";
