@@ -6,7 +6,7 @@
 source "$PROJECT/tests/vm/lib.sh"
 
 seconds=60
-attempts=3
+attempts=2
 receiver=/sys/class/extcon/hdmirx_aud/state
 
 start_audio_system() {
@@ -17,9 +17,10 @@ start_audio_system() {
 }
 
 play() {
-    "$BUILD/examples/play/hdmi-player-play" --seconds $seconds --rate 44100 --fps 59.94 \
+    "$BUILD/examples/play/hdmi-player-play" --seconds "$1" --rate 44100 --fps 59.94 \
         --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 \
-        --output arc --cec /dev/cec0 --display kms --display-latency 76 --report "$OUT/player.json" >"$OUT/player.log" 2>&1
+        --output arc --cec /dev/cec0 --display kms --display-latency 76 --report "$OUT/player.json" --html "$OUT/player.html" \
+        >"$OUT/player.log" 2>&1
 }
 
 # figure KEY: a number of the report, the first of that name.
@@ -27,10 +28,12 @@ figure() { sed -n "s/^ *\"$1\": \([-0-9.e]*\),\{0,1\}\$/\1/p" "$OUT/player.json"
 
 check "an audio system at the other end" start_audio_system
 echo HEADDONE_PCM_44=1 >$receiver
+# Code comes over the shared folders, and is translated, when it is first used.
+play 3
 # What else runs on the host takes time from this machine: a good run is good, a bad one may be the host's fault.
 for ((attempt = 1; attempt <= attempts; attempt++)); do
     rm -f "$OUT/player.json"
-    play && break
+    play $seconds && break
     cp "$OUT/player.log" "$OUT/player-$attempt.log"
 done
 kill "$follower"
