@@ -19,6 +19,8 @@ constexpr int kPeriodCount = 8;
 /// Queued before the output starts; some 40 ms.
 constexpr int kStartPeriods = 2;
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
+/// An output that fails again within this time of its opening is not looked for at once.
+constexpr int64_t kRelapseNs = kNsPerSecond;
 
 /**
  * The capture's clock and the output's are two. Where the queue grows or runs
@@ -102,9 +104,9 @@ void Bypass::open_when_due()
     const int64_t now = now_ns();
     if (device_ == E_AUDIO_IO_DEV_NONE || now < retry_ns_)
         return;
-    retry_ns_ = now + kReopenPauseNs;
     std::string why;
     const bool opened = pcm_.open(request_, &why) >= 0;
+    retry_ns_ = now + (opened ? kRelapseNs : kReopenPauseNs);
     if (!opened && !reported_)
         log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
     if (opened) {
