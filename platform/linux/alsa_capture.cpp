@@ -28,8 +28,9 @@ constexpr int kMaxPeriodFrames = 1 << 16;
 constexpr int kMaxPeriods = 64;
 
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// A device that fails again within this time of its return is not looked for at once.
-constexpr int64_t kRelapseNs = kNsPerSecond;
+/// A device that fails again so soon after its return is left alone for a while, others are looked for at once.
+constexpr int64_t kRelapseNs = 200 * kNsPerMs;
+constexpr int64_t kRelapsePauseNs = kNsPerSecond;
 /// Troubles of a device between two of its frames, each mended.
 constexpr int kMaxTroubles = 3;
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
@@ -334,7 +335,7 @@ void Capture::lose(int err)
     if (state_ == State::working)
         trouble_ns_ = now;
     state_ = State::lost;
-    retry_ns_ = std::max(now, back_ns_ + kRelapseNs);
+    retry_ns_ = now - back_ns_ < kRelapseNs ? now + kRelapsePauseNs : now;
     pcm_.close();
 }
 

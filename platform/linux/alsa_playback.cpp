@@ -24,8 +24,9 @@ constexpr int kRingBuffers = 8;
 constexpr int kRingSeconds = 2;
 /// Between two attempts to open a device that is lost.
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// A device that fails again within this time of its return is not looked for at once.
-constexpr int64_t kRelapseNs = kNsPerSecond;
+/// A device that fails again so soon after its return is left alone for a while, others are looked for at once.
+constexpr int64_t kRelapseNs = 200 * kNsPerMs;
+constexpr int64_t kRelapsePauseNs = kNsPerSecond;
 /// Between two attempts to wake a device that is suspended.
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
 /// One that still says that it wakes up is opened anew.
@@ -380,7 +381,7 @@ void Playback::give_up_pcm(State state, int64_t now)
     if (state_ == State::working)
         freeze_heard(now);
     state_ = state;
-    retry_ns_ = std::max(now, back_ns_ + kRelapseNs);
+    retry_ns_ = now - back_ns_ < kRelapseNs ? now + kRelapsePauseNs : now;
     pcm_.close();
     volume_.detach();
 }
