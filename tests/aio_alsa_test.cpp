@@ -14,6 +14,7 @@
 
 #include "aio_device.h"
 #include "alsa_volume.h"
+#include "audio_devices.h"
 #include "blocked_call.h"
 #include "config.h"
 #include "hdmi_linux.h"
@@ -62,21 +63,6 @@ int trouble()
 class AioAlsaTest : public testing::Test
 {
 protected:
-    AioAlsaTest()
-    {
-        playback_.stream_type = E_AUDIO_STREAM_PLAYBACK;
-        playback_.device_id = E_AUDIO_IO_DEV_SPEAKER;
-        playback_.channels = 2;
-        playback_.sample_rate = kRate;
-        playback_.period_frames = kPeriod;
-        playback_.period_count = 8;
-        capture_ = playback_;
-        capture_.stream_type = E_AUDIO_STREAM_CAPTURE;
-        capture_.device_id = E_AUDIO_IO_DEV_HDMI_IN;
-        capture_.period_count = 4;
-        capture_.open_mode = 1;
-        capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
-    }
     ~AioAlsaTest() override
     {
         aio_device_close(&playback_);
@@ -100,8 +86,8 @@ protected:
         return frames;
     }
 
-    audio_config_t playback_ = {};
-    audio_config_t capture_ = {};
+    audio_config_t playback_ = audio_device(E_AUDIO_STREAM_PLAYBACK);
+    audio_config_t capture_ = audio_device(E_AUDIO_STREAM_CAPTURE);
     int64_t written_ = 0;
 };
 

@@ -11,17 +11,7 @@ command -v pulseaudio >/dev/null || { echo "No pulseaudio here."; exit 77; }
 folder=$(mktemp -d)
 sound_server=
 trap '[ -z "$sound_server" ] || { kill "$sound_server"; wait "$sound_server"; } 2>/dev/null || true; rm -rf "$folder"' EXIT
-failures=$folder/failures
-
-fail() { echo "FAIL: $*" | tee -a "$failures"; }
-
-# run NAME ARGUMENT...: the exit status in $status, the output in NAME.txt and the report in NAME.json.
-run() {
-    local name=$1
-    shift
-    status=0
-    timeout --kill-after 5 60 "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
-}
+source "$(dirname "${BASH_SOURCE[0]}")/support/play_runs.sh"
 
 # passes NAME ARGUMENT...: a sound server on a busy machine may break off at any time: one good run of four will do.
 passes() {
@@ -35,22 +25,6 @@ passes() {
     done
     cat "$folder/$1.txt"
     fail "${*:2}: exit status $status"
-}
-
-# misses NAME LIMIT ARGUMENT...: the run is outside of that limit. Whether it keeps the others is the machine's affair.
-misses() {
-    run "$1" "${@:3}"
-    [ "$status" -eq 1 ] && grep -q "FAIL  $2" "$folder/$1.txt" ||
-        { cat "$folder/$1.txt"; fail "${*:3}: exit status $status, should miss: $2"; }
-}
-
-# refuses STATUS ARGUMENT...
-refuses() {
-    local expected=$1
-    shift
-    run refused "$@"
-    [ "$status" -eq "$expected" ] || fail "$*: exit status $status instead of $expected"
-    [ "$(wc -l <"$folder/refused.txt")" -eq 1 ] || fail "$*: not one line: $(cat "$folder/refused.txt")"
 }
 
 # The cable from the source to the player, and the room in which the player is heard.

@@ -8,36 +8,11 @@ set -euo pipefail
 program=$1
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
-failures=$folder/failures
-
-fail() { echo "FAIL: $*" | tee -a "$failures"; }
-
-# run NAME ARGUMENT...: leaves the exit status in $status, the output in NAME.txt and the report in NAME.json.
-# 124: it hung.
-run() {
-    local name=$1
-    shift
-    status=0
-    timeout --kill-after 5 60 "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
-}
+source "$(dirname "${BASH_SOURCE[0]}")/support/play_runs.sh"
 
 passes() {
     run "$@"
     [ "$status" -eq 0 ] || { cat "$folder/$1.txt"; fail "${*:2}: exit status $status"; }
-}
-
-# misses NAME LIMIT ARGUMENT...: the run is outside of that limit. Whether it keeps the others is the machine's affair.
-misses() {
-    local name=$1 limit=$2
-    run "$name" "${@:3}"
-    [ "$status" -eq 1 ] && grep -q "FAIL  $limit" "$folder/$name.txt" ||
-        { cat "$folder/$name.txt"; fail "${*:3}: exit status $status, should miss: $limit"; }
-}
-
-refuses() {
-    run refused "$@"
-    [ "$status" -eq 2 ] || fail "$*: exit status $status instead of 2"
-    [ "$(wc -l <"$folder/refused.txt")" -eq 1 ] || fail "$*: not one line: $(cat "$folder/refused.txt")"
 }
 
 run start --seconds 2
@@ -69,24 +44,24 @@ if [ "${2:-}" != quick ]; then
 
     : >"$folder/empty.mp4"
     echo "This is no film." >"$folder/text.mp4"
-    refuses "$folder/missing.mp4"
-    refuses "$folder/empty.mp4"
-    refuses "$folder/text.mp4"
-    refuses "$folder"
-    refuses ""
-    refuses --fps 0
-    refuses --seconds nan
-    refuses --wav "$folder/missing/sound.wav"
-    refuses --html "$folder/missing/page.html"
-    refuses --html-at 3
-    refuses --no-such-option
-    refuses --display beamer
-    refuses --display kms:
-    refuses --display sim:/dev/dri/card0
+    refuses 2 "$folder/missing.mp4"
+    refuses 2 "$folder/empty.mp4"
+    refuses 2 "$folder/text.mp4"
+    refuses 2 "$folder"
+    refuses 2 ""
+    refuses 2 --fps 0
+    refuses 2 --seconds nan
+    refuses 2 --wav "$folder/missing/sound.wav"
+    refuses 2 --html "$folder/missing/page.html"
+    refuses 2 --html-at 3
+    refuses 2 --no-such-option
+    refuses 2 --display beamer
+    refuses 2 --display kms:
+    refuses 2 --display sim:/dev/dri/card0
     run no_card --display kms:/dev/null
     [ "$status" -eq 3 ] && grep -q '/dev/null' "$folder/no_card.txt" || fail "no card: exit status $status instead of 3"
-    refuses --bitstream eac3 --raw
-    refuses --bitstream ac3 --chunk-phase 6
+    refuses 2 --bitstream eac3 --raw
+    refuses 2 --bitstream ac3 --chunk-phase 6
 
     if command -v ffmpeg >/dev/null; then
         film=(-f lavfi -i testsrc=size=320x240:rate=25:duration=3 -f lavfi -i anoisesrc=duration=3
@@ -98,7 +73,7 @@ if [ "${2:-}" != quick ]; then
         wait
         grep -q 'sent as E-AC-3' "$folder/coded.txt" || fail "a film's E-AC-3 is not sent as it is"
         head -c 12000 "$folder/film.mp4" >"$folder/cut.mp4"
-        refuses "$folder/cut.mp4"
+        refuses 2 "$folder/cut.mp4"
     else
         echo "No ffmpeg here: no film played."
     fi

@@ -131,18 +131,9 @@ void Capture::install(Pcm pcm, const PcmRequest& request)
     pcm_ = std::move(pcm);
     request_ = request;
     state_ = State::working;
-    stats_.pcm = request.name;
-    stats_.rate = request.rate;
-    stats_.asked_period_frames = request.period_frames;
-    stats_.asked_period_count = request.period_count;
-    stats_.period_frames = pcm_.period_frames();
-    stats_.period_count = pcm_.buffer_frames() / pcm_.period_frames();
-    char text[256];
-    snprintf(text, sizeof(text), "captures from %s at %d Hz, %d x %d frames asked, %d x %d obtained",
-             request.name.c_str(), request.rate, request.period_count, request.period_frames, stats_.period_count,
-             stats_.period_frames);
+    const std::string text = "captures from " + note_opening(request, pcm_, &stats_);
     if (text != last_report_)
-        log_i("%s\n", text);
+        log_i("%s\n", text.c_str());
     last_report_ = text;
 }
 

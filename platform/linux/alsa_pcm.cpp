@@ -115,6 +115,20 @@ void Pcm::close()
     handle_.reset();
 }
 
+std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats* stats)
+{
+    stats->pcm = request.name;
+    stats->rate = request.rate;
+    stats->asked_period_frames = request.period_frames;
+    stats->asked_period_count = request.period_count;
+    stats->period_frames = pcm.period_frames();
+    stats->period_count = pcm.buffer_frames() / pcm.period_frames();
+    char text[128];
+    snprintf(text, sizeof(text), " at %d Hz, %d x %d frames asked, %d x %d obtained", request.rate,
+             request.period_count, request.period_frames, stats->period_count, stats->period_frames);
+    return request.name + text;
+}
+
 int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm)
 {
     std::string why;

@@ -21,6 +21,7 @@ extern "C" {
 #include <optional>
 #include <string>
 
+#include "hdmi_linux.h"
 #include "iec958.h"
 #include "internal/locks.h"
 
@@ -110,6 +111,9 @@ private:
     int device_ = -1;
     bool status_set_ = false;
 };
+
+/// Records what was asked for and what was obtained. @return the same in words
+std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats* stats);
 
 /// Opens @p pcm with the mutex of @p guard, which the caller holds, released: an opening may take its time.
 int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm) NO_THREAD_SAFETY_ANALYSIS;

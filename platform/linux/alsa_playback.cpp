@@ -146,18 +146,9 @@ void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
         digital_output_ = static_cast<audio_io_dev_e>(device);
     volume_.attach(config.audio[device], device, pcm_.card());
     gain_.set(volume_.software_gain());
-    stats_.pcm = request.name;
-    stats_.rate = request.rate;
-    stats_.asked_period_frames = request.period_frames;
-    stats_.asked_period_count = request.period_count;
-    stats_.period_frames = pcm_.period_frames();
-    stats_.period_count = pcm_.buffer_frames() / pcm_.period_frames();
-    char text[256];
-    snprintf(text, sizeof(text), "%s plays on %s at %d Hz, %d x %d frames asked, %d x %d obtained", device_key(device),
-             request.name.c_str(), request.rate, request.period_count, request.period_frames, stats_.period_count,
-             stats_.period_frames);
+    const std::string text = std::string(device_key(device)) + " plays on " + note_opening(request, pcm_, &stats_);
     if (text != last_report_)
-        log_i("%s\n", text);
+        log_i("%s\n", text.c_str());
     last_report_ = text;
 }
 

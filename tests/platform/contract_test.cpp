@@ -12,6 +12,7 @@
 
 #include "adecoder.h"
 #include "aio_device.h"
+#include "audio_devices.h"
 #include "blocked_call.h"
 #include "hdmi_cec.h"
 #include "stage.h"
@@ -33,21 +34,6 @@ constexpr double kPromptSeconds = 1.0;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-audio_config_t device(audio_stream_e stream)
-{
-    const bool capture = stream == E_AUDIO_STREAM_CAPTURE;
-    audio_config_t config = {};
-    config.stream_type = stream;
-    config.device_id = capture ? E_AUDIO_IO_DEV_HDMI_IN : E_AUDIO_IO_DEV_SPEAKER;
-    config.channels = 2;
-    config.sample_rate = kRate;
-    config.open_mode = capture ? 1 : 0;
-    config.period_frames = kPeriod;
-    config.period_count = capture ? 4 : 8;
-    config.in_bypass_mode = capture ? E_AUDIO_IN_BYPASS_MODE_TO_PCM : E_AUDIO_IN_BYPASS_MODE_NONE;
-    return config;
-}
-
 class PlatformContract : public testing::Test
 {
 protected:
@@ -66,8 +52,8 @@ protected:
         return frames;
     }
 
-    audio_config_t playback_ = device(E_AUDIO_STREAM_PLAYBACK);
-    audio_config_t capture_ = device(E_AUDIO_STREAM_CAPTURE);
+    audio_config_t playback_ = audio_device(E_AUDIO_STREAM_PLAYBACK);
+    audio_config_t capture_ = audio_device(E_AUDIO_STREAM_CAPTURE);
     const std::vector<uint8_t> silence_ = std::vector<uint8_t>(kPeriodBytes);
     std::vector<uint8_t> captured_ = std::vector<uint8_t>(kPeriodBytes);
 };

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "aio_device.h"
+#include "audio_devices.h"
 #include "blocked_call.h"
 #include "hdmi_linux.h"
 #include "sound_devices.h"
@@ -51,20 +52,6 @@ private:
 class SoundProbe : public testing::Test
 {
 protected:
-    SoundProbe()
-    {
-        playback_.stream_type = E_AUDIO_STREAM_PLAYBACK;
-        playback_.device_id = E_AUDIO_IO_DEV_SPEAKER;
-        playback_.channels = 2;
-        playback_.sample_rate = kRate;
-        playback_.period_frames = kPeriod;
-        playback_.period_count = 8;
-        capture_ = playback_;
-        capture_.stream_type = E_AUDIO_STREAM_CAPTURE;
-        capture_.device_id = E_AUDIO_IO_DEV_HDMI_IN;
-        capture_.period_count = 4;
-        capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
-    }
     ~SoundProbe() override
     {
         aio_device_close(&playback_);
@@ -91,8 +78,8 @@ protected:
         return result;
     }
 
-    audio_config_t playback_ = {};
-    audio_config_t capture_ = {};
+    audio_config_t playback_ = audio_device(E_AUDIO_STREAM_PLAYBACK);
+    audio_config_t capture_ = audio_device(E_AUDIO_STREAM_CAPTURE);
     int64_t written_ = 0;
 };
 
