@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# After a device was gone for a moment, sound and picture are not only back, but in sync.
+# Limit: 200 s
+source "$PROJECT/tests/vm/lib.sh"
+
+bus=/sys/bus/platform/drivers/snd_aloop
+connector=/sys/class/drm/card0-Virtual-1/status
+gone=0.3
+trouble_s=6 # after the start of the program
+judged_s=11 # from this second of the source on
+
+unplug_cable() { echo snd_aloop.0 >$bus/unbind && sleep $gone && echo snd_aloop.0 >$bus/bind; }
+unplug_speaker() { echo snd_aloop.1 >$bus/unbind && sleep $gone && echo snd_aloop.1 >$bus/bind; }
+unplug_display() { echo off >$connector && sleep $gone && echo on >$connector; }
+suspend() { echo devices >/sys/power/pm_test && echo freeze >/sys/power/state; }
+
+play() {
+    "$BUILD/examples/play/hdmi-player-play" --seconds 16 --rate 44100 --fps 59.94 \
+        --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 \
+        --display kms --display-latency 76 --report "$OUT/resync-$1.json" >"$OUT/resync-$1.log" 2>&1
+}
+
+# offsets REPORT: those that were measured late enough, in ms.
+offsets() {
+    awk -v from=$judged_s '{ gsub(",", "") } $1 == "\"offset_ms\":" { offset = $2 }
+        $1 == "\"source_s\":" && $2 + 0 >= from { printf "%.1f\n", offset }' "$OUT/resync-$1.json"
+}
+
+echo 0 >/sys/module/suspend/parameters/pm_test_delay
+echo HEADDONE_PCM_44=1 >/sys/class/extcon/hdmirx_aud/state
+for trouble in unplug_cable unplug_speaker unplug_display suspend; do
+    (sleep $trouble_s && $trouble) &
+    play $trouble
+    wait
+    what=${trouble//_/ }
+    compare "$what: A/V offsets measured afterwards" "$(offsets $trouble | wc -l)" -ge 3
+    compare "$what: A/V offset afterwards, worst early sound" "$(offsets $trouble | sort -g | tail -n 1)" -le 40 ms
+    compare "$what: A/V offset afterwards, worst late sound" "$(offsets $trouble | sort -g | head -n 1)" -ge -60 ms
+done
