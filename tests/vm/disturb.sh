@@ -8,4 +8,4 @@ export HDMIPLAYER_ALSA_HDMI_IN=hw:Cable,1 HDMIPLAYER_ALSA_SPEAKER=hw:Speaker,0
 # The kernel would keep everything suspended for 5 s.
 echo 0 >/sys/module/suspend/parameters/pm_test_delay
 check "sound and picture back each time, nothing leaked" "$BUILD/tests/disturb" "$ROUNDS" "$SEED" "$OUT/disturb.json"
-sed -n 's/^seed/-- seed/p; s/^RECOVERY/--/p' "$OUT"/disturb-sound-*.log
+sed -n 's/.*\(seed [0-9]*\)$/-- \1/p; s/.*RECOVERY/--/p' "$OUT"/disturb-sound-*.log
