@@ -8,26 +8,25 @@
 #include <linux/pci.h>
 #include <linux/virtio.h>
 
-static int exempt_children(struct device *dev, void *unused)
+static int exempt_children(struct device* dev, void* unused)
 {
-	dev_pm_syscore_device(dev, true);
-	return 0;
+    dev_pm_syscore_device(dev, true);
+    return 0;
 }
 
 static int __init keep_init(void)
 {
-	struct pci_dev *device = NULL;
+    struct pci_dev* device = NULL;
 
-	for_each_pci_dev(device) {
-		dev_pm_syscore_device(&device->dev, true);
-		device_for_each_child(&device->dev, NULL, exempt_children);
-	}
-	return 0;
+    for_each_pci_dev(device)
+    {
+        dev_pm_syscore_device(&device->dev, true);
+        device_for_each_child(&device->dev, NULL, exempt_children);
+    }
+    return 0;
 }
 
-static void __exit keep_exit(void)
-{
-}
+static void __exit keep_exit(void) {}
 
 module_init(keep_init);
 module_exit(keep_exit);
