@@ -38,6 +38,10 @@ constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
 constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
 /// The longest wait without a look at the device's state; without a signal there may be no data for hours.
 constexpr int kLookMs = 100;
+/// Between two looks at how much silence is due.
+constexpr int kSilenceMs = 5;
+/// More than that is not made up for: nobody has read for so long, or the reopening has hung.
+constexpr int64_t kMostSilenceNs = kNsPerSecond;
 /// Between two attempts of the forwarding thread on a device that is not there.
 constexpr int kForwardPauseMs = 10;
 constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
@@ -107,6 +111,9 @@ int Capture::open(const audio_config_t& config)
     frame_bytes_ = config.channels * kBytesPerSample;
     frames_wanted_ = config.period_frames;
     position_ = 0;
+    moved_ns_ = now_ns();
+    silent_ = 0;
+    owed_ = 0;
     ring_ = to_raw ? SoundRing(config.period_frames * config.period_count, frame_bytes_) : SoundRing();
     install(std::move(pcm), request);
     const uint64_t opening = opening_;
@@ -181,20 +188,30 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         const int err = mend(guard);
         if (opening_ != opening)
             return kClosed;
-        if (err < 0)
-            return err;
-        const int result = pcm_.read(data + static_cast<size_t>(done) * frame_bytes_, frames - done);
+        uint8_t* rest = data + static_cast<size_t>(done) * frame_bytes_;
+        const int64_t due = err < 0 ? silence_due(now_ns()) : owed_;
+        if (due > 0) {
+            done += fill_silence(rest, frames - done, due);
+            continue;
+        }
+        if (err < 0) {
+            gate_.wait(guard, nullptr, kSilenceMs);
+            if (opening_ != opening)
+                return kClosed;
+            continue;
+        }
+        const int result = pcm_.read(rest, frames - done);
         if (result > 0) {
             done += result;
             troubles = 0;
+            moved_ns_ = now_ns();
+            silent_ = 0;
             continue;
         }
         const Trouble trouble = pcm_.trouble(result);
         if (trouble != Trouble::none) {
             // A device that fails again at once is not at work.
             handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result);
-            if (state_ != State::working)
-                return result;
         } else {
             gate_.wait(guard, &pcm_, kLookMs);
             if (opening_ != opening)
@@ -202,6 +219,39 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         }
     }
     return done;
+}
+
+// The device stops. Of what it had collected and nobody has read, the time is not lost; without a signal it was
+// nothing.
+void Capture::note_silence(int64_t now)
+{
+    const int64_t collected = ns_of(pcm_.buffer_frames(), request_.rate);
+    if (now - moved_ns_ <= collected)
+        return;
+    moved_ns_ = now;
+    silent_ = 0;
+}
+
+// A device that is gone is silent, at its pace: were its time left out, all that follows would be early for good.
+int64_t Capture::silence_due(int64_t now)
+{
+    const int64_t due = frames_in(now - moved_ns_, request_.rate) - silent_;
+    const int64_t most = frames_in(kMostSilenceNs, request_.rate);
+    if (due <= most)
+        return due;
+    silent_ += due - most;
+    return most;
+}
+
+// @return the frames stored.
+int Capture::fill_silence(uint8_t* data, int frames, int64_t due)
+{
+    const auto count = static_cast<int>(std::min<int64_t>(frames, due));
+    memset(data, 0, static_cast<size_t>(count) * frame_bytes_);
+    silent_ += count;
+    owed_ = std::max<int64_t>(0, owed_ - count);
+    stats_.frames_lost += count;
+    return count;
 }
 
 int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
@@ -221,8 +271,6 @@ int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
                    static_cast<size_t>(piece.frames) * frame_bytes_);
             position_ += piece.frames;
             done += piece.frames;
-        } else if (state_ != State::working) {
-            return -ENODEV;
         } else {
             guard.wait(arrived_);
         }
@@ -295,6 +343,7 @@ void Capture::handle(Trouble trouble, int err)
         stats_.suspends++;
         state_ = State::suspended;
         trouble_ns_ = retry_ns_ = now_ns();
+        note_silence(trouble_ns_);
         break;
     case Trouble::lost: lose(err); break;
     }
@@ -323,8 +372,10 @@ void Capture::lose(int err)
     log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
     stats_.losses++;
     const int64_t now = now_ns();
-    if (state_ == State::working)
+    if (state_ == State::working) {
         trouble_ns_ = now;
+        note_silence(now);
+    }
     state_ = State::lost;
     retry_ns_ = now - back_ns_ < kRelapseNs ? now + kRelapsePauseNs : now;
     pcm_.close();
@@ -380,6 +431,7 @@ void Capture::recovered()
     const int64_t now = now_ns();
     state_ = State::working;
     back_ns_ = now;
+    owed_ = silence_due(now);
     stats_.recoveries++;
     stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
     log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));

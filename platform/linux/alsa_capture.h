@@ -35,6 +35,9 @@ private:
         REQUIRES(mutex_);
     void install(Pcm pcm, const PcmRequest& request) REQUIRES(mutex_);
     int fetch(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
+    int fill_silence(uint8_t* data, int frames, int64_t due) REQUIRES(mutex_);
+    int64_t silence_due(int64_t now) REQUIRES(mutex_);
+    void note_silence(int64_t now) REQUIRES(mutex_);
     int take_forwarded(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
     void forward(uint64_t opening);
     bool start_forwarding(uint64_t opening) REQUIRES(control_);
@@ -66,7 +69,10 @@ private:
     int64_t position_ GUARDED_BY(mutex_) = 0;
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t trouble_ns_ GUARDED_BY(mutex_) = 0;
-    int64_t back_ns_ GUARDED_BY(mutex_) = 0; ///< when it last recovered
+    int64_t back_ns_ GUARDED_BY(mutex_) = 0;  ///< when it last recovered
+    int64_t moved_ns_ GUARDED_BY(mutex_) = 0; ///< when the last frame came from the device
+    int64_t silent_ GUARDED_BY(mutex_) = 0;   ///< frames of silence since then
+    int64_t owed_ GUARDED_BY(mutex_) = 0;     ///< silence to come before the first frame of a device that is back
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
     std::string last_refusal_ GUARDED_BY(mutex_);
     std::string last_report_ GUARDED_BY(mutex_);

@@ -43,7 +43,7 @@ struct DeviceStats {
     int64_t losses = 0;      ///< times that the device went away or stopped taking sound
     int64_t recoveries = 0;  ///< times that it came back after a suspend or loss
     int64_t recovery_us = 0; ///< how long the last recovery took, from the failure to the device at work again
-    int64_t frames_lost = 0; ///< written while there was no device: their time passed in silence
+    int64_t frames_lost = 0; ///< while there was no device: their time passed in silence
     int64_t reselects = 0;   ///< moves to another device
     std::string pcm;         ///< ALSA's name
     int rate = 0;            ///< Hz
