@@ -54,7 +54,7 @@ Findings look_at_priority()
     const std::string what = "real-time priority " + std::to_string(kPlayerPriority);
     const std::string fault = attempt_aside(try_priority);
     if (fault.empty())
-        return {{Verdict::ok, what, "what the player asks for its capture and output threads", ""}};
+        return {{Verdict::ok, what, "what the player asks for its capture thread", ""}};
     rlimit limit = {};
     getrlimit(RLIMIT_RTPRIO, &limit);
     return {
