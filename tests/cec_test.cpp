@@ -349,6 +349,20 @@ TEST(CecArc, ConfirmationThatDoesNotArriveIsNoOpenChannel)
     EXPECT_EQ("05:83", bus.said()) << "it has gone: begun again";
 }
 
+TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
+{
+    Bus bus = at(kActive);
+    bus.hear(kAddressReport);
+    for (int attempt = 0; attempt < 5 && bus.arc.deadline() != cec_arc::kNever; ++attempt) {
+        bus.said();
+        bus.pass_to_deadline();
+    }
+    EXPECT_EQ(State::idle, bus.arc.state());
+    bus.told();
+    bus.arc.close(bus.now);
+    EXPECT_EQ("05:c4", bus.said());
+}
+
 TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
 {
     for (Bus bus : {at(kAsking), at(kRequesting), at(kActive), at(kTerminated)}) {

@@ -66,6 +66,8 @@ void AlsaFeed::send()
             while (!m_stop && put_period() >= 0)
                 learn();
             m_breaks += m_stop ? 0 : 1;
+        } else if (!m_stop) {
+            usleep(retry_us);
         }
         if (m_stop)
             break;

@@ -27,7 +27,11 @@ bool AlsaObserver::start(std::string* error)
     m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, rate, error);
     if (!m_pcm)
         return false;
-    m_pcm->start();
+    if (!m_pcm->start()) {
+        *error = "alsa:" + m_device + ": does not start";
+        m_pcm = nullptr;
+        return false;
+    }
     m_thread = std::thread(&AlsaObserver::listen, this);
     return true;
 }
@@ -68,9 +72,9 @@ void AlsaObserver::open_again()
 {
     std::string ignored;
     m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, rate, &ignored);
-    if (m_pcm)
-        m_pcm->start();
-    else
+    if (m_pcm && !m_pcm->start())
+        m_pcm = nullptr;
+    if (!m_pcm)
         usleep(retry_us);
 }
 

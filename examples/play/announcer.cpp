@@ -155,14 +155,17 @@ void Announcer::announce_return()
     int64_t returns = real_capture_stats().recoveries;
     if (returns == m_returns)
         return;
-    m_returns = returns;
     LinkState state = m_announced;
     if (!hdmi_sim::announce(no_signal))
         return;
     note({false, 0});
     usleep(no_signal_us);
-    if (hdmi_sim::announce(state_text(state)))
-        note(state);
+    if (!hdmi_sim::announce(state_text(state))) {
+        m_announced = state; // Once more, from the beginning.
+        return;
+    }
+    note(state);
+    m_returns = returns;
 }
 
 void Announcer::follow()

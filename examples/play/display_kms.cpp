@@ -168,6 +168,9 @@ void KmsDisplay::present(FrameBuffer* buffer)
             left_out = m_queue.flip(buffer);
             m_stats.superseded += left_out != nullptr ? 1 : 0;
             submit();
+            // What the card does not take now is the thread's to offer again.
+            if (m_queue.next() != nullptr)
+                wake();
         }
     }
     if (left_out != nullptr)
@@ -188,8 +191,6 @@ void KmsDisplay::submit()
     } else if (error != EBUSY) {
         lose(error);
     }
-    if (error != 0)
-        wake();
 }
 
 /// There is nothing to show on any more. The pictures are the pool's again. With the mutex held.

@@ -389,8 +389,8 @@ bool KmsCard::replace_by(const std::string& path)
     bool same_kind = driver_name(fd) == m_driver;
     if (same_kind) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        dup3(fd, m_fd, O_CLOEXEC);
-        m_generation++;
+        same_kind = dup3(fd, m_fd, O_CLOEXEC) >= 0;
+        m_generation += same_kind ? 1 : 0;
     }
     close(fd);
     if (!same_kind)

@@ -89,6 +89,11 @@ private:
 /// Whether a file can be created or replaced at @p path, so that nobody learns it at the end of a film.
 bool is_writable(const std::string& path, std::string* error)
 {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) {
+        *error = path + ": " + std::strerror(EISDIR);
+        return false;
+    }
     bool writable = access(path.c_str(), W_OK) == 0;
     if (!writable && errno == ENOENT) {
         std::string directory = std::filesystem::path(path).parent_path();

@@ -186,7 +186,7 @@ std::string take_devices(const Texts& texts, Options* options)
         return "--feed: " + texts.feed + " is not alsa:NAME";
     if (!texts.observe.empty() && !parse_device(texts.observe, &options->observe))
         return "--observe: " + texts.observe + " is not alsa:NAME";
-    if (texts.cec != "sim" && texts.cec.front() != '/')
+    if (texts.cec != "sim" && (texts.cec.empty() || texts.cec.front() != '/'))
         return "--cec: " + texts.cec + " is neither sim nor a device file";
     options->cec = texts.cec != "sim" ? texts.cec : "";
     return "";

@@ -155,7 +155,9 @@ std::string RateWatch::look(const LinkState& announced, const LinkEvidence& evid
         return "";
     double rate = evidence.link_rate / (announced.compressed ? evidence.frames_per_sample : 1);
     if (near(rate, announced.sample_rate, rate_tolerance)) {
-        m_named = 0;
+        // Well inside: a source at the edge would be named over and over.
+        if (near(rate, announced.sample_rate, rate_tolerance / 2))
+            m_named = 0;
         return "";
     }
     if (near(rate, m_named, rate_tolerance))

@@ -71,6 +71,7 @@ void TvSide::detach()
     outbox_.clear();
     deferred_.reset();
     peer_address_.reset();
+    granted_ = false;
     inquiry_deadline_ = kNever;
     enter(in_close() ? Phase::closed : Phase::detached);
 }
@@ -91,8 +92,9 @@ void TvSide::close(int64_t now)
     wanted_ = false;
     was_active_ = phase_ == Phase::active;
     outbox_.clear();
-    // What was asked for may still be granted: taken back as well.
-    if (phase_ != Phase::requesting && phase_ != Phase::confirming && phase_ != Phase::active) {
+    // What was asked for may still be granted: taken back as well. And what was granted stays so, whatever came of
+    // asking again.
+    if (!granted_ && phase_ != Phase::requesting) {
         enter(Phase::closed);
         return;
     }
@@ -159,13 +161,15 @@ void TvSide::answer(Opcode opcode, int64_t now)
 {
     forget_requests();
     if (opcode == kInitiateArc) {
+        granted_ = true;
         send(Message(kAudioSystem, kReportArcInitiated));
         if (phase_ != Phase::active)
             enter(Phase::confirming, now + kDeliveryMs);
         return;
     }
+    granted_ = false;
     send(Message(kAudioSystem, kReportArcTerminated));
-    if (phase_ == Phase::active || in_attempt())
+    if (phase_ == Phase::active || phase_ == Phase::pausing || in_attempt())
         notify(Notice::closed_by_peer);
     enter(Phase::terminated);
 }
@@ -280,8 +284,10 @@ void TvSide::request(int64_t now)
 
 void TvSide::attempt_failed(Notice cause, int64_t now)
 {
-    if (cause == Notice::no_audio_system)
+    if (cause == Notice::no_audio_system) {
         peer_address_.reset();
+        granted_ = false;
+    }
     if (attempts_ >= kAttempts)
         give_up(cause);
     else
