@@ -13,6 +13,7 @@
 #include "alsa_bypass.h"
 #include "alsa_cards.h"
 #include "alsa_clock.h"
+#include "alsa_limits.h"
 #include "config.h"
 #include "internal/common.h"
 
@@ -22,20 +23,9 @@ namespace
 {
 
 constexpr int kDefaultRate = 48000;
-constexpr int kMaxChannels = 8;
-constexpr int kMaxRate = 192000;
-constexpr int kMaxPeriodFrames = 1 << 16;
-constexpr int kMaxPeriods = 64;
 
-constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// A device that fails again so soon after its return is left alone for a while, others are looked for at once.
-constexpr int64_t kRelapseNs = 200 * kNsPerMs;
-constexpr int64_t kRelapsePauseNs = kNsPerSecond;
 /// Troubles of a device between two of its frames, each mended.
 constexpr int kMaxTroubles = 3;
-constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
-/// A device that still says that it wakes up is opened anew.
-constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
 /// The longest wait without a look at the device's state; without a signal there may be no data for hours.
 constexpr int kLookMs = 100;
 /// Between two looks at how much silence is due.
@@ -44,7 +34,6 @@ constexpr int kSilenceMs = 5;
 constexpr int64_t kMostSilenceNs = kNsPerSecond;
 /// Between two attempts of the forwarding thread on a device that is not there.
 constexpr int kForwardPauseMs = 10;
-constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
 /// As urgent as the player's own reading, whose place it takes.
 constexpr int kForwardPriority = 99;
 

@@ -6,6 +6,7 @@
 
 #include "alsa_bypass.h"
 #include "alsa_clock.h"
+#include "alsa_limits.h"
 #include "internal/common.h"
 
 namespace hdmi_linux
@@ -13,31 +14,15 @@ namespace hdmi_linux
 namespace
 {
 
-constexpr int kMaxChannels = 8;
-constexpr int kMaxRate = 192000;
-constexpr int kMaxPeriodFrames = 1 << 16;
-constexpr int kMaxPeriods = 64;
-
 /// The ring holds this many of the asked buffers, and seconds: a sound server's delay is longer than the buffer in
 /// front of it, and the configuration may ask for more.
 constexpr int kRingBuffers = 8;
 constexpr int kRingSeconds = 2;
-/// Between two attempts to open a device that is lost.
-constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// A device that fails again so soon after its return is left alone for a while, others are looked for at once.
-constexpr int64_t kRelapseNs = 200 * kNsPerMs;
-constexpr int64_t kRelapsePauseNs = kNsPerSecond;
-/// Between two attempts to wake a device that is suspended.
-constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
-/// One that still says that it wakes up is opened anew.
-constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
 /// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
 /// seconds before its idle sink wakes up.
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
 /// The longest wait without a look at the device's state.
 constexpr int kLookMs = 100;
-/// Underruns come in dozens; one message per this time.
-constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
 
 /// Troubles of a device in the course of one block, each mended.
 constexpr int kMaxTroubles = 3;
