@@ -177,6 +177,32 @@ TEST_F(AioAlsaTest, AClosedDeviceEndsABlockedCallAndRefusesTheNext)
     EXPECT_EQ(frames, 7);
 }
 
+TEST_F(AioAlsaTest, ARequestThatNoDeviceCanTakeIsRefused)
+{
+    const auto refused = [](audio_config_t config, auto member, auto value) {
+        config.*member = value;
+        EXPECT_LT(aio_device_open(&config), 0) << value;
+        aio_device_close(&config);
+    };
+    for (const audio_config_t& config : {playback_, capture_}) {
+        for (const int channels : {-1, 0, 9})
+            refused(config, &audio_config_t::channels, channels);
+        for (const int device : {-1, static_cast<int>(E_AUDIO_IO_DEV_MAX)})
+            refused(config, &audio_config_t::device_id, device);
+        for (const int number : {-1, 0, 1 << 30}) {
+            refused(config, &audio_config_t::period_frames, number);
+            refused(config, &audio_config_t::period_count, number);
+        }
+        refused(config, &audio_config_t::sample_rate, -1);
+        refused(config, &audio_config_t::sample_rate, 1 << 30);
+    }
+    refused(playback_, &audio_config_t::sample_rate, 0);
+    refused(playback_, &audio_config_t::output_fmt, static_cast<int>(E_AUDIO_IO_FORMAT_MAX));
+    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    refused(capture_, &audio_config_t::channels, 1); // a burst's words come in pairs
+    EXPECT_EQ(aio_device_open(&playback_), 0) << "as it was";
+}
+
 TEST_F(AioAlsaTest, ADeviceThatCannotGiveTheRateFailsToOpenAndSaysWhy)
 {
     playback_.pcm_name = capture_.pcm_name = "fixed44";

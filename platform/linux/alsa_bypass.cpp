@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "alsa_clock.h"
+#include "alsa_limits.h"
 #include "alsa_playback.h"
 #include "config.h"
 #include "iec958.h"
@@ -18,9 +19,6 @@ namespace
 constexpr int kPeriodCount = 8;
 /// Queued before the output starts; some 40 ms.
 constexpr int kStartPeriods = 2;
-constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// An output that fails again within this time of its opening is not looked for at once.
-constexpr int64_t kRelapseNs = kNsPerSecond;
 
 /**
  * The capture's clock and the output's are two. Where the queue grows or runs
@@ -30,8 +28,6 @@ constexpr int64_t kRelapseNs = kNsPerSecond;
  * differ by 0.4 % at a slip in each period.
  */
 constexpr int kSlipFrames = 4;
-/// An output that refuses what it was just mended for is not at work.
-constexpr int kMaxTroubles = 3;
 
 } // namespace
 
@@ -101,15 +97,17 @@ void Bypass::close_output()
 
 void Bypass::open_when_due()
 {
-    const int64_t now = now_ns();
-    if (device_ == E_AUDIO_IO_DEV_NONE || now < retry_ns_)
+    if (device_ == E_AUDIO_IO_DEV_NONE || now_ns() < retry_ns_)
         return;
     std::string why;
     const bool opened = pcm_.open(request_, &why) >= 0;
-    retry_ns_ = now + (opened ? kRelapseNs : kReopenPauseNs);
+    // From the end of an opening that took long: what is captured must be read meanwhile.
+    const int64_t now = now_ns();
+    retry_ns_ = now + kReopenPauseNs;
     if (!opened && !reported_)
         log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
     if (opened) {
+        back_ns_ = now;
         if (!pcm_.status_set() && !says_channel_status(request_.name))
             log_w("%s does not say that it carries coded data: the receiver must find out\n", request_.name.c_str());
         log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
@@ -190,6 +188,7 @@ bool Bypass::mend(int result, int troubles)
         return true;
     log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
     stats_.lost = reported_ = true;
+    retry_ns_ = retry_after_loss(now_ns(), back_ns_);
     close_output();
     return false;
 }

@@ -43,6 +43,7 @@ private:
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t back_ns_ GUARDED_BY(mutex_) = 0;   ///< when the output was last opened
     bool reported_ GUARDED_BY(mutex_) = false; ///< that the output is not there
     BurstFollower bursts_ GUARDED_BY(mutex_);
     std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);

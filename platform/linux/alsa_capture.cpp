@@ -23,11 +23,9 @@ namespace
 {
 
 constexpr int kDefaultRate = 48000;
+/// Bursts travel as stereo.
+constexpr int kBurstChannels = 2;
 
-/// Troubles of a device between two of its frames, each mended.
-constexpr int kMaxTroubles = 3;
-/// The longest wait without a look at the device's state; without a signal there may be no data for hours.
-constexpr int kLookMs = 100;
 /// Between two looks at how much silence is due.
 constexpr int kSilenceMs = 5;
 /// More than that is not made up for: nobody has read for so long, or the reopening has hung.
@@ -37,14 +35,12 @@ constexpr int kForwardPauseMs = 10;
 /// As urgent as the player's own reading, whose place it takes.
 constexpr int kForwardPriority = 99;
 
-constexpr int kClosed = -EBADFD;
+bool passes_bursts(const audio_config_t& config) { return config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW; }
 
 bool valid(const audio_config_t& config)
 {
-    return config.channels > 0 && config.channels <= kMaxChannels && config.sample_rate >= 0 &&
-           config.sample_rate <= kMaxRate && config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames &&
-           config.period_count > 0 && config.period_count <= kMaxPeriods && config.device_id >= E_AUDIO_IO_DEV_AUTO &&
-           config.device_id < E_AUDIO_IO_DEV_MAX;
+    return valid_request(config) && config.sample_rate >= 0 &&
+           (!passes_bursts(config) || config.channels == kBurstChannels);
 }
 
 PcmRequest request_for(const audio_config_t& config)
@@ -78,7 +74,7 @@ int Capture::open(const audio_config_t& config)
 {
     if (!valid(config))
         return -EINVAL;
-    const bool to_raw = config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    const bool to_raw = passes_bursts(config);
     mutex_guard control(control_);
     const PcmRequest request = request_for(config);
     mutex_guard guard(mutex_);
@@ -199,7 +195,6 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         }
         const Trouble trouble = pcm_.trouble(result);
         if (trouble != Trouble::none) {
-            // A device that fails again at once is not at work.
             handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result);
         } else {
             gate_.wait(guard, &pcm_, kLookMs);
@@ -366,7 +361,7 @@ void Capture::lose(int err)
         note_silence(now);
     }
     state_ = State::lost;
-    retry_ns_ = now - back_ns_ < kRelapseNs ? now + kRelapsePauseNs : now;
+    retry_ns_ = retry_after_loss(now, back_ns_);
     pcm_.close();
 }
 

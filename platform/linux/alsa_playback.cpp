@@ -21,13 +21,6 @@ constexpr int kRingSeconds = 2;
 /// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
 /// seconds before its idle sink wakes up.
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
-/// The longest wait without a look at the device's state.
-constexpr int kLookMs = 100;
-
-/// Troubles of a device in the course of one block, each mended.
-constexpr int kMaxTroubles = 3;
-
-constexpr int kClosed = -EBADFD;
 /// The device is not asked.
 constexpr int kNoDelay = -ENODEV;
 
@@ -41,10 +34,7 @@ bool valid_output(int device_id, int output_fmt)
 
 bool valid(const audio_config_t& config)
 {
-    return valid_output(config.device_id, config.output_fmt) && config.channels > 0 &&
-           config.channels <= kMaxChannels && config.sample_rate > 0 && config.sample_rate <= kMaxRate &&
-           config.period_frames > 0 && config.period_frames <= kMaxPeriodFrames && config.period_count > 0 &&
-           config.period_count <= kMaxPeriods;
+    return valid_request(config) && valid_output(config.device_id, config.output_fmt) && config.sample_rate > 0;
 }
 
 } // namespace
@@ -232,7 +222,6 @@ void Playback::pump(int64_t now)
         const Trouble trouble = pcm_.trouble(result);
         if (trouble == Trouble::none)
             break;
-        // A device that is empty again at once is not at work.
         handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result, now);
     }
     if (state_ == State::working)
@@ -357,7 +346,7 @@ void Playback::give_up_pcm(State state, int64_t now)
     if (state_ == State::working)
         freeze_heard(now);
     state_ = state;
-    retry_ns_ = now - back_ns_ < kRelapseNs ? now + kRelapsePauseNs : now;
+    retry_ns_ = retry_after_loss(now, back_ns_);
     pcm_.close();
     volume_.detach();
 }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <map>
 
+#include "alsa_limits.h"
 #include "internal/common.h"
 #include "internal/locks.h"
 
@@ -26,7 +27,6 @@ constexpr char kCecVariable[] = "HDMIPLAYER_CEC_DEVICE";
 constexpr size_t kMaxFileBytes = 65536;
 constexpr int kMaxStartPeriods = 7; ///< of the player's eight
 constexpr int kMinPeriods = 2;
-constexpr int kMaxPeriods = 64; ///< more than a second
 
 struct DeviceName {
     audio_io_dev_e device;
