@@ -590,6 +590,19 @@ TEST(LinuxConfig, IsCheckedAgainstTheMachine)
                          path + ":3: cec: '/dev/nothing' is not there: No such file or directory\n");
     std::ofstream(path) << "i2s_txa = other\nspeaker = nowhere\n";
     EXPECT_TRUE(hdmi_linux::check_config(&error)) << "the environment names another speaker: " << error;
+    std::ofstream(path) << "headphone = other\nheadphone.mixer = Master\n"
+                           "i2s_txa = other\ni2s_txa.mixer = Digital\ni2s_txa.mixer_card = amplifier\n"
+                           "spdif.mixer_card = amplifier\nhdmi_arc.mixer_card = hw:9\nspeaker.mixer =\n";
+    EXPECT_FALSE(hdmi_linux::check_config(&error));
+    EXPECT_EQ(error, path + ":8: speaker.mixer: no value\n" + path +
+                         ":2: headphone.mixer: 'other' is on no card that could have it\n" + path +
+                         ":6: spdif.mixer_card: 'amplifier' has none of the usual volume controls\n" + path +
+                         ":7: hdmi_arc.mixer_card: 'hw:9' cannot be opened: No such file or directory (Invalid CTL "
+                         "hw:9)\n" +
+                         path + ":4: i2s_txa.mixer: 'amplifier' has no volume control 'Digital'\n");
+    std::ofstream(path) << "speaker.mixer_card = amplifier\nspeaker.mixer = Master\n"
+                           "headphone.mixer_card = amplifier\nspdif.mixer = none\n";
+    EXPECT_TRUE(hdmi_linux::check_config(&error)) << error;
     std::ofstream(path) << std::string(100000, '#');
     EXPECT_FALSE(hdmi_linux::check_config(nullptr)) << "too long to be one";
     std::filesystem::remove(path);
@@ -629,6 +642,50 @@ TEST_F(AioAlsaTest, VolumeAndMuteScaleTheSamplesWhereThereIsNoMixer)
     ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
 }
 
+// What the mixer that the platform sets says to others.
+struct MixerState {
+    long volume = -1;
+    int sounds = -1;
+};
+MixerState mixer_state()
+{
+    MixerState state;
+    hdmi_linux::AudioDeviceConfig config;
+    config.mixer = "Master";
+    hdmi_linux::Mixer mixer;
+    EXPECT_EQ(hdmi_linux::open_mixer("amplifier", &mixer), 0);
+    if (snd_mixer_elem_t* master = hdmi_linux::find_volume(mixer.get(), config, E_AUDIO_IO_DEV_SPEAKER)) {
+        snd_mixer_selem_get_playback_volume(master, SND_MIXER_SCHN_FRONT_LEFT, &state.volume);
+        snd_mixer_selem_get_playback_switch(master, SND_MIXER_SCHN_FRONT_LEFT, &state.sounds);
+    }
+    return state;
+}
+
+TEST_F(AioAlsaTest, VolumeAndMuteAreTheMixersWhereThereIsOne)
+{
+    const std::string path = g_server->folder() + "/linux.conf";
+    std::ofstream(path) << "speaker.mixer_card = amplifier\nspeaker.mixer = Master\n";
+    setenv("HDMIPLAYER_LINUX_CONFIG", path.c_str(), 1);
+    ASSERT_EQ(aio_device_set_volume(&playback_, 50), 0);
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    unsetenv("HDMIPLAYER_LINUX_CONFIG");
+    std::filesystem::remove(path);
+    EXPECT_EQ(mixer_state().volume, 32768) << "what was set before it was open";
+    ASSERT_EQ(aio_device_set_mute(&playback_, true), 0);
+    EXPECT_EQ(mixer_state().sounds, 0);
+    EXPECT_EQ(mixer_state().volume, 32768);
+    ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
+    EXPECT_EQ(mixer_state().sounds, 1);
+    ASSERT_EQ(aio_device_set_volume_direct(&playback_, 1000), 0) << "in its own units";
+    EXPECT_LT(aio_device_set_volume_direct(&playback_, 70000), 0);
+    EXPECT_EQ(mixer_state().volume, 1000);
+    ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
+    EXPECT_EQ(mixer_state().volume, 65536);
+    Recorder recorder("out_monitor");
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !stretches(recorder.left()).empty(); }))
+        << "not scaled";
+}
+
 TEST(AlsaVolume, AChangePassesEveryLevelBetween)
 {
     hdmi_linux::GainRamp ramp;
@@ -666,8 +723,8 @@ TEST(AlsaVolume, PercentIsEvenToTheEar)
 
 } // namespace
 
-// ALSA's names beside those of the server's sinks: a device of one rate, and a digital output whose subframes go to a
-// file.
+// ALSA's names beside those of the server's sinks: a device of one rate, a digital output whose subframes go to a
+// file, and the mixer of sink "out".
 std::string more_devices(const std::string& folder)
 {
     return "pcm.fixed44 { type plug slave { pcm { type null } rate 44100 } }\n"
@@ -683,7 +740,9 @@ std::string more_devices(const std::string& folder)
            folder +
            "/subframes\" slave.pcm { type null } } }\n"
            "    status [ $AES0 $AES1 $AES2 $AES3 ]\n"
-           "}\n";
+           "}\n"
+           "ctl.amplifier { type pulse server \"unix:" +
+           folder + "/native\" sink out }\n";
 }
 
 int main(int argc, char** argv)

@@ -9,6 +9,7 @@
 
 #include "aio_device.h"
 #include "alsa_pcm.h"
+#include "alsa_volume.h"
 #include "config.h"
 #include "hdmi_linux.h"
 
@@ -41,19 +42,66 @@ int first_capture_device_of(int card)
 
 bool is_capture(int device) { return device == E_AUDIO_IO_DEV_HDMI_IN || device == E_AUDIO_IO_DEV_MIC01; }
 
-// Why @p pcm cannot be opened at all; nothing when it can, or when it is only in use.
-std::string pcm_fault(const std::string& pcm, bool capture)
+std::string cannot_be_opened(const std::string& name, int err, const AlsaMessages& messages)
+{
+    return "'" + name + "' cannot be opened: " + snd_strerror(err) +
+           (messages.text().empty() ? "" : " (" + messages.text() + ")");
+}
+
+struct PcmLook {
+    bool opened = false;
+    int card = -1;     ///< as card_device()
+    std::string fault; ///< why it cannot be opened at all; nothing when it is only in use
+};
+
+PcmLook look_at_pcm(const std::string& pcm, bool capture)
 {
     const AlsaMessages messages;
     snd_pcm_t* handle = nullptr;
     const int err = snd_pcm_open(&handle, pcm.c_str(), capture ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK,
                                  SND_PCM_NONBLOCK);
-    if (err >= 0)
+    PcmLook look;
+    look.opened = err >= 0;
+    if (look.opened) {
+        look.card = card_device(handle).card;
         snd_pcm_close(handle);
-    if (err >= 0 || err == -EBUSY || err == -EAGAIN)
+    } else if (err != -EBUSY && err != -EAGAIN) {
+        look.fault = cannot_be_opened(pcm, err, messages);
+    }
+    return look;
+}
+
+// What is wrong with the mixer that is named for output @p device, as a line; nothing when it can be used, and when
+// its card cannot be told: the PCM is in use.
+std::string mixer_fault(const AudioDeviceConfig& audio, int device, const PcmLook& pcm)
+{
+    const std::string card = mixer_card(audio, pcm.card);
+    if (card.empty())
+        return pcm.opened ? audio.mixer_source + ": '" + audio.pcm + "' is on no card that could have it" : "";
+    const std::string& card_source = audio.mixer_card.empty() ? audio.mixer_source : audio.mixer_card_source;
+    const AlsaMessages messages;
+    Mixer mixer;
+    const int err = open_mixer(card, &mixer);
+    if (err < 0)
+        return card_source + ": " + cannot_be_opened(card, err, messages);
+    if (audio.mixer == kNoMixer || find_volume(mixer.get(), audio, device) != nullptr)
         return {};
-    return "'" + pcm + "' cannot be opened: " + snd_strerror(err) +
-           (messages.text().empty() ? "" : " (" + messages.text() + ")");
+    if (audio.mixer.empty())
+        return card_source + ": '" + card + "' has none of the usual volume controls";
+    return audio.mixer_source + ": '" + card + "' has no volume control '" + audio.mixer + "'";
+}
+
+void check_device(const AudioDeviceConfig& audio, int device, std::vector<std::string>* errors)
+{
+    const bool names_mixer = (!audio.mixer.empty() && audio.mixer != kNoMixer) || !audio.mixer_card.empty();
+    if (audio.pcm_source.empty() && !names_mixer)
+        return;
+    const PcmLook pcm = look_at_pcm(audio.pcm, is_capture(device));
+    if (!audio.pcm_source.empty() && !pcm.fault.empty())
+        errors->push_back(audio.pcm_source + ": " + pcm.fault);
+    std::string fault;
+    if (names_mixer && !(fault = mixer_fault(audio, device, pcm)).empty())
+        errors->push_back(std::move(fault));
 }
 
 } // namespace
@@ -74,12 +122,8 @@ bool check_config(std::string* error)
     std::vector<std::string> errors;
     const Config config = load_config(&errors);
     // AUTO repeats the speaker.
-    for (int device = E_AUDIO_IO_DEV_SPEAKER; device < E_AUDIO_IO_DEV_MAX; ++device) {
-        const AudioDeviceConfig& audio = config.audio[device];
-        const std::string fault = audio.pcm_source.empty() ? "" : pcm_fault(audio.pcm, is_capture(device));
-        if (!fault.empty())
-            errors.push_back(audio.pcm_source + ": " + fault);
-    }
+    for (int device = E_AUDIO_IO_DEV_SPEAKER; device < E_AUDIO_IO_DEV_MAX; ++device)
+        check_device(config.audio[device], device, &errors);
     if (!config.cec_source.empty() && config.cec != "none" && access(config.cec.c_str(), F_OK) != 0)
         errors.push_back(config.cec_source + ": '" + config.cec + "' is not there: " + strerror(errno));
     std::string text;

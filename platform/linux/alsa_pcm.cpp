@@ -99,9 +99,9 @@ int Pcm::open(const PcmRequest& request, std::string* why)
         *why = std::string(snd_strerror(err)) + (messages.text().empty() ? "" : " (" + messages.text() + ")");
     else {
         handle_.reset(handle);
-        identify();
+        place_ = card_device(handle);
         // Drivers look at it when the hardware is configured.
-        status_set_ = request.status && set_status_control(card_, device_, *request.status);
+        status_set_ = request.status && set_status_control(card(), device(), *request.status);
         err = configure(request, why);
     }
     if (err < 0)
@@ -207,18 +207,14 @@ void Pcm::set_start_frames(int frames)
         snd_pcm_sw_params(handle_.get(), params.native);
 }
 
-void Pcm::identify()
+CardDevice card_device(snd_pcm_t* pcm)
 {
     snd_pcm_info_t* info = nullptr;
-    card_ = device_ = -1;
-    if (snd_pcm_info_malloc(&info) < 0)
-        return;
+    snd_pcm_info_alloca(&info);
     const AlsaMessages messages;
-    if (snd_pcm_info(handle_.get(), info) >= 0 && snd_pcm_info_get_card(info) >= 0) {
-        card_ = snd_pcm_info_get_card(info);
-        device_ = static_cast<int>(snd_pcm_info_get_device(info));
-    }
-    snd_pcm_info_free(info);
+    if (snd_pcm_info(pcm, info) < 0 || snd_pcm_info_get_card(info) < 0)
+        return {};
+    return {snd_pcm_info_get_card(info), static_cast<int>(snd_pcm_info_get_device(info))};
 }
 
 // --- Transfer -------------------------------------------------------------------

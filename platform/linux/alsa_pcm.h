@@ -53,6 +53,13 @@ enum class Trouble {
     lost,      ///< only a new opening can mend it
 };
 
+/// Where the kernel has a PCM; -1: it is no card's, such as a sound server's.
+struct CardDevice {
+    int card = -1;
+    int device = -1;
+};
+CardDevice card_device(snd_pcm_t* pcm);
+
 class Pcm
 {
 public:
@@ -88,9 +95,9 @@ public:
 
     int period_frames() const { return period_frames_; }
     int buffer_frames() const { return buffer_frames_; }
-    /// The kernel's numbers of the card and its device; -1: none, such as a sound server.
-    int card() const { return card_; }
-    int device() const { return device_; }
+    /// The kernel's numbers, as card_device().
+    int card() const { return place_.card; }
+    int device() const { return place_.device; }
     /// Whether the card has a control that says the request's channel status.
     bool status_set() const { return status_set_; }
 
@@ -101,14 +108,12 @@ private:
     int set_hardware(const PcmRequest& request, std::string* why);
     int set_software(const PcmRequest& request);
     int configure(const PcmRequest& request, std::string* why);
-    void identify();
 
     std::unique_ptr<snd_pcm_t, Closer> handle_;
     bool capture_ = false;
     int period_frames_ = 0;
     int buffer_frames_ = 0;
-    int card_ = -1;
-    int device_ = -1;
+    CardDevice place_;
     bool status_set_ = false;
 };
 

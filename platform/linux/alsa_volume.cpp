@@ -109,18 +109,53 @@ void GainRamp::apply(const uint8_t* from, int16_t* to, int frames, int channels)
 
 // --- Mixer ----------------------------------------------------------------------
 
+// A sound server's mixer is everybody's: it is used when the configuration names it, not by itself.
+std::string mixer_card(const AudioDeviceConfig& config, int card)
+{
+    if (!config.mixer_card.empty())
+        return config.mixer_card;
+    return card >= 0 ? "hw:" + std::to_string(card) : std::string();
+}
+
+int open_mixer(const std::string& card, Mixer* mixer)
+{
+    snd_mixer_t* native = nullptr;
+    int err = snd_mixer_open(&native, 0);
+    if (err < 0)
+        return err;
+    mixer->reset(native);
+    if ((err = snd_mixer_attach(native, card.c_str())) < 0 ||
+        (err = snd_mixer_selem_register(native, nullptr, nullptr)) < 0 || (err = snd_mixer_load(native)) < 0)
+        mixer->reset();
+    return err;
+}
+
+snd_mixer_elem_t* find_volume(snd_mixer_t* mixer, const AudioDeviceConfig& config, int device)
+{
+    if (!config.mixer.empty())
+        return find_named(mixer, config.mixer.c_str());
+    for (const Candidates& candidates : kCandidates) {
+        if (candidates.device != device)
+            continue;
+        for (const char* name : candidates.elements)
+            if (snd_mixer_elem_t* elem = find_named(mixer, name))
+                return elem;
+    }
+    return nullptr;
+}
+
 void Volume::attach(const AudioDeviceConfig& config, int device, int card)
 {
     mixer_.reset();
     element_ = nullptr;
     const AlsaMessages messages;
-    // A sound server's mixer is everybody's: it is used when the configuration names it, not by itself.
-    const std::string control = !config.mixer_card.empty() ? config.mixer_card
-                                : card >= 0                ? "hw:" + std::to_string(card)
-                                                           : std::string();
-    if (config.mixer != "none" && !control.empty() && open_mixer(control))
-        element_ = find_element(config, device);
-    if (element_ == nullptr && (!config.mixer_card.empty() || (!config.mixer.empty() && config.mixer != "none")))
+    const std::string control = mixer_card(config, card);
+    const bool wanted = config.mixer != kNoMixer;
+    if (wanted && !control.empty() && open_mixer(control, &mixer_) >= 0)
+        element_ = find_volume(mixer_.get(), config, device);
+    if (element_ == nullptr)
+        mixer_.reset();
+    if (element_ == nullptr && wanted && (!config.mixer_card.empty() || !config.mixer.empty()))
         log_w("%s: no volume control '%s' on '%s', the samples are scaled instead\n", device_key(device),
               config.mixer.c_str(), control.c_str());
     std::string identity;
@@ -150,30 +185,6 @@ void Volume::catch_up()
     // What others set meanwhile: a value that seems to be there already is not written.
     if (mixer_ != nullptr)
         snd_mixer_handle_events(mixer_.get());
-}
-
-bool Volume::open_mixer(const std::string& card)
-{
-    snd_mixer_t* mixer = nullptr;
-    if (snd_mixer_open(&mixer, 0) < 0)
-        return false;
-    mixer_.reset(mixer);
-    return snd_mixer_attach(mixer, card.c_str()) >= 0 && snd_mixer_selem_register(mixer, nullptr, nullptr) >= 0 &&
-           snd_mixer_load(mixer) >= 0;
-}
-
-snd_mixer_elem_t* Volume::find_element(const AudioDeviceConfig& config, int device)
-{
-    if (!config.mixer.empty())
-        return find_named(mixer_.get(), config.mixer.c_str());
-    for (const Candidates& candidates : kCandidates) {
-        if (candidates.device != device)
-            continue;
-        for (const char* name : candidates.elements)
-            if (snd_mixer_elem_t* elem = find_named(mixer_.get(), name))
-                return elem;
-    }
-    return nullptr;
 }
 
 int Volume::set_percent(int percent)

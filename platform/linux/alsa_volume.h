@@ -41,6 +41,18 @@ private:
     float target_ = 1.0f;
 };
 
+struct MixerCloser {
+    void operator()(snd_mixer_t* mixer) const { snd_mixer_close(mixer); }
+};
+using Mixer = std::unique_ptr<snd_mixer_t, MixerCloser>;
+
+/// Which control device has the mixer of an output whose PCM is on @p card, -1: on none. Empty: there is none.
+std::string mixer_card(const AudioDeviceConfig& config, int card);
+/// @return 0, or an error code: then @p mixer is empty.
+int open_mixer(const std::string& card, Mixer* mixer);
+/// The volume control of output @p device: the one that @p config names, or the usual one; null: there is none.
+snd_mixer_elem_t* find_volume(snd_mixer_t* mixer, const AudioDeviceConfig& config, int device);
+
 /// The volume that the player wants, carried out on whatever output is in use. Not for two threads at a time.
 class Volume
 {
@@ -60,18 +72,13 @@ public:
     float software_gain() const;
 
 private:
-    struct Closer {
-        void operator()(snd_mixer_t* mixer) const { snd_mixer_close(mixer); }
-    };
     enum class Kind { unset, percent, direct };
 
-    bool open_mixer(const std::string& card);
-    snd_mixer_elem_t* find_element(const AudioDeviceConfig& config, int device);
     void catch_up();
     int apply_volume();
     int apply_mute();
 
-    std::unique_ptr<snd_mixer_t, Closer> mixer_;
+    Mixer mixer_;
     snd_mixer_elem_t* element_ = nullptr; ///< of mixer_; null: the samples are scaled
     std::string identity_;                ///< of the element, for messages and to see that it is another one
     bool fresh_ = false;                  ///< nothing was set on it since it came back

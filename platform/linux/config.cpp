@@ -102,16 +102,19 @@ std::string set_raw_output(std::string_view value, Config* config)
 
 constexpr char kUnknownKey[] = "unknown key";
 
-std::string set_device_detail(const DeviceName& name, std::string_view detail, std::string_view value, Config* config)
+std::string set_device_detail(const DeviceName& name, std::string_view detail, std::string_view value,
+                              const std::string& source, Config* config)
 {
     AudioDeviceConfig& device = config->audio[name.device];
     if (detail == "resample")
         return set_yes_no(value, &device.resample);
     if (detail == "periods")
         return set_number(value, kMinPeriods, kMaxPeriods, &device.periods);
-    if (captures(name.device) || (detail != "mixer" && detail != "mixer_card"))
+    const bool names_card = detail == "mixer_card";
+    if (captures(name.device) || (detail != "mixer" && !names_card))
         return kUnknownKey;
-    (detail == "mixer" ? device.mixer : device.mixer_card) = value;
+    (names_card ? device.mixer_card : device.mixer) = value;
+    (names_card ? device.mixer_card_source : device.mixer_source) = source;
     return {};
 }
 
@@ -132,7 +135,7 @@ std::string set_key(std::string_view key, std::string_view value, const std::str
     if (name == nullptr)
         return kUnknownKey;
     if (dot != std::string_view::npos)
-        return set_device_detail(*name, key.substr(dot + 1), value, config);
+        return set_device_detail(*name, key.substr(dot + 1), value, source, config);
     config->audio[name->device].pcm = value;
     config->audio[name->device].pcm_source = source;
     return {};
@@ -189,8 +192,10 @@ void apply_environment(Config* config)
 
 Config::Config()
 {
-    for (AudioDeviceConfig& device : audio)
-        device = {"default", "", "", "", true, 0};
+    for (AudioDeviceConfig& device : audio) {
+        device.pcm = "default";
+        device.resample = true;
+    }
     audio[E_AUDIO_IO_DEV_SPDIF].pcm = "iec958";
     audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm = "hdmi";
     audio[E_AUDIO_IO_DEV_HDMI_IN].pcm.clear();

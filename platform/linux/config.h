@@ -19,13 +19,16 @@ namespace hdmi_linux
 {
 
 struct AudioDeviceConfig {
-    std::string pcm;        ///< ALSA's name; empty: the first capture device of the machine
-    std::string pcm_source; ///< what named it, for messages: "file:line: key" or a variable; empty: the default
-    std::string mixer;      ///< simple mixer element; empty: the usual one, "none": scale the samples
-    std::string mixer_card; ///< control device of the mixer; empty: the PCM's card
-    bool resample = false;  ///< the PCM may convert the rate
-    int periods = 0;        ///< of its buffer; 0: as many as the player asks for
+    std::string pcm;               ///< ALSA's name; empty: the first capture device of the machine
+    std::string pcm_source;        ///< what named it, for messages: "file:line: key" or a variable; empty: the default
+    std::string mixer;             ///< simple mixer element; empty: the usual one, kNoMixer: scale the samples
+    std::string mixer_source;      ///< as pcm_source
+    std::string mixer_card;        ///< control device of the mixer; empty: the PCM's card
+    std::string mixer_card_source; ///< as pcm_source
+    bool resample = false;         ///< the PCM may convert the rate
+    int periods = 0;               ///< of its buffer; 0: as many as the player asks for
 };
+constexpr char kNoMixer[] = "none";
 
 struct Config {
     Config();

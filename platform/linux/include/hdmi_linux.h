@@ -22,8 +22,8 @@ namespace hdmi_linux
 
 /**
  * Whether the configuration can be used as it is: no unknown key, no value of
- * a wrong type, every device that it names is there. A device that is busy is
- * there. Opens the named devices for a moment.
+ * a wrong type, every device, mixer and mixer control that it names is there.
+ * A device that is busy is there. Opens the named devices for a moment.
  *
  * The devices themselves are more lenient: a line at fault counts as missing,
  * and they say so in one message. A program with a user in front of it calls
