@@ -382,6 +382,9 @@ TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
     EXPECT_EQ("05:c3", bus.said());
     bus.hear(kAddressReport);
     EXPECT_EQ("", bus.said()) << "once for each time";
+    bus = at(kTerminated);
+    bus.arc.open(bus.now);
+    EXPECT_EQ("05:c3", bus.said()) << "the host may ask again";
 }
 
 TEST(CecArc, ClosesWithinItsTime)
@@ -418,6 +421,24 @@ TEST(CecArc, ClosesWithinItsTime)
     faster.hear("50:c5");
     EXPECT_EQ("05:c2", faster.said());
     EXPECT_TRUE(faster.arc.closed());
+    bus = at(kActive); // A disturbed bus: again, while there is time.
+    bus.arc.close(bus.now);
+    EXPECT_EQ("05:c4", bus.said(Delivery::failed));
+    EXPECT_FALSE(bus.arc.closed());
+    EXPECT_EQ("", bus.said()) << "not at once";
+    Bus disturbed = bus;
+    bus.pass_to_deadline();
+    EXPECT_EQ("05:c4", bus.said());
+    bus.hear("50:c5");
+    EXPECT_EQ("05:c2", bus.said());
+    EXPECT_TRUE(bus.arc.closed());
+    const int64_t end = disturbed.now + TvSide::kCloseMs;
+    while (!disturbed.arc.closed() && disturbed.now <= end) {
+        disturbed.pass_to_deadline();
+        disturbed.said(Delivery::failed);
+    }
+    EXPECT_TRUE(disturbed.arc.closed());
+    EXPECT_EQ(end, disturbed.now);
     bus = at(kRequesting); // What was asked for is taken back.
     bus.arc.close(bus.now);
     EXPECT_EQ("05:c4", bus.said(Delivery::not_acknowledged));
@@ -437,8 +458,8 @@ TEST(CecArc, AnswersOthersOnlyWhereNobodyElseDoes)
         alone.hear(message);
         shared.hear(message);
     }
-    EXPECT_EQ("04:00:8f:00 08:00:89:00 05:00:ff:00", alone.said());
-    EXPECT_EQ(3, alone.arc.refusals());
+    EXPECT_EQ("04:00:8f:00 08:00:89:00 05:00:ff:00 04:00:44:00", alone.said());
+    EXPECT_EQ(4, alone.arc.refusals());
     EXPECT_EQ("", shared.said());
 }
 
@@ -574,6 +595,7 @@ public:
 
     std::vector<std::string> devices() override
     {
+        std::lock_guard<std::mutex> lock(mutex_);
         std::vector<std::string> paths;
         for (const FakeAdapter& adapter : adapters)
             paths.push_back(adapter.path);
@@ -582,6 +604,7 @@ public:
     int open(const char* path) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        ++opened_;
         const auto found =
             std::find_if(adapters.begin(), adapters.end(), [&](const auto& a) { return a.path == path; });
         const int error = found == adapters.end() || gone_ ? ENOENT : found->open_error;
@@ -622,8 +645,20 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex_);
         claiming_ = false;
-        current_->logical.log_addr_mask = CEC_LOG_ADDR_MASK_TV;
+        current_->logical.log_addr_mask = claimed_mask;
         post_state(0);
+    }
+    void move_to(uint16_t physical_address)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        current_->physical_address = physical_address;
+        current_->logical.log_addr_mask = claimed_mask;
+        post_state(0);
+    }
+    int64_t opened()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return opened_;
     }
     void post(const std::string& text)
     {
@@ -637,6 +672,25 @@ public:
     }
 
     std::vector<FakeAdapter> adapters;
+    bool lock(int fd) override
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        EXPECT_EQ(fd_, fd);
+        return !locked_by_another;
+    }
+    bool is_listening()
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return (mode_ & CEC_MODE_FOLLOWER_MSK) == CEC_MODE_FOLLOWER;
+    }
+    void set_adapter(const FakeAdapter& adapter)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        adapters[0] = adapter;
+    }
+
+    bool locked_by_another = false;
+    uint16_t claimed_mask = CEC_LOG_ADDR_MASK_TV;
     bool claims_at_once = true;
     bool tells_fates = true;
     int transmit_error = 0;
@@ -687,7 +741,7 @@ private:
             return EBUSY;
         current_->logical = wanted;
         claiming_ = wanted.num_log_addrs != 0 && !claims_at_once;
-        current_->logical.log_addr_mask = wanted.num_log_addrs != 0 && claims_at_once ? CEC_LOG_ADDR_MASK_TV : 0;
+        current_->logical.log_addr_mask = wanted.num_log_addrs != 0 && claims_at_once ? claimed_mask : 0;
         post_state(0);
         return 0;
     }
@@ -721,7 +775,7 @@ private:
             post_state(0);
             return 0;
         case CEC_ADAP_S_LOG_ADDRS: return set_addresses(*static_cast<const cec_log_addrs*>(argument));
-        case CEC_S_MODE: return 0;
+        case CEC_S_MODE: mode_ = *static_cast<uint32_t*>(argument); return 0;
         case CEC_TRANSMIT: return transmit(static_cast<cec_msg*>(argument));
         case CEC_DQEVENT: return take(&events_, argument);
         case CEC_RECEIVE: {
@@ -739,9 +793,11 @@ private:
     std::mutex mutex_;
     FakeAdapter* current_ = nullptr;
     int fd_ = -1;
+    uint32_t mode_ = 0;
     bool gone_ = false;
     bool claiming_ = false;
     uint32_t sequence_ = 0;
+    int64_t opened_ = 0;
     std::vector<cec_event> events_;
     std::vector<cec_msg> inbox_;
 };
@@ -898,7 +954,7 @@ TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
         kernel.set_gone(true);
         ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
         EXPECT_EQ(ArcState::idle, link.stats().arc);
-        kernel.adapters[0].logical = {};
+        kernel.set_adapter(FakeAdapter());
         kernel.set_gone(false);
     }
     ASSERT_TRUE(comes_true([&] { return link.stats().activations == 3; }));
@@ -906,6 +962,87 @@ TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
     ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
     link.stop();
     EXPECT_FALSE(kernel.is_open());
+}
+
+// Another device of that number has come meanwhile: it is left alone until a TV's is there, whatever its number.
+TEST(CecLink, ChoosesAgainAfterAnUnplug)
+{
+    FakeKernel kernel;
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("", "", false));
+    link.open_arc();
+    ASSERT_TRUE(reaches(link, ArcState::active));
+    kernel.set_gone(true);
+    ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
+    kernel.set_adapter(used_as(CEC_LOG_ADDR_TYPE_PLAYBACK));
+    kernel.set_gone(false);
+    const int64_t looks = kernel.opened();
+    ASSERT_TRUE(comes_true([&] { return kernel.opened() > looks + 1; }));
+    EXPECT_TRUE(link.stats().lost);
+    FakeAdapter elsewhere;
+    elsewhere.path = "/dev/cec3";
+    kernel.set_adapter(elsewhere);
+    ASSERT_TRUE(comes_true([&] { return link.stats().activations == 2; }));
+    EXPECT_EQ("/dev/cec3", link.stats().device);
+    link.stop();
+    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+}
+
+TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
+{
+    for (const bool lives : {false, true}) {
+        FakeAdapter left = used_as(CEC_LOG_ADDR_TYPE_TV);
+        strcpy(left.logical.osd_name, "hdmiplayer");
+        FakeKernel kernel({left});
+        kernel.locked_by_another = lives;
+        CecLink link(&kernel);
+        ASSERT_EQ(0, link.start("", "", false));
+        link.open_arc();
+        EXPECT_TRUE(reaches(link, ArcState::active));
+        link.stop();
+        EXPECT_EQ(lives ? 1 : 0, kernel.adapters[0].logical.num_log_addrs);
+    }
+}
+
+TEST(CecLink, SaysWhyAnAdapterIsOfNoUse)
+{
+    struct Case {
+        uint16_t physical_address, claimed_mask;
+        const char* note;
+        bool listens;
+    };
+    for (const Case& c : {Case{CEC_PHYS_ADDR_INVALID, 0, "no CEC link", true},
+                          Case{0x1230, CEC_LOG_ADDR_MASK_SPECIFIC, "/dev/cec0 is at 1.2.3.0, no TV's place", false},
+                          Case{kRoot, CEC_LOG_ADDR_MASK_SPECIFIC, "another TV has the CEC address 0", false}}) {
+        FakeKernel kernel;
+        kernel.adapters[0].physical_address = c.physical_address;
+        kernel.claimed_mask = c.claimed_mask;
+        CecLink link(&kernel);
+        ASSERT_EQ(0, link.start("/dev/cec0", "", false));
+        link.open_arc();
+        EXPECT_TRUE(comes_true([&] { return link.stats().note.find(c.note) == 0; })) << link.stats().note;
+        EXPECT_TRUE(comes_true([&] { return kernel.is_listening() == c.listens; })) << c.note;
+        EXPECT_EQ(ArcState::idle, link.stats().arc);
+        kernel.claimed_mask = CEC_LOG_ADDR_MASK_TV;
+        kernel.move_to(kRoot);
+        EXPECT_TRUE(reaches(link, ArcState::active)) << c.note;
+        EXPECT_TRUE(kernel.is_listening());
+        link.stop();
+    }
+}
+
+TEST(CecLink, GivesTheFormerPhysicalAddressBack)
+{
+    FakeKernel kernel;
+    kernel.adapters[0].capabilities |= CEC_CAP_PHYS_ADDR;
+    kernel.adapters[0].physical_address = 0x1000;
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("/dev/cec0", "", true));
+    link.open_arc();
+    EXPECT_TRUE(reaches(link, ArcState::active));
+    EXPECT_EQ(kRoot, link.stats().physical_address);
+    link.stop();
+    EXPECT_EQ(0x1000, kernel.adapters[0].physical_address);
 }
 
 TEST(CecLink, EndsInTimeWhenNobodyAnswers)

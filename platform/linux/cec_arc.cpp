@@ -15,6 +15,8 @@ constexpr int64_t kDeliveryMs = 5000;
 /// An audio system that is just being switched on takes some seconds.
 constexpr int kAttempts = 3;
 constexpr int64_t kFirstPauseMs = 1000; ///< doubled for each further one
+/// Between two attempts to end the channel on a bus that is disturbed, or beside a program that is busy.
+constexpr int64_t kClosePauseMs = 200;
 
 /// Answers that wait for the bus. It carries some twenty messages a second: who asks faster is not answered.
 constexpr size_t kOutboxMax = 16;
@@ -78,10 +80,10 @@ void TvSide::detach()
 
 void TvSide::open(int64_t now)
 {
-    if (wanted_ || in_close())
+    if (in_close())
         return;
     wanted_ = true;
-    if (phase_ == Phase::quiet)
+    if (phase_ == Phase::quiet || phase_ == Phase::terminated)
         begin(now);
 }
 
@@ -98,7 +100,13 @@ void TvSide::close(int64_t now)
         enter(Phase::closed);
         return;
     }
-    enter(Phase::closing, now + kCloseMs);
+    close_deadline_ = now + kCloseMs;
+    request_end();
+}
+
+void TvSide::request_end()
+{
+    enter(Phase::closing, close_deadline_);
     send(Message(kAudioSystem, kRequestArcTermination));
 }
 
@@ -128,8 +136,7 @@ void TvSide::received(const uint8_t* bytes, size_t length, int64_t now)
     case kReportArcTerminated:
     case kRequestArcInitiation:
     case kRequestArcTermination: refuse(from, opcode, kUnrecognizedOpcode); return;
-    case kUserControlPressed:
-    case kUserControlReleased: return; // The kernel's business: it may pass them on as keys.
+    case kUserControlReleased: return; // Of a key whose press was answered.
     default:
         if (only_follower_)
             refuse(from, opcode, kUnrecognizedOpcode);
@@ -142,9 +149,9 @@ void TvSide::arc_message(uint8_t from, Opcode opcode, size_t length, int64_t now
         refuse(from, opcode, kRefused);
     else if (length != 2)
         refuse(from, opcode, kInvalidOperand);
-    else if (phase_ == Phase::closing && opcode == kTerminateArc) {
+    else if ((phase_ == Phase::closing || phase_ == Phase::closing_pausing) && opcode == kTerminateArc) {
         forget_requests();
-        enter(Phase::closing_confirmed, phase_deadline_);
+        enter(Phase::closing_confirmed, close_deadline_);
         send(Message(kAudioSystem, kReportArcTerminated));
     } else if (!wanted_)
         refuse(from, opcode, kIncorrectMode);
@@ -229,8 +236,10 @@ void TvSide::delivered(const Message& message, Delivery delivery, int64_t now)
         }
         return;
     case kRequestArcTermination:
-        if (phase_ == Phase::closing && !arrived)
+        if (phase_ == Phase::closing && delivery == Delivery::not_acknowledged)
             enter(Phase::closed);
+        else if (phase_ == Phase::closing && delivery == Delivery::failed)
+            enter(Phase::closing_pausing, std::min(now + kClosePauseMs, close_deadline_));
         return;
     case kReportArcTerminated:
         if (phase_ == Phase::closing_confirmed)
@@ -248,6 +257,12 @@ void TvSide::elapsed(int64_t now)
         return;
     switch (phase_) {
     case Phase::pausing: attempt(now); return;
+    case Phase::closing_pausing:
+        if (now < close_deadline_)
+            request_end();
+        else
+            enter(Phase::closed);
+        return;
     case Phase::closing:
     case Phase::closing_confirmed: enter(Phase::closed); return;
     default: attempt_failed(Notice::no_answer, now); return; // requesting, confirming: no other has a deadline
@@ -347,7 +362,8 @@ bool TvSide::in_attempt() const
 
 bool TvSide::in_close() const
 {
-    return phase_ == Phase::closing || phase_ == Phase::closing_confirmed || phase_ == Phase::closed;
+    return phase_ == Phase::closing || phase_ == Phase::closing_pausing || phase_ == Phase::closing_confirmed ||
+           phase_ == Phase::closed;
 }
 
 void TvSide::forget_requests()
@@ -400,6 +416,7 @@ State TvSide::state() const
     case Phase::active: return State::active;
     case Phase::terminated: return State::terminated;
     case Phase::closing:
+    case Phase::closing_pausing:
     case Phase::closing_confirmed:
     case Phase::closed: return was_active_ ? State::terminated : State::idle;
     default: return State::idle;

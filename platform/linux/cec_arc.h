@@ -33,7 +33,6 @@ enum LogicalAddress : uint8_t { kTv = 0, kAudioSystem = 5, kUnregistered = 15, k
 
 enum Opcode : uint8_t {
     kFeatureAbort = 0x00,
-    kUserControlPressed = 0x44,
     kUserControlReleased = 0x45,
     kGivePhysicalAddress = 0x83,
     kReportPhysicalAddress = 0x84,
@@ -98,7 +97,8 @@ public:
     /// The adapter has lost its address: the cable is out, or somebody took it.
     void detach();
 
-    /// Opens the channel, now or as soon as it can be; again whenever an audio system appears.
+    /// Opens the channel, now or as soon as it can be; again whenever an audio system appears. Called again, it asks
+    /// once more where the attempts are over or the audio system closed the channel.
     void open(int64_t now);
     /// Closes it. Lasts at most kCloseMs; see closed().
     void close(int64_t now);
@@ -131,6 +131,7 @@ private:
         active,
         terminated,
         closing,
+        closing_pausing,
         closing_confirmed,
         closed
     };
@@ -138,6 +139,7 @@ private:
     void begin(int64_t now);
     void attempt(int64_t now);
     void request(int64_t now);
+    void request_end();
     void attempt_failed(Notice cause, int64_t now);
     void give_up(Notice cause);
     void ask_address(int64_t now);
@@ -156,6 +158,7 @@ private:
 
     Phase phase_ = Phase::detached;
     int64_t phase_deadline_ = kNever;
+    int64_t close_deadline_ = kNever;
     bool wanted_ = false;
     bool was_active_ = false;
     bool granted_ = false; ///< the audio system opened the channel, and nobody has closed it since

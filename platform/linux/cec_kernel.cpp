@@ -6,6 +6,7 @@
 #include <grp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -95,7 +96,7 @@ bool configured_here(const cec_log_addrs& logical)
            strncmp(logical.osd_name, kOsdName, sizeof(logical.osd_name)) == 0;
 }
 
-Fitness fitness(const CecAdapter& adapter)
+Fitness unasked_fitness(const CecAdapter& adapter)
 {
     if ((adapter.capabilities & CEC_CAP_TRANSMIT) == 0)
         return Fitness::unfit;
@@ -110,12 +111,9 @@ Fitness fitness(const CecAdapter& adapter)
 
 // @p meant: a user named this adapter, so that one that seems to be another device's will do, as long as nobody uses
 // it.
-Fitness fitness_of(CecSystem* system, int fd, bool meant)
+Fitness fitness(const CecAdapter& adapter, bool meant)
 {
-    CecAdapter adapter;
-    if (!inspect(system, fd, &adapter))
-        return Fitness::unfit;
-    const Fitness fit = fitness(adapter);
+    const Fitness fit = unasked_fitness(adapter);
     constexpr uint32_t kNeeded = CEC_CAP_TRANSMIT | CEC_CAP_LOG_ADDRS;
     const bool usable = adapter.logical.num_log_addrs == 0 && (adapter.capabilities & kNeeded) == kNeeded;
     return meant && usable && fit == Fitness::unfit ? Fitness::unconnected : fit;
@@ -170,6 +168,14 @@ std::string cannot_open(const std::string& path, const std::string& source, int 
     return text + "; it is for group " + (found != nullptr ? found->gr_name : std::to_string(status.st_gid));
 }
 
+std::string physical(uint16_t address)
+{
+    std::string text;
+    for (int shift = 12; shift >= 0; shift -= 4)
+        text += (text.empty() ? "" : ".") + std::to_string(address >> shift & 0xF);
+    return text;
+}
+
 } // namespace
 
 std::vector<std::string> CecSystem::devices()
@@ -195,17 +201,20 @@ std::vector<std::string> CecSystem::devices()
 
 int CecSystem::open(const char* path) { return ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC); }
 void CecSystem::close(int fd) { ::close(fd); }
+bool CecSystem::lock(int fd) { return flock(fd, LOCK_EX | LOCK_NB) == 0; }
 int CecSystem::ioctl(int fd, unsigned long request, void* argument) { return ::ioctl(fd, request, argument); }
 
 int CecLink::start(const std::string& device, const std::string& source, bool load_edid)
 {
     if (running_)
         return -EALREADY;
+    device_ = device;
+    source_ = source;
     load_edid_ = load_edid;
     arc_wanted_ = false;
     stopping_ = false;
     physical_address_ = CEC_PHYS_ADDR_INVALID;
-    attached_ = configured_here_ = addressed_here_ = close_begun_ = busy_ = false;
+    attached_ = close_begun_ = busy_ = false;
     stop_deadline_ = reopen_at_ = cec_arc::kNever;
     in_flight_.reset();
     arc_ = cec_arc::TvSide();
@@ -214,7 +223,7 @@ int CecLink::start(const std::string& device, const std::string& source, bool lo
         stats_ = CecStats();
         log_.clear();
     }
-    if (const int result = take_adapter(device, source); result != 0)
+    if (const int result = take_adapter(); result != 0)
         return result;
     wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     int error = wake_ < 0 ? errno : 0;
@@ -282,38 +291,48 @@ std::vector<CecMessage> CecLink::messages() const
 
 // --- The adapter ------------------------------------------------------------
 
-int CecLink::take_adapter(const std::string& device, const std::string& source)
+int CecLink::take_adapter()
 {
     std::string refused;
+    int error = choose_adapter(&refused);
+    if (error == 0) {
+        error = open_adapter();
+        if (error == 0)
+            return 0;
+        refused = cannot_open(path_, source_, error);
+    }
+    say(refused + "; the audio return channel stays closed", true);
+    return -error;
+}
+
+// Sets path_ to the best adapter that may be taken. 0 or errno, then with what to say of it.
+int CecLink::choose_adapter(std::string* refused)
+{
     int error = ENODEV;
     Fitness best = Fitness::unfit;
-    std::vector<std::string> candidates(1, device);
-    if (device.empty())
+    std::vector<std::string> candidates(1, device_);
+    if (device_.empty())
         candidates = system_->devices();
     for (const std::string& path : candidates) {
         const int fd = system_->open(path.c_str());
         if (fd < 0) {
             error = errno;
-            refused = cannot_open(path, source, error);
+            *refused = cannot_open(path, source_, error);
             continue;
         }
-        const Fitness fit = fitness_of(system_, fd, !device.empty());
+        CecAdapter adapter;
+        const Fitness fit = inspect(system_, fd, &adapter) ? fitness(adapter, !device_.empty()) : Fitness::unfit;
         system_->close(fd);
         if (fit < best) {
             best = fit;
             path_ = path;
         }
     }
-    if (best != Fitness::unfit) {
-        error = open_adapter();
-        if (error == 0)
-            return 0;
-        refused = cannot_open(path_, source, error);
-    } else if (refused.empty()) {
-        refused = device.empty() ? "no CEC adapter of a TV" : named(device, source) + " is no CEC adapter of a TV";
-    }
-    say(refused + "; the audio return channel stays closed", true);
-    return -error;
+    if (best != Fitness::unfit)
+        return 0;
+    if (refused->empty())
+        *refused = device_.empty() ? "no CEC adapter of a TV" : named(device_, source_) + " is no CEC adapter of a TV";
+    return error;
 }
 
 // Opens the adapter of path_ and sets it up; waits for nothing. 0 or errno.
@@ -322,9 +341,13 @@ int CecLink::open_adapter()
     fd_ = system_->open(path_.c_str());
     if (fd_ < 0)
         return errno;
+    configured_here_ = listening_ = false;
+    former_address_.reset();
     CecAdapter adapter;
     uint32_t mode = CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER;
-    if (inspect(system_, fd_, &adapter) && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 && configure(adapter)) {
+    if (inspect(system_, fd_, &adapter) && is_fit(adapter) && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 &&
+        configure(adapter)) {
+        listening_ = true;
         mutex_guard guard(mutex_);
         stats_.device = path_;
         return 0;
@@ -334,19 +357,28 @@ int CecLink::open_adapter()
     return error;
 }
 
+// Another program may have taken it since it was chosen. Sets errno.
+bool CecLink::is_fit(const CecAdapter& adapter) const
+{
+    errno = ENODEV;
+    return fitness(adapter, !device_.empty()) != Fitness::unfit;
+}
+
 // A TV is the root of the addresses: where the driver does not know its place, it is 0.0.0.0. What another program has
-// configured stays as it is.
+// configured stays as it is; what a player left that did not come to its end is taken over: a living one has the lock.
 bool CecLink::configure(const CecAdapter& adapter)
 {
-    configured_here_ = addressed_here_ = false;
-    if (adapter.logical.num_log_addrs != 0)
+    const bool first = system_->lock(fd_);
+    if (adapter.logical.num_log_addrs != 0) {
+        configured_here_ = first && configured_here(adapter.logical);
         return true;
+    }
     uint16_t root = 0;
     if ((adapter.capabilities & CEC_CAP_PHYS_ADDR) != 0 && adapter.physical_address != root &&
         (load_edid_ || adapter.physical_address == CEC_PHYS_ADDR_INVALID)) {
         if (system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &root) != 0)
             return false;
-        addressed_here_ = true;
+        former_address_ = adapter.physical_address;
     }
     cec_log_addrs tv = tv_configuration();
     configured_here_ = system_->ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &tv) == 0;
@@ -369,9 +401,8 @@ void CecLink::give_back_adapter()
             break;
         ::poll(nullptr, 0, kClaimPollMs);
     }
-    uint16_t nowhere = CEC_PHYS_ADDR_INVALID;
-    if (addressed_here_ && system_->ioctl(fd_, CEC_ADAP_G_LOG_ADDRS, &logical) == 0 && logical.num_log_addrs == 0)
-        system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &nowhere);
+    if (former_address_ && system_->ioctl(fd_, CEC_ADAP_G_LOG_ADDRS, &logical) == 0 && logical.num_log_addrs == 0)
+        system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &*former_address_);
     system_->close(fd_);
     fd_ = -1;
     attached_ = false;
@@ -436,7 +467,7 @@ void CecLink::service(int64_t now)
         stop_deadline_ = now + cec_arc::TvSide::kCloseMs;
         arc_.close(now);
     }
-    if (arc_wanted_)
+    if (arc_wanted_.exchange(false))
         arc_.open(now);
     if (fd_ >= 0)
         read_events(now);
@@ -455,10 +486,12 @@ void CecLink::service(int64_t now)
 void CecLink::find_again(int64_t now)
 {
     reopen_at_ = now + kReopenMs;
-    if (open_adapter() != 0)
+    const std::string former = path_;
+    std::string refused;
+    if (choose_adapter(&refused) != 0 || open_adapter() != 0)
         return;
     reopen_at_ = cec_arc::kNever;
-    say(path_ + " is back", false);
+    say(path_ == former ? path_ + " is back" : path_ + " takes the place of " + former, false);
 }
 
 void CecLink::read_events(int64_t now)
@@ -476,13 +509,12 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
 {
     const cec_event_state_change& state = event.state_change;
     if (state.phys_addr == CEC_PHYS_ADDR_INVALID || !cec_has_tv(state.log_addr_mask)) {
-        if (attached_)
-            say("the CEC link is down", false);
-        else if (configured_here_ && state.log_addr_mask != 0 && !cec_has_tv(state.log_addr_mask))
-            say("another TV has the CEC address 0; the audio return channel stays closed", true);
+        explain(state);
         detach();
+        listen(state.log_addr_mask == 0);
         return;
     }
+    listen(true);
     const bool known = attached_ && physical_address_ == state.phys_addr;
     if (known && (event.flags & CEC_EVENT_FL_INITIAL_STATE) != 0)
         return;
@@ -493,6 +525,28 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
     const bool alone =
         configured_here_ && system_->ioctl(fd_, CEC_ADAP_G_LOG_ADDRS, &logical) == 0 && configured_here(logical);
     arc_.attach(physical_address_, alone, now);
+}
+
+// Why there is no audio return channel now. Without an address while one is claimed: that ends soon.
+void CecLink::explain(const cec_event_state_change& state)
+{
+    if (attached_)
+        say("the CEC link is down", false);
+    else if (state.phys_addr == CEC_PHYS_ADDR_INVALID)
+        say("no CEC link; the audio return channel waits for it", false);
+    else if (state.log_addr_mask != 0 && state.phys_addr != 0)
+        say(path_ + " is at " + physical(state.phys_addr) + ", no TV's place; the audio return channel stays closed",
+            true);
+    else if (state.log_addr_mask != 0)
+        say("another TV has the CEC address 0; the audio return channel stays closed", true);
+}
+
+// With an address that is not a TV's, nothing is listened to, so that the kernel answers what comes.
+void CecLink::listen(bool on)
+{
+    uint32_t mode = CEC_MODE_INITIATOR | (on ? CEC_MODE_FOLLOWER : CEC_MODE_NO_FOLLOWER);
+    if (on != listening_ && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0)
+        listening_ = on;
 }
 
 void CecLink::read_messages(int64_t now)

@@ -37,6 +37,8 @@ public:
     virtual std::vector<std::string> devices();
     virtual int open(const char* path);
     virtual void close(int fd);
+    /// Whether @p fd has the device's advisory lock now, until it is closed (flock(2)).
+    virtual bool lock(int fd);
     virtual int ioctl(int fd, unsigned long request, void* argument);
 };
 
@@ -83,9 +85,12 @@ private:
     void wake();
     void release();
 
-    int take_adapter(const std::string& device, const std::string& source);
+    int take_adapter();
+    int choose_adapter(std::string* refused);
     int open_adapter();
+    bool is_fit(const CecAdapter& adapter) const;
     bool configure(const CecAdapter& adapter);
+    void listen(bool on);
     void give_back_adapter();
     void lose_adapter();
     void find_again(int64_t now);
@@ -93,6 +98,7 @@ private:
 
     void read_events(int64_t now);
     void state_changed(const cec_event& event, int64_t now);
+    void explain(const cec_event_state_change& state);
     void read_messages(int64_t now);
     void handle(const cec_msg& message, int64_t now);
     void send_messages(int64_t now);
@@ -104,8 +110,9 @@ private:
     void say(const std::string& note, bool fault);
 
     CecSystem* const system_;
+    std::string device_; ///< the one that was asked for; empty: any
+    std::string source_;
     bool load_edid_ = false;
-    std::string path_;
     pthread_t thread_ = 0;
     int wake_ = -1;                    ///< eventfd
     std::atomic<bool> running_{false}; ///< between start() and stop(); set by the calling side
@@ -113,9 +120,11 @@ private:
     std::atomic<bool> stopping_{false};
 
     // Of the thread, from its start to its end.
+    std::string path_;
     int fd_ = -1;
+    bool listening_ = false; ///< receives messages; otherwise the kernel answers them
     bool configured_here_ = false;
-    bool addressed_here_ = false; ///< the physical address was set here
+    std::optional<uint16_t> former_address_; ///< the physical address was set here, and what it was before
     uint16_t physical_address_ = CEC_PHYS_ADDR_INVALID;
     bool attached_ = false;
     bool busy_ = false; ///< the last message was not taken: another program keeps the adapter busy
