@@ -90,10 +90,10 @@ namespace
 {
 
 /// Feeds a watch period by period, at the pace of @p link_rate.
-class Feeder
+template <typename Watch> class Feeder
 {
 public:
-    explicit Feeder(SignalWatch* watch) : m_watch(watch) {}
+    explicit Feeder(Watch* watch) : m_watch(watch) {}
 
     /// @p frames of noise; every @p burst frames (0: never) a preamble, and the burst's data type.
     void feed(int64_t frames, int64_t burst, int type, double link_rate = rate, int noise = 1000)
@@ -122,7 +122,7 @@ private:
         frame[1] = preamble ? int16_t{0x4E1F} : int16_t{6000};
     }
 
-    SignalWatch* m_watch;
+    Watch* m_watch;
     int64_t m_position = 0;
     int64_t m_now_ns = second;
     std::uniform_int_distribution<int64_t> m_late{0, 3 * ms};
@@ -180,6 +180,24 @@ TEST(SignalWatch, MeasuresThePaceThroughJitterAndPauses)
     watch.restart_pace();
     feeder.feed(6 * rate, 0, 0, 48000);
     EXPECT_NEAR(watch.link_rate(), 48000, 48000 * 0.002);
+}
+
+TEST(SharedWatch, ForgetsAtAChangeWhatWasMeasuredBeforeIt)
+{
+    SharedWatch watch;
+    Feeder feeder(&watch);
+    RateWatch rates;
+    feeder.feed(6 * rate, 0, 0, 44100);
+    EXPECT_NEAR(watch.evidence().link_rate, 44100, 44100 * 0.002);
+    watch.measure_anew();
+    EXPECT_EQ(rates.look({false, 48000}, watch.evidence()), "") << "nothing was captured since";
+    feeder.feed(rate, 0, 0, 48000);
+    EXPECT_EQ(rates.look({false, 48000}, watch.evidence()), "") << "too little was captured since";
+    feeder.feed(5 * rate, 0, 0, 48000);
+    EXPECT_NEAR(watch.evidence().link_rate, 48000, 48000 * 0.002);
+    EXPECT_EQ(watch.evidence().content, Content::pcm);
+    watch.opened();
+    EXPECT_EQ(watch.evidence().link_rate, 0) << "another stream";
 }
 
 TEST(DeriveState, PrefersControlsToMeasurementAndBothToWhatWasAnnounced)

@@ -95,7 +95,7 @@ void Announcer::listen(int rate)
         return;
     std::vector<int16_t> period(static_cast<size_t>(2 * pcm->period_frames()));
     int64_t deadline = hdmi_sim::now_ns() + listening_ns;
-    while (m_content == Content::unknown && hdmi_sim::now_ns() < deadline) {
+    while (m_watch.evidence().content == Content::unknown && hdmi_sim::now_ns() < deadline) {
         int got = pcm->read(period.data(), pcm->period_frames());
         if (got < 0)
             return;
@@ -103,21 +103,10 @@ void Announcer::listen(int rate)
     }
 }
 
-void Announcer::captured(const uint8_t* data, int bytes, int64_t now_ns)
-{
-    m_watch.feed(data, bytes, now_ns);
-    m_frames_per_sample = m_watch.frames_per_sample();
-    m_content = m_watch.content();
-    m_link_rate = m_watch.link_rate();
-}
-
 LinkEvidence Announcer::evidence() const
 {
-    LinkEvidence evidence;
+    LinkEvidence evidence = m_watch.evidence();
     evidence.control_rate = control_rate();
-    evidence.content = m_content;
-    evidence.frames_per_sample = m_frames_per_sample;
-    evidence.link_rate = m_link_rate;
     return evidence;
 }
 
@@ -135,6 +124,7 @@ int Announcer::control_rate() const
 void Announcer::note(const LinkState& state)
 {
     m_announced = state;
+    m_watch.measure_anew();
     m_history.push_back({hdmi_sim::now_ns(), state_text(state)});
 }
 

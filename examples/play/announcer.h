@@ -40,8 +40,8 @@ public:
     const std::vector<std::string>& rate_messages() const { return m_messages; }
 
 private:
-    void opened(const audio_config_t&) override { m_watch.restart_pace(); }
-    void captured(const uint8_t* data, int bytes, int64_t now_ns) override;
+    void opened(const audio_config_t&) override { m_watch.opened(); }
+    void captured(const uint8_t* data, int bytes, int64_t now_ns) override { m_watch.feed(data, bytes, now_ns); }
 
     void listen(int rate);
     LinkEvidence evidence() const;
@@ -58,10 +58,7 @@ private:
     int64_t m_returns = 0; ///< of the lost device, that were announced
     std::vector<Announcement> m_history;
     std::vector<std::string> m_messages;
-    SignalWatch m_watch; ///< of who captures: first start(), then the player's thread
-    std::atomic<Content> m_content{Content::unknown};
-    std::atomic<int> m_frames_per_sample{1};
-    std::atomic<double> m_link_rate{0};
+    SharedWatch m_watch; ///< fed by who captures: first start(), then the player's thread
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };

@@ -128,6 +128,36 @@ void SignalWatch::end_measurement()
     m_measured = rate;
 }
 
+// --- Between two threads ------------------------------------------------------------
+
+void SharedWatch::feed(const uint8_t* data, int bytes, int64_t now_ns)
+{
+    int64_t change = m_change;
+    if (change != m_measured)
+        m_watch.restart_pace();
+    m_watch.feed(data, bytes, now_ns);
+    m_content = m_watch.content();
+    m_frames_per_sample = m_watch.frames_per_sample();
+    m_link_rate = m_watch.link_rate();
+    m_measured = change;
+}
+
+void SharedWatch::opened()
+{
+    m_watch.restart_pace();
+    m_link_rate = 0;
+}
+
+LinkEvidence SharedWatch::evidence() const
+{
+    LinkEvidence evidence;
+    bool of_this_change = m_measured == m_change;
+    evidence.content = m_content;
+    evidence.frames_per_sample = m_frames_per_sample;
+    evidence.link_rate = of_this_change ? m_link_rate.load() : 0;
+    return evidence;
+}
+
 // --- What follows from it -----------------------------------------------------------
 
 LinkState derive_state(const LinkState& announced, const LinkEvidence& evidence)

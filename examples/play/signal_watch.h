@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -75,6 +76,32 @@ struct LinkEvidence {
     Content content = Content::unknown;
     int frames_per_sample = 1;
     double link_rate = 0; ///< as it was measured
+};
+
+/// A watch that one thread feeds with what it captures, and another one asks. Neither waits for the other.
+class SharedWatch
+{
+public:
+    // Who captures:
+
+    void feed(const uint8_t* data, int bytes, int64_t now_ns);
+    /// The device was opened: what follows is another stream.
+    void opened();
+
+    // Who announces:
+
+    /// Something else is announced from now on: what was measured before says nothing about it.
+    void measure_anew() { m_change++; }
+    /// What the frames tell; nothing of the device's controls.
+    LinkEvidence evidence() const;
+
+private:
+    SignalWatch m_watch; ///< of who captures
+    std::atomic<Content> m_content{Content::unknown};
+    std::atomic<int> m_frames_per_sample{1};
+    std::atomic<double> m_link_rate{0};
+    std::atomic<int64_t> m_change{0};   ///< number of the latest announcement
+    std::atomic<int64_t> m_measured{0}; ///< that to which the link rate belongs: written after it, read before it
 };
 
 /// The state to announce after @p announced.
