@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 
 namespace play
 {
@@ -72,18 +73,27 @@ void AlsaFeed::send()
         if (m_stop)
             break;
         recover();
-        if (!m_track->empty())
-            m_next = std::max(m_next, static_cast<int64_t>(m_track->position_at(now_ns() + restart_ns)));
+        m_next = due();
     }
+}
+
+/// The frame whose time it is when the device goes on. Those that it had queued and did not play are due again: after
+/// a short break, going on behind them would send all that follows too early.
+int64_t AlsaFeed::due() const
+{
+    if (m_track->empty())
+        return 0;
+    return std::max<int64_t>(0, std::llround(m_track->position_at(now_ns() + restart_ns)));
 }
 
 bool AlsaFeed::begin()
 {
-    for (int period = 0; period < periods_ahead; period++) {
+    // Never more than there is room for: a device that does not run yet makes none, and the time would pass meanwhile.
+    int64_t ahead = std::min(periods_ahead * m_pcm->period_frames(), m_pcm->buffer_frames());
+    for (int64_t end = m_next + ahead; m_next + m_pcm->period_frames() <= end;) {
         int put = put_period();
         if (put < 0)
             return false;
-        // A device with a smaller buffer than asked for.
         if (put == 0)
             break;
     }

@@ -41,6 +41,7 @@ private:
     int put_period();
     void learn();
     void recover();
+    int64_t due() const;
 
     const std::string m_device;
     const Source* m_source;

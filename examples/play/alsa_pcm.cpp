@@ -25,7 +25,7 @@ snd_pcm_stream_t stream_of(AlsaPcm::Direction direction)
     return direction == AlsaPcm::Direction::playback ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE;
 }
 
-int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames)
+int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames, snd_pcm_uframes_t* buffer_frames)
 {
     snd_pcm_hw_params_t* hardware = nullptr;
     snd_pcm_hw_params_alloca(&hardware);
@@ -46,7 +46,9 @@ int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames)
         result = snd_pcm_hw_params_set_buffer_time_near(pcm, hardware, &buffer, nullptr);
     if (result >= 0)
         result = snd_pcm_hw_params(pcm, hardware);
-    return result < 0 ? result : snd_pcm_hw_params_get_period_size(hardware, period_frames, nullptr);
+    if (result >= 0)
+        result = snd_pcm_hw_params_get_period_size(hardware, period_frames, nullptr);
+    return result < 0 ? result : snd_pcm_hw_params_get_buffer_size(hardware, buffer_frames);
 }
 
 int set_software(snd_pcm_t* pcm)
@@ -76,13 +78,15 @@ std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, Direction direct
     snd_pcm_t* pcm = nullptr;
     int result = snd_pcm_open(&pcm, name.c_str(), stream_of(direction), SND_PCM_NONBLOCK);
     snd_pcm_uframes_t period_frames = 0;
+    snd_pcm_uframes_t buffer_frames = 0;
     bool opened = result >= 0;
     if (opened)
-        result = set_hardware(pcm, rate, &period_frames);
+        result = set_hardware(pcm, rate, &period_frames, &buffer_frames);
     if (result >= 0)
         result = set_software(pcm);
     if (result >= 0)
-        return std::unique_ptr<AlsaPcm>(new AlsaPcm(pcm, static_cast<int>(period_frames)));
+        return std::unique_ptr<AlsaPcm>(
+            new AlsaPcm(pcm, static_cast<int>(period_frames), static_cast<int>(buffer_frames)));
     *error = "alsa:" + name + ": " + snd_strerror(result);
     if (opened) {
         *error += " (16-bit stereo at " + std::to_string(rate) + " Hz)";

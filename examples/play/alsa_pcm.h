@@ -27,6 +27,8 @@ public:
     AlsaPcm& operator=(const AlsaPcm&) = delete;
 
     int period_frames() const { return m_period_frames; }
+    /// That it can hold; possibly less than was asked for.
+    int buffer_frames() const { return m_buffer_frames; }
 
     /// @return frames taken or given, 0 if the device did not move for a while, or a negative error number
     int write(const int16_t* stereo, int frames);
@@ -45,10 +47,14 @@ public:
     bool ask(Word* word);
 
 private:
-    AlsaPcm(snd_pcm_t* pcm, int period_frames) : m_pcm(pcm), m_period_frames(period_frames) {}
+    AlsaPcm(snd_pcm_t* pcm, int period_frames, int buffer_frames)
+        : m_pcm(pcm), m_period_frames(period_frames), m_buffer_frames(buffer_frames)
+    {
+    }
 
     snd_pcm_t* m_pcm;
     int m_period_frames;
+    int m_buffer_frames;
 };
 
 /// Whether the device can be opened. @return false with one line in @p error

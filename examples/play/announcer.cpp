@@ -138,8 +138,9 @@ void Announcer::compare(const LinkEvidence& found)
     m_messages.push_back(message);
 }
 
-/// A device that was gone has lost an unknown time: as if the signal had been, so that the player begins a new
-/// sequence.
+/// As if the signal had been gone with its device, so that the player begins a new sequence. The capture keeps its
+/// place by silence; but where the output goes with it (a sound server that ends), the sound that the output had queued
+/// is lost, and what follows would be early by it for good.
 void Announcer::announce_return()
 {
     int64_t returns = real_capture_stats().recoveries;
