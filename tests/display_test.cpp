@@ -2,7 +2,11 @@
 // What the play program's displays decide and paint, without a display.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "canvas.h"
+#include "flip_gate.h"
 #include "flip_queue.h"
 #include "frame_pool.h"
 #include "kms_mode.h"
@@ -138,6 +142,43 @@ TEST(Canvas, FitKeepsTheShapeAndStaysInsideTheBox)
     EXPECT_EQ(thin.height, 1);
     Size unknown = fit(0, 0, {100, 50});
     EXPECT_EQ(unknown.width, 100);
+}
+
+TEST(FlipGate, LetsOneOfTheFlipsBetweenTwoVerticalBlanksThrough)
+{
+    constexpr int64_t refresh_ns = 20'000'000;
+    FlipGate gate(50);
+    gate.vblank(100 * refresh_ns);
+    EXPECT_TRUE(gate.admit(100 * refresh_ns + 1000));
+    EXPECT_FALSE(gate.admit(100 * refresh_ns + 2000));
+    EXPECT_TRUE(gate.admit(101 * refresh_ns - 1000)) << "long after the one before";
+    EXPECT_TRUE(gate.admit(101 * refresh_ns + 1000)) << "a vertical blank lies between";
+}
+
+TEST(FlipGate, LetsOneThroughOfTwoThatFlipAtTheSameInstant)
+{
+    constexpr int64_t refresh_ns = 20'000'000;
+    constexpr int rounds = 100'000;
+    constexpr int most_spins = 256;
+    FlipGate gate(50);
+    std::atomic<int> arrived{0};
+    std::atomic<int> admitted{0};
+    auto flip = [&](int spins_a_round) {
+        for (int round = 1; round <= rounds; round++) {
+            arrived++;
+            for (int spins = 0; arrived < 2 * round; spins++)
+                if (spins > most_spins)
+                    std::this_thread::yield();
+            // Each round by another distance, the same instant among them.
+            for (std::atomic<int> spins{round * spins_a_round % most_spins}; spins > 0;)
+                spins--;
+            admitted += gate.admit((1000 + round) * refresh_ns) ? 1 : 0;
+        }
+    };
+    std::thread other(flip, 0);
+    flip(1);
+    other.join();
+    EXPECT_EQ(admitted, rounds);
 }
 
 TEST(FlipQueue, FlipThatComesWhileOneIsPendingWaitsItsTurn)

@@ -26,18 +26,22 @@ public:
     {
     }
 
-    /// Whether a picture flipped now goes to the display. If not, its time has gone to the one before it.
+    /// Whether a picture flipped now goes to the display. If not, its time has gone to the one before it. From the
+    /// player's pacing thread and the one that renders, possibly both at once: only one of them is let through.
     bool admit(int64_t now_ns)
     {
+        const int64_t vblank_ns = m_vblank_ns;
         int64_t last_ns = m_last_ns;
-        // Half a refresh: flips closer than this, with no vertical blank between them, are meant for the same one.
-        if (now_ns - last_ns < m_refresh_ns / 2 && refresh_of(now_ns) == refresh_of(last_ns))
-            return false;
-        m_last_ns = now_ns;
+        do {
+            // Half a refresh: flips closer than this, with no vertical blank between them, are meant for the same one.
+            if (now_ns - last_ns < m_refresh_ns / 2 && refresh_of(now_ns, vblank_ns) == refresh_of(last_ns, vblank_ns))
+                return false;
+        } while (!m_last_ns.compare_exchange_weak(last_ns, now_ns));
         return true;
     }
 
-    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate.
+    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate. From the
+    /// display's thread.
     void vblank(int64_t at_ns)
     {
         m_vblank_ns = at_ns;
@@ -46,12 +50,12 @@ public:
     }
 
 private:
-    /// Number of the refresh, counted from the latest known one, in which an instant lies.
-    int64_t refresh_of(int64_t at_ns) const
+    /// Number of the refresh, counted from a known vertical blank, in which an instant lies.
+    int64_t refresh_of(int64_t at_ns, int64_t vblank_ns) const
     {
         // From far before, so that the division rounds down.
         constexpr int64_t many = 1000;
-        return (at_ns - m_vblank_ns + many * m_refresh_ns) / m_refresh_ns;
+        return (at_ns - vblank_ns + many * m_refresh_ns) / m_refresh_ns;
     }
 
     const int64_t m_refresh_ns;
