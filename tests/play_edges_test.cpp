@@ -8,6 +8,7 @@
 #include <cstring>
 #include <random>
 
+#include "allocations.h"
 #include "clock_track.h"
 #include "disturbances.h"
 #include "signal_watch.h"
@@ -82,6 +83,16 @@ TEST(ClockTrack, AnswersFromTheFirstWordOn)
     EXPECT_FALSE(track.empty());
     EXPECT_EQ(track.time_of(480 + rate), 4 * second);
     EXPECT_NEAR(track.position_at(4 * second), 480 + rate, 0.01);
+}
+
+TEST(ClockTrack, AllocatesNothingWhileItLearns)
+{
+    Device device(500 * second, 50, ms);
+    ClockTrack track(rate);
+    int64_t before = allocations();
+    for (int64_t position = 0; position < 1800 * rate; position += 480)
+        track.add(position, device.word_ns(position));
+    EXPECT_EQ(allocations(), before);
 }
 
 // --- What is captured --------------------------------------------------------------
@@ -313,6 +324,22 @@ TEST_F(RecordedSoundFile, TellsWhenSoundIsBackAfterADisturbance)
     EXPECT_TRUE(found(103 * second, 102500 * ms, 105 * second)) << "nothing was heard at all";
     EXPECT_TRUE(found(100300 * ms, 0, 0)) << "no silence came of it";
     EXPECT_FALSE(silence_around(recording, 106 * second + 10 * ms).ends()) << "it did not come back";
+}
+
+TEST_F(RecordedSoundFile, AllocatesNothingWhereSoundIsHandedOver)
+{
+    SoundFile file(path, rate);
+    const std::vector<int16_t> period(2 * 480, 100);
+    int64_t before = allocations();
+    for (int64_t i = 0; i < 400; i++) {
+        // A leap that nobody tells of.
+        int64_t gone_ns = i < 200 ? 0 : 3 * second;
+        file.heard(file.frames() + 480, 100 * second + i * 10 * ms + gone_ns);
+        file.append(period.data(), 480);
+    }
+    EXPECT_EQ(allocations(), before);
+    finish(&file);
+    EXPECT_EQ(recording.gaps(0, 200 * second), 1);
 }
 
 TEST(DisturbanceLog, NotesEachTroubleAndWhenTheDeviceWorksAgain)

@@ -3,6 +3,20 @@
 
 namespace play
 {
+namespace
+{
+
+constexpr int highest_rate = 48000;
+/// Beyond what is held back: more than a block.
+constexpr int room_ms = 100;
+
+} // namespace
+
+/// Who processes sound is a real-time thread as a rule: the line does not grow on it.
+DelayLine::DelayLine(int delay_ms) : m_delay_ms(delay_ms)
+{
+    m_line.reserve(static_cast<size_t>(2 * (delay_ms + room_ms)) * highest_rate / 1000);
+}
 
 void DelayLine::start(int64_t pts_us, int sample_rate)
 {

@@ -17,7 +17,7 @@ namespace play
 class DelayLine
 {
 public:
-    explicit DelayLine(int delay_ms) : m_delay_ms(delay_ms) {}
+    explicit DelayLine(int delay_ms);
 
     /// A new sequence begins with @p pts_us: what is left of the old one is forgotten.
     void start(int64_t pts_us, int sample_rate);

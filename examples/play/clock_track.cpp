@@ -18,7 +18,19 @@ constexpr double drift_known_ns = 4e9;
 /// No device drifts by more than half a per mille: what looks like it is a leap.
 constexpr double most_drift = 500e-6;
 
+/// Those of an hour.
+constexpr size_t anchors_ahead = 3600 * 2;
+/// Of half a second: a device's periods are longer than a millisecond.
+constexpr size_t words_ahead = 512;
+
 } // namespace
+
+ClockTrack::ClockTrack(int rate) : m_rate(rate)
+{
+    m_anchors.reserve(anchors_ahead);
+    m_recent.reserve(words_ahead);
+    m_sorted.reserve(words_ahead);
+}
 
 void ClockTrack::add(int64_t position, int64_t at_ns)
 {
@@ -40,9 +52,9 @@ void ClockTrack::add(int64_t position, int64_t at_ns)
 
 ClockTrack::Anchor ClockTrack::gathered() const
 {
-    std::vector<Anchor> words = m_recent;
-    auto chosen = words.begin() + static_cast<std::ptrdiff_t>(words.size() / early_share);
-    std::nth_element(words.begin(), chosen, words.end(),
+    m_sorted = m_recent;
+    auto chosen = m_sorted.begin() + static_cast<std::ptrdiff_t>(m_sorted.size() / early_share);
+    std::nth_element(m_sorted.begin(), chosen, m_sorted.end(),
                      [](const Anchor& a, const Anchor& b) { return a.late_ns < b.late_ns; });
     return {(m_recent.front().position + m_recent.back().position) / 2, chosen->late_ns};
 }

@@ -17,12 +17,13 @@ namespace play
  * against CLOCK_MONOTONIC.
  *
  * May be asked while it learns: what it says of the present then shifts by
- * what it has learned since.
+ * what it has learned since. Who adds may be a real-time thread: in a run of
+ * less than an hour adding allocates nothing.
  */
 class ClockTrack
 {
 public:
-    explicit ClockTrack(int rate) : m_rate(rate) {}
+    explicit ClockTrack(int rate);
 
     void add(int64_t position, int64_t at_ns);
 
@@ -48,7 +49,8 @@ private:
     const int m_rate;
     mutable std::mutex m_mutex;
     std::vector<Anchor> m_anchors;
-    std::vector<Anchor> m_recent; ///< words of the half second under way
+    std::vector<Anchor> m_recent;         ///< words of the half second under way
+    mutable std::vector<Anchor> m_sorted; ///< room in which gathered() works
     int64_t m_recent_since_ns = 0;
     bool m_settled = false; ///< the device's first guesses are over
 };

@@ -3,6 +3,15 @@
 
 namespace play
 {
+namespace
+{
+
+/// An hour of them at 60 a second: who shows them may be a real-time thread, and need not allocate.
+constexpr size_t sightings_ahead = 3600 * 60;
+
+} // namespace
+
+Screen::Screen() { m_sightings.reserve(sightings_ahead); }
 
 void Screen::refresh(const Picture& picture, int64_t seen_ns)
 {

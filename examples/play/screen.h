@@ -25,6 +25,8 @@ struct Sighting {
 class Screen
 {
 public:
+    Screen();
+
     /// The screen shows @p picture from @p seen_ns on for one refresh. From one thread.
     void refresh(const Picture& picture, int64_t seen_ns);
 

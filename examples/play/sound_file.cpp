@@ -9,6 +9,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace play
 {
@@ -37,6 +38,8 @@ SoundFile::SoundFile(std::string path, int rate)
     if (m_file == nullptr)
         m_problem = "cannot create " + m_path + ": " + sf_strerror(nullptr);
     m_runs.emplace_back(0, rate);
+    make_spare();
+    m_strays.reserve(strays_of_a_run);
     m_thread = std::thread(&SoundFile::write_loop, this);
 }
 
@@ -70,7 +73,7 @@ void SoundFile::heard(int64_t position, int64_t at_ns)
     m_strays.push_back({m_frames, position, at_ns});
     if (m_strays.size() < strays_of_a_run)
         return;
-    track = &m_runs.emplace_back(m_strays.front().frames, m_rate).track;
+    track = next_run(m_strays.front().frames);
     for (const Word& word : m_strays)
         track->add(word.position, word.at_ns);
     m_strays.clear();
@@ -81,19 +84,43 @@ void SoundFile::begin_run()
     std::lock_guard<std::mutex> lock(m_mutex);
     m_strays.clear();
     if (!m_runs.back().track.empty())
-        m_runs.emplace_back(m_frames, m_rate);
+        next_run(m_frames);
+}
+
+/// With the mutex held.
+ClockTrack* SoundFile::next_run(int64_t first_frame)
+{
+    // Only if two begin at nearly the same time.
+    if (m_spare.empty())
+        m_spare.emplace_back(0, m_rate);
+    m_runs.splice(m_runs.end(), m_spare, m_spare.begin());
+    m_runs.back().first_frame = first_frame;
+    return &m_runs.back().track;
+}
+
+void SoundFile::make_spare()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    bool needed = m_spare.empty();
+    lock.unlock();
+    if (!needed)
+        return;
+    std::list<Run> made;
+    made.emplace_back(0, m_rate);
+    lock.lock();
+    m_spare.splice(m_spare.end(), made);
 }
 
 std::vector<HeardBlock> SoundFile::blocks() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<HeardBlock> blocks;
-    for (size_t i = 0; i < m_runs.size(); i++) {
-        const Run& run = m_runs[i];
-        int64_t end = i + 1 < m_runs.size() ? m_runs[i + 1].first_frame : m_frames.load();
-        for (int64_t first = run.first_frame; first < end && !run.track.empty(); first += block_frames)
+    for (auto run = m_runs.begin(); run != m_runs.end(); ++run) {
+        auto next = std::next(run);
+        int64_t end = next != m_runs.end() ? next->first_frame : m_frames.load();
+        for (int64_t first = run->first_frame; first < end && !run->track.empty(); first += block_frames)
             blocks.push_back(
-                {first, std::min(block_frames, end - first), run.track.time_of(static_cast<double>(first)), false});
+                {first, std::min(block_frames, end - first), run->track.time_of(static_cast<double>(first)), false});
     }
     return blocks;
 }
@@ -123,6 +150,7 @@ void SoundFile::write_loop()
     pthread_setname_np(pthread_self(), "sound_file");
     while (!m_ending) {
         write_pending();
+        make_spare();
         usleep(look_again_us);
     }
     write_pending();

@@ -3,7 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,8 +20,8 @@ namespace play
 /**
  * A WAV file of 16-bit stereo sound that one thread hands over while it plays
  * or captures, and when each of its frames is heard. The disk is written by a
- * thread of its own: handing over neither waits nor fails; what finds no room
- * is missed by finish().
+ * thread of its own: handing over neither waits, allocates nor fails; what
+ * finds no room is missed by finish().
  */
 class SoundFile
 {
@@ -64,6 +64,8 @@ private:
         int64_t at_ns;
     };
 
+    ClockTrack* next_run(int64_t first_frame);
+    void make_spare();
     void write_loop();
     void write_pending();
     bool write_block_list(std::string* error) const;
@@ -78,7 +80,8 @@ private:
     std::atomic<int64_t> m_missed{0};
     std::atomic<bool> m_ending{false};
     mutable std::mutex m_mutex;
-    std::deque<Run> m_runs;
+    std::list<Run> m_runs;
+    std::list<Run> m_spare;     ///< the next one, made ahead by the writing thread
     std::vector<Word> m_strays; ///< words of the device, one after the other, that are far from the run's
     std::thread m_thread;
 };
