@@ -16,7 +16,7 @@ passes() {
 }
 
 run start --seconds 2
-if [ "$status" -eq 3 ]; then
+if barred start; then
     cat "$folder/start.txt"
     exit 77
 fi
@@ -60,6 +60,8 @@ if [ "${2:-}" != quick ]; then
     refuses 2 --display sim:/dev/dri/card0
     run no_card --display kms:/dev/null
     [ "$status" -eq 3 ] && grep -q '/dev/null' "$folder/no_card.txt" || fail "no card: exit status $status instead of 3"
+    TMPDIR=$folder/missing refuses 3
+    refuses 2 --page-flips
     refuses 2 --bitstream eac3 --raw
     refuses 2 --bitstream ac3 --chunk-phase 6
 

@@ -323,8 +323,8 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
         evaluate_trace(*trace, source, clock, screen, judged, result);
 }
 
-/// Plays the source to its end. @return false with one line in @p error
-bool run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
+/// Plays the source to its end. @return inside, or with one line in @p error what became of it
+ExitStatus run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
 {
     Screen screen;
     std::unique_ptr<Trace> trace = make_trace(result->options, *source, display->refresh_hz());
@@ -337,10 +337,10 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
         RealtimeScope realtime(realtime_priority);
         result->realtime = realtime.active();
         if (!stage.start(error))
-            return false;
+            return not_permitted;
         std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
         if (!told)
-            return false;
+            return not_permitted;
         bool connected = stage.connect(error);
         if (connected)
             host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
@@ -349,7 +349,7 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
             if (connected)
                 *error = "the player did not open";
             display->stop();
-            return false;
+            return not_permitted;
         }
     }
     watch(*host, *display);
@@ -365,7 +365,7 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
 
     Sound sound;
     if (!stage.finish(&sound.heard, &sound.sent, error))
-        return false;
+        return outside;
     if (result->options.raw)
         result->raw = stage.check_raw();
     result->video_queue_size = host->video_queue_size();
@@ -383,7 +383,7 @@ bool run(Source* source, Display* display, const std::string& wav_path, Result* 
     result->paced = display->paced();
     result->display_stats = display->stats();
     evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
-    return true;
+    return inside;
 }
 
 /// Those that were asked for. @return false with one line in @p error
@@ -409,7 +409,9 @@ int main_with(const Options& options)
 {
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
-    if (!source || !reports_writable(options, &error))
+    if (!source)
+        return fail(options.file.empty() ? not_permitted : bad_input, error);
+    if (!reports_writable(options, &error))
         return fail(bad_input, error);
     if (options.raw && source->coding() == Coding::pcm)
         return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
@@ -417,7 +419,7 @@ int main_with(const Options& options)
         return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
     RecordingFile wav(options.wav_path);
     if (!is_writable(wav.path(), &error))
-        return fail(bad_input, error);
+        return fail(options.wav_path.empty() ? not_permitted : bad_input, error);
     if (!prepare_process(options, &error))
         return fail(not_permitted, error);
     std::unique_ptr<Display> display = open_display(options, &error);
@@ -431,8 +433,9 @@ int main_with(const Options& options)
     Result result;
     result.options = options;
     result.programme = source->description();
-    if (!run(source.get(), display.get(), wav.path(), &result, &error))
-        return fail(outside, error);
+    ExitStatus played = run(source.get(), display.get(), wav.path(), &result, &error);
+    if (played != inside)
+        return fail(played, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);
     if (!write_reports(result, verdicts, &error))

@@ -43,8 +43,9 @@ const char* const footer =
     "resets it again. Nothing but bursts is sent. The output must be a decode of them, bit for bit at 48 kHz, from "
     "256\n"
     "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves.\n\n"
-    "Exit status: 0 inside the limits, 1 outside, 2 usage or unreadable FILE, 3 the machine does not permit it,\nor "
-    "has no such device.\n";
+    "Exit status: 0 inside the limits; 1 outside, or what was recorded cannot be kept; 2 wrong usage, unreadable\n"
+    "FILE, or a report or recording that cannot be written where it was asked for; 3 the machine does not permit it,\n"
+    "has no such device, or none that starts. With 2 and 3 nothing was played.\n";
 
 constexpr double default_programme_seconds = 20;
 /// Six hours: a WAV file holds 4 GB.
@@ -208,6 +209,8 @@ std::string check_devices(const Options& options)
         return "--playback-ppm is of the simulated sound device";
     if (options.raw && (real_capture || !options.playback.empty()))
         return "--raw is checked on the simulated devices only";
+    if (options.page_flips && options.display != DisplayKind::kms)
+        return "--page-flips needs --display kms";
     return "";
 }
 

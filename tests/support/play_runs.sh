@@ -15,6 +15,9 @@ run() {
     timeout --kill-after 5 60 "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
 }
 
+# barred NAME: the machine did not permit the run. A device that it has and that was not put to use is a fault.
+barred() { [ "$status" -eq 3 ] && ! grep -q 'did not open\|does not start\|cannot announce' "$folder/$1.txt"; }
+
 # misses NAME LIMIT ARGUMENT...: the run is outside of that limit. Whether it keeps the others is the machine's affair.
 misses() {
     local name=$1 limit=$2
