@@ -154,23 +154,28 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
             {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
-/// Where the program was built, beside the program, or by the system's paths.
+/// Where the program was built, beside the program, or by the system's paths. @return null with what is wrong with the
+/// first one that is there, or why there is none
 void* load_linux_library(std::string* error)
 {
     // Local: what it exports must not take the place of this program's functions.
     constexpr int mode = RTLD_NOW | RTLD_LOCAL;
     std::error_code ignored;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
+    std::string first_error;
     for (const std::filesystem::path& path :
-         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / linux_library}) {
-        void* library = std::filesystem::exists(path, ignored) ? dlopen(path.c_str(), mode) : nullptr;
-        if (library != nullptr)
+         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / linux_library,
+          std::filesystem::path(linux_library)}) {
+        // The last one is for the loader to find.
+        if (path.empty() || (path.has_parent_path() && !std::filesystem::exists(path, ignored)))
+            continue;
+        if (void* library = dlopen(path.c_str(), mode))
             return library;
+        if (first_error.empty())
+            first_error = dlerror();
     }
-    void* library = dlopen(linux_library, mode);
-    if (library == nullptr)
-        *error = dlerror();
-    return library;
+    *error = first_error;
+    return nullptr;
 }
 
 } // namespace
