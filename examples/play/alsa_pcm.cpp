@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
 
 namespace play
 {
@@ -20,9 +21,31 @@ constexpr unsigned buffer_us = 160'000;
 
 void be_silent(const char*, int, const char*, int, const char*, ...) {}
 
-snd_pcm_stream_t stream_of(AlsaPcm::Direction direction)
+/// What is wrong goes into the one line of this program. The handler is the whole process's: set by one thread, once.
+void silence_library()
 {
-    return direction == AlsaPcm::Direction::playback ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE;
+    static std::once_flag once;
+    std::call_once(once, [] { snd_lib_error_set_handler(be_silent); });
+}
+
+int open_pcm(snd_pcm_t** pcm, const std::string& name, AlsaPcm::Direction direction)
+{
+    silence_library();
+    bool plays = direction == AlsaPcm::Direction::playback;
+    return snd_pcm_open(pcm, name.c_str(), plays ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE, SND_PCM_NONBLOCK);
+}
+
+/// Of a card that is there now; empty if that is not known.
+std::string id_of_card(int number)
+{
+    snd_ctl_t* card = nullptr;
+    if (number < 0 || snd_ctl_open(&card, ("hw:" + std::to_string(number)).c_str(), SND_CTL_NONBLOCK) < 0)
+        return "";
+    snd_ctl_card_info_t* info = nullptr;
+    snd_ctl_card_info_alloca(&info);
+    std::string id = snd_ctl_card_info(card, info) >= 0 ? snd_ctl_card_info_get_id(info) : "";
+    snd_ctl_close(card);
+    return id;
 }
 
 int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames, snd_pcm_uframes_t* buffer_frames)
@@ -73,10 +96,8 @@ int set_software(snd_pcm_t* pcm)
 
 std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, Direction direction, int rate, std::string* error)
 {
-    // What is wrong goes into the one line of this program.
-    snd_lib_error_set_handler(be_silent);
     snd_pcm_t* pcm = nullptr;
-    int result = snd_pcm_open(&pcm, name.c_str(), stream_of(direction), SND_PCM_NONBLOCK);
+    int result = open_pcm(&pcm, name, direction);
     snd_pcm_uframes_t period_frames = 0;
     snd_pcm_uframes_t buffer_frames = 0;
     bool opened = result >= 0;
@@ -141,9 +162,8 @@ bool AlsaPcm::ask(Word* word)
 
 bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error)
 {
-    snd_lib_error_set_handler(be_silent);
     snd_pcm_t* pcm = nullptr;
-    int result = snd_pcm_open(&pcm, name.c_str(), stream_of(direction), SND_PCM_NONBLOCK);
+    int result = open_pcm(&pcm, name, direction);
     if (result >= 0) {
         snd_pcm_close(pcm);
         return true;
@@ -156,12 +176,12 @@ AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction)
 {
     AlsaPlace place;
     snd_pcm_t* pcm = nullptr;
-    if (snd_pcm_open(&pcm, name.c_str(), stream_of(direction), SND_PCM_NONBLOCK) < 0)
+    if (open_pcm(&pcm, name, direction) < 0)
         return place;
     snd_pcm_info_t* info = nullptr;
     snd_pcm_info_alloca(&info);
     if (snd_pcm_info(pcm, info) >= 0)
-        place = {snd_pcm_info_get_card(info), static_cast<int>(snd_pcm_info_get_device(info)),
+        place = {id_of_card(snd_pcm_info_get_card(info)), static_cast<int>(snd_pcm_info_get_device(info)),
                  static_cast<int>(snd_pcm_info_get_subdevice(info))};
     snd_pcm_close(pcm);
     return place;
@@ -169,12 +189,11 @@ AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction)
 
 int alsa_control(const AlsaPlace& place, const char* name)
 {
-    if (place.card < 0)
+    if (place.card.empty())
         return -1;
     // Opened for each look: a card that somebody holds cannot be unplugged for good.
     snd_ctl_t* card = nullptr;
-    std::string card_name = "hw:" + std::to_string(place.card);
-    if (snd_ctl_open(&card, card_name.c_str(), SND_CTL_NONBLOCK) < 0)
+    if (snd_ctl_open(&card, ("hw:CARD=" + place.card).c_str(), SND_CTL_NONBLOCK) < 0)
         return -1;
     snd_ctl_elem_value_t* value = nullptr;
     snd_ctl_elem_value_alloca(&value);

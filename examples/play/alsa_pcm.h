@@ -60,9 +60,9 @@ private:
 /// Whether the device can be opened. @return false with one line in @p error
 bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error);
 
-/// Where a device is in the machine; of one that is made in software, nowhere: card -1.
+/// Where a device is in the machine; of one that is made in software, nowhere.
 struct AlsaPlace {
-    int card = -1;
+    std::string card; ///< its id: one that is plugged in again may have another number
     int device = 0;
     int subdevice = 0;
 };
