@@ -89,6 +89,7 @@ private:
     bool finished(int64_t now_ns);
     void submit();
     void lose(int error);
+    void tell_loss();
     void revive();
     void wake() const;
 
@@ -106,6 +107,7 @@ private:
 
     mutable std::mutex m_mutex; ///< what follows; and the card's flips, as long as the display is not lost
     FlipQueue m_queue;
+    FrameBuffer* m_looked_at = nullptr; ///< on the screen, and looked at: the thread's own to release
     bool m_lost = false;
     bool m_stop = false;
     uint64_t m_flip_id = 0;
@@ -119,6 +121,7 @@ private:
     // The thread's own.
     int64_t m_checked_ns = 0;
     int64_t m_revived_ns = 0;
+    size_t m_told = 0; ///< outages
 };
 
 std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate* gate, std::string* error)
@@ -200,11 +203,23 @@ void KmsDisplay::lose(int error)
     m_sequence_known = false;
     for (FrameBuffer* buffer : m_queue.clear()) {
         m_stats.unshown++;
-        release(buffer);
+        if (buffer != m_looked_at)
+            release(buffer);
     }
     m_stats.outages.push_back({hdmi_sim::now_ns(), 0, reason_of(error)});
-    std::fprintf(stderr, "hdmi-player-play: display lost: %s\n", m_stats.outages.back().reason.c_str());
     wake();
+}
+
+/// On the display's thread: who flips does not wait for a terminal.
+void KmsDisplay::tell_loss()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_stats.outages.size() == m_told)
+        return;
+    m_told = m_stats.outages.size();
+    const std::string reason = m_stats.outages.back().reason;
+    lock.unlock();
+    std::fprintf(stderr, "hdmi-player-play: display lost: %s\n", reason.c_str());
 }
 
 /// Tries to show again. Without the mutex: nobody else uses the card while the display is lost.
@@ -219,11 +234,12 @@ void KmsDisplay::revive()
         error = m_card->show(*m_blank);
     if (error != 0)
         return;
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     m_lost = false;
-    m_stats.outages.back().lasted_ns = hdmi_sim::now_ns() - m_stats.outages.back().began_ns;
-    std::fprintf(stderr, "hdmi-player-play: display back after %.2f s\n",
-                 static_cast<double>(m_stats.outages.back().lasted_ns) / 1e9);
+    const int64_t lasted_ns = hdmi_sim::now_ns() - m_stats.outages.back().began_ns;
+    m_stats.outages.back().lasted_ns = lasted_ns;
+    lock.unlock();
+    std::fprintf(stderr, "hdmi-player-play: display back after %.2f s\n", static_cast<double>(lasted_ns) / 1e9);
 }
 
 void KmsDisplay::run()
@@ -254,9 +270,11 @@ void KmsDisplay::run()
                 lose(ENODEV);
             lock.unlock();
         }
+        tell_loss();
         watch_over(now_ns);
         stopped = finished(now_ns);
     }
+    tell_loss();
 }
 
 /// When the thread has something to do though nothing happened.
@@ -349,10 +367,19 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     submit();
     if (m_lost)
         return;
-    // What the card reads is looked at, not what the host meant to paint; in time, before the picture is released.
-    Picture seen = look_at(m_queue.on_screen()->surface->canvas());
+    // What the card reads is looked at, not what the host meant to paint. That takes its time: nobody is to wait for
+    // it, and the picture stays on the screen until this thread reads of the next one, or the display is lost.
+    FrameBuffer* on_screen = m_queue.on_screen();
+    m_looked_at = on_screen;
+    lock.unlock();
+    Picture seen = look_at(on_screen->surface->canvas());
+    lock.lock();
+    m_looked_at = nullptr;
+    bool lost = m_queue.on_screen() != on_screen;
     lock.unlock();
 
+    if (lost)
+        release(on_screen);
     if (same_screen && passed > 1)
         m_screen->stay(passed - 1);
     m_screen->refresh(seen, vblank_ns + m_latency_ns);

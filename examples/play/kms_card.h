@@ -7,6 +7,7 @@
 
 #include <xf86drmMode.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -30,7 +31,7 @@ public:
     ~KmsBuffer() override;
     Canvas canvas() const override { return m_canvas; }
     uint32_t id() const { return m_id; }
-    /// Whether the card is still the one that it was made for.
+    /// Whether the card is still the one that it was made for. Does not wait, not even for memory that is being made.
     bool current() const;
 
 private:
@@ -101,7 +102,7 @@ private:
     const int m_fd;
     const bool m_try_atomic;
     std::mutex m_mutex; ///< memory is made and given back for the card that is open, not for another
-    int m_generation = 0;
+    std::atomic<int> m_generation{0};
 
     std::string m_driver;
     std::string m_connector_name;
@@ -114,6 +115,7 @@ private:
 
     bool m_atomic = false;
     uint32_t m_plane = 0;
+    uint32_t m_plane_fb = 0; ///< its property FB_ID
     Properties m_connector_properties;
     Properties m_crtc_properties;
     Properties m_plane_properties;
