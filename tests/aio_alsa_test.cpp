@@ -226,6 +226,26 @@ TEST_F(AioAlsaTest, ADeviceThatCannotGiveTheRateFailsToOpenAndSaysWhy)
     EXPECT_EQ(aio_device_open(&playback_), 0);
 }
 
+TEST_F(AioAlsaTest, ADeviceThatRanEmptyStartsAgainWithNoMoreThanAtFirst)
+{
+    Recorder recorder("out_monitor");
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    const int64_t xruns = playback_stats().xruns;
+    for (int64_t start = 0; start < 5; ++start) {
+        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        EXPECT_EQ(delay(), kPeriod) << "waits, whatever was queued before";
+        const auto begin = Clock::now();
+        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        const int left = delay();
+        EXPECT_GE(left, 2 * kPeriod - static_cast<int>(seconds_since(begin) * kRate)) << "not heard before its time";
+        EXPECT_TRUE(eventually([&] {
+            const std::vector<Stretch> runs = stretches(recorder.left());
+            return !runs.empty() && runs.back().last == written_ && delay() < kPeriod / 4;
+        })) << "two periods are enough";
+        EXPECT_EQ(playback_stats().xruns, xruns + start);
+    }
+}
+
 // --- Devices that change --------------------------------------------------------------
 
 TEST_F(AioAlsaTest, AReselectedDeviceGoesOnWithWhatWasNotHeardYet)

@@ -197,16 +197,6 @@ int Pcm::set_software(const PcmRequest& request)
     return err >= 0 ? snd_pcm_sw_params(pcm, params.native) : err;
 }
 
-void Pcm::set_start_frames(int frames)
-{
-    const SoftwareParams params;
-    if (snd_pcm_sw_params_current(handle_.get(), params.native) < 0)
-        return;
-    const auto start = static_cast<snd_pcm_uframes_t>(std::clamp(frames, 1, buffer_frames_));
-    if (snd_pcm_sw_params_set_start_threshold(handle_.get(), params.native, start) >= 0)
-        snd_pcm_sw_params(handle_.get(), params.native);
-}
-
 CardDevice card_device(snd_pcm_t* pcm)
 {
     snd_pcm_info_t* info = nullptr;

@@ -79,8 +79,6 @@ public:
     int restart();
     /// After a suspend; what was queued is gone. @return 0, -EAGAIN while the hardware wakes up, or an error code.
     int resume();
-    /// How much must be queued from the next start on.
-    void set_start_frames(int frames);
 
     /// Frames between the application and the ear, or the microphone; negative when unknown.
     int delay();

@@ -21,6 +21,8 @@ constexpr int kRingSeconds = 2;
 /// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
 /// seconds before its idle sink wakes up.
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
+/// What a device says of its delay is checked against the clock for so long after its start; their paces differ.
+constexpr int64_t kFreshNs = kNsPerSecond;
 /// The device is not asked.
 constexpr int kNoDelay = -ENODEV;
 
@@ -59,7 +61,7 @@ PcmRequest Playback::request_for(const Config& config, int device) const
     request.period_frames = config_.period_frames;
     const int periods = config.audio[device].periods;
     request.period_count = periods > 0 ? periods : config_.period_count;
-    request.start_periods = start_periods_;
+    request.start_periods = config.start_periods;
     request.resample = config.audio[device].resample;
     return request;
 }
@@ -86,7 +88,6 @@ int Playback::open(const audio_config_t& config)
     mutex_guard guard(mutex_);
     if (state_ != State::closed)
         return -EBUSY;
-    start_periods_ = settings.start_periods;
     begin(config);
     const PcmRequest request = request_for(settings, config.device_id);
     Pcm pcm;
@@ -150,12 +151,22 @@ int64_t Playback::heard(int64_t now) const
     return std::min(heard_ + passed, state_ == State::working ? sent_ : ring_.end());
 }
 
-// Asks the device. One that has not started yet heard nothing, whatever it says.
-void Playback::note_heard(int64_t now)
+// Asks the device, for frames or an error code. One that has not started yet heard nothing, whatever it says, and none
+// is heard faster than time passes: a sound server knows of no delay until its first report.
+int Playback::device_delay(int64_t now)
 {
     if (pcm_.prepared())
-        return;
+        return kNoDelay;
     const int delay = pcm_.delay();
+    if (delay < 0 || now - started_ns_ > kFreshNs)
+        return delay;
+    const int64_t left = sent_ - started_at_ - frames_in(now - started_ns_, config_.sample_rate);
+    return static_cast<int>(std::max<int64_t>(delay, left));
+}
+
+void Playback::note_heard(int64_t now)
+{
+    const int delay = device_delay(now);
     if (delay < 0)
         return;
     heard_ = std::clamp(sent_ - delay, ring_.oldest(), sent_);
@@ -199,8 +210,13 @@ int Playback::accept(const uint8_t* data, int frames, int64_t now)
 // Whether what was written has gone where a device would have taken it.
 bool Playback::taken() const { return state_ != State::working || sent_ == ring_.end(); }
 
-int Playback::send(SoundRing::Piece piece)
+// With the sound that is enough for a start the device goes to work.
+int Playback::send(SoundRing::Piece piece, int64_t now)
 {
+    if (pcm_.prepared()) {
+        started_at_ = heard_;
+        started_ns_ = now;
+    }
     if (gain_.is_unity())
         return pcm_.write(piece.data, piece.frames);
     gain_.apply(piece.data, scaled_.get(), piece.frames, config_.channels);
@@ -213,7 +229,7 @@ int Playback::send(SoundRing::Piece piece)
 void Playback::pump(int64_t now)
 {
     for (int troubles = 0; state_ == State::working && sent_ < ring_.end();) {
-        const int result = send(ring_.piece(sent_, config_.period_frames));
+        const int result = send(ring_.piece(sent_, config_.period_frames), now);
         if (result > 0) {
             sent_ += result;
             progress_ns_ = now;
@@ -283,13 +299,14 @@ int Playback::delay(int* frames)
         return kClosed;
     if (frames == nullptr)
         return -EINVAL;
-    const int queued = state_ == State::working && !pcm_.prepared() ? pcm_.delay() : kNoDelay;
+    const int64_t now = now_ns();
+    const int queued = state_ == State::working ? device_delay(now) : kNoDelay;
     if (queued >= 0)
         *frames = static_cast<int>(ring_.end() - sent_) + queued;
     else if (queued == -EPIPE) // an underrun: all of it was heard
         *frames = static_cast<int>(ring_.end() - sent_);
     else // a device that is gone or asleep: the clock goes on, before a write finds out as well as after
-        *frames = static_cast<int>(ring_.end() - heard(now_ns()));
+        *frames = static_cast<int>(ring_.end() - heard(now));
     return 0;
 }
 
@@ -311,6 +328,8 @@ void Playback::handle(Trouble trouble, int err, int64_t now)
     }
 }
 
+// It starts again with as much queued as the first time, not with more: what came too late is queued as well and is
+// the reserve for the next time, and more would keep the sound behind the picture where it was lost.
 void Playback::recover_xrun(int64_t now)
 {
     heard_ = sent_;
@@ -325,11 +344,6 @@ void Playback::recover_xrun(int64_t now)
         log_w("%s ran empty, %lld times so far\n", request_.name.c_str(), static_cast<long long>(stats_.xruns));
         xrun_log_ns_ = now;
     }
-    // The supply is less even than the start assumed.
-    const int most = std::max(config_.period_count / 2, start_periods_);
-    start_periods_ = std::min(start_periods_ + 1, most);
-    request_.start_periods = start_periods_;
-    pcm_.set_start_frames(start_periods_ * pcm_.period_frames());
 }
 
 void Playback::lose(int err, int64_t now)

@@ -60,13 +60,14 @@ private:
 
     // The flow of frames: ring_.end() were written, sent_ are in the device, heard() of them are through.
     int64_t heard(int64_t now) const REQUIRES(mutex_);
+    int device_delay(int64_t now) REQUIRES(mutex_);
     void note_heard(int64_t now) REQUIRES(mutex_);
     void freeze_heard(int64_t now) REQUIRES(mutex_);
     int room(int64_t now) const REQUIRES(mutex_);
     bool taken() const REQUIRES(mutex_);
     int accept(const uint8_t* data, int frames, int64_t now) REQUIRES(mutex_);
     void pump(int64_t now) REQUIRES(mutex_);
-    int send(SoundRing::Piece piece) REQUIRES(mutex_);
+    int send(SoundRing::Piece piece, int64_t now) REQUIRES(mutex_);
     void wait(mutex_guard& guard, int64_t now) REQUIRES(mutex_);
 
     // Trouble, and the way back.
@@ -96,7 +97,8 @@ private:
     int64_t heard_ GUARDED_BY(mutex_) = 0; ///< at heard_ns_, and going on from there if moving_
     int64_t heard_ns_ GUARDED_BY(mutex_) = 0;
     bool moving_ GUARDED_BY(mutex_) = false;
-    int start_periods_ GUARDED_BY(mutex_) = 1;
+    int64_t started_at_ GUARDED_BY(mutex_) = 0; ///< what was heard when the device last started
+    int64_t started_ns_ GUARDED_BY(mutex_) = 0;
     int64_t progress_ns_ GUARDED_BY(mutex_) = 0; ///< when the device last took something
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t trouble_ns_ GUARDED_BY(mutex_) = 0; ///< when the device was lost or suspended
