@@ -17,6 +17,7 @@
 #include "picture.h"
 #include "programme.h"
 #include "rate_conversion.h"
+#include "raw_check.h"
 #include "recording.h"
 #include "screen.h"
 #include "verdict.h"
@@ -199,6 +200,53 @@ TEST_F(PlayMeasure, DecodedSoundIsComparedFromTheFirstWholeBurstOn)
     out[2 * (burst_samples - first + 256)] ^= 1;
     record(out, 48000, first * second / 48000 + 100 * ms);
     EXPECT_EQ(check_samples(recording, *coded, matches, {end}).mismatches, 1);
+}
+
+TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
+{
+    for (Coding coding : {Coding::ac3, Coding::eac3}) {
+        std::string error;
+        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 3 * second, &error);
+        ASSERT_NE(coded, nullptr) << error;
+        int64_t period = burst_link_frames(coding);
+        const int64_t first = period / 2 + 31 * period; // inside of a burst, and of the programme's silence
+        std::vector<int16_t> sent(static_cast<size_t>(2 * 40 * period));
+        coded->link(first, sent.data(), static_cast<int>(40 * period));
+        auto burst = [&](int64_t number) { return sent.begin() + 2 * (number * period + period - period / 2); };
+        auto checked = [&](const std::vector<int16_t>& words) {
+            record(words, coded->link_rate(), 100 * ms);
+            return check_bursts(recording, *coded);
+        };
+
+        RawCheck check = checked(sent);
+        EXPECT_EQ(check.bursts, 40) << "cut off, yet with its whole payload, is the last one";
+        EXPECT_EQ(check.different, 0);
+        EXPECT_EQ(check.gaps, 0);
+        EXPECT_EQ(check.began_ns, 100 * ms + (period - period / 2) * second / coded->link_rate());
+
+        // Two clocks: stuffing put in and left out.
+        std::vector<int16_t> words = sent;
+        words.insert(words.begin() + (burst(9) - sent.begin()), 8, int16_t{0});
+        words.erase(words.begin() + (burst(4) - sent.begin()) - 8, words.begin() + (burst(4) - sent.begin()));
+        check = checked(words);
+        EXPECT_EQ(check.different + check.gaps, 0);
+
+        words = sent;
+        words.erase(words.begin() + (burst(20) - sent.begin()), words.begin() + (burst(22) - sent.begin()));
+        EXPECT_EQ(checked(words).gaps, 1);
+        words = sent;
+        words.insert(words.begin() + (burst(20) - sent.begin()), burst(19), burst(20));
+        EXPECT_GE(checked(words).gaps, 1) << "one that comes twice";
+
+        words = sent;
+        words[static_cast<size_t>(burst(20) - sent.begin()) + 100] ^= 1;
+        check = checked(words);
+        EXPECT_GT(check.different, 0);
+        EXPECT_LE(check.different, period);
+    }
+    record(std::vector<int16_t>(2 * 48000), 48000, 100 * ms);
+    std::string error;
+    EXPECT_EQ(check_bursts(recording, *CodedProgramme::make(Coding::ac3, 48000, {60, 1}, second, &error)).bursts, 0);
 }
 
 TEST_F(PlayMeasure, SilenceBehindTheLastBurstIsNoSoundTooMuch)

@@ -63,6 +63,7 @@ if [ "${2:-}" != quick ]; then
     TMPDIR=$folder/missing refuses 3
     refuses 2 --page-flips
     refuses 2 --bitstream eac3 --raw
+    refuses 2 --bitstream ac3 --raw --output spdif --playback alsa:null
     refuses 2 --bitstream ac3 --chunk-phase 6
 
     if command -v ffmpeg >/dev/null; then

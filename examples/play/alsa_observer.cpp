@@ -11,20 +11,18 @@ namespace play
 namespace
 {
 
-/// That of the player's output: behind a device that changes it, its samples could not be told apart.
-constexpr int rate = 48000;
 constexpr useconds_t retry_us = 50'000;
 
 } // namespace
 
-AlsaObserver::AlsaObserver(std::string device, const std::string& wav_path)
-    : m_device(std::move(device)), m_file(wav_path, rate)
+AlsaObserver::AlsaObserver(std::string device, const std::string& wav_path, int rate)
+    : m_device(std::move(device)), m_rate(rate), m_file(wav_path, rate)
 {
 }
 
 bool AlsaObserver::start(std::string* error)
 {
-    m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, rate, error);
+    m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, m_rate, error);
     if (!m_pcm)
         return false;
     if (!m_pcm->start()) {
@@ -71,7 +69,7 @@ bool AlsaObserver::take_period()
 void AlsaObserver::open_again()
 {
     std::string ignored;
-    m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, rate, &ignored);
+    m_pcm = AlsaPcm::open(m_device, AlsaPcm::Direction::capture, m_rate, &ignored);
     if (m_pcm && !m_pcm->start())
         m_pcm = nullptr;
     if (!m_pcm)

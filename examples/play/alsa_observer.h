@@ -17,7 +17,7 @@ namespace play
 class AlsaObserver
 {
 public:
-    AlsaObserver(std::string device, const std::string& wav_path);
+    AlsaObserver(std::string device, const std::string& wav_path, int rate);
     ~AlsaObserver() { stop(); }
 
     /// Listens from now on. @return false with one line in @p error
@@ -35,6 +35,7 @@ private:
     void stop();
 
     const std::string m_device;
+    const int m_rate;
     SoundFile m_file;
     std::unique_ptr<AlsaPcm> m_pcm; ///< the thread's; null: the device is gone
     std::vector<int16_t> m_period;

@@ -279,7 +279,9 @@ void add_recoveries(const char* device, const DisturbanceLog& log, const Recordi
 /// Underruns and overruns: simulated devices show them in the recording, real ones have counted them.
 void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result* result)
 {
-    int64_t settled_ns = result->stage.sound.first_write_ns + second_ns;
+    // With bursts passed on, the player writes nothing.
+    int64_t began_ns = result->options.raw ? result->opened_ns : result->stage.sound.first_write_ns;
+    int64_t settled_ns = began_ns + second_ns;
     bool real = !result->options.playback.empty();
     result->early_gaps = real ? troubles.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
     result->gaps = real ? troubles.playback.count(settled_ns, result->signal_end_ns)
@@ -315,7 +317,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
     Judged judged = {clock.to_source(reset_ns + settling_ns),
                      host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
-    if (!result->options.foreign_source())
+    if (!result->options.foreign_source() && !result->options.raw)
         evaluate_sound(source, clock, screen, sound, judged, result);
     evaluate_pictures(source, host, screen, judged, result);
     evaluate_devices(sound, troubles, result);
@@ -367,7 +369,7 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     if (!stage.finish(&sound.heard, &sound.sent, error))
         return outside;
     if (result->options.raw)
-        result->raw = stage.check_raw();
+        result->raw = stage.check_raw(sound.heard);
     result->video_queue_size = host->video_queue_size();
     result->frames = host->frames();
     result->audio = host->audio();
@@ -413,7 +415,7 @@ int main_with(const Options& options)
         return fail(options.file.empty() ? not_permitted : bad_input, error);
     if (!reports_writable(options, &error))
         return fail(bad_input, error);
-    if (options.raw && source->coding() == Coding::pcm)
+    if (options.raw && source->coding() == Coding::pcm && !options.foreign_source())
         return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
     if (!options.feed.empty() && source->coding() == Coding::eac3)
         return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");

@@ -42,7 +42,8 @@ const char* const footer =
     "begin inside of a burst: it takes the zeros at the burst's end for silence, and the first burst after a silence\n"
     "resets it again. Nothing but bursts is sent. The output must be a decode of them, bit for bit at 48 kHz, from "
     "256\n"
-    "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves.\n\n"
+    "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves; on\n"
+    "real devices --observe compares them, from the first whole burst on.\n\n"
     "Exit status: 0 inside the limits; 1 outside, or what was recorded cannot be kept; 2 wrong usage, unreadable\n"
     "FILE, or a report or recording that cannot be written where it was asked for; 3 the machine does not permit it,\n"
     "has no such device, or none that starts. With 2 and 3 nothing was played.\n";
@@ -149,8 +150,10 @@ std::string take_coding(const Texts& texts, Options* options)
     bool programme = options->file.empty();
     bool pcm = options->coding.value_or(programme ? Coding::pcm : Coding::ac3) == Coding::pcm;
     bool digital = options->output == E_HDMI_PLAYER_AO_DEV_SPDIF || options->output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
-    if (options->raw && (pcm || !digital))
-        return "--raw needs compressed sound (--bitstream) and --output spdif or arc";
+    if (options->raw && !digital)
+        return "--raw needs --output spdif or arc";
+    if (options->raw && pcm && !options->foreign_source())
+        return "--raw needs compressed sound (--bitstream)";
     if (texts.chunk_phase.empty())
         return "";
     if (pcm)
@@ -207,8 +210,8 @@ std::string check_devices(const Options& options)
         return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
     if (!options.playback.empty() && options.playback_ppm != 0)
         return "--playback-ppm is of the simulated sound device";
-    if (options.raw && (real_capture || !options.playback.empty()))
-        return "--raw is checked on the simulated devices only";
+    if (options.raw && real_capture != !options.playback.empty())
+        return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
     if (options.page_flips && options.display != DisplayKind::kms)
         return "--page-flips needs --display kms";
     return "";
@@ -289,9 +292,9 @@ ParseResult parse_options(int argc, char** argv, Options* options)
     if (wrong.empty())
         wrong = take_display(texts, options);
     if (wrong.empty())
-        wrong = take_coding(texts, options);
-    if (wrong.empty())
         wrong = take_devices(texts, options);
+    if (wrong.empty())
+        wrong = take_coding(texts, options);
     if (wrong.empty())
         wrong = check_devices(*options);
     if (!wrong.empty()) {

@@ -34,6 +34,7 @@ struct Platform {
     decltype(&vendor_hdmi_cec_deinit) cec_deinit = nullptr;
     decltype(&hdmi_linux::playback_stats) playback_stats = nullptr; ///< of the Linux platform only
     decltype(&hdmi_linux::capture_stats) capture_stats = nullptr;   ///< likewise
+    decltype(&hdmi_linux::bypass_stats) bypass_stats = nullptr;     ///< likewise
     decltype(&hdmi_linux::cec_stats) cec_stats = nullptr;           ///< likewise
 };
 
@@ -65,11 +66,12 @@ bool look_up_cec(void* library, Platform* platform)
            look_up(library, "vendor_hdmi_cec_deinit", &platform->cec_deinit);
 }
 
-/// The names that the compiler gives to playback_stats(), capture_stats() and cec_stats() of hdmi_linux.
+/// The names that the compiler gives to hdmi_linux's functions.
 bool look_up_statistics(void* library, Platform* platform)
 {
     return look_up(library, "_ZN10hdmi_linux14playback_statsEv", &platform->playback_stats) &&
            look_up(library, "_ZN10hdmi_linux13capture_statsEv", &platform->capture_stats) &&
+           look_up(library, "_ZN10hdmi_linux12bypass_statsEv", &platform->bypass_stats) &&
            look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats);
 }
 
@@ -208,6 +210,12 @@ hdmi_linux::DeviceStats real_capture_stats()
 {
     const Router& r = router();
     return r.routes.real_capture ? r.machine.capture_stats() : hdmi_linux::DeviceStats{};
+}
+
+hdmi_linux::BypassStats real_bypass_stats()
+{
+    const Router& r = router();
+    return r.routes.real_playback ? r.machine.bypass_stats() : hdmi_linux::BypassStats{};
 }
 
 hdmi_linux::CecStats real_cec_stats()

@@ -35,6 +35,7 @@ bool set_routes(const Routes& routes, std::string* error);
 /// Of devices that are not simulated; empty without them.
 hdmi_linux::DeviceStats real_playback_stats();
 hdmi_linux::DeviceStats real_capture_stats();
+hdmi_linux::BypassStats real_bypass_stats();
 hdmi_linux::CecStats real_cec_stats();
 
 /**

@@ -155,17 +155,24 @@ void print_edges(const Result& result)
 
 void print_link(const Result& result)
 {
-    if (result.coding == Coding::pcm)
+    bool coded = result.coding != Coding::pcm;
+    if (!coded && !result.options.raw)
         return;
     std::printf("\nLink\n");
-    std::printf(
-        "  time      a coded sample was sent when its burst began to pass, plus its place in the burst's sound;\n"
-        "            that a burst must pass before it can be decoded is latency of the player\n");
+    if (coded)
+        std::printf(
+            "  time      a coded sample was sent when its burst began to pass, plus its place in the burst's sound;\n"
+            "            that a burst must pass before it can be decoded is latency of the player\n");
     if (result.stage.link.chunk_phase >= 0)
         std::printf("  capture   began %d bytes before a burst\n", result.stage.link.chunk_phase);
-    if (result.options.raw)
+    if (result.raw.bursts > 0)
         std::printf("  output    %" PRId64 " bursts in %" PRId64 " frames, different %" PRId64 ", gaps %" PRId64 "\n",
                     result.raw.bursts, result.raw.frames, result.raw.different, result.raw.gaps);
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    if (result.options.raw && !result.options.playback.empty())
+        std::printf("  passed on %" PRId64 " frames to %s at %d Hz, dropped %" PRId64 ", underruns %" PRId64
+                    ", corrections of the clocks %" PRId64 "\n",
+                    bypass.frames, bypass.pcm.c_str(), bypass.rate, bypass.dropped, bypass.xruns, bypass.slips);
 }
 
 void print_usage(const Result& result)
@@ -323,7 +330,11 @@ json link_json(const Result& result)
         link["raw"] = {{"frames", result.raw.frames},
                        {"bursts", result.raw.bursts},
                        {"different", result.raw.different},
-                       {"gaps", result.raw.gaps}};
+                       {"gaps", result.raw.gaps},
+                       {"passed_on", result.stage.bypass.frames},
+                       {"dropped", result.stage.bypass.dropped},
+                       {"underruns", result.stage.bypass.xruns},
+                       {"corrections", result.stage.bypass.slips}};
     return link;
 }
 

@@ -141,8 +141,9 @@ private:
 class ObservedOutput : public SoundOutput
 {
 public:
-    ObservedOutput(const std::string& device, const std::string& wav_path)
-        : m_output(sent_path(wav_path)), m_observer(device, wav_path)
+    /// @p heard_rate: of what comes out; behind a device that changes it, its samples could not be told apart.
+    ObservedOutput(const std::string& device, const std::string& wav_path, int heard_rate)
+        : m_output(sent_path(wav_path)), m_observer(device, wav_path, heard_rate)
     {
     }
 
@@ -174,13 +175,13 @@ private:
 
 std::string sent_path(const std::string& wav_path) { return wav_path + ".sent.wav"; }
 
-std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path)
+std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path, int link_rate)
 {
     if (options.playback.empty())
         return std::make_unique<SimulatedOutput>(wav_path, options.playback_ppm);
     if (options.observe.empty())
         return std::make_unique<RealOutput>(wav_path);
-    return std::make_unique<ObservedOutput>(options.observe, wav_path);
+    return std::make_unique<ObservedOutput>(options.observe, wav_path, options.raw ? link_rate : output_rate);
 }
 
 } // namespace play

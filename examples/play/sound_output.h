@@ -55,7 +55,8 @@ public:
 /// The second recording, of a device with an observer.
 std::string sent_path(const std::string& wav_path);
 
-/// The device that the options name; what is heard of it is kept in @p wav_path.
-std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path);
+/// The device that the options name; what is heard of it is kept in @p wav_path. @p link_rate: Hz, at which compressed
+/// sound is passed on.
+std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path, int link_rate);
 
 } // namespace play

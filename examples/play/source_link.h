@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "options.h"
+#include "raw_check.h"
 #include "source.h"
 
 namespace play
@@ -34,16 +35,6 @@ struct LinkAccount {
     std::vector<std::string> rate_messages; ///< about a source that is not at the announced rate
 };
 
-/// Raw pass-through.
-struct RawCheck {
-    int64_t frames = 0;    ///< link frames that arrived at the output
-    int64_t bursts = 0;    ///< whole ones among them
-    int64_t different = 0; ///< frames that are not the source's
-    int64_t gaps = 0;      ///< places at which frames are missing
-    int64_t began_ns = 0;  ///< when the first frame left the source
-    int64_t ended_ns = 0;  ///< when the last one did
-};
-
 class SourceLink
 {
 public:
@@ -59,7 +50,7 @@ public:
     /// When which of its frames was sent. After connect().
     virtual SourceClock clock() const = 0;
 
-    /// What went past the player to the digital outputs, against what the source sent.
+    /// What went past the player to simulated outputs, against what the source sent.
     virtual RawCheck check_raw() const = 0;
     virtual LinkAccount account() const = 0;
 };

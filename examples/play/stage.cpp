@@ -78,7 +78,8 @@ bool Stage::prepare(const Options& options, std::string* error)
 }
 
 Stage::Stage(const Options& options, const Source* source, const std::string& wav_path)
-    : m_options(options), m_link(make_source_link(options, source)), m_output(make_sound_output(options, wav_path))
+    : m_options(options), m_source(source), m_link(make_source_link(options, source)),
+      m_output(make_sound_output(options, wav_path, source->link_rate()))
 {
 }
 
@@ -100,6 +101,7 @@ void Stage::disconnect()
 {
     // Before the player closes: then it closes the channel too.
     m_cec = real_cec_stats();
+    m_bypass = real_bypass_stats();
     m_link->disconnect();
 }
 
@@ -126,7 +128,7 @@ bool Stage::finish(Recording* heard, Recording* sent, std::string* error)
 {
     end_watch();
     // With the bursts passed on, the player's own sound device stays silent.
-    if (m_options.raw)
+    if (m_options.raw && m_options.observe.empty())
         return true;
     if (!m_output->finish(error))
         return false;
@@ -136,6 +138,14 @@ bool Stage::finish(Recording* heard, Recording* sent, std::string* error)
            sent->open(sent_sound.path, std::move(sent_sound.blocks), error);
 }
 
-StageStats Stage::stats() const { return {m_link->account(), m_output->account(), withheld_blocks(), m_cec}; }
+RawCheck Stage::check_raw(const Recording& heard) const
+{
+    if (m_options.playback.empty())
+        return m_link->check_raw();
+    bool comparable = !m_options.observe.empty() && !m_options.foreign_source();
+    return comparable ? check_bursts(heard, *m_source) : RawCheck{};
+}
+
+StageStats Stage::stats() const { return {m_link->account(), m_output->account(), withheld_blocks(), m_cec, m_bypass}; }
 
 } // namespace play

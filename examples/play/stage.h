@@ -27,8 +27,9 @@ namespace play
 struct StageStats {
     LinkAccount link;
     SoundAccount sound;
-    int64_t withheld = 0;     ///< blocks taken away on demand
-    hdmi_linux::CecStats cec; ///< of a real adapter, when the source stopped
+    int64_t withheld = 0;           ///< blocks taken away on demand
+    hdmi_linux::CecStats cec;       ///< of a real adapter, when the source stopped
+    hdmi_linux::BypassStats bypass; ///< likewise, of real devices
 };
 
 /// The real devices' troubles; of simulated ones, nothing.
@@ -61,8 +62,9 @@ public:
     /// Completes the recordings: what was heard, and what the player had written. Once, after the player was closed.
     bool finish(Recording* heard, Recording* sent, std::string* error);
 
-    /// What went past the player to the digital outputs, against what the source sent.
-    RawCheck check_raw() const { return m_link->check_raw(); }
+    /// What went past the player to the digital outputs, against what the source sent; of a real output, what was
+    /// @p heard there. Empty where nobody listened, or the source is not ours.
+    RawCheck check_raw(const Recording& heard) const;
     StageStats stats() const;
     /// After finish().
     const DeviceTroubles& troubles() const { return m_troubles; }
@@ -72,10 +74,12 @@ private:
     void end_watch();
 
     const Options m_options;
+    const Source* const m_source;
     std::unique_ptr<SourceLink> m_link;
     std::unique_ptr<SoundOutput> m_output;
     std::atomic<bool> m_end_watch{false};
     hdmi_linux::CecStats m_cec;
+    hdmi_linux::BypassStats m_bypass;
     DeviceTroubles m_troubles; ///< the watching thread's while it runs
     std::thread m_watch;
 };

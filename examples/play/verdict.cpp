@@ -35,10 +35,18 @@ Verdict judge_resets(const Result& result)
 void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
 {
     constexpr int64_t start_ns = 1'000'000'000;
+    const Options& options = result.options;
+    bool real = !options.playback.empty();
+    bool compared = !real || (!options.observe.empty() && !options.foreign_source());
     bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
     bool lasted =
         result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
-    verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
+    if (compared)
+        verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    if (real)
+        verdicts->push_back(
+            {"the output took what was passed on", bypass.frames > 0 && bypass.dropped == 0 && bypass.xruns == 0});
     verdicts->push_back({"nothing played beside them", result.stage.sound.frames == 0});
     verdicts->push_back({"no reset", result.resets == 0});
 }

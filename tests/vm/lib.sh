@@ -20,7 +20,7 @@ check() {
     if "$@" >"$log" 2>&1; then
         verdict ok "$what"
     else
-        tail -n 40 "$log"
+        tail -n 40 "$log" | sed '$a\'
         verdict FAILED "$what"
         return 1
     fi
