@@ -13,6 +13,7 @@
 #include <iostream>
 
 #include "aio_device.h"
+#include "alsa_playback.h"
 #include "alsa_volume.h"
 #include "audio_devices.h"
 #include "blocked_call.h"
@@ -436,6 +437,23 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     EXPECT_FALSE(hdmi_linux::bypass_stats().active);
     EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }))
         << "sound again";
+}
+
+TEST_F(AioAlsaTest, ADeviceThatIsClosedWhilePassThroughTakesItStaysClosed)
+{
+    playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
+    const std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(aio_device_open(&playback_), 0) << round;
+        BlockedCall<int> writing(
+            [&] { return aio_device_write(&playback_, minute.data(), static_cast<int>(minute.size())); });
+        ASSERT_TRUE(writing.asleep());
+        std::thread taking([] { hdmi_linux::playback().yield_device(E_AUDIO_IO_DEV_HDMI_ARC); });
+        EXPECT_EQ(aio_device_close(&playback_), 0);
+        taking.join();
+        EXPECT_FALSE(playback_stats().open) << round;
+        EXPECT_LT(writing.result(), static_cast<int>(minute.size()));
+    }
 }
 
 TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)

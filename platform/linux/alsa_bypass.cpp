@@ -90,7 +90,12 @@ void Bypass::close_output()
     if (!pcm_.is_open())
         return;
     pcm_.close();
-    // Others that play there may not say that it is sound.
+    take_status_back();
+}
+
+// Others that play there may not say that it is sound.
+void Bypass::take_status_back()
+{
     if (pcm_.status_set())
         set_status_control(pcm_.card(), pcm_.device(), channel_status(request_.rate, false));
 }
@@ -113,6 +118,8 @@ void Bypass::open_when_due()
         log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
               request_.rate);
         stats_.recoveries += stats_.lost ? 1 : 0;
+    } else {
+        take_status_back();
     }
     reported_ = !opened;
     stats_.lost = !opened;

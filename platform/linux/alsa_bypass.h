@@ -36,6 +36,7 @@ private:
     void send(const uint8_t* data, int frames) REQUIRES(mutex_);
     bool mend(int result, int troubles) REQUIRES(mutex_);
     void close_output() REQUIRES(mutex_);
+    void take_status_back() REQUIRES(mutex_);
 
     mutex_t mutex_;
     bool active_ GUARDED_BY(mutex_) = false;

@@ -91,6 +91,7 @@ int Pcm::open(const PcmRequest& request, std::string* why)
 {
     close();
     capture_ = request.stream == SND_PCM_STREAM_CAPTURE;
+    status_set_ = false;
     const AlsaMessages messages;
     snd_pcm_t* handle = nullptr;
     // Non-blocking: a device in use is refused at once instead of waited for.

@@ -472,7 +472,10 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     Pcm pcm;
     std::string why;
     int err = pcm.open(next, &why);
+    const uint64_t opening = opening_;
     gate_.evict(guard);
+    if (opening_ != opening)
+        return kClosed;
     if (err == -EBUSY && pcm_.is_open())
         err = open_busy(guard, next, &pcm, &why);
     if (err < 0) {
@@ -510,8 +513,11 @@ void Playback::yield_device(int device)
     mutex_guard guard(mutex_);
     if (state_ == State::closed || state_ == State::yielded || config_.device_id != device)
         return;
+    const uint64_t opening = opening_;
     gate_.evict(guard);
-    give_up_working_pcm(State::yielded);
+    // The player may have closed the device meanwhile.
+    if (opening_ == opening && state_ != State::yielded)
+        give_up_working_pcm(State::yielded);
 }
 
 void Playback::yield_back()

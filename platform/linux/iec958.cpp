@@ -27,11 +27,18 @@ bool length_is_bytes(int type)
     return type == kDts4 || type >= kFirstOfBytes;
 }
 
-template <typename T, void (*release)(T*)> struct Release {
-    void operator()(T* object) const { release(object); }
+struct ListRelease {
+    void operator()(snd_ctl_elem_list_t* list) const
+    {
+        snd_ctl_elem_list_free_space(list);
+        snd_ctl_elem_list_free(list);
+    }
 };
-using List = std::unique_ptr<snd_ctl_elem_list_t, Release<snd_ctl_elem_list_t, snd_ctl_elem_list_free>>;
-using Value = std::unique_ptr<snd_ctl_elem_value_t, Release<snd_ctl_elem_value_t, snd_ctl_elem_value_free>>;
+using List = std::unique_ptr<snd_ctl_elem_list_t, ListRelease>;
+struct ValueRelease {
+    void operator()(snd_ctl_elem_value_t* value) const { snd_ctl_elem_value_free(value); }
+};
+using Value = std::unique_ptr<snd_ctl_elem_value_t, ValueRelease>;
 struct CtlCloser {
     void operator()(snd_ctl_t* ctl) const { snd_ctl_close(ctl); }
 };
@@ -124,7 +131,6 @@ bool set_status_control(int card, int device, const ChannelStatus& status)
     for (unsigned int at = 0; at < snd_ctl_elem_list_get_used(list.get()); ++at)
         if (belongs_to(list.get(), at, device))
             set = write_status(ctl.get(), snd_ctl_elem_list_get_numid(list.get(), at), status) || set;
-    snd_ctl_elem_list_free_space(list.get());
     return set;
 }
 
