@@ -26,6 +26,7 @@
 #include "pacing.h"
 #include "play_queue.h"
 #include "support/blocked_call.h"
+#include "vblank_account.h"
 
 using hdmi_sim::FaultKind;
 using hdmi_sim::Op;
@@ -630,6 +631,48 @@ TEST_F(Sim, VblankWaitFollowsTheDisplayAndLeavesOtherDescriptorsToLibdrm)
     ASSERT_TRUE(blocked.asleep());
     hdmi_sim::display_stop();
     EXPECT_EQ(blocked.result(), -1);
+}
+
+TEST_F(Sim, VblankWaitsThatComeTooLateAreCounted)
+{
+    Screen screen;
+    const int fd = screen.start(100);
+    ASSERT_GT(fd, 0);
+    drmVBlank first, second;
+    ASSERT_EQ(wait_vblanks(fd, 1, first), 0);
+    ASSERT_TRUE(eventually([&] { return hdmi_sim::display_stats().vblanks >= first.reply.sequence + 5; }));
+    ASSERT_EQ(wait_vblanks(fd, 1, second), 0);
+    EXPECT_EQ(hdmi_sim::vblank_waits().waits, 2);
+    EXPECT_EQ(hdmi_sim::vblank_waits().missed, second.reply.sequence - first.reply.sequence - 1);
+    const int64_t missed = hdmi_sim::vblank_waits().missed;
+    EXPECT_GE(missed, 4);
+    ASSERT_EQ(wait_vblanks(fd, 0, second), 0);
+    ASSERT_TRUE(eventually([&] { return hdmi_sim::display_stats().vblanks >= second.reply.sequence + 5; }));
+    ASSERT_EQ(wait_vblanks(fd, 1, second), 0);
+    EXPECT_EQ(hdmi_sim::vblank_waits().waits, 3);
+    EXPECT_EQ(hdmi_sim::vblank_waits().missed, missed) << "a look between them: not in a row";
+}
+
+TEST(VblankAccount, CountsWhatLiesBetweenTwoWaitsInARow)
+{
+    constexpr pid_t kThread = 7;
+    constexpr int kFd = 5;
+    constexpr uint32_t kLast = 0xFFFFFFFF;
+    sim::VblankAccount account;
+    account.returned(kThread, kFd, 1, kLast - 1);
+    account.returned(kThread, kFd, 1, kLast);
+    EXPECT_EQ(account.waits().missed, 0);
+    account.returned(kThread, kFd, 1, 1);
+    EXPECT_EQ(account.waits().missed, 1) << "the numbers go round";
+    account.returned(kThread, kFd, 3, 4);
+    EXPECT_EQ(account.waits().missed, 1) << "as many as were asked for";
+    account.returned(kThread + 1, kFd, 1, 9);
+    account.returned(kThread + 1, kFd + 1, 1, 19);
+    account.interrupted();
+    account.returned(kThread + 1, kFd + 1, 1, 29);
+    account.returned(kThread + 1, kFd + 1, 1, 2);
+    EXPECT_EQ(account.waits().missed, 1) << "another thread, another display, a failure, numbers that begin anew";
+    EXPECT_EQ(account.waits().waits, 8);
 }
 
 // --- Announcements --------------------------------------------------------------------

@@ -384,6 +384,9 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     result->display_hz = display->refresh_hz();
     result->paced = display->paced();
     result->display_stats = display->stats();
+    hdmi_sim::VblankWaits waits = hdmi_sim::vblank_waits();
+    result->vblank_waits = waits.waits;
+    result->vblank_missed = waits.missed;
     evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
     return inside;
 }

@@ -56,6 +56,7 @@ void print_pictures(const Result& result)
     std::printf("  flips     at a stroke with the one before %" PRId64 ", superseded before they were seen %" PRId64
                 "\n",
                 frames.skipped, result.display_stats.superseded);
+    std::printf("  vblank    waits %" PRId64 ", missed %" PRId64 "\n", result.vblank_waits, result.vblank_missed);
     const Cadence& cadence = result.cadence;
     std::printf("  screen    %" PRId64 " pictures on %" PRId64 " vertical blanks: unseen %" PRId64 ", repeats %" PRId64
                 "; beyond the rates %" PRId64 " and %" PRId64 " (%.2f %%)\n",
@@ -243,6 +244,8 @@ json pictures_json(const Result& result)
             {"superseded", result.display_stats.superseded},
             {"display_flips", result.display_stats.flips},
             {"display_vblanks", result.display_stats.vblanks},
+            {"vblank_waits", result.vblank_waits},
+            {"vblank_missed", result.vblank_missed},
             {"unshown", result.display_stats.unshown},
             {"outages", outages_json(result)},
             {"unreadable", result.unreadable},

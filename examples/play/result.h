@@ -63,6 +63,8 @@ struct Result {
     int64_t starved = 0;
     StageStats stage;
     DisplayStats display_stats;
+    int64_t vblank_waits = 0;  ///< of the player, for vertical blanks
+    int64_t vblank_missed = 0; ///< vertical blanks that it was not woken for
     Usage usage;
     TraceView trace; ///< of a run that is to be looked at
 };

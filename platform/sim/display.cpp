@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <xf86drm.h>
 
@@ -11,6 +12,7 @@
 
 #include "latch.h"
 #include "sim.h"
+#include "vblank_account.h"
 
 namespace sim
 {
@@ -35,6 +37,7 @@ struct Display {
     Pace pace GUARDED_BY(mutex);
     Latch latch GUARDED_BY(mutex);
     hdmi_sim::DisplayStats stats GUARDED_BY(mutex);
+    VblankAccount account GUARDED_BY(mutex);
     // Constant while the thread runs.
     hdmi_sim::DisplayConfig config;
     hdmi_sim::ScanOutFn on_scan_out;
@@ -184,6 +187,28 @@ int real_wait(int fd, drmVBlankPtr vblank)
     return function != nullptr ? function(fd, vblank) : fail(ENODEV);
 }
 
+bool is_wait_in_a_row(const drmVBlank& vblank)
+{
+    return vblank.request.type == DRM_VBLANK_RELATIVE && vblank.request.sequence > 0;
+}
+
+int counted_wait(int fd, drmVBlankPtr vblank)
+{
+    // The reply takes the place of the request.
+    const drmVBlank asked = vblank != nullptr ? *vblank : drmVBlank{};
+    const int result = is_simulated(fd) ? simulated_wait(fd, vblank) : real_wait(fd, vblank);
+    const int error = errno;
+    Display& d = display();
+    mutex_guard guard(d.mutex);
+    if (result == 0 && vblank != nullptr && is_wait_in_a_row(asked))
+        d.account.returned(static_cast<pid_t>(syscall(SYS_gettid)), fd, asked.request.sequence, vblank->reply.sequence);
+    else
+        d.account.interrupted();
+    guard.unlock();
+    errno = error;
+    return result;
+}
+
 } // namespace
 
 void display_reset()
@@ -191,14 +216,12 @@ void display_reset()
     Display& d = display();
     mutex_guard guard(d.mutex);
     d.stats = {};
+    d.account = {};
 }
 
 } // namespace sim
 
-extern "C" SIM_EXPORT int drmWaitVBlank(int fd, drmVBlankPtr vbl)
-{
-    return sim::is_simulated(fd) ? sim::simulated_wait(fd, vbl) : sim::real_wait(fd, vbl);
-}
+extern "C" SIM_EXPORT int drmWaitVBlank(int fd, drmVBlankPtr vbl) { return sim::counted_wait(fd, vbl); }
 
 namespace hdmi_sim
 {
@@ -268,6 +291,13 @@ DisplayStats display_stats()
     sim::Display& d = sim::display();
     mutex_guard guard(d.mutex);
     return d.stats;
+}
+
+VblankWaits vblank_waits()
+{
+    sim::Display& d = sim::display();
+    mutex_guard guard(d.mutex);
+    return d.account.waits();
 }
 
 } // namespace hdmi_sim

@@ -312,6 +312,13 @@ struct DisplayStats {
 };
 DisplayStats display_stats();
 
+/// The program's waits by drmWaitVBlank(), on this display or on a real one.
+struct VblankWaits {
+    int64_t waits = 0;  ///< that returned with the vertical blank they were for
+    int64_t missed = 0; ///< vertical blanks between two waits of one thread, neither of which was for them
+};
+VblankWaits vblank_waits();
+
 // --- CEC ------------------------------------------------------------------------
 
 /// The calls so far, in order: "init", "open_arc", "deinit".
