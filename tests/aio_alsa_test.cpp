@@ -3,10 +3,12 @@
 // their monitors give is what was heard.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -340,6 +342,59 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceIsSilentAtItsPaceAndComesBack)
     aio_device_close(&capture_);
     EXPECT_EQ(blocked.result(), 0);
     ASSERT_TRUE(g_server->start()) << g_server->why();
+}
+
+// The sound server, the only child of this program, stands still in this scope.
+class ServerPause
+{
+public:
+    ServerPause()
+    {
+        std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/children") >> pid_;
+        if (pid_ > 0)
+            kill(pid_, SIGSTOP);
+    }
+    ~ServerPause() { end(); }
+    ServerPause(const ServerPause&) = delete;
+    ServerPause& operator=(const ServerPause&) = delete;
+
+    bool begun() const { return pid_ > 0; }
+    void end()
+    {
+        if (pid_ > 0)
+            kill(pid_, SIGCONT);
+        pid_ = -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+};
+
+TEST_F(AioAlsaTest, AServerThatDoesNotAnswerHoldsUpNoClose)
+{
+    std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
+    for (audio_config_t* device : {&playback_, &capture_}) {
+        ASSERT_EQ(aio_device_open(device), 0);
+        const int64_t frames = playback_stats().frames;
+        BlockedCall<int> call([&] {
+            return device == &playback_ ? aio_device_write(device, minute.data(), static_cast<int>(minute.size()))
+                                        : aio_device_read(device, minute.data(), static_cast<int>(minute.size()));
+        });
+        ASSERT_TRUE(call.asleep());
+        // The start of the sound waits for the server.
+        const bool plays = device == &playback_;
+        ASSERT_TRUE(eventually([&] { return !plays || playback_stats().frames > frames + 12 * kPeriod; }));
+        ServerPause pause;
+        ASSERT_TRUE(pause.begun());
+        const auto start = Clock::now();
+        const std::string log = logged("2", [&] { EXPECT_EQ(aio_device_close(device), 0); });
+        EXPECT_LT(seconds_since(start), 5);
+        EXPECT_EQ(occurrences(log, "a sound server does not answer"), 1) << log;
+        EXPECT_LT(call.result(), static_cast<int>(minute.size()));
+        pause.end();
+        EXPECT_TRUE(eventually([&] { return aio_device_open(device) == 0; }));
+        EXPECT_EQ(aio_device_close(device), 0);
+    }
 }
 
 TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)

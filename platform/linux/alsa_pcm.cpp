@@ -8,7 +8,11 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <system_error>
+#include <thread>
+
+#include "internal/common.h"
 
 namespace hdmi_linux
 {
@@ -17,8 +21,55 @@ namespace
 
 thread_local AlsaMessages* t_messages = nullptr;
 
+/// A sound server closes within some milliseconds, or does not answer at all.
+constexpr uint32_t kCloseLimitUs = 500000;
 /// Between two looks at a device whose descriptor reports an error that no transfer confirms.
 constexpr int kErrorPauseMs = 10;
+
+/// A closing on a thread of its own; whoever asked for it may have gone on.
+struct Closing {
+    Closing() { cond_init_monotonic(ended); }
+    ~Closing() { pthread_cond_destroy(&ended); }
+    Closing(const Closing&) = delete;
+    Closing& operator=(const Closing&) = delete;
+    mutex_t mutex;
+    pthread_cond_t ended;
+    bool done GUARDED_BY(mutex) = false;
+};
+
+void close_handle(snd_pcm_t* handle)
+{
+    const AlsaMessages messages;
+    snd_pcm_close(handle);
+}
+
+// Nothing but this thread knows the handle.
+void run_closing(snd_pcm_t* handle, const std::shared_ptr<Closing>& closing)
+{
+    set_thread_name("audio_close");
+    close_handle(handle);
+    mutex_guard guard(closing->mutex);
+    closing->done = true;
+    pthread_cond_broadcast(&closing->ended);
+}
+
+// A server that no longer answers holds the call for as long as its client library waits.
+void close_within_limit(snd_pcm_t* handle)
+{
+    const auto closing = std::make_shared<Closing>();
+    try {
+        std::thread(run_closing, handle, closing).detach();
+    } catch (const std::system_error&) {
+        close_handle(handle);
+        return;
+    }
+    const struct timespec deadline = get_monotonic_timeout_us(kCloseLimitUs);
+    mutex_guard guard(closing->mutex);
+    while (!closing->done && guard.wait_until(closing->ended, deadline) == 0) {
+    }
+    if (!closing->done)
+        log_w("a sound server does not answer: its device is closed without it\n");
+}
 
 struct HardwareParams {
     HardwareParams() { snd_pcm_hw_params_malloc(&native); }
@@ -110,10 +161,15 @@ int Pcm::open(const PcmRequest& request, std::string* why)
     return err;
 }
 
-void Pcm::close()
+void Pcm::close() { handle_.reset(); }
+
+void Pcm::Closer::operator()(snd_pcm_t* handle) const
 {
-    const AlsaMessages messages;
-    handle_.reset();
+    // A card's does not wait, and is free for the next opening at once.
+    if (card_device(handle).card >= 0)
+        close_handle(handle);
+    else
+        close_within_limit(handle);
 }
 
 std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats* stats)

@@ -65,7 +65,7 @@ class Pcm
 public:
     /// Opens and configures; capture also starts. @return 0, or an error code with its reason in @p why.
     int open(const PcmRequest& request, std::string* why);
-    /// What is queued is discarded.
+    /// What is queued is discarded. Returns soon, even while a sound server holds the call up.
     void close();
     bool is_open() const { return handle_ != nullptr; }
 
@@ -101,7 +101,7 @@ public:
 
 private:
     struct Closer {
-        void operator()(snd_pcm_t* handle) const { snd_pcm_close(handle); }
+        void operator()(snd_pcm_t* handle) const;
     };
     int set_hardware(const PcmRequest& request, std::string* why);
     int set_software(const PcmRequest& request);
