@@ -32,7 +32,7 @@ constexpr int32_t kDefaultChannels = 2;
 constexpr int32_t kBytesPerSample = 2;
 constexpr int32_t kDequeueTimeoutMs = 100;
 /// How often a decoder that signals nothing is asked for output.
-constexpr uint32_t kReadPollMs = 10;
+constexpr uint64_t kReadPollUs = 10000;
 /// Pause after a source or a queue that refused at once, so that its thread does not spin.
 constexpr useconds_t kRefusedPauseUs = 2000;
 /// A decoder that takes no bytes is asked again so often, at this interval. Both stretches of a burst
@@ -332,7 +332,7 @@ void* dolby_decode(void* arg)
             log_v("[%s] adecoder_read size:%d\n", format_name(info->format), size);
             // Not a wait for a state: any wake reads again.
             if (!info->abort_request)
-                lock.wait_until(info->decoder_cond, get_cond_timeout_ms(kReadPollMs));
+                lock.wait_until(info->decoder_cond, get_monotonic_timeout_us(kReadPollUs));
             continue;
         }
         lock.unlock();
@@ -395,7 +395,7 @@ void set_up(dolby_info_t* info, const dolby_config_t& cfg)
     info->input_queue_put_cb = cfg.input_queue_put_cb;
     info->input_queue_wakeup_cb = cfg.input_queue_wakeup_cb;
     info->decoder_mutex.init();
-    pthread_cond_init(&info->decoder_cond, nullptr);
+    cond_init_monotonic(info->decoder_cond);
     info->internal_mutex.init();
 }
 

@@ -314,7 +314,7 @@ uint32_t dummy_delay_due(resample_context_t& ctx, int64_t now_us, const char* fu
 /// Holds a consumer for @p milliseconds, or until a stop.
 void delay(resample_context_t& ctx, uint32_t milliseconds)
 {
-    const struct timespec deadline = get_cond_timeout_ms(milliseconds);
+    const struct timespec deadline = get_monotonic_timeout_us(uint64_t{milliseconds} * 1000);
     mutex_guard lock(ctx.internal_mutex);
     while (!ctx.abort_request && lock.wait_until(ctx.abort_cond, deadline) == 0) {
     }

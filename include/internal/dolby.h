@@ -93,9 +93,10 @@ typedef struct dolby_info_s {
     pthread_t tid_demux = 0;
     pthread_t tid_decode = 0;
     mutex_t decoder_mutex;
-    pthread_cond_t decoder_cond = PTHREAD_COND_INITIALIZER; ///< the decoder was rebuilt, has output, or ends
-    mutex_t internal_mutex;                                 ///< time line of the output; never waited under
-    rwlock_t api_rwlock;                                    ///< write: init and deinit; read: everything else
+    /// The decoder was rebuilt, has output, or ends; on CLOCK_MONOTONIC.
+    pthread_cond_t decoder_cond = PTHREAD_COND_INITIALIZER;
+    mutex_t internal_mutex; ///< time line of the output; never waited under
+    rwlock_t api_rwlock;    ///< write: init and deinit; read: everything else
     hdmi_player_event_cb_t event_cb = nullptr;
     void (*format_changed_cb)(bool force_reset, bool* restarted) = nullptr;
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;

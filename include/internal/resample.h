@@ -37,6 +37,8 @@ typedef struct resample_config_s {
 } resample_config_t;
 
 typedef struct resample_context_s {
+    resample_context_s() { cond_init_monotonic(abort_cond); }
+
     struct SwrContext* audio_swr_ctx = nullptr; ///< null: frames pass through unchanged. Worker only after init.
     audio_param_t src_param = {};               ///< rate: the one the converter was built for. Worker only after init.
     audio_param_t tgt_param = {};
@@ -49,9 +51,9 @@ typedef struct resample_context_s {
     int32_t dummy_alg_delay_interval GUARDED_BY(internal_mutex) = 0; ///< s
     int64_t dummy_alg_delay_time GUARDED_BY(internal_mutex) = 0;     ///< ms
     int64_t dummy_alg_delay_start_time_us GUARDED_BY(internal_mutex) = 0; ///< 0: no interval begun
-    mutex_t internal_mutex;                               ///< guards the dummy delay; lives as long as the process
-    pthread_cond_t abort_cond = PTHREAD_COND_INITIALIZER; ///< abort_request was set
-    rwlock_t api_rwlock = rwlock_t::writers_first();      ///< write: init and the end of deinit; read: everything else
+    mutex_t internal_mutex;    ///< guards the dummy delay; it and the next one live as long as the process
+    pthread_cond_t abort_cond; ///< abort_request was set; on CLOCK_MONOTONIC
+    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: init and the end of deinit; read: everything else
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
 } resample_context_t;
