@@ -9,7 +9,6 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "alsa_clock.h"
 #include "config.h"
 #include "hdmi_cec.h"
 #include "internal/common.h"
@@ -40,19 +40,7 @@ constexpr int64_t kClaimPollMs = 20;
 constexpr int kMessagesPerRound = 64;
 constexpr size_t kLogMessages = 256;
 
-int64_t now_ms()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000) + now.tv_nsec / 1000000;
-}
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
-}
+int64_t now_ms() { return now_ns() / kNsPerMs; }
 
 // What an adapter is good for here, the best first.
 enum class Fitness { tv, root, unconnected, unfit };

@@ -32,14 +32,7 @@ constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 class Condition
 {
 public:
-    Condition()
-    {
-        pthread_condattr_t attr;
-        pthread_condattr_init(&attr);
-        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-        pthread_cond_init(&native_, &attr);
-        pthread_condattr_destroy(&attr);
-    }
+    Condition() { cond_init_monotonic(native_); }
     ~Condition() { pthread_cond_destroy(&native_); }
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
