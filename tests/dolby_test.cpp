@@ -74,7 +74,7 @@ const Bytes kBurst = ac3_burst(kPayload);
 struct FakeDecoder {
     std::mutex mutex;
     Bytes written;
-    int writes = 0;
+    int writes = 0, reads = 0;
     std::deque<Bytes> output;
     int32_t rate = 48000, status = 0;
     int32_t accept = INT32_MAX; ///< bytes of each write; 0 or negative: the result
@@ -109,6 +109,7 @@ struct FakeDecoder {
         };
         g_hooks.decoder_read = [this](adecoder_handle_t*, void* buffer, int32_t size) {
             std::lock_guard<std::mutex> lock(mutex);
+            ++reads;
             if (output.empty())
                 return 0;
             const int32_t count = std::min(static_cast<int32_t>(output.front().size()), size);
@@ -475,6 +476,16 @@ TEST_F(DecodePipeline, DecodedPcmCarriesSerialRateAndPtsWithoutASignalFromTheDec
     EXPECT_EQ(1, occurrences(log, "[ac3] adecoder_write status:0xfffffffd error do not send signal\n"));
     // The decoder is read as soon as it is there, perhaps before its format has got a name.
     EXPECT_EQ(3, occurrences(log, "] adecoder_read size:960\n"));
+}
+
+TEST_F(DecodePipeline, ADecoderThatSignalsNothingIsAskedAtIntervals)
+{
+    start();
+    feed(kBurst);
+    decoder.set(&FakeDecoder::reads, 0);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(eventually([this] { return decoder.get(&FakeDecoder::reads) >= 11; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(90)) << "it spins";
 }
 
 TEST_F(DecodePipeline, TheDecoderFollowsTheFormatAndTheHostIsTold)
