@@ -29,7 +29,11 @@ int vendor_hdmi_cec_init(hdmi_cec_config_t* config);
  */
 int vendor_hdmi_cec_open_arc(void);
 
-/** Closes the audio return channel and gives the adapter back; harmless without init. @return 0, or negative. */
+/**
+ * Closes the audio return channel and gives the adapter back; harmless without
+ * init. May take up to 3 seconds to tell the other device and give the adapter
+ * back: hdmi_player_close() waits for it. @return 0, or negative.
+ */
 int vendor_hdmi_cec_deinit(void);
 
 #ifdef __cplusplus

@@ -37,6 +37,7 @@ constexpr int64_t kReopenMs = 1000;
 /// Claiming an address takes some 340 ms; the kernel refuses to take back a configuration meanwhile.
 constexpr int64_t kClaimMs = 1000;
 constexpr int64_t kClaimPollMs = 20;
+static_assert(cec_arc::TvSide::kCloseMs + kClaimMs + kClaimPollMs < CecLink::kStopMs, "the last calls take time too");
 constexpr int kMessagesPerRound = 64;
 constexpr size_t kLogMessages = 256;
 

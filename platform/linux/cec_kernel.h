@@ -62,14 +62,14 @@ public:
      */
     int start(const std::string& device, const std::string& source, bool load_edid);
     int open_arc();
-    /// Ends the channel, within kStopMs; harmless without start().
+    /// Closes the channel and gives the adapter back, within kStopMs; harmless without start().
     void stop();
 
     CecStats stats() const;
     std::vector<CecMessage> messages() const;
 
-    /// The end of the exchange that is under way, closing the channel, taking back the configuration of the adapter.
-    static constexpr int64_t kStopMs = cec_arc::TvSide::kCloseMs + 1500;
+    /// Closing the channel and giving the adapter back together: what hdmi_cec.h allows.
+    static constexpr int64_t kStopMs = 3000;
 
 private:
     struct InFlight {

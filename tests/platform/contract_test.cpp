@@ -31,6 +31,8 @@ constexpr int kFrameBytes = 4;
 constexpr int kPeriodBytes = kPeriod * kFrameBytes;
 /// "At once", on a machine that has other things to do.
 constexpr double kPromptSeconds = 1.0;
+/// hdmi_cec.h
+constexpr double kCecCloseSeconds = 3.0;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -177,16 +179,27 @@ TEST_F(PlatformContract, VolumeMuteAndReselectWorkWhileTheDeviceIsOpen)
 
 // --- CEC ------------------------------------------------------------------------------
 
-TEST(PlatformCec, NeverWaitsForTheBusAndMayBeClosedWithoutInit)
+// @return how long it took.
+double close_cec()
 {
     const auto start = Clock::now();
     vendor_hdmi_cec_deinit();
+    return seconds_since(start);
+}
+
+TEST(PlatformCec, OpensWithoutWaitingForTheBusAndClosesInTime)
+{
+    EXPECT_LT(close_cec(), kPromptSeconds) << "without init there is nothing to close";
+    const auto start = Clock::now();
     hdmi_cec_config_t config = {false};
     std::printf("adapter: init %d", vendor_hdmi_cec_init(&config));
-    std::printf(", ARC %d\n", vendor_hdmi_cec_open_arc());
+    std::printf(", ARC %d", vendor_hdmi_cec_open_arc());
     EXPECT_LT(seconds_since(start), kPromptSeconds) << "it would delay open";
-    vendor_hdmi_cec_deinit();
-    vendor_hdmi_cec_deinit();
+    // In the middle of the exchange.
+    const double seconds = close_cec();
+    std::printf(", deinit %.2f s\n", seconds);
+    EXPECT_LT(seconds, kCecCloseSeconds) << "it would delay close";
+    EXPECT_LT(close_cec(), kPromptSeconds) << "it is closed already";
 }
 
 // --- Decoder ----------------------------------------------------------------------------
