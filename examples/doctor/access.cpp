@@ -63,8 +63,10 @@ std::optional<Finding> Device::refusal() const
         return Finding{Verdict::missing, path_, strerror(error_), "sudo dmesg | tail"};
     const Owner owner = owner_of(path_);
     const std::string detail = std::string(strerror(error_)) + ", it is " + owner.text;
-    if (error_ == EPERM) // Its mode permits it: a container's rules for devices do not.
-        return Finding{Verdict::refused, path_, detail, "docker run --device " + path_ + " ..."};
+    if (error_ == EPERM) // Its mode permits it.
+        return Finding{Verdict::refused, path_,
+                       detail + "; the device rules of this container (or control group) forbid it",
+                       "docker run --device " + path_ + " ...   # for example"};
     return Finding{Verdict::refused, path_, detail,
                    owner.group_may ? "sudo usermod -aG " + owner.group + " " + user() + "   # then log in again"
                                    : "sudo setfacl -m u:" + user() + ":rw " + path_};

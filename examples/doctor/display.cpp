@@ -48,7 +48,7 @@ Finding look_at_card(const std::string& path)
     const std::string driver = version != nullptr ? version->name : "?";
     const std::unique_ptr<drmModeRes, Release> resources(drmModeGetResources(device.fd()));
     if (resources == nullptr || resources->count_crtcs == 0)
-        return {Verdict::missing, path, driver + ": draws, but has no display", "scripts/play --display window"};
+        return {Verdict::missing, path, driver + ": draws, but has no display", "hdmi-player-play --display window"};
     for (int i = 0; i < resources->count_crtcs; ++i) {
         const std::unique_ptr<drmModeCrtc, Release> crtc(drmModeGetCrtc(device.fd(), resources->crtcs[i]));
         if (crtc == nullptr || crtc->mode_valid == 0)
@@ -56,14 +56,14 @@ Finding look_at_card(const std::string& path)
         const double rate = blank_rate(device.fd(), crtc->crtc_id);
         if (rate == 0)
             return {Verdict::missing, path, driver + ": no vertical blanks: " + strerror(errno),
-                    "scripts/play --display none   # its own clock instead"};
+                    "hdmi-player-play --display none   # its own clock instead"};
         char text[64];
         snprintf(text, sizeof(text), ": %ux%u, %.2f vertical blanks a second", crtc->mode.hdisplay, crtc->mode.vdisplay,
                  rate);
         return {Verdict::ok, path, driver + text, ""};
     }
     return {Verdict::missing, path, driver + ": is dark; vertical blanks come with a mode",
-            "scripts/play --display kms:" + path + "   # sets one"};
+            "hdmi-player-play --display kms:" + path + "   # sets one"};
 }
 
 } // namespace

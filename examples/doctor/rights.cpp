@@ -82,7 +82,7 @@ Findings look_at_receiver()
     if (errno == EACCES)
         return {{Verdict::refused, kState, strerror(errno), "sudo chmod a+r " + std::string(kState)}};
     return {{Verdict::missing, kState, "no driver announces formats: what is captured tells them",
-             "scripts/play --capture alsa:NAME"}};
+             "hdmi-player-play --capture alsa:NAME"}};
 }
 
 } // namespace doctor
