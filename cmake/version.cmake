@@ -1,10 +1,14 @@
 # SPDX-License-Identifier: MIT
 cmake_minimum_required(VERSION 3.22)
 # Writes OUTPUT with the banner of this build: the source revision and the build date.
-execute_process(COMMAND git -C ${SOURCE_DIR} rev-parse --short HEAD
-                OUTPUT_VARIABLE revision OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET RESULT_VARIABLE failed)
-if(failed)
-  set(revision unknown)
+set(revision unknown)
+# An unpacked archive may stand inside another project's repository.
+if(EXISTS ${SOURCE_DIR}/.git)
+  execute_process(COMMAND git -C ${SOURCE_DIR} rev-parse --short HEAD
+                  OUTPUT_VARIABLE head OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET RESULT_VARIABLE failed)
+  if(NOT failed)
+    set(revision ${head})
+  endif()
 endif()
 # Honours SOURCE_DATE_EPOCH, for reproducible builds.
 string(TIMESTAMP date "%Y%m%d" UTC)
