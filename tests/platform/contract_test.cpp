@@ -10,15 +10,13 @@
 #include <thread>
 #include <vector>
 
+#include "ac3_frame.h"
 #include "adecoder.h"
 #include "aio_device.h"
 #include "audio_devices.h"
 #include "blocked_call.h"
 #include "hdmi_cec.h"
 #include "stage.h"
-#ifdef HAVE_CODED_AUDIO
-#include "coded_audio.h"
-#endif
 
 namespace
 {
@@ -204,34 +202,42 @@ TEST(PlatformCec, OpensWithoutWaitingForTheBusAndClosesInTime)
 
 // --- Decoder ----------------------------------------------------------------------------
 
-#ifdef HAVE_CODED_AUDIO
+// As the link carries it: the bytes of each word swapped.
+std::vector<uint8_t> ac3_payload()
+{
+    std::vector<uint8_t> payload(std::begin(kAc3Frame), std::end(kAc3Frame));
+    for (size_t at = 0; at + 1 < payload.size(); at += 2)
+        std::swap(payload[at], payload[at + 1]);
+    return payload;
+}
+
 TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
 {
-    const coded_audio::Format format;
     adecoder_handle_t* decoder = adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
+    if (decoder == nullptr && platform_stage::may_lack_decoder())
+        GTEST_SKIP() << "no decoder, so none was checked: the player will report compressed input as unsupported";
     ASSERT_NE(nullptr, decoder);
     std::vector<uint8_t> pcm(16384);
     EXPECT_LE(adecoder_read(decoder, 0, 0, pcm.data(), static_cast<int32_t>(pcm.size()), 0), 0);
-    for (const coded_audio::Bytes& packet : coded_audio::encode(format, 4)) {
-        // As the link carries it, in two parts, as captured chunks cut it.
-        coded_audio::Bytes swapped = packet;
-        for (size_t at = 0; at + 1 < swapped.size(); at += 2)
-            std::swap(swapped[at], swapped[at + 1]);
-        const auto size = static_cast<int32_t>(swapped.size());
+    const std::vector<uint8_t> payload = ac3_payload();
+    const auto size = static_cast<int32_t>(payload.size());
+    bool audible = false;
+    for (int frame = 0; frame < 4; ++frame) {
+        // In two parts, as captured chunks cut it.
         int32_t status = -1;
-        EXPECT_EQ(101, adecoder_write(decoder, swapped.data(), 101, 0, -1, &status));
+        EXPECT_EQ(101, adecoder_write(decoder, payload.data(), 101, 0, -1, &status));
         EXPECT_EQ(0, status);
-        EXPECT_EQ(size - 101, adecoder_write(decoder, swapped.data() + 101, size - 101, 0, -1, &status));
+        EXPECT_EQ(size - 101, adecoder_write(decoder, payload.data() + 101, size - 101, 0, -1, &status));
         EXPECT_GT(status, 0) << "waits for the next frame's header?";
         EXPECT_EQ(kRate, adecoder_get_output_sample_rate(decoder));
         int32_t bytes = 0;
-        for (int32_t got = 0; (got = adecoder_read(decoder, 0, 0, pcm.data(), kPeriodBytes, 0)) > 0;)
-            bytes += got;
-        EXPECT_EQ(1536 * kFrameBytes, bytes);
+        for (int32_t got = 0; (got = adecoder_read(decoder, 0, 0, pcm.data(), kPeriodBytes, 0)) > 0; bytes += got)
+            audible |= std::any_of(pcm.begin(), pcm.begin() + got, [](uint8_t byte) { return byte != 0; });
+        EXPECT_EQ(kAc3Samples * kFrameBytes, bytes);
     }
+    EXPECT_TRUE(audible) << "a tone decoded to silence";
     EXPECT_EQ(0, adecoder_deinit(decoder));
 }
-#endif
 
 } // namespace
 

@@ -10,5 +10,7 @@ namespace platform_stage
 /// Before the first thread. @return false with the reason in @p why: nothing can be checked here
 bool set_up(std::string* why);
 void tear_down();
+/// Whether the platform is free to have no decoder.
+bool may_lack_decoder();
 
 } // namespace platform_stage

@@ -24,3 +24,5 @@ bool platform_stage::set_up(std::string* why)
 }
 
 void platform_stage::tear_down() { g_server.reset(); }
+
+bool platform_stage::may_lack_decoder() { return false; }
