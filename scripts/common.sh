@@ -69,6 +69,7 @@ build_targets() {
     done
     [ $# -gt 0 ] && shift
     [ -e "$folder/build.ninja" ] || echo "Building in $folder (the first time takes a minute or two)" >&2
-    run_quietly cmake -S "$root" -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" || return 1
+    run_quietly cmake -S "$root" -B "$folder" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DHDMIPLAYER_WERROR=ON "$@" || return 1
     run_quietly cmake --build "$folder" --target "${targets[@]}"
 }

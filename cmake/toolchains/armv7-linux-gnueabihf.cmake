@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 # ARMv7 with hardware floating point. Set CMAKE_SYSROOT to the device's tree, with
-# FFmpeg's and libdrm's headers and libraries in it.
+# FFmpeg's and libdrm's headers and libraries in it, and alsa-lib's for the Linux platform.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
