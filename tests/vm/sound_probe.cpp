@@ -49,6 +49,59 @@ private:
     std::future<void> unbinding_;
 };
 
+/// A control that the dummy card has for one test.
+class Control
+{
+public:
+    using Add = int (*)(snd_ctl_t* ctl, const snd_ctl_elem_id_t* id);
+
+    Control(snd_ctl_elem_iface_t interface, const char* name, Add add)
+    {
+        EXPECT_EQ(snd_ctl_open(&ctl_, "hw:Dummy", 0), 0);
+        EXPECT_EQ(snd_ctl_elem_id_malloc(&id_), 0);
+        EXPECT_EQ(snd_ctl_elem_value_malloc(&value_), 0);
+        snd_ctl_elem_id_set_interface(id_, interface);
+        snd_ctl_elem_id_set_name(id_, name);
+        EXPECT_GE(add(ctl_, id_), 0);
+        // Others may write it only then.
+        EXPECT_GE(snd_ctl_elem_unlock(ctl_, id_), 0);
+    }
+    ~Control()
+    {
+        snd_ctl_elem_remove(ctl_, id_);
+        snd_ctl_elem_value_free(value_);
+        snd_ctl_elem_id_free(id_);
+        snd_ctl_close(ctl_);
+    }
+    Control(const Control&) = delete;
+    Control& operator=(const Control&) = delete;
+
+    snd_aes_iec958_t status() const
+    {
+        snd_aes_iec958_t status = {};
+        snd_ctl_elem_value_get_iec958(read(), &status);
+        return status;
+    }
+    /// Of both channels.
+    std::vector<long> values() const
+    {
+        const snd_ctl_elem_value_t* value = read();
+        return {snd_ctl_elem_value_get_integer(value, 0), snd_ctl_elem_value_get_integer(value, 1)};
+    }
+
+private:
+    const snd_ctl_elem_value_t* read() const
+    {
+        snd_ctl_elem_value_set_id(value_, id_);
+        EXPECT_GE(snd_ctl_elem_read(ctl_, value_), 0);
+        return value_;
+    }
+
+    snd_ctl_t* ctl_ = nullptr;
+    snd_ctl_elem_id_t* id_ = nullptr;
+    snd_ctl_elem_value_t* value_ = nullptr;
+};
+
 class SoundProbe : public testing::Test
 {
 protected:
@@ -233,30 +286,57 @@ TEST_F(SoundProbe, VolumeAndMuteAreTheMixersWhereThereIsOne)
     setenv("HDMIPLAYER_ALSA_SPEAKER", "hw:Speaker,0", 1);
 }
 
+TEST_F(SoundProbe, MuteIsTheMixersSwitchAndPercentsAreEvenWithoutDecibels)
+{
+    using Values = std::vector<long>;
+    const Control volume(SND_CTL_ELEM_IFACE_MIXER, "Headphone Playback Volume",
+                         [](auto* ctl, auto* id) { return snd_ctl_elem_add_integer(ctl, id, 2, 10, 210, 1); });
+    const Control sounding(SND_CTL_ELEM_IFACE_MIXER, "Headphone Playback Switch",
+                           [](auto* ctl, auto* id) { return snd_ctl_elem_add_boolean(ctl, id, 2); });
+    playback_.device_id = E_AUDIO_IO_DEV_HEADPHONE;
+    playback_.pcm_name = "hw:Dummy";
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
+    EXPECT_EQ(volume.values(), (Values{210, 210}));
+    ASSERT_EQ(aio_device_set_volume(&playback_, 0), 0);
+    EXPECT_EQ(volume.values(), (Values{10, 10}));
+    ASSERT_EQ(aio_device_set_volume(&playback_, 50), 0);
+    EXPECT_EQ(volume.values(), (Values{110, 110}));
+    ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
+    EXPECT_EQ(sounding.values(), (Values{1, 1}));
+    ASSERT_EQ(aio_device_set_mute(&playback_, true), 0);
+    EXPECT_EQ(sounding.values(), (Values{0, 0}));
+    EXPECT_EQ(volume.values(), (Values{110, 110})) << "the switch does it";
+    ASSERT_EQ(aio_device_set_volume(&playback_, 25), 0);
+    EXPECT_EQ(volume.values(), (Values{60, 60}));
+    EXPECT_EQ(sounding.values(), (Values{0, 0})) << "still muted";
+    ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
+    EXPECT_EQ(sounding.values(), (Values{1, 1}));
+}
+
 TEST_F(SoundProbe, ADigitalOutputsControlSaysWhatItCarries)
 {
-    snd_ctl_t* ctl = nullptr;
-    ASSERT_EQ(snd_ctl_open(&ctl, "hw:Dummy", 0), 0);
-    snd_ctl_elem_id_t* id = nullptr;
-    snd_ctl_elem_id_alloca(&id);
-    snd_ctl_elem_id_set_interface(id, SND_CTL_ELEM_IFACE_PCM);
-    snd_ctl_elem_id_set_name(id, "IEC958 Playback Default");
-    ASSERT_GE(snd_ctl_elem_add_iec958(ctl, id), 0);
-    ASSERT_GE(snd_ctl_elem_unlock(ctl, id), 0);
+    constexpr unsigned char kSound = 0x04;
+    constexpr unsigned char kData = 0x06;
+    const Control carries(SND_CTL_ELEM_IFACE_PCM, "IEC958 Playback Default", snd_ctl_elem_add_iec958);
+    setenv("HDMIPLAYER_ALSA_SPDIF", "hw:Dummy", 1);
     playback_.device_id = E_AUDIO_IO_DEV_SPDIF;
-    playback_.pcm_name = "hw:Dummy";
     playback_.sample_rate = 32000;
     ASSERT_EQ(aio_device_open(&playback_), 0);
-    snd_ctl_elem_value_t* value = nullptr;
-    snd_ctl_elem_value_alloca(&value);
-    snd_ctl_elem_value_set_id(value, id);
-    ASSERT_GE(snd_ctl_elem_read(ctl, value), 0);
-    snd_aes_iec958_t status = {};
-    snd_ctl_elem_value_get_iec958(value, &status);
-    EXPECT_EQ(status.status[0], 0x04);
-    EXPECT_EQ(status.status[3], 0x03) << "32 kHz";
-    snd_ctl_elem_remove(ctl, id);
-    snd_ctl_close(ctl);
+    EXPECT_EQ(carries.status().status[0], kSound);
+    EXPECT_EQ(carries.status().status[3], 0x03) << "32 kHz";
+    ASSERT_EQ(aio_device_close(&playback_), 0);
+
+    const Feeder link("hw:Cable,0", kRate, kPeriod / 10);
+    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+    const int64_t passed = hdmi_linux::bypass_stats().frames;
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    EXPECT_TRUE(eventually([&] { return hdmi_linux::bypass_stats().frames > passed + kRate / 2; }));
+    EXPECT_EQ(carries.status().status[0], kData);
+    EXPECT_EQ(carries.status().status[3], 0x02) << "48 kHz";
+    ASSERT_EQ(aio_device_close(&capture_), 0);
+    EXPECT_EQ(carries.status().status[0], kSound) << "for others that play there";
+    unsetenv("HDMIPLAYER_ALSA_SPDIF");
 }
 
 } // namespace
