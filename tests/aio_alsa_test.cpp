@@ -397,6 +397,23 @@ TEST_F(AioAlsaTest, AServerThatDoesNotAnswerHoldsUpNoClose)
     }
 }
 
+TEST_F(AioAlsaTest, AServerThatDoesNotAnswerIsLostAndTheClockGoesOn)
+{
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    ASSERT_EQ(write_numbered(20), kBlockBytes);
+    const int64_t losses = playback_stats().losses;
+    ServerPause pause;
+    ASSERT_TRUE(pause.begun());
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && playback_stats().losses > losses; }));
+    const auto start = Clock::now();
+    ASSERT_EQ(write_numbered(50), kBlockBytes);
+    EXPECT_GT(seconds_since(start), 0.5);
+    EXPECT_LT(seconds_since(start), 5) << "nothing waits for the server";
+    EXPECT_LE(delay(), kRate / 2);
+    pause.end();
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }));
+}
+
 TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
 {
     constexpr int kTries = 10; // some 200 ms

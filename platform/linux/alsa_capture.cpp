@@ -28,7 +28,7 @@ constexpr int kBurstChannels = 2;
 
 /// Between two looks at how much silence is due.
 constexpr int kSilenceMs = 5;
-/// More than that is not made up for: nobody has read for so long, or the reopening has hung.
+/// More than that is not made up for: nobody has read for so long.
 constexpr int64_t kMostSilenceNs = kNsPerSecond;
 /// Between two attempts of the forwarding thread on a device that is not there.
 constexpr int kForwardPauseMs = 10;
@@ -138,6 +138,7 @@ int Capture::close()
             return 0;
         state_ = State::closed;
         ++opening_;
+        opener_.abandon();
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
         pcm_.close();
@@ -170,9 +171,7 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
     const uint64_t opening = opening_;
     int done = 0;
     for (int troubles = 0; done < frames;) {
-        const int err = mend(guard);
-        if (opening_ != opening)
-            return kClosed;
+        const int err = mend();
         uint8_t* rest = data + static_cast<size_t>(done) * frame_bytes_;
         const int64_t due = err < 0 ? silence_due(now_ns()) : owed_;
         if (due > 0) {
@@ -361,18 +360,19 @@ void Capture::lose(int err)
         note_silence(now);
     }
     state_ = State::lost;
+    opener_.abandon();
     retry_ns_ = retry_after_loss(now, back_ns_);
     pcm_.close();
 }
 
 // 0 when the device is at work, or why it is not.
-int Capture::mend(mutex_guard& guard)
+int Capture::mend()
 {
     switch (state_) {
     case State::closed: return kClosed;
     case State::working: return 0;
     case State::suspended: return mend_suspend();
-    case State::lost: return mend_loss(guard);
+    case State::lost: return mend_loss();
     }
     return 0;
 }
@@ -392,20 +392,17 @@ int Capture::mend_suspend()
     return err;
 }
 
-int Capture::mend_loss(mutex_guard& guard)
+int Capture::mend_loss()
 {
     if (now_ns() < retry_ns_)
         return -ENODEV;
-    const uint64_t opening = opening_;
-    const PcmRequest request = request_;
     Pcm pcm;
-    const int err = open_unlocked(guard, request, &pcm);
-    if (opening_ != opening)
-        return kClosed;
-    retry_ns_ = now_ns() + kReopenPauseNs;
+    const int err = opener_.attempt(request_, &pcm);
+    if (err < 0 && err != -EINPROGRESS)
+        retry_ns_ = now_ns() + kReopenPauseNs;
     if (err < 0)
         return -ENODEV;
-    install(std::move(pcm), request);
+    install(std::move(pcm), PcmRequest(request_));
     recovered();
     return 0;
 }

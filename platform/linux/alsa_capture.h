@@ -47,9 +47,9 @@ private:
     void recover_xrun() REQUIRES(mutex_);
     void note_overrun() REQUIRES(mutex_);
     void lose(int err) REQUIRES(mutex_);
-    int mend(mutex_guard& guard) REQUIRES(mutex_);
+    int mend() REQUIRES(mutex_);
     int mend_suspend() REQUIRES(mutex_);
-    int mend_loss(mutex_guard& guard) REQUIRES(mutex_);
+    int mend_loss() REQUIRES(mutex_);
     void recovered() REQUIRES(mutex_);
 
     mutex_t control_; ///< one open or close at a time; before mutex_
@@ -65,6 +65,7 @@ private:
     int frames_wanted_ GUARDED_BY(mutex_) = 1; ///< by one round of the forwarding
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
+    PcmOpener opener_ GUARDED_BY(mutex_);
     SoundRing ring_ GUARDED_BY(mutex_); ///< what was forwarded, for the player
     int64_t position_ GUARDED_BY(mutex_) = 0;
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;

@@ -186,13 +186,46 @@ std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats*
     return request.name + text;
 }
 
-int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm)
+struct PcmOpener::Opening {
+    explicit Opening(PcmRequest r) : request(std::move(r)) {}
+    const PcmRequest request;
+    mutex_t mutex;
+    bool done GUARDED_BY(mutex) = false;
+    int err GUARDED_BY(mutex) = 0;
+    Pcm pcm GUARDED_BY(mutex);
+};
+
+void PcmOpener::run(const std::shared_ptr<Opening>& opening)
 {
+    set_thread_name("audio_open");
+    Pcm pcm;
     std::string why;
-    guard.unlock();
-    const int err = pcm->open(request, &why);
-    guard.lock();
-    return err;
+    const int err = pcm.open(opening->request, &why);
+    mutex_guard guard(opening->mutex);
+    opening->done = true;
+    opening->err = err;
+    opening->pcm = std::move(pcm);
+}
+
+int PcmOpener::attempt(const PcmRequest& request, Pcm* pcm)
+{
+    if (opening_ == nullptr) {
+        opening_ = std::make_shared<Opening>(request);
+        try {
+            std::thread(run, opening_).detach();
+        } catch (const std::system_error&) {
+            opening_ = nullptr;
+            return -EAGAIN;
+        }
+        return -EINPROGRESS;
+    }
+    const std::shared_ptr<Opening> opening = opening_;
+    mutex_guard guard(opening->mutex);
+    if (!opening->done)
+        return -EINPROGRESS;
+    opening_ = nullptr;
+    *pcm = std::move(opening->pcm);
+    return opening->err;
 }
 
 int Pcm::configure(const PcmRequest& request, std::string* why)

@@ -118,8 +118,21 @@ private:
 /// Records what was asked for and what was obtained. @return the same in words
 std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats* stats);
 
-/// Opens @p pcm with the mutex of @p guard, which the caller holds, released: an opening may take its time.
-int open_unlocked(mutex_guard& guard, const PcmRequest& request, Pcm* pcm) NO_THREAD_SAFETY_ANALYSIS;
+/// Opens a Pcm on a thread of its own: a sound server that does not answer holds an opening up for long.
+class PcmOpener
+{
+public:
+    /// Begins to open, or looks after what began before; does not wait.
+    /// @return 0: @p pcm is open; -EINPROGRESS: not yet; another error code: it cannot be opened.
+    int attempt(const PcmRequest& request, Pcm* pcm);
+    /// What began is of no use any more: what comes of it is closed.
+    void abandon() { opening_ = nullptr; }
+
+private:
+    struct Opening;
+    static void run(const std::shared_ptr<Opening>& opening);
+    std::shared_ptr<Opening> opening_;
+};
 
 /// What alsa-lib has to say in this scope goes here instead of to standard error. For the calling thread.
 class AlsaMessages

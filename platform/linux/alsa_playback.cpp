@@ -23,6 +23,8 @@ constexpr int kRingSeconds = 2;
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
 /// What a device says of its delay is checked against the clock for so long after its start; their paces differ.
 constexpr int64_t kFreshNs = kNsPerSecond;
+/// Between two looks at an opening in progress.
+constexpr int64_t kOpeningLookNs = 10 * kNsPerMs;
 /// The device is not asked.
 constexpr int kNoDelay = -ENODEV;
 
@@ -135,6 +137,7 @@ int Playback::close()
         return 0;
     state_ = State::closed;
     ++opening_;
+    opener_.abandon();
     gate_.evict(guard);
     pcm_.close();
     volume_.detach();
@@ -276,10 +279,8 @@ int Playback::write(const uint8_t* data, int size)
     int done = 0;
     progress_ns_ = std::max(progress_ns_, now_ns());
     while (opening_ == opening) {
-        mend(guard);
-        if (opening_ != opening)
-            break;
         const int64_t now = now_ns();
+        mend(now);
         const int count = accept(data + static_cast<size_t>(done) * frame_bytes, frames - done, now);
         done += count;
         stats_.frames += count;
@@ -360,6 +361,7 @@ void Playback::give_up_pcm(State state, int64_t now)
     if (state_ == State::working)
         freeze_heard(now);
     state_ = state;
+    opener_.abandon();
     retry_ns_ = retry_after_loss(now, back_ns_);
     pcm_.close();
     volume_.detach();
@@ -373,15 +375,14 @@ void Playback::give_up_working_pcm(State state)
     give_up_pcm(state, trouble_ns_);
 }
 
-void Playback::mend(mutex_guard& guard)
+void Playback::mend(int64_t now)
 {
-    const int64_t now = now_ns();
     if (now < retry_ns_)
         return;
     if (state_ == State::suspended)
         mend_suspend(now);
     else if (state_ == State::lost)
-        mend_loss(guard);
+        mend_loss(now);
 }
 
 void Playback::mend_suspend(int64_t now)
@@ -398,21 +399,15 @@ void Playback::mend_suspend(int64_t now)
     }
 }
 
-void Playback::mend_loss(mutex_guard& guard)
+void Playback::mend_loss(int64_t now)
 {
-    const uint64_t opening = opening_;
-    const PcmRequest request = request_;
     Pcm pcm;
-    // The player asks for the delay meanwhile, and may close.
-    const int err = open_unlocked(guard, request, &pcm);
-    if (opening_ != opening || state_ != State::lost)
-        return;
-    const int64_t now = now_ns();
-    retry_ns_ = now + kReopenPauseNs;
+    const int err = opener_.attempt(request_, &pcm);
+    retry_ns_ = now + (err == -EINPROGRESS ? kOpeningLookNs : kReopenPauseNs);
     if (err < 0)
         return;
     const int64_t position = heard(now);
-    install(std::move(pcm), request, current_config());
+    install(std::move(pcm), PcmRequest(request_), current_config());
     resume_flow(position, now);
 }
 
@@ -469,6 +464,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
         stats_.reselects++;
         return 0;
     }
+    opener_.abandon();
     Pcm pcm;
     std::string why;
     int err = pcm.open(next, &why);

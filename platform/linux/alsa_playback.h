@@ -76,9 +76,9 @@ private:
     void lose(int err, int64_t now) REQUIRES(mutex_);
     void give_up_pcm(State state, int64_t now) REQUIRES(mutex_);
     void give_up_working_pcm(State state) REQUIRES(mutex_);
-    void mend(mutex_guard& guard) REQUIRES(mutex_);
+    void mend(int64_t now) REQUIRES(mutex_);
     void mend_suspend(int64_t now) REQUIRES(mutex_);
-    void mend_loss(mutex_guard& guard) REQUIRES(mutex_);
+    void mend_loss(int64_t now) REQUIRES(mutex_);
     void requeue_from(int64_t position, int64_t now) REQUIRES(mutex_);
     void resume_flow(int64_t position, int64_t now) REQUIRES(mutex_);
 
@@ -89,6 +89,7 @@ private:
     audio_config_t config_ GUARDED_BY(mutex_) = {};
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
+    PcmOpener opener_ GUARDED_BY(mutex_);
     Volume volume_ GUARDED_BY(mutex_);
     GainRamp gain_ GUARDED_BY(mutex_);
     std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, on its way to the device
