@@ -259,6 +259,13 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
         answered->hear(kAddressReport);
         EXPECT_EQ("05:c3", answered->said()) << "that message was answered already";
     }
+    // The bus is busy with answers to others when the report comes.
+    Bus flooded = at(kAsking);
+    flooded.hear("50:c0");
+    for (int i = 0; i < 20; ++i)
+        flooded.hear("40:8f");
+    flooded.hear(kAddressReport);
+    EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
     // An address report of somebody else, one that was not broadcast, one that is too short: no address.
     for (const char* report : {"4f:84:10:00:04", "50:84:10:00:05", "5f:84:10:00"}) {
         Bus waiting = at(kAsking);
@@ -314,6 +321,16 @@ TEST(CecArc, GivesUpAfterSomeAttemptsAndSaysWhy)
     bus.hear(kAddressReport);
     expect_attempts(bus, "05:c3", Delivery::acknowledged, Notice::no_answer);
     expect_attempts(bus, "05:c3", Delivery::failed, Notice::no_answer);
+    // What it opens by itself afterwards is confirmed with as much patience.
+    while (bus.arc.deadline() != cec_arc::kNever) {
+        bus.said();
+        bus.pass_to_deadline();
+    }
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said(Delivery::failed));
+    EXPECT_EQ(State::requested, bus.arc.state());
+    bus.pass_to_deadline();
+    EXPECT_EQ("05:c3", bus.said());
 }
 
 TEST(CecArc, TakesARefusalAsFinalUnlessItMayPass)
@@ -361,6 +378,13 @@ TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
     bus.told();
     bus.arc.close(bus.now);
     EXPECT_EQ("05:c4", bus.said());
+
+    bus = at(kActive);
+    bus.hear(kAddressReport);
+    EXPECT_EQ("05:c3", bus.said());
+    bus.hear("50:00:c3:04");
+    EXPECT_EQ(State::active, bus.arc.state()) << "it refuses what is open";
+    EXPECT_TRUE(bus.told().empty());
 }
 
 TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
@@ -546,6 +570,8 @@ TEST(CecArc, NoSequenceOfEventsLeavesItStuck)
                 message.resize(static_cast<size_t>(any(6)));
                 bus.hear(message);
             }
+            const bool waits = bus.arc.state() == State::requested && bus.arc.deadline() == cec_arc::kNever;
+            ASSERT_TRUE(!waits || !Bus(bus).said().empty()) << run << ": for nothing, for ever";
         }
         // The audio system is there and behaves from now on: the channel opens.
         bus.arc.attach(kRoot, true, bus.now);
@@ -655,6 +681,12 @@ public:
         current_->logical.log_addr_mask = claimed_mask;
         post_state(0);
     }
+    void unconfigure()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        current_->logical = {};
+        post_state(0);
+    }
     int64_t opened()
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -737,7 +769,7 @@ private:
     }
     int set_addresses(const cec_log_addrs& wanted)
     {
-        if (claiming_ || (wanted.num_log_addrs != 0 && current_->logical.num_log_addrs != 0))
+        if (claiming_ || (wanted.num_log_addrs != 0 && current_->logical.log_addr_mask != 0))
             return EBUSY;
         current_->logical = wanted;
         claiming_ = wanted.num_log_addrs != 0 && !claims_at_once;
@@ -974,6 +1006,14 @@ TEST(CecLink, ChoosesAgainAfterAnUnplug)
     ASSERT_TRUE(reaches(link, ArcState::active));
     kernel.set_gone(true);
     ASSERT_TRUE(comes_true([&] { return link.stats().lost; }));
+    FakeAdapter unconnected;
+    unconnected.path = "/dev/cec2";
+    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
+    kernel.set_adapter(unconnected);
+    kernel.set_gone(false);
+    const int64_t first_looks = kernel.opened();
+    ASSERT_TRUE(comes_true([&] { return kernel.opened() > first_looks + 1; }));
+    EXPECT_TRUE(link.stats().lost) << "one without a cable may be anything";
     kernel.set_adapter(used_as(CEC_LOG_ADDR_TYPE_PLAYBACK));
     kernel.set_gone(false);
     const int64_t looks = kernel.opened();
@@ -990,18 +1030,44 @@ TEST(CecLink, ChoosesAgainAfterAnUnplug)
 
 TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
 {
-    for (const bool lives : {false, true}) {
-        FakeAdapter left = used_as(CEC_LOG_ADDR_TYPE_TV);
-        strcpy(left.logical.osd_name, "hdmiplayer");
-        FakeKernel kernel({left});
-        kernel.locked_by_another = lives;
+    FakeAdapter left = used_as(CEC_LOG_ADDR_TYPE_TV);
+    left.capabilities |= CEC_CAP_PHYS_ADDR;
+    strcpy(left.logical.osd_name, "hdmiplayer");
+    FakeAdapter unclaimed = left;
+    unclaimed.logical.log_addr_mask = 0;
+    for (const FakeAdapter& adapter : {left, unclaimed}) {
+        FakeKernel kernel({adapter});
         CecLink link(&kernel);
+        kernel.locked_by_another = true;
+        EXPECT_EQ(-EBUSY, link.start("", "", false));
+        EXPECT_EQ("/dev/cec0 cannot be used: another player has it; the audio return channel stays closed",
+                  link.stats().note);
+        kernel.locked_by_another = false;
         ASSERT_EQ(0, link.start("", "", false));
         link.open_arc();
         EXPECT_TRUE(reaches(link, ArcState::active));
         link.stop();
-        EXPECT_EQ(lives ? 1 : 0, kernel.adapters[0].logical.num_log_addrs);
+        EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+        EXPECT_EQ(CEC_PHYS_ADDR_INVALID, kernel.adapters[0].physical_address);
     }
+}
+
+// Another program takes the configuration back; then the claim of the address fails, which the kernel does not repeat.
+TEST(CecLink, ClaimsItsAddressAgain)
+{
+    FakeKernel kernel;
+    CecLink link(&kernel);
+    ASSERT_EQ(0, link.start("", "", false));
+    link.open_arc();
+    ASSERT_TRUE(reaches(link, ArcState::active));
+    kernel.claims_at_once = false;
+    kernel.unconfigure();
+    EXPECT_TRUE(comes_true([&] { return link.stats().note == "/dev/cec0 has lost its CEC address"; }));
+    EXPECT_TRUE(comes_true([&] { return link.stats().note.find("/dev/cec0 gets no CEC address") == 0; }));
+    kernel.claim();
+    EXPECT_TRUE(comes_true([&] { return link.stats().activations == 2; }));
+    link.stop();
+    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
 }
 
 TEST(CecLink, SaysWhyAnAdapterIsOfNoUse)

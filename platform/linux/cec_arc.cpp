@@ -169,6 +169,8 @@ void TvSide::answer(Opcode opcode, int64_t now)
     forget_requests();
     if (opcode == kInitiateArc) {
         granted_ = true;
+        if (!in_attempt() && phase_ != Phase::pausing)
+            attempts_ = 0;
         send(Message(kAudioSystem, kReportArcInitiated));
         if (phase_ != Phase::active)
             enter(Phase::confirming, now + kDeliveryMs);
@@ -311,6 +313,11 @@ void TvSide::attempt_failed(Notice cause, int64_t now)
 
 void TvSide::give_up(Notice cause)
 {
+    // Asked again because it told its address, it refuses what is open already.
+    if (granted_ && cause == Notice::refused) {
+        enter(Phase::active);
+        return;
+    }
     enter(Phase::quiet);
     notify(cause);
 }
@@ -346,7 +353,7 @@ void TvSide::address_reported(uint16_t address, int64_t now)
         const Opcode opcode = *deferred_;
         deferred_.reset();
         arc_message(kAudioSystem, opcode, 2, now);
-        if (adjacent(own_address_, address))
+        if (adjacent(own_address_, address) && phase_ != Phase::asking_address)
             return;
     }
     if (phase_ == Phase::asking_address)
@@ -368,9 +375,9 @@ bool TvSide::in_close() const
 
 void TvSide::forget_requests()
 {
-    const auto is_request = [](const Message& message) {
-        return message.opcode() == kGivePhysicalAddress || message.opcode() == kRequestArcInitiation ||
-               message.opcode() == kRequestArcTermination;
+    const auto is_request = [this](const Message& message) {
+        return (message.opcode() == kGivePhysicalAddress && inquiry_deadline_ == kNever) ||
+               message.opcode() == kRequestArcInitiation || message.opcode() == kRequestArcTermination;
     };
     outbox_.erase(std::remove_if(outbox_.begin(), outbox_.end(), is_request), outbox_.end());
 }

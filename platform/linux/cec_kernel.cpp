@@ -38,6 +38,8 @@ constexpr int64_t kReopenMs = 1000;
 constexpr int64_t kClaimMs = 1000;
 constexpr int64_t kClaimPollMs = 20;
 static_assert(cec_arc::TvSide::kCloseMs + kClaimMs + kClaimPollMs < CecLink::kStopMs, "the last calls take time too");
+/// A claim that has not ended by then has failed, or nearly so; the kernel does not repeat it.
+constexpr int64_t kClaimFailedMs = 4000;
 constexpr int kMessagesPerRound = 64;
 constexpr size_t kLogMessages = 256;
 
@@ -89,22 +91,23 @@ Fitness unasked_fitness(const CecAdapter& adapter)
 {
     if ((adapter.capabilities & CEC_CAP_TRANSMIT) == 0)
         return Fitness::unfit;
-    if (adapter.logical.num_log_addrs != 0)
-        return configured_as_tv(adapter.logical) ? Fitness::tv : Fitness::unfit;
-    if ((adapter.capabilities & CEC_CAP_LOG_ADDRS) == 0 || adapter.of_output)
+    const bool used = adapter.logical.num_log_addrs != 0;
+    if (used ? !configured_as_tv(adapter.logical)
+             : (adapter.capabilities & CEC_CAP_LOG_ADDRS) == 0 || adapter.of_output)
         return Fitness::unfit;
     if (adapter.physical_address == 0)
-        return Fitness::root;
+        return used ? Fitness::tv : Fitness::root;
     return adapter.physical_address == CEC_PHYS_ADDR_INVALID ? Fitness::unconnected : Fitness::unfit;
 }
 
 // @p meant: a user named this adapter, so that one that seems to be another device's will do, as long as nobody uses
-// it.
+// it as such.
 Fitness fitness(const CecAdapter& adapter, bool meant)
 {
     const Fitness fit = unasked_fitness(adapter);
     constexpr uint32_t kNeeded = CEC_CAP_TRANSMIT | CEC_CAP_LOG_ADDRS;
-    const bool usable = adapter.logical.num_log_addrs == 0 && (adapter.capabilities & kNeeded) == kNeeded;
+    const bool usable = (adapter.capabilities & kNeeded) == kNeeded &&
+                        (adapter.logical.num_log_addrs == 0 || configured_as_tv(adapter.logical));
     return meant && usable && fit == Fitness::unfit ? Fitness::unconnected : fit;
 }
 
@@ -204,7 +207,8 @@ int CecLink::start(const std::string& device, const std::string& source, bool lo
     stopping_ = false;
     physical_address_ = CEC_PHYS_ADDR_INVALID;
     attached_ = close_begun_ = busy_ = false;
-    stop_deadline_ = reopen_at_ = cec_arc::kNever;
+    stop_deadline_ = reopen_at_ = claim_failed_at_ = cec_arc::kNever;
+    lost_path_.clear();
     in_flight_.reset();
     arc_ = cec_arc::TvSide();
     {
@@ -288,13 +292,20 @@ int CecLink::take_adapter()
         error = open_adapter();
         if (error == 0)
             return 0;
-        refused = cannot_open(path_, source_, error);
+        refused = cannot_use(error);
     }
     say(refused + "; the audio return channel stays closed", true);
     return -error;
 }
 
-// Sets path_ to the best adapter that may be taken. 0 or errno, then with what to say of it.
+std::string CecLink::cannot_use(int error) const
+{
+    return named(path_, source_) +
+           " cannot be used: " + (error == EBUSY ? "another player or program has it" : strerror(error));
+}
+
+// Sets path_ to the best adapter that may be taken. 0 or errno, then with what to say of it. One that another player
+// has, which holds its lock, is none. After an unplug, one without a cable only if it is the same.
 int CecLink::choose_adapter(std::string* refused)
 {
     int error = ENODEV;
@@ -311,8 +322,12 @@ int CecLink::choose_adapter(std::string* refused)
         }
         CecAdapter adapter;
         const Fitness fit = inspect(system_, fd, &adapter) ? fitness(adapter, !device_.empty()) : Fitness::unfit;
+        const bool ours = system_->lock(fd);
         system_->close(fd);
-        if (fit < best) {
+        if (fit != Fitness::unfit && !ours) {
+            error = EBUSY;
+            *refused = named(path, source_) + " cannot be used: another player has it";
+        } else if (fit < best && (fit != Fitness::unconnected || lost_path_.empty() || path == lost_path_)) {
             best = fit;
             path_ = path;
         }
@@ -332,10 +347,8 @@ int CecLink::open_adapter()
         return errno;
     configured_here_ = listening_ = false;
     former_address_.reset();
-    CecAdapter adapter;
     uint32_t mode = CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER;
-    if (inspect(system_, fd_, &adapter) && is_fit(adapter) && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 &&
-        configure(adapter)) {
+    if (lock_adapter() && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 && configure()) {
         listening_ = true;
         mutex_guard guard(mutex_);
         stats_.device = path_;
@@ -346,31 +359,48 @@ int CecLink::open_adapter()
     return error;
 }
 
-// Another program may have taken it since it was chosen. Sets errno.
-bool CecLink::is_fit(const CecAdapter& adapter) const
+// One player for an adapter: two would answer everything twice. Sets errno.
+bool CecLink::lock_adapter()
 {
-    errno = ENODEV;
-    return fitness(adapter, !device_.empty()) != Fitness::unfit;
+    errno = EBUSY;
+    return system_->lock(fd_);
 }
 
 // A TV is the root of the addresses: where the driver does not know its place, it is 0.0.0.0. What another program has
-// configured stays as it is; what a player left that did not come to its end is taken over: a living one has the lock.
-bool CecLink::configure(const CecAdapter& adapter)
+// configured stays as it is; what a player left that did not come to its end is taken over. Sets errno.
+bool CecLink::configure()
 {
-    const bool first = system_->lock(fd_);
+    CecAdapter adapter;
+    if (!inspect(system_, fd_, &adapter))
+        return false;
+    // Another program may have taken it since it was chosen.
+    errno = EBUSY;
+    if (fitness(adapter, !device_.empty()) == Fitness::unfit)
+        return false;
+    const bool addressable = (adapter.capabilities & CEC_CAP_PHYS_ADDR) != 0;
     if (adapter.logical.num_log_addrs != 0) {
-        configured_here_ = first && configured_here(adapter.logical);
-        return true;
+        configured_here_ = configured_here(adapter.logical);
+        if (configured_here_ && !former_address_ && addressable && adapter.physical_address == 0)
+            former_address_ = CEC_PHYS_ADDR_INVALID;
+        if (!configured_here_ || adapter.logical.log_addr_mask != 0)
+            return true;
     }
     uint16_t root = 0;
-    if ((adapter.capabilities & CEC_CAP_PHYS_ADDR) != 0 && adapter.physical_address != root &&
+    if (addressable && adapter.physical_address != root &&
         (load_edid_ || adapter.physical_address == CEC_PHYS_ADDR_INVALID)) {
         if (system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &root) != 0)
             return false;
         former_address_ = adapter.physical_address;
     }
+    return claim();
+}
+
+// Begins to claim the TV's logical address, unless that is under way. Sets errno.
+bool CecLink::claim()
+{
     cec_log_addrs tv = tv_configuration();
-    configured_here_ = system_->ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &tv) == 0;
+    const bool begun = system_->ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &tv) == 0;
+    configured_here_ = configured_here_ || begun;
     return configured_here_;
 }
 
@@ -386,11 +416,17 @@ void CecLink::give_back_adapter()
     const int64_t deadline = now_ms() + kClaimMs;
     while (configured_here_ && still_configured_here()) {
         cec_log_addrs none = {};
-        if (system_->ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &none) == 0 || errno != EBUSY || now_ms() >= deadline)
+        if (system_->ioctl(fd_, CEC_ADAP_S_LOG_ADDRS, &none) == 0)
             break;
+        if (errno != EBUSY || now_ms() >= deadline) {
+            say(path_ + " keeps the configuration of a TV: " + strerror(errno), true);
+            break;
+        }
         ::poll(nullptr, 0, kClaimPollMs);
     }
-    if (former_address_ && system_->ioctl(fd_, CEC_ADAP_G_LOG_ADDRS, &logical) == 0 && logical.num_log_addrs == 0)
+    uint16_t address = 0;
+    if (former_address_ && system_->ioctl(fd_, CEC_ADAP_G_LOG_ADDRS, &logical) == 0 && logical.num_log_addrs == 0 &&
+        system_->ioctl(fd_, CEC_ADAP_G_PHYS_ADDR, &address) == 0 && address == 0)
         system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &*former_address_);
     system_->close(fd_);
     fd_ = -1;
@@ -402,6 +438,8 @@ void CecLink::lose_adapter()
     system_->close(fd_);
     fd_ = -1;
     detach();
+    claim_failed_at_ = cec_arc::kNever;
+    lost_path_ = path_;
     reopen_at_ = now_ms() + kReopenMs;
     say(path_ + " is gone; the audio return channel waits for it", true);
 }
@@ -434,7 +472,7 @@ void CecLink::loop()
 
 void CecLink::await_events(int64_t now)
 {
-    int64_t deadline = std::min({arc_.deadline(), stop_deadline_, reopen_at_});
+    int64_t deadline = std::min({arc_.deadline(), stop_deadline_, reopen_at_, claim_failed_at_});
     if (in_flight_)
         deadline = std::min(deadline, in_flight_->deadline);
     pollfd fds[] = {{wake_, POLLIN, 0}, {fd_, POLLIN | POLLPRI, 0}};
@@ -464,6 +502,8 @@ void CecLink::service(int64_t now)
         find_again(now);
     if (fd_ >= 0)
         read_messages(now);
+    if (now >= claim_failed_at_)
+        claim_again(now);
     if (in_flight_ && now >= in_flight_->deadline)
         settle(cec_arc::Delivery::failed, now);
     arc_.elapsed(now);
@@ -475,12 +515,27 @@ void CecLink::service(int64_t now)
 void CecLink::find_again(int64_t now)
 {
     reopen_at_ = now + kReopenMs;
-    const std::string former = path_;
     std::string refused;
-    if (choose_adapter(&refused) != 0 || open_adapter() != 0)
-        return;
-    reopen_at_ = cec_arc::kNever;
-    say(path_ == former ? path_ + " is back" : path_ + " takes the place of " + former, false);
+    int error = choose_adapter(&refused);
+    if (error == 0 && (error = open_adapter()) != 0)
+        refused = cannot_use(error);
+    if (error == 0) {
+        reopen_at_ = cec_arc::kNever;
+        say(path_ == lost_path_ ? path_ + " is back" : path_ + " takes the place of " + lost_path_, false);
+        lost_path_.clear();
+    } else if (error != ENOENT && error != ENODEV && error != ENXIO) {
+        say(refused, true);
+    }
+}
+
+// The claim of the address has failed, or another program has taken the configuration back.
+void CecLink::claim_again(int64_t now)
+{
+    claim_failed_at_ = now + kClaimFailedMs;
+    if (configure())
+        say(path_ + " gets no CEC address; the audio return channel waits for it", true);
+    else
+        say(cannot_use(errno), true);
 }
 
 void CecLink::read_events(int64_t now)
@@ -500,9 +555,13 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
     if (state.phys_addr == CEC_PHYS_ADDR_INVALID || !cec_has_tv(state.log_addr_mask)) {
         explain(state);
         detach();
+        claim_failed_at_ = cec_arc::kNever;
+        if (state.phys_addr != CEC_PHYS_ADDR_INVALID && state.log_addr_mask == 0)
+            claim_failed_at_ = now + kClaimFailedMs;
         listen(state.log_addr_mask == 0);
         return;
     }
+    claim_failed_at_ = cec_arc::kNever;
     listen(true);
     const bool known = attached_ && physical_address_ == state.phys_addr;
     if (known && (event.flags & CEC_EVENT_FL_INITIAL_STATE) != 0)
@@ -519,15 +578,17 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
 // Why there is no audio return channel now. Without an address while one is claimed: that ends soon.
 void CecLink::explain(const cec_event_state_change& state)
 {
-    if (attached_)
-        say("the CEC link is down", false);
-    else if (state.phys_addr == CEC_PHYS_ADDR_INVALID)
-        say("no CEC link; the audio return channel waits for it", false);
+    if (state.phys_addr == CEC_PHYS_ADDR_INVALID)
+        say(attached_ ? "the CEC link is down" : "no CEC link; the audio return channel waits for it", false);
+    else if (state.log_addr_mask == 0 && attached_)
+        say(path_ + " has lost its CEC address", false);
     else if (state.log_addr_mask != 0 && state.phys_addr != 0)
         say(path_ + " is at " + physical(state.phys_addr) + ", no TV's place; the audio return channel stays closed",
             true);
-    else if (state.log_addr_mask != 0)
+    else if (state.log_addr_mask == CEC_LOG_ADDR_MASK_SPECIFIC)
         say("another TV has the CEC address 0; the audio return channel stays closed", true);
+    else if (state.log_addr_mask != 0)
+        say(path_ + " is no longer a TV's; the audio return channel stays closed", true);
 }
 
 // With an address that is not a TV's, nothing is listened to, so that the kernel answers what comes.

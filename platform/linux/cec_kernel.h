@@ -88,12 +88,15 @@ private:
     int take_adapter();
     int choose_adapter(std::string* refused);
     int open_adapter();
-    bool is_fit(const CecAdapter& adapter) const;
-    bool configure(const CecAdapter& adapter);
+    bool lock_adapter();
+    bool configure();
+    bool claim();
+    std::string cannot_use(int error) const;
     void listen(bool on);
     void give_back_adapter();
     void lose_adapter();
     void find_again(int64_t now);
+    void claim_again(int64_t now);
     void detach();
 
     void read_events(int64_t now);
@@ -121,6 +124,7 @@ private:
 
     // Of the thread, from its start to its end.
     std::string path_;
+    std::string lost_path_; ///< of the adapter that was unplugged
     int fd_ = -1;
     bool listening_ = false; ///< receives messages; otherwise the kernel answers them
     bool configured_here_ = false;
@@ -131,6 +135,7 @@ private:
     bool close_begun_ = false;
     int64_t stop_deadline_ = cec_arc::kNever;
     int64_t reopen_at_ = cec_arc::kNever;
+    int64_t claim_failed_at_ = cec_arc::kNever; ///< while there is a physical address and no logical one
     std::optional<InFlight> in_flight_;
     cec_arc::TvSide arc_;
 

@@ -101,9 +101,14 @@ check "the whole exchange" in_order "$told" 'sent 05:c3' 'received 50:c0' 'sent 
 check "the adapter is as it was" bash -c "cec-ctl -d $tv | grep -q 'Logical Address Mask *: 0x0000'"
 
 start_probe ""
-wait_for "$seconds_to_open" is active
-kill -KILL "$probe"
-wait "$probe" 2>/dev/null
+check "opened again" wait_for "$seconds_to_open" is active
+first=$probe
+start_probe ""
+check "another player leaves the adapter alone" wait_for 15 grep -q "$tv cannot be used: another player has it" "$told"
+wait "$probe" || true
+kill -KILL "$first"
+wait "$first" 2>/dev/null
+check "a player that is killed leaves its configuration" bash -c "cec-ctl -d $tv | grep -q 'Logical Address Mask *: 0x0001'"
 start_probe ""
 check "opened with what was left by a player that was killed" wait_for "$seconds_to_open" is active
 end_probe
