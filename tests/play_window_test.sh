@@ -42,6 +42,9 @@ shows() {
     fail "$1 was not seen, but $red $green $blue"
 }
 
+# heard: at how many instants of the film its sound was found in what came out.
+heard() { awk '$1 == "\"offset\":" { inside = 1 } inside && $1 == "\"count\":" { print int($2); exit }' "$folder/report.json"; }
+
 Xvfb -displayfd 3 -screen 0 1280x720x24 -nolisten tcp 3>"$folder/display" 2>/dev/null &
 server=$!
 for _ in $(seq 100); do
@@ -59,6 +62,8 @@ sound=()
 if command -v pulseaudio >/dev/null; then
     serve_sound "$folder" room
     sound=(--playback alsa:room --observe alsa:room_end)
+else
+    echo "No pulseaudio here: sound is left out."
 fi
 DISPLAY=:$display SDL_VIDEODRIVER=x11 timeout --kill-after 5 60 "$program" "$folder/film.mp4" --display window \
     --display-latency 76 "${sound[@]}" --report "$folder/report.json" >"$folder/out.txt" 2>&1 &
@@ -81,6 +86,7 @@ grep -q '"closes": true' "$folder/report.json" || fail "the frame account does n
 grep -q '"unreadable": 0' "$folder/report.json" || fail "there were pictures without a number"
 grep -qE '"pictures": [1-9][0-9]' "$folder/report.json" || fail "the report tells of no pictures"
 if [ ${#sound[@]} -gt 0 ]; then
-    grep -qE '"out": [1-9][0-9]{4}' "$folder/report.json" || fail "no sound was heard"
+    # What the observer heard of the film, and where.
+    [ "$(heard)" -ge 1 ] || fail "no sound was heard"
 fi
 echo "All as expected."
