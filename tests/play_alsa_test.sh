@@ -99,6 +99,8 @@ refuses 3 --cec /dev/no_such_device
 echo 'pcm.narrow { type alaw slave { pcm { type null } format S16_LE } }' >>"$ALSA_CONFIG_PATH"
 refuses 3 "${played[@]}" --observe alsa:narrow
 refuses 3 "${captured[@]}" --feed alsa:narrow
+echo 'speaker.frames = 3' >"$folder/wrong.conf"
+HDMIPLAYER_LINUX_CONFIG=$folder/wrong.conf refuses 2 "${played[@]}"
 refuses 2 --playback room
 refuses 2 --feed alsa:cable
 refuses 2 --observe alsa:room_end

@@ -55,6 +55,8 @@ Device::~Device()
         close(fd_);
 }
 
+std::string Device::owner() const { return owner_of(path_).text; }
+
 std::optional<Finding> Device::refusal() const
 {
     if (fd_ >= 0 || in_use_)

@@ -20,6 +20,8 @@ public:
 
     int fd() const { return fd_; }
     bool in_use() const { return in_use_; }
+    /// Owner, group and mode, like "root:audio 0660".
+    std::string owner() const;
     /// What is to be said of it where it could not be opened.
     std::optional<Finding> refusal() const;
 

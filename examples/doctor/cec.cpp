@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "access.h"
 
@@ -20,6 +21,8 @@ bool is_tv(const cec_log_addrs& logical)
 
 std::string use_of(const cec_log_addrs& logical, uint16_t address)
 {
+    if (is_tv(logical) && std::strncmp(logical.osd_name, "hdmiplayer", sizeof logical.osd_name) == 0)
+        return "a player's, or left by one that was killed";
     if (is_tv(logical))
         return "set up as a TV's by another program, which is respected";
     if (logical.num_log_addrs != 0)
@@ -44,7 +47,8 @@ Finding look_at_adapter(const std::string& path)
     if (address != CEC_PHYS_ADDR_INVALID)
         snprintf(place, sizeof(place), "%x.%x.%x.%x", address >> 12, address >> 8 & 0xF, address >> 4 & 0xF,
                  address & 0xF);
-    return {Verdict::ok, path, std::string(caps.name) + ", " + place + ", " + use_of(logical, address), ""};
+    return {Verdict::ok, path,
+            std::string(caps.name) + ", " + place + ", " + use_of(logical, address) + "; " + device.owner(), ""};
 }
 
 } // namespace

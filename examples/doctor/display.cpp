@@ -23,20 +23,32 @@ struct Release {
 
 constexpr timespec kLook = {0, 200000000};
 
-// Vertical blanks a second, by the kernel's counter and stamps; 0 with errno where there are none.
-double blank_rate(int fd, uint32_t crtc)
+// The first controller's count of vertical blanks; false with errno where it has none.
+bool count_blanks(int fd, drmVBlankReply* reply)
 {
-    uint64_t first = 0;
-    uint64_t last = 0;
-    uint64_t first_ns = 0;
-    uint64_t last_ns = 0;
-    if (drmCrtcGetSequence(fd, crtc, &first, &first_ns) != 0)
+    drmVBlank now = {};
+    now.request.type = DRM_VBLANK_RELATIVE;
+    if (drmWaitVBlank(fd, &now) != 0)
+        return false;
+    *reply = now.reply;
+    return true;
+}
+
+// Vertical blanks a second of the first controller, which is the one that the player waits for; 0 with errno where
+// there are none.
+double blank_rate(int fd)
+{
+    drmVBlankReply first = {};
+    drmVBlankReply last = {};
+    if (!count_blanks(fd, &first))
         return 0;
     nanosleep(&kLook, nullptr);
-    if (drmCrtcGetSequence(fd, crtc, &last, &last_ns) != 0)
+    if (!count_blanks(fd, &last))
         return 0;
     errno = ETIME;
-    return last_ns > first_ns ? static_cast<double>(last - first) * 1e9 / static_cast<double>(last_ns - first_ns) : 0;
+    const double seconds = static_cast<double>(last.tval_sec - first.tval_sec) +
+                           static_cast<double>(last.tval_usec - first.tval_usec) / 1e6;
+    return seconds > 0 ? (last.sequence - first.sequence) / seconds : 0;
 }
 
 Finding look_at_card(const std::string& path)
@@ -49,21 +61,19 @@ Finding look_at_card(const std::string& path)
     const std::unique_ptr<drmModeRes, Release> resources(drmModeGetResources(device.fd()));
     if (resources == nullptr || resources->count_crtcs == 0)
         return {Verdict::missing, path, driver + ": draws, but has no display", "hdmi-player-play --display window"};
-    for (int i = 0; i < resources->count_crtcs; ++i) {
-        const std::unique_ptr<drmModeCrtc, Release> crtc(drmModeGetCrtc(device.fd(), resources->crtcs[i]));
-        if (crtc == nullptr || crtc->mode_valid == 0)
-            continue;
-        const double rate = blank_rate(device.fd(), crtc->crtc_id);
-        if (rate == 0)
-            return {Verdict::missing, path, driver + ": no vertical blanks: " + strerror(errno),
-                    "hdmi-player-play --display none   # its own clock instead"};
-        char text[64];
-        snprintf(text, sizeof(text), ": %ux%u, %.2f vertical blanks a second", crtc->mode.hdisplay, crtc->mode.vdisplay,
-                 rate);
-        return {Verdict::ok, path, driver + text, ""};
-    }
-    return {Verdict::missing, path, driver + ": is dark; vertical blanks come with a mode",
-            "hdmi-player-play --display kms:" + path + "   # sets one"};
+    const std::unique_ptr<drmModeCrtc, Release> crtc(drmModeGetCrtc(device.fd(), resources->crtcs[0]));
+    if (crtc == nullptr || crtc->mode_valid == 0)
+        return {Verdict::missing, path,
+                driver + ": its first controller is dark, and the player waits for that one's vertical blanks",
+                "hdmi-player-play --display kms:" + path + "   # sets a mode"};
+    const double rate = blank_rate(device.fd());
+    if (rate == 0)
+        return {Verdict::missing, path, driver + ": no vertical blanks: " + strerror(errno),
+                "hdmi-player-play --display none   # its own clock instead"};
+    char text[64];
+    snprintf(text, sizeof(text), ": %ux%u, %.2f vertical blanks a second", crtc->mode.hdisplay, crtc->mode.vdisplay,
+             rate);
+    return {Verdict::ok, path, driver + text + "; " + device.owner(), ""};
 }
 
 } // namespace

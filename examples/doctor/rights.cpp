@@ -70,8 +70,13 @@ Finding look_at_namespaces()
     });
     if (fault.empty())
         return {Verdict::ok, "private namespaces", "for the simulated receiver's announcements", ""};
-    return {Verdict::refused, "private namespaces", fault,
-            "sudo sysctl kernel.unprivileged_userns_clone=1 user.max_user_namespaces=100   # or run it as root"};
+    // Each belongs to some distributions' kernels only, and a name that is not there is an error.
+    std::string settings = "user.max_user_namespaces=100";
+    if (access("/proc/sys/kernel/unprivileged_userns_clone", F_OK) == 0)
+        settings += " kernel.unprivileged_userns_clone=1";
+    if (access("/proc/sys/kernel/apparmor_restrict_unprivileged_userns", F_OK) == 0)
+        settings += " kernel.apparmor_restrict_unprivileged_userns=0";
+    return {Verdict::refused, "private namespaces", fault, "sudo sysctl " + settings + "   # or run it as root"};
 }
 
 Findings look_at_receiver()

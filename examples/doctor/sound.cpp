@@ -34,7 +34,8 @@ Finding look_at_pcm(const std::string& folder, const std::string& card_id, bool 
     const std::string what = (capture ? "capture   " : "playback  ") + name;
     if (const auto refusal = device.refusal())
         return {refusal->verdict, what, refusal->what + ": " + refusal->detail, refusal->mend};
-    return {Verdict::ok, what, value_of(info, "name") + (device.in_use() ? ", in use" : ""), ""};
+    return {Verdict::ok, what, value_of(info, "name") + (device.in_use() ? ", in use" : "") + "; " + device.owner(),
+            ""};
 }
 
 void quiet(const char*, int, const char*, int, const char*, ...) {}

@@ -363,7 +363,7 @@ void KmsDisplay::on_flip(const FlipEvent& event)
         release(before);
     m_stats.vblanks += passed;
     m_stats.repeated += passed - 1;
-    m_gate->vblank(vblank_ns);
+    m_gate->vblank(vblank_ns, passed);
     submit();
     if (m_lost)
         return;

@@ -285,7 +285,7 @@ void WindowDisplay::on_shown(const Canvas& canvas)
     m_shown_ns = now_ns;
     m_stats.vblanks += passed;
     m_stats.repeated += passed - 1;
-    m_gate->vblank(now_ns);
+    m_gate->shown(now_ns);
     if (before != nullptr) {
         m_screen->stay(passed - 1);
         release(before);

@@ -40,14 +40,24 @@ public:
         return true;
     }
 
-    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate. From the
-    /// display's thread.
-    void vblank(int64_t at_ns)
+    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate: the one that was
+    /// told of last was @p passed before. From the display's thread.
+    void vblank(int64_t at_ns, int64_t passed = 1)
     {
         m_vblank_ns = at_ns;
-        if (m_trace != nullptr)
-            m_trace->vblanks.add(at_ns);
+        if (m_trace == nullptr)
+            return;
+        // One that stood still for longer did not show anything.
+        constexpr int64_t longest_ns = 1'000'000'000;
+        for (int64_t before = passed - 1; before > 0; before--)
+            if (before * m_refresh_ns < longest_ns)
+                m_trace->vblanks.add(at_ns - before * m_refresh_ns);
+        m_trace->vblanks.add(at_ns);
     }
+
+    /// Of a display that does not tell of its vertical blanks: a picture was shown at @p at_ns, as if by one. From the
+    /// display's thread.
+    void shown(int64_t at_ns) { m_vblank_ns = at_ns; }
 
 private:
     /// Number of the refresh, counted from a known vertical blank, in which an instant lies.

@@ -32,7 +32,8 @@ struct Platform {
     decltype(&vendor_hdmi_cec_init) cec_init = nullptr;
     decltype(&vendor_hdmi_cec_open_arc) cec_open_arc = nullptr;
     decltype(&vendor_hdmi_cec_deinit) cec_deinit = nullptr;
-    decltype(&hdmi_linux::playback_stats) playback_stats = nullptr; ///< of the Linux platform only
+    decltype(&hdmi_linux::check_config) check_config = nullptr;     ///< of the Linux platform only
+    decltype(&hdmi_linux::playback_stats) playback_stats = nullptr; ///< likewise
     decltype(&hdmi_linux::capture_stats) capture_stats = nullptr;   ///< likewise
     decltype(&hdmi_linux::bypass_stats) bypass_stats = nullptr;     ///< likewise
     decltype(&hdmi_linux::cec_stats) cec_stats = nullptr;           ///< likewise
@@ -67,9 +68,11 @@ bool look_up_cec(void* library, Platform* platform)
 }
 
 /// The names that the compiler gives to hdmi_linux's functions.
-bool look_up_statistics(void* library, Platform* platform)
+bool look_up_own(void* library, Platform* platform)
 {
-    return look_up(library, "_ZN10hdmi_linux14playback_statsEv", &platform->playback_stats) &&
+    return look_up(library, "_ZN10hdmi_linux12check_configEPNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
+                   &platform->check_config) &&
+           look_up(library, "_ZN10hdmi_linux14playback_statsEv", &platform->playback_stats) &&
            look_up(library, "_ZN10hdmi_linux13capture_statsEv", &platform->capture_stats) &&
            look_up(library, "_ZN10hdmi_linux12bypass_statsEv", &platform->bypass_stats) &&
            look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats);
@@ -193,10 +196,19 @@ bool set_routes(const Routes& routes, std::string* error)
         *error = "real devices need " + std::string(linux_library) + ": " + *error;
         return false;
     }
-    if (look_up_devices(library, &r.machine) && look_up_cec(library, &r.machine) &&
-        look_up_statistics(library, &r.machine))
+    if (look_up_devices(library, &r.machine) && look_up_cec(library, &r.machine) && look_up_own(library, &r.machine))
         return true;
     *error = std::string(linux_library) + " is not of this program's version: " + dlerror();
+    return false;
+}
+
+bool machine_is_configured(std::string* error)
+{
+    const Router& r = router();
+    if (!r.routes.any() || r.machine.check_config(error))
+        return true;
+    // One line for each fault.
+    error->erase(error->find_last_not_of('\n') + 1);
     return false;
 }
 

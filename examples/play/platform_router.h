@@ -32,6 +32,10 @@ struct Routes {
  */
 bool set_routes(const Routes& routes, std::string* error);
 
+/// Whether the configuration of real devices is as it should be; true without them. After set_routes().
+/// @return false with a line in @p error for each fault
+bool machine_is_configured(std::string* error);
+
 /// Of devices that are not simulated; empty without them.
 hdmi_linux::DeviceStats real_playback_stats();
 hdmi_linux::DeviceStats real_capture_stats();
