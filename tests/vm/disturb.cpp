@@ -66,7 +66,7 @@ constexpr int loud = 1000;
 constexpr size_t warm_up = 15;
 constexpr long heap_slack = 128 * 1024;
 /// Of the second half, in which nothing runs for the first time.
-constexpr long late_heap_slack = 4 * 1024;
+constexpr long late_heap_slack = 8 * 1024;
 /// What is in use for a moment only is not in the least of so many readings.
 constexpr int heap_readings = 20;
 constexpr std::array<int, 3> source_rates = {32000, 44100, 48000};
