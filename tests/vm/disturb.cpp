@@ -65,8 +65,8 @@ constexpr int loud = 1000;
 /// After so many disturbances every part has run once, and what is kept for good is there.
 constexpr size_t warm_up = 15;
 constexpr long heap_slack = 128 * 1024;
-/// Of the second half, in which nothing runs for the first time.
-constexpr long late_heap_slack = 8 * 1024;
+/// Of the second half, in which next to nothing runs for the first time: measured were up to 8 KB at one go.
+constexpr long late_heap_slack = 16 * 1024;
 /// What is in use for a moment only is not in the least of so many readings.
 constexpr int heap_readings = 20;
 constexpr std::array<int, 3> source_rates = {32000, 44100, 48000};
@@ -257,13 +257,17 @@ private:
         pthread_setname_np(pthread_self(), "eye");
         int64_t shown = 0;
         while (!m_stop) {
-            play::DisplayStats stats = m_display.stats();
-            if (stats.vblanks - stats.repeated > shown) {
-                shown = stats.vblanks - stats.repeated;
+            int64_t now_shown = pictures_shown();
+            if (now_shown > shown)
                 m_picture.is_there();
-            }
+            shown = now_shown;
             sleep_ns(10 * ms);
         }
+    }
+    int64_t pictures_shown() const
+    {
+        play::DisplayStats stats = m_display.stats();
+        return stats.vblanks - stats.repeated;
     }
 
     const play::Display& m_display;
