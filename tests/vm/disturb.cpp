@@ -65,8 +65,9 @@ constexpr int loud = 1000;
 /// After so many disturbances every part has run once, and what is kept for good is there.
 constexpr size_t warm_up = 15;
 constexpr long heap_slack = 128 * 1024;
-/// Of the second half, in which next to nothing runs for the first time: measured were up to 8 KB at one go.
-constexpr long late_heap_slack = 16 * 1024;
+/// Of the second half, in which next to nothing runs for the first time: measured were 14 KB over 300 disturbances, in
+/// two steps.
+constexpr long late_heap_slack = 24 * 1024;
 /// What is in use for a moment only is not in the least of so many readings.
 constexpr int heap_readings = 20;
 constexpr std::array<int, 3> source_rates = {32000, 44100, 48000};
