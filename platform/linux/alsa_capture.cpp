@@ -137,11 +137,13 @@ int Capture::close()
         if (state_ == State::closed)
             return 0;
         state_ = State::closed;
-        ++opening_;
+        const uint64_t closing = ++opening_;
         opener_.abandon();
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
-        pcm_.close();
+        // It may have been opened anew meanwhile.
+        if (opening_ == closing)
+            pcm_.close();
     }
     mutex_guard control(control_);
     end_forwarding();
@@ -412,7 +414,8 @@ void Capture::recovered()
     const int64_t now = now_ns();
     state_ = State::working;
     back_ns_ = now;
-    owed_ = silence_due(now);
+    // It may have captured before anybody saw that it is back.
+    owed_ = std::max<int64_t>(silence_due(now) - std::max(pcm_.delay(), 0), 0);
     stats_.recoveries++;
     stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
     log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));

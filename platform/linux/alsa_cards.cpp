@@ -76,6 +76,8 @@ PcmLook look_at_pcm(const std::string& pcm, bool capture)
 std::string mixer_fault(const AudioDeviceConfig& audio, int device, const PcmLook& pcm)
 {
     const std::string card = mixer_card(audio, pcm.card);
+    if (card.empty() && !pcm.fault.empty() && audio.pcm_source.empty())
+        return audio.mixer_source + ": " + pcm.fault;
     if (card.empty())
         return pcm.opened ? audio.mixer_source + ": '" + audio.pcm + "' is on no card that could have it" : "";
     const std::string& card_source = audio.mixer_card.empty() ? audio.mixer_source : audio.mixer_card_source;
@@ -96,7 +98,9 @@ void check_device(const AudioDeviceConfig& audio, int device, std::vector<std::s
     const bool names_mixer = (!audio.mixer.empty() && audio.mixer != kNoMixer) || !audio.mixer_card.empty();
     if (audio.pcm_source.empty() && !names_mixer)
         return;
-    const PcmLook pcm = look_at_pcm(audio.pcm, is_capture(device));
+    PcmLook pcm;
+    if (!audio.pcm_source.empty() || audio.mixer_card.empty())
+        pcm = look_at_pcm(audio.pcm, is_capture(device));
     if (!audio.pcm_source.empty() && !pcm.fault.empty())
         errors->push_back(audio.pcm_source + ": " + pcm.fault);
     std::string fault;

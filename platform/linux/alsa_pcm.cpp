@@ -97,6 +97,9 @@ std::string offered_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int rate)
     return text + ", the nearest is " + std::to_string(nearest) + " Hz";
 }
 
+// Of a device that is there, rather than still gone.
+bool refuses(int err) { return err == -EINVAL || err == -EBUSY || err == -EACCES || err == -EPERM; }
+
 int fail(int err, std::string* why, std::string reason)
 {
     *why = std::move(reason);
@@ -152,6 +155,7 @@ int Pcm::open(const PcmRequest& request, std::string* why)
     else {
         handle_.reset(handle);
         place_ = card_device(handle);
+        handle_.get_deleter().card = place_.card;
         // Drivers look at it when the hardware is configured.
         status_set_ = request.status && set_status_control(card(), device(), *request.status);
         err = configure(request, why);
@@ -166,7 +170,7 @@ void Pcm::close() { handle_.reset(); }
 void Pcm::Closer::operator()(snd_pcm_t* handle) const
 {
     // A card's does not wait, and is free for the next opening at once.
-    if (card_device(handle).card >= 0)
+    if (card >= 0)
         close_handle(handle);
     else
         close_within_limit(handle);
@@ -192,6 +196,7 @@ struct PcmOpener::Opening {
     mutex_t mutex;
     bool done GUARDED_BY(mutex) = false;
     int err GUARDED_BY(mutex) = 0;
+    std::string why GUARDED_BY(mutex);
     Pcm pcm GUARDED_BY(mutex);
 };
 
@@ -204,6 +209,7 @@ void PcmOpener::run(const std::shared_ptr<Opening>& opening)
     mutex_guard guard(opening->mutex);
     opening->done = true;
     opening->err = err;
+    opening->why = std::move(why);
     opening->pcm = std::move(pcm);
 }
 
@@ -224,6 +230,12 @@ int PcmOpener::attempt(const PcmRequest& request, Pcm* pcm)
     if (!opening->done)
         return -EINPROGRESS;
     opening_ = nullptr;
+    if (opening->err == 0)
+        told_.clear();
+    else if (refuses(opening->err) && opening->why != told_) {
+        told_ = opening->why;
+        log_w("%s is there, but %s\n", request.name.c_str(), told_.c_str());
+    }
     *pcm = std::move(opening->pcm);
     return opening->err;
 }

@@ -101,13 +101,14 @@ public:
 
 private:
     struct Closer {
+        int card; ///< the kernel's number; negative: it is no card's
         void operator()(snd_pcm_t* handle) const;
     };
     int set_hardware(const PcmRequest& request, std::string* why);
     int set_software(const PcmRequest& request);
     int configure(const PcmRequest& request, std::string* why);
 
-    std::unique_ptr<snd_pcm_t, Closer> handle_;
+    std::unique_ptr<snd_pcm_t, Closer> handle_{nullptr, Closer{-1}};
     bool capture_ = false;
     int period_frames_ = 0;
     int buffer_frames_ = 0;
@@ -132,6 +133,7 @@ private:
     struct Opening;
     static void run(const std::shared_ptr<Opening>& opening);
     std::shared_ptr<Opening> opening_;
+    std::string told_; ///< why a device that is back was refused
 };
 
 /// What alsa-lib has to say in this scope goes here instead of to standard error. For the calling thread.

@@ -115,6 +115,7 @@ int Playback::open(const audio_config_t& config)
 // The device is at work from here on; what is in the ring and was not sent goes to it.
 void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
 {
+    opener_.abandon();
     pcm_ = std::move(pcm);
     request_ = request;
     state_ = State::working;
@@ -136,11 +137,14 @@ int Playback::close()
     if (state_ == State::closed)
         return 0;
     state_ = State::closed;
-    ++opening_;
+    const uint64_t closing = ++opening_;
     opener_.abandon();
     gate_.evict(guard);
-    pcm_.close();
-    volume_.detach();
+    // It may have been opened anew meanwhile.
+    if (opening_ == closing) {
+        pcm_.close();
+        volume_.detach();
+    }
     return 0;
 }
 
@@ -279,8 +283,8 @@ int Playback::write(const uint8_t* data, int size)
     int done = 0;
     progress_ns_ = std::max(progress_ns_, now_ns());
     while (opening_ == opening) {
+        mend(now_ns());
         const int64_t now = now_ns();
-        mend(now);
         const int count = accept(data + static_cast<size_t>(done) * frame_bytes, frames - done, now);
         done += count;
         stats_.frames += count;
@@ -472,8 +476,11 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     gate_.evict(guard);
     if (opening_ != opening)
         return kClosed;
-    if (err == -EBUSY && pcm_.is_open())
-        err = open_busy(guard, next, &pcm, &why);
+    if (err == -EBUSY && pcm_.is_open()) {
+        // Two names of one device: the old one has to go before the new one can come, or come back.
+        give_up_working_pcm(State::lost);
+        err = pcm.open(next, &why);
+    }
     if (err < 0) {
         log_e("%s cannot play: %s: %s\n", device_key(device_id), next.name.c_str(), why.c_str());
         return err;
@@ -482,20 +489,14 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     if (state_ == State::working)
         note_heard(now);
     const int64_t position = heard(now);
-    pcm_.close();
+    const Pcm old = std::move(pcm_); // Closed at the end, as that may take long.
     select(device_id);
     install(std::move(pcm), next, settings);
-    requeue_from(position, now);
+    const int64_t start = now_ns();
+    requeue_from(position, start);
     stats_.reselects++;
-    pump(now);
+    pump(start);
     return 0;
-}
-
-// Two names of one device: the old one has to go before the new one can come, or come back.
-int Playback::open_busy(mutex_guard&, const PcmRequest& next, Pcm* pcm, std::string* why)
-{
-    give_up_working_pcm(State::lost);
-    return pcm->open(next, why);
 }
 
 audio_io_dev_e Playback::last_digital_output()
@@ -511,8 +512,8 @@ void Playback::yield_device(int device)
         return;
     const uint64_t opening = opening_;
     gate_.evict(guard);
-    // The player may have closed the device meanwhile.
-    if (opening_ == opening && state_ != State::yielded)
+    // The player may have closed the device meanwhile, or selected another one.
+    if (opening_ == opening && state_ != State::yielded && config_.device_id == device)
         give_up_working_pcm(State::yielded);
 }
 

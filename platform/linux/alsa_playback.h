@@ -56,7 +56,6 @@ private:
     void install(Pcm pcm, const PcmRequest& request, const Config& config) REQUIRES(mutex_);
     void select(int device_id) REQUIRES(mutex_);
     int move_to(mutex_guard& guard, int device_id) REQUIRES(mutex_);
-    int open_busy(mutex_guard& guard, const PcmRequest& next, Pcm* pcm, std::string* why) REQUIRES(mutex_);
 
     // The flow of frames: ring_.end() were written, sent_ are in the device, heard() of them are through.
     int64_t heard(int64_t now) const REQUIRES(mutex_);
