@@ -266,6 +266,19 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
         flooded.hear("40:8f");
     flooded.hear(kAddressReport);
     EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
+    flooded = at(kAttached);
+    flooded.arc.open(flooded.now);
+    flooded.hear("50:00:83:00"); // It did not tell its address: given up, until it opens the channel by itself.
+    while (flooded.arc.deadline() != cec_arc::kNever) {
+        flooded.said();
+        flooded.pass_to_deadline();
+    }
+    flooded.hear("50:c0");
+    EXPECT_EQ("05:83", flooded.said());
+    for (int i = 0; i < 20; ++i)
+        flooded.hear("40:8f");
+    flooded.hear(kAddressReport);
+    EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
     // An address report of somebody else, one that was not broadcast, one that is too short: no address.
     for (const char* report : {"4f:84:10:00:04", "50:84:10:00:05", "5f:84:10:00"}) {
         Bus waiting = at(kAsking);
@@ -385,6 +398,14 @@ TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
     bus.hear("50:00:c3:04");
     EXPECT_EQ(State::active, bus.arc.state()) << "it refuses what is open";
     EXPECT_TRUE(bus.told().empty());
+
+    bus = at(kRequesting);
+    bus.hear("50:c0");
+    EXPECT_EQ("05:c1", bus.said(Delivery::failed));
+    bus.pass_to_deadline();
+    EXPECT_EQ("05:c3", bus.said());
+    bus.hear("50:00:c3:04");
+    EXPECT_EQ(State::idle, bus.arc.state()) << "it never knew that it is open";
 }
 
 TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
@@ -708,6 +729,7 @@ public:
     {
         std::lock_guard<std::mutex> guard(mutex_);
         EXPECT_EQ(fd_, fd);
+        errno = locked_by_another ? EWOULDBLOCK : 0;
         return !locked_by_another;
     }
     bool is_listening()

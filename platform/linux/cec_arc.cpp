@@ -73,7 +73,7 @@ void TvSide::detach()
     outbox_.clear();
     deferred_.reset();
     peer_address_.reset();
-    granted_ = false;
+    granted_ = confirmed_ = false;
     inquiry_deadline_ = kNever;
     enter(in_close() ? Phase::closed : Phase::detached);
 }
@@ -176,7 +176,7 @@ void TvSide::answer(Opcode opcode, int64_t now)
             enter(Phase::confirming, now + kDeliveryMs);
         return;
     }
-    granted_ = false;
+    granted_ = confirmed_ = false;
     send(Message(kAudioSystem, kReportArcTerminated));
     if (phase_ == Phase::active || phase_ == Phase::pausing || in_attempt())
         notify(Notice::closed_by_peer);
@@ -231,6 +231,7 @@ void TvSide::delivered(const Message& message, Delivery delivery, int64_t now)
         if (phase_ != Phase::confirming)
             return;
         if (arrived) {
+            confirmed_ = true;
             enter(Phase::active);
             notify(Notice::opened);
         } else {
@@ -303,7 +304,7 @@ void TvSide::attempt_failed(Notice cause, int64_t now)
 {
     if (cause == Notice::no_audio_system) {
         peer_address_.reset();
-        granted_ = false;
+        granted_ = confirmed_ = false;
     }
     if (attempts_ >= kAttempts)
         give_up(cause);
@@ -314,7 +315,7 @@ void TvSide::attempt_failed(Notice cause, int64_t now)
 void TvSide::give_up(Notice cause)
 {
     // Asked again because it told its address, it refuses what is open already.
-    if (granted_ && cause == Notice::refused) {
+    if (confirmed_ && cause == Notice::refused) {
         enter(Phase::active);
         return;
     }
@@ -352,8 +353,11 @@ void TvSide::address_reported(uint16_t address, int64_t now)
     if (deferred_) {
         const Opcode opcode = *deferred_;
         deferred_.reset();
+        const size_t waiting = outbox_.size();
         arc_message(kAudioSystem, opcode, 2, now);
-        if (adjacent(own_address_, address) && phase_ != Phase::asking_address)
+        // Not with too much to say already.
+        const bool answered = outbox_.size() != waiting;
+        if (answered && adjacent(own_address_, address))
             return;
     }
     if (phase_ == Phase::asking_address)

@@ -161,7 +161,8 @@ private:
     int64_t close_deadline_ = kNever;
     bool wanted_ = false;
     bool was_active_ = false;
-    bool granted_ = false; ///< the audio system opened the channel, and nobody has closed it since
+    bool granted_ = false;   ///< the audio system opened the channel, and nobody has closed it since
+    bool confirmed_ = false; ///< and knows that the TV knows
     bool only_follower_ = false;
     uint16_t own_address_ = kNoPhysicalAddress;
     std::optional<uint16_t> peer_address_;

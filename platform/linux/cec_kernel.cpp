@@ -37,6 +37,8 @@ constexpr int64_t kReopenMs = 1000;
 /// Claiming an address takes some 340 ms; the kernel refuses to take back a configuration meanwhile.
 constexpr int64_t kClaimMs = 1000;
 constexpr int64_t kClaimPollMs = 20;
+constexpr int kLockAttempts = 3;
+constexpr int kLockPauseMs = 5;
 static_assert(cec_arc::TvSide::kCloseMs + kClaimMs + kClaimPollMs < CecLink::kStopMs, "the last calls take time too");
 /// A claim that has not ended by then has failed, or nearly so; the kernel does not repeat it.
 constexpr int64_t kClaimFailedMs = 4000;
@@ -51,7 +53,11 @@ enum class Fitness { tv, root, unconnected, unfit };
 } // namespace
 
 struct CecAdapter {
+    /// Whether its physical address is for programs to set.
+    bool addressable() const { return (capabilities & CEC_CAP_PHYS_ADDR) != 0; }
+
     uint32_t capabilities = 0;
+    std::string driver;
     uint16_t physical_address = CEC_PHYS_ADDR_INVALID;
     cec_log_addrs logical = {};
     bool of_output = false; ///< belongs to a connector to which this machine sends pictures
@@ -68,6 +74,7 @@ bool inspect(CecSystem* system, int fd, CecAdapter* adapter)
         system->ioctl(fd, CEC_ADAP_G_LOG_ADDRS, &adapter->logical) != 0)
         return false;
     adapter->capabilities = caps.capabilities;
+    adapter->driver.assign(caps.driver, strnlen(caps.driver, sizeof(caps.driver)));
     cec_connector_info connector = {};
     adapter->of_output = (caps.capabilities & CEC_CAP_CONNECTOR_INFO) != 0 &&
                          system->ioctl(fd, CEC_ADAP_G_CONNECTOR_INFO, &connector) == 0 &&
@@ -287,21 +294,34 @@ std::vector<CecMessage> CecLink::messages() const
 int CecLink::take_adapter()
 {
     std::string refused;
-    int error = choose_adapter(&refused);
-    if (error == 0) {
-        error = open_adapter();
-        if (error == 0)
-            return 0;
-        refused = cannot_use(error);
+    int error = 0;
+    for (int attempt = 1; (error = choose_and_open(&refused)) != 0; ++attempt) {
+        // Another player may have looked at it just now, or have been faster: then the next best will do.
+        if (error != EBUSY || attempt == kLockAttempts)
+            break;
+        ::poll(nullptr, 0, kLockPauseMs);
     }
+    if (error == 0)
+        return 0;
     say(refused + "; the audio return channel stays closed", true);
     return -error;
 }
 
 std::string CecLink::cannot_use(int error) const
 {
-    return named(path_, source_) +
-           " cannot be used: " + (error == EBUSY ? "another player or program has it" : strerror(error));
+    const char* why = error == EBUSY    ? "another player or program has it"
+                      : error == ENODEV ? "it is no TV's"
+                                        : strerror(error);
+    return named(path_, source_) + " cannot be used: " + why;
+}
+
+// 0 or errno, then with what to say of it.
+int CecLink::choose_and_open(std::string* refused)
+{
+    int error = choose_adapter(refused);
+    if (error == 0 && (error = open_adapter()) != 0)
+        *refused = cannot_use(error);
+    return error;
 }
 
 // Sets path_ to the best adapter that may be taken. 0 or errno, then with what to say of it. One that another player
@@ -322,14 +342,15 @@ int CecLink::choose_adapter(std::string* refused)
         }
         CecAdapter adapter;
         const Fitness fit = inspect(system_, fd, &adapter) ? fitness(adapter, !device_.empty()) : Fitness::unfit;
-        const bool ours = system_->lock(fd);
+        const bool better = fit < best && (fit != Fitness::unconnected || may_be_the_lost(path, adapter));
+        const bool ours = better && system_->lock(fd);
         system_->close(fd);
-        if (fit != Fitness::unfit && !ours) {
-            error = EBUSY;
-            *refused = named(path, source_) + " cannot be used: another player has it";
-        } else if (fit < best && (fit != Fitness::unconnected || lost_path_.empty() || path == lost_path_)) {
+        if (ours) {
             best = fit;
             path_ = path;
+        } else if (better) {
+            error = EBUSY;
+            *refused = named(path, source_) + " cannot be used: another player has it";
         }
     }
     if (best != Fitness::unfit)
@@ -337,6 +358,13 @@ int CecLink::choose_adapter(std::string* refused)
     if (refused->empty())
         *refused = device_.empty() ? "no CEC adapter of a TV" : named(device_, source_) + " is no CEC adapter of a TV";
     return error;
+}
+
+// Without a cable it may be anybody's: after an unplug only the same one is taken. One that leaves its place to
+// programs never has a cable before, and may return under another number.
+bool CecLink::may_be_the_lost(const std::string& path, const CecAdapter& adapter) const
+{
+    return lost_path_.empty() || path == lost_path_ || (adapter.addressable() && adapter.driver == driver_);
 }
 
 // Opens the adapter of path_ and sets it up; waits for nothing. 0 or errno.
@@ -348,7 +376,7 @@ int CecLink::open_adapter()
     configured_here_ = listening_ = false;
     former_address_.reset();
     uint32_t mode = CEC_MODE_INITIATOR | CEC_MODE_FOLLOWER;
-    if (lock_adapter() && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 && configure()) {
+    if (lock_adapter() && system_->ioctl(fd_, CEC_S_MODE, &mode) == 0 && configure(true)) {
         listening_ = true;
         mutex_guard guard(mutex_);
         stats_.device = path_;
@@ -362,35 +390,40 @@ int CecLink::open_adapter()
 // One player for an adapter: two would answer everything twice. Sets errno.
 bool CecLink::lock_adapter()
 {
-    errno = EBUSY;
-    return system_->lock(fd_);
+    const bool ours = system_->lock(fd_);
+    if (!ours)
+        errno = EBUSY;
+    return ours;
 }
 
 // A TV is the root of the addresses: where the driver does not know its place, it is 0.0.0.0. What another program has
-// configured stays as it is; what a player left that did not come to its end is taken over. Sets errno.
-bool CecLink::configure()
+// configured stays as it is; what a player left that did not come to its end is taken over. @p first: since the
+// opening. Sets errno.
+bool CecLink::configure(bool first)
 {
     CecAdapter adapter;
     if (!inspect(system_, fd_, &adapter))
         return false;
     // Another program may have taken it since it was chosen.
-    errno = EBUSY;
+    errno = adapter.logical.num_log_addrs != 0 ? EBUSY : ENODEV;
     if (fitness(adapter, !device_.empty()) == Fitness::unfit)
         return false;
-    const bool addressable = (adapter.capabilities & CEC_CAP_PHYS_ADDR) != 0;
+    addressable_ = adapter.addressable();
+    driver_ = adapter.driver;
+    configured_here_ = configured_here(adapter.logical);
     if (adapter.logical.num_log_addrs != 0) {
-        configured_here_ = configured_here(adapter.logical);
-        if (configured_here_ && !former_address_ && addressable && adapter.physical_address == 0)
+        if (first && configured_here_ && addressable_ && adapter.physical_address == 0)
             former_address_ = CEC_PHYS_ADDR_INVALID;
         if (!configured_here_ || adapter.logical.log_addr_mask != 0)
             return true;
     }
     uint16_t root = 0;
-    if (addressable && adapter.physical_address != root &&
+    if (addressable_ && adapter.physical_address != root &&
         (load_edid_ || adapter.physical_address == CEC_PHYS_ADDR_INVALID)) {
         if (system_->ioctl(fd_, CEC_ADAP_S_PHYS_ADDR, &root) != 0)
             return false;
-        former_address_ = adapter.physical_address;
+        if (!former_address_)
+            former_address_ = adapter.physical_address;
     }
     return claim();
 }
@@ -516,9 +549,7 @@ void CecLink::find_again(int64_t now)
 {
     reopen_at_ = now + kReopenMs;
     std::string refused;
-    int error = choose_adapter(&refused);
-    if (error == 0 && (error = open_adapter()) != 0)
-        refused = cannot_use(error);
+    const int error = choose_and_open(&refused);
     if (error == 0) {
         reopen_at_ = cec_arc::kNever;
         say(path_ == lost_path_ ? path_ + " is back" : path_ + " takes the place of " + lost_path_, false);
@@ -532,7 +563,7 @@ void CecLink::find_again(int64_t now)
 void CecLink::claim_again(int64_t now)
 {
     claim_failed_at_ = now + kClaimFailedMs;
-    if (configure())
+    if (configure(false))
         say(path_ + " gets no CEC address; the audio return channel waits for it", true);
     else
         say(cannot_use(errno), true);
@@ -556,7 +587,7 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
         explain(state);
         detach();
         claim_failed_at_ = cec_arc::kNever;
-        if (state.phys_addr != CEC_PHYS_ADDR_INVALID && state.log_addr_mask == 0)
+        if (state.log_addr_mask == 0 && (state.phys_addr != CEC_PHYS_ADDR_INVALID || addressable_))
             claim_failed_at_ = now + kClaimFailedMs;
         listen(state.log_addr_mask == 0);
         return;

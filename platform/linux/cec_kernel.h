@@ -86,10 +86,12 @@ private:
     void release();
 
     int take_adapter();
+    int choose_and_open(std::string* refused);
     int choose_adapter(std::string* refused);
+    bool may_be_the_lost(const std::string& path, const CecAdapter& adapter) const;
     int open_adapter();
     bool lock_adapter();
-    bool configure();
+    bool configure(bool first);
     bool claim();
     std::string cannot_use(int error) const;
     void listen(bool on);
@@ -128,6 +130,8 @@ private:
     int fd_ = -1;
     bool listening_ = false; ///< receives messages; otherwise the kernel answers them
     bool configured_here_ = false;
+    bool addressable_ = false;               ///< the physical address is for programs to set
+    std::string driver_;                     ///< the kernel's, of the adapter that was used last
     std::optional<uint16_t> former_address_; ///< the physical address was set here, and what it was before
     uint16_t physical_address_ = CEC_PHYS_ADDR_INVALID;
     bool attached_ = false;
