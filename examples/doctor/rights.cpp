@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 
@@ -17,6 +18,7 @@ namespace
 {
 
 constexpr int kPlayerPriority = 99;
+constexpr long kEnoughNamespaces = 100;
 
 // Runs @p attempt in a process of its own, which it may change as it likes; its word on failure, empty on success.
 std::string attempt_aside(const std::function<std::string()>& attempt)
@@ -39,6 +41,9 @@ std::string attempt_aside(const std::function<std::string()>& attempt)
         waitpid(child, nullptr, 0);
     return text;
 }
+
+// 0 where the kernel has none of them.
+long most_user_namespaces() { return strtol(first_line("/proc/sys/user/max_user_namespaces").c_str(), nullptr, 10); }
 
 std::string try_priority()
 {
@@ -70,13 +75,17 @@ Finding look_at_namespaces()
     });
     if (fault.empty())
         return {Verdict::ok, "private namespaces", "for the simulated receiver's announcements", ""};
+    std::string settings;
+    if (most_user_namespaces() < kEnoughNamespaces)
+        settings += " user.max_user_namespaces=" + std::to_string(kEnoughNamespaces);
     // Each belongs to some distributions' kernels only, and a name that is not there is an error.
-    std::string settings = "user.max_user_namespaces=100";
     if (access("/proc/sys/kernel/unprivileged_userns_clone", F_OK) == 0)
         settings += " kernel.unprivileged_userns_clone=1";
     if (access("/proc/sys/kernel/apparmor_restrict_unprivileged_userns", F_OK) == 0)
         settings += " kernel.apparmor_restrict_unprivileged_userns=0";
-    return {Verdict::refused, "private namespaces", fault, "sudo sysctl " + settings + "   # or run it as root"};
+    return {Verdict::refused, "private namespaces", fault,
+            settings.empty() ? "sudo -E hdmi-player-play   # root may"
+                             : "sudo sysctl" + settings + "   # or run it as root"};
 }
 
 Findings look_at_receiver()
