@@ -249,6 +249,91 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
     EXPECT_EQ(check_bursts(recording, *CodedProgramme::make(Coding::ac3, 48000, {60, 1}, second, &error)).bursts, 0);
 }
 
+namespace
+{
+
+/// Coded sound with a hole: zeros pass on the link for whole bursts, which count as bursts do.
+class WithHole : public Programme
+{
+public:
+    WithHole(const Source& coded, int64_t at, int64_t bursts)
+        : Programme(48000, {60, 1}, 3 * second), m_coded(coded), m_at(at * burst_link_frames(coded.coding())),
+          m_frames(bursts * burst_link_frames(coded.coding()))
+    {
+    }
+
+    Coding coding() const override { return m_coded.coding(); }
+    int64_t coded_end() const override { return m_coded.coded_end() + m_frames / link_frames_per_sample(coding()); }
+    void link(int64_t first, int16_t* words, int frames) const override
+    {
+        for (int i = 0; i < frames; i++, words += 2) {
+            int64_t frame = first + i;
+            if (frame >= m_at && frame < m_at + m_frames)
+                words[0] = words[1] = 0;
+            else
+                m_coded.link(frame < m_at ? frame : frame - m_frames, words, 1);
+        }
+        reads++;
+    }
+
+    mutable int64_t reads = 0;
+
+private:
+    const Source& m_coded;
+    const int64_t m_at;
+    const int64_t m_frames;
+};
+
+} // namespace
+
+TEST_F(PlayMeasure, HoleInAFilmsSoundIsNoGapAtTheOutput)
+{
+    std::string error;
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * second, &error);
+    ASSERT_NE(coded, nullptr) << error;
+    WithHole film(*coded, 35, 10); // where a beep sounds: no two bursts are equal
+    std::vector<int16_t> words(size_t{2} * 70 * burst_samples);
+    film.link(0, words.data(), 70 * burst_samples);
+    record(words, 48000, 100 * ms);
+    RawCheck check = check_bursts(recording, film);
+    EXPECT_EQ(check.bursts, 60);
+    EXPECT_EQ(check.different + check.gaps, 0);
+
+    // What is left out behind it is one.
+    words.erase(words.begin() + 2 * 45 * burst_samples, words.begin() + 2 * 46 * burst_samples);
+    record(words, 48000, 100 * ms);
+    EXPECT_EQ(check_bursts(recording, film).gaps, 1);
+}
+
+TEST_F(PlayMeasure, StrangersBurstsAreNotLookedForInAllOfTheSourceForEver)
+{
+    std::string error;
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 20 * second, &error);
+    ASSERT_NE(coded, nullptr) << error;
+    WithHole source(*coded, 0, 0);
+    const int64_t bursts = source.coded_end() / burst_samples;
+    std::vector<int16_t> words(static_cast<size_t>(2 * bursts * burst_samples));
+    coded->link(0, words.data(), static_cast<int>(bursts * burst_samples));
+    for (size_t burst = 0; burst < static_cast<size_t>(bursts); burst++)
+        words[burst * 2 * burst_samples + 100] ^= 1;
+    record(words, 48000, 100 * ms);
+    source.reads = 0;
+    RawCheck check = check_bursts(recording, source);
+    EXPECT_EQ(check.bursts, bursts);
+    EXPECT_GT(check.different, 0);
+    EXPECT_LE(source.reads, 9 * bursts);
+
+    // One that is the source's again is found where it belongs, behind more strangers than are looked for everywhere.
+    auto different_without = [&](size_t burst) {
+        words[burst * 2 * burst_samples + 100] ^= 1;
+        record(words, 48000, 100 * ms);
+        return check_bursts(recording, source).different;
+    };
+    int64_t first_good = different_without(0);
+    EXPECT_LT(first_good, check.different);
+    EXPECT_LT(different_without(200), first_good);
+}
+
 TEST_F(PlayMeasure, SilenceBehindTheLastBurstIsNoSoundTooMuch)
 {
     std::string error;
@@ -514,10 +599,48 @@ Result good_run()
     return run;
 }
 
+/// Passed on between real devices, with an observer.
+Result good_raw_run()
+{
+    Result run = good_run();
+    run.options.raw = true;
+    run.options.capture = run.options.feed = run.options.playback = run.options.observe = "hw:0";
+    run.resets = 0;
+    run.opened_ns = second;
+    run.signal_end_ns = 11 * second;
+    run.stage.bypass.frames = 9 * 48000;
+    run.stage.bypass.rate = 48000;
+    run.raw.compared = true;
+    run.raw.bursts = 300;
+    run.raw.began_ns = second;
+    run.raw.ended_ns = 11 * second;
+    return run;
+}
+
+/// The same, and nobody listens there.
+Result good_unheard_run()
+{
+    Result run = good_raw_run();
+    run.options.observe.clear();
+    run.raw = RawCheck();
+    return run;
+}
+
 struct Fault {
     const char* limit;
     std::function<void(Result*)> apply;
 };
+
+void expect_only(const Fault& fault, Result run)
+{
+    fault.apply(&run);
+    bool judged = false;
+    for (const Verdict& verdict : judge(run)) {
+        EXPECT_EQ(verdict.passed, verdict.limit != fault.limit) << verdict.limit << " at: " << fault.limit;
+        judged = judged || verdict.limit == fault.limit;
+    }
+    EXPECT_TRUE(judged) << fault.limit;
+}
 
 } // namespace
 
@@ -554,12 +677,29 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
              run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
          }},
     };
-    for (const Fault& fault : faults) {
-        Result run = good_run();
-        fault.apply(&run);
-        for (const Verdict& verdict : judge(run))
-            EXPECT_EQ(verdict.passed, verdict.limit != fault.limit) << verdict.limit << " at: " << fault.limit;
-    }
+    for (const Fault& fault : faults)
+        expect_only(fault, good_run());
+}
+
+TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
+{
+    const char* const bursts = "bursts at the output bit for bit the source's";
+    const char* const took = "the output took what was passed on";
+    EXPECT_TRUE(all_passed(judge(good_raw_run())));
+    const std::vector<Fault> faults = {
+        {bursts, [](Result* run) { run->raw.bursts = 0; }},
+        {bursts, [](Result* run) { run->raw.gaps = 1; }},
+        {bursts, [](Result* run) { run->raw.ended_ns = 9 * second; }},
+        {took, [](Result* run) { run->stage.bypass.xruns = 1; }},
+        {took, [](Result* run) { run->stage.bypass.frames = 0; }},
+        {"the source was sent without a break", [](Result* run) { run->stage.link.breaks = 1; }},
+        {"the observer heard without a break", [](Result* run) { run->stage.sound.observer_breaks = 1; }},
+    };
+    for (const Fault& fault : faults)
+        expect_only(fault, good_raw_run());
+
+    EXPECT_TRUE(all_passed(judge(good_unheard_run())));
+    expect_only({took, [](Result* run) { run->stage.bypass.frames = 7 * 48000; }}, good_unheard_run());
 }
 
 TEST(Grid, ErrorIsTheDistanceFromWholeRefreshesHoweverManyPassed)
@@ -575,6 +715,15 @@ TEST(Grid, ErrorIsTheDistanceFromWholeRefreshesHoweverManyPassed)
     sightings.resize(101);
     EXPECT_NEAR(measure_grid(sightings, 50).p99_us, 0, 0.001);
     EXPECT_EQ(measure_grid({}, 50).worst_us, 0);
+}
+
+TEST(FlipGate, BlanksOfADisplayThatStoodStillForHoursAreWrittenDownAtOnce)
+{
+    Trace trace(10, 50);
+    FlipGate gate(50, &trace);
+    gate.vblank(0);
+    gate.vblank(4'000'000 * second, int64_t{1} << 50);
+    EXPECT_EQ(trace.vblanks.events().size(), 1 + 50u); // those of the last second
 }
 
 TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)

@@ -439,6 +439,17 @@ TEST_F(PageOfRun, RunWithNothingInItIsStillAPage)
     check_page(page_text({report_json(result, {}), TraceView(), true, std::nan(""), ""}));
 }
 
+TEST_F(PageOfRun, NothingThatArrivedIsAnotherThingThanNothingCompared)
+{
+    const std::string uncompared = "What arrived was not compared.";
+    result.options.raw = true;
+    EXPECT_NE(page(report()).find(uncompared), std::string::npos);
+    result.raw.compared = true;
+    std::string text = page(report());
+    EXPECT_EQ(text.find(uncompared), std::string::npos);
+    EXPECT_NE(text.find("frames arrived at the output"), std::string::npos);
+}
+
 TEST_F(PageOfRun, NameOfAFileIsTextAndNothingElse)
 {
     const std::string name = "</title><script>alert(1)</script>\" onload=\"x\" caf\xE9.mkv";

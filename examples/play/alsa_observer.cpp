@@ -59,6 +59,7 @@ bool AlsaObserver::take_period()
         m_file.append(m_period.data(), got);
         return true;
     }
+    m_breaks++;
     // An overrun; whatever else it is, the device is taken for gone.
     bool goes_on = got == -EPIPE && m_pcm->prepare() && m_pcm->start();
     if (!goes_on)

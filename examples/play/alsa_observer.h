@@ -27,6 +27,8 @@ public:
 
     RecordedSound heard() const { return {m_file.path(), m_file.blocks()}; }
     double drift_ppm() const { return m_file.drift_ppm(); }
+    /// Times that something was not heard: overruns of its own device, and losses.
+    int64_t breaks() const { return m_breaks; }
 
 private:
     void listen();
@@ -40,6 +42,7 @@ private:
     std::unique_ptr<AlsaPcm> m_pcm; ///< the thread's; null: the device is gone
     std::vector<int16_t> m_period;
     std::atomic<bool> m_stop{false};
+    std::atomic<int64_t> m_breaks{0};
     std::thread m_thread;
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -49,9 +50,8 @@ public:
             return;
         // One that stood still for longer did not show anything.
         constexpr int64_t longest_ns = 1'000'000'000;
-        for (int64_t before = passed - 1; before > 0; before--)
-            if (before * m_refresh_ns < longest_ns)
-                m_trace->vblanks.add(at_ns - before * m_refresh_ns);
+        for (int64_t before = std::min(passed - 1, (longest_ns - 1) / m_refresh_ns); before > 0; before--)
+            m_trace->vblanks.add(at_ns - before * m_refresh_ns);
         m_trace->vblanks.add(at_ns);
     }
 

@@ -18,7 +18,10 @@ using Words = std::vector<int16_t>;
 constexpr auto preamble_pa = static_cast<int16_t>(0xF872);
 constexpr auto preamble_pb = static_cast<int16_t>(0x4E1F);
 constexpr int64_t preamble_frames = 2;
-constexpr int64_t window_frames = 48000;
+/// Bursts around the last known one that are looked at first when one does not follow.
+constexpr int64_t near_bursts = 64;
+/// A recording that is full of what the source never sent would have all of a film compared with each burst.
+constexpr int most_full_searches = 8;
 
 bool begins_at(const Words& words, int64_t frame)
 {
@@ -26,10 +29,11 @@ bool begins_at(const Words& words, int64_t frame)
     return words[at] == preamble_pa && words[at + 1] == preamble_pb;
 }
 
-/// The first frame from @p from on that begins a burst; -1: none.
-int64_t find_burst(const Recording& heard, int64_t from)
+/// The first frame from @p from on that begins a burst; -1: none. Most often it is within a @p period.
+int64_t find_burst(const Recording& heard, int64_t from, int64_t period)
 {
-    Words words(2 * window_frames);
+    int64_t window_frames = 2 * period;
+    Words words(static_cast<size_t>(2 * window_frames));
     for (; from < heard.frames(); from += window_frames) {
         int64_t got = heard.read(from, words.data(), window_frames);
         for (int64_t i = 0; i < got; i++)
@@ -56,7 +60,8 @@ class Place
 {
 public:
     explicit Place(const Source& source)
-        : m_source(source), m_sent(static_cast<size_t>(2 * burst_link_frames(source.coding())))
+        : m_source(source), m_period(burst_link_frames(source.coding())), m_bursts(source.coded_end() / burst_samples),
+          m_sent(static_cast<size_t>(2 * m_period))
     {
     }
 
@@ -66,36 +71,71 @@ public:
     bool goes_on(const Words& burst, int64_t used)
     {
         std::vector<int64_t> next;
-        for (int64_t number : m_candidates)
-            if (is_burst(number + 1, burst, used))
-                next.push_back(number + 1);
+        for (int64_t before : m_candidates) {
+            int64_t number = next_sent(before);
+            if (is_burst(number, burst, used))
+                next.push_back(number);
+        }
         if (next.empty())
             return false;
         m_candidates = std::move(next);
+        m_last = m_candidates.front();
         return true;
     }
 
-    /// Anywhere in the source. @return false: it is not the source's
+    /// Near where the last one was, or else anywhere in the source. @return false: it is not the source's
     bool find(const Words& burst, int64_t used)
     {
         m_candidates.clear();
-        int64_t bursts = m_source.coded_end() / burst_samples;
-        for (int64_t number = 0; number < bursts; number++)
-            if (is_burst(number, burst, used))
-                m_candidates.push_back(number);
+        if (m_last >= 0)
+            search(m_last - near_bursts, m_last + near_bursts + 1, burst, used);
+        if (!known() && m_full_searches < most_full_searches) {
+            m_full_searches++;
+            search(0, m_bursts, burst, used);
+        }
+        if (known())
+            m_last = m_candidates.front();
+        else if (m_last >= 0)
+            m_last++; // the one that was to come has passed
         return known();
     }
 
 private:
+    void search(int64_t from, int64_t to, const Words& burst, int64_t used)
+    {
+        for (int64_t number = std::max<int64_t>(from, 0); number < std::min(to, m_bursts); number++)
+            if (is_burst(number, burst, used))
+                m_candidates.push_back(number);
+    }
+
+    /// The burst after @p number. In a hole of a film's sound zeros pass that are numbered as bursts.
+    int64_t next_sent(int64_t number)
+    {
+        do
+            number++;
+        while (number < m_bursts && !is_sent(number));
+        return number;
+    }
+
+    bool is_sent(int64_t number)
+    {
+        m_source.link(number * m_period, m_sent.data(), 1);
+        return begins_at(m_sent, 0);
+    }
+
     bool is_burst(int64_t number, const Words& burst, int64_t used)
     {
-        m_source.link(number * burst_link_frames(m_source.coding()), m_sent.data(), static_cast<int>(used));
+        m_source.link(number * m_period, m_sent.data(), static_cast<int>(used));
         return std::equal(burst.begin(), burst.begin() + 2 * used, m_sent.begin());
     }
 
     const Source& m_source;
+    const int64_t m_period;
+    const int64_t m_bursts; ///< of the source
     Words m_sent;
     std::vector<int64_t> m_candidates;
+    int64_t m_last = -1; ///< the earliest candidate, or where it would be by now; -1: none was found yet
+    int m_full_searches = 0;
 };
 
 } // namespace
@@ -103,10 +143,11 @@ private:
 RawCheck check_bursts(const Recording& heard, const Source& source)
 {
     RawCheck check;
+    check.compared = true;
     Place place(source);
     int64_t period = burst_link_frames(source.coding());
     Words burst(static_cast<size_t>(2 * period));
-    int64_t first = find_burst(heard, 0);
+    int64_t first = find_burst(heard, 0, period);
     for (int64_t at = first, next = 0; at >= 0; at = next) {
         int64_t got = heard.read(at, burst.data(), period);
         int64_t used = used_frames(burst.data(), source.coding());
@@ -118,7 +159,7 @@ RawCheck check_bursts(const Recording& heard, const Source& source)
         check.different += found ? 0 : used;
         check.bursts++;
         check.ended_ns = heard.heard_ns(at + used - 1);
-        next = find_burst(heard, at + used);
+        next = find_burst(heard, at + used, period);
         check.frames = (next >= 0 ? next : at + used) - first;
     }
     check.began_ns = first >= 0 ? heard.heard_ns(first) : 0;

@@ -11,6 +11,7 @@ class Source;
 
 /// Raw pass-through: what arrived at the output, against what the source sent.
 struct RawCheck {
+    bool compared = false; ///< false: nobody listened, or the source is not ours
     int64_t frames = 0;    ///< link frames that arrived at the output
     int64_t bursts = 0;    ///< whole ones among them
     int64_t different = 0; ///< frames that are not the source's

@@ -147,8 +147,8 @@ void print_edges(const Result& result)
     if (!options.playback.empty())
         std::printf("  playback  alsa:%s\n", options.playback.c_str());
     if (!options.observe.empty())
-        std::printf("  heard     at alsa:%s, whose clock is %+.1f ppm fast\n", options.observe.c_str(),
-                    result.stage.sound.drift_ppm);
+        std::printf("  heard     at alsa:%s, whose clock is %+.1f ppm fast; breaks %" PRId64 "\n",
+                    options.observe.c_str(), result.stage.sound.drift_ppm, result.stage.sound.observer_breaks);
     else if (!options.playback.empty())
         std::printf("  heard     when the playback device itself says so: what lies behind it is not in the figures\n");
     print_recoveries(result);
@@ -166,7 +166,7 @@ void print_link(const Result& result)
             "            that a burst must pass before it can be decoded is latency of the player\n");
     if (result.stage.link.chunk_phase >= 0)
         std::printf("  capture   began %d bytes before a burst\n", result.stage.link.chunk_phase);
-    if (result.raw.bursts > 0)
+    if (result.raw.compared)
         std::printf("  output    %" PRId64 " bursts in %" PRId64 " frames, different %" PRId64 ", gaps %" PRId64 "\n",
                     result.raw.bursts, result.raw.frames, result.raw.different, result.raw.gaps);
     const hdmi_linux::BypassStats& bypass = result.stage.bypass;
@@ -283,6 +283,7 @@ json sound_json(const Result& result)
             {"underruns_first_second", result.early_gaps},
             {"overruns", result.overruns},
             {"withheld_blocks", result.stage.withheld},
+            {"observer_breaks", result.stage.sound.observer_breaks},
             {"drift_ppm", result.stage.sound.drift_ppm}};
 }
 
@@ -330,7 +331,8 @@ json link_json(const Result& result)
     link["announced"] = announced;
     link["rate_messages"] = result.stage.link.rate_messages;
     if (result.options.raw)
-        link["raw"] = {{"frames", result.raw.frames},
+        link["raw"] = {{"compared", result.raw.compared},
+                       {"frames", result.raw.frames},
                        {"bursts", result.raw.bursts},
                        {"different", result.raw.different},
                        {"gaps", result.raw.gaps},

@@ -67,7 +67,7 @@ public:
     SoundAccount account() const override
     {
         hdmi_sim::PlaybackStats playback = hdmi_sim::playback_stats();
-        return {playback.first_write_ns, playback.frames_written, m_clock_error_ppm};
+        return {playback.first_write_ns, playback.frames_written, m_clock_error_ppm, 0};
     }
 
 private:
@@ -109,7 +109,7 @@ public:
 
     RecordedSound heard() const override { return sent(); }
     RecordedSound sent() const override { return {m_file.path(), m_file.blocks()}; }
-    SoundAccount account() const override { return {m_first_write_ns, m_file.frames(), m_file.drift_ppm()}; }
+    SoundAccount account() const override { return {m_first_write_ns, m_file.frames(), m_file.drift_ppm(), 0}; }
 
 private:
     void opened(const audio_config_t& config) override
@@ -163,6 +163,7 @@ public:
     {
         SoundAccount account = m_output.account();
         account.drift_ppm = m_observer.drift_ppm();
+        account.observer_breaks = m_observer.breaks();
         return account;
     }
 

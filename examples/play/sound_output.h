@@ -18,9 +18,10 @@ namespace play
 
 /// What happened at the sound device.
 struct SoundAccount {
-    int64_t first_write_ns = 0; ///< 0: nothing was written
-    int64_t frames = 0;         ///< written by the player
-    double drift_ppm = 0;       ///< of a real device against CLOCK_MONOTONIC
+    int64_t first_write_ns = 0;  ///< 0: nothing was written
+    int64_t frames = 0;          ///< written by the player
+    double drift_ppm = 0;        ///< of a real device against CLOCK_MONOTONIC
+    int64_t observer_breaks = 0; ///< times that the device that listens lost sound or went away
 };
 
 /// One run's recording: a file, and when its frames were heard.

@@ -97,6 +97,7 @@ private:
 RawCheck SimulatedLink::check_raw() const
 {
     RawCheck check;
+    check.compared = true;
     int64_t next = -1;
     int64_t burst_frames = burst_link_frames(m_source->coding());
     for (const hdmi_sim::BypassRun& run : hdmi_sim::bypass_recording()) {

@@ -31,22 +31,29 @@ Verdict judge_resets(const Result& result)
     return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
 }
 
+/// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
+bool passed_on_throughout(const Result& result)
+{
+    constexpr double margin_s = 2;
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    double seconds = static_cast<double>(result.signal_end_ns - result.opened_ns) / 1e9 - margin_s;
+    return static_cast<double>(bypass.frames) >= seconds * bypass.rate;
+}
+
 // The sound goes past the player, and its pictures free of it.
 void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
 {
     constexpr int64_t start_ns = 1'000'000'000;
-    const Options& options = result.options;
-    bool real = !options.playback.empty();
-    bool compared = !real || (!options.observe.empty() && !options.foreign_source());
     bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
     bool lasted =
         result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
-    if (compared)
+    if (result.raw.compared)
         verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
     const hdmi_linux::BypassStats& bypass = result.stage.bypass;
-    if (real)
+    bool took = bypass.frames > 0 && bypass.dropped == 0 && bypass.xruns == 0;
+    if (!result.options.playback.empty())
         verdicts->push_back(
-            {"the output took what was passed on", bypass.frames > 0 && bypass.dropped == 0 && bypass.xruns == 0});
+            {"the output took what was passed on", took && (result.raw.compared || passed_on_throughout(result))});
     verdicts->push_back({"nothing played beside them", result.stage.sound.frames == 0});
     verdicts->push_back({"no reset", result.resets == 0});
 }
@@ -63,10 +70,17 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
     verdicts->push_back({"no underrun after the first second", result.gaps == 0});
     if (!known)
         return;
-    if (!result.options.feed.empty())
-        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0});
     const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
     verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed()});
+}
+
+/// Of the devices at the far ends: their breaks look like the player's.
+void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
+{
+    if (!result.options.feed.empty())
+        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0});
+    if (!result.options.observe.empty())
+        verdicts->push_back({"the observer heard without a break", result.stage.sound.observer_breaks == 0});
 }
 
 } // namespace
@@ -78,6 +92,7 @@ std::vector<Verdict> judge(const Result& result)
         judge_raw(result, &verdicts);
     else
         judge_played(result, &verdicts);
+    judge_ends(result, &verdicts);
     verdicts.push_back({"no overrun", result.overruns == 0});
     bool real_arc = !result.options.cec.empty() && result.options.output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
     if (real_arc)
