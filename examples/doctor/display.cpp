@@ -3,6 +3,7 @@
 #include <xf86drm.h>
 #include <xf86drmMode.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +21,19 @@ struct Release {
     void operator()(drmModeCrtc* crtc) const { drmModeFreeCrtc(crtc); }
     void operator()(drmVersion* version) const { drmFreeVersion(version); }
 };
+
+using Controller = std::unique_ptr<drmModeCrtc, Release>;
+
+Controller look_at_controller(int fd, uint32_t id) { return Controller(drmModeGetCrtc(fd, id)); }
+
+bool is_lit(const Controller& controller) { return controller != nullptr && controller->mode_valid != 0; }
+
+// The display in use hangs there: a mode on the first controller would take it away from who has it.
+bool another_is_lit(int fd, const drmModeRes& resources)
+{
+    return std::any_of(resources.crtcs + 1, resources.crtcs + resources.count_crtcs,
+                       [fd](uint32_t id) { return is_lit(look_at_controller(fd, id)); });
+}
 
 constexpr timespec kLook = {0, 200000000};
 
@@ -61,17 +75,19 @@ Finding look_at_card(const std::string& path)
     const std::unique_ptr<drmModeRes, Release> resources(drmModeGetResources(device.fd()));
     if (resources == nullptr || resources->count_crtcs == 0)
         return {Verdict::missing, path, driver + ": draws, but has no display", "hdmi-player-play --display window"};
-    const std::unique_ptr<drmModeCrtc, Release> crtc(drmModeGetCrtc(device.fd(), resources->crtcs[0]));
-    if (crtc == nullptr || crtc->mode_valid == 0)
+    const Controller first = look_at_controller(device.fd(), resources->crtcs[0]);
+    if (!is_lit(first))
         return {Verdict::missing, path,
                 driver + ": its first controller is dark, and the player waits for that one's vertical blanks",
-                "hdmi-player-play --display kms:" + path + "   # sets a mode"};
+                another_is_lit(device.fd(), *resources)
+                    ? "hdmi-player-play --display window   # or none: the display in use hangs on another controller"
+                    : "hdmi-player-play --display kms:" + path + "   # sets a mode"};
     const double rate = blank_rate(device.fd());
     if (rate == 0)
         return {Verdict::missing, path, driver + ": no vertical blanks: " + strerror(errno),
                 "hdmi-player-play --display none   # its own clock instead"};
     char text[64];
-    snprintf(text, sizeof(text), ": %ux%u, %.2f vertical blanks a second", crtc->mode.hdisplay, crtc->mode.vdisplay,
+    snprintf(text, sizeof(text), ": %ux%u, %.2f vertical blanks a second", first->mode.hdisplay, first->mode.vdisplay,
              rate);
     return {Verdict::ok, path, driver + text + "; " + device.owner(), ""};
 }
