@@ -101,6 +101,14 @@ refuses 3 "${played[@]}" --observe alsa:narrow
 refuses 3 "${captured[@]}" --feed alsa:narrow
 echo 'speaker.frames = 3' >"$folder/wrong.conf"
 HDMIPLAYER_LINUX_CONFIG=$folder/wrong.conf refuses 2 "${played[@]}"
+# What is wrong with devices that are not in use is told, and the run goes on.
+printf 'headphone.frames = 3\nspdif = no_such_device\ncec = /dev/no_such_device\nspeaker.mixer = no_such_control\n' \
+    >"$folder/unused.conf"
+HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run unused --seconds 2 "${played[@]}"
+[ "$status" -le 1 ] && [ "$(grep -c 'warning: .*/unused.conf:' "$folder/unused.txt")" -eq 4 ] ||
+    { cat "$folder/unused.txt"; fail "faults of devices that are not in use: exit status $status"; }
+HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run used --seconds 2 "${played[@]}" --output headphone
+[ "$status" -eq 2 ] || { cat "$folder/used.txt"; fail "a fault of the device in use: exit status $status"; }
 refuses 2 --playback room
 refuses 2 --feed alsa:cable
 refuses 2 --observe alsa:room_end

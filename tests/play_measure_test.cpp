@@ -10,6 +10,7 @@
 
 #include "algorithm.h"
 #include "coded_programme.h"
+#include "config_faults.h"
 #include "correlate.h"
 #include "flip_gate.h"
 #include "measure.h"
@@ -724,6 +725,39 @@ TEST(FlipGate, BlanksOfADisplayThatStoodStillForHoursAreWrittenDownAtOnce)
     gate.vblank(0);
     gate.vblank(4'000'000 * second, int64_t{1} << 50);
     EXPECT_EQ(trace.vblanks.events().size(), 1 + 50u); // those of the last second
+}
+
+TEST(ConfigFaults, ConcernARunThatUsesTheDeviceAndEveryRunIfTheFileIsWrong)
+{
+    const ConfigUse speaker = {"speaker", false, false};
+    const ConfigUse captures = {"", true, true};
+    const struct {
+        std::string fault;
+        bool of_speaker;
+        bool of_captures;
+    } faults[] = {
+        {"/etc/linux.conf:3: speaker: 'hw:9' cannot be opened", true, false},
+        {"/etc/linux.conf:3: speaker.frames: unknown key", true, false},
+        {"/etc/linux.conf:3: speaker.mixer: 'hw:0' has no volume control 'Digital'", false, false},
+        {"/etc/linux.conf:3: speaker.mixer_card: 'hw:9' cannot be opened", false, false},
+        {"/etc/linux.conf:3: headphone: no value", false, false},
+        {"/etc/linux.conf:3: hdmi_in: 'hw:9' cannot be opened", false, true},
+        {"/etc/linux.conf:3: cec: '/dev/cec7' is not there: none", false, true},
+        {"/etc/linux.conf:3: mic01: 'hw:9' cannot be opened", false, false},
+        {"/etc/linux.conf:3: speeker: unknown key", true, true},
+        {"/etc/linux.conf:3: : no value", true, true},
+        {"/etc/linux.conf:3: start_periods: '9' is not a number from 1 to 7", true, true},
+        {"/etc/linux.conf: cannot be read: Permission denied", true, true},
+        {"HDMIPLAYER_ALSA_SPEAKER: 'hw:9' cannot be opened", true, false},
+        {"HDMIPLAYER_ALSA_HDMI_IN: 'hw:9' cannot be opened", false, true},
+        {"HDMIPLAYER_CEC_DEVICE: '/dev/cec7' is not there", false, true},
+    };
+    for (const auto& [fault, of_speaker, of_captures] : faults) {
+        EXPECT_EQ(concerns(fault, speaker), of_speaker) << fault;
+        EXPECT_EQ(concerns(fault, captures), of_captures) << fault;
+    }
+    // A name that cannot be told from a fault is one.
+    EXPECT_TRUE(concerns("/etc/a: b/linux.conf:3: headphone: no value", speaker));
 }
 
 TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)

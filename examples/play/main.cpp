@@ -427,7 +427,7 @@ int main_with(const Options& options)
         return fail(options.wav_path.empty() ? not_permitted : bad_input, error);
     if (!prepare_process(options, &error))
         return fail(not_permitted, error);
-    if (!machine_is_configured(&error))
+    if (!machine_is_configured(Stage::config_use(options), &error))
         return fail(bad_input, error);
     std::unique_ptr<Display> display = open_display(options, &error);
     if (!display)

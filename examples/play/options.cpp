@@ -45,8 +45,10 @@ const char* const footer =
     "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves; on\n"
     "real devices --observe compares them, from the first whole burst on.\n\n"
     "Exit status: 0 inside the limits; 1 outside, or what was recorded cannot be kept; 2 wrong usage, unreadable\n"
-    "FILE, a fault in the configuration of real devices, or a report or recording that cannot be written where it was\n"
-    "asked for; 3 the machine does not permit it, has no such device, or none that starts. With 2 and 3 nothing was\n"
+    "FILE, a fault in the configuration of the real devices in use, or a report or recording that cannot be written "
+    "where\n"
+    "it was asked for; 3 the machine does not permit it, has no such device, or none that starts. With 2 and 3 nothing "
+    "was\n"
     "played.\n";
 
 constexpr double default_programme_seconds = 20;

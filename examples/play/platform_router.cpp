@@ -5,7 +5,9 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
+#include <sstream>
 
 #include "hdmi_cec.h"
 
@@ -202,14 +204,22 @@ bool set_routes(const Routes& routes, std::string* error)
     return false;
 }
 
-bool machine_is_configured(std::string* error)
+bool machine_is_configured(const ConfigUse& use, std::string* error)
 {
     const Router& r = router();
-    if (!r.routes.any() || r.machine.check_config(error))
+    std::string faults;
+    if (!r.routes.any() || r.machine.check_config(&faults))
         return true;
-    // One line for each fault.
-    error->erase(error->find_last_not_of('\n') + 1);
-    return false;
+    std::string in_the_way;
+    std::istringstream lines(faults);
+    for (std::string fault; std::getline(lines, fault);)
+        if (concerns(fault, use))
+            in_the_way += (in_the_way.empty() ? "" : "\n") + fault;
+        else
+            std::fprintf(stderr, "hdmi-player-play: warning: %s\n", fault.c_str());
+    if (!in_the_way.empty())
+        *error = in_the_way;
+    return in_the_way.empty();
 }
 
 hdmi_linux::DeviceStats real_playback_stats()

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "aio_device.h"
+#include "config_faults.h"
 #include "hdmi_linux.h"
 #include "trace.h"
 
@@ -32,9 +33,10 @@ struct Routes {
  */
 bool set_routes(const Routes& routes, std::string* error);
 
-/// Whether the configuration of real devices is as it should be; true without them. After set_routes().
-/// @return false with a line in @p error for each fault
-bool machine_is_configured(std::string* error);
+/// Whether @p use can be made of the configuration of real devices; true without them. Warns of all other faults. After
+/// set_routes().
+/// @return false with a line in @p error for each fault in the way
+bool machine_is_configured(const ConfigUse& use, std::string* error);
 
 /// Of devices that are not simulated; empty without them.
 hdmi_linux::DeviceStats real_playback_stats();

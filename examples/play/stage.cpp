@@ -20,26 +20,26 @@ namespace
 
 constexpr useconds_t look_again_us = 10'000;
 
-/// The variable by which the Linux platform learns of an output's device.
-const char* variable_of(hdmi_player_ao_dev_e output)
+/// The Linux platform's key for an output.
+const char* key_of(hdmi_player_ao_dev_e output)
 {
     switch (output) {
-    case E_HDMI_PLAYER_AO_DEV_HEADPHONE: return "HDMIPLAYER_ALSA_HEADPHONE";
-    case E_HDMI_PLAYER_AO_DEV_SPDIF: return "HDMIPLAYER_ALSA_SPDIF";
-    case E_HDMI_PLAYER_AO_DEV_HDMI_ARC: return "HDMIPLAYER_ALSA_HDMI_ARC";
-    case E_HDMI_PLAYER_AO_DEV_I2S_TXA: return "HDMIPLAYER_ALSA_I2S_TXA";
-    default: return "HDMIPLAYER_ALSA_SPEAKER";
+    case E_HDMI_PLAYER_AO_DEV_HEADPHONE: return "headphone";
+    case E_HDMI_PLAYER_AO_DEV_SPDIF: return "spdif";
+    case E_HDMI_PLAYER_AO_DEV_HDMI_ARC: return "hdmi_arc";
+    case E_HDMI_PLAYER_AO_DEV_I2S_TXA: return "i2s_txa";
+    default: return "speaker";
     }
 }
 
 void name_devices(const Options& options)
 {
     if (!options.capture.empty())
-        setenv("HDMIPLAYER_ALSA_HDMI_IN", options.capture.c_str(), 1);
+        setenv(variable_of("hdmi_in").c_str(), options.capture.c_str(), 1);
     if (!options.playback.empty())
-        setenv(variable_of(options.output), options.playback.c_str(), 1);
+        setenv(variable_of(key_of(options.output)).c_str(), options.playback.c_str(), 1);
     if (!options.cec.empty())
-        setenv("HDMIPLAYER_CEC_DEVICE", options.cec.c_str(), 1);
+        setenv(variable_of("cec").c_str(), options.cec.c_str(), 1);
 }
 
 bool devices_are_there(const Options& options, std::string* error)
@@ -75,6 +75,11 @@ bool Stage::prepare(const Options& options, std::string* error)
     if (!options.capture.empty() && Announcer::driver_announces())
         return true;
     return hdmi_sim::enter_private_namespaces(error);
+}
+
+ConfigUse Stage::config_use(const Options& options)
+{
+    return {options.playback.empty() ? "" : key_of(options.output), !options.capture.empty(), !options.cec.empty()};
 }
 
 Stage::Stage(const Options& options, const Source* source, const std::string& wav_path)

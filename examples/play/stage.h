@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "config_faults.h"
 #include "disturbances.h"
 #include "hdmi_linux.h"
 #include "options.h"
@@ -44,6 +45,9 @@ public:
     /// Loads what real devices need, and checks that they are there. Otherwise, private namespaces for the receiver's
     /// announcements. Call while the process has one thread.
     static bool prepare(const Options& options, std::string* error);
+
+    /// What it uses of the machine's configuration.
+    static ConfigUse config_use(const Options& options);
 
     /// @p source outlives the stage.
     Stage(const Options& options, const Source* source, const std::string& wav_path);
