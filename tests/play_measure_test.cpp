@@ -4,6 +4,7 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <string>
@@ -267,12 +268,14 @@ public:
     int64_t coded_end() const override { return m_coded.coded_end() + m_frames / link_frames_per_sample(coding()); }
     void link(int64_t first, int16_t* words, int frames) const override
     {
-        for (int i = 0; i < frames; i++, words += 2) {
-            int64_t frame = first + i;
+        for (int done = 0, next = 0; done < frames; done = next) {
+            int64_t frame = first + done;
+            int64_t end = frame < m_at ? m_at : frame < m_at + m_frames ? m_at + m_frames : first + frames;
+            next = static_cast<int>(std::min(end, first + frames) - first);
             if (frame >= m_at && frame < m_at + m_frames)
-                words[0] = words[1] = 0;
+                std::fill(words + 2 * done, words + 2 * next, int16_t{0});
             else
-                m_coded.link(frame < m_at ? frame : frame - m_frames, words, 1);
+                m_coded.link(frame < m_at ? frame : frame - m_frames, words + 2 * done, next - done);
         }
         reads++;
     }
