@@ -259,6 +259,16 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
         answered->hear(kAddressReport);
         EXPECT_EQ("05:c3", answered->said()) << "that message was answered already";
     }
+    // It told its address before it was asked: that question is not sent any more.
+    for (const auto& [message, answer, state] :
+         {std::tuple("50:c0", "05:c1", State::active), std::tuple("50:c5", "05:c2", State::terminated)}) {
+        Bus unasked = at(kAttached);
+        unasked.arc.open(unasked.now);
+        unasked.hear(message);
+        unasked.hear(kAddressReport);
+        EXPECT_EQ(answer, unasked.said());
+        EXPECT_EQ(state, unasked.arc.state());
+    }
     // The bus is busy with answers to others when the report comes.
     Bus flooded = at(kAsking);
     flooded.hear("50:c0");

@@ -132,12 +132,13 @@ void Capture::install(Pcm pcm, const PcmRequest& request)
 int Capture::close()
 {
     // First, and without waiting for anything: whoever is blocked in a read comes back.
+    uint64_t closing = 0;
     {
         mutex_guard guard(mutex_);
         if (state_ == State::closed)
             return 0;
         state_ = State::closed;
-        const uint64_t closing = ++opening_;
+        closing = ++opening_;
         opener_.abandon();
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
@@ -146,6 +147,11 @@ int Capture::close()
             pcm_.close();
     }
     mutex_guard control(control_);
+    {
+        mutex_guard guard(mutex_);
+        if (opening_ != closing)
+            return 0;
+    }
     end_forwarding();
     return 0;
 }

@@ -353,11 +353,10 @@ void TvSide::address_reported(uint16_t address, int64_t now)
     if (deferred_) {
         const Opcode opcode = *deferred_;
         deferred_.reset();
-        const size_t waiting = outbox_.size();
+        // With too much to say already it is not answered.
+        const bool room = outbox_.size() < kOutboxMax;
         arc_message(kAudioSystem, opcode, 2, now);
-        // Not with too much to say already.
-        const bool answered = outbox_.size() != waiting;
-        if (answered && adjacent(own_address_, address))
+        if (room && adjacent(own_address_, address))
             return;
     }
     if (phase_ == Phase::asking_address)

@@ -328,6 +328,7 @@ int CecLink::choose_and_open(std::string* refused)
 // has, which holds its lock, is none. After an unplug, one without a cable only if it is the same.
 int CecLink::choose_adapter(std::string* refused)
 {
+    refused->clear();
     int error = ENODEV;
     Fitness best = Fitness::unfit;
     std::vector<std::string> candidates(1, device_);
