@@ -325,6 +325,28 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
         evaluate_trace(*trace, source, clock, screen, judged, result);
 }
 
+/// What each has counted, after all have ended.
+void gather(const Host& host, const Source& source, const Display& display, const Stage& stage, Result* result)
+{
+    result->video_queue_size = host.video_queue_size();
+    result->frames = host.frames();
+    result->audio = host.audio();
+    result->resets = host.resets();
+    result->coding = source.coding();
+    result->unsupported = host.unsupported();
+    result->opened_ns = host.opened_ns();
+    result->fps = source.fps().value();
+    result->starved = source.starved();
+    result->stage = stage.stats();
+    result->display = display.description();
+    result->display_hz = display.refresh_hz();
+    result->paced = display.paced();
+    result->display_stats = display.stats();
+    hdmi_sim::VblankWaits waits = hdmi_sim::vblank_waits();
+    result->vblank_waits = waits.waits;
+    result->vblank_missed = waits.missed;
+}
+
 /// Plays the source to its end. @return inside, or with one line in @p error what became of it
 ExitStatus run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
 {
@@ -370,23 +392,7 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
         return outside;
     if (result->options.raw)
         result->raw = stage.check_raw(sound.heard);
-    result->video_queue_size = host->video_queue_size();
-    result->frames = host->frames();
-    result->audio = host->audio();
-    result->resets = host->resets();
-    result->coding = source->coding();
-    result->unsupported = host->unsupported();
-    result->opened_ns = host->opened_ns();
-    result->fps = source->fps().value();
-    result->starved = source->starved();
-    result->stage = stage.stats();
-    result->display = display->description();
-    result->display_hz = display->refresh_hz();
-    result->paced = display->paced();
-    result->display_stats = display->stats();
-    hdmi_sim::VblankWaits waits = hdmi_sim::vblank_waits();
-    result->vblank_waits = waits.waits;
-    result->vblank_missed = waits.missed;
+    gather(*host, *source, *display, stage, result);
     evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
     return inside;
 }
