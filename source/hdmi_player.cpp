@@ -36,8 +36,8 @@ constexpr int32_t kVolumeUnset = -1;
 struct hdmi_player_resource_t {
     std::atomic<bool> opened{false}; ///< written under api_rwlock
     hdmi_player_event_cb_t event_cb GUARDED_BY(api_rwlock) = nullptr;
-    mutex_t aio_changed_mutex;                       ///< one run of the change handler at a time
-    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: only around changes of the fields above
+    mutex_t aio_changed_mutex; ///< one run of the change handler at a time
+    rwlock_t api_rwlock;       ///< write: only around changes of the fields above
 };
 
 hdmi_player_resource_t g_player_res;

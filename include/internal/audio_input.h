@@ -56,11 +56,11 @@ typedef struct audio_input_info_s {
     int64_t read_frames = 0;  ///< since the last A/V sync reset; read thread only
     int32_t acquire_size = 0; ///< bytes of every read; negative ends the read thread, its only user
     pthread_attr_t attr = {};
-    int32_t iec61937_queue = -1;                     ///< "IEC61937"; -1: none
-    int32_t frame_serial = 0;                        ///< read thread only
-    bool stream_broken = false;                      ///< chunks were lost since the last one queued; read thread only
-    mutex_t internal_mutex;                          ///< serialises the setters
-    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: init and the end of deinit; read: everything else
+    int32_t iec61937_queue = -1; ///< "IEC61937"; -1: none
+    int32_t frame_serial = 0;    ///< read thread only
+    bool stream_broken = false;  ///< chunks were lost since the last one queued; read thread only
+    mutex_t internal_mutex;      ///< serialises the setters
+    rwlock_t api_rwlock;         ///< write: init and the end of deinit; read: everything else
     void (*changed_cb)(bool changed, bool* restarted) = nullptr;                     ///< constant after init
     std::atomic<audio_in_bypass_mode_e> in_bypass_mode{E_AUDIO_IN_BYPASS_MODE_NONE}; ///< into audio_cfg at a reopen
     mutex_t device_mutex; ///< open and close of the device; not held during reads, which a close ends

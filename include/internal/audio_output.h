@@ -64,7 +64,7 @@ typedef struct audio_output_info_s {
     int32_t waiting GUARDED_BY(mutex); ///< callers that wait for the write to end; they go before the next one
     pthread_cond_t device_cond;        ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
     pthread_attr_t attr;
-    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: init and the end of deinit; read: everything else
+    rwlock_t api_rwlock; ///< write: init and the end of deinit; read: everything else
     mutex_t fixed_delay_mutex;
     pthread_cond_t fixed_delay_cond; ///< abort_request was set; on CLOCK_MONOTONIC
     audio_output_update_avsync_clock_cb_t update_avsync_clock_cb;

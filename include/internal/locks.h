@@ -9,6 +9,10 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <atomic>
+
+#include "internal/common.h"
+
 #if defined(__clang__)
 #define THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -36,19 +40,22 @@ struct CAPABILITY("mutex") mutex_t {
 };
 
 /**
- * A reader-writer lock that prefers readers: a thread that holds it for reading
- * may take it for reading again while a writer waits. Where that happens it is
- * needed: a render holds the video module's lock when it raises an event, and
- * the host may call back in.
+ * The lock of a module's life: calls into the module hold it for reading, init
+ * and deinit for writing.
+ *
+ * It prefers readers, because reads nest: a render holds the video module's lock
+ * when it raises an event, and the host may call back in from there.
+ *
+ * Such a lock lets callers in a loop starve a writer: their reads overlap, and
+ * the lock is never free. One rule prevents that in every module: while a writer
+ * holds the lock or waits for it, entry_guard refuses new calls before they touch
+ * the lock. The writer then waits only for the calls in progress.
  */
 struct CAPABILITY("rwlock") rwlock_t {
     static_assert(static_cast<int>(PTHREAD_RWLOCK_DEFAULT_NP) == static_cast<int>(PTHREAD_RWLOCK_PREFER_READER_NP),
                   "the static initialiser must prefer readers: they nest");
     pthread_rwlock_t native = PTHREAD_RWLOCK_INITIALIZER;
-
-    /// For locks whose readers never nest: a waiting writer goes before new readers. Host threads that call
-    /// in a loop, failing at once, would otherwise overlap each other's reads and hold up a close for ever.
-    static constexpr rwlock_t writers_first() { return {PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP}; }
+    std::atomic<int> writers{0}; ///< write_guards that hold the lock or wait for it
 };
 
 /// Initialises @p cond for deadlines on CLOCK_MONOTONIC, which setting the wall clock back does not put off.
@@ -133,26 +140,96 @@ private:
     bool held_ = false;
 };
 
-/// Holds a reader-writer lock for writing for a scope; may be released early.
+/// Holds a reader-writer lock for writing for a scope; may be released early. Entry guards refuse calls meanwhile.
 class SCOPED_CAPABILITY write_guard
 {
 public:
-    explicit write_guard(rwlock_t& lock) ACQUIRE(lock) : lock_(&lock) { pthread_rwlock_wrlock(&lock_->native); }
+    explicit write_guard(rwlock_t& lock) ACQUIRE(lock) : lock_(&lock)
+    {
+        ++lock_->writers;
+        pthread_rwlock_wrlock(&lock_->native);
+    }
     ~write_guard() RELEASE()
     {
         if (held_)
-            pthread_rwlock_unlock(&lock_->native);
+            unlock_native();
     }
     write_guard(const write_guard&) = delete;
     write_guard& operator=(const write_guard&) = delete;
 
-    void unlock() RELEASE()
+    void unlock() RELEASE() { unlock_native(); }
+
+private:
+    void unlock_native()
     {
         held_ = false;
         pthread_rwlock_unlock(&lock_->native);
+        --lock_->writers;
     }
 
-private:
     rwlock_t* lock_;
     bool held_ = true;
+};
+
+/**
+ * The check at the door of every entry point of a module: holds the module's
+ * lock for reading for a scope if the module is open. Otherwise the guard is
+ * empty, and @p message was logged in the name of the caller:
+ *
+ *     const entry_guard api(g_info.api_rwlock, is_open);
+ *     if (!api)
+ *         return -1;
+ *
+ * A call that arrives while init or deinit waits for the lock is refused as on a
+ * closed module, without touching the lock. May be released and taken again
+ * inside the scope, which repeats the check. The thread-safety analysis takes the
+ * lock for held either way: test the guard first.
+ */
+class SCOPED_CAPABILITY entry_guard
+{
+public:
+    /// @p is_open is called with the lock held.
+    entry_guard(rwlock_t& lock, bool (*is_open)(), loglevel_e level = LOG_LEVEL_W,
+                const char* message = "module not initialized", const char* function = __builtin_FUNCTION(),
+                int line = __builtin_LINE()) ACQUIRE_SHARED(lock)
+        : lock_(&lock), is_open_(is_open), level_(level), message_(message), function_(function), line_(line)
+    {
+        lock_native();
+    }
+    ~entry_guard() RELEASE() { unlock_native(); }
+    entry_guard(const entry_guard&) = delete;
+    entry_guard& operator=(const entry_guard&) = delete;
+
+    explicit operator bool() const { return held_; }
+
+    void unlock() RELEASE() { unlock_native(); }
+    void lock() ACQUIRE_SHARED() { lock_native(); }
+
+private:
+    void lock_native()
+    {
+        if (lock_->writers == 0) {
+            pthread_rwlock_rdlock(&lock_->native);
+            held_ = true;
+            if (is_open_())
+                return;
+            unlock_native();
+        }
+        if (log_enabled(level_))
+            console_print(level_, "[%s %d] %s\n", function_, line_, message_);
+    }
+    void unlock_native()
+    {
+        if (held_)
+            pthread_rwlock_unlock(&lock_->native);
+        held_ = false;
+    }
+
+    rwlock_t* const lock_;
+    bool (*const is_open_)();
+    const loglevel_e level_;
+    const char* const message_;
+    const char* const function_;
+    const int line_;
+    bool held_ = false;
 };

@@ -53,7 +53,7 @@ typedef struct resample_context_s {
     int64_t dummy_alg_delay_start_time_us GUARDED_BY(internal_mutex) = 0; ///< 0: no interval begun
     mutex_t internal_mutex;    ///< guards the dummy delay; it and the next one live as long as the process
     pthread_cond_t abort_cond; ///< abort_request was set; on CLOCK_MONOTONIC
-    rwlock_t api_rwlock = rwlock_t::writers_first(); ///< write: init and the end of deinit; read: everything else
+    rwlock_t api_rwlock;       ///< write: init and the end of deinit; read: everything else
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
 } resample_context_t;
