@@ -3,6 +3,8 @@
 # To be sourced.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# depmod and modprobe are in /usr/sbin, which an ordinary account does not have on its PATH.
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 
 build_packages=(
     g++ cmake ninja-build pkg-config
@@ -19,8 +21,10 @@ test_packages=(
     xvfb                                                                # a desktop for its window
 )
 
+# is_installed PACKAGE: for this machine's architecture. dpkg knows a package once per architecture.
 is_installed() {
-    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+    dpkg-query -W -f '${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
+        grep -qxE "($(dpkg --print-architecture)|all) installed"
 }
 
 # ensure_packages PACKAGE...: installs those that are missing, and says which.
@@ -43,9 +47,11 @@ ensure_packages() {
         as_root=(sudo)
     fi
     {
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update &&
-            "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
-                "${missing[@]}"
+        # One source that does not answer is enough for update to fail; the packages may come from the others.
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update ||
+            echo "apt-get update failed: installing from the package lists that are here"
+        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
+            "${missing[@]}"
     } >&2 </dev/null
 }
 
