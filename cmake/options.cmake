@@ -11,7 +11,7 @@ endif()
 option(HDMIPLAYER_SIM "Build the simulated platform" ${own_platform})
 option(HDMIPLAYER_LINUX "Build the Linux platform: ALSA, libavcodec, the kernel's CEC (needs alsa-lib, libavcodec)"
        ${own_platform})
-option(HDMIPLAYER_EXAMPLES "Build the examples (need the simulated platform)" ${HDMIPLAYER_SIM})
+option(HDMIPLAYER_TOOLS "Build the tools (need the simulated platform)" ${HDMIPLAYER_SIM})
 option(HDMIPLAYER_TESTS "Build the tests (need the simulated platform; with a vendor's: its contract)"
        ${HDMIPLAYER_SIM})
 option(HDMIPLAYER_BENCH "Build the benchmarks (need the tests)" OFF)
@@ -26,7 +26,7 @@ function(need option what)
   endif()
 endfunction()
 
-need(HDMIPLAYER_EXAMPLES "the simulated platform (HDMIPLAYER_SIM=ON)" HDMIPLAYER_SIM)
+need(HDMIPLAYER_TOOLS "the simulated platform (HDMIPLAYER_SIM=ON)" HDMIPLAYER_SIM)
 need(HDMIPLAYER_TESTS "the simulated platform (HDMIPLAYER_SIM=ON) or a vendor's (HDMIPLAYER_PLATFORM_ROOT)"
      HDMIPLAYER_SIM OR HDMIPLAYER_PLATFORM_ROOT)
 foreach(option HDMIPLAYER_BENCH HDMIPLAYER_FUZZ)
@@ -41,4 +41,4 @@ foreach(file include/aio_device.h include/adecoder.h include/hdmi_cec.h lib)
 endforeach()
 
 message(STATUS "Simulated platform ${HDMIPLAYER_SIM}, Linux platform ${HDMIPLAYER_LINUX}, "
-               "examples ${HDMIPLAYER_EXAMPLES}, tests ${HDMIPLAYER_TESTS}, warnings are errors ${HDMIPLAYER_WERROR}")
+               "tools ${HDMIPLAYER_TOOLS}, tests ${HDMIPLAYER_TESTS}, warnings are errors ${HDMIPLAYER_WERROR}")

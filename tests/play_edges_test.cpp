@@ -9,10 +9,10 @@
 #include <random>
 
 #include "allocations.h"
-#include "clock_track.h"
-#include "disturbances.h"
-#include "signal_watch.h"
-#include "sound_file.h"
+#include "signal/clock_track.h"
+#include "edges/disturbances.h"
+#include "edges/signal_watch.h"
+#include "signal/sound_file.h"
 
 using namespace play;
 

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <vector>
 
-#include "alsa_feed.h"
+#include "edges/alsa_feed.h"
 #include "eventually.h"
 
 using namespace play;

@@ -9,20 +9,20 @@
 #include <functional>
 #include <string>
 
-#include "algorithm.h"
-#include "coded_programme.h"
-#include "config_faults.h"
-#include "correlate.h"
-#include "flip_gate.h"
-#include "measure.h"
-#include "onset.h"
-#include "picture.h"
-#include "programme.h"
-#include "rate_conversion.h"
-#include "raw_check.h"
-#include "recording.h"
-#include "screen.h"
-#include "verdict.h"
+#include "host/algorithm.h"
+#include "source/coded_programme.h"
+#include "config/config_faults.h"
+#include "signal/correlate.h"
+#include "host/flip_gate.h"
+#include "measure/measure.h"
+#include "signal/onset.h"
+#include "source/picture.h"
+#include "source/programme.h"
+#include "signal/rate_conversion.h"
+#include "measure/raw_check.h"
+#include "signal/recording.h"
+#include "display/screen.h"
+#include "report/verdict.h"
 
 using namespace play;
 

@@ -9,13 +9,13 @@
 #include <set>
 #include <thread>
 
-#include "chart.h"
-#include "markup.h"
-#include "page.h"
-#include "report.h"
-#include "timeline.h"
-#include "trace.h"
-#include "trace_view.h"
+#include "report/chart.h"
+#include "report/markup.h"
+#include "report/page.h"
+#include "report/report.h"
+#include "report/timeline.h"
+#include "host/trace.h"
+#include "report/trace_view.h"
 
 using namespace play;
 using nlohmann::json;

@@ -2,7 +2,7 @@
 /*
  * The smallest host: opens the player, passes the sound through, hands in a
  * frame every sixtieth of a second, closes. It leaves out what a real host
- * adds: a picture, a display, processing of the sound. examples/play shows
+ * adds: a picture, a display, processing of the sound. tools/play shows
  * those, and how to measure them.
  */
 #include <hdmi_player.h>

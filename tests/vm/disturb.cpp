@@ -28,10 +28,10 @@
 #include <thread>
 #include <vector>
 
-#include "display.h"
+#include "display/display.h"
 #include "hdmi_linux.h"
 #include "hdmi_sim.h"
-#include "host.h"
+#include "host/host.h"
 #include "realtime.h"
 
 namespace

@@ -7,7 +7,7 @@ source "$PROJECT/tests/vm/lib.sh"
 said=$OUT/doctor.txt
 says() { grep -xE " *ok +$1" "$said" || { cat "$said"; return 1; }; }
 
-check "simulated play is possible" bash -c '"$BUILD/examples/doctor/hdmi-player-doctor" >"$1"' sh "$said"
+check "simulated play is possible" bash -c '"$BUILD/tools/doctor/hdmi-player-doctor" >"$1"' sh "$said"
 check "a device to capture from" says 'capture +hw:CARD=Cable,DEV=1 .*'
 check "a device to play to" says 'playback +hw:CARD=Speaker,DEV=0 .*'
 check "a display, and its vertical blanks" says "$(card_of vkms) +vkms: [0-9]+x[0-9]+, (59|60)\.[0-9]+ vertical blanks.*"

@@ -7,7 +7,7 @@ source "$PROJECT/tests/vm/lib.sh"
 
 card=$(card_of vkms)
 connector=$(echo /sys/class/drm/"$(basename "$card")"-Virtual-*)
-play="$BUILD/examples/play/hdmi-player-play --display kms:$card --display-latency 76"
+play="$BUILD/tools/play/hdmi-player-play --display kms:$card --display-latency 76"
 
 # figure REPORT KEY: a number of it, by its name.
 figure() { sed -n "s/^ *\"$2\": \([-0-9.e]*\),\{0,1\}\$/\1/p" "$OUT/$1.json" | head -n 1; }
@@ -38,7 +38,7 @@ play_well() {
 judge_pace() {
     local what="$1: pictures unseen or held beyond the rates"
     if ! paced "$2"; then
-        "$BUILD/examples/play/hdmi-player-play" --seconds 8 --report "$OUT/kms-control.json" >"$OUT/kms-control.log" 2>&1
+        "$BUILD/tools/play/hdmi-player-play" --seconds 8 --report "$OUT/kms-control.json" >"$OUT/kms-control.log" 2>&1
         if ! paced kms-control; then
             verdict SKIPPED "$what" "the host is too busy: so are $(figure kms-control excess) of a simulated display's"
             return

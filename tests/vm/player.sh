@@ -17,7 +17,7 @@ start_audio_system() {
 }
 
 play() {
-    "$BUILD/examples/play/hdmi-player-play" --seconds "$1" --rate 44100 --fps 59.94 \
+    "$BUILD/tools/play/hdmi-player-play" --seconds "$1" --rate 44100 --fps 59.94 \
         --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 \
         --output arc --cec /dev/cec0 --display kms --display-latency 76 --report "$OUT/player.json" --html "$OUT/player.html" \
         >"$OUT/player.log" 2>&1

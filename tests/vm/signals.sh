@@ -10,7 +10,7 @@ attempts=2 # what else runs on the host takes time from this machine
 receiver=/sys/class/extcon/hdmirx_aud/state
 
 play() {
-    "$BUILD/examples/play/hdmi-player-play" --seconds $seconds --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 \
+    "$BUILD/tools/play/hdmi-player-play" --seconds $seconds --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 \
         --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 --report "$OUT/signals.json" "$@"
 }
 # plays STATE LIMIT OPTION...: within its limits, LIMIT among them.

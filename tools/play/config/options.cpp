@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: MIT
+#include "config/options.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+
+namespace play
+{
+namespace
+{
+
+const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
+    {"speaker", E_HDMI_PLAYER_AO_DEV_SPEAKER}, {"headphone", E_HDMI_PLAYER_AO_DEV_HEADPHONE},
+    {"spdif", E_HDMI_PLAYER_AO_DEV_SPDIF},     {"arc", E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
+    {"i2s", E_HDMI_PLAYER_AO_DEV_I2S_TXA},
+};
+
+const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
+
+const std::map<std::string, DisplayKind> displays = {
+    {"sim", DisplayKind::sim}, {"none", DisplayKind::none}, {"kms", DisplayKind::kms}, {"window", DisplayKind::window}};
+
+const char* const footer =
+    "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
+    "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
+    "Each of these edges can be a real device instead. With --capture alsa:NAME the player captures from that device;\n"
+    "--feed alsa:NAME names the device at its other end (of a loopback, or of a cable), into which the source is "
+    "sent.\n"
+    "Without --feed the source is not known, and sound is not measured against picture. With --playback alsa:NAME the\n"
+    "player plays to that device; --observe alsa:NAME names one that hears it. Without --observe, the device's own "
+    "word\n"
+    "of its delay says when sound is heard. Names are ALSA's: hw:1,0,0, pulse, ...\n\n"
+    "Compressed sound: a sample was sent when its burst began to pass, plus its place in the burst's sound. The "
+    "player\n"
+    "must reset once, when the first picture meets captured sound, and twice at most if --chunk-phase makes the "
+    "capture\n"
+    "begin inside of a burst: it takes the zeros at the burst's end for silence, and the first burst after a silence\n"
+    "resets it again. Nothing but bursts is sent. The output must be a decode of them, bit for bit at 48 kHz, from "
+    "256\n"
+    "samples after its first whole burst on. With --raw, what arrives at the output must be the bursts themselves; on\n"
+    "real devices --observe compares them, from the first whole burst on.\n\n"
+    "Exit status: 0 inside the limits; 1 outside, or what was recorded cannot be kept; 2 wrong usage, unreadable\n"
+    "FILE, a fault in the configuration of the real devices in use, or a report or recording that cannot be written "
+    "where\n"
+    "it was asked for; 3 the machine does not permit it, has no such device, or none that starts. With 2 and 3 nothing "
+    "was\n"
+    "played.\n";
+
+constexpr double default_programme_seconds = 20;
+/// Six hours: a WAV file holds 4 GB.
+constexpr double longest_seconds = 21600;
+
+/// CLI::Range takes what is not a number for inside.
+CLI::Validator in_range(double least, double most)
+{
+    CLI::Range range(least, most);
+    return CLI::Validator(
+        [range](std::string& text) {
+            return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number" : range(text);
+        },
+        range.get_description());
+}
+
+struct Texts {
+    std::string fps = "60";
+    std::string display_rate;
+    std::string display = "sim";
+    std::string output = "speaker";
+    std::string coding;
+    std::string chunk_phase;
+    std::string capture = "sim";
+    std::string playback = "sim";
+    std::string cec = "sim";
+    std::string feed;
+    std::string observe;
+};
+
+void describe(CLI::App* app, Options* options, Texts* texts)
+{
+    auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream")
+                     ->check([](const std::string& name) { return std::string(name.empty() ? "no name" : ""); });
+    app->add_option("--rate", options->source_rate, "Audio sample rate of the source: 32000, 44100 or 48000 Hz")
+        ->check(CLI::IsMember({32000, 44100, 48000}));
+    app->add_option("--bitstream", texts->coding,
+                    "Send the sound compressed: ac3, eac3; pcm: send FILE's decoded (default: AC-3 and E-AC-3 of\n"
+                    "FILE as they are, unless --rate names another rate)")
+        ->check(CLI::IsMember({"ac3", "eac3", "pcm"}));
+    app->add_option("--chunk-phase", texts->chunk_phase,
+                    "The first capture begins that many bytes (a multiple of 4) before a burst, or random");
+    app->add_flag("--raw", options->raw, "Pass the bursts on as they are; with --output spdif or arc");
+    app->add_option("--fps", texts->fps, "Frames per second of the programme; 59.94 means 60000/1001")
+        ->capture_default_str()
+        ->excludes(file);
+    app->add_option("--display-rate", texts->display_rate,
+                    "Vertical blanks per second: default 60; for kms that of the display's preferred mode,\n"
+                    "for window the desktop's");
+    app->add_option("--display", texts->display,
+                    "Display: sim; none (no vertical blanks to pace on); kms or kms:/dev/dri/cardN (DRM/KMS: takes\n"
+                    "the whole screen, on a console that no desktop uses); window (of a desktop)")
+        ->capture_default_str();
+    app->add_option("--capture", texts->capture, "The player captures from: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--feed", texts->feed, "Send the source into alsa:NAME, the other end of --capture");
+    app->add_option("--playback", texts->playback, "The player plays to: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--observe", texts->observe, "Hear the sound at alsa:NAME, the other end of --playback");
+    app->add_option("--cec", texts->cec, "CEC adapter: sim, or a device file like /dev/cec0")->capture_default_str();
+    app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
+        ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
+        ->capture_default_str();
+    app->add_option("--algorithm-delay", options->algorithm_delay_ms, "Delay of the host's audio processing in ms")
+        ->check(CLI::Range(0, 1000))
+        ->capture_default_str();
+    app->add_option("--video-start", options->video_start_ms, "First picture that many ms after open")
+        ->check(CLI::Range(0, 10000))
+        ->capture_default_str();
+    app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
+        ->check(in_range(2, longest_seconds));
+    app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
+        ->check(in_range(0, 100))
+        ->capture_default_str();
+    app->add_option("--receiver-ppm", options->receiver_ppm, "Clock error of the source")
+        ->check(in_range(-1000, 1000))
+        ->capture_default_str();
+    app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
+        ->check(in_range(-1000, 1000))
+        ->capture_default_str();
+    app->add_flag("--page-flips", options->page_flips, "kms: flip as with a driver that has no atomic flips");
+    app->add_option("--display-latency", options->display_latency,
+                    "From the vertical blank to light, in ms: what your panel needs, which is not measured. Default\n"
+                    "0 for kms and window, 76 for sim and none, the delay of the panels that the player allows for")
+        ->check(CLI::Range(0, 1000));
+    app->add_option("--report", options->report_path, "Also write the report there, as JSON");
+    auto* html = app->add_option("--html", options->html_path, "Also write the report there as a page to look at");
+    app->add_option("--html-at", options->html_at, "Second of the source at which the page's timeline begins")
+        ->check(in_range(0, longest_seconds))
+        ->needs(html);
+    app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
+    app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
+    app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
+    app->footer(footer);
+}
+
+std::string take_coding(const Texts& texts, Options* options)
+{
+    if (!texts.coding.empty())
+        options->coding = codings.at(texts.coding);
+    if (!options->file.empty() && options->coding.value_or(Coding::pcm) != Coding::pcm)
+        return "--bitstream: FILE is sent as it is or as pcm";
+    bool programme = options->file.empty();
+    bool pcm = options->coding.value_or(programme ? Coding::pcm : Coding::ac3) == Coding::pcm;
+    bool digital = options->output == E_HDMI_PLAYER_AO_DEV_SPDIF || options->output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+    if (options->raw && !digital)
+        return "--raw needs --output spdif or arc";
+    if (options->raw && pcm && !options->foreign_source())
+        return "--raw needs compressed sound (--bitstream)";
+    if (texts.chunk_phase.empty())
+        return "";
+    if (pcm)
+        return "--chunk-phase needs compressed sound (--bitstream)";
+    if (texts.chunk_phase == "random") {
+        options->chunk_phase = phase_random;
+        return "";
+    }
+    // A multiple of a link frame; what is longer than a burst wraps around.
+    constexpr int link_frame_bytes = 4;
+    std::istringstream in(texts.chunk_phase);
+    if (!(in >> options->chunk_phase) || !in.eof() || options->chunk_phase < 0 ||
+        options->chunk_phase % link_frame_bytes != 0)
+        return "--chunk-phase: " + texts.chunk_phase + " is neither a multiple of 4 nor random";
+    return "";
+}
+
+/// "alsa:NAME", or for an edge that can be simulated "sim".
+bool parse_device(const std::string& text, std::string* name)
+{
+    constexpr char prefix[] = "alsa:";
+    constexpr size_t length = sizeof prefix - 1;
+    *name = text.compare(0, length, prefix) == 0 ? text.substr(length) : "";
+    return !name->empty();
+}
+
+std::string take_devices(const Texts& texts, Options* options)
+{
+    if (texts.capture != "sim" && !parse_device(texts.capture, &options->capture))
+        return "--capture: " + texts.capture + " is neither sim nor alsa:NAME";
+    if (texts.playback != "sim" && !parse_device(texts.playback, &options->playback))
+        return "--playback: " + texts.playback + " is neither sim nor alsa:NAME";
+    if (!texts.feed.empty() && !parse_device(texts.feed, &options->feed))
+        return "--feed: " + texts.feed + " is not alsa:NAME";
+    if (!texts.observe.empty() && !parse_device(texts.observe, &options->observe))
+        return "--observe: " + texts.observe + " is not alsa:NAME";
+    if (texts.cec != "sim" && (texts.cec.empty() || texts.cec.front() != '/'))
+        return "--cec: " + texts.cec + " is neither sim nor a device file";
+    options->cec = texts.cec != "sim" ? texts.cec : "";
+    return "";
+}
+
+/// What the simulated edges can do, and real ones cannot.
+std::string check_devices(const Options& options)
+{
+    bool real_capture = !options.capture.empty();
+    if (!options.feed.empty() && !real_capture)
+        return "--feed needs --capture alsa:NAME, the device's other end";
+    if (!options.observe.empty() && options.playback.empty())
+        return "--observe needs --playback alsa:NAME, the device's other end";
+    if (options.foreign_source() && (!options.file.empty() || options.coding))
+        return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
+    if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != phase_anywhere))
+        return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
+    if (!options.playback.empty() && options.playback_ppm != 0)
+        return "--playback-ppm is of the simulated sound device";
+    if (options.raw && real_capture != !options.playback.empty())
+        return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
+    if (options.page_flips && options.display != DisplayKind::kms)
+        return "--page-flips needs --display kms";
+    return "";
+}
+
+std::string take_rates(const Texts& texts, Options* options)
+{
+    if (!parse_rate(texts.fps, &options->fps) || options->fps.value() < 5 || options->fps.value() > 240)
+        return "--fps: " + texts.fps + " is no frame rate from 5 to 240";
+    if (texts.display_rate.empty())
+        return "";
+    Rational rate{};
+    if (!parse_rate(texts.display_rate, &rate) || rate.value() < 20 || rate.value() > 240)
+        return "--display-rate: " + texts.display_rate + " is no refresh rate from 20 to 240";
+    options->display_rate = rate;
+    return "";
+}
+
+std::string take_display(const Texts& texts, Options* options)
+{
+    size_t colon = texts.display.find(':');
+    auto kind = displays.find(texts.display.substr(0, colon));
+    if (kind == displays.end() || (colon != std::string::npos && kind->second != DisplayKind::kms))
+        return "--display: " + texts.display + " is none of sim, none, kms, kms:/dev/dri/cardN, window";
+    options->display = kind->second;
+    if (colon == std::string::npos)
+        return "";
+    options->display_path = texts.display.substr(colon + 1);
+    return options->display_path.empty() ? "--display: kms: without a path" : "";
+}
+
+} // namespace
+
+bool parse_rate(const std::string& text, Rational* rate)
+{
+    constexpr int64_t largest_rate = 1'000'000;
+    std::istringstream in(text);
+    double value = 0;
+    if (text.find('/') != std::string::npos) {
+        char slash = 0;
+        Rational given{0, 0};
+        if (!(in >> given.num >> slash >> given.den) || slash != '/' || !in.eof() || given.num <= 0 || given.den <= 0 ||
+            given.num > largest_rate || given.den > largest_rate)
+            return false;
+        *rate = given;
+        return true;
+    }
+    if (!(in >> value) || !in.eof() || !(value > 0) || value > largest_rate)
+        return false;
+    // Within half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
+    constexpr double writing_error = 0.005;
+    double whole = std::round(value);
+    double ntsc = std::ceil(value) * 1000 / 1001;
+    if (value == whole)
+        *rate = {static_cast<int64_t>(whole), 1};
+    else if (std::abs(value - ntsc) <= writing_error)
+        *rate = {static_cast<int64_t>(std::ceil(value)) * 1000, 1001};
+    else
+        *rate = {std::llround(value * 1000), 1000};
+    return true;
+}
+
+ParseResult parse_options(int argc, char** argv, Options* options)
+{
+    CLI::App app("hdmi-player-play: the player from end to end, measured at the edges", "hdmi-player-play");
+    Texts texts;
+    describe(&app, options, &texts);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& e) {
+        return {false, app.exit(e)};
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "hdmi-player-play: %s (--help shows the options)\n", e.what());
+        return {false, 2};
+    }
+    options->output = outputs.at(texts.output);
+    std::string wrong = take_rates(texts, options);
+    if (wrong.empty())
+        wrong = take_display(texts, options);
+    if (wrong.empty())
+        wrong = take_devices(texts, options);
+    if (wrong.empty())
+        wrong = take_coding(texts, options);
+    if (wrong.empty())
+        wrong = check_devices(*options);
+    if (!wrong.empty()) {
+        std::fprintf(stderr, "hdmi-player-play: %s\n", wrong.c_str());
+        return {false, 2};
+    }
+    if (options->seconds == 0 && options->file.empty())
+        options->seconds = default_programme_seconds;
+    return {true, 0};
+}
+
+} // namespace play

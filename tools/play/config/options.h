@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "hdmi_player.h"
+#include "source/source.h"
+
+namespace play
+{
+
+/// Values of Options::chunk_phase beside the bytes.
+constexpr int phase_anywhere = -1; ///< captures begin with what passes next
+constexpr int phase_random = -2;   ///< drawn for the run
+
+enum class DisplayKind { sim, none, kms, window };
+
+/// From the vertical blank to light, of the simulated panel: what the player allows for.
+constexpr int default_display_latency_ms = 76;
+
+/// What the command line asks for.
+struct Options {
+    std::string file;    ///< media file; empty: the built-in programme
+    int source_rate = 0; ///< Hz; 0: 44100 for the programme in PCM, 48000 for it coded, the file's own for a file
+    /// How the sound is sent; nothing: as it is in the file, PCM for the programme.
+    std::optional<Coding> coding;
+    int chunk_phase = phase_anywhere;     ///< bytes from the beginning of the first capture to the next burst
+    bool raw = false;                     ///< bursts go to the output as they are
+    Rational fps{60, 1};                  ///< of the programme; a file brings its own
+    std::optional<Rational> display_rate; ///< nothing: the display's own, see display_hz()
+    DisplayKind display = DisplayKind::sim;
+    std::string display_path; ///< of the DRM card; empty: the first with a display
+    bool page_flips = false;  ///< on it, though it may be capable of atomic ones
+    std::string capture;  ///< ALSA's name of the device that the player captures from; empty: the simulated receiver
+    std::string playback; ///< likewise, that it plays to
+    std::string cec;      ///< CEC device file; empty: the simulated one
+    std::string feed;     ///< ALSA's name of the device that the source is sent into; empty: none
+    std::string observe;  ///< ALSA's name of the device that hears what is played; empty: none
+    hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+    int algorithm_delay_ms = 0; ///< what the host's own processing adds
+    int video_start_ms = 0;     ///< first frame that long after open
+    double seconds = 0;         ///< 0: 20 s for the programme, the whole file
+    double phase_ms = 0;        ///< the source starts that much later against the display
+    double receiver_ppm = 0;
+    double playback_ppm = 0;
+    std::optional<int> display_latency; ///< ms; nothing: see display_latency_ms()
+    std::string report_path;
+    std::string html_path;
+    std::optional<double> html_at; ///< where the page's timeline begins, in seconds of the source
+    std::string wav_path;
+    bool no_sync = false;
+    bool withhold_block = false;
+
+    /// From the vertical blank to light: of a simulated panel what the player allows for, of a real one what is stated.
+    int display_latency_ms() const
+    {
+        bool simulated = display == DisplayKind::sim || display == DisplayKind::none;
+        return display_latency.value_or(simulated ? default_display_latency_ms : 0);
+    }
+    /// Of displays without a rate of their own.
+    double display_hz() const { return display_rate.value_or(Rational{60, 1}).value(); }
+    /// The captured sound comes from somewhere else.
+    bool foreign_source() const { return !capture.empty() && feed.empty(); }
+};
+
+/// Nothing to do but leave with @p code (help was shown, or the usage was wrong), or go on.
+struct ParseResult {
+    bool go_on;
+    int code;
+};
+
+/// Reads the command line; prints help or one line about what is wrong with it.
+ParseResult parse_options(int argc, char** argv, Options* options);
+
+/// "59.94" is 60000/1001, as in every such rate of television; "30000/1001" and whole numbers are taken as they are.
+bool parse_rate(const std::string& text, Rational* rate);
+
+} // namespace play

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+#include "display/display.h"
+#include "hdmi_sim.h"
+
+namespace play
+{
+namespace
+{
+
+/// The simulated platform's display: vertical blanks of any rate, and a screen that is always looked at.
+class SimulatedDisplay : public Display
+{
+public:
+    SimulatedDisplay(double refresh_hz, int latency_ms) : m_refresh_hz(refresh_hz), m_latency_ms(latency_ms) {}
+    ~SimulatedDisplay() override { stop(); }
+
+    double refresh_hz() const override { return m_refresh_hz; }
+    bool paced() const override { return true; }
+    std::string description() const override { return "sim"; }
+
+    std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override
+    {
+        hdmi_sim::DisplayConfig config;
+        config.refresh_hz = m_refresh_hz;
+        config.latency_ns = m_latency_ms * int64_t{1'000'000};
+        auto scan_out = [screen, gate](const hdmi_sim::ScanOut& out) {
+            gate->vblank(out.vblank_ns);
+            if (out.buffer != nullptr)
+                screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
+        };
+        auto done = [](void* buffer, bool) { release(static_cast<FrameBuffer*>(buffer)); };
+        int fd = hdmi_sim::display_start(config, scan_out, done);
+        if (fd < 0) {
+            *error = "the simulated display does not start";
+            return std::nullopt;
+        }
+        m_running = true;
+        return hdmi_player_drm_info_t{fd, static_cast<float>(m_refresh_hz)};
+    }
+
+    void present(FrameBuffer* buffer) override
+    {
+        if (!hdmi_sim::display_flip(buffer))
+            release(buffer);
+    }
+
+    void stop() override
+    {
+        if (m_running)
+            hdmi_sim::display_stop();
+        m_running = false;
+    }
+
+    DisplayStats stats() const override
+    {
+        hdmi_sim::DisplayStats simulated = hdmi_sim::display_stats();
+        DisplayStats stats;
+        stats.vblanks = simulated.vblanks;
+        stats.flips = simulated.flips;
+        stats.superseded = simulated.superseded;
+        stats.repeated = simulated.repeated;
+        return stats;
+    }
+
+private:
+    const double m_refresh_hz;
+    const int m_latency_ms;
+    bool m_running = false;
+};
+
+} // namespace
+
+std::unique_ptr<Display> open_simulated_display(const Options& options)
+{
+    return std::make_unique<SimulatedDisplay>(options.display_hz(), options.display_latency_ms());
+}
+
+} // namespace play

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The eye at the display: which picture was seen when, told by its pixels.
+ */
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "source/picture.h"
+
+namespace play
+{
+
+/// One picture on the screen, from its first vertical blank on.
+struct Sighting {
+    int64_t number;
+    bool flash;
+    int64_t seen_ns; ///< when its light was first seen
+    int64_t vblanks; ///< refreshes for which it stayed
+};
+
+class Screen
+{
+public:
+    Screen();
+
+    /// The screen shows @p picture from @p seen_ns on for one refresh. From one thread.
+    void refresh(const Picture& picture, int64_t seen_ns);
+
+    /// What it showed last stayed for @p refreshes more.
+    void stay(int64_t refreshes);
+
+    std::vector<Sighting> sightings() const;
+    /// Refreshes that showed something that is no numbered picture.
+    int64_t unreadable() const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Sighting> m_sightings;
+    int64_t m_unreadable = 0;
+    bool m_readable = true; ///< the latest refresh
+};
+
+} // namespace play

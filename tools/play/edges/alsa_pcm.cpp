@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: MIT
+#include "edges/alsa_pcm.h"
+
+#include <alsa/asoundlib.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+
+namespace play
+{
+namespace
+{
+
+constexpr unsigned channels = 2;
+constexpr int wait_ms = 100;
+/// Fine steps for the words of where the device is; room for a thread that comes late.
+constexpr unsigned period_us = 10'000;
+constexpr unsigned buffer_us = 160'000;
+
+void be_silent(const char*, int, const char*, int, const char*, ...) {}
+
+/// What is wrong goes into the one line of this program. The handler is the whole process's: set by one thread, once.
+void silence_library()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { snd_lib_error_set_handler(be_silent); });
+}
+
+int open_pcm(snd_pcm_t** pcm, const std::string& name, AlsaPcm::Direction direction)
+{
+    silence_library();
+    bool plays = direction == AlsaPcm::Direction::playback;
+    return snd_pcm_open(pcm, name.c_str(), plays ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE, SND_PCM_NONBLOCK);
+}
+
+/// Of a card that is there now; empty if that is not known.
+std::string id_of_card(int number)
+{
+    snd_ctl_t* card = nullptr;
+    if (number < 0 || snd_ctl_open(&card, ("hw:" + std::to_string(number)).c_str(), SND_CTL_NONBLOCK) < 0)
+        return "";
+    snd_ctl_card_info_t* info = nullptr;
+    snd_ctl_card_info_alloca(&info);
+    std::string id = snd_ctl_card_info(card, info) >= 0 ? snd_ctl_card_info_get_id(info) : "";
+    snd_ctl_close(card);
+    return id;
+}
+
+int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames, snd_pcm_uframes_t* buffer_frames)
+{
+    snd_pcm_hw_params_t* hardware = nullptr;
+    snd_pcm_hw_params_alloca(&hardware);
+    unsigned period = period_us;
+    unsigned buffer = buffer_us;
+    int result = snd_pcm_hw_params_any(pcm, hardware);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S16_LE);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_channels(pcm, hardware, channels);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_rate(pcm, hardware, static_cast<unsigned>(rate), 0);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_period_time_near(pcm, hardware, &period, nullptr);
+    if (result >= 0)
+        result = snd_pcm_hw_params_set_buffer_time_near(pcm, hardware, &buffer, nullptr);
+    if (result >= 0)
+        result = snd_pcm_hw_params(pcm, hardware);
+    if (result >= 0)
+        result = snd_pcm_hw_params_get_period_size(hardware, period_frames, nullptr);
+    return result < 0 ? result : snd_pcm_hw_params_get_buffer_size(hardware, buffer_frames);
+}
+
+int set_software(snd_pcm_t* pcm)
+{
+    snd_pcm_sw_params_t* software = nullptr;
+    snd_pcm_sw_params_alloca(&software);
+    snd_pcm_uframes_t boundary = 0;
+    int result = snd_pcm_sw_params_current(pcm, software);
+    if (result >= 0)
+        result = snd_pcm_sw_params_get_boundary(software, &boundary);
+    // It is started when the time has come, not when its buffer is full.
+    if (result >= 0)
+        result = snd_pcm_sw_params_set_start_threshold(pcm, software, boundary);
+    if (result >= 0)
+        result = snd_pcm_sw_params_set_tstamp_mode(pcm, software, SND_PCM_TSTAMP_ENABLE);
+    if (result >= 0)
+        result = snd_pcm_sw_params_set_tstamp_type(pcm, software, SND_PCM_TSTAMP_TYPE_MONOTONIC);
+    return result < 0 ? result : snd_pcm_sw_params(pcm, software);
+}
+
+} // namespace
+
+std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, Direction direction, int rate, std::string* error)
+{
+    snd_pcm_t* pcm = nullptr;
+    int result = open_pcm(&pcm, name, direction);
+    snd_pcm_uframes_t period_frames = 0;
+    snd_pcm_uframes_t buffer_frames = 0;
+    bool opened = result >= 0;
+    if (opened)
+        result = set_hardware(pcm, rate, &period_frames, &buffer_frames);
+    if (result >= 0)
+        result = set_software(pcm);
+    if (result >= 0)
+        return std::unique_ptr<AlsaPcm>(
+            new AlsaPcm(pcm, static_cast<int>(period_frames), static_cast<int>(buffer_frames)));
+    *error = "alsa:" + name + ": " + snd_strerror(result);
+    if (opened) {
+        *error += " (16-bit stereo at " + std::to_string(rate) + " Hz)";
+        snd_pcm_close(pcm);
+    }
+    return nullptr;
+}
+
+AlsaPcm::~AlsaPcm()
+{
+    // What is queued is not waited for.
+    snd_pcm_drop(m_pcm);
+    snd_pcm_close(m_pcm);
+}
+
+int AlsaPcm::write(const int16_t* stereo, int frames)
+{
+    auto written = static_cast<int>(snd_pcm_writei(m_pcm, stereo, static_cast<snd_pcm_uframes_t>(frames)));
+    if (written != -EAGAIN)
+        return written;
+    int ready = snd_pcm_wait(m_pcm, wait_ms);
+    return ready < 0 ? ready : 0;
+}
+
+int AlsaPcm::read(int16_t* stereo, int frames)
+{
+    auto got = static_cast<int>(snd_pcm_readi(m_pcm, stereo, static_cast<snd_pcm_uframes_t>(frames)));
+    if (got != -EAGAIN)
+        return got;
+    int ready = snd_pcm_wait(m_pcm, wait_ms);
+    return ready < 0 ? ready : 0;
+}
+
+bool AlsaPcm::start() { return snd_pcm_start(m_pcm) >= 0; }
+bool AlsaPcm::prepare() { return snd_pcm_prepare(m_pcm) >= 0; }
+
+bool AlsaPcm::ask(Word* word)
+{
+    snd_pcm_status_t* status = nullptr;
+    snd_pcm_status_alloca(&status);
+    if (snd_pcm_status(m_pcm, status) < 0 || snd_pcm_status_get_state(status) != SND_PCM_STATE_RUNNING)
+        return false;
+    snd_htimestamp_t at = {};
+    snd_pcm_status_get_htstamp(status, &at);
+    // A device in software may have no stamps: then it is the time at which it was asked.
+    if (at.tv_sec == 0 && at.tv_nsec == 0)
+        clock_gettime(CLOCK_MONOTONIC, &at);
+    word->frames = snd_pcm_status_get_delay(status);
+    word->at_ns = at.tv_sec * int64_t{1'000'000'000} + at.tv_nsec;
+    return true;
+}
+
+bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error)
+{
+    snd_pcm_t* pcm = nullptr;
+    int result = open_pcm(&pcm, name, direction);
+    if (result >= 0) {
+        snd_pcm_close(pcm);
+        return true;
+    }
+    *error = "alsa:" + name + ": " + snd_strerror(result);
+    return false;
+}
+
+AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction)
+{
+    AlsaPlace place;
+    snd_pcm_t* pcm = nullptr;
+    if (open_pcm(&pcm, name, direction) < 0)
+        return place;
+    snd_pcm_info_t* info = nullptr;
+    snd_pcm_info_alloca(&info);
+    if (snd_pcm_info(pcm, info) >= 0)
+        place = {id_of_card(snd_pcm_info_get_card(info)), static_cast<int>(snd_pcm_info_get_device(info)),
+                 static_cast<int>(snd_pcm_info_get_subdevice(info))};
+    snd_pcm_close(pcm);
+    return place;
+}
+
+int alsa_control(const AlsaPlace& place, const char* name)
+{
+    if (place.card.empty())
+        return -1;
+    // Opened for each look: a card that somebody holds cannot be unplugged for good.
+    snd_ctl_t* card = nullptr;
+    if (snd_ctl_open(&card, ("hw:CARD=" + place.card).c_str(), SND_CTL_NONBLOCK) < 0)
+        return -1;
+    snd_ctl_elem_value_t* value = nullptr;
+    snd_ctl_elem_value_alloca(&value);
+    snd_ctl_elem_value_set_interface(value, SND_CTL_ELEM_IFACE_PCM);
+    snd_ctl_elem_value_set_name(value, name);
+    snd_ctl_elem_value_set_device(value, static_cast<unsigned>(place.device));
+    snd_ctl_elem_value_set_subdevice(value, static_cast<unsigned>(place.subdevice));
+    int result = snd_ctl_elem_read(card, value);
+    snd_ctl_close(card);
+    return result < 0 ? -1 : static_cast<int>(snd_ctl_elem_value_get_integer(value, 0));
+}
+
+} // namespace play

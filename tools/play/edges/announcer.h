@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "edges/alsa_pcm.h"
+#include "edges/platform_router.h"
+#include "edges/signal_watch.h"
+#include "edges/source_link.h"
+
+namespace play
+{
+
+/**
+ * Announces what a real capture device brings. Where the receiver's own driver
+ * does so, it only compares; on any other hardware it stands in for that
+ * driver: what the device's controls and its sound tell goes into the state
+ * file and, at each change, into a uevent.
+ */
+class Announcer : private SeamTap
+{
+public:
+    /// Whether this machine's driver announces. The first call decides: later ones may find what was announced here.
+    static bool driver_announces();
+
+    explicit Announcer(std::string device) : m_device(std::move(device)) {}
+    ~Announcer() override;
+
+    /// Before the player opens: listens to the device for a moment, announces, and from then on follows it. @return
+    /// false with one line in @p error
+    bool start(std::string* error);
+    void stop();
+
+    // After stop():
+    const std::vector<Announcement>& announced() const { return m_history; }
+    const std::vector<std::string>& rate_messages() const { return m_messages; }
+
+private:
+    void opened(const audio_config_t&) override { m_watch.opened(); }
+    void captured(const uint8_t* data, int bytes, int64_t now_ns) override { m_watch.feed(data, bytes, now_ns); }
+
+    void listen(int rate);
+    LinkEvidence evidence() const;
+    int control_rate() const;
+    void follow();
+    void note(const LinkState& state);
+    void announce_return();
+    void compare(const LinkEvidence& found);
+
+    const std::string m_device;
+    AlsaPlace m_place;
+    LinkState m_announced;
+    RateWatch m_rates;
+    int64_t m_returns = 0; ///< of the lost device, that were announced
+    std::vector<Announcement> m_history;
+    std::vector<std::string> m_messages;
+    SharedWatch m_watch; ///< fed by who captures: first start(), then the player's thread
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+} // namespace play

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What went wrong at the devices during a run, and how long it took until they
+ * worked again.
+ */
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "signal/recording.h"
+
+namespace play
+{
+
+/// What a device has counted so far.
+struct DeviceCounts {
+    bool works = false; ///< open, and the device behind it is there
+    int64_t frames = 0; ///< passed
+    int64_t xruns = 0;
+    int64_t suspends = 0;
+    int64_t losses = 0;
+};
+
+struct Disturbance {
+    enum class Kind { xrun, suspend, loss };
+    Kind kind;
+    int64_t at_ns;        ///< when it was noticed
+    int64_t back_ns = -1; ///< when the device took or gave sound again; -1: it did not
+};
+constexpr const char* disturbance_name(Disturbance::Kind kind)
+{
+    return kind == Disturbance::Kind::xrun ? "xrun" : kind == Disturbance::Kind::suspend ? "suspend" : "loss";
+}
+
+/// Of one device, from looks at its counters.
+class DisturbanceLog
+{
+public:
+    void look(const DeviceCounts& counts, int64_t now_ns);
+    const std::vector<Disturbance>& all() const { return m_all; }
+    /// Underruns or overruns, and whatever else made the device lose sound, in that time.
+    int64_t count(int64_t from_ns, int64_t to_ns) const;
+
+private:
+    void note(Disturbance::Kind kind, int64_t now_ns);
+
+    DeviceCounts m_last;
+    bool m_known = false;
+    std::vector<Disturbance> m_all;
+};
+
+/// Where nothing was heard.
+struct Silence {
+    int64_t from_ns = 0;
+    int64_t to_ns = 0; ///< when sound was heard again, -1: never; as from_ns: there was none
+    bool ends() const { return to_ns >= 0; }
+};
+/// The longest silence that goes with a disturbance noticed at @p at_ns: not far from it, and no rest of the programme.
+Silence silence_around(const Recording& heard, int64_t at_ns);
+
+} // namespace play

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The platform that the player sees: the program itself exports the devices'
+ * functions and passes each call on, by direction, to the simulated platform or
+ * to the machine's own devices (libhdmiplayer_linux.so, loaded only when asked
+ * for). Who wants to know what passes the seam taps it here.
+ */
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "aio_device.h"
+#include "config/config_faults.h"
+#include "hdmi_linux.h"
+#include "host/trace.h"
+
+namespace play
+{
+
+/// Which edges of the player are the machine's own devices.
+struct Routes {
+    bool real_capture = false;
+    bool real_playback = false;
+    bool real_cec = false;
+    bool any() const { return real_capture || real_playback || real_cec; }
+};
+
+/**
+ * Loads what @p routes needs. Once, before the player opens.
+ * @return false with one line in @p error: the machine's platform is not there
+ */
+bool set_routes(const Routes& routes, std::string* error);
+
+/// Whether @p use can be made of the configuration of real devices; true without them. Warns of all other faults. After
+/// set_routes().
+/// @return false with a line in @p error for each fault in the way
+bool machine_is_configured(const ConfigUse& use, std::string* error);
+
+/// Of devices that are not simulated; empty without them.
+hdmi_linux::DeviceStats real_playback_stats();
+hdmi_linux::DeviceStats real_capture_stats();
+hdmi_linux::BypassStats real_bypass_stats();
+hdmi_linux::CecStats real_cec_stats();
+
+/**
+ * Sees what passes one device, after the platform's function and on the
+ * player's thread: must be quick, may not wait for the player.
+ */
+class SeamTap
+{
+public:
+    virtual ~SeamTap() = default;
+    /// The device was opened, and what follows is another stream.
+    virtual void opened(const audio_config_t&) {}
+    /// @p bytes were read until @p now_ns.
+    virtual void captured(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/) {}
+    /// @p bytes were written until @p now_ns; the device then had @p delay_frames to play, negative: it does not know.
+    virtual void written(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/, int /*delay_frames*/) {}
+};
+/// Null: none. The tap must stay as long as the player may call.
+void tap_capture(SeamTap* tap);
+void tap_playback(SeamTap* tap);
+
+/// Writes down what the playback device takes, and how much it has to play then; null: nothing. One at a time, around
+/// the life of the player.
+class PlaybackTrace
+{
+public:
+    explicit PlaybackTrace(Trace* trace);
+    ~PlaybackTrace();
+    PlaybackTrace(const PlaybackTrace&) = delete;
+    PlaybackTrace& operator=(const PlaybackTrace&) = delete;
+};
+
+/// The playback device reports block number @p block as written and plays nothing of it.
+void withhold_block(int64_t block);
+int64_t withheld_blocks();
+
+} // namespace play

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+
+#include "host/trace.h"
+
+namespace play
+{
+
+/**
+ * Keeps bursts of flips from the display's queue. The display shows flips first
+ * in, first out, and up to two may be pending: one that comes just before a
+ * vertical blank, and the one before it. But when the player catches up (when
+ * its sound clock starts, or with more pictures than vertical blanks) it flips
+ * several at a stroke. Queued, they would leave the display one picture behind
+ * for good, since from then on each vertical blank takes one and brings one.
+ */
+class FlipGate
+{
+public:
+    /// @p trace outlives it.
+    explicit FlipGate(double refresh_hz, Trace* trace = nullptr)
+        : m_refresh_ns(static_cast<int64_t>(1e9 / refresh_hz)), m_trace(trace)
+    {
+    }
+
+    /// Whether a picture flipped now goes to the display. If not, its time has gone to the one before it. From the
+    /// player's pacing thread and the one that renders, possibly both at once: only one of them is let through.
+    bool admit(int64_t now_ns)
+    {
+        const int64_t vblank_ns = m_vblank_ns;
+        int64_t last_ns = m_last_ns;
+        do {
+            // Half a refresh: flips closer than this, with no vertical blank between them, are meant for the same one.
+            if (now_ns - last_ns < m_refresh_ns / 2 && refresh_of(now_ns, vblank_ns) == refresh_of(last_ns, vblank_ns))
+                return false;
+        } while (!m_last_ns.compare_exchange_weak(last_ns, now_ns));
+        return true;
+    }
+
+    /// There was a vertical blank at @p at_ns, with others before and after it at the display's rate: the one that was
+    /// told of last was @p passed before. From the display's thread.
+    void vblank(int64_t at_ns, int64_t passed = 1)
+    {
+        m_vblank_ns = at_ns;
+        if (m_trace == nullptr)
+            return;
+        // One that stood still for longer did not show anything.
+        constexpr int64_t longest_ns = 1'000'000'000;
+        for (int64_t before = std::min(passed - 1, (longest_ns - 1) / m_refresh_ns); before > 0; before--)
+            m_trace->vblanks.add(at_ns - before * m_refresh_ns);
+        m_trace->vblanks.add(at_ns);
+    }
+
+    /// Of a display that does not tell of its vertical blanks: a picture was shown at @p at_ns, as if by one. From the
+    /// display's thread.
+    void shown(int64_t at_ns) { m_vblank_ns = at_ns; }
+
+private:
+    /// Number of the refresh, counted from a known vertical blank, in which an instant lies.
+    int64_t refresh_of(int64_t at_ns, int64_t vblank_ns) const
+    {
+        // From far before, so that the division rounds down.
+        constexpr int64_t many = 1000;
+        return (at_ns - vblank_ns + many * m_refresh_ns) / m_refresh_ns;
+    }
+
+    const int64_t m_refresh_ns;
+    Trace* const m_trace;
+    std::atomic<int64_t> m_last_ns{0};
+    std::atomic<int64_t> m_vblank_ns{0};
+};
+
+} // namespace play

@@ -1,0 +1,467 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The player from end to end: a source, the host, and the observers at the
+ * edges, then the report.
+ */
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "source/coded_programme.h"
+#include "display/display.h"
+#include "hdmi_sim.h"
+#include "host/host.h"
+#include "measure/measure.h"
+#include "source/media_file.h"
+#include "config/options.h"
+#include "report/page.h"
+#include "edges/platform_router.h"
+#include "source/programme.h"
+#include "progress.h"
+#include "realtime.h"
+#include "report/report.h"
+#include "edges/stage.h"
+#include "report/verdict.h"
+
+namespace play
+{
+namespace
+{
+
+enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3 };
+
+constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t ms = 1'000'000;
+/// Pictures and sound are judged from this long after the reset at start.
+constexpr int64_t settling_ns = 700 * ms;
+/// The programme goes on after its last flash until that was surely seen and heard.
+constexpr int64_t tail_ns = 700 * ms;
+/// Instants of the source this close to its end are not judged: they may be cut off.
+constexpr int64_t ending_ns = 550 * ms;
+/// What is on its way from a real capture device to the output.
+constexpr int64_t real_drain_ns = 300 * ms;
+/// Above ordinary threads, below the player's own capture and output.
+constexpr int realtime_priority = 20;
+/// Of a longer run, charts show the beginning.
+constexpr double longest_trace_s = 4 * 3600;
+constexpr int programme_audio_rate = 44100;
+constexpr int coded_programme_rate = 48000;
+
+/// A name for the recording, and the recording's end if nobody asked for it.
+class RecordingFile
+{
+public:
+    explicit RecordingFile(const std::string& wanted) : m_path(wanted)
+    {
+        if (!wanted.empty())
+            return;
+        const char* parent = getenv("TMPDIR");
+        m_directory = std::string(parent != nullptr ? parent : "/tmp") + "/hdmi-player-play-XXXXXX";
+        // Of our own: in a directory that all may write to, a name that can be guessed may be somebody's link.
+        m_path = mkdtemp(m_directory.data()) != nullptr ? m_directory + "/sound.wav" : m_directory;
+    }
+    ~RecordingFile()
+    {
+        if (m_directory.empty())
+            return;
+        for (const std::string& sound : {m_path, sent_path(m_path)}) {
+            unlink(sound.c_str());
+            unlink((sound + ".blocks.csv").c_str());
+        }
+        rmdir(m_directory.c_str());
+    }
+    RecordingFile(const RecordingFile&) = delete;
+    RecordingFile& operator=(const RecordingFile&) = delete;
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+    std::string m_directory; ///< empty: the recording is to be kept
+};
+
+/// Whether a file can be created or replaced at @p path, so that nobody learns it at the end of a film.
+bool is_writable(const std::string& path, std::string* error)
+{
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored)) {
+        *error = path + ": " + std::strerror(EISDIR);
+        return false;
+    }
+    bool writable = access(path.c_str(), W_OK) == 0;
+    if (!writable && errno == ENOENT) {
+        std::string directory = std::filesystem::path(path).parent_path();
+        writable = access(directory.empty() ? "." : directory.c_str(), W_OK) == 0;
+    }
+    if (!writable)
+        *error = path + ": " + std::strerror(errno);
+    return writable;
+}
+
+bool reports_writable(const Options& options, std::string* error)
+{
+    return (options.report_path.empty() || is_writable(options.report_path, error)) &&
+           (options.html_path.empty() || is_writable(options.html_path, error));
+}
+
+/// The source that the options name; null with one line in @p error. Starts no thread.
+std::unique_ptr<Source> make_source(const Options& options, std::string* error)
+{
+    if (!options.file.empty())
+        return MediaFile::open(options.file, options.source_rate, options.coding, error);
+    Coding coding = options.coding.value_or(Coding::pcm);
+    int own_rate = coding == Coding::pcm ? programme_audio_rate : coded_programme_rate;
+    int rate = options.source_rate != 0 ? options.source_rate : own_rate;
+    auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * ms + tail_ns;
+    if (coding != Coding::pcm)
+        return CodedProgramme::make(coding, rate, options.fps, length_ns, error);
+    return std::make_unique<Programme>(rate, options.fps, length_ns);
+}
+
+bool start_source(const Options& options, Source* source, std::string* error)
+{
+    auto* file = dynamic_cast<MediaFile*>(source);
+    if (file == nullptr || file->start(static_cast<int64_t>(options.seconds * 1e9), error))
+        return true;
+    *error = options.file + ": " + *error;
+    return false;
+}
+
+/// Before the first thread: the environment that the player reads, and a place for announcements of our own.
+bool prepare_process(const Options& options, std::string* error)
+{
+    // The report is what this program prints; warnings can be had by setting the variable.
+    setenv("debug_hdmiplayer_log_level", "1", 0);
+    if (options.no_sync)
+        setenv("debug_hdmiplayer_disable_avsync", "1", 1);
+    return Stage::prepare(options, error);
+}
+
+/// Null without a page to show it.
+std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, double display_hz)
+{
+    constexpr double unstated_s = 3600;
+    if (options.html_path.empty())
+        return nullptr;
+    double seconds = options.seconds > 0 ? options.seconds : source.stated_seconds();
+    if (!(seconds > 0))
+        seconds = unstated_s;
+    seconds = std::min(seconds, longest_trace_s) + options.video_start_ms / 1e3;
+    return std::make_unique<Trace>(seconds, std::max(display_hz, source.fps().value()));
+}
+
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate,
+                       Trace* trace)
+{
+    HostConfig config;
+    config.trace = trace;
+    config.output = options.output;
+    config.display = told;
+    config.algorithm_delay_ms = options.algorithm_delay_ms;
+    config.video_start_ns = options.video_start_ms * ms;
+    config.sync = !options.no_sync;
+    config.raw = options.raw;
+    // A device goes on with silence when its source has ended.
+    if (!options.capture.empty())
+        config.drain_ns = real_drain_ns;
+    config.gate = gate;
+    config.paint = [display](FrameBuffer* buffer, const Image* image) { display->paint(buffer, image); };
+    config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
+    return config;
+}
+
+void watch(const Host& host, const Display& display)
+{
+    constexpr useconds_t look_again_us = 50'000;
+    Progress progress;
+    while (host.video_running() && !display.closed()) {
+        double seconds = static_cast<double>(hdmi_sim::now_ns() - host.opened_ns()) / 1e9;
+        FrameAccount frames = host.frames();
+        char text[128];
+        std::snprintf(text, sizeof text, "rendered %lld, flipped %lld, dropped %lld, resets %lld",
+                      static_cast<long long>(frames.rendered), static_cast<long long>(frames.flipped),
+                      static_cast<long long>(frames.dropped), static_cast<long long>(host.resets()));
+        progress.update(seconds, text);
+        usleep(look_again_us);
+    }
+    progress.finish();
+}
+
+/// What came out of the sound device, and what the player had given it: without an observer, the same.
+struct Sound {
+    Recording heard;
+    Recording sent;
+};
+
+/// Sound of the source, found in a recording.
+std::vector<SoundMatch> find_sound(const Recording& recording, const Source& source, SourceClock clock, int64_t last_ns)
+{
+    if (recording.frames() == 0)
+        return {};
+    return source.marks().empty() ? match_waveform(recording, source, clock, last_ns)
+                                  : match_beeps(recording, source, clock);
+}
+
+/// Names of hardware: nothing on the way changes a sample.
+bool is_hardware(const std::string& device) { return device.rfind("hw:", 0) == 0; }
+
+CapturePath capture_path(const Result& result)
+{
+    const Options& options = result.options;
+    bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
+    return {result.stage.link.captured_end, transparent};
+}
+
+/// From this instant until that one the player has settled, and nothing is cut off.
+struct Judged {
+    int64_t from_ns;
+    int64_t last_ns;
+    bool holds(int64_t at_ns) const { return at_ns >= from_ns && at_ns + ending_ns < last_ns; }
+};
+
+void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound, Judged judged,
+                    Result* result)
+{
+    bool by_marks = !source.marks().empty();
+    std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
+    for (const Offset& offset : measure_offsets(matches, sound.heard, screen.sightings(), source, clock, by_marks))
+        if (judged.holds(offset.source_ns))
+            result->offsets.push_back(offset);
+    if (sound.heard.frames() > 0)
+        for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(judged.last_ns))
+            result->instants += judged.holds(at_ns) ? 1 : 0;
+    result->offset = summarise(result->offsets);
+    std::vector<double> sound_ms;
+    std::vector<double> picture_ms;
+    for (const Offset& offset : result->offsets) {
+        sound_ms.push_back(offset.sound_ms);
+        picture_ms.push_back(offset.picture_ms);
+    }
+    result->sound_latency = summarise_latency(sound_ms);
+    result->picture_latency = summarise_latency(picture_ms);
+    if (!result->options.observe.empty())
+        matches = find_sound(sound.sent, source, clock, judged.last_ns);
+    result->samples = check_samples(sound.sent, source, matches, capture_path(*result));
+}
+
+void evaluate_pictures(const Source& source, const Host& host, const Screen& screen, Judged judged, Result* result)
+{
+    std::vector<Sighting> all = screen.sightings();
+    // The last picture stays until the display ends.
+    for (const Sighting& sighting : all) {
+        int64_t at_ns = source.frame_ns(sighting.number);
+        if (at_ns >= judged.from_ns && sighting.number != all.back().number)
+            result->sightings.push_back(sighting);
+    }
+    Stretch due = {host.last_picture() + 1, -1};
+    for (int64_t number = 0; number <= host.last_picture(); number++)
+        if (judged.holds(source.frame_ns(number)))
+            due = {std::min(due.first, number), number};
+    result->cadence = measure_cadence(result->sightings, due, result->display_hz / source.fps().value());
+    result->grid = measure_grid(result->sightings, result->display_hz);
+    result->unreadable = screen.unreadable();
+}
+
+void add_recoveries(const char* device, const DisturbanceLog& log, const Recording& heard, Result* result)
+{
+    for (const Disturbance& disturbance : log.all())
+        // After the signal there is nothing that could come back.
+        if (disturbance.at_ns < result->signal_end_ns)
+            result->recoveries.push_back({device, disturbance, silence_around(heard, disturbance.at_ns)});
+}
+
+/// Underruns and overruns: simulated devices show them in the recording, real ones have counted them.
+void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result* result)
+{
+    // With bursts passed on, the player writes nothing.
+    int64_t began_ns = result->options.raw ? result->opened_ns : result->stage.sound.first_write_ns;
+    int64_t settled_ns = began_ns + second_ns;
+    bool real = !result->options.playback.empty();
+    result->early_gaps = real ? troubles.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
+    result->gaps = real ? troubles.playback.count(settled_ns, result->signal_end_ns)
+                        : sound.heard.gaps(settled_ns, result->signal_end_ns);
+    result->overruns = result->options.capture.empty() ? result->stage.link.overruns
+                                                       : troubles.capture.count(settled_ns, result->signal_end_ns);
+    add_recoveries("capture", troubles.capture, sound.heard, result);
+    add_recoveries("playback", troubles.playback, sound.heard, result);
+}
+
+/// What the charts show, of a run that is to be looked at.
+void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock, const Screen& screen, Judged judged,
+                    Result* result)
+{
+    TraceScope scope;
+    scope.source_s = [&clock](int64_t at_ns) { return static_cast<double>(clock.to_source(at_ns)) / 1e9; };
+    scope.player_opened_ns = result->opened_ns;
+    scope.settled_s = static_cast<double>(judged.from_ns) / 1e9;
+    scope.end_s = static_cast<double>(judged.last_ns - ending_ns) / 1e9;
+    scope.timeline_s = result->options.html_at;
+    scope.flashes = !source.marks().empty();
+    scope.paced = result->paced;
+    scope.display_latency_ns = result->options.display_latency_ms() * ms;
+    result->trace = view_trace(trace, scope, screen.sightings(), result->offsets);
+}
+
+/// Everything that the observers recorded, as figures.
+void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen, const Sound& sound,
+              const DeviceTroubles& troubles, const Trace* trace, Result* result)
+{
+    int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
+    result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
+    // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
+    Judged judged = {clock.to_source(reset_ns + settling_ns),
+                     host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
+    if (!result->options.foreign_source() && !result->options.raw)
+        evaluate_sound(source, clock, screen, sound, judged, result);
+    evaluate_pictures(source, host, screen, judged, result);
+    evaluate_devices(sound, troubles, result);
+    if (trace != nullptr)
+        evaluate_trace(*trace, source, clock, screen, judged, result);
+}
+
+/// What each has counted, after all have ended.
+void gather(const Host& host, const Source& source, const Display& display, const Stage& stage, Result* result)
+{
+    result->video_queue_size = host.video_queue_size();
+    result->frames = host.frames();
+    result->audio = host.audio();
+    result->resets = host.resets();
+    result->coding = source.coding();
+    result->unsupported = host.unsupported();
+    result->opened_ns = host.opened_ns();
+    result->fps = source.fps().value();
+    result->starved = source.starved();
+    result->stage = stage.stats();
+    result->display = display.description();
+    result->display_hz = display.refresh_hz();
+    result->paced = display.paced();
+    result->display_stats = display.stats();
+    hdmi_sim::VblankWaits waits = hdmi_sim::vblank_waits();
+    result->vblank_waits = waits.waits;
+    result->vblank_missed = waits.missed;
+}
+
+/// Plays the source to its end. @return inside, or with one line in @p error what became of it
+ExitStatus run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
+{
+    Screen screen;
+    std::unique_ptr<Trace> trace = make_trace(result->options, *source, display->refresh_hz());
+    FlipGate gate(display->refresh_hz(), trace.get());
+    PlaybackTrace playback_trace(trace.get());
+    Stage stage(result->options, source, wav_path);
+    std::unique_ptr<Host> host;
+    Usage before = usage_now();
+    {
+        RealtimeScope realtime(realtime_priority);
+        result->realtime = realtime.active();
+        if (!stage.start(error))
+            return not_permitted;
+        std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
+        if (!told)
+            return not_permitted;
+        bool connected = stage.connect(error);
+        if (connected)
+            host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
+                                          stage.clock());
+        if (!connected || !host->start()) {
+            if (connected)
+                *error = "the player did not open";
+            display->stop();
+            return not_permitted;
+        }
+    }
+    watch(*host, *display);
+    host->stop_video();
+    stage.disconnect();
+    result->signal_end_ns = hdmi_sim::now_ns();
+    result->seconds = static_cast<double>(result->signal_end_ns - host->opened_ns()) / 1e9;
+    result->usage = usage_now().since(before, result->seconds);
+    host->drain_audio();
+    stage.wait_until_played();
+    host->close();
+    display->stop();
+
+    Sound sound;
+    if (!stage.finish(&sound.heard, &sound.sent, error))
+        return outside;
+    if (result->options.raw)
+        result->raw = stage.check_raw(sound.heard);
+    gather(*host, *source, *display, stage, result);
+    evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
+    return inside;
+}
+
+/// Those that were asked for. @return false with one line in @p error
+bool write_reports(const Result& result, const std::vector<Verdict>& verdicts, std::string* error)
+{
+    const Options& options = result.options;
+    nlohmann::json report = report_json(result, verdicts);
+    if (!options.report_path.empty() && !write_report(report, options.report_path, error))
+        return false;
+    if (options.html_path.empty())
+        return true;
+    Page page = {std::move(report), result.trace, result.paced, result.display_hz / result.fps, here_and_now()};
+    return write_page(page, options.html_path, error);
+}
+
+int fail(ExitStatus status, const std::string& error)
+{
+    std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
+    return status;
+}
+
+int main_with(const Options& options)
+{
+    std::string error;
+    std::unique_ptr<Source> source = make_source(options, &error);
+    if (!source)
+        return fail(options.file.empty() ? not_permitted : bad_input, error);
+    if (!reports_writable(options, &error))
+        return fail(bad_input, error);
+    if (options.raw && source->coding() == Coding::pcm && !options.foreign_source())
+        return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
+    if (!options.feed.empty() && source->coding() == Coding::eac3)
+        return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
+    RecordingFile wav(options.wav_path);
+    if (!is_writable(wav.path(), &error))
+        return fail(options.wav_path.empty() ? not_permitted : bad_input, error);
+    if (!prepare_process(options, &error))
+        return fail(not_permitted, error);
+    if (!machine_is_configured(Stage::config_use(options), &error))
+        return fail(bad_input, error);
+    std::unique_ptr<Display> display = open_display(options, &error);
+    if (!display)
+        return fail(not_permitted, error);
+    Size image_size = display->image_size();
+    if (image_size.width > 0)
+        source->want_images(image_size);
+    if (!start_source(options, source.get(), &error))
+        return fail(bad_input, error);
+    Result result;
+    result.options = options;
+    result.programme = source->description();
+    ExitStatus played = run(source.get(), display.get(), wav.path(), &result, &error);
+    if (played != inside)
+        return fail(played, error);
+    std::vector<Verdict> verdicts = judge(result);
+    print_report(result, verdicts);
+    if (!write_reports(result, verdicts, &error))
+        return fail(outside, error);
+    return all_passed(verdicts) ? inside : outside;
+}
+
+} // namespace
+} // namespace play
+
+int main(int argc, char** argv)
+{
+    play::Options options;
+    play::ParseResult parsed = play::parse_options(argc, argv, &options);
+    return parsed.go_on ? play::main_with(options) : parsed.code;
+}

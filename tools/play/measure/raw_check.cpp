@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: MIT
+#include "measure/raw_check.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "signal/recording.h"
+#include "source/source.h"
+
+namespace play
+{
+namespace
+{
+
+using Words = std::vector<int16_t>;
+
+/// IEC 61937-1: Pa and Pb begin a burst, Pc says its type, Pd the length of its payload.
+constexpr auto preamble_pa = static_cast<int16_t>(0xF872);
+constexpr auto preamble_pb = static_cast<int16_t>(0x4E1F);
+constexpr int64_t preamble_frames = 2;
+/// Bursts around the last known one that are looked at first when one does not follow.
+constexpr int64_t near_bursts = 64;
+/// A recording that is full of what the source never sent would have all of a film compared with each burst.
+constexpr int most_full_searches = 8;
+
+bool begins_at(const Words& words, int64_t frame)
+{
+    auto at = static_cast<size_t>(2 * frame);
+    return words[at] == preamble_pa && words[at + 1] == preamble_pb;
+}
+
+/// The first frame from @p from on that begins a burst; -1: none. Most often it is within a @p period.
+int64_t find_burst(const Recording& heard, int64_t from, int64_t period)
+{
+    int64_t window_frames = 2 * period;
+    Words words(static_cast<size_t>(2 * window_frames));
+    for (; from < heard.frames(); from += window_frames) {
+        int64_t got = heard.read(from, words.data(), window_frames);
+        for (int64_t i = 0; i < got; i++)
+            if (begins_at(words, i))
+                return from + i;
+    }
+    return -1;
+}
+
+/// Frames of a burst up to the end of its payload: Pd counts bits, for E-AC-3 bytes.
+int64_t used_frames(const int16_t* burst, Coding coding)
+{
+    constexpr int bits_of_frame = 32;
+    int64_t length = static_cast<uint16_t>(burst[3]);
+    int64_t bits = coding == Coding::eac3 ? 8 * length : length;
+    return std::min(preamble_frames + (bits + bits_of_frame - 1) / bits_of_frame, burst_link_frames(coding));
+}
+
+/**
+ * Which of the source's bursts may be the one that came: several, as long as only bursts came that are equal, as those
+ * of silence are.
+ */
+class Place
+{
+public:
+    explicit Place(const Source& source)
+        : m_source(source), m_period(burst_link_frames(source.coding())), m_bursts(source.coded_end() / burst_samples),
+          m_sent(static_cast<size_t>(2 * m_period))
+    {
+    }
+
+    bool known() const { return !m_candidates.empty(); }
+
+    /// @return whether @p burst, @p used frames long, follows what came before
+    bool goes_on(const Words& burst, int64_t used)
+    {
+        std::vector<int64_t> next;
+        for (int64_t before : m_candidates) {
+            int64_t number = next_sent(before);
+            if (is_burst(number, burst, used))
+                next.push_back(number);
+        }
+        if (next.empty())
+            return false;
+        m_candidates = std::move(next);
+        m_last = m_candidates.front();
+        return true;
+    }
+
+    /// Near where the last one was, or else anywhere in the source. @return false: it is not the source's
+    bool find(const Words& burst, int64_t used)
+    {
+        m_candidates.clear();
+        if (m_last >= 0)
+            search(m_last - near_bursts, m_last + near_bursts + 1, burst, used);
+        if (!known() && m_full_searches < most_full_searches) {
+            m_full_searches++;
+            search(0, m_bursts, burst, used);
+        }
+        if (known())
+            m_last = m_candidates.front();
+        else if (m_last >= 0)
+            m_last++; // the one that was to come has passed
+        return known();
+    }
+
+private:
+    void search(int64_t from, int64_t to, const Words& burst, int64_t used)
+    {
+        for (int64_t number = std::max<int64_t>(from, 0); number < std::min(to, m_bursts); number++)
+            if (is_burst(number, burst, used))
+                m_candidates.push_back(number);
+    }
+
+    /// The burst after @p number. In a hole of a film's sound zeros pass that are numbered as bursts.
+    int64_t next_sent(int64_t number)
+    {
+        do
+            number++;
+        while (number < m_bursts && !is_sent(number));
+        return number;
+    }
+
+    bool is_sent(int64_t number)
+    {
+        m_source.link(number * m_period, m_sent.data(), 1);
+        return begins_at(m_sent, 0);
+    }
+
+    bool is_burst(int64_t number, const Words& burst, int64_t used)
+    {
+        m_source.link(number * m_period, m_sent.data(), static_cast<int>(used));
+        return std::equal(burst.begin(), burst.begin() + 2 * used, m_sent.begin());
+    }
+
+    const Source& m_source;
+    const int64_t m_period;
+    const int64_t m_bursts; ///< of the source
+    Words m_sent;
+    std::vector<int64_t> m_candidates;
+    int64_t m_last = -1; ///< the earliest candidate, or where it would be by now; -1: none was found yet
+    int m_full_searches = 0;
+};
+
+} // namespace
+
+RawCheck check_bursts(const Recording& heard, const Source& source)
+{
+    RawCheck check;
+    check.compared = true;
+    Place place(source);
+    int64_t period = burst_link_frames(source.coding());
+    Words burst(static_cast<size_t>(2 * period));
+    int64_t first = find_burst(heard, 0, period);
+    for (int64_t at = first, next = 0; at >= 0; at = next) {
+        int64_t got = heard.read(at, burst.data(), period);
+        int64_t used = used_frames(burst.data(), source.coding());
+        if (got < used)
+            break;
+        bool lost_its_place = place.known() && !place.goes_on(burst, used);
+        bool found = (place.known() && !lost_its_place) || place.find(burst, used);
+        check.gaps += lost_its_place && found ? 1 : 0;
+        check.different += found ? 0 : used;
+        check.bursts++;
+        check.ended_ns = heard.heard_ns(at + used - 1);
+        next = find_burst(heard, at + used, period);
+        check.frames = (next >= 0 ? next : at + used) - first;
+    }
+    check.began_ns = first >= 0 ? heard.heard_ns(first) : 0;
+    return check;
+}
+
+} // namespace play

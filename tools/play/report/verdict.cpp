@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+#include "report/verdict.h"
+
+#include <algorithm>
+
+namespace play
+{
+namespace
+{
+
+/// A programme is measured at every mark. In a film, silence and steady tones hide some seconds: half must remain.
+bool measured_enough(const Result& result)
+{
+    auto measured = static_cast<int64_t>(result.offsets.size());
+    bool programme = result.options.file.empty();
+    return measured > 0 && (programme ? measured == result.instants : 2 * measured >= result.instants);
+}
+
+/**
+ * The player resets when the first picture meets captured sound. A capture that begins inside of a burst may see the
+ * zeros at that burst's end first; the player takes them for silence, and the first burst after a silence resets it
+ * once more.
+ */
+Verdict judge_resets(const Result& result)
+{
+    bool anywhere = !result.options.capture.empty();
+    bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
+    bool at_start = result.reset_s < latest_reset_s;
+    if (!inside_of_burst)
+        return {"one reset, at start", result.resets == 1 && at_start};
+    return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
+}
+
+/// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
+bool passed_on_throughout(const Result& result)
+{
+    constexpr double margin_s = 2;
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    double seconds = static_cast<double>(result.signal_end_ns - result.opened_ns) / 1e9 - margin_s;
+    return static_cast<double>(bypass.frames) >= seconds * bypass.rate;
+}
+
+// The sound goes past the player, and its pictures free of it.
+void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
+{
+    constexpr int64_t start_ns = 1'000'000'000;
+    bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
+    bool lasted =
+        result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
+    if (result.raw.compared)
+        verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    bool took = bypass.frames > 0 && bypass.dropped == 0 && bypass.xruns == 0;
+    if (!result.options.playback.empty())
+        verdicts->push_back(
+            {"the output took what was passed on", took && (result.raw.compared || passed_on_throughout(result))});
+    verdicts->push_back({"nothing played beside them", result.stage.sound.frames == 0});
+    verdicts->push_back({"no reset", result.resets == 0});
+}
+
+void judge_played(const Result& result, std::vector<Verdict>* verdicts)
+{
+    // Of a source that is not ours, nobody knows when it sent what.
+    bool known = !result.options.foreign_source();
+    if (known) {
+        verdicts->push_back({"A/V offset measured", measured_enough(result)});
+        verdicts->push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
+    }
+    verdicts->push_back(judge_resets(result));
+    verdicts->push_back({"no underrun after the first second", result.gaps == 0});
+    if (!known)
+        return;
+    const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
+    verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed()});
+}
+
+/// Of the devices at the far ends: their breaks look like the player's.
+void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
+{
+    if (!result.options.feed.empty())
+        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0});
+    if (!result.options.observe.empty())
+        verdicts->push_back({"the observer heard without a break", result.stage.sound.observer_breaks == 0});
+}
+
+} // namespace
+
+std::vector<Verdict> judge(const Result& result)
+{
+    std::vector<Verdict> verdicts;
+    if (result.options.raw)
+        judge_raw(result, &verdicts);
+    else
+        judge_played(result, &verdicts);
+    judge_ends(result, &verdicts);
+    verdicts.push_back({"no overrun", result.overruns == 0});
+    bool real_arc = !result.options.cec.empty() && result.options.output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+    if (real_arc)
+        verdicts.push_back({"audio return channel open", result.stage.cec.arc == hdmi_linux::ArcState::active});
+    verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
+    if (result.paced)
+        verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
+                            result.cadence.excess() <= excess_limit && result.unreadable == 0});
+    return verdicts;
+}
+
+bool all_passed(const std::vector<Verdict>& verdicts)
+{
+    return std::all_of(verdicts.begin(), verdicts.end(), [](const Verdict& verdict) { return verdict.passed; });
+}
+
+} // namespace play

@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: MIT
+#include "signal/correlate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+
+namespace play
+{
+namespace
+{
+
+using Spectrum = std::vector<std::complex<float>>;
+
+/// Below this mean square (of both channels, in units of 16-bit samples) there is not even the noise of a dithered
+/// silence.
+constexpr double silent_mean_square = 0.1;
+/// Bins weaker than this part of the strongest carry rounding noise rather than signal.
+constexpr float weakest_bin = 1e-6f;
+/// Places that are looked at closely: the highest peaks of either kind of correlation.
+constexpr size_t candidates_each = 64;
+/// Likeness below which a place is not the sound that is looked for.
+constexpr double least_likeness = 0.8;
+/// A rival of the best place is one that is not unlike the needle by so much, and so many times what the best one is.
+constexpr double unlikeness_floor = 0.002;
+constexpr double unlikeness_ratio = 3;
+/// Rivals are told apart by their faint frequencies, unless one reaches this part of another there as well.
+constexpr float ambiguous_ratio = 0.7f;
+/// Peaks of the two correlations this close together are one place.
+constexpr size_t same_place = 2;
+/// Part of the samples at either end that fades, lest the cut edges of the two be taken for a likeness.
+constexpr double haystack_fade = 0.02;
+constexpr double needle_fade = 0.5;
+/// In-place radix-2 transform; the size is a power of two.
+void transform(Spectrum* data, bool inverse)
+{
+    size_t n = data->size();
+    for (size_t i = 1, j = 0; i < n; i++) {
+        size_t bit = n >> 1;
+        for (; (j & bit) != 0; bit >>= 1)
+            j ^= bit;
+        j ^= bit;
+        if (i < j)
+            std::swap((*data)[i], (*data)[j]);
+    }
+    for (size_t length = 2; length <= n; length <<= 1) {
+        double angle = (inverse ? 2 : -2) * M_PI / static_cast<double>(length);
+        std::vector<std::complex<float>> turn(length / 2);
+        for (size_t k = 0; k < turn.size(); k++)
+            turn[k] = std::polar(1.0f, static_cast<float>(angle * static_cast<double>(k)));
+        for (size_t start = 0; start < n; start += length) {
+            for (size_t k = 0; k < length / 2; k++) {
+                std::complex<float>& low = (*data)[start + k];
+                std::complex<float>& high = (*data)[start + k + length / 2];
+                std::complex<float> turned = high * turn[k];
+                high = low - turned;
+                low += turned;
+            }
+        }
+    }
+}
+
+Spectrum spectrum_of(const std::vector<float>& samples, size_t size, double fade)
+{
+    Spectrum spectrum(size);
+    double fading = std::max(1.0, fade * static_cast<double>(samples.size()));
+    for (size_t i = 0; i < samples.size(); i++) {
+        auto from_edge = static_cast<double>(std::min(i, samples.size() - 1 - i));
+        double gain = from_edge < fading ? (1 - std::cos(M_PI * from_edge / fading)) / 2 : 1;
+        spectrum[i] = samples[i] * static_cast<float>(gain);
+    }
+    transform(&spectrum, false);
+    return spectrum;
+}
+
+bool is_silent(const std::vector<float>& samples)
+{
+    double sum = 0;
+    for (float sample : samples)
+        sum += static_cast<double>(sample) * sample;
+    return sum < silent_mean_square * static_cast<double>(samples.size());
+}
+
+struct Candidate {
+    size_t place;
+    float whitened; ///< height of the whitened correlation around it
+    double likeness;
+};
+
+/// Places of the highest local maxima.
+void add_peaks(const Spectrum& correlation, size_t places, std::vector<size_t>* peaks)
+{
+    std::vector<size_t> found;
+    for (size_t i = 0; i < places; i++) {
+        float here = correlation[i].real();
+        bool over_left = i == 0 || here > correlation[i - 1].real();
+        bool over_right = i + 1 == places || here >= correlation[i + 1].real();
+        if (here > 0 && over_left && over_right)
+            found.push_back(i);
+    }
+    size_t count = std::min(candidates_each, found.size());
+    auto higher = [&correlation](size_t a, size_t b) { return correlation[a].real() > correlation[b].real(); };
+    std::partial_sort(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(count), found.end(), higher);
+    peaks->insert(peaks->end(), found.begin(), found.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+/// Correlation coefficient of the needle with the haystack at @p place: 1 for the same waveform.
+double likeness_at(const std::vector<float>& haystack, const std::vector<float>& needle, size_t place)
+{
+    double product = 0;
+    double hay_energy = 0;
+    double needle_energy = 0;
+    for (size_t i = 0; i < needle.size(); i++) {
+        double h = haystack[place + i];
+        double n = needle[i];
+        product += h * n;
+        hay_energy += h * h;
+        needle_energy += n * n;
+    }
+    return hay_energy > 0 && needle_energy > 0 ? product / std::sqrt(hay_energy * needle_energy) : 0;
+}
+
+/// The same, at the best place within half a sample: a resampled sound need not fit at whole samples.
+double likeness_near(const std::vector<float>& haystack, const std::vector<float>& needle, size_t place)
+{
+    double here = likeness_at(haystack, needle, place);
+    if (place == 0 || place + needle.size() == haystack.size())
+        return here;
+    double before = likeness_at(haystack, needle, place - 1);
+    double after = likeness_at(haystack, needle, place + 1);
+    double bend = 2 * here - before - after;
+    bool peak = here >= before && here >= after && bend > 0;
+    return peak ? std::min(1.0, here + (after - before) * (after - before) / (8 * bend)) : here;
+}
+
+/// The correlations of both as they are, and with all frequencies of the needle made equally strong.
+std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const std::vector<float>& needle)
+{
+    size_t size = 1;
+    while (size < haystack.size() + needle.size())
+        size <<= 1;
+    Spectrum plain = spectrum_of(haystack, size, haystack_fade);
+    Spectrum pin = spectrum_of(needle, size, needle_fade);
+    Spectrum white(size);
+    float strongest = 0;
+    for (const std::complex<float>& bin : pin)
+        strongest = std::max(strongest, std::abs(bin));
+    for (size_t i = 0; i < size; i++) {
+        float weight = std::abs(pin[i]) * std::abs(plain[i]);
+        plain[i] *= std::conj(pin[i]);
+        bool counts = std::abs(pin[i]) > strongest * weakest_bin && weight > 0;
+        white[i] = counts ? plain[i] / weight : 0;
+    }
+    transform(&plain, true);
+    transform(&white, true);
+    size_t places = haystack.size() - needle.size() + 1;
+    std::vector<size_t> peaks;
+    add_peaks(plain, places, &peaks);
+    add_peaks(white, places, &peaks);
+    std::sort(peaks.begin(), peaks.end());
+    std::vector<Candidate> candidates;
+    for (size_t peak : peaks) {
+        Candidate found = {peak, 0, likeness_near(haystack, needle, peak)};
+        for (size_t i = peak - std::min(peak, same_place); i <= std::min(peak + same_place, places - 1); i++)
+            found.whitened = std::max(found.whitened, white[i].real());
+        if (candidates.empty() || peak - candidates.back().place > same_place)
+            candidates.push_back(found);
+        else if (found.likeness > candidates.back().likeness)
+            candidates.back() = found;
+    }
+    return candidates;
+}
+
+/// Of places that are equally like the needle, the one that its faint frequencies speak for.
+std::optional<size_t> settle(std::vector<Candidate> rivals)
+{
+    if (rivals.size() > 1) {
+        std::partial_sort(rivals.begin(), rivals.begin() + 2, rivals.end(),
+                          [](const Candidate& a, const Candidate& b) { return a.whitened > b.whitened; });
+        if (rivals[1].whitened > rivals[0].whitened * ambiguous_ratio)
+            return std::nullopt;
+    }
+    return rivals.front().place;
+}
+
+} // namespace
+
+std::optional<int64_t> find_in(const std::vector<float>& haystack, const std::vector<float>& needle)
+{
+    if (needle.empty() || needle.size() > haystack.size() || is_silent(needle) || is_silent(haystack))
+        return std::nullopt;
+    std::vector<Candidate> candidates = find_candidates(haystack, needle);
+    double best = 0;
+    for (const Candidate& candidate : candidates)
+        best = std::max(best, candidate.likeness);
+    if (best < least_likeness)
+        return std::nullopt;
+    double unlikeness = unlikeness_floor + unlikeness_ratio * (1 - best);
+    std::vector<Candidate> rivals;
+    for (const Candidate& candidate : candidates)
+        if (1 - candidate.likeness <= unlikeness)
+            rivals.push_back(candidate);
+    std::optional<size_t> place = settle(std::move(rivals));
+    return place ? std::optional<int64_t>(static_cast<int64_t>(*place)) : std::nullopt;
+}
+
+} // namespace play

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Pictures as a display shows them: the film, or the picture's own content, in
+ * full size, and in the top left corner a strip of blocks with the picture's
+ * number, by which the eye at the display tells it from every other.
+ */
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "source/picture.h"
+
+namespace play
+{
+
+/// A frame of a film in colour, made ready for a display.
+struct Image {
+    int width = 0;
+    int height = 0;
+    std::vector<uint32_t> pixels; ///< 0x00RRGGBB, rows from the top
+};
+
+/// Memory that a display shows: 32 bits per pixel, 0x00RRGGBB.
+struct Canvas {
+    uint8_t* memory = nullptr;
+    int width = 0;
+    int height = 0;
+    size_t pitch = 0; ///< bytes from row to row
+
+    uint32_t* row(int y) const { return reinterpret_cast<uint32_t*>(memory + static_cast<size_t>(y) * pitch); }
+};
+
+/// The smallest canvas on which a number can be read.
+constexpr int least_canvas_width = 64;
+constexpr int least_canvas_height = 48;
+
+/// Paints @p image, scaled to fit with black beside it, or without one the picture's field; then the number.
+void paint(const Picture& picture, const Image* image, const Canvas& canvas);
+
+/// What can be seen on a canvas: the number in its strip, and the field.
+Picture look_at(const Canvas& canvas);
+
+/// The largest size of a @p width x @p height picture that fits into a box.
+struct Size {
+    int width;
+    int height;
+};
+Size fit(double width, double height, Size box);
+
+} // namespace play

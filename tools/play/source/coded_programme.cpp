@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "source/coded_programme.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "signal/onset.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/channel_layout.h>
+}
+
+namespace play
+{
+namespace
+{
+
+constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t bit_rate = 192'000;
+/// The encoder's scale of full amplitude.
+constexpr float full_scale = 32768;
+/// By which the coder may move a beep's onset.
+constexpr int64_t most_smear_ms = 5;
+
+struct Freed {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+};
+template <typename T> using Owned = std::unique_ptr<T, Freed>;
+
+Owned<AVCodecContext> open_encoder(Coding coding, int rate)
+{
+    const AVCodec* codec = avcodec_find_encoder(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3);
+    Owned<AVCodecContext> encoder(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
+    if (!encoder)
+        return nullptr;
+    encoder->sample_rate = rate;
+    encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    encoder->bit_rate = bit_rate;
+    encoder->time_base = {1, rate};
+    av_channel_layout_default(&encoder->ch_layout, 2);
+    bool good = avcodec_open2(encoder.get(), codec, nullptr) == 0 && encoder->frame_size == burst_samples;
+    return good ? std::move(encoder) : nullptr;
+}
+
+// A frame of the programme from sample @p first on.
+Owned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& programme, int64_t first)
+{
+    Owned<AVFrame> frame(av_frame_alloc());
+    if (!frame)
+        return nullptr;
+    frame->nb_samples = encoder.frame_size;
+    frame->format = encoder.sample_fmt;
+    frame->sample_rate = encoder.sample_rate;
+    frame->pts = first;
+    if (av_channel_layout_copy(&frame->ch_layout, &encoder.ch_layout) < 0 || av_frame_get_buffer(frame.get(), 0) < 0)
+        return nullptr;
+    std::vector<int16_t> stereo(static_cast<size_t>(2 * encoder.frame_size));
+    programme.audio(first, stereo.data(), encoder.frame_size);
+    for (size_t channel = 0; channel < 2; channel++) {
+        auto* to = reinterpret_cast<float*>(frame->extended_data[channel]);
+        for (int i = 0; i < encoder.frame_size; i++)
+            to[i] = static_cast<float>(stereo[2 * static_cast<size_t>(i) + channel]) / full_scale;
+    }
+    return frame;
+}
+
+} // namespace
+
+std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_rate, Rational fps, int64_t length_ns,
+                                                     std::string* error)
+{
+    std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, audio_rate, fps, length_ns));
+    // The link goes on until the host has stopped to send pictures.
+    int64_t samples = (length_ns + second_ns) * audio_rate / second_ns;
+    if (!made->m_track.usable() || !made->encode(samples) || !made->find_onsets()) {
+        *error = std::string("the programme's sound could not be encoded as ") + coding_name(coding);
+        return nullptr;
+    }
+    return made;
+}
+
+bool CodedProgramme::encode(int64_t samples)
+{
+    Owned<AVCodecContext> encoder = open_encoder(m_track.coding(), audio_rate());
+    Owned<AVPacket> packet(av_packet_alloc());
+    if (!encoder || !packet)
+        return false;
+    // The coder overlaps its blocks: what goes in as sample n comes out of a decoder this much later.
+    int64_t first = encoder->initial_padding;
+    for (; m_track.samples() < samples; first += encoder->frame_size) {
+        Owned<AVFrame> frame = make_frame(*encoder, m_programme, first);
+        if (!frame || avcodec_send_frame(encoder.get(), frame.get()) < 0)
+            return false;
+        while (avcodec_receive_packet(encoder.get(), packet.get()) >= 0) {
+            bool added = m_track.add(packet.get());
+            av_packet_unref(packet.get());
+            if (!added)
+                return false;
+        }
+    }
+    return true;
+}
+
+// Each beep must be found again where the coder was given it.
+bool CodedProgramme::find_onsets()
+{
+    OnsetDetector detector(audio_rate(), Programme::beep_peak);
+    std::vector<int16_t> stereo(2 * burst_samples);
+    for (int64_t first = 0; first < m_track.samples(); first += burst_samples) {
+        audio(first, stereo.data(), burst_samples);
+        detector.feed(stereo.data(), burst_samples);
+    }
+    m_onsets = detector.onsets();
+    std::vector<int64_t> given = m_programme.onsets();
+    return std::equal(m_onsets.begin(), m_onsets.end(), given.begin(), given.end(),
+                      [this](int64_t a, int64_t b) { return std::abs(a - b) * 1000 < most_smear_ms * audio_rate(); });
+}
+
+std::string CodedProgramme::description() const
+{
+    return m_programme.description() + ", sent as " + coding_name(coding());
+}
+
+} // namespace play

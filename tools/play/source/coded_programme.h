@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <memory>
+
+#include "source/coded_track.h"
+#include "source/programme.h"
+
+namespace play
+{
+
+/**
+ * The built-in programme with its sound coded as AC-3 or E-AC-3. What is heard
+ * and when is known from a decode of the coded stream: audio() is that decode,
+ * and onsets() are the beeps found in it.
+ */
+class CodedProgramme : public Source
+{
+public:
+    /// Encodes all of the sound; takes about a hundredth of its length. @return null with one line in @p error
+    static std::unique_ptr<CodedProgramme> make(Coding coding, int audio_rate, Rational fps, int64_t length_ns,
+                                                std::string* error);
+
+    int audio_rate() const override { return m_programme.audio_rate(); }
+    void audio(int64_t first, int16_t* stereo, int frames) const override { m_track.audio(first, stereo, frames); }
+    Coding coding() const override { return m_track.coding(); }
+    int64_t coded_end() const override { return m_track.samples(); }
+    void link(int64_t first, int16_t* words, int frames) const override { m_track.link(first, words, frames); }
+
+    Rational fps() const override { return m_programme.fps(); }
+    bool next_video(VideoFrame* frame) override { return m_programme.next_video(frame); }
+    int64_t frame_ns(int64_t number) const override { return m_programme.frame_ns(number); }
+    std::vector<int64_t> marks() const override { return m_programme.marks(); }
+    std::vector<int64_t> onsets() const override { return m_onsets; }
+    int64_t starved() const override { return 0; }
+    std::string description() const override;
+
+private:
+    CodedProgramme(Coding coding, int audio_rate, Rational fps, int64_t length_ns)
+        : m_programme(audio_rate, fps, length_ns), m_track(coding, audio_rate)
+    {
+    }
+    bool encode(int64_t samples);
+    bool find_onsets();
+
+    Programme m_programme;
+    CodedTrack m_track;
+    std::vector<int64_t> m_onsets;
+};
+
+} // namespace play

@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: MIT
+#include "source/coded_track.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "signal/rate_conversion.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/opt.h>
+}
+
+namespace play
+{
+namespace
+{
+
+constexpr int io_buffer_bytes = 4096;
+constexpr size_t link_frame_bytes = 4;
+/// Demanded by the muxer for E-AC-3, whose bursts do not depend on it.
+constexpr int muxer_rate = 48000;
+
+struct Freed {
+    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
+    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
+    void operator()(SwrContext* converter) const { swr_free(&converter); }
+    void operator()(AVFormatContext* muxer) const
+    {
+        if (muxer->pb != nullptr)
+            av_freep(&muxer->pb->buffer);
+        avio_context_free(&muxer->pb);
+        avformat_free_context(muxer);
+    }
+};
+template <typename T> using Owned = std::unique_ptr<T, Freed>;
+
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using Written = const uint8_t;
+#else
+using Written = uint8_t;
+#endif
+
+int collect(void* opaque, Written* data, int bytes)
+{
+    auto* out = static_cast<std::vector<uint8_t>*>(opaque);
+    out->insert(out->end(), data, data + bytes);
+    return bytes;
+}
+
+} // namespace
+
+struct CodedTrack::Codecs {
+    Owned<AVFormatContext> muxer;
+    Owned<AVCodecContext> decoder;
+    Owned<AVFrame> frame{av_frame_alloc()};
+    std::vector<uint8_t> muxed; ///< bytes of a burst that is not complete yet
+    std::vector<int16_t> stereo;
+
+    bool open(AVCodecID codec)
+    {
+        AVFormatContext* format = nullptr;
+        if (!frame || avformat_alloc_output_context2(&format, nullptr, "spdif", nullptr) < 0)
+            return false;
+        muxer.reset(format);
+        auto* buffer = static_cast<uint8_t*>(av_malloc(io_buffer_bytes));
+        format->pb = avio_alloc_context(buffer, io_buffer_bytes, 1, &muxed, nullptr, collect, nullptr);
+        AVStream* stream = avformat_new_stream(format, nullptr);
+        if (format->pb == nullptr || stream == nullptr)
+            return false;
+        stream->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
+        stream->codecpar->codec_id = codec;
+        stream->codecpar->sample_rate = muxer_rate;
+        if (avformat_write_header(format, nullptr) < 0)
+            return false;
+        decoder.reset(avcodec_alloc_context3(avcodec_find_decoder(codec)));
+        if (!decoder)
+            return false;
+        // Equal input gives equal output, here and in the player's decoder.
+        av_opt_set_int(decoder->priv_data, "cons_noisegen", 1, 0);
+        return avcodec_open2(decoder.get(), nullptr, nullptr) == 0;
+    }
+};
+
+CodedTrack::CodedTrack(Coding coding, int sample_rate) : m_coding(coding), m_sample_rate(sample_rate)
+{
+    auto codecs = std::make_unique<Codecs>();
+    if (m_link.usable() && m_sound.usable() && codecs->open(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3))
+        m_codecs = std::move(codecs);
+}
+
+CodedTrack::~CodedTrack() = default;
+
+bool CodedTrack::add(AVPacket* packet)
+{
+    // The muxer wants ascending time stamps and does nothing with them; those of a film may repeat themselves.
+    packet->pts = packet->dts = m_packets++;
+    packet->stream_index = 0;
+    if (!store_decoded(packet))
+        return false;
+    if (av_write_frame(m_codecs->muxer.get(), packet) < 0)
+        return false;
+    avio_flush(m_codecs->muxer->pb);
+    return store_bursts();
+}
+
+// Of a burst only what comes before its stuffing takes room on the disk.
+bool CodedTrack::store_bursts()
+{
+    std::vector<uint8_t>& muxed = m_codecs->muxed;
+    size_t burst_bytes = static_cast<size_t>(burst_link_frames(m_coding)) * link_frame_bytes;
+    size_t done = 0;
+    for (; muxed.size() - done >= burst_bytes; done += burst_bytes) {
+        const uint8_t* burst = muxed.data() + done;
+        size_t used = burst_bytes;
+        while (used > 0 && burst[used - 1] == 0)
+            used--;
+        auto used_frames = static_cast<int64_t>((used + link_frame_bytes - 1) / link_frame_bytes);
+        std::vector<int16_t> words(static_cast<size_t>(2 * used_frames));
+        std::copy_n(burst, words.size() * sizeof(int16_t), reinterpret_cast<uint8_t*>(words.data()));
+        if (!m_link.append(words.data(), used_frames) ||
+            !m_link.append_silence(burst_link_frames(m_coding) - used_frames))
+            return false;
+    }
+    muxed.erase(muxed.begin(), muxed.begin() + static_cast<ptrdiff_t>(done));
+    return true;
+}
+
+bool CodedTrack::store_decoded(AVPacket* packet)
+{
+    Codecs& codecs = *m_codecs;
+    AVFrame* frame = codecs.frame.get();
+    int64_t before = m_sound.frames();
+    // What cannot be decoded is silent: the next frame keeps its place.
+    avcodec_send_packet(codecs.decoder.get(), packet);
+    while (avcodec_receive_frame(codecs.decoder.get(), frame) >= 0) {
+        // Made anew each time: layout and levels may change with any frame.
+        Owned<SwrContext> converter(make_downmixer(frame));
+        codecs.stereo.assign(static_cast<size_t>(2 * frame->nb_samples), 0);
+        auto* bytes = reinterpret_cast<uint8_t*>(codecs.stereo.data());
+        if (converter)
+            swr_convert(converter.get(), &bytes, frame->nb_samples, const_cast<const uint8_t**>(frame->extended_data),
+                        frame->nb_samples);
+        if (!m_sound.append(codecs.stereo.data(), frame->nb_samples))
+            return false;
+    }
+    return m_sound.frames() > before || m_sound.append_silence(burst_samples);
+}
+
+bool CodedTrack::add_gap(int64_t samples)
+{
+    int64_t bursts = (samples + burst_samples / 2) / burst_samples;
+    return m_link.append_silence(bursts * burst_link_frames(m_coding)) &&
+           m_sound.append_silence(bursts * burst_samples);
+}
+
+} // namespace play

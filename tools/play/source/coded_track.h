@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "signal/sample_store.h"
+#include "source/source.h"
+
+struct AVPacket;
+
+namespace play
+{
+
+/**
+ * A compressed track twice: as it passes on the link, in IEC 61937 bursts of
+ * libavformat's muxer, and as a decoder makes sound of it. Both begin with the
+ * first burst, and sample n lies in burst n / burst_samples. One thread
+ * appends, any thread reads.
+ */
+class CodedTrack
+{
+public:
+    CodedTrack(Coding coding, int sample_rate);
+    ~CodedTrack();
+    CodedTrack(const CodedTrack&) = delete;
+    CodedTrack& operator=(const CodedTrack&) = delete;
+
+    /// @return false without muxer, decoder or temporary files
+    bool usable() const { return m_codecs != nullptr; }
+    Coding coding() const { return m_coding; }
+    int sample_rate() const { return m_sample_rate; }
+
+    /// Appends a frame of the stream. @return false if the disk is full or the muxer refuses it
+    bool add(AVPacket* packet);
+    /// Appends silence of about @p samples: as many bursts as fit best.
+    bool add_gap(int64_t samples);
+
+    /// Samples of the bursts so far.
+    int64_t samples() const { return m_link.frames() / link_frames_per_sample(m_coding); }
+    /// As SampleStore::read().
+    int64_t link(int64_t first, int16_t* words, int64_t frames) const { return m_link.read(first, words, frames); }
+    int64_t audio(int64_t first, int16_t* stereo, int64_t frames) const { return m_sound.read(first, stereo, frames); }
+
+private:
+    struct Codecs;
+
+    bool store_bursts();
+    bool store_decoded(AVPacket* packet);
+
+    Coding m_coding;
+    int m_sample_rate;
+    SampleStore m_link;
+    SampleStore m_sound;
+    int64_t m_packets = 0;
+    std::unique_ptr<Codecs> m_codecs;
+};
+
+} // namespace play

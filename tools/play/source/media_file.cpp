@@ -1,0 +1,425 @@
+// SPDX-License-Identifier: MIT
+#include "source/media_file.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "signal/rate_conversion.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+namespace play
+{
+namespace
+{
+
+/// Pictures decoded ahead: small ones, a few megabytes in all; and with images, some two hundred.
+constexpr size_t pictures_ahead = 600;
+constexpr size_t images_ahead = 50;
+/// Sound decoded ahead of the pictures, in a file that keeps the two far apart; less of it where images pile up for it.
+constexpr int64_t sound_ahead_ns = 2'000'000'000;
+constexpr int64_t sound_ahead_of_images_ns = 600'000'000;
+/// Larger images are left to the display to enlarge.
+constexpr Size largest_image{1280, 720};
+/// Of pictures and of sound: enough to start with. With less, not even the first full second could be measured.
+constexpr int64_t least_ns = 1'600'000'000;
+/// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
+constexpr int64_t gap_ms = 100;
+constexpr int64_t second_ns = 1'000'000'000;
+
+struct FormatCloser {
+    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
+};
+struct CodecFreer {
+    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
+};
+struct FrameFreer {
+    void operator()(AVFrame* p) const { av_frame_free(&p); }
+};
+struct PacketFreer {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+struct ConverterFreer {
+    void operator()(SwrContext* p) const { swr_free(&p); }
+};
+struct ScalerFreer {
+    void operator()(SwsContext* p) const { sws_freeContext(p); }
+};
+
+std::string av_text(int code)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
+Coding coding_of(const AVCodecParameters& parameters)
+{
+    return parameters.codec_id == AV_CODEC_ID_AC3    ? Coding::ac3
+           : parameters.codec_id == AV_CODEC_ID_EAC3 ? Coding::eac3
+                                                     : Coding::pcm;
+}
+
+int64_t to_ns(int64_t time, AVRational base) { return av_rescale_q(time, base, {1, 1'000'000'000}); }
+
+} // namespace
+
+struct MediaDecoders {
+    std::unique_ptr<AVFormatContext, FormatCloser> format;
+    std::unique_ptr<AVCodecContext, CodecFreer> video;
+    std::unique_ptr<AVCodecContext, CodecFreer> audio;
+    std::unique_ptr<SwsContext, ScalerFreer> scaler;
+    std::unique_ptr<SwsContext, ScalerFreer> image_scaler;
+    std::unique_ptr<SwrContext, ConverterFreer> converter;
+    std::unique_ptr<AVFrame, FrameFreer> frame{av_frame_alloc()};
+    std::unique_ptr<AVPacket, PacketFreer> packet{av_packet_alloc()};
+    int video_index = -1;
+    int audio_index = -1;
+    int64_t start_ns = 0;      ///< the file's time at our zero
+    int64_t next_video_ns = 0; ///< for pictures without a time stamp
+    std::vector<int16_t> converted;
+
+    std::string open_stream(AVMediaType type, int* index, std::unique_ptr<AVCodecContext, CodecFreer>* codec)
+    {
+        const char* name = av_get_media_type_string(type);
+        for (unsigned i = 0; i < format->nb_streams && *index < 0; i++)
+            if (format->streams[i]->codecpar->codec_type == type)
+                *index = static_cast<int>(i);
+        if (*index < 0)
+            return std::string("has no ") + name + " stream";
+        const AVCodecParameters* parameters = format->streams[*index]->codecpar;
+        const AVCodec* decoder = avcodec_find_decoder(parameters->codec_id);
+        if (decoder == nullptr)
+            return std::string("has ") + name + " for which there is no decoder";
+        codec->reset(avcodec_alloc_context3(decoder));
+        if (!*codec || avcodec_parameters_to_context(codec->get(), parameters) < 0)
+            return std::string("has ") + name + " that cannot be decoded";
+        (*codec)->thread_count = 0;
+        return "";
+    }
+
+    AVRational time_base(int index) const { return format->streams[index]->time_base; }
+};
+
+MediaFile::MediaFile() : m_decoders(new MediaDecoders) {}
+
+MediaFile::~MediaFile()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_changed.notify_all();
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_rate, std::optional<Coding> coding,
+                                           std::string* error)
+{
+    av_log_set_level(AV_LOG_QUIET);
+    std::unique_ptr<MediaFile> file(new MediaFile);
+    MediaDecoders& decoders = *file->m_decoders;
+    AVFormatContext* format = nullptr;
+    // "file:" keeps a name with a colon from being taken for a protocol.
+    int result = avformat_open_input(&format, ("file:" + path).c_str(), nullptr, nullptr);
+    decoders.format.reset(format);
+    if (result >= 0)
+        result = avformat_find_stream_info(format, nullptr);
+    if (result < 0) {
+        bool unknown = result == AVERROR_INVALIDDATA || result == AVERROR_EOF;
+        *error = path + ": " + (unknown ? "not a media file" : av_text(result));
+        return nullptr;
+    }
+    std::string wrong = decoders.open_stream(AVMEDIA_TYPE_VIDEO, &decoders.video_index, &decoders.video);
+    if (wrong.empty())
+        wrong = decoders.open_stream(AVMEDIA_TYPE_AUDIO, &decoders.audio_index, &decoders.audio);
+    if (!wrong.empty()) {
+        *error = path + ": " + wrong;
+        return nullptr;
+    }
+    if (!file->m_sound.usable()) {
+        *error = "no temporary file for the decoded sound";
+        return nullptr;
+    }
+    int own_rate = decoders.audio->sample_rate;
+    bool carried = own_rate == 32000 || own_rate == 44100 || own_rate == 48000;
+    file->m_audio_rate = audio_rate != 0 ? audio_rate : carried ? own_rate : 48000;
+    AVRational rate = av_guess_frame_rate(format, format->streams[decoders.video_index], nullptr);
+    if (rate.num > 0 && rate.den > 0)
+        file->m_fps = {rate.num, rate.den};
+    decoders.start_ns = format->start_time != AV_NOPTS_VALUE ? format->start_time * 1000 : 0;
+    if (format->duration > 0)
+        file->m_stated_seconds = static_cast<double>(format->duration) / AV_TIME_BASE;
+    const AVStream& sound = *format->streams[decoders.audio_index];
+    Coding own = coding_of(*sound.codecpar);
+    if (own != Coding::pcm && carried && file->m_audio_rate == own_rate && coding.value_or(own) == own) {
+        file->m_track = std::make_unique<CodedTrack>(own, own_rate);
+        // The link begins with a burst: zeros before it would be silence to the player.
+        if (sound.start_time != AV_NOPTS_VALUE)
+            decoders.start_ns = to_ns(sound.start_time, sound.time_base);
+    }
+    if (file->m_track && !file->m_track->usable()) {
+        *error = path + ": its sound cannot be packed into bursts";
+        return nullptr;
+    }
+    char text[256];
+    std::snprintf(text, sizeof text, "%s %dx%d %.5g fps, %s, sent as %s at %d Hz",
+                  avcodec_get_name(decoders.video->codec_id), decoders.video->width, decoders.video->height,
+                  file->m_fps.value(), avcodec_get_name(decoders.audio->codec_id), coding_name(file->coding()),
+                  file->m_audio_rate);
+    file->m_description = path + ": " + text;
+    return file;
+}
+
+void MediaFile::want_images(Size box) { m_image_box = box; }
+
+bool MediaFile::start(int64_t length_ns, std::string* error)
+{
+    m_length_ns = length_ns;
+    m_thread = std::thread(&MediaFile::decode_thread, this);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    auto pictures_ns = [this] { return m_frame_times.empty() ? 0 : m_frame_times.back(); };
+    auto enough = [this, &pictures_ns] { return pictures_ns() >= least_ns && sound_ns() >= least_ns; };
+    m_changed.wait(lock, [this, &enough] { return m_ended || enough() || !wants_more(); });
+    if (!m_ended || enough())
+        return true;
+    char text[128];
+    std::snprintf(text, sizeof text, "too short or damaged: pictures for %.1f s, sound for %.1f s",
+                  static_cast<double>(pictures_ns()) / 1e9, static_cast<double>(sound_ns()) / 1e9);
+    *error = text;
+    return false;
+}
+
+void MediaFile::audio(int64_t first, int16_t* stereo, int frames) const
+{
+    int64_t got = m_track ? m_track->audio(first, stereo, frames) : m_sound.read(first, stereo, frames);
+    note_starved(got == frames || first < 0);
+}
+
+void MediaFile::link(int64_t first, int16_t* words, int frames) const
+{
+    if (m_track)
+        note_starved(m_track->link(first, words, frames) == frames || first < 0);
+    else
+        audio(first, words, frames);
+}
+
+void MediaFile::note_starved(bool complete) const
+{
+    if (complete)
+        return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_starved += m_ended ? 0 : 1;
+}
+
+int64_t MediaFile::sound_ns() const
+{
+    return (m_track ? m_track->samples() : m_sound.frames()) * second_ns / m_audio_rate;
+}
+
+bool MediaFile::next_video(VideoFrame* frame)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_pictures.empty() && !m_ended) {
+        m_starved++;
+        m_changed.wait(lock, [this] { return !m_pictures.empty() || m_ended; });
+    }
+    if (m_pictures.empty())
+        return false;
+    *frame = m_pictures.front();
+    m_pictures.pop_front();
+    m_changed.notify_all();
+    return true;
+}
+
+int64_t MediaFile::frame_ns(int64_t number) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto index = static_cast<size_t>(std::max<int64_t>(number, 0));
+    return index < m_frame_times.size() ? m_frame_times[index] : -1;
+}
+
+// --- The decoding thread ----------------------------------------------------------
+
+void MediaFile::decode_thread()
+{
+    pthread_setname_np(pthread_self(), "decode");
+    MediaDecoders& decoders = *m_decoders;
+    bool opened = avcodec_open2(decoders.video.get(), nullptr, nullptr) == 0 &&
+                  avcodec_open2(decoders.audio.get(), nullptr, nullptr) == 0;
+    AVPacket* packet = decoders.packet.get();
+    while (opened && av_read_frame(decoders.format.get(), packet) >= 0) {
+        wait_for_demand();
+        // A damaged packet is the decoder's to skip: what follows it may be whole.
+        if (packet->stream_index == decoders.video_index && avcodec_send_packet(decoders.video.get(), packet) >= 0)
+            take_video();
+        if (packet->stream_index == decoders.audio_index && m_track)
+            take_coded();
+        else if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
+            take_audio();
+        av_packet_unref(packet);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        bool enough = past_the_end(decoders.next_video_ns) && past_the_end(sound_ns());
+        if (m_stop || enough)
+            break;
+    }
+    if (opened)
+        drain_decoders();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended = true;
+    m_changed.notify_all();
+}
+
+void MediaFile::wait_for_demand()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_stop || wants_more(); });
+}
+
+bool MediaFile::wants_more() const
+{
+    bool images = m_image_box.width > 0;
+    // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
+    int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
+    return m_pictures.size() < (images ? images_ahead : pictures_ahead) ||
+           sound_ns() < present_ns + (images ? sound_ahead_of_images_ns : sound_ahead_ns);
+}
+
+void MediaFile::drain_decoders()
+{
+    avcodec_send_packet(m_decoders->video.get(), nullptr);
+    take_video();
+    if (m_track)
+        return;
+    avcodec_send_packet(m_decoders->audio.get(), nullptr);
+    take_audio();
+}
+
+void MediaFile::take_coded()
+{
+    AVPacket* packet = m_decoders->packet.get();
+    if (packet->pts != AV_NOPTS_VALUE) {
+        int64_t at_ns = to_ns(packet->pts, m_decoders->time_base(m_decoders->audio_index)) - m_decoders->start_ns;
+        int64_t gap_ns = at_ns - sound_ns();
+        if (gap_ns > gap_ms * second_ns / 1000)
+            m_track->add_gap(gap_ns * m_audio_rate / second_ns);
+    }
+    m_track->add(packet);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_changed.notify_all();
+}
+
+void MediaFile::take_video()
+{
+    MediaDecoders& decoders = *m_decoders;
+    AVFrame* frame = decoders.frame.get();
+    while (avcodec_receive_frame(decoders.video.get(), frame) >= 0) {
+        VideoFrame out = {};
+        out.source_ns = decoders.next_video_ns;
+        if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
+            out.source_ns =
+                to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.video_index)) - decoders.start_ns;
+        decoders.next_video_ns = out.source_ns + second_ns * m_fps.den / m_fps.num;
+        make_field(&out.picture);
+        if (m_image_box.width > 0)
+            out.image = make_image();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        bool in_order = m_frame_times.empty() || out.source_ns > m_frame_times.back();
+        if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
+            continue;
+        out.number = static_cast<int64_t>(m_frame_times.size());
+        write_number(&out.picture, out.number);
+        m_frame_times.push_back(out.source_ns);
+        m_pictures.push_back(out);
+        m_changed.notify_all();
+    }
+}
+
+void MediaFile::make_field(Picture* picture)
+{
+    const AVFrame& frame = *m_decoders->frame;
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->scaler;
+    scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
+                                      static_cast<AVPixelFormat>(frame.format), Picture::width, Picture::field_height,
+                                      AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
+    uint8_t* rows[4] = {picture->field(), nullptr, nullptr, nullptr};
+    int strides[4] = {Picture::width, 0, 0, 0};
+    if (scaler)
+        sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, strides);
+}
+
+/// The decoded frame in colour, in the shape in which it is to be seen.
+std::shared_ptr<const Image> MediaFile::make_image()
+{
+    const AVFrame& frame = *m_decoders->frame;
+    AVRational pixel = frame.sample_aspect_ratio;
+    double width = pixel.num > 0 && pixel.den > 0 ? frame.width * av_q2d(pixel) : frame.width;
+    Size box{std::min(m_image_box.width, largest_image.width), std::min(m_image_box.height, largest_image.height)};
+    Size size = fit(width, frame.height, box);
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->image_scaler;
+    const SwsContext* before = scaler.get();
+    scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
+                                      static_cast<AVPixelFormat>(frame.format), size.width, size.height,
+                                      AV_PIX_FMT_0RGB32, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr));
+    if (!scaler)
+        return nullptr;
+    if (scaler.get() != before) {
+        // Without a word about its colours a large picture has those of HDTV.
+        constexpr int sd_height = 576;
+        int colours = frame.colorspace != AVCOL_SPC_UNSPECIFIED ? static_cast<int>(frame.colorspace)
+                      : frame.height > sd_height                ? SWS_CS_ITU709
+                                                                : SWS_CS_ITU601;
+        constexpr int unchanged = 1 << 16;
+        sws_setColorspaceDetails(scaler.get(), sws_getCoefficients(colours), frame.color_range == AVCOL_RANGE_JPEG,
+                                 sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, unchanged, unchanged);
+    }
+    auto image = std::make_shared<Image>();
+    image->width = size.width;
+    image->height = size.height;
+    image->pixels.resize(static_cast<size_t>(size.width) * static_cast<size_t>(size.height));
+    uint8_t* rows[4] = {reinterpret_cast<uint8_t*>(image->pixels.data()), nullptr, nullptr, nullptr};
+    int strides[4] = {size.width * 4, 0, 0, 0};
+    sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, strides);
+    return image;
+}
+
+void MediaFile::take_audio()
+{
+    MediaDecoders& decoders = *m_decoders;
+    AVFrame* frame = decoders.frame.get();
+    while (avcodec_receive_frame(decoders.audio.get(), frame) >= 0) {
+        if (!decoders.converter)
+            decoders.converter.reset(make_converter(frame, m_audio_rate));
+        if (!decoders.converter)
+            continue;
+        int64_t skip = 0;
+        if (frame->best_effort_timestamp != AV_NOPTS_VALUE) {
+            int64_t at_ns =
+                to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.audio_index)) - decoders.start_ns;
+            int64_t gap = at_ns * m_audio_rate / second_ns - m_sound.frames();
+            if (gap > gap_ms * m_audio_rate / 1000 || (m_sound.frames() == 0 && gap > 0))
+                m_sound.append_silence(gap);
+            else if (m_sound.frames() == 0)
+                skip = -gap;
+        }
+        int capacity = swr_get_out_samples(decoders.converter.get(), frame->nb_samples);
+        decoders.converted.resize(static_cast<size_t>(2 * std::max(capacity, 0)));
+        auto* bytes = reinterpret_cast<uint8_t*>(decoders.converted.data());
+        int frames = swr_convert(decoders.converter.get(), &bytes, capacity,
+                                 const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
+        if (frames > skip)
+            m_sound.append(decoders.converted.data() + 2 * skip, frames - skip);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_changed.notify_all();
+    }
+}
+
+} // namespace play
