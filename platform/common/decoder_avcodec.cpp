@@ -12,7 +12,7 @@
  * two blocks of 64 kB more, and 16 frames of PCM. While the PCM is full, a
  * write takes nothing.
  */
-#include "adecoder.h"
+#include "decoder_avcodec.h"
 
 #include <pthread.h>
 
@@ -37,8 +37,6 @@ extern "C" {
 }
 
 #include "ac3_framer.h"
-
-#define ADECODER_EXPORT __attribute__((visibility("default")))
 
 namespace
 {
@@ -395,10 +393,10 @@ struct adecoder_handle {
     std::thread worker;
 };
 
-extern "C" {
+namespace decoder_avcodec
+{
 
-ADECODER_EXPORT adecoder_handle_t* adecoder_init(adecoder_format_t format, int32_t, int32_t,
-                                                 adecoder_channel_t num_channel, int32_t, bool async_mode)
+adecoder_handle_t* open(adecoder_format_t format, adecoder_channel_t num_channel, bool async_mode)
 {
     if ((format != ADECODER_FORMAT_AC3 && format != ADECODER_FORMAT_EAC3) || num_channel < ADECODER_CHANNEL_MONO ||
         num_channel >= ADECODER_CHANNEL_MAX)
@@ -411,8 +409,7 @@ ADECODER_EXPORT adecoder_handle_t* adecoder_init(adecoder_format_t format, int32
     }
 }
 
-ADECODER_EXPORT int32_t adecoder_write(adecoder_handle_t* handle, const void* data, int32_t bytes, int32_t, int32_t,
-                                       int32_t* status)
+int32_t write(adecoder_handle_t* handle, const void* data, int32_t bytes, int32_t* status)
 {
     int32_t ignored = 0;
     if (handle == nullptr || data == nullptr || bytes < 0)
@@ -425,23 +422,19 @@ ADECODER_EXPORT int32_t adecoder_write(adecoder_handle_t* handle, const void* da
     }
 }
 
-ADECODER_EXPORT int32_t adecoder_read(adecoder_handle_t* handle, int32_t, int32_t, void* buffer, int32_t buffer_size,
-                                      int32_t)
+int32_t read(adecoder_handle_t* handle, void* buffer, int32_t buffer_size)
 {
     if (handle == nullptr || buffer == nullptr || buffer_size < 0)
         return -1;
     return handle->read(buffer, buffer_size);
 }
 
-ADECODER_EXPORT int32_t adecoder_get_output_sample_rate(adecoder_handle_t* handle)
-{
-    return handle != nullptr ? handle->pipeline.rate() : 0;
-}
+int32_t output_sample_rate(adecoder_handle_t* handle) { return handle != nullptr ? handle->pipeline.rate() : 0; }
 
-ADECODER_EXPORT int32_t adecoder_deinit(adecoder_handle_t* handle)
+int32_t close(adecoder_handle_t* handle)
 {
     delete handle;
     return handle != nullptr ? 0 : -1;
 }
 
-} // extern "C"
+} // namespace decoder_avcodec
