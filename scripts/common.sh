@@ -21,6 +21,16 @@ test_packages=(
     xvfb                                                                # a desktop for its window
 )
 
+# run_quietly COMMAND...: its output only if it fails.
+run_quietly() {
+    local log status=0
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 || status=$?
+    [ "$status" -eq 0 ] || cat "$log" >&2
+    rm -f "$log"
+    return "$status"
+}
+
 # is_installed PACKAGE: for this machine's architecture. dpkg knows a package once per architecture.
 is_installed() {
     dpkg-query -W -f '${Architecture} ${db:Status-Status}\n' "$1" 2>/dev/null |
@@ -46,23 +56,11 @@ ensure_packages() {
         fi
         as_root=(sudo)
     fi
-    {
-        # One source that does not answer is enough for update to fail; the packages may come from the others.
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update ||
-            echo "apt-get update failed: installing from the package lists that are here"
-        "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
-            "${missing[@]}"
-    } >&2 </dev/null
-}
-
-# run_quietly COMMAND...: its output only if it fails.
-run_quietly() {
-    local log status=0
-    log=$(mktemp)
-    "$@" >"$log" 2>&1 || status=$?
-    [ "$status" -eq 0 ] || cat "$log" >&2
-    rm -f "$log"
-    return "$status"
+    # One source that does not answer is enough for update to fail; the packages may come from the others.
+    run_quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update </dev/null ||
+        echo "apt-get update failed: installing from the package lists that are here" >&2
+    run_quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
+        "${missing[@]}" </dev/null
 }
 
 # build_targets FOLDER TARGET... [-- CMAKE_OPTION...]: configures FOLDER and builds the targets (all: the default ones).
