@@ -21,79 +21,180 @@
  *
  * ## A host
  *
- *     static hdmi_player_config_t cfg;                   // zero-initialised
- *     cfg.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
- *     cfg.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
- *     cfg.drm_info.fd = drm_fd;
- *     cfg.drm_info.panel_refresh_rate = 60.0f;
- *     cfg.video_frame_queue_size = 16;
- *     cfg.event_cb = on_event;                           // notes AVSYNC_RESET
- *     cfg.video_frame_flip_cb = on_flip;
- *     cfg.video_frame_drop_cb = on_drop;
- *     if (hdmi_player_open(cfg) != 0)
- *         return -1;
- *     hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+ * This is a whole host. It calls four functions of its own: receive_frame()
+ * waits for the input's next video frame (not for longer than a stop may
+ * take), on_flip() shows a frame, on_drop() takes its buffer back, process()
+ * changes the sound. A signal handler or another thread clears `running`, an
+ * atomic_bool, to stop it. It needs <pthread.h>, <limits.h> and C11's
+ * <stdatomic.h>. examples/minimal/main.c is the same host as a program.
  *
- *     // audio thread
- *     while (running) {
- *         hdmi_player_audio_frame_t* block;
- *         if (hdmi_player_get_pcm(&block, 100) != 0)
- *             continue;
- *         if (may_play(block->serial)) {                 // see "Starting cleanly"
- *             process(block->data, block->size);
- *             hdmi_player_write_pcm(block);
+ *     static atomic_int newest_serial;   // of the blocks that were taken
+ *     static atomic_int last_old_serial; // blocks up to this serial are not played
+ *     static bool reset_raised;          // during this call of hdmi_player_video_render()
+ *
+ *     static void on_event(hdmi_player_event_e event)
+ *     {
+ *         if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) { // only inside hdmi_player_video_render()
+ *             last_old_serial = newest_serial;
+ *             reset_raised = true;
  *         }
- *         hdmi_player_put_pcm(block);
  *     }
  *
- *     // video thread, for every frame at the moment at which it arrives
- *     hdmi_player_video_frame_t frame = { buffer, 0 };
- *     if (hdmi_player_video_render(&frame) != 0 && !reset_raised_by_this_call)
- *         release(buffer);                               // the host kept it
+ *     static bool may_play(int32_t serial)
+ *     {
+ *         if (serial > newest_serial)
+ *             newest_serial = serial;
+ *         return serial > last_old_serial;
+ *     }
  *
- *     hdmi_player_close();                               // buffers neither flipped nor dropped come back here
+ *     static void* play_sound(void* unused)
+ *     {
+ *         while (running) {
+ *             hdmi_player_audio_frame_t* block;
+ *             if (hdmi_player_get_pcm(&block, 100) != 0)
+ *                 continue;
+ *             if (may_play(block->serial)) {
+ *                 process(block);
+ *                 hdmi_player_write_pcm(block);
+ *             }
+ *             hdmi_player_put_pcm(block);
+ *         }
+ *         return unused;
+ *     }
+ *
+ *     static void render_frames(void)
+ *     {
+ *         while (running) {
+ *             hdmi_player_video_frame_t frame = receive_frame();
+ *             reset_raised = false;
+ *             if (hdmi_player_video_render(&frame) != 0 && !reset_raised)
+ *                 on_drop(frame); // refused: the host keeps it
+ *         }
+ *     }
+ *
+ *     static int play(int drm_fd)
+ *     {
+ *         hdmi_player_config_t config = {0};
+ *         config.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+ *         config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
+ *         config.drm_info.fd = drm_fd;
+ *         config.drm_info.panel_refresh_rate = 60.0f;
+ *         config.video_frame_queue_size = 16;
+ *         config.event_cb = on_event;
+ *         config.video_frame_flip_cb = on_flip;
+ *         config.video_frame_drop_cb = on_drop;
+ *         newest_serial = 0;         // the first serial of every open
+ *         last_old_serial = INT_MAX; // nothing is played before the first reset
+ *         if (hdmi_player_open(config) != 0)
+ *             return -1;
+ *         hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+ *
+ *         pthread_t sound;
+ *         const int error = pthread_create(&sound, NULL, play_sound, NULL);
+ *         if (error == 0) {
+ *             render_frames();           // stop: returns when `running` is cleared
+ *             pthread_join(sound, NULL); // join: nobody holds a block any more
+ *         }
+ *         hdmi_player_close(); // close: frees the blocks, ends the callbacks
+ *         return error;
+ *     }
+ *
+ * One thread renders here. A host that renders from several threads makes
+ * `reset_raised` thread-local: the event comes on the thread whose render
+ * raised it.
  *
  * ## Starting cleanly
  *
- * At the first frame that meets running capture, and whenever the time line
- * breaks (a second without frames, a full video queue, a change of the input's
- * format or rate, a selection that changes how the input is played), the
- * player resets: it raises E_HDMI_PLAYER_EVENT_AVSYNC_RESET, restarts the
- * audio's time line with a new `serial` and pts 0, and queues the frames until
- * sound of that serial is played; once the queue is full, every further frame
- * flips the oldest. The first block of a serial is held back by the latency of
- * the video path, 76 ms, and the picture follows the sound from then on: late
- * frames are dropped, but early ones are never held back for the sound, so the
- * sound must not be later than that plan.
+ * The player resets at the first frame that meets running capture, and whenever
+ * the time line breaks: after a second without frames, when the video queue is
+ * full, when the input's format or rate changes, and when a selection changes
+ * how the input is played. In a reset it
+ * - raises E_HDMI_PLAYER_EVENT_AVSYNC_RESET;
+ * - restarts the audio's time line with a new `serial` and pts 0;
+ * - queues the frames until sound of that serial is played. Once the queue is
+ *   full, every further frame flips the oldest.
+ *
+ * The first block of a serial is held back for 76 ms, the latency of the video
+ * path, before it goes to the device. From then on frames that are late against
+ * the sound are dropped. Frames that are early are not held back, so sound that
+ * starts later than that stays late.
  *
  * So, from hdmi_player_open() on, the host
  * - tells at once that the cable is in (hdmi_player_hotplug_status_changed());
- * - pulls blocks all the time, so that none grow old in the queues;
- * - gives blocks straight back, unwritten, until the first block whose serial
- *   is new since the latest AVSYNC_RESET. What is written before stays ahead of
- *   the new sequence in the playback device, and more than 76 ms of it
- *   remain as late sound for good.
+ * - takes blocks all the time, so that none grow old in the queues;
+ * - gives blocks back unwritten until the first block whose serial is newer
+ *   than every serial before the latest AVSYNC_RESET. Blocks that are written
+ *   before that lie in the playback device ahead of the new sequence. If they
+ *   last longer than 76 ms, the sound is late by the rest and stays so.
  *
  * Frames that come before any sound was captured, or while A/V sync is off, are
  * flipped at once, from inside hdmi_player_video_render(), and start no reset.
- * A host without video, or with A/V sync switched off, gets no reset at all and
- * writes from the first block on.
+ * A host without video, or with A/V sync switched off, therefore gets no reset:
+ * it writes from the first block on.
+ *
+ * ## Stopping
+ *
+ * Blocks from hdmi_player_get_pcm() are memory of the player, which
+ * hdmi_player_close() frees. A host therefore stops in this order:
+ *
+ * 1. Stop: it tells its threads to end.
+ * 2. Join: it waits until none of them holds a block or takes another one.
+ *    hdmi_player_get_pcm() returns after its time-out, hdmi_player_write_pcm()
+ *    as soon as the device has taken a block.
+ * 3. Close: hdmi_player_close().
+ *
+ * Close itself ends calls that are blocked in hdmi_player_get_pcm() and
+ * hdmi_player_write_pcm() (they return -1), and waits for renders and callbacks
+ * in progress. It may take up to 3 seconds: the platform tells the audio system
+ * at the other end of the HDMI cable, over CEC, that the return channel closes.
+ * Meanwhile the player shows no frame and plays no sound. The DRM descriptor
+ * must stay open until close returns.
+ *
+ * Each buffer handle that hdmi_player_video_render() took comes back exactly
+ * once: by the flip callback, by the drop callback or, without a callback, by
+ * the return of hdmi_player_close().
+ *
+ * An output device that takes no sound at all any more blocks
+ * hdmi_player_write_pcm(), and with it the join. A host that must survive that
+ * joins with a time limit, closes, and joins again; between the end of the write
+ * and the end of the thread it does nothing but give the block back.
+ *
+ * ## Volume and mute
+ *
+ * Volume and mute act on the playback device at once if it is open. The player
+ * also remembers them, over close and open too, but it applies what it remembers
+ * in hdmi_player_open() only. That has these consequences:
+ *
+ * - While RAW on S/PDIF or ARC keeps the playback device closed, volume and mute
+ *   return 0 but reach no device. When decoding resumes, the device opens as it
+ *   was before: give them again once sound is played.
+ * - A percentage that is given while muted returns -1 and is only remembered:
+ *   give it again once the mute is off.
+ * - A value is remembered for the next open even if the device refuses it there,
+ *   and that open fails, as does every later one. This holds for a percentage
+ *   that was refused while open, and for anything given while closed. To leave
+ *   that state, give a value that the device accepts (a percentage, or a mute)
+ *   before the next open; for a hardware volume also a negative one, with which
+ *   none is remembered.
+ * - A remembered hardware volume goes before the percentage at every open, until
+ *   hdmi_player_set_volume2() is called with a negative value while the player
+ *   is closed.
  *
  * ## Compressed sound
  *
  * The time line of decoded sound begins with the first burst that is decoded
- * after the reset. Bursts of AC-3 and E-AC-3 last 32 ms at 48 kHz, so that one
- * began between 0 and 32 ms after the picture's zero, and by as much the sound
- * would be early for good. A host that knows its input to be compressed adds
+ * after the reset. Bursts of AC-3 and E-AC-3 last 32 ms at 48 kHz, so the first
+ * one began 0 to 32 ms after the zero of the video's time line, and the sound
+ * stays early by as much. A host that knows that its input is compressed adds
  * half a burst (1536 / 2 samples) to the pts of what it writes: the error is
  * then at most half a burst, to either side. On PCM input there is nothing to
  * add.
  *
  * A burst is decoded whole if its payload is not larger than one captured
  * chunk, 3840 bytes (3584 at 44.1 kHz): AC-3 at every bit rate, E-AC-3 up to
- * 960 kb/s (823 kb/s at 44.1 kHz, 640 kb/s at 32 kHz). Of a larger one what
- * lies between its first and its last chunk is lost, and the sound is broken;
- * RAW on S/PDIF or ARC passes it on whole.
+ * 960 kb/s (823 kb/s at 44.1 kHz, 640 kb/s at 32 kHz). A larger burst loses what
+ * lies between its first and its last chunk, and the sound is broken. RAW on
+ * S/PDIF or ARC passes such bursts on whole.
  *
  * ## Length of the video queue
  *
@@ -103,10 +204,11 @@
  *     2 + frames per second x (one capture period + resampler + host's processing
  *                              + decoder + backlog of the output)    [seconds]
  *
- * One capture period is 20 ms (20.3 ms at 44.1 kHz, 30 ms at 32 kHz), the
- * resampler below 1 ms, the decoder one burst (32 ms for AC-3 and E-AC-3 at
- * 48 kHz, 48 ms at 32 kHz), the backlog of the output the 76 ms for which it is
- * held at the start. A queue that is full at a render call starts a reset.
+ * One capture period is 20 ms (20.3 ms at 44.1 kHz, 30 ms at 32 kHz). The
+ * resampler takes less than 1 ms. The decoder takes one burst (32 ms for AC-3
+ * and E-AC-3 at 48 kHz, 48 ms at 32 kHz). The backlog of the output is the 76 ms
+ * for which the first block is held back. A queue that is full at a render call
+ * starts a reset.
  *
  * ## Threads, locks, callbacks
  *
@@ -122,20 +224,18 @@
  * renders from inside its flip callback bounds that itself: in free run, and
  * while a reset keeps the queue full, every render flips at once.
  *
- * Buffer handles are opaque: the library never looks into them. Each handle
- * that hdmi_player_video_render() took comes back exactly once, by the flip
- * callback, by the drop callback or by the return of hdmi_player_close().
+ * Buffer handles are opaque: the library never looks into them.
  *
  * ## Errors and messages
  *
- * Functions return 0 on success and -1 on failure (volume and mute: the
- * platform's error code), with a message on standard output; nothing aborts the
- * process. Environment variable debug_hdmiplayer_log_level sets what is
- * printed: 0 nothing, 1 errors, 2 warnings (default), 3 information, 4 debug,
- * 5 verbose.
+ * Functions return 0 on success and -1 on failure, volume and mute also the
+ * platform's error code. Failures print a message on standard output;
+ * nothing aborts the process. The environment variable
+ * debug_hdmiplayer_log_level sets what is printed: 0 nothing, 1 errors,
+ * 2 warnings (default), 3 information, 4 debug, 5 verbose.
  *
- * The process should have permission for round-robin scheduling at priority 99
- * (CAP_SYS_NICE or RLIMIT_RTPRIO) for the capture thread; without it the player
+ * The capture thread asks for round-robin scheduling at priority 99
+ * (CAP_SYS_NICE or RLIMIT_RTPRIO permits it). Without the permission the player
  * warns once and captures with the scheduling of the thread that opened it.
  */
 #ifndef HDMI_PLAYER_H
@@ -265,15 +365,17 @@ typedef struct hdmi_player_config_s {
  * Other functions that are called before it returns may fail.
  * @return 0; -1 when it is open already, the flip or the drop callback is
  * missing, ao_dev or ao_format is out of range, a device does not open or the
- * output refuses volume or mute: then everything is as before.
+ * output refuses the remembered volume or mute (see "Volume and mute"). After a
+ * failure everything is as before.
  */
 HDMI_PLAYER_API int32_t hdmi_player_open(hdmi_player_config_t cfg);
 
 /**
  * Closes the player: ends its threads and every call that is blocked in it,
- * closes the devices. On return no callback runs or will run, buffers neither
- * flipped nor dropped are the host's again, and blocks from
- * hdmi_player_get_pcm() no longer exist: they must not be touched.
+ * closes the devices. Blocks from hdmi_player_get_pcm() are freed while it runs,
+ * so no thread of the host may hold one: see "Stopping". On return no callback
+ * runs or will run, and buffers that were neither flipped nor dropped are the
+ * host's again. May take up to 3 seconds.
  * @return 0; -1 when it is not open.
  */
 HDMI_PLAYER_API int32_t hdmi_player_close(void);
@@ -285,11 +387,12 @@ HDMI_PLAYER_API int32_t hdmi_player_set_game_mode(bool enable);
 HDMI_PLAYER_API bool hdmi_player_get_game_mode(void);
 
 /**
- * Selects the output device while playing. Where the change sends a compressed
- * input past the player (RAW on S/PDIF or ARC) the device closes at once, and
- * what is written meanwhile is discarded without a wait; on the way back to
- * decoding it reopens at the first block of a new serial, and a new serial
- * needs video: a host without frames stays silent.
+ * Selects the output device while playing. If a compressed input goes past the
+ * player from now on (RAW on S/PDIF or ARC), the playback device closes at once;
+ * blocks that are written meanwhile are discarded without a wait, and volume and
+ * mute reach no device. On the way back to decoding the device reopens at the
+ * first block of a new serial. A new serial needs video frames: a host without
+ * them stays silent.
  * @return 0, also when it is selected already; -1 for an unknown device, when
  * the platform refuses (the old one stays) or when the player is not open.
  */
@@ -299,8 +402,9 @@ HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_de
 HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_format_e format);
 
 /**
- * Sets the volume. Remembered, also while the player is closed or muted, and
- * applied at the next open unless a hardware volume was set.
+ * Sets the volume. The value is remembered, also while the player is closed or
+ * muted and when the device refuses it, and applied at the next open unless a
+ * hardware volume was set: see "Volume and mute".
  * @param volume percent, 0 to 100
  * @return 0, also when it was only remembered for the next open; -1 out of
  * range or while muted; the platform's error otherwise.
@@ -308,16 +412,19 @@ HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_fo
 HDMI_PLAYER_API int32_t hdmi_player_set_volume(int32_t volume);
 
 /**
- * Sets the volume in the output device's own units, which goes before the
- * percentage at the next open. Not remembered while muted or when the device refuses it.
- * @param volume the device's units, not checked; negative: none remembered
+ * Sets the volume in the output device's own units. The value is remembered and
+ * goes before the percentage at the next open; while the player is open, not if
+ * it is muted or the device refuses the value.
+ * @param volume the device's units, not checked; negative, while the player is
+ *        closed: none is remembered
  * @return 0, also when it was only remembered for the next open; -1 while
  * muted; the platform's error otherwise.
  */
 HDMI_PLAYER_API int32_t hdmi_player_set_volume2(int32_t volume);
 
 /**
- * Mutes the output or takes the mute off; remembered over close and open.
+ * Mutes the output or takes the mute off. Remembered over close and open; while
+ * the player is open, not if the device refuses it.
  * @return 0, also when it was only remembered for the next open; -1 when it is
  * as asked already; the platform's error otherwise.
  */
@@ -336,9 +443,9 @@ HDMI_PLAYER_API int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, i
 HDMI_PLAYER_API int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame);
 
 /**
- * Queues a block for playback; its content is copied. The sound must have the
- * output's rate and 2 channels: it is played as it is. Blocks while 128 blocks
- * wait to be played, which paces the host to the device.
+ * Queues a block for playback; its content is copied. The sound is played as it
+ * is: it must have the output's rate and 2 channels. While 128 blocks wait to be
+ * played the call waits, which paces the host to the device.
  * @return 0; -1 for a block without data, when the player is not open or is
  * being closed; 1 when the queue refused the block.
  */
@@ -346,23 +453,23 @@ HDMI_PLAYER_API int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame);
 
 /**
  * Hands in one video frame, to be called when the frame arrives: the time of
- * the call is the frame's time. Does not wait for the display, except that a
- * call that starts a reset waits for the synchronizer's threads: for a flip or
- * drop callback in progress and for the vertical blank.
- * May call flip, drop and event callbacks itself.
+ * the call is the frame's time. Does not wait for the display, with one
+ * exception: a call that starts a reset waits for a flip or drop callback in
+ * progress and for the vertical blank. May call flip, drop and event callbacks
+ * itself.
  * @param frame copied; its pts may be overwritten
  * @return 0: the player has the frame, and it comes back by a callback or by
- * close. -1: if E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised during this call,
- * on the calling thread, the player has the frame all the same; otherwise the
- * host keeps it (no cable, no room, not open). With
- * debug_hdmiplayer_video_wait_audio=0 the host keeps it in either case.
+ * close. -1 and E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised on this thread during
+ * the call: the player has the frame all the same (not so with
+ * debug_hdmiplayer_video_wait_audio=0: the host keeps it). -1 without that event:
+ * the host keeps the frame (no cable, no room, not open).
  */
 HDMI_PLAYER_API int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame);
 
 /**
- * Tells that the cable was plugged in or pulled out. Frames are refused while
- * it is out and A/V sync is on; every open starts with the cable out. A value
- * outside the enumeration is stored as it is, and frames are refused as well.
+ * Tells that the cable was plugged in or pulled out. Every open starts with the
+ * cable out. While it is out and A/V sync is on, frames are refused. A value
+ * outside the enumeration is stored as it is and refuses frames as well.
  * @return 0; -1 when the player is not open.
  */
 HDMI_PLAYER_API int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state);

@@ -1,97 +1,157 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The smallest host: opens the player, passes the sound through, hands in a
- * frame every sixtieth of a second, closes. It leaves out what a real host
- * adds: a picture, a display, processing of the sound. tools/play shows
- * those, and how to measure them.
+ * The smallest host: passes the sound through and hands in a frame every
+ * sixtieth of a second, until it is interrupted or its time is over.
+ *
+ *     minimal [SECONDS]
+ *
+ * The part marked as the host is the one of hdmi_player.h and README.md, line
+ * for line. What stands before it is a product's own: where frames come from,
+ * what shows them, what is done to the sound. Here that is next to nothing.
  */
 #include <hdmi_player.h>
+#include <limits.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
+#include <unistd.h>
 
-enum { FPS = 60, QUEUE_FRAMES = 16, NO_SERIAL = -1 };
+enum { FPS = 60, NS_PER_S = 1000000000, NO_DISPLAY = 0 };
 
-static atomic_bool g_running = true;
-static atomic_long g_flipped, g_dropped;
-/* The newest serial pulled, and the one that was the newest when the time line last broke. */
-static atomic_int g_serial = NO_SERIAL, g_serial_at_reset = NO_SERIAL;
-static atomic_bool g_was_reset;
+static atomic_long received, shown, dropped, blocks;
+static atomic_bool running = true;
 
-static void on_event(hdmi_player_event_e event)
+/* Waits for the input's next frame. */
+static hdmi_player_video_frame_t receive_frame(void)
 {
-    if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
-        g_serial_at_reset = g_serial;
-        g_was_reset = true;
-    } else {
-        printf("event %d\n", event);
+    static struct timespec next;
+    if (received == 0)
+        clock_gettime(CLOCK_MONOTONIC, &next);
+    next.tv_nsec += NS_PER_S / FPS;
+    if (next.tv_nsec >= NS_PER_S) {
+        next.tv_nsec -= NS_PER_S;
+        next.tv_sec++;
     }
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, NULL);
+    received++;
+    return (hdmi_player_video_frame_t){&received, 0}; /* any handle of the host's */
 }
 
+/* Shows the frame at the coming vertical blank. */
 static void on_flip(hdmi_player_video_frame_t frame)
 {
-    (void)frame; /* a real host queues frame.buf_handle for the coming vertical blank */
-    g_flipped++;
+    (void)frame;
+    shown++;
 }
 
+/* Takes the frame's buffer back. */
 static void on_drop(hdmi_player_video_frame_t frame)
 {
     (void)frame;
-    g_dropped++;
+    dropped++;
 }
 
-static void* play_sound(void* arg)
+static void process(hdmi_player_audio_frame_t* block)
 {
-    (void)arg;
-    while (g_running) {
+    (void)block;
+    blocks++;
+}
+
+/* --- The host ------------------------------------------------------------- */
+
+static atomic_int newest_serial;   // of the blocks that were taken
+static atomic_int last_old_serial; // blocks up to this serial are not played
+static bool reset_raised;          // during this call of hdmi_player_video_render()
+
+static void on_event(hdmi_player_event_e event)
+{
+    if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) { // only inside hdmi_player_video_render()
+        last_old_serial = newest_serial;
+        reset_raised = true;
+    }
+}
+
+static bool may_play(int32_t serial)
+{
+    if (serial > newest_serial)
+        newest_serial = serial;
+    return serial > last_old_serial;
+}
+
+static void* play_sound(void* unused)
+{
+    while (running) {
         hdmi_player_audio_frame_t* block;
         if (hdmi_player_get_pcm(&block, 100) != 0)
             continue;
-        g_serial = block->serial;
-        /* Blocks from before the reset would only make the sound late. */
-        if (g_was_reset && block->serial != g_serial_at_reset)
+        if (may_play(block->serial)) {
+            process(block);
             hdmi_player_write_pcm(block);
+        }
         hdmi_player_put_pcm(block);
     }
-    return NULL;
+    return unused;
+}
+
+static void render_frames(void)
+{
+    while (running) {
+        hdmi_player_video_frame_t frame = receive_frame();
+        reset_raised = false;
+        if (hdmi_player_video_render(&frame) != 0 && !reset_raised)
+            on_drop(frame); // refused: the host keeps it
+    }
+}
+
+static int play(int drm_fd)
+{
+    hdmi_player_config_t config = {0};
+    config.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+    config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
+    config.drm_info.fd = drm_fd;
+    config.drm_info.panel_refresh_rate = 60.0f;
+    config.video_frame_queue_size = 16;
+    config.event_cb = on_event;
+    config.video_frame_flip_cb = on_flip;
+    config.video_frame_drop_cb = on_drop;
+    newest_serial = 0;         // the first serial of every open
+    last_old_serial = INT_MAX; // nothing is played before the first reset
+    if (hdmi_player_open(config) != 0)
+        return -1;
+    hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+
+    pthread_t sound;
+    const int error = pthread_create(&sound, NULL, play_sound, NULL);
+    if (error == 0) {
+        render_frames();           // stop: returns when `running` is cleared
+        pthread_join(sound, NULL); // join: nobody holds a block any more
+    }
+    hdmi_player_close(); // close: frees the blocks, ends the callbacks
+    return error;
+}
+
+/* --- End of the host ------------------------------------------------------ */
+
+static void stop(int signal_number)
+{
+    (void)signal_number;
+    running = false;
 }
 
 int main(int argc, char** argv)
 {
-    const int seconds = argc > 1 ? atoi(argv[1]) : 10;
-
-    hdmi_player_config_t config = {0};
-    config.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
-    config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
-    config.video_frame_queue_size = QUEUE_FRAMES;
-    config.event_cb = on_event;
-    config.video_frame_flip_cb = on_flip;
-    config.video_frame_drop_cb = on_drop;
-    if (hdmi_player_open(config) != 0)
+    const struct sigaction action = {.sa_handler = stop};
+    sigaction(SIGINT, &action, NULL);
+    sigaction(SIGTERM, &action, NULL);
+    sigaction(SIGALRM, &action, NULL);
+    if (argc > 1)
+        alarm((unsigned)atoi(argv[1]));
+    if (play(NO_DISPLAY) != 0)
         return EXIT_FAILURE;
-    hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
-
-    pthread_t sound;
-    pthread_create(&sound, NULL, play_sound, NULL);
-
-    struct timespec next;
-    clock_gettime(CLOCK_MONOTONIC, &next);
-    for (long i = 0; i < (long)seconds * FPS; i++) {
-        hdmi_player_video_frame_t frame = {&g_flipped, 0}; /* any handle of the host's */
-        hdmi_player_video_render(&frame);
-        next.tv_nsec += 1000000000 / FPS;
-        if (next.tv_nsec >= 1000000000) {
-            next.tv_nsec -= 1000000000;
-            next.tv_sec++;
-        }
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, NULL);
-    }
-
-    g_running = false;
-    pthread_join(sound, NULL); /* before close: blocks die there */
-    hdmi_player_close();
-    printf("%ld frames shown, %ld dropped\n", g_flipped, g_dropped);
+    printf("%ld frames shown, %ld not shown, %ld back at close; %ld blocks of sound\n", shown, dropped,
+           received - shown - dropped, blocks);
     return EXIT_SUCCESS;
 }
