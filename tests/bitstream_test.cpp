@@ -147,7 +147,7 @@ void on_drop(hdmi_player_video_frame_t) {}
 class Host
 {
 public:
-    explicit Host(bool video, hdmi_player_ao_dev_e device = E_HDMI_PLAYER_AO_DEV_SPEAKER) : m_video(video)
+    explicit Host(bool video, hdmi_player_ao_dev_e device = E_HDMI_PLAYER_AO_DEV_SPEAKER) : video_(video)
     {
         g_unsupported = g_resets = g_flipped = 0;
         hdmi_player_config_t config = {};
@@ -160,45 +160,45 @@ public:
         if (hdmi_player_open(config) != 0)
             throw std::runtime_error("open");
         hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
-        m_audio = std::thread([this] { audio(); });
-        m_render = std::thread([this] { render(); });
+        audio_ = std::thread([this] { audio(); });
+        render_ = std::thread([this] { render(); });
     }
     ~Host() { close(); }
 
     void close()
     {
-        if (m_done.exchange(true))
+        if (done_.exchange(true))
             return;
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(hdmi_player_close(), 0);
         EXPECT_LT(std::chrono::steady_clock::now() - start, kPromptClose);
-        m_audio.join();
-        m_render.join();
+        audio_.join();
+        render_.join();
     }
 
     std::vector<Block> blocks()
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_blocks;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return blocks_;
     }
     void forget()
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_blocks.clear();
+        const std::lock_guard<std::mutex> lock(mutex_);
+        blocks_.clear();
     }
     std::vector<int16_t> pcm()
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(mutex_);
         std::vector<int16_t> all;
-        for (const Block& block : m_blocks)
+        for (const Block& block : blocks_)
             all.insert(all.end(), block.pcm.begin(), block.pcm.end());
         return all;
     }
     /// When sound of this kind first went to the output after @p since_ns; 0: not yet.
     int64_t heard(Kind kind, int64_t since_ns)
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        for (const Block& block : m_blocks) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (const Block& block : blocks_) {
             if (block.written && block.taken_ns >= since_ns && kind_of(block.pcm) == kind)
                 return block.taken_ns;
         }
@@ -213,9 +213,9 @@ private:
     void audio()
     {
         int resets = 0;
-        int32_t waiting_for = m_video ? INT32_MIN : -1; // the serial after this one; INT32_MIN: no reset yet
+        int32_t waiting_for = video_ ? INT32_MIN : -1; // the serial after this one; INT32_MIN: no reset yet
         int32_t last = -1;
-        while (!m_done) {
+        while (!done_) {
             hdmi_player_audio_frame_t* frame = nullptr;
             if (hdmi_player_get_pcm(&frame, 100) != 0)
                 continue;
@@ -230,8 +230,8 @@ private:
             const auto* samples = reinterpret_cast<const int16_t*>(frame->data);
             Block block = {hdmi_sim::now_ns(), frame->serial, play, {samples, samples + frame->size / 2}};
             {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_blocks.push_back(std::move(block));
+                const std::lock_guard<std::mutex> lock(mutex_);
+                blocks_.push_back(std::move(block));
             }
             if (play)
                 hdmi_player_write_pcm(frame);
@@ -242,7 +242,7 @@ private:
     void render()
     {
         auto next = std::chrono::steady_clock::now();
-        for (uintptr_t number = 1; m_video && !m_done; ++number) {
+        for (uintptr_t number = 1; video_ && !done_; ++number) {
             hdmi_player_video_frame_t frame = {reinterpret_cast<void*>(number), 0};
             hdmi_player_video_render(&frame);
             next += 16667us;
@@ -250,12 +250,12 @@ private:
         }
     }
 
-    const bool m_video;
-    std::atomic<bool> m_done{false};
-    std::mutex m_mutex;
-    std::vector<Block> m_blocks;
-    std::thread m_audio;
-    std::thread m_render;
+    const bool video_;
+    std::atomic<bool> done_{false};
+    std::mutex mutex_;
+    std::vector<Block> blocks_;
+    std::thread audio_;
+    std::thread render_;
 };
 
 // Where the end of @p pcm stands last in the reference, and how far back they are equal.

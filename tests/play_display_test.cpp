@@ -5,12 +5,12 @@
 #include <atomic>
 #include <thread>
 
-#include "source/canvas.h"
-#include "host/flip_gate.h"
 #include "display/flip_queue.h"
-#include "host/frame_pool.h"
 #include "display/kms_mode.h"
 #include "display/screen.h"
+#include "host/flip_gate.h"
+#include "host/frame_pool.h"
+#include "source/canvas.h"
 
 using namespace play;
 
@@ -19,20 +19,20 @@ namespace
 
 /// Pixels with a margin to the right that nobody may touch.
 struct Pixels {
-    static constexpr int margin = 3;
-    static constexpr uint32_t untouched = 0xABCD1234;
+    static constexpr int kMargin = 3;
+    static constexpr uint32_t kUntouched = 0xABCD1234;
 
     Pixels(int width, int height)
-        : pitch(width + margin),
-          memory(static_cast<size_t>(pitch * height), untouched), canvas{reinterpret_cast<uint8_t*>(memory.data()),
-                                                                         width, height, static_cast<size_t>(pitch) * 4}
+        : pitch(width + kMargin),
+          memory(static_cast<size_t>(pitch * height), kUntouched), canvas{reinterpret_cast<uint8_t*>(memory.data()),
+                                                                          width, height, static_cast<size_t>(pitch) * 4}
     {
     }
     bool margin_untouched() const
     {
         for (int y = 0; y < canvas.height; y++)
             for (int x = canvas.width; x < pitch; x++)
-                if (canvas.row(y)[x] != untouched)
+                if (canvas.row(y)[x] != kUntouched)
                     return false;
         return true;
     }
@@ -103,14 +103,14 @@ TEST(Canvas, PictureIsReadBackFromEveryShapeOfCanvasWithFilmOrWithout)
     const Image tall = image_of(20, 80, 0x123456);
     for (Size size : {Size{64, 48}, Size{65, 49}, Size{640, 480}, Size{1920, 1080}, Size{270, 480}}) {
         Pixels pixels(size.width, size.height);
-        for (int64_t number : {int64_t{0}, int64_t{0xABCDEF}, picture_number_limit - 1})
+        for (int64_t number : {int64_t{0}, int64_t{0xABCDEF}, kPictureNumberLimit - 1})
             for (const Image* image : {static_cast<const Image*>(nullptr), &wide, &tall}) {
-                paint(picture_of(number, Picture::black), image, pixels.canvas);
+                paint(picture_of(number, Picture::kBlack), image, pixels.canvas);
                 EXPECT_EQ(read_number(look_at(pixels.canvas)), number) << size.width << "x" << size.height;
             }
-        for (uint8_t field : {Picture::black, Picture::white}) {
+        for (uint8_t field : {Picture::kBlack, Picture::kWhite}) {
             paint(picture_of(1, field), nullptr, pixels.canvas);
-            EXPECT_EQ(is_flash(look_at(pixels.canvas)), field == Picture::white);
+            EXPECT_EQ(is_flash(look_at(pixels.canvas)), field == Picture::kWhite);
         }
         EXPECT_TRUE(pixels.margin_untouched());
     }
@@ -119,10 +119,10 @@ TEST(Canvas, PictureIsReadBackFromEveryShapeOfCanvasWithFilmOrWithout)
 TEST(Canvas, FilmIsScaledToFitBetweenBlackBorders)
 {
     Pixels pixels(400, 300);
-    paint(picture_of(7, Picture::white), nullptr, pixels.canvas);
+    paint(picture_of(7, Picture::kWhite), nullptr, pixels.canvas);
     Image image = image_of(200, 100, 0x00FF00);
     image.pixels.back() = 0xFF0000;
-    paint(picture_of(8, Picture::black), &image, pixels.canvas);
+    paint(picture_of(8, Picture::kBlack), &image, pixels.canvas);
     EXPECT_EQ(pixels.canvas.row(49)[399], 0u);
     EXPECT_EQ(pixels.canvas.row(50)[399], 0x00FF00u);
     EXPECT_EQ(pixels.canvas.row(249)[399], 0xFF0000u);
@@ -146,39 +146,39 @@ TEST(Canvas, FitKeepsTheShapeAndStaysInsideTheBox)
 
 TEST(FlipGate, LetsOneOfTheFlipsBetweenTwoVerticalBlanksThrough)
 {
-    constexpr int64_t refresh_ns = 20'000'000;
+    constexpr int64_t kRefreshNs = 20'000'000;
     FlipGate gate(50);
-    gate.vblank(100 * refresh_ns);
-    EXPECT_TRUE(gate.admit(100 * refresh_ns + 1000));
-    EXPECT_FALSE(gate.admit(100 * refresh_ns + 2000));
-    EXPECT_TRUE(gate.admit(101 * refresh_ns - 1000)) << "long after the one before";
-    EXPECT_TRUE(gate.admit(101 * refresh_ns + 1000)) << "a vertical blank lies between";
+    gate.vblank(100 * kRefreshNs);
+    EXPECT_TRUE(gate.admit(100 * kRefreshNs + 1000));
+    EXPECT_FALSE(gate.admit(100 * kRefreshNs + 2000));
+    EXPECT_TRUE(gate.admit(101 * kRefreshNs - 1000)) << "long after the one before";
+    EXPECT_TRUE(gate.admit(101 * kRefreshNs + 1000)) << "a vertical blank lies between";
 }
 
 TEST(FlipGate, LetsOneThroughOfTwoThatFlipAtTheSameInstant)
 {
-    constexpr int64_t refresh_ns = 20'000'000;
-    constexpr int rounds = 100'000;
-    constexpr int most_spins = 256;
+    constexpr int64_t kRefreshNs = 20'000'000;
+    constexpr int kRounds = 100'000;
+    constexpr int kMostSpins = 256;
     FlipGate gate(50);
     std::atomic<int> arrived{0};
     std::atomic<int> admitted{0};
     auto flip = [&](int spins_a_round) {
-        for (int round = 1; round <= rounds; round++) {
+        for (int round = 1; round <= kRounds; round++) {
             arrived++;
             for (int spins = 0; arrived < 2 * round; spins++)
-                if (spins > most_spins)
+                if (spins > kMostSpins)
                     std::this_thread::yield();
             // Each round by another distance, the same instant among them.
-            for (std::atomic<int> spins{round * spins_a_round % most_spins}; spins > 0;)
+            for (std::atomic<int> spins{round * spins_a_round % kMostSpins}; spins > 0;)
                 spins--;
-            admitted += gate.admit((1000 + round) * refresh_ns) ? 1 : 0;
+            admitted += gate.admit((1000 + round) * kRefreshNs) ? 1 : 0;
         }
     };
     std::thread other(flip, 0);
     flip(1);
     other.join();
-    EXPECT_EQ(admitted, rounds);
+    EXPECT_EQ(admitted, kRounds);
 }
 
 TEST(FlipQueue, FlipThatComesWhileOneIsPendingWaitsItsTurn)
@@ -276,7 +276,7 @@ TEST(Screen, StayCountsForWhatWasSeenLast)
 {
     Screen screen;
     screen.stay(1); // nothing yet
-    screen.refresh(picture_of(3, Picture::black), 100);
+    screen.refresh(picture_of(3, Picture::kBlack), 100);
     screen.stay(2);
     screen.refresh(Picture{}, 400);
     screen.stay(1);

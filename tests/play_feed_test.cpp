@@ -17,23 +17,23 @@ using namespace play;
 namespace
 {
 
-constexpr int64_t ms = 1'000'000;
-constexpr int64_t second = 1000 * ms;
-constexpr int rate = 48000;
-constexpr int period = 480;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
+constexpr int kRate = 48000;
+constexpr int kPeriod = 480;
 
 int64_t now_ns()
 {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * second + now.tv_nsec;
+    return now.tv_sec * kSecond + now.tv_nsec;
 }
 
 /// Its frames carry their number.
 class Numbers : public Source
 {
 public:
-    int audio_rate() const override { return rate; }
+    int audio_rate() const override { return kRate; }
     void audio(int64_t first, int16_t* stereo, int frames) const override
     {
         for (int64_t i = 0; i < frames; i++) {
@@ -65,85 +65,85 @@ public:
 
     void insert(int buffer_frames)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_buffer_frames = buffer_frames;
-        m_runs.clear();
-        m_stood_full = 0;
+        std::lock_guard<std::mutex> lock(mutex_);
+        buffer_frames_ = buffer_frames;
+        runs_.clear();
+        stood_full_ = 0;
         empty();
     }
     void suspend()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_suspended = true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        suspended_ = true;
     }
     std::vector<Run> runs()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_runs;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return runs_;
     }
     int stood_full()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_stood_full;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stood_full_;
     }
 
     // For the device below:
 
     int buffer_frames()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_buffer_frames;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return buffer_frames_;
     }
     int write(const int16_t* stereo, int frames)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_suspended)
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (suspended_)
             return -ESTRPIPE;
-        if (m_running && queued() < 0)
+        if (running_ && queued() < 0)
             return -EPIPE;
-        if (m_written == 0)
-            m_first = number_in(stereo);
-        int taken = static_cast<int>(std::min<int64_t>(frames, m_buffer_frames - queued()));
-        m_stood_full += taken == 0 && !m_running ? 1 : 0;
-        m_written += taken;
+        if (written_ == 0)
+            first_ = number_in(stereo);
+        int taken = static_cast<int>(std::min<int64_t>(frames, buffer_frames_ - queued()));
+        stood_full_ += taken == 0 && !running_ ? 1 : 0;
+        written_ += taken;
         return taken;
     }
     void start()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_running = true;
-        m_began_ns = now_ns();
-        m_runs.push_back({m_first, m_began_ns});
+        std::lock_guard<std::mutex> lock(mutex_);
+        running_ = true;
+        began_ns_ = now_ns();
+        runs_.push_back({first_, began_ns_});
     }
     void prepare()
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         empty();
     }
     bool ask(AlsaPcm::Word* word)
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         *word = {queued(), now_ns()};
-        return m_running && !m_suspended;
+        return running_ && !suspended_;
     }
 
 private:
-    int64_t queued() const { return m_written - (m_running ? (now_ns() - m_began_ns) * rate / second : 0); }
+    int64_t queued() const { return written_ - (running_ ? (now_ns() - began_ns_) * kRate / kSecond : 0); }
     void empty()
     {
-        m_written = 0;
-        m_running = m_suspended = false;
+        written_ = 0;
+        running_ = suspended_ = false;
     }
 
-    std::mutex m_mutex;
-    int m_buffer_frames = 0;
-    int64_t m_first = 0;
-    int64_t m_written = 0;
-    int64_t m_began_ns = 0;
-    bool m_running = false;
-    bool m_suspended = false;
-    int m_stood_full = 0; ///< times that it had no room, and made none
-    std::vector<Run> m_runs;
+    std::mutex mutex_;
+    int buffer_frames_ = 0;
+    int64_t first_ = 0;
+    int64_t written_ = 0;
+    int64_t began_ns_ = 0;
+    bool running_ = false;
+    bool suspended_ = false;
+    int stood_full_ = 0; ///< times that it had no room, and made none
+    std::vector<Run> runs_;
 };
 
 Card card;
@@ -157,7 +157,7 @@ namespace play
 
 std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string&, Direction, int, std::string*)
 {
-    return std::unique_ptr<AlsaPcm>(new AlsaPcm(nullptr, period, card.buffer_frames()));
+    return std::unique_ptr<AlsaPcm>(new AlsaPcm(nullptr, kPeriod, card.buffer_frames()));
 }
 
 AlsaPcm::~AlsaPcm() = default;
@@ -190,26 +190,26 @@ bool AlsaPcm::ask(Word* word) { return card.ask(word); }
 
 TEST(AlsaFeed, GoesOnAfterASuspendWithWhatIsDueThen)
 {
-    card.insert(16 * period);
+    card.insert(16 * kPeriod);
     Numbers source;
     AlsaFeed feed("card", &source);
     std::string error;
     ASSERT_TRUE(feed.start(&error)) << error;
     int64_t began_ns = card.runs().front().began_ns;
-    ASSERT_TRUE(eventually([&] { return now_ns() - began_ns >= 700 * ms; }));
+    ASSERT_TRUE(eventually([&] { return now_ns() - began_ns >= 700 * kMs; }));
     card.suspend();
     ASSERT_TRUE(eventually([&] { return card.runs().size() == 2; }));
     feed.stop();
     EXPECT_EQ(feed.breaks(), 1);
     Card::Run after = card.runs()[1];
-    int64_t due = (after.began_ns - began_ns) * rate / second;
+    int64_t due = (after.began_ns - began_ns) * kRate / kSecond;
     // Less than its buffer holds.
-    EXPECT_NEAR(static_cast<double>(after.first - due) * 1e3 / rate, 0, 60) << "ms early";
+    EXPECT_NEAR(static_cast<double>(after.first - due) * 1e3 / kRate, 0, 60) << "ms early";
 }
 
 TEST(AlsaFeed, GivesADeviceNoMoreThanItHoldsBeforeItStarts)
 {
-    card.insert(2 * period);
+    card.insert(2 * kPeriod);
     Numbers source;
     AlsaFeed feed("card", &source);
     std::string error;

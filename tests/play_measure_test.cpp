@@ -9,28 +9,28 @@
 #include <functional>
 #include <string>
 
-#include "host/algorithm.h"
-#include "source/coded_programme.h"
 #include "config/config_faults.h"
-#include "signal/correlate.h"
+#include "display/screen.h"
+#include "host/algorithm.h"
 #include "host/flip_gate.h"
 #include "measure/measure.h"
+#include "measure/raw_check.h"
+#include "report/verdict.h"
+#include "signal/correlate.h"
 #include "signal/onset.h"
+#include "signal/rate_conversion.h"
+#include "signal/recording.h"
+#include "source/coded_programme.h"
 #include "source/picture.h"
 #include "source/programme.h"
-#include "signal/rate_conversion.h"
-#include "measure/raw_check.h"
-#include "signal/recording.h"
-#include "display/screen.h"
-#include "report/verdict.h"
 
 using namespace play;
 
 namespace
 {
 
-constexpr int64_t ms = 1'000'000;
-constexpr int64_t second = 1000 * ms;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
 
 std::vector<int16_t> sound_of(const Source& source, int64_t first, int frames)
 {
@@ -43,21 +43,21 @@ std::vector<int16_t> sound_of(const Source& source, int64_t first, int frames)
 class PlayMeasure : public testing::Test
 {
 protected:
-    ~PlayMeasure() override { unlink(m_path.c_str()); }
+    ~PlayMeasure() override { unlink(path_.c_str()); }
 
     void record(const std::vector<int16_t>& stereo, int rate, std::vector<HeardBlock> blocks)
     {
-        m_path = testing::TempDir() + "play_measure_" + std::to_string(getpid()) + ".wav";
+        path_ = testing::TempDir() + "play_measure_" + std::to_string(getpid()) + ".wav";
         SF_INFO info = {};
         info.channels = 2;
         info.samplerate = rate;
         info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-        SNDFILE* file = sf_open(m_path.c_str(), SFM_WRITE, &info);
+        SNDFILE* file = sf_open(path_.c_str(), SFM_WRITE, &info);
         ASSERT_NE(file, nullptr);
         sf_writef_short(file, stereo.data(), static_cast<sf_count_t>(stereo.size() / 2));
         sf_close(file);
         std::string error;
-        ASSERT_TRUE(recording.open(m_path, std::move(blocks), &error)) << error;
+        ASSERT_TRUE(recording.open(path_, std::move(blocks), &error)) << error;
     }
 
     void record(const std::vector<int16_t>& stereo, int rate, int64_t heard_ns)
@@ -68,7 +68,7 @@ protected:
     Recording recording;
 
 private:
-    std::string m_path;
+    std::string path_;
 };
 
 std::vector<Sighting> watch(Programme* programme, int64_t latency_ns)
@@ -93,9 +93,9 @@ std::vector<Offset> offsets(std::initializer_list<double> values_ms)
 TEST(Picture, CarriesItsNumberAndItsFlash)
 {
     Picture picture;
-    for (int64_t number : {int64_t{0}, int64_t{1}, int64_t{1199}, int64_t{0x5A5A5A}, picture_number_limit - 1}) {
+    for (int64_t number : {int64_t{0}, int64_t{1}, int64_t{1199}, int64_t{0x5A5A5A}, kPictureNumberLimit - 1}) {
         write_number(&picture, number);
-        fill_field(&picture, number % 2 != 0 ? Picture::white : Picture::black);
+        fill_field(&picture, number % 2 != 0 ? Picture::kWhite : Picture::kBlack);
         EXPECT_EQ(read_number(picture), number);
         EXPECT_EQ(is_flash(picture), number % 2 != 0);
     }
@@ -104,23 +104,23 @@ TEST(Picture, CarriesItsNumberAndItsFlash)
 TEST(Picture, DamagedOrPlainIsNoNumber)
 {
     Picture picture;
-    picture.luma.fill(Picture::black);
+    picture.luma.fill(Picture::kBlack);
     EXPECT_EQ(read_number(picture), -1);
-    picture.luma.fill(Picture::white);
+    picture.luma.fill(Picture::kWhite);
     EXPECT_EQ(read_number(picture), -1);
     write_number(&picture, 77);
     for (int row = 0; row < 8; row++) // the lowest bit's block
         for (int column = 0; column < 4; column++)
-            picture.luma[static_cast<size_t>(row * Picture::width + column)] = Picture::black;
+            picture.luma[static_cast<size_t>(row * Picture::kWidth + column)] = Picture::kBlack;
     EXPECT_EQ(read_number(picture), -1);
 }
 
 TEST(OnsetDetector, FindsEachBeepAtItsFirstSampleInBlocksOfAnySize)
 {
-    Programme programme(48000, {60, 1}, 3 * second + second / 2);
+    Programme programme(48000, {60, 1}, 3 * kSecond + kSecond / 2);
     std::vector<int16_t> sound = sound_of(programme, 0, 48000 * 7 / 2);
     for (int chunk : {1, 977, 48000}) {
-        OnsetDetector detector(48000, Programme::beep_peak);
+        OnsetDetector detector(48000, Programme::kBeepPeak);
         for (int done = 0; done < 48000 * 7 / 2; done += chunk)
             detector.feed(sound.data() + 2 * done, std::min(chunk, 48000 * 7 / 2 - done));
         EXPECT_EQ(detector.onsets(), (std::vector<int64_t>{48000, 96000, 144000}));
@@ -129,9 +129,9 @@ TEST(OnsetDetector, FindsEachBeepAtItsFirstSampleInBlocksOfAnySize)
 
 TEST(OnsetDetector, FindsBeepsWithinAFrameOrTwoAfterResampling)
 {
-    Programme programme(44100, {60, 1}, 3 * second);
+    Programme programme(44100, {60, 1}, 3 * kSecond);
     std::vector<int16_t> sound = convert_rate(sound_of(programme, 0, 44100 * 5 / 2), 44100, 48000);
-    OnsetDetector detector(48000, Programme::beep_peak);
+    OnsetDetector detector(48000, Programme::kBeepPeak);
     detector.feed(sound.data(), static_cast<int>(sound.size() / 2));
     ASSERT_EQ(detector.onsets().size(), 2u);
     EXPECT_NEAR(static_cast<double>(detector.onsets()[0]), 48000, 2);
@@ -141,8 +141,8 @@ TEST(OnsetDetector, FindsBeepsWithinAFrameOrTwoAfterResampling)
 TEST(Programme, FlashAndBeepMarkTheSameInstantAtEveryFrameRate)
 {
     for (Rational fps : {Rational{24, 1}, Rational{25, 1}, Rational{30000, 1001}, Rational{60000, 1001}}) {
-        Programme programme(44100, fps, 4 * second);
-        OnsetDetector detector(44100, Programme::beep_peak);
+        Programme programme(44100, fps, 4 * kSecond);
+        OnsetDetector detector(44100, Programme::kBeepPeak);
         std::vector<int16_t> sound = sound_of(programme, 0, 44100 * 4);
         detector.feed(sound.data(), 44100 * 4);
         std::vector<int64_t> flashes;
@@ -165,10 +165,10 @@ TEST(CodedProgramme, IsHeardWhenItsBurstsPass)
 {
     for (Coding coding : {Coding::ac3, Coding::eac3}) {
         std::string error;
-        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 2 * second + second / 2, &error);
+        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 2 * kSecond + kSecond / 2, &error);
         ASSERT_NE(coded, nullptr) << error;
         // The sound is in its place, although the coder delays it.
-        Programme plain(48000, {60, 1}, 2 * second + second / 2);
+        Programme plain(48000, {60, 1}, 2 * kSecond + kSecond / 2);
         ASSERT_EQ(coded->onsets().size(), plain.onsets().size());
         for (size_t i = 0; i < plain.onsets().size(); i++)
             EXPECT_NEAR(static_cast<double>(coded->onsets()[i]), static_cast<double>(plain.onsets()[i]), 16);
@@ -189,18 +189,18 @@ TEST(CodedProgramme, IsHeardWhenItsBurstsPass)
 TEST_F(PlayMeasure, DecodedSoundIsComparedFromTheFirstWholeBurstOn)
 {
     std::string error;
-    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * second, &error);
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * kSecond, &error);
     ASSERT_NE(coded, nullptr) << error;
-    constexpr int64_t first = 1000; // in the middle of a burst
-    std::vector<int16_t> out = sound_of(*coded, first, 48000 * 2);
-    std::fill_n(out.begin(), 2 * (burst_samples - first + 256), int16_t{99});
-    record(out, 48000, first * second / 48000 + 100 * ms);
+    constexpr int64_t kFirst = 1000; // in the middle of a burst
+    std::vector<int16_t> out = sound_of(*coded, kFirst, 48000 * 2);
+    std::fill_n(out.begin(), 2 * (kBurstSamples - kFirst + 256), int16_t{99});
+    record(out, 48000, kFirst * kSecond / 48000 + 100 * kMs);
     auto matches = match_beeps(recording, *coded, {0, 0});
-    int64_t end = first + 48000 * 2;
+    int64_t end = kFirst + 48000 * 2;
     EXPECT_TRUE(check_samples(recording, *coded, matches, {end}).passed());
-    EXPECT_FALSE(check_samples(recording, *coded, matches, {end + 2 * burst_samples}).passed()); // the end is missing
-    out[2 * (burst_samples - first + 256)] ^= 1;
-    record(out, 48000, first * second / 48000 + 100 * ms);
+    EXPECT_FALSE(check_samples(recording, *coded, matches, {end + 2 * kBurstSamples}).passed()); // the end is missing
+    out[2 * (kBurstSamples - kFirst + 256)] ^= 1;
+    record(out, 48000, kFirst * kSecond / 48000 + 100 * kMs);
     EXPECT_EQ(check_samples(recording, *coded, matches, {end}).mismatches, 1);
 }
 
@@ -208,7 +208,7 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
 {
     for (Coding coding : {Coding::ac3, Coding::eac3}) {
         std::string error;
-        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 3 * second, &error);
+        auto coded = CodedProgramme::make(coding, 48000, {60, 1}, 3 * kSecond, &error);
         ASSERT_NE(coded, nullptr) << error;
         int64_t period = burst_link_frames(coding);
         const int64_t first = period / 2 + 31 * period; // inside of a burst, and of the programme's silence
@@ -216,7 +216,7 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
         coded->link(first, sent.data(), static_cast<int>(40 * period));
         auto burst = [&](int64_t number) { return sent.begin() + 2 * (number * period + period - period / 2); };
         auto checked = [&](const std::vector<int16_t>& words) {
-            record(words, coded->link_rate(), 100 * ms);
+            record(words, coded->link_rate(), 100 * kMs);
             return check_bursts(recording, *coded);
         };
 
@@ -224,7 +224,7 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
         EXPECT_EQ(check.bursts, 40) << "cut off, yet with its whole payload, is the last one";
         EXPECT_EQ(check.different, 0);
         EXPECT_EQ(check.gaps, 0);
-        EXPECT_EQ(check.began_ns, 100 * ms + (period - period / 2) * second / coded->link_rate());
+        EXPECT_EQ(check.began_ns, 100 * kMs + (period - period / 2) * kSecond / coded->link_rate());
 
         // Two clocks: stuffing put in and left out.
         std::vector<int16_t> words = sent;
@@ -246,9 +246,9 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
         EXPECT_GT(check.different, 0);
         EXPECT_LE(check.different, period);
     }
-    record(std::vector<int16_t>(2 * 48000), 48000, 100 * ms);
+    record(std::vector<int16_t>(2 * 48000), 48000, 100 * kMs);
     std::string error;
-    EXPECT_EQ(check_bursts(recording, *CodedProgramme::make(Coding::ac3, 48000, {60, 1}, second, &error)).bursts, 0);
+    EXPECT_EQ(check_bursts(recording, *CodedProgramme::make(Coding::ac3, 48000, {60, 1}, kSecond, &error)).bursts, 0);
 }
 
 namespace
@@ -259,23 +259,23 @@ class WithHole : public Programme
 {
 public:
     WithHole(const Source& coded, int64_t at, int64_t bursts)
-        : Programme(48000, {60, 1}, 3 * second), m_coded(coded), m_at(at * burst_link_frames(coded.coding())),
-          m_frames(bursts * burst_link_frames(coded.coding()))
+        : Programme(48000, {60, 1}, 3 * kSecond), coded_(coded), at_(at * burst_link_frames(coded.coding())),
+          frames_(bursts * burst_link_frames(coded.coding()))
     {
     }
 
-    Coding coding() const override { return m_coded.coding(); }
-    int64_t coded_end() const override { return m_coded.coded_end() + m_frames / link_frames_per_sample(coding()); }
+    Coding coding() const override { return coded_.coding(); }
+    int64_t coded_end() const override { return coded_.coded_end() + frames_ / link_frames_per_sample(coding()); }
     void link(int64_t first, int16_t* words, int frames) const override
     {
         for (int done = 0, next = 0; done < frames; done = next) {
             int64_t frame = first + done;
-            int64_t end = frame < m_at ? m_at : frame < m_at + m_frames ? m_at + m_frames : first + frames;
+            int64_t end = frame < at_ ? at_ : frame < at_ + frames_ ? at_ + frames_ : first + frames;
             next = static_cast<int>(std::min(end, first + frames) - first);
-            if (frame >= m_at && frame < m_at + m_frames)
+            if (frame >= at_ && frame < at_ + frames_)
                 std::fill(words + 2 * done, words + 2 * next, int16_t{0});
             else
-                m_coded.link(frame < m_at ? frame : frame - m_frames, words + 2 * done, next - done);
+                coded_.link(frame < at_ ? frame : frame - frames_, words + 2 * done, next - done);
         }
         reads++;
     }
@@ -283,9 +283,9 @@ public:
     mutable int64_t reads = 0;
 
 private:
-    const Source& m_coded;
-    const int64_t m_at;
-    const int64_t m_frames;
+    const Source& coded_;
+    const int64_t at_;
+    const int64_t frames_;
 };
 
 } // namespace
@@ -293,34 +293,34 @@ private:
 TEST_F(PlayMeasure, HoleInAFilmsSoundIsNoGapAtTheOutput)
 {
     std::string error;
-    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * second, &error);
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 3 * kSecond, &error);
     ASSERT_NE(coded, nullptr) << error;
     WithHole film(*coded, 35, 10); // where a beep sounds: no two bursts are equal
-    std::vector<int16_t> words(size_t{2} * 70 * burst_samples);
-    film.link(0, words.data(), 70 * burst_samples);
-    record(words, 48000, 100 * ms);
+    std::vector<int16_t> words(size_t{2} * 70 * kBurstSamples);
+    film.link(0, words.data(), 70 * kBurstSamples);
+    record(words, 48000, 100 * kMs);
     RawCheck check = check_bursts(recording, film);
     EXPECT_EQ(check.bursts, 60);
     EXPECT_EQ(check.different + check.gaps, 0);
 
     // What is left out behind it is one.
-    words.erase(words.begin() + 2 * 45 * burst_samples, words.begin() + 2 * 46 * burst_samples);
-    record(words, 48000, 100 * ms);
+    words.erase(words.begin() + 2 * 45 * kBurstSamples, words.begin() + 2 * 46 * kBurstSamples);
+    record(words, 48000, 100 * kMs);
     EXPECT_EQ(check_bursts(recording, film).gaps, 1);
 }
 
 TEST_F(PlayMeasure, StrangersBurstsAreNotLookedForInAllOfTheSourceForEver)
 {
     std::string error;
-    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 20 * second, &error);
+    auto coded = CodedProgramme::make(Coding::ac3, 48000, {60, 1}, 20 * kSecond, &error);
     ASSERT_NE(coded, nullptr) << error;
     WithHole source(*coded, 0, 0);
-    const int64_t bursts = source.coded_end() / burst_samples;
-    std::vector<int16_t> words(static_cast<size_t>(2 * bursts * burst_samples));
-    coded->link(0, words.data(), static_cast<int>(bursts * burst_samples));
+    const int64_t bursts = source.coded_end() / kBurstSamples;
+    std::vector<int16_t> words(static_cast<size_t>(2 * bursts * kBurstSamples));
+    coded->link(0, words.data(), static_cast<int>(bursts * kBurstSamples));
     for (size_t burst = 0; burst < static_cast<size_t>(bursts); burst++)
-        words[burst * 2 * burst_samples + 100] ^= 1;
-    record(words, 48000, 100 * ms);
+        words[burst * 2 * kBurstSamples + 100] ^= 1;
+    record(words, 48000, 100 * kMs);
     source.reads = 0;
     RawCheck check = check_bursts(recording, source);
     EXPECT_EQ(check.bursts, bursts);
@@ -329,8 +329,8 @@ TEST_F(PlayMeasure, StrangersBurstsAreNotLookedForInAllOfTheSourceForEver)
 
     // One that is the source's again is found where it belongs, behind more strangers than are looked for everywhere.
     auto different_without = [&](size_t burst) {
-        words[burst * 2 * burst_samples + 100] ^= 1;
-        record(words, 48000, 100 * ms);
+        words[burst * 2 * kBurstSamples + 100] ^= 1;
+        record(words, 48000, 100 * kMs);
         return check_bursts(recording, source).different;
     };
     int64_t first_good = different_without(0);
@@ -341,43 +341,43 @@ TEST_F(PlayMeasure, StrangersBurstsAreNotLookedForInAllOfTheSourceForEver)
 TEST_F(PlayMeasure, SilenceBehindTheLastBurstIsNoSoundTooMuch)
 {
     std::string error;
-    auto coded = CodedProgramme::make(Coding::eac3, 48000, {60, 1}, 2 * second, &error);
+    auto coded = CodedProgramme::make(Coding::eac3, 48000, {60, 1}, 2 * kSecond, &error);
     ASSERT_NE(coded, nullptr) << error;
     int64_t samples = coded->coded_end();
     std::vector<int16_t> out = sound_of(*coded, 0, samples);
     out.resize(out.size() + 2 * 4 * 960);
-    record(out, 48000, 100 * ms);
+    record(out, 48000, 100 * kMs);
     auto matches = match_beeps(recording, *coded, {0, 0});
     int64_t link_end = samples * link_frames_per_sample(Coding::eac3);
     EXPECT_TRUE(check_samples(recording, *coded, matches, {link_end}).passed());
     out.back() = 1;
-    record(out, 48000, 100 * ms);
+    record(out, 48000, 100 * kMs);
     EXPECT_FALSE(check_samples(recording, *coded, matches, {link_end}).passed()) << "but it must be silence";
 }
 
 TEST_F(PlayMeasure, WhatADeviceThatWasOpenedAgainPlayedBeforeIsNotJudged)
 {
-    Programme programme(48000, {60, 1}, 3 * second);
+    Programme programme(48000, {60, 1}, 3 * kSecond);
     std::vector<int16_t> out(2 * 4000, int16_t{0});
     std::vector<int16_t> sound = sound_of(programme, 12000, 48000 * 2);
     out.insert(out.end(), sound.begin(), sound.end());
-    record(out, 48000, {{0, 4000, 100 * ms, false}, {4000, 48000 * 2, 400 * ms, false}});
+    record(out, 48000, {{0, 4000, 100 * kMs, false}, {4000, 48000 * 2, 400 * kMs, false}});
     EXPECT_EQ(recording.last_opening(), 4000);
     std::vector<SoundMatch> matches = {{48000, 4000 + 36000}};
     EXPECT_TRUE(check_samples(recording, programme, matches, {12000 + 48000 * 2}).passed());
-    record(out, 48000, 100 * ms);
+    record(out, 48000, 100 * kMs);
     EXPECT_FALSE(check_samples(recording, programme, matches, {12000 + 48000 * 2}).passed());
 }
 
 TEST_F(PlayMeasure, OffsetIsTheDifferenceOfTheTwoLatencies)
 {
-    Programme programme(48000, {60, 1}, 3 * second + second / 2);
-    SourceClock clock{1000 * second, 0};
+    Programme programme(48000, {60, 1}, 3 * kSecond + kSecond / 2);
+    SourceClock clock{1000 * kSecond, 0};
     // The recording begins with source sample 4800, and what was sent at 0.1 s is heard 120 ms later.
-    record(sound_of(programme, 4800, 48000 * 3), 48000, clock.start_ns + 220 * ms);
+    record(sound_of(programme, 4800, 48000 * 3), 48000, clock.start_ns + 220 * kMs);
     std::vector<SoundMatch> matches = match_beeps(recording, programme, clock);
     ASSERT_EQ(matches.size(), 3u);
-    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 90 * ms);
+    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 90 * kMs);
     for (const Offset& offset : measure_offsets(matches, recording, sightings, programme, clock, true)) {
         EXPECT_NEAR(offset.sound_ms, 120, 0.05);
         EXPECT_NEAR(offset.picture_ms, 90, 0.05);
@@ -387,15 +387,15 @@ TEST_F(PlayMeasure, OffsetIsTheDifferenceOfTheTwoLatencies)
 
 TEST_F(PlayMeasure, WaveformsAreFoundAsBeepsAre)
 {
-    Programme programme(44100, {25, 1}, 5 * second);
-    SourceClock clock{50 * second, 0};
+    Programme programme(44100, {25, 1}, 5 * kSecond);
+    SourceClock clock{50 * kSecond, 0};
     std::vector<int16_t> out = convert_rate(sound_of(programme, 0, 44100 * 5), 44100, 48000);
-    record(out, 48000, clock.start_ns + 150 * ms);
-    std::vector<SoundMatch> matches = match_waveform(recording, programme, clock, 4 * second);
+    record(out, 48000, clock.start_ns + 150 * kMs);
+    std::vector<SoundMatch> matches = match_waveform(recording, programme, clock, 4 * kSecond);
     ASSERT_EQ(matches.size(), 3u);
     for (const SoundMatch& match : matches)
         EXPECT_NEAR(static_cast<double>(match.position), static_cast<double>(match.source_sample) * 48000 / 44100, 1);
-    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 170 * ms);
+    std::vector<Sighting> sightings = watch(&programme, clock.start_ns + 170 * kMs);
     std::vector<Offset> found = measure_offsets(matches, recording, sightings, programme, clock, false);
     ASSERT_EQ(found.size(), 3u);
     EXPECT_NEAR(found[2].ms(), 20, 0.1);
@@ -476,7 +476,7 @@ TEST(Cadence, PicturesBeforeTheFirstAndAfterTheLastSeenAreMissedToo)
 
 TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
 {
-    Programme programme(48000, {60, 1}, 3 * second);
+    Programme programme(48000, {60, 1}, 3 * kSecond);
     std::vector<int16_t> out = sound_of(programme, 1234, 48000 * 2);
     record(out, 48000, 0);
     std::vector<SoundMatch> matches = {{48000, 48000 - 1234}};
@@ -500,13 +500,13 @@ TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
 
 TEST_F(PlayMeasure, ALostBlockIsNoticedAtEveryRate)
 {
-    Programme programme(44100, {60, 1}, 4 * second);
+    Programme programme(44100, {60, 1}, 4 * kSecond);
     std::vector<int16_t> out = convert_rate(sound_of(programme, 0, 44100 * 7 / 2), 44100, 48000);
     record(out, 48000, 0);
     EXPECT_TRUE(
         check_samples(recording, programme, match_beeps(recording, programme, {0, 0}), {44100 * 7 / 2}).passed());
     out.erase(out.begin() + 2 * 70000, out.begin() + 2 * 70960);
-    record(out, 48000, 200 * ms);
+    record(out, 48000, 200 * kMs);
     SampleCheck check = check_samples(recording, programme, match_beeps(recording, programme, {0, 0}), {44100 * 7 / 2});
     EXPECT_FALSE(check.passed());
     EXPECT_NEAR(check.worst_place, 960, 4);
@@ -514,34 +514,34 @@ TEST_F(PlayMeasure, ALostBlockIsNoticedAtEveryRate)
 
 TEST_F(PlayMeasure, SilencesOfTheDeviceAreGapsUnlessTheSoundIsOver)
 {
-    Programme programme(48000, {60, 1}, 3 * second);
+    Programme programme(48000, {60, 1}, 3 * kSecond);
     std::vector<int16_t> out = sound_of(programme, 0, 48000);
     std::vector<int16_t> gap(2 * 4800);
     out.insert(out.begin() + 2 * 24000, gap.begin(), gap.end());
     out.insert(out.end(), gap.begin(), gap.end());
     record(out, 48000,
            {{0, 24000, 0, false},
-            {24000, 4800, 500 * ms, true},
-            {28800, 24000, 600 * ms, false},
-            {52800, 4800, 1100 * ms, true}});
-    EXPECT_EQ(recording.gaps(0, 2 * second), 1);
-    EXPECT_EQ(recording.gaps(0, 500 * ms), 0);
-    EXPECT_EQ(recording.gaps(501 * ms, 2 * second), 0);
+            {24000, 4800, 500 * kMs, true},
+            {28800, 24000, 600 * kMs, false},
+            {52800, 4800, 1100 * kMs, true}});
+    EXPECT_EQ(recording.gaps(0, 2 * kSecond), 1);
+    EXPECT_EQ(recording.gaps(0, 500 * kMs), 0);
+    EXPECT_EQ(recording.gaps(501 * kMs, 2 * kSecond), 0);
     EXPECT_EQ(recording.written(), 48000);
     EXPECT_EQ(recording.written_before(30000), 25200);
-    EXPECT_EQ(recording.heard_ns(28848), 601 * ms);
+    EXPECT_EQ(recording.heard_ns(28848), 601 * kMs);
     EXPECT_EQ(recording.heard_ns(60000), -1);
-    EXPECT_EQ(recording.position_at(601 * ms), 28848);
+    EXPECT_EQ(recording.position_at(601 * kMs), 28848);
     EXPECT_EQ(check_samples(recording, programme, {{0, 0}}, {48000}).mismatches, 0);
 }
 
 TEST_F(PlayMeasure, APauseOfTheDeviceIsAGapToo)
 {
-    Programme programme(48000, {60, 1}, 3 * second);
-    record(sound_of(programme, 0, 48000), 48000, {{0, 24000, 0, false}, {24000, 24000, 520 * ms, false}});
+    Programme programme(48000, {60, 1}, 3 * kSecond);
+    record(sound_of(programme, 0, 48000), 48000, {{0, 24000, 0, false}, {24000, 24000, 520 * kMs, false}});
     EXPECT_EQ(recording.last_opening(), 24000);
-    EXPECT_EQ(recording.gaps(0, 2 * second), 1);
-    EXPECT_EQ(recording.gaps(510 * ms, 2 * second), 0);
+    EXPECT_EQ(recording.gaps(0, 2 * kSecond), 1);
+    EXPECT_EQ(recording.gaps(510 * kMs, 2 * kSecond), 0);
 }
 
 TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
@@ -610,14 +610,14 @@ Result good_raw_run()
     run.options.raw = true;
     run.options.capture = run.options.feed = run.options.playback = run.options.observe = "hw:0";
     run.resets = 0;
-    run.opened_ns = second;
-    run.signal_end_ns = 11 * second;
+    run.opened_ns = kSecond;
+    run.signal_end_ns = 11 * kSecond;
     run.stage.bypass.frames = 9 * 48000;
     run.stage.bypass.rate = 48000;
     run.raw.compared = true;
     run.raw.bursts = 300;
-    run.raw.began_ns = second;
-    run.raw.ended_ns = 11 * second;
+    run.raw.began_ns = kSecond;
+    run.raw.ended_ns = 11 * kSecond;
     return run;
 }
 
@@ -693,7 +693,7 @@ TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
     const std::vector<Fault> faults = {
         {bursts, [](Result* run) { run->raw.bursts = 0; }},
         {bursts, [](Result* run) { run->raw.gaps = 1; }},
-        {bursts, [](Result* run) { run->raw.ended_ns = 9 * second; }},
+        {bursts, [](Result* run) { run->raw.ended_ns = 9 * kSecond; }},
         {took, [](Result* run) { run->stage.bypass.xruns = 1; }},
         {took, [](Result* run) { run->stage.bypass.frames = 0; }},
         {"the source was sent without a break", [](Result* run) { run->stage.link.breaks = 1; }},
@@ -710,12 +710,12 @@ TEST(Grid, ErrorIsTheDistanceFromWholeRefreshesHoweverManyPassed)
 {
     std::vector<Sighting> sightings;
     for (int64_t number = 0; number < 200; number++)
-        sightings.push_back({number, false, second + number * 40 * ms, 2});
+        sightings.push_back({number, false, kSecond + number * 40 * kMs, 2});
     EXPECT_LT(measure_grid(sightings, 50).worst_us, 0.001);
-    sightings[100].seen_ns += 3 * ms; // two of the 199 distances
+    sightings[100].seen_ns += 3 * kMs; // two of the 199 distances
     EXPECT_NEAR(measure_grid(sightings, 50).worst_us, 3000, 0.001);
     EXPECT_LT(measure_grid(sightings, 50).p99_us, 0.001);
-    sightings[50].seen_ns += 20 * ms; // late by a refresh, but not off the grid
+    sightings[50].seen_ns += 20 * kMs; // late by a refresh, but not off the grid
     sightings.resize(101);
     EXPECT_NEAR(measure_grid(sightings, 50).p99_us, 0, 0.001);
     EXPECT_EQ(measure_grid({}, 50).worst_us, 0);
@@ -726,7 +726,7 @@ TEST(FlipGate, BlanksOfADisplayThatStoodStillForHoursAreWrittenDownAtOnce)
     Trace trace(10, 50);
     FlipGate gate(50, &trace);
     gate.vblank(0);
-    gate.vblank(4'000'000 * second, int64_t{1} << 50);
+    gate.vblank(4'000'000 * kSecond, int64_t{1} << 50);
     EXPECT_EQ(trace.vblanks.events().size(), 1 + 50u); // those of the last second
 }
 
@@ -766,13 +766,13 @@ TEST(ConfigFaults, ConcernARunThatUsesTheDeviceAndEveryRunIfTheFileIsWrong)
 TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)
 {
     FlipGate gate(50);
-    gate.vblank(second);
-    EXPECT_TRUE(gate.admit(second + 1 * ms));
-    EXPECT_FALSE(gate.admit(second + 2 * ms)); // the same vertical blank
-    EXPECT_TRUE(gate.admit(second + 19 * ms)); // early for the next one
-    EXPECT_TRUE(gate.admit(second + 21 * ms)); // after it, whether the display has told of it yet or not
-    EXPECT_FALSE(gate.admit(second + 22 * ms));
-    gate.vblank(second + 40 * ms);
-    EXPECT_TRUE(gate.admit(second + 39 * ms)); // seen from the vertical blank after it
-    EXPECT_TRUE(gate.admit(second + 41 * ms));
+    gate.vblank(kSecond);
+    EXPECT_TRUE(gate.admit(kSecond + 1 * kMs));
+    EXPECT_FALSE(gate.admit(kSecond + 2 * kMs)); // the same vertical blank
+    EXPECT_TRUE(gate.admit(kSecond + 19 * kMs)); // early for the next one
+    EXPECT_TRUE(gate.admit(kSecond + 21 * kMs)); // after it, whether the display has told of it yet or not
+    EXPECT_FALSE(gate.admit(kSecond + 22 * kMs));
+    gate.vblank(kSecond + 40 * kMs);
+    EXPECT_TRUE(gate.admit(kSecond + 39 * kMs)); // seen from the vertical blank after it
+    EXPECT_TRUE(gate.admit(kSecond + 41 * kMs));
 }

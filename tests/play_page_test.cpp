@@ -9,12 +9,12 @@
 #include <set>
 #include <thread>
 
+#include "host/trace.h"
 #include "report/chart.h"
 #include "report/markup.h"
 #include "report/page.h"
 #include "report/report.h"
 #include "report/timeline.h"
-#include "host/trace.h"
 #include "report/trace_view.h"
 
 using namespace play;
@@ -23,35 +23,35 @@ using nlohmann::json;
 namespace
 {
 
-constexpr int64_t ms = 1'000'000;
-constexpr int64_t second = 1000 * ms;
-constexpr int rate = 48000;
-constexpr int block_frames = 960;
-constexpr int64_t block_ns = 20 * ms;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
+constexpr int kRate = 48000;
+constexpr int kBlockFrames = 960;
+constexpr int64_t kBlockNs = 20 * kMs;
 
 // --- Events -------------------------------------------------------------------
 
 TEST(EventLog, KeepsWhatSeveralThreadsAddAtOnceAndCountsWhatFindsNoRoom)
 {
-    constexpr int each = 5000;
-    EventLog<int64_t> log(3 * each);
+    constexpr int kEach = 5000;
+    EventLog<int64_t> log(3 * kEach);
     std::vector<std::thread> threads;
     for (int64_t thread = 0; thread < 4; thread++)
         threads.emplace_back([&log, thread] {
-            for (int64_t i = 0; i < each; i++)
-                log.add(thread * each + i);
+            for (int64_t i = 0; i < kEach; i++)
+                log.add(thread * kEach + i);
         });
     for (std::thread& thread : threads)
         thread.join();
     std::vector<int64_t> events = log.events();
-    EXPECT_EQ(events.size(), 3u * each);
+    EXPECT_EQ(events.size(), 3u * kEach);
     EXPECT_EQ(std::set<int64_t>(events.begin(), events.end()).size(), events.size()); // none torn, none twice
-    EXPECT_EQ(log.lost(), each);
+    EXPECT_EQ(log.lost(), kEach);
 }
 
 TEST(EventLog, MarksBlocksByEveryOfTheirBytes)
 {
-    std::vector<uint8_t> block(block_frames * 4 + 3);
+    std::vector<uint8_t> block(kBlockFrames * 4 + 3);
     uint64_t mark = mark_of(block.data(), static_cast<int>(block.size()));
     for (size_t i = 0; i < block.size(); i += 7) {
         block[i] ^= 1;
@@ -66,19 +66,19 @@ class Scene : public testing::Test
 protected:
     Scene()
     {
-        scope.source_s = [](int64_t at_ns) { return static_cast<double>(at_ns) / second; };
+        scope.source_s = [](int64_t at_ns) { return static_cast<double>(at_ns) / kSecond; };
         scope.settled_s = 1;
         scope.end_s = 19;
-        trace.opened.add({0, rate});
+        trace.opened.add({0, kRate});
     }
 
     void hand(int64_t k, int32_t serial = 0, int64_t pts_us = -1)
     {
-        trace.handed.add({k * block_ns - 5 * ms, pts_us < 0 ? k * 20000 : pts_us, serial, block_frames, mark(k)});
+        trace.handed.add({k * kBlockNs - 5 * kMs, pts_us < 0 ? k * 20000 : pts_us, serial, kBlockFrames, mark(k)});
     }
     void write(int64_t k, int delay_frames, int64_t late_ns = 0)
     {
-        trace.written.add({k * block_ns + late_ns, block_frames, delay_frames, mark(k)});
+        trace.written.add({k * kBlockNs + late_ns, kBlockFrames, delay_frames, mark(k)});
     }
     void play(int64_t from, int64_t to, int delay_frames = 4800)
     {
@@ -103,7 +103,7 @@ TEST_F(Scene, ClockIsTheEndOfWhatWasWrittenLessTheQueueWhateverWasDiscardedBefor
     for (int64_t k = 100; k < 140; k++)
         hand(k); // discarded
     play(140, 1000);
-    trace.written.add({1000 * block_ns, block_frames, 4800, 12345}); // none of the host's
+    trace.written.add({1000 * kBlockNs, kBlockFrames, 4800, 12345}); // none of the host's
     TraceView seen = view();
     EXPECT_EQ(seen.unmatched, 1);
     EXPECT_DOUBLE_EQ(seen.queue.median, 100);
@@ -131,7 +131,7 @@ TEST_F(Scene, EachSerialHasAZeroOfItsOwnAndALateWriteIsNoDeviation)
     for (int64_t k = 250; k < 500; k++) {
         hand(k, 1, (k - 250) * 20000);
         // 3 ms late each time: the device has played 3 ms more of what it had.
-        write(k, 4800 - 144, 3 * ms);
+        write(k, 4800 - 144, 3 * kMs);
     }
     TraceView seen = view();
     EXPECT_NEAR(seen.deviation.least, 0, 1e-6);
@@ -142,7 +142,7 @@ TEST_F(Scene, DriftIsToldInPartsPerMillionOnceThereIsEnoughToTell)
 {
     for (int64_t k = 0; k < 1000; k++) {
         hand(k);
-        write(k, 4800 - static_cast<int>(std::lround(static_cast<double>(k) * block_frames * 200e-6)));
+        write(k, 4800 - static_cast<int>(std::lround(static_cast<double>(k) * kBlockFrames * 200e-6)));
     }
     ASSERT_TRUE(view().drift_ppm.has_value());
     EXPECT_NEAR(*view().drift_ppm, 200, 5);
@@ -184,7 +184,7 @@ TEST_F(Scene, TimelineShowsASecondLikeMostUnlessOneIsAskedFor)
             write(k, 4800);
         }
     for (int64_t k = 0; k < 20 * 50; k++)
-        trace.flips.add({k * block_ns, k, true});
+        trace.flips.add({k * kBlockNs, k, true});
     EXPECT_EQ(view().timeline.from_s, 11);
     EXPECT_EQ(view().timeline.flips.size(), 50u);
     scope.timeline_s = 9.5;
@@ -194,10 +194,10 @@ TEST_F(Scene, TimelineShowsASecondLikeMostUnlessOneIsAskedFor)
 
 TEST_F(Scene, PictureStaysFromItsVerticalBlankToThatOfTheNext)
 {
-    scope.display_latency_ns = 76 * ms;
+    scope.display_latency_ns = 76 * kMs;
     scope.timeline_s = 2;
     for (int64_t n = 0; n < 100; n++)
-        sightings.push_back({n, n == 50, n * 50 * ms + 76 * ms, 3});
+        sightings.push_back({n, n == 50, n * 50 * kMs + 76 * kMs, 3});
     Timeline timeline = view().timeline;
     ASSERT_EQ(timeline.pictures.size(), 20u);
     EXPECT_NEAR(timeline.pictures[0].from_s, 2.0, 1e-9);
@@ -355,7 +355,7 @@ protected:
         result.display = "sim";
         result.seconds = 20.7;
         for (int64_t s = 1; s < 19; s++) {
-            offsets.push_back({s * second, 97 + jitter(random), 106.123 + jitter(random)});
+            offsets.push_back({s * kSecond, 97 + jitter(random), 106.123 + jitter(random)});
             result.instants++;
         }
         result.offsets = offsets;
@@ -401,7 +401,7 @@ TEST_F(PageOfRun, SaysWhatTheReportSays)
 
 TEST_F(PageOfRun, OffsetsBeyondTheScaleAreMarkedAtItsEdge)
 {
-    result.offsets = {{second, 0, 90000}, {2 * second, 1e12, 0}, {3 * second, 0, 5}};
+    result.offsets = {{kSecond, 0, 90000}, {2 * kSecond, 1e12, 0}, {3 * kSecond, 0, 5}};
     std::string text = page(report());
     check_page(text);
     std::string chart = inside(text, "<svg id=\"offset-chart\"", "</svg>");
@@ -413,7 +413,7 @@ TEST_F(PageOfRun, RunOfHoursIsNotDrawnDotByDot)
 {
     result.offsets.clear();
     for (int64_t i = 0; i < 20000; i++)
-        result.offsets.push_back({i * second, 100, i % 5000 == 1 ? 300.0 : 105.0});
+        result.offsets.push_back({i * kSecond, 100, i % 5000 == 1 ? 300.0 : 105.0});
     std::string chart = inside(page(report()), "<svg id=\"offset-chart\"", "</svg>");
     EXPECT_LE(all_inside(chart, "<circle", ">").size(), 1200u);
     EXPECT_EQ(all_inside(chart, "class=\"outside\"", ">").size(), 4u); // of the bad ones, every one

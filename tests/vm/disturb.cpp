@@ -37,41 +37,41 @@
 namespace
 {
 
-constexpr int64_t ms = 1'000'000;
-constexpr int priority = 20;
+constexpr int64_t kMs = 1'000'000;
+constexpr int kPriority = 20;
 /// Both must have been there without a break for that long before the next disturbance.
-constexpr int64_t steady_ns = 300 * ms;
+constexpr int64_t kSteadyNs = 300 * kMs;
 /// What is queued plays on after a device went away: a break may show that late.
-constexpr int64_t break_shows_ns = 400 * ms;
+constexpr int64_t kBreakShowsNs = 400 * kMs;
 /// Many times what it takes, for processors that are emulated and shared; how long it took is in the report.
-constexpr int64_t recovery_limit_ns = 15000 * ms;
+constexpr int64_t kRecoveryLimitNs = 15000 * kMs;
 /// Unplugging ends when everybody has let go of the device.
-constexpr int64_t action_limit_ns = 5000 * ms;
-constexpr int64_t start_limit_ns = 15000 * ms;
+constexpr int64_t kActionLimitNs = 5000 * kMs;
+constexpr int64_t kStartLimitNs = 15000 * kMs;
 /// A device is away for so long.
-constexpr int64_t least_held_ns = 20 * ms;
+constexpr int64_t kLeastHeldNs = 20 * kMs;
 /// One that is not missed at once: the display looks at its connector every 100 ms.
-constexpr int64_t least_held_slow_ns = 200 * ms;
-constexpr int64_t most_held_ns = 400 * ms;
+constexpr int64_t kLeastHeldSlowNs = 200 * kMs;
+constexpr int64_t kMostHeldNs = 400 * kMs;
 /// A few refreshes without a new picture are the emulated processors' affair.
-constexpr int64_t longest_still_ns = 150 * ms;
+constexpr int64_t kLongestStillNs = 150 * kMs;
 /// So is a gap in the sound that nobody would call an interruption: an underrun.
-constexpr int64_t longest_gap_ns = 100 * ms;
+constexpr int64_t kLongestGapNs = 100 * kMs;
 /// Between two looks at the channel, of a machine under load.
-constexpr int64_t longest_look_ns = 100 * ms;
-constexpr int output_rate = 48000;
-constexpr int ear_window = output_rate / 100;
-constexpr int loud = 1000;
+constexpr int64_t kLongestLookNs = 100 * kMs;
+constexpr int kOutputRate = 48000;
+constexpr int kEarWindow = kOutputRate / 100;
+constexpr int kLoud = 1000;
 /// After so many disturbances every part has run once, and what is kept for good is there.
-constexpr size_t warm_up = 15;
-constexpr long heap_slack = 128 * 1024;
+constexpr size_t kWarmUp = 15;
+constexpr long kHeapSlack = 128 * 1024;
 /// Of the second half, in which next to nothing runs for the first time: measured were 14 KB over 300 disturbances, in
 /// two steps.
-constexpr long late_heap_slack = 24 * 1024;
+constexpr long kLateHeapSlack = 24 * 1024;
 /// What is in use for a moment only is not in the least of so many readings.
-constexpr int heap_readings = 20;
-constexpr std::array<int, 3> source_rates = {32000, 44100, 48000};
-constexpr const char* state_file = "/sys/class/extcon/hdmirx_aud/state";
+constexpr int kHeapReadings = 20;
+constexpr std::array<int, 3> kSourceRates = {32000, 44100, 48000};
+constexpr const char* kStateFile = "/sys/class/extcon/hdmirx_aud/state";
 
 int64_t now_ns() { return hdmi_sim::now_ns(); }
 void sleep_ns(int64_t ns) { std::this_thread::sleep_for(std::chrono::nanoseconds(ns)); }
@@ -94,13 +94,13 @@ using Pcm = std::unique_ptr<snd_pcm_t, PcmCloser>;
 
 Pcm open_pcm(const char* name, snd_pcm_stream_t direction, int rate)
 {
-    constexpr unsigned int latency_us = 60'000;
+    constexpr unsigned int kLatencyUs = 60'000;
     snd_pcm_t* pcm = nullptr;
     if (snd_pcm_open(&pcm, name, direction, SND_PCM_NONBLOCK) < 0)
         return nullptr;
     Pcm opened(pcm);
     if (snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2,
-                           static_cast<unsigned int>(rate), 0, latency_us) < 0)
+                           static_cast<unsigned int>(rate), 0, kLatencyUs) < 0)
         return nullptr;
     return opened;
 }
@@ -109,120 +109,120 @@ Pcm open_pcm(const char* name, snd_pcm_stream_t direction, int rate)
 class Lasting
 {
 public:
-    explicit Lasting(int64_t longest_pause_ns) : m_longest_pause_ns(longest_pause_ns) {}
+    explicit Lasting(int64_t longest_pause_ns) : longest_pause_ns_(longest_pause_ns) {}
 
     /// From one thread.
     void is_there()
     {
         if (since_ns() < 0)
-            m_since_ns = now_ns();
-        m_last_ns = now_ns();
+            since_ns_ = now_ns();
+        last_ns_ = now_ns();
     }
     /// -1: it is not there.
-    int64_t since_ns() const { return now_ns() - m_last_ns <= m_longest_pause_ns ? m_since_ns.load() : -1; }
+    int64_t since_ns() const { return now_ns() - last_ns_ <= longest_pause_ns_ ? since_ns_.load() : -1; }
 
 private:
-    const int64_t m_longest_pause_ns;
-    std::atomic<int64_t> m_since_ns{-1};
-    std::atomic<int64_t> m_last_ns{INT64_MIN / 2};
+    const int64_t longest_pause_ns_;
+    std::atomic<int64_t> since_ns_{-1};
+    std::atomic<int64_t> last_ns_{INT64_MIN / 2};
 };
 
 /// The source's sound: a tone into the HDMI cable. It waits for nobody, and comes back with its device.
 class Feed
 {
 public:
-    explicit Feed(int rate) : m_rate(rate), m_thread(&Feed::run, this) {}
+    explicit Feed(int rate) : rate_(rate), thread_(&Feed::run, this) {}
     ~Feed()
     {
-        m_stop = true;
-        m_thread.join();
+        stop_ = true;
+        thread_.join();
     }
 
     /// Goes on at another rate, which the receiver's driver announces, as it does on a television.
     bool change_rate(int rate)
     {
-        m_rate = 0;
-        while (m_open)
-            sleep_ns(ms);
+        rate_ = 0;
+        while (open_)
+            sleep_ns(kMs);
         bool announced = announce(rate);
-        m_rate = rate;
+        rate_ = rate;
         return announced;
     }
-    int rate() const { return m_rate; }
+    int rate() const { return rate_; }
     static bool announce(int rate)
     {
-        return write_to(state_file, "HEADDONE_PCM_" + std::to_string(rate / 1000) + "=1");
+        return write_to(kStateFile, "HEADDONE_PCM_" + std::to_string(rate / 1000) + "=1");
     }
 
 private:
     void run()
     {
         pthread_setname_np(pthread_self(), "feed");
-        while (!m_stop) {
-            int rate = m_rate;
+        while (!stop_) {
+            int rate = rate_;
             Pcm pcm = rate > 0 ? open_pcm("hw:Cable,0", SND_PCM_STREAM_PLAYBACK, rate) : nullptr;
-            m_open = pcm != nullptr;
-            while (pcm && !m_stop && m_rate == rate && send(pcm.get(), rate)) {
+            open_ = pcm != nullptr;
+            while (pcm && !stop_ && rate_ == rate && send(pcm.get(), rate)) {
             }
             pcm.reset();
-            m_open = false;
-            sleep_ns(10 * ms);
+            open_ = false;
+            sleep_ns(10 * kMs);
         }
     }
     bool send(snd_pcm_t* pcm, int rate)
     {
-        constexpr double tone_hz = 1000;
-        constexpr double amplitude = 10'000;
+        constexpr double kToneHz = 1000;
+        constexpr double kAmplitude = 10'000;
         std::array<int16_t, 2 * 256> words;
         for (size_t i = 0; i < words.size(); i += 2)
             words[i] = words[i + 1] = static_cast<int16_t>(
-                amplitude * std::sin(2 * M_PI * tone_hz * static_cast<double>(m_sent + i / 2) / rate));
-        m_sent += words.size() / 2;
+                kAmplitude * std::sin(2 * M_PI * kToneHz * static_cast<double>(sent_ + i / 2) / rate));
+        sent_ += words.size() / 2;
         if (snd_pcm_wait(pcm, 100) < 0)
             return snd_pcm_recover(pcm, -EPIPE, 1) == 0;
         snd_pcm_sframes_t written = snd_pcm_writei(pcm, words.data(), words.size() / 2);
         return written >= 0 || written == -EAGAIN || snd_pcm_recover(pcm, static_cast<int>(written), 1) == 0;
     }
 
-    std::atomic<int> m_rate;
-    std::atomic<bool> m_open{false};
-    std::atomic<bool> m_stop{false};
-    size_t m_sent = 0;
-    std::thread m_thread;
+    std::atomic<int> rate_;
+    std::atomic<bool> open_{false};
+    std::atomic<bool> stop_{false};
+    size_t sent_ = 0;
+    std::thread thread_;
 };
 
 /// Listens at the loudspeaker.
 class Ear
 {
 public:
-    Ear() : m_thread(&Ear::run, this) {}
+    Ear() : thread_(&Ear::run, this) {}
     ~Ear()
     {
-        m_stop = true;
-        m_thread.join();
+        stop_ = true;
+        thread_.join();
     }
-    const Lasting& sound() const { return m_sound; }
+    const Lasting& sound() const { return sound_; }
 
 private:
     void run()
     {
         pthread_setname_np(pthread_self(), "ear");
-        while (!m_stop) {
-            Pcm pcm = open_pcm("hw:Speaker,1", SND_PCM_STREAM_CAPTURE, output_rate);
+        while (!stop_) {
+            Pcm pcm = open_pcm("hw:Speaker,1", SND_PCM_STREAM_CAPTURE, kOutputRate);
             if (pcm)
                 snd_pcm_start(pcm.get());
-            while (pcm && !m_stop && listen(pcm.get())) {
+            while (pcm && !stop_ && listen(pcm.get())) {
             }
             pcm.reset();
-            sleep_ns(10 * ms);
+            sleep_ns(10 * kMs);
         }
     }
     bool listen(snd_pcm_t* pcm)
     {
-        std::array<int16_t, 2 * ear_window> words;
+        std::array<int16_t, 2 * kEarWindow> words;
         if (snd_pcm_wait(pcm, 100) == 0)
             return true;
-        snd_pcm_sframes_t got = snd_pcm_readi(pcm, words.data(), ear_window);
+        snd_pcm_sframes_t got = snd_pcm_readi(pcm, words.data(), kEarWindow);
         if (got == -EAGAIN)
             return true;
         if (got < 0)
@@ -230,93 +230,93 @@ private:
         int peak = 0;
         for (snd_pcm_sframes_t i = 0; i < 2 * got; i++)
             peak = std::max(peak, std::abs(int{words[static_cast<size_t>(i)]}));
-        if (peak >= loud)
-            m_sound.is_there();
+        if (peak >= kLoud)
+            sound_.is_there();
         return true;
     }
 
-    Lasting m_sound{longest_gap_ns};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    Lasting sound_{kLongestGapNs};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 /// Looks at the screen: there is a picture as long as it moves.
 class Eye
 {
 public:
-    explicit Eye(const play::Display& display) : m_display(display), m_thread(&Eye::run, this) {}
+    explicit Eye(const play::Display& display) : display_(display), thread_(&Eye::run, this) {}
     ~Eye()
     {
-        m_stop = true;
-        m_thread.join();
+        stop_ = true;
+        thread_.join();
     }
-    const Lasting& picture() const { return m_picture; }
+    const Lasting& picture() const { return picture_; }
 
 private:
     void run()
     {
         pthread_setname_np(pthread_self(), "eye");
         int64_t shown = 0;
-        while (!m_stop) {
+        while (!stop_) {
             int64_t now_shown = pictures_shown();
             if (now_shown > shown)
-                m_picture.is_there();
+                picture_.is_there();
             shown = now_shown;
-            sleep_ns(10 * ms);
+            sleep_ns(10 * kMs);
         }
     }
     int64_t pictures_shown() const
     {
-        play::DisplayStats stats = m_display.stats();
+        play::DisplayStats stats = display_.stats();
         return stats.vblanks - stats.repeated;
     }
 
-    const play::Display& m_display;
-    Lasting m_picture{longest_still_ns};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const play::Display& display_;
+    Lasting picture_{kLongestStillNs};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 /// Looks whether the audio return channel is open.
 class Channel
 {
 public:
-    Channel() : m_thread(&Channel::run, this) {}
+    Channel() : thread_(&Channel::run, this) {}
     ~Channel()
     {
-        m_stop = true;
-        m_thread.join();
+        stop_ = true;
+        thread_.join();
     }
-    const Lasting& open() const { return m_open; }
+    const Lasting& open() const { return open_; }
 
 private:
     void run()
     {
         pthread_setname_np(pthread_self(), "channel");
-        while (!m_stop) {
+        while (!stop_) {
             if (hdmi_linux::cec_stats().arc == hdmi_linux::ArcState::active)
-                m_open.is_there();
-            sleep_ns(10 * ms);
+                open_.is_there();
+            sleep_ns(10 * kMs);
         }
     }
 
-    Lasting m_open{longest_look_ns};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    Lasting open_{kLongestLookNs};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 /// Numbered pictures without end; the sound comes over the cable.
 class Pictures : public play::Source
 {
 public:
-    int audio_rate() const override { return source_rates.back(); }
+    int audio_rate() const override { return kSourceRates.back(); }
     void audio(int64_t, int16_t*, int) const override {}
     play::Rational fps() const override { return {60, 1}; }
     bool next_video(play::VideoFrame* frame) override
     {
-        frame->number = m_next % play::picture_number_limit;
-        frame->source_ns = frame_ns(m_next++);
-        play::fill_field(&frame->picture, play::Picture::black);
+        frame->number = next_ % play::kPictureNumberLimit;
+        frame->source_ns = frame_ns(next_++);
+        play::fill_field(&frame->picture, play::Picture::kBlack);
         play::write_number(&frame->picture, frame->number);
         return true;
     }
@@ -326,7 +326,7 @@ public:
     std::string description() const override { return "numbered pictures, a tone"; }
 
 private:
-    int64_t m_next = 0;
+    int64_t next_ = 0;
 };
 
 using Counts = std::vector<int64_t>;
@@ -336,7 +336,7 @@ struct Disturbance {
     std::function<bool()> down;
     std::function<bool()> up;        ///< none: it comes back by itself
     std::function<Counts()> noticed; ///< how often the player has met it; each counter counts every time
-    int64_t held_at_least_ns = least_held_ns;
+    int64_t held_at_least_ns = kLeastHeldNs;
 };
 
 struct Outcome {
@@ -377,12 +377,12 @@ long count_entries(const char* folder)
 /// Without what the display remembers of each outage, and the platform, up to a limit, of each CEC message.
 long heap_in_use(const play::Display& display)
 {
-    constexpr size_t reason_bytes = 48;
+    constexpr size_t kReasonBytes = 48;
     size_t outages = display.stats().outages.size();
     size_t capacity = 1;
     while (capacity < outages)
         capacity *= 2;
-    size_t kept = capacity * sizeof(play::Outage) + outages * reason_bytes;
+    size_t kept = capacity * sizeof(play::Outage) + outages * kReasonBytes;
     kept += hdmi_linux::cec_messages().size() * sizeof(hdmi_linux::CecMessage);
     struct mallinfo2 heap = mallinfo2();
     return static_cast<long>(heap.uordblks + heap.hblkhd - kept);
@@ -391,8 +391,8 @@ long heap_in_use(const play::Display& display)
 Belongings belongings(const play::Display& display)
 {
     long heap = heap_in_use(display);
-    for (int i = 1; i < heap_readings; i++) {
-        sleep_ns(5 * ms);
+    for (int i = 1; i < kHeapReadings; i++) {
+        sleep_ns(5 * kMs);
         heap = std::min(heap, heap_in_use(display));
     }
     return {count_entries("/proc/self/task"), count_entries("/proc/self/fd"), heap};
@@ -402,9 +402,9 @@ class Trial
 {
 public:
     /// What is remembered of the disturbances takes its memory at once. @p random outlives it.
-    Trial(std::mt19937* random, Presence presence, size_t disturbances) : m_random(random), m_presence(presence)
+    Trial(std::mt19937* random, Presence presence, size_t disturbances) : random_(random), presence_(presence)
     {
-        m_outcomes.reserve(disturbances);
+        outcomes_.reserve(disturbances);
     }
 
     bool wait_until_steady(int64_t limit_ns)
@@ -420,30 +420,30 @@ public:
         if (!in_time(disturbance.kind, disturbance.down))
             return false;
         if (disturbance.up) {
-            std::uniform_int_distribution<int64_t> held(disturbance.held_at_least_ns, most_held_ns);
-            outcome.held_ns = held(*m_random);
+            std::uniform_int_distribution<int64_t> held(disturbance.held_at_least_ns, kMostHeldNs);
+            outcome.held_ns = held(*random_);
             sleep_ns(outcome.held_ns);
             if (!in_time(disturbance.kind, disturbance.up))
                 return false;
         }
         int64_t back_ns = now_ns();
-        sleep_ns(break_shows_ns);
+        sleep_ns(kBreakShowsNs);
         auto noticed = [&] { return each_more(disturbance.noticed(), before); };
-        wait_until(recovery_limit_ns, [&] { return all_steady() && noticed(); });
-        outcome.sound_ns = recovery(m_presence.sound, back_ns);
-        outcome.picture_ns = recovery(m_presence.picture, back_ns);
-        outcome.channel_ns = recovery(m_presence.channel, back_ns);
+        wait_until(kRecoveryLimitNs, [&] { return all_steady() && noticed(); });
+        outcome.sound_ns = recovery(presence_.sound, back_ns);
+        outcome.picture_ns = recovery(presence_.picture, back_ns);
+        outcome.channel_ns = recovery(presence_.channel, back_ns);
         outcome.noticed = noticed();
-        m_outcomes.push_back(outcome);
-        std::printf("%4zu %-8s sound back after %4lld ms, picture %4lld ms, channel %4lld ms%s\n", m_outcomes.size(),
-                    outcome.kind.c_str(), static_cast<long long>(outcome.sound_ns / ms),
-                    static_cast<long long>(outcome.picture_ns / ms), static_cast<long long>(outcome.channel_ns / ms),
+        outcomes_.push_back(outcome);
+        std::printf("%4zu %-8s sound back after %4lld ms, picture %4lld ms, channel %4lld ms%s\n", outcomes_.size(),
+                    outcome.kind.c_str(), static_cast<long long>(outcome.sound_ns / kMs),
+                    static_cast<long long>(outcome.picture_ns / kMs), static_cast<long long>(outcome.channel_ns / kMs),
                     outcome.noticed ? "" : ": the player did not notice it");
         std::fflush(stdout);
         return outcome.good();
     }
 
-    const std::vector<Outcome>& outcomes() const { return m_outcomes; }
+    const std::vector<Outcome>& outcomes() const { return outcomes_; }
 
 private:
     static bool wait_until(int64_t limit_ns, const std::function<bool()>& reached)
@@ -452,7 +452,7 @@ private:
         while (!reached()) {
             if (now_ns() > end_ns)
                 return false;
-            sleep_ns(5 * ms);
+            sleep_ns(5 * kMs);
         }
         return true;
     }
@@ -462,12 +462,12 @@ private:
     }
     bool all_steady() const
     {
-        return steady(m_presence.sound) && steady(m_presence.picture) && steady(m_presence.channel);
+        return steady(presence_.sound) && steady(presence_.picture) && steady(presence_.channel);
     }
     static bool steady(const Lasting& thing)
     {
         int64_t since_ns = thing.since_ns();
-        return since_ns >= 0 && now_ns() - since_ns >= steady_ns;
+        return since_ns >= 0 && now_ns() - since_ns >= kSteadyNs;
     }
     static int64_t recovery(const Lasting& thing, int64_t back_ns)
     {
@@ -478,7 +478,7 @@ private:
         std::promise<bool> promise;
         std::future<bool> result = promise.get_future();
         std::thread actor([&action, &promise] { promise.set_value(action()); });
-        if (result.wait_for(std::chrono::nanoseconds(action_limit_ns)) != std::future_status::ready) {
+        if (result.wait_for(std::chrono::nanoseconds(kActionLimitNs)) != std::future_status::ready) {
             std::printf("%s: somebody does not let go of it\n", kind.c_str());
             std::fflush(stdout);
             _exit(1);
@@ -487,9 +487,9 @@ private:
         return result.get();
     }
 
-    std::mt19937* const m_random;
-    const Presence m_presence;
-    std::vector<Outcome> m_outcomes;
+    std::mt19937* const random_;
+    const Presence presence_;
+    std::vector<Outcome> outcomes_;
 };
 
 bool video_control(const std::string& arguments) { return std::system(("v4l2-ctl " + arguments).c_str()) == 0; }
@@ -507,7 +507,7 @@ Disturbance cec_disturbance()
                video_control("-d /dev/video0 --set-edid=type=hdmi");
     };
     auto noticed = [] { return Counts{hdmi_linux::cec_stats().activations}; };
-    return {"cec", unplug, plug_in, noticed, least_held_slow_ns};
+    return {"cec", unplug, plug_in, noticed, kLeastHeldSlowNs};
 }
 
 /// Every way to disturb; what is passed outlives them.
@@ -520,9 +520,9 @@ std::vector<Disturbance> ways(Feed* feed, const play::Display& display, std::mt1
         return [=] { return write_to("/sys/class/drm/card0-Virtual-1/status", status); };
     };
     auto other_rate = [=] {
-        auto now = std::find(source_rates.begin(), source_rates.end(), feed->rate());
-        size_t step = 1 + (*random)() % (source_rates.size() - 1);
-        return feed->change_rate(source_rates[(now - source_rates.begin() + step) % source_rates.size()]);
+        auto now = std::find(kSourceRates.begin(), kSourceRates.end(), feed->rate());
+        size_t step = 1 + (*random)() % (kSourceRates.size() - 1);
+        return feed->change_rate(kSourceRates[(now - kSourceRates.begin() + step) % kSourceRates.size()]);
     };
     auto suspend = [] { return write_to("/sys/power/pm_test", "devices") && write_to("/sys/power/state", "freeze"); };
     auto captures_lost = [] { return Counts{hdmi_linux::capture_stats().losses}; };
@@ -532,7 +532,7 @@ std::vector<Disturbance> ways(Feed* feed, const play::Display& display, std::mt1
     auto suspends = [] { return Counts{hdmi_linux::playback_stats().suspends, hdmi_linux::capture_stats().suspends}; };
     return {{"cable", bus("unbind", "snd_aloop.0"), bus("bind", "snd_aloop.0"), captures_lost},
             {"speaker", bus("unbind", "snd_aloop.1"), bus("bind", "snd_aloop.1"), playbacks_lost},
-            {"display", connector("off"), connector("on"), outages, least_held_slow_ns},
+            {"display", connector("off"), connector("on"), outages, kLeastHeldSlowNs},
             {"rate", other_rate, nullptr, openings},
             {"suspend", suspend, nullptr, suspends},
             cec_disturbance()};
@@ -542,7 +542,7 @@ std::vector<Disturbance> ways(Feed* feed, const play::Display& display, std::mt1
 nlohmann::json summary(std::vector<int64_t> values)
 {
     std::sort(values.begin(), values.end());
-    auto at = [&values](size_t percent) { return values[(values.size() - 1) * percent / 100] / ms; };
+    auto at = [&values](size_t percent) { return values[(values.size() - 1) * percent / 100] / kMs; };
     return {{"median_ms", at(50)}, {"p95_ms", at(95)}, {"worst_ms", at(100)}};
 }
 
@@ -566,10 +566,10 @@ nlohmann::json to_json(const std::vector<Outcome>& outcomes)
         times.picture.push_back(outcome.picture_ns);
         times.channel.push_back(outcome.channel_ns);
         all.push_back({{"kind", outcome.kind},
-                       {"held_ms", outcome.held_ns / ms},
-                       {"sound_ms", outcome.sound_ns / ms},
-                       {"picture_ms", outcome.picture_ns / ms},
-                       {"channel_ms", outcome.channel_ns / ms},
+                       {"held_ms", outcome.held_ns / kMs},
+                       {"sound_ms", outcome.sound_ns / kMs},
+                       {"picture_ms", outcome.picture_ns / kMs},
+                       {"channel_ms", outcome.channel_ns / kMs},
                        {"noticed", outcome.noticed}});
     }
     nlohmann::json kinds;
@@ -597,7 +597,7 @@ bool same_belongings(const std::array<Belongings, 3>& readings, nlohmann::json* 
     std::printf("threads %ld -> %ld, descriptors %ld -> %ld, heap %ld -> %ld -> %ld bytes\n", before.threads,
                 after.threads, before.descriptors, after.descriptors, before.heap, middle.heap, after.heap);
     return after.threads == before.threads && after.descriptors == before.descriptors &&
-           after.heap - before.heap <= heap_slack && after.heap - middle.heap <= late_heap_slack;
+           after.heap - before.heap <= kHeapSlack && after.heap - middle.heap <= kLateHeapSlack;
 }
 
 /// Each kind @p rounds times, mixed.
@@ -613,7 +613,7 @@ std::vector<size_t> random_order(size_t rounds, size_t kinds, std::mt19937* rand
 /// @return whether everything came back, and nothing leaked
 bool run(size_t rounds, uint32_t seed, const play::Display& display, nlohmann::json* report)
 {
-    Feed feed(source_rates.back());
+    Feed feed(kSourceRates.back());
     Ear ear;
     Eye eye(display);
     Channel channel;
@@ -621,18 +621,18 @@ bool run(size_t rounds, uint32_t seed, const play::Display& display, nlohmann::j
     std::vector<Disturbance> kinds = ways(&feed, display, &random);
     std::vector<size_t> order = random_order(rounds, kinds.size(), &random);
     Trial trial(&random, {ear.sound(), eye.picture(), channel.open()}, order.size());
-    if (!trial.wait_until_steady(start_limit_ns)) {
+    if (!trial.wait_until_steady(kStartLimitNs)) {
         std::printf("no sound, no picture or no return channel to begin with\n");
         return false;
     }
     // Always at the same rate: what converts rates takes its memory.
     auto at_rest = [&] {
-        feed.change_rate(source_rates.back());
-        sleep_ns(break_shows_ns);
-        trial.wait_until_steady(recovery_limit_ns);
+        feed.change_rate(kSourceRates.back());
+        sleep_ns(kBreakShowsNs);
+        trial.wait_until_steady(kRecoveryLimitNs);
         return belongings(display);
     };
-    size_t first = std::min(warm_up, order.size() / 2);
+    size_t first = std::min(kWarmUp, order.size() / 2);
     size_t middle = first + (order.size() - first) / 2;
     std::array<Belongings, 3> readings = {};
     bool good = true;
@@ -655,7 +655,7 @@ bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
     options.display = play::DisplayKind::kms;
     std::string error;
     std::unique_ptr<play::Display> display = play::open_kms_display(options, &error);
-    if (!display || !Feed::announce(source_rates.back())) {
+    if (!display || !Feed::announce(kSourceRates.back())) {
         std::printf("%s\n", error.c_str());
         return false;
     }
@@ -664,7 +664,7 @@ bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
     Pictures pictures;
     std::unique_ptr<play::Host> host;
     {
-        play::RealtimeScope realtime(priority);
+        play::RealtimeScope realtime(kPriority);
         std::optional<hdmi_player_drm_info_t> info = display->start(&screen, &gate, &error);
         if (!info) {
             std::printf("%s\n", error.c_str());
@@ -677,7 +677,7 @@ bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
         config.paint = [&display](play::FrameBuffer* buffer, const play::Image* image) {
             display->paint(buffer, image);
         };
-        config.drain_ns = 200 * ms; // a loopback captures silence without end
+        config.drain_ns = 200 * kMs; // a loopback captures silence without end
         config.present = [&display](play::FrameBuffer* buffer) { display->present(buffer); };
         host = std::make_unique<play::Host>(config, &pictures, play::SourceClock{now_ns()});
         if (!host->start())

@@ -14,21 +14,21 @@
 #include <filesystem>
 #include <memory>
 
-#include "source/coded_programme.h"
+#include "config/options.h"
 #include "display/display.h"
+#include "edges/platform_router.h"
+#include "edges/stage.h"
 #include "hdmi_sim.h"
 #include "host/host.h"
 #include "measure/measure.h"
-#include "source/media_file.h"
-#include "config/options.h"
-#include "report/page.h"
-#include "edges/platform_router.h"
-#include "source/programme.h"
 #include "progress.h"
 #include "realtime.h"
+#include "report/page.h"
 #include "report/report.h"
-#include "edges/stage.h"
 #include "report/verdict.h"
+#include "source/coded_programme.h"
+#include "source/media_file.h"
+#include "source/programme.h"
 
 namespace play
 {
@@ -37,53 +37,53 @@ namespace
 
 enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3 };
 
-constexpr int64_t second_ns = 1'000'000'000;
-constexpr int64_t ms = 1'000'000;
+constexpr int64_t kSecondNs = 1'000'000'000;
+constexpr int64_t kMs = 1'000'000;
 /// Pictures and sound are judged from this long after the reset at start.
-constexpr int64_t settling_ns = 700 * ms;
+constexpr int64_t kSettlingNs = 700 * kMs;
 /// The programme goes on after its last flash until that was surely seen and heard.
-constexpr int64_t tail_ns = 700 * ms;
+constexpr int64_t kTailNs = 700 * kMs;
 /// Instants of the source this close to its end are not judged: they may be cut off.
-constexpr int64_t ending_ns = 550 * ms;
+constexpr int64_t kEndingNs = 550 * kMs;
 /// What is on its way from a real capture device to the output.
-constexpr int64_t real_drain_ns = 300 * ms;
+constexpr int64_t kRealDrainNs = 300 * kMs;
 /// Above ordinary threads, below the player's own capture and output.
-constexpr int realtime_priority = 20;
+constexpr int kRealtimePriority = 20;
 /// Of a longer run, charts show the beginning.
-constexpr double longest_trace_s = 4 * 3600;
-constexpr int programme_audio_rate = 44100;
-constexpr int coded_programme_rate = 48000;
+constexpr double kLongestTraceS = 4 * 3600;
+constexpr int kProgrammeAudioRate = 44100;
+constexpr int kCodedProgrammeRate = 48000;
 
 /// A name for the recording, and the recording's end if nobody asked for it.
 class RecordingFile
 {
 public:
-    explicit RecordingFile(const std::string& wanted) : m_path(wanted)
+    explicit RecordingFile(const std::string& wanted) : path_(wanted)
     {
         if (!wanted.empty())
             return;
         const char* parent = getenv("TMPDIR");
-        m_directory = std::string(parent != nullptr ? parent : "/tmp") + "/hdmi-player-play-XXXXXX";
+        directory_ = std::string(parent != nullptr ? parent : "/tmp") + "/hdmi-player-play-XXXXXX";
         // Of our own: in a directory that all may write to, a name that can be guessed may be somebody's link.
-        m_path = mkdtemp(m_directory.data()) != nullptr ? m_directory + "/sound.wav" : m_directory;
+        path_ = mkdtemp(directory_.data()) != nullptr ? directory_ + "/sound.wav" : directory_;
     }
     ~RecordingFile()
     {
-        if (m_directory.empty())
+        if (directory_.empty())
             return;
-        for (const std::string& sound : {m_path, sent_path(m_path)}) {
+        for (const std::string& sound : {path_, sent_path(path_)}) {
             unlink(sound.c_str());
             unlink((sound + ".blocks.csv").c_str());
         }
-        rmdir(m_directory.c_str());
+        rmdir(directory_.c_str());
     }
     RecordingFile(const RecordingFile&) = delete;
     RecordingFile& operator=(const RecordingFile&) = delete;
-    const std::string& path() const { return m_path; }
+    const std::string& path() const { return path_; }
 
 private:
-    std::string m_path;
-    std::string m_directory; ///< empty: the recording is to be kept
+    std::string path_;
+    std::string directory_; ///< empty: the recording is to be kept
 };
 
 /// Whether a file can be created or replaced at @p path, so that nobody learns it at the end of a film.
@@ -116,9 +116,9 @@ std::unique_ptr<Source> make_source(const Options& options, std::string* error)
     if (!options.file.empty())
         return MediaFile::open(options.file, options.source_rate, options.coding, error);
     Coding coding = options.coding.value_or(Coding::pcm);
-    int own_rate = coding == Coding::pcm ? programme_audio_rate : coded_programme_rate;
+    int own_rate = coding == Coding::pcm ? kProgrammeAudioRate : kCodedProgrammeRate;
     int rate = options.source_rate != 0 ? options.source_rate : own_rate;
-    auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * ms + tail_ns;
+    auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * kMs + kTailNs;
     if (coding != Coding::pcm)
         return CodedProgramme::make(coding, rate, options.fps, length_ns, error);
     return std::make_unique<Programme>(rate, options.fps, length_ns);
@@ -146,13 +146,13 @@ bool prepare_process(const Options& options, std::string* error)
 /// Null without a page to show it.
 std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, double display_hz)
 {
-    constexpr double unstated_s = 3600;
+    constexpr double kUnstatedS = 3600;
     if (options.html_path.empty())
         return nullptr;
     double seconds = options.seconds > 0 ? options.seconds : source.stated_seconds();
     if (!(seconds > 0))
-        seconds = unstated_s;
-    seconds = std::min(seconds, longest_trace_s) + options.video_start_ms / 1e3;
+        seconds = kUnstatedS;
+    seconds = std::min(seconds, kLongestTraceS) + options.video_start_ms / 1e3;
     return std::make_unique<Trace>(seconds, std::max(display_hz, source.fps().value()));
 }
 
@@ -164,12 +164,12 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
     config.output = options.output;
     config.display = told;
     config.algorithm_delay_ms = options.algorithm_delay_ms;
-    config.video_start_ns = options.video_start_ms * ms;
+    config.video_start_ns = options.video_start_ms * kMs;
     config.sync = !options.no_sync;
     config.raw = options.raw;
     // A device goes on with silence when its source has ended.
     if (!options.capture.empty())
-        config.drain_ns = real_drain_ns;
+        config.drain_ns = kRealDrainNs;
     config.gate = gate;
     config.paint = [display](FrameBuffer* buffer, const Image* image) { display->paint(buffer, image); };
     config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
@@ -178,7 +178,7 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
 
 void watch(const Host& host, const Display& display)
 {
-    constexpr useconds_t look_again_us = 50'000;
+    constexpr useconds_t kLookAgainUs = 50'000;
     Progress progress;
     while (host.video_running() && !display.closed()) {
         double seconds = static_cast<double>(hdmi_sim::now_ns() - host.opened_ns()) / 1e9;
@@ -188,7 +188,7 @@ void watch(const Host& host, const Display& display)
                       static_cast<long long>(frames.rendered), static_cast<long long>(frames.flipped),
                       static_cast<long long>(frames.dropped), static_cast<long long>(host.resets()));
         progress.update(seconds, text);
-        usleep(look_again_us);
+        usleep(kLookAgainUs);
     }
     progress.finish();
 }
@@ -222,7 +222,7 @@ CapturePath capture_path(const Result& result)
 struct Judged {
     int64_t from_ns;
     int64_t last_ns;
-    bool holds(int64_t at_ns) const { return at_ns >= from_ns && at_ns + ending_ns < last_ns; }
+    bool holds(int64_t at_ns) const { return at_ns >= from_ns && at_ns + kEndingNs < last_ns; }
 };
 
 void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound, Judged judged,
@@ -281,7 +281,7 @@ void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result
 {
     // With bursts passed on, the player writes nothing.
     int64_t began_ns = result->options.raw ? result->opened_ns : result->stage.sound.first_write_ns;
-    int64_t settled_ns = began_ns + second_ns;
+    int64_t settled_ns = began_ns + kSecondNs;
     bool real = !result->options.playback.empty();
     result->early_gaps = real ? troubles.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
     result->gaps = real ? troubles.playback.count(settled_ns, result->signal_end_ns)
@@ -300,11 +300,11 @@ void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock,
     scope.source_s = [&clock](int64_t at_ns) { return static_cast<double>(clock.to_source(at_ns)) / 1e9; };
     scope.player_opened_ns = result->opened_ns;
     scope.settled_s = static_cast<double>(judged.from_ns) / 1e9;
-    scope.end_s = static_cast<double>(judged.last_ns - ending_ns) / 1e9;
+    scope.end_s = static_cast<double>(judged.last_ns - kEndingNs) / 1e9;
     scope.timeline_s = result->options.html_at;
     scope.flashes = !source.marks().empty();
     scope.paced = result->paced;
-    scope.display_latency_ns = result->options.display_latency_ms() * ms;
+    scope.display_latency_ns = result->options.display_latency_ms() * kMs;
     result->trace = view_trace(trace, scope, screen.sightings(), result->offsets);
 }
 
@@ -315,7 +315,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
     result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
     // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
-    Judged judged = {clock.to_source(reset_ns + settling_ns),
+    Judged judged = {clock.to_source(reset_ns + kSettlingNs),
                      host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
     if (!result->options.foreign_source() && !result->options.raw)
         evaluate_sound(source, clock, screen, sound, judged, result);
@@ -358,7 +358,7 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     std::unique_ptr<Host> host;
     Usage before = usage_now();
     {
-        RealtimeScope realtime(realtime_priority);
+        RealtimeScope realtime(kRealtimePriority);
         result->realtime = realtime.active();
         if (!stage.start(error))
             return not_permitted;

@@ -17,8 +17,8 @@ public:
     void finish();
 
 private:
-    bool m_terminal;
-    double m_last = -1;
+    bool terminal_;
+    double last_ = -1;
 };
 
 } // namespace play

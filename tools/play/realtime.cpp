@@ -11,13 +11,13 @@ RealtimeScope::RealtimeScope(int priority)
 {
     sched_param param = {};
     param.sched_priority = priority;
-    m_active = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
+    active_ = pthread_setschedparam(pthread_self(), SCHED_RR, &param) == 0;
 }
 
 RealtimeScope::~RealtimeScope()
 {
     sched_param param = {};
-    if (m_active)
+    if (active_)
         pthread_setschedparam(pthread_self(), SCHED_OTHER, &param);
 }
 

@@ -22,10 +22,10 @@ public:
     RealtimeScope(const RealtimeScope&) = delete;
     RealtimeScope& operator=(const RealtimeScope&) = delete;
 
-    bool active() const { return m_active; }
+    bool active() const { return active_; }
 
 private:
-    bool m_active = false;
+    bool active_ = false;
 };
 
 } // namespace play

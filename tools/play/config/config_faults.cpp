@@ -10,8 +10,8 @@ namespace play
 namespace
 {
 
-constexpr const char* const devices[] = {"speaker", "headphone", "spdif", "hdmi_arc",
-                                         "i2s_txa", "hdmi_in",   "mic01", "cec"};
+constexpr const char* const kDevices[] = {"speaker", "headphone", "spdif", "hdmi_arc",
+                                          "i2s_txa", "hdmi_in",   "mic01", "cec"};
 
 bool is_number(std::string_view text)
 {
@@ -31,7 +31,7 @@ std::string_view take_until(std::string_view separator, std::string_view* rest)
 std::string key_of(std::string_view fault)
 {
     std::string_view place = take_until(": ", &fault);
-    for (const char* key : devices)
+    for (const char* key : kDevices)
         if (variable_of(key) == place)
             return key;
     size_t colon = place.rfind(':');
@@ -56,7 +56,7 @@ bool concerns(const std::string& fault, const ConfigUse& use)
     std::string key = key_of(fault);
     std::string_view detail = key;
     std::string_view device = take_until(".", &detail);
-    if (std::find(std::begin(devices), std::end(devices), device) == std::end(devices))
+    if (std::find(std::begin(kDevices), std::end(kDevices), device) == std::end(kDevices))
         return true;
     if (device == "hdmi_in")
         return use.capture;

@@ -14,18 +14,18 @@ namespace play
 namespace
 {
 
-const std::map<std::string, hdmi_player_ao_dev_e> outputs = {
+const std::map<std::string, hdmi_player_ao_dev_e> kOutputs = {
     {"speaker", E_HDMI_PLAYER_AO_DEV_SPEAKER}, {"headphone", E_HDMI_PLAYER_AO_DEV_HEADPHONE},
     {"spdif", E_HDMI_PLAYER_AO_DEV_SPDIF},     {"arc", E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
     {"i2s", E_HDMI_PLAYER_AO_DEV_I2S_TXA},
 };
 
-const std::map<std::string, Coding> codings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
+const std::map<std::string, Coding> kCodings = {{"pcm", Coding::pcm}, {"ac3", Coding::ac3}, {"eac3", Coding::eac3}};
 
-const std::map<std::string, DisplayKind> displays = {
+const std::map<std::string, DisplayKind> kDisplays = {
     {"sim", DisplayKind::sim}, {"none", DisplayKind::none}, {"kms", DisplayKind::kms}, {"window", DisplayKind::window}};
 
-const char* const footer =
+const char* const kFooter =
     "Plays a programme with a flash and a beep at each second (or FILE) through the player, from a simulated HDMI\n"
     "receiver to a simulated display and sound device, and reports what was seen and heard there.\n\n"
     "Each of these edges can be a real device instead. With --capture alsa:NAME the player captures from that device;\n"
@@ -51,9 +51,9 @@ const char* const footer =
     "was\n"
     "played.\n";
 
-constexpr double default_programme_seconds = 20;
+constexpr double kDefaultProgrammeSeconds = 20;
 /// Six hours: a WAV file holds 4 GB.
-constexpr double longest_seconds = 21600;
+constexpr double kLongestSeconds = 21600;
 
 /// CLI::Range takes what is not a number for inside.
 CLI::Validator in_range(double least, double most)
@@ -118,7 +118,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->check(CLI::Range(0, 10000))
         ->capture_default_str();
     app->add_option("--seconds", options->seconds, "Length; default 20, or the whole FILE")
-        ->check(in_range(2, longest_seconds));
+        ->check(in_range(2, kLongestSeconds));
     app->add_option("--phase", options->phase_ms, "The source starts that many ms later against the display")
         ->check(in_range(0, 100))
         ->capture_default_str();
@@ -136,18 +136,18 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
     auto* html = app->add_option("--html", options->html_path, "Also write the report there as a page to look at");
     app->add_option("--html-at", options->html_at, "Second of the source at which the page's timeline begins")
-        ->check(in_range(0, longest_seconds))
+        ->check(in_range(0, kLongestSeconds))
         ->needs(html);
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
-    app->footer(footer);
+    app->footer(kFooter);
 }
 
 std::string take_coding(const Texts& texts, Options* options)
 {
     if (!texts.coding.empty())
-        options->coding = codings.at(texts.coding);
+        options->coding = kCodings.at(texts.coding);
     if (!options->file.empty() && options->coding.value_or(Coding::pcm) != Coding::pcm)
         return "--bitstream: FILE is sent as it is or as pcm";
     bool programme = options->file.empty();
@@ -162,14 +162,14 @@ std::string take_coding(const Texts& texts, Options* options)
     if (pcm)
         return "--chunk-phase needs compressed sound (--bitstream)";
     if (texts.chunk_phase == "random") {
-        options->chunk_phase = phase_random;
+        options->chunk_phase = kPhaseRandom;
         return "";
     }
     // A multiple of a link frame; what is longer than a burst wraps around.
-    constexpr int link_frame_bytes = 4;
+    constexpr int kLinkFrameBytes = 4;
     std::istringstream in(texts.chunk_phase);
     if (!(in >> options->chunk_phase) || !in.eof() || options->chunk_phase < 0 ||
-        options->chunk_phase % link_frame_bytes != 0)
+        options->chunk_phase % kLinkFrameBytes != 0)
         return "--chunk-phase: " + texts.chunk_phase + " is neither a multiple of 4 nor random";
     return "";
 }
@@ -177,9 +177,9 @@ std::string take_coding(const Texts& texts, Options* options)
 /// "alsa:NAME", or for an edge that can be simulated "sim".
 bool parse_device(const std::string& text, std::string* name)
 {
-    constexpr char prefix[] = "alsa:";
-    constexpr size_t length = sizeof prefix - 1;
-    *name = text.compare(0, length, prefix) == 0 ? text.substr(length) : "";
+    constexpr char kPrefix[] = "alsa:";
+    constexpr size_t kLength = sizeof kPrefix - 1;
+    *name = text.compare(0, kLength, kPrefix) == 0 ? text.substr(kLength) : "";
     return !name->empty();
 }
 
@@ -209,7 +209,7 @@ std::string check_devices(const Options& options)
         return "--observe needs --playback alsa:NAME, the device's other end";
     if (options.foreign_source() && (!options.file.empty() || options.coding))
         return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
-    if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != phase_anywhere))
+    if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != kPhaseAnywhere))
         return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
     if (!options.playback.empty() && options.playback_ppm != 0)
         return "--playback-ppm is of the simulated sound device";
@@ -236,8 +236,8 @@ std::string take_rates(const Texts& texts, Options* options)
 std::string take_display(const Texts& texts, Options* options)
 {
     size_t colon = texts.display.find(':');
-    auto kind = displays.find(texts.display.substr(0, colon));
-    if (kind == displays.end() || (colon != std::string::npos && kind->second != DisplayKind::kms))
+    auto kind = kDisplays.find(texts.display.substr(0, colon));
+    if (kind == kDisplays.end() || (colon != std::string::npos && kind->second != DisplayKind::kms))
         return "--display: " + texts.display + " is none of sim, none, kms, kms:/dev/dri/cardN, window";
     options->display = kind->second;
     if (colon == std::string::npos)
@@ -250,27 +250,27 @@ std::string take_display(const Texts& texts, Options* options)
 
 bool parse_rate(const std::string& text, Rational* rate)
 {
-    constexpr int64_t largest_rate = 1'000'000;
+    constexpr int64_t kLargestRate = 1'000'000;
     std::istringstream in(text);
     double value = 0;
     if (text.find('/') != std::string::npos) {
         char slash = 0;
         Rational given{0, 0};
         if (!(in >> given.num >> slash >> given.den) || slash != '/' || !in.eof() || given.num <= 0 || given.den <= 0 ||
-            given.num > largest_rate || given.den > largest_rate)
+            given.num > kLargestRate || given.den > kLargestRate)
             return false;
         *rate = given;
         return true;
     }
-    if (!(in >> value) || !in.eof() || !(value > 0) || value > largest_rate)
+    if (!(in >> value) || !in.eof() || !(value > 0) || value > kLargestRate)
         return false;
     // Within half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
-    constexpr double writing_error = 0.005;
+    constexpr double kWritingError = 0.005;
     double whole = std::round(value);
     double ntsc = std::ceil(value) * 1000 / 1001;
     if (value == whole)
         *rate = {static_cast<int64_t>(whole), 1};
-    else if (std::abs(value - ntsc) <= writing_error)
+    else if (std::abs(value - ntsc) <= kWritingError)
         *rate = {static_cast<int64_t>(std::ceil(value)) * 1000, 1001};
     else
         *rate = {std::llround(value * 1000), 1000};
@@ -290,7 +290,7 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         std::fprintf(stderr, "hdmi-player-play: %s (--help shows the options)\n", e.what());
         return {false, 2};
     }
-    options->output = outputs.at(texts.output);
+    options->output = kOutputs.at(texts.output);
     std::string wrong = take_rates(texts, options);
     if (wrong.empty())
         wrong = take_display(texts, options);
@@ -305,7 +305,7 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         return {false, 2};
     }
     if (options->seconds == 0 && options->file.empty())
-        options->seconds = default_programme_seconds;
+        options->seconds = kDefaultProgrammeSeconds;
     return {true, 0};
 }
 

@@ -12,13 +12,13 @@ namespace play
 {
 
 /// Values of Options::chunk_phase beside the bytes.
-constexpr int phase_anywhere = -1; ///< captures begin with what passes next
-constexpr int phase_random = -2;   ///< drawn for the run
+constexpr int kPhaseAnywhere = -1; ///< captures begin with what passes next
+constexpr int kPhaseRandom = -2;   ///< drawn for the run
 
 enum class DisplayKind { sim, none, kms, window };
 
 /// From the vertical blank to light, of the simulated panel: what the player allows for.
-constexpr int default_display_latency_ms = 76;
+constexpr int kDefaultDisplayLatencyMs = 76;
 
 /// What the command line asks for.
 struct Options {
@@ -26,7 +26,7 @@ struct Options {
     int source_rate = 0; ///< Hz; 0: 44100 for the programme in PCM, 48000 for it coded, the file's own for a file
     /// How the sound is sent; nothing: as it is in the file, PCM for the programme.
     std::optional<Coding> coding;
-    int chunk_phase = phase_anywhere;     ///< bytes from the beginning of the first capture to the next burst
+    int chunk_phase = kPhaseAnywhere;     ///< bytes from the beginning of the first capture to the next burst
     bool raw = false;                     ///< bursts go to the output as they are
     Rational fps{60, 1};                  ///< of the programme; a file brings its own
     std::optional<Rational> display_rate; ///< nothing: the display's own, see display_hz()
@@ -57,7 +57,7 @@ struct Options {
     int display_latency_ms() const
     {
         bool simulated = display == DisplayKind::sim || display == DisplayKind::none;
-        return display_latency.value_or(simulated ? default_display_latency_ms : 0);
+        return display_latency.value_or(simulated ? kDefaultDisplayLatencyMs : 0);
     }
     /// Of displays without a rate of their own.
     double display_hz() const { return display_rate.value_or(Rational{60, 1}).value(); }

@@ -13,52 +13,52 @@ namespace
 class NoDisplay : public Display
 {
 public:
-    NoDisplay(double refresh_hz, int latency_ms) : m_refresh_hz(refresh_hz), m_latency_ms(latency_ms) {}
+    NoDisplay(double refresh_hz, int latency_ms) : refresh_hz_(refresh_hz), latency_ms_(latency_ms) {}
     ~NoDisplay() override { stop(); }
 
-    double refresh_hz() const override { return m_refresh_hz; }
+    double refresh_hz() const override { return refresh_hz_; }
     bool paced() const override { return false; }
     std::string description() const override { return "none"; }
 
     std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate*, std::string*) override
     {
-        m_screen = screen;
-        return hdmi_player_drm_info_t{0, static_cast<float>(m_refresh_hz)};
+        screen_ = screen;
+        return hdmi_player_drm_info_t{0, static_cast<float>(refresh_hz_)};
     }
 
     void present(FrameBuffer* buffer) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_screen->refresh(buffer->picture, hdmi_sim::now_ns() + m_latency_ms * int64_t{1'000'000});
-        m_flips++;
-        if (m_shown != nullptr)
-            release(m_shown);
-        m_shown = buffer;
+        std::lock_guard<std::mutex> lock(mutex_);
+        screen_->refresh(buffer->picture, hdmi_sim::now_ns() + latency_ms_ * int64_t{1'000'000});
+        flips_++;
+        if (shown_ != nullptr)
+            release(shown_);
+        shown_ = buffer;
     }
 
     void stop() override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_shown != nullptr)
-            release(m_shown);
-        m_shown = nullptr;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (shown_ != nullptr)
+            release(shown_);
+        shown_ = nullptr;
     }
 
     DisplayStats stats() const override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         DisplayStats stats;
-        stats.flips = m_flips;
+        stats.flips = flips_;
         return stats;
     }
 
 private:
-    const double m_refresh_hz;
-    const int m_latency_ms;
-    Screen* m_screen = nullptr;
-    mutable std::mutex m_mutex;
-    FrameBuffer* m_shown = nullptr;
-    int64_t m_flips = 0;
+    const double refresh_hz_;
+    const int latency_ms_;
+    Screen* screen_ = nullptr;
+    mutable std::mutex mutex_;
+    FrameBuffer* shown_ = nullptr;
+    int64_t flips_ = 0;
 };
 
 } // namespace

@@ -11,18 +11,18 @@ namespace
 class SimulatedDisplay : public Display
 {
 public:
-    SimulatedDisplay(double refresh_hz, int latency_ms) : m_refresh_hz(refresh_hz), m_latency_ms(latency_ms) {}
+    SimulatedDisplay(double refresh_hz, int latency_ms) : refresh_hz_(refresh_hz), latency_ms_(latency_ms) {}
     ~SimulatedDisplay() override { stop(); }
 
-    double refresh_hz() const override { return m_refresh_hz; }
+    double refresh_hz() const override { return refresh_hz_; }
     bool paced() const override { return true; }
     std::string description() const override { return "sim"; }
 
     std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override
     {
         hdmi_sim::DisplayConfig config;
-        config.refresh_hz = m_refresh_hz;
-        config.latency_ns = m_latency_ms * int64_t{1'000'000};
+        config.refresh_hz = refresh_hz_;
+        config.latency_ns = latency_ms_ * int64_t{1'000'000};
         auto scan_out = [screen, gate](const hdmi_sim::ScanOut& out) {
             gate->vblank(out.vblank_ns);
             if (out.buffer != nullptr)
@@ -34,8 +34,8 @@ public:
             *error = "the simulated display does not start";
             return std::nullopt;
         }
-        m_running = true;
-        return hdmi_player_drm_info_t{fd, static_cast<float>(m_refresh_hz)};
+        running_ = true;
+        return hdmi_player_drm_info_t{fd, static_cast<float>(refresh_hz_)};
     }
 
     void present(FrameBuffer* buffer) override
@@ -46,9 +46,9 @@ public:
 
     void stop() override
     {
-        if (m_running)
+        if (running_)
             hdmi_sim::display_stop();
-        m_running = false;
+        running_ = false;
     }
 
     DisplayStats stats() const override
@@ -63,9 +63,9 @@ public:
     }
 
 private:
-    const double m_refresh_hz;
-    const int m_latency_ms;
-    bool m_running = false;
+    const double refresh_hz_;
+    const int latency_ms_;
+    bool running_ = false;
 };
 
 } // namespace

@@ -22,11 +22,11 @@ namespace
 {
 
 /// What the pictures are painted into; the window may have any size.
-constexpr Size canvas_size{1280, 720};
+constexpr Size kCanvasSize{1280, 720};
 /// How often the window's events are looked at while nothing is to be shown.
-constexpr std::chrono::milliseconds event_interval{10};
+constexpr std::chrono::milliseconds kEventInterval{10};
 /// At the end: for the pictures that are pending.
-constexpr int64_t finish_limit_ns = 200'000'000;
+constexpr int64_t kFinishLimitNs = 200'000'000;
 
 struct WindowCloser {
     void operator()(SDL_Window* p) const { SDL_DestroyWindow(p); }
@@ -42,15 +42,15 @@ struct TextureCloser {
 class Memory : public Surface
 {
 public:
-    Memory() : m_pixels(static_cast<size_t>(canvas_size.width) * canvas_size.height) {}
+    Memory() : pixels_(static_cast<size_t>(kCanvasSize.width) * kCanvasSize.height) {}
     Canvas canvas() const override
     {
-        return {reinterpret_cast<uint8_t*>(m_pixels.data()), canvas_size.width, canvas_size.height,
-                canvas_size.width * sizeof(uint32_t)};
+        return {reinterpret_cast<uint8_t*>(pixels_.data()), kCanvasSize.width, kCanvasSize.height,
+                kCanvasSize.width * sizeof(uint32_t)};
     }
 
 private:
-    mutable std::vector<uint32_t> m_pixels;
+    mutable std::vector<uint32_t> pixels_;
 };
 
 /// The window itself. Everything of it happens on one thread, as SDL demands.
@@ -59,9 +59,9 @@ class Window
 public:
     ~Window()
     {
-        m_texture.reset();
-        m_renderer.reset();
-        m_window.reset();
+        texture_.reset();
+        renderer_.reset();
+        window_.reset();
         SDL_Quit();
     }
 
@@ -75,21 +75,21 @@ public:
             return SDL_GetError();
         if (!has_desktop())
             return std::string("no desktop here, only ") + SDL_GetCurrentVideoDriver();
-        constexpr int anywhere = SDL_WINDOWPOS_CENTERED;
-        m_window.reset(SDL_CreateWindow("hdmi-player-play", anywhere, anywhere, canvas_size.width, canvas_size.height,
-                                        SDL_WINDOW_RESIZABLE));
-        if (!m_window)
+        constexpr int kAnywhere = SDL_WINDOWPOS_CENTERED;
+        window_.reset(SDL_CreateWindow("hdmi-player-play", kAnywhere, kAnywhere, kCanvasSize.width, kCanvasSize.height,
+                                       SDL_WINDOW_RESIZABLE));
+        if (!window_)
             return SDL_GetError();
-        m_renderer.reset(SDL_CreateRenderer(m_window.get(), -1, SDL_RENDERER_PRESENTVSYNC));
-        if (!m_renderer)
-            m_renderer.reset(SDL_CreateRenderer(m_window.get(), -1, SDL_RENDERER_SOFTWARE));
-        if (m_renderer)
-            m_texture.reset(SDL_CreateTexture(m_renderer.get(), SDL_PIXELFORMAT_RGB888, SDL_TEXTUREACCESS_STREAMING,
-                                              canvas_size.width, canvas_size.height));
-        if (!m_texture)
+        renderer_.reset(SDL_CreateRenderer(window_.get(), -1, SDL_RENDERER_PRESENTVSYNC));
+        if (!renderer_)
+            renderer_.reset(SDL_CreateRenderer(window_.get(), -1, SDL_RENDERER_SOFTWARE));
+        if (renderer_)
+            texture_.reset(SDL_CreateTexture(renderer_.get(), SDL_PIXELFORMAT_RGB888, SDL_TEXTUREACCESS_STREAMING,
+                                             kCanvasSize.width, kCanvasSize.height));
+        if (!texture_)
             return SDL_GetError();
         // Keeps the shape, with black borders, whatever the size of the window.
-        SDL_RenderSetLogicalSize(m_renderer.get(), canvas_size.width, canvas_size.height);
+        SDL_RenderSetLogicalSize(renderer_.get(), kCanvasSize.width, kCanvasSize.height);
         show(nullptr);
         return "";
     }
@@ -98,13 +98,13 @@ public:
     double refresh_hz() const
     {
         SDL_DisplayMode mode = {};
-        return SDL_GetWindowDisplayMode(m_window.get(), &mode) == 0 ? mode.refresh_rate : 0;
+        return SDL_GetWindowDisplayMode(window_.get(), &mode) == 0 ? mode.refresh_rate : 0;
     }
 
     std::string description() const
     {
         SDL_RendererInfo info = {};
-        SDL_GetRendererInfo(m_renderer.get(), &info);
+        SDL_GetRendererInfo(renderer_.get(), &info);
         const char* driver = SDL_GetCurrentVideoDriver();
         bool vsync = (info.flags & SDL_RENDERER_PRESENTVSYNC) != 0;
         return std::string("window (") + (driver != nullptr ? driver : "?") + ", " +
@@ -115,10 +115,10 @@ public:
     void show(const Canvas* canvas)
     {
         if (canvas != nullptr)
-            SDL_UpdateTexture(m_texture.get(), nullptr, canvas->memory, static_cast<int>(canvas->pitch));
-        SDL_RenderClear(m_renderer.get());
-        SDL_RenderCopy(m_renderer.get(), m_texture.get(), nullptr, nullptr);
-        SDL_RenderPresent(m_renderer.get());
+            SDL_UpdateTexture(texture_.get(), nullptr, canvas->memory, static_cast<int>(canvas->pitch));
+        SDL_RenderClear(renderer_.get());
+        SDL_RenderCopy(renderer_.get(), texture_.get(), nullptr, nullptr);
+        SDL_RenderPresent(renderer_.get());
     }
 
     struct News {
@@ -147,18 +147,18 @@ private:
         return SDL_getenv("SDL_VIDEODRIVER") != nullptr || driver == "x11" || driver == "wayland";
     }
 
-    std::unique_ptr<SDL_Window, WindowCloser> m_window;
-    std::unique_ptr<SDL_Renderer, RendererCloser> m_renderer;
-    std::unique_ptr<SDL_Texture, TextureCloser> m_texture;
+    std::unique_ptr<SDL_Window, WindowCloser> window_;
+    std::unique_ptr<SDL_Renderer, RendererCloser> renderer_;
+    std::unique_ptr<SDL_Texture, TextureCloser> texture_;
 };
 
 /// A window of the desktop. It has no vertical blanks to wait for: the player goes by its refresh rate.
 class WindowDisplay : public Display
 {
 public:
-    explicit WindowDisplay(const Options& options) : m_latency_ns(options.display_latency_ms() * int64_t{1'000'000})
+    explicit WindowDisplay(const Options& options) : latency_ns_(options.display_latency_ms() * int64_t{1'000'000})
     {
-        m_refresh_hz = options.display_hz();
+        refresh_hz_ = options.display_hz();
     }
     ~WindowDisplay() override { stop(); }
 
@@ -167,21 +167,21 @@ public:
     {
         std::promise<std::string> opened;
         std::future<std::string> result = opened.get_future();
-        m_thread = std::thread(&WindowDisplay::run, this, rate_given, std::move(opened));
+        thread_ = std::thread(&WindowDisplay::run, this, rate_given, std::move(opened));
         return result.get();
     }
 
-    double refresh_hz() const override { return m_refresh_hz; }
+    double refresh_hz() const override { return refresh_hz_; }
     bool paced() const override { return false; }
-    std::string description() const override { return m_description; }
-    Size image_size() const override { return canvas_size; }
+    std::string description() const override { return description_; }
+    Size image_size() const override { return kCanvasSize; }
 
     std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string*) override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_screen = screen;
-        m_gate = gate;
-        return hdmi_player_drm_info_t{0, static_cast<float>(m_refresh_hz)};
+        std::lock_guard<std::mutex> lock(mutex_);
+        screen_ = screen;
+        gate_ = gate;
+        return hdmi_player_drm_info_t{0, static_cast<float>(refresh_hz_)};
     }
 
     void paint(FrameBuffer* buffer, const Image* image) override
@@ -193,11 +193,11 @@ public:
 
     void present(FrameBuffer* buffer) override;
     void stop() override;
-    bool closed() const override { return m_closed; }
+    bool closed() const override { return closed_; }
     DisplayStats stats() const override
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_stats;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return stats_;
     }
 
 private:
@@ -206,33 +206,33 @@ private:
     void on_shown(const Canvas& canvas);
     bool finished() const;
 
-    const int64_t m_latency_ns;
-    double m_refresh_hz = 0; ///< constant once open
-    std::string m_description;
-    std::thread m_thread;
-    std::atomic<bool> m_closed{false};
+    const int64_t latency_ns_;
+    double refresh_hz_ = 0; ///< constant once open
+    std::string description_;
+    std::thread thread_;
+    std::atomic<bool> closed_{false};
 
-    mutable std::mutex m_mutex; ///< what follows
-    std::condition_variable m_changed;
-    Screen* m_screen = nullptr;
-    FlipGate* m_gate = nullptr;
-    FlipQueue m_queue;
-    bool m_stop = false;
-    int64_t m_stop_ns = 0;
-    int64_t m_shown_ns = 0; ///< when the latest picture was; 0: none yet
-    DisplayStats m_stats;
+    mutable std::mutex mutex_; ///< what follows
+    std::condition_variable changed_;
+    Screen* screen_ = nullptr;
+    FlipGate* gate_ = nullptr;
+    FlipQueue queue_;
+    bool stop_ = false;
+    int64_t stop_ns_ = 0;
+    int64_t shown_ns_ = 0; ///< when the latest picture was; 0: none yet
+    DisplayStats stats_;
 };
 
 void WindowDisplay::present(FrameBuffer* buffer)
 {
     FrameBuffer* left_out = nullptr;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stats.flips++;
-        left_out = m_stop ? buffer : m_queue.flip(buffer);
-        m_stats.superseded += left_out != nullptr ? 1 : 0;
+        std::lock_guard<std::mutex> lock(mutex_);
+        stats_.flips++;
+        left_out = stop_ ? buffer : queue_.flip(buffer);
+        stats_.superseded += left_out != nullptr ? 1 : 0;
     }
-    m_changed.notify_all();
+    changed_.notify_all();
     if (left_out != nullptr)
         release(left_out);
 }
@@ -242,16 +242,16 @@ void WindowDisplay::run(bool rate_given, std::promise<std::string> opened)
     pthread_setname_np(pthread_self(), "window");
     Window window;
     std::string wrong = window.open();
-    m_description = window.description();
+    description_ = window.description();
     double desktop_hz = window.refresh_hz();
     if (!rate_given && desktop_hz > 0)
-        m_refresh_hz = desktop_hz;
+        refresh_hz_ = desktop_hz;
     opened.set_value(wrong);
     while (wrong.empty() && !finished()) {
         FrameBuffer* next = take_next();
         Window::News news = Window::news();
         if (news.closed)
-            m_closed = true;
+            closed_ = true;
         if (next != nullptr) {
             Canvas canvas = next->surface->canvas();
             window.show(&canvas);
@@ -265,11 +265,11 @@ void WindowDisplay::run(bool rate_given, std::promise<std::string> opened)
 /// The picture to show now; null after a while without one.
 FrameBuffer* WindowDisplay::take_next()
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait_for(lock, event_interval, [this] { return m_queue.next() != nullptr || m_stop; });
-    FrameBuffer* next = m_queue.next();
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait_for(lock, kEventInterval, [this] { return queue_.next() != nullptr || stop_; });
+    FrameBuffer* next = queue_.next();
     if (next != nullptr)
-        m_queue.taken();
+        queue_.taken();
     return next;
 }
 
@@ -277,41 +277,41 @@ void WindowDisplay::on_shown(const Canvas& canvas)
 {
     int64_t now_ns = hdmi_sim::now_ns();
     Picture seen = look_at(canvas);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    FrameBuffer* before = m_queue.shown();
+    std::lock_guard<std::mutex> lock(mutex_);
+    FrameBuffer* before = queue_.shown();
     int64_t passed = 1;
-    if (m_shown_ns != 0)
-        passed = std::max<int64_t>(1, std::llround(static_cast<double>(now_ns - m_shown_ns) * m_refresh_hz / 1e9));
-    m_shown_ns = now_ns;
-    m_stats.vblanks += passed;
-    m_stats.repeated += passed - 1;
-    m_gate->shown(now_ns);
+    if (shown_ns_ != 0)
+        passed = std::max<int64_t>(1, std::llround(static_cast<double>(now_ns - shown_ns_) * refresh_hz_ / 1e9));
+    shown_ns_ = now_ns;
+    stats_.vblanks += passed;
+    stats_.repeated += passed - 1;
+    gate_->shown(now_ns);
     if (before != nullptr) {
-        m_screen->stay(passed - 1);
+        screen_->stay(passed - 1);
         release(before);
     }
-    m_screen->refresh(seen, now_ns + m_latency_ns);
+    screen_->refresh(seen, now_ns + latency_ns_);
 }
 
 /// Told to stop, and the pending pictures were shown.
 bool WindowDisplay::finished() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_stop && (m_queue.next() == nullptr || hdmi_sim::now_ns() >= m_stop_ns + finish_limit_ns);
+    std::lock_guard<std::mutex> lock(mutex_);
+    return stop_ && (queue_.next() == nullptr || hdmi_sim::now_ns() >= stop_ns_ + kFinishLimitNs);
 }
 
 void WindowDisplay::stop()
 {
-    if (!m_thread.joinable())
+    if (!thread_.joinable())
         return;
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stop = true;
-        m_stop_ns = hdmi_sim::now_ns();
+        std::lock_guard<std::mutex> lock(mutex_);
+        stop_ = true;
+        stop_ns_ = hdmi_sim::now_ns();
     }
-    m_changed.notify_all();
-    m_thread.join();
-    for (FrameBuffer* buffer : m_queue.clear())
+    changed_.notify_all();
+    thread_.join();
+    for (FrameBuffer* buffer : queue_.clear())
         release(buffer);
 }
 

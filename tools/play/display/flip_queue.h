@@ -24,46 +24,46 @@ public:
     /// The host flips. @return the buffer that will not be shown for that, null if all will
     FrameBuffer* flip(FrameBuffer* buffer)
     {
-        if (m_waiting != nullptr) {
-            m_behind = true;
-            return std::exchange(m_waiting, buffer);
+        if (waiting_ != nullptr) {
+            behind_ = true;
+            return std::exchange(waiting_, buffer);
         }
-        if (m_on_its_way == nullptr)
-            m_behind = false;
-        else if (m_behind) {
-            m_behind = false;
+        if (on_its_way_ == nullptr)
+            behind_ = false;
+        else if (behind_) {
+            behind_ = false;
             return buffer;
         }
-        m_waiting = buffer;
+        waiting_ = buffer;
         return nullptr;
     }
 
     /// What the device is to be given now; null while one is on its way, and if none waits.
-    FrameBuffer* next() const { return m_on_its_way == nullptr ? m_waiting : nullptr; }
+    FrameBuffer* next() const { return on_its_way_ == nullptr ? waiting_ : nullptr; }
     /// The device has taken next().
-    void taken() { m_on_its_way = std::exchange(m_waiting, nullptr); }
+    void taken() { on_its_way_ = std::exchange(waiting_, nullptr); }
 
-    FrameBuffer* on_its_way() const { return m_on_its_way; }
+    FrameBuffer* on_its_way() const { return on_its_way_; }
     /// The device shows on_its_way(). @return the buffer that was on the screen before, null at first
-    FrameBuffer* shown() { return std::exchange(m_screen, std::exchange(m_on_its_way, nullptr)); }
-    FrameBuffer* on_screen() const { return m_screen; }
+    FrameBuffer* shown() { return std::exchange(screen_, std::exchange(on_its_way_, nullptr)); }
+    FrameBuffer* on_screen() const { return screen_; }
 
     /// The display ends or is lost: every buffer, in the order in which they were flipped.
     std::vector<FrameBuffer*> clear()
     {
         std::vector<FrameBuffer*> all;
-        for (FrameBuffer** buffer : {&m_screen, &m_on_its_way, &m_waiting})
+        for (FrameBuffer** buffer : {&screen_, &on_its_way_, &waiting_})
             if (*buffer != nullptr)
                 all.push_back(std::exchange(*buffer, nullptr));
-        m_behind = false;
+        behind_ = false;
         return all;
     }
 
 private:
-    FrameBuffer* m_screen = nullptr;
-    FrameBuffer* m_on_its_way = nullptr;
-    FrameBuffer* m_waiting = nullptr;
-    bool m_behind = false; ///< a backlog came: the device is one refresh late with what it was given
+    FrameBuffer* screen_ = nullptr;
+    FrameBuffer* on_its_way_ = nullptr;
+    FrameBuffer* waiting_ = nullptr;
+    bool behind_ = false; ///< a backlog came: the device is one refresh late with what it was given
 };
 
 } // namespace play

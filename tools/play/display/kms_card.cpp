@@ -18,7 +18,7 @@ namespace play
 namespace
 {
 
-constexpr int cards_to_try = 16;
+constexpr int kCardsToTry = 16;
 
 std::string card_path(int number) { return "/dev/dri/card" + std::to_string(number); }
 
@@ -91,60 +91,59 @@ bool means_gone(int error) { return error == ENODEV || error == ENXIO || error =
 
 std::shared_ptr<KmsBuffer> KmsCard::make_buffer()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     auto buffer = std::make_shared<KmsBuffer>();
     uint64_t bytes = 0;
     uint32_t pitch = 0;
     uint64_t offset = 0;
-    if (drmModeCreateDumbBuffer(m_fd, m_width, m_height, 32, 0, &buffer->m_handle, &pitch, &bytes) != 0)
+    if (drmModeCreateDumbBuffer(fd_, width_, height_, 32, 0, &buffer->handle_, &pitch, &bytes) != 0)
         return nullptr;
-    buffer->m_card = shared_from_this();
-    buffer->m_generation = m_generation;
-    const uint32_t handles[4] = {buffer->m_handle, 0, 0, 0};
+    buffer->card_ = shared_from_this();
+    buffer->generation_ = generation_;
+    const uint32_t handles[4] = {buffer->handle_, 0, 0, 0};
     const uint32_t pitches[4] = {pitch, 0, 0, 0};
     const uint32_t offsets[4] = {};
-    int result =
-        drmModeAddFB2(m_fd, m_width, m_height, DRM_FORMAT_XRGB8888, handles, pitches, offsets, &buffer->m_id, 0);
+    int result = drmModeAddFB2(fd_, width_, height_, DRM_FORMAT_XRGB8888, handles, pitches, offsets, &buffer->id_, 0);
     if (result == 0)
-        result = drmModeMapDumbBuffer(m_fd, buffer->m_handle, &offset);
+        result = drmModeMapDumbBuffer(fd_, buffer->handle_, &offset);
     void* memory = MAP_FAILED;
     if (result == 0)
-        memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, static_cast<off_t>(offset));
+        memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, static_cast<off_t>(offset));
     if (memory == MAP_FAILED) {
         int error = errno;
         buffer->release();
-        buffer->m_card.reset();
+        buffer->card_.reset();
         errno = error;
         return nullptr;
     }
-    buffer->m_bytes = bytes;
-    buffer->m_canvas = {static_cast<uint8_t*>(memory), m_width, m_height, pitch};
+    buffer->bytes_ = bytes;
+    buffer->canvas_ = {static_cast<uint8_t*>(memory), width_, height_, pitch};
     return buffer;
 }
 
-bool KmsBuffer::current() const { return m_generation == m_card->m_generation; }
+bool KmsBuffer::current() const { return generation_ == card_->generation_; }
 
 KmsBuffer::~KmsBuffer()
 {
-    if (!m_card)
+    if (!card_)
         return;
-    std::lock_guard<std::mutex> lock(m_card->m_mutex);
+    std::lock_guard<std::mutex> lock(card_->mutex_);
     release();
 }
 
 void KmsBuffer::release()
 {
-    if (m_canvas.memory != nullptr)
-        munmap(m_canvas.memory, m_bytes);
-    m_canvas = {};
+    if (canvas_.memory != nullptr)
+        munmap(canvas_.memory, bytes_);
+    canvas_ = {};
     // Of a card that was opened anew, the numbers mean something else, and the memory is gone.
-    if (m_generation == m_card->m_generation) {
-        if (m_id != 0)
-            drmModeRmFB(m_card->m_fd, m_id);
-        drmModeDestroyDumbBuffer(m_card->m_fd, m_handle);
+    if (generation_ == card_->generation_) {
+        if (id_ != 0)
+            drmModeRmFB(card_->fd_, id_);
+        drmModeDestroyDumbBuffer(card_->fd_, handle_);
     }
-    m_id = 0;
-    m_handle = 0;
+    id_ = 0;
+    handle_ = 0;
 }
 
 // --- Opening ----------------------------------------------------------------------
@@ -155,7 +154,7 @@ std::shared_ptr<KmsCard> KmsCard::open(const std::string& path, std::optional<do
     if (!path.empty())
         return open_one(path, refresh_hz, atomic, error);
     *error = "/dev/dri has no card";
-    for (int i = 0; i < cards_to_try; i++) {
+    for (int i = 0; i < kCardsToTry; i++) {
         std::string name = card_path(i);
         if (access(name.c_str(), F_OK) != 0)
             continue;
@@ -176,7 +175,7 @@ std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optiona
         return nullptr;
     }
     std::shared_ptr<KmsCard> card(new KmsCard(path, fd, atomic));
-    card->m_driver = driver_name(fd);
+    card->driver_ = driver_name(fd);
     uint64_t dumb = 0;
     std::string wrong;
     if (drmGetCap(fd, DRM_CAP_DUMB_BUFFER, &dumb) != 0 || dumb == 0)
@@ -189,39 +188,38 @@ std::shared_ptr<KmsCard> KmsCard::open_one(const std::string& path, std::optiona
         *error = path + ": " + wrong;
         return nullptr;
     }
-    card->m_width = card->m_mode.hdisplay;
-    card->m_height = card->m_mode.vdisplay;
-    card->m_before = drmModeGetCrtc(fd, card->m_crtc);
+    card->width_ = card->mode_.hdisplay;
+    card->height_ = card->mode_.vdisplay;
+    card->before_ = drmModeGetCrtc(fd, card->crtc_);
     return card;
 }
 
 KmsCard::~KmsCard()
 {
-    drmModeFreeCrtc(m_before);
-    close(m_fd);
+    drmModeFreeCrtc(before_);
+    close(fd_);
 }
 
 std::string KmsCard::description() const
 {
     char mode[64];
-    std::snprintf(mode, sizeof mode, " %dx%d, ", m_mode.hdisplay, m_mode.vdisplay);
-    return "kms:" + m_path + " (" + m_driver + ") " + m_connector_name + mode +
-           (m_atomic ? "atomic flips" : "page flips");
+    std::snprintf(mode, sizeof mode, " %dx%d, ", mode_.hdisplay, mode_.vdisplay);
+    return "kms:" + path_ + " (" + driver_ + ") " + connector_name_ + mode + (atomic_ ? "atomic flips" : "page flips");
 }
 
 /// The first connector with a display, and the mode for it. @return what is wrong, or nothing
 std::string KmsCard::take_connector(std::optional<double> refresh_hz)
 {
-    Resources resources(drmModeGetResources(m_fd));
+    Resources resources(drmModeGetResources(fd_));
     if (!resources)
         return "has no connectors";
     std::string wrong;
     for (int i = 0; i < resources->count_connectors; i++) {
-        Connector connector(drmModeGetConnector(m_fd, resources->connectors[i]));
+        Connector connector(drmModeGetConnector(fd_, resources->connectors[i]));
         if (!connector)
             continue;
         std::string name = connector_name(*connector);
-        if (!m_connector_name.empty() && name != m_connector_name)
+        if (!connector_name_.empty() && name != connector_name_)
             continue;
         std::string why;
         if (connector->connection != DRM_MODE_CONNECTED) {
@@ -236,9 +234,9 @@ std::string KmsCard::take_connector(std::optional<double> refresh_hz)
             wrong += (wrong.empty() ? "" : "; ") + name + " " + why;
             continue;
         }
-        m_mode = *mode;
-        m_connector = connector->connector_id;
-        m_connector_name = name;
+        mode_ = *mode;
+        connector_ = connector->connector_id;
+        connector_name_ = name;
         take_atomic();
         return "";
     }
@@ -248,11 +246,11 @@ std::string KmsCard::take_connector(std::optional<double> refresh_hz)
 /// Who waits for a vertical blank without further words means the first CRTC's: that one, or none.
 std::string KmsCard::take_crtc(const drmModeConnector& connector)
 {
-    Resources resources(drmModeGetResources(m_fd));
+    Resources resources(drmModeGetResources(fd_));
     for (int i = 0; resources && resources->count_crtcs > 0 && i < connector.count_encoders; i++) {
-        Encoder encoder(drmModeGetEncoder(m_fd, connector.encoders[i]));
+        Encoder encoder(drmModeGetEncoder(fd_, connector.encoders[i]));
         if (encoder && (encoder->possible_crtcs & 1) != 0) {
-            m_crtc = resources->crtcs[0];
+            crtc_ = resources->crtcs[0];
             return "";
         }
     }
@@ -261,22 +259,22 @@ std::string KmsCard::take_crtc(const drmModeConnector& connector)
 
 void KmsCard::take_atomic()
 {
-    m_atomic = m_try_atomic && drmSetClientCap(m_fd, DRM_CLIENT_CAP_ATOMIC, 1) == 0 && take_primary_plane();
-    if (!m_atomic)
+    atomic_ = try_atomic_ && drmSetClientCap(fd_, DRM_CLIENT_CAP_ATOMIC, 1) == 0 && take_primary_plane();
+    if (!atomic_)
         return;
-    m_connector_properties = properties_of(m_fd, m_connector, DRM_MODE_OBJECT_CONNECTOR);
-    m_crtc_properties = properties_of(m_fd, m_crtc, DRM_MODE_OBJECT_CRTC);
-    m_plane_properties = properties_of(m_fd, m_plane, DRM_MODE_OBJECT_PLANE);
-    m_plane_fb = m_plane_properties["FB_ID"];
+    connector_properties_ = properties_of(fd_, connector_, DRM_MODE_OBJECT_CONNECTOR);
+    crtc_properties_ = properties_of(fd_, crtc_, DRM_MODE_OBJECT_CRTC);
+    plane_properties_ = properties_of(fd_, plane_, DRM_MODE_OBJECT_PLANE);
+    plane_fb_ = plane_properties_["FB_ID"];
 }
 
 bool KmsCard::take_primary_plane()
 {
-    Planes planes(drmModeGetPlaneResources(m_fd));
+    Planes planes(drmModeGetPlaneResources(fd_));
     for (uint32_t i = 0; planes && i < planes->count_planes; i++) {
-        Plane plane(drmModeGetPlane(m_fd, planes->planes[i]));
-        if (plane && (plane->possible_crtcs & 1) != 0 && shows_xrgb(*plane) && is_primary(m_fd, plane->plane_id)) {
-            m_plane = plane->plane_id;
+        Plane plane(drmModeGetPlane(fd_, planes->planes[i]));
+        if (plane && (plane->possible_crtcs & 1) != 0 && shows_xrgb(*plane) && is_primary(fd_, plane->plane_id)) {
+            plane_ = plane->plane_id;
             return true;
         }
     }
@@ -287,45 +285,45 @@ bool KmsCard::take_primary_plane()
 
 int KmsCard::show(const KmsBuffer& buffer)
 {
-    if (m_atomic)
+    if (atomic_)
         return show_atomic(buffer);
-    return error_of(drmModeSetCrtc(m_fd, m_crtc, buffer.id(), 0, 0, &m_connector, 1, &m_mode));
+    return error_of(drmModeSetCrtc(fd_, crtc_, buffer.id(), 0, 0, &connector_, 1, &mode_));
 }
 
 int KmsCard::show_atomic(const KmsBuffer& buffer)
 {
     uint32_t blob = 0;
-    int error = error_of(drmModeCreatePropertyBlob(m_fd, &m_mode, sizeof m_mode, &blob));
+    int error = error_of(drmModeCreatePropertyBlob(fd_, &mode_, sizeof mode_, &blob));
     if (error != 0)
         return error;
     AtomicRequest request(drmModeAtomicAlloc());
     auto set = [&request](uint32_t object, Properties& properties, const char* name, uint64_t value) {
         drmModeAtomicAddProperty(request.get(), object, properties[name], value);
     };
-    constexpr int fixed_point = 16;
-    set(m_connector, m_connector_properties, "CRTC_ID", m_crtc);
-    set(m_crtc, m_crtc_properties, "MODE_ID", blob);
-    set(m_crtc, m_crtc_properties, "ACTIVE", 1);
-    set(m_plane, m_plane_properties, "FB_ID", buffer.id());
-    set(m_plane, m_plane_properties, "CRTC_ID", m_crtc);
-    set(m_plane, m_plane_properties, "SRC_X", 0);
-    set(m_plane, m_plane_properties, "SRC_Y", 0);
-    set(m_plane, m_plane_properties, "SRC_W", uint64_t{m_mode.hdisplay} << fixed_point);
-    set(m_plane, m_plane_properties, "SRC_H", uint64_t{m_mode.vdisplay} << fixed_point);
-    set(m_plane, m_plane_properties, "CRTC_X", 0);
-    set(m_plane, m_plane_properties, "CRTC_Y", 0);
-    set(m_plane, m_plane_properties, "CRTC_W", m_mode.hdisplay);
-    set(m_plane, m_plane_properties, "CRTC_H", m_mode.vdisplay);
-    error = error_of(drmModeAtomicCommit(m_fd, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr));
-    drmModeDestroyPropertyBlob(m_fd, blob);
+    constexpr int kFixedPoint = 16;
+    set(connector_, connector_properties_, "CRTC_ID", crtc_);
+    set(crtc_, crtc_properties_, "MODE_ID", blob);
+    set(crtc_, crtc_properties_, "ACTIVE", 1);
+    set(plane_, plane_properties_, "FB_ID", buffer.id());
+    set(plane_, plane_properties_, "CRTC_ID", crtc_);
+    set(plane_, plane_properties_, "SRC_X", 0);
+    set(plane_, plane_properties_, "SRC_Y", 0);
+    set(plane_, plane_properties_, "SRC_W", uint64_t{mode_.hdisplay} << kFixedPoint);
+    set(plane_, plane_properties_, "SRC_H", uint64_t{mode_.vdisplay} << kFixedPoint);
+    set(plane_, plane_properties_, "CRTC_X", 0);
+    set(plane_, plane_properties_, "CRTC_Y", 0);
+    set(plane_, plane_properties_, "CRTC_W", mode_.hdisplay);
+    set(plane_, plane_properties_, "CRTC_H", mode_.vdisplay);
+    error = error_of(drmModeAtomicCommit(fd_, request.get(), DRM_MODE_ATOMIC_ALLOW_MODESET, nullptr));
+    drmModeDestroyPropertyBlob(fd_, blob);
     return error;
 }
 
 int KmsCard::flip(const KmsBuffer& buffer, uint64_t id)
 {
-    if (!m_atomic) {
+    if (!atomic_) {
         auto* data = reinterpret_cast<void*>(static_cast<uintptr_t>(id));
-        return error_of(drmModePageFlip(m_fd, m_crtc, buffer.id(), DRM_MODE_PAGE_FLIP_EVENT, data));
+        return error_of(drmModePageFlip(fd_, crtc_, buffer.id(), DRM_MODE_PAGE_FLIP_EVENT, data));
     }
     // A request of libdrm's is allocated, copied and sorted for each flip: too much for whoever flips. This is the same
     // with one property.
@@ -335,17 +333,17 @@ int KmsCard::flip(const KmsBuffer& buffer, uint64_t id)
     drm_mode_atomic commit = {};
     commit.flags = DRM_MODE_ATOMIC_NONBLOCK | DRM_MODE_PAGE_FLIP_EVENT;
     commit.count_objs = 1;
-    commit.objs_ptr = address(m_plane);
+    commit.objs_ptr = address(plane_);
     commit.count_props_ptr = address(properties);
-    commit.props_ptr = address(m_plane_fb);
+    commit.props_ptr = address(plane_fb_);
     commit.prop_values_ptr = address(value);
     commit.user_data = id;
-    return drmIoctl(m_fd, DRM_IOCTL_MODE_ATOMIC, &commit) == 0 ? 0 : errno;
+    return drmIoctl(fd_, DRM_IOCTL_MODE_ATOMIC, &commit) == 0 ? 0 : errno;
 }
 
 bool KmsCard::connected() const
 {
-    Connector connector(drmModeGetConnectorCurrent(m_fd, m_connector));
+    Connector connector(drmModeGetConnectorCurrent(fd_, connector_));
     return connector && connector->connection == DRM_MODE_CONNECTED;
 }
 
@@ -353,26 +351,26 @@ bool KmsCard::connected() const
 bool KmsCard::is_gone() const
 {
     errno = 0;
-    Connector connector(drmModeGetConnectorCurrent(m_fd, m_connector));
-    return (!connector && means_gone(errno)) || access(m_path.c_str(), F_OK) != 0;
+    Connector connector(drmModeGetConnectorCurrent(fd_, connector_));
+    return (!connector && means_gone(errno)) || access(path_.c_str(), F_OK) != 0;
 }
 
 int KmsCard::revive()
 {
     if (is_gone() && !reopen())
         return ENODEV;
-    if (drmIsMaster(m_fd) == 0 && drmSetMaster(m_fd) != 0)
+    if (drmIsMaster(fd_) == 0 && drmSetMaster(fd_) != 0)
         return EACCES;
-    if (m_connector == 0 && !find_connector())
+    if (connector_ == 0 && !find_connector())
         return ENOTCONN;
     // Only now is the display itself asked, which takes some time.
-    Connector connector(drmModeGetConnector(m_fd, m_connector));
+    Connector connector(drmModeGetConnector(fd_, connector_));
     if (!connector || connector->connection != DRM_MODE_CONNECTED)
         return ENOTCONN;
-    double hz = refresh_hz(m_mode);
+    double hz = refresh_hz(mode_);
     for (const drmModeModeInfo& mode : modes_of(*connector))
-        if (mode.hdisplay == m_mode.hdisplay && mode.vdisplay == m_mode.vdisplay && refresh_hz(mode) == hz) {
-            m_mode = mode;
+        if (mode.hdisplay == mode_.hdisplay && mode.vdisplay == mode_.vdisplay && refresh_hz(mode) == hz) {
+            mode_ = mode;
             return 0;
         }
     return ENOTSUP;
@@ -381,9 +379,9 @@ int KmsCard::revive()
 /// Finds the card again. As long as the old one is held open, the number is not free for the new one.
 bool KmsCard::reopen()
 {
-    if (replace_by(m_path))
+    if (replace_by(path_))
         return true;
-    for (int i = 0; i < cards_to_try; i++)
+    for (int i = 0; i < kCardsToTry; i++)
         if (replace_by(card_path(i)))
             return true;
     return false;
@@ -396,19 +394,19 @@ bool KmsCard::replace_by(const std::string& path)
     int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0)
         return false;
-    bool same_kind = driver_name(fd) == m_driver;
+    bool same_kind = driver_name(fd) == driver_;
     if (same_kind) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        same_kind = dup3(fd, m_fd, O_CLOEXEC) >= 0;
-        m_generation += same_kind ? 1 : 0;
+        std::lock_guard<std::mutex> lock(mutex_);
+        same_kind = dup3(fd, fd_, O_CLOEXEC) >= 0;
+        generation_ += same_kind ? 1 : 0;
     }
     close(fd);
     if (!same_kind)
         return false;
-    m_path = path;
-    m_connector = 0;
-    drmModeFreeCrtc(m_before); // nothing that could be put back
-    m_before = nullptr;
+    path_ = path;
+    connector_ = 0;
+    drmModeFreeCrtc(before_); // nothing that could be put back
+    before_ = nullptr;
     return true;
 }
 
@@ -416,23 +414,23 @@ bool KmsCard::replace_by(const std::string& path)
 bool KmsCard::find_connector()
 {
     // The pictures that are being painted have the size of that mode.
-    drmModeModeInfo mode = m_mode;
+    drmModeModeInfo mode = mode_;
     bool found = take_connector(refresh_hz(mode)).empty();
     if (!found) {
-        m_connector_name.clear();
+        connector_name_.clear();
         found = take_connector(refresh_hz(mode)).empty();
     }
-    m_mode = mode;
+    mode_ = mode;
     return found;
 }
 
 void KmsCard::restore()
 {
-    if (m_before != nullptr && m_before->mode_valid != 0)
-        drmModeSetCrtc(m_fd, m_crtc, m_before->buffer_id, m_before->x, m_before->y, &m_connector, 1, &m_before->mode);
+    if (before_ != nullptr && before_->mode_valid != 0)
+        drmModeSetCrtc(fd_, crtc_, before_->buffer_id, before_->x, before_->y, &connector_, 1, &before_->mode);
     else
-        drmModeSetCrtc(m_fd, m_crtc, 0, 0, 0, nullptr, 0, nullptr);
-    drmDropMaster(m_fd);
+        drmModeSetCrtc(fd_, crtc_, 0, 0, 0, nullptr, 0, nullptr);
+    drmDropMaster(fd_);
 }
 
 } // namespace play

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "source/canvas.h"
 #include "host/frame_pool.h"
+#include "source/canvas.h"
 
 namespace play
 {
@@ -29,8 +29,8 @@ class KmsBuffer : public Surface
 {
 public:
     ~KmsBuffer() override;
-    Canvas canvas() const override { return m_canvas; }
-    uint32_t id() const { return m_id; }
+    Canvas canvas() const override { return canvas_; }
+    uint32_t id() const { return id_; }
     /// Whether the card is still the one that it was made for. Does not wait, not even for memory that is being made.
     bool current() const;
 
@@ -38,12 +38,12 @@ private:
     friend class KmsCard;
     void release();
 
-    std::shared_ptr<KmsCard> m_card;
-    int m_generation = 0;
-    uint32_t m_handle = 0;
-    uint32_t m_id = 0; ///< as a frame buffer of the card
-    Canvas m_canvas;
-    size_t m_bytes = 0;
+    std::shared_ptr<KmsCard> card_;
+    int generation_ = 0;
+    uint32_t handle_ = 0;
+    uint32_t id_ = 0; ///< as a frame buffer of the card
+    Canvas canvas_;
+    size_t bytes_ = 0;
 };
 
 /**
@@ -61,8 +61,8 @@ public:
     ~KmsCard();
 
     /// Stays the same for as long as this object lives, also when the card itself went away and came back.
-    int fd() const { return m_fd; }
-    const drmModeModeInfo& mode() const { return m_mode; }
+    int fd() const { return fd_; }
+    const drmModeModeInfo& mode() const { return mode_; }
     std::string description() const;
 
     /// @return null, with errno set
@@ -85,7 +85,7 @@ private:
     friend class KmsBuffer;
     using Properties = std::map<std::string, uint32_t>;
 
-    KmsCard(const std::string& path, int fd, bool atomic) : m_path(path), m_fd(fd), m_try_atomic(atomic) {}
+    KmsCard(const std::string& path, int fd, bool atomic) : path_(path), fd_(fd), try_atomic_(atomic) {}
     static std::shared_ptr<KmsCard> open_one(const std::string& path, std::optional<double> refresh_hz, bool atomic,
                                              std::string* error);
     std::string take_connector(std::optional<double> refresh_hz);
@@ -98,27 +98,27 @@ private:
     bool find_connector();
     int show_atomic(const KmsBuffer& buffer);
 
-    std::string m_path; ///< a card that comes back may have another
-    const int m_fd;
-    const bool m_try_atomic;
-    std::mutex m_mutex; ///< memory is made and given back for the card that is open, not for another
-    std::atomic<int> m_generation{0};
+    std::string path_; ///< a card that comes back may have another
+    const int fd_;
+    const bool try_atomic_;
+    std::mutex mutex_; ///< memory is made and given back for the card that is open, not for another
+    std::atomic<int> generation_{0};
 
-    std::string m_driver;
-    std::string m_connector_name;
-    uint32_t m_connector = 0; ///< 0: to be found again
-    uint32_t m_crtc = 0;
-    drmModeModeInfo m_mode = {};
-    int m_width = 0; ///< of the mode, which a replaced display must take too
-    int m_height = 0;
-    drmModeCrtc* m_before = nullptr; ///< what was shown when the card was opened
+    std::string driver_;
+    std::string connector_name_;
+    uint32_t connector_ = 0; ///< 0: to be found again
+    uint32_t crtc_ = 0;
+    drmModeModeInfo mode_ = {};
+    int width_ = 0; ///< of the mode, which a replaced display must take too
+    int height_ = 0;
+    drmModeCrtc* before_ = nullptr; ///< what was shown when the card was opened
 
-    bool m_atomic = false;
-    uint32_t m_plane = 0;
-    uint32_t m_plane_fb = 0; ///< its property FB_ID
-    Properties m_connector_properties;
-    Properties m_crtc_properties;
-    Properties m_plane_properties;
+    bool atomic_ = false;
+    uint32_t plane_ = 0;
+    uint32_t plane_fb_ = 0; ///< its property FB_ID
+    Properties connector_properties_;
+    Properties crtc_properties_;
+    Properties plane_properties_;
 };
 
 } // namespace play

@@ -11,7 +11,7 @@ namespace
 {
 
 /// A mode's clock is in kHz, so that 59.94 may be 59.939; and 59.94 must not be taken for 60.
-constexpr double rate_tolerance = 0.0004;
+constexpr double kRateTolerance = 0.0004;
 
 bool same_size(const drmModeModeInfo& a, const drmModeModeInfo& b)
 {
@@ -66,7 +66,7 @@ const drmModeModeInfo* choose_mode(const std::vector<drmModeModeInfo>& modes, st
     const drmModeModeInfo& favourite = preferred != modes.end() ? *preferred : modes.front();
     auto fits = [wanted_hz](const drmModeModeInfo& mode) {
         double hz = refresh_hz(mode);
-        return hz > 0 && (!wanted_hz || std::abs(hz / *wanted_hz - 1) <= rate_tolerance);
+        return hz > 0 && (!wanted_hz || std::abs(hz / *wanted_hz - 1) <= kRateTolerance);
     };
     if (fits(favourite))
         return &favourite;

@@ -7,45 +7,45 @@ namespace
 {
 
 /// An hour of them at 60 a second: who shows them may be a real-time thread, and need not allocate.
-constexpr size_t sightings_ahead = 3600 * 60;
+constexpr size_t kSightingsAhead = 3600 * 60;
 
 } // namespace
 
-Screen::Screen() { m_sightings.reserve(sightings_ahead); }
+Screen::Screen() { sightings_.reserve(kSightingsAhead); }
 
 void Screen::refresh(const Picture& picture, int64_t seen_ns)
 {
     int64_t number = read_number(picture);
     bool flash = is_flash(picture);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_readable = number >= 0;
-    if (!m_readable)
-        m_unreadable++;
-    else if (!m_sightings.empty() && m_sightings.back().number == number)
-        m_sightings.back().vblanks++;
+    std::lock_guard<std::mutex> lock(mutex_);
+    readable_ = number >= 0;
+    if (!readable_)
+        unreadable_++;
+    else if (!sightings_.empty() && sightings_.back().number == number)
+        sightings_.back().vblanks++;
     else
-        m_sightings.push_back({number, flash, seen_ns, 1});
+        sightings_.push_back({number, flash, seen_ns, 1});
 }
 
 void Screen::stay(int64_t refreshes)
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (!m_readable)
-        m_unreadable += refreshes;
-    else if (!m_sightings.empty())
-        m_sightings.back().vblanks += refreshes;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!readable_)
+        unreadable_ += refreshes;
+    else if (!sightings_.empty())
+        sightings_.back().vblanks += refreshes;
 }
 
 std::vector<Sighting> Screen::sightings() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_sightings;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sightings_;
 }
 
 int64_t Screen::unreadable() const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_unreadable;
+    std::lock_guard<std::mutex> lock(mutex_);
+    return unreadable_;
 }
 
 } // namespace play

@@ -38,10 +38,10 @@ public:
     int64_t unreadable() const;
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<Sighting> m_sightings;
-    int64_t m_unreadable = 0;
-    bool m_readable = true; ///< the latest refresh
+    mutable std::mutex mutex_;
+    std::vector<Sighting> sightings_;
+    int64_t unreadable_ = 0;
+    bool readable_ = true; ///< the latest refresh
 };
 
 } // namespace play

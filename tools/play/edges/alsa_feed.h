@@ -31,9 +31,9 @@ public:
     void stop();
 
     /// When which link frame passes.
-    std::shared_ptr<const ClockTrack> track() const { return m_track; }
+    std::shared_ptr<const ClockTrack> track() const { return track_; }
     /// Times that it could not go on where it was.
-    int64_t breaks() const { return m_breaks; }
+    int64_t breaks() const { return breaks_; }
 
 private:
     void send();
@@ -43,15 +43,15 @@ private:
     void recover();
     int64_t due() const;
 
-    const std::string m_device;
-    const Source* m_source;
-    std::shared_ptr<ClockTrack> m_track;
-    std::unique_ptr<AlsaPcm> m_pcm; ///< the thread's while it runs; null: the device is gone
-    std::vector<int16_t> m_words;
-    int64_t m_next = 0; ///< link frame
-    std::atomic<int64_t> m_breaks{0};
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const std::string device_;
+    const Source* source_;
+    std::shared_ptr<ClockTrack> track_;
+    std::unique_ptr<AlsaPcm> pcm_; ///< the thread's while it runs; null: the device is gone
+    std::vector<int16_t> words_;
+    int64_t next_ = 0; ///< link frame
+    std::atomic<int64_t> breaks_{0};
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 } // namespace play

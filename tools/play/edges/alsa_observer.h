@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "edges/alsa_pcm.h"
-#include "signal/sound_file.h"
 #include "edges/sound_output.h"
+#include "signal/sound_file.h"
 
 namespace play
 {
@@ -25,10 +25,10 @@ public:
     /// Stops and completes the recording. @return false with one line in @p error
     bool finish(std::string* error);
 
-    RecordedSound heard() const { return {m_file.path(), m_file.blocks()}; }
-    double drift_ppm() const { return m_file.drift_ppm(); }
+    RecordedSound heard() const { return {file_.path(), file_.blocks()}; }
+    double drift_ppm() const { return file_.drift_ppm(); }
     /// Times that something was not heard: overruns of its own device, and losses.
-    int64_t breaks() const { return m_breaks; }
+    int64_t breaks() const { return breaks_; }
 
 private:
     void listen();
@@ -36,14 +36,14 @@ private:
     void open_again();
     void stop();
 
-    const std::string m_device;
-    const int m_rate;
-    SoundFile m_file;
-    std::unique_ptr<AlsaPcm> m_pcm; ///< the thread's; null: the device is gone
-    std::vector<int16_t> m_period;
-    std::atomic<bool> m_stop{false};
-    std::atomic<int64_t> m_breaks{0};
-    std::thread m_thread;
+    const std::string device_;
+    const int rate_;
+    SoundFile file_;
+    std::unique_ptr<AlsaPcm> pcm_; ///< the thread's; null: the device is gone
+    std::vector<int16_t> period_;
+    std::atomic<bool> stop_{false};
+    std::atomic<int64_t> breaks_{0};
+    std::thread thread_;
 };
 
 } // namespace play

@@ -13,11 +13,11 @@ namespace play
 namespace
 {
 
-constexpr unsigned channels = 2;
-constexpr int wait_ms = 100;
+constexpr unsigned kChannels = 2;
+constexpr int kWaitMs = 100;
 /// Fine steps for the words of where the device is; room for a thread that comes late.
-constexpr unsigned period_us = 10'000;
-constexpr unsigned buffer_us = 160'000;
+constexpr unsigned kPeriodUs = 10'000;
+constexpr unsigned kBufferUs = 160'000;
 
 void be_silent(const char*, int, const char*, int, const char*, ...) {}
 
@@ -52,15 +52,15 @@ int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames, snd
 {
     snd_pcm_hw_params_t* hardware = nullptr;
     snd_pcm_hw_params_alloca(&hardware);
-    unsigned period = period_us;
-    unsigned buffer = buffer_us;
+    unsigned period = kPeriodUs;
+    unsigned buffer = kBufferUs;
     int result = snd_pcm_hw_params_any(pcm, hardware);
     if (result >= 0)
         result = snd_pcm_hw_params_set_access(pcm, hardware, SND_PCM_ACCESS_RW_INTERLEAVED);
     if (result >= 0)
         result = snd_pcm_hw_params_set_format(pcm, hardware, SND_PCM_FORMAT_S16_LE);
     if (result >= 0)
-        result = snd_pcm_hw_params_set_channels(pcm, hardware, channels);
+        result = snd_pcm_hw_params_set_channels(pcm, hardware, kChannels);
     if (result >= 0)
         result = snd_pcm_hw_params_set_rate(pcm, hardware, static_cast<unsigned>(rate), 0);
     if (result >= 0)
@@ -119,36 +119,36 @@ std::unique_ptr<AlsaPcm> AlsaPcm::open(const std::string& name, Direction direct
 AlsaPcm::~AlsaPcm()
 {
     // What is queued is not waited for.
-    snd_pcm_drop(m_pcm);
-    snd_pcm_close(m_pcm);
+    snd_pcm_drop(pcm_);
+    snd_pcm_close(pcm_);
 }
 
 int AlsaPcm::write(const int16_t* stereo, int frames)
 {
-    auto written = static_cast<int>(snd_pcm_writei(m_pcm, stereo, static_cast<snd_pcm_uframes_t>(frames)));
+    auto written = static_cast<int>(snd_pcm_writei(pcm_, stereo, static_cast<snd_pcm_uframes_t>(frames)));
     if (written != -EAGAIN)
         return written;
-    int ready = snd_pcm_wait(m_pcm, wait_ms);
+    int ready = snd_pcm_wait(pcm_, kWaitMs);
     return ready < 0 ? ready : 0;
 }
 
 int AlsaPcm::read(int16_t* stereo, int frames)
 {
-    auto got = static_cast<int>(snd_pcm_readi(m_pcm, stereo, static_cast<snd_pcm_uframes_t>(frames)));
+    auto got = static_cast<int>(snd_pcm_readi(pcm_, stereo, static_cast<snd_pcm_uframes_t>(frames)));
     if (got != -EAGAIN)
         return got;
-    int ready = snd_pcm_wait(m_pcm, wait_ms);
+    int ready = snd_pcm_wait(pcm_, kWaitMs);
     return ready < 0 ? ready : 0;
 }
 
-bool AlsaPcm::start() { return snd_pcm_start(m_pcm) >= 0; }
-bool AlsaPcm::prepare() { return snd_pcm_prepare(m_pcm) >= 0; }
+bool AlsaPcm::start() { return snd_pcm_start(pcm_) >= 0; }
+bool AlsaPcm::prepare() { return snd_pcm_prepare(pcm_) >= 0; }
 
 bool AlsaPcm::ask(Word* word)
 {
     snd_pcm_status_t* status = nullptr;
     snd_pcm_status_alloca(&status);
-    if (snd_pcm_status(m_pcm, status) < 0 || snd_pcm_status_get_state(status) != SND_PCM_STATE_RUNNING)
+    if (snd_pcm_status(pcm_, status) < 0 || snd_pcm_status_get_state(status) != SND_PCM_STATE_RUNNING)
         return false;
     snd_htimestamp_t at = {};
     snd_pcm_status_get_htstamp(status, &at);

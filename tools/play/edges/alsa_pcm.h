@@ -26,9 +26,9 @@ public:
     AlsaPcm(const AlsaPcm&) = delete;
     AlsaPcm& operator=(const AlsaPcm&) = delete;
 
-    int period_frames() const { return m_period_frames; }
+    int period_frames() const { return period_frames_; }
     /// That it can hold; possibly less than was asked for.
-    int buffer_frames() const { return m_buffer_frames; }
+    int buffer_frames() const { return buffer_frames_; }
 
     /// @return frames taken or given, 0 if the device did not move for a while, or a negative error number
     int write(const int16_t* stereo, int frames);
@@ -48,13 +48,13 @@ public:
 
 private:
     AlsaPcm(snd_pcm_t* pcm, int period_frames, int buffer_frames)
-        : m_pcm(pcm), m_period_frames(period_frames), m_buffer_frames(buffer_frames)
+        : pcm_(pcm), period_frames_(period_frames), buffer_frames_(buffer_frames)
     {
     }
 
-    snd_pcm_t* m_pcm;
-    int m_period_frames;
-    int m_buffer_frames;
+    snd_pcm_t* pcm_;
+    int period_frames_;
+    int buffer_frames_;
 };
 
 /// Whether the device can be opened. @return false with one line in @p error

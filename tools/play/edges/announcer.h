@@ -27,7 +27,7 @@ public:
     /// Whether this machine's driver announces. The first call decides: later ones may find what was announced here.
     static bool driver_announces();
 
-    explicit Announcer(std::string device) : m_device(std::move(device)) {}
+    explicit Announcer(std::string device) : device_(std::move(device)) {}
     ~Announcer() override;
 
     /// Before the player opens: listens to the device for a moment, announces, and from then on follows it. @return
@@ -36,12 +36,12 @@ public:
     void stop();
 
     // After stop():
-    const std::vector<Announcement>& announced() const { return m_history; }
-    const std::vector<std::string>& rate_messages() const { return m_messages; }
+    const std::vector<Announcement>& announced() const { return history_; }
+    const std::vector<std::string>& rate_messages() const { return messages_; }
 
 private:
-    void opened(const audio_config_t&) override { m_watch.opened(); }
-    void captured(const uint8_t* data, int bytes, int64_t now_ns) override { m_watch.feed(data, bytes, now_ns); }
+    void opened(const audio_config_t&) override { watch_.opened(); }
+    void captured(const uint8_t* data, int bytes, int64_t now_ns) override { watch_.feed(data, bytes, now_ns); }
 
     void listen(int rate);
     LinkEvidence evidence() const;
@@ -51,16 +51,16 @@ private:
     void announce_return();
     void compare(const LinkEvidence& found);
 
-    const std::string m_device;
-    AlsaPlace m_place;
-    LinkState m_announced;
-    RateWatch m_rates;
-    int64_t m_returns = 0; ///< of the lost device, that were announced
-    std::vector<Announcement> m_history;
-    std::vector<std::string> m_messages;
-    SharedWatch m_watch; ///< fed by who captures: first start(), then the player's thread
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
+    const std::string device_;
+    AlsaPlace place_;
+    LinkState announced_;
+    RateWatch rates_;
+    int64_t returns_ = 0; ///< of the lost device, that were announced
+    std::vector<Announcement> history_;
+    std::vector<std::string> messages_;
+    SharedWatch watch_; ///< fed by who captures: first start(), then the player's thread
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 } // namespace play

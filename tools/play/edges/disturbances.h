@@ -40,16 +40,16 @@ class DisturbanceLog
 {
 public:
     void look(const DeviceCounts& counts, int64_t now_ns);
-    const std::vector<Disturbance>& all() const { return m_all; }
+    const std::vector<Disturbance>& all() const { return all_; }
     /// Underruns or overruns, and whatever else made the device lose sound, in that time.
     int64_t count(int64_t from_ns, int64_t to_ns) const;
 
 private:
     void note(Disturbance::Kind kind, int64_t now_ns);
 
-    DeviceCounts m_last;
-    bool m_known = false;
-    std::vector<Disturbance> m_all;
+    DeviceCounts last_;
+    bool known_ = false;
+    std::vector<Disturbance> all_;
 };
 
 /// Where nothing was heard.

@@ -16,7 +16,7 @@ namespace play
 namespace
 {
 
-constexpr const char* linux_library = "libhdmiplayer_linux.so";
+constexpr const char* kLinuxLibrary = "libhdmiplayer_linux.so";
 
 /// One platform's functions.
 struct Platform {
@@ -166,17 +166,17 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
 void* load_linux_library(std::string* error)
 {
     // Local: what it exports must not take the place of this program's functions.
-    constexpr int mode = RTLD_NOW | RTLD_LOCAL;
+    constexpr int kMode = RTLD_NOW | RTLD_LOCAL;
     std::error_code ignored;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
     std::string first_error;
     for (const std::filesystem::path& path :
-         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / linux_library,
-          std::filesystem::path(linux_library)}) {
+         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / kLinuxLibrary,
+          std::filesystem::path(kLinuxLibrary)}) {
         // The last one is for the loader to find.
         if (path.empty() || (path.has_parent_path() && !std::filesystem::exists(path, ignored)))
             continue;
-        if (void* library = dlopen(path.c_str(), mode))
+        if (void* library = dlopen(path.c_str(), kMode))
             return library;
         if (first_error.empty())
             first_error = dlerror();
@@ -195,12 +195,12 @@ bool set_routes(const Routes& routes, std::string* error)
         return true;
     void* library = load_linux_library(error);
     if (library == nullptr) {
-        *error = "real devices need " + std::string(linux_library) + ": " + *error;
+        *error = "real devices need " + std::string(kLinuxLibrary) + ": " + *error;
         return false;
     }
     if (look_up_devices(library, &r.machine) && look_up_cec(library, &r.machine) && look_up_own(library, &r.machine))
         return true;
-    *error = std::string(linux_library) + " is not of this program's version: " + dlerror();
+    *error = std::string(kLinuxLibrary) + " is not of this program's version: " + dlerror();
     return false;
 }
 

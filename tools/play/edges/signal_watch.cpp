@@ -10,32 +10,32 @@ namespace play
 namespace
 {
 
-constexpr uint16_t preamble_a = 0xF872;
-constexpr uint16_t preamble_b = 0x4E1F;
-constexpr int frame_bytes = 4;
-constexpr int data_type_mask = 0x1F; ///< of the word Pc
-constexpr int data_type_eac3 = 21;
-constexpr int eac3_frames_per_sample = 4;
+constexpr uint16_t kPreambleA = 0xF872;
+constexpr uint16_t kPreambleB = 0x4E1F;
+constexpr int kFrameBytes = 4;
+constexpr int kDataTypeMask = 0x1F; ///< of the word Pc
+constexpr int kDataTypeEac3 = 21;
+constexpr int kEac3FramesPerSample = 4;
 /// An E-AC-3 burst is the longest of those that a source repeats.
-constexpr int64_t longest_burst = 6144;
-constexpr int equal_distances = 2;
+constexpr int64_t kLongestBurst = 6144;
+constexpr int kEqualDistances = 2;
 
 /// Long against the jitter of the times at which periods arrive, which the fit evens out.
-constexpr int64_t measurement_ns = 2'000'000'000;
+constexpr int64_t kMeasurementNs = 2'000'000'000;
 /// Nothing came for so long: the device stood still, or nobody read it.
-constexpr int64_t pause_ns = 250'000'000;
-constexpr double agreement = 0.002;
+constexpr int64_t kPauseNs = 250'000'000;
+constexpr double kAgreement = 0.002;
 /// A source's clock is far more exact than this, and the rates are far more than this apart.
-constexpr double rate_tolerance = 0.005;
-constexpr int supported_rates[] = {32000, 44100, 48000};
+constexpr double kRateTolerance = 0.005;
+constexpr int kSupportedRates[] = {32000, 44100, 48000};
 
 bool near(double rate, double nominal, double tolerance) { return std::abs(rate - nominal) <= tolerance * nominal; }
 
 /// The supported rate at or near @p sample_rate, 0 for none.
 int supported(double sample_rate)
 {
-    for (int rate : supported_rates)
-        if (near(sample_rate, rate, rate_tolerance))
+    for (int rate : kSupportedRates)
+        if (near(sample_rate, rate, kRateTolerance))
             return rate;
     return 0;
 }
@@ -46,67 +46,67 @@ int supported(double sample_rate)
 
 void SignalWatch::feed(const uint8_t* data, int bytes, int64_t now_ns)
 {
-    for (int at = 0; at + frame_bytes <= bytes; at += frame_bytes) {
+    for (int at = 0; at + kFrameBytes <= bytes; at += kFrameBytes) {
         uint16_t words[2];
         std::memcpy(words, data + at, sizeof words);
         look_at(words[0], words[1]);
     }
     // What was read came before now: the first reading is where the measurement begins.
-    if (m_began_ns == 0 || now_ns - m_last_ns > pause_ns) {
+    if (began_ns_ == 0 || now_ns - last_ns_ > kPauseNs) {
         begin_measurement(now_ns);
     } else {
-        m_frames += bytes / frame_bytes;
+        frames_ += bytes / kFrameBytes;
         pace(now_ns);
     }
-    m_last_ns = now_ns;
+    last_ns_ = now_ns;
 }
 
 void SignalWatch::look_at(uint16_t left, uint16_t right)
 {
-    m_since_preamble++;
-    if (m_type_is_next) {
-        m_frames_per_sample = (left & data_type_mask) == data_type_eac3 ? eac3_frames_per_sample : 1;
-        m_type_is_next = false;
+    since_preamble_++;
+    if (type_is_next_) {
+        frames_per_sample_ = (left & kDataTypeMask) == kDataTypeEac3 ? kEac3FramesPerSample : 1;
+        type_is_next_ = false;
     }
-    if (left == preamble_a && right == preamble_b) {
+    if (left == kPreambleA && right == kPreambleB) {
         take_preamble();
         return;
     }
-    m_sounding += left != 0 || right != 0 ? 1 : 0;
-    if (m_sounding > 2 * longest_burst) {
-        m_content = Content::pcm;
-        m_equal = 0;
+    sounding_ += left != 0 || right != 0 ? 1 : 0;
+    if (sounding_ > 2 * kLongestBurst) {
+        content_ = Content::pcm;
+        equal_ = 0;
     }
 }
 
 void SignalWatch::take_preamble()
 {
-    m_type_is_next = true;
-    m_equal = m_since_preamble == m_distance && m_distance <= longest_burst ? m_equal + 1 : 1;
-    m_distance = m_since_preamble;
-    m_since_preamble = 0;
-    m_sounding = 0;
-    if (m_equal >= equal_distances)
-        m_content = Content::compressed;
+    type_is_next_ = true;
+    equal_ = since_preamble_ == distance_ && distance_ <= kLongestBurst ? equal_ + 1 : 1;
+    distance_ = since_preamble_;
+    since_preamble_ = 0;
+    sounding_ = 0;
+    if (equal_ >= kEqualDistances)
+        content_ = Content::compressed;
 }
 
 void SignalWatch::restart_pace()
 {
-    m_began_ns = 0;
-    m_measured = 0;
-    m_link_rate = 0;
+    began_ns_ = 0;
+    measured_ = 0;
+    link_rate_ = 0;
 }
 
 void SignalWatch::pace(int64_t now_ns)
 {
-    double t = static_cast<double>(now_ns - m_began_ns) / 1e9;
-    auto n = static_cast<double>(m_frames);
-    m_count++;
-    m_sum_t += t;
-    m_sum_n += n;
-    m_sum_tt += t * t;
-    m_sum_tn += t * n;
-    if (now_ns - m_began_ns < measurement_ns)
+    double t = static_cast<double>(now_ns - began_ns_) / 1e9;
+    auto n = static_cast<double>(frames_);
+    count_++;
+    sum_t_ += t;
+    sum_n_ += n;
+    sum_tt_ += t * t;
+    sum_tn_ += t * n;
+    if (now_ns - began_ns_ < kMeasurementNs)
         return;
     end_measurement();
     begin_measurement(now_ns);
@@ -114,47 +114,47 @@ void SignalWatch::pace(int64_t now_ns)
 
 void SignalWatch::begin_measurement(int64_t now_ns)
 {
-    m_began_ns = now_ns;
-    m_frames = 0;
-    m_count = m_sum_t = m_sum_n = m_sum_tt = m_sum_tn = 0;
+    began_ns_ = now_ns;
+    frames_ = 0;
+    count_ = sum_t_ = sum_n_ = sum_tt_ = sum_tn_ = 0;
 }
 
 void SignalWatch::end_measurement()
 {
-    double spread = m_count * m_sum_tt - m_sum_t * m_sum_t;
-    double rate = spread > 0 ? (m_count * m_sum_tn - m_sum_t * m_sum_n) / spread : 0;
-    if (rate > 0 && near(rate, m_measured, agreement))
-        m_link_rate = (rate + m_measured) / 2;
-    m_measured = rate;
+    double spread = count_ * sum_tt_ - sum_t_ * sum_t_;
+    double rate = spread > 0 ? (count_ * sum_tn_ - sum_t_ * sum_n_) / spread : 0;
+    if (rate > 0 && near(rate, measured_, kAgreement))
+        link_rate_ = (rate + measured_) / 2;
+    measured_ = rate;
 }
 
 // --- Between two threads ------------------------------------------------------------
 
 void SharedWatch::feed(const uint8_t* data, int bytes, int64_t now_ns)
 {
-    int64_t change = m_change;
-    if (change != m_measured)
-        m_watch.restart_pace();
-    m_watch.feed(data, bytes, now_ns);
-    m_content = m_watch.content();
-    m_frames_per_sample = m_watch.frames_per_sample();
-    m_link_rate = m_watch.link_rate();
-    m_measured = change;
+    int64_t change = change_;
+    if (change != measured_)
+        watch_.restart_pace();
+    watch_.feed(data, bytes, now_ns);
+    content_ = watch_.content();
+    frames_per_sample_ = watch_.frames_per_sample();
+    link_rate_ = watch_.link_rate();
+    measured_ = change;
 }
 
 void SharedWatch::opened()
 {
-    m_watch.restart_pace();
-    m_link_rate = 0;
+    watch_.restart_pace();
+    link_rate_ = 0;
 }
 
 LinkEvidence SharedWatch::evidence() const
 {
     LinkEvidence evidence;
-    bool of_this_change = m_measured == m_change;
-    evidence.content = m_content;
-    evidence.frames_per_sample = m_frames_per_sample;
-    evidence.link_rate = of_this_change ? m_link_rate.load() : 0;
+    bool of_this_change = measured_ == change_;
+    evidence.content = content_;
+    evidence.frames_per_sample = frames_per_sample_;
+    evidence.link_rate = of_this_change ? link_rate_.load() : 0;
     return evidence;
 }
 
@@ -178,21 +178,21 @@ LinkState derive_state(const LinkState& announced, const LinkEvidence& evidence)
 
 std::string RateWatch::look(const LinkState& announced, const LinkEvidence& evidence)
 {
-    if (announced.sample_rate != m_announced)
-        m_named = 0;
-    m_announced = announced.sample_rate;
+    if (announced.sample_rate != announced_)
+        named_ = 0;
+    announced_ = announced.sample_rate;
     if (evidence.link_rate <= 0 || announced.sample_rate <= 0)
         return "";
     double rate = evidence.link_rate / (announced.compressed ? evidence.frames_per_sample : 1);
-    if (near(rate, announced.sample_rate, rate_tolerance)) {
+    if (near(rate, announced.sample_rate, kRateTolerance)) {
         // Well inside: a source at the edge would be named over and over.
-        if (near(rate, announced.sample_rate, rate_tolerance / 2))
-            m_named = 0;
+        if (near(rate, announced.sample_rate, kRateTolerance / 2))
+            named_ = 0;
         return "";
     }
-    if (near(rate, m_named, rate_tolerance))
+    if (near(rate, named_, kRateTolerance))
         return "";
-    m_named = rate;
+    named_ = rate;
     char text[96];
     std::snprintf(text, sizeof text, "the source sends %.0f samples per second, announced are %d", rate,
                   announced.sample_rate);

@@ -26,11 +26,11 @@ public:
 
     /// Compressed once three IEC 61937 preambles came equally far apart; PCM once there was sound for twice the longest
     /// burst without one. Silence changes nothing.
-    Content content() const { return m_content; }
+    Content content() const { return content_; }
     /// Of the bursts seen last: 4 if they are E-AC-3.
-    int frames_per_sample() const { return m_content == Content::compressed ? m_frames_per_sample : 1; }
+    int frames_per_sample() const { return content_ == Content::compressed ? frames_per_sample_ : 1; }
     /// Link frames per second, when two measurements in a row agreed; 0: not known.
-    double link_rate() const { return m_link_rate; }
+    double link_rate() const { return link_rate_; }
 
 private:
     void look_at(uint16_t left, uint16_t right);
@@ -39,24 +39,24 @@ private:
     void begin_measurement(int64_t now_ns);
     void end_measurement();
 
-    Content m_content = Content::unknown;
-    int m_frames_per_sample = 1;
-    bool m_type_is_next = false; ///< the frame after a preamble names what is in the burst
-    int64_t m_since_preamble = 0;
-    int64_t m_distance = 0; ///< between the last two preambles
-    int m_equal = 0;        ///< distances in a row that were the same
-    int64_t m_sounding = 0; ///< frames that are not silent, since the last preamble
+    Content content_ = Content::unknown;
+    int frames_per_sample_ = 1;
+    bool type_is_next_ = false; ///< the frame after a preamble names what is in the burst
+    int64_t since_preamble_ = 0;
+    int64_t distance_ = 0; ///< between the last two preambles
+    int equal_ = 0;        ///< distances in a row that were the same
+    int64_t sounding_ = 0; ///< frames that are not silent, since the last preamble
 
-    int64_t m_frames = 0; ///< since the pace is measured
-    int64_t m_began_ns = 0;
-    int64_t m_last_ns = 0;
-    double m_count = 0;
-    double m_sum_t = 0;
-    double m_sum_n = 0;
-    double m_sum_tt = 0;
-    double m_sum_tn = 0;
-    double m_measured = 0; ///< the last measurement
-    double m_link_rate = 0;
+    int64_t frames_ = 0; ///< since the pace is measured
+    int64_t began_ns_ = 0;
+    int64_t last_ns_ = 0;
+    double count_ = 0;
+    double sum_t_ = 0;
+    double sum_n_ = 0;
+    double sum_tt_ = 0;
+    double sum_tn_ = 0;
+    double measured_ = 0; ///< the last measurement
+    double link_rate_ = 0;
 };
 
 /// What is, or is to be, announced.
@@ -91,17 +91,17 @@ public:
     // Who announces:
 
     /// Something else is announced from now on: what was measured before says nothing about it.
-    void measure_anew() { m_change++; }
+    void measure_anew() { change_++; }
     /// What the frames tell; nothing of the device's controls.
     LinkEvidence evidence() const;
 
 private:
-    SignalWatch m_watch; ///< of who captures
-    std::atomic<Content> m_content{Content::unknown};
-    std::atomic<int> m_frames_per_sample{1};
-    std::atomic<double> m_link_rate{0};
-    std::atomic<int64_t> m_change{0};   ///< number of the latest announcement
-    std::atomic<int64_t> m_measured{0}; ///< that to which the link rate belongs: written after it, read before it
+    SignalWatch watch_; ///< of who captures
+    std::atomic<Content> content_{Content::unknown};
+    std::atomic<int> frames_per_sample_{1};
+    std::atomic<double> link_rate_{0};
+    std::atomic<int64_t> change_{0};   ///< number of the latest announcement
+    std::atomic<int64_t> measured_{0}; ///< that to which the link rate belongs: written after it, read before it
 };
 
 /// The state to announce after @p announced.
@@ -116,8 +116,8 @@ public:
     std::string look(const LinkState& announced, const LinkEvidence& evidence);
 
 private:
-    int m_announced = 0;
-    double m_named = 0; ///< the rate that the last message was about
+    int announced_ = 0;
+    double named_ = 0; ///< the rate that the last message was about
 };
 
 } // namespace play

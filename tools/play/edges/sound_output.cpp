@@ -7,8 +7,8 @@
 #include <atomic>
 
 #include "edges/alsa_observer.h"
-#include "hdmi_sim.h"
 #include "edges/platform_router.h"
+#include "hdmi_sim.h"
 #include "signal/sound_file.h"
 
 namespace play
@@ -16,39 +16,39 @@ namespace play
 namespace
 {
 
-constexpr int64_t ms = 1'000'000;
-constexpr int64_t second_ns = 1000 * ms;
-constexpr int output_rate = 48000;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecondNs = 1000 * kMs;
+constexpr int kOutputRate = 48000;
 /// Longer than a device's buffer holds.
-constexpr int64_t longest_playing_ns = second_ns;
-constexpr useconds_t look_again_us = 10'000;
+constexpr int64_t kLongestPlayingNs = kSecondNs;
+constexpr useconds_t kLookAgainUs = 10'000;
 
 /// The simulated device records what it plays.
 class SimulatedOutput : public SoundOutput
 {
 public:
     SimulatedOutput(std::string wav_path, double clock_error_ppm)
-        : m_wav_path(std::move(wav_path)), m_clock_error_ppm(clock_error_ppm)
+        : wav_path_(std::move(wav_path)), clock_error_ppm_(clock_error_ppm)
     {
     }
 
     bool start(std::string*) override
     {
         hdmi_sim::PlaybackConfig playback;
-        playback.wav_path = m_wav_path;
-        playback.clock_error_ppm = m_clock_error_ppm;
+        playback.wav_path = wav_path_;
+        playback.clock_error_ppm = clock_error_ppm_;
         hdmi_sim::playback_configure(playback);
         return true;
     }
 
     void wait_until_played() override
     {
-        int64_t deadline = hdmi_sim::now_ns() + longest_playing_ns;
+        int64_t deadline = hdmi_sim::now_ns() + kLongestPlayingNs;
         while (hdmi_sim::now_ns() < deadline) {
             std::vector<hdmi_sim::PlayedBlock> blocks = hdmi_sim::playback_blocks();
             if (!blocks.empty() && blocks.back().silence && blocks.back().heard_ns < hdmi_sim::now_ns())
                 return;
-            usleep(look_again_us);
+            usleep(kLookAgainUs);
         }
     }
 
@@ -56,7 +56,7 @@ public:
 
     RecordedSound heard() const override
     {
-        RecordedSound sound{m_wav_path, {}};
+        RecordedSound sound{wav_path_, {}};
         for (const hdmi_sim::PlayedBlock& block : hdmi_sim::playback_blocks())
             sound.blocks.push_back({block.first_frame, block.frames, block.heard_ns, block.silence});
         return sound;
@@ -67,19 +67,19 @@ public:
     SoundAccount account() const override
     {
         hdmi_sim::PlaybackStats playback = hdmi_sim::playback_stats();
-        return {playback.first_write_ns, playback.frames_written, m_clock_error_ppm, 0};
+        return {playback.first_write_ns, playback.frames_written, clock_error_ppm_, 0};
     }
 
 private:
-    const std::string m_wav_path;
-    const double m_clock_error_ppm;
+    const std::string wav_path_;
+    const double clock_error_ppm_;
 };
 
 /// A real device: what it is given is recorded, with the time at which it says that this is heard.
 class RealOutput : public SoundOutput, private SeamTap
 {
 public:
-    explicit RealOutput(const std::string& wav_path) : m_file(wav_path, output_rate) {}
+    explicit RealOutput(const std::string& wav_path) : file_(wav_path, kOutputRate) {}
     ~RealOutput() override { tap_playback(nullptr); }
 
     bool start(std::string*) override
@@ -90,51 +90,51 @@ public:
 
     void wait_until_played() override
     {
-        int64_t last_ns = m_last_heard_ns;
-        int64_t deadline = std::min(last_ns, hdmi_sim::now_ns() + longest_playing_ns);
+        int64_t last_ns = last_heard_ns_;
+        int64_t deadline = std::min(last_ns, hdmi_sim::now_ns() + kLongestPlayingNs);
         while (hdmi_sim::now_ns() < deadline)
-            usleep(look_again_us);
+            usleep(kLookAgainUs);
     }
 
     bool finish(std::string* error) override
     {
         tap_playback(nullptr);
-        bool finished = m_file.finish(error);
-        if (!m_other_rate)
+        bool finished = file_.finish(error);
+        if (!other_rate_)
             return finished;
         if (error != nullptr)
-            *error = "the player opened its device at another rate than " + std::to_string(output_rate) + " Hz";
+            *error = "the player opened its device at another rate than " + std::to_string(kOutputRate) + " Hz";
         return false;
     }
 
     RecordedSound heard() const override { return sent(); }
-    RecordedSound sent() const override { return {m_file.path(), m_file.blocks()}; }
-    SoundAccount account() const override { return {m_first_write_ns, m_file.frames(), m_file.drift_ppm(), 0}; }
+    RecordedSound sent() const override { return {file_.path(), file_.blocks()}; }
+    SoundAccount account() const override { return {first_write_ns_, file_.frames(), file_.drift_ppm(), 0}; }
 
 private:
     void opened(const audio_config_t& config) override
     {
-        m_other_rate = m_other_rate || config.sample_rate != output_rate;
-        m_file.begin_run();
+        other_rate_ = other_rate_ || config.sample_rate != kOutputRate;
+        file_.begin_run();
     }
 
     void written(const uint8_t* data, int bytes, int64_t now_ns, int delay_frames) override
     {
-        constexpr int frame_bytes = 4;
-        int frames = bytes / frame_bytes;
-        if (m_first_write_ns == 0)
-            m_first_write_ns = now_ns;
+        constexpr int kFrameBytes = 4;
+        int frames = bytes / kFrameBytes;
+        if (first_write_ns_ == 0)
+            first_write_ns_ = now_ns;
         if (delay_frames >= 0) {
-            m_last_heard_ns = now_ns + delay_frames * second_ns / output_rate;
-            m_file.heard(m_file.frames() + frames, m_last_heard_ns);
+            last_heard_ns_ = now_ns + delay_frames * kSecondNs / kOutputRate;
+            file_.heard(file_.frames() + frames, last_heard_ns_);
         }
-        m_file.append(reinterpret_cast<const int16_t*>(data), frames);
+        file_.append(reinterpret_cast<const int16_t*>(data), frames);
     }
 
-    SoundFile m_file;
-    std::atomic<bool> m_other_rate{false};
-    std::atomic<int64_t> m_first_write_ns{0};
-    std::atomic<int64_t> m_last_heard_ns{0};
+    SoundFile file_;
+    std::atomic<bool> other_rate_{false};
+    std::atomic<int64_t> first_write_ns_{0};
+    std::atomic<int64_t> last_heard_ns_{0};
 };
 
 /// A real device, with another one that hears what comes out of it.
@@ -143,33 +143,33 @@ class ObservedOutput : public SoundOutput
 public:
     /// @p heard_rate: of what comes out; behind a device that changes it, its samples could not be told apart.
     ObservedOutput(const std::string& device, const std::string& wav_path, int heard_rate)
-        : m_output(sent_path(wav_path)), m_observer(device, wav_path, heard_rate)
+        : output_(sent_path(wav_path)), observer_(device, wav_path, heard_rate)
     {
     }
 
-    bool start(std::string* error) override { return m_output.start(error) && m_observer.start(error); }
-    void wait_until_played() override { m_output.wait_until_played(); }
+    bool start(std::string* error) override { return output_.start(error) && observer_.start(error); }
+    void wait_until_played() override { output_.wait_until_played(); }
 
     bool finish(std::string* error) override
     {
-        bool observed = m_observer.finish(error);
-        return m_output.finish(observed ? error : nullptr) && observed;
+        bool observed = observer_.finish(error);
+        return output_.finish(observed ? error : nullptr) && observed;
     }
 
-    RecordedSound heard() const override { return m_observer.heard(); }
-    RecordedSound sent() const override { return m_output.sent(); }
+    RecordedSound heard() const override { return observer_.heard(); }
+    RecordedSound sent() const override { return output_.sent(); }
 
     SoundAccount account() const override
     {
-        SoundAccount account = m_output.account();
-        account.drift_ppm = m_observer.drift_ppm();
-        account.observer_breaks = m_observer.breaks();
+        SoundAccount account = output_.account();
+        account.drift_ppm = observer_.drift_ppm();
+        account.observer_breaks = observer_.breaks();
         return account;
     }
 
 private:
-    RealOutput m_output;
-    AlsaObserver m_observer;
+    RealOutput output_;
+    AlsaObserver observer_;
 };
 
 } // namespace
@@ -182,7 +182,7 @@ std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std
         return std::make_unique<SimulatedOutput>(wav_path, options.playback_ppm);
     if (options.observe.empty())
         return std::make_unique<RealOutput>(wav_path);
-    return std::make_unique<ObservedOutput>(options.observe, wav_path, options.raw ? link_rate : output_rate);
+    return std::make_unique<ObservedOutput>(options.observe, wav_path, options.raw ? link_rate : kOutputRate);
 }
 
 } // namespace play

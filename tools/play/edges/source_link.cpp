@@ -7,8 +7,8 @@
 
 #include "edges/alsa_feed.h"
 #include "edges/announcer.h"
-#include "hdmi_sim.h"
 #include "edges/platform_router.h"
+#include "hdmi_sim.h"
 
 namespace play
 {
@@ -16,16 +16,16 @@ namespace
 {
 
 /// The source is already sending when the player opens: sound from the first read on.
-constexpr int64_t source_lead_ns = 20'000'000;
-constexpr int64_t ms = 1'000'000;
-constexpr int64_t second_ns = 1000 * ms;
-constexpr int link_frame_bytes = 4;
+constexpr int64_t kSourceLeadNs = 20'000'000;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecondNs = 1000 * kMs;
+constexpr int kLinkFrameBytes = 4;
 
 /// The link frame from @p frame on that lies @p phase bytes before the beginning of a burst.
 int64_t opening_at(Coding coding, int64_t frame, int phase)
 {
     int64_t period = burst_link_frames(coding);
-    int64_t wanted = period - phase / link_frame_bytes % period;
+    int64_t wanted = period - phase / kLinkFrameBytes % period;
     return frame + ((wanted - frame) % period + period) % period;
 }
 
@@ -33,65 +33,65 @@ int64_t opening_at(Coding coding, int64_t frame, int phase)
 class SimulatedLink : public SourceLink
 {
 public:
-    SimulatedLink(const Options& options, const Source* source) : m_source(source), m_chunk_phase(options.chunk_phase)
+    SimulatedLink(const Options& options, const Source* source) : source_(source), chunk_phase_(options.chunk_phase)
     {
-        m_signal.rate = source->link_rate();
-        m_signal.clock_error_ppm = options.receiver_ppm;
-        m_signal.start_ns = static_cast<int64_t>(options.phase_ms * ms);
-        if (m_chunk_phase == phase_random)
-            m_chunk_phase =
-                static_cast<int>(std::random_device()() % burst_link_frames(source->coding())) * link_frame_bytes;
+        signal_.rate = source->link_rate();
+        signal_.clock_error_ppm = options.receiver_ppm;
+        signal_.start_ns = static_cast<int64_t>(options.phase_ms * kMs);
+        if (chunk_phase_ == kPhaseRandom)
+            chunk_phase_ =
+                static_cast<int>(std::random_device()() % burst_link_frames(source->coding())) * kLinkFrameBytes;
     }
 
     bool connect(std::string* error) override
     {
-        bool compressed = m_source->coding() != Coding::pcm;
-        m_connected_ns = hdmi_sim::now_ns();
+        bool compressed = source_->coding() != Coding::pcm;
+        connected_ns_ = hdmi_sim::now_ns();
         if (!hdmi_sim::write_state_file(announcement())) {
             *error = "cannot announce the source";
             return false;
         }
-        m_signal.start_ns += hdmi_sim::now_ns() + source_lead_ns;
-        m_signal.generate = [source = m_source](int64_t first, int16_t* words, int frames) {
+        signal_.start_ns += hdmi_sim::now_ns() + kSourceLeadNs;
+        signal_.generate = [source = source_](int64_t first, int16_t* words, int frames) {
             source->link(first, words, frames);
         };
-        if (compressed && m_chunk_phase != phase_anywhere)
-            m_signal.open_at = [this](int64_t frame) {
+        if (compressed && chunk_phase_ != kPhaseAnywhere)
+            signal_.open_at = [this](int64_t frame) {
                 // A device that is opened again goes on with what passes: none waits for a burst.
-                bool first = !m_opened.exchange(true);
-                return first ? opening_at(m_source->coding(), frame, m_chunk_phase) : frame;
+                bool first = !opened_.exchange(true);
+                return first ? opening_at(source_->coding(), frame, chunk_phase_) : frame;
             };
-        hdmi_sim::receiver_connect(m_signal);
+        hdmi_sim::receiver_connect(signal_);
         return true;
     }
 
     void disconnect() override { hdmi_sim::receiver_disconnect(); }
-    SourceClock clock() const override { return {m_signal.start_ns, m_signal.clock_error_ppm, nullptr}; }
+    SourceClock clock() const override { return {signal_.start_ns, signal_.clock_error_ppm, nullptr}; }
     RawCheck check_raw() const override;
 
     LinkAccount account() const override
     {
         hdmi_sim::ReceiverStats receiver = hdmi_sim::receiver_stats();
         LinkAccount account;
-        account.chunk_phase = m_chunk_phase;
+        account.chunk_phase = chunk_phase_;
         account.captured_end = receiver.end_read_frame;
         account.overruns = receiver.overruns;
-        account.announced = {{m_connected_ns, announcement()}};
-        account.drift_ppm = m_signal.clock_error_ppm;
+        account.announced = {{connected_ns_, announcement()}};
+        account.drift_ppm = signal_.clock_error_ppm;
         return account;
     }
 
 private:
     std::string announcement() const
     {
-        return hdmi_sim::announce_text(m_source->coding() != Coding::pcm, m_source->audio_rate());
+        return hdmi_sim::announce_text(source_->coding() != Coding::pcm, source_->audio_rate());
     }
 
-    const Source* m_source;
-    int m_chunk_phase;
-    int64_t m_connected_ns = 0;
-    hdmi_sim::Signal m_signal;
-    std::atomic<bool> m_opened{false}; ///< the capture device
+    const Source* source_;
+    int chunk_phase_;
+    int64_t connected_ns_ = 0;
+    hdmi_sim::Signal signal_;
+    std::atomic<bool> opened_{false}; ///< the capture device
 };
 
 RawCheck SimulatedLink::check_raw() const
@@ -99,19 +99,19 @@ RawCheck SimulatedLink::check_raw() const
     RawCheck check;
     check.compared = true;
     int64_t next = -1;
-    int64_t burst_frames = burst_link_frames(m_source->coding());
+    int64_t burst_frames = burst_link_frames(source_->coding());
     for (const hdmi_sim::BypassRun& run : hdmi_sim::bypass_recording()) {
         auto frames = static_cast<int64_t>(run.words.size() / 2);
         if (check.began_ns == 0)
             check.began_ns = run.first_ns;
-        check.ended_ns = run.first_ns + frames * second_ns / run.rate;
+        check.ended_ns = run.first_ns + frames * kSecondNs / run.rate;
         check.gaps += next >= 0 && run.first_frame != next ? 1 : 0;
         next = run.first_frame + frames;
         int64_t first_burst = (run.first_frame + burst_frames - 1) / burst_frames;
         check.bursts += std::max<int64_t>(0, next / burst_frames - first_burst);
         check.frames += frames;
         std::vector<int16_t> sent(run.words.size());
-        m_source->link(run.first_frame, sent.data(), static_cast<int>(frames));
+        source_->link(run.first_frame, sent.data(), static_cast<int>(frames));
         for (size_t i = 0; i < sent.size(); i += 2)
             check.different += sent[i] != run.words[i] || sent[i + 1] != run.words[i + 1] ? 1 : 0;
     }
@@ -122,46 +122,46 @@ RawCheck SimulatedLink::check_raw() const
 class CapturedLink : public SourceLink
 {
 public:
-    CapturedLink(const Options& options, const Source* source) : m_announcer(options.capture)
+    CapturedLink(const Options& options, const Source* source) : announcer_(options.capture)
     {
         if (!options.feed.empty())
-            m_feed = std::make_unique<AlsaFeed>(options.feed, source);
+            feed_ = std::make_unique<AlsaFeed>(options.feed, source);
     }
     ~CapturedLink() override { disconnect(); }
 
     bool connect(std::string* error) override
     {
-        if (m_feed && !m_feed->start(error))
+        if (feed_ && !feed_->start(error))
             return false;
-        m_start_ns = hdmi_sim::now_ns();
-        return m_announcer.start(error);
+        start_ns_ = hdmi_sim::now_ns();
+        return announcer_.start(error);
     }
 
     void disconnect() override
     {
-        m_announcer.stop();
-        if (m_feed)
-            m_feed->stop();
+        announcer_.stop();
+        if (feed_)
+            feed_->stop();
     }
 
-    SourceClock clock() const override { return {m_start_ns, 0, m_feed ? m_feed->track() : nullptr}; }
+    SourceClock clock() const override { return {start_ns_, 0, feed_ ? feed_->track() : nullptr}; }
     RawCheck check_raw() const override { return {}; }
 
     LinkAccount account() const override
     {
         LinkAccount account;
         account.overruns = real_capture_stats().xruns;
-        account.breaks = m_feed ? m_feed->breaks() : 0;
-        account.drift_ppm = m_feed ? m_feed->track()->drift_ppm() : 0;
-        account.announced = m_announcer.announced();
-        account.rate_messages = m_announcer.rate_messages();
+        account.breaks = feed_ ? feed_->breaks() : 0;
+        account.drift_ppm = feed_ ? feed_->track()->drift_ppm() : 0;
+        account.announced = announcer_.announced();
+        account.rate_messages = announcer_.rate_messages();
         return account;
     }
 
 private:
-    std::unique_ptr<AlsaFeed> m_feed; ///< null: the source is not ours
-    Announcer m_announcer;
-    int64_t m_start_ns = 0;
+    std::unique_ptr<AlsaFeed> feed_; ///< null: the source is not ours
+    Announcer announcer_;
+    int64_t start_ns_ = 0;
 };
 
 } // namespace

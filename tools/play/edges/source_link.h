@@ -26,7 +26,7 @@ struct Announcement {
 
 /// What happened at the receiver.
 struct LinkAccount {
-    int chunk_phase = phase_anywhere; ///< bytes from the beginning of the first capture to the next burst
+    int chunk_phase = kPhaseAnywhere; ///< bytes from the beginning of the first capture to the next burst
     int64_t captured_end = -1; ///< number of the link frame after the last one read from the receiver; -1: not known
     int64_t overruns = 0;
     int64_t breaks = 0;   ///< times that the source's own device ran dry or went away

@@ -10,15 +10,15 @@
 
 #include "edges/alsa_pcm.h"
 #include "edges/announcer.h"
-#include "hdmi_sim.h"
 #include "edges/platform_router.h"
+#include "hdmi_sim.h"
 
 namespace play
 {
 namespace
 {
 
-constexpr useconds_t look_again_us = 10'000;
+constexpr useconds_t kLookAgainUs = 10'000;
 
 /// The Linux platform's key for an output.
 const char* key_of(hdmi_player_ao_dev_e output)
@@ -83,8 +83,8 @@ ConfigUse Stage::config_use(const Options& options)
 }
 
 Stage::Stage(const Options& options, const Source* source, const std::string& wav_path)
-    : m_options(options), m_source(source), m_link(make_source_link(options, source)),
-      m_output(make_sound_output(options, wav_path, source->link_rate()))
+    : options_(options), source_(source), link_(make_source_link(options, source)),
+      output_(make_sound_output(options, wav_path, source->link_rate()))
 {
 }
 
@@ -93,64 +93,64 @@ Stage::~Stage() { end_watch(); }
 bool Stage::start(std::string* error)
 {
     // A block in the third second: the player has settled, and the sound goes on for a while.
-    constexpr int64_t lost_block = 2 * 48000 / 960 + 7;
-    if (m_options.withhold_block)
-        withhold_block(lost_block);
-    m_watch = std::thread(&Stage::watch_devices, this);
-    return m_output->start(error);
+    constexpr int64_t kLostBlock = 2 * 48000 / 960 + 7;
+    if (options_.withhold_block)
+        withhold_block(kLostBlock);
+    watch_ = std::thread(&Stage::watch_devices, this);
+    return output_->start(error);
 }
 
-bool Stage::connect(std::string* error) { return m_link->connect(error); }
+bool Stage::connect(std::string* error) { return link_->connect(error); }
 
 void Stage::disconnect()
 {
     // Before the player closes: then it closes the channel too.
-    m_cec = real_cec_stats();
-    m_bypass = real_bypass_stats();
-    m_link->disconnect();
+    cec_ = real_cec_stats();
+    bypass_ = real_bypass_stats();
+    link_->disconnect();
 }
 
-void Stage::wait_until_played() { m_output->wait_until_played(); }
+void Stage::wait_until_played() { output_->wait_until_played(); }
 
 void Stage::watch_devices()
 {
     pthread_setname_np(pthread_self(), "device_watch");
-    while (!m_end_watch) {
-        m_troubles.capture.look(counts_of(real_capture_stats()), hdmi_sim::now_ns());
-        m_troubles.playback.look(counts_of(real_playback_stats()), hdmi_sim::now_ns());
-        usleep(look_again_us);
+    while (!end_watch_) {
+        troubles_.capture.look(counts_of(real_capture_stats()), hdmi_sim::now_ns());
+        troubles_.playback.look(counts_of(real_playback_stats()), hdmi_sim::now_ns());
+        usleep(kLookAgainUs);
     }
 }
 
 void Stage::end_watch()
 {
-    m_end_watch = true;
-    if (m_watch.joinable())
-        m_watch.join();
+    end_watch_ = true;
+    if (watch_.joinable())
+        watch_.join();
 }
 
 bool Stage::finish(Recording* heard, Recording* sent, std::string* error)
 {
     end_watch();
     // With the bursts passed on, the player's own sound device stays silent.
-    if (m_options.raw && m_options.observe.empty())
+    if (options_.raw && options_.observe.empty())
         return true;
-    if (!m_output->finish(error))
+    if (!output_->finish(error))
         return false;
-    RecordedSound heard_sound = m_output->heard();
-    RecordedSound sent_sound = m_output->sent();
+    RecordedSound heard_sound = output_->heard();
+    RecordedSound sent_sound = output_->sent();
     return heard->open(heard_sound.path, std::move(heard_sound.blocks), error) &&
            sent->open(sent_sound.path, std::move(sent_sound.blocks), error);
 }
 
 RawCheck Stage::check_raw(const Recording& heard) const
 {
-    if (m_options.playback.empty())
-        return m_link->check_raw();
-    bool comparable = !m_options.observe.empty() && !m_options.foreign_source();
-    return comparable ? check_bursts(heard, *m_source) : RawCheck{};
+    if (options_.playback.empty())
+        return link_->check_raw();
+    bool comparable = !options_.observe.empty() && !options_.foreign_source();
+    return comparable ? check_bursts(heard, *source_) : RawCheck{};
 }
 
-StageStats Stage::stats() const { return {m_link->account(), m_output->account(), withheld_blocks(), m_cec, m_bypass}; }
+StageStats Stage::stats() const { return {link_->account(), output_->account(), withheld_blocks(), cec_, bypass_}; }
 
 } // namespace play

@@ -14,12 +14,12 @@
 #include <thread>
 
 #include "config/config_faults.h"
-#include "edges/disturbances.h"
-#include "hdmi_linux.h"
 #include "config/options.h"
-#include "signal/recording.h"
+#include "edges/disturbances.h"
 #include "edges/sound_output.h"
 #include "edges/source_link.h"
+#include "hdmi_linux.h"
+#include "signal/recording.h"
 
 namespace play
 {
@@ -57,7 +57,7 @@ public:
     bool start(std::string* error);
     /// The source starts to send. @return false with one line in @p error
     bool connect(std::string* error);
-    SourceClock clock() const { return m_link->clock(); }
+    SourceClock clock() const { return link_->clock(); }
 
     /// The source stops sending.
     void disconnect();
@@ -71,21 +71,21 @@ public:
     RawCheck check_raw(const Recording& heard) const;
     StageStats stats() const;
     /// After finish().
-    const DeviceTroubles& troubles() const { return m_troubles; }
+    const DeviceTroubles& troubles() const { return troubles_; }
 
 private:
     void watch_devices();
     void end_watch();
 
-    const Options m_options;
-    const Source* const m_source;
-    std::unique_ptr<SourceLink> m_link;
-    std::unique_ptr<SoundOutput> m_output;
-    std::atomic<bool> m_end_watch{false};
-    hdmi_linux::CecStats m_cec;
-    hdmi_linux::BypassStats m_bypass;
-    DeviceTroubles m_troubles; ///< the watching thread's while it runs
-    std::thread m_watch;
+    const Options options_;
+    const Source* const source_;
+    std::unique_ptr<SourceLink> link_;
+    std::unique_ptr<SoundOutput> output_;
+    std::atomic<bool> end_watch_{false};
+    hdmi_linux::CecStats cec_;
+    hdmi_linux::BypassStats bypass_;
+    DeviceTroubles troubles_; ///< the watching thread's while it runs
+    std::thread watch_;
 };
 
 } // namespace play

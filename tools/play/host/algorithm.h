@@ -26,16 +26,16 @@ public:
     /// Takes what has been in the line long enough. @return frames in @p stereo; *pts_us is that of the first
     int pop(std::vector<int16_t>* stereo, int64_t* pts_us);
     /// From now on nothing is held back: the end of the sound.
-    void drain() { m_hold = 0; }
-    bool empty() const { return m_line.empty(); }
+    void drain() { hold_ = 0; }
+    bool empty() const { return line_.empty(); }
 
 private:
-    int m_delay_ms;
-    int m_sample_rate = 0;
-    int64_t m_start_pts_us = 0;
-    int64_t m_emitted = 0; ///< frames since start
-    size_t m_hold = 0;     ///< frames that stay in the line
-    std::vector<int16_t> m_line;
+    int delay_ms_;
+    int sample_rate_ = 0;
+    int64_t start_pts_us_ = 0;
+    int64_t emitted_ = 0; ///< frames since start
+    size_t hold_ = 0;     ///< frames that stay in the line
+    std::vector<int16_t> line_;
 };
 
 } // namespace play

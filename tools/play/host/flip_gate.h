@@ -23,7 +23,7 @@ class FlipGate
 public:
     /// @p trace outlives it.
     explicit FlipGate(double refresh_hz, Trace* trace = nullptr)
-        : m_refresh_ns(static_cast<int64_t>(1e9 / refresh_hz)), m_trace(trace)
+        : refresh_ns_(static_cast<int64_t>(1e9 / refresh_hz)), trace_(trace)
     {
     }
 
@@ -31,13 +31,13 @@ public:
     /// player's pacing thread and the one that renders, possibly both at once: only one of them is let through.
     bool admit(int64_t now_ns)
     {
-        const int64_t vblank_ns = m_vblank_ns;
-        int64_t last_ns = m_last_ns;
+        const int64_t vblank_ns = vblank_ns_;
+        int64_t last_ns = last_ns_;
         do {
             // Half a refresh: flips closer than this, with no vertical blank between them, are meant for the same one.
-            if (now_ns - last_ns < m_refresh_ns / 2 && refresh_of(now_ns, vblank_ns) == refresh_of(last_ns, vblank_ns))
+            if (now_ns - last_ns < refresh_ns_ / 2 && refresh_of(now_ns, vblank_ns) == refresh_of(last_ns, vblank_ns))
                 return false;
-        } while (!m_last_ns.compare_exchange_weak(last_ns, now_ns));
+        } while (!last_ns_.compare_exchange_weak(last_ns, now_ns));
         return true;
     }
 
@@ -45,33 +45,33 @@ public:
     /// told of last was @p passed before. From the display's thread.
     void vblank(int64_t at_ns, int64_t passed = 1)
     {
-        m_vblank_ns = at_ns;
-        if (m_trace == nullptr)
+        vblank_ns_ = at_ns;
+        if (trace_ == nullptr)
             return;
         // One that stood still for longer did not show anything.
-        constexpr int64_t longest_ns = 1'000'000'000;
-        for (int64_t before = std::min(passed - 1, (longest_ns - 1) / m_refresh_ns); before > 0; before--)
-            m_trace->vblanks.add(at_ns - before * m_refresh_ns);
-        m_trace->vblanks.add(at_ns);
+        constexpr int64_t kLongestNs = 1'000'000'000;
+        for (int64_t before = std::min(passed - 1, (kLongestNs - 1) / refresh_ns_); before > 0; before--)
+            trace_->vblanks.add(at_ns - before * refresh_ns_);
+        trace_->vblanks.add(at_ns);
     }
 
     /// Of a display that does not tell of its vertical blanks: a picture was shown at @p at_ns, as if by one. From the
     /// display's thread.
-    void shown(int64_t at_ns) { m_vblank_ns = at_ns; }
+    void shown(int64_t at_ns) { vblank_ns_ = at_ns; }
 
 private:
     /// Number of the refresh, counted from a known vertical blank, in which an instant lies.
     int64_t refresh_of(int64_t at_ns, int64_t vblank_ns) const
     {
         // From far before, so that the division rounds down.
-        constexpr int64_t many = 1000;
-        return (at_ns - vblank_ns + many * m_refresh_ns) / m_refresh_ns;
+        constexpr int64_t kMany = 1000;
+        return (at_ns - vblank_ns + kMany * refresh_ns_) / refresh_ns_;
     }
 
-    const int64_t m_refresh_ns;
-    Trace* const m_trace;
-    std::atomic<int64_t> m_last_ns{0};
-    std::atomic<int64_t> m_vblank_ns{0};
+    const int64_t refresh_ns_;
+    Trace* const trace_;
+    std::atomic<int64_t> last_ns_{0};
+    std::atomic<int64_t> vblank_ns_{0};
 };
 
 } // namespace play

@@ -49,14 +49,14 @@ struct FrameBuffer {
 class FramePool
 {
 public:
-    explicit FramePool(int buffers) : m_count(buffers), m_buffers(new FrameBuffer[static_cast<size_t>(buffers)]) {}
+    explicit FramePool(int buffers) : count_(buffers), buffers_(new FrameBuffer[static_cast<size_t>(buffers)]) {}
 
     /// A free buffer, now the host's; null if all are in use.
     FrameBuffer* acquire()
     {
-        for (int i = 0; i < m_count; i++)
-            if (pass(&m_buffers[i], Owner::free, Owner::host))
-                return &m_buffers[i];
+        for (int i = 0; i < count_; i++)
+            if (pass(&buffers_[i], Owner::free, Owner::host))
+                return &buffers_[i];
         return nullptr;
     }
 
@@ -69,8 +69,8 @@ public:
     /// Whether @p handle is the address of a buffer of this pool.
     bool owns(const void* handle) const
     {
-        for (int i = 0; i < m_count; i++)
-            if (&m_buffers[i] == handle)
+        for (int i = 0; i < count_; i++)
+            if (&buffers_[i] == handle)
                 return true;
         return false;
     }
@@ -78,15 +78,15 @@ public:
     /// Buffers of @p owner, of those given to the player before turn @p before.
     int count(Owner owner, int64_t before = std::numeric_limits<int64_t>::max()) const
     {
-        const FrameBuffer* all = m_buffers.get();
-        return static_cast<int>(std::count_if(all, all + m_count, [owner, before](const FrameBuffer& buffer) {
+        const FrameBuffer* all = buffers_.get();
+        return static_cast<int>(std::count_if(all, all + count_, [owner, before](const FrameBuffer& buffer) {
             return buffer.owner == owner && buffer.turn < before;
         }));
     }
 
 private:
-    int m_count;
-    std::unique_ptr<FrameBuffer[]> m_buffers;
+    int count_;
+    std::unique_ptr<FrameBuffer[]> buffers_;
 };
 
 } // namespace play

@@ -12,16 +12,16 @@ namespace
 {
 
 /// How long a pull of sound waits: long enough not to spin, short enough to notice the end.
-constexpr int32_t pull_timeout_ms = 100;
+constexpr int32_t kPullTimeoutMs = 100;
 /// Empty pulls in a row after which the pipeline counts as run dry.
-constexpr int dry_pulls = 3;
+constexpr int kDryPulls = 3;
 /// What the player holds the first block of a sequence back by, to match the picture's way to the light.
-constexpr double fixed_delay_s = 0.076;
+constexpr double kFixedDelayS = 0.076;
 /// Buffers beyond the player's queue: one on screen, two waiting for it, one being filled, and one spare.
-constexpr int buffers_beside_queue = 5;
+constexpr int kBuffersBesideQueue = 5;
 /// What the player may hold beyond its queue: the frame that it is about to flip or drop.
-constexpr int held_beside_queue = 1;
-constexpr int bytes_per_frame = 4;
+constexpr int kHeldBesideQueue = 1;
+constexpr int kBytesPerFrame = 4;
 
 int64_t now_ns()
 {
@@ -46,7 +46,7 @@ void sleep_until_ns(int64_t deadline_ns)
  */
 int64_t decoder_start_us(const Source& source)
 {
-    return source.coding() == Coding::pcm ? 0 : int64_t{burst_samples} * 1'000'000 / source.audio_rate() / 2;
+    return source.coding() == Coding::pcm ? 0 : int64_t{kBurstSamples} * 1'000'000 / source.audio_rate() / 2;
 }
 
 /// Seconds of one block: the device's period at that rate.
@@ -58,19 +58,18 @@ Host* Host::s_host = nullptr;
 
 int video_queue_slots(double fps, int audio_rate, Coding coding, int algorithm_delay_ms)
 {
-    constexpr int output_rate = 48000;
-    double decoder_s = coding == Coding::pcm ? 0 : static_cast<double>(burst_samples) / audio_rate;
+    constexpr int kOutputRate = 48000;
+    double decoder_s = coding == Coding::pcm ? 0 : static_cast<double>(kBurstSamples) / audio_rate;
     double sound_s =
-        period_s(audio_rate) + decoder_s + period_s(output_rate) + algorithm_delay_ms / 1000.0 + fixed_delay_s;
+        period_s(audio_rate) + decoder_s + period_s(kOutputRate) + algorithm_delay_ms / 1000.0 + kFixedDelayS;
     return 2 + static_cast<int>(std::ceil(fps * sound_s));
 }
 
 Host::Host(HostConfig config, Source* source, SourceClock clock)
-    : m_config(std::move(config)), m_source(source), m_clock(clock),
-      m_video_queue_size(video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(),
-                                           m_config.algorithm_delay_ms)),
-      m_pool(m_video_queue_size + buffers_beside_queue), m_line(m_config.algorithm_delay_ms),
-      m_wait_for_serial(m_config.sync)
+    : config_(std::move(config)), source_(source), clock_(clock),
+      video_queue_size_(
+          video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(), config_.algorithm_delay_ms)),
+      pool_(video_queue_size_ + kBuffersBesideQueue), line_(config_.algorithm_delay_ms), wait_for_serial_(config_.sync)
 {
 }
 
@@ -83,12 +82,12 @@ Host::~Host()
 bool Host::start()
 {
     hdmi_player_config_t config = {};
-    config.ao_dev = m_config.output;
-    config.ao_format = m_config.raw ? E_HDMI_PLAYER_AO_FORMAT_RAW : E_HDMI_PLAYER_AO_FORMAT_PCM;
-    config.drm_info = m_config.display;
+    config.ao_dev = config_.output;
+    config.ao_format = config_.raw ? E_HDMI_PLAYER_AO_FORMAT_RAW : E_HDMI_PLAYER_AO_FORMAT_PCM;
+    config.drm_info = config_.display;
     config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
-    config.audio_alg_max_delay_time_ms = m_config.algorithm_delay_ms;
-    config.video_frame_queue_size = m_video_queue_size;
+    config.audio_alg_max_delay_time_ms = config_.algorithm_delay_ms;
+    config.video_frame_queue_size = video_queue_size_;
     config.event_cb = on_event;
     config.video_frame_drop_cb = on_drop;
     config.video_frame_flip_cb = on_flip;
@@ -98,27 +97,27 @@ bool Host::start()
         s_host = nullptr;
         return false;
     }
-    m_opened_ns = now_ns();
+    opened_ns_ = now_ns();
     hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
-    m_audio = std::thread(&Host::audio_thread, this);
-    m_video_running = true;
-    m_video = std::thread(&Host::video_thread, this);
+    audio_ = std::thread(&Host::audio_thread, this);
+    video_running_ = true;
+    video_ = std::thread(&Host::video_thread, this);
     return true;
 }
 
 void Host::stop_video()
 {
-    m_video_stop = true;
-    if (m_video.joinable())
-        m_video.join();
+    video_stop_ = true;
+    if (video_.joinable())
+        video_.join();
 }
 
 void Host::drain_audio()
 {
-    m_drained_ns = now_ns() + m_config.drain_ns;
-    m_audio_draining = true;
-    if (m_audio.joinable())
-        m_audio.join();
+    drained_ns_ = now_ns() + config_.drain_ns;
+    audio_draining_ = true;
+    if (audio_.joinable())
+        audio_.join();
 }
 
 void Host::close()
@@ -128,8 +127,8 @@ void Host::close()
     // Blocks of hdmi_player_get_pcm die at close: the audio thread is gone before.
     drain_audio();
     hdmi_player_close();
-    m_held = m_pool.count(Owner::player);
-    m_lost = m_pool.count(Owner::player, m_rendered - m_video_queue_size - held_beside_queue);
+    held_ = pool_.count(Owner::player);
+    lost_ = pool_.count(Owner::player, rendered_ - video_queue_size_ - kHeldBesideQueue);
     s_host = nullptr;
 }
 
@@ -138,11 +137,11 @@ void Host::close()
 void Host::video_thread()
 {
     pthread_setname_np(pthread_self(), "host_video");
-    int64_t first_ns = m_opened_ns + m_config.video_start_ns;
+    int64_t first_ns = opened_ns_ + config_.video_start_ns;
     VideoFrame frame;
-    while (!m_video_stop && m_source->next_video(&frame)) {
-        m_last_picture = frame.number;
-        int64_t due_ns = m_clock.to_monotonic(frame.source_ns);
+    while (!video_stop_ && source_->next_video(&frame)) {
+        last_picture_ = frame.number;
+        int64_t due_ns = clock_.to_monotonic(frame.source_ns);
         if (due_ns < first_ns)
             continue;
         // Painted ahead: the moment of the call is the picture's time.
@@ -151,47 +150,47 @@ void Host::video_thread()
         if (buffer != nullptr)
             render(buffer);
     }
-    m_video_running = false;
+    video_running_ = false;
 }
 
 FrameBuffer* Host::fill(const VideoFrame& frame)
 {
-    FrameBuffer* buffer = m_pool.acquire();
+    FrameBuffer* buffer = pool_.acquire();
     if (buffer == nullptr) {
-        m_no_buffer++;
+        no_buffer_++;
         return nullptr;
     }
     buffer->picture = frame.picture;
     buffer->number = frame.number;
-    if (m_config.paint)
-        m_config.paint(buffer, frame.image.get());
+    if (config_.paint)
+        config_.paint(buffer, frame.image.get());
     return buffer;
 }
 
 void Host::render(FrameBuffer* buffer)
 {
-    buffer->turn = m_rendered;
+    buffer->turn = rendered_;
     // Flip or drop may come before the call returns: the buffer must be the player's by then.
     FramePool::pass(buffer, Owner::host, Owner::player);
-    int64_t resets_before = m_resets;
+    int64_t resets_before = resets_;
     hdmi_player_video_frame_t rendered = {buffer, 0};
     bool passed = hdmi_player_video_render(&rendered) == 0;
     // A reset reports failure although it has queued the picture.
-    passed = passed || m_resets != resets_before;
+    passed = passed || resets_ != resets_before;
     if (passed) {
-        m_rendered++;
+        rendered_++;
         return;
     }
-    m_refused++;
+    refused_++;
     FramePool::pass(buffer, Owner::player, Owner::free);
 }
 
 FrameBuffer* Host::take_back(void* handle, Owner next)
 {
     auto* buffer = static_cast<FrameBuffer*>(handle);
-    if (m_pool.owns(buffer) && FramePool::pass(buffer, Owner::player, next))
+    if (pool_.owns(buffer) && FramePool::pass(buffer, Owner::player, next))
         return buffer;
-    m_foreign++;
+    foreign_++;
     return nullptr;
 }
 
@@ -203,32 +202,32 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     FrameBuffer* buffer = s_host->take_back(frame.buf_handle, Owner::display);
     if (buffer == nullptr)
         return;
-    s_host->m_flipped++;
+    s_host->flipped_++;
     int64_t flipped_ns = now_ns();
-    bool admitted = s_host->m_config.gate->admit(flipped_ns);
-    if (Trace* trace = s_host->m_config.trace)
+    bool admitted = s_host->config_.gate->admit(flipped_ns);
+    if (Trace* trace = s_host->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
     if (admitted) {
-        s_host->m_config.present(buffer);
+        s_host->config_.present(buffer);
         return;
     }
-    s_host->m_skipped++;
+    s_host->skipped_++;
     FramePool::pass(buffer, Owner::display, Owner::free);
 }
 
 void Host::on_drop(hdmi_player_video_frame_t frame)
 {
     if (s_host->take_back(frame.buf_handle, Owner::free) != nullptr)
-        s_host->m_dropped++;
+        s_host->dropped_++;
 }
 
 void Host::on_event(hdmi_player_event_e event)
 {
     if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
-        s_host->m_reset_ns = now_ns();
-        s_host->m_resets++;
+        s_host->reset_ns_ = now_ns();
+        s_host->resets_++;
     } else {
-        s_host->m_unsupported++;
+        s_host->unsupported_++;
     }
 }
 
@@ -239,9 +238,9 @@ void Host::audio_thread()
     pthread_setname_np(pthread_self(), "host_audio");
     hdmi_player_audio_frame_t last = {};
     int dry = 0;
-    while (!m_audio_draining || (dry < dry_pulls && now_ns() < m_drained_ns)) {
+    while (!audio_draining_ || (dry < kDryPulls && now_ns() < drained_ns_)) {
         hdmi_player_audio_frame_t* block = nullptr;
-        if (hdmi_player_get_pcm(&block, pull_timeout_ms) != 0) {
+        if (hdmi_player_get_pcm(&block, kPullTimeoutMs) != 0) {
             dry++;
             continue;
         }
@@ -250,7 +249,7 @@ void Host::audio_thread()
         play_block(*block);
         hdmi_player_put_pcm(block);
     }
-    m_line.drain();
+    line_.drain();
     write_from_line(last);
 }
 
@@ -260,55 +259,55 @@ void Host::audio_thread()
  */
 bool Host::belongs_to_new_sequence(int32_t serial)
 {
-    int64_t resets = m_resets;
-    if (resets != m_resets_seen) {
-        m_resets_seen = resets;
-        m_wait_for_serial = true;
+    int64_t resets = resets_;
+    if (resets != resets_seen_) {
+        resets_seen_ = resets;
+        wait_for_serial_ = true;
     }
-    bool changed = serial != m_serial;
-    m_serial = serial;
+    bool changed = serial != serial_;
+    serial_ = serial;
     // Without A/V sync no reset is announced, and every sequence is played.
-    if (changed && (m_resets_seen > 0 || !m_config.sync))
-        m_wait_for_serial = false;
-    return !m_wait_for_serial;
+    if (changed && (resets_seen_ > 0 || !config_.sync))
+        wait_for_serial_ = false;
+    return !wait_for_serial_;
 }
 
 void Host::play_block(const hdmi_player_audio_frame_t& block)
 {
-    int frames = block.size / bytes_per_frame;
-    int32_t serial_before = m_serial;
-    bool first = m_audio_account.written == 0 && m_line.empty();
-    m_audio_account.pulled += frames;
+    int frames = block.size / kBytesPerFrame;
+    int32_t serial_before = serial_;
+    bool first = audio_account_.written == 0 && line_.empty();
+    audio_account_.pulled += frames;
     if (!belongs_to_new_sequence(block.serial)) {
-        m_audio_account.discarded += frames;
+        audio_account_.discarded += frames;
         return;
     }
     if (first || block.serial != serial_before)
-        m_line.start(block.pts + decoder_start_us(*m_source), block.sample_rate);
-    m_line.push(reinterpret_cast<const int16_t*>(block.data), frames);
+        line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
+    line_.push(reinterpret_cast<const int16_t*>(block.data), frames);
     write_from_line(block);
 }
 
 void Host::write_from_line(const hdmi_player_audio_frame_t& like)
 {
     int64_t pts_us = 0;
-    int frames = m_line.pop(&m_processed, &pts_us);
+    int frames = line_.pop(&processed_, &pts_us);
     if (frames == 0)
         return;
     hdmi_player_audio_frame_t out = like;
-    out.data = reinterpret_cast<uint8_t*>(m_processed.data());
-    out.size = frames * bytes_per_frame;
+    out.data = reinterpret_cast<uint8_t*>(processed_.data());
+    out.size = frames * kBytesPerFrame;
     out.buf_size = out.size;
     out.pts = pts_us;
     int64_t handed_ns = now_ns();
     // Waits while the player's output queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(&out) != 0) {
-        m_audio_account.failed_writes++;
+        audio_account_.failed_writes++;
         return;
     }
-    if (m_config.trace != nullptr)
-        m_config.trace->handed.add({handed_ns, pts_us, out.serial, frames, mark_of(out.data, out.size)});
-    m_audio_account.written += frames;
+    if (config_.trace != nullptr)
+        config_.trace->handed.add({handed_ns, pts_us, out.serial, frames, mark_of(out.data, out.size)});
+    audio_account_.written += frames;
 }
 
 // --- Accounts ---------------------------------------------------------------
@@ -316,18 +315,18 @@ void Host::write_from_line(const hdmi_player_audio_frame_t& like)
 FrameAccount Host::frames() const
 {
     FrameAccount account;
-    account.rendered = m_rendered;
-    account.flipped = m_flipped;
-    account.skipped = m_skipped;
-    account.dropped = m_dropped;
-    account.refused = m_refused;
-    account.held = m_held;
-    account.lost = m_lost;
-    account.foreign = m_foreign;
-    account.no_buffer = m_no_buffer;
+    account.rendered = rendered_;
+    account.flipped = flipped_;
+    account.skipped = skipped_;
+    account.dropped = dropped_;
+    account.refused = refused_;
+    account.held = held_;
+    account.lost = lost_;
+    account.foreign = foreign_;
+    account.no_buffer = no_buffer_;
     return account;
 }
 
-AudioAccount Host::audio() const { return m_audio_account; }
+AudioAccount Host::audio() const { return audio_account_; }
 
 } // namespace play

@@ -12,12 +12,12 @@
 #include <memory>
 #include <thread>
 
+#include "hdmi_player.h"
 #include "host/algorithm.h"
 #include "host/flip_gate.h"
 #include "host/frame_pool.h"
-#include "hdmi_player.h"
-#include "source/source.h"
 #include "host/trace.h"
+#include "source/source.h"
 
 namespace play
 {
@@ -72,7 +72,7 @@ public:
     /// Opens the player, tells it that the cable is in, and starts to play. @return false: nothing runs
     bool start();
 
-    bool video_running() const { return m_video_running; }
+    bool video_running() const { return video_running_; }
     /// Ends the video thread at its next picture, or waits for the end of the source.
     void stop_video();
     /// The signal has ended: plays what is still on its way to the output.
@@ -82,14 +82,14 @@ public:
 
     FrameAccount frames() const;
     AudioAccount audio() const;
-    int64_t resets() const { return m_resets; }
-    int64_t unsupported() const { return m_unsupported; }
-    int64_t opened_ns() const { return m_opened_ns; }
+    int64_t resets() const { return resets_; }
+    int64_t unsupported() const { return unsupported_; }
+    int64_t opened_ns() const { return opened_ns_; }
     /// When the last A/V sync reset was raised, 0: never.
-    int64_t reset_ns() const { return m_reset_ns; }
-    int video_queue_size() const { return m_video_queue_size; }
+    int64_t reset_ns() const { return reset_ns_; }
+    int video_queue_size() const { return video_queue_size_; }
     /// Number of the last picture that the source sent, -1: none.
-    int64_t last_picture() const { return m_last_picture; }
+    int64_t last_picture() const { return last_picture_; }
 
 private:
     static void on_event(hdmi_player_event_e event);
@@ -107,41 +107,41 @@ private:
 
     static Host* s_host;
 
-    HostConfig m_config;
-    Source* m_source;
-    SourceClock m_clock;
-    int m_video_queue_size;
-    FramePool m_pool;
-    int64_t m_opened_ns = 0;
+    HostConfig config_;
+    Source* source_;
+    SourceClock clock_;
+    int video_queue_size_;
+    FramePool pool_;
+    int64_t opened_ns_ = 0;
 
-    std::thread m_video;
-    std::thread m_audio;
-    std::atomic<bool> m_video_stop{false};
-    std::atomic<bool> m_video_running{false};
-    std::atomic<bool> m_audio_draining{false};
-    std::atomic<int64_t> m_drained_ns{0}; ///< when draining ends at the latest
+    std::thread video_;
+    std::thread audio_;
+    std::atomic<bool> video_stop_{false};
+    std::atomic<bool> video_running_{false};
+    std::atomic<bool> audio_draining_{false};
+    std::atomic<int64_t> drained_ns_{0}; ///< when draining ends at the latest
 
-    std::atomic<int64_t> m_resets{0};
-    std::atomic<int64_t> m_reset_ns{0};
-    std::atomic<int64_t> m_unsupported{0};
-    std::atomic<int64_t> m_rendered{0};
-    std::atomic<int64_t> m_flipped{0};
-    std::atomic<int64_t> m_skipped{0};
-    std::atomic<int64_t> m_dropped{0};
-    std::atomic<int64_t> m_refused{0};
-    std::atomic<int64_t> m_foreign{0};
-    std::atomic<int64_t> m_no_buffer{0};
-    std::atomic<int64_t> m_held{0};
-    std::atomic<int64_t> m_lost{0};
-    std::atomic<int64_t> m_last_picture{-1};
+    std::atomic<int64_t> resets_{0};
+    std::atomic<int64_t> reset_ns_{0};
+    std::atomic<int64_t> unsupported_{0};
+    std::atomic<int64_t> rendered_{0};
+    std::atomic<int64_t> flipped_{0};
+    std::atomic<int64_t> skipped_{0};
+    std::atomic<int64_t> dropped_{0};
+    std::atomic<int64_t> refused_{0};
+    std::atomic<int64_t> foreign_{0};
+    std::atomic<int64_t> no_buffer_{0};
+    std::atomic<int64_t> held_{0};
+    std::atomic<int64_t> lost_{0};
+    std::atomic<int64_t> last_picture_{-1};
 
     // The audio thread's own, read by others after it was joined.
-    DelayLine m_line;
-    std::vector<int16_t> m_processed;
-    AudioAccount m_audio_account;
-    int64_t m_resets_seen = 0;
-    int32_t m_serial = 0;   ///< of the last block; a player's first sequence is number 0
-    bool m_wait_for_serial; ///< blocks of m_serial are stale
+    DelayLine line_;
+    std::vector<int16_t> processed_;
+    AudioAccount audio_account_;
+    int64_t resets_seen_ = 0;
+    int32_t serial_ = 0;   ///< of the last block; a player's first sequence is number 0
+    bool wait_for_serial_; ///< blocks of serial_ are stale
 };
 
 /// Slots that the player's video queue needs, see hdmi_player_config_t::video_frame_queue_size.

@@ -24,33 +24,33 @@ namespace play
 template <typename Event> class EventLog
 {
 public:
-    explicit EventLog(size_t capacity) : m_capacity(capacity), m_slots(new Slot[capacity]) {}
+    explicit EventLog(size_t capacity) : capacity_(capacity), slots_(new Slot[capacity]) {}
 
     void add(const Event& event)
     {
-        size_t at = m_claimed.fetch_add(1, std::memory_order_relaxed);
-        if (at >= m_capacity)
+        size_t at = claimed_.fetch_add(1, std::memory_order_relaxed);
+        if (at >= capacity_)
             return;
-        m_slots[at].event = event;
-        m_slots[at].written.store(true, std::memory_order_release);
+        slots_[at].event = event;
+        slots_[at].written.store(true, std::memory_order_release);
     }
 
     /// Those that are written by now.
     std::vector<Event> events() const
     {
         std::vector<Event> all;
-        size_t end = std::min(m_claimed.load(), m_capacity);
+        size_t end = std::min(claimed_.load(), capacity_);
         all.reserve(end);
         for (size_t i = 0; i < end; i++)
-            if (m_slots[i].written.load(std::memory_order_acquire))
-                all.push_back(m_slots[i].event);
+            if (slots_[i].written.load(std::memory_order_acquire))
+                all.push_back(slots_[i].event);
         return all;
     }
 
     int64_t lost() const
     {
-        size_t claimed = m_claimed;
-        return claimed > m_capacity ? static_cast<int64_t>(claimed - m_capacity) : 0;
+        size_t claimed = claimed_;
+        return claimed > capacity_ ? static_cast<int64_t>(claimed - capacity_) : 0;
     }
 
 private:
@@ -59,9 +59,9 @@ private:
         std::atomic<bool> written{false};
     };
 
-    const size_t m_capacity;
-    std::unique_ptr<Slot[]> m_slots;
-    std::atomic<size_t> m_claimed{0};
+    const size_t capacity_;
+    std::unique_ptr<Slot[]> slots_;
+    std::atomic<size_t> claimed_{0};
 };
 
 /// The player flipped a picture.
@@ -114,7 +114,7 @@ struct Trace {
     /// For a run of that length.
     Trace(double seconds, double pictures_per_s)
         : vblanks(room(seconds, pictures_per_s)), flips(room(seconds, pictures_per_s)),
-          handed(room(seconds, blocks_per_s)), written(room(seconds, blocks_per_s)), opened(openings)
+          handed(room(seconds, kBlocksPerS)), written(room(seconds, kBlocksPerS)), opened(kOpenings)
     {
     }
 
@@ -128,8 +128,8 @@ struct Trace {
 
 private:
     /// Periods of the device, 960 frames at 48 kHz.
-    static constexpr double blocks_per_s = 50;
-    static constexpr size_t openings = 4096;
+    static constexpr double kBlocksPerS = 50;
+    static constexpr size_t kOpenings = 4096;
     /// For what comes before and after the programme, and for clocks that run fast.
     static size_t room(double seconds, double per_s) { return static_cast<size_t>((1.1 * seconds + 10) * per_s); }
 };

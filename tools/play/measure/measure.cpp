@@ -7,37 +7,37 @@
 
 #include "signal/correlate.h"
 #include "signal/onset.h"
-#include "source/programme.h"
 #include "signal/rate_conversion.h"
+#include "source/programme.h"
 
 namespace play
 {
 namespace
 {
 
-constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t kSecondNs = 1'000'000'000;
 /// Sound and picture that take longer than this from the source are not found again.
-constexpr int64_t longest_latency_ns = second_ns;
+constexpr int64_t kLongestLatencyNs = kSecondNs;
 /// Sound that is looked for as a waveform: long enough to be unique, short enough to be heard at one speed.
-constexpr int64_t needle_ms = 500;
+constexpr int64_t kNeedleMs = 500;
 /// Places at which a film is measured: each takes some hundredths of a second to find.
-constexpr int64_t most_instants = 600;
+constexpr int64_t kMostInstants = 600;
 /// A resampler's phase and the onset's threshold may each move it by one frame.
-constexpr double place_tolerance = 4;
+constexpr double kPlaceTolerance = 4;
 /// A device in software may convert the rate on the way: a millisecond at 48 kHz, far below a lost block.
-constexpr double converted_tolerance = 48;
-constexpr int chunk_frames = 4096;
+constexpr double kConvertedTolerance = 48;
+constexpr int kChunkFrames = 4096;
 /// The coder overlaps its blocks: the first one of a decoder that begins in the middle of a stream is incomplete.
-constexpr int64_t decoder_settling = 256;
+constexpr int64_t kDecoderSettling = 256;
 
 double to_ms(int64_t ns) { return static_cast<double>(ns) / 1e6; }
 
 /// How far an offset goes towards the limit on its side; beyond 1 it is outside.
-double share_of_r37(double ms) { return ms >= 0 ? ms / r37_early_ms : ms / r37_late_ms; }
+double share_of_r37(double ms) { return ms >= 0 ? ms / kR37EarlyMs : ms / kR37LateMs; }
 
 bool inside(double ms, double early, double late) { return ms <= early && ms >= late; }
 
-int64_t source_time_of(int64_t sample, int rate) { return sample * second_ns / rate; }
+int64_t source_time_of(int64_t sample, int rate) { return sample * kSecondNs / rate; }
 
 std::vector<float> mono(const std::vector<int16_t>& stereo)
 {
@@ -67,7 +67,7 @@ const Sighting* find_flash(const std::vector<Sighting>& sightings, const Source&
 {
     for (const Sighting& sighting : sightings) {
         int64_t since = source.frame_ns(sighting.number) - source_ns;
-        if (sighting.flash && since >= 0 && since < Programme::stroke_ns)
+        if (sighting.flash && since >= 0 && since < Programme::kStrokeNs)
             return &sighting;
     }
     return nullptr;
@@ -88,9 +88,9 @@ OffsetStatistics summarise(const std::vector<Offset>& offsets)
         double ms = offset.ms();
         values.push_back(ms);
         sum += ms;
-        if (inside(ms, detectable_early_ms, detectable_late_ms))
+        if (inside(ms, kDetectableEarlyMs, kDetectableLateMs))
             result.undetectable++;
-        else if (inside(ms, acceptable_early_ms, acceptable_late_ms))
+        else if (inside(ms, kAcceptableEarlyMs, kAcceptableLateMs))
             result.acceptable++;
         else
             result.unacceptable++;
@@ -124,10 +124,10 @@ Latency summarise_latency(const std::vector<double>& values_ms)
 
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock)
 {
-    OnsetDetector detector(recording.sample_rate(), Programme::beep_peak);
-    std::vector<int16_t> stereo(2 * chunk_frames);
-    for (int64_t first = 0; first < recording.frames(); first += chunk_frames) {
-        int64_t frames = std::min<int64_t>(chunk_frames, recording.frames() - first);
+    OnsetDetector detector(recording.sample_rate(), Programme::kBeepPeak);
+    std::vector<int16_t> stereo(2 * kChunkFrames);
+    for (int64_t first = 0; first < recording.frames(); first += kChunkFrames) {
+        int64_t frames = std::min<int64_t>(kChunkFrames, recording.frames() - first);
         recording.read(first, stereo.data(), frames);
         detector.feed(stereo.data(), static_cast<int>(frames));
     }
@@ -140,7 +140,7 @@ std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& so
             next++;
         if (next == onsets.size())
             break;
-        if (recording.heard_ns(onsets[next]) - sent_ns < longest_latency_ns)
+        if (recording.heard_ns(onsets[next]) - sent_ns < kLongestLatencyNs)
             matches.push_back({sample, onsets[next]});
     }
     return matches;
@@ -148,9 +148,9 @@ std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& so
 
 std::vector<int64_t> waveform_instants(int64_t length_ns)
 {
-    int64_t step = std::max<int64_t>(1, length_ns / second_ns / most_instants) * second_ns;
+    int64_t step = std::max<int64_t>(1, length_ns / kSecondNs / kMostInstants) * kSecondNs;
     std::vector<int64_t> instants;
-    for (int64_t at_ns = second_ns; at_ns + needle_ms * 1'000'000 < length_ns; at_ns += step)
+    for (int64_t at_ns = kSecondNs; at_ns + kNeedleMs * 1'000'000 < length_ns; at_ns += step)
         instants.push_back(at_ns);
     return instants;
 }
@@ -164,10 +164,10 @@ std::vector<SoundMatch> match_waveform(const Recording& recording, const Source&
         int64_t begin = recording.position_at(clock.to_monotonic(at_ns));
         if (begin < 0)
             continue;
-        int64_t sample = at_ns / second_ns * source.audio_rate();
-        std::vector<int16_t> sent = source_audio(source, sample, source.audio_rate() * needle_ms / 1000);
+        int64_t sample = at_ns / kSecondNs * source.audio_rate();
+        std::vector<int16_t> sent = source_audio(source, sample, source.audio_rate() * kNeedleMs / 1000);
         std::vector<int16_t> needle = convert_rate(sent, source.audio_rate(), rate);
-        std::vector<int16_t> haystack(static_cast<size_t>(2 * (rate * longest_latency_ns / second_ns)) + needle.size());
+        std::vector<int16_t> haystack(static_cast<size_t>(2 * (rate * kLongestLatencyNs / kSecondNs)) + needle.size());
         recording.read(begin, haystack.data(), static_cast<int64_t>(haystack.size() / 2));
         std::optional<int64_t> place = find_in(mono(haystack), mono(needle));
         if (place && recording.heard_ns(begin + *place) >= 0)
@@ -187,7 +187,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
         int64_t picture_ns = sound_ns;
         if (flashes) {
             // A mark's beep starts at the sample next to it, that is at most one sample beside.
-            auto mark = std::lower_bound(marks.begin(), marks.end(), sound_ns - Programme::stroke_ns / 2);
+            auto mark = std::lower_bound(marks.begin(), marks.end(), sound_ns - Programme::kStrokeNs / 2);
             if (mark == marks.end())
                 continue;
             picture_ns = *mark;
@@ -244,21 +244,21 @@ namespace
 /// Samples that are complete with @p link_frames on the link; of coded ones, those of whole bursts.
 int64_t samples_until(Coding coding, int64_t link_frames)
 {
-    return coding == Coding::pcm ? link_frames : link_frames / burst_link_frames(coding) * burst_samples;
+    return coding == Coding::pcm ? link_frames : link_frames / burst_link_frames(coding) * kBurstSamples;
 }
 
 /// Samples from @p sample to the first burst that begins with it or later.
-int64_t samples_to_burst(int64_t sample) { return ((-sample) % burst_samples + burst_samples) % burst_samples; }
+int64_t samples_to_burst(int64_t sample) { return ((-sample) % kBurstSamples + kBurstSamples) % kBurstSamples; }
 
 /// Frames that were written before number @p end, with the source's.
 void compare_until(int64_t end, const Recording& recording, const Source& source, SampleCheck* check)
 {
-    std::vector<int16_t> played(2 * chunk_frames);
-    std::vector<int16_t> sent(2 * chunk_frames);
+    std::vector<int16_t> played(2 * kChunkFrames);
+    std::vector<int16_t> sent(2 * kChunkFrames);
     auto next = static_cast<int64_t>(check->first_source_sample) - check->earlier;
     for (const HeardBlock& block : recording.blocks()) {
-        for (int64_t done = 0; done < block.frames && !block.silence; done += chunk_frames) {
-            int64_t frames = std::min<int64_t>(chunk_frames, block.frames - done);
+        for (int64_t done = 0; done < block.frames && !block.silence; done += kChunkFrames) {
+            int64_t frames = std::min<int64_t>(kChunkFrames, block.frames - done);
             recording.read(block.first_frame + done, played.data(), frames);
             source.audio(next, sent.data(), static_cast<int>(frames));
             int64_t before = recording.written_before(block.first_frame) + done;
@@ -302,7 +302,7 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
     SampleCheck check;
     check.same_rate = source.audio_rate() == recording.sample_rate();
     check.exact = check.same_rate && path.transparent;
-    check.place_tolerance = path.transparent ? place_tolerance : converted_tolerance;
+    check.place_tolerance = path.transparent ? kPlaceTolerance : kConvertedTolerance;
     check.earlier = recording.written_before(recording.last_opening());
     check.out = recording.written() - check.earlier;
     check.block = recording.sample_rate() / 50;
@@ -310,7 +310,7 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
         return check;
     double ratio = static_cast<double>(recording.sample_rate()) / source.audio_rate();
     if (source.coding() != Coding::pcm)
-        check.block = std::max<int64_t>(check.block, std::llround(burst_samples * ratio));
+        check.block = std::max<int64_t>(check.block, std::llround(kBurstSamples * ratio));
     auto played = [&recording, &check](const SoundMatch& match) {
         return static_cast<double>(recording.written_before(match.position) - check.earlier);
     };
@@ -325,7 +325,7 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
         double end = static_cast<double>(source.coded_end());
         sent = std::min(sent, source.coded_end());
         check.out = std::min<int64_t>(check.out, std::llround((end - check.first_source_sample) * ratio));
-        check.settling = samples_to_burst(std::llround(check.first_source_sample)) + decoder_settling;
+        check.settling = samples_to_burst(std::llround(check.first_source_sample)) + kDecoderSettling;
     }
     check.in = sent - std::llround(check.first_source_sample);
     // A device that is opened anew discards what waits behind the first block.

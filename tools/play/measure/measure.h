@@ -11,8 +11,8 @@
 #include <optional>
 #include <vector>
 
-#include "signal/recording.h"
 #include "display/screen.h"
+#include "signal/recording.h"
 #include "source/source.h"
 
 namespace play
@@ -28,13 +28,13 @@ struct Offset {
 };
 
 /// EBU R37, end to end: sound up to 40 ms early or 60 ms late.
-constexpr double r37_early_ms = 40;
-constexpr double r37_late_ms = -60;
+constexpr double kR37EarlyMs = 40;
+constexpr double kR37LateMs = -60;
 /// ITU-R BT.1359: outside of the first band an offset is noticed, outside of the second it is not accepted.
-constexpr double detectable_early_ms = 45;
-constexpr double detectable_late_ms = -125;
-constexpr double acceptable_early_ms = 90;
-constexpr double acceptable_late_ms = -185;
+constexpr double kDetectableEarlyMs = 45;
+constexpr double kDetectableLateMs = -125;
+constexpr double kAcceptableEarlyMs = 90;
+constexpr double kAcceptableLateMs = -185;
 
 struct OffsetStatistics {
     int64_t count = 0;
@@ -47,7 +47,7 @@ struct OffsetStatistics {
     int64_t acceptable = 0; ///< detectable, yet acceptable
     int64_t unacceptable = 0;
 
-    bool p95_inside_r37() const { return count > 0 && p95_ms <= r37_early_ms && p95_ms >= r37_late_ms; }
+    bool p95_inside_r37() const { return count > 0 && p95_ms <= kR37EarlyMs && p95_ms >= kR37LateMs; }
 };
 
 OffsetStatistics summarise(const std::vector<Offset>& offsets);

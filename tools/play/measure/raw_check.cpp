@@ -15,18 +15,18 @@ namespace
 using Words = std::vector<int16_t>;
 
 /// IEC 61937-1: Pa and Pb begin a burst, Pc says its type, Pd the length of its payload.
-constexpr auto preamble_pa = static_cast<int16_t>(0xF872);
-constexpr auto preamble_pb = static_cast<int16_t>(0x4E1F);
-constexpr int64_t preamble_frames = 2;
+constexpr auto kPreamblePa = static_cast<int16_t>(0xF872);
+constexpr auto kPreamblePb = static_cast<int16_t>(0x4E1F);
+constexpr int64_t kPreambleFrames = 2;
 /// Bursts around the last known one that are looked at first when one does not follow.
-constexpr int64_t near_bursts = 64;
+constexpr int64_t kNearBursts = 64;
 /// A recording that is full of what the source never sent would have all of a film compared with each burst.
-constexpr int most_full_searches = 8;
+constexpr int kMostFullSearches = 8;
 
 bool begins_at(const Words& words, int64_t frame)
 {
     auto at = static_cast<size_t>(2 * frame);
-    return words[at] == preamble_pa && words[at + 1] == preamble_pb;
+    return words[at] == kPreamblePa && words[at + 1] == kPreamblePb;
 }
 
 /// The first frame from @p from on that begins a burst; -1: none. Most often it is within a @p period.
@@ -46,10 +46,10 @@ int64_t find_burst(const Recording& heard, int64_t from, int64_t period)
 /// Frames of a burst up to the end of its payload: Pd counts bits, for E-AC-3 bytes.
 int64_t used_frames(const int16_t* burst, Coding coding)
 {
-    constexpr int bits_of_frame = 32;
+    constexpr int kBitsOfFrame = 32;
     int64_t length = static_cast<uint16_t>(burst[3]);
     int64_t bits = coding == Coding::eac3 ? 8 * length : length;
-    return std::min(preamble_frames + (bits + bits_of_frame - 1) / bits_of_frame, burst_link_frames(coding));
+    return std::min(kPreambleFrames + (bits + kBitsOfFrame - 1) / kBitsOfFrame, burst_link_frames(coding));
 }
 
 /**
@@ -60,52 +60,52 @@ class Place
 {
 public:
     explicit Place(const Source& source)
-        : m_source(source), m_period(burst_link_frames(source.coding())), m_bursts(source.coded_end() / burst_samples),
-          m_sent(static_cast<size_t>(2 * m_period))
+        : source_(source), period_(burst_link_frames(source.coding())), bursts_(source.coded_end() / kBurstSamples),
+          sent_(static_cast<size_t>(2 * period_))
     {
     }
 
-    bool known() const { return !m_candidates.empty(); }
+    bool known() const { return !candidates_.empty(); }
 
     /// @return whether @p burst, @p used frames long, follows what came before
     bool goes_on(const Words& burst, int64_t used)
     {
         std::vector<int64_t> next;
-        for (int64_t before : m_candidates) {
+        for (int64_t before : candidates_) {
             int64_t number = next_sent(before);
             if (is_burst(number, burst, used))
                 next.push_back(number);
         }
         if (next.empty())
             return false;
-        m_candidates = std::move(next);
-        m_last = m_candidates.front();
+        candidates_ = std::move(next);
+        last_ = candidates_.front();
         return true;
     }
 
     /// Near where the last one was, or else anywhere in the source. @return false: it is not the source's
     bool find(const Words& burst, int64_t used)
     {
-        m_candidates.clear();
-        if (m_last >= 0)
-            search(m_last - near_bursts, m_last + near_bursts + 1, burst, used);
-        if (!known() && m_full_searches < most_full_searches) {
-            m_full_searches++;
-            search(0, m_bursts, burst, used);
+        candidates_.clear();
+        if (last_ >= 0)
+            search(last_ - kNearBursts, last_ + kNearBursts + 1, burst, used);
+        if (!known() && full_searches_ < kMostFullSearches) {
+            full_searches_++;
+            search(0, bursts_, burst, used);
         }
         if (known())
-            m_last = m_candidates.front();
-        else if (m_last >= 0)
-            m_last++; // the one that was to come has passed
+            last_ = candidates_.front();
+        else if (last_ >= 0)
+            last_++; // the one that was to come has passed
         return known();
     }
 
 private:
     void search(int64_t from, int64_t to, const Words& burst, int64_t used)
     {
-        for (int64_t number = std::max<int64_t>(from, 0); number < std::min(to, m_bursts); number++)
+        for (int64_t number = std::max<int64_t>(from, 0); number < std::min(to, bursts_); number++)
             if (is_burst(number, burst, used))
-                m_candidates.push_back(number);
+                candidates_.push_back(number);
     }
 
     /// The burst after @p number. In a hole of a film's sound zeros pass that are numbered as bursts.
@@ -113,29 +113,29 @@ private:
     {
         do
             number++;
-        while (number < m_bursts && !is_sent(number));
+        while (number < bursts_ && !is_sent(number));
         return number;
     }
 
     bool is_sent(int64_t number)
     {
-        m_source.link(number * m_period, m_sent.data(), 1);
-        return begins_at(m_sent, 0);
+        source_.link(number * period_, sent_.data(), 1);
+        return begins_at(sent_, 0);
     }
 
     bool is_burst(int64_t number, const Words& burst, int64_t used)
     {
-        m_source.link(number * m_period, m_sent.data(), static_cast<int>(used));
-        return std::equal(burst.begin(), burst.begin() + 2 * used, m_sent.begin());
+        source_.link(number * period_, sent_.data(), static_cast<int>(used));
+        return std::equal(burst.begin(), burst.begin() + 2 * used, sent_.begin());
     }
 
-    const Source& m_source;
-    const int64_t m_period;
-    const int64_t m_bursts; ///< of the source
-    Words m_sent;
-    std::vector<int64_t> m_candidates;
-    int64_t m_last = -1; ///< the earliest candidate, or where it would be by now; -1: none was found yet
-    int m_full_searches = 0;
+    const Source& source_;
+    const int64_t period_;
+    const int64_t bursts_; ///< of the source
+    Words sent_;
+    std::vector<int64_t> candidates_;
+    int64_t last_ = -1; ///< the earliest candidate, or where it would be by now; -1: none was found yet
+    int full_searches_ = 0;
 };
 
 } // namespace

@@ -12,7 +12,7 @@ namespace play
 namespace
 {
 
-constexpr std::array<const char*, 8> player_threads = {"aysync_logic",   "av_sync",     "audio_write",
+constexpr std::array<const char*, 8> kPlayerThreads = {"aysync_logic",   "av_sync",     "audio_write",
                                                        "audio_resample", "dolby_demux", "dolby_decode",
                                                        "format_detect",  "audio_read"};
 
@@ -48,7 +48,7 @@ Usage Usage::since(const Usage& start, double seconds) const
 double Usage::player_cpu_s() const
 {
     double sum = 0;
-    for (const char* name : player_threads) {
+    for (const char* name : kPlayerThreads) {
         auto thread = by_thread.find(name);
         sum += thread != by_thread.end() ? thread->second : 0;
     }

@@ -21,9 +21,9 @@ public:
     /// From @p least to @p most, and further as far as @p values need, but not beyond @p lowest and @p highest.
     static Scale around(const std::vector<double>& values, double least, double most, double lowest, double highest);
 
-    double least() const { return m_least; }
-    double most() const { return m_most; }
-    bool contains(double value) const { return value >= m_least && value <= m_most; }
+    double least() const { return least_; }
+    double most() const { return most_; }
+    bool contains(double value) const { return value >= least_ && value <= most_; }
     /// 0 to 1; values outside lie at the nearer end.
     double place(double value) const;
     /// Likewise, but values outside lie outside, though not far.
@@ -36,8 +36,8 @@ public:
 private:
     double step(int about) const;
 
-    double m_least;
-    double m_most;
+    double least_;
+    double most_;
 };
 
 /// A stretch of a curve: what it covers there.
@@ -79,11 +79,11 @@ private:
     std::string labels_beside(const std::string& unit) const;
     std::string outline(const std::vector<CurvePoint>& points, size_t begin, size_t end) const;
 
-    Scale m_x;
-    Scale m_y;
-    int m_height;
-    std::string m_back;
-    std::string m_front;
+    Scale x_;
+    Scale y_;
+    int height_;
+    std::string back_;
+    std::string front_;
 };
 
 /// The shapes that charts refer to; once in a page.

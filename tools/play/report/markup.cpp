@@ -10,7 +10,7 @@ namespace play
 namespace
 {
 
-constexpr const char* replacement = "\xEF\xBF\xBD";
+constexpr const char* kReplacement = "\xEF\xBF\xBD";
 
 bool continues(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
@@ -48,7 +48,7 @@ std::string escape_character(char character)
     }
     // No other control character may stand in a page.
     bool control = static_cast<unsigned char>(character) < 0x20 || character == 0x7F;
-    return control ? replacement : std::string(1, character);
+    return control ? kReplacement : std::string(1, character);
 }
 
 /// So many decimals, without a sign.
@@ -73,7 +73,7 @@ std::string escape(const std::string& text)
         if (length == 1)
             escaped += escape_character(text[at]);
         else
-            escaped += length == 0 ? replacement : text.substr(at, length);
+            escaped += length == 0 ? kReplacement : text.substr(at, length);
         at += length == 0 ? 1 : length;
     }
     return escaped;

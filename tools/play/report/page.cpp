@@ -24,23 +24,23 @@ namespace
 
 using nlohmann::json;
 
-constexpr int chart_px = 240;
+constexpr int kChartPx = 240;
 /// Rows of a histogram; what stayed longer than these is one more.
-constexpr size_t most_bars = 16;
+constexpr size_t kMostBars = 16;
 /// The number stands beside it.
-constexpr double longest_bar = 0.75;
+constexpr double kLongestBar = 0.75;
 /// Dots that a chart can show, and rows that anybody reads.
-constexpr size_t most_dots = 1200;
+constexpr size_t kMostDots = 1200;
 /// Offsets shown to the scale; those beyond are marked at its edge.
-constexpr double offset_limit_ms = 500;
-constexpr double queue_limit_ms = 5000;
-constexpr double deviation_limit_ms = 1000;
+constexpr double kOffsetLimitMs = 500;
+constexpr double kQueueLimitMs = 5000;
+constexpr double kDeviationLimitMs = 1000;
 /// Room beyond the outermost line, so that it is not the edge.
-constexpr double beside_band_ms = 15;
+constexpr double kBesideBandMs = 15;
 /// Smaller deviations of the clock are nothing to look at.
-constexpr double least_deviation_ms = 2;
+constexpr double kLeastDeviationMs = 2;
 /// A curve is broken where the device was written nothing for so long.
-constexpr double curve_gap_s = 0.5;
+constexpr double kCurveGapS = 0.5;
 
 double not_a_number() { return std::numeric_limits<double>::quiet_NaN(); }
 
@@ -53,13 +53,13 @@ enum class Sign { minus_only, always };
 class Report
 {
 public:
-    explicit Report(const json& report) : m_report(report) {}
+    explicit Report(const json& report) : report_(report) {}
 
     const json& at(const std::string& key) const
     {
         static const json none;
         json::json_pointer pointer(key);
-        return m_report.contains(pointer) ? m_report.at(pointer) : none;
+        return report_.contains(pointer) ? report_.at(pointer) : none;
     }
     bool has(const std::string& key) const { return !at(key).is_null(); }
     double real(const std::string& key) const { return play::real(at(key)); }
@@ -77,7 +77,7 @@ public:
     }
 
 private:
-    const json& m_report;
+    const json& report_;
 };
 
 // --- Pieces -------------------------------------------------------------------
@@ -248,7 +248,7 @@ struct RunLabel {
 };
 
 /// In the order in which they are told; what is not here follows.
-constexpr RunLabel run_labels[] = {
+constexpr RunLabel kRunLabels[] = {
     {"programme", "Programme", true},
     {"capture", "Captured from", true},
     {"feed", "Source sent into", false},
@@ -272,7 +272,7 @@ constexpr RunLabel run_labels[] = {
 };
 
 /// In the programme's description already.
-constexpr const char* file_key = "file";
+constexpr const char* kFileKey = "file";
 
 std::string run_row(const std::string& key, const std::string& label, const json& value)
 {
@@ -284,8 +284,8 @@ std::string run_table(const Report& report)
     json rest = report.at("/run");
     std::string table = "<section><h2>What was played on what</h2>\n<table><tbody>\n";
     if (rest.is_object())
-        rest.erase(file_key);
-    for (const RunLabel& known : run_labels) {
+        rest.erase(kFileKey);
+    for (const RunLabel& known : kRunLabels) {
         json value = report.at(std::string("/run/") + known.key);
         if (rest.is_object())
             rest.erase(known.key);
@@ -318,20 +318,20 @@ Chart offset_chart(const Report& report)
         values.push_back(real(offset.value("offset_ms", json())));
     }
     Scale x = Scale::around(times, 0, std::max(report.real("/seconds"), 1.0), 0, 1e6);
-    Scale y = Scale::around(values, acceptable_late_ms - beside_band_ms, acceptable_early_ms + beside_band_ms,
-                            -offset_limit_ms, offset_limit_ms);
-    Chart chart(x, y, chart_px);
+    Scale y = Scale::around(values, kAcceptableLateMs - kBesideBandMs, kAcceptableEarlyMs + kBesideBandMs,
+                            -kOffsetLimitMs, kOffsetLimitMs);
+    Chart chart(x, y, kChartPx);
     chart.band(y.least(), y.most(), "unacceptable");
-    chart.band(acceptable_late_ms, acceptable_early_ms, "acceptable");
-    chart.band(detectable_late_ms, detectable_early_ms, "detectable");
-    chart.band(r37_late_ms, r37_early_ms, "r37");
-    chart.level(r37_early_ms, "limit", "EBU R37 +40 ms", true);
-    chart.level(r37_late_ms, "limit", "EBU R37 −60 ms");
-    size_t room = most_dots;
+    chart.band(kAcceptableLateMs, kAcceptableEarlyMs, "acceptable");
+    chart.band(kDetectableLateMs, kDetectableEarlyMs, "detectable");
+    chart.band(kR37LateMs, kR37EarlyMs, "r37");
+    chart.level(kR37EarlyMs, "limit", "EBU R37 +40 ms", true);
+    chart.level(kR37LateMs, "limit", "EBU R37 −60 ms");
+    size_t room = kMostDots;
     for (size_t i = 0; i < values.size(); i++) {
-        bool inside = values[i] <= r37_early_ms && values[i] >= r37_late_ms;
+        bool inside = values[i] <= kR37EarlyMs && values[i] >= kR37LateMs;
         // Of very many, every n-th of the good ones.
-        if ((inside && i % (1 + values.size() / most_dots) != 0) || room == 0)
+        if ((inside && i % (1 + values.size() / kMostDots) != 0) || room == 0)
             continue;
         room--;
         chart.dot(times[i], values[i], inside ? "inside" : "outside",
@@ -347,7 +347,7 @@ std::string offset_table(const Report& report)
                         "Offset, ms</th><th scope=\"col\" class=\"number\">Sound later than sent, ms</th><th "
                         "scope=\"col\" class=\"number\">Picture later than sent, ms</th></tr></thead><tbody>\n";
     size_t rows = report.at("/offsets").size();
-    for (size_t i = 0; i < std::min(rows, most_dots); i++) {
+    for (size_t i = 0; i < std::min(rows, kMostDots); i++) {
         std::string key = "/offsets/" + std::to_string(i);
         table += "<tr><td class=\"number\">" + report.data(key + "/source_s", 2) + "</td><td class=\"number\">" +
                  report.data(key + "/offset_ms", 2, Sign::always) + "</td><td class=\"number\">" +
@@ -355,7 +355,7 @@ std::string offset_table(const Report& report)
                  report.data(key + "/picture_latency_ms", 2) + "</td></tr>\n";
     }
     return table + "</tbody></table>" +
-           (rows > most_dots ? "<p>And so on: " + std::to_string(rows) + " in all.</p>" : "") + "</details>\n";
+           (rows > kMostDots ? "<p>And so on: " + std::to_string(rows) + " in all.</p>" : "") + "</details>\n";
 }
 
 std::string sync_section(const Report& report)
@@ -367,7 +367,7 @@ std::string sync_section(const Report& report)
         return "<section><h2>Lip sync</h2>\n<p>Not measured: when the captured source sent what is not known.</p>"
                "</section>\n";
     std::string caption =
-        std::string(report.at("/offsets").size() > most_dots ? "Dots for some of " : "One dot for each of ") +
+        std::string(report.at("/offsets").size() > kMostDots ? "Dots for some of " : "One dot for each of ") +
         report.data("/offset/count") + " instants, of " + report.data("/instants") +
         " that the source has there. Above zero the sound comes before its picture. ITU-R BT.1359: " +
         report.data("/offset/bt1359/undetectable") + " undetectable, " + report.data("/offset/bt1359/acceptable") +
@@ -403,7 +403,7 @@ std::string bars_of(const std::vector<Bar>& bars, const std::string& id)
         most = std::max(most, bar.count);
     std::string list = "<dl class=\"bars\" id=\"" + id + "\">\n";
     for (const Bar& bar : bars) {
-        double share = longest_bar * static_cast<double>(bar.count) / static_cast<double>(most);
+        double share = kLongestBar * static_cast<double>(bar.count) / static_cast<double>(most);
         list += "<dt>" + bar.name + "</dt><dd" + (bar.expected ? "" : " class=\"odd-one\"") +
                 "><i style=\"width:" + percent(share) + "\"></i><data value=\"" + std::to_string(bar.count) + "\">" +
                 std::to_string(bar.count) + "</data></dd>\n";
@@ -430,7 +430,7 @@ std::vector<Bar> vblank_bars(const Report& report, double vblanks_per_picture)
             continue;
         auto held = static_cast<double>(vblanks);
         bool expected = held > vblanks_per_picture - 1 && held < vblanks_per_picture + 1;
-        if (bars.size() < most_bars)
+        if (bars.size() < kMostBars)
             bars.push_back({std::to_string(vblanks) + (vblanks == 1 ? " blank, " : " blanks, ") +
                                 number(held * vblank_ms, 1) + " ms",
                             count, expected});
@@ -506,14 +506,14 @@ std::string over_time(const Page& page, const Report& report, const std::vector<
 {
     if (curve.empty())
         return "<p class=\"quiet\">Nothing was played.</p>";
-    Chart chart(time_scale(curve, report), y, chart_px * 2 / 3);
+    Chart chart(time_scale(curve, report), y, kChartPx * 2 / 3);
     double step_s = (curve.back().at_s - curve.front().at_s) / static_cast<double>(curve.size());
     for (double at_s : page.view.opened_s)
         chart.moment(at_s, "moment", "the sound device was opened");
     for (const json& recovery : report.at("/recoveries"))
         chart.moment(page.view.player_opened_s + real(recovery.value("at_s", json())), "broke",
                      text_of(recovery.value("device", json())) + ": " + text_of(recovery.value("kind", json())));
-    chart.curve(curve, css, std::max(curve_gap_s, 3 * step_s));
+    chart.curve(curve, css, std::max(kCurveGapS, 3 * step_s));
     return chart.str(text, "s of the source", "ms");
 }
 
@@ -537,15 +537,15 @@ std::string queue_figure(const Page& page, const Report& report)
                       std::string(is_nothing(report.at("/recoveries")) ? ". " : "; red: a device failed. ") + spread +
                       " Underruns: " + report.data("/sound/underruns") + ", and " +
                       report.data("/sound/underruns_first_second") + " in the first second.",
-                  over_time(page, report, view.queue_ms, Scale::around(values, 0, 100, 0, queue_limit_ms), "queue",
+                  over_time(page, report, view.queue_ms, Scale::around(values, 0, 100, 0, kQueueLimitMs), "queue",
                             {"queue-chart", "Audio queue over time", spread}));
 }
 
 std::string clock_figure(const Page& page, const Report& report)
 {
     const TraceView& view = page.view;
-    Scale y = Scale::around(settled_values(view.deviation_ms, view), -least_deviation_ms, least_deviation_ms,
-                            -deviation_limit_ms, deviation_limit_ms);
+    Scale y = Scale::around(settled_values(view.deviation_ms, view), -kLeastDeviationMs, kLeastDeviationMs,
+                            -kDeviationLimitMs, kDeviationLimitMs);
     std::string spread = spread_text(view.deviation, 2) + ".";
     std::string drift =
         view.drift_ppm ? " Drift against the source: " + signed_number(*view.drift_ppm, 1) + " ppm." : "";
@@ -640,7 +640,7 @@ std::string machine_section(const Report& report)
     std::string list = "<section><h2>Processor time by thread</h2>\n<dl class=\"bars\">\n";
     for (const auto& [share, name] : threads) {
         std::string key = (json::json_pointer("/cpu_by_thread") / name).to_string();
-        double length = threads.front().first > 0 ? longest_bar * share / threads.front().first : 0;
+        double length = threads.front().first > 0 ? kLongestBar * share / threads.front().first : 0;
         list += "<dt>" + escape(name) + "</dt><dd><i style=\"width:" + percent(length) + "\"></i><span>" +
                 report.data(key, 2, Sign::minus_only, 100) + " %</span></dd>\n";
     }
@@ -676,7 +676,7 @@ std::string page_text(const Page& page)
     return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
            "<link rel=\"icon\" href=\"data:,\">\n<title>" +
-           title + "</title>\n<style>" + page_style + "</style>\n</head>\n<body>\n" + chart_shapes() + "<main>\n" +
+           title + "</title>\n<style>" + kPageStyle + "</style>\n</head>\n<body>\n" + chart_shapes() + "<main>\n" +
            heading(report) + tiles(report) + "<div class=\"pair\">" + limits(report) + run_table(report) + "</div>\n" +
            sync_section(report) + pictures_section(page, report) + sound_section(page, report) +
            timeline_section(page) + recoveries_section(report) + machine_section(report) + "</main>\n" + footer(page) +

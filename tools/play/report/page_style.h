@@ -5,7 +5,7 @@ namespace play
 {
 
 /// The page's looks: light, dark, narrow, printed.
-constexpr const char* page_style = R"css(
+constexpr const char* kPageStyle = R"css(
 :root {
   color-scheme: light dark;
   --paper: #ffffff; --panel: #f5f7f9; --ink: #1c2126; --quiet: #59636e; --rule: #d5dbe1; --grid: #e3e8ed;

@@ -14,12 +14,12 @@ namespace
 using nlohmann::json;
 
 /// More than a chart has room for side by side.
-constexpr size_t curve_points = 600;
+constexpr size_t kCurvePoints = 600;
 /// Blocks that the player may discard between two that it plays: its output queue.
-constexpr size_t longest_discard = 256;
+constexpr size_t kLongestDiscard = 256;
 /// A slope that a few readings more would not turn around.
-constexpr double shortest_drift_s = 5;
-constexpr double timeline_s = 1;
+constexpr double kShortestDriftS = 5;
+constexpr double kTimelineS = 1;
 
 double median(std::vector<double> values)
 {
@@ -53,7 +53,7 @@ std::vector<const HandedEvent*> match(const std::vector<HandedEvent>& handed, co
     std::vector<const HandedEvent*> origins;
     auto next = handed.begin();
     for (const WrittenEvent& block : written) {
-        auto end = next + std::min<std::ptrdiff_t>(longest_discard, handed.end() - next);
+        auto end = next + std::min<std::ptrdiff_t>(kLongestDiscard, handed.end() - next);
         auto found = std::find_if(next, end, [&block](const HandedEvent& event) {
             return event.mark == block.mark && event.frames == block.frames && event.at_ns <= block.at_ns;
         });
@@ -135,7 +135,7 @@ std::optional<double> drift_of(const std::vector<BlockView>& blocks, const Trace
         last_s = std::max(last_s, block.at_s);
     }
     double divisor = n * sum_xx - sum_x * sum_x;
-    if (last_s - first_s < shortest_drift_s || !(divisor > 0))
+    if (last_s - first_s < kShortestDriftS || !(divisor > 0))
         return std::nullopt;
     // From ms per second to parts per million.
     return (n * sum_xy - sum_x * sum_y) / divisor * 1e3;
@@ -147,8 +147,8 @@ template <typename Value> std::vector<CurvePoint> curve_of(const std::vector<Blo
     std::vector<CurvePoint> curve;
     if (blocks.empty())
         return curve;
-    double step_s = (blocks.back().at_s - blocks.front().at_s) / static_cast<double>(curve_points);
-    bool thin = blocks.size() > curve_points;
+    double step_s = (blocks.back().at_s - blocks.front().at_s) / static_cast<double>(kCurvePoints);
+    bool thin = blocks.size() > kCurvePoints;
     for (const BlockView& block : blocks) {
         std::optional<double> y = value(block);
         if (!y)
@@ -197,15 +197,15 @@ std::vector<PictureView> view_pictures(const std::vector<Sighting>& sightings, c
 /// In some ten ranges of a round length, and one for what stayed longer than twice as long as most.
 std::vector<StayBin> view_stays(const std::vector<PictureView>& pictures, const TraceScope& scope)
 {
-    constexpr double most_bins = 16;
-    constexpr double rounding = 1e-6; // what stayed for a bin's very beginning belongs there
+    constexpr double kMostBins = 16;
+    constexpr double kRounding = 1e-6; // what stayed for a bin's very beginning belongs there
     std::vector<double> stays_ms;
     for (const PictureView& picture : pictures)
         if (picture.from_s >= scope.settled_s && picture.to_s > picture.from_s && picture.to_s < scope.end_s)
             stays_ms.push_back((picture.to_s - picture.from_s) * 1e3);
     if (stays_ms.empty())
         return {};
-    double wanted_ms = 2 * median(stays_ms) / most_bins;
+    double wanted_ms = 2 * median(stays_ms) / kMostBins;
     double width_ms = std::pow(10, std::max(0.0, std::ceil(std::log10(wanted_ms))));
     for (double part : {5.0, 2.0})
         if (width_ms / part >= std::max(wanted_ms, 1.0)) {
@@ -213,9 +213,9 @@ std::vector<StayBin> view_stays(const std::vector<PictureView>& pictures, const 
             break;
         }
     std::map<int64_t, int64_t> counts;
-    auto last_bin = static_cast<int64_t>(most_bins);
+    auto last_bin = static_cast<int64_t>(kMostBins);
     for (double stay_ms : stays_ms)
-        counts[std::min(static_cast<int64_t>(stay_ms / width_ms + rounding), last_bin)]++;
+        counts[std::min(static_cast<int64_t>(stay_ms / width_ms + kRounding), last_bin)]++;
     std::vector<StayBin> bins;
     for (auto [bin, count] : counts) {
         double from_ms = static_cast<double>(bin) * width_ms;
@@ -257,7 +257,7 @@ std::vector<double> counts_by_second(const std::vector<double>& times, double fr
 double typical_second(const std::vector<std::vector<double>>& kinds, const TraceScope& scope)
 {
     double from_s = std::ceil(scope.settled_s);
-    if (!(scope.end_s - from_s >= timeline_s))
+    if (!(scope.end_s - from_s >= kTimelineS))
         return scope.settled_s;
     auto seconds = static_cast<size_t>(scope.end_s - from_s);
     std::vector<double> strangeness(seconds);
@@ -374,7 +374,7 @@ TraceView view_trace(const Trace& trace, const TraceScope& scope, const std::vec
     timeline.from_s = timeline.chosen
                           ? *scope.timeline_s
                           : typical_second({vblanks, places(flips, flip_place), places(blocks, block_place)}, scope);
-    timeline.to_s = timeline.from_s + timeline_s;
+    timeline.to_s = timeline.from_s + kTimelineS;
     auto of_timeline = [&timeline](const auto& items, auto place) {
         return inside(items, timeline.from_s, timeline.to_s, place);
     };

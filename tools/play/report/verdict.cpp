@@ -25,7 +25,7 @@ Verdict judge_resets(const Result& result)
 {
     bool anywhere = !result.options.capture.empty();
     bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
-    bool at_start = result.reset_s < latest_reset_s;
+    bool at_start = result.reset_s < kLatestResetS;
     if (!inside_of_burst)
         return {"one reset, at start", result.resets == 1 && at_start};
     return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
@@ -34,19 +34,19 @@ Verdict judge_resets(const Result& result)
 /// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
 bool passed_on_throughout(const Result& result)
 {
-    constexpr double margin_s = 2;
+    constexpr double kMarginS = 2;
     const hdmi_linux::BypassStats& bypass = result.stage.bypass;
-    double seconds = static_cast<double>(result.signal_end_ns - result.opened_ns) / 1e9 - margin_s;
+    double seconds = static_cast<double>(result.signal_end_ns - result.opened_ns) / 1e9 - kMarginS;
     return static_cast<double>(bypass.frames) >= seconds * bypass.rate;
 }
 
 // The sound goes past the player, and its pictures free of it.
 void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
 {
-    constexpr int64_t start_ns = 1'000'000'000;
+    constexpr int64_t kStartNs = 1'000'000'000;
     bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
     bool lasted =
-        result.raw.began_ns < result.opened_ns + start_ns && result.raw.ended_ns >= result.signal_end_ns - start_ns;
+        result.raw.began_ns < result.opened_ns + kStartNs && result.raw.ended_ns >= result.signal_end_ns - kStartNs;
     if (result.raw.compared)
         verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
     const hdmi_linux::BypassStats& bypass = result.stage.bypass;
@@ -100,7 +100,7 @@ std::vector<Verdict> judge(const Result& result)
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
-                            result.cadence.excess() <= excess_limit && result.unreadable == 0});
+                            result.cadence.excess() <= kExcessLimit && result.unreadable == 0});
     return verdicts;
 }
 

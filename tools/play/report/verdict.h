@@ -20,9 +20,9 @@ struct Verdict {
 };
 
 /// Pictures that may be unseen or held beyond what the rates dictate.
-constexpr double excess_limit = 0.02;
+constexpr double kExcessLimit = 0.02;
 /// The reset comes with the first picture that meets captured sound.
-constexpr double latest_reset_s = 1;
+constexpr double kLatestResetS = 1;
 
 std::vector<Verdict> judge(const Result& result);
 bool all_passed(const std::vector<Verdict>& verdicts);

@@ -33,7 +33,7 @@ public:
     /// How much faster than its nominal rate the device runs, in parts per million; 0 until some seconds are known.
     double drift_ppm() const;
     bool empty() const;
-    int rate() const { return m_rate; }
+    int rate() const { return rate_; }
 
 private:
     struct Anchor {
@@ -41,18 +41,18 @@ private:
         double late_ns; ///< time beyond that of the nominal rate from position 0, time 0 on
     };
 
-    double nominal_ns(double position) const { return position * 1e9 / m_rate; }
+    double nominal_ns(double position) const { return position * 1e9 / rate_; }
     Anchor gathered() const;
     double late_ns(double position) const;
     double slope() const;
 
-    const int m_rate;
-    mutable std::mutex m_mutex;
-    std::vector<Anchor> m_anchors;
-    std::vector<Anchor> m_recent;         ///< words of the half second under way
-    mutable std::vector<Anchor> m_sorted; ///< room in which gathered() works
-    int64_t m_recent_since_ns = 0;
-    bool m_settled = false; ///< the device's first guesses are over
+    const int rate_;
+    mutable std::mutex mutex_;
+    std::vector<Anchor> anchors_;
+    std::vector<Anchor> recent_;         ///< words of the half second under way
+    mutable std::vector<Anchor> sorted_; ///< room in which gathered() works
+    int64_t recent_since_ns_ = 0;
+    bool settled_ = false; ///< the device's first guesses are over
 };
 
 } // namespace play

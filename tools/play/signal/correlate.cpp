@@ -14,23 +14,23 @@ using Spectrum = std::vector<std::complex<float>>;
 
 /// Below this mean square (of both channels, in units of 16-bit samples) there is not even the noise of a dithered
 /// silence.
-constexpr double silent_mean_square = 0.1;
+constexpr double kSilentMeanSquare = 0.1;
 /// Bins weaker than this part of the strongest carry rounding noise rather than signal.
-constexpr float weakest_bin = 1e-6f;
+constexpr float kWeakestBin = 1e-6f;
 /// Places that are looked at closely: the highest peaks of either kind of correlation.
-constexpr size_t candidates_each = 64;
+constexpr size_t kCandidatesEach = 64;
 /// Likeness below which a place is not the sound that is looked for.
-constexpr double least_likeness = 0.8;
+constexpr double kLeastLikeness = 0.8;
 /// A rival of the best place is one that is not unlike the needle by so much, and so many times what the best one is.
-constexpr double unlikeness_floor = 0.002;
-constexpr double unlikeness_ratio = 3;
+constexpr double kUnlikenessFloor = 0.002;
+constexpr double kUnlikenessRatio = 3;
 /// Rivals are told apart by their faint frequencies, unless one reaches this part of another there as well.
-constexpr float ambiguous_ratio = 0.7f;
+constexpr float kAmbiguousRatio = 0.7f;
 /// Peaks of the two correlations this close together are one place.
-constexpr size_t same_place = 2;
+constexpr size_t kSamePlace = 2;
 /// Part of the samples at either end that fades, lest the cut edges of the two be taken for a likeness.
-constexpr double haystack_fade = 0.02;
-constexpr double needle_fade = 0.5;
+constexpr double kHaystackFade = 0.02;
+constexpr double kNeedleFade = 0.5;
 /// In-place radix-2 transform; the size is a power of two.
 void transform(Spectrum* data, bool inverse)
 {
@@ -78,7 +78,7 @@ bool is_silent(const std::vector<float>& samples)
     double sum = 0;
     for (float sample : samples)
         sum += static_cast<double>(sample) * sample;
-    return sum < silent_mean_square * static_cast<double>(samples.size());
+    return sum < kSilentMeanSquare * static_cast<double>(samples.size());
 }
 
 struct Candidate {
@@ -98,7 +98,7 @@ void add_peaks(const Spectrum& correlation, size_t places, std::vector<size_t>* 
         if (here > 0 && over_left && over_right)
             found.push_back(i);
     }
-    size_t count = std::min(candidates_each, found.size());
+    size_t count = std::min(kCandidatesEach, found.size());
     auto higher = [&correlation](size_t a, size_t b) { return correlation[a].real() > correlation[b].real(); };
     std::partial_sort(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(count), found.end(), higher);
     peaks->insert(peaks->end(), found.begin(), found.begin() + static_cast<std::ptrdiff_t>(count));
@@ -139,8 +139,8 @@ std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const
     size_t size = 1;
     while (size < haystack.size() + needle.size())
         size <<= 1;
-    Spectrum plain = spectrum_of(haystack, size, haystack_fade);
-    Spectrum pin = spectrum_of(needle, size, needle_fade);
+    Spectrum plain = spectrum_of(haystack, size, kHaystackFade);
+    Spectrum pin = spectrum_of(needle, size, kNeedleFade);
     Spectrum white(size);
     float strongest = 0;
     for (const std::complex<float>& bin : pin)
@@ -148,7 +148,7 @@ std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const
     for (size_t i = 0; i < size; i++) {
         float weight = std::abs(pin[i]) * std::abs(plain[i]);
         plain[i] *= std::conj(pin[i]);
-        bool counts = std::abs(pin[i]) > strongest * weakest_bin && weight > 0;
+        bool counts = std::abs(pin[i]) > strongest * kWeakestBin && weight > 0;
         white[i] = counts ? plain[i] / weight : 0;
     }
     transform(&plain, true);
@@ -161,9 +161,9 @@ std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const
     std::vector<Candidate> candidates;
     for (size_t peak : peaks) {
         Candidate found = {peak, 0, likeness_near(haystack, needle, peak)};
-        for (size_t i = peak - std::min(peak, same_place); i <= std::min(peak + same_place, places - 1); i++)
+        for (size_t i = peak - std::min(peak, kSamePlace); i <= std::min(peak + kSamePlace, places - 1); i++)
             found.whitened = std::max(found.whitened, white[i].real());
-        if (candidates.empty() || peak - candidates.back().place > same_place)
+        if (candidates.empty() || peak - candidates.back().place > kSamePlace)
             candidates.push_back(found);
         else if (found.likeness > candidates.back().likeness)
             candidates.back() = found;
@@ -177,7 +177,7 @@ std::optional<size_t> settle(std::vector<Candidate> rivals)
     if (rivals.size() > 1) {
         std::partial_sort(rivals.begin(), rivals.begin() + 2, rivals.end(),
                           [](const Candidate& a, const Candidate& b) { return a.whitened > b.whitened; });
-        if (rivals[1].whitened > rivals[0].whitened * ambiguous_ratio)
+        if (rivals[1].whitened > rivals[0].whitened * kAmbiguousRatio)
             return std::nullopt;
     }
     return rivals.front().place;
@@ -193,9 +193,9 @@ std::optional<int64_t> find_in(const std::vector<float>& haystack, const std::ve
     double best = 0;
     for (const Candidate& candidate : candidates)
         best = std::max(best, candidate.likeness);
-    if (best < least_likeness)
+    if (best < kLeastLikeness)
         return std::nullopt;
-    double unlikeness = unlikeness_floor + unlikeness_ratio * (1 - best);
+    double unlikeness = kUnlikenessFloor + kUnlikenessRatio * (1 - best);
     std::vector<Candidate> rivals;
     for (const Candidate& candidate : candidates)
         if (1 - candidate.likeness <= unlikeness)

@@ -20,15 +20,15 @@ public:
     /// The next @p frames samples of the stream.
     void feed(const int16_t* stereo, int frames);
     /// Sample numbers, counted from the first one fed.
-    const std::vector<int64_t>& onsets() const { return m_onsets; }
+    const std::vector<int64_t>& onsets() const { return onsets_; }
 
 private:
-    int m_loud;
-    int m_quiet;
-    int64_t m_rest; ///< samples of quiet that separate two beeps
-    int64_t m_position = 0;
-    int64_t m_last_sound = -1; ///< last sample that was not quiet
-    std::vector<int64_t> m_onsets;
+    int loud_;
+    int quiet_;
+    int64_t rest_; ///< samples of quiet that separate two beeps
+    int64_t position_ = 0;
+    int64_t last_sound_ = -1; ///< last sample that was not quiet
+    std::vector<int64_t> onsets_;
 };
 
 } // namespace play

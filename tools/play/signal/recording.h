@@ -34,9 +34,9 @@ public:
     /// @return false with one line in @p error
     bool open(const std::string& path, std::vector<HeardBlock> blocks, std::string* error);
 
-    int sample_rate() const { return m_sample_rate; }
-    int64_t frames() const { return m_frames; }
-    const std::vector<HeardBlock>& blocks() const { return m_blocks; }
+    int sample_rate() const { return sample_rate_; }
+    int64_t frames() const { return frames_; }
+    const std::vector<HeardBlock>& blocks() const { return blocks_; }
 
     /// Stereo frames from @p first on; frames outside of the recording are silent. @return frames inside
     int64_t read(int64_t first, int16_t* stereo, int64_t frames) const;
@@ -51,7 +51,7 @@ public:
 
     /// Frames that were written to the device, up to frame @p position: its silences do not count.
     int64_t written_before(int64_t position) const;
-    int64_t written() const { return written_before(m_frames); }
+    int64_t written() const { return written_before(frames_); }
 
     /// Silences and pauses with sound after them that began between the two instants.
     int64_t gaps(int64_t from_ns, int64_t to_ns) const;
@@ -61,11 +61,11 @@ private:
     /// The device was closed and opened again before this block.
     bool pause_before(size_t block) const;
 
-    sf_private_tag* m_file = nullptr;
-    int m_sample_rate = 0;
-    int64_t m_frames = 0;
-    std::vector<HeardBlock> m_blocks;
-    std::vector<int64_t> m_written; ///< frames written before each block
+    sf_private_tag* file_ = nullptr;
+    int sample_rate_ = 0;
+    int64_t frames_ = 0;
+    std::vector<HeardBlock> blocks_;
+    std::vector<int64_t> written_; ///< frames written before each block
 };
 
 } // namespace play

@@ -20,17 +20,17 @@ public:
     SampleStore(const SampleStore&) = delete;
     SampleStore& operator=(const SampleStore&) = delete;
 
-    bool usable() const { return m_fd >= 0; }
+    bool usable() const { return fd_ >= 0; }
     /// @return false if the disk is full
     bool append(const int16_t* stereo, int64_t frames);
     bool append_silence(int64_t frames);
-    int64_t frames() const { return m_frames; }
+    int64_t frames() const { return frames_; }
     /// Frames that are not stored are silent. @return frames that are
     int64_t read(int64_t first, int16_t* stereo, int64_t frames) const;
 
 private:
-    int m_fd = -1;
-    std::atomic<int64_t> m_frames{0};
+    int fd_ = -1;
+    std::atomic<int64_t> frames_{0};
 };
 
 } // namespace play

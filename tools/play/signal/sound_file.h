@@ -35,7 +35,7 @@ public:
 
     void append(const int16_t* stereo, int frames);
     /// Frames so far: the number of the next one.
-    int64_t frames() const { return m_frames; }
+    int64_t frames() const { return frames_; }
     /// Before what is next is appended: frame @p position is heard at @p at_ns. A device that stays far from its own
     /// earlier words has lost or inserted sound: from there on it is another run.
     void heard(int64_t position, int64_t at_ns);
@@ -49,7 +49,7 @@ public:
     /// When was what heard; blocks of a run follow each other without a gap.
     std::vector<HeardBlock> blocks() const;
     double drift_ppm() const; ///< of the present run
-    const std::string& path() const { return m_path; }
+    const std::string& path() const { return path_; }
 
 private:
     struct Run {
@@ -70,20 +70,20 @@ private:
     void write_pending();
     bool write_block_list(std::string* error) const;
 
-    const std::string m_path;
-    const int m_rate;
-    sf_private_tag* m_file;
-    std::string m_problem; ///< the writing thread's while it runs
-    std::vector<int16_t> m_ring;
-    std::atomic<int64_t> m_frames{0};  ///< handed over
-    std::atomic<int64_t> m_written{0}; ///< of these, in the file
-    std::atomic<int64_t> m_missed{0};
-    std::atomic<bool> m_ending{false};
-    mutable std::mutex m_mutex;
-    std::list<Run> m_runs;
-    std::list<Run> m_spare;     ///< the next one, made ahead by the writing thread
-    std::vector<Word> m_strays; ///< words of the device, one after the other, that are far from the run's
-    std::thread m_thread;
+    const std::string path_;
+    const int rate_;
+    sf_private_tag* file_;
+    std::string problem_; ///< the writing thread's while it runs
+    std::vector<int16_t> ring_;
+    std::atomic<int64_t> frames_{0};  ///< handed over
+    std::atomic<int64_t> written_{0}; ///< of these, in the file
+    std::atomic<int64_t> missed_{0};
+    std::atomic<bool> ending_{false};
+    mutable std::mutex mutex_;
+    std::list<Run> runs_;
+    std::list<Run> spare_;     ///< the next one, made ahead by the writing thread
+    std::vector<Word> strays_; ///< words of the device, one after the other, that are far from the run's
+    std::thread thread_;
 };
 
 } // namespace play

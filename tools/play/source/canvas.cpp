@@ -11,33 +11,33 @@ namespace
 {
 
 /// The code's blocks, as they lie in a picture: two rows of sixteen.
-constexpr int code_columns = 16;
-constexpr int code_rows = 2;
+constexpr int kCodeColumns = 16;
+constexpr int kCodeRows = 2;
 /// One block of this many to the height of the canvas: small beside a film, and still easy to read.
-constexpr int blocks_per_height = 90;
+constexpr int kBlocksPerHeight = 90;
 
 struct Strip {
     int block; ///< pixels, width and height of a block
 
     explicit Strip(const Canvas& canvas)
-        : block(std::max(1, std::min(canvas.height / blocks_per_height, canvas.width / code_columns)))
+        : block(std::max(1, std::min(canvas.height / kBlocksPerHeight, canvas.width / kCodeColumns)))
     {
     }
-    int width() const { return code_columns * block; }
-    int height() const { return code_rows * block; }
+    int width() const { return kCodeColumns * block; }
+    int height() const { return kCodeRows * block; }
 };
 
 /// The picture's pixel in the middle of a block of its code.
 uint8_t* code_pixel(Picture* picture, int column, int row)
 {
-    constexpr int width = Picture::width / code_columns;
-    constexpr int height = Picture::code_height / code_rows;
-    return picture->luma.data() + (row * height + height / 2) * Picture::width + column * width + width / 2;
+    constexpr int kWidth = Picture::kWidth / kCodeColumns;
+    constexpr int kHeight = Picture::kCodeHeight / kCodeRows;
+    return picture->luma.data() + (row * kHeight + kHeight / 2) * Picture::kWidth + column * kWidth + kWidth / 2;
 }
 
 uint32_t colour_of(uint8_t luma)
 {
-    int level = (luma - Picture::black) * 255 / (Picture::white - Picture::black);
+    int level = (luma - Picture::kBlack) * 255 / (Picture::kWhite - Picture::kBlack);
     auto grey = static_cast<uint32_t>(std::clamp(level, 0, 255));
     return grey << 16 | grey << 8 | grey;
 }
@@ -46,13 +46,13 @@ uint8_t luma_of(uint32_t colour)
 {
     // BT.601 in 1/256; what is seen here is grey, or a film that nobody measures by its brightness.
     uint32_t level = ((colour >> 16 & 255) * 77 + (colour >> 8 & 255) * 150 + (colour & 255) * 29) >> 8;
-    return static_cast<uint8_t>(Picture::black + level * (Picture::white - Picture::black) / 255);
+    return static_cast<uint8_t>(Picture::kBlack + level * (Picture::kWhite - Picture::kBlack) / 255);
 }
 
 void fill(Picture* picture, int left, int top, Size size, uint8_t luma)
 {
     for (int y = top; y < top + size.height; y++)
-        std::fill_n(picture->luma.data() + y * Picture::width + left, size.width, luma);
+        std::fill_n(picture->luma.data() + y * Picture::kWidth + left, size.width, luma);
 }
 
 void paint_image(const Image& image, const Canvas& canvas)
@@ -87,10 +87,10 @@ void paint_field(const Picture& picture, const Canvas& canvas)
     std::vector<uint32_t> line(static_cast<size_t>(canvas.width));
     int painted = -1;
     for (int y = 0; y < canvas.height; y++) {
-        int from = y * Picture::field_height / canvas.height;
+        int from = y * Picture::kFieldHeight / canvas.height;
         for (int x = 0; from != painted && x < canvas.width; x++)
             line[static_cast<size_t>(x)] =
-                colour_of(picture.field()[from * Picture::width + x * Picture::width / canvas.width]);
+                colour_of(picture.field()[from * Picture::kWidth + x * Picture::kWidth / canvas.width]);
         painted = from;
         // Copied line by line: the canvas may be slow to read.
         std::memcpy(canvas.row(y), line.data(), bytes);
@@ -117,7 +117,7 @@ void paint(const Picture& picture, const Image* image, const Canvas& canvas)
     Strip strip(canvas);
     Picture code = picture;
     for (int y = 0; y < strip.height(); y++)
-        for (int column = 0; column < code_columns; column++)
+        for (int column = 0; column < kCodeColumns; column++)
             std::fill_n(canvas.row(y) + column * strip.block, strip.block,
                         colour_of(*code_pixel(&code, column, y / strip.block)));
 }
@@ -127,19 +127,19 @@ Picture look_at(const Canvas& canvas)
     Strip strip(canvas);
     Picture seen;
     // Reads of a card's memory are slow: a few points stand for what lies around them.
-    constexpr int code_step_x = Picture::width / code_columns / 2;
-    constexpr int code_step_y = Picture::code_height / code_rows / 2;
-    for (int y = 0; y < 2 * code_rows; y++)
-        for (int x = 0; x < 2 * code_columns; x++)
-            fill(&seen, x * code_step_x, y * code_step_y, {code_step_x, code_step_y},
+    constexpr int kCodeStepX = Picture::kWidth / kCodeColumns / 2;
+    constexpr int kCodeStepY = Picture::kCodeHeight / kCodeRows / 2;
+    for (int y = 0; y < 2 * kCodeRows; y++)
+        for (int x = 0; x < 2 * kCodeColumns; x++)
+            fill(&seen, x * kCodeStepX, y * kCodeStepY, {kCodeStepX, kCodeStepY},
                  luma_of(canvas.row((2 * y + 1) * strip.block / 4)[(2 * x + 1) * strip.block / 4]));
-    constexpr int field_step = 4;
+    constexpr int kFieldStep = 4;
     int field_height = canvas.height - strip.height();
-    for (int y = 0; y < Picture::field_height; y += field_step)
-        for (int x = 0; x < Picture::width; x += field_step) {
-            int row = strip.height() + (2 * y + field_step) * field_height / (2 * Picture::field_height);
-            int column = (2 * x + field_step) * canvas.width / (2 * Picture::width);
-            fill(&seen, x, Picture::code_height + y, {field_step, field_step}, luma_of(canvas.row(row)[column]));
+    for (int y = 0; y < Picture::kFieldHeight; y += kFieldStep)
+        for (int x = 0; x < Picture::kWidth; x += kFieldStep) {
+            int row = strip.height() + (2 * y + kFieldStep) * field_height / (2 * Picture::kFieldHeight);
+            int column = (2 * x + kFieldStep) * canvas.width / (2 * Picture::kWidth);
+            fill(&seen, x, Picture::kCodeHeight + y, {kFieldStep, kFieldStep}, luma_of(canvas.row(row)[column]));
         }
     return seen;
 }

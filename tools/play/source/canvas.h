@@ -34,8 +34,8 @@ struct Canvas {
 };
 
 /// The smallest canvas on which a number can be read.
-constexpr int least_canvas_width = 64;
-constexpr int least_canvas_height = 48;
+constexpr int kLeastCanvasWidth = 64;
+constexpr int kLeastCanvasHeight = 48;
 
 /// Paints @p image, scaled to fit with black beside it, or without one the picture's field; then the number.
 void paint(const Picture& picture, const Image* image, const Canvas& canvas);

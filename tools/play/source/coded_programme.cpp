@@ -16,12 +16,12 @@ namespace play
 namespace
 {
 
-constexpr int64_t second_ns = 1'000'000'000;
-constexpr int64_t bit_rate = 192'000;
+constexpr int64_t kSecondNs = 1'000'000'000;
+constexpr int64_t kBitRate = 192'000;
 /// The encoder's scale of full amplitude.
-constexpr float full_scale = 32768;
+constexpr float kFullScale = 32768;
 /// By which the coder may move a beep's onset.
-constexpr int64_t most_smear_ms = 5;
+constexpr int64_t kMostSmearMs = 5;
 
 struct Freed {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
@@ -38,10 +38,10 @@ Owned<AVCodecContext> open_encoder(Coding coding, int rate)
         return nullptr;
     encoder->sample_rate = rate;
     encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    encoder->bit_rate = bit_rate;
+    encoder->bit_rate = kBitRate;
     encoder->time_base = {1, rate};
     av_channel_layout_default(&encoder->ch_layout, 2);
-    bool good = avcodec_open2(encoder.get(), codec, nullptr) == 0 && encoder->frame_size == burst_samples;
+    bool good = avcodec_open2(encoder.get(), codec, nullptr) == 0 && encoder->frame_size == kBurstSamples;
     return good ? std::move(encoder) : nullptr;
 }
 
@@ -62,7 +62,7 @@ Owned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& progra
     for (size_t channel = 0; channel < 2; channel++) {
         auto* to = reinterpret_cast<float*>(frame->extended_data[channel]);
         for (int i = 0; i < encoder.frame_size; i++)
-            to[i] = static_cast<float>(stereo[2 * static_cast<size_t>(i) + channel]) / full_scale;
+            to[i] = static_cast<float>(stereo[2 * static_cast<size_t>(i) + channel]) / kFullScale;
     }
     return frame;
 }
@@ -74,8 +74,8 @@ std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_ra
 {
     std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, audio_rate, fps, length_ns));
     // The link goes on until the host has stopped to send pictures.
-    int64_t samples = (length_ns + second_ns) * audio_rate / second_ns;
-    if (!made->m_track.usable() || !made->encode(samples) || !made->find_onsets()) {
+    int64_t samples = (length_ns + kSecondNs) * audio_rate / kSecondNs;
+    if (!made->track_.usable() || !made->encode(samples) || !made->find_onsets()) {
         *error = std::string("the programme's sound could not be encoded as ") + coding_name(coding);
         return nullptr;
     }
@@ -84,18 +84,18 @@ std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_ra
 
 bool CodedProgramme::encode(int64_t samples)
 {
-    Owned<AVCodecContext> encoder = open_encoder(m_track.coding(), audio_rate());
+    Owned<AVCodecContext> encoder = open_encoder(track_.coding(), audio_rate());
     Owned<AVPacket> packet(av_packet_alloc());
     if (!encoder || !packet)
         return false;
     // The coder overlaps its blocks: what goes in as sample n comes out of a decoder this much later.
     int64_t first = encoder->initial_padding;
-    for (; m_track.samples() < samples; first += encoder->frame_size) {
-        Owned<AVFrame> frame = make_frame(*encoder, m_programme, first);
+    for (; track_.samples() < samples; first += encoder->frame_size) {
+        Owned<AVFrame> frame = make_frame(*encoder, programme_, first);
         if (!frame || avcodec_send_frame(encoder.get(), frame.get()) < 0)
             return false;
         while (avcodec_receive_packet(encoder.get(), packet.get()) >= 0) {
-            bool added = m_track.add(packet.get());
+            bool added = track_.add(packet.get());
             av_packet_unref(packet.get());
             if (!added)
                 return false;
@@ -107,21 +107,21 @@ bool CodedProgramme::encode(int64_t samples)
 // Each beep must be found again where the coder was given it.
 bool CodedProgramme::find_onsets()
 {
-    OnsetDetector detector(audio_rate(), Programme::beep_peak);
-    std::vector<int16_t> stereo(2 * burst_samples);
-    for (int64_t first = 0; first < m_track.samples(); first += burst_samples) {
-        audio(first, stereo.data(), burst_samples);
-        detector.feed(stereo.data(), burst_samples);
+    OnsetDetector detector(audio_rate(), Programme::kBeepPeak);
+    std::vector<int16_t> stereo(2 * kBurstSamples);
+    for (int64_t first = 0; first < track_.samples(); first += kBurstSamples) {
+        audio(first, stereo.data(), kBurstSamples);
+        detector.feed(stereo.data(), kBurstSamples);
     }
-    m_onsets = detector.onsets();
-    std::vector<int64_t> given = m_programme.onsets();
-    return std::equal(m_onsets.begin(), m_onsets.end(), given.begin(), given.end(),
-                      [this](int64_t a, int64_t b) { return std::abs(a - b) * 1000 < most_smear_ms * audio_rate(); });
+    onsets_ = detector.onsets();
+    std::vector<int64_t> given = programme_.onsets();
+    return std::equal(onsets_.begin(), onsets_.end(), given.begin(), given.end(),
+                      [this](int64_t a, int64_t b) { return std::abs(a - b) * 1000 < kMostSmearMs * audio_rate(); });
 }
 
 std::string CodedProgramme::description() const
 {
-    return m_programme.description() + ", sent as " + coding_name(coding());
+    return programme_.description() + ", sent as " + coding_name(coding());
 }
 
 } // namespace play

@@ -21,31 +21,31 @@ public:
     static std::unique_ptr<CodedProgramme> make(Coding coding, int audio_rate, Rational fps, int64_t length_ns,
                                                 std::string* error);
 
-    int audio_rate() const override { return m_programme.audio_rate(); }
-    void audio(int64_t first, int16_t* stereo, int frames) const override { m_track.audio(first, stereo, frames); }
-    Coding coding() const override { return m_track.coding(); }
-    int64_t coded_end() const override { return m_track.samples(); }
-    void link(int64_t first, int16_t* words, int frames) const override { m_track.link(first, words, frames); }
+    int audio_rate() const override { return programme_.audio_rate(); }
+    void audio(int64_t first, int16_t* stereo, int frames) const override { track_.audio(first, stereo, frames); }
+    Coding coding() const override { return track_.coding(); }
+    int64_t coded_end() const override { return track_.samples(); }
+    void link(int64_t first, int16_t* words, int frames) const override { track_.link(first, words, frames); }
 
-    Rational fps() const override { return m_programme.fps(); }
-    bool next_video(VideoFrame* frame) override { return m_programme.next_video(frame); }
-    int64_t frame_ns(int64_t number) const override { return m_programme.frame_ns(number); }
-    std::vector<int64_t> marks() const override { return m_programme.marks(); }
-    std::vector<int64_t> onsets() const override { return m_onsets; }
+    Rational fps() const override { return programme_.fps(); }
+    bool next_video(VideoFrame* frame) override { return programme_.next_video(frame); }
+    int64_t frame_ns(int64_t number) const override { return programme_.frame_ns(number); }
+    std::vector<int64_t> marks() const override { return programme_.marks(); }
+    std::vector<int64_t> onsets() const override { return onsets_; }
     int64_t starved() const override { return 0; }
     std::string description() const override;
 
 private:
     CodedProgramme(Coding coding, int audio_rate, Rational fps, int64_t length_ns)
-        : m_programme(audio_rate, fps, length_ns), m_track(coding, audio_rate)
+        : programme_(audio_rate, fps, length_ns), track_(coding, audio_rate)
     {
     }
     bool encode(int64_t samples);
     bool find_onsets();
 
-    Programme m_programme;
-    CodedTrack m_track;
-    std::vector<int64_t> m_onsets;
+    Programme programme_;
+    CodedTrack track_;
+    std::vector<int64_t> onsets_;
 };
 
 } // namespace play

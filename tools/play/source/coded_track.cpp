@@ -17,10 +17,10 @@ namespace play
 namespace
 {
 
-constexpr int io_buffer_bytes = 4096;
-constexpr size_t link_frame_bytes = 4;
+constexpr int kIoBufferBytes = 4096;
+constexpr size_t kLinkFrameBytes = 4;
 /// Demanded by the muxer for E-AC-3, whose bursts do not depend on it.
-constexpr int muxer_rate = 48000;
+constexpr int kMuxerRate = 48000;
 
 struct Freed {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
@@ -64,14 +64,14 @@ struct CodedTrack::Codecs {
         if (!frame || avformat_alloc_output_context2(&format, nullptr, "spdif", nullptr) < 0)
             return false;
         muxer.reset(format);
-        auto* buffer = static_cast<uint8_t*>(av_malloc(io_buffer_bytes));
-        format->pb = avio_alloc_context(buffer, io_buffer_bytes, 1, &muxed, nullptr, collect, nullptr);
+        auto* buffer = static_cast<uint8_t*>(av_malloc(kIoBufferBytes));
+        format->pb = avio_alloc_context(buffer, kIoBufferBytes, 1, &muxed, nullptr, collect, nullptr);
         AVStream* stream = avformat_new_stream(format, nullptr);
         if (format->pb == nullptr || stream == nullptr)
             return false;
         stream->codecpar->codec_type = AVMEDIA_TYPE_AUDIO;
         stream->codecpar->codec_id = codec;
-        stream->codecpar->sample_rate = muxer_rate;
+        stream->codecpar->sample_rate = kMuxerRate;
         if (avformat_write_header(format, nullptr) < 0)
             return false;
         decoder.reset(avcodec_alloc_context3(avcodec_find_decoder(codec)));
@@ -83,11 +83,11 @@ struct CodedTrack::Codecs {
     }
 };
 
-CodedTrack::CodedTrack(Coding coding, int sample_rate) : m_coding(coding), m_sample_rate(sample_rate)
+CodedTrack::CodedTrack(Coding coding, int sample_rate) : coding_(coding), sample_rate_(sample_rate)
 {
     auto codecs = std::make_unique<Codecs>();
-    if (m_link.usable() && m_sound.usable() && codecs->open(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3))
-        m_codecs = std::move(codecs);
+    if (link_.usable() && sound_.usable() && codecs->open(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3))
+        codecs_ = std::move(codecs);
 }
 
 CodedTrack::~CodedTrack() = default;
@@ -95,32 +95,31 @@ CodedTrack::~CodedTrack() = default;
 bool CodedTrack::add(AVPacket* packet)
 {
     // The muxer wants ascending time stamps and does nothing with them; those of a film may repeat themselves.
-    packet->pts = packet->dts = m_packets++;
+    packet->pts = packet->dts = packets_++;
     packet->stream_index = 0;
     if (!store_decoded(packet))
         return false;
-    if (av_write_frame(m_codecs->muxer.get(), packet) < 0)
+    if (av_write_frame(codecs_->muxer.get(), packet) < 0)
         return false;
-    avio_flush(m_codecs->muxer->pb);
+    avio_flush(codecs_->muxer->pb);
     return store_bursts();
 }
 
 // Of a burst only what comes before its stuffing takes room on the disk.
 bool CodedTrack::store_bursts()
 {
-    std::vector<uint8_t>& muxed = m_codecs->muxed;
-    size_t burst_bytes = static_cast<size_t>(burst_link_frames(m_coding)) * link_frame_bytes;
+    std::vector<uint8_t>& muxed = codecs_->muxed;
+    size_t burst_bytes = static_cast<size_t>(burst_link_frames(coding_)) * kLinkFrameBytes;
     size_t done = 0;
     for (; muxed.size() - done >= burst_bytes; done += burst_bytes) {
         const uint8_t* burst = muxed.data() + done;
         size_t used = burst_bytes;
         while (used > 0 && burst[used - 1] == 0)
             used--;
-        auto used_frames = static_cast<int64_t>((used + link_frame_bytes - 1) / link_frame_bytes);
+        auto used_frames = static_cast<int64_t>((used + kLinkFrameBytes - 1) / kLinkFrameBytes);
         std::vector<int16_t> words(static_cast<size_t>(2 * used_frames));
         std::copy_n(burst, words.size() * sizeof(int16_t), reinterpret_cast<uint8_t*>(words.data()));
-        if (!m_link.append(words.data(), used_frames) ||
-            !m_link.append_silence(burst_link_frames(m_coding) - used_frames))
+        if (!link_.append(words.data(), used_frames) || !link_.append_silence(burst_link_frames(coding_) - used_frames))
             return false;
     }
     muxed.erase(muxed.begin(), muxed.begin() + static_cast<ptrdiff_t>(done));
@@ -129,9 +128,9 @@ bool CodedTrack::store_bursts()
 
 bool CodedTrack::store_decoded(AVPacket* packet)
 {
-    Codecs& codecs = *m_codecs;
+    Codecs& codecs = *codecs_;
     AVFrame* frame = codecs.frame.get();
-    int64_t before = m_sound.frames();
+    int64_t before = sound_.frames();
     // What cannot be decoded is silent: the next frame keeps its place.
     avcodec_send_packet(codecs.decoder.get(), packet);
     while (avcodec_receive_frame(codecs.decoder.get(), frame) >= 0) {
@@ -142,17 +141,16 @@ bool CodedTrack::store_decoded(AVPacket* packet)
         if (converter)
             swr_convert(converter.get(), &bytes, frame->nb_samples, const_cast<const uint8_t**>(frame->extended_data),
                         frame->nb_samples);
-        if (!m_sound.append(codecs.stereo.data(), frame->nb_samples))
+        if (!sound_.append(codecs.stereo.data(), frame->nb_samples))
             return false;
     }
-    return m_sound.frames() > before || m_sound.append_silence(burst_samples);
+    return sound_.frames() > before || sound_.append_silence(kBurstSamples);
 }
 
 bool CodedTrack::add_gap(int64_t samples)
 {
-    int64_t bursts = (samples + burst_samples / 2) / burst_samples;
-    return m_link.append_silence(bursts * burst_link_frames(m_coding)) &&
-           m_sound.append_silence(bursts * burst_samples);
+    int64_t bursts = (samples + kBurstSamples / 2) / kBurstSamples;
+    return link_.append_silence(bursts * burst_link_frames(coding_)) && sound_.append_silence(bursts * kBurstSamples);
 }
 
 } // namespace play

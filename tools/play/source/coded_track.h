@@ -27,9 +27,9 @@ public:
     CodedTrack& operator=(const CodedTrack&) = delete;
 
     /// @return false without muxer, decoder or temporary files
-    bool usable() const { return m_codecs != nullptr; }
-    Coding coding() const { return m_coding; }
-    int sample_rate() const { return m_sample_rate; }
+    bool usable() const { return codecs_ != nullptr; }
+    Coding coding() const { return coding_; }
+    int sample_rate() const { return sample_rate_; }
 
     /// Appends a frame of the stream. @return false if the disk is full or the muxer refuses it
     bool add(AVPacket* packet);
@@ -37,10 +37,10 @@ public:
     bool add_gap(int64_t samples);
 
     /// Samples of the bursts so far.
-    int64_t samples() const { return m_link.frames() / link_frames_per_sample(m_coding); }
+    int64_t samples() const { return link_.frames() / link_frames_per_sample(coding_); }
     /// As SampleStore::read().
-    int64_t link(int64_t first, int16_t* words, int64_t frames) const { return m_link.read(first, words, frames); }
-    int64_t audio(int64_t first, int16_t* stereo, int64_t frames) const { return m_sound.read(first, stereo, frames); }
+    int64_t link(int64_t first, int16_t* words, int64_t frames) const { return link_.read(first, words, frames); }
+    int64_t audio(int64_t first, int16_t* stereo, int64_t frames) const { return sound_.read(first, stereo, frames); }
 
 private:
     struct Codecs;
@@ -48,12 +48,12 @@ private:
     bool store_bursts();
     bool store_decoded(AVPacket* packet);
 
-    Coding m_coding;
-    int m_sample_rate;
-    SampleStore m_link;
-    SampleStore m_sound;
-    int64_t m_packets = 0;
-    std::unique_ptr<Codecs> m_codecs;
+    Coding coding_;
+    int sample_rate_;
+    SampleStore link_;
+    SampleStore sound_;
+    int64_t packets_ = 0;
+    std::unique_ptr<Codecs> codecs_;
 };
 
 } // namespace play

@@ -21,18 +21,18 @@ namespace
 {
 
 /// Pictures decoded ahead: small ones, a few megabytes in all; and with images, some two hundred.
-constexpr size_t pictures_ahead = 600;
-constexpr size_t images_ahead = 50;
+constexpr size_t kPicturesAhead = 600;
+constexpr size_t kImagesAhead = 50;
 /// Sound decoded ahead of the pictures, in a file that keeps the two far apart; less of it where images pile up for it.
-constexpr int64_t sound_ahead_ns = 2'000'000'000;
-constexpr int64_t sound_ahead_of_images_ns = 600'000'000;
+constexpr int64_t kSoundAheadNs = 2'000'000'000;
+constexpr int64_t kSoundAheadOfImagesNs = 600'000'000;
 /// Larger images are left to the display to enlarge.
-constexpr Size largest_image{1280, 720};
+constexpr Size kLargestImage{1280, 720};
 /// Of pictures and of sound: enough to start with. With less, not even the first full second could be measured.
-constexpr int64_t least_ns = 1'600'000'000;
+constexpr int64_t kLeastNs = 1'600'000'000;
 /// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
-constexpr int64_t gap_ms = 100;
-constexpr int64_t second_ns = 1'000'000'000;
+constexpr int64_t kGapMs = 100;
+constexpr int64_t kSecondNs = 1'000'000'000;
 
 struct FormatCloser {
     void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
@@ -108,17 +108,17 @@ struct MediaDecoders {
     AVRational time_base(int index) const { return format->streams[index]->time_base; }
 };
 
-MediaFile::MediaFile() : m_decoders(new MediaDecoders) {}
+MediaFile::MediaFile() : decoders_(new MediaDecoders) {}
 
 MediaFile::~MediaFile()
 {
     {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stop = true;
+        std::lock_guard<std::mutex> lock(mutex_);
+        stop_ = true;
     }
-    m_changed.notify_all();
-    if (m_thread.joinable())
-        m_thread.join();
+    changed_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
 }
 
 std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_rate, std::optional<Coding> coding,
@@ -126,7 +126,7 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
 {
     av_log_set_level(AV_LOG_QUIET);
     std::unique_ptr<MediaFile> file(new MediaFile);
-    MediaDecoders& decoders = *file->m_decoders;
+    MediaDecoders& decoders = *file->decoders_;
     AVFormatContext* format = nullptr;
     // "file:" keeps a name with a colon from being taken for a protocol.
     int result = avformat_open_input(&format, ("file:" + path).c_str(), nullptr, nullptr);
@@ -145,51 +145,51 @@ std::unique_ptr<MediaFile> MediaFile::open(const std::string& path, int audio_ra
         *error = path + ": " + wrong;
         return nullptr;
     }
-    if (!file->m_sound.usable()) {
+    if (!file->sound_.usable()) {
         *error = "no temporary file for the decoded sound";
         return nullptr;
     }
     int own_rate = decoders.audio->sample_rate;
     bool carried = own_rate == 32000 || own_rate == 44100 || own_rate == 48000;
-    file->m_audio_rate = audio_rate != 0 ? audio_rate : carried ? own_rate : 48000;
+    file->audio_rate_ = audio_rate != 0 ? audio_rate : carried ? own_rate : 48000;
     AVRational rate = av_guess_frame_rate(format, format->streams[decoders.video_index], nullptr);
     if (rate.num > 0 && rate.den > 0)
-        file->m_fps = {rate.num, rate.den};
+        file->fps_ = {rate.num, rate.den};
     decoders.start_ns = format->start_time != AV_NOPTS_VALUE ? format->start_time * 1000 : 0;
     if (format->duration > 0)
-        file->m_stated_seconds = static_cast<double>(format->duration) / AV_TIME_BASE;
+        file->stated_seconds_ = static_cast<double>(format->duration) / AV_TIME_BASE;
     const AVStream& sound = *format->streams[decoders.audio_index];
     Coding own = coding_of(*sound.codecpar);
-    if (own != Coding::pcm && carried && file->m_audio_rate == own_rate && coding.value_or(own) == own) {
-        file->m_track = std::make_unique<CodedTrack>(own, own_rate);
+    if (own != Coding::pcm && carried && file->audio_rate_ == own_rate && coding.value_or(own) == own) {
+        file->track_ = std::make_unique<CodedTrack>(own, own_rate);
         // The link begins with a burst: zeros before it would be silence to the player.
         if (sound.start_time != AV_NOPTS_VALUE)
             decoders.start_ns = to_ns(sound.start_time, sound.time_base);
     }
-    if (file->m_track && !file->m_track->usable()) {
+    if (file->track_ && !file->track_->usable()) {
         *error = path + ": its sound cannot be packed into bursts";
         return nullptr;
     }
     char text[256];
     std::snprintf(text, sizeof text, "%s %dx%d %.5g fps, %s, sent as %s at %d Hz",
                   avcodec_get_name(decoders.video->codec_id), decoders.video->width, decoders.video->height,
-                  file->m_fps.value(), avcodec_get_name(decoders.audio->codec_id), coding_name(file->coding()),
-                  file->m_audio_rate);
-    file->m_description = path + ": " + text;
+                  file->fps_.value(), avcodec_get_name(decoders.audio->codec_id), coding_name(file->coding()),
+                  file->audio_rate_);
+    file->description_ = path + ": " + text;
     return file;
 }
 
-void MediaFile::want_images(Size box) { m_image_box = box; }
+void MediaFile::want_images(Size box) { image_box_ = box; }
 
 bool MediaFile::start(int64_t length_ns, std::string* error)
 {
-    m_length_ns = length_ns;
-    m_thread = std::thread(&MediaFile::decode_thread, this);
-    std::unique_lock<std::mutex> lock(m_mutex);
-    auto pictures_ns = [this] { return m_frame_times.empty() ? 0 : m_frame_times.back(); };
-    auto enough = [this, &pictures_ns] { return pictures_ns() >= least_ns && sound_ns() >= least_ns; };
-    m_changed.wait(lock, [this, &enough] { return m_ended || enough() || !wants_more(); });
-    if (!m_ended || enough())
+    length_ns_ = length_ns;
+    thread_ = std::thread(&MediaFile::decode_thread, this);
+    std::unique_lock<std::mutex> lock(mutex_);
+    auto pictures_ns = [this] { return frame_times_.empty() ? 0 : frame_times_.back(); };
+    auto enough = [this, &pictures_ns] { return pictures_ns() >= kLeastNs && sound_ns() >= kLeastNs; };
+    changed_.wait(lock, [this, &enough] { return ended_ || enough() || !wants_more(); });
+    if (!ended_ || enough())
         return true;
     char text[128];
     std::snprintf(text, sizeof text, "too short or damaged: pictures for %.1f s, sound for %.1f s",
@@ -200,14 +200,14 @@ bool MediaFile::start(int64_t length_ns, std::string* error)
 
 void MediaFile::audio(int64_t first, int16_t* stereo, int frames) const
 {
-    int64_t got = m_track ? m_track->audio(first, stereo, frames) : m_sound.read(first, stereo, frames);
+    int64_t got = track_ ? track_->audio(first, stereo, frames) : sound_.read(first, stereo, frames);
     note_starved(got == frames || first < 0);
 }
 
 void MediaFile::link(int64_t first, int16_t* words, int frames) const
 {
-    if (m_track)
-        note_starved(m_track->link(first, words, frames) == frames || first < 0);
+    if (track_)
+        note_starved(track_->link(first, words, frames) == frames || first < 0);
     else
         audio(first, words, frames);
 }
@@ -216,35 +216,32 @@ void MediaFile::note_starved(bool complete) const
 {
     if (complete)
         return;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_starved += m_ended ? 0 : 1;
+    std::lock_guard<std::mutex> lock(mutex_);
+    starved_ += ended_ ? 0 : 1;
 }
 
-int64_t MediaFile::sound_ns() const
-{
-    return (m_track ? m_track->samples() : m_sound.frames()) * second_ns / m_audio_rate;
-}
+int64_t MediaFile::sound_ns() const { return (track_ ? track_->samples() : sound_.frames()) * kSecondNs / audio_rate_; }
 
 bool MediaFile::next_video(VideoFrame* frame)
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_pictures.empty() && !m_ended) {
-        m_starved++;
-        m_changed.wait(lock, [this] { return !m_pictures.empty() || m_ended; });
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (pictures_.empty() && !ended_) {
+        starved_++;
+        changed_.wait(lock, [this] { return !pictures_.empty() || ended_; });
     }
-    if (m_pictures.empty())
+    if (pictures_.empty())
         return false;
-    *frame = m_pictures.front();
-    m_pictures.pop_front();
-    m_changed.notify_all();
+    *frame = pictures_.front();
+    pictures_.pop_front();
+    changed_.notify_all();
     return true;
 }
 
 int64_t MediaFile::frame_ns(int64_t number) const
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> lock(mutex_);
     auto index = static_cast<size_t>(std::max<int64_t>(number, 0));
-    return index < m_frame_times.size() ? m_frame_times[index] : -1;
+    return index < frame_times_.size() ? frame_times_[index] : -1;
 }
 
 // --- The decoding thread ----------------------------------------------------------
@@ -252,7 +249,7 @@ int64_t MediaFile::frame_ns(int64_t number) const
 void MediaFile::decode_thread()
 {
     pthread_setname_np(pthread_self(), "decode");
-    MediaDecoders& decoders = *m_decoders;
+    MediaDecoders& decoders = *decoders_;
     bool opened = avcodec_open2(decoders.video.get(), nullptr, nullptr) == 0 &&
                   avcodec_open2(decoders.audio.get(), nullptr, nullptr) == 0;
     AVPacket* packet = decoders.packet.get();
@@ -261,65 +258,65 @@ void MediaFile::decode_thread()
         // A damaged packet is the decoder's to skip: what follows it may be whole.
         if (packet->stream_index == decoders.video_index && avcodec_send_packet(decoders.video.get(), packet) >= 0)
             take_video();
-        if (packet->stream_index == decoders.audio_index && m_track)
+        if (packet->stream_index == decoders.audio_index && track_)
             take_coded();
         else if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
             take_audio();
         av_packet_unref(packet);
-        std::lock_guard<std::mutex> lock(m_mutex);
+        std::lock_guard<std::mutex> lock(mutex_);
         bool enough = past_the_end(decoders.next_video_ns) && past_the_end(sound_ns());
-        if (m_stop || enough)
+        if (stop_ || enough)
             break;
     }
     if (opened)
         drain_decoders();
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_ended = true;
-    m_changed.notify_all();
+    std::lock_guard<std::mutex> lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
 }
 
 void MediaFile::wait_for_demand()
 {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait(lock, [this] { return m_stop || wants_more(); });
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return stop_ || wants_more(); });
 }
 
 bool MediaFile::wants_more() const
 {
-    bool images = m_image_box.width > 0;
+    bool images = image_box_.width > 0;
     // Pictures may pile up as long as the sound that belongs to the present ones is still to come.
-    int64_t present_ns = m_pictures.empty() ? 0 : m_frame_times[static_cast<size_t>(m_pictures.front().number)];
-    return m_pictures.size() < (images ? images_ahead : pictures_ahead) ||
-           sound_ns() < present_ns + (images ? sound_ahead_of_images_ns : sound_ahead_ns);
+    int64_t present_ns = pictures_.empty() ? 0 : frame_times_[static_cast<size_t>(pictures_.front().number)];
+    return pictures_.size() < (images ? kImagesAhead : kPicturesAhead) ||
+           sound_ns() < present_ns + (images ? kSoundAheadOfImagesNs : kSoundAheadNs);
 }
 
 void MediaFile::drain_decoders()
 {
-    avcodec_send_packet(m_decoders->video.get(), nullptr);
+    avcodec_send_packet(decoders_->video.get(), nullptr);
     take_video();
-    if (m_track)
+    if (track_)
         return;
-    avcodec_send_packet(m_decoders->audio.get(), nullptr);
+    avcodec_send_packet(decoders_->audio.get(), nullptr);
     take_audio();
 }
 
 void MediaFile::take_coded()
 {
-    AVPacket* packet = m_decoders->packet.get();
+    AVPacket* packet = decoders_->packet.get();
     if (packet->pts != AV_NOPTS_VALUE) {
-        int64_t at_ns = to_ns(packet->pts, m_decoders->time_base(m_decoders->audio_index)) - m_decoders->start_ns;
+        int64_t at_ns = to_ns(packet->pts, decoders_->time_base(decoders_->audio_index)) - decoders_->start_ns;
         int64_t gap_ns = at_ns - sound_ns();
-        if (gap_ns > gap_ms * second_ns / 1000)
-            m_track->add_gap(gap_ns * m_audio_rate / second_ns);
+        if (gap_ns > kGapMs * kSecondNs / 1000)
+            track_->add_gap(gap_ns * audio_rate_ / kSecondNs);
     }
-    m_track->add(packet);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_changed.notify_all();
+    track_->add(packet);
+    std::lock_guard<std::mutex> lock(mutex_);
+    changed_.notify_all();
 }
 
 void MediaFile::take_video()
 {
-    MediaDecoders& decoders = *m_decoders;
+    MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
     while (avcodec_receive_frame(decoders.video.get(), frame) >= 0) {
         VideoFrame out = {};
@@ -327,31 +324,31 @@ void MediaFile::take_video()
         if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
             out.source_ns =
                 to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.video_index)) - decoders.start_ns;
-        decoders.next_video_ns = out.source_ns + second_ns * m_fps.den / m_fps.num;
+        decoders.next_video_ns = out.source_ns + kSecondNs * fps_.den / fps_.num;
         make_field(&out.picture);
-        if (m_image_box.width > 0)
+        if (image_box_.width > 0)
             out.image = make_image();
-        std::lock_guard<std::mutex> lock(m_mutex);
-        bool in_order = m_frame_times.empty() || out.source_ns > m_frame_times.back();
+        std::lock_guard<std::mutex> lock(mutex_);
+        bool in_order = frame_times_.empty() || out.source_ns > frame_times_.back();
         if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
             continue;
-        out.number = static_cast<int64_t>(m_frame_times.size());
+        out.number = static_cast<int64_t>(frame_times_.size());
         write_number(&out.picture, out.number);
-        m_frame_times.push_back(out.source_ns);
-        m_pictures.push_back(out);
-        m_changed.notify_all();
+        frame_times_.push_back(out.source_ns);
+        pictures_.push_back(out);
+        changed_.notify_all();
     }
 }
 
 void MediaFile::make_field(Picture* picture)
 {
-    const AVFrame& frame = *m_decoders->frame;
-    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->scaler;
+    const AVFrame& frame = *decoders_->frame;
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = decoders_->scaler;
     scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
-                                      static_cast<AVPixelFormat>(frame.format), Picture::width, Picture::field_height,
+                                      static_cast<AVPixelFormat>(frame.format), Picture::kWidth, Picture::kFieldHeight,
                                       AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
     uint8_t* rows[4] = {picture->field(), nullptr, nullptr, nullptr};
-    int strides[4] = {Picture::width, 0, 0, 0};
+    int strides[4] = {Picture::kWidth, 0, 0, 0};
     if (scaler)
         sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, strides);
 }
@@ -359,12 +356,12 @@ void MediaFile::make_field(Picture* picture)
 /// The decoded frame in colour, in the shape in which it is to be seen.
 std::shared_ptr<const Image> MediaFile::make_image()
 {
-    const AVFrame& frame = *m_decoders->frame;
+    const AVFrame& frame = *decoders_->frame;
     AVRational pixel = frame.sample_aspect_ratio;
     double width = pixel.num > 0 && pixel.den > 0 ? frame.width * av_q2d(pixel) : frame.width;
-    Size box{std::min(m_image_box.width, largest_image.width), std::min(m_image_box.height, largest_image.height)};
+    Size box{std::min(image_box_.width, kLargestImage.width), std::min(image_box_.height, kLargestImage.height)};
     Size size = fit(width, frame.height, box);
-    std::unique_ptr<SwsContext, ScalerFreer>& scaler = m_decoders->image_scaler;
+    std::unique_ptr<SwsContext, ScalerFreer>& scaler = decoders_->image_scaler;
     const SwsContext* before = scaler.get();
     scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
                                       static_cast<AVPixelFormat>(frame.format), size.width, size.height,
@@ -373,13 +370,13 @@ std::shared_ptr<const Image> MediaFile::make_image()
         return nullptr;
     if (scaler.get() != before) {
         // Without a word about its colours a large picture has those of HDTV.
-        constexpr int sd_height = 576;
+        constexpr int kSdHeight = 576;
         int colours = frame.colorspace != AVCOL_SPC_UNSPECIFIED ? static_cast<int>(frame.colorspace)
-                      : frame.height > sd_height                ? SWS_CS_ITU709
+                      : frame.height > kSdHeight                ? SWS_CS_ITU709
                                                                 : SWS_CS_ITU601;
-        constexpr int unchanged = 1 << 16;
+        constexpr int kUnchanged = 1 << 16;
         sws_setColorspaceDetails(scaler.get(), sws_getCoefficients(colours), frame.color_range == AVCOL_RANGE_JPEG,
-                                 sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, unchanged, unchanged);
+                                 sws_getCoefficients(SWS_CS_DEFAULT), 1, 0, kUnchanged, kUnchanged);
     }
     auto image = std::make_shared<Image>();
     image->width = size.width;
@@ -393,21 +390,21 @@ std::shared_ptr<const Image> MediaFile::make_image()
 
 void MediaFile::take_audio()
 {
-    MediaDecoders& decoders = *m_decoders;
+    MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
     while (avcodec_receive_frame(decoders.audio.get(), frame) >= 0) {
         if (!decoders.converter)
-            decoders.converter.reset(make_converter(frame, m_audio_rate));
+            decoders.converter.reset(make_converter(frame, audio_rate_));
         if (!decoders.converter)
             continue;
         int64_t skip = 0;
         if (frame->best_effort_timestamp != AV_NOPTS_VALUE) {
             int64_t at_ns =
                 to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.audio_index)) - decoders.start_ns;
-            int64_t gap = at_ns * m_audio_rate / second_ns - m_sound.frames();
-            if (gap > gap_ms * m_audio_rate / 1000 || (m_sound.frames() == 0 && gap > 0))
-                m_sound.append_silence(gap);
-            else if (m_sound.frames() == 0)
+            int64_t gap = at_ns * audio_rate_ / kSecondNs - sound_.frames();
+            if (gap > kGapMs * audio_rate_ / 1000 || (sound_.frames() == 0 && gap > 0))
+                sound_.append_silence(gap);
+            else if (sound_.frames() == 0)
                 skip = -gap;
         }
         int capacity = swr_get_out_samples(decoders.converter.get(), frame->nb_samples);
@@ -416,9 +413,9 @@ void MediaFile::take_audio()
         int frames = swr_convert(decoders.converter.get(), &bytes, capacity,
                                  const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
         if (frames > skip)
-            m_sound.append(decoders.converted.data() + 2 * skip, frames - skip);
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_changed.notify_all();
+            sound_.append(decoders.converted.data() + 2 * skip, frames - skip);
+        std::lock_guard<std::mutex> lock(mutex_);
+        changed_.notify_all();
     }
 }
 

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "source/coded_track.h"
 #include "signal/sample_store.h"
+#include "source/coded_track.h"
 #include "source/source.h"
 
 namespace play
@@ -40,19 +40,19 @@ public:
      */
     bool start(int64_t length_ns, std::string* error);
 
-    int audio_rate() const override { return m_audio_rate; }
+    int audio_rate() const override { return audio_rate_; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;
-    int64_t coded_end() const override { return m_track ? m_track->samples() : 0; }
-    Coding coding() const override { return m_track ? m_track->coding() : Coding::pcm; }
+    int64_t coded_end() const override { return track_ ? track_->samples() : 0; }
+    Coding coding() const override { return track_ ? track_->coding() : Coding::pcm; }
     void link(int64_t first, int16_t* words, int frames) const override;
-    Rational fps() const override { return m_fps; }
+    Rational fps() const override { return fps_; }
     void want_images(Size box) override;
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
     std::vector<int64_t> marks() const override { return {}; }
-    int64_t starved() const override { return m_starved; }
-    std::string description() const override { return m_description; }
-    double stated_seconds() const override { return m_stated_seconds; }
+    int64_t starved() const override { return starved_; }
+    std::string description() const override { return description_; }
+    double stated_seconds() const override { return stated_seconds_; }
 
 private:
     MediaFile();
@@ -67,26 +67,26 @@ private:
     void drain_decoders();
     int64_t sound_ns() const;
     void note_starved(bool complete) const;
-    bool past_the_end(int64_t source_ns) const { return m_length_ns > 0 && source_ns >= m_length_ns; }
+    bool past_the_end(int64_t source_ns) const { return length_ns_ > 0 && source_ns >= length_ns_; }
 
-    std::unique_ptr<MediaDecoders> m_decoders;
-    SampleStore m_sound;
-    std::unique_ptr<CodedTrack> m_track; ///< in place of m_sound: sound that is sent as it is
-    int m_audio_rate = 0;
-    Rational m_fps{25, 1};
-    std::string m_description;
-    double m_stated_seconds = 0;
-    int64_t m_length_ns = 0;
-    Size m_image_box{0, 0}; ///< nothing: no images are wanted
+    std::unique_ptr<MediaDecoders> decoders_;
+    SampleStore sound_;
+    std::unique_ptr<CodedTrack> track_; ///< in place of sound_: sound that is sent as it is
+    int audio_rate_ = 0;
+    Rational fps_{25, 1};
+    std::string description_;
+    double stated_seconds_ = 0;
+    int64_t length_ns_ = 0;
+    Size image_box_{0, 0}; ///< nothing: no images are wanted
 
-    std::thread m_thread;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<VideoFrame> m_pictures;  ///< decoded, not taken yet
-    std::vector<int64_t> m_frame_times; ///< of every picture so far
-    bool m_ended = false;
-    bool m_stop = false;
-    mutable std::atomic<int64_t> m_starved{0};
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<VideoFrame> pictures_;  ///< decoded, not taken yet
+    std::vector<int64_t> frame_times_; ///< of every picture so far
+    bool ended_ = false;
+    bool stop_ = false;
+    mutable std::atomic<int64_t> starved_{0};
 };
 
 } // namespace play

@@ -15,21 +15,21 @@ namespace play
 
 /// Luma of one picture, narrow range (16 is black, 235 is white), rows from the top.
 struct Picture {
-    static constexpr int width = 64;
-    static constexpr int height = 48;
-    static constexpr int code_height = 16; ///< rows that carry the number
-    static constexpr int field_height = height - code_height;
-    static constexpr uint8_t black = 16;
-    static constexpr uint8_t white = 235;
+    static constexpr int kWidth = 64;
+    static constexpr int kHeight = 48;
+    static constexpr int kCodeHeight = 16; ///< rows that carry the number
+    static constexpr int kFieldHeight = kHeight - kCodeHeight;
+    static constexpr uint8_t kBlack = 16;
+    static constexpr uint8_t kWhite = 235;
 
-    std::array<uint8_t, width * height> luma;
+    std::array<uint8_t, kWidth * kHeight> luma;
 
-    uint8_t* field() { return luma.data() + code_height * width; }
-    const uint8_t* field() const { return luma.data() + code_height * width; }
+    uint8_t* field() { return luma.data() + kCodeHeight * kWidth; }
+    const uint8_t* field() const { return luma.data() + kCodeHeight * kWidth; }
 };
 
 /// Numbers are counted modulo this.
-constexpr int64_t picture_number_limit = int64_t{1} << 24;
+constexpr int64_t kPictureNumberLimit = int64_t{1} << 24;
 
 void write_number(Picture* picture, int64_t number);
 /// The number, or -1 if the blocks do not carry one.

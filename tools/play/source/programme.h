@@ -15,33 +15,33 @@ class Programme : public Source
 {
 public:
     /// A beep starts at full swing, so that its first sample is its onset.
-    static constexpr double beep_hz = 1000;
-    static constexpr int16_t beep_peak = 16384;
-    static constexpr int16_t noise_peak = 16;
-    static constexpr int64_t stroke_ns = 50'000'000; ///< length of flash and beep
+    static constexpr double kBeepHz = 1000;
+    static constexpr int16_t kBeepPeak = 16384;
+    static constexpr int16_t kNoisePeak = 16;
+    static constexpr int64_t kStrokeNs = 50'000'000; ///< length of flash and beep
 
     Programme(int audio_rate, Rational fps, int64_t length_ns);
 
-    int audio_rate() const override { return m_audio_rate; }
+    int audio_rate() const override { return audio_rate_; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;
-    Rational fps() const override { return m_fps; }
+    Rational fps() const override { return fps_; }
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
     /// When the flashes' first pictures arrive; their beeps begin at the sample next to that.
     std::vector<int64_t> marks() const override;
-    std::vector<int64_t> onsets() const override { return {m_beeps.begin() + 1, m_beeps.end()}; }
+    std::vector<int64_t> onsets() const override { return {beeps_.begin() + 1, beeps_.end()}; }
     int64_t starved() const override { return 0; }
     std::string description() const override;
 
 private:
-    int64_t mark_frame(int64_t second) const { return (second * m_fps.num + m_fps.den - 1) / m_fps.den; }
+    int64_t mark_frame(int64_t second) const { return (second * fps_.num + fps_.den - 1) / fps_.den; }
     int16_t sample(int64_t number, int channel) const;
 
-    int m_audio_rate;
-    Rational m_fps;
-    int64_t m_length_ns;
-    int64_t m_next_frame = 0;
-    std::vector<int64_t> m_beeps; ///< sample at which the beep of each second starts
+    int audio_rate_;
+    Rational fps_;
+    int64_t length_ns_;
+    int64_t next_frame_ = 0;
+    std::vector<int64_t> beeps_; ///< sample at which the beep of each second starts
 };
 
 } // namespace play

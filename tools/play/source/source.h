@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "source/canvas.h"
 #include "signal/clock_track.h"
+#include "source/canvas.h"
 #include "source/picture.h"
 
 namespace play
@@ -61,10 +61,10 @@ constexpr const char* coding_name(Coding coding)
 {
     return coding == Coding::ac3 ? "AC-3" : coding == Coding::eac3 ? "E-AC-3" : "PCM";
 }
-constexpr int burst_samples = 1536;
+constexpr int kBurstSamples = 1536;
 /// An E-AC-3 burst has four link frames for each sample.
 constexpr int link_frames_per_sample(Coding coding) { return coding == Coding::eac3 ? 4 : 1; }
-constexpr int64_t burst_link_frames(Coding coding) { return int64_t{burst_samples} * link_frames_per_sample(coding); }
+constexpr int64_t burst_link_frames(Coding coding) { return int64_t{kBurstSamples} * link_frames_per_sample(coding); }
 
 /**
  * When a sample was sent. PCM: when it passes on the link. A coded sample is not there by itself; its time is that
