@@ -163,8 +163,9 @@ private:
     void unlock_native()
     {
         held_ = false;
-        pthread_rwlock_unlock(&lock_->native);
+        // Before the unlock: a thread that waited for it to get the lock must find the way in open.
         --lock_->writers;
+        pthread_rwlock_unlock(&lock_->native);
     }
 
     rwlock_t* lock_;
