@@ -39,26 +39,10 @@ constexpr char kStateFile[] = "/sys/class/extcon/hdmirx_aud/state";
 constexpr char kUeventHeader[] = "change@/devices/virtual/korin/hdmirx_aud/extcon1";
 constexpr std::string_view kStateLinePrefix = "STATE=HEADDONE";
 constexpr size_t kTextSize = 512; // with the NUL
+// The kernel doubles it, to less than what sockets usually have: a burst of events overruns it soon.
 constexpr int kUeventBufferBytes = 65536;
 constexpr uint32_t kAllUeventGroups = 0xFFFFFFFF;
 constexpr int kPollMs = 50; // bounds how long a stop takes
-constexpr int64_t kUnsupportedAfterUs = 1000000;
-
-struct state_key {
-    std::string_view text;
-    audio_input_format_e format;
-    int32_t sample_rate;
-};
-
-// In order of precedence.
-constexpr state_key kStateKeys[] = {
-    {"HEADDONE_PCM_48=1", AUDIO_INPUT_FORMAT_PCM, 48000},
-    {"HEADDONE_PCM_44=1", AUDIO_INPUT_FORMAT_PCM, 44100},
-    {"HEADDONE_PCM_32=1", AUDIO_INPUT_FORMAT_PCM, 32000},
-    {"HEADDONE_COMP_48=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 48000},
-    {"HEADDONE_COMP_44=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 44100},
-    {"HEADDONE_COMP_32=1", AUDIO_INPUT_FORMAT_COMP_IEC61937, 32000},
-};
 
 // The rate first: a reader that sees the new format must see its rate.
 void store_state(audio_input_format_e format, int32_t sample_rate)
@@ -144,7 +128,8 @@ frame_info_t* acquire_frame(int32_t queue)
 // Bytes read, or -1. Reports the first failure of a run only: the loop tries a hundred times a second.
 int32_t read_device(uint8_t* data)
 {
-    // Said before the stop is tested: a deinit that looks after it asked for the stop misses no read.
+    // Set before abort_request is tested, so that a deinit which sets abort_request and then reads this flag
+    // cannot miss a read in progress.
     g_ai_info.reading = true;
     const int32_t size =
         g_ai_info.abort_request ? -1 : aio_device_read(&g_ai_info.audio_cfg, data, g_ai_info.acquire_size);
@@ -256,15 +241,6 @@ void* audio_read(void*)
 
 // --- Detection --------------------------------------------------------------
 
-// What the detection thread remembers between messages.
-struct detection {
-    int32_t old_sample_rate;
-    audio_input_format_e old_format;
-    bool force_reset;    // a state line differed from the last known state since the last notification
-    bool state_changed;  // a state line came since the last notification
-    int64_t last_timeus; // monotonic time of the last state line
-};
-
 // Bytes of the state file in @p text, which holds kTextSize; -1 when it cannot be opened.
 ssize_t read_state_file(char* text)
 {
@@ -284,28 +260,29 @@ ssize_t read_state_file(char* text)
     return static_cast<ssize_t>(length);
 }
 
-// Whether the host must be told that the input is not supported. An empty file says nothing.
-bool read_initial_state()
+// Runs without a lock: the event's receiver may call in.
+void read_initial_state()
 {
     char text[kTextSize] = {};
     const ssize_t length = read_state_file(text);
     if (length < 0) {
         log_e("failed to open extcon init state file\n");
         store_state(AUDIO_INPUT_FORMAT_NONE, kDefaultSampleRate);
-        return true;
+        g_ai_info.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
+        return;
     }
-    bool unsupported = false;
-    if (length > 0) {
+    if (length > 0) { // an empty file says nothing
         log_i("extcon init state: (%s).\n", text);
         audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
         int32_t sample_rate = kDefaultSampleRate;
-        unsupported = !audio_input_parse_state(text, &format, &sample_rate);
-        if (unsupported)
+        const bool supported = audio_input_parse_state(text, &format, &sample_rate);
+        if (!supported)
             log_w("unsupported hdmi input sample rate, used default!\n");
         store_state(format, sample_rate);
+        if (!supported)
+            g_ai_info.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
     }
     log_i("format:%d sample_rate:%d\n", g_ai_info.format.load(), g_ai_info.original_sample_rate.load());
-    return unsupported;
 }
 
 // A descriptor above 0, or -1.
@@ -314,7 +291,7 @@ int open_uevent_socket()
     const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
     if (fd < 0)
         return -1;
-    // Needs a privilege; without it a burst of events overruns the default size sooner.
+    // Needs a privilege; without it the size stays at the system's default.
     (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kUeventBufferBytes, sizeof(kUeventBufferBytes));
     struct sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
@@ -327,11 +304,8 @@ int open_uevent_socket()
     return -1;
 }
 
-void take_state_line(std::string_view line, detection* state)
+void take_state(audio_input_format_e format, int32_t sample_rate, input_state* state)
 {
-    audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
-    int32_t sample_rate = g_ai_info.original_sample_rate;
-    audio_input_parse_state(line, &format, &sample_rate);
     store_state(format, sample_rate);
     if (sample_rate != state->old_sample_rate) {
         log_w("sample_rate: %d -> %d\n", state->old_sample_rate, sample_rate);
@@ -347,8 +321,34 @@ void take_state_line(std::string_view line, detection* state)
     state->state_changed = true;
 }
 
+void take_state_line(std::string_view line, input_state* state)
+{
+    audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
+    int32_t sample_rate = g_ai_info.original_sample_rate;
+    audio_input_parse_state(line, &format, &sample_rate);
+    take_state(format, sample_rate, state);
+}
+
+// Takes the state that a lost announcement may have told; nothing happens when it is the known one.
+void take_state_file(input_state* state)
+{
+    char text[kTextSize] = {};
+    const ssize_t length = read_state_file(text);
+    if (length < 0) {
+        log_w("uevents were lost, and the extcon state file cannot be opened\n");
+        return;
+    }
+    log_i("uevents were lost, extcon state: (%s).\n", text);
+    audio_input_format_e format = AUDIO_INPUT_FORMAT_NONE;
+    int32_t sample_rate = g_ai_info.original_sample_rate;
+    audio_input_parse_state(text, &format, &sample_rate);
+    const bool known = format == state->old_format && sample_rate == state->old_sample_rate;
+    if (length > 0 && !known)
+        take_state(format, sample_rate, state);
+}
+
 // @p message has a NUL behind its last byte.
-void take_message(std::string_view message, detection* state)
+void take_message(std::string_view message, input_state* state)
 {
     // Deliberate: the driver's own device is the one that is passed over, its state comes under another path.
     if (strcasecmp(message.data(), kUeventHeader) == 0) {
@@ -363,21 +363,16 @@ void take_message(std::string_view message, detection* state)
     }
 }
 
-// A supported state is reported at once, none only when it lasts: sources pass through it at every change.
-void report_state(detection* state, int64_t now_us)
+void report_state(input_state* state, int64_t now_us)
 {
-    if (!state->state_changed)
+    const input_report report = audio_input_take_report(state, now_us);
+    if (report.kind == input_report::NONE)
         return;
-    if (g_ai_info.format != AUDIO_INPUT_FORMAT_NONE) {
-        g_ai_info.changed_cb(state->force_reset, nullptr);
-        state->state_changed = false;
-    } else if (now_us - state->last_timeus > kUnsupportedAfterUs) {
+    if (report.kind == input_report::UNSUPPORTED) {
         log_w("unsupported hdmi input format!\n");
         g_ai_info.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
-        g_ai_info.changed_cb(false, nullptr);
-        state->state_changed = false;
     }
-    state->force_reset = false;
+    g_ai_info.changed_cb(report.changed, nullptr);
 }
 
 void close_uevent_socket()
@@ -388,32 +383,55 @@ void close_uevent_socket()
     g_ai_info.uevent_fd = -1;
 }
 
+// What a receive got from the uevent socket.
+enum class received_e { MESSAGE, OVERRUN, NOTHING };
+
+received_e receive_message(int uevent_fd, input_state* state)
+{
+    char buffer[kTextSize] = {};
+    const ssize_t length = recv(uevent_fd, buffer, sizeof(buffer) - 1, MSG_DONTWAIT);
+    if (length < 0 && errno == ENOBUFS)
+        return received_e::OVERRUN;
+    if (length <= 0)
+        return received_e::NOTHING;
+    take_message({buffer, static_cast<size_t>(length)}, state);
+    return received_e::MESSAGE;
+}
+
 void watch_uevents(int uevent_fd)
 {
-    detection state = {g_ai_info.original_sample_rate, g_ai_info.format, false, false, 0};
+    input_state state = {g_ai_info.original_sample_rate, g_ai_info.format};
+    // After an overrun the kernel drops messages, without another error, until the socket has been emptied. Those
+    // that still wait are older than the lost ones: the state file has its turn behind them.
+    bool overrun = false;
     while (!g_ai_info.abort_request) {
         struct pollfd ready = {uevent_fd, POLLIN, 0};
-        const int count = poll(&ready, 1, kPollMs);
+        const int count = poll(&ready, 1, overrun ? 0 : kPollMs);
         if (count > 0) {
-            char buffer[kTextSize] = {};
-            // An overrun of the receive buffer makes the socket ready as well, with an error to fetch.
-            const ssize_t length = recv(uevent_fd, buffer, sizeof(buffer) - 1, MSG_DONTWAIT);
-            if (length <= 0) {
+            const received_e received = receive_message(uevent_fd, &state);
+            overrun = overrun || received == received_e::OVERRUN;
+            if (received == received_e::NOTHING)
                 back_off();
+            if (received != received_e::MESSAGE)
                 continue;
-            }
-            take_message({buffer, static_cast<size_t>(length)}, &state);
         } else if (count < 0) {
             back_off();
+        } else if (overrun) {
+            overrun = false;
+            take_state_file(&state);
         }
         report_state(&state, av_gettime_relative());
     }
 }
 
+// Until init ends, the module refuses the calls that a callback makes.
+void wait_for_init() { const read_guard api(g_ai_info.api_rwlock); }
+
 void* format_detect(void*)
 {
     set_thread_name("format_detect");
     log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    wait_for_init();
     if (g_ai_info.uevent_fd < 0) {
         log_e("failed to register uevent for hdmi in audio headdone detection\n");
         return nullptr;
@@ -434,6 +452,7 @@ constexpr char kDeinit[] = "audio_input_deinit";
 void clear_record() REQUIRES(g_ai_info.api_rwlock)
 {
     g_ai_info.initialized = false;
+    g_ai_info.starting = false;
     g_ai_info.avsync_reset = false;
     g_ai_info.read_continued = false;
     g_ai_info.enable_log = false;
@@ -468,6 +487,8 @@ void prepare_record(const audio_input_config_t& cfg) REQUIRES(g_ai_info.api_rwlo
     pthread_attr_init(&g_ai_info.attr);
     g_ai_info.event_cb = cfg.event_cb;
     g_ai_info.changed_cb = cfg.changed_cb;
+    // Before the state is read: a change that comes while the device opens would be lost for good otherwise.
+    g_ai_info.uevent_fd = open_uevent_socket();
 }
 
 void release_queue(int32_t queue, const char* function)
@@ -575,31 +596,34 @@ bool start_reading() REQUIRES(g_ai_info.api_rwlock)
     return false;
 }
 
-// Init without the event: @p unsupported tells whether to raise it.
-bool start(const audio_input_config_t& cfg, bool* unsupported)
+bool begin_start(const audio_input_config_t& cfg)
 {
     write_guard api(g_ai_info.api_rwlock);
-    // abort_request without initialized: another thread's init failed and is being undone.
-    if (g_ai_info.initialized || g_ai_info.abort_request) {
+    if (g_ai_info.initialized || g_ai_info.starting) {
         log_as(kInit, LOG_LEVEL_W, "module has been initialized\n");
         return false;
     }
     prepare_record(cfg);
-    // Before the state is read: a change that comes while the device opens would be lost for good otherwise.
-    g_ai_info.uevent_fd = open_uevent_socket();
-    *unsupported = read_initial_state();
+    g_ai_info.starting = true;
+    return true;
+}
+
+bool finish_start()
+{
+    write_guard api(g_ai_info.api_rwlock);
     if (!open_device() || !create_queues() || !start_detection()) {
         teardown(kInit);
         return false;
     }
     if (start_reading()) {
+        g_ai_info.starting = false;
         g_ai_info.initialized = true;
         return true;
     }
     g_ai_info.abort_request = true;
-    // The detection thread may be in a callback that calls in and waits for this lock.
-    api.unlock();
-    pthread_join(g_ai_info.format_detect_thread, nullptr);
+    const pthread_t detection = g_ai_info.format_detect_thread;
+    api.unlock(); // the detection thread waits for it
+    pthread_join(detection, nullptr);
     write_guard again(g_ai_info.api_rwlock);
     teardown(kInit);
     return false;
@@ -607,52 +631,53 @@ bool start(const audio_input_config_t& cfg, bool* unsupported)
 
 // --- Consumers --------------------------------------------------------------
 
+bool is_open() { return g_ai_info.initialized; }
+
+// No frames after the request to stop: the aborted queue would log a warning for every call of a consumer in a loop.
+bool delivers() { return g_ai_info.initialized && !g_ai_info.abort_request; }
+
+// The request to stop is also the claim: of two concurrent calls one ends the module.
+bool claim_stop() { return g_ai_info.initialized && !g_ai_info.abort_request.exchange(true); }
+
+// @p queue is a reference so that the id is read under the lock: init and deinit change it.
 int32_t take_frame(const int32_t& queue, hdmi_player_audio_frame_t** frame, int32_t timeout_ms, loglevel_e closed_level,
                    const char* function)
 {
     if (frame == nullptr)
         return -1;
-    // Tested before the lock is taken: consumers in a loop, whom an aborted queue no longer holds up, would
-    // starve the deinit that waits for it.
-    if (!g_ai_info.abort_request) {
-        read_guard api(g_ai_info.api_rwlock);
-        if (g_ai_info.initialized) {
-            frame_info_t* slot = frame_queue_done_dequeue(queue, timeout_ms);
-            if (slot == nullptr) {
-                log_as(function, LOG_LEVEL_D, "frame_queue_done_dequeue failed.\n");
-                return -1;
-            }
-            *frame = &slot->frame;
-            return 0;
-        }
+    const entry_guard api(g_ai_info.api_rwlock, delivers, closed_level, "module not initialized", function);
+    if (!api)
+        return -1;
+    frame_info_t* slot = frame_queue_done_dequeue(queue, timeout_ms);
+    if (slot == nullptr) {
+        log_as(function, LOG_LEVEL_D, "frame_queue_done_dequeue failed.\n");
+        return -1;
     }
-    log_as(function, closed_level, "module not initialized\n");
-    return -1;
+    *frame = &slot->frame;
+    return 0;
+}
+
+// --- Accessors --------------------------------------------------------------
+
+template <typename Value, typename Field>
+Value get_field(const Field& field, Value closed, const char* function = __builtin_FUNCTION())
+{
+    const entry_guard api(g_ai_info.api_rwlock, is_open, LOG_LEVEL_W, "module not initialized", function);
+    return api ? static_cast<Value>(field) : closed;
+}
+
+template <typename Field, typename Value>
+int32_t set_field(Field& field, Value value, const char* function = __builtin_FUNCTION())
+{
+    const entry_guard api(g_ai_info.api_rwlock, is_open, LOG_LEVEL_W, "module not initialized", function);
+    if (!api)
+        return -1;
+    mutex_guard setter(g_ai_info.internal_mutex);
+    field = value;
+    return 0;
 }
 
 } // namespace
-
-bool audio_input_parse_state(std::string_view text, audio_input_format_e* format, int32_t* sample_rate)
-{
-    for (const state_key& key : kStateKeys) {
-        if (text.find(key.text) == std::string_view::npos)
-            continue;
-        *format = key.format;
-        *sample_rate = key.sample_rate;
-        return true;
-    }
-    return false;
-}
-
-std::string_view audio_input_next_string(std::string_view* message)
-{
-    const size_t end = message->find('\0');
-    const std::string_view first = message->substr(0, end);
-    message->remove_prefix(end == std::string_view::npos ? message->size() : end + 1);
-    return first;
-}
-
-int32_t audio_input_next_serial(int32_t serial) { return serial >= INT32_MAX - 1 ? 0 : serial + 1; }
 
 int32_t audio_input_init(audio_input_config_t cfg)
 {
@@ -660,34 +685,33 @@ int32_t audio_input_init(audio_input_config_t cfg)
         log_e("invalid callback function.\n");
         return -1;
     }
-    bool unsupported = false;
-    const bool started = start(cfg, &unsupported);
-    // Not before the lock is released: the host may call back in.
-    if (unsupported)
-        cfg.event_cb(E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
-    return started ? 0 : -1;
+    if (!begin_start(cfg))
+        return -1;
+    read_initial_state();
+    return finish_start() ? 0 : -1;
 }
 
 int32_t audio_input_deinit(void)
 {
+    pthread_t detection = 0;
+    pthread_t reader = 0;
     {
-        read_guard api(g_ai_info.api_rwlock);
-        // The request is also the claim: of two concurrent calls one ends the module.
-        if (!g_ai_info.initialized || g_ai_info.abort_request.exchange(true)) {
-            log_w("module not initialized\n");
+        const entry_guard api(g_ai_info.api_rwlock, claim_stop);
+        if (!api)
             return -1;
-        }
+        detection = g_ai_info.format_detect_thread;
+        reader = g_ai_info.read_thread;
     }
     frame_queue_abort(g_ai_info.pcm_frame_queue);
     frame_queue_abort(g_ai_info.iec61937_queue);
-    pthread_join(g_ai_info.format_detect_thread, nullptr);
+    pthread_join(detection, nullptr);
     const int32_t err = close_device(); // ends a blocked read
     if (err < 0)
         log_e("aio_device_close failed. err:%d\n", err);
     // A close that failed has not ended the read, which may block for as long as there is no signal.
     while (g_ai_info.reading && close_device() < 0)
         av_usleep(kBackOffUs);
-    pthread_join(g_ai_info.read_thread, nullptr);
+    pthread_join(reader, nullptr);
     write_guard api(g_ai_info.api_rwlock);
     teardown(kDeinit);
     return 0;
@@ -702,11 +726,9 @@ int32_t audio_input_put_pcm_frame(hdmi_player_audio_frame_t* frame)
 {
     if (frame == nullptr)
         return -1;
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     return frame_queue_put(g_ai_info.pcm_frame_queue, frame);
 }
 
@@ -719,151 +741,75 @@ int32_t audio_input_put_iec61937_frame(hdmi_player_audio_frame_t* frame)
 {
     if (frame == nullptr)
         return -1;
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_v("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return -1;
-    }
     return frame_queue_put(g_ai_info.iec61937_queue, frame);
 }
 
 void audio_input_wakeup_iec61937_queue(void)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open);
+    if (!api)
         return;
-    }
     frame_queue_done_wakeup(g_ai_info.iec61937_queue);
 }
 
 int32_t audio_input_set_game_mode(bool)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     log_w("game mode is not supported now\n");
     return -1;
 }
 
-bool audio_input_get_game_mode(void)
-{
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return false;
-    }
-    return g_ai_info.audio_cfg.game_mode;
-}
+bool audio_input_get_game_mode(void) { return get_field(g_ai_info.audio_cfg.game_mode, false); }
 
 int32_t audio_input_get_original_sample_rate(void)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return kDefaultSampleRate;
-    }
-    return g_ai_info.original_sample_rate;
+    return get_field(g_ai_info.original_sample_rate, kDefaultSampleRate);
 }
 
-bool audio_input_read_continued(void)
-{
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return false;
-    }
-    return g_ai_info.read_continued;
-}
+bool audio_input_read_continued(void) { return get_field(g_ai_info.read_continued, false); }
 
-int32_t audio_input_set_read_continued(bool enable)
-{
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return -1;
-    }
-    mutex_guard setter(g_ai_info.internal_mutex);
-    g_ai_info.read_continued = enable;
-    return 0;
-}
+int32_t audio_input_set_read_continued(bool enable) { return set_field(g_ai_info.read_continued, enable); }
 
 int32_t audio_input_avsync_reset(bool enable)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     mutex_guard setter(g_ai_info.internal_mutex);
     g_ai_info.avsync_reset = enable;
     log_i("avsync_reset:%d\n", enable);
     return 0;
 }
 
-audio_input_format_e audio_input_get_format(void)
-{
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return AUDIO_INPUT_FORMAT_NONE;
-    }
-    return g_ai_info.format;
-}
+audio_input_format_e audio_input_get_format(void) { return get_field(g_ai_info.format, AUDIO_INPUT_FORMAT_NONE); }
 
 hdmi_hotplug_status_e audio_input_get_hotplug_status(void)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return E_HDMI_HOTPLUG_STATUS_OUT;
-    }
-    return static_cast<hdmi_hotplug_status_e>(g_ai_info.hotplug_status.load());
+    return static_cast<hdmi_hotplug_status_e>(get_field<int32_t>(g_ai_info.hotplug_status, E_HDMI_HOTPLUG_STATUS_OUT));
 }
 
 int32_t audio_input_set_hotplug_status(hdmi_hotplug_status_e status)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return -1;
-    }
-    mutex_guard setter(g_ai_info.internal_mutex);
-    g_ai_info.hotplug_status = status;
-    return 0;
+    return set_field(g_ai_info.hotplug_status, status);
 }
 
 audio_in_bypass_mode_e audio_input_get_bypass_mode(void)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return E_AUDIO_IN_BYPASS_MODE_NONE;
-    }
-    return g_ai_info.in_bypass_mode;
+    return get_field(g_ai_info.in_bypass_mode, E_AUDIO_IN_BYPASS_MODE_NONE);
 }
 
-int32_t audio_input_set_bypass_mode(audio_in_bypass_mode_e mode)
-{
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
-        return -1;
-    }
-    mutex_guard setter(g_ai_info.internal_mutex);
-    g_ai_info.in_bypass_mode = mode;
-    return 0;
-}
+int32_t audio_input_set_bypass_mode(audio_in_bypass_mode_e mode) { return set_field(g_ai_info.in_bypass_mode, mode); }
 
 int32_t audio_input_set_reopen_device(bool enable)
 {
-    read_guard api(g_ai_info.api_rwlock);
-    if (!g_ai_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_ai_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     {
         mutex_guard setter(g_ai_info.internal_mutex);
         g_ai_info.reopen_device = enable;

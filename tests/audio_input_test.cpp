@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
+#include <linux/netlink.h>
 #include <unistd.h>
 
 #include <climits>
@@ -14,8 +15,10 @@
 #include <cstring>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <optional>
+#include <sstream>
 
 #include "hdmi_sim.h"
 #include "internal/frame_queue.h"
@@ -291,8 +294,11 @@ TEST_F(AudioInput, TheStateFileIsReadAsFarAsItSaysAnything)
         {std::string(511 - key.size(), '.') + key + std::string(5000, '.'), 32000, AUDIO_INPUT_FORMAT_PCM, 0},
         {std::string(512 - key.size(), '.') + key, 48000, AUDIO_INPUT_FORMAT_NONE, 1},
     };
-    // The event comes from within init; its receiver calls back in.
-    host.on_event = [] { EXPECT_EQ(audio_input_init(kConfig), -1); };
+    // The event comes from within init, before the device is opened; its receiver calls back in.
+    host.on_event = [this] {
+        EXPECT_EQ(audio_input_init(kConfig) + audio_input_deinit(), -2);
+        EXPECT_FALSE(capture.get(&Capture::opened));
+    };
     for (const auto& [text, rate, format, events] : cases) {
         unlink(kStateFile);
         EXPECT_TRUE(!text || hdmi_sim::write_state_file(*text));
@@ -316,23 +322,29 @@ TEST_F(AudioInput, AFailedInitUndoesWhatItBuiltAndCanBeRepeated)
     g_before_read_thread = [] { return false; };
     for (int attempt = 1; attempt < 10; ++attempt)
         EXPECT_EQ(audio_input_init(kConfig), -1);
-    std::atomic<bool> calling{false};
-    host.on_change = [&] {
-        calling = true;
-        audio_input_set_reopen_device(true); // waits for init's lock
-    };
-    g_before_read_thread = [&] {
-        announce("HEADDONE_PCM_32=1");
-        EXPECT_TRUE(eventually([&] { return calling.load(); }));
-        return false;
-    };
-    EXPECT_EQ(audio_input_init(kConfig), -1) << "does not wait for the callback that waits for it";
-    EXPECT_EQ(capture.get(&Capture::closes), 10);
+    EXPECT_EQ(capture.get(&Capture::closes), 9);
     EXPECT_EQ(open_descriptors(), before);
     g_before_read_thread = nullptr;
     start("HEADDONE_PCM_48=1");
     capture.permit(1);
     EXPECT_TRUE(take_pcm());
+}
+
+TEST_F(AudioInput, AnAnnouncementDuringInitIsReportedWhenTheModuleIsOpen)
+{
+    host.on_change = [] { EXPECT_EQ(audio_input_set_reopen_device(true), 0); };
+    bool succeeds = false;
+    g_before_read_thread = [&] {
+        announce("HEADDONE_PCM_32=1");
+        EXPECT_FALSE(eventually([&] { return host.change_count() > 0; }, 100ms));
+        return succeeds;
+    };
+    ASSERT_TRUE(hdmi_sim::write_state_file("HEADDONE_PCM_48=1"));
+    EXPECT_EQ(audio_input_init(kConfig), -1);
+    EXPECT_EQ(host.change_count(), 0U);
+    succeeds = true;
+    start("HEADDONE_PCM_48=1");
+    EXPECT_TRUE(changes_become({true}));
 }
 
 TEST_F(AudioInput, ReadsAtRealTimePriorityWhereItMay)
@@ -566,6 +578,73 @@ TEST_F(AudioInput, AnnouncementsAreReportedWithWhetherTheyChangeAnything)
     announce("HEADDONE_PCM_44=1");
     ASSERT_TRUE(changes_become({false, true, false, true, true, false, true}));
     EXPECT_EQ(host.events, 1);
+}
+
+// Bytes that wait in the uevent sockets of this namespace.
+size_t waiting_bytes()
+{
+    std::ifstream table("/proc/self/net/netlink");
+    std::string line;
+    std::getline(table, line); // sk Eth Pid Groups Rmem ...
+    size_t sum = 0;
+    while (std::getline(table, line)) {
+        std::istringstream row(line);
+        std::string socket, groups;
+        size_t family = 0, id = 0, waiting = 0;
+        row >> socket >> family >> id >> groups >> waiting;
+        sum += family == NETLINK_KOBJECT_UEVENT ? waiting : 0;
+    }
+    return sum;
+}
+
+TEST_F(AudioInput, AStateWhoseAnnouncementWasLostIsTakenFromTheStateFile)
+{
+    start("HEADDONE_PCM_48=1");
+    std::mutex gate;
+    host.on_change = [&] { std::lock_guard wait(gate); };
+    // While the detection thread is held up, @p first waits in the socket and @p last finds no room.
+    const auto overrun = [&](const std::string& first, const std::string& last) {
+        std::lock_guard hold(gate);
+        announce("HEADDONE_PCM_48=1");
+        EXPECT_TRUE(eventually([] { return waiting_bytes() == 0; }));
+        announce(first);
+        for (int i = 0; i < 1500; ++i)
+            send_message(uevent({"ACTION=add", std::string(300, 'x')}));
+        EXPECT_TRUE(hdmi_sim::write_state_file(last));
+        announce(last);
+    };
+    overrun("HEADDONE_PCM_48=1", "HEADDONE_PCM_48=1");
+    EXPECT_TRUE(changes_become({false, false})) << "nothing is reported for a state that is known";
+    EXPECT_TRUE(eventually([] { return waiting_bytes() == 0; }));
+    overrun("HEADDONE_PCM_44=1", "HEADDONE_COMP_32=1");
+    EXPECT_TRUE(changes_become({false, false, false, true, true})) << "the oldest first, the file behind them";
+    EXPECT_EQ(audio_input_get_format(), AUDIO_INPUT_FORMAT_COMP_IEC61937);
+    EXPECT_EQ(audio_input_get_original_sample_rate(), 32000);
+}
+
+TEST(InputState, IsReportedAtOnceOrWhenAnUnsupportedOneLasts)
+{
+    using Report = input_report;
+    constexpr auto kNone = AUDIO_INPUT_FORMAT_NONE, kPcm = AUDIO_INPUT_FORMAT_PCM;
+    constexpr int64_t kSecond = 1000000;
+    const struct {
+        input_state state;
+        int64_t now;
+        Report::kind_e kind;
+        bool changed, left, left_reset;
+    } cases[] = {
+        {{48000, kPcm, false, false, 0}, 9 * kSecond, Report::NONE, false, false, false},
+        {{48000, kPcm, true, true, 5}, 5, Report::SUPPORTED, true, false, false},
+        {{48000, kPcm, false, true, 5}, 5, Report::SUPPORTED, false, false, false},
+        {{48000, kNone, true, true, 5}, 5 + kSecond, Report::NONE, false, true, false},
+        {{48000, kNone, true, true, 5}, 6 + kSecond, Report::UNSUPPORTED, false, false, false},
+    };
+    for (const auto& c : cases) {
+        input_state state = c.state;
+        const Report report = audio_input_take_report(&state, c.now);
+        EXPECT_TRUE(report.kind == c.kind && report.changed == c.changed) << &c - cases;
+        EXPECT_TRUE(state.state_changed == c.left && state.force_reset == c.left_reset) << &c - cases;
+    }
 }
 
 TEST_F(AudioInput, ForeignHostileAndTruncatedMessagesChangeNothing)

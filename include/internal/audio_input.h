@@ -12,51 +12,45 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string_view>
 
 #include "aio_device.h"
 #include "hdmi_player.h"
+#include "internal/input_state.h"
 #include "internal/locks.h"
 
-typedef enum {
-    AUDIO_INPUT_FORMAT_NONE = 0,
-    AUDIO_INPUT_FORMAT_PCM = 1,
-    AUDIO_INPUT_FORMAT_COMP_IEC61937 = 2,
-    AUDIO_INPUT_FORMAT_MAX = 3,
-} audio_input_format_e;
-
-/// Both are required. They are called with no lock of this module held and may call its getters and setters;
-/// init and deinit must not be called from them.
+/// Both are required. They are called with no lock of this module held and may call its getters and setters,
+/// which refuse until init has succeeded; init and deinit must not be called from them.
 typedef struct audio_input_config_s {
-    /// Raised from the detection thread, and once from within audio_input_init() when the state that it
-    /// finds is not supported - also when that init then fails for another reason.
+    /// Raised from the detection thread, and once from within audio_input_init(), before it opens the device,
+    /// when the state that it finds is not supported - also when that init then fails for another reason.
     hdmi_player_event_cb_t event_cb;
-    /// A supported state was announced, or none for too long. @p changed: it differs from the last one.
+    /// From the detection thread, after init: a supported state was announced, or none for too long.
+    /// @p changed: it differs from the last one.
     void (*changed_cb)(bool changed, bool* restarted);
 } audio_input_config_t;
 
 typedef struct audio_input_info_s {
-    std::atomic<bool> initialized{false};
+    std::atomic<bool> initialized{false};    ///< written under api_rwlock
     std::atomic<bool> avsync_reset{false};   ///< request to the read thread: restart the time line
     std::atomic<bool> read_continued{false}; ///< capture delivers while the cable is in
     bool enable_log = false;                 ///< constant after init
-    std::atomic<bool> abort_request{false};  ///< both threads end; while set, init and deinit keep out
+    std::atomic<bool> abort_request{false};  ///< both threads end; the call that sets it joins them
     std::atomic<bool> reopen_device{false};  ///< request to the read thread
     std::atomic<int32_t> hotplug_status{E_HDMI_HOTPLUG_STATUS_OUT}; ///< hdmi_hotplug_status_e, stored as given
-    /// Hz: the rate on the link. Written by the detection thread, before `format`: who sees a new format
-    /// sees its rate.
+    /// Hz: the rate on the link. The detection thread writes it before `format`: a reader that sees a new
+    /// format sees its rate.
     std::atomic<int32_t> original_sample_rate{0};
-    /// The device's. After init the read thread alone changes it, under device_mutex, and never `game_mode`.
+    /// The device's. After init only the read thread writes it, under device_mutex, and never `game_mode`.
     audio_config_t audio_cfg = {};
-    int32_t pcm_frame_queue = -1; ///< "IN"; -1: none
-    pthread_t read_thread = 0;
-    pthread_t format_detect_thread = 0;
+    int32_t pcm_frame_queue = -1; ///< "IN"; -1: none; constant while the threads run
+    pthread_t read_thread GUARDED_BY(api_rwlock) = 0;
+    pthread_t format_detect_thread GUARDED_BY(api_rwlock) = 0;
     std::atomic<audio_input_format_e> format{AUDIO_INPUT_FORMAT_NONE}; ///< written by the detection thread
     hdmi_player_event_cb_t event_cb = nullptr;                         ///< constant after init
     int64_t read_frames = 0;  ///< since the last A/V sync reset; read thread only
     int32_t acquire_size = 0; ///< bytes of every read; negative ends the read thread, its only user
-    pthread_attr_t attr = {};
-    int32_t iec61937_queue = -1; ///< "IEC61937"; -1: none
+    pthread_attr_t attr GUARDED_BY(api_rwlock) = {};
+    int32_t iec61937_queue = -1; ///< "IEC61937"; -1: none; constant while the threads run
     int32_t frame_serial = 0;    ///< read thread only
     bool stream_broken = false;  ///< chunks were lost since the last one queued; read thread only
     mutex_t internal_mutex;      ///< serialises the setters
@@ -65,9 +59,10 @@ typedef struct audio_input_info_s {
     std::atomic<audio_in_bypass_mode_e> in_bypass_mode{E_AUDIO_IN_BYPASS_MODE_NONE}; ///< into audio_cfg at a reopen
     mutex_t device_mutex; ///< open and close of the device; not held during reads, which a close ends
     bool device_opened GUARDED_BY(device_mutex) = false;
-    std::atomic<bool> reading{false}; ///< the read thread may be blocked in the device
-    bool read_failing = false;        ///< the present run of failed reads was reported; read thread only
-    int uevent_fd = -1;               ///< opened by init, then the detection thread's
+    bool starting GUARDED_BY(api_rwlock) = false; ///< an init is under way, which releases the lock at times
+    std::atomic<bool> reading{false};             ///< the read thread may be blocked in the device
+    bool read_failing = false;                    ///< the present run of failed reads was reported; read thread only
+    int uevent_fd = -1;                           ///< opened by init, then the detection thread's
 } audio_input_info_t;
 
 extern audio_input_info_t g_ai_info;
@@ -102,12 +97,3 @@ int32_t audio_input_set_bypass_mode(audio_in_bypass_mode_e mode);
 /// Has the read thread close and reopen the device, and wakes it where it waits for a frame.
 int32_t audio_input_set_reopen_device(bool enable);
 const char* audio_input_format_name(audio_input_format_e format);
-
-// --- The pure part of the module ----------------------------------------------
-
-/// The format and rate that @p text announces; false, with both unchanged, when it holds no key.
-bool audio_input_parse_state(std::string_view text, audio_input_format_e* format, int32_t* sample_rate);
-/// Takes the first of the NUL-separated strings off @p message; empty at an empty string and at the end.
-std::string_view audio_input_next_string(std::string_view* message);
-/// The serial that follows @p serial: never negative, never INT32_MAX.
-int32_t audio_input_next_serial(int32_t serial);
