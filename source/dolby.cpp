@@ -15,15 +15,6 @@ dolby_info_t g_dolby_info;
 namespace
 {
 
-/// Pa, Pb, Pc and Pd.
-constexpr uint32_t kPreambleBytes = 8;
-constexpr uint32_t kSyncBytes = 4;
-/// Pa = 0xF872 and Pb = 0x4E1F, little endian.
-constexpr uint8_t kSync[kSyncBytes] = {0x72, 0xF8, 0x1F, 0x4E};
-constexpr uint16_t kPcErrorFlag = 0x80;
-/// Data type and its two dependent bits: a burst that sets one of those is not recognised.
-constexpr uint16_t kPcTypeMask = 0x7F;
-
 constexpr int32_t kOutputQueueFrames = 32;
 /// Where the player names no size: a 48 kHz period of 16-bit stereo.
 constexpr int32_t kDefaultOutputBytes = 960 * 4;
@@ -35,110 +26,67 @@ constexpr int32_t kDequeueTimeoutMs = 100;
 constexpr uint64_t kReadPollUs = 10000;
 /// Pause after a source or a queue that refused at once, so that its thread does not spin.
 constexpr useconds_t kRefusedPauseUs = 2000;
-/// A decoder that takes no bytes is asked again so often, at this interval. Both stretches of a burst
-/// may cost that much and the demux thread still keeps up: a burst of AC-3 or E-AC-3 lasts 32 ms at least.
+/// A decoder that takes no bytes is asked again so often, at this interval. A burst has two spans at most, which
+/// may both cost that much: the demux thread still keeps up, since a burst of AC-3 or E-AC-3 lasts 32 ms at least.
 constexpr int kStalledWritesMax = 4;
 constexpr useconds_t kStalledWritePauseUs = 1000;
 constexpr size_t kDumpNameBytes = 256;
 
-/// Serialises init and deinit as a whole; deinit joins with no other lock held.
-mutex_t g_lifecycle_mutex;
+// Helpers log in the name of the operation that they are part of.
+constexpr char kInit[] = "dolby_init";
+constexpr char kDemux[] = "dolby_demux";
+constexpr char kSearch[] = "dolby_disassemble_burst_preamble";
+constexpr char kDisassemble[] = "dolby_disassemble_iec61937";
+constexpr char kSend[] = "dolby_send_stream";
 
-struct burst_type {
-    dolby_iec61937_format_e format;
-    uint32_t pd_units_per_byte; ///< Pd counts bits or bytes
-    uint32_t burst_bytes;       ///< repetition period, 4 bytes for each sample frame
-};
+bool is_open() { return g_dolby_info.initialized; }
 
-constexpr burst_type kBurstTypes[] = {
-    {DOLBY_IEC61937_FORMAT_AC3, 8, 6144},   {DOLBY_IEC61937_FORMAT_DTS1, 8, 2048},
-    {DOLBY_IEC61937_FORMAT_DTS2, 8, 4096},  {DOLBY_IEC61937_FORMAT_DTS3, 8, 8192},
-    {DOLBY_IEC61937_FORMAT_EAC3, 1, 24576},
-};
-
-struct burst {
-    dolby_iec61937_format_e format;
-    uint32_t filter_bytes;
-    uint32_t burst_bytes;
-    uint32_t payload_bytes;
-};
-
-/// What is left of a chunk.
-struct stretch {
-    const uint8_t* data;
-    uint32_t bytes;
-
-    void skip(uint32_t count)
-    {
-        data += count;
-        bytes -= count;
-    }
-};
-
-uint16_t read_le16(const uint8_t* data) { return static_cast<uint16_t>(data[0] | data[1] << 8); }
-
-const burst_type* find_burst_type(dolby_iec61937_format_e format)
+void log_preamble(const burst_preamble& found)
 {
-    for (const burst_type& type : kBurstTypes) {
-        if (type.format == format)
-            return &type;
-    }
-    return nullptr;
+    if (!found.examined)
+        return;
+    if (found.synced)
+        log_as(kSearch, LOG_LEVEL_V, "[Pa Pb] found! filter_bytes(%d)\n", found.sync_offset());
+    log_as(kSearch, LOG_LEVEL_V, "Pc(%#x) found!  filter_bytes(%d)\n", found.pc, found.pc_offset);
+    if (found.flagged())
+        log_as(kSearch, LOG_LEVEL_E, "Pc error-flag indicating that the burst-payload may contain errors!\n");
+    else
+        log_as(kSearch, LOG_LEVEL_V, "filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", found.pd_offset(), found.pd,
+               found.format());
 }
 
-// The first burst in @p data; its burst_bytes are 0 when there is none.
-burst find_burst(const uint8_t* data, uint32_t bytes)
+void log_step(const burst_step& step)
 {
-    burst found = {};
-    dolby_disassemble_burst_preamble(&found.format, const_cast<uint8_t*>(data), bytes, &found.filter_bytes,
-                                     &found.burst_bytes, &found.payload_bytes);
-    return found;
+    if (step.kind == burst_step::HELD)
+        return;
+    const burst_preamble& preamble = step.preamble;
+    log_preamble(preamble);
+    const bool found = preamble.type != nullptr;
+    if (!step.completes_held())
+        log_as(kDisassemble, LOG_LEVEL_V, "need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
+               step.need, preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
+    else if (found)
+        log_as(kDisassemble, LOG_LEVEL_V,
+               "iec61937_header_size(%d) need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
+               step.held, step.need, preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
+    log_as(kDisassemble, LOG_LEVEL_V, "[Pa Pb Pc Pd] %s\n", found ? "found!" : "not found!");
 }
 
-// Steps over what the previous burst still owes. 0, or the error of the send.
-int32_t take_owed(dolby_info_t* info, stretch* left)
+// 0 where the chunk was burst data so far, -1 where it was not, or the error of the send.
+int32_t send_step(dolby_info_t* info, const burst_step& step)
 {
-    const uint32_t payload = info->iec61937_payload_insufficient_bytes;
-    if (payload > left->bytes) {
-        // Deliberate: only a tail that completes within one chunk reaches the decoder.
-        info->iec61937_payload_insufficient_bytes -= left->bytes;
-        left->skip(left->bytes);
+    const byte_span& payload = step.payload;
+    switch (step.kind) {
+    case burst_step::WHOLE: return dolby_send_stream(info, payload.data, payload.bytes, step.preamble.format());
+    case burst_step::STARTED:
+        if (payload.data != nullptr)
+            dolby_send_stream(info, payload.data, payload.bytes, step.preamble.format());
+        if (step.preamble.payload_bytes() > step.preamble.room())
+            log_as(kDisassemble, LOG_LEVEL_E, "payload_bytes(%d) cannot be greater than burst_bytes(%d)\n",
+                   step.preamble.payload_bytes(), step.preamble.burst_bytes());
         return 0;
+    default: return -1;
     }
-    info->iec61937_payload_insufficient_bytes = 0;
-    const int32_t ret = payload > 0 ? dolby_send_stream(info, left->data, payload, info->format) : 0;
-    if (ret != 0) {
-        // The rest of this chunk is lost, and with it the place in the burst: search afresh.
-        info->iec61937_burst_insufficient_bytes = 0;
-        return ret;
-    }
-    left->skip(payload);
-    const uint32_t skipped = std::min(info->iec61937_burst_insufficient_bytes, left->bytes);
-    info->iec61937_burst_insufficient_bytes -= skipped;
-    left->skip(skipped);
-    return 0;
-}
-
-// Moves bytes to the held preamble; whether it is complete then.
-bool hold_preamble(dolby_info_t* info, stretch* left)
-{
-    const auto held = static_cast<uint32_t>(info->iec61937_header_size);
-    const uint32_t count = std::min(kPreambleBytes - held, left->bytes);
-    std::copy_n(left->data, count, info->iec61937_header + held);
-    left->skip(count);
-    info->iec61937_header_size = static_cast<int32_t>(held + count);
-    return held + count == kPreambleBytes;
-}
-
-// Sends what the chunk, which ends inside the burst or with it, holds of the payload, and notes what it owes.
-// @p rest counts the bytes behind the preamble: three more than the chunk has where a held preamble was false.
-void begin_burst(dolby_info_t* info, const burst& found, const stretch& left, uint32_t rest)
-{
-    const uint32_t room = found.burst_bytes - kPreambleBytes;
-    if (left.bytes > 0)
-        dolby_send_stream(info, left.data, std::min(found.payload_bytes, left.bytes), found.format);
-    info->iec61937_payload_insufficient_bytes = found.payload_bytes - std::min(found.payload_bytes, rest);
-    info->iec61937_burst_insufficient_bytes = room - std::min(room, std::max(found.payload_bytes, rest));
 }
 
 const char* format_name(dolby_iec61937_format_e format)
@@ -178,10 +126,8 @@ bool is_silent(const uint8_t* data, uint32_t size)
 // The stream does not go on where it was, but most likely in the middle of a burst.
 void begin_stream(dolby_info_t* info)
 {
-    info->iec61937_burst_insufficient_bytes = 0;
-    info->iec61937_payload_insufficient_bytes = 0;
-    info->iec61937_header_size = 0;
-    const burst_type* type = is_decodable(info->format) ? find_burst_type(info->format) : nullptr;
+    static_cast<burst_state&>(*info) = {};
+    const burst_type* type = is_decodable(info->format) ? burst_find_type(info->format) : nullptr;
     info->stuffing_bytes = type != nullptr ? type->burst_bytes : 0;
 }
 
@@ -214,6 +160,43 @@ void signal_decode_thread(dolby_info_t* info)
     pthread_cond_signal(&info->decoder_cond);
 }
 
+// A decoder that takes nothing is asked again for some milliseconds; what it does not take then is lost. A stall
+// lasts until a span was taken to its end, and is reported once.
+int32_t write_payload(dolby_info_t* info, adecoder_handle_t* decoder, byte_span left)
+{
+    const char* const name = format_name(info->format);
+    int stalled_writes = 0;
+    while (left.bytes > 0) {
+        int32_t status = 0;
+        const int32_t ret = adecoder_write(decoder, left.data, static_cast<int32_t>(left.bytes), 0, -1, &status);
+        if (ret < 0) {
+            log_as(kSend, LOG_LEVEL_E, "[%s] adecoder_write failed, left_bytes:%d ret:%d, status:0x%x\n", name,
+                   left.bytes, ret, status);
+            return -1;
+        }
+        stalled_writes = ret == 0 ? stalled_writes + 1 : 0;
+        if (stalled_writes > kStalledWritesMax) {
+            if (!info->decoder_stalled)
+                log_as(kSend, LOG_LEVEL_W, "[%s] the decoder takes nothing, left_bytes:%d dropped, status:0x%x\n", name,
+                       left.bytes, status);
+            info->decoder_stalled = true;
+            return -1;
+        }
+        left.skip(std::min(static_cast<uint32_t>(ret), left.bytes));
+        if (status > 0 || info->async_mode)
+            signal_decode_thread(info);
+        else if (status < 0)
+            log_as(kSend, LOG_LEVEL_W, "[%s] adecoder_write status:0x%x error do not send signal\n", name, status);
+        if (info->enlog)
+            log_as(kSend, LOG_LEVEL_I, "[%s] adecoder_write written:%d, left_bytes:%d, status:0x%x\n", name, ret,
+                   left.bytes, status);
+        if (ret == 0)
+            usleep(kStalledWritePauseUs);
+    }
+    info->decoder_stalled = false;
+    return 0;
+}
+
 // The queue wakes one waiting producer only, and any acquire may swallow the request: whoever might have
 // done so repeats it until the demux thread has its answer.
 void release_demux_thread(dolby_info_t* info)
@@ -233,26 +216,25 @@ frame_info_t* acquire_silence_frame(dolby_info_t* info, int32_t size)
     return frame;
 }
 
-// Handles one captured chunk.
-void dolby_demux(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
+void demux_chunk(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
 {
     if (chunk->serial != info->frame_serial) {
-        log_i("frame_serial changed: %d -> %d\n", info->frame_serial.load(), chunk->serial);
+        log_as(kDemux, LOG_LEVEL_I, "frame_serial changed: %d -> %d\n", info->frame_serial.load(), chunk->serial);
         info->wait_iec61937 = false;
         info->frame_serial = chunk->serial;
     }
     if (chunk->channels != info->output_channels) {
-        log_w("channels: %d -> %d\n", info->output_channels.load(), chunk->channels);
+        log_as(kDemux, LOG_LEVEL_W, "channels: %d -> %d\n", info->output_channels.load(), chunk->channels);
         info->output_channels = chunk->channels;
         info->need_reinit_decoder = true;
     }
     if (chunk->sample_rate != info->output_sample_rate) {
-        log_w("sample_rate: %d -> %d\n", info->output_sample_rate.load(), chunk->sample_rate);
+        log_as(kDemux, LOG_LEVEL_W, "sample_rate: %d -> %d\n", info->output_sample_rate.load(), chunk->sample_rate);
         info->output_sample_rate = chunk->sample_rate;
     }
     if (info->enlog)
-        log_i("IEC-61937 serial:%d pts:%lld size:%d channels:%d sample_rate:%d\n", chunk->serial,
-              static_cast<long long>(chunk->pts), chunk->size, chunk->channels, chunk->sample_rate);
+        log_as(kDemux, LOG_LEVEL_I, "IEC-61937 serial:%d pts:%lld size:%d channels:%d sample_rate:%d\n", chunk->serial,
+               static_cast<long long>(chunk->pts), chunk->size, chunk->channels, chunk->sample_rate);
 
     const uint32_t size = chunk->data != nullptr && chunk->size > 0 ? static_cast<uint32_t>(chunk->size) : 0;
     dolby_dump(info, DOLBY_DUMP_IEC61937, chunk->data, size);
@@ -267,12 +249,13 @@ void dolby_demux(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
 
     frame_info_t* silence = acquire_silence_frame(info, static_cast<int32_t>(size));
     if (silence == nullptr) {
-        log_e("frame_queue_pool_acquire(size:%d) failed.\n", static_cast<int32_t>(size));
+        log_as(kDemux, LOG_LEVEL_E, "frame_queue_pool_acquire(size:%d) failed.\n", static_cast<int32_t>(size));
         return;
     }
     hdmi_player_audio_frame_t& frame = silence->frame;
-    log_d("src data:%p buf_size:%d size:%d dts data:%p buf_size:%d size:%d\n", static_cast<void*>(chunk->data),
-          chunk->buf_size, chunk->size, static_cast<void*>(frame.data), frame.buf_size, frame.size);
+    log_as(kDemux, LOG_LEVEL_D, "src data:%p buf_size:%d size:%d dts data:%p buf_size:%d size:%d\n",
+           static_cast<void*>(chunk->data), chunk->buf_size, chunk->size, static_cast<void*>(frame.data),
+           frame.buf_size, frame.size);
     std::copy_n(chunk->data, size, frame.data);
     frame.size = static_cast<int32_t>(size);
     dolby_dump(info, DOLBY_DUMP_PCM, frame.data, size);
@@ -292,7 +275,7 @@ void* dolby_demux(void* arg)
             continue;
         }
         if (info->strategy == DOLBY_STRATEGY_DECODE)
-            dolby_demux(info, chunk);
+            demux_chunk(info, chunk);
         else
             info->iec61937_burst_insufficient_bytes = 0;
         info->input_queue_put_cb(chunk);
@@ -359,8 +342,7 @@ void reset_record(dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS
     info->wait_iec61937 = false;
     info->strategy = DOLBY_STRATEGY_MAX;
     info->format = DOLBY_IEC61937_FORMAT_UNSET;
-    info->iec61937_burst_insufficient_bytes = 0;
-    info->iec61937_payload_insufficient_bytes = 0;
+    static_cast<burst_state&>(*info) = {};
     info->output_sample_rate = 0;
     info->output_channels = 0;
     info->output_frames = 0;
@@ -368,9 +350,8 @@ void reset_record(dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS
     info->output_pcm_queue = -1;
     info->frame_serial = -1;
     info->last_frame_serial = -1;
-    info->iec61937_header_size = 0;
     info->stuffing_bytes = 0;
-    memset(info->iec61937_header, 0, sizeof(info->iec61937_header));
+    info->decoder_stalled = false;
     info->adecoder_handle = nullptr;
     info->dump_path_iec61937 = nullptr;
     info->dump_path_raw = nullptr;
@@ -399,8 +380,31 @@ void set_up(dolby_info_t* info, const dolby_config_t& cfg)
     info->internal_mutex.init();
 }
 
-// Ends the threads that run, wherever they wait: on the input, on the decoder or on a full output queue.
-void stop_threads(dolby_info_t* info)
+// The output queue and both threads; whether all of them are there.
+bool start_threads(dolby_info_t* info) REQUIRES(info->lifecycle_mutex)
+{
+    info->output_pcm_queue = frame_queue_init(kOutputQueueFrames, "DOLBY_OUT");
+    if (info->output_pcm_queue < 0) {
+        log_as(kInit, LOG_LEVEL_E, "frame_queue_init failed.\n");
+        return false;
+    }
+    log_as(kInit, LOG_LEVEL_I, "output_pcm_queue id:%d.\n", info->output_pcm_queue);
+    if (pthread_create(&info->tid_demux, nullptr, dolby_demux, info) != 0) {
+        info->tid_demux = 0; // undefined after a failure
+        log_as(kInit, LOG_LEVEL_E, "create dolby demux thread failed!\n");
+        return false;
+    }
+    if (pthread_create(&info->tid_decode, nullptr, dolby_decode, info) != 0) {
+        info->tid_decode = 0;
+        log_as(kInit, LOG_LEVEL_E, "create dolby decode thread failed!\n");
+        return false;
+    }
+    return true;
+}
+
+// Ends the threads that run, wherever they wait: on the input, on the decoder or on a full output queue. Their
+// callbacks and the wake-up come back into modules: the caller holds no lock that those take.
+void stop_threads(dolby_info_t* info) REQUIRES(info->lifecycle_mutex) EXCLUDES(info->api_rwlock)
 {
     info->abort_request = true;
     if (info->output_pcm_queue >= 0)
@@ -438,98 +442,43 @@ void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* bu
     *filter_bytes = 0;
     *burst_bytes = 0;
     *payload_bytes = 0;
-    if (buffer == nullptr || bytes < kPreambleBytes)
+    if (buffer == nullptr)
         return nullptr;
-
     auto* const data = static_cast<uint8_t*>(buffer);
-    // A whole preamble follows where the sync is looked for.
-    const auto* const sync =
-        static_cast<const uint8_t*>(memmem(data, bytes - kPreambleBytes + kSyncBytes, kSync, kSyncBytes));
-    if (sync != nullptr) {
-        *filter_bytes = static_cast<uint32_t>(sync - data);
-        log_v("[Pa Pb] found! filter_bytes(%d)\n", *filter_bytes);
-        *filter_bytes += kSyncBytes;
-    } else {
-        // Deliberate: Pc and Pd are read all the same, after the last position examined.
-        *filter_bytes = bytes - kPreambleBytes + 1;
-    }
-
-    const uint16_t pc = read_le16(data + *filter_bytes);
-    log_v("Pc(%#x) found!  filter_bytes(%d)\n", pc, *filter_bytes);
-    if ((pc & kPcErrorFlag) != 0) {
-        log_e("Pc error-flag indicating that the burst-payload may contain errors!\n");
-        return nullptr;
-    }
-    *format = static_cast<dolby_iec61937_format_e>(pc & kPcTypeMask);
-    *filter_bytes += 2;
-    const uint16_t pd = read_le16(data + *filter_bytes);
-    log_v("filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", *filter_bytes, pd, *format);
-    *filter_bytes += 2;
-
-    const burst_type* type = find_burst_type(*format);
-    if (type == nullptr)
-        return nullptr;
-    *burst_bytes = type->burst_bytes;
-    *payload_bytes = pd / type->pd_units_per_byte;
-    return data + *filter_bytes;
+    const burst_preamble found = burst_find_preamble({data, bytes});
+    log_preamble(found);
+    *filter_bytes = found.end();
+    *burst_bytes = found.burst_bytes();
+    *payload_bytes = found.payload_bytes();
+    if (found.examined && !found.flagged())
+        *format = found.format();
+    return found.type != nullptr ? data + found.end() : nullptr;
 }
 
 int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint32_t bytes)
 {
     bytes = buffer != nullptr ? bytes : 0;
-    stretch left = {static_cast<const uint8_t*>(buffer), bytes};
-    uint32_t& owed_payload = info->iec61937_payload_insufficient_bytes;
-    uint32_t& owed_stuffing = info->iec61937_burst_insufficient_bytes;
+    byte_span chunk = {static_cast<const uint8_t*>(buffer), bytes};
     int32_t ret = 0;
     for (;;) {
-        log_v("burst_insufficient_bytes(%d) info->iec61937_payload_insufficient_bytes(%d)\n", owed_stuffing,
-              owed_payload);
-        const bool owing = owed_payload > 0 || owed_stuffing > 0;
-        ret = take_owed(info, &left);
+        log_v("burst_insufficient_bytes(%d) info->iec61937_payload_insufficient_bytes(%d)\n",
+              info->iec61937_burst_insufficient_bytes, info->iec61937_payload_insufficient_bytes);
+        const bool owing = info->owes();
+        const byte_span owed = burst_take_owed(info, &chunk);
+        ret = owed.bytes > 0 ? dolby_send_stream(info, owed.data, owed.bytes, info->format) : 0;
+        if (ret != 0) {
+            // The rest of this chunk is lost, and with it the place in the burst: search afresh.
+            info->iec61937_burst_insufficient_bytes = 0;
+            break;
+        }
         // A chunk that ends with or inside a burst was burst data to its end.
-        if (ret != 0 || (left.bytes == 0 && (bytes > 0 || owing)))
+        if (chunk.bytes == 0 && (bytes > 0 || owing))
             break;
-        ret = -1;
-        burst found = {};
-        const int32_t held = info->iec61937_header_size;
-        const uint32_t need = left.bytes;
-        uint32_t rest = 0; // bytes behind the preamble
-        if (held > 0 || need < kPreambleBytes) {
-            if (!hold_preamble(info, &left))
-                break;
-            info->iec61937_header_size = 0;
-            found = find_burst(info->iec61937_header, kPreambleBytes);
-            rest = left.bytes + kPreambleBytes - found.filter_bytes;
-            if (found.burst_bytes > 0)
-                log_v("iec61937_header_size(%d) need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) "
-                      "payload_bytes(%d)\n",
-                      held, need, found.filter_bytes, found.burst_bytes, found.payload_bytes);
-        } else {
-            found = find_burst(left.data, need);
-            log_v("need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n", need,
-                  found.filter_bytes, found.burst_bytes, found.payload_bytes);
-            left.skip(found.filter_bytes);
-            rest = left.bytes;
-        }
-        if (found.burst_bytes == 0) {
-            log_v("[Pa Pb Pc Pd] not found!\n");
+        const burst_step step = burst_take_next(info, &chunk);
+        log_step(step);
+        ret = send_step(info, step);
+        if (ret != 0 || step.kind != burst_step::WHOLE)
             break;
-        }
-        log_v("[Pa Pb Pc Pd] found!\n");
-        const uint32_t room = found.burst_bytes - kPreambleBytes;
-        if (rest <= room) {
-            begin_burst(info, found, left, rest);
-            if (found.payload_bytes > room)
-                log_e("payload_bytes(%d) cannot be greater than burst_bytes(%d)\n", found.payload_bytes,
-                      found.burst_bytes);
-            ret = 0;
-            break;
-        }
-        // Clamped: Pd may promise more than the burst and the chunk hold.
-        ret = dolby_send_stream(info, left.data, std::min(found.payload_bytes, left.bytes), found.format);
-        if (ret != 0)
-            break;
-        left.skip(std::min(room, left.bytes));
     }
     log_v("bytes(%d) ret(%d)\n", bytes, ret);
     return ret;
@@ -550,27 +499,8 @@ int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, d
     adecoder_handle_t* const decoder = current_decoder(info);
     if (decoder == nullptr)
         return 0;
-    const char* const name = format_name(info->format);
-    stretch left = {static_cast<const uint8_t*>(data), size};
-    int stalled_writes = 0;
-    while (left.bytes > 0) {
-        int32_t status = 0;
-        const int32_t ret = adecoder_write(decoder, left.data, static_cast<int32_t>(left.bytes), 0, -1, &status);
-        stalled_writes = ret == 0 ? stalled_writes + 1 : 0;
-        if (ret < 0 || stalled_writes > kStalledWritesMax) {
-            log_e("[%s] adecoder_write failed, left_bytes:%d ret:%d, status:0x%x\n", name, left.bytes, ret, status);
-            return -1;
-        }
-        left.skip(std::min(static_cast<uint32_t>(ret), left.bytes));
-        if (status > 0 || info->async_mode)
-            signal_decode_thread(info);
-        else if (status < 0)
-            log_w("[%s] adecoder_write status:0x%x error do not send signal\n", name, status);
-        if (info->enlog)
-            log_i("[%s] adecoder_write written:%d, left_bytes:%d, status:0x%x\n", name, ret, left.bytes, status);
-        if (ret == 0)
-            usleep(kStalledWritePauseUs);
-    }
+    if (write_payload(info, decoder, {static_cast<const uint8_t*>(data), size}) != 0)
+        return -1;
     if (info->wait_iec61937) {
         info->wait_iec61937 = false;
         info->format_changed_cb(true, nullptr);
@@ -698,32 +628,17 @@ int32_t dolby_init(dolby_config_t cfg)
         return -1;
     }
     dolby_info_t* const info = &g_dolby_info;
-    mutex_guard lifecycle(g_lifecycle_mutex);
+    mutex_guard lifecycle(info->lifecycle_mutex);
     write_guard lock(info->api_rwlock);
     if (info->initialized) {
         log_w("module has been initialized\n");
         return -1;
     }
     set_up(info, cfg);
-    bool started = false;
-    info->output_pcm_queue = frame_queue_init(kOutputQueueFrames, "DOLBY_OUT");
-    if (info->output_pcm_queue < 0) {
-        log_e("frame_queue_init failed.\n");
-    } else {
-        log_i("output_pcm_queue id:%d.\n", info->output_pcm_queue);
-        if (pthread_create(&info->tid_demux, nullptr, dolby_demux, info) != 0) {
-            info->tid_demux = 0;
-            log_e("create dolby demux thread failed!\n");
-        } else if (pthread_create(&info->tid_decode, nullptr, dolby_decode, info) != 0) {
-            info->tid_decode = 0;
-            log_e("create dolby decode thread failed!\n");
-        } else {
-            started = true;
-        }
-    }
-    if (!started) {
-        // The demux thread calls nothing of this module before a strategy was set: joining under the lock is safe.
+    if (!start_threads(info)) {
+        lock.unlock();
         stop_threads(info);
+        write_guard again(info->api_rwlock);
         tear_down(info);
         log_i("dolby init failed\n");
         return -1;
@@ -742,12 +657,12 @@ int32_t dolby_init(dolby_config_t cfg)
 int32_t dolby_deinit(void)
 {
     dolby_info_t* const info = &g_dolby_info;
-    mutex_guard lifecycle(g_lifecycle_mutex);
-    if (!info->initialized) {
-        log_w("module not initialized\n");
-        return -1;
+    mutex_guard lifecycle(info->lifecycle_mutex);
+    {
+        const entry_guard api(info->api_rwlock, is_open);
+        if (!api)
+            return -1;
     }
-    // Without api_rwlock: the threads' callbacks come back into this module.
     stop_threads(info);
     write_guard lock(info->api_rwlock);
     if (tear_down(info) != 0)
@@ -757,21 +672,17 @@ int32_t dolby_deinit(void)
 
 dolby_strategy_e dolby_get_strategy(void)
 {
-    read_guard lock(g_dolby_info.api_rwlock);
-    if (!g_dolby_info.initialized) {
-        log_v("module not initialized\n");
+    const entry_guard api(g_dolby_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return DOLBY_STRATEGY_PCM;
-    }
     return g_dolby_info.strategy;
 }
 
 int32_t dolby_set_strategy(dolby_strategy_e strategy)
 {
-    read_guard lock(g_dolby_info.api_rwlock);
-    if (!g_dolby_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_dolby_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     g_dolby_info.strategy = strategy;
     release_demux_thread(&g_dolby_info);
     // From now on sound comes from elsewhere. A consumer that went on waiting here, at open for a tenth of a second,
@@ -793,11 +704,9 @@ const char* dolby_strategy_name(dolby_strategy_e strategy)
 
 bool dolby_format_support(void)
 {
-    read_guard lock(g_dolby_info.api_rwlock);
-    if (!g_dolby_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_dolby_info.api_rwlock, is_open);
+    if (!api)
         return false;
-    }
     const dolby_iec61937_format_e format = g_dolby_info.format;
     return format == DOLBY_IEC61937_FORMAT_UNSET || is_decodable(format);
 }
@@ -806,11 +715,9 @@ int32_t dolby_get_output_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t ti
 {
     if (frame == nullptr)
         return -1;
-    read_guard lock(g_dolby_info.api_rwlock);
-    if (!g_dolby_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_dolby_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     frame_info_t* done = frame_queue_done_dequeue(g_dolby_info.output_pcm_queue, timeout_ms);
     if (done == nullptr) {
         log_d("frame_queue_done_dequeue failed.\n");
@@ -824,10 +731,8 @@ int32_t dolby_put_output_pcm_frame(hdmi_player_audio_frame_t* frame)
 {
     if (frame == nullptr)
         return -1;
-    read_guard lock(g_dolby_info.api_rwlock);
-    if (!g_dolby_info.initialized) {
-        log_w("module not initialized\n");
+    const entry_guard api(g_dolby_info.api_rwlock, is_open);
+    if (!api)
         return -1;
-    }
     return frame_queue_put(g_dolby_info.output_pcm_queue, frame);
 }

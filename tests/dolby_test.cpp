@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
@@ -135,7 +136,69 @@ struct FakeDecoder {
     }
 };
 
-// The parser on a record of its own, without threads.
+// The parser alone: spans of payload out of chunks, each a copy of exactly its size.
+std::vector<Bytes> parse(burst_state* state, const Bytes& data)
+{
+    const Bytes copy = data;
+    byte_span chunk = {copy.data(), static_cast<uint32_t>(copy.size())};
+    std::vector<Bytes> spans;
+    const auto keep = [&spans](byte_span span) {
+        if (span.data != nullptr && span.bytes > 0)
+            spans.emplace_back(span.data, span.data + span.bytes);
+    };
+    do {
+        keep(burst_take_owed(state, &chunk));
+        keep(burst_take_next(state, &chunk).payload);
+    } while (chunk.bytes > 0);
+    return spans;
+}
+
+TEST(BurstSpans, FollowTheBurstsHoweverTheChunksAreCut)
+{
+    const auto burst = [](size_t begin, size_t end) { return part_of(kBurst, begin, end); };
+    const auto payload = [](size_t begin, size_t end) { return part_of(kPayload, begin, end); };
+    const Bytes too_long = make_burst(1, 0xFFFF, make_payload(6136), 6144);
+    const struct {
+        const char* what;
+        std::vector<Bytes> chunks;
+        std::vector<Bytes> spans;
+        uint32_t owed_payload, owed_stuffing;
+        int32_t held;
+    } cases[] = {
+        {"silence", {Bytes(kChunk)}, {}, 0, 0, 0},
+        {"nothing", {Bytes()}, {}, 0, 0, 0},
+        {"stuffing is owed", {burst(0, kChunk)}, {kPayload}, 0, 6144 - kChunk, 0},
+        {"bursts in a row", {join({kBurst, kBurst, burst(0, 5)})}, {kPayload, kPayload}, 0, 0, 5},
+        {"a preamble cut twice", {burst(0, 2), burst(2, 5), burst(5, 6144)}, {kPayload}, 0, 0, 0},
+        {"a preamble and no more", {burst(0, 8)}, {}, 1536, 4600, 0},
+        {"payload in three chunks", // what lies between its ends is dropped
+         {burst(0, 1008), burst(1008, 1208), burst(1208, 6144)},
+         {payload(0, 1000), payload(1200, 1536)},
+         0,
+         0,
+         0},
+        {"a length beyond the burst", {too_long}, {make_payload(6136)}, 8191 - 6136, 0, 0},
+        {"a length beyond burst and chunk", {join({too_long, {0xAA}})}, {join({make_payload(6136), {0xAA}})}, 0, 0, 1},
+        {"no length", {make_burst(21, 0, {}, 24576), kBurst}, {kPayload}, 0, 0, 0},
+        {"a flagged burst", {make_burst(0x81, 800, make_payload(100), 6144)}, {}, 0, 0, 0},
+        {"false Pc and Pd in a held preamble", {{0, 1, 0, 0xFF, 0xFF}, {9, 9, 9, 7, 7}}, {{7, 7}}, 8191 - 5, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        burst_state state;
+        std::vector<Bytes> spans;
+        for (const Bytes& chunk : c.chunks) {
+            for (Bytes& span : parse(&state, chunk))
+                spans.push_back(std::move(span));
+        }
+        EXPECT_EQ(c.spans, spans);
+        EXPECT_EQ(c.owed_payload, state.iec61937_payload_insufficient_bytes);
+        EXPECT_EQ(c.owed_stuffing, state.iec61937_burst_insufficient_bytes);
+        EXPECT_EQ(c.held, state.iec61937_header_size);
+    }
+}
+
+// The parser with the decoder behind it, on a record of its own, without threads.
 class BurstParser : public testing::Test
 {
 protected:
@@ -154,7 +217,6 @@ protected:
         const Bytes chunk = part_of(data, begin, std::min(end, data.size()));
         return dolby_disassemble_iec61937(&info, chunk.data(), static_cast<uint32_t>(chunk.size()));
     }
-    Bytes take_written() { return std::exchange(decoder.written, {}); }
 
     FakeDecoder decoder;
     dolby_info_t info;
@@ -216,26 +278,6 @@ TEST_F(BurstParser, ChunkWithoutABurstIsReportedUnlessItIsInsideOne)
     EXPECT_EQ(0, feed(Bytes()));
 }
 
-TEST_F(BurstParser, LengthsThatPromiseTooMuchReadNothingBehindTheChunk)
-{
-    Bytes burst = make_burst(1, 0xFFFF, make_payload(6136), 6144);
-    EXPECT_EQ(0, feed(burst));
-    EXPECT_EQ(6136u, take_written().size());
-    EXPECT_EQ(8191u - 6136u, info.iec61937_payload_insufficient_bytes);
-    EXPECT_EQ(0u, info.iec61937_burst_insufficient_bytes);
-    info.iec61937_payload_insufficient_bytes = 0;
-    burst.push_back(0xAA);
-    EXPECT_EQ(-1, feed(burst)) << "one byte of what follows is held";
-    EXPECT_EQ(6137u, take_written().size());
-    EXPECT_EQ(1, info.iec61937_header_size);
-    // False Pc and Pd in a held preamble.
-    info.iec61937_header_size = 0;
-    EXPECT_EQ(-1, feed({0, 1, 0, 0xFF, 0xFF}));
-    EXPECT_EQ(0, feed({9, 9, 9, 7, 7}));
-    EXPECT_EQ(Bytes({7, 7}), take_written());
-    EXPECT_EQ(8191u - 5, info.iec61937_payload_insufficient_bytes);
-}
-
 TEST_F(BurstParser, FailedSendEndsTheChunkAndTheNextGoodBurstIsFound)
 {
     EXPECT_EQ(0, feed(kBurst, 0, 1000));
@@ -243,7 +285,7 @@ TEST_F(BurstParser, FailedSendEndsTheChunkAndTheNextGoodBurstIsFound)
     EXPECT_EQ(-1, feed(kBurst, 1000));
     EXPECT_EQ(-1, feed(join({kBurst, kBurst})));
     decoder.accept = INT32_MAX;
-    take_written();
+    decoder.written.clear();
     EXPECT_EQ(0, feed(kBurst));
     EXPECT_EQ(kPayload, decoder.written);
 }
@@ -293,7 +335,7 @@ private:
 };
 
 struct Calls {
-    std::atomic<int> unsupported{0}, changed{0}, forced{0};
+    std::atomic<int> unsupported{0}, changed{0}, forced{0}, wakeups{0};
 };
 
 std::unique_ptr<Source> g_source;
@@ -308,7 +350,13 @@ void expect_no_lock_held()
         if (refused == 0)
             pthread_mutex_unlock(&mutex->native);
     }
+    const int written = pthread_rwlock_tryrdlock(&g_dolby_info.api_rwlock.native);
+    EXPECT_EQ(0, written);
+    if (written == 0)
+        pthread_rwlock_unlock(&g_dolby_info.api_rwlock.native);
 }
+
+int g_threads_left = INT_MAX; ///< that the module may create
 
 class DecodePipeline : public testing::Test
 {
@@ -331,7 +379,11 @@ protected:
         };
         config.input_queue_dequeue_cb = [](int32_t timeout_ms) { return g_source->dequeue(timeout_ms); };
         config.input_queue_put_cb = [](hdmi_player_audio_frame_t*) { return g_source->put(); };
-        config.input_queue_wakeup_cb = [] { g_source->wake(); };
+        config.input_queue_wakeup_cb = [] {
+            expect_no_lock_held();
+            ++g_calls->wakeups;
+            g_source->wake();
+        };
         config.output_buffer_size = 960;
     }
     void TearDown() override
@@ -396,18 +448,15 @@ TEST_F(DecodePipeline, FailedInitUndoesWhatItBuilt)
     frame_queue_deinit(queues.back());
     queues.pop_back();
 
-    pthread_attr_t usual, greedy;
-    ASSERT_EQ(0, pthread_getattr_default_np(&usual));
-    pthread_attr_init(&greedy);
-    pthread_attr_setstacksize(&greedy, size_t{1} << 46);
-    ASSERT_EQ(0, pthread_setattr_default_np(&greedy));
-    EXPECT_EQ(-1, dolby_init(config)) << "no thread can be started";
-    pthread_setattr_default_np(&usual);
-    EXPECT_EQ(0, dolby_init(config)) << "the queue of the failed attempt was freed";
+    for (const int threads : {0, 1}) {
+        g_threads_left = threads;
+        EXPECT_EQ(-1, dolby_init(config));
+        EXPECT_EQ(threads, calls.wakeups) << "a demux thread that runs is woken";
+    }
+    g_threads_left = INT_MAX;
+    EXPECT_EQ(0, dolby_init(config)) << "the queue of the failed attempts was freed";
     for (int32_t id : queues)
         frame_queue_deinit(id);
-    pthread_attr_destroy(&greedy);
-    pthread_attr_destroy(&usual);
 }
 
 TEST_F(DecodePipeline, SilenceOfTheNewestSerialIsPlayedAndTheBurstThatEndsItForcesAReset)
@@ -523,19 +572,24 @@ TEST_F(DecodePipeline, TheDecoderFollowsTheFormatAndTheHostIsTold)
 
 TEST_F(DecodePipeline, DecoderThatCannotBeBuiltOrTakesNothingOrFailsDoesNotHoldUpTheInput)
 {
-    decoder.refuse_init = true;
-    start();
-    feed(kBurst);
-    feed(kBurst);
-    EXPECT_EQ(1, calls.unsupported);
-    decoder.set(&FakeDecoder::refuse_init, false);
-    feed(make_burst(11, 8000, make_payload(1000), 2048));
-    for (const int32_t accept : {0, 0, 0, -1, 100}) {
-        decoder.set(&FakeDecoder::accept, accept);
+    const std::string log = logged("2", [this] {
+        decoder.refuse_init = true;
+        start();
         feed(kBurst);
-    }
-    EXPECT_EQ(1, decoder.get(&FakeDecoder::inits)) << "tried again with the next format";
-    EXPECT_EQ(kPayload, decoder.get(&FakeDecoder::written));
+        feed(kBurst);
+        EXPECT_EQ(1, calls.unsupported);
+        decoder.set(&FakeDecoder::refuse_init, false);
+        feed(make_burst(11, 8000, make_payload(1000), 2048));
+        for (const int32_t accept : {0, 0, 0, -1, 100, 0, 0}) {
+            decoder.set(&FakeDecoder::accept, accept);
+            feed(kBurst);
+        }
+        EXPECT_EQ(0, dolby_deinit());
+    });
+    EXPECT_EQ(1, decoder.inits) << "tried again with the next format";
+    EXPECT_EQ(kPayload, decoder.written);
+    EXPECT_EQ(2, occurrences(log, "the decoder takes nothing")) << "once for each stall";
+    EXPECT_EQ(1, occurrences(log, "adecoder_write failed"));
 }
 
 TEST_F(DecodePipeline, WithoutTheDecodeStrategyTheInputDrainsAndIsForgotten)
@@ -554,16 +608,24 @@ TEST_F(DecodePipeline, WithoutTheDecodeStrategyTheInputDrainsAndIsForgotten)
         << "no stuffing is owed to a resumed stream";
 }
 
-TEST_F(DecodePipeline, DeinitEndsADecodeThreadWithoutADecoderAndAnIdleConsumer)
+TEST_F(DecodePipeline, DeinitEndsADecodeThreadWithoutADecoderAndConsumersThatComeBackAtOnce)
 {
     start();
-    BlockedCall<int32_t> consumer([] {
-        hdmi_player_audio_frame_t* frame = nullptr;
-        return dolby_get_output_pcm_frame(&frame, -1);
-    });
-    EXPECT_TRUE(consumer.asleep());
-    EXPECT_EQ(0, dolby_deinit());
-    EXPECT_EQ(-1, consumer.result());
+    std::atomic<bool> ended{false};
+    std::deque<BlockedCall<bool>> consumers;
+    for (int i = 0; i < 4; ++i) {
+        consumers.emplace_back([&ended] {
+            hdmi_player_audio_frame_t* frame = nullptr;
+            while (!ended)
+                EXPECT_EQ(-1, dolby_get_output_pcm_frame(&frame, -1));
+            return true;
+        });
+        EXPECT_TRUE(consumers.back().asleep());
+    }
+    BlockedCall<int32_t> deinit(dolby_deinit);
+    EXPECT_TRUE(eventually([&deinit] { return deinit.returned(); })) << "the consumers starve it";
+    ended = true;
+    EXPECT_EQ(0, deinit.result());
 }
 
 TEST_F(DecodePipeline, AChangeOfStrategyAndDeinitReleaseThreadsThatWaitForAFreeOutputFrame)
@@ -636,3 +698,13 @@ TEST_F(DecodePipeline, SwitchesReachTheDecoderAndDumpChunksPayloadsAndPcm)
 }
 
 } // namespace
+
+extern "C" {
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*run)(void*), void* arg)
+{
+    return g_threads_left-- > 0 ? __real_pthread_create(thread, attr, run, arg) : EAGAIN;
+}
+}

@@ -12,8 +12,9 @@
  * once there is one: a second of it on a link that runs at four times the
  * sample rate (E-AC-3) plays for four seconds.
  *
- * The host's and the player's callbacks are called with none of this module's
- * mutexes held.
+ * Functions may be called from any thread. The host's and the player's callbacks
+ * are called with no lock held that a function of this module takes, except init
+ * and deinit, which must not be called from them.
  */
 #pragma once
 
@@ -24,6 +25,7 @@
 
 #include "adecoder.h"
 #include "hdmi_player.h"
+#include "internal/burst_parser.h"
 #include "internal/frame_queue.h"
 #include "internal/locks.h"
 
@@ -35,18 +37,6 @@ typedef enum {
     DOLBY_STRATEGY_UNSUPPORTED = 3,
     DOLBY_STRATEGY_MAX = 4, ///< not set yet
 } dolby_strategy_e;
-
-/// Burst data types, IEC 61937-2. Every 7-bit code is a value: the parser stores what Pc holds.
-typedef enum : int32_t {
-    DOLBY_IEC61937_FORMAT_UNSET = -1,
-    DOLBY_IEC61937_FORMAT_NONE = 0,
-    DOLBY_IEC61937_FORMAT_AC3 = 1,
-    DOLBY_IEC61937_FORMAT_DTS1 = 11,
-    DOLBY_IEC61937_FORMAT_DTS2 = 12,
-    DOLBY_IEC61937_FORMAT_DTS3 = 13,
-    DOLBY_IEC61937_FORMAT_EAC3 = 21,
-    DOLBY_IEC61937_FORMAT_MAX = 22,
-} dolby_iec61937_format_e;
 
 typedef enum {
     DOLBY_DUMP_IEC61937 = 0, ///< captured chunks
@@ -65,8 +55,9 @@ typedef struct dolby_config_s {
     int32_t output_buffer_size; ///< bytes of each decoded frame
 } dolby_config_t;
 
-typedef struct dolby_info_s {
-    std::atomic<bool> initialized{false};
+/// The parser's state is the demux thread's.
+typedef struct dolby_info_s : burst_state {
+    std::atomic<bool> initialized{false}; ///< written under api_rwlock
     std::atomic<bool> enlog{false};
     std::atomic<bool> async_mode{false};
     std::atomic<bool> abort_request{false};
@@ -74,8 +65,6 @@ typedef struct dolby_info_s {
     bool wait_iec61937 = false;       ///< silence went out while no burst came; demux thread only
     std::atomic<dolby_strategy_e> strategy{DOLBY_STRATEGY_MAX};
     std::atomic<dolby_iec61937_format_e> format{DOLBY_IEC61937_FORMAT_UNSET}; ///< of the latest burst sent
-    uint32_t iec61937_burst_insufficient_bytes = 0;            ///< stuffing still to skip; demux thread only
-    uint32_t iec61937_payload_insufficient_bytes = 0;          ///< payload still to come; demux thread only
     std::atomic<int32_t> output_sample_rate{0};                ///< of the input chunks, Hz; set by the demux thread
     std::atomic<int32_t> output_channels{0};                   ///< of the input chunks; set by the demux thread
     int64_t output_frames GUARDED_BY(internal_mutex) = 0;      ///< PCM frames queued since the last serial change
@@ -83,27 +72,28 @@ typedef struct dolby_info_s {
     int32_t output_pcm_queue = -1;                             ///< "DOLBY_OUT"; -1: none; constant after init
     std::atomic<int32_t> frame_serial{-1};                     ///< of the latest input chunk; set by the demux thread
     int32_t last_frame_serial GUARDED_BY(internal_mutex) = -1; ///< of the latest PCM frame
-    int32_t iec61937_header_size = 0;                          ///< bytes held; demux thread only
-    uint8_t iec61937_header[8] = {}; ///< preamble cut by the end of a chunk; demux thread only
     /// Replaced by the demux thread only, under the mutex; the demux thread writes to it without.
     adecoder_handle_t* adecoder_handle GUARDED_BY(decoder_mutex) = nullptr;
-    char* dump_path_iec61937 = nullptr; ///< owned, as the next two; null: no dump
+    /// Dump folders, owned; null: no dump. Constant once a strategy is set, which the threads wait for.
+    char* dump_path_iec61937 = nullptr;
     char* dump_path_raw = nullptr;
     char* dump_path_pcm = nullptr;
-    pthread_t tid_demux = 0;
-    pthread_t tid_decode = 0;
+    pthread_t tid_demux GUARDED_BY(lifecycle_mutex) = 0;
+    pthread_t tid_decode GUARDED_BY(lifecycle_mutex) = 0;
     mutex_t decoder_mutex;
     /// The decoder was rebuilt, has output, or ends; on CLOCK_MONOTONIC.
     pthread_cond_t decoder_cond = PTHREAD_COND_INITIALIZER;
-    mutex_t internal_mutex; ///< time line of the output; never waited under
-    rwlock_t api_rwlock;    ///< write: init and deinit; read: everything else
-    hdmi_player_event_cb_t event_cb = nullptr;
+    mutex_t internal_mutex;                    ///< time line of the output; never waited under
+    rwlock_t api_rwlock;                       ///< write: init and the end of deinit; read: everything else
+    hdmi_player_event_cb_t event_cb = nullptr; ///< constant after init, as the other callbacks
     void (*format_changed_cb)(bool force_reset, bool* restarted) = nullptr;
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
     void (*input_queue_wakeup_cb)(void) = nullptr;
-    uint32_t stuffing_bytes = 0; ///< zeros that are no pause, after a break in the stream; demux thread only
+    uint32_t stuffing_bytes = 0;  ///< zeros that are no pause, after a break in the stream; demux thread only
+    bool decoder_stalled = false; ///< it takes nothing, and that was reported; demux thread only
     std::atomic<bool> demux_acquiring{false}; ///< the demux thread takes a frame of "DOLBY_OUT", or waits for one
+    mutex_t lifecycle_mutex; ///< init or deinit as a whole, the threads' end included; taken before api_rwlock
 } dolby_info_t;
 
 extern dolby_info_t g_dolby_info;
@@ -150,11 +140,11 @@ void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* bu
 int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint32_t bytes);
 
 /**
- * Feeds one stretch of payload to the decoder, rebuilding it first when the
- * format or the channel count changed; demux thread only. Without a decoder
- * the bytes are dropped. A decoder that takes nothing for some milliseconds
- * loses the rest of the stretch.
- * @return 0 or -1
+ * Feeds one span of payload to the decoder, rebuilding it first when the format
+ * or the channel count changed; demux thread only. Without a decoder the bytes
+ * are dropped. When the decoder takes nothing for some milliseconds, the rest of
+ * the span is dropped.
+ * @return 0, or -1 when bytes were lost to a decoder
  */
 int32_t dolby_send_stream(dolby_info_t* info, const void* data, uint32_t size, dolby_iec61937_format_e new_format);
 
