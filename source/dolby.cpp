@@ -123,7 +123,7 @@ bool is_silent(const uint8_t* data, uint32_t size)
     return size == 0 || (data[0] == 0 && memcmp(data, data + 1, size - 1) == 0);
 }
 
-// The stream does not go on where it was, but most likely in the middle of a burst.
+// Frames were lost: the stream most likely goes on in the middle of a burst.
 void begin_stream(dolby_info_t* info)
 {
     static_cast<burst_state&>(*info) = {};
@@ -131,8 +131,8 @@ void begin_stream(dolby_info_t* info)
     info->stuffing_bytes = type != nullptr ? type->burst_bytes : 0;
 }
 
-// Zeros before the first burst of a stream that began in the middle of one are its stuffing, as long as they are no
-// longer than a burst. Taken for a pause, they would have the next burst reopen the capture, and so on for ever.
+// A stream that begins in the middle of a burst begins with the stuffing of that burst: zeros, and less than a burst of
+// them. Were they taken for a pause, the next burst would reopen the capture, which breaks the stream again.
 bool is_stuffing(dolby_info_t* info, uint32_t size)
 {
     const bool fits = size < info->stuffing_bytes;
@@ -197,15 +197,15 @@ int32_t write_payload(dolby_info_t* info, adecoder_handle_t* decoder, byte_span 
     return 0;
 }
 
-// The queue wakes one waiting producer only, and any acquire may swallow the request: whoever might have
-// done so repeats it until the demux thread has its answer.
+// A wake-up ends one acquire only, which may be the decode thread's. That thread therefore repeats it after each of its
+// acquires, as long as the demux thread still waits.
 void release_demux_thread(dolby_info_t* info)
 {
     if (info->demux_acquiring && info->strategy != DOLBY_STRATEGY_DECODE)
         frame_queue_pool_wakeup(info->output_pcm_queue);
 }
 
-// For the demux thread: null as well when decoding ends while the queue is full.
+// For the demux thread. Null also when decoding ends while the queue is full.
 frame_info_t* acquire_silence_frame(dolby_info_t* info, int32_t size)
 {
     info->demux_acquiring = true;
@@ -523,6 +523,7 @@ void dolby_format_changed(dolby_info_t* info, dolby_iec61937_format_e new_format
         if (info->adecoder_handle != nullptr)
             adecoder_deinit(info->adecoder_handle);
         info->adecoder_handle = nullptr;
+        info->decoder_stalled = false;
         if (is_decodable(new_format)) {
             const adecoder_format_t format = dolby_trans_format(new_format);
             const adecoder_channel_t num_channel = dolby_trans_channels(info->output_channels);
