@@ -197,6 +197,13 @@ public:
     {
         lock_native();
     }
+    /// As above, for one of several locks of a kind: @p open tells of this one.
+    entry_guard(rwlock_t& lock, const std::atomic<bool>& open, loglevel_e level, const char* message,
+                const char* function, int line) ACQUIRE_SHARED(lock)
+        : lock_(&lock), open_(&open), level_(level), message_(message), function_(function), line_(line)
+    {
+        lock_native();
+    }
     ~entry_guard() RELEASE() { unlock_native(); }
     entry_guard(const entry_guard&) = delete;
     entry_guard& operator=(const entry_guard&) = delete;
@@ -212,7 +219,7 @@ private:
         if (lock_->writers == 0) {
             pthread_rwlock_rdlock(&lock_->native);
             held_ = true;
-            if (is_open_())
+            if (open_ != nullptr ? open_->load() : is_open_())
                 return;
             unlock_native();
         }
@@ -227,7 +234,8 @@ private:
     }
 
     rwlock_t* const lock_;
-    bool (*const is_open_)();
+    bool (*const is_open_)() = nullptr;
+    const std::atomic<bool>* const open_ = nullptr;
     const loglevel_e level_;
     const char* const message_;
     const char* const function_;

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+#include "internal/locks.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/blocked_call.h"
+#include "support/log_capture.h"
+
+namespace
+{
+
+rwlock_t g_lock;
+bool g_open GUARDED_BY(g_lock) = false;
+std::atomic<bool> g_slot_open;
+
+bool is_open() REQUIRES_SHARED(g_lock) { return g_open; }
+
+/// Entry points of a module, and a read that is none.
+bool get_value()
+{
+    const entry_guard api(g_lock, is_open);
+    return static_cast<bool>(api);
+}
+
+bool read_inside_a_call()
+{
+    const read_guard inside(g_lock);
+    return g_open;
+}
+
+bool get_other_value()
+{
+    const entry_guard api(g_lock, is_open, LOG_LEVEL_E, "other text");
+    return static_cast<bool>(api);
+}
+
+void set_open(bool open)
+{
+    const write_guard writer(g_lock);
+    g_open = open;
+}
+
+bool slot_is_open(const char* function, int line)
+{
+    const entry_guard api(g_lock, g_slot_open, LOG_LEVEL_E, "no slot", function, line);
+    return static_cast<bool>(api);
+}
+
+} // namespace
+
+TEST(Locks, AClosedModuleRefusesInTheNameOfTheCaller)
+{
+    set_open(false);
+    const std::string text = logged("2", [] {
+        EXPECT_FALSE(get_value() || get_other_value());
+        EXPECT_FALSE(slot_is_open("caller", 7));
+    });
+    EXPECT_EQ(occurrences(text, " W [get_value "), 1) << text;
+    EXPECT_EQ(occurrences(text, "] module not initialized\n"), 1) << text;
+    EXPECT_EQ(occurrences(text, " E [get_other_value "), 1) << text;
+    EXPECT_EQ(occurrences(text, "] other text\n"), 1) << text;
+    EXPECT_EQ(occurrences(text, " E [caller 7] no slot\n"), 1) << text;
+    EXPECT_EQ(logged("0", [] { EXPECT_FALSE(get_value() || get_other_value()); }), "");
+    set_open(true);
+    g_slot_open = true;
+    EXPECT_EQ(logged("5", [] { EXPECT_TRUE(get_value() && get_other_value() && slot_is_open("caller", 7)); }), "");
+}
+
+// The lock is never free: each reader holds it until another one has entered.
+TEST(Locks, ReadersInALoopDoNotHoldUpAWriter)
+{
+    const LogLevel quiet("0");
+    set_open(true);
+    std::atomic<bool> stop{false};
+    std::atomic<int> entered{0}, refused{0};
+    std::vector<std::thread> readers;
+    for (int n = 0; n < 3; ++n) {
+        readers.emplace_back([&] {
+            while (!stop) {
+                const entry_guard api(g_lock, is_open);
+                if (!api) {
+                    ++refused;
+                    continue;
+                }
+                get_value();
+                const int mine = ++entered;
+                while (entered == mine && refused == 0 && !stop)
+                    sched_yield();
+            }
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return entered > 100; }));
+    EXPECT_EQ(refused, 0) << "without a writer nobody is refused";
+    BlockedCall<bool> writer([] {
+        set_open(false);
+        return true;
+    });
+    EXPECT_TRUE(eventually([&] { return writer.returned(); }));
+    EXPECT_TRUE(eventually([&, before = refused.load()] { return refused > before; })) << "refused afterwards, too";
+    stop = true;
+    for (std::thread& reader : readers)
+        reader.join();
+}
+
+TEST(Locks, WhileAWriterWaitsNewCallsAreRefusedAndReadsInsideACallAreNotBlocked)
+{
+    const LogLevel quiet("0");
+    set_open(true);
+    entry_guard api(g_lock, is_open);
+    ASSERT_TRUE(api);
+    BlockedCall<bool> writer([] {
+        set_open(true);
+        return true;
+    });
+    EXPECT_TRUE(writer.asleep());
+    EXPECT_FALSE(get_value()) << "although the lock is held for reading only";
+    EXPECT_TRUE(read_inside_a_call());
+    EXPECT_FALSE(writer.returned());
+    api.unlock();
+    EXPECT_TRUE(writer.result());
+    // Taken again, a guard asks again.
+    api.lock();
+    EXPECT_TRUE(api);
+    api.unlock();
+    set_open(false);
+    api.lock();
+    EXPECT_FALSE(api);
+}
