@@ -237,14 +237,6 @@ bool acquire_ended(const frame_queue_t& q, const char* function) REQUIRES(q.mute
     return q.abort || q.pool_wakeup;
 }
 
-/// Lets time pass after a failed allocation; false when acquire is to give up.
-bool wait_for_memory(frame_queue_t& q, mutex_guard& lock, const char* function) REQUIRES(q.mutex)
-{
-    if (!q.abort && !q.pool_wakeup)
-        lock.wait_until(q.cond_acquire, get_monotonic_timeout_us(kAllocRetryUs));
-    return !acquire_ended(q, function);
-}
-
 frame_info_t* acquire(frame_queue_t& q, mutex_guard& lock, int32_t size, const char* function) REQUIRES(q.mutex)
 {
     while (!q.abort) {
@@ -269,8 +261,9 @@ frame_info_t* acquire(frame_queue_t& q, mutex_guard& lock, int32_t size, const c
         }
         if (record != nullptr)
             return record;
-        if (!wait_for_memory(q, lock, function))
-            return nullptr;
+        // Memory is short: try again until an abort. A pause on cond_acquire would take the signals of those who
+        // wait for a frame.
+        lock.wait_until(q.cond_memory, get_monotonic_timeout_us(kAllocRetryUs));
     }
     return nullptr;
 }
@@ -330,6 +323,7 @@ frame_info_t* find_record(frame_queue_t& q, const void* address, size_t member_o
         return nullptr;
     return &q.arry_pool_frames[index];
 }
+    pthread_cond_broadcast(&q.cond_memory);
 
 void abort_queue(frame_queue_t& q) EXCLUDES(q.mutex)
 {
@@ -380,6 +374,7 @@ frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THR
 {
     frame_queue_t* q = new (storage) frame_queue_t{};
     q->en_api_log = env_get_value("debug_hdmiplayer_log_fq_api", 0) != 0;
+    cond_init_monotonic(q->cond_memory);
     q->en_state_log = env_get_value("debug_hdmiplayer_log_fq_state", 0) != 0;
     q->name = name;
     q->pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
@@ -440,6 +435,7 @@ int32_t frame_queue_deinit(int32_t id)
         return -1;
     }
     frame_queue_t* q = static_cast<frame_queue_t*>(slot->info.load());
+    pthread_cond_destroy(&q->cond_memory);
     api_trace trace(*q);
     // Calls in progress hold the slot lock, for ever if they wait for a frame: end them first.
     abort_queue(*q);

@@ -248,32 +248,58 @@ TEST_F(FrameQueue, AFlushDiscardsWhatIsDoneWithoutWakingTheProducer)
     EXPECT_NE(queue.acquire(32), nullptr);
 }
 
-TEST_F(FrameQueue, WhileMemoryIsShortAcquireRetriesUntilWokenOrAborted)
+TEST_F(FrameQueue, WhileMemoryIsShortAcquireKeepsTryingAndOnlyAnAbortEndsIt)
 {
     Queue queue(1);
-    const auto gives_up_on = [&](void (*end)(int32_t)) {
+    // What acquire returns after @p end, called while memory is short, and what it logs besides the failures.
+    const auto ended_by = [&](auto end) {
         g_failures_left = 1000000;
-        BlockedCall<frame_info_t*> call([&] { return queue.acquire(kScarceSize); });
-        EXPECT_TRUE(eventually([] { return g_failures_left < 1000000; }));
-        end(queue.id);
-        EXPECT_EQ(call.result(), nullptr);
-        EXPECT_GT(g_failures_left, 990000) << "the retry does not spin";
+        frame_info_t* frame = nullptr;
+        const std::string text = logged("2", [&] {
+            BlockedCall<frame_info_t*> call([&] { return queue.acquire(kScarceSize); });
+            EXPECT_TRUE(eventually([] { return g_failures_left < 1000000; }));
+            end();
+            frame = call.result();
+        });
+        EXPECT_TRUE(g_failures_left == 0 || g_failures_left > 990000) << "the retry does not spin";
+        EXPECT_EQ(occurrences(text, "[frame_queue_"), occurrences(text, "] [TEST] frame buf alloc failed\n")) << text;
+        g_failures_left = 0;
+        return frame;
+    };
+    const auto memory_after_a_wake_up = [&] {
+        frame_queue_pool_wakeup(queue.id);
+        const int left = g_failures_left;
+        EXPECT_TRUE(eventually([left] { return g_failures_left < left - 2; }));
         g_failures_left = 0;
     };
-    gives_up_on(frame_queue_pool_wakeup);
+    // For a new record, and for a free one that is too small.
+    for (bool grown : {true, false}) {
+        if (!grown)
+            queue.put(queue.acquire(64));
+        frame_info_t* frame = ended_by(memory_after_a_wake_up);
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(frame->frame.buf_size, kScarceSize);
+        BlockedCall<frame_info_t*> next([&] { return queue.acquire(16); });
+        EXPECT_TRUE(next.asleep()) << "the wake-up is spent";
+        frame_queue_pool_release(queue.id);
+        ASSERT_NE(next.result(), nullptr);
+        frame_queue_pool_release(queue.id);
+    }
+    // A failed enlargement takes the buffer and keeps its size, which would fit.
     frame_info_t* frame = queue.acquire(64);
     queue.put(frame);
-    gives_up_on(frame_queue_pool_wakeup);
-    // The failed enlargement took its buffer, whose size is kept and would fit.
-    EXPECT_EQ(queue.acquire(16), frame);
-    ASSERT_NE(frame->frame.data, nullptr);
-    memset(frame->frame.data, 1, 16);
-    queue.put(frame);
-    g_failures_left = 3;
-    const std::string text = logged("1", [&] { queue.put(queue.acquire(kScarceSize)); });
-    EXPECT_EQ(occurrences(text, "] [TEST] frame buf alloc failed\n"), 3) << text;
+    frame_info_t* other = nullptr;
+    EXPECT_NE(ended_by([&] {
+                  other = queue.acquire(16);
+                  ASSERT_NE(other->frame.data, nullptr);
+                  memset(other->frame.data, 1, 16);
+                  g_failures_left = 0;
+                  queue.put(other);
+              }),
+              nullptr);
+    EXPECT_EQ(other, frame);
     frame_queue_pool_release(queue.id);
-    gives_up_on(frame_queue_abort);
+    EXPECT_EQ(ended_by([&] { frame_queue_abort(queue.id); }), nullptr);
 }
 
 TEST_F(FrameQueue, WaitingForANumberOfFramesEndsWithThem)

@@ -58,6 +58,7 @@ typedef struct frame_queue_s {
     mutex_t mutex;
     pthread_cond_t cond;                     ///< the done list gained a frame
     pthread_cond_t cond_acquire;             ///< the pool gained a free frame
+    pthread_cond_t cond_memory;              ///< paused on between attempts to allocate; signalled by abort only
     bool done_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a done frame
     bool pool_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a pool frame
     int32_t count_waiters GUARDED_BY(mutex); ///< calls in frame_queue_wait_done_frame()
@@ -71,8 +72,9 @@ int32_t frame_queue_init(int32_t max_frames, const char* name);
 /// Aborts the queue, waits for calls in progress, frees every frame, held ones included. 0 or -1.
 int32_t frame_queue_deinit(int32_t id);
 
-/// A frame in state ACQUIRED whose `data` is not null and holds at least @p frame_size bytes; blocks
-/// until there is one, while memory is short too; null on abort and on a pool wake-up.
+/// A frame in state ACQUIRED whose `data` is not null and holds at least @p frame_size bytes. Blocks until
+/// there is one; null on abort, and on a pool wake-up while the pool is empty. While memory is short it keeps
+/// trying, which only an abort ends.
 frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size);
 
 /// Appends an acquired frame to the done list. 0, or -1 when it is not in state ACQUIRED.
