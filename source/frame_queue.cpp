@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <type_traits>
 
 #include "internal/common.h"
@@ -35,6 +36,8 @@ mutex_t g_registry_mutex;
 /// the table before it is built, and until calls in progress have left.
 std::atomic<bool> g_live[FRAME_QUEUE_MAX];
 
+constexpr const char* kNoQueueMessage = "frame_queue_t is null.";
+
 /// The slot with this id; null, with the failure logged, when there is none.
 resource_manager_t* find_slot(int32_t id, const char* function)
 {
@@ -44,39 +47,28 @@ resource_manager_t* find_slot(int32_t id, const char* function)
     return slot;
 }
 
-/// A queue looked up by id, kept in existence by its slot lock for a scope.
-/// Empty, with the failure logged, when there is none.
+/// A queue looked up by id; its slot lock keeps it in existence for a scope.
+/// Empty, with the failure logged in the name of the caller, when there is none.
 class queue_ref
 {
 public:
-    explicit queue_ref(int32_t id, const char* function = __builtin_FUNCTION())
+    explicit queue_ref(int32_t id, const char* function = __builtin_FUNCTION(), int line = __builtin_LINE())
     {
         resource_manager_t* slot = find_slot(id, function);
         if (slot == nullptr)
             return;
-        // Before the lock too: callers in a loop must not starve the deinit that waits for it.
-        if (g_live[slot->id].load()) {
-            pthread_rwlock_rdlock(&slot->rwlock.native);
-            if (g_live[slot->id].load()) {
-                slot_ = slot;
-                return;
-            }
-            pthread_rwlock_unlock(&slot->rwlock.native);
-        }
-        log_as(function, LOG_LEVEL_E, "frame_queue_t is null.\n");
+        api_.emplace(slot->rwlock, g_live[slot->id], LOG_LEVEL_E, kNoQueueMessage, function, line);
+        if (*api_)
+            queue_ = static_cast<frame_queue_t*>(slot->info.load());
     }
-    ~queue_ref()
-    {
-        if (slot_ != nullptr)
-            pthread_rwlock_unlock(&slot_->rwlock.native);
-    }
-    queue_ref(const queue_ref&) = delete;
-    queue_ref& operator=(const queue_ref&) = delete;
 
-    frame_queue_t* get() const { return slot_ != nullptr ? static_cast<frame_queue_t*>(slot_->info.load()) : nullptr; }
+    explicit operator bool() const { return queue_ != nullptr; }
+    frame_queue_t& operator*() const { return *queue_; }
+    frame_queue_t* operator->() const { return queue_; }
 
 private:
-    resource_manager_t* slot_ = nullptr;
+    std::optional<entry_guard> api_; ///< empty: no slot has this id
+    frame_queue_t* queue_ = nullptr;
 };
 
 /// Traces a call at its begin and end. Outlives the record in deinit, so it keeps what it needs.
@@ -323,21 +315,21 @@ frame_info_t* find_record(frame_queue_t& q, const void* address, size_t member_o
         return nullptr;
     return &q.arry_pool_frames[index];
 }
-    pthread_cond_broadcast(&q.cond_memory);
 
 void abort_queue(frame_queue_t& q) EXCLUDES(q.mutex)
 {
-    api_trace trace(q, "frame_queue_abort");
+    const api_trace trace(q, "frame_queue_abort");
     mutex_guard lock(q.mutex);
     q.abort = true;
     pthread_cond_broadcast(&q.cond);
     pthread_cond_broadcast(&q.cond_acquire);
+    pthread_cond_broadcast(&q.cond_memory);
 }
 
 int32_t release_done(frame_queue_t& q) REQUIRES(q.mutex)
 {
     const char* function = "frame_queue_done_release";
-    api_trace trace(q, function);
+    const api_trace trace(q, function);
     while (!list_empty(&q.list_done_frames)) {
         frame_info_t* record = list_entry(q.list_done_frames.next, frame_info_t, node);
         if (record->state != E_FRAME_NODE_STATE_QUEUED)
@@ -351,7 +343,7 @@ int32_t release_done(frame_queue_t& q) REQUIRES(q.mutex)
 void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
 {
     const char* function = "frame_queue_pool_release";
-    api_trace trace(q, function);
+    const api_trace trace(q, function);
     mutex_guard lock(q.mutex);
     release_done(q);
     for (int32_t i = 0; i < q.pool_frames_max; ++i) {
@@ -374,7 +366,6 @@ frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THR
 {
     frame_queue_t* q = new (storage) frame_queue_t{};
     q->en_api_log = env_get_value("debug_hdmiplayer_log_fq_api", 0) != 0;
-    cond_init_monotonic(q->cond_memory);
     q->en_state_log = env_get_value("debug_hdmiplayer_log_fq_state", 0) != 0;
     q->name = name;
     q->pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
@@ -383,6 +374,7 @@ frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THR
     // time limit ends such a wait, whatever happens to the wall clock.
     cond_init_monotonic(q->cond);
     cond_init_monotonic(q->cond_acquire);
+    cond_init_monotonic(q->cond_memory);
     list_init(&q->list_done_frames);
     return q;
 }
@@ -419,7 +411,7 @@ int32_t frame_queue_init(int32_t max_frames, const char* name)
         log_e("[%s] frame_queue_t malloc failed.\n", name);
         return -1;
     }
-    api_trace trace(*build(storage, max_frames, name));
+    const api_trace trace(*build(storage, max_frames, name));
     g_live[id].store(true);
     return id;
 }
@@ -431,12 +423,11 @@ int32_t frame_queue_deinit(int32_t id)
         return -1;
     // One call wins the record, and it alone may free it: until then it is used without the slot lock.
     if (!g_live[id].exchange(false)) {
-        log_e("frame_queue_t is null.\n");
+        log_e("%s\n", kNoQueueMessage);
         return -1;
     }
     frame_queue_t* q = static_cast<frame_queue_t*>(slot->info.load());
-    pthread_cond_destroy(&q->cond_memory);
-    api_trace trace(*q);
+    const api_trace trace(*q);
     // Calls in progress hold the slot lock, for ever if they wait for a frame: end them first.
     abort_queue(*q);
     write_guard lock(slot->rwlock);
@@ -444,17 +435,17 @@ int32_t frame_queue_deinit(int32_t id)
     q->mutex.destroy();
     pthread_cond_destroy(&q->cond);
     pthread_cond_destroy(&q->cond_acquire);
+    pthread_cond_destroy(&q->cond_memory);
     destroy_slot(q->name, id);
     return 0;
 }
 
 frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return nullptr;
-    api_trace trace(*q);
+    const api_trace trace(*q);
     mutex_guard lock(q->mutex);
     frame_info_t* record = acquire(*q, lock, std::max(frame_size, 0), __func__);
     q->pool_wakeup = false;
@@ -463,11 +454,10 @@ frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size)
 
 int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return -1;
-    api_trace trace(*q);
+    const api_trace trace(*q);
     if (frame == nullptr) {
         log_e("frame:%p is null.\n", static_cast<void*>(frame));
         return -1;
@@ -490,11 +480,10 @@ int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame)
 
 frame_info_t* frame_queue_done_dequeue(int32_t id, int32_t timeout_ms)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return nullptr;
-    api_trace trace(*q);
+    const api_trace trace(*q);
     mutex_guard lock(q->mutex);
     if (q->abort) {
         log_w("[%s] frame_queue abort\n", q->name);
@@ -508,11 +497,10 @@ frame_info_t* frame_queue_done_dequeue(int32_t id, int32_t timeout_ms)
 
 int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return -1;
-    api_trace trace(*q);
+    const api_trace trace(*q);
     mutex_guard lock(q->mutex);
     frame_info_t* record = find_record(*q, frame, offsetof(frame_info_t, frame));
     if (record == nullptr)
@@ -530,18 +518,15 @@ int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame)
 
 void frame_queue_abort(int32_t id)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
-        return;
-    abort_queue(*q);
+    const queue_ref q(id);
+    if (q)
+        abort_queue(*q);
 }
 
 int32_t frame_queue_done_release(int32_t id)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return -1;
     mutex_guard lock(q->mutex);
     return release_done(*q);
@@ -549,9 +534,8 @@ int32_t frame_queue_done_release(int32_t id)
 
 int32_t frame_queue_pool_release(int32_t id)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return -1;
     release_pool(*q);
     return 0;
@@ -559,9 +543,8 @@ int32_t frame_queue_pool_release(int32_t id)
 
 int32_t frame_queue_wait_done_frame(int32_t id, int32_t count)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return -1;
     mutex_guard lock(q->mutex);
     ++q->count_waiters;
@@ -579,16 +562,14 @@ int32_t frame_queue_wait_done_frame(int32_t id, int32_t count)
 
 int32_t frame_queue_get_done_counts(int32_t id)
 {
-    queue_ref ref(id);
-    const frame_queue_t* q = ref.get();
-    return q != nullptr ? q->done_frames_count.load() : -1;
+    const queue_ref q(id);
+    return q ? q->done_frames_count.load() : -1;
 }
 
 void frame_queue_done_wakeup(int32_t id)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return;
     mutex_guard lock(q->mutex);
     q->done_wakeup = true;
@@ -597,9 +578,8 @@ void frame_queue_done_wakeup(int32_t id)
 
 void frame_queue_pool_wakeup(int32_t id)
 {
-    queue_ref ref(id);
-    frame_queue_t* q = ref.get();
-    if (q == nullptr)
+    const queue_ref q(id);
+    if (!q)
         return;
     mutex_guard lock(q->mutex);
     q->pool_wakeup = true;

@@ -360,6 +360,25 @@ TEST_F(FrameQueue, DeinitEndsTheCallsThatWait)
     EXPECT_TRUE(acquire.result() == nullptr && dequeue.result() == nullptr && count.result() == 0);
 }
 
+TEST_F(FrameQueue, CallersInALoopDoNotHoldUpDeinit)
+{
+    const int32_t id = frame_queue_init(4, "TEST");
+    std::atomic<bool> stop{false};
+    std::atomic<int> calls{0};
+    std::vector<std::thread> callers;
+    for (int n = 0; n < 32; ++n) {
+        callers.emplace_back([&] {
+            for (; !stop; ++calls)
+                frame_queue_done_dequeue(id, 1);
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return calls > 100; }));
+    EXPECT_EQ(BlockedCall<int32_t>([id] { return frame_queue_deinit(id); }).result(), 0);
+    stop = true;
+    for (std::thread& caller : callers)
+        caller.join();
+}
+
 TEST_F(FrameQueue, StaleIdsOfOtherThreadsDoNoHarm)
 {
     std::atomic<bool> stop{false};
