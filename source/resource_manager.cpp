@@ -8,6 +8,35 @@
 namespace
 {
 
+/// Begins a message: create and destroy name the resource, "[name] "; the others know none.
+struct subject {
+    const char* open = "";
+    const char* name = "";
+    const char* close = "";
+};
+
+subject named(const char* name) { return {"[", name, "] "}; }
+
+/// Whether there is a table at all; complains in the name of @p function otherwise.
+bool valid_table(const resource_manager_t* map, uint32_t count, const subject& who, const char* function)
+{
+    if (map == nullptr)
+        log_as(function, LOG_LEVEL_W, "%s%s%sinvalid map\n", who.open, who.name, who.close);
+    else if (count == 0)
+        log_as(function, LOG_LEVEL_W, "%s%s%sinvalid count:%d\n", who.open, who.name, who.close, 0);
+    return map != nullptr && count > 0;
+}
+
+/// As valid_table(), and whether @p id can be one.
+bool valid_request(const resource_manager_t* map, uint32_t count, int32_t id, const subject& who, const char* function)
+{
+    if (!valid_table(map, count, who, function))
+        return false;
+    if (id < 0)
+        log_as(function, LOG_LEVEL_W, "%s%s%sinvalid id:%d\n", who.open, who.name, who.close, id);
+    return id >= 0;
+}
+
 resource_manager_t* find(resource_manager_t* map, uint32_t count, int32_t id)
 {
     for (uint32_t i = 0; i < count; ++i) {
@@ -21,14 +50,8 @@ resource_manager_t* find(resource_manager_t* map, uint32_t count, int32_t id)
 
 int32_t resource_manager_create(const char* name, resource_manager_t* map, uint32_t count, int32_t info_size)
 {
-    if (map == nullptr) {
-        log_w("[%s] invalid map\n", name);
+    if (!valid_table(map, count, named(name), __func__))
         return -1;
-    }
-    if (count == 0) {
-        log_w("[%s] invalid count:%d\n", name, static_cast<int>(count));
-        return -1;
-    }
     if (info_size < 1) {
         log_w("[%s] invalid info_size:%d\n", name, info_size);
         return -1;
@@ -54,18 +77,8 @@ int32_t resource_manager_create(const char* name, resource_manager_t* map, uint3
 
 int32_t resource_manager_destroy(const char* name, resource_manager_t* map, uint32_t count, int32_t id)
 {
-    if (map == nullptr) {
-        log_w("[%s] invalid map\n", name);
+    if (!valid_request(map, count, id, named(name), __func__))
         return -1;
-    }
-    if (count == 0) {
-        log_w("[%s] invalid count:%d\n", name, static_cast<int>(count));
-        return -1;
-    }
-    if (id < 0) {
-        log_w("[%s] invalid id:%d\n", name, id);
-        return -1;
-    }
 
     resource_manager_t* slot = find(map, count, id);
     if (slot == nullptr) {
@@ -84,18 +97,8 @@ int32_t resource_manager_destroy(const char* name, resource_manager_t* map, uint
 
 resource_manager_t* resource_manager_get(resource_manager_t* map, uint32_t count, int32_t id)
 {
-    if (map == nullptr) {
-        log_w("invalid map\n");
+    if (!valid_request(map, count, id, {}, __func__))
         return nullptr;
-    }
-    if (count == 0) {
-        log_w("invalid count:%d\n", static_cast<int>(count));
-        return nullptr;
-    }
-    if (id < 0) {
-        log_w("invalid id:%d\n", id);
-        return nullptr;
-    }
 
     resource_manager_t* slot = find(map, count, id);
     if (slot == nullptr) {
@@ -107,14 +110,8 @@ resource_manager_t* resource_manager_get(resource_manager_t* map, uint32_t count
 
 void resource_manager_print(resource_manager_t* map, uint32_t count)
 {
-    if (map == nullptr) {
-        log_w("invalid map\n");
+    if (!valid_table(map, count, {}, __func__))
         return;
-    }
-    if (count == 0) {
-        log_w("invalid count:%d\n", static_cast<int>(count));
-        return;
-    }
     for (uint32_t i = 0; i < count; ++i) {
         void* info = map[i].info.load();
         log_i("resource_manager_print id:%d info:%p used:%d\n", map[i].id, info, info != nullptr ? 1 : 0);

@@ -16,8 +16,8 @@
 
 typedef struct resource_manager_e {
     int32_t id;              ///< fixed when the table is defined: slot i has id i
-    rwlock_t rwlock;         ///< guards `info` and what it points to; used by the owner only
-    std::atomic<void*> info; ///< the slot's payload, null while the slot is free
+    rwlock_t rwlock;         ///< the owner's: guards what `info` points to
+    std::atomic<void*> info; ///< the slot's payload, null while free; read by the registry without the lock
 } resource_manager_t;
 
 /// Takes the lowest free slot and gives it a zero-filled payload of @p info_size bytes; its index, or -1.
