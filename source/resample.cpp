@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "internal/common.h"
+#include "internal/conversion_plan.h"
 #include "internal/frame_queue.h"
 
 resample_context_t g_resample_ctx;
@@ -26,12 +27,6 @@ constexpr int32_t kQueueFrames = 128;
 constexpr int32_t kSourceTimeoutMs = 100;
 /// Pause of the worker while the stage is off, or while its source answers at once that it has nothing.
 constexpr useconds_t kIdleUs = 10000;
-/// The source is taken as 16-bit samples where output is sized.
-constexpr int32_t kSourceSampleBytes = 2;
-/// Samples of headroom in each output frame: what the converter held back earlier comes out on top.
-constexpr int64_t kHeadroomSamples = 64;
-/// Channels the converter library can handle at most.
-constexpr int kMaxChannels = 64;
 constexpr uint8_t kRandomDelay = 2;
 
 /// Serialises init and deinit, each of which joins the worker. Outside every other lock here.
@@ -96,11 +91,9 @@ audio_param_t derived(audio_param_t param)
     return param;
 }
 
-bool can_hold_samples(const audio_param_t& param) { return param.frame_size > 0 && param.channels <= kMaxChannels; }
-
 /// The block's samples as the converter takes them: one pointer, or one per channel of a planar format.
 struct sample_planes {
-    uint8_t* data[kMaxChannels] = {};
+    uint8_t* data[RESAMPLE_MAX_CHANNELS] = {};
 
     sample_planes(uint8_t* block, int samples, const audio_param_t& param)
     {
@@ -110,52 +103,27 @@ struct sample_planes {
     }
 };
 
-/// What a source frame asks of its output frame.
-struct frame_plan {
-    int nb_frames = 0; ///< source samples, taken as 16-bit
-    int buf_size = 0;  ///< bytes; 0 or less: the frame is unusable
-};
-
-bool passes_through(const resample_context_t& ctx, const hdmi_player_audio_frame_t& frame)
+/// Frees the converter after a failure. Its rate is forgotten too, so that the next frame builds a new one
+/// instead of taking the missing one for none needed.
+void lose_converter(resample_context_t& ctx)
 {
-    if (frame.sample_rate != ctx.src_param.sample_rate)
-        return frame.sample_rate == ctx.tgt_param.sample_rate;
-    return ctx.audio_swr_ctx == nullptr;
+    swr_free(&ctx.audio_swr_ctx);
+    ctx.src_param.sample_rate = RESAMPLE_RATE_NONE;
 }
 
-frame_plan plan(const resample_context_t& ctx, const hdmi_player_audio_frame_t& frame)
+/// Replaces the converter for frames of @p rate; false when the one that they need cannot be built.
+bool follow_rate(resample_context_t& ctx, int rate, bool converts)
 {
-    frame_plan result;
-    if (frame.data == nullptr || frame.size < 0 || frame.channels <= 0 || frame.sample_rate <= 0 ||
-        !can_hold_samples(ctx.src_param) || !can_hold_samples(ctx.tgt_param))
-        return result;
-    result.nb_frames = frame.size / kSourceSampleBytes / frame.channels;
-    const int64_t samples = int64_t{ctx.tgt_param.sample_rate} * result.nb_frames / frame.sample_rate;
-    if (samples < 0 || samples + kHeadroomSamples > INT32_MAX)
-        return result;
-    result.buf_size = av_samples_get_buffer_size(nullptr, ctx.tgt_param.channels,
-                                                 static_cast<int>(samples + kHeadroomSamples), ctx.tgt_param.fmt, 1);
-    // A copy needs room for every byte, also where the target's samples are smaller than the source's.
-    if (result.buf_size > 0 && passes_through(ctx, frame))
-        result.buf_size = std::max(result.buf_size, frame.size);
-    return result;
-}
-
-/// Has the converter fit frames of @p rate; false when there can be none, to be tried again with the next frame.
-bool follow_rate(resample_context_t& ctx, int rate)
-{
-    if (rate == ctx.src_param.sample_rate)
-        return true;
     swr_free(&ctx.audio_swr_ctx);
     log_i("original sample_rate:%d target sample_rate:%d\n", rate, ctx.tgt_param.sample_rate);
-    if (rate != ctx.tgt_param.sample_rate) {
+    if (converts) {
         ctx.audio_swr_ctx = create_converter(ctx.tgt_param, ctx.src_param, rate);
         if (ctx.audio_swr_ctx == nullptr || swr_init(ctx.audio_swr_ctx) < 0) {
             log_e("Cannot create sample rate converter for conversion of %d Hz %s %d channels to %d Hz %s %d "
                   "channels!\n",
                   rate, format_name(ctx.src_param.fmt), ctx.src_param.channels, ctx.tgt_param.sample_rate,
                   format_name(ctx.tgt_param.fmt), ctx.tgt_param.channels);
-            swr_free(&ctx.audio_swr_ctx);
+            lose_converter(ctx);
             return false;
         }
     }
@@ -173,7 +141,7 @@ int32_t run_converter(resample_context_t& ctx, const hdmi_player_audio_frame_t& 
     if (len < 0) {
         log_e("swr_convert failed, len:%d\n", len);
         if (swr_init(ctx.audio_swr_ctx) < 0)
-            swr_free(&ctx.audio_swr_ctx);
+            lose_converter(ctx);
         return -1;
     }
     const int32_t size = len * ctx.tgt_param.channels * av_get_bytes_per_sample(ctx.tgt_param.fmt);
@@ -181,25 +149,23 @@ int32_t run_converter(resample_context_t& ctx, const hdmi_player_audio_frame_t& 
     return size;
 }
 
-/// Converts @p src into @p dst, or copies it where no conversion is needed.
-bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, int nb_frames,
+/// Makes @p dst of @p src as planned. False when the converter fails.
+bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, const conversion_plan_t& plan,
              hdmi_player_audio_frame_t& dst)
 {
-    if (!follow_rate(ctx, src.sample_rate))
+    if (plan.rate_changed && !follow_rate(ctx, src.sample_rate, plan.converts))
         return false;
     const int samples = src.size / ctx.src_param.frame_size;
     const int capacity = dst.buf_size / ctx.tgt_param.frame_size;
     log_d("src serial:%d pts:%lld samples:%d size:[%d %d], dst samples:%d buf_size:%d\n", src.serial,
           static_cast<long long>(src.pts), samples, src.size, src.buf_size, capacity, dst.buf_size);
-    if (ctx.audio_swr_ctx != nullptr) {
+    if (plan.converts) {
         // No more than the output was sized for: the converter would pile up the rest without bound.
-        dst.size = run_converter(ctx, src, std::min(samples, nb_frames), dst, capacity);
-        if (dst.size < 0) {
-            dst.size = 0;
+        const int32_t size = run_converter(ctx, src, std::min(samples, plan.nb_frames), dst, capacity);
+        if (size < 0)
             return false;
-        }
+        dst.size = size;
     } else {
-        // plan() made room for all of it.
         memcpy(dst.data, src.data, static_cast<size_t>(src.size));
         dst.size = src.size;
     }
@@ -208,8 +174,8 @@ bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, int 
     return true;
 }
 
-/// The next source frame; null when none came. Never returns null in a hurry:
-/// a source that is not started yet answers at once, and must not be asked in a busy loop.
+/// The next source frame; null when none came. Never returns null immediately: a source that is not
+/// started yet answers at once, and asking it again without a pause would be a busy loop.
 hdmi_player_audio_frame_t* fetch(resample_context_t& ctx)
 {
     const uint64_t begin_ns = system_time(CLOCK_MONOTONIC);
@@ -222,9 +188,9 @@ hdmi_player_audio_frame_t* fetch(resample_context_t& ctx)
 /// Makes an output frame of @p src and queues it; `src` is given back in every case.
 void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char* function)
 {
-    const frame_plan planned = plan(ctx, *src);
-    log_as(function, LOG_LEVEL_D, "nb_frames:%d buf_size:%d\n", planned.nb_frames, planned.buf_size);
-    if (planned.buf_size <= 0) {
+    const conversion_plan_t plan = plan_conversion(ctx.src_param, ctx.tgt_param, ctx.audio_swr_ctx != nullptr, *src);
+    log_as(function, LOG_LEVEL_D, "nb_frames:%d buf_size:%d\n", plan.nb_frames, plan.buf_size);
+    if (!plan.usable) {
         log_as(function, LOG_LEVEL_W, "invalid frame, data:%p size:%d sample_rate:%d channels:%d\n",
                static_cast<void*>(src->data), src->size, src->sample_rate, src->channels);
         ctx.input_queue_put_cb(src);
@@ -232,14 +198,14 @@ void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char
     }
     if (src->size % ctx.src_param.frame_size != 0)
         log_as(function, LOG_LEVEL_W, "frame size:%d is not whole samples\n", src->size);
-    frame_info_t* dst = frame_queue_pool_acquire(ctx.frame_resample_queue, planned.buf_size);
+    frame_info_t* dst = frame_queue_pool_acquire(ctx.frame_resample_queue, plan.buf_size);
     if (dst == nullptr) {
         ctx.input_queue_put_cb(src);
         if (!ctx.abort_request)
-            log_as(function, LOG_LEVEL_E, "frame_queue_pool_acquire(size:%d) failed.\n", planned.buf_size);
+            log_as(function, LOG_LEVEL_E, "frame_queue_pool_acquire(size:%d) failed.\n", plan.buf_size);
         return;
     }
-    if (!convert(ctx, *src, planned.nb_frames, dst->frame)) {
+    if (!convert(ctx, *src, plan, dst->frame)) {
         ctx.input_queue_put_cb(src);
         frame_queue_put(ctx.frame_resample_queue, &dst->frame);
         return;

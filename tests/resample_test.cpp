@@ -19,6 +19,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "internal/conversion_plan.h"
 #include "internal/frame_queue.h"
 #include "support/blocked_call.h"
 #include "support/log_capture.h"
@@ -64,7 +65,11 @@ void push(const std::vector<uint8_t>& bytes, int32_t rate, int64_t pts, int32_t 
     ASSERT_EQ(frame_queue_done_enqueue(g_source, record), 0);
 }
 
-int32_t converted() { return frame_queue_get_done_counts(g_resample_ctx.frame_resample_queue); }
+int32_t converted()
+{
+    const read_guard api(g_resample_ctx.api_rwlock);
+    return frame_queue_get_done_counts(g_resample_ctx.frame_resample_queue);
+}
 
 audio_param_t param(int rate, int channels = 2, enum AVSampleFormat fmt = AV_SAMPLE_FMT_S16)
 {
@@ -275,6 +280,81 @@ TEST_F(Resample, ARateChangeRebuildsTheConverterOnce)
           "] original sample_rate:48000 target sample_rate:48000\n", "] enable_resample:1\n",
           "] frame_resample_queue id:1.\n", "] thread_id: ", "] frame_serial:-1 -> 9\n", "] exit\n"})
         EXPECT_EQ(occurrences(text, message), 1) << message << text;
+}
+
+TEST_F(Resample, AFrameIsPlannedByItsConverterThenBySize)
+{
+    const auto described = [](audio_param_t format, int64_t layout, int frame_size) {
+        format.channel_layout = layout;
+        format.frame_size = frame_size;
+        return format;
+    };
+    const audio_param_t stereo = described(param(48000), 3, 4), stereo_44 = described(param(44100), 3, 4);
+    const audio_param_t mono = described(param(48000, 1), 4, 2), lost = described(param(RESAMPLE_RATE_NONE), 3, 4);
+    const audio_param_t bytes = described(param(48000, 2, AV_SAMPLE_FMT_U8), 3, 2);
+    const struct {
+        audio_param_t src, tgt;
+        bool has_converter;
+        int rate;
+        bool rate_changed, converts;
+        int buf_size;
+    } rows[] = {
+        // The present converter, or the present lack of one, fits.
+        {stereo, stereo, false, 48000, false, false, (960 + 64) * 4},
+        {stereo_44, stereo, true, 44100, false, true, (1044 + 64) * 4},
+        {stereo, mono, true, 48000, false, true, (960 + 64) * 2},
+        // Another rate: the target's own needs none, whatever the layouts were.
+        {stereo, stereo, false, 44100, true, true, (1044 + 64) * 4},
+        {stereo_44, stereo, true, 48000, true, false, (960 + 64) * 4},
+        {stereo_44, mono, true, 48000, true, false, 3840},
+        // The converter was lost to a failure.
+        {lost, stereo, false, 44100, true, true, (1044 + 64) * 4},
+        {lost, stereo, false, 48000, true, false, (960 + 64) * 4},
+        {lost, mono, false, 48000, true, true, (960 + 64) * 2},
+        // Smaller samples: a copy has room for every byte, a conversion what it needs.
+        {stereo, bytes, false, 48000, false, false, 3840},
+        {stereo_44, bytes, true, 44100, false, true, (1044 + 64) * 2},
+    };
+    uint8_t byte = 0;
+    for (const auto& row : rows) {
+        hdmi_player_audio_frame_t frame = {};
+        frame.data = &byte;
+        frame.size = 3840;
+        frame.channels = 2;
+        frame.sample_rate = row.rate;
+        const conversion_plan_t plan = plan_conversion(row.src, row.tgt, row.has_converter, frame);
+        EXPECT_TRUE(plan.usable && plan.nb_frames == 960) << &row - rows;
+        EXPECT_TRUE(plan.rate_changed == row.rate_changed && plan.converts == row.converts) << &row - rows;
+        EXPECT_EQ(plan.buf_size, row.buf_size) << &row - rows;
+    }
+}
+
+// A missing converter must not pass for none needed: 44.1 kHz would play 8.8 % fast.
+TEST_F(Resample, AfterAConverterWasLostTheNextFrameBuildsAnother)
+{
+    // No converter goes from the highest rate there is to such a low one.
+    std::string text = session("3", param(11025), param(8000), [] {
+        for (int rate : {11025, INT32_MAX, 11025}) {
+            push(tone(500, 11025, 0, 1102), rate, 1);
+            const Output out = take(rate == INT32_MAX ? 100 : 10000);
+            EXPECT_EQ(out.valid, rate != INT32_MAX);
+            EXPECT_NEAR(out.bytes.size() / 4, out.valid ? 800 : 0, 32) << "copied as it was";
+        }
+    });
+    EXPECT_EQ(occurrences(text, "] Cannot create sample rate converter for conversion of 2147483647 Hz "), 1) << text;
+    EXPECT_EQ(occurrences(text, "] original sample_rate:11025 target sample_rate:8000\n"), 1) << text;
+    // The first converter cannot start. The layout alone needs one as well as the rate.
+    for (int rate : {44100, 48000}) {
+        text = session("1", param(rate, 11), param(48000), [rate] {
+            const int before = g_returned;
+            for (int i = 1; i <= 3; ++i)
+                push(noise(22 * 10), rate, 1, 1, 11);
+            EXPECT_TRUE(eventually([before] { return g_returned == before + 3; }));
+            EXPECT_FALSE(take(0).valid);
+        });
+        EXPECT_EQ(occurrences(text, "] swr_convert failed, len:"), 1) << text;
+        EXPECT_EQ(occurrences(text, "] Cannot create sample rate converter "), 2) << text;
+    }
 }
 
 TEST_F(Resample, ANewTimeLineDiscardsWhatWaits)
