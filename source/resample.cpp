@@ -29,9 +29,6 @@ constexpr int32_t kSourceTimeoutMs = 100;
 constexpr useconds_t kIdleUs = 10000;
 constexpr uint8_t kRandomDelay = 2;
 
-/// Serialises init and deinit, each of which joins the worker. Outside every other lock here.
-mutex_t g_lifecycle_mutex;
-
 // The mask interface of the FFmpeg libraries is deprecated since 5.1 and gone
 // in 7, its successor is not in 4.4: this is the one place that knows both.
 #if LIBSWRESAMPLE_VERSION_MAJOR >= 5
@@ -185,8 +182,8 @@ hdmi_player_audio_frame_t* fetch(resample_context_t& ctx)
     return frame;
 }
 
-/// Makes an output frame of @p src and queues it; `src` is given back in every case.
-void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char* function)
+/// Makes an output frame of @p src and enqueues it in @p queue; `src` is given back in every case.
+void process(resample_context_t& ctx, int32_t queue, hdmi_player_audio_frame_t* src, const char* function)
 {
     const conversion_plan_t plan = plan_conversion(ctx.src_param, ctx.tgt_param, ctx.audio_swr_ctx != nullptr, *src);
     log_as(function, LOG_LEVEL_D, "nb_frames:%d buf_size:%d\n", plan.nb_frames, plan.buf_size);
@@ -198,7 +195,7 @@ void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char
     }
     if (src->size % ctx.src_param.frame_size != 0)
         log_as(function, LOG_LEVEL_W, "frame size:%d is not whole samples\n", src->size);
-    frame_info_t* dst = frame_queue_pool_acquire(ctx.frame_resample_queue, plan.buf_size);
+    frame_info_t* dst = frame_queue_pool_acquire(queue, plan.buf_size);
     if (dst == nullptr) {
         ctx.input_queue_put_cb(src);
         if (!ctx.abort_request)
@@ -207,7 +204,7 @@ void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char
     }
     if (!convert(ctx, *src, plan, dst->frame)) {
         ctx.input_queue_put_cb(src);
-        frame_queue_put(ctx.frame_resample_queue, &dst->frame);
+        frame_queue_put(queue, &dst->frame);
         return;
     }
     dst->frame.serial = src->serial;
@@ -215,7 +212,14 @@ void process(resample_context_t& ctx, hdmi_player_audio_frame_t* src, const char
     ctx.input_queue_put_cb(src);
     dst->frame.sample_rate = ctx.tgt_param.sample_rate;
     dst->frame.channels = ctx.tgt_param.channels;
-    frame_queue_done_enqueue(ctx.frame_resample_queue, dst);
+    frame_queue_done_enqueue(queue, dst);
+}
+
+/// The output queue's id, for those who are not called from outside: the worker, and a stop.
+int32_t output_queue(resample_context_t& ctx)
+{
+    const read_guard api(ctx.api_rwlock);
+    return ctx.frame_resample_queue;
 }
 
 void* audio_resample(void* arg)
@@ -223,6 +227,7 @@ void* audio_resample(void* arg)
     resample_context_t& ctx = *static_cast<resample_context_t*>(arg);
     set_thread_name("audio_resample");
     log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    const int32_t queue = output_queue(ctx);
     int32_t serial = -1;
     while (!ctx.abort_request) {
         if (!ctx.enable_resample) {
@@ -239,11 +244,11 @@ void* audio_resample(void* arg)
             serial = src->serial;
         }
         // The first frame of a new time line: what waits belongs to the old one.
-        if (src->pts == 0 && frame_queue_get_done_counts(ctx.frame_resample_queue) > 0) {
-            frame_queue_done_release(ctx.frame_resample_queue);
+        if (src->pts == 0 && frame_queue_get_done_counts(queue) > 0) {
+            frame_queue_done_release(queue);
             log_w("audio resample queue need flush!\n");
         }
-        process(ctx, src, __func__);
+        process(ctx, queue, src, __func__);
     }
     log_i("exit\n");
     return nullptr;
@@ -287,22 +292,23 @@ void delay(resample_context_t& ctx, uint32_t milliseconds)
 }
 
 /// Ends the worker, consumers blocked in the queue and those in a dummy delay.
-void stop(resample_context_t& ctx) REQUIRES(g_lifecycle_mutex)
+void stop(resample_context_t& ctx) REQUIRES(ctx.lifecycle_mutex)
 {
     {
         mutex_guard lock(ctx.internal_mutex);
         ctx.abort_request = true;
         pthread_cond_broadcast(&ctx.abort_cond);
     }
-    if (ctx.frame_resample_queue >= 0)
-        frame_queue_abort(ctx.frame_resample_queue);
+    const int32_t queue = output_queue(ctx);
+    if (queue >= 0)
+        frame_queue_abort(queue);
     if (ctx.resample_thread != 0)
         pthread_join(ctx.resample_thread, nullptr);
     ctx.resample_thread = 0;
 }
 
 /// Frees what a stopped stage holds and clears the record around its locks.
-void release(resample_context_t& ctx) REQUIRES(g_lifecycle_mutex, ctx.api_rwlock)
+void release(resample_context_t& ctx) REQUIRES(ctx.lifecycle_mutex, ctx.api_rwlock)
 {
     swr_free(&ctx.audio_swr_ctx);
     if (ctx.frame_resample_queue >= 0)
@@ -332,7 +338,8 @@ void read_switches(resample_context_t& ctx)
 }
 
 /// Builds converter, queue and worker on a cleared record; what is built when it fails, release() frees.
-bool start(resample_context_t& ctx, const resample_config_t& cfg, const char* function) REQUIRES(ctx.api_rwlock)
+bool start(resample_context_t& ctx, const resample_config_t& cfg, const char* function)
+    REQUIRES(ctx.lifecycle_mutex, ctx.api_rwlock)
 {
     read_switches(ctx);
     log_as(function, LOG_LEVEL_I, "enable_resample:%d\n", ctx.enable_resample ? 1 : 0);
@@ -368,6 +375,11 @@ bool start(resample_context_t& ctx, const resample_config_t& cfg, const char* fu
     return true;
 }
 
+constexpr const char* kInitializedMessage = "module has been initialized";
+
+/// Entry points run in every state, since `initialized` is never set; without a queue they fail by themselves.
+bool is_open() { return !g_resample_ctx.initialized; }
+
 } // namespace
 
 int32_t audio_resample_init(resample_config_t cfg)
@@ -378,13 +390,13 @@ int32_t audio_resample_init(resample_config_t cfg)
         return -1;
     }
     resample_context_t& ctx = g_resample_ctx;
-    mutex_guard lifecycle(g_lifecycle_mutex);
+    mutex_guard lifecycle(ctx.lifecycle_mutex);
     if (!ctx.initialized)
         stop(ctx); // a stage that runs: its worker uses the record that is built anew here
     {
         write_guard lock(ctx.api_rwlock);
         if (ctx.initialized) {
-            log_w("module has been initialized\n");
+            log_w("%s\n", kInitializedMessage);
             return -1;
         }
         release(ctx);
@@ -401,9 +413,9 @@ int32_t audio_resample_deinit(void)
 {
     log_i(">>> enter!\n");
     resample_context_t& ctx = g_resample_ctx;
-    mutex_guard lifecycle(g_lifecycle_mutex);
+    mutex_guard lifecycle(ctx.lifecycle_mutex);
     if (ctx.initialized) {
-        log_w("module has been initialized\n");
+        log_w("%s\n", kInitializedMessage);
         return -1;
     }
     stop(ctx);
@@ -422,11 +434,9 @@ int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t 
         return -1;
     }
     resample_context_t& ctx = g_resample_ctx;
-    read_guard lock(ctx.api_rwlock);
-    if (ctx.initialized) {
-        log_w("module has been initialized\n");
+    const entry_guard api(ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    if (!api)
         return -1;
-    }
     frame_info_t* done = frame_queue_done_dequeue(ctx.frame_resample_queue, timeout_ms);
     if (done == nullptr) {
         log_d("frame_queue_done_dequeue failed.\n");
@@ -445,20 +455,14 @@ int32_t audio_resample_put_pcm_frame(hdmi_player_audio_frame_t* frame)
         log_e("frame is null.\n");
         return -1;
     }
-    read_guard lock(g_resample_ctx.api_rwlock);
-    if (g_resample_ctx.initialized) {
-        log_w("module has been initialized\n");
+    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    if (!api)
         return -1;
-    }
     return frame_queue_put(g_resample_ctx.frame_resample_queue, frame);
 }
 
 bool audio_resample_is_enable_resample(void)
 {
-    read_guard lock(g_resample_ctx.api_rwlock);
-    if (g_resample_ctx.initialized) {
-        log_w("module has been initialized\n");
-        return false;
-    }
-    return g_resample_ctx.enable_resample;
+    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    return api && g_resample_ctx.enable_resample;
 }

@@ -500,6 +500,25 @@ TEST_F(Resample, DeinitEndsAWorkerThatWaitsForRoomAndAConsumerThatWaitsForFrames
     EXPECT_FALSE(consumer.result());
 }
 
+TEST_F(Resample, CallersInALoopDoNotHoldUpDeinit)
+{
+    ASSERT_EQ(init(param(48000), param(48000)), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> calls{0};
+    std::vector<std::thread> callers;
+    for (int n = 0; n < 32; ++n) {
+        callers.emplace_back([&] {
+            for (; !stop; ++calls)
+                take(1);
+        });
+    }
+    EXPECT_TRUE(eventually([&] { return calls > 100; }));
+    EXPECT_EQ(BlockedCall<int32_t>(audio_resample_deinit).result(), 0);
+    stop = true;
+    for (std::thread& caller : callers)
+        caller.join();
+}
+
 TEST_F(Resample, TheDummyDelayHoldsOneCallPerInterval)
 {
     set("dummy_alg_delay", "1");

@@ -39,11 +39,12 @@ typedef struct resample_config_s {
 typedef struct resample_context_s {
     resample_context_s() { cond_init_monotonic(abort_cond); }
 
-    struct SwrContext* audio_swr_ctx = nullptr; ///< null: frames pass through unchanged. Worker only after init.
-    audio_param_t src_param = {};               ///< rate: the one the converter was built for. Worker only after init.
+    // Without a mark below: written by init and deinit while there is no worker, otherwise the worker's own.
+    struct SwrContext* audio_swr_ctx = nullptr; ///< null: frames pass through unchanged
+    audio_param_t src_param = {};               ///< rate: the one the converter was built for
     audio_param_t tgt_param = {};
-    int32_t frame_resample_queue = -1;                               ///< "RESAMPLE"; -1: none
-    pthread_t resample_thread = 0;                                   ///< 0: none
+    int32_t frame_resample_queue GUARDED_BY(api_rwlock) = -1;        ///< "RESAMPLE"; -1: none
+    pthread_t resample_thread GUARDED_BY(lifecycle_mutex) = 0;       ///< 0: none
     std::atomic<bool> abort_request{false};                          ///< written under internal_mutex
     std::atomic<bool> enable_resample{false};                        ///< constant after init
     std::atomic<bool> initialized{false};                            ///< never set: the stage answers in every state
@@ -51,9 +52,10 @@ typedef struct resample_context_s {
     int32_t dummy_alg_delay_interval GUARDED_BY(internal_mutex) = 0; ///< s
     int64_t dummy_alg_delay_time GUARDED_BY(internal_mutex) = 0;     ///< ms
     int64_t dummy_alg_delay_start_time_us GUARDED_BY(internal_mutex) = 0; ///< 0: no interval begun
-    mutex_t internal_mutex;    ///< guards the dummy delay; it and the next one live as long as the process
+    mutex_t internal_mutex;    ///< guards the dummy delay. The locks and the condition live as long as the process.
     pthread_cond_t abort_cond; ///< abort_request was set; on CLOCK_MONOTONIC
     rwlock_t api_rwlock;       ///< write: init and the end of deinit; read: everything else
+    mutex_t lifecycle_mutex;   ///< one init or deinit at a time: each joins the worker. Taken before the other locks.
     hdmi_player_audio_frame_t* (*input_queue_dequeue_cb)(int32_t timeout_ms) = nullptr;
     int32_t (*input_queue_put_cb)(hdmi_player_audio_frame_t* frame) = nullptr;
 } resample_context_t;
