@@ -93,7 +93,7 @@ bool reopen_at_current_rate()
         return false;
     }
     g_ai_info.device_opened = false;
-    // Taken back before the rate is read: a request that comes from here on is for another reopen.
+    // Cleared before the rate is read: a request that comes from here on is for another reopen.
     g_ai_info.reopen_device = false;
     set_device_rate(g_ai_info.original_sample_rate);
     g_ai_info.audio_cfg.in_bypass_mode = g_ai_info.in_bypass_mode;
@@ -125,7 +125,7 @@ frame_info_t* acquire_frame(int32_t queue)
     return slot;
 }
 
-// Bytes read, or -1. Reports the first failure of a run only: the loop tries a hundred times a second.
+// Bytes read, or -1. Reports only the first of several failures in a row: the loop tries a hundred times a second.
 int32_t read_device(uint8_t* data)
 {
     // Set before abort_request is tested, so that a deinit which sets abort_request and then reads this flag
@@ -297,7 +297,7 @@ int open_uevent_socket()
     address.nl_family = AF_NETLINK;
     address.nl_groups = kAllUeventGroups;
     const bool bound = bind(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) == 0;
-    // 0 is nobody's socket: it means that the process lost its standard input.
+    // Descriptor 0 counts as a failure: the process has lost its standard input.
     if (bound && fd != 0)
         return fd;
     close(fd);
@@ -329,7 +329,7 @@ void take_state_line(std::string_view line, input_state* state)
     take_state(format, sample_rate, state);
 }
 
-// Takes the state that a lost announcement may have told; nothing happens when it is the known one.
+// For announcements that may have been lost. A state that is known already changes nothing.
 void take_state_file(input_state* state)
 {
     char text[kTextSize] = {};
@@ -350,7 +350,7 @@ void take_state_file(input_state* state)
 // @p message has a NUL behind its last byte.
 void take_message(std::string_view message, input_state* state)
 {
-    // Deliberate: the driver's own device is the one that is passed over, its state comes under another path.
+    // Deliberate: the message with this header is the one to ignore. The state comes under another path.
     if (strcasecmp(message.data(), kUeventHeader) == 0) {
         log_i("event(%s) not match\n", message.data());
         return;
@@ -401,8 +401,8 @@ received_e receive_message(int uevent_fd, input_state* state)
 void watch_uevents(int uevent_fd)
 {
     input_state state = {g_ai_info.original_sample_rate, g_ai_info.format};
-    // After an overrun the kernel drops messages, without another error, until the socket has been emptied. Those
-    // that still wait are older than the lost ones: the state file has its turn behind them.
+    // After an overrun the kernel drops messages, without another error, until the socket has been emptied. The
+    // messages that wait there are older than the lost ones. The state file is therefore read after them.
     bool overrun = false;
     while (!g_ai_info.abort_request) {
         struct pollfd ready = {uevent_fd, POLLIN, 0};
@@ -424,7 +424,7 @@ void watch_uevents(int uevent_fd)
     }
 }
 
-// Until init ends, the module refuses the calls that a callback makes.
+// Until init ends, the module refuses the calls that a callback would make.
 void wait_for_init() { const read_guard api(g_ai_info.api_rwlock); }
 
 void* format_detect(void*)

@@ -362,10 +362,10 @@ std::vector<int16_t> decode_arriving(const Programme& sent)
     }
     adecoder_handle_t* decoder = adecoder_init(ADECODER_FORMAT_EAC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
     std::vector<int16_t> pcm;
-    for (const burst_geometry::Stretch& stretch : burst_geometry::arriving(bursts, cuts)) {
-        const auto bytes = static_cast<int32_t>(stretch.end - stretch.begin);
+    for (const burst_geometry::Span& span : burst_geometry::arriving(bursts, cuts)) {
+        const auto bytes = static_cast<int32_t>(span.end - span.begin);
         int32_t status = 0;
-        EXPECT_EQ(bytes, adecoder_write(decoder, &sent.link[stretch.begin % sent.link.size()], bytes, 0, -1, &status));
+        EXPECT_EQ(bytes, adecoder_write(decoder, &sent.link[span.begin % sent.link.size()], bytes, 0, -1, &status));
         int16_t block[2048];
         for (int32_t size; (size = adecoder_read(decoder, 0, 0, block, sizeof(block), 0)) > 0;)
             pcm.insert(pcm.end(), block, block + size / 2);

@@ -46,8 +46,8 @@ struct Stream {
 Bytes arriving_bytes(const Stream& stream, const Cuts& cuts)
 {
     Bytes expected;
-    for (const burst_geometry::Stretch& stretch : burst_geometry::arriving(stream.bursts, cuts))
-        expected.insert(expected.end(), stream.bytes.data() + stretch.begin, stream.bytes.data() + stretch.end);
+    for (const burst_geometry::Span& span : burst_geometry::arriving(stream.bursts, cuts))
+        expected.insert(expected.end(), stream.bytes.data() + span.begin, stream.bytes.data() + span.end);
     return expected;
 }
 

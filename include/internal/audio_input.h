@@ -61,7 +61,7 @@ typedef struct audio_input_info_s {
     bool device_opened GUARDED_BY(device_mutex) = false;
     bool starting GUARDED_BY(api_rwlock) = false; ///< an init is under way, which releases the lock at times
     std::atomic<bool> reading{false};             ///< the read thread may be blocked in the device
-    bool read_failing = false;                    ///< the present run of failed reads was reported; read thread only
+    bool read_failing = false;                    ///< reads fail, and that was reported; read thread only
     int uevent_fd = -1;                           ///< opened by init, then the detection thread's
 } audio_input_info_t;
 

@@ -51,7 +51,7 @@ inline const burst_type* burst_find_type(dolby_iec61937_format_e format)
     return nullptr;
 }
 
-/// Bytes of someone else's.
+/// A view of bytes, which it does not own.
 struct byte_span {
     const uint8_t* data = nullptr;
     uint32_t bytes = 0;
@@ -76,7 +76,7 @@ struct burst_state {
 
 /// What the search for a preamble saw. Null @p type: no burst.
 struct burst_preamble {
-    bool examined = false; ///< there was room for a preamble: the next four are set
+    bool examined = false; ///< there was room for a preamble, and what follows is set
     bool synced = false;   ///< Pa and Pb were found
     uint32_t pc_offset = 0;
     uint16_t pc = 0;
@@ -97,12 +97,12 @@ struct burst_preamble {
 /// What came of the search for the next burst in a chunk.
 struct burst_step {
     enum kind_e {
-        HELD,      ///< the chunk ended in what may be a preamble
+        HELD,      ///< the chunk ended in what may be a preamble, which is held
         NOT_FOUND, ///< the rest of the chunk is no burst
         STARTED,   ///< the chunk ended in the burst or with it
-        WHOLE,     ///< the burst is over, the chunk is not
+        WHOLE,     ///< the burst ended before the chunk
     } kind = NOT_FOUND;
-    int32_t held = 0;        ///< bytes of the preamble that came from chunks before
+    int32_t held = 0;        ///< bytes of the preamble that came from earlier chunks
     uint32_t need = 0;       ///< bytes of the chunk when the search began
     burst_preamble preamble; ///< not examined when HELD
     /// Data null: nothing to send. It may be empty all the same: a burst may state a length of 0.
@@ -136,7 +136,7 @@ inline burst_preamble burst_find_preamble(byte_span bytes)
     return found;
 }
 
-/// Takes off @p chunk what the burst before owes; the payload among it, if it ends in this chunk.
+/// Takes off @p chunk what the previous burst still owes. Returns the payload among it, if that ends in this chunk.
 inline byte_span burst_take_owed(burst_state* state, byte_span* chunk)
 {
     const uint32_t payload = state->iec61937_payload_insufficient_bytes;
@@ -166,7 +166,7 @@ inline bool burst_hold_preamble(burst_state* state, byte_span* chunk)
     return held + count == kBurstPreambleBytes;
 }
 
-/// Takes the next burst off @p chunk, of which nothing is owed to a burst before.
+/// Takes the next burst off @p chunk, after burst_take_owed().
 inline burst_step burst_take_next(burst_state* state, byte_span* chunk)
 {
     burst_step step;

@@ -20,7 +20,7 @@ struct Burst {
     size_t start, payload_end; ///< byte positions: of the preamble; behind the payload
 };
 
-struct Stretch {
+struct Span {
     size_t begin, end;
 };
 
@@ -30,25 +30,25 @@ using Cuts = std::vector<size_t>;
 /**
  * Of each burst those payload bytes arrive that lie in the chunk that completes
  * its preamble, and those in the chunk that its payload ends in; what lies
- * between is dropped. The decoder is there from the first stretch sent with the
+ * between is dropped. The decoder is there from the first span sent with the
  * data type of its own burst, which is the one behind a preamble.
  */
-inline std::vector<Stretch> arriving(const std::vector<Burst>& bursts, const Cuts& cuts)
+inline std::vector<Span> arriving(const std::vector<Burst>& bursts, const Cuts& cuts)
 {
-    std::vector<Stretch> stretches;
+    std::vector<Span> spans;
     for (const Burst& burst : bursts) {
         const size_t head = burst.start + kPreambleBytes;
         const size_t head_end = std::min(*std::upper_bound(cuts.begin(), cuts.end(), head - 1), burst.payload_end);
-        if (stretches.empty() && head_end == head)
+        if (spans.empty() && head_end == head)
             continue;
         const auto last = std::upper_bound(cuts.begin(), cuts.end(), burst.payload_end - 1);
         const size_t last_start = last == cuts.begin() ? 0 : *std::prev(last);
-        for (const Stretch& stretch : {Stretch{head, head_end}, {std::max(head_end, last_start), burst.payload_end}}) {
-            if (stretch.begin < stretch.end)
-                stretches.push_back(stretch);
+        for (const Span& span : {Span{head, head_end}, {std::max(head_end, last_start), burst.payload_end}}) {
+            if (span.begin < span.end)
+                spans.push_back(span);
         }
     }
-    return stretches;
+    return spans;
 }
 
 } // namespace burst_geometry
