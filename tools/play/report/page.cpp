@@ -10,9 +10,9 @@
 #include <ctime>
 #include <fstream>
 #include <limits>
-#include <map>
 
 #include "report/chart.h"
+#include "report/figures.h"
 #include "report/markup.h"
 #include "report/page_style.h"
 #include "report/timeline.h"
@@ -48,8 +48,6 @@ double real(const json& value) { return value.is_number() ? value.get<double>() 
 
 // --- Numbers of the report ----------------------------------------------------
 
-enum class Sign { minus_only, always };
-
 class Report
 {
 public:
@@ -64,16 +62,35 @@ public:
     bool has(const std::string& key) const { return !at(key).is_null(); }
     double real(const std::string& key) const { return play::real(at(key)); }
 
-    /// A number to read, that programs find again: shown times @p scale.
-    std::string data(const std::string& key, int decimals = 0, Sign sign = Sign::minus_only, double scale = 1) const
+    /// A number to read, that programs find again, as the list of figures writes it.
+    std::string data(const std::string& key) const
+    {
+        const Figure* figure = find_figure(key);
+        return data(key, figure != nullptr ? figure->format : Format());
+    }
+    /// Likewise, written in another way.
+    std::string data(const std::string& key, const Format& format) const
     {
         const json& value = at(key);
-        double shown = play::real(value) * scale;
+        double shown = play::real(value) * format.scale;
+        if (unmeasured(key))
+            return "not measured";
         if (!std::isfinite(shown))
-            return number(shown, decimals);
-        std::string scaled = scale == 1 ? "" : " data-scale=\"" + plain(scale, 9) + "\"";
+            return number(shown, format.decimals);
+        std::string scaled = format.scale == 1 ? "" : " data-scale=\"" + plain(format.scale, 9) + "\"";
         return "<data value=\"" + escape(value.dump()) + "\" data-key=\"" + escape(key) + "\"" + scaled + ">" +
-               (sign == Sign::always ? signed_number(shown, decimals) : number(shown, decimals)) + "</data>";
+               (format.sign ? signed_number(shown, format.decimals) : number(shown, format.decimals)) + "</data>";
+    }
+    /// With its unit.
+    std::string data_with_unit(const std::string& key) const
+    {
+        const Figure* figure = find_figure(key);
+        return data(key) + (figure != nullptr && has(key) ? escape(figure->format.unit) : "");
+    }
+    bool unmeasured(const std::string& key) const
+    {
+        const json& keys = at("/not_measured");
+        return !has(key) && keys.is_object() && keys.contains(key);
     }
 
 private:
@@ -108,11 +125,6 @@ std::string label_of(std::string key)
     return escape(key);
 }
 
-bool is_nothing(const json& value)
-{
-    return value.is_null() || value == false || value == 0 || value == "" || (value.is_structured() && value.empty());
-}
-
 std::string text_of(const json& value)
 {
     if (value.is_boolean())
@@ -128,6 +140,33 @@ std::string text_of(const json& value)
     if (value.is_number())
         return number(value.get<double>(), 0);
     return value.is_null() ? "–" : escape(value.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+/// What a row of a table says of a figure; empty: this run has nothing to say.
+std::string row_text(const Report& report, const Figure& figure)
+{
+    const json& value = report.at(figure.key);
+    if (report.unmeasured(figure.key))
+        return "not measured";
+    if (value.is_null() || (figure.shown == Shown::unless_nothing && is_nothing(value)))
+        return "";
+    if (figure.format.words != nullptr)
+        return escape(figure.format.words(value));
+    return value.is_number() ? report.data_with_unit(figure.key) : text_of(value);
+}
+
+/// A table of a section's figures.
+std::string figure_table(const Report& report, std::initializer_list<Section> sections, const char* css = "figures")
+{
+    std::string rows;
+    for (const Line& line : report_lines())
+        for (const Figure& figure : line.figures) {
+            if (std::find(sections.begin(), sections.end(), line.section) == sections.end() || figure.label[0] == '\0')
+                continue;
+            std::string text = row_text(report, figure);
+            rows += text.empty() ? "" : row(figure.label, text);
+        }
+    return std::string("<table class=\"") + css + "\"><tbody>\n" + rows + "</tbody></table>\n";
 }
 
 /// A key, in words.
@@ -189,34 +228,41 @@ std::string heading(const Report& report)
                                      : std::to_string(missed) + " of " + std::to_string(all) + " limits missed";
     return "<header>" + verdict_mark(report.at("/passed") == true, "PASS", "FAIL", "verdict") + "<div><h1>" +
            text_of(report.at("/run/programme")) + "</h1><p class=\"quiet\">" + judged + "; " +
-           report.data("/seconds", 1) + " s played; display " + text_of(report.at("/run/display")) + ", " +
+           report.data_with_unit("/seconds") + " played; display " + text_of(report.at("/run/display")) + ", " +
            text_of(report.at("/run/display_rate")) + " Hz</p></div></header>\n";
 }
 
+/// A number in large letters, its unit in small ones.
+std::string big(const Report& report, const std::string& key, const Format& format)
+{
+    std::string unit = report.has(key) ? std::string(" <small>") + escape(format.unit + 1) + "</small>" : "";
+    return report.data(key, format) + unit;
+}
+std::string big(const Report& report, const std::string& key) { return big(report, key, find_figure(key)->format); }
+
 std::string tiles(const Report& report)
 {
+    constexpr Format kPercent = {1, " %", false, 100};
     std::string all = "<dl class=\"tiles\">\n";
     if (!raw(report) && !foreign(report)) {
-        all += tile("Lip sync, 95 % within", report.data("/offset/p95_ms", 1, Sign::always) + " <small>ms</small>",
-                    "+ is sound early") +
-               tile("Lip sync, mean", report.data("/offset/mean_ms", 1, Sign::always) + " <small>ms</small>",
-                    "deviation " + report.data("/offset/deviation_ms", 1) + " ms; worst " +
-                        report.data("/offset/worst_ms", 1, Sign::always) + " ms") +
+        all += tile("Lip sync, 95 % within", big(report, "/offset/p95_ms"), "+ is sound early") +
+               tile("Lip sync, mean", big(report, "/offset/mean_ms"),
+                    "deviation " + report.data_with_unit("/offset/deviation_ms") + "; worst " +
+                        report.data_with_unit("/offset/worst_ms")) +
                tile("From source to ear and eye",
-                    report.data("/sound_latency/mean_ms", 0) + " <small>and</small> " +
-                        report.data("/picture_latency/mean_ms", 0) + " <small>ms</small>",
+                    report.data("/sound_latency/mean_ms") + " <small>and</small> " +
+                        big(report, "/picture_latency/mean_ms"),
                     "means over " + report.data("/offset/count") + " of " + report.data("/instants") + " instants") +
-               tile("Samples missing", report.data("/sound/missing", 0),
+               tile("Samples missing", report.data("/sound/missing"),
                     "of " + report.data("/sound/in") + "; underruns " + report.data("/sound/underruns"));
     }
     return all +
-           tile("Pictures beyond the rates",
-                report.data("/pictures/settled/excess", 2, Sign::minus_only, 100) + " <small>%</small>",
+           tile("Pictures beyond the rates", big(report, "/pictures/settled/excess"),
                 report.data("/pictures/settled/pictures") + " pictures, unseen " +
                     report.data("/pictures/settled/unseen") + ", repeats " + report.data("/pictures/settled/repeats")) +
-           tile("One processor, used to", report.data("/cpu_s_per_s", 1, Sign::minus_only, 100) + " <small>%</small>",
-                "the player's threads " + report.data("/player_cpu_s_per_s", 1, Sign::minus_only, 100) + " %; " +
-                    report.data("/peak_memory_kb", 1, Sign::minus_only, 1.0 / 1024) + " MB") +
+           tile("One processor, used to", big(report, "/cpu_s_per_s", kPercent),
+                "the player's threads " + report.data("/player_cpu_s_per_s", kPercent) + " %; " +
+                    report.data_with_unit("/peak_memory_kb")) +
            "</dl>\n";
 }
 
@@ -232,74 +278,10 @@ std::string limits(const Report& report)
     return table + "</tbody></table></section>\n";
 }
 
-std::string output_name(const json& output)
-{
-    static const std::map<int, std::string> names = {{0, "automatic"}, {1, "speaker"}, {2, "headphone"},
-                                                     {3, "S/PDIF"},    {4, "ARC"},     {5, "I2S"}};
-    auto name = names.find(output.is_number_integer() ? output.get<int>() : -1);
-    return name != names.end() ? name->second : text_of(output);
-}
-
-/// A key of the run, in words.
-struct RunLabel {
-    const char* key;
-    const char* label;
-    bool always; ///< to be told even if it is nothing: false, 0
-};
-
-/// In the order in which they are told; what is not here follows.
-constexpr RunLabel kRunLabels[] = {
-    {"programme", "Programme", true},
-    {"capture", "Captured from", true},
-    {"feed", "Source sent into", false},
-    {"display", "Display", true},
-    {"display_rate", "Vertical blanks per second", true},
-    {"display_latency_ms", "Vertical blank to light, ms", true},
-    {"playback", "Played on", true},
-    {"output", "Output", true},
-    {"observe", "Heard at", false},
-    {"cec", "CEC", true},
-    {"sync", "A/V sync", true},
-    {"raw", "Raw pass-through", false},
-    {"realtime", "Real-time priority", true},
-    {"video_queue_size", "Video queue, frames", true},
-    {"algorithm_delay_ms", "Host's processing, ms", false},
-    {"video_start_ms", "First picture after, ms", false},
-    {"phase_ms", "Source later than display, ms", false},
-    {"receiver_ppm", "Source's clock error, ppm", false},
-    {"playback_ppm", "Sound device's clock error, ppm", false},
-    {"withhold_block", "A block of sound withheld", false},
-};
-
-/// In the programme's description already.
-constexpr const char* kFileKey = "file";
-
-std::string run_row(const std::string& key, const std::string& label, const json& value)
-{
-    return row(label, key == "output" ? output_name(value) : text_of(value));
-}
-
 std::string run_table(const Report& report)
 {
-    json rest = report.at("/run");
-    std::string table = "<section><h2>What was played on what</h2>\n<table><tbody>\n";
-    if (rest.is_object())
-        rest.erase(kFileKey);
-    for (const RunLabel& known : kRunLabels) {
-        json value = report.at(std::string("/run/") + known.key);
-        if (rest.is_object())
-            rest.erase(known.key);
-        if (value.is_null() || (is_nothing(value) && !known.always))
-            continue;
-        table += run_row(known.key, known.label, value);
-        if (std::string(known.key) == "programme")
-            table += row("Sound on the link", text_of(report.at("/link/coding")));
-    }
-    for (const auto& entry : rest.items())
-        table += run_row(entry.key(), label_of(entry.key()), entry.value());
-    if (report.has("/cec/device") && report.at("/cec/device") != "")
-        table += row("Audio return channel", text_of(report.at("/cec/arc")) + " " + text_of(report.at("/cec/note")));
-    return table + "</tbody></table></section>\n";
+    return "<section><h2>What was played on what</h2>\n" +
+           figure_table(report, {Section::run, Section::devices}, "settings") + "</section>\n";
 }
 
 // --- Lip sync -----------------------------------------------------------------
@@ -342,6 +324,8 @@ Chart offset_chart(const Report& report)
 
 std::string offset_table(const Report& report)
 {
+    constexpr Format kOffsetFormat = {2};
+    constexpr Format kSignedFormat = {2, "", true};
     std::string table = "<details><summary>The values</summary>\n<table id=\"offset-values\"><thead><tr><th "
                         "scope=\"col\" class=\"number\">Second of the source</th><th scope=\"col\" class=\"number\">"
                         "Offset, ms</th><th scope=\"col\" class=\"number\">Sound later than sent, ms</th><th "
@@ -349,10 +333,11 @@ std::string offset_table(const Report& report)
     size_t rows = report.at("/offsets").size();
     for (size_t i = 0; i < std::min(rows, kMostDots); i++) {
         std::string key = "/offsets/" + std::to_string(i);
-        table += "<tr><td class=\"number\">" + report.data(key + "/source_s", 2) + "</td><td class=\"number\">" +
-                 report.data(key + "/offset_ms", 2, Sign::always) + "</td><td class=\"number\">" +
-                 report.data(key + "/sound_latency_ms", 2) + "</td><td class=\"number\">" +
-                 report.data(key + "/picture_latency_ms", 2) + "</td></tr>\n";
+        table += "<tr><td class=\"number\">" + report.data(key + "/source_s", kOffsetFormat) +
+                 "</td><td class=\"number\">" + report.data(key + "/offset_ms", kSignedFormat) +
+                 "</td><td class=\"number\">" + report.data(key + "/sound_latency_ms", kOffsetFormat) +
+                 "</td><td class=\"number\">" + report.data(key + "/picture_latency_ms", kOffsetFormat) +
+                 "</td></tr>\n";
     }
     return table + "</tbody></table>" +
            (rows > kMostDots ? "<p>And so on: " + std::to_string(rows) + " in all.</p>" : "") + "</details>\n";
@@ -451,19 +436,6 @@ std::vector<Bar> stay_bars(const std::vector<StayBin>& bins)
     return bars;
 }
 
-std::string picture_account(const Report& report)
-{
-    auto data = [&report](const std::string& key) { return report.data("/pictures/" + key); };
-    return "<section><h3>What became of them</h3>\n<table class=\"figures\"><tbody>\n" +
-           row("Given to the player", data("rendered")) + row("Flipped", data("flipped")) +
-           row("Dropped", data("dropped")) + row("Held when it closed", data("held_at_close")) +
-           row("Refused", data("refused")) + row("Flipped at a stroke with the one before", data("skipped")) +
-           row("Superseded before they were seen", data("superseded")) + row("No buffer left", data("no_buffer")) +
-           row("Unreadable on screen", data("unreadable")) +
-           row("Account", report.at("/pictures/closes") == true ? "closes" : "DOES NOT CLOSE") +
-           "</tbody></table></section>\n";
-}
-
 std::string pictures_section(const Page& page, const Report& report)
 {
     std::string caption = page.paced
@@ -477,7 +449,8 @@ std::string pictures_section(const Page& page, const Report& report)
     return "<section><h2>Pictures</h2>\n<div class=\"pair\"><section>" +
            figure("Time on screen", caption,
                   bars.empty() ? "<p class=\"quiet\">No picture was seen.</p>" : bars_of(bars, "stayed")) +
-           "</section>" + picture_account(report) + "</div></section>\n";
+           "</section><section><h3>What became of them</h3>\n" + figure_table(report, {Section::pictures}) +
+           "</section></div></section>\n";
 }
 
 // --- Sound --------------------------------------------------------------------
@@ -557,37 +530,26 @@ std::string clock_figure(const Page& page, const Report& report)
                             {"clock-chart", "Deviation of the audio clock over time", spread + drift}));
 }
 
-std::string samples(const Report& report)
+std::string sound_figures(const Report& report)
 {
-    if (foreign(report))
-        return row("Written", report.data("/sound/written")) + row("Compared", "the captured source is not known");
-    return row("Captured", report.data("/sound/in")) + row("Played", report.data("/sound/out")) +
-           row("Missing", report.data("/sound/missing", 0)) +
-           (report.at("/sound/exact") == true ? row("Different from the source's", report.data("/sound/mismatches"))
-                                              : row("Out of place by, frames", report.data("/sound/worst_place", 1)));
+    return "<h3>Samples, devices and resets</h3>" + figure_table(report, {Section::sound, Section::link});
+}
+
+/// Where it went past the player.
+std::string raw_sound(const Report& report)
+{
+    if (report.at("/link/raw/compared") != true)
+        return "<p>It went past the player. What arrived was not compared.</p>";
+    return "<p>It went past the player: " + report.data("/link/raw/bursts") + " bursts in " +
+           report.data("/link/raw/frames") + " frames arrived at the output, different from the source's " +
+           report.data("/link/raw/different") + ", gaps " + report.data("/link/raw/gaps") + ".</p>";
 }
 
 std::string sound_section(const Page& page, const Report& report)
 {
-    if (raw(report) && report.at("/link/raw/compared") != true)
-        return "<section><h2>Sound</h2>\n<p>It went past the player: " + report.data("/link/raw/passed_on") +
-               " frames were passed on, dropped " + report.data("/link/raw/dropped") +
-               ". What arrived was not compared.</p></section>\n";
-    if (raw(report))
-        return "<section><h2>Sound</h2>\n<p>It went past the player: " + report.data("/link/raw/bursts") +
-               " bursts in " + report.data("/link/raw/frames") +
-               " frames arrived at the output, different from the "
-               "source's " +
-               report.data("/link/raw/different") + ", gaps " + report.data("/link/raw/gaps") + ".</p></section>\n";
-    return "<section><h2>Sound</h2>\n" + queue_figure(page, report) + clock_figure(page, report) +
-           "<div class=\"pair\"><section><h3>Samples</h3><table class=\"figures\"><tbody>\n" + samples(report) +
-           "</tbody></table></section><section><h3>Devices and resets</h3><table class=\"figures\"><tbody>\n" +
-           row("Underruns after the first second", report.data("/sound/underruns")) +
-           row("Underruns in the first second", report.data("/sound/underruns_first_second")) +
-           row("Overruns of the capture", report.data("/sound/overruns")) + row("Resets", report.data("/resets")) +
-           row("Last reset after the first picture, s",
-               report.real("/resets") > 0 ? report.data("/reset_s", 3) : std::string("–")) +
-           "</tbody></table></section></div></section>\n";
+    return "<section><h2>Sound</h2>\n" +
+           (raw(report) ? raw_sound(report) : queue_figure(page, report) + clock_figure(page, report)) +
+           sound_figures(report) + "</section>\n";
 }
 
 // --- The rest -----------------------------------------------------------------
@@ -633,16 +595,18 @@ std::string recoveries_section(const Report& report)
 
 std::string machine_section(const Report& report)
 {
+    constexpr Format kPercent = {2, " %", false, 100};
     std::vector<std::pair<double, std::string>> threads;
     for (const auto& entry : report.at("/cpu_by_thread").items())
         threads.emplace_back(real(entry.value()), entry.key());
     std::sort(threads.rbegin(), threads.rend());
-    std::string list = "<section><h2>Processor time by thread</h2>\n<dl class=\"bars\">\n";
+    std::string list = "<section><h2>Machine</h2>\n" + figure_table(report, {Section::machine}) +
+                       "<h3>Processor time by thread</h3>\n<dl class=\"bars\">\n";
     for (const auto& [share, name] : threads) {
         std::string key = (json::json_pointer("/cpu_by_thread") / name).to_string();
         double length = threads.front().first > 0 ? kLongestBar * share / threads.front().first : 0;
         list += "<dt>" + escape(name) + "</dt><dd><i style=\"width:" + percent(length) + "\"></i><span>" +
-                report.data(key, 2, Sign::minus_only, 100) + " %</span></dd>\n";
+                report.data(key, kPercent) + " %</span></dd>\n";
     }
     return list + "</dl></section>\n";
 }

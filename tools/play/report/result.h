@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
+#include "config/options.h"
 #include "display/display.h"
+#include "edges/stage.h"
 #include "host/host.h"
 #include "measure/measure.h"
-#include "config/options.h"
-#include "edges/stage.h"
-#include "report/trace_view.h"
 #include "measure/usage.h"
+#include "report/trace_view.h"
 
 namespace play
 {

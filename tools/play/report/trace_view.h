@@ -13,10 +13,10 @@
 #include <optional>
 #include <vector>
 
-#include "report/chart.h"
-#include "measure/measure.h"
 #include "display/screen.h"
 #include "host/trace.h"
+#include "measure/measure.h"
+#include "report/chart.h"
 
 namespace play
 {

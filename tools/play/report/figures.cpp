@@ -1,0 +1,517 @@
+// SPDX-License-Identifier: MIT
+#include "report/figures.h"
+
+#include <cstdio>
+
+#include "report/records.h"
+
+namespace play
+{
+namespace
+{
+
+using nlohmann::json;
+using R = const Result&;
+
+// --- Which lines a run has -------------------------------------------------------
+
+bool plays_sound(R r) { return !r.options.raw; }
+bool passes_bursts(R r) { return r.options.raw; }
+bool has_link(R r) { return r.coding != Coding::pcm || r.options.raw; }
+bool passes_to_device(R r) { return r.options.raw && !r.options.playback.empty(); }
+bool has_vblanks(R r) { return r.paced; }
+bool has_feed(R r) { return !r.options.feed.empty(); }
+bool has_observer(R r) { return !r.options.observe.empty(); }
+bool has_cec(R r) { return !r.options.cec.empty(); }
+
+// --- Why figures were not measured ------------------------------------------------------
+
+std::string instants_unmeasured(R r)
+{
+    if (r.options.foreign_source())
+        return "when the captured source sent what is not known";
+    if (r.audio.written == 0)
+        return "no sound was played";
+    return r.instants == 0 ? "the run was too short" : "";
+}
+
+std::string offsets_unmeasured(R r)
+{
+    std::string why = instants_unmeasured(r);
+    return why.empty() && r.offset.count == 0 ? "no instant of the source was both seen and heard" : why;
+}
+
+std::string samples_unmeasured(R r)
+{
+    if (r.options.foreign_source())
+        return "the captured source is not known";
+    if (r.audio.written == 0)
+        return "no sound was played";
+    return r.samples.first_source_sample < 0 ? "nothing of the source was found in the sound that was played" : "";
+}
+
+std::string underruns_unmeasured(R r)
+{
+    if (r.options.raw && r.options.playback.empty())
+        return "the simulated output takes bursts at any time";
+    return !r.options.raw && r.audio.written == 0 ? "no sound was played" : "";
+}
+
+std::string cadence_unmeasured(R r) { return r.cadence.pictures == 0 ? "no picture was seen" : ""; }
+
+std::string grid_unmeasured(R r)
+{
+    if (!r.paced)
+        return "the display has no vertical blanks";
+    return r.sightings.size() < 2 ? "no two pictures were seen" : "";
+}
+
+std::string bursts_unmeasured(R r) { return r.raw.compared ? "" : "nobody listened at the output"; }
+
+// When a line of figures is measured.
+constexpr When kAlways = {nullptr, nullptr};
+constexpr When kWithInstants = {plays_sound, instants_unmeasured};
+constexpr When kWithOffsets = {plays_sound, offsets_unmeasured};
+constexpr When kWithVblanks = {has_vblanks, nullptr};
+constexpr When kWithSightings = {nullptr, cadence_unmeasured};
+constexpr When kWithGrid = {nullptr, grid_unmeasured};
+constexpr When kWithSamples = {plays_sound, samples_unmeasured};
+constexpr When kWithPlayedSound = {plays_sound, nullptr};
+constexpr When kWithOutput = {nullptr, underruns_unmeasured};
+constexpr When kWithLink = {has_link, nullptr};
+constexpr When kWithHeardBursts = {passes_bursts, bursts_unmeasured};
+constexpr When kWithBursts = {passes_bursts, nullptr};
+constexpr When kWithBypass = {passes_to_device, nullptr};
+constexpr When kWithCec = {has_cec, nullptr};
+
+// --- Words --------------------------------------------------------------------
+
+std::string hertz(const json& value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.5g Hz", value.get<double>());
+    return text;
+}
+
+std::string output_name(const json& value)
+{
+    constexpr const char* kNames[] = {"automatic", "speaker", "headphone", "S/PDIF", "ARC", "I2S"};
+    auto output = value.get<size_t>();
+    return output < std::size(kNames) ? kNames[output] : std::to_string(output);
+}
+
+std::string account_words(const json& closes) { return closes.get<bool>() ? "closes" : "DOES NOT CLOSE"; }
+
+/// "1 vblank: 176  2 vblanks: 3"
+std::string histogram_words(const json& histogram)
+{
+    std::string words;
+    for (size_t vblanks = 1; vblanks < histogram.size(); vblanks++)
+        if (histogram[vblanks] != 0)
+            words += (words.empty() ? "" : "  ") + std::to_string(vblanks) + " vblank" + (vblanks == 1 ? "" : "s") +
+                     ": " + histogram[vblanks].dump();
+    return words;
+}
+
+constexpr const char* arc_name(hdmi_linux::ArcState state)
+{
+    switch (state) {
+    case hdmi_linux::ArcState::requested: return "requested";
+    case hdmi_linux::ArcState::active: return "active";
+    case hdmi_linux::ArcState::terminated: return "terminated";
+    case hdmi_linux::ArcState::idle: break;
+    }
+    return "idle";
+}
+
+/// A sound device, by its option.
+std::string device(const std::string& name, const char* without) { return name.empty() ? without : "alsa:" + name; }
+
+constexpr Format in_words(std::string (*words)(const json& value)) { return {0, "", false, 1, nullptr, words}; }
+
+constexpr Format kCount = {};
+constexpr Format kMs1 = {1, " ms"};
+constexpr Format kSignedMs1 = {1, " ms", true};
+constexpr Format kWholeMs = {0, " ms"};
+constexpr Format kShareOfOffsets = {0, " %", false, 1, "/offset/count"};
+constexpr Format kPercent2 = {2, " %", false, 100};
+constexpr Format kPpm = {1, " ppm", true};
+constexpr Format kCpu = {3, " s per second"};
+
+// --- The list --------------------------------------------------------------------
+
+const std::vector<Line> kLines = {
+    {Section::run,
+     "",
+     kAlways,
+     {
+         {"/run/programme", "{}", "Programme", {}, [](R r) -> json { return r.programme; }},
+         {"/link/coding", "", "Sound on the link", {}, [](R r) -> json { return coding_name(r.coding); }},
+         {"/run/display", "; display {}", "Display", {}, [](R r) -> json { return r.display; }},
+         {"/run/display_rate", ", {}", "Vertical blanks per second", in_words(hertz),
+          [](R r) -> json { return r.display_hz; }},
+         {"/seconds", "; {}", "Played for", {1, " s"}, [](R r) -> json { return r.seconds; }},
+         {"/run/display_latency_ms", "", "Vertical blank to light", kWholeMs,
+          [](R r) -> json { return r.options.display_latency_ms(); }},
+         {"/run/output", "", "Output", in_words(output_name),
+          [](R r) -> json { return static_cast<int>(r.options.output); }},
+         {"/run/sync", "", "A/V sync", {}, [](R r) -> json { return !r.options.no_sync; }},
+         {"/run/raw", "", "Raw pass-through", {}, [](R r) -> json { return r.options.raw; }, Shown::unless_nothing},
+         {"/run/video_queue_size", "", "Video queue", {0, " frames"}, [](R r) -> json { return r.video_queue_size; }},
+         {"/run/algorithm_delay_ms", "", "Host's processing", kWholeMs,
+          [](R r) -> json { return r.options.algorithm_delay_ms; }, Shown::unless_nothing},
+         {"/run/video_start_ms", "", "First picture after", kWholeMs,
+          [](R r) -> json { return r.options.video_start_ms; }, Shown::unless_nothing},
+         {"/run/phase_ms", "", "Source later than display", kMs1, [](R r) -> json { return r.options.phase_ms; },
+          Shown::unless_nothing},
+         {"/run/receiver_ppm", "", "Source's clock error", kPpm, [](R r) -> json { return r.options.receiver_ppm; },
+          Shown::unless_nothing},
+         {"/run/playback_ppm", "", "Sound device's clock error", kPpm,
+          [](R r) -> json { return r.options.playback_ppm; }, Shown::unless_nothing},
+         {"/run/withhold_block",
+          "",
+          "A block of sound withheld",
+          {},
+          [](R r) -> json { return r.options.withhold_block; },
+          Shown::unless_nothing},
+         {"/run/file", "", "", {}, [](R r) -> json { return r.options.file; }},
+         {"/offsets", "", "", {}, offset_records},
+         {"/pictures/on_screen", "", "", {}, sighting_records},
+         {"/pictures/outages", "", "", {}, outage_records},
+         {"/recoveries", "", "", {}, recovery_records},
+         {"/link/announced", "", "", {}, announcement_records},
+         {"/link/rate_messages", "", "", {}, [](R r) -> json { return r.stage.link.rate_messages; }},
+     }},
+
+    {Section::sync,
+     "",
+     kWithInstants,
+     {
+         {"/offset/count", " at {}", "", kCount, [](R r) -> json { return r.offset.count; }},
+         {"/instants", " of {} instants (+ = sound early)", "", kCount, [](R r) -> json { return r.instants; }},
+     }},
+    {Section::sync,
+     "offset",
+     kWithOffsets,
+     {
+         {"/offset/mean_ms", "mean {}", "", kSignedMs1, [](R r) -> json { return r.offset.mean_ms; }},
+         {"/offset/deviation_ms", ", deviation {}", "", kMs1, [](R r) -> json { return r.offset.deviation_ms; }},
+         {"/offset/p95_ms", ", p95 {}", "", kSignedMs1, [](R r) -> json { return r.offset.p95_ms; }},
+         {"/offset/worst_ms", ", worst {}", "", kSignedMs1, [](R r) -> json { return r.offset.worst_ms; }},
+     }},
+    {Section::sync,
+     "BT.1359",
+     kWithOffsets,
+     {
+         {"/offset/bt1359/undetectable", "undetectable {}", "", kShareOfOffsets,
+          [](R r) -> json { return r.offset.undetectable; }},
+         {"/offset/bt1359/acceptable", ", acceptable {}", "", kShareOfOffsets,
+          [](R r) -> json { return r.offset.acceptable; }},
+         {"/offset/bt1359/unacceptable", ", unacceptable {}", "", kShareOfOffsets,
+          [](R r) -> json { return r.offset.unacceptable; }},
+     }},
+    {Section::sync,
+     "latency",
+     kWithOffsets,
+     {
+         {"/sound_latency/mean_ms", "sound {}", "", kMs1, [](R r) -> json { return r.sound_latency.mean_ms; }},
+         {"/sound_latency/least_ms", " ({}", "", {1}, [](R r) -> json { return r.sound_latency.least_ms; }},
+         {"/sound_latency/most_ms", " to {})", "", {1}, [](R r) -> json { return r.sound_latency.most_ms; }},
+         {"/picture_latency/mean_ms", ", picture {}", "", kMs1, [](R r) -> json { return r.picture_latency.mean_ms; }},
+         {"/picture_latency/least_ms", " ({}", "", {1}, [](R r) -> json { return r.picture_latency.least_ms; }},
+         {"/picture_latency/most_ms", " to {})", "", {1}, [](R r) -> json { return r.picture_latency.most_ms; }},
+     }},
+
+    {Section::pictures,
+     "account",
+     kAlways,
+     {
+         {"/pictures/rendered", "rendered {}", "Given to the player", kCount,
+          [](R r) -> json { return r.frames.rendered; }},
+         {"/pictures/flipped", " = flipped {}", "Flipped", kCount, [](R r) -> json { return r.frames.flipped; }},
+         {"/pictures/dropped", " + dropped {}", "Dropped", kCount, [](R r) -> json { return r.frames.dropped; }},
+         {"/pictures/held_at_close", " + held at close {}", "Held when it closed", kCount,
+          [](R r) -> json { return r.frames.held; }},
+         {"/pictures/refused", "; refused {}", "Refused", kCount, [](R r) -> json { return r.frames.refused; }},
+         {"/pictures/closes", "  DOES NOT CLOSE", "Account", in_words(account_words),
+          [](R r) -> json { return r.frames.closes(); }, Shown::if_false},
+     }},
+    {Section::pictures,
+     "astray",
+     kAlways,
+     {
+         {"/pictures/foreign", "callbacks for foreign frames {}", "Callbacks for foreign frames", kCount,
+          [](R r) -> json { return r.frames.foreign; }, Shown::unless_nothing},
+         {"/pictures/lost", ", lost {}", "Lost", kCount, [](R r) -> json { return r.frames.lost; },
+          Shown::unless_nothing},
+         {"/pictures/no_buffer", ", no buffer for {}", "No buffer left", kCount,
+          [](R r) -> json { return r.frames.no_buffer; }, Shown::unless_nothing},
+     }},
+    {Section::pictures,
+     "flips",
+     kAlways,
+     {
+         {"/pictures/skipped", "coalesced with the previous flip {}", "Coalesced with the previous flip", kCount,
+          [](R r) -> json { return r.frames.skipped; }},
+         {"/pictures/superseded", ", superseded before they were seen {}", "Superseded before they were seen", kCount,
+          [](R r) -> json { return r.display_stats.superseded; }},
+         {"/pictures/display_flips", "", "", kCount, [](R r) -> json { return r.display_stats.flips; }},
+         {"/pictures/display_vblanks", "", "", kCount, [](R r) -> json { return r.display_stats.vblanks; }},
+         {"/pictures/unshown", ", unshown {}", "Unshown: the display was lost", kCount,
+          [](R r) -> json { return r.display_stats.unshown; }, Shown::unless_nothing},
+     }},
+    {Section::pictures,
+     "vblank",
+     kWithVblanks,
+     {
+         {"/pictures/vblank_waits", "waits {}", "The player's waits for vertical blanks", kCount,
+          [](R r) -> json { return r.vblank_waits; }},
+         {"/pictures/vblank_missed", ", missed {}", "Vertical blanks it was not woken for", kCount,
+          [](R r) -> json { return r.vblank_missed; }},
+     }},
+    {Section::pictures,
+     "screen",
+     kWithSightings,
+     {
+         {"/pictures/settled/pictures", "{} pictures", "", kCount, [](R r) -> json { return r.cadence.pictures; }},
+         {"/pictures/settled/vblanks", " on {} vertical blanks", "", kCount,
+          [](R r) -> json { return r.cadence.vblanks; }},
+         {"/pictures/settled/unseen", ": unseen {}", "", kCount, [](R r) -> json { return r.cadence.unseen; }},
+         {"/pictures/settled/repeats", ", repeats {}", "", kCount, [](R r) -> json { return r.cadence.repeats; }},
+         {"/pictures/settled/excess_unseen", "; beyond the rates {}", "", kCount,
+          [](R r) -> json { return r.cadence.excess_unseen; }},
+         {"/pictures/settled/excess_repeats", " and {}", "", kCount,
+          [](R r) -> json { return r.cadence.excess_repeats; }},
+         {"/pictures/settled/excess", " ({})", "", kPercent2, [](R r) -> json { return r.cadence.excess(); }},
+         {"/pictures/unreadable", "; unreadable {}", "Unreadable on screen", kCount,
+          [](R r) -> json { return r.unreadable; }, Shown::unless_nothing},
+     }},
+    {Section::pictures,
+     "on screen",
+     kWithSightings,
+     {
+         {"/pictures/settled/stayed_vblanks", " {}", "", in_words(histogram_words),
+          [](R r) -> json { return r.cadence.histogram; }},
+     }},
+    {Section::pictures,
+     "grid",
+     kWithGrid,
+     {
+         {"/pictures/off_grid_us/p99", "", "", kCount, [](R r) -> json { return r.grid.p99_us; }},
+         {"/pictures/off_grid_us/worst", "", "", kCount, [](R r) -> json { return r.grid.worst_us; }},
+     }},
+
+    {Section::sound,
+     "samples",
+     kWithSamples,
+     {
+         {"/sound/in", "in {}", "Captured", kCount, [](R r) -> json { return r.samples.in; }},
+         {"/sound/out", ", out {}", "Played", kCount, [](R r) -> json { return r.samples.out; }},
+         {"/sound/missing", ", missing {}", "Missing", kCount, [](R r) -> json { return r.samples.missing; }},
+         {"/sound/mismatches", "; different {}", "Different from the source's", kCount,
+          [](R r) -> json { return r.samples.exact ? json(r.samples.mismatches) : json(); }},
+         {"/sound/worst_place",
+          "; out of place by {} at most",
+          "Out of place by, frames",
+          {1},
+          [](R r) -> json { return r.samples.exact ? json() : json(r.samples.worst_place); }},
+         {"/sound/same_rate", "", "", {}, [](R r) -> json { return r.samples.same_rate; }},
+         {"/sound/exact", "", "", {}, [](R r) -> json { return r.samples.exact; }},
+         {"/sound/first_source_sample", "", "", {1}, [](R r) -> json { return r.samples.first_source_sample; }},
+         {"/sound/earlier", "", "", kCount, [](R r) -> json { return r.samples.earlier; }},
+         {"/sound/first_mismatch", "", "", kCount,
+          [](R r) -> json { return r.samples.first_mismatch >= 0 ? json(r.samples.first_mismatch) : json(); }},
+     }},
+    {Section::sound,
+     "host",
+     kWithPlayedSound,
+     {
+         {"/sound/pulled", "", "Taken by the host", kCount, [](R r) -> json { return r.audio.pulled; }},
+         {"/sound/discarded_at_start", "", "Of it discarded at a reset", kCount,
+          [](R r) -> json { return r.audio.discarded; }},
+         {"/sound/written", "", "Written by the host", kCount, [](R r) -> json { return r.audio.written; }},
+         {"/sound/failed_writes", "failed writes {}", "Failed writes", kCount,
+          [](R r) -> json { return r.audio.failed_writes; }, Shown::unless_nothing},
+         {"/sound/withheld_blocks", "", "", kCount, [](R r) -> json { return r.stage.withheld; }},
+     }},
+    {Section::sound,
+     "devices",
+     kWithOutput,
+     {
+         {"/sound/underruns", "underruns {}", "Underruns after the first second", kCount,
+          [](R r) -> json { return r.gaps; }},
+         {"/sound/underruns_first_second", " (and {} in the first second)", "Underruns in the first second", kCount,
+          [](R r) -> json { return r.early_gaps; }},
+     }},
+    {Section::sound,
+     "player",
+     kAlways,
+     {
+         {"/resets", "resets {}", "Resets", kCount, [](R r) -> json { return r.resets; }},
+         {"/sound/overruns", ", overruns of the capture {}", "Overruns of the capture", kCount,
+          [](R r) -> json { return r.overruns; }},
+         {"/reset_s",
+          "",
+          "Last reset after the first picture",
+          {3, " s"},
+          [](R r) -> json { return r.resets > 0 ? json(r.reset_s) : json(); }},
+         {"/unsupported_events", ", sound reported as not supported {}", "Sound reported as not supported", kCount,
+          [](R r) -> json { return r.unsupported; }, Shown::unless_nothing},
+     }},
+    {Section::sound,
+     "source",
+     kAlways,
+     {
+         {"/source_starved", "was not decoded in time {} times", "Source not decoded in time, times", kCount,
+          [](R r) -> json { return r.starved; }, Shown::unless_nothing},
+     }},
+
+    {Section::link,
+     "capture",
+     kWithLink,
+     {
+         {"/link/chunk_phase", "began {} bytes before a burst", "Capture began before a burst, bytes", kCount,
+          [](R r) -> json { return r.stage.link.chunk_phase >= 0 ? json(r.stage.link.chunk_phase) : json(); }},
+     }},
+    {Section::link,
+     "output",
+     kWithHeardBursts,
+     {
+         {"/link/raw/bursts", "{} bursts", "Bursts at the output", kCount, [](R r) -> json { return r.raw.bursts; }},
+         {"/link/raw/frames", " in {} frames", "Frames at the output", kCount,
+          [](R r) -> json { return r.raw.frames; }},
+         {"/link/raw/different", ", different {}", "Different from the source's", kCount,
+          [](R r) -> json { return r.raw.different; }},
+         {"/link/raw/gaps", ", gaps {}", "Gaps", kCount, [](R r) -> json { return r.raw.gaps; }},
+     }},
+    {Section::link,
+     "compared",
+     kWithBursts,
+     {
+         {"/link/raw/compared", "", "", {}, [](R r) -> json { return r.raw.compared; }},
+     }},
+    {Section::link,
+     "passed on",
+     kWithBypass,
+     {
+         {"/link/raw/passed_on", "{} frames", "Frames passed on", kCount,
+          [](R r) -> json { return r.stage.bypass.frames; }},
+         {"/link/raw/device", " to {}", "Passed on to", {}, [](R r) -> json { return r.stage.bypass.pcm; }},
+         {"/link/raw/device_rate", " at {} Hz", "", kCount, [](R r) -> json { return r.stage.bypass.rate; }},
+         {"/link/raw/dropped", ", dropped {}", "Dropped", kCount, [](R r) -> json { return r.stage.bypass.dropped; }},
+         {"/link/raw/underruns", ", underruns {}", "Underruns of the output", kCount,
+          [](R r) -> json { return r.stage.bypass.xruns; }},
+         {"/link/raw/corrections", ", corrections of the clocks {}", "Corrections of the clocks", kCount,
+          [](R r) -> json { return r.stage.bypass.slips; }},
+     }},
+
+    {Section::devices,
+     "capture",
+     kAlways,
+     {
+         {"/run/capture", "{}", "Captured from", {}, [](R r) -> json { return device(r.options.capture, "sim"); }},
+     }},
+    {Section::devices,
+     "CEC",
+     kAlways,
+     {
+         {"/run/cec", "{}", "CEC", {}, [](R r) -> json { return r.options.cec.empty() ? "sim" : r.options.cec; }},
+     }},
+    {Section::devices,
+     "return",
+     kWithCec,
+     {
+         {"/cec/arc",
+          "audio return channel {}",
+          "Audio return channel",
+          {},
+          [](R r) -> json { return arc_name(r.stage.cec.arc); }},
+         {"/cec/note", ": {}", "Note", {}, [](R r) -> json { return r.stage.cec.note; }, Shown::unless_nothing},
+         {"/cec/device", "", "", {}, [](R r) -> json { return r.stage.cec.device; }},
+         {"/cec/received", "", "", kCount, [](R r) -> json { return r.stage.cec.received; }},
+         {"/cec/sent", "", "", kCount, [](R r) -> json { return r.stage.cec.sent; }},
+         {"/cec/undelivered", "", "", kCount, [](R r) -> json { return r.stage.cec.undelivered; }},
+         {"/cec/refusals", "", "", kCount, [](R r) -> json { return r.stage.cec.refusals; }},
+         {"/cec/activations", "", "", kCount, [](R r) -> json { return r.stage.cec.activations; }},
+     }},
+    {Section::devices,
+     "source",
+     kAlways,
+     {
+         {"/run/feed",
+          "sent into {}",
+          "Source sent into",
+          {},
+          [](R r) -> json { return device(r.options.feed, ""); },
+          Shown::unless_nothing},
+         {"/link/drift_ppm", "; clock {} fast", "Source's device, fast by", kPpm,
+          [](R r) -> json { return has_feed(r) ? json(r.stage.link.drift_ppm) : json(); }},
+         {"/link/breaks", "; breaks {}", "Source's device, breaks", kCount,
+          [](R r) -> json { return has_feed(r) ? json(r.stage.link.breaks) : json(); }},
+     }},
+    {Section::devices,
+     "playback",
+     kAlways,
+     {
+         {"/run/playback", "{}", "Played on", {}, [](R r) -> json { return device(r.options.playback, "sim"); }},
+     }},
+    {Section::devices,
+     "heard",
+     kAlways,
+     {
+         {"/run/observe",
+          "at {}",
+          "Heard at",
+          {},
+          [](R r) -> json { return device(r.options.observe, ""); },
+          Shown::unless_nothing},
+         {"/sound/drift_ppm", "; clock {} fast", "Heard by a clock, fast by", kPpm,
+          [](R r) -> json { return r.options.playback.empty() ? json() : json(r.stage.sound.drift_ppm); }},
+         {"/sound/observer_breaks", "; breaks {}", "Observer, breaks", kCount,
+          [](R r) -> json { return has_observer(r) ? json(r.stage.sound.observer_breaks) : json(); }},
+     }},
+
+    {Section::machine,
+     "CPU",
+     kAlways,
+     {
+         {"/cpu_s_per_s", "{}", "", kCpu, [](R r) -> json { return r.usage.cpu_s; }},
+         {"/player_cpu_s_per_s",
+          ", of it the player's threads {}",
+          "",
+          {3},
+          [](R r) -> json { return r.usage.player_cpu_s(); }},
+         {"/peak_memory_kb",
+          "; peak memory {}",
+          "",
+          {1, " MB", false, 1.0 / 1024},
+          [](R r) -> json { return r.usage.peak_memory_kb; }},
+         {"/run/realtime",
+          "; without real-time priority",
+          "Real-time priority",
+          {},
+          [](R r) -> json { return r.realtime; },
+          Shown::if_false},
+         {"/cpu_by_thread", "", "", {}, [](R r) -> json { return r.usage.by_thread; }},
+     }},
+};
+
+} // namespace
+
+const std::vector<Line>& report_lines() { return kLines; }
+
+const Figure* find_figure(const std::string& key)
+{
+    for (const Line& line : kLines)
+        for (const Figure& figure : line.figures)
+            if (figure.key == key)
+                return &figure;
+    return nullptr;
+}
+
+bool is_nothing(const json& value)
+{
+    return value.is_null() || value == false || value == 0 || value == "" || (value.is_structured() && value.empty());
+}
+
+} // namespace play
