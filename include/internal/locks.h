@@ -175,7 +175,7 @@ private:
 /**
  * The check at the door of every entry point of a module: holds the module's
  * lock for reading for a scope if the module is open. Otherwise the guard is
- * empty, and @p message was logged in the name of the caller:
+ * empty, and @p message, unless it is null, was logged in the name of the caller:
  *
  *     const entry_guard api(g_info.api_rwlock, is_open);
  *     if (!api)
@@ -223,7 +223,7 @@ private:
                 return;
             unlock_native();
         }
-        if (log_enabled(level_))
+        if (message_ != nullptr && log_enabled(level_))
             console_print(level_, "[%s %d] %s\n", function_, line_, message_);
     }
     void unlock_native()
