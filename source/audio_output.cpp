@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "hdmi_cec.h"
+#include "internal/audio_clock.h"
 #include "internal/common.h"
 #include "internal/frame_queue.h"
 
@@ -20,7 +21,6 @@ constexpr int32_t kOutQueueFrames = 128;
 constexpr int kChannels = 2;
 constexpr int kPeriodCount = 8;
 constexpr int kWriterPriority = 99; ///< round robin: an underrun is heard, nothing else of the player is as urgent
-constexpr int64_t kUsPerSecond = 1000000;
 
 constexpr int32_t kDefaultSampleRate = 48000; ///< Hz
 constexpr int32_t kDefaultBufferSize = 8192;  ///< frames
@@ -35,65 +35,6 @@ constexpr uint32_t kDevicePatienceUs = 2000000;
 /// Lets one deinit run at a time. Taken before every other lock of the module.
 mutex_t g_deinit_mutex;
 
-/// A deinit waits for the calls in progress to leave, or clears the record.
-std::atomic<bool> g_leaving;
-
-void warn_not_initialized(const char* function, int line)
-{
-    if (log_enabled(LOG_LEVEL_W))
-        console_print(LOG_LEVEL_W, "[%s %d] module not initialized\n", function, line);
-}
-
-// Whether the module is initialised; if not, warns in the name of the function that was called.
-bool ready(const char* function, int line)
-{
-    const bool initialized = g_ao_info.initialized;
-    if (!initialized)
-        warn_not_initialized(function, line);
-    return initialized;
-}
-
-/// Holds the module's lock for reading for a scope if the module is initialised; if not, it is
-/// empty, with a warning in the name of the caller. May be released and taken again inside the scope.
-class api_guard
-{
-public:
-    explicit api_guard(const char* function = __builtin_FUNCTION(), int line = __builtin_LINE())
-        : function_(function), line_(line)
-    {
-        lock();
-    }
-    ~api_guard() { unlock(); }
-    api_guard(const api_guard&) = delete;
-    api_guard& operator=(const api_guard&) = delete;
-
-    explicit operator bool() const { return held_; }
-
-    void lock()
-    {
-        // The lock prefers readers: callers in a loop would starve the deinit that waits for it.
-        if (g_leaving) {
-            warn_not_initialized(function_, line_);
-            return;
-        }
-        pthread_rwlock_rdlock(&g_ao_info.api_rwlock.native);
-        held_ = true;
-        if (!ready(function_, line_))
-            unlock();
-    }
-    void unlock()
-    {
-        if (held_)
-            pthread_rwlock_unlock(&g_ao_info.api_rwlock.native);
-        held_ = false;
-    }
-
-private:
-    const char* const function_;
-    const int line_;
-    bool held_ = false;
-};
-
 int sample_rate_hz(hdmi_player_aio_sample_rate_e rate)
 {
     switch (rate) {
@@ -102,28 +43,6 @@ int sample_rate_hz(hdmi_player_aio_sample_rate_e rate)
     case E_HDMI_PLAYER_AIO_SAMPLE_RATE_44K: return 44100;
     default: return kDefaultSampleRate;
     }
-}
-
-// --- The clock ----------------------------------------------------------------
-
-int64_t frames_to_us(int64_t frames, int sample_rate) { return frames * kUsPerSecond / sample_rate; }
-
-struct clock_values {
-    int64_t write_duration_us;  ///< queued in the device, not heard yet
-    int64_t cur_frame_duration; ///< us
-    int64_t max_time_us;        ///< media time at the end of this block
-    int64_t time_us;            ///< media time being heard
-};
-
-// A time stamp is the host's and may be anything: sums saturate instead of overflowing.
-clock_values clock_after_write(int64_t pts, int frames, int remaining, int sample_rate)
-{
-    clock_values clock = {};
-    clock.write_duration_us = frames_to_us(remaining, sample_rate);
-    clock.cur_frame_duration = frames_to_us(frames, sample_rate);
-    clock.max_time_us = add_saturated(pts, clock.cur_frame_duration);
-    clock.time_us = std::max<int64_t>(add_saturated(clock.max_time_us, -clock.write_duration_us), 0);
-    return clock;
 }
 
 // --- Turns at the device ------------------------------------------------------
@@ -158,7 +77,7 @@ template <typename Call> int32_t on_open_device(Call call)
     return device_open() ? call(&g_ao_info.audio_cfg) : 0;
 }
 
-int open_device()
+int open_device() REQUIRES(g_ao_info.mutex)
 {
     const int result = aio_device_open(&g_ao_info.audio_cfg);
     g_ao_info.init_state = std::min(result, 0);
@@ -166,7 +85,7 @@ int open_device()
 }
 
 // A device that failed to close counts as open.
-int close_device()
+int close_device() REQUIRES(g_ao_info.mutex)
 {
     const int result = aio_device_close(&g_ao_info.audio_cfg);
     if (result >= 0)
@@ -184,14 +103,8 @@ int32_t queued_frames() REQUIRES(g_ao_info.mutex)
 
 // --- Device operation and selection -------------------------------------------
 
-void set_device_ids() REQUIRES(g_ao_info.mutex)
-{
-    int id = 0;
-    if (trans_dev_player_to_alsa(g_ao_info.dev, &id))
-        g_ao_info.audio_cfg.device_id = id;
-    if (trans_format_player_to_alsa(g_ao_info.format, &id))
-        g_ao_info.audio_cfg.output_fmt = id;
-}
+// The stored selection is the device's, or will be with the reopen that pends.
+void settle_selection() REQUIRES(g_ao_info.mutex) { g_ao_info.settled = {g_ao_info.dev, g_ao_info.format}; }
 
 // A release does not wake a producer that waits in a full queue, and with all its frames
 // gone the writer will not either: giving one frame back by hand does.
@@ -203,6 +116,50 @@ void discard_queued_frames()
         frame_queue_put(g_ao_info.frame_queue, &oldest->frame);
 }
 
+/// A selection as the device takes it.
+struct device_path {
+    int device_id = 0;
+    int output_fmt = 0;
+};
+
+bool translate(hdmi_player_ao_dev_e dev, hdmi_player_ao_format_e format, device_path* path, const char* function)
+{
+    if (!trans_dev_player_to_alsa(dev, &path->device_id)) {
+        log_as(function, LOG_LEVEL_W, "trans_dev_player_to_alsa failed.\n");
+        return false;
+    }
+    if (!trans_format_player_to_alsa(format, &path->output_fmt)) {
+        log_as(function, LOG_LEVEL_W, "trans_format_player_to_alsa failed.\n");
+        return false;
+    }
+    return true;
+}
+
+// The stored selection was translated before it was stored: this does not fail.
+device_path stored_path() REQUIRES(g_ao_info.mutex)
+{
+    device_path path;
+    trans_dev_player_to_alsa(g_ao_info.dev, &path.device_id);
+    trans_format_player_to_alsa(g_ao_info.format, &path.output_fmt);
+    return path;
+}
+
+void set_path(const device_path& path) REQUIRES(g_ao_info.mutex)
+{
+    g_ao_info.audio_cfg.device_id = path.device_id;
+    g_ao_info.audio_cfg.output_fmt = path.output_fmt;
+}
+
+// Opens the closed device with the stored selection.
+bool reopen_device() REQUIRES(g_ao_info.mutex)
+{
+    set_path(stored_path());
+    if (open_device() < 0)
+        return false;
+    settle_selection();
+    return true;
+}
+
 // Carries out @p op if it is the pending operation. The writer runs the reopen, between its
 // writes; a selection runs the close, which also ends a write that is stuck.
 void audio_output_device_operation(audio_output_dev_op_e op)
@@ -210,7 +167,8 @@ void audio_output_device_operation(audio_output_dev_op_e op)
     int32_t init_state = -1;
     {
         mutex_guard lock(g_ao_info.mutex);
-        await_write_end(lock, kWriteGraceUs);
+        if (g_ao_info.dev_op == op)
+            await_write_end(lock, kWriteGraceUs);
         if (g_ao_info.abort_request || g_ao_info.dev_op != op)
             return;
         if (device_open()) {
@@ -221,8 +179,7 @@ void audio_output_device_operation(audio_output_dev_op_e op)
             log_i("aio_device_close success\n");
         }
         if (op == AUDIO_OUTPUT_DEV_OP_REOPEN) {
-            set_device_ids();
-            if (open_device() < 0) {
+            if (!reopen_device()) {
                 log_w("aio_device_open error!\n");
                 return;
             }
@@ -236,49 +193,55 @@ void audio_output_device_operation(audio_output_dev_op_e op)
     discard_queued_frames();
 }
 
-// The change handler runs with the module's lock released: it is serialised with its other runs, and those ask
-// this module for its state.
-int32_t audio_output_select(api_guard& api, int device_id, int output_fmt)
+// Runs the change handler with the module's lock released, because the handler's own lock is taken before it.
+// Returns whether the module is still initialised afterwards.
+bool run_change_handler(entry_guard& api, bool* restarted) NO_THREAD_SAFETY_ANALYSIS
 {
     const auto changed_cb = g_ao_info.changed_cb;
-    bool restarted = false;
     api.unlock();
-    changed_cb(false, &restarted);
+    changed_cb(false, restarted);
     api.lock();
-    if (!api)
+    return static_cast<bool>(api);
+}
+
+bool reselect_device(const device_path& path) REQUIRES(g_ao_info.mutex)
+{
+    if (aio_device_reselect(&g_ao_info.audio_cfg, path.device_id, path.output_fmt) < 0)
+        return false;
+    set_path(path);
+    return true;
+}
+
+// Selects @p wanted as one half of the selection, device or format: @p selected in the record, @p half of a pair.
+//
+// Another thread may select at the same time. Whatever their order, in the end the device plays what is stored:
+// every selection moves it to what is stored then, which may be the other's, and one that fails goes back to the
+// latest that succeeded, unless the other has stored again.
+template <typename Half>
+int32_t audio_output_select(entry_guard& api, Half wanted, std::atomic<Half>& selected,
+                            Half audio_output_selection_t::*half)
+{
+    mutex_guard lock(g_ao_info.mutex);
+    const Half before = g_ao_info.settled.*half;
+    selected = wanted;
+    lock.unlock();
+    bool restarted = false;
+    if (!run_change_handler(api, &restarted))
         return -1;
-    if (g_ao_info.dev_op == AUDIO_OUTPUT_DEV_OP_CLOSE)
-        audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_CLOSE);
-    if (restarted)
+    audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_CLOSE);
+
+    lock.lock();
+    const bool stuck = !restarted && device_open() && !await_write_end(lock, kDevicePatienceUs);
+    if (selected == before && g_ao_info.settled.*half == before)
+        selected = wanted; // a later selection failed, and went back to before this one
+    const device_path path = stored_path();
+    if (restarted || !device_open() || (!stuck && reselect_device(path))) {
+        settle_selection();
         return 0;
-    const int32_t result = on_open_device([&](audio_config_t* config) {
-        const int err = aio_device_reselect(config, device_id, output_fmt);
-        if (err >= 0) {
-            config->device_id = device_id;
-            config->output_fmt = output_fmt;
-        }
-        return err;
-    });
-    if (result < 0) {
-        log_e("aio_device_reselect dev_id:%d output_fmt:%d failed!\n", device_id, output_fmt);
-        return -1;
     }
-    return 0;
-}
-
-// Stores a selection and returns the one before.
-template <typename Selection> Selection exchange_selection(std::atomic<Selection>& selected, Selection next)
-{
-    mutex_guard lock(g_ao_info.mutex);
-    return selected.exchange(next);
-}
-
-// Takes a failed selection back, unless another thread has selected again meanwhile.
-template <typename Selection>
-void restore_selection(std::atomic<Selection>& selected, Selection failed, Selection previous)
-{
-    mutex_guard lock(g_ao_info.mutex);
-    selected.compare_exchange_strong(failed, previous);
+    log_e("aio_device_reselect dev_id:%d output_fmt:%d failed!\n", path.device_id, path.output_fmt);
+    selected.compare_exchange_strong(wanted, g_ao_info.settled.*half);
+    return -1;
 }
 
 // --- Writer -------------------------------------------------------------------
@@ -302,19 +265,19 @@ void end_hold()
     pthread_cond_broadcast(&g_ao_info.fixed_delay_cond);
 }
 
-// Takes the device for a write: false when it was closed meanwhile, or is about to be.
+// Takes the device for a write: null when it was closed meanwhile, or is about to be.
 // Tells in @p remaining, if not null, what is queued before that write.
-bool begin_write(int32_t* remaining)
+audio_config_t* begin_write(int32_t* remaining)
 {
     mutex_guard lock(g_ao_info.mutex);
     while (g_ao_info.waiting > 0)
         lock.wait(g_ao_info.device_cond);
     if (g_ao_info.abort_request || !device_open())
-        return false;
+        return nullptr;
     if (remaining != nullptr)
         *remaining = queued_frames();
     g_ao_info.writing = true;
-    return true;
+    return &g_ao_info.audio_cfg;
 }
 
 // Gives the device back and computes the clock from what it still has queued: nothing when
@@ -324,10 +287,9 @@ clock_values end_write(const hdmi_player_audio_frame_t& frame)
     mutex_guard lock(g_ao_info.mutex);
     g_ao_info.writing = false;
     pthread_cond_broadcast(&g_ao_info.device_cond);
-    audio_config_t* config = &g_ao_info.audio_cfg;
     const int32_t remaining = device_open() ? queued_frames() : 0;
-    const int frames = aio_device_bytes_to_frames(config, frame.size);
-    return clock_after_write(frame.pts, frames, remaining, config->sample_rate);
+    const int frames = aio_device_bytes_to_frames(&g_ao_info.audio_cfg, frame.size);
+    return clock_after_write(frame.pts, frames, remaining, g_ao_info.audio_cfg.sample_rate);
 }
 
 // Microseconds since the write before, for the log.
@@ -339,6 +301,42 @@ int64_t write_interval_us(int64_t* start_time)
     return interval;
 }
 
+/// What the writer remembers from block to block.
+struct writer_state {
+    int32_t frame_serial = -1; ///< of the last block that met an open device
+    int64_t start_time = 0;    ///< us: the write before, for the log
+};
+
+// Writes one block and computes the clock after it; false when the block was dropped because the device is closed.
+bool write_block(const hdmi_player_audio_frame_t& frame, writer_state* state, clock_values* clock, const char* function)
+{
+    const bool new_serial = frame.serial != state->frame_serial;
+    if (new_serial)
+        audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
+    if (!device_open())
+        return false;
+    if (g_ao_info.interval_log)
+        log_as(function, LOG_LEVEL_I, "write interval:%lld us size:%d\n",
+               static_cast<long long>(write_interval_us(&state->start_time)), frame.size);
+    if (new_serial) {
+        log_as(function, LOG_LEVEL_I, "frame_serial:%d -> %d\n", state->frame_serial, frame.serial);
+        state->frame_serial = frame.serial;
+        hold_first_block();
+    }
+    int32_t remaining = 0;
+    audio_config_t* const config = begin_write(frame.pts == 0 ? &remaining : nullptr);
+    if (config == nullptr)
+        return false;
+    if (frame.pts == 0)
+        log_as(function, LOG_LEVEL_I, "remain last sequence frames:%d time:%lld us\n", remaining,
+               static_cast<long long>(frames_to_us(remaining, g_ao_info.target_sample_rate)));
+    const int written = aio_device_write(config, frame.data, frame.size);
+    if (written != frame.size)
+        log_as(function, LOG_LEVEL_E, "alsa_pcm_write failed. write:%d written:%d\n", frame.size, written);
+    *clock = end_write(frame);
+    return true;
+}
+
 void* audio_output_write_thread(void* arg)
 {
     auto* info = static_cast<audio_output_info_t*>(arg);
@@ -346,46 +344,21 @@ void* audio_output_write_thread(void* arg)
         log_i(">>>\n");
     set_thread_name("audio_write");
     log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
-    int32_t frame_serial = -1;
-    int64_t start_time = 0;
+    writer_state state;
     while (!info->abort_request) {
         frame_info_t* record = frame_queue_done_dequeue(info->frame_queue, -1);
         if (record == nullptr)
             continue;
         const hdmi_player_audio_frame_t frame = record->frame;
-        const bool new_serial = frame.serial != frame_serial;
-        if (new_serial && info->dev_op == AUDIO_OUTPUT_DEV_OP_REOPEN)
-            audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
-        if (!device_open()) {
-            frame_queue_put(info->frame_queue, &record->frame);
-            continue;
-        }
-        if (info->interval_log)
-            log_i("write interval:%lld us size:%d\n", static_cast<long long>(write_interval_us(&start_time)),
-                  frame.size);
-        if (new_serial) {
-            log_i("frame_serial:%d -> %d\n", frame_serial, frame.serial);
-            frame_serial = frame.serial;
-            hold_first_block();
-        }
-        int32_t remaining = 0;
-        if (!begin_write(frame.pts == 0 ? &remaining : nullptr)) {
-            frame_queue_put(info->frame_queue, &record->frame);
-            continue;
-        }
-        if (frame.pts == 0)
-            log_i("remain last sequence frames:%d time:%lld us\n", remaining,
-                  static_cast<long long>(frames_to_us(remaining, info->audio_cfg.sample_rate)));
-        const int written = aio_device_write(&info->audio_cfg, frame.data, frame.size);
-        if (written != frame.size)
-            log_e("alsa_pcm_write failed. write:%d written:%d\n", frame.size, written);
-        const clock_values clock = end_write(frame);
-        log_d("serial:%d pts:%lld time_us:%lld max_time_us:%lld write_duration_us:%lld cur_frame_duration:%lld\n",
-              frame.serial, static_cast<long long>(frame.pts), static_cast<long long>(clock.time_us),
-              static_cast<long long>(clock.max_time_us), static_cast<long long>(clock.write_duration_us),
-              static_cast<long long>(clock.cur_frame_duration));
+        clock_values clock = {};
+        const bool written = write_block(frame, &state, &clock, __func__);
+        if (written)
+            log_d("serial:%d pts:%lld time_us:%lld max_time_us:%lld write_duration_us:%lld cur_frame_duration:%lld\n",
+                  frame.serial, static_cast<long long>(frame.pts), static_cast<long long>(clock.time_us),
+                  static_cast<long long>(clock.max_time_us), static_cast<long long>(clock.write_duration_us),
+                  static_cast<long long>(clock.cur_frame_duration));
         frame_queue_put(info->frame_queue, &record->frame);
-        if (info->update_avsync_clock_cb != nullptr)
+        if (written && info->update_avsync_clock_cb != nullptr)
             info->update_avsync_clock_cb(clock.time_us, clock.max_time_us, frame.serial);
     }
     log_i("exit\n");
@@ -396,12 +369,10 @@ void* audio_output_write_thread(void* arg)
 
 // --- Lifecycle ----------------------------------------------------------------
 
-// Clears the record around its api_rwlock, which the caller holds, and its locks.
-void reset_record() NO_THREAD_SAFETY_ANALYSIS
+// Clears the record around its locks.
+void reset_record(audio_output_info_t& info) REQUIRES(info.api_rwlock)
 {
-    audio_output_info_t& info = g_ao_info;
     info.initialized = false;
-    info.write_continued = false;
     info.enable_log = false;
     info.abort_request = false;
     info.mute_status = false;
@@ -412,82 +383,85 @@ void reset_record() NO_THREAD_SAFETY_ANALYSIS
     info.fixed_delay = 0;
     info.dev = E_HDMI_PLAYER_AO_DEV_AUTO;
     info.format = E_HDMI_PLAYER_AO_FORMAT_PCM;
-    info.dev_op = AUDIO_OUTPUT_DEV_OP_NONE;
-    info.audio_cfg = {};
     info.write_thread = 0;
-    info.writing = false;
-    info.waiting = 0;
     info.update_avsync_clock_cb = nullptr;
     info.changed_cb = nullptr;
-}
-
-void create_locks()
-{
-    g_ao_info.mutex.init();
-    g_ao_info.fixed_delay_mutex.init();
-    cond_init_monotonic(g_ao_info.fixed_delay_cond);
-    cond_init_monotonic(g_ao_info.device_cond);
-    pthread_attr_init(&g_ao_info.attr);
+    mutex_guard lock(info.mutex);
+    info.write_continued = false;
+    info.dev_op = AUDIO_OUTPUT_DEV_OP_NONE;
+    info.audio_cfg = {};
+    info.writing = false;
+    info.waiting = 0;
+    info.settled = {};
 }
 
 // Undoes all of an init but the device and the CEC link; for a record without a writer.
 // Returns the result of the queue's deinit.
-int32_t tear_down()
+int32_t tear_down() REQUIRES(g_ao_info.api_rwlock)
 {
-    int32_t result = 0;
-    if (g_ao_info.frame_queue >= 0)
-        result = frame_queue_deinit(g_ao_info.frame_queue);
-    g_ao_info.frame_queue = -1;
-    pthread_attr_destroy(&g_ao_info.attr);
-    pthread_cond_destroy(&g_ao_info.device_cond);
-    pthread_cond_destroy(&g_ao_info.fixed_delay_cond);
-    g_ao_info.fixed_delay_mutex.destroy();
-    g_ao_info.mutex.destroy();
+    const int32_t result = g_ao_info.frame_queue >= 0 ? frame_queue_deinit(g_ao_info.frame_queue) : 0;
+    reset_record(g_ao_info);
     return result;
 }
 
-// The device is closed whether it was opened or not: a close too many is harmless.
-int32_t abandon_init()
+void begin_record(const audio_output_config_t& cfg) REQUIRES(g_ao_info.api_rwlock)
 {
-    tear_down();
-    aio_device_close(&g_ao_info.audio_cfg);
-    reset_record();
-    return -1;
-}
-
-void begin_record(const audio_output_config_t& cfg)
-{
-    reset_record();
-    create_locks();
+    reset_record(g_ao_info);
     g_ao_info.enable_log = env_get_value("debug_hdmiplayer_log_ao_api", 0) != 0;
     g_ao_info.interval_log = env_get_value("debug_hdmiplayer_log_ao_interval", 0) != 0;
     g_ao_info.update_avsync_clock_cb = cfg.update_avsync_clock_cb;
     g_ao_info.changed_cb = cfg.changed_cb;
 }
 
-void configure(const audio_output_config_t& cfg, int device_id, int output_fmt)
+void configure(const audio_output_config_t& cfg, const device_path& path) REQUIRES(g_ao_info.mutex)
 {
     g_ao_info.dev = cfg.dev;
     g_ao_info.format = cfg.format;
+    settle_selection();
+    set_path(path);
     audio_config_t& device = g_ao_info.audio_cfg;
     device.stream_type = E_AUDIO_STREAM_PLAYBACK;
     device.card_id = 0;
-    device.device_id = device_id;
-    device.output_fmt = output_fmt;
     device.game_mode = false;
     device.channels = kChannels;
     device.sample_rate = sample_rate_hz(cfg.sample_rate);
     device.period_frames = convert_sample_rate_to_frames(device.sample_rate);
     device.period_count = kPeriodCount;
+    g_ao_info.target_sample_rate = device.sample_rate;
 }
 
-int set_initial_volume(const audio_output_config_t& cfg)
+int set_initial_volume(const audio_output_config_t& cfg) REQUIRES(g_ao_info.mutex)
 {
     if (cfg.hw_volume >= 0)
         return aio_device_set_volume_direct(&g_ao_info.audio_cfg, cfg.hw_volume);
     if (cfg.volume >= 0)
         return aio_device_set_volume(&g_ao_info.audio_cfg, cfg.volume);
     return 0;
+}
+
+int open_configured(const audio_output_config_t& cfg, const device_path& path)
+{
+    mutex_guard lock(g_ao_info.mutex);
+    configure(cfg, path);
+    return open_device();
+}
+
+bool set_volume_and_mute(const audio_output_config_t& cfg, const char* function)
+{
+    mutex_guard lock(g_ao_info.mutex);
+    int err = set_initial_volume(cfg);
+    if (err < 0) {
+        log_as(function, LOG_LEVEL_E, "%s failed. err:%d\n",
+               cfg.hw_volume >= 0 ? "aio_device_set_volume_direct" : "aio_device_set_volume", err);
+        return false;
+    }
+    if ((err = aio_device_set_mute(&g_ao_info.audio_cfg, cfg.mute)) < 0) {
+        log_as(function, LOG_LEVEL_E, "aio_device_set_mute failed. err:%d\n", err);
+        return false;
+    }
+    g_ao_info.mute_status = cfg.mute;
+    log_as(function, LOG_LEVEL_W, "mute state:%d\n", cfg.mute);
+    return true;
 }
 
 // The return channel is prepared whatever the output is, so that a later selection finds it open.
@@ -502,18 +476,52 @@ void start_cec()
 // The inherit-scheduler attribute stays at the C library's default. Where that is to inherit, the
 // writer runs as the thread that opened the player does; demanded explicitly, real-time priority
 // would make a host without the permission fail to open.
-bool start_writer()
+bool start_writer() REQUIRES(g_ao_info.api_rwlock)
 {
+    {
+        // Set before the thread runs: it would overwrite a later audio_output_set_write_continued().
+        mutex_guard lock(g_ao_info.mutex);
+        g_ao_info.write_continued = true;
+    }
     sched_param priority = {};
     priority.sched_priority = kWriterPriority;
-    pthread_attr_setschedpolicy(&g_ao_info.attr, SCHED_RR);
-    pthread_attr_setschedparam(&g_ao_info.attr, &priority);
-    // Set before the thread runs: it would overwrite a later audio_output_set_write_continued().
-    g_ao_info.write_continued = true;
-    if (pthread_create(&g_ao_info.write_thread, &g_ao_info.attr, audio_output_write_thread, &g_ao_info) == 0)
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setschedpolicy(&attr, SCHED_RR);
+    pthread_attr_setschedparam(&attr, &priority);
+    const int err = pthread_create(&g_ao_info.write_thread, &attr, audio_output_write_thread, &g_ao_info);
+    pthread_attr_destroy(&attr);
+    if (err != 0)
+        g_ao_info.write_thread = 0;
+    return err == 0;
+}
+
+// Queue, return channel and writer, for a device that is open.
+bool start_playing(const char* function) REQUIRES(g_ao_info.api_rwlock)
+{
+    g_ao_info.frame_queue = frame_queue_init(kOutQueueFrames, "OUT");
+    if (g_ao_info.frame_queue < 0) {
+        log_as(function, LOG_LEVEL_E, "frame_queue_init failed.\n");
+        return false;
+    }
+    log_as(function, LOG_LEVEL_I, "frame_queue id:%d.\n", g_ao_info.frame_queue);
+    start_cec();
+    if (start_writer())
         return true;
-    g_ao_info.write_thread = 0;
+    log_as(function, LOG_LEVEL_E, "create write_thread failed!\n");
+    vendor_hdmi_cec_deinit();
     return false;
+}
+
+// The device is closed whether it was opened or not: a close too many is harmless.
+int32_t abandon_init() REQUIRES(g_ao_info.api_rwlock)
+{
+    {
+        mutex_guard lock(g_ao_info.mutex);
+        aio_device_close(&g_ao_info.audio_cfg);
+    }
+    tear_down();
+    return -1;
 }
 
 // Closes the device for good: at once when no write is in progress, after the grace period
@@ -542,48 +550,17 @@ int32_t audio_output_init(audio_output_config_t cfg)
         return -1;
     }
     begin_record(cfg);
-    int device_id = 0;
-    int output_fmt = 0;
-    if (!trans_dev_player_to_alsa(cfg.dev, &device_id)) {
-        log_w("trans_dev_player_to_alsa failed.\n");
+    device_path path;
+    if (!translate(cfg.dev, cfg.format, &path, __func__))
         return abandon_init();
-    }
-    if (!trans_format_player_to_alsa(cfg.format, &output_fmt)) {
-        log_w("trans_format_player_to_alsa failed.\n");
-        return abandon_init();
-    }
-    configure(cfg, device_id, output_fmt);
-    int err = open_device();
+    const int err = open_configured(cfg, path);
     if (err < 0) {
         log_e("aio_device_open failed. err:%d\n", err);
         tear_down();
-        reset_record();
         return -1;
     }
-    if ((err = set_initial_volume(cfg)) < 0) {
-        log_e("%s failed. err:%d\n", cfg.hw_volume >= 0 ? "aio_device_set_volume_direct" : "aio_device_set_volume",
-              err);
+    if (!set_volume_and_mute(cfg, __func__) || !start_playing(__func__))
         return abandon_init();
-    }
-    if ((err = aio_device_set_mute(&g_ao_info.audio_cfg, cfg.mute)) < 0) {
-        log_e("aio_device_set_mute failed. err:%d\n", err);
-        return abandon_init();
-    }
-    g_ao_info.mute_status = cfg.mute;
-    log_w("mute state:%d\n", cfg.mute);
-    g_ao_info.frame_queue = frame_queue_init(kOutQueueFrames, "OUT");
-    if (g_ao_info.frame_queue < 0) {
-        log_e("frame_queue_init failed.\n");
-        return abandon_init();
-    }
-    log_i("frame_queue id:%d.\n", g_ao_info.frame_queue);
-    start_cec();
-    if (!start_writer()) {
-        log_e("create write_thread failed!\n");
-        vendor_hdmi_cec_deinit();
-        return abandon_init();
-    }
-    g_ao_info.target_sample_rate = g_ao_info.audio_cfg.sample_rate;
     g_ao_info.initialized = true;
     return 0;
 }
@@ -592,8 +569,13 @@ int32_t audio_output_deinit(void)
 {
     const call_trace trace(LOG_LEVEL_I);
     mutex_guard one_at_a_time(g_deinit_mutex);
-    if (!ready(__func__, __LINE__))
-        return -1;
+    pthread_t writer = 0;
+    {
+        const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
+        if (!api)
+            return -1;
+        writer = g_ao_info.write_thread;
+    }
     g_ao_info.abort_request = true;
     frame_queue_abort(g_ao_info.frame_queue);
     end_hold();
@@ -603,16 +585,12 @@ int32_t audio_output_deinit(void)
         if (stop_device(&stuck) < 0)
             log_e("aio_device_close failed.\n");
     } while (stuck);
-    pthread_join(g_ao_info.write_thread, nullptr);
-    g_ao_info.write_thread = 0;
-
-    g_leaving = true;
+    pthread_join(writer, nullptr);
+    // The record counts as initialised up to here: an init meanwhile is refused.
     write_guard api(g_ao_info.api_rwlock);
     const int32_t err = tear_down();
     if (err != 0)
         log_e("frame_queue_pool_release failed. err:%d\n", err);
-    reset_record();
-    g_leaving = false;
     return 0;
 }
 
@@ -620,7 +598,7 @@ bool audio_output_initialized(void) { return g_ao_info.initialized; }
 
 int32_t audio_output_set_volume(int volume)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
@@ -632,7 +610,7 @@ int32_t audio_output_set_volume(int volume)
 
 int32_t audio_output_set_volume_direct(int volume)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
@@ -645,7 +623,7 @@ int32_t audio_output_set_volume_direct(int volume)
 
 int32_t audio_output_set_mute(bool mute)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
@@ -662,7 +640,7 @@ int32_t audio_output_set_mute(bool mute)
 
 bool audio_output_mute_status(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return false;
     return g_ao_info.mute_status;
@@ -670,7 +648,7 @@ bool audio_output_mute_status(void)
 
 void audio_output_set_write_continued(bool enable)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return;
     mutex_guard lock(g_ao_info.mutex);
@@ -679,7 +657,7 @@ void audio_output_set_write_continued(bool enable)
 
 int32_t audio_output_get_sample_rate(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return kDefaultSampleRate;
     return g_ao_info.target_sample_rate;
@@ -687,15 +665,16 @@ int32_t audio_output_get_sample_rate(void)
 
 int32_t audio_output_get_channels(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return kChannels;
+    mutex_guard lock(g_ao_info.mutex);
     return g_ao_info.audio_cfg.channels;
 }
 
 hdmi_player_ao_dev_e audio_output_get_device(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return E_HDMI_PLAYER_AO_DEV_AUTO;
     return g_ao_info.dev;
@@ -703,7 +682,7 @@ hdmi_player_ao_dev_e audio_output_get_device(void)
 
 hdmi_player_ao_format_e audio_output_get_format(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return E_HDMI_PLAYER_AO_FORMAT_PCM;
     return g_ao_info.format;
@@ -711,15 +690,16 @@ hdmi_player_ao_format_e audio_output_get_format(void)
 
 int32_t audio_output_get_alsa_buffer_size(void)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return kDefaultBufferSize;
+    mutex_guard lock(g_ao_info.mutex);
     return g_ao_info.audio_cfg.period_count * g_ao_info.audio_cfg.period_frames;
 }
 
 int32_t audio_output_set_video_delay(int32_t delay)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     g_ao_info.fixed_delay = delay;
@@ -728,7 +708,7 @@ int32_t audio_output_set_video_delay(int32_t delay)
 
 void audio_output_set_dev_operation(audio_output_dev_op_e op)
 {
-    const api_guard api;
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return;
     {
@@ -740,7 +720,7 @@ void audio_output_set_dev_operation(audio_output_dev_op_e op)
 
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
 {
-    api_guard api;
+    entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
@@ -748,30 +728,18 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
         log_i("the device:%d has been selected\n", dev);
         return 0;
     }
-    int device_id = 0;
-    int output_fmt = 0;
-    if (!trans_dev_player_to_alsa(dev, &device_id)) {
-        log_w("trans_dev_player_to_alsa failed.\n");
+    device_path path;
+    if (!translate(dev, g_ao_info.format, &path, __func__))
         return -1;
-    }
-    if (!trans_format_player_to_alsa(g_ao_info.format, &output_fmt)) {
-        log_w("trans_format_player_to_alsa failed.\n");
-        return -1;
-    }
-    const hdmi_player_ao_dev_e previous = exchange_selection(g_ao_info.dev, dev);
-    const int32_t err = audio_output_select(api, device_id, output_fmt);
-    if (err != 0) {
+    const int32_t err = audio_output_select(api, dev, g_ao_info.dev, &audio_output_selection_t::dev);
+    if (err != 0)
         log_e("audio_output_select failed. err:%d\n", err);
-        if (api)
-            restore_selection(g_ao_info.dev, dev, previous);
-        return -1;
-    }
-    return 0;
+    return err;
 }
 
 int32_t audio_output_select_format(hdmi_player_ao_format_e format)
 {
-    api_guard api;
+    entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_I, g_ao_info.enable_log);
@@ -779,25 +747,13 @@ int32_t audio_output_select_format(hdmi_player_ao_format_e format)
         log_i("the format:%d has been selected\n", format);
         return 0;
     }
-    int device_id = 0;
-    int output_fmt = 0;
-    if (!trans_dev_player_to_alsa(g_ao_info.dev, &device_id)) {
-        log_w("trans_dev_player_to_alsa failed.\n");
+    device_path path;
+    if (!translate(g_ao_info.dev, format, &path, __func__))
         return -1;
-    }
-    if (!trans_format_player_to_alsa(format, &output_fmt)) {
-        log_w("trans_format_player_to_alsa failed.\n");
-        return -1;
-    }
-    const hdmi_player_ao_format_e previous = exchange_selection(g_ao_info.format, format);
-    const int32_t err = audio_output_select(api, device_id, output_fmt);
-    if (err != 0) {
+    const int32_t err = audio_output_select(api, format, g_ao_info.format, &audio_output_selection_t::format);
+    if (err != 0)
         log_e("audio_output_select failed. err:%d\n", err);
-        if (api)
-            restore_selection(g_ao_info.format, format, previous);
-        return -1;
-    }
-    return 0;
+    return err;
 }
 
 int32_t audio_output_write_pcm_frame(hdmi_player_audio_frame_t* frame)
@@ -806,13 +762,15 @@ int32_t audio_output_write_pcm_frame(hdmi_player_audio_frame_t* frame)
         log_e("frame is null.\n");
         return -1;
     }
+    // The block may be one of the player's, which a close frees once this module has ended: it is read under the
+    // guard only.
+    const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
+    if (!api)
+        return -1;
     if (frame->data == nullptr || frame->size < 1) {
         log_e("frame data:%p size:%d invalid.\n", static_cast<void*>(frame->data), frame->size);
         return -1;
     }
-    const api_guard api;
-    if (!api)
-        return -1;
     frame_info_t* record = frame_queue_pool_acquire(g_ao_info.frame_queue, frame->size);
     if (record == nullptr) {
         log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame->size);

@@ -9,6 +9,7 @@
 #include <map>
 #include <sstream>
 
+#include "internal/audio_clock.h"
 #include "internal/frame_queue.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
@@ -215,6 +216,16 @@ protected:
             return g_ao_info.waiting == number;
         });
     }
+    static audio_output_dev_op_e pending_operation()
+    {
+        mutex_guard lock(g_ao_info.mutex);
+        return g_ao_info.dev_op;
+    }
+    static int device_id()
+    {
+        mutex_guard lock(g_ao_info.mutex);
+        return g_ao_info.audio_cfg.device_id;
+    }
     static bool queue_drained()
     {
         return eventually([] { return frame_queue_get_done_counts(g_ao_info.frame_queue) == 0; });
@@ -252,11 +263,13 @@ TEST_F(AudioOutput, OpensTheDeviceThenMutesThenPreparesTheReturnChannelAndCloses
     EXPECT_EQ(audio_output_deinit(), 0);
     EXPECT_EQ(audio_output_deinit(), -1);
     EXPECT_EQ(audio_output_set_volume(1) + play(0, 0), -2);
+    // A block of the player's, which is freed by the close that ended this module: it is not looked at.
+    EXPECT_EQ(audio_output_write_pcm_frame(reinterpret_cast<hdmi_player_audio_frame_t*>(alignof(max_align_t))), -1);
     EXPECT_EQ(audio_output_get_sample_rate(), 48000);
     EXPECT_EQ(device.calls, (Calls{"cec_deinit", "close"}));
     const std::string log = captured();
     EXPECT_EQ(occurrences(log, "W mute state:1\nW module has been initialized\n"), 1);
-    EXPECT_EQ(occurrences(log, "W module not initialized\n"), 4);
+    EXPECT_EQ(occurrences(log, "W module not initialized\n"), 5);
     config.hw_volume = -1;
     for (const auto& [setting, rate, buffer] : {std::tuple(E_HDMI_PLAYER_AIO_SAMPLE_RATE_16K, 16000, 7680),
                                                 std::tuple(E_HDMI_PLAYER_AIO_SAMPLE_RATE_44K, 44100, 7168),
@@ -343,11 +356,49 @@ TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndThenMovesTheDeviceOrRestoresTh
     EXPECT_EQ(audio_output_select_format(E_HDMI_PLAYER_AO_FORMAT_PCM), -1);
     EXPECT_EQ(audio_output_get_device(), E_HDMI_PLAYER_AO_DEV_I2S_TXA);
     EXPECT_EQ(audio_output_get_format(), E_HDMI_PLAYER_AO_FORMAT_RAW);
-    EXPECT_EQ(g_ao_info.audio_cfg.device_id, E_AUDIO_IO_DEV_I2S_TXA);
+    EXPECT_EQ(device_id(), E_AUDIO_IO_DEV_I2S_TXA);
     g_on_changed = [](bool* restarted) { *restarted = true; };
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_SPDIF), 0);
     EXPECT_EQ(device.calls.back(), "changed");
     EXPECT_EQ(occurrences(captured(), "E aio_device_reselect dev_id:4 output_fmt:0 failed!\n"), 1);
+}
+
+// The first selection is held between what it stores and what it does to the device; the second runs through meanwhile.
+TEST_F(AudioOutput, OfTwoSelectionsAtOnceDeviceAndRecordTakeTheSame)
+{
+    struct Case {
+        bool first_refused, second_refused; // by the device
+        int32_t first, second;              // results
+        hdmi_player_ao_dev_e selected;
+        Calls reselects;
+    };
+    for (const Case& c : {Case{false, false, 0, 0, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 4 0", "reselect 4 0"}},
+                          Case{true, false, -1, 0, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 4 0", "reselect 4 0"}},
+                          Case{false, true, 0, -1, E_HDMI_PLAYER_AO_DEV_SPDIF, {"reselect 4 0", "reselect 3 0"}},
+                          Case{true, true, -1, -1, E_HDMI_PLAYER_AO_DEV_SPEAKER, {"reselect 4 0", "reselect 3 0"}}}) {
+        device.init_done = false;
+        start();
+        std::atomic<bool> held{false}, hold{true};
+        g_on_changed = [&](bool*) {
+            if (held.exchange(true))
+                return; // the second selection's
+            EXPECT_TRUE(eventually([&] { return !hold; }));
+        };
+        auto first = in_thread(audio_output_select_device, E_HDMI_PLAYER_AO_DEV_SPDIF);
+        EXPECT_TRUE(eventually([&] { return held.load(); }));
+        device.set([&] { device.results["reselect"] = c.second_refused ? -1 : 0; });
+        EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), c.second);
+        device.set([&] { device.results["reselect"] = c.first_refused ? -1 : 0; });
+        hold = false;
+        EXPECT_EQ(first.get(), c.first);
+        EXPECT_EQ(audio_output_get_device(), c.selected);
+        EXPECT_EQ(device_id(), static_cast<int>(c.selected)); // these have the same numbers on both sides
+        Calls reselects;
+        std::copy_if(device.calls.begin(), device.calls.end(), std::back_inserter(reselects),
+                     [](const std::string& call) { return call != "changed"; });
+        EXPECT_EQ(reselects, c.reselects);
+        EXPECT_EQ(audio_output_deinit(), 0);
+    }
 }
 
 TEST_F(AudioOutput, ASelectionThatClosesTheDeviceSilencesItUntilAReopenAtANewSerial)
@@ -356,7 +407,7 @@ TEST_F(AudioOutput, ASelectionThatClosesTheDeviceSilencesItUntilAReopenAtANewSer
     clock_of(10000);
     g_on_changed = close_after_change;
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_SPDIF), 0);
-    EXPECT_EQ(g_ao_info.dev_op, AUDIO_OUTPUT_DEV_OP_NONE);
+    EXPECT_EQ(pending_operation(), AUDIO_OUTPUT_DEV_OP_NONE);
     EXPECT_EQ(audio_output_set_mute(true), 0);
     EXPECT_EQ(audio_output_set_volume(50), 0);
     EXPECT_FALSE(audio_output_mute_status());
@@ -386,12 +437,12 @@ TEST_F(AudioOutput, AReopenThatFailsStaysPendingAndIsTriedAgain)
         EXPECT_EQ(play(0, 3), 0);
         ASSERT_TRUE(device.wait_calls("open", i));
     }
-    EXPECT_EQ(g_ao_info.dev_op, AUDIO_OUTPUT_DEV_OP_REOPEN);
+    EXPECT_EQ(pending_operation(), AUDIO_OUTPUT_DEV_OP_REOPEN);
     device.set([&] { device.results.clear(); });
     EXPECT_EQ(play(20000, 3), 0);
     ASSERT_TRUE(device.wait_ticks(3));
     EXPECT_EQ(device.ticks.back().max_time_us, 30000);
-    EXPECT_EQ(g_ao_info.dev_op, AUDIO_OUTPUT_DEV_OP_NONE);
+    EXPECT_EQ(pending_operation(), AUDIO_OUTPUT_DEV_OP_NONE);
     EXPECT_EQ(device.calls, (Calls{"close", "close", "open", "open", "open"}));
 }
 
@@ -411,26 +462,35 @@ TEST_F(AudioOutput, AReopenDiscardsWhatIsQueuedBehindTheNewSerial)
     EXPECT_EQ(device.played[2], std::string(kBlockBytes, 'd'));
 }
 
-TEST_F(AudioOutput, ClockIsTheEndOfTheBlockLessWhatIsStillQueued)
+TEST(AudioClock, IsTheEndOfTheBlockLessWhatIsStillQueued)
+{
+    struct Case {
+        int64_t pts;
+        int32_t frames, remaining, rate;
+        int64_t time_us, max_time_us;
+    };
+    for (const Case& c : {Case{5000000, 480, 960, 48000, 4990000, 5010000},
+                          Case{5000000, 480, 1, 48000, 5009980, 5010000}, // 20.83 us, truncated
+                          Case{0, 480, 960, 48000, 0, 10000}, Case{-500000, 480, 0, 48000, 0, -490000},
+                          Case{0, 441, 4410, 44100, 0, 10000}, Case{INT64_MAX, 480, 0, 48000, INT64_MAX, INT64_MAX},
+                          Case{INT64_MIN, 480, INT32_MAX, 48000, 0, INT64_MIN + 10000}}) {
+        const clock_values clock = clock_after_write(c.pts, c.frames, c.remaining, c.rate);
+        EXPECT_TRUE(clock.time_us == c.time_us && clock.max_time_us == c.max_time_us) << c.pts << ' ' << c.remaining;
+    }
+}
+
+TEST_F(AudioOutput, PublishesTheClockByWhatTheDeviceSaysIsQueued)
 {
     config.sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
     start();
-    const auto expect_clock = [&](int64_t pts, int queued, int64_t time_us, int64_t max_time_us) {
-        device.set([&] { device.queued = queued; });
-        const Tick tick = clock_of(pts);
-        EXPECT_TRUE(tick.time_us == time_us && tick.max_time_us == max_time_us && tick.serial == 1)
-            << pts << ' ' << queued;
+    const auto time_of_block = [&](int queued, int result) {
+        device.set([&] { device.queued = queued, device.queued_result = result; });
+        return clock_of(5000000).time_us;
     };
-    expect_clock(5000000, 960, 4990000, 5010000);
-    expect_clock(5000000, 1, 5009980, 5010000); // 20.83 us, truncated
-    expect_clock(0, 960, 0, 10000);
-    expect_clock(-500000, 0, 0, -490000);
-    expect_clock(5000000, -960, 5010000, 5010000);
-    expect_clock(INT64_MAX, 0, INT64_MAX, INT64_MAX);
-    expect_clock(INT64_MIN, INT32_MAX, 0, INT64_MIN + 10000);
-    device.set([&] { device.queued_result = -5; });
-    expect_clock(5000000, 960, 5010000, 5010000);
-    EXPECT_EQ(clock_of(0, 7).max_time_us, 20); // one frame and a half, and a byte
+    EXPECT_EQ(time_of_block(960, 0), 4990000);
+    EXPECT_EQ(time_of_block(-960, 0), 5010000);
+    EXPECT_EQ(time_of_block(960, -5), 5010000);
+    EXPECT_EQ(clock_of(0, 7).max_time_us, 20) << "one frame and a half, and a byte";
 }
 
 TEST_F(AudioOutput, FirstBlockOfASerialIsHeldBackAndLaterOnesAreNot)
@@ -549,6 +609,23 @@ TEST_F(AudioOutput, StopEndsAStuckWriteAndEverybodyWhoWaitsForIt)
     EXPECT_TRUE(device.count("volume 1") == 0 && device.count("cec_deinit") == 1);
 }
 
+TEST_F(AudioOutput, AnInitDuringAStopIsRefused)
+{
+    std::atomic<bool> hold{true}, held{false};
+    g_hooks.cec_deinit = [&] {
+        held = true;
+        EXPECT_TRUE(eventually([&] { return !hold; }));
+        return 0;
+    };
+    start();
+    auto stop = in_thread(audio_output_deinit);
+    EXPECT_TRUE(eventually([&] { return held.load(); }));
+    EXPECT_EQ(audio_output_init(config), -1);
+    hold = false;
+    EXPECT_EQ(stop.get(), 0);
+    EXPECT_EQ(device.calls, (Calls{"close"}));
+}
+
 TEST_F(AudioOutput, AStopKeepsAReopenThatIsUnderWayFromOpeningTheDevice)
 {
     std::atomic<bool> hold{true}, held{false};
@@ -559,9 +636,9 @@ TEST_F(AudioOutput, AStopKeepsAReopenThatIsUnderWayFromOpeningTheDevice)
         return 0;
     };
     start();
+    audio_output_set_dev_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
     auto volume = in_thread(audio_output_set_volume, 1);
     EXPECT_TRUE(eventually([&] { return held.load(); }));
-    g_ao_info.dev_op = AUDIO_OUTPUT_DEV_OP_REOPEN; // the call would wait for the volume's
     EXPECT_EQ(play(0, 1), 0);
     EXPECT_TRUE(queue_drained()); // the writer is on its way to the device
     auto stop = in_thread(audio_output_deinit);

@@ -39,36 +39,50 @@ typedef struct audio_output_config_s {
     void (*changed_cb)(bool force_reset, bool* restarted);
 } audio_output_config_t;
 
+/// Which way the sound goes out.
+typedef struct audio_output_selection_s {
+    hdmi_player_ao_dev_e dev;
+    hdmi_player_ao_format_e format;
+} audio_output_selection_t;
+
+/// The module's state. What is not guarded or atomic is constant from init to deinit.
 typedef struct audio_output_info_s {
-    std::atomic<bool> initialized;
-    std::atomic<bool> write_continued; ///< written under mutex once the writer runs
-    bool enable_log;                   ///< constant after init
-    std::atomic<bool> abort_request;   ///< the writer ends, nothing is opened or written any more
-    std::atomic<bool> mute_status;
-    bool interval_log;                       ///< constant after init
-    std::atomic<int32_t> target_sample_rate; ///< Hz
-    int32_t frame_queue;                     ///< "OUT"; -1: none
-    std::atomic<int32_t> init_state;         ///< 0: the device is open; negative: it is not. Written under mutex.
-    std::atomic<int32_t> fixed_delay;        ///< ms the writer holds the first block of a serial
-    std::atomic<hdmi_player_ao_dev_e> dev;
-    std::atomic<hdmi_player_ao_format_e> format;
-    std::atomic<audio_output_dev_op_e> dev_op; ///< written under mutex
-    audio_config_t audio_cfg; ///< device_id, output_fmt and device calls under mutex; the rest constant after init
-    pthread_t write_thread;   ///< 0: none
+    audio_output_info_s()
+    {
+        cond_init_monotonic(device_cond);
+        cond_init_monotonic(fixed_delay_cond);
+    }
+
+    std::atomic<bool> initialized{false}; ///< written under api_rwlock
+    bool write_continued GUARDED_BY(mutex) = false;
+    bool enable_log = false;
+    std::atomic<bool> abort_request{false}; ///< the writer ends, nothing is opened or written any more
+    std::atomic<bool> mute_status{false};   ///< written under mutex
+    bool interval_log = false;
+    std::atomic<int32_t> target_sample_rate{0}; ///< Hz
+    int32_t frame_queue = -1;                   ///< "OUT"; -1: none
+    std::atomic<int32_t> init_state{-1};        ///< 0: the device is open; negative: it is not. Written under mutex.
+    std::atomic<int32_t> fixed_delay{0};        ///< ms the writer holds the first block of a serial
+    /// The selection, written under mutex. Not the device's yet while a select call is under way or a reopen pends.
+    std::atomic<hdmi_player_ao_dev_e> dev{E_HDMI_PLAYER_AO_DEV_AUTO};
+    std::atomic<hdmi_player_ao_format_e> format{E_HDMI_PLAYER_AO_FORMAT_PCM};
+    audio_output_dev_op_e dev_op GUARDED_BY(mutex) = AUDIO_OUTPUT_DEV_OP_NONE;
+    audio_config_t audio_cfg GUARDED_BY(mutex) = {};   ///< the writer's aio_device_write takes it without the mutex
+    pthread_t write_thread GUARDED_BY(api_rwlock) = 0; ///< 0: none
     /**
      * Serialises calls into the device. Not held inside aio_device_write, which
      * blocks: `writing` keeps everybody but a close out meanwhile.
      */
     mutex_t mutex;
-    bool writing GUARDED_BY(mutex);    ///< the writer is inside aio_device_write
-    int32_t waiting GUARDED_BY(mutex); ///< callers that wait for the write to end; they go before the next one
-    pthread_cond_t device_cond;        ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
-    pthread_attr_t attr;
-    rwlock_t api_rwlock; ///< write: init and the end of deinit; read: everything else
-    mutex_t fixed_delay_mutex;
+    bool writing GUARDED_BY(mutex) = false; ///< the writer is inside aio_device_write
+    int32_t waiting GUARDED_BY(mutex) = 0;  ///< callers that wait for the write to end; they go before the next one
+    pthread_cond_t device_cond;             ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
+    audio_output_selection_t settled GUARDED_BY(mutex) = {}; ///< the latest that succeeded; a failed one restores it
+    rwlock_t api_rwlock;             ///< write: init and the end of deinit; read: everything else
+    mutex_t fixed_delay_mutex;       ///< abort_request is set before it is taken to signal the condition
     pthread_cond_t fixed_delay_cond; ///< abort_request was set; on CLOCK_MONOTONIC
-    audio_output_update_avsync_clock_cb_t update_avsync_clock_cb;
-    void (*changed_cb)(bool force_reset, bool* restarted);
+    audio_output_update_avsync_clock_cb_t update_avsync_clock_cb = nullptr;
+    void (*changed_cb)(bool force_reset, bool* restarted) GUARDED_BY(api_rwlock) = nullptr;
 } audio_output_info_t;
 
 extern audio_output_info_t g_ao_info;
@@ -99,7 +113,7 @@ int32_t audio_output_set_video_delay(int32_t delay);
 void audio_output_set_dev_operation(audio_output_dev_op_e op);
 
 /// Both run `changed_cb` without a lock of the module held. They fail, after two seconds, while the device is
-/// stuck in a write, unless the selection closes it.
+/// stuck in a write, unless the selection closes it. Of two at once, the device takes the one that was stored last.
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev);
 int32_t audio_output_select_format(hdmi_player_ao_format_e format);
 
