@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "internal/audio_input.h"
 #include "internal/audio_output.h"
@@ -17,6 +18,7 @@
 #include "internal/dolby.h"
 #include "internal/locks.h"
 #include "internal/resample.h"
+#include "internal/routing.h"
 #include "internal/video.h"
 #include "version.h"
 
@@ -36,53 +38,51 @@ constexpr int32_t kVolumeUnset = -1;
 struct hdmi_player_resource_t {
     std::atomic<bool> opened{false}; ///< written under api_rwlock
     hdmi_player_event_cb_t event_cb GUARDED_BY(api_rwlock) = nullptr;
-    mutex_t aio_changed_mutex; ///< one run of the change handler at a time
-    rwlock_t api_rwlock;       ///< write: only around changes of the fields above
+    mutex_t aio_changed_mutex; ///< one run of the change handler at a time; lives while the player is open
+    rwlock_t api_rwlock;       ///< write: only around changes of `opened` and `event_cb`
 };
 
 hdmi_player_resource_t g_player_res;
 
-/// Holds the player's lock for reading. A relay may run inside an exported call on the same thread (a
-/// selection runs the change handler): only the outermost of them takes the lock, because a nested read
-/// would wait behind a writer that waits for the outer one.
+bool is_open() { return g_player_res.opened; }
+
+constexpr const char* kNoMessage = nullptr; ///< for calls that a closed player takes
+
+/// The entry guard of every exported call and relay. A relay may run inside an exported call on the same thread, and
+/// a host may call in from a callback. Only the outermost of them takes the lock: the inner ones come with locks of
+/// modules held, which are taken after the player's. They go through even when a close waits for the outermost.
 class SCOPED_CAPABILITY player_guard
 {
 public:
-    player_guard() ACQUIRE_SHARED(g_player_res.api_rwlock)
+    explicit player_guard(const char* message = "hdmi_player is not open", const char* function = __builtin_FUNCTION(),
+                          int line = __builtin_LINE()) ACQUIRE_SHARED(g_player_res.api_rwlock)
     {
-        if (depth_++ == 0)
-            pthread_rwlock_rdlock(&g_player_res.api_rwlock.native);
+        if (inside_)
+            return;
+        outermost_.emplace(g_player_res.api_rwlock, is_open, LOG_LEVEL_E, message, function, line);
+        inside_ = static_cast<bool>(*outermost_);
     }
     ~player_guard() RELEASE()
     {
-        if (--depth_ == 0)
-            pthread_rwlock_unlock(&g_player_res.api_rwlock.native);
+        if (outermost_)
+            inside_ = false;
     }
     player_guard(const player_guard&) = delete;
     player_guard& operator=(const player_guard&) = delete;
 
+    explicit operator bool() const { return inside_; }
+
 private:
-    static thread_local int depth_;
+    std::optional<entry_guard> outermost_;
+    static thread_local bool inside_; ///< this thread has the lock
 };
 
-thread_local int player_guard::depth_ = 0;
+thread_local bool player_guard::inside_ = false;
 
 // What the host set last; kept across close and open.
 std::atomic<int32_t> g_user_volume{kVolumeUnset};
 std::atomic<int32_t> g_hw_volume{kVolumeUnset};
 std::atomic<bool> g_user_mute{false};
-
-/// Whether the player is open; complains in the name of @p function if not.
-bool check_opened(const char* function, int line)
-{
-    if (g_player_res.opened)
-        return true;
-    if (log_enabled(LOG_LEVEL_E))
-        console_print(LOG_LEVEL_E, "[%s %d] hdmi_player is not open\n", function, line);
-    return false;
-}
-
-#define player_is_open() check_opened(__func__, __LINE__)
 
 // ---------------------------------------------------------------------------
 // Relays: what the modules call instead of each other
@@ -92,7 +92,7 @@ void hdmi_player_event_cb(hdmi_player_event_e type)
 {
     const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return;
     if (type > E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
         log_e("unsupported event type:%d\n", type);
@@ -106,7 +106,7 @@ void hdmi_player_event_cb(hdmi_player_event_e type)
 void hdmi_player_ao_update_avsync_clock_cb(int64_t media_time, int64_t max_media_time, int32_t serial)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return;
     if (video_set_base_media_time(media_time, max_media_time, serial) != 0)
         log_e("video_set_base_media_time failed\n");
@@ -115,7 +115,7 @@ void hdmi_player_ao_update_avsync_clock_cb(int64_t media_time, int64_t max_media
 void hdmi_player_video_notify_audio_reset_cb(void)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return;
     audio_input_avsync_reset(true);
 }
@@ -123,13 +123,13 @@ void hdmi_player_video_notify_audio_reset_cb(void)
 bool hdmi_player_video_ai_read_continued_cb(void)
 {
     const player_guard api;
-    return player_is_open() && audio_input_read_continued();
+    return static_cast<bool>(api) && audio_input_read_continued();
 }
 
 hdmi_player_audio_frame_t* hdmi_player_resample_input_queue_dequeue_cb(int32_t timeout_ms)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return nullptr;
     hdmi_player_audio_frame_t* frame = nullptr;
     const int32_t result = dolby_get_strategy() == DOLBY_STRATEGY_PCM ? audio_input_get_pcm_frame(&frame, timeout_ms)
@@ -142,7 +142,7 @@ hdmi_player_audio_frame_t* hdmi_player_resample_input_queue_dequeue_cb(int32_t t
 int32_t hdmi_player_resample_input_queue_put_cb(hdmi_player_audio_frame_t* frame)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return -1;
     const bool pcm = dolby_get_strategy() == DOLBY_STRATEGY_PCM;
     if ((pcm ? audio_input_put_pcm_frame(frame) : dolby_put_output_pcm_frame(frame)) == 0)
@@ -156,7 +156,7 @@ int32_t hdmi_player_resample_input_queue_put_cb(hdmi_player_audio_frame_t* frame
 hdmi_player_audio_frame_t* hdmi_player_dolby_input_queue_dequeue_cb(int32_t timeout_ms)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return nullptr;
     hdmi_player_audio_frame_t* frame = nullptr;
     return audio_input_get_iec61937_frame(&frame, timeout_ms) == 0 ? frame : nullptr;
@@ -165,13 +165,13 @@ hdmi_player_audio_frame_t* hdmi_player_dolby_input_queue_dequeue_cb(int32_t time
 int32_t hdmi_player_dolby_input_queue_put_cb(hdmi_player_audio_frame_t* frame)
 {
     const player_guard api;
-    return player_is_open() ? audio_input_put_iec61937_frame(frame) : -1;
+    return api ? audio_input_put_iec61937_frame(frame) : -1;
 }
 
 void hdmi_player_dolby_input_queue_wakeup_cb(void)
 {
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return;
     audio_input_wakeup_iec61937_queue();
 }
@@ -179,22 +179,6 @@ void hdmi_player_dolby_input_queue_wakeup_cb(void)
 // ---------------------------------------------------------------------------
 // Routing: input format and output selection decide how the pipeline runs
 // ---------------------------------------------------------------------------
-
-struct routing_state {
-    hdmi_player_ao_dev_e ao_dev;
-    hdmi_player_ao_format_e ao_format;
-    audio_input_format_e ai_format;
-    audio_in_bypass_mode_e ai_bypass_mode;
-    dolby_strategy_e strategy;
-    bool disable_avsync;
-};
-
-struct routing_decision {
-    audio_in_bypass_mode_e ai_bypass_mode;
-    audio_output_dev_op_e ao_op;
-    dolby_strategy_e strategy;
-    bool disable_avsync;
-};
 
 routing_state read_routing_state()
 {
@@ -205,32 +189,12 @@ routing_state read_routing_state()
     state.ai_bypass_mode = audio_input_get_bypass_mode();
     state.strategy = dolby_get_strategy();
     state.disable_avsync = video_is_disable_avsync();
+    state.pcm_avsync_off = env_get_value("debug_hdmiplayer_disable_avsync", 0) != 0;
+    state.decoded_avsync_off = env_get_value("debug_hdmiplayer_dolby_disable_avsync", 0) != 0;
+    // Asked only where it counts: a decoder that has ended would warn.
+    if (state.ai_format == AUDIO_INPUT_FORMAT_COMP_IEC61937 && !passes_bursts_on(state))
+        state.decodable = dolby_format_support();
     return state;
-}
-
-routing_decision decide_compressed(const routing_state& state)
-{
-    const bool digital_output =
-        state.ao_dev == E_HDMI_PLAYER_AO_DEV_SPDIF || state.ao_dev == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
-    const bool raw_mode = digital_output && state.ao_format == E_HDMI_PLAYER_AO_FORMAT_RAW;
-    if (raw_mode)
-        return {E_AUDIO_IN_BYPASS_MODE_TO_RAW, AUDIO_OUTPUT_DEV_OP_CLOSE, DOLBY_STRATEGY_HWBYPASS, true};
-    // An unsupported format keeps the decode strategy, so that the decoder goes
-    // on looking for one that it knows, but it has no clock to follow.
-    const bool disable_avsync =
-        !dolby_format_support() || env_get_value("debug_hdmiplayer_dolby_disable_avsync", 0) != 0;
-    return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_DECODE, disable_avsync};
-}
-
-routing_decision decide_routing(const routing_state& state)
-{
-    switch (state.ai_format) {
-    case AUDIO_INPUT_FORMAT_COMP_IEC61937: return decide_compressed(state);
-    case AUDIO_INPUT_FORMAT_PCM:
-        return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_PCM,
-                env_get_value("debug_hdmiplayer_disable_avsync", 0) != 0};
-    default: return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_UNSUPPORTED, true};
-    }
 }
 
 /// The lines of one routing summary.
@@ -285,8 +249,7 @@ bool apply_routing(const routing_state& state, const routing_decision& next, sum
 void hdmi_player_audio_io_changed_cb(bool force_reset, bool* ao_restarted)
 {
     const player_guard api;
-    // The mutex lives only while the player is open, so that is tested before it is taken.
-    if (!g_player_res.opened)
+    if (!api)
         return;
     const mutex_guard serialised(g_player_res.aio_changed_mutex);
     const routing_state state = read_routing_state();
@@ -437,6 +400,30 @@ bool start_modules(const hdmi_player_config_t& cfg, const char* function)
 
 } // namespace
 
+bool passes_bursts_on(const routing_state& state)
+{
+    const bool digital_output =
+        state.ao_dev == E_HDMI_PLAYER_AO_DEV_SPDIF || state.ao_dev == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+    return state.ai_format == AUDIO_INPUT_FORMAT_COMP_IEC61937 && digital_output &&
+           state.ao_format == E_HDMI_PLAYER_AO_FORMAT_RAW;
+}
+
+routing_decision decide_routing(const routing_state& state)
+{
+    if (passes_bursts_on(state))
+        return {E_AUDIO_IN_BYPASS_MODE_TO_RAW, AUDIO_OUTPUT_DEV_OP_CLOSE, DOLBY_STRATEGY_HWBYPASS, true};
+    switch (state.ai_format) {
+    case AUDIO_INPUT_FORMAT_COMP_IEC61937:
+        // An unsupported format keeps the decode strategy, so that the decoder goes
+        // on looking for one that it knows, but it has no clock to follow.
+        return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_DECODE,
+                !state.decodable || state.decoded_avsync_off};
+    case AUDIO_INPUT_FORMAT_PCM:
+        return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_PCM, state.pcm_avsync_off};
+    default: return {E_AUDIO_IN_BYPASS_MODE_NONE, AUDIO_OUTPUT_DEV_OP_REOPEN, DOLBY_STRATEGY_UNSUPPORTED, true};
+    }
+}
+
 int32_t hdmi_player_open(hdmi_player_config_t cfg)
 {
     log_i("%s\n", HDMI_PLAYER_VERSION_BANNER);
@@ -492,7 +479,7 @@ int32_t hdmi_player_set_game_mode(bool enable)
 {
     const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
-    return player_is_open() ? audio_input_set_game_mode(enable) : -1;
+    return api ? audio_input_set_game_mode(enable) : -1;
 }
 
 bool hdmi_player_get_game_mode(void)
@@ -500,21 +487,21 @@ bool hdmi_player_get_game_mode(void)
     const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
     // A closed player answers true: the same bits as the -1 of the other functions.
-    return player_is_open() ? audio_input_get_game_mode() : true;
+    return api ? audio_input_get_game_mode() : true;
 }
 
 int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_dev_e dev)
 {
     const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
-    return player_is_open() ? audio_output_select_device(dev) : -1;
+    return api ? audio_output_select_device(dev) : -1;
 }
 
 int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_format_e format)
 {
     const call_trace trace(LOG_LEVEL_D);
     const player_guard api;
-    return player_is_open() ? audio_output_select_format(format) : -1;
+    return api ? audio_output_select_format(format) : -1;
 }
 
 int32_t hdmi_player_set_volume(int32_t volume)
@@ -525,8 +512,8 @@ int32_t hdmi_player_set_volume(int32_t volume)
         return -1;
     }
     g_user_volume = volume;
-    const player_guard api;
-    if (!g_player_res.opened || !audio_output_initialized()) {
+    const player_guard api(kNoMessage);
+    if (!api || !audio_output_initialized()) {
         log_i("set user_volume:%d\n", volume);
         return 0;
     }
@@ -540,8 +527,8 @@ int32_t hdmi_player_set_volume(int32_t volume)
 int32_t hdmi_player_set_volume2(int32_t volume)
 {
     const call_trace trace(LOG_LEVEL_D);
-    const player_guard api;
-    if (!g_player_res.opened) {
+    const player_guard api(kNoMessage);
+    if (!api) {
         g_hw_volume = volume;
         log_i("set hw_volume:%d\n", g_hw_volume.load());
         return 0;
@@ -564,8 +551,8 @@ int32_t hdmi_player_set_volume2(int32_t volume)
 int32_t hdmi_player_set_mute(bool mute)
 {
     const call_trace trace(LOG_LEVEL_D);
-    const player_guard api;
-    if (!g_player_res.opened || !audio_output_initialized()) {
+    const player_guard api(kNoMessage);
+    if (!api || !audio_output_initialized()) {
         g_user_mute = mute;
         log_i("set_mute:%d\n", mute);
         return 0;
@@ -591,7 +578,7 @@ int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, int32_t timeout_m
         return -1;
     }
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return -1;
     const int32_t result = audio_resample_is_enable_resample() ? audio_resample_get_pcm_frame(frame, timeout_ms)
                                                                : audio_input_get_pcm_frame(frame, timeout_ms);
@@ -608,7 +595,7 @@ int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame)
         return -1;
     }
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return -1;
     return audio_resample_is_enable_resample() ? audio_resample_put_pcm_frame(frame) : audio_input_put_pcm_frame(frame);
 }
@@ -621,7 +608,7 @@ int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame)
         return -1;
     }
     const player_guard api;
-    return player_is_open() ? audio_output_write_pcm_frame(frame) : -1;
+    return api ? audio_output_write_pcm_frame(frame) : -1;
 }
 
 int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
@@ -632,7 +619,7 @@ int32_t hdmi_player_video_render(hdmi_player_video_frame_t* frame)
         return -1;
     }
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return -1;
     if (!video_is_disable_avsync() && audio_input_get_hotplug_status() != E_HDMI_HOTPLUG_STATUS_IN) {
         log_v("hdmi don't plug in, so can't render!\n");
@@ -645,7 +632,7 @@ int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state)
 {
     const call_trace trace(LOG_LEVEL_V);
     const player_guard api;
-    if (!player_is_open())
+    if (!api)
         return -1;
     if (!audio_output_initialized()) {
         log_e("audio output_handle is null!\n");
