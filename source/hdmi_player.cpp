@@ -37,6 +37,9 @@ constexpr int32_t kVolumeUnset = -1;
 
 struct hdmi_player_resource_t {
     std::atomic<bool> opened{false}; ///< written under api_rwlock
+    /// Blocks of input sound come from the resampler, else from the capture. Kept through a close: a resampler that
+    /// has ended says that it is off, and the host would get captured blocks at the input's rate.
+    std::atomic<bool> resampled{false};
     hdmi_player_event_cb_t event_cb GUARDED_BY(api_rwlock) = nullptr;
     mutex_t aio_changed_mutex; ///< one run of the change handler at a time; lives while the player is open
     rwlock_t api_rwlock;       ///< write: only around changes of `opened` and `event_cb`
@@ -325,6 +328,13 @@ resample_config_t make_resample_config()
     return config;
 }
 
+int32_t start_resampler()
+{
+    const int32_t result = audio_resample_init(make_resample_config());
+    g_player_res.resampled = audio_resample_is_enable_resample();
+    return result;
+}
+
 dolby_config_t make_dolby_config()
 {
     dolby_config_t config = {};
@@ -360,6 +370,7 @@ void mark_closed()
     const write_guard api(g_player_res.api_rwlock);
     g_player_res.aio_changed_mutex.destroy();
     g_player_res.opened = false;
+    g_player_res.resampled = false;
     g_player_res.event_cb = nullptr;
 }
 
@@ -377,8 +388,7 @@ bool start_modules(const hdmi_player_config_t& cfg, const char* function)
         {"audio_output_init failed",
          [](const hdmi_player_config_t& c) { return audio_output_init(make_audio_output_config(c)); },
          audio_output_deinit},
-        {"audio_resample_init failed",
-         [](const hdmi_player_config_t&) { return audio_resample_init(make_resample_config()); },
+        {"audio_resample_init failed", [](const hdmi_player_config_t&) { return start_resampler(); },
          audio_resample_deinit},
         {"dolby_init failed", [](const hdmi_player_config_t&) { return dolby_init(make_dolby_config()); },
          dolby_deinit},
@@ -580,8 +590,8 @@ int32_t hdmi_player_get_pcm(hdmi_player_audio_frame_t** frame, int32_t timeout_m
     const player_guard api;
     if (!api)
         return -1;
-    const int32_t result = audio_resample_is_enable_resample() ? audio_resample_get_pcm_frame(frame, timeout_ms)
-                                                               : audio_input_get_pcm_frame(frame, timeout_ms);
+    const int32_t result = g_player_res.resampled ? audio_resample_get_pcm_frame(frame, timeout_ms)
+                                                  : audio_input_get_pcm_frame(frame, timeout_ms);
     if (result < 0)
         log_d("audio_input_get_pcm_frame failed.\n");
     return result;
@@ -597,7 +607,7 @@ int32_t hdmi_player_put_pcm(hdmi_player_audio_frame_t* frame)
     const player_guard api;
     if (!api)
         return -1;
-    return audio_resample_is_enable_resample() ? audio_resample_put_pcm_frame(frame) : audio_input_put_pcm_frame(frame);
+    return g_player_res.resampled ? audio_resample_put_pcm_frame(frame) : audio_input_put_pcm_frame(frame);
 }
 
 int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame)

@@ -498,6 +498,38 @@ TEST_F(PlayerTest, CloseIsPromptWhateverIsBlocked)
     reader.join();
 }
 
+// Held where the resampler has ended, while the capture, at another rate than the output, goes on.
+TEST_F(PlayerTest, NoCapturedBlockIsHandedOutWhileThePlayerCloses)
+{
+    hdmi_sim::Bitstream noise; // has the decoder built, whose end can be held
+    noise.sample_rate = 48000;
+    noise.bursts = {hdmi_sim::Burst{static_cast<uint16_t>(noise.coding), 8 * 1792, std::vector<uint8_t>(1792, 0x55)}};
+    hdmi_sim::BurstOptions repeated;
+    repeated.repeat = true;
+    hdmi_sim::receiver_connect(hdmi_sim::bitstream_signal(noise, repeated));
+    ASSERT_TRUE(hdmi_sim::write_state_file("HEADDONE_COMP_48=1\n"));
+    hdmi_sim::Fault fault;
+    fault.kind = hdmi_sim::FaultKind::withhold;
+    hdmi_sim::set_fault(Op::decoder_write, fault);
+    open();
+    ASSERT_TRUE(eventually([] { return hdmi_sim::fault_hits(Op::decoder_write) > 0; }));
+    hdmi_sim::Signal signal;
+    signal.rate = 44100;
+    signal.generate = ramp;
+    hdmi_sim::receiver_connect(signal);
+    ASSERT_TRUE(hdmi_sim::announce("HEADDONE_PCM_44=1"));
+    ASSERT_TRUE(eventually([&] { return pull().serial >= 0; }));
+
+    fault.kind = hdmi_sim::FaultKind::block;
+    hdmi_sim::set_fault(Op::decoder_deinit, fault);
+    std::thread close([] { EXPECT_EQ(hdmi_player_close(), 0); });
+    EXPECT_TRUE(eventually([] { return hdmi_sim::fault_hits(Op::decoder_deinit) > 0; }));
+    hdmi_player_audio_frame_t* block = nullptr;
+    EXPECT_EQ(hdmi_player_get_pcm(&block, 1000), -1);
+    hdmi_sim::clear_fault(Op::decoder_deinit);
+    close.join();
+}
+
 // What a module calls late, as after a failed open.
 TEST_F(PlayerTest, RelaysOfAClosedPlayerSaySoAndDoNothing)
 {
