@@ -57,17 +57,6 @@ constexpr struct {
     {INT64_MIN, INT64_MAX, LOG_LEVEL_W, "unacceptable"}, // ends every search
 };
 
-// Reports a missing argument in the caller's name.
-bool missing(const void* argument, const char* name, const char* function = __builtin_FUNCTION(),
-             int line = __builtin_LINE())
-{
-    if (argument != nullptr)
-        return false;
-    if (log_enabled(LOG_LEVEL_E))
-        console_print(LOG_LEVEL_E, "[%s %d] %s is null\n", function, line, name);
-    return true;
-}
-
 sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_info_t*>(handle); }
 
 // --- Arithmetic -----------------------------------------------------------------
@@ -97,10 +86,6 @@ int64_t signed_pts(const synchronizer_frame_info_t& frame) { return static_cast<
 int64_t system_time_us() { return static_cast<int64_t>(get_system_time_us()); }
 
 bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
-
-// Shorthands for the printf arguments.
-long long lli(int64_t value) { return value; }
-unsigned long long llu(uint64_t value) { return value; }
 
 // One refresh of the display. A rate that no display has counts as unknown.
 int64_t frame_duration_us(float vrefresh)
@@ -164,7 +149,7 @@ void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::at
 
 void* handle_sync_logic(void* arg)
 {
-    if (missing(arg, "arg"))
+    if (missing(arg, "arg is null"))
         return nullptr;
     sync_strategy_info_t& sync = base_of(arg);
     log_i("handle_sync_logic thread enter\n");
@@ -184,7 +169,7 @@ void* handle_sync_logic(void* arg)
 
 void* handle_vsync(void* arg)
 {
-    if (missing(arg, "arg"))
+    if (missing(arg, "arg is null"))
         return nullptr;
     sync_strategy_info_t& sync = base_of(arg);
     if (env_get_value("debug.hdmiplayer.sync.disablevsync", 0) != 0) {
@@ -530,7 +515,7 @@ void* synchronizer_init(synchronizer_player_e player)
 
 bool synchronizer_deinit(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     synchronizer_stop(handle);
     sync_strategy_info_t& sync = base_of(handle);
@@ -545,7 +530,8 @@ bool synchronizer_deinit(void* handle)
 
 bool synchronizer_set_callback(void* handle, void* callback_handle, synchronizer_callback_t* callback)
 {
-    if (missing(handle, "handle") || missing(callback_handle, "callback_handle") || missing(callback, "callback"))
+    if (missing(handle, "handle is null") || missing(callback_handle, "callback_handle is null") ||
+        missing(callback, "callback is null"))
         return false;
     base_of(handle).callback_handle = callback_handle;
     base_of(handle).callback = callback;
@@ -554,7 +540,7 @@ bool synchronizer_set_callback(void* handle, void* callback_handle, synchronizer
 
 bool synchronizer_start(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     if (sync.callback == nullptr) {
@@ -580,7 +566,7 @@ bool synchronizer_start(void* handle)
 
 bool synchronizer_stop(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.control_mutex);
@@ -591,7 +577,7 @@ bool synchronizer_stop(void* handle)
 
 bool synchronizer_notify_frame_done(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     wake_sync_thread(base_of(handle));
     return true;
@@ -599,7 +585,7 @@ bool synchronizer_notify_frame_done(void* handle)
 
 bool synchronizer_resync(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.control_mutex);
@@ -616,7 +602,7 @@ bool synchronizer_resync(void* handle)
 
 bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     if (!within(mode, E_SYNC_MODE_FREERUN, E_SYNC_MODE_VIDEO_MASTER)) {
         log_e("invalid mode:%d\n", mode);
@@ -632,7 +618,7 @@ bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode)
 
 bool synchronizer_get_sync_mode(void* handle, synchronizer_mode_e* mode)
 {
-    if (missing(handle, "handle") || missing(mode, "mode"))
+    if (missing(handle, "handle is null") || missing(mode, "mode is null"))
         return false;
     mutex_guard guard(base_of(handle).mutex);
     *mode = base_of(handle).mode;
@@ -641,7 +627,7 @@ bool synchronizer_get_sync_mode(void* handle, synchronizer_mode_e* mode)
 
 bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     if (!within(state, E_SYNC_STATE_STOP, E_SYNC_STATE_RESUME)) {
         log_e("invalid state:%d\n", state);
@@ -659,7 +645,7 @@ bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state)
 
 bool synchronizer_get_sync_state(void* handle, synchronizer_state_e* state)
 {
-    if (missing(handle, "handle") || missing(state, "state"))
+    if (missing(handle, "handle is null") || missing(state, "state is null"))
         return false;
     mutex_guard guard(base_of(handle).mutex);
     *state = base_of(handle).state;
@@ -668,7 +654,7 @@ bool synchronizer_get_sync_state(void* handle, synchronizer_state_e* state)
 
 bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.mutex);
@@ -680,7 +666,7 @@ bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info)
 
 bool synchronizer_enable_low_latency_mode(void* handle, bool enable)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     base_of(handle).low_latency_mode = enable;
     return true;
@@ -702,7 +688,7 @@ int64_t extrapolate(const sync_strategy_info_t& sync, float elapsed) REQUIRES(sy
 
 bool synchronizer_set_playback_rate(void* handle, float rate)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     if (rate == 0.0F) {
         log_e("invalid rate:%f\n", static_cast<double>(rate));
@@ -716,7 +702,7 @@ bool synchronizer_set_playback_rate(void* handle, float rate)
 
 bool synchronizer_get_playback_rate(void* handle, float* rate)
 {
-    if (missing(handle, "handle") || missing(rate, "rate"))
+    if (missing(handle, "handle is null") || missing(rate, "rate is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.mutex);
@@ -726,7 +712,7 @@ bool synchronizer_get_playback_rate(void* handle, float* rate)
 
 bool synchronizer_set_base_media_time(void* handle, int64_t media_time, int64_t max_media_time)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.mutex);
@@ -743,7 +729,7 @@ bool synchronizer_set_base_media_time(void* handle, int64_t media_time, int64_t 
 
 bool synchronizer_get_current_media_time(void* handle, int64_t* media_time)
 {
-    if (missing(handle, "handle") || missing(media_time, "media_time"))
+    if (missing(handle, "handle is null") || missing(media_time, "media_time is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     if (sync.base_media_time == 0) {
@@ -766,7 +752,7 @@ bool synchronizer_get_current_media_time(void* handle, int64_t* media_time)
 
 bool synchronizer_get_release_time(void* handle, int64_t media_time, int64_t* release_time)
 {
-    if (missing(handle, "handle") || missing(release_time, "system_time"))
+    if (missing(handle, "handle is null") || missing(release_time, "system_time is null"))
         return false;
     sync_strategy_info_t& sync = base_of(handle);
     mutex_guard guard(sync.mutex);
@@ -810,11 +796,11 @@ bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int
 
 bool on_Oru_sync_logic(void* handle)
 {
-    if (missing(handle, "handle"))
+    if (missing(handle, "handle is null"))
         return false;
     auto& player = *static_cast<sync_strategy_info_Oru_player_t*>(handle);
     sync_strategy_info_t& sync = player.base;
-    if (missing(sync.callback, "synchronizer callback"))
+    if (missing(sync.callback, "synchronizer callback is null"))
         return false;
     if (sync.resync_requested.exchange(false))
         forget_history(player);

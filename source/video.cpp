@@ -41,17 +41,6 @@ private:
     entry before_;
 };
 
-// Shorthand for the printf arguments.
-long long lli(int64_t value) { return value; }
-
-// Reports a null argument in the caller's name.
-bool missing(const void* argument, const char* message, const char* function = __builtin_FUNCTION())
-{
-    if (argument == nullptr)
-        log_as(function, LOG_LEVEL_E, "%s\n", message);
-    return argument == nullptr;
-}
-
 // --- Frame queue ------------------------------------------------------------------
 
 void log_fill_state(const video_frame_queue_t& q, const video_frame_info_t& slot, const char* function)

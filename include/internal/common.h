@@ -92,6 +92,19 @@ private:
     int line_;
 };
 
+/// Whether @p argument is null; then @p message is logged in the caller's name.
+inline bool missing(const void* argument, const char* message, const char* function = __builtin_FUNCTION(),
+                    int line = __builtin_LINE())
+{
+    if (argument == nullptr && log_enabled(LOG_LEVEL_E))
+        console_print(LOG_LEVEL_E, "[%s %d] %s\n", function, line, message);
+    return argument == nullptr;
+}
+
+/// Shorthands for the arguments of messages.
+inline long long lli(int64_t value) { return value; }
+inline unsigned long long llu(uint64_t value) { return value; }
+
 /// @p a + @p b, held at the ends of the range: times come from outside and may be anything.
 inline int64_t add_saturated(int64_t a, int64_t b)
 {
