@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "internal/common.h"
+#include "internal/pacing.h"
 
 // The clock's single precision is part of its contract. Machines that compute
 // float in wider registers, or may reorder it, would pace differently.
@@ -25,50 +26,12 @@ static_assert(std::is_standard_layout<sync_strategy_info_Oru_player_t>::value,
 namespace
 {
 
-constexpr int64_t kUnset = -1;
-
-constexpr int64_t kUnknownFrameUs = 16666;     ///< a display of unknown rate counts as one of 60 Hz
-constexpr float kShortestFrameUs = 100.0F;     ///< 10 kHz; faster is no display, and the waits would become a busy loop
-constexpr float kLongestFrameUs = 10000000.0F; ///< 0.1 Hz; slower is no display, and the waits would last for ever
-constexpr int64_t kFlipLeadPercent = 80;       ///< a flip is aimed this part of a period ahead of its vertical blank
+using pacing::kUnset;
+using pacing::subtract;
 
 constexpr uint32_t kIdleWaitUs = 10000;
 
-// Limits of the delay correction. Video this far off is corrected; smaller
-// deviations are neither seen nor worth an uneven frame.
-constexpr int64_t kSyncThresholdMinUs = 40000;
-constexpr int64_t kSyncThresholdMaxUs = 100000;
-constexpr int64_t kLongFrameUs = 150000;            ///< only frames longer than this are stretched when video is ahead
-constexpr int64_t kNoCorrectionBeyondUs = 99999999; ///< further apart the clocks have nothing to do with each other
-constexpr int64_t kTimerLagMaxUs = 100000;
-
-// What viewers notice, after ITU-R BT.1359: sound may lag the picture further
-// than it may lead. Positive: video ahead of audio.
-constexpr int64_t kAcceptableEarlyUs = 185000;
-constexpr struct {
-    int64_t late_us;
-    int64_t early_us;
-    loglevel_e level;
-    const char* name;
-} kOffsetClasses[] = {
-    {-25000, 100000, LOG_LEVEL_D, "undetectable"},
-    {-45000, 125000, LOG_LEVEL_I, "detectable"},
-    {-90000, kAcceptableEarlyUs, LOG_LEVEL_I, "acceptable"},
-    {INT64_MIN, INT64_MAX, LOG_LEVEL_W, "unacceptable"}, // ends every search
-};
-
 sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_info_t*>(handle); }
-
-// --- Arithmetic -----------------------------------------------------------------
-// Time stamps come from outside and a wall clock may be set to anything: sums
-// and conversions saturate instead of overflowing.
-
-int64_t subtract(int64_t a, int64_t b)
-{
-    int64_t difference = 0;
-    const bool overflow = __builtin_sub_overflow(a, b, &difference);
-    return !overflow ? difference : a < 0 ? INT64_MIN : INT64_MAX;
-}
 
 // Truncates, and saturates where the value does not fit.
 int64_t to_int64(float value)
@@ -85,23 +48,171 @@ int64_t signed_pts(const synchronizer_frame_info_t& frame) { return static_cast<
 
 int64_t system_time_us() { return static_cast<int64_t>(get_system_time_us()); }
 
-bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
-
-// One refresh of the display. A rate that no display has counts as unknown.
-int64_t frame_duration_us(float vrefresh)
-{
-    const float duration = 1000000.0F / vrefresh; // infinite and NaN are possible, and outside the limits
-    const bool plausible = kShortestFrameUs <= duration && duration <= kLongestFrameUs;
-    return plausible ? static_cast<int64_t>(duration) : kUnknownFrameUs;
-}
-
 synchronizer_drm_info_t display_of(sync_strategy_info_t& sync)
 {
     mutex_guard guard(sync.mutex);
     return sync.drm_info;
 }
 
+} // namespace
+
+// --- Decisions ------------------------------------------------------------------
+
+namespace
+{
+
+constexpr float kShortestRefreshUs = 100.0F;     ///< 10 kHz; faster is no display, and the waits would be a busy loop
+constexpr float kLongestRefreshUs = 10000000.0F; ///< 0.1 Hz; slower is no display, and the waits would last for ever
+constexpr int64_t kFlipLeadPercent = 80;         ///< a flip is aimed this part of a period ahead of its vertical blank
+
+// Limits of the delay correction. Video this far off is corrected; smaller
+// deviations are neither seen nor worth an uneven frame.
+constexpr int64_t kSyncThresholdMinUs = 40000;
+constexpr int64_t kSyncThresholdMaxUs = 100000;
+constexpr int64_t kLongFrameUs = 150000;            ///< only frames longer than this are stretched when video is ahead
+constexpr int64_t kNoCorrectionBeyondUs = 99999999; ///< further apart the clocks have nothing to do with each other
+constexpr int64_t kTimerLagMaxUs = 100000;
+
+// What viewers notice, after ITU-R BT.1359: sound may lag the video further than it may lead.
+constexpr pacing::offset_class kOffsetClasses[] = {
+    {-25000, 100000, LOG_LEVEL_D, "undetectable"},
+    {-45000, 125000, LOG_LEVEL_I, "detectable"},
+    {-90000, pacing::kAcceptableEarlyUs, LOG_LEVEL_I, "acceptable"},
+    {INT64_MIN, INT64_MAX, LOG_LEVEL_W, "unacceptable"}, // ends every search
+};
+
+bool within(int64_t value, int64_t low, int64_t high) { return low <= value && value <= high; }
+
+} // namespace
+
+namespace pacing
+{
+
+int64_t subtract(int64_t a, int64_t b)
+{
+    int64_t difference = 0;
+    const bool overflow = __builtin_sub_overflow(a, b, &difference);
+    return !overflow ? difference : a < 0 ? INT64_MIN : INT64_MAX;
+}
+
+int64_t refresh_duration(float vrefresh)
+{
+    const float duration = 1000000.0F / vrefresh; // infinite and NaN are possible, and outside the limits
+    const bool plausible = kShortestRefreshUs <= duration && duration <= kLongestRefreshUs;
+    return plausible ? static_cast<int64_t>(duration) : kUnknownFrameUs;
+}
+
+int64_t free_run_wait(int64_t now, int64_t frame_timer, int64_t distance)
+{
+    return std::max<int64_t>(subtract(add_saturated(frame_timer, distance), now), 0);
+}
+
+// Less than its duration when video is late, more for a long frame when video is
+// ahead. Short frames ahead are not doubled: the vertical blank and the frame
+// timer hold them.
+int64_t corrected_delay(int64_t duration, int64_t diff)
+{
+    if (!within(diff, -kNoCorrectionBeyondUs, kNoCorrectionBeyondUs))
+        return duration;
+    const int64_t threshold = std::max(std::min(duration, kSyncThresholdMaxUs), kSyncThresholdMinUs);
+    if (diff <= -threshold)
+        return std::max<int64_t>(add_saturated(duration, diff), 0);
+    if (diff >= threshold && duration > kLongFrameUs)
+        return add_saturated(duration, diff);
+    return duration;
+}
+
+// Between two frames the video clock runs on from the last one.
+frame_offset offset_of(int64_t pts, const shown_frame& last, int64_t now, int64_t audio_clock)
+{
+    const int64_t video_clock = std::min(add_saturated(last.pts, subtract(now, last.taken_time)), pts);
+    const int64_t diff = subtract(video_clock, audio_clock);
+    return {video_clock, diff, corrected_delay(subtract(pts, last.pts), diff)};
+}
+
+const offset_class& classify(int64_t diff)
+{
+    const offset_class* found = kOffsetClasses;
+    while (!within(diff, found->late_us, found->early_us))
+        ++found;
+    return *found;
+}
+
+int64_t flip_target(int64_t release_time, const vsync_grid& grid)
+{
+    if (grid.sampled_time == kUnset)
+        return release_time;
+    return subtract(closest_vsync(release_time, grid.sampled_time, grid.duration),
+                    grid.duration * kFlipLeadPercent / 100);
+}
+
+bool due_at_vsync(int64_t target, const vsync_grid& grid)
+{
+    if (grid.sampled_time == kUnset)
+        return false;
+    const int64_t half = grid.duration / 2;
+    // Past the last vertical blank already, or within half a period of it.
+    return target < grid.sampled_time ||
+           within(target, subtract(grid.sampled_time, half), add_saturated(grid.sampled_time, half));
+}
+
+// An early frame waits for one refresh at most, so that the decision is taken anew for each.
+decision decide(int64_t now, int64_t due, int64_t target, const vsync_grid& grid)
+{
+    if (now >= due)
+        return {verdict::flip, 0, false};
+    if (due_at_vsync(target, grid))
+        return {verdict::flip, 0, true};
+    return {verdict::wait, std::min(subtract(due, now), grid.duration), false};
+}
+
+// After a jump back of the stream, a negative delay, the timer may lag.
+int64_t advance(int64_t frame_timer, int64_t delay, int64_t now)
+{
+    const int64_t timer = add_saturated(frame_timer, delay);
+    return delay > 0 && subtract(now, timer) > kTimerLagMaxUs ? now : timer;
+}
+
+verdict decide_taken(int64_t now, int64_t frame_timer, int64_t duration)
+{
+    return now > add_saturated(frame_timer, duration) ? verdict::drop : verdict::flip;
+}
+
+} // namespace pacing
+
+int64_t closest_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
+{
+    if (vsync_duration < 1)
+        return release_time;
+    const int64_t vsync_count = subtract(release_time, sampled_vsync_time) / vsync_duration;
+    const int64_t snapped_time = add_saturated(sampled_vsync_time, vsync_count * vsync_duration);
+    const bool early = snapped_time < release_time;
+    const int64_t snapped_before = early ? snapped_time : subtract(snapped_time, vsync_duration);
+    const int64_t snapped_after = early ? add_saturated(snapped_time, vsync_duration) : snapped_time;
+    const int64_t snapped_after_diff = subtract(snapped_after, release_time);
+    const int64_t snapped_before_diff = subtract(release_time, snapped_before);
+    return snapped_after_diff < snapped_before_diff ? snapped_after : snapped_before;
+}
+
+namespace
+{
+
+void log_due_at_vsync() { log_as("frame_render_by_vsync", LOG_LEVEL_V, "current frame need render"); }
+
+} // namespace
+
+bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
+{
+    const bool due = pacing::due_at_vsync(release_time, {sampled_vsync_time, vsync_duration});
+    if (due)
+        log_due_at_vsync();
+    return due;
+}
+
 // --- Waits ----------------------------------------------------------------------
+
+namespace
+{
 
 // Has the sync thread look again, now or, while it is busy, at its next wait.
 void wake_sync_thread(sync_strategy_info_t& sync)
@@ -193,7 +304,7 @@ void* handle_vsync(void* arg)
             log_e("drmWaitVBlank fd:%d error:%d\n", display.fd, result);
             // The pacing goes on at the display's nominal rate.
             sleep_unless_stopped(sync.vsync_thread_mutex, sync.vsync_thread_cond, sync.vsync_thread_exit,
-                                 static_cast<uint32_t>(frame_duration_us(display.vrefresh)));
+                                 static_cast<uint32_t>(pacing::refresh_duration(display.vrefresh)));
         }
         const int64_t end = system_time_us();
         sync.last_vsync_system_time = end;
@@ -288,10 +399,9 @@ bool wait_distance(oru_player& player, const synchronizer_frame_info_t& frame)
                lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
     const int64_t now = system_time_us();
     pull_timer_back(player, now, LOG_LEVEL_V);
-    const int64_t due = add_saturated(player.frame_timer, last_frame_duration);
-    if (now >= due)
+    const int64_t remaining_time = pacing::free_run_wait(now, player.frame_timer, last_frame_duration);
+    if (remaining_time == 0)
         return true;
-    const int64_t remaining_time = subtract(due, now);
     trace_step(player, LOG_LEVEL_V, "wait frame_pts:%llu remaining_time:%lli system_time:%lli\n",
                llu(player.last_frame.pts), lli(remaining_time), lli(now));
     return sleep_unless_stopped(sync.sync_thread_mutex, sync.sync_thread_cond, sync.sync_thread_exit,
@@ -312,60 +422,36 @@ bool free_run_step(oru_player& player)
     return true;
 }
 
-// How long the last frame stays: its duration, less when video is late, more
-// when a long frame is ahead. Short frames ahead are not doubled: the vertical
-// blank and the frame timer hold them.
-int64_t corrected_delay(int64_t duration, int64_t diff)
-{
-    if (diff < -kNoCorrectionBeyondUs || diff > kNoCorrectionBeyondUs)
-        return duration;
-    const int64_t threshold = std::max(std::min(duration, kSyncThresholdMaxUs), kSyncThresholdMinUs);
-    if (diff <= -threshold)
-        return std::max<int64_t>(add_saturated(duration, diff), 0);
-    if (diff >= threshold && duration > kLongFrameUs)
-        return add_saturated(duration, diff);
-    return duration;
-}
-
 // With the sync log on, a frame far ahead of the audio clock waits for it.
 // True when the step waited. The tie to the log switch is intended.
-bool waited_for_audio(oru_player& player, int64_t video_clock_pts, int64_t audio_clock_pts, int64_t delay)
+bool waited_for_audio(oru_player& player, const pacing::frame_offset& offset, int64_t audio_clock_pts)
 {
     if (!player.base.enable_log)
         return false;
-    const int64_t diff = subtract(video_clock_pts, audio_clock_pts);
     trace_step(player, LOG_LEVEL_I, "video_clock_pts:%lli audio_clock_pts:%lli diff:%lli delay:%lli\n",
-               lli(video_clock_pts), lli(audio_clock_pts), lli(diff), lli(delay));
-    const auto* offset = kOffsetClasses;
-    while (!within(diff, offset->late_us, offset->early_us))
-        ++offset;
-    trace_step(player, offset->level, "video clock sync audio clock %s\n", offset->name);
-    if (diff <= kAcceptableEarlyUs)
+               lli(offset.video_clock), lli(audio_clock_pts), lli(offset.diff), lli(offset.delay));
+    const pacing::offset_class& found = pacing::classify(offset.diff);
+    trace_step(player, found.level, "video clock sync audio clock %s\n", found.name);
+    if (offset.diff <= pacing::kAcceptableEarlyUs)
         return false;
     trace_step(player, LOG_LEVEL_I, "wait audio clock update, video_clock_pts:%lli audio_clock_pts:%lli diff:%lli\n",
-               lli(video_clock_pts), lli(audio_clock_pts), lli(diff));
-    wait_for_news(player.base, static_cast<uint32_t>(diff));
+               lli(offset.video_clock), lli(audio_clock_pts), lli(offset.diff));
+    wait_for_news(player.base, static_cast<uint32_t>(offset.diff));
     return true;
 }
 
-/// The vertical-blank grid as one pass of the step sees it.
-struct vsync_grid {
-    int64_t sampled_time; ///< system time of a vertical blank; -1: unknown
-    int64_t duration;     ///< us
-};
-
-// When to flip the frame: its release time, or where the grid is known, ahead
-// of the vertical blank nearest to it, in time for the display to latch it.
-int64_t flip_target(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t now,
-                    int64_t delay)
+// When to flip the frame; brings @p grid up to date.
+int64_t target_of(oru_player& player, const synchronizer_frame_info_t& frame, pacing::vsync_grid& grid, int64_t now,
+                  int64_t delay)
 {
-    int64_t target = 0;
-    synchronizer_get_release_time(&player, signed_pts(frame), &target);
-    trace_step(player, LOG_LEVEL_I, "original cur_frame_system_time:%lli\n", lli(target));
+    grid.sampled_time = player.base.last_vsync_system_time;
+    int64_t release_time = 0;
+    synchronizer_get_release_time(&player, signed_pts(frame), &release_time);
+    trace_step(player, LOG_LEVEL_I, "original cur_frame_system_time:%lli\n", lli(release_time));
     if (grid.sampled_time == kUnset)
-        return target;
-    grid.duration = frame_duration_us(display_of(player.base).vrefresh);
-    target = subtract(closest_vsync(target, grid.sampled_time, grid.duration), grid.duration * kFlipLeadPercent / 100);
+        return release_time;
+    grid.duration = pacing::refresh_duration(display_of(player.base).vrefresh);
+    const int64_t target = pacing::flip_target(release_time, grid);
     trace_step(player, LOG_LEVEL_I,
                "frameSystemTime:%lli vsyncSystemTime:%lli current_system_time:%lli frame_timer:%lli diff:%lli %lli\n",
                lli(target), lli(grid.sampled_time), lli(now), lli(player.frame_timer),
@@ -375,33 +461,31 @@ int64_t flip_target(oru_player& player, const synchronizer_frame_info_t& frame, 
 
 // Decides about a frame that has a predecessor: true when its time has come,
 // with the delay that the timer advances by; false after a wait.
-bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, vsync_grid& grid, int64_t& delay)
+bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pacing::vsync_grid& grid, int64_t& delay)
 {
-    const int64_t last_frame_duration = subtract(signed_pts(frame), signed_pts(player.last_frame));
     trace_step(player, LOG_LEVEL_D, "last_frame_duration:%lli frame_pts:%llu lastFramePts:%llu\n",
-               lli(last_frame_duration), llu(frame.pts), llu(player.last_frame.pts));
-    const int64_t since_last = subtract(system_time_us(), player.last_frame_system_time);
-    const int64_t video_clock_pts =
-        std::min(add_saturated(signed_pts(player.last_frame), since_last), signed_pts(frame));
+               lli(subtract(signed_pts(frame), signed_pts(player.last_frame))), llu(frame.pts),
+               llu(player.last_frame.pts));
+    const int64_t video_now = system_time_us();
     int64_t audio_clock_pts = 0;
     synchronizer_get_current_media_time(&player, &audio_clock_pts);
-    delay = corrected_delay(last_frame_duration, subtract(video_clock_pts, audio_clock_pts));
-    if (waited_for_audio(player, video_clock_pts, audio_clock_pts, delay))
+    const pacing::frame_offset offset = pacing::offset_of(
+        signed_pts(frame), {signed_pts(player.last_frame), player.last_frame_system_time}, video_now, audio_clock_pts);
+    delay = offset.delay;
+    if (waited_for_audio(player, offset, audio_clock_pts))
         return false;
 
     const int64_t now = system_time_us();
     pull_timer_back(player, now, LOG_LEVEL_D);
-    grid.sampled_time = player.base.last_vsync_system_time;
-    const int64_t target = flip_target(player, frame, grid, now, delay);
-    const int64_t due = add_saturated(player.frame_timer, delay);
-    if (now >= due || frame_render_by_vsync(target, grid.sampled_time, grid.duration))
+    const int64_t target = target_of(player, frame, grid, now, delay);
+    const pacing::decision decision = pacing::decide(now, add_saturated(player.frame_timer, delay), target, grid);
+    if (decision.by_vsync)
+        log_due_at_vsync();
+    if (decision.what == pacing::verdict::flip)
         return true;
-
-    // One refresh at most, so that the decision is taken anew for each.
-    const int64_t remaining_time = std::min(subtract(due, now), grid.duration);
     trace_step(player, LOG_LEVEL_I, "wait frame_pts:%llu remaining_time:%lli\n", llu(player.last_frame.pts),
-               lli(remaining_time));
-    wait_for_news(player.base, static_cast<uint32_t>(remaining_time));
+               lli(decision.wait_us));
+    wait_for_news(player.base, static_cast<uint32_t>(decision.wait_us));
     return false;
 }
 
@@ -413,7 +497,7 @@ bool dropped_late(oru_player& player, synchronizer_frame_info_t& frame, synchron
     const int64_t cur_frame_duration = subtract(signed_pts(next), signed_pts(frame));
     trace_step(player, LOG_LEVEL_I, "cur_frame_duration:%lli next_frame_pts:%llu cur_frame_pts:%llu\n",
                lli(cur_frame_duration), llu(next.pts), llu(frame.pts));
-    if (now <= add_saturated(player.frame_timer, cur_frame_duration))
+    if (pacing::decide_taken(now, player.frame_timer, cur_frame_duration) != pacing::verdict::drop)
         return false;
     player.base.callback->drop_frame(player.base.callback_handle, &frame);
     trace_step(player, LOG_LEVEL_W,
@@ -436,14 +520,11 @@ void flip_paced(oru_player& player, synchronizer_frame_info_t& frame)
 // a stop ends that too.
 void pace(oru_player& player, synchronizer_frame_info_t frame)
 {
-    vsync_grid grid = {kUnset, kUnknownFrameUs};
+    pacing::vsync_grid grid;
     int64_t delay = 0;
     while (!player.base.sync_thread_exit && frame_is_due(player, frame, grid, delay)) {
         const int64_t now = system_time_us();
-        player.frame_timer = add_saturated(player.frame_timer, delay);
-        // After a jump back of the stream, a negative delay, the timer may lag.
-        if (delay > 0 && subtract(now, player.frame_timer) > kTimerLagMaxUs)
-            player.frame_timer = now;
+        player.frame_timer = pacing::advance(player.frame_timer, delay, now);
         trace_step(player, LOG_LEVEL_I, "system_time:%lli frame_timer:%lli video late sys:%lli delay:%lli\n", lli(now),
                    lli(player.frame_timer), lli(subtract(now, player.frame_timer)), lli(delay));
         if (!take(player, frame, now))
@@ -479,7 +560,7 @@ bool audio_master_step(oru_player& player)
     return true;
 }
 
-// For the laboratory: state and mode can be forced from the environment at any time.
+// For debugging: state and mode can be forced from the environment at any time.
 template <typename Setting>
 void apply_forced(const char* variable, const char* name, std::atomic<Setting>& setting, Setting last)
 {
@@ -766,33 +847,6 @@ bool synchronizer_get_release_time(void* handle, int64_t media_time, int64_t* re
 }
 
 // --- The step -------------------------------------------------------------------
-
-int64_t closest_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
-{
-    if (vsync_duration < 1)
-        return release_time;
-    const int64_t vsync_count = subtract(release_time, sampled_vsync_time) / vsync_duration;
-    const int64_t snapped_time = add_saturated(sampled_vsync_time, vsync_count * vsync_duration);
-    const bool early = snapped_time < release_time;
-    const int64_t snapped_before = early ? snapped_time : subtract(snapped_time, vsync_duration);
-    const int64_t snapped_after = early ? add_saturated(snapped_time, vsync_duration) : snapped_time;
-    const int64_t snapped_after_diff = subtract(snapped_after, release_time);
-    const int64_t snapped_before_diff = subtract(release_time, snapped_before);
-    return snapped_after_diff < snapped_before_diff ? snapped_after : snapped_before;
-}
-
-bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
-{
-    if (sampled_vsync_time == kUnset)
-        return false;
-    const int64_t half = vsync_duration / 2;
-    // Past the last vertical blank already, or within half a period of it.
-    if (release_time >= sampled_vsync_time &&
-        !within(release_time, subtract(sampled_vsync_time, half), add_saturated(sampled_vsync_time, half)))
-        return false;
-    log_v("current frame need render");
-    return true;
-}
 
 bool on_Oru_sync_logic(void* handle)
 {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "internal/common.h"
+#include "internal/pacing.h"
 #include "platform_hooks.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
@@ -336,33 +337,40 @@ TEST_F(Synchronizer, ResumeAnchorsTheClockToTheMonotonicClock)
     EXPECT_LT(clock(), 1000000 + 400000000); // from the resume, not from the anchor before it
 }
 
-TEST_F(Synchronizer, SnapsToTheNearestVerticalBlankAndTiesToTheEarlier)
+TEST(Pacing, SnapsToTheNearestVerticalBlankAndTiesToTheEarlier)
 {
     const std::pair<int64_t, int64_t> cases[] = {{1000, 1000}, {1050, 1000}, {1051, 1100}, {951, 1000}, {950, 900}};
-    for (const auto& [release, snapped] : cases)
+    for (const auto& [release, snapped] : cases) {
         EXPECT_EQ(closest_vsync(release, 1000, 100), snapped);
+        EXPECT_EQ(pacing::flip_target(release, {1000, 100}), snapped - 80);
+        EXPECT_EQ(pacing::flip_target(release, {-1, 100}), release);
+    }
     for (int64_t period : {int64_t{-1}, int64_t{0}, int64_t{16666}})
         for (int64_t release : {INT64_MIN, INT64_MAX})
             for (int64_t sampled : {INT64_MIN, int64_t{0}, INT64_MAX})
-                closest_vsync(release, sampled, period); // must not trap
+                pacing::flip_target(release, {sampled, period}); // must not trap
     EXPECT_TRUE(frame_render_by_vsync(108333, 100000, 16667) && frame_render_by_vsync(0, 100000, 16667));
     EXPECT_FALSE(frame_render_by_vsync(108334, 100000, 16667) || frame_render_by_vsync(-5000, -1, 16667));
 }
 
-TEST_F(Synchronizer, EarlyFrameGoesOutAtTheVerticalBlankBeforeItsOwn)
+TEST(Pacing, EarlyFrameGoesOutAtTheVerticalBlankBeforeItsOwn)
 {
-    constexpr int64_t kPeriod = 16666;
-    synchronizer_set_drm_info(handle, {7, 60.0F});
-    // The release time is 1.5 periods after the sampled blank: a tie, hence one period after
-    // it; its flip is due 80 % earlier. One microsecond more and it is the next one's.
-    for (const auto& [beyond, shown] : {std::pair<int64_t, int64_t>{0, 1033333}, {1, 1000000}}) {
-        show_first(1000000, {1033333});
-        sync().last_vsync_system_time = kStart;
-        EXPECT_EQ(shown_at(kStart + 1000, 1033333 - (kPeriod + kPeriod / 2 + beyond - 1000)), shown) << beyond;
-    }
+    // The release time is 1.5 periods after the sampled blank: a tie, hence one period after it; its flip is due 80 %
+    // earlier. One microsecond more and it is the next one's.
+    const pacing::vsync_grid grid = {100000, 16666};
+    const auto decide = [&](int64_t now, int64_t release, int64_t sampled = 100000) {
+        const pacing::decision d = pacing::decide(now, 133333, pacing::flip_target(release, grid), {sampled, 16666});
+        return std::make_tuple(d.what, d.wait_us, d.by_vsync);
+    };
+    using pacing::verdict;
+    EXPECT_EQ(decide(101000, 124999), std::make_tuple(verdict::flip, 0, true));
+    EXPECT_EQ(decide(101000, 125000), std::make_tuple(verdict::wait, 16666, false)); // a refresh at most
+    EXPECT_EQ(decide(101000, 124999, -1), std::make_tuple(verdict::wait, 16666, false));
+    EXPECT_EQ(decide(133332, 200000), std::make_tuple(verdict::wait, 1, false));
+    EXPECT_EQ(decide(133333, 200000), std::make_tuple(verdict::flip, 0, false));
 }
 
-TEST_F(Synchronizer, DelayIsCorrectedBeyondTheThresholdOnly)
+TEST(Pacing, DelayIsCorrectedBeyondTheThresholdOnly)
 {
     // Late by less and by as much as the threshold: the duration, between 40 and 100 ms. Ahead: only frames longer
     // than 150 ms are stretched. Last: clocks that have nothing to do with each other.
@@ -379,61 +387,56 @@ TEST_F(Synchronizer, DelayIsCorrectedBeyondTheThresholdOnly)
         {40000, -100000000, 40000},  {200000, 99999999, 100199999},
         {200000, 100000000, 200000},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "duration " << c.duration << " diff " << c.diff);
-        // An audio clock that single precision holds exactly.
-        int64_t first_pts = 1000000;
-        while ((first_pts + c.duration - c.diff) % 8 != 0)
-            ++first_pts;
-        const int64_t pts = first_pts + c.duration;
-        show_first(first_pts, {pts});
-        if (c.delay > 0 && c.delay >= c.duration) {
-            EXPECT_EQ(shown_at(kStart + c.delay - 1, std::min(first_pts + c.delay - 1, pts) - c.diff), first_pts)
-                << "too early";
-        }
-        EXPECT_EQ(shown_at(kStart + std::max({c.delay, c.duration, int64_t{0}}), pts - c.diff), pts);
-        EXPECT_EQ(player().frame_timer, kStart + c.delay);
-    }
-    EXPECT_TRUE(queue.dropped.empty());
-    // Between two frames the video clock runs on from the last one.
-    for (int64_t late : {39999, 40000}) {
-        show_first(1000000, {1033333});
-        EXPECT_EQ(shown_at(kStart + 10000, 1010000 + late), late == 40000 ? 1033333 : 1000000);
+    for (const auto& c : cases)
+        EXPECT_EQ(pacing::corrected_delay(c.duration, c.diff), c.delay) << c.duration << " " << c.diff;
+    // Between two frames the video clock runs on from the last one, up to the next.
+    for (const auto& [elapsed, video_clock] : {std::pair{10000, 1010000}, {33333, 1033333}, {50000, 1033333}}) {
+        const pacing::frame_offset offset = pacing::offset_of(1033333, {1000000, 7000}, 7000 + elapsed, 1050000);
+        EXPECT_EQ(offset.video_clock, video_clock);
+        EXPECT_EQ(offset.diff, video_clock - 1050000);
+        EXPECT_EQ(offset.delay, elapsed == 10000 ? 0 : 33333);
     }
 }
 
-TEST_F(Synchronizer, FrameTimerLagsAtMost100Ms)
+TEST(Pacing, TimerLagsAtMost100MsAndAFrameIsLateOnlyWhenItsSuccessorIsOverdue)
 {
-    for (int64_t lag : {100000, 100001}) {
-        show_first(1000000, {1040000});
-        const int64_t now = kStart + 40000 + lag;
-        shown_at(now, 1040000);
-        EXPECT_EQ(player().frame_timer, lag == 100000 ? kStart + 40000 : now);
-    }
-    // A wall clock that was set back: one frame's duration from now, not an hour.
-    queue.push(1080000);
-    const int64_t back = kStart - 3600000000;
-    shown_at(back, 1040000);
-    EXPECT_EQ(player().frame_timer, back);
-    EXPECT_EQ(shown_at(back + 40000, 1080000), 1080000);
+    EXPECT_EQ(pacing::advance(0, 40000, 140000), 40000);
+    EXPECT_EQ(pacing::advance(0, 40000, 140001), 140001);
+    EXPECT_EQ(pacing::advance(0, 0, 140001), 0);
+    EXPECT_EQ(pacing::advance(0, -40000, 140001), -40000);
+    EXPECT_EQ(pacing::decide_taken(80000, 40000, 40000), pacing::verdict::flip);
+    EXPECT_EQ(pacing::decide_taken(80001, 40000, 40000), pacing::verdict::drop);
+    EXPECT_EQ(pacing::free_run_wait(30000, 10000, 33333), 13333);
+    EXPECT_EQ(pacing::free_run_wait(43334, 10000, 33333), 0);
 }
 
-TEST_F(Synchronizer, DropsAFrameOnlyWhenItsSuccessorIsOverdue)
+TEST(Pacing, ClassifiesTheOffset)
 {
-    for (const auto& [beyond, dropped] : {std::pair<int64_t, size_t>{0, 0}, {1, 1}}) {
-        show_first(1000000, {1040000, 1080000});
-        player().frame_timer = kStart + 40000;
-        shown_at(kStart + 80000 + beyond, 1080000); // video late by 40 ms: the delay becomes 0
-        EXPECT_EQ(queue.drops(), dropped);
-        EXPECT_EQ(queue.flipped.back(), dropped != 0 ? 1080000 : 1040000);
+    const std::pair<int64_t, std::string> cases[] = {
+        {-90001, "2 unacceptable"}, {-90000, "3 acceptable"},   {-45001, "3 acceptable"},   {-45000, "3 detectable"},
+        {-25001, "3 detectable"},   {-25000, "4 undetectable"}, {100000, "4 undetectable"}, {100001, "3 detectable"},
+        {125000, "3 detectable"},   {125001, "3 acceptable"},   {185000, "3 acceptable"},   {185001, "2 unacceptable"},
+    };
+    for (const auto& [diff, level_and_name] : cases) {
+        const pacing::offset_class& found = pacing::classify(diff);
+        EXPECT_EQ(std::to_string(found.level) + " " + found.name, level_and_name) << diff;
     }
-    // Far behind: all but the newest, in one step.
+}
+
+TEST_F(Synchronizer, CatchesUpInOneStepAndFollowsAClockThatWasSetBack)
+{
+    // Far behind: all but the newest are dropped.
     show_first(1000000, {1033333, 1066666, 1099999, 1133332});
-    queue.dropped.clear();
     shown_at(kStart + 250000, 1250000);
     EXPECT_EQ(queue.dropped, (FrameQueue::List{1033333, 1066666, 1099999}));
     EXPECT_EQ(queue.flipped.back(), 1133332);
     EXPECT_EQ(sync().last_flip_system_time, kStart + 250000);
+    // A wall clock that was set back: one frame's duration from now, not an hour.
+    show_first(1000000, {1040000});
+    const int64_t back = kStart - 3600000000;
+    EXPECT_EQ(shown_at(back, 1000000), 1000000);
+    EXPECT_EQ(player().frame_timer, back);
+    EXPECT_EQ(shown_at(back + 40000, 1040000), 1040000);
 }
 
 TEST_F(Synchronizer, FrameWithdrawnAfterThePeekIsNotReleasedTwice)
@@ -489,26 +492,21 @@ TEST_F(Synchronizer, LogsWhatItDecidesAndWhy)
     EXPECT_EQ(logged_step("5"), "");
 }
 
-TEST_F(Synchronizer, ClassifiesTheOffsetAndWithTheLogOnWaitsForAudio)
+TEST_F(Synchronizer, WaitsForAudioWithTheLogOnOnly)
 {
-    const std::pair<int64_t, std::string> cases[] = {
-        {-90001, "W unacceptable"}, {-90000, "I acceptable"},   {-45001, "I acceptable"},   {-45000, "I detectable"},
-        {-25001, "I detectable"},   {-25000, "D undetectable"}, {100000, "D undetectable"}, {100001, "I detectable"},
-        {125000, "I detectable"},   {125001, "I acceptable"},   {185000, "I acceptable"},   {185001, "W unacceptable"},
-    };
-    for (const auto& [diff, offset] : cases) {
-        SCOPED_TRACE(diff);
+    for (int64_t diff : {185000, 185001}) {
         const bool held = diff > 185000;
         sync().enable_log = true;
         show_first(1000000, {1033333});
         set_clock(kStart + 33333, 1033333 - diff);
-        const std::string log = logged_step("4");
-        EXPECT_EQ(occurrences(log, offset[0] + std::string(" video clock sync audio clock") + &offset[1] + "\n"), 1)
-            << log;
-        EXPECT_EQ(occurrences(log, "I wait audio clock update, video_clock_pts:1033333 audio_clock_pts:848332 "), held);
+        EXPECT_EQ(
+            occurrences(logged_step("3"),
+                        "I wait audio clock update, video_clock_pts:1033333 audio_clock_pts:848332 diff:185001\n"),
+            held);
         EXPECT_EQ(queue.flipped.back(), held ? 1000000 : 1033333);
         sync().enable_log = false;
         EXPECT_EQ(step(), held);
+        EXPECT_EQ(queue.flipped.back(), 1033333);
     }
 }
 
@@ -713,21 +711,20 @@ TEST_F(Synchronizer, FailingVerticalBlankFallsBackToTheNominalRate)
         ++calls;
         return -1;
     };
-    for (float rate : {60.0F, 0.0F, -1.0F, 1e9F, INFINITY, NAN, 1e-40F, 0.0001F}) {
-        SCOPED_TRACE(rate);
-        calls = 0;
-        synchronizer_set_drm_info(handle, {7, rate});
-        const std::string log = records("3", [&] {
-            const auto begin = steady::now();
-            run({0});
-            EXPECT_TRUE(eventually([&] { return calls > 3; }));
-            EXPECT_GE(steady::now() - begin, 3 * 16666us);
-            synchronizer_stop(handle);
-        });
-        EXPECT_NE(sync().last_vsync_system_time, -1);
-        EXPECT_EQ(occurrences(log, "E handle_vsync: drmWaitVBlank fd:7 error:-1\n"), calls);
-        EXPECT_EQ(occurrences(log, " thread exit\n"), 2);
-    }
+    synchronizer_set_drm_info(handle, {7, 60.0F});
+    const std::string log = records("3", [&] {
+        const auto begin = steady::now();
+        run({0});
+        EXPECT_TRUE(eventually([&] { return calls > 3; }));
+        EXPECT_GE(steady::now() - begin, 3 * 16666us);
+        synchronizer_stop(handle);
+    });
+    EXPECT_NE(sync().last_vsync_system_time, -1);
+    EXPECT_EQ(occurrences(log, "E handle_vsync: drmWaitVBlank fd:7 error:-1\n"), calls);
+    EXPECT_EQ(occurrences(log, " thread exit\n"), 2);
+    for (float unknown : {0.0F, -1.0F, 1e9F, INFINITY, NAN, 1e-40F, 0.0001F})
+        EXPECT_EQ(pacing::refresh_duration(unknown), 16666) << unknown;
+    EXPECT_EQ(pacing::refresh_duration(59.94F), 16683);
 }
 
 TEST_F(Synchronizer, WithoutADisplayFramesFollowTheTimerAlone)
