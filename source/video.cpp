@@ -581,20 +581,14 @@ int32_t render(video_info_t& video, hdmi_player_video_frame_t* frame)
     return queue_frame(video, frame, now);
 }
 
-bool is_initialized(const char* function = __builtin_FUNCTION())
-{
-    const bool initialized = g_video_info.initialized;
-    if (!initialized)
-        log_as(function, LOG_LEVEL_V, "module not initialized\n");
-    return initialized;
-}
+bool is_open() { return g_video_info.initialized; }
 
 } // namespace
 
 int32_t video_render(hdmi_player_video_frame_t* frame)
 {
-    const read_guard api(g_video_info.api_rwlock);
-    if (!is_initialized())
+    const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     if (missing(frame, "frame is null"))
@@ -606,8 +600,8 @@ int32_t video_render(hdmi_player_video_frame_t* frame)
 
 int32_t video_set_base_media_time(int64_t media_time, int64_t max_media_time, int32_t frame_serial)
 {
-    const read_guard api(g_video_info.api_rwlock);
-    if (!is_initialized())
+    const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     if (missing(g_video_info.synchronizer_handle, "synchronizer_handle is null"))
@@ -623,8 +617,8 @@ int32_t video_set_base_media_time(int64_t media_time, int64_t max_media_time, in
 
 int32_t video_avsync_reset(bool reset, bool disable_avsync)
 {
-    const read_guard api(g_video_info.api_rwlock);
-    if (!is_initialized())
+    const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     const mutex_guard guard(g_video_info.internal_mutex);
@@ -634,8 +628,8 @@ int32_t video_avsync_reset(bool reset, bool disable_avsync)
 
 bool video_is_disable_avsync(void)
 {
-    const read_guard api(g_video_info.api_rwlock);
-    if (!is_initialized())
+    const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return false;
     const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     return g_video_info.disable_avsync;
@@ -643,8 +637,8 @@ bool video_is_disable_avsync(void)
 
 int32_t video_set_fixed_delay(int32_t delay)
 {
-    const read_guard api(g_video_info.api_rwlock);
-    if (!is_initialized())
+    const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
+    if (!api)
         return -1;
     const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     g_video_info.fixed_delay = delay;
