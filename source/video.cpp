@@ -520,10 +520,11 @@ int32_t begin_reset(video_info_t& video, hdmi_player_video_frame_t* frame)
     return -1;
 }
 
+// The pacing starts without a history: by the old time line the first frames would be late and dropped.
 void end_reset(video_info_t& video)
 {
-    synchronizer_start(video.synchronizer_handle);
     synchronizer_resync(video.synchronizer_handle);
+    synchronizer_start(video.synchronizer_handle);
     log_as(kRender, LOG_LEVEL_I, "[avsync_reset] done, frame_serial:%d\n", video.frame_serial.load());
     sync_changed(video);
 }
