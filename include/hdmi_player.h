@@ -216,13 +216,16 @@
  * each other, nor inside a callback. Every other function may be called from
  * any thread at any time, from inside callbacks too. Flip and drop callbacks
  * come from the synchronizer's thread and from inside
- * hdmi_player_video_render(); at a change to free run even from both at the
- * same time. The event callback comes from whichever thread saw the event,
+ * hdmi_player_video_render(), a drop perhaps while another thread is inside a
+ * flip. Two flips never come at the same time: a frame to be flipped while
+ * another thread is inside the flip callback is left to that thread, which flips
+ * it next. The event callback comes from whichever thread saw the event,
  * inside hdmi_player_video_render() and hdmi_player_open() among them.
  * Callbacks must not block: they hold up the picture. The host must not hold a
  * lock that its callbacks take while it calls into the player. A host that
  * renders from inside its flip callback bounds that itself: in free run, and
- * while a reset keeps the queue full, every render flips at once.
+ * while a reset keeps the queue full, every render flips at once, inside the
+ * flip callback that is in progress.
  *
  * Buffer handles are opaque: the library never looks into them.
  *
@@ -337,9 +340,11 @@ typedef void (*hdmi_player_event_cb_t)(hdmi_player_event_e event);
 typedef void (*hdmi_player_video_frame_drop_cb_t)(hdmi_player_video_frame_t frame);
 
 /**
- * Shows a frame at the coming vertical blank. Flips are first in, first out;
- * they come near the edge of a vertical blank, so that up to two may be pending
- * at a time. When the buffer may be reused is between host and display.
+ * Shows a frame at the coming vertical blank. Flips are first in, first out: no
+ * frame is ever flipped after a newer one. Where frames still wait when one is to
+ * be flipped at once, as when A/V sync is switched off, they are flipped before
+ * it, oldest first. Flips come near the edge of a vertical blank, so that up to
+ * two may be pending at a time; frames flipped at once come when they come. When the buffer may be reused is between host and display.
  */
 typedef void (*hdmi_player_video_frame_flip_cb_t)(hdmi_player_video_frame_t frame);
 

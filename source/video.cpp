@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "internal/common.h"
+#include "internal/render_step.h"
 
 video_info_t g_video_info;
 
@@ -175,10 +176,11 @@ int32_t video_frame_queue_peek_frame(video_frame_queue_t* q, hdmi_player_video_f
 namespace
 {
 
+constexpr const char* kGetFrame = "sync_get_frame_cb";
+constexpr const char* kFlipFrame = "sync_flip_frame_cb";
+
 bool read_for_sync(void* handle, synchronizer_frame_info_t* info, bool take, const char* function)
 {
-    if (missing(handle, "handle is null", function) || missing(info, "frame is null", function))
-        return false;
     video_frame_queue_t* q = &static_cast<video_info_t*>(handle)->frame_queue;
     hdmi_player_video_frame_t frame = {};
     const int32_t result = take ? video_frame_queue_get_frame(q, &frame) : video_frame_queue_peek_frame(q, &frame);
@@ -192,12 +194,82 @@ bool read_for_sync(void* handle, synchronizer_frame_info_t* info, bool take, con
     return true;
 }
 
-// A render, too, flips through the synchronizer's callbacks: the scope keeps it apart.
-void hand_back(void (*host_cb)(hdmi_player_video_frame_t), const synchronizer_frame_info_t& info)
+hdmi_player_video_frame_t host_frame(const synchronizer_frame_info_t& info)
+{
+    return {info.buf_handle, static_cast<int64_t>(info.pts)};
+}
+
+// A render, too, flips and drops this way: the scope keeps it apart.
+void hand_back(void (*host_cb)(hdmi_player_video_frame_t), const hdmi_player_video_frame_t& frame)
 {
     const entry_scope scope(entry::pacing);
     if (host_cb != nullptr)
-        host_cb({info.buf_handle, static_cast<int64_t>(info.pts)});
+        host_cb(frame);
+}
+
+// The sync thread hands back the frame that it took; false when a render has taken it from there.
+bool end_hold(video_flip_line_t& line) REQUIRES(line.mutex)
+{
+    return std::exchange(line.hold, pacing_hold::none) != pacing_hold::taken_back;
+}
+
+// What the sync thread has taken but not handed back is older than what waits in the queue.
+void take_back_held(video_flip_line_t& line) REQUIRES(line.mutex)
+{
+    if (line.hold != pacing_hold::held)
+        return;
+    line.due.push_back(line.held_frame);
+    line.hold = pacing_hold::taken_back;
+}
+
+// Whether so many frames may become due, besides the one that the sync thread may hold.
+bool has_room(const video_flip_line_t& line, size_t frames) REQUIRES(line.mutex)
+{
+    return line.due.size() + frames < line.due.capacity();
+}
+
+// Beyond the room of a render's frames only where a flip callback blocks while the pacing goes on.
+bool add_due(video_flip_line_t& line, const hdmi_player_video_frame_t& frame) REQUIRES(line.mutex)
+{
+    try {
+        line.due.push_back(frame);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// Flips what is due. If another thread is at it, that one goes on with these: to
+// wait for it would be a deadlock where its callback waits for this thread.
+void flip_due(video_info_t& video)
+{
+    static thread_local bool t_flipping = false;
+    video_flip_line_t& line = video.flip_line;
+    mutex_guard guard(line.mutex);
+    if (line.flipping && !t_flipping)
+        return;
+    const bool nested = std::exchange(t_flipping, true);
+    line.flipping = true;
+    while (!line.due.empty()) {
+        const hdmi_player_video_frame_t oldest = line.due.front();
+        line.due.erase(line.due.begin());
+        guard.unlock();
+        hand_back(video.video_frame_flip_cb, oldest);
+        guard.lock();
+    }
+    line.flipping = nested;
+    t_flipping = nested;
+}
+
+void note_flip_time(video_info_t& video)
+{
+    if (!video.en_fps_log)
+        return;
+    const int64_t now_ms = static_cast<int64_t>(get_system_time_us()) / kUsPerMs;
+    if (video.last_flip_time_ms < 1)
+        video.last_flip_time_ms = now_ms;
+    log_as(kFlipFrame, LOG_LEVEL_D, "diff last:%lli\n", lli(now_ms - video.last_flip_time_ms));
+    video.last_flip_time_ms = now_ms;
 }
 
 } // namespace
@@ -215,19 +287,35 @@ bool sync_get_frame_count_cb(void* handle, int32_t* count)
 
 bool sync_peek_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
+    if (missing(handle, "handle is null") || missing(info, "frame is null"))
+        return false;
     return read_for_sync(handle, info, false, __func__);
 }
 
 bool sync_get_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
-    return read_for_sync(handle, info, true, __func__);
+    if (missing(handle, "handle is null") || missing(info, "frame is null"))
+        return false;
+    video_flip_line_t& line = static_cast<video_info_t*>(handle)->flip_line;
+    const mutex_guard guard(line.mutex);
+    if (!read_for_sync(handle, info, true, kGetFrame))
+        return false;
+    line.hold = pacing_hold::held;
+    line.held_frame = host_frame(*info);
+    return true;
 }
 
 bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
     if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
-    hand_back(static_cast<video_info_t*>(handle)->video_frame_drop_cb, *info);
+    video_info_t& video = *static_cast<video_info_t*>(handle);
+    mutex_guard guard(video.flip_line.mutex);
+    const bool mine = end_hold(video.flip_line);
+    guard.unlock();
+    if (!mine)
+        return true;
+    hand_back(video.video_frame_drop_cb, host_frame(*info));
     log_d("buf_handle:%p pts:%lli\n", info->buf_handle, lli(info->pts));
     return true;
 }
@@ -237,14 +325,16 @@ bool sync_flip_frame_cb(void* handle, synchronizer_frame_info_t* info)
     if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
     video_info_t& video = *static_cast<video_info_t*>(handle);
-    hand_back(video.video_frame_flip_cb, *info);
-    if (!video.en_fps_log)
+    mutex_guard guard(video.flip_line.mutex);
+    if (!end_hold(video.flip_line))
         return true;
-    const int64_t now_ms = static_cast<int64_t>(get_system_time_us()) / kUsPerMs;
-    if (video.last_flip_time_ms < 1)
-        video.last_flip_time_ms = now_ms;
-    log_d("diff last:%lli\n", lli(now_ms - video.last_flip_time_ms));
-    video.last_flip_time_ms = now_ms;
+    const bool due = add_due(video.flip_line, host_frame(*info));
+    guard.unlock();
+    if (due)
+        flip_due(video);
+    else // no memory: better out of turn than lost
+        hand_back(video.video_frame_flip_cb, host_frame(*info));
+    note_flip_time(video);
     return true;
 }
 
@@ -260,7 +350,27 @@ bool callbacks_complete(const video_config_t& config)
            config.ai_read_continued_cb != nullptr;
 }
 
-// Everything but the queue and the locks, one of which the caller holds.
+void release_flip_line(video_flip_line_t& line)
+{
+    const mutex_guard guard(line.mutex);
+    line.hold = pacing_hold::none;
+    std::vector<hdmi_player_video_frame_t>().swap(line.due);
+}
+
+// Room for what a render makes due: the frame that pacing holds, a full queue and the render's own frame; and for as
+// many frames again that come while a flip callback is in progress.
+bool init_flip_line(video_flip_line_t& line, int32_t slots)
+{
+    const mutex_guard guard(line.mutex);
+    try {
+        line.due.reserve(2 * static_cast<size_t>(slots) + 2);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// Everything but the queues and the locks, one of which the caller holds.
 void reset_record(video_info_t& video, const video_config_t& config)
 {
     const mutex_guard guard(video.internal_mutex);
@@ -335,6 +445,8 @@ bool set_up(video_info_t& video, const video_config_t& config)
     if (video_frame_queue_init(&video.frame_queue, config.video_frame_queue_size) != 0)
         return false;
     log_as(kInit, LOG_LEVEL_I, "video_frame_queue_size:%d\n", config.video_frame_queue_size);
+    if (!init_flip_line(video.flip_line, config.video_frame_queue_size))
+        return false;
     if (!start_synchronizer(video, config.drm_info))
         return false;
     video.avsync_reset = true; // at the first frame
@@ -348,6 +460,7 @@ void tear_down(video_info_t& video, const char* function = __builtin_FUNCTION())
     if (video.synchronizer_handle != nullptr && !synchronizer_deinit(video.synchronizer_handle))
         log_as(function, LOG_LEVEL_E, "synchronizer_deinit failed\n");
     video_frame_queue_deinit(&video.frame_queue);
+    release_flip_line(video.flip_line);
     reset_record(video, {});
 }
 
@@ -406,14 +519,6 @@ namespace
 
 constexpr const char* kRender = "video_render";
 
-/// What becomes of a frame.
-enum class render_step {
-    queue,       ///< stamp it and queue it
-    show,        ///< flip it at once, out of a reset that does not wait for audio
-    begin_reset, ///< it is the first of an A/V sync reset
-    end_reset,   ///< audio runs again: restart the synchronizer, then queue it
-};
-
 int64_t since_last_render(video_info_t& video, int64_t now) REQUIRES(video.internal_mutex)
 {
     if (video.last_system_time < 1)
@@ -441,40 +546,38 @@ void set_avsync(video_info_t& video, bool reset, bool disable_avsync) REQUIRES(v
     log_as("video_avsync_reset", LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disable_avsync);
 }
 
-// After a step that begins or ends a reset only this render touches the
-// synchronizer, until sync_changed(). The others go on as if nothing had
-// changed: to wait would be a deadlock where the thread that is being joined
-// renders. For the same reason that thread never begins a reset.
-render_step next_step(video_info_t& video, int64_t now)
+// Decides, and brings the record up to date. @p serial is the one that the decision saw.
+render_step take_step(video_info_t& video, int64_t now, int32_t& serial)
 {
     const mutex_guard guard(video.internal_mutex);
-    const int32_t serial = video.frame_serial;
-    if (serial != video.last_frame_serial && !video.sync_changing) {
+    serial = video.frame_serial;
+    const bool reset_wanted = queue_full(video.frame_queue) || video.avsync_reset;
+    const render_step step = next_step({serial, video.last_frame_serial, video.resetting, reset_wanted,
+                                        video.wait_audio, video.sync_changing, t_entry == entry::pacing});
+    switch (step) {
+    case render_step::queue: break;
+    case render_step::queue_new_serial:
         video.last_frame_serial = serial;
-        if (!video.resetting) {
-            log_as(kRender, LOG_LEVEL_W, "frame_serial:%d abnormal changed!\n", serial);
-            return render_step::queue;
-        }
-        video.resetting = false;
-        video.sync_changing = true;
-        return render_step::end_reset;
-    }
-    if (!video.resetting) {
-        const bool reset_wanted = queue_full(video.frame_queue) || video.avsync_reset;
-        if (!reset_wanted || video.sync_changing || t_entry == entry::pacing)
-            return render_step::queue;
+        log_as(kRender, LOG_LEVEL_W, "frame_serial:%d abnormal changed!\n", serial);
+        break;
+    case render_step::show:
+        video.last_frame_pts = 0;
+        video.last_system_time = 0;
+        break;
+    case render_step::begin_reset:
         video.last_system_time = now;
         video.resetting = true;
         video.last_frame_pts = -kUsPerMs * video.fixed_delay;
         video.sync_changing = true;
         set_avsync(video, false, video.disable_avsync);
-        return render_step::begin_reset;
+        break;
+    case render_step::end_reset:
+        video.last_frame_serial = serial;
+        video.resetting = false;
+        video.sync_changing = true;
+        break;
     }
-    if (video.wait_audio)
-        return render_step::queue;
-    video.last_frame_pts = 0;
-    video.last_system_time = 0;
-    return render_step::show;
+    return step;
 }
 
 void sync_changed(video_info_t& video)
@@ -483,9 +586,31 @@ void sync_changed(video_info_t& video)
     video.sync_changing = false;
 }
 
+// The frames that still wait become due, and then this one: none is flipped after a newer one. False when there is no
+// room because a flip callback in progress has held up so many.
+bool make_all_due(video_info_t& video, const hdmi_player_video_frame_t& newest)
+{
+    video_flip_line_t& line = video.flip_line;
+    const mutex_guard guard(line.mutex);
+    auto waiting = static_cast<size_t>(video.frame_queue.frames_count);
+    if (!has_room(line, waiting + 1))
+        return false;
+    take_back_held(line);
+    for (hdmi_player_video_frame_t frame; waiting > 0; --waiting) {
+        if (video_frame_queue_get_frame(&video.frame_queue, &frame) == 0)
+            line.due.push_back(frame);
+    }
+    line.due.push_back(newest);
+    return true;
+}
+
 int32_t show(video_info_t& video, const hdmi_player_video_frame_t& frame, int64_t now, int64_t diff, const char* state)
 {
-    video.video_frame_flip_cb(frame);
+    if (!make_all_due(video, frame)) {
+        log_as(kRender, LOG_LEVEL_W, "a flip callback does not return, frame refused\n");
+        return -1;
+    }
+    flip_due(video);
     log_as(kRender, LOG_LEVEL_D, "%sfree run sys_time:%lld diff_time:%lli\n", state, lli(now), lli(diff));
     return 0;
 }
@@ -493,9 +618,12 @@ int32_t show(video_info_t& video, const hdmi_player_video_frame_t& frame, int64_
 void drop_oldest(video_info_t& video)
 {
     hdmi_player_video_frame_t oldest = {};
+    mutex_guard guard(video.flip_line.mutex);
     if (video.frame_queue.frames_count < 1)
         return;
-    if (video_frame_queue_get_frame(&video.frame_queue, &oldest) == 0)
+    const int32_t result = video_frame_queue_get_frame(&video.frame_queue, &oldest);
+    guard.unlock();
+    if (result == 0)
         video.video_frame_drop_cb(oldest);
     else
         log_as(kRender, LOG_LEVEL_E, "video_frame_queue_get_frame failed\n");
@@ -521,22 +649,27 @@ int32_t begin_reset(video_info_t& video, hdmi_player_video_frame_t* frame)
 }
 
 // The pacing starts without a history: by the old time line the first frames would be late and dropped.
-void end_reset(video_info_t& video)
+void end_reset(video_info_t& video, int32_t serial)
 {
     synchronizer_resync(video.synchronizer_handle);
     synchronizer_start(video.synchronizer_handle);
-    log_as(kRender, LOG_LEVEL_I, "[avsync_reset] done, frame_serial:%d\n", video.frame_serial.load());
+    log_as(kRender, LOG_LEVEL_I, "[avsync_reset] done, frame_serial:%d\n", serial);
     sync_changed(video);
 }
 
-// The picture goes on while audio is awaited.
+// The video goes on while audio is awaited.
 void flip_oldest(video_info_t& video)
 {
     const int32_t count = video.frame_queue.frames_count;
     synchronizer_frame_info_t oldest = {};
-    if (!video.synchronizer_cb.get_frame(&video, &oldest))
+    mutex_guard guard(video.flip_line.mutex);
+    if (!has_room(video.flip_line, 1) || !read_for_sync(&video, &oldest, true, kGetFrame))
         return;
-    video.synchronizer_cb.flip_frame(&video, &oldest);
+    take_back_held(video.flip_line);
+    video.flip_line.due.push_back(host_frame(oldest));
+    guard.unlock();
+    flip_due(video);
+    note_flip_time(video);
     log_as(kRender, LOG_LEVEL_I, "[resetting] frame_queue count:%d full, force flip ahead frame pts:%lld\n", count,
            lli(oldest.pts));
 }
@@ -573,11 +706,13 @@ int32_t render(video_info_t& video, hdmi_player_video_frame_t* frame)
     const int64_t diff = note_arrival(video, now);
     if (video.disable_avsync || !video.ai_read_continued_cb())
         return show(video, *frame, now, diff, "");
-    switch (next_step(video, now)) {
+    int32_t serial = 0;
+    switch (take_step(video, now, serial)) {
     case render_step::show: return show(video, *frame, now, diff, "[resetting] ");
     case render_step::begin_reset: return begin_reset(video, frame);
-    case render_step::end_reset: end_reset(video); break;
-    case render_step::queue: break;
+    case render_step::end_reset: end_reset(video, serial); break;
+    case render_step::queue:
+    case render_step::queue_new_serial: break;
     }
     return queue_frame(video, frame, now);
 }

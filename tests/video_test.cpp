@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "internal/common.h"
+#include "internal/render_step.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 
@@ -143,6 +144,31 @@ public:
 private:
     std::atomic<bool> waiting_{false};
     std::atomic<bool> open_{false};
+};
+
+/// Threads that call again and again until the end of the scope.
+class Threads
+{
+public:
+    ~Threads() { stop(); }
+    void run(const std::function<void()>& call)
+    {
+        threads_.emplace_back([this, call] {
+            while (!stop_)
+                call();
+        });
+    }
+    void stop()
+    {
+        stop_ = true;
+        for (std::thread& thread : threads_)
+            thread.join();
+        threads_.clear();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
 };
 
 class VideoTest : public testing::Test
@@ -341,6 +367,30 @@ TEST_F(VideoFrameQueueTest, MeasuresFromFlipToFlip)
     EXPECT_EQ(host_.flip_pts.back(), 30);
 }
 
+TEST(RenderStep, FollowsFromSerialResetAndWhoElseIsAtIt)
+{
+    struct {
+        render_state state; // frame_serial, last; resetting, reset_wanted, wait_audio, sync_changing, on_sync_thread
+        render_step step;
+    } const cases[] = {
+        {{1, 1, false, false, true, false, false}, render_step::queue},
+        {{2, 1, false, true, true, false, false}, render_step::queue_new_serial},
+        {{-2, 1, true, false, true, false, false}, render_step::end_reset},
+        {{2, 1, true, false, true, false, true}, render_step::end_reset},
+        {{1, 1, true, true, true, false, false}, render_step::queue},
+        {{1, 1, true, false, false, false, false}, render_step::show},
+        {{1, 1, false, true, true, false, false}, render_step::begin_reset},
+        {{1, 1, false, true, false, false, false}, render_step::begin_reset},
+        // Not on the thread that would have to be joined, nor while another render does it.
+        {{1, 1, false, true, true, false, true}, render_step::queue},
+        {{1, 1, false, true, true, true, false}, render_step::queue},
+        {{2, 1, false, false, true, true, false}, render_step::queue},
+        {{2, 1, true, false, true, true, false}, render_step::queue},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(next_step(c.state), c.step) << &c - cases;
+}
+
 TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
 {
     hdmi_player_video_frame_t frame = frame_of(1);
@@ -369,46 +419,28 @@ TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
     EXPECT_TRUE(host_.take_calls().empty());
 }
 
-TEST_F(VideoTest, HasItsFramesPacedByAudio)
+TEST_F(VideoTest, HasItsFramesPacedByAudioAlsoWithoutADisplay)
 {
-    start();
+    video_config_t blind = config();
+    blind.drm_info = {0, -1.0F};
+    EXPECT_TRUE(has(log_of([&] { EXPECT_EQ(video_init(blind), 0); }), "] invalid drm_info fd:0 vrefresh:-1.000000\n"));
     auto& sync = *static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle);
     EXPECT_EQ(sync.mode, E_SYNC_MODE_AUDIO_MASTER);
     EXPECT_EQ(sync.state, E_SYNC_STATE_START);
     EXPECT_TRUE(sync.low_latency_mode);
+    render(1);
     video_set_base_media_time(1500000, 1500000, 1);
     int64_t media_time = 0;
     EXPECT_TRUE(synchronizer_get_current_media_time(&sync, &media_time));
     EXPECT_EQ(media_time, 1500000);
-}
-
-// Without vertical blanks nothing but the module wakes the pacing early or lets
-// a frame overtake its time.
-TEST_F(VideoTest, RunsWithoutADisplay)
-{
-    constexpr int32_t kBeyondCorrectionMs = 200000;
-    video_config_t blind = config();
-    blind.drm_info = {0, -1.0F};
-    EXPECT_TRUE(has(log_of([&] { EXPECT_EQ(video_init(blind), 0); }), "] invalid drm_info fd:0 vrefresh:-1.000000\n"));
-    video_set_fixed_delay(kBeyondCorrectionMs);
-    render(1);
-    video_set_base_media_time(1000, 1000000, 1);
-    render(2);
-    render(3);
-    ASSERT_TRUE(eventually([this] { return host_.count("flip") + host_.count("drop") == 3; }));
-    // Stamps start anew: the frames before the reset must not time those after it.
-    video_avsync_reset(true, false);
-    EXPECT_EQ(render(4), -1);
-    video_set_base_media_time(1000, 1000000, 2);
+    // Each frame wakes the pacing.
     host_.set_on_flip([this](int) { gate_.pass(); });
-    render(5);
+    render(2);
     ASSERT_TRUE(gate_.reached());
-
-    auto& sync = *static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle);
     mutex_guard guard(sync.sync_thread_mutex);
     sync.sync_thread_wake = false;
     guard.unlock();
-    EXPECT_EQ(render(6), 0);
+    EXPECT_EQ(render(3), 0);
     guard.lock();
     EXPECT_TRUE(sync.sync_thread_wake);
     guard.unlock();
@@ -509,15 +541,72 @@ TEST_F(VideoTest, ResetsOnceAfterAGapOfMoreThanASecondOrOnRequest)
 }
 
 // The sound that the reset waits for may have gone past the player: only a new reset brings other sound.
-TEST_F(VideoTest, ResetsAnewAfterFreeRunThatCutAResetShort)
+TEST_F(VideoTest, FreeRunThatCutsAResetShortGivesBackWhatWaitsFirst)
 {
     start();
     expect_reset(1);
-    video_avsync_reset(true, true);
     EXPECT_EQ(render(2), 0);
+    video_avsync_reset(true, true);
+    EXPECT_EQ(render(3), 0);
+    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2", "flip 3"}));
+    EXPECT_EQ(host_.flip_pts.front(), 0); // as it was queued; the newest as it came
+    EXPECT_EQ(host_.flip_pts.back(), 12345);
+    EXPECT_EQ(queued(), 0);
     video_avsync_reset(true, false);
-    EXPECT_EQ(render(3), -1);
-    EXPECT_EQ(host_.count("event"), 1U);
+    expect_reset(4);
+    EXPECT_EQ(render(5), 0);
+    // The same where the sound ends, and the frame that pacing has taken comes first: no matter what it decides.
+    for (const auto decided : {sync_flip_frame_cb, sync_drop_frame_cb}) {
+        synchronizer_frame_info_t taken = {};
+        EXPECT_TRUE(sync_get_frame_cb(&g_video_info, &taken));
+        host_.audio_continues = false;
+        EXPECT_EQ(render(6), 0);
+        host_.audio_continues = true;
+        EXPECT_TRUE(decided(&g_video_info, &taken));
+        EXPECT_EQ(host_.take_calls(), (calls_t{"flip 4", "flip 5", "flip 6"}));
+        EXPECT_EQ(render(4) + render(5), 0);
+    }
+}
+
+// The sync thread is inside the flip callback: who comes behind it does not wait.
+TEST_F(VideoTest, LeavesAFrameToTheThreadThatIsFlipping)
+{
+    start_synchronized();
+    render_into_gate([this] { gate_.pass(); });
+    EXPECT_EQ(render(2) + render(3), 0);
+    video_avsync_reset(true, true);
+    int last = 3;
+    calls_t expected = {"flip 1", "flip 2", "flip 3"};
+    while (last < 10 * kSlots && render(last + 1) == 0)
+        expected.push_back("flip " + std::to_string(++last));
+    EXPECT_GT(last, 2 * kSlots);
+    EXPECT_LT(last, 10 * kSlots); // a host that never returns from a callback keeps its frames
+    EXPECT_EQ(host_.take_calls(), calls_t{"flip 1"});
+    gate_.open();
+    EXPECT_TRUE(eventually([&] { return host_.count("flip") == expected.size() - 1; }));
+    expected.erase(expected.begin());
+    EXPECT_EQ(host_.take_calls(), expected);
+    EXPECT_EQ(render(100), 0);
+    EXPECT_TRUE(eventually([&] { return host_.count("flip 100") == 1; }));
+}
+
+// By the time line before the reset, the first frames after it would be late.
+TEST_F(VideoTest, PacingHasNoHistoryWhenAResetEnds)
+{
+    start_synchronized();
+    video_avsync_reset(true, false);
+    EXPECT_EQ(render(1), -1);
+    static std::atomic<uint64_t> last_pts;
+    last_pts = 0;
+    static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle)->on_sync_logic = [](void* handle) {
+        const uint64_t pts = static_cast<sync_strategy_info_Oru_player_t*>(handle)->last_frame.pts;
+        last_pts = last_pts == 0 ? pts : last_pts.load();
+        return on_Oru_sync_logic(handle);
+    };
+    audio_runs();
+    EXPECT_EQ(render(2), 0);
+    ASSERT_TRUE(eventually([this] { return host_.count("flip 2") == 1; }));
+    EXPECT_EQ(last_pts, UINT64_MAX);
 }
 
 TEST_F(VideoTest, ResetsWhenTheQueueIsFullAndDropsOnlyTheOldestFrame)
@@ -666,14 +755,19 @@ TEST_F(VideoTest, LetsOneRenderAtATimeChangeTheSynchronizer)
     std::thread host_thread([] { EXPECT_EQ(render(2), 0); });
     ASSERT_TRUE(eventually(sync_changing));
     BlockedCall<int32_t> other([] {
+        video_set_base_media_time(1000, 1000000, 2);
         video_avsync_reset(true, false);
         return render(3);
     });
     EXPECT_EQ(other.result(), 0);
-    restart_waits.unlock();
-    host_thread.join();
+    const std::string log = log_of([&] {
+        restart_waits.unlock();
+        host_thread.join();
+    });
+    EXPECT_TRUE(has(log, "] [avsync_reset] done, frame_serial:1\n")) << log; // the one that ended it
+    EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(4), 0); }), "] frame_serial:2 abnormal changed!\n"));
     host_.take_calls();
-    EXPECT_EQ(render(4), -1);
+    EXPECT_EQ(render(5), -1);
     EXPECT_EQ(host_.count("event"), 1U);
 }
 
@@ -717,6 +811,20 @@ TEST_F(VideoTest, EndsWhileARenderRestartsTheSynchronizer)
     EXPECT_EQ(closer.result(), 0);
 }
 
+TEST_F(VideoTest, EndsWhileManyThreadsRenderWithoutPause)
+{
+    set_log_level("0");
+    host_.audio_continues = false;
+    start();
+    Threads threads;
+    for (int id = 1; id <= 32; ++id)
+        threads.run([id] { render(id); });
+    EXPECT_TRUE(eventually([this] { return host_.count("flip") > 1000; }));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(video_deinit(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
 /// What becomes of every frame that several threads and the flip callback render.
 class Account
 {
@@ -728,31 +836,43 @@ public:
         t_reset_raised = false;
         const bool taken = video_render(&frame) == 0 || t_reset_raised;
         const std::lock_guard<std::mutex> lock(mutex_);
-        taken_[std::to_string(id_of(frame))] = taken;
+        frames_[id_of(frame)] = {std::this_thread::get_id(), taken, 0};
     }
     static void note_reset() { t_reset_raised = true; }
 
-    // Every frame that came back was taken and came back once; returns how many are missing.
+    // Every frame that came back was taken and came back once, and none was flipped after a newer one of the same
+    // thread; returns how many are missing.
     int held(const calls_t& calls)
     {
-        std::map<std::string, int> returned;
+        std::map<std::thread::id, int> newest;
         for (const std::string& call : calls) {
-            if (call[0] != 'e' && call[0] != 'a') // an event, an audio reset
-                ++returned[call.substr(5)];
+            if (call[0] == 'e' || call[0] == 'a') // an event, an audio reset
+                continue;
+            const int id = std::stoi(call.substr(5));
+            ++frames_[id].returned;
+            if (call[0] != 'f')
+                continue;
+            EXPECT_GT(id, newest[frames_[id].thread]);
+            newest[frames_[id].thread] = id;
         }
         int held = 0;
-        for (const auto& [id, taken] : taken_) {
-            EXPECT_LE(returned[id], taken ? 1 : 0) << "frame " << id;
-            held += taken && returned[id] == 0 ? 1 : 0;
+        for (const auto& [id, frame] : frames_) {
+            EXPECT_LE(frame.returned, frame.taken ? 1 : 0) << "frame " << id;
+            held += frame.taken && frame.returned == 0 ? 1 : 0;
         }
         return held;
     }
 
 private:
+    struct Frame {
+        std::thread::id thread;
+        bool taken;
+        int returned;
+    };
     static thread_local bool t_reset_raised;
     std::atomic<int> last_id_{1000};
     std::mutex mutex_;
-    std::map<std::string, bool> taken_;
+    std::map<int, Frame> frames_;
 };
 thread_local bool Account::t_reset_raised = false;
 
@@ -761,7 +881,6 @@ TEST_F(VideoTest, AccountsForEveryFrameOfManyRenderingThreads)
     set_log_level("0");
     for (int round = 0; round < 6; ++round) {
         Account account;
-        std::atomic<bool> stop{false};
         std::atomic<int> rendering{0};
         host_.on_event = Account::note_reset;
         host_.set_on_flip([&](int id) {
@@ -770,29 +889,24 @@ TEST_F(VideoTest, AccountsForEveryFrameOfManyRenderingThreads)
         });
         host_.take_calls();
         start();
-        std::vector<std::thread> threads;
+        Threads threads;
         for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([&] {
-                while (!stop) {
-                    account.render_one();
-                    ++rendering;
-                    std::this_thread::sleep_for(std::chrono::microseconds(200));
-                }
+            threads.run([&] {
+                account.render_one();
+                ++rendering;
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
             });
         }
-        threads.emplace_back([&] {
-            for (int i = 1; !stop; ++i) {
-                video_set_base_media_time(i * 1000, i * 1000 + 40000, i / 4);
-                video_avsync_reset(i % 50 == 0, i % 30 < 5);
-                std::this_thread::sleep_for(std::chrono::microseconds(500));
-            }
+        threads.run([i = 1]() mutable {
+            video_set_base_media_time(i * 1000, i * 1000 + 40000, i / 4);
+            video_avsync_reset(i % 50 == 0, i % 30 < 5);
+            ++i;
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
         });
         EXPECT_TRUE(eventually([&] { return rendering > 300 && host_.count("event") > 0; }));
         EXPECT_EQ(video_deinit(), 0); // under way
         const size_t calls_at_end = host_.count("");
-        stop = true;
-        for (std::thread& thread : threads)
-            thread.join();
+        threads.stop();
         EXPECT_EQ(host_.count(""), calls_at_end);
         EXPECT_LE(account.held(host_.take_calls()), kSlots);
     }

@@ -10,6 +10,9 @@
  * callbacks; frames that arrive at the same moment are queued in any order.
  * - Callbacks are called with no mutex held, only the module's read lock, which
  *   nests.
+ * - Flips come in the order of the frames and, except for nested ones, one after
+ *   the other. A thread that has a frame to flip while another thread is inside
+ *   the flip callback does not wait: it leaves the frame to that thread.
  * - While one render stops or restarts the synchronizer, the others do not wait
  *   for it: they queue their frames, or show them where a reset does not wait
  *   for audio.
@@ -23,6 +26,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "hdmi_player.h"
 #include "internal/list.h"
@@ -52,6 +56,26 @@ typedef struct video_frame_queue_s {
     pthread_cond_t cond_acquire = PTHREAD_COND_INITIALIZER; ///< reserved
 } video_frame_queue_t;
 
+/// What has become of the frame that the sync thread took out of the queue.
+enum class pacing_hold {
+    none,       ///< it has no frame
+    held,       ///< it will flip the frame or drop it
+    taken_back, ///< a render had older frames flipped at once, this one among them
+};
+
+/**
+ * The one way to the flip callback, which keeps the frames in order. A frame
+ * leaves the queue with `mutex` held and enters `due` before any newer one. What
+ * is due is flipped by one thread at a time, with no mutex held.
+ */
+typedef struct video_flip_line_s {
+    mutex_t mutex;                                                ///< taken before the queue's
+    std::vector<hdmi_player_video_frame_t> due GUARDED_BY(mutex); ///< to be flipped, oldest first; reserved at init
+    bool flipping GUARDED_BY(mutex) = false;                      ///< a thread is flipping what is due
+    pacing_hold hold GUARDED_BY(mutex) = pacing_hold::none;
+    hdmi_player_video_frame_t held_frame GUARDED_BY(mutex) = {}; ///< while hold is held
+} video_flip_line_t;
+
 typedef struct video_config_s {
     int32_t video_frame_queue_size;      ///< slots
     int32_t audio_alg_max_delay_time_ms; ///< kept, not used
@@ -66,7 +90,7 @@ typedef struct video_config_s {
 
 /// The module's state. What is not guarded or atomic is constant from init to deinit.
 typedef struct video_info_s {
-    std::atomic<bool> initialized;    ///< set under the write lock
+    std::atomic<bool> initialized;    ///< set under the write lock, cleared by deinit before it takes that lock
     std::atomic<bool> disable_avsync; ///< frames are flipped at once; written under internal_mutex
     std::atomic<bool> avsync_reset;   ///< a reset is requested
     bool enable_log;
@@ -80,6 +104,7 @@ typedef struct video_info_s {
     hdmi_player_event_cb_t event_cb;
     std::atomic<int64_t> last_flip_time_ms;
     video_frame_queue_t frame_queue;
+    video_flip_line_t flip_line;
     std::atomic<int32_t> fixed_delay;                     ///< ms: latency of the video path
     int64_t last_system_time GUARDED_BY(internal_mutex);  ///< us: the previous render call
     int64_t last_frame_pts GUARDED_BY(internal_mutex);    ///< us: the last stamp given
