@@ -60,8 +60,14 @@ if [ "${2:-}" != quick ]; then
     refuses 2 ""
     refuses 2 --fps 0
     refuses 2 --seconds nan
-    refuses 2 --wav "$folder/missing/sound.wav"
-    refuses 2 --html "$folder/missing/page.html"
+    for file in /proc/x "$folder" "$folder/missing/x"; do
+        refuses 2 --html "$file"
+        refuses 2 --wav "$file"
+        status=0
+        "$program" --report "$file" 2>"$folder/refused.txt" || status=$?
+        [ "$status" -eq 2 ] && grep -q "$file: " "$folder/refused.txt" || fail "--report $file: exit status $status"
+    done
+    [ ! -e "$folder/refused.json" ] || fail "a refused run leaves a report"
     refuses 2 --html-at 3
     refuses 2 --no-such-option
     refuses 2 --display beamer

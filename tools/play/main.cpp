@@ -8,13 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <filesystem>
 #include <memory>
 
 #include "config/options.h"
+#include "config/output_file.h"
 #include "display/display.h"
 #include "edges/platform_router.h"
 #include "edges/stage.h"
@@ -86,28 +84,11 @@ private:
     std::string directory_; ///< empty: the recording is to be kept
 };
 
-/// Whether a file can be created or replaced at @p path, so that nobody learns it at the end of a film.
-bool is_writable(const std::string& path, std::string* error)
+bool outputs_writable(const Options& options, std::string* error)
 {
-    std::error_code ignored;
-    if (std::filesystem::is_directory(path, ignored)) {
-        *error = path + ": " + std::strerror(EISDIR);
-        return false;
-    }
-    bool writable = access(path.c_str(), W_OK) == 0;
-    if (!writable && errno == ENOENT) {
-        std::string directory = std::filesystem::path(path).parent_path();
-        writable = access(directory.empty() ? "." : directory.c_str(), W_OK) == 0;
-    }
-    if (!writable)
-        *error = path + ": " + std::strerror(errno);
-    return writable;
-}
-
-bool reports_writable(const Options& options, std::string* error)
-{
-    return (options.report_path.empty() || is_writable(options.report_path, error)) &&
-           (options.html_path.empty() || is_writable(options.html_path, error));
+    std::vector<std::string> files = wanted_files(options);
+    return std::all_of(files.begin(), files.end(),
+                       [error](const std::string& path) { return is_writable(path, error); });
 }
 
 /// The source that the options name; null with one line in @p error. Starts no thread.
@@ -422,7 +403,7 @@ int main_with(const Options& options)
     std::unique_ptr<Source> source = make_source(options, &error);
     if (!source)
         return fail(options.file.empty() ? not_permitted : bad_input, error);
-    if (!reports_writable(options, &error))
+    if (!outputs_writable(options, &error))
         return fail(bad_input, error);
     if (options.raw && source->coding() == Coding::pcm && !options.foreign_source())
         return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
@@ -430,7 +411,7 @@ int main_with(const Options& options)
         return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
     RecordingFile wav(options.wav_path);
     if (!is_writable(wav.path(), &error))
-        return fail(options.wav_path.empty() ? not_permitted : bad_input, error);
+        return fail(not_permitted, error);
     if (!prepare_process(options, &error))
         return fail(not_permitted, error);
     if (!machine_is_configured(Stage::config_use(options), &error))
