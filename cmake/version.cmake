@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 cmake_minimum_required(VERSION 3.22)
-# Writes OUTPUT with the banner of this build: the source revision and the build date.
+# Writes OUTPUT with the source revision, and the banner of this build: revision and build date.
 set(revision unknown)
 # An unpacked archive may stand inside another project's repository.
 if(EXISTS ${SOURCE_DIR}/.git)
@@ -15,5 +15,6 @@ string(TIMESTAMP date "%Y%m%d" UTC)
 file(CONFIGURE OUTPUT ${OUTPUT} CONTENT
 "// Generated at build time.
 #pragma once
+#define HDMI_PLAYER_REVISION \"@revision@\"
 #define HDMI_PLAYER_VERSION_BANNER \"hdmiplayer library version: git_commit.@revision@ build_time.@date@\"
 " @ONLY)

@@ -30,6 +30,10 @@ if barred start; then
     exit 77
 fi
 [ "$status" -eq 0 ] || { cat "$folder/start.txt"; passes start --seconds 2; }
+version=$("$program" --version)
+for part in "${version#hdmi-player-play }" "$(sed -n 's/^ *"revision": "\(.*\)",\{0,1\}$/\1/p' "$folder/start.json")"; do
+    grep -q "^  program   hdmi-player-play .*${part:?}" "$folder/start.txt" || fail "the report does not name: $part"
+done
 grep -q '"passed": true' "$folder/start.json" || fail "the report does not say that the run passed"
 
 if [ "${2:-}" != quick ]; then

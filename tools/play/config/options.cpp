@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "config/options.h"
 
+#include "config/program.h"
+
 #include <CLI/CLI.hpp>
 
 #include <cmath>
@@ -282,6 +284,11 @@ ParseResult parse_options(int argc, char** argv, Options* options)
     CLI::App app("hdmi-player-play: the player from end to end, measured at the edges", "hdmi-player-play");
     Texts texts;
     describe(&app, options, &texts);
+    Program program = this_program();
+    app.set_version_flag("--version",
+                         std::string("hdmi-player-play ") + program.version + ", revision " + program.revision +
+                             ", platform " + program.platform,
+                         "Print version, source revision and platform, and exit");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& e) {

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "config/program.h"
 #include "report/records.h"
 
 namespace play
@@ -493,6 +494,22 @@ const std::vector<Line> kLines = {
           [](R r) -> json { return r.realtime; },
           Shown::if_false},
          {"/cpu_by_thread", "", "", {}, [](R r) -> json { return r.usage.by_thread; }},
+     }},
+    {Section::machine,
+     "program",
+     kAlways,
+     {
+         {"/program/version",
+          "hdmi-player-play {}",
+          "Version of hdmi-player-play",
+          {},
+          [](R) -> json { return this_program().version; }},
+         {"/program/revision",
+          ", revision {}",
+          "Source revision",
+          {},
+          [](R) -> json { return this_program().revision; }},
+         {"/program/platform", ", platform {}", "Platform", {}, [](R) -> json { return this_program().platform; }},
      }},
 };
 
