@@ -150,7 +150,7 @@ void set_path(const device_path& path) REQUIRES(g_ao_info.mutex)
     g_ao_info.audio_cfg.output_fmt = path.output_fmt;
 }
 
-// Opens the closed device with the stored selection.
+// For a device that is closed.
 bool reopen_device() REQUIRES(g_ao_info.mutex)
 {
     set_path(stored_path());
@@ -212,11 +212,11 @@ bool reselect_device(const device_path& path) REQUIRES(g_ao_info.mutex)
     return true;
 }
 
-// Selects @p wanted as one half of the selection, device or format: @p selected in the record, @p half of a pair.
+// Selects @p wanted for one half of the selection: @p selected is that half in the record, @p half names it in a pair.
 //
-// Another thread may select at the same time. Whatever their order, in the end the device plays what is stored:
-// every selection moves it to what is stored then, which may be the other's, and one that fails goes back to the
-// latest that succeeded, unless the other has stored again.
+// Two threads may select at the same time, and the device must end up with what the record says. So each moves it to
+// what is stored at that moment, which may be the other's choice. A selection that fails restores the latest one that
+// succeeded, unless the other thread has stored since.
 template <typename Half>
 int32_t audio_output_select(entry_guard& api, Half wanted, std::atomic<Half>& selected,
                             Half audio_output_selection_t::*half)
@@ -233,7 +233,7 @@ int32_t audio_output_select(entry_guard& api, Half wanted, std::atomic<Half>& se
     lock.lock();
     const bool stuck = !restarted && device_open() && !await_write_end(lock, kDevicePatienceUs);
     if (selected == before && g_ao_info.settled.*half == before)
-        selected = wanted; // a later selection failed, and went back to before this one
+        selected = wanted; // a later selection failed, and restored what was before this one
     const device_path path = stored_path();
     if (restarted || !device_open() || (!stuck && reselect_device(path))) {
         settle_selection();
@@ -395,7 +395,7 @@ void reset_record(audio_output_info_t& info) REQUIRES(info.api_rwlock)
     info.settled = {};
 }
 
-// Undoes all of an init but the device and the CEC link; for a record without a writer.
+// Undoes all of an init but the device and the CEC link. The writer must have ended.
 // Returns the result of the queue's deinit.
 int32_t tear_down() REQUIRES(g_ao_info.api_rwlock)
 {

@@ -18,6 +18,7 @@
 #include "hdmi_sim.h"
 #include "internal/audio_output.h"
 #include "internal/routing.h"
+#include "support/eventually.h"
 #include "support/log_capture.h"
 
 using namespace std::chrono_literals;
@@ -27,17 +28,6 @@ namespace
 {
 
 constexpr auto kGenerous = 10s;
-
-bool eventually(const std::function<bool()>& condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kGenerous;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
 
 // What the host's callbacks saw. The callbacks are plain functions, so this is the program's.
 struct Host {
