@@ -509,21 +509,28 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     EXPECT_FALSE(hdmi_linux::bypass_stats().active);
     EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }))
         << "sound again";
+    // Playback that is moved to the output takes it back.
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    EXPECT_LT(aio_device_open(&playback_), 0) << "open already";
+    EXPECT_TRUE(playback_stats().lost);
+    ASSERT_EQ(aio_device_reselect(&playback_, E_AUDIO_IO_DEV_HDMI_ARC, E_AUDIO_IO_FORMAT_PCM), 0);
+    EXPECT_FALSE(playback_stats().lost);
+    const int64_t dropped = hdmi_linux::bypass_stats().dropped;
+    EXPECT_TRUE(eventually([&] { return hdmi_linux::bypass_stats().dropped > dropped; }));
 }
 
 TEST_F(AioAlsaTest, ADeviceThatIsClosedWhilePassThroughTakesItStaysClosed)
 {
-    playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
+    hdmi_linux::Playback device;
     const std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
     for (int round = 0; round < 100; ++round) {
-        ASSERT_EQ(aio_device_open(&playback_), 0) << round;
-        BlockedCall<int> writing(
-            [&] { return aio_device_write(&playback_, minute.data(), static_cast<int>(minute.size())); });
+        ASSERT_EQ(device.open(playback_), 0) << round;
+        BlockedCall<int> writing([&] { return device.write(minute.data(), static_cast<int>(minute.size())); });
         ASSERT_TRUE(writing.asleep());
-        std::thread taking([] { hdmi_linux::playback().yield_device(E_AUDIO_IO_DEV_HDMI_ARC); });
-        EXPECT_EQ(aio_device_close(&playback_), 0);
+        std::thread taking([&] { device.yield_output(playback_.device_id); });
+        EXPECT_EQ(device.close(), 0);
         taking.join();
-        EXPECT_FALSE(playback_stats().open) << round;
+        EXPECT_FALSE(device.is_open()) << round;
         EXPECT_LT(writing.result(), static_cast<int>(minute.size()));
     }
 }

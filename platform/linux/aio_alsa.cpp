@@ -8,9 +8,8 @@
 
 #include <cerrno>
 
-#include "alsa_bypass.h"
 #include "alsa_capture.h"
-#include "alsa_playback.h"
+#include "alsa_output.h"
 #include "hdmi_linux.h"
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
@@ -19,7 +18,7 @@ namespace
 {
 
 using hdmi_linux::capture;
-using hdmi_linux::playback;
+using hdmi_linux::output;
 
 bool is_capture(const audio_config_t* config)
 {
@@ -43,14 +42,14 @@ PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
 {
     if (is_capture(config))
         return capture().open(*config);
-    return is_playback(config) ? playback().open(*config) : kWrongStream;
+    return is_playback(config) ? output().open(*config) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
 {
     if (is_capture(config))
         return capture().close();
-    return is_playback(config) ? playback().close() : kWrongStream;
+    return is_playback(config) ? output().close() : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
@@ -60,12 +59,12 @@ PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int s
 
 PLATFORM_EXPORT int aio_device_write(audio_config_t* config, const uint8_t* data, int size)
 {
-    return is_playback(config) ? playback().write(data, size) : kWrongStream;
+    return is_playback(config) ? output().write(data, size) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_get_write_bytes(audio_config_t* config, int* out)
 {
-    return is_playback(config) ? playback().delay(out) : kWrongStream;
+    return is_playback(config) ? output().delay(out) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_bytes_to_frames(audio_config_t* config, int bytes)
@@ -84,22 +83,22 @@ PLATFORM_EXPORT int aio_device_frames_to_bytes(audio_config_t* config, int frame
 
 PLATFORM_EXPORT int aio_device_set_volume(audio_config_t* config, int volume)
 {
-    return is_playback(config) ? playback().set_volume(volume) : kWrongStream;
+    return is_playback(config) ? output().set_volume(volume) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_set_volume_direct(audio_config_t* config, int volume)
 {
-    return is_playback(config) ? playback().set_direct_volume(volume) : kWrongStream;
+    return is_playback(config) ? output().set_direct_volume(volume) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_set_mute(audio_config_t* config, bool mute)
 {
-    return is_playback(config) ? playback().set_mute(mute) : kWrongStream;
+    return is_playback(config) ? output().set_mute(mute) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_reselect(audio_config_t* config, int device_id, int output_fmt)
 {
-    return is_playback(config) ? playback().reselect(device_id, output_fmt) : kWrongStream;
+    return is_playback(config) ? output().reselect(device_id, output_fmt) : kWrongStream;
 }
 
 } // extern "C"
@@ -107,8 +106,8 @@ PLATFORM_EXPORT int aio_device_reselect(audio_config_t* config, int device_id, i
 namespace hdmi_linux
 {
 
-DeviceStats playback_stats() { return playback().stats(); }
+DeviceStats playback_stats() { return output().playback_stats(); }
 DeviceStats capture_stats() { return capture().stats(); }
-BypassStats bypass_stats() { return bypass().stats(); }
+BypassStats bypass_stats() { return output().bypass_stats(); }
 
 } // namespace hdmi_linux

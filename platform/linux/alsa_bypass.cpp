@@ -5,7 +5,6 @@
 
 #include "alsa_clock.h"
 #include "alsa_limits.h"
-#include "alsa_playback.h"
 #include "config.h"
 #include "iec958.h"
 #include "internal/common.h"
@@ -31,20 +30,9 @@ constexpr int kSlipFrames = 4;
 
 } // namespace
 
-Bypass& bypass()
-{
-    static auto* instance = new Bypass;
-    return *instance;
-}
-
-void Bypass::start(const audio_config_t& capture, int rate)
+void Bypass::start(const audio_config_t& capture, int rate, int device)
 {
     const Config settings = current_config();
-    audio_io_dev_e device = playback().last_digital_output();
-    if (device == E_AUDIO_IO_DEV_NONE)
-        device = settings.raw_output;
-    // Its sound has the output; the data take it over.
-    playback().yield_device(device);
     mutex_guard guard(mutex_);
     active_ = true;
     device_ = device;
@@ -66,21 +54,16 @@ void Bypass::start(const audio_config_t& capture, int rate)
 
 void Bypass::stop()
 {
-    {
-        mutex_guard guard(mutex_);
-        if (!active_)
-            return;
-        active_ = false;
-        close_output();
-    }
-    playback().yield_back();
+    mutex_guard guard(mutex_);
+    if (!active_)
+        return;
+    active_ = false;
+    close_output();
 }
 
-void Bypass::release_output(int device)
+void Bypass::release_output()
 {
     mutex_guard guard(mutex_);
-    if (!active_ || device != device_)
-        return;
     device_ = E_AUDIO_IO_DEV_NONE;
     close_output();
 }

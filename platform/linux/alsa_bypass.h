@@ -20,14 +20,14 @@ namespace hdmi_linux
 class Bypass
 {
 public:
-    /// Takes the digital output that playback used last. The output itself is opened by put(), again if it is lost.
-    void start(const audio_config_t& capture, int rate);
-    /// Gives it back. Harmless when not started.
+    /// To digital output @p device, which put() opens, and opens again after a loss.
+    void start(const audio_config_t& capture, int rate, int device);
+    /// Closes the output. Harmless when not started.
     void stop();
     /// Hands captured frames on; never waits: what the output does not take is dropped.
     void put(const uint8_t* data, int frames);
-    /// Playback needs output @p device: it is given up for the rest of this pass-through.
-    void release_output(int device);
+    /// Closes the output and does not open it again before the next start().
+    void release_output();
     BypassStats stats();
 
 private:
@@ -50,7 +50,5 @@ private:
     std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);
     BypassStats stats_ GUARDED_BY(mutex_);
 };
-
-Bypass& bypass();
 
 } // namespace hdmi_linux

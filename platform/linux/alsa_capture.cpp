@@ -10,10 +10,10 @@
 #include <system_error>
 #include <vector>
 
-#include "alsa_bypass.h"
 #include "alsa_cards.h"
 #include "alsa_clock.h"
 #include "alsa_limits.h"
+#include "alsa_output.h"
 #include "config.h"
 #include "internal/common.h"
 
@@ -64,7 +64,7 @@ PcmRequest request_for(const audio_config_t& config)
 
 Capture& capture()
 {
-    static auto* instance = new Capture;
+    static auto* instance = new Capture(output());
     return *instance;
 }
 
@@ -105,7 +105,7 @@ int Capture::open(const audio_config_t& config)
     guard.unlock();
     if (!to_raw)
         return 0;
-    bypass().start(config, request.rate);
+    output_.start_pass_through(config, request.rate);
     return start_forwarding(opening) ? 0 : -EAGAIN;
 }
 
@@ -277,7 +277,7 @@ bool Capture::start_forwarding(uint64_t opening)
         forwarder_ = std::thread(&Capture::forward, this, opening);
     } catch (const std::system_error&) {
         log_e("no thread to pass coded sound through\n");
-        bypass().stop();
+        output_.stop_pass_through();
         mutex_guard guard(mutex_);
         state_ = State::closed;
         ++opening_;
@@ -297,7 +297,7 @@ void Capture::end_forwarding()
     if (!forwarder_.joinable())
         return;
     forwarder_.join();
-    bypass().stop();
+    output_.stop_pass_through();
 }
 
 void Capture::forward(uint64_t opening)
@@ -315,7 +315,7 @@ void Capture::forward(uint64_t opening)
             continue;
         }
         guard.unlock();
-        bypass().put(period.data(), frames);
+        output_.pass_through(period.data(), frames);
         guard.lock();
         ring_.append(period.data(), frames);
         pthread_cond_broadcast(&arrived_);

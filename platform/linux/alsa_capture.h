@@ -20,9 +20,12 @@
 namespace hdmi_linux
 {
 
+class Output;
+
 class Capture
 {
 public:
+    explicit Capture(Output& output) : output_(output) {}
     int open(const audio_config_t& config);
     int close();
     int read(uint8_t* data, int size);
@@ -51,6 +54,8 @@ private:
     int mend_suspend() REQUIRES(mutex_);
     int mend_loss() REQUIRES(mutex_);
     void recovered() REQUIRES(mutex_);
+
+    Output& output_; ///< of pass-through
 
     mutex_t control_; ///< one open or close at a time; before mutex_
     std::thread forwarder_ GUARDED_BY(control_);

@@ -27,6 +27,19 @@ inline bool valid_request(const audio_config_t& config)
            config.period_frames <= kMaxPeriodFrames && config.period_count > 0 && config.period_count <= kMaxPeriods;
 }
 
+inline bool is_digital(int device) { return device == E_AUDIO_IO_DEV_SPDIF || device == E_AUDIO_IO_DEV_HDMI_ARC; }
+
+inline bool valid_output(int device_id, int output_fmt)
+{
+    return device_id >= E_AUDIO_IO_DEV_AUTO && device_id < E_AUDIO_IO_DEV_MAX && output_fmt >= E_AUDIO_IO_FORMAT_PCM &&
+           output_fmt < E_AUDIO_IO_FORMAT_MAX;
+}
+
+inline bool valid_playback(const audio_config_t& config)
+{
+    return valid_request(config) && valid_output(config.device_id, config.output_fmt) && config.sample_rate > 0;
+}
+
 /// The result of a call on a device that is closed, or was closed meanwhile.
 constexpr int kClosed = -EBADFD;
 

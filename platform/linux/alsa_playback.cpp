@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "alsa_bypass.h"
 #include "alsa_clock.h"
 #include "alsa_limits.h"
 #include "internal/common.h"
@@ -28,26 +27,7 @@ constexpr int64_t kOpeningLookNs = 10 * kNsPerMs;
 /// The device is not asked.
 constexpr int kNoDelay = -ENODEV;
 
-bool is_digital(int device) { return device == E_AUDIO_IO_DEV_SPDIF || device == E_AUDIO_IO_DEV_HDMI_ARC; }
-
-bool valid_output(int device_id, int output_fmt)
-{
-    return device_id >= E_AUDIO_IO_DEV_AUTO && device_id < E_AUDIO_IO_DEV_MAX && output_fmt >= E_AUDIO_IO_FORMAT_PCM &&
-           output_fmt < E_AUDIO_IO_FORMAT_MAX;
-}
-
-bool valid(const audio_config_t& config)
-{
-    return valid_request(config) && valid_output(config.device_id, config.output_fmt) && config.sample_rate > 0;
-}
-
 } // namespace
-
-Playback& playback()
-{
-    static auto* instance = new Playback;
-    return *instance;
-}
 
 // --- Opening and closing ----------------------------------------------------------
 
@@ -82,10 +62,6 @@ void Playback::begin(const audio_config_t& config)
 
 int Playback::open(const audio_config_t& config)
 {
-    if (!valid(config))
-        return -EINVAL;
-    // The player wants to be heard: what pass-through still holds is given back first.
-    bypass().release_output(config.device_id);
     const Config settings = current_config();
     mutex_guard guard(mutex_);
     if (state_ != State::closed)
@@ -121,8 +97,6 @@ void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
     state_ = State::working;
     progress_ns_ = now_ns();
     const int device = config_.device_id;
-    if (is_digital(device))
-        digital_output_ = static_cast<audio_io_dev_e>(device);
     volume_.attach(config.audio[device], device, pcm_.card());
     gain_.set(volume_.software_gain());
     const std::string text = std::string(device_key(device)) + " plays on " + note_opening(request, pcm_, &stats_);
@@ -437,9 +411,6 @@ void Playback::resume_flow(int64_t position, int64_t now)
 
 int Playback::reselect(int device_id, int output_fmt)
 {
-    if (!valid_output(device_id, output_fmt))
-        return -EINVAL;
-    bypass().release_output(device_id);
     mutex_guard guard(mutex_);
     if (state_ == State::closed)
         return kClosed;
@@ -499,13 +470,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     return 0;
 }
 
-audio_io_dev_e Playback::last_digital_output()
-{
-    mutex_guard guard(mutex_);
-    return digital_output_;
-}
-
-void Playback::yield_device(int device)
+void Playback::yield_output(int device)
 {
     mutex_guard guard(mutex_);
     if (state_ == State::closed || state_ == State::yielded || config_.device_id != device)
@@ -517,7 +482,7 @@ void Playback::yield_device(int device)
         give_up_working_pcm(State::yielded);
 }
 
-void Playback::yield_back()
+void Playback::reclaim_output()
 {
     mutex_guard guard(mutex_);
     if (state_ != State::yielded)
@@ -551,6 +516,12 @@ int Playback::set_mute(bool mute)
     const int err = volume_.set_mute(mute);
     gain_.set(volume_.software_gain());
     return err;
+}
+
+bool Playback::is_open()
+{
+    mutex_guard guard(mutex_);
+    return state_ != State::closed;
 }
 
 DeviceStats Playback::stats()

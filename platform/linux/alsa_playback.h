@@ -26,21 +26,23 @@ namespace hdmi_linux
 class Playback
 {
 public:
+    /// @p config is a valid_playback().
     int open(const audio_config_t& config);
     int close();
     int write(const uint8_t* data, int size);
     int delay(int* frames);
+    /// The two are a valid_output().
     int reselect(int device_id, int output_fmt);
     int set_volume(int percent);
     int set_direct_volume(int value);
     int set_mute(bool mute);
+    bool is_open();
     DeviceStats stats();
 
-    /// Which digital output was selected last; NONE: none yet.
-    audio_io_dev_e last_digital_output();
-    /// Pass-through takes digital output @p device: its PCM is given up until yield_back().
-    void yield_device(int device);
-    void yield_back();
+    /// If it plays on output @p device: closes the PCM and goes on without one until reclaim_output(), reselect() or
+    /// close().
+    void yield_output(int device);
+    void reclaim_output();
 
 private:
     enum class State {
@@ -48,7 +50,7 @@ private:
         working,
         suspended, ///< the PCM is there and wakes up
         lost,      ///< there is no PCM; opened again when due
-        yielded,   ///< there is no PCM; pass-through has the output
+        yielded,   ///< there is no PCM; the output is somebody else's
     };
 
     PcmRequest request_for(const Config& config, int device) const REQUIRES(mutex_);
@@ -105,12 +107,9 @@ private:
     int64_t back_ns_ GUARDED_BY(mutex_) = 0;    ///< when it last recovered
     int64_t lost_at_ GUARDED_BY(mutex_) = 0;    ///< what had been heard then
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
-    audio_io_dev_e digital_output_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE;
     std::string last_refusal_ GUARDED_BY(mutex_);
     std::string last_report_ GUARDED_BY(mutex_);
     DeviceStats stats_ GUARDED_BY(mutex_);
 };
-
-Playback& playback();
 
 } // namespace hdmi_linux
