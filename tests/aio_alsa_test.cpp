@@ -19,6 +19,7 @@
 #include "alsa_volume.h"
 #include "audio_devices.h"
 #include "blocked_call.h"
+#include "burst_follower.h"
 #include "config.h"
 #include "hdmi_linux.h"
 #include "iec958.h"

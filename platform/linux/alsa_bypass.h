@@ -11,6 +11,7 @@
 
 #include "aio_device.h"
 #include "alsa_pcm.h"
+#include "burst_follower.h"
 #include "hdmi_linux.h"
 #include "internal/locks.h"
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <memory>
 #include <system_error>
@@ -18,8 +17,6 @@ namespace hdmi_linux
 {
 namespace
 {
-
-thread_local AlsaMessages* t_messages = nullptr;
 
 /// A sound server closes within some milliseconds, or does not answer at all.
 constexpr uint32_t kCloseLimitUs = 500000;
@@ -107,29 +104,6 @@ int fail(int err, std::string* why, std::string reason)
 }
 
 } // namespace
-
-// --- Messages of alsa-lib -------------------------------------------------------
-
-AlsaMessages::AlsaMessages() : outer_(t_messages), handler_(snd_lib_error_set_local(take)) { t_messages = this; }
-
-AlsaMessages::~AlsaMessages()
-{
-    t_messages = outer_;
-    snd_lib_error_set_local(handler_);
-}
-
-void AlsaMessages::take(const char*, int, const char*, int error, const char* format, va_list args)
-{
-    if (t_messages == nullptr)
-        return;
-    char text[256];
-    vsnprintf(text, sizeof(text), format, args);
-    t_messages->text_ = text;
-    if (error != 0)
-        t_messages->text_ += std::string(": ") + snd_strerror(error);
-    while (!t_messages->text_.empty() && t_messages->text_.back() == '\n')
-        t_messages->text_.pop_back();
-}
 
 // --- Opening --------------------------------------------------------------------
 

@@ -8,12 +8,6 @@
  */
 #pragma once
 
-#include <cstdarg>
-// Before the others: in some releases it leaves its last function outside of its extern "C".
-extern "C" {
-#include <alsa/error.h>
-}
-#include <alsa/asoundlib.h>
 #include <poll.h>
 
 #include <array>
@@ -21,6 +15,7 @@ extern "C" {
 #include <optional>
 #include <string>
 
+#include "alsa_messages.h"
 #include "hdmi_linux.h"
 #include "iec958.h"
 #include "internal/locks.h"
@@ -134,25 +129,6 @@ private:
     static void run(const std::shared_ptr<Opening>& opening);
     std::shared_ptr<Opening> opening_;
     std::string told_; ///< why a device that is back was refused
-};
-
-/// What alsa-lib has to say in this scope goes here instead of to standard error. For the calling thread.
-class AlsaMessages
-{
-public:
-    AlsaMessages();
-    ~AlsaMessages();
-    AlsaMessages(const AlsaMessages&) = delete;
-    AlsaMessages& operator=(const AlsaMessages&) = delete;
-
-    /// The last message: the outermost layer's, or empty.
-    const std::string& text() const { return text_; }
-
-private:
-    static void take(const char* file, int line, const char* function, int error, const char* format, va_list args);
-    std::string text_;
-    AlsaMessages* outer_;
-    snd_local_error_handler_t handler_;
 };
 
 /**

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "alsa_pcm.h"
+#include "alsa_messages.h"
 
 namespace hdmi_linux
 {
@@ -12,20 +12,6 @@ namespace
 {
 
 constexpr char kControl[] = "IEC958 Playback Default";
-
-constexpr uint16_t kSyncA = 0xF872;
-constexpr uint16_t kSyncB = 0x4E1F;
-constexpr int kTypeMask = 0x7F;
-constexpr int kBitsPerWord = 16;
-
-// Data types that tell the payload's length in bytes, the others in bits. For one that is not known yet the larger
-// guess: stuffing taken for payload does no harm.
-bool length_is_bytes(int type)
-{
-    constexpr int kDts4 = 17;
-    constexpr int kFirstOfBytes = 21; // E-AC-3
-    return type == kDts4 || type >= kFirstOfBytes;
-}
 
 struct ListRelease {
     void operator()(snd_ctl_elem_list_t* list) const
@@ -90,31 +76,6 @@ bool write_status(snd_ctl_t* ctl, unsigned int number, const ChannelStatus& stat
 }
 
 } // namespace
-
-bool BurstFollower::is_stuffing(uint16_t word)
-{
-    if (payload_left_ > 0) {
-        --payload_left_;
-        return false;
-    }
-    switch (expected_) {
-    case Expected::sync_a:
-        if (word == kSyncA)
-            expected_ = Expected::sync_b;
-        return seen_ && word == 0;
-    case Expected::sync_b: expected_ = word == kSyncB ? Expected::info : Expected::sync_a; break;
-    case Expected::info:
-        type_ = word & kTypeMask;
-        expected_ = Expected::length;
-        break;
-    case Expected::length:
-        payload_left_ = (word * (length_is_bytes(type_) ? 8 : 1) + kBitsPerWord - 1) / kBitsPerWord;
-        expected_ = Expected::sync_a;
-        seen_ = true;
-        break;
-    }
-    return false;
-}
 
 bool set_status_control(int card, int device, const ChannelStatus& status)
 {

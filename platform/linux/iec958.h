@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The channel status of a digital output (IEC 60958-3, consumer use): what
- * tells the receiver the rate, and whether it gets sound or coded data; and the
- * stuffing between bursts of coded data (IEC 61937).
+ * The channel status of a digital output (IEC 60958-3, consumer use): it tells
+ * the receiver the rate, and whether sound or coded data comes.
  */
 #pragma once
 
@@ -70,35 +69,5 @@ bool set_status_control(int card, int device, const ChannelStatus& status);
 
 /// Whether @p pcm says a status itself, by with_channel_status() or by whoever wrote it.
 inline bool says_channel_status(const std::string& pcm) { return pcm.find("AES0") != std::string::npos; }
-
-/// Follows the bursts of a link in words: zeros behind a payload are stuffing, those of a payload are not.
-class BurstFollower
-{
-public:
-    /// Goes on with @p frames frames of two words. @return the first that begins a run of at least @p run frames of
-    /// stuffing, -1: there is none.
-    int find_stuffing(const int16_t* words, int frames, int run)
-    {
-        int found = -1;
-        for (int frame = 0, length = 0; frame < frames; ++frame, words += 2) {
-            const bool first = is_stuffing(static_cast<uint16_t>(words[0]));
-            const bool second = is_stuffing(static_cast<uint16_t>(words[1]));
-            length = first && second ? length + 1 : 0;
-            if (length == run && found < 0)
-                found = frame + 1 - run;
-        }
-        return found;
-    }
-
-private:
-    enum class Expected { sync_a, sync_b, info, length };
-
-    bool is_stuffing(uint16_t word);
-
-    Expected expected_ = Expected::sync_a;
-    int type_ = 0;         ///< of the burst
-    int payload_left_ = 0; ///< words
-    bool seen_ = false;    ///< a burst: what comes before may be the end of a payload
-};
 
 } // namespace hdmi_linux

@@ -14,7 +14,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "alsa_pcm.h"
+#include "alsa_messages.h"
 #include "eventually.h"
 
 namespace
