@@ -49,7 +49,13 @@ template <typename T> using Owned = std::unique_ptr<T, Freed>;
 
 AVCodecID codec_of(Coding coding) { return coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3; }
 
-int collect(void* opaque, uint8_t* data, int bytes)
+#if LIBAVFORMAT_VERSION_MAJOR >= 61
+using Written = const uint8_t;
+#else
+using Written = uint8_t;
+#endif
+
+int collect(void* opaque, Written* data, int bytes)
 {
     auto* out = static_cast<std::vector<uint8_t>*>(opaque);
     out->insert(out->end(), data, data + bytes);

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <atomic>
 #include <memory>
 
 #include "play_queue.h"
@@ -25,7 +24,6 @@ struct Playback {
     Condition changed; ///< opening
     hdmi_sim::PlaybackConfig config GUARDED_BY(mutex);
     bool new_config GUARDED_BY(mutex) = false;
-    bool open GUARDED_BY(mutex) = false;
     int channels GUARDED_BY(mutex) = 2;
     int period_frames GUARDED_BY(mutex) = 0;
     PlayQueue queue GUARDED_BY(mutex);
@@ -34,8 +32,7 @@ struct Playback {
     hdmi_sim::PlaybackStats stats GUARDED_BY(mutex);
     std::shared_ptr<Recording> recording GUARDED_BY(mutex);
     int files GUARDED_BY(mutex) = 0; ///< begun with the present configuration
-    /// Odd while the device is open; a call that began in another opening ends.
-    std::atomic<uint64_t> opening{0};
+    Openings openings;
 };
 
 Playback& playback()
@@ -49,7 +46,7 @@ float effective_gain(const Playback& p) REQUIRES(p.mutex) { return p.stats.muted
 // Brings the record up to @p now: what was heard, and whether the queue ran empty.
 void settle(Playback& p, int64_t now) REQUIRES(p.mutex)
 {
-    if (!p.open)
+    if (!p.openings.is_open())
         return;
     p.queue.drain(now, p.recording.get());
     if (p.ran_empty || now <= p.queue.empty_ns())
@@ -116,13 +113,13 @@ void put(Playback& p, int64_t now, const uint8_t* data, int frames) REQUIRES(p.m
 int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, const Verdict& verdict)
 {
     mutex_guard guard(p.mutex);
-    if (p.opening != opening)
+    if (p.openings.ended(opening))
         return kClosed;
     const int frame_bytes = p.channels * kBytesPerSample;
     const int accepted = brief_size(verdict, size, frame_bytes);
     const int frames = accepted / frame_bytes;
     int done = 0;
-    while (done < frames && p.opening == opening) {
+    while (done < frames && !p.openings.ended(opening)) {
         const int64_t now = hdmi_sim::now_ns();
         settle(p, now);
         const int run = std::min(frames - done, p.queue.room(now));
@@ -149,13 +146,12 @@ int playback_open(const audio_config_t& config)
         return -EINVAL;
     Playback& p = playback();
     mutex_guard guard(p.mutex);
-    if (p.open)
+    if (p.openings.is_open())
         return -EBUSY;
     prepare_recording(p, config.sample_rate, config.channels);
     p.queue = PlayQueue(config.sample_rate, p.config.clock_error_ppm, config.channels, config.period_frames,
                         config.period_count);
-    p.open = true;
-    p.opening++;
+    p.openings.begin();
     p.ran_empty = false;
     p.channels = config.channels;
     p.period_frames = config.period_frames;
@@ -173,11 +169,10 @@ int playback_close()
         return verdict.result;
     Playback& p = playback();
     mutex_guard guard(p.mutex);
-    if (!p.open)
+    if (!p.openings.is_open())
         return 0;
     settle(p, hdmi_sim::now_ns());
-    p.open = false;
-    p.opening++;
+    p.openings.end();
     p.changed.notify_all();
     guard.unlock();
     faults_wake();
@@ -187,16 +182,10 @@ int playback_close()
 int playback_write(const uint8_t* data, int size)
 {
     Playback& p = playback();
-    const uint64_t opening = p.opening;
-    const Verdict verdict =
-        fault_verdict(hdmi_sim::Op::playback_write, [&p, opening] { return opening % 2 == 0 || p.opening != opening; });
-    if (verdict.fail)
-        return verdict.result;
-    if (data == nullptr || size < 0)
-        return -EINVAL;
-    if (opening % 2 == 0)
-        return kClosed;
-    return verdict.withhold ? size : write_frames(p, opening, data, size, verdict);
+    return transfer(hdmi_sim::Op::playback_write, p.openings, data, size,
+                    [&](uint64_t opening, const Verdict& verdict) {
+                        return verdict.withhold ? size : write_frames(p, opening, data, size, verdict);
+                    });
 }
 
 int playback_delay(int* frames)
@@ -206,7 +195,7 @@ int playback_delay(int* frames)
         return verdict.result;
     Playback& p = playback();
     mutex_guard guard(p.mutex);
-    if (!p.open)
+    if (!p.openings.is_open())
         return kClosed;
     if (frames == nullptr)
         return -EINVAL;
@@ -265,7 +254,7 @@ int playback_reselect(int device_id, int output_fmt)
         return -EINVAL;
     Playback& p = playback();
     mutex_guard guard(p.mutex);
-    if (!p.open)
+    if (!p.openings.is_open())
         return kClosed;
     p.stats.device_id = device_id;
     p.stats.output_fmt = output_fmt;
@@ -303,7 +292,7 @@ PlaybackStats playback_stats()
     mutex_guard guard(p.mutex);
     sim::settle(p, now_ns());
     PlaybackStats stats = p.stats;
-    stats.open = p.open;
+    stats.open = p.openings.is_open();
     return stats;
 }
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <atomic>
 #include <cstring>
 
 #include "bypass_path.h"
@@ -18,12 +17,10 @@ struct Receiver {
     mutex_t mutex;
     Condition changed; ///< signal or opening
     LinkSignalPtr signal GUARDED_BY(mutex);
-    bool open GUARDED_BY(mutex) = false;
     CaptureRing ring GUARDED_BY(mutex);
     BypassPath bypass GUARDED_BY(mutex);
     hdmi_sim::ReceiverStats stats GUARDED_BY(mutex);
-    /// Odd while the device is open; a call that began in another opening ends.
-    std::atomic<uint64_t> opening{0};
+    Openings openings;
 };
 
 Receiver& receiver()
@@ -77,7 +74,7 @@ CaptureRing::Piece take(Receiver& r, int max_bytes) REQUIRES(r.mutex)
 // Waits until something is ready and says how much of @p size; 0 when the opening ended.
 int await_ready(Receiver& r, mutex_guard& guard, uint64_t opening, int size) REQUIRES(r.mutex)
 {
-    while (r.opening == opening) {
+    while (!r.openings.ended(opening)) {
         const int64_t now = hdmi_sim::now_ns();
         r.stats.overruns += r.ring.drop_overrun(now);
         const int64_t ready = r.ring.ready_bytes(now);
@@ -103,7 +100,7 @@ int read_whole(Receiver& r, uint64_t opening, uint8_t* data, int size, bool alig
         guard.lock();
         done += piece.bytes;
     }
-    if (align && r.opening == opening)
+    if (align && !r.openings.ended(opening))
         r.ring.align();
     return done;
 }
@@ -125,10 +122,9 @@ int capture_open(const audio_config_t& config)
         return -EINVAL;
     Receiver& r = receiver();
     mutex_guard guard(r.mutex);
-    if (r.open)
+    if (r.openings.is_open())
         return -EBUSY;
-    r.open = true;
-    r.opening++;
+    r.openings.begin();
     r.ring = CaptureRing(config.period_frames, config.period_count);
     const int64_t now = hdmi_sim::now_ns();
     if (r.signal != nullptr)
@@ -148,11 +144,10 @@ int capture_close()
         return verdict.result;
     Receiver& r = receiver();
     mutex_guard guard(r.mutex);
-    if (!r.open)
+    if (!r.openings.is_open())
         return 0;
-    r.open = false;
     r.bypass.close(hdmi_sim::now_ns());
-    r.opening++;
+    r.openings.end();
     r.changed.notify_all();
     guard.unlock();
     faults_wake();
@@ -162,16 +157,9 @@ int capture_close()
 int capture_read(uint8_t* data, int size)
 {
     Receiver& r = receiver();
-    const uint64_t opening = r.opening;
-    const Verdict verdict =
-        fault_verdict(hdmi_sim::Op::capture_read, [&r, opening] { return opening % 2 == 0 || r.opening != opening; });
-    if (verdict.fail)
-        return verdict.result;
-    if (data == nullptr || size < 0)
-        return -EINVAL;
-    if (opening % 2 == 0)
-        return kClosed;
-    return read_whole(r, opening, data, brief_size(verdict, size, kLinkFrameBytes), verdict.odd);
+    return transfer(hdmi_sim::Op::capture_read, r.openings, data, size, [&](uint64_t opening, const Verdict& verdict) {
+        return read_whole(r, opening, data, brief_size(verdict, size, kLinkFrameBytes), verdict.odd);
+    });
 }
 
 void capture_reset()
@@ -199,7 +187,7 @@ void receiver_connect(Signal signal)
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
     r.signal = std::move(link);
-    if (r.open)
+    if (r.openings.is_open())
         r.ring.attach(r.signal, now);
     r.bypass.carry(r.signal, now);
     r.changed.notify_all();
@@ -210,7 +198,7 @@ void receiver_disconnect()
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
     const int64_t now = now_ns();
-    if (r.open)
+    if (r.openings.is_open())
         r.ring.detach(now);
     r.bypass.carry(nullptr, now);
     r.signal = nullptr;
@@ -222,7 +210,7 @@ ReceiverStats receiver_stats()
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
     // Periods that nobody came for are lost all the same.
-    if (r.open)
+    if (r.openings.is_open())
         r.stats.overruns += r.ring.drop_overrun(now_ns());
     return r.stats;
 }

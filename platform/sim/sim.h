@@ -9,6 +9,7 @@
 #include <pthread.h>
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
@@ -71,6 +72,37 @@ void faults_wake();
 void faults_reset();
 /// What a brief transfer leaves of @p size bytes.
 int brief_size(const Verdict& verdict, int size, int bytes_per_frame);
+
+/// The openings of a device, by number: a call that began in one of them ends with it.
+class Openings
+{
+public:
+    /// The number of the present opening; of a closed device one that has ended().
+    uint64_t present() const { return count_; }
+    bool ended(uint64_t number) const { return number % 2 == 0 || count_ != number; }
+    bool is_open() const { return !ended(count_); }
+
+    /// For the device's open and close, which hold its mutex.
+    void begin() { count_++; }
+    void end() { count_++; }
+
+private:
+    std::atomic<uint64_t> count_{0}; ///< of opens and closes: odd while open
+};
+
+/// A read or write. @p move(opening, verdict) moves the data, if no fault does its part and the device is open.
+template <typename Move>
+int transfer(hdmi_sim::Op op, const Openings& openings, const void* data, int size, const Move& move)
+{
+    const uint64_t opening = openings.present();
+    const auto ended = [&openings, opening] { return openings.ended(opening); };
+    const Verdict verdict = fault_verdict(op, ended);
+    if (verdict.fail)
+        return verdict.result;
+    if (data == nullptr || size < 0)
+        return -EINVAL;
+    return ended() ? kClosed : move(opening, verdict);
+}
 
 int capture_open(const audio_config_t& config);
 int capture_close();
