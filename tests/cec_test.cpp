@@ -896,8 +896,8 @@ TEST(CecLink, OpensAndClosesTheChannelAndLeavesTheAdapterAsItWas)
     kernel.adapters[0].physical_address = CEC_PHYS_ADDR_INVALID;
     CecLink link(&kernel);
     for (int round = 0; round < 3; ++round) {
-        ASSERT_EQ(0, link.start("", "", false));
-        EXPECT_EQ(-EALREADY, link.start("", "", false));
+        ASSERT_EQ(0, link.start({}));
+        EXPECT_EQ(-EALREADY, link.start({}));
         EXPECT_EQ(0, link.open_arc());
         ASSERT_TRUE(reaches(link, ArcState::active));
         kernel.post("40:8f");
@@ -921,7 +921,7 @@ TEST(CecLink, UsesWhatAnotherProgramHasSetUpAndLeavesTheRestToIt)
 {
     FakeKernel kernel({used_as(CEC_LOG_ADDR_TYPE_TV)});
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     link.open_arc();
     kernel.post("40:8f");
     ASSERT_TRUE(reaches(link, ArcState::active));
@@ -966,7 +966,7 @@ TEST(CecLink, ChoosesTheAdapterOfATv)
     for (const auto& [adapters, device, expected] : cases) {
         FakeKernel kernel(adapters);
         CecLink link(&kernel);
-        const int result = link.start(device, device.empty() ? "" : "linux.conf:1: cec", false);
+        const int result = link.start({device, device.empty() ? "" : "linux.conf:1: cec", false});
         if (expected.substr(0, 4) == "/dev") {
             EXPECT_EQ(0, result) << expected;
             EXPECT_EQ(expected, link.stats().device);
@@ -985,7 +985,7 @@ TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
     FakeKernel kernel;
     kernel.claims_at_once = false;
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     EXPECT_EQ(0, link.open_arc());
     EXPECT_FALSE(link.stats().attached);
     kernel.claim();
@@ -997,7 +997,7 @@ TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
     EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
 
     // Stopped before the claim has ended.
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     std::thread late([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         kernel.claim();
@@ -1011,7 +1011,7 @@ TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
 {
     FakeKernel kernel;
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     link.open_arc();
     for (int round = 1; round <= 2; ++round) {
         ASSERT_TRUE(comes_true([&] { return link.stats().activations == round; }));
@@ -1033,7 +1033,7 @@ TEST(CecLink, ChoosesAgainAfterAnUnplug)
 {
     FakeKernel kernel;
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     link.open_arc();
     ASSERT_TRUE(reaches(link, ArcState::active));
     kernel.set_gone(true);
@@ -1071,11 +1071,11 @@ TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
         FakeKernel kernel({adapter});
         CecLink link(&kernel);
         kernel.locked_by_another = true;
-        EXPECT_EQ(-EBUSY, link.start("", "", false));
+        EXPECT_EQ(-EBUSY, link.start({}));
         EXPECT_EQ("/dev/cec0 cannot be used: another player has it; the audio return channel stays closed",
                   link.stats().note);
         kernel.locked_by_another = false;
-        ASSERT_EQ(0, link.start("", "", false));
+        ASSERT_EQ(0, link.start({}));
         link.open_arc();
         EXPECT_TRUE(reaches(link, ArcState::active));
         link.stop();
@@ -1089,7 +1089,7 @@ TEST(CecLink, ClaimsItsAddressAgain)
 {
     FakeKernel kernel;
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     link.open_arc();
     ASSERT_TRUE(reaches(link, ArcState::active));
     kernel.claims_at_once = false;
@@ -1116,7 +1116,7 @@ TEST(CecLink, SaysWhyAnAdapterIsOfNoUse)
         kernel.adapters[0].physical_address = c.physical_address;
         kernel.claimed_mask = c.claimed_mask;
         CecLink link(&kernel);
-        ASSERT_EQ(0, link.start("/dev/cec0", "", false));
+        ASSERT_EQ(0, link.start({"/dev/cec0", "", false}));
         link.open_arc();
         EXPECT_TRUE(comes_true([&] { return link.stats().note.find(c.note) == 0; })) << link.stats().note;
         EXPECT_TRUE(comes_true([&] { return kernel.is_listening() == c.listens; })) << c.note;
@@ -1135,7 +1135,7 @@ TEST(CecLink, GivesTheFormerPhysicalAddressBack)
     kernel.adapters[0].capabilities |= CEC_CAP_PHYS_ADDR;
     kernel.adapters[0].physical_address = 0x1000;
     CecLink link(&kernel);
-    ASSERT_EQ(0, link.start("/dev/cec0", "", true));
+    ASSERT_EQ(0, link.start({"/dev/cec0", "", true}));
     link.open_arc();
     EXPECT_TRUE(reaches(link, ArcState::active));
     EXPECT_EQ(kRoot, link.stats().physical_address);
@@ -1150,7 +1150,7 @@ TEST(CecLink, EndsInTimeWhenNobodyAnswers)
     kernel.audio_system = [](const std::string& message) { return message == "05:83" ? kAddressReport : ""; };
     for (const bool tells_fates : {true, false}) {
         kernel.tells_fates = tells_fates;
-        ASSERT_EQ(0, link.start("", "", false));
+        ASSERT_EQ(0, link.start({}));
         link.open_arc();
         ASSERT_TRUE(reaches(link, ArcState::requested));
         const auto start = std::chrono::steady_clock::now();
@@ -1165,7 +1165,7 @@ TEST(CecLink, SaysOnceThatAnotherProgramHasTheAdapterToItself)
     kernel.transmit_error = EBUSY;
     CecLink link(&kernel);
     testing::internal::CaptureStdout();
-    ASSERT_EQ(0, link.start("", "", false));
+    ASSERT_EQ(0, link.start({}));
     link.open_arc();
     EXPECT_TRUE(comes_true([&] { return link.stats().undelivered == 3 && link.stats().arc == ArcState::idle; }));
     link.stop();
