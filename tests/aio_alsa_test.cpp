@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -19,10 +18,8 @@
 #include "alsa_volume.h"
 #include "audio_devices.h"
 #include "blocked_call.h"
-#include "burst_follower.h"
 #include "config.h"
 #include "hdmi_linux.h"
-#include "iec958.h"
 #include "log_capture.h"
 #include "pulse_server.h"
 #include "sound_devices.h"
@@ -596,105 +593,9 @@ TEST_F(AioAlsaTest, ADigitalOutputSaysItsRateAndWhetherItCarriesData)
     aio_device_close(&capture_);
 }
 
-TEST(Iec958, StatusGoesIntoNamesThatTakeIt)
-{
-    const hdmi_linux::ChannelStatus data = hdmi_linux::channel_status(32000, true);
-    using hdmi_linux::with_channel_status;
-    EXPECT_EQ(with_channel_status("iec958", data), "iec958:AES0=0x06,AES1=0x82,AES2=0x00,AES3=0x03");
-    EXPECT_EQ(with_channel_status("hdmi:CARD=PCH,DEV=1", data),
-              "hdmi:CARD=PCH,DEV=1,AES0=0x06,AES1=0x82,AES2=0x00,AES3=0x03");
-    EXPECT_EQ(with_channel_status("spdif:{CARD 1}", data), "spdif:{CARD 1 AES0 0x06 AES1 0x82 AES2 0x00 AES3 0x03 }");
-    for (const char* other : {"hw:1,3", "iec958:AES0=0x02", "iec958_out"})
-        EXPECT_EQ(with_channel_status(other, data), other);
-}
-
-TEST(Iec958, OnlyWhatFollowsAPayloadIsStuffing)
-{
-    struct {
-        int16_t type, length;
-    } const bursts[] = {{1, 30 * 16}, {21, 30 * 2}}; // in bits, in bytes
-    for (const auto& burst : bursts) {
-        hdmi_linux::BurstFollower follower;
-        std::vector<int16_t> words(2 * 40);
-        EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), -1) << "perhaps of a payload whose start was not seen";
-        // Two frames of preamble, 15 of payload, silent as it is, and stuffing from 17 on.
-        const int16_t preamble[] = {static_cast<int16_t>(0xF872), 0x4E1F, burst.type, burst.length};
-        std::copy(std::begin(preamble), std::end(preamble), words.begin());
-        EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), 17);
-        EXPECT_EQ(follower.find_stuffing(words.data(), 10, 5), -1) << "the payload goes on in what follows";
-        EXPECT_EQ(follower.find_stuffing(words.data() + 2 * 10, 11, 5), -1) << "too short";
-        EXPECT_EQ(follower.find_stuffing(words.data() + 2 * 21, 19, 5), 0);
-    }
-}
-
-// --- Waiting ----------------------------------------------------------------------------
-
-TEST(PollGate, WhoPollsAgainAtOnceDoesNotKeepOutWhoClosesTheDevice)
-{
-    mutex_t mutex;
-    hdmi_linux::PollGate gate;
-    std::atomic<bool> stop{false};
-    std::thread writer([&] {
-        mutex_guard guard(mutex);
-        while (!stop)
-            gate.wait(guard, nullptr, 100);
-    });
-    BlockedCall<bool> closing([&] {
-        for (int round = 0; round < 20; ++round) {
-            mutex_guard guard(mutex);
-            gate.evict(guard);
-        }
-        return true;
-    });
-    EXPECT_TRUE(eventually([&] { return closing.returned(); }));
-    stop = true;
-    writer.join();
-}
-
 // --- Configuration ----------------------------------------------------------------------
 
-TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
-{
-    hdmi_linux::Config config;
-    std::vector<std::string> errors;
-    hdmi_linux::parse_config("# outputs\n"
-                             "speaker = hw:0,0   # the amplifier\n"
-                             "speaker.mixer=Digital\n"
-                             "  spdif.resample = maybe\n"
-                             "loudspeaker = hw:1\n"
-                             "hdmi_in.mixer = Capture\n"
-                             "hdmi_arc =\n"
-                             "mic01\n"
-                             "start_periods = 8x\n"
-                             "start_periods = 3\n"
-                             "raw_output = speaker\r\n"
-                             "speaker = hw:2\n"
-                             "hdmi_in.periods = 1\n"
-                             "i2s_txa.periods = 16\n"
-                             "headphone.resample = no",
-                             "a.conf", &config, &errors);
-    const std::vector<std::string> expected = {
-        "a.conf:4: spdif.resample: 'maybe' is neither yes nor no",
-        "a.conf:5: loudspeaker: unknown key",
-        "a.conf:6: hdmi_in.mixer: unknown key",
-        "a.conf:7: hdmi_arc: no value",
-        "a.conf:8: mic01: no value",
-        "a.conf:9: start_periods: '8x' is not a number from 1 to 7",
-        "a.conf:10: start_periods: set in line 9 already",
-        "a.conf:11: raw_output: 'speaker' is neither spdif nor hdmi_arc",
-        "a.conf:12: speaker: set in line 2 already",
-        "a.conf:13: hdmi_in.periods: '1' is not a number from 2 to 64",
-    };
-    EXPECT_EQ(errors, expected);
-    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].pcm, "hw:0,0");
-    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].mixer, "Digital");
-    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm, "hdmi");
-    EXPECT_FALSE(config.audio[E_AUDIO_IO_DEV_HEADPHONE].resample);
-    EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_I2S_TXA].periods, 16);
-    EXPECT_EQ(config.start_periods, 2);
-}
-
-TEST(LinuxConfig, IsCheckedAgainstTheMachine)
+TEST_F(AioAlsaTest, ConfigurationIsCheckedAgainstTheMachine)
 {
     const std::string path = g_server->folder() + "/linux.conf";
     setenv("HDMIPLAYER_LINUX_CONFIG", path.c_str(), 1);
@@ -802,41 +703,6 @@ TEST_F(AioAlsaTest, VolumeAndMuteAreTheMixersWhereThereIsOne)
     Recorder recorder("out_monitor");
     EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !stretches(recorder.left()).empty(); }))
         << "not scaled";
-}
-
-TEST(AlsaVolume, AChangePassesEveryLevelBetween)
-{
-    hdmi_linux::GainRamp ramp;
-    const std::vector<int16_t> level(2 * kPeriod, 16000);
-    std::vector<int16_t> scaled(level.size());
-    std::vector<int16_t> heard = {16000};
-    for (const float gain : {0.0f, 0.2f}) {
-        ramp.set(gain);
-        // In parts, as a device takes them.
-        for (int frames = 1; frames < 400; frames *= 2) {
-            ramp.apply(reinterpret_cast<const uint8_t*>(level.data()), scaled.data(), frames, 2);
-            ramp.advance(frames);
-            for (int frame = 0; frame < frames; ++frame)
-                heard.push_back(scaled[2 * frame + 1]);
-        }
-        EXPECT_EQ(heard.back(), std::lround(16000 * gain)) << "some milliseconds later";
-    }
-    for (size_t at = 1; at < heard.size(); ++at)
-        ASSERT_LE(std::abs(heard[at] - heard[at - 1]), 100) << at;
-}
-
-TEST(AlsaVolume, PercentIsEvenToTheEar)
-{
-    using hdmi_linux::volume_decibels;
-    // A control of a small range moves by the decibel.
-    EXPECT_EQ(volume_decibels(50, -2000, 400), -800);
-    // One of a large range, or one that ends in silence, by the cube root of the amplitude.
-    EXPECT_EQ(volume_decibels(50, SND_CTL_TLV_DB_GAIN_MUTE, 0), -1806);
-    EXPECT_EQ(volume_decibels(50, -6000, 0), -1558);
-    for (const long min : {-9000L, -2400L, static_cast<long>(SND_CTL_TLV_DB_GAIN_MUTE)}) {
-        EXPECT_EQ(volume_decibels(0, min, 600), min);
-        EXPECT_EQ(volume_decibels(100, min, 600), 600);
-    }
 }
 
 } // namespace
