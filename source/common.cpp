@@ -43,8 +43,7 @@ struct timespec read_clock(clockid_t clock_id)
     return now;
 }
 
-// Opened and closed for every block, so that a dump can be removed or
-// truncated while the player runs.
+// Opens and closes the file for every block, so that a dump can be removed or truncated while the player runs.
 void append_dump(const char* function, const char* enable_switch, const char* file, const uint8_t* data, int32_t size)
 {
     if (env_get_value(enable_switch, 0) == 0 || data == nullptr || size <= 0)
@@ -64,7 +63,7 @@ void append_dump(const char* function, const char* enable_switch, const char* fi
 
 void console_print(loglevel_e level, const char* format, ...)
 {
-    // The stream's own lock: a platform library beside this one prints here as well.
+    // The stream's own lock, since the platform's library prints to the same stream.
     flockfile(stdout);
     const level_style style = style_of(level);
     const struct timespec now = read_clock(CLOCK_REALTIME);

@@ -28,12 +28,12 @@ static_assert(std::is_trivially_destructible_v<frame_queue_t>, "the registry fre
 /// Pause between two attempts to allocate a buffer while memory is short.
 constexpr uint64_t kAllocRetryUs = 10000;
 
-/// Serialises the registry, whose functions take no lock. Inside a slot lock.
+/// Serialises the registry, whose functions take no lock. May be taken while a slot lock is held.
 mutex_t g_registry_mutex;
 
 /// Whether a slot's record may be used: set when init has built it, cleared by
-/// the one deinit that takes it down. The payload alone does not tell: it is in
-/// the table before it is built, and until calls in progress have left.
+/// the one deinit that destroys it. The payload does not tell: it is in the
+/// table before it is built, and while deinit waits for the calls in progress.
 std::atomic<bool> g_live[FRAME_QUEUE_MAX];
 
 constexpr const char* kNoQueueMessage = "frame_queue_t is null.";
@@ -71,7 +71,7 @@ private:
     frame_queue_t* queue_ = nullptr;
 };
 
-/// Traces a call at its begin and end. Outlives the record in deinit, so it keeps what it needs.
+/// Traces a call at its begin and end. Keeps copies, because it outlives the record in deinit.
 class api_trace
 {
 public:
@@ -146,8 +146,8 @@ frame_info_t* make_acquired(frame_queue_t& q, frame_info_t& record) REQUIRES(q.m
     return &record;
 }
 
-/// Wakes one waiter for done frames; all of them where some wait for a number
-/// of frames, since the one woken might not be able to use this one.
+/// Wakes one waiter for done frames. While a call waits for a number of frames it wakes
+/// all of them, since the signal could reach that call and leave a consumer asleep.
 void signal_done(frame_queue_t& q) REQUIRES(q.mutex)
 {
     if (q.count_waiters > 0)
@@ -357,7 +357,7 @@ void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
         free(record.frame.data);
         record = frame_info_t{};
     }
-    // Whoever waited for a frame to come back can have a new one.
+    // A producer that waits for a frame to come back can have a new one.
     pthread_cond_broadcast(&q.cond_acquire);
 }
 
@@ -370,8 +370,8 @@ frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THR
     q->name = name;
     q->pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
     q->mutex.init();
-    // Consumers wait on queues of other stages too, which their own stop does not wake: their
-    // time limit ends such a wait, whatever happens to the wall clock.
+    // A consumer may wait on another stage's queue. Its own stop does not wake it there: only the time limit
+    // ends that wait, so the limit must not depend on the wall clock.
     cond_init_monotonic(q->cond);
     cond_init_monotonic(q->cond_acquire);
     cond_init_monotonic(q->cond_memory);
@@ -421,14 +421,14 @@ int32_t frame_queue_deinit(int32_t id)
     resource_manager_t* slot = find_slot(id, __func__);
     if (slot == nullptr)
         return -1;
-    // One call wins the record, and it alone may free it: until then it is used without the slot lock.
+    // Only the call that clears the flag frees the record. So it may use the record without the slot lock.
     if (!g_live[id].exchange(false)) {
         log_e("%s\n", kNoQueueMessage);
         return -1;
     }
     frame_queue_t* q = static_cast<frame_queue_t*>(slot->info.load());
     const api_trace trace(*q);
-    // Calls in progress hold the slot lock, for ever if they wait for a frame: end them first.
+    // Calls in progress hold the slot lock, and may wait for a frame for ever: the abort ends them.
     abort_queue(*q);
     write_guard lock(slot->rwlock);
     release_pool(*q);

@@ -23,9 +23,9 @@ namespace
 {
 
 constexpr int32_t kQueueFrames = 128;
-/// How long one wait for a source frame lasts; bounds how long a stop waits for the worker.
+/// Longest wait for one source frame, and so the longest that a stop waits for the worker.
 constexpr int32_t kSourceTimeoutMs = 100;
-/// Pause of the worker while the stage is off, or while its source answers at once that it has nothing.
+/// Pause of the worker while the stage is off, and after a source without frames that answered at once.
 constexpr useconds_t kIdleUs = 10000;
 constexpr uint8_t kRandomDelay = 2;
 
@@ -215,7 +215,7 @@ void process(resample_context_t& ctx, int32_t queue, hdmi_player_audio_frame_t* 
     frame_queue_done_enqueue(queue, dst);
 }
 
-/// The output queue's id, for those who are not called from outside: the worker, and a stop.
+/// The output queue's id, for what is no entry point: the worker and a stop.
 int32_t output_queue(resample_context_t& ctx)
 {
     const read_guard api(ctx.api_rwlock);
@@ -254,7 +254,7 @@ void* audio_resample(void* arg)
     return nullptr;
 }
 
-/// Begins an interval without delay at @p now_us; in random mode it and its delay are drawn.
+/// Begins an interval without delay at @p now_us; random mode draws its length and the delay after it.
 void begin_delay_interval(resample_context_t& ctx, int64_t now_us) REQUIRES(ctx.internal_mutex)
 {
     ctx.dummy_alg_delay_start_time_us = now_us;
@@ -307,7 +307,7 @@ void stop(resample_context_t& ctx) REQUIRES(ctx.lifecycle_mutex)
     ctx.resample_thread = 0;
 }
 
-/// Frees what a stopped stage holds and clears the record around its locks.
+/// Frees what a stopped stage holds and clears the record, except its locks.
 void release(resample_context_t& ctx) REQUIRES(ctx.lifecycle_mutex, ctx.api_rwlock)
 {
     swr_free(&ctx.audio_swr_ctx);
@@ -337,7 +337,7 @@ void read_switches(resample_context_t& ctx)
     ctx.dummy_alg_delay_time = env_get_value("debug_hdmiplayer_dummy_alg_delay_time", 100);
 }
 
-/// Builds converter, queue and worker on a cleared record; what is built when it fails, release() frees.
+/// Builds converter, queue and worker on a cleared record. After a failure release() frees what was built.
 bool start(resample_context_t& ctx, const resample_config_t& cfg, const char* function)
     REQUIRES(ctx.lifecycle_mutex, ctx.api_rwlock)
 {
@@ -392,7 +392,7 @@ int32_t audio_resample_init(resample_config_t cfg)
     resample_context_t& ctx = g_resample_ctx;
     mutex_guard lifecycle(ctx.lifecycle_mutex);
     if (!ctx.initialized)
-        stop(ctx); // a stage that runs: its worker uses the record that is built anew here
+        stop(ctx); // the worker of a stage that runs uses the record that is rebuilt here
     {
         write_guard lock(ctx.api_rwlock);
         if (ctx.initialized) {
@@ -429,10 +429,8 @@ int32_t audio_resample_deinit(void)
 
 int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t timeout_ms)
 {
-    if (frame == nullptr) {
-        log_e("frame is null.\n");
+    if (missing(frame, "frame is null."))
         return -1;
-    }
     resample_context_t& ctx = g_resample_ctx;
     const entry_guard api(ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
     if (!api)
@@ -451,10 +449,8 @@ int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t 
 
 int32_t audio_resample_put_pcm_frame(hdmi_player_audio_frame_t* frame)
 {
-    if (frame == nullptr) {
-        log_e("frame is null.\n");
+    if (missing(frame, "frame is null."))
         return -1;
-    }
     const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
     if (!api)
         return -1;

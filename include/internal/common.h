@@ -105,7 +105,7 @@ inline bool missing(const void* argument, const char* message, const char* funct
 inline long long lli(int64_t value) { return value; }
 inline unsigned long long llu(uint64_t value) { return value; }
 
-/// @p a + @p b, held at the ends of the range: times come from outside and may be anything.
+/// @p a + @p b, saturated: the times of a host or a device may be anything.
 inline int64_t add_saturated(int64_t a, int64_t b)
 {
     int64_t sum = 0;

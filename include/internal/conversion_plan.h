@@ -29,12 +29,12 @@ struct conversion_plan_t {
     int buf_size = 0;          ///< bytes that the output frame must hold
 };
 
-/// Whether frames of @p rate need a converter, where @p has_converter tells of one that was built for src.sample_rate.
+/// Whether frames of @p rate need a converter; @p has_converter: there is one, built for src.sample_rate.
 inline bool needs_converter(const audio_param_t& src, const audio_param_t& tgt, bool has_converter, int rate)
 {
     if (rate == src.sample_rate)
         return has_converter;
-    // Without a converter only the rate counts. But one that was lost may have been there for the layout.
+    // A change of rate compares rates only. But a converter that was lost may have been there for the layout.
     const bool layout_lost = src.sample_rate == RESAMPLE_RATE_NONE && src.channel_layout != tgt.channel_layout;
     return rate != tgt.sample_rate || layout_lost;
 }

@@ -81,11 +81,11 @@ frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size);
 int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame);
 
 /// The oldest done frame, or null after @p timeout_ms without one (0: at once, negative: no limit in
-/// practice), on abort and on a done wake-up. The limit starts anew at every wake of the wait.
+/// practice), on abort and on a done wake-up. Every wake-up of the wait starts the limit again.
 frame_info_t* frame_queue_done_dequeue(int32_t id, int32_t timeout_ms);
 
-/// Gives a frame back to the pool: the `frame` member of one of this queue's records. 0, or -1 with
-/// nothing changed when it is none.
+/// Gives a frame back to the pool: the `frame` member of one of this queue's records. 0; for any other
+/// address -1, and nothing changes.
 int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame);
 
 /// Ends every blocked call and refuses acquire and dequeue from now on.
@@ -103,8 +103,8 @@ int32_t frame_queue_wait_done_frame(int32_t id, int32_t count);
 /// Number of done frames, or -1. Does not wait for the queue's mutex.
 int32_t frame_queue_get_done_counts(int32_t id);
 
-/// Ends one wait for a done frame, now or the next one to come.
+/// Ends the wait for a done frame in progress, else the next one.
 void frame_queue_done_wakeup(int32_t id);
 
-/// Ends one wait for a pool frame, now or the next one to come.
+/// Ends the wait for a pool frame in progress, else the next one.
 void frame_queue_pool_wakeup(int32_t id);

@@ -50,6 +50,9 @@ struct CAPABILITY("mutex") mutex_t {
  * the lock is never free. One rule prevents that in every module: while a writer
  * holds the lock or waits for it, entry_guard refuses new calls before they touch
  * the lock. The writer then waits only for the calls in progress.
+ *
+ * So init's own threads are refused too while it holds the lock. Who calls back
+ * into the module from one waits for init first, with a read_guard.
  */
 struct CAPABILITY("rwlock") rwlock_t {
     static_assert(static_cast<int>(PTHREAD_RWLOCK_DEFAULT_NP) == static_cast<int>(PTHREAD_RWLOCK_PREFER_READER_NP),
@@ -58,7 +61,7 @@ struct CAPABILITY("rwlock") rwlock_t {
     std::atomic<int> writers{0}; ///< write_guards that hold the lock or wait for it
 };
 
-/// Initialises @p cond for deadlines on CLOCK_MONOTONIC, which setting the wall clock back does not put off.
+/// Initialises @p cond for deadlines on CLOCK_MONOTONIC: setting the wall clock does not move them.
 inline void cond_init_monotonic(pthread_cond_t& cond)
 {
     pthread_condattr_t attr;
@@ -163,7 +166,7 @@ private:
     void unlock_native()
     {
         held_ = false;
-        // Before the unlock: a thread that waited for it to get the lock must find the way in open.
+        // Before the unlock: a thread that gets the lock by it may call into the module at once.
         --lock_->writers;
         pthread_rwlock_unlock(&lock_->native);
     }
@@ -173,9 +176,9 @@ private:
 };
 
 /**
- * The check at the door of every entry point of a module: holds the module's
- * lock for reading for a scope if the module is open. Otherwise the guard is
- * empty, and @p message, unless it is null, was logged in the name of the caller:
+ * The check of every entry point of a module: holds the module's lock for
+ * reading for a scope if the module is open. Otherwise the guard is empty,
+ * and @p message, unless it is null, was logged in the name of the caller:
  *
  *     const entry_guard api(g_info.api_rwlock, is_open);
  *     if (!api)
