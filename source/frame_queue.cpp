@@ -104,8 +104,7 @@ void log_state(const frame_queue_t& q, const frame_info_t& record, const char* f
     log_as(function, LOG_LEVEL_I,
            "%s [%s] frames pool:%d free:%d done:%d, data:%p size:%d pts:%lli channels:%d sample_rate:%d state:%d.\n",
            q.name, q.name, q.pool_frames_count, q.free_frames_count, q.done_frames_count.load(),
-           static_cast<void*>(f.data), f.buf_size, static_cast<long long>(f.pts), f.channels, f.sample_rate,
-           record.state);
+           static_cast<void*>(f.data), f.buf_size, lli(f.pts), f.channels, f.sample_rate, record.state);
 }
 
 void log_state_error(const frame_queue_t& q, const frame_info_t& record, const char* function) REQUIRES(q.mutex)
@@ -115,7 +114,7 @@ void log_state_error(const frame_queue_t& q, const frame_info_t& record, const c
            "[%s][state error] frames pool:%d free:%d done:%d, data:%p size:%d pts:%lli channels:%d sample_rate:%d "
            "state:%d.\n",
            q.name, q.pool_frames_count, q.free_frames_count, q.done_frames_count.load(), static_cast<void*>(f.data),
-           f.buf_size, static_cast<long long>(f.pts), f.channels, f.sample_rate, record.state);
+           f.buf_size, lli(f.pts), f.channels, f.sample_rate, record.state);
 }
 
 /// Takes a record off the done list.

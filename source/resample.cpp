@@ -154,8 +154,8 @@ bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, cons
         return false;
     const int samples = src.size / ctx.src_param.frame_size;
     const int capacity = dst.buf_size / ctx.tgt_param.frame_size;
-    log_d("src serial:%d pts:%lld samples:%d size:[%d %d], dst samples:%d buf_size:%d\n", src.serial,
-          static_cast<long long>(src.pts), samples, src.size, src.buf_size, capacity, dst.buf_size);
+    log_d("src serial:%d pts:%lld samples:%d size:[%d %d], dst samples:%d buf_size:%d\n", src.serial, lli(src.pts),
+          samples, src.size, src.buf_size, capacity, dst.buf_size);
     if (plan.converts) {
         // No more than the output was sized for: the converter would pile up the rest without bound.
         const int32_t size = run_converter(ctx, src, std::min(samples, plan.nb_frames), dst, capacity);
@@ -226,7 +226,7 @@ void* audio_resample(void* arg)
 {
     resample_context_t& ctx = *static_cast<resample_context_t*>(arg);
     set_thread_name("audio_resample");
-    log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    log_i("thread_id: %llx\n", llu(pthread_self()));
     const int32_t queue = output_queue(ctx);
     int32_t serial = -1;
     while (!ctx.abort_request) {
