@@ -161,8 +161,8 @@ void stamp_time(hdmi_player_audio_frame_t* frame)
     // No rate is known before the first announcement.
     frame->pts = frame->sample_rate > 0 ? g_ai_info.read_frames * kUsPerSecond / frame->sample_rate : 0;
     g_ai_info.read_frames += aio_device_bytes_to_frames(&g_ai_info.audio_cfg, frame->size);
-    log_d("serial:%d read_frames:%lld frame_pts:%lld sample_rate:%d\n", frame->serial,
-          static_cast<long long>(g_ai_info.read_frames), static_cast<long long>(frame->pts), frame->sample_rate);
+    log_d("serial:%d read_frames:%lld frame_pts:%lld sample_rate:%d\n", frame->serial, lli(g_ai_info.read_frames),
+          lli(frame->pts), frame->sample_rate);
 }
 
 // A compressed chunk has no time of its own.
@@ -220,7 +220,7 @@ void* audio_read(void*)
     if (g_ai_info.enable_log)
         log_i(">>>\n");
     set_thread_name("audio_read");
-    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    log_i("thread_id: %lli\n", lli(pthread_self()));
     update_acquire_size();
     while (!g_ai_info.abort_request && g_ai_info.acquire_size >= 0) {
         if (g_ai_info.reopen_device) {
@@ -430,7 +430,7 @@ void wait_for_init() { const read_guard api(g_ai_info.api_rwlock); }
 void* format_detect(void*)
 {
     set_thread_name("format_detect");
-    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    log_i("thread_id: %lli\n", lli(pthread_self()));
     wait_for_init();
     if (g_ai_info.uevent_fd < 0) {
         log_e("failed to register uevent for hdmi in audio headdone detection\n");

@@ -316,8 +316,8 @@ bool write_block(const hdmi_player_audio_frame_t& frame, writer_state* state, cl
     if (!device_open())
         return false;
     if (g_ao_info.interval_log)
-        log_as(function, LOG_LEVEL_I, "write interval:%lld us size:%d\n",
-               static_cast<long long>(write_interval_us(&state->start_time)), frame.size);
+        log_as(function, LOG_LEVEL_I, "write interval:%lld us size:%d\n", lli(write_interval_us(&state->start_time)),
+               frame.size);
     if (new_serial) {
         log_as(function, LOG_LEVEL_I, "frame_serial:%d -> %d\n", state->frame_serial, frame.serial);
         state->frame_serial = frame.serial;
@@ -329,7 +329,7 @@ bool write_block(const hdmi_player_audio_frame_t& frame, writer_state* state, cl
         return false;
     if (frame.pts == 0)
         log_as(function, LOG_LEVEL_I, "remain last sequence frames:%d time:%lld us\n", remaining,
-               static_cast<long long>(frames_to_us(remaining, g_ao_info.target_sample_rate)));
+               lli(frames_to_us(remaining, g_ao_info.target_sample_rate)));
     const int written = aio_device_write(config, frame.data, frame.size);
     if (written != frame.size)
         log_as(function, LOG_LEVEL_E, "alsa_pcm_write failed. write:%d written:%d\n", frame.size, written);
@@ -343,7 +343,7 @@ void* audio_output_write_thread(void* arg)
     if (info->enable_log)
         log_i(">>>\n");
     set_thread_name("audio_write");
-    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    log_i("thread_id: %lli\n", lli(pthread_self()));
     writer_state state;
     while (!info->abort_request) {
         frame_info_t* record = frame_queue_done_dequeue(info->frame_queue, -1);
@@ -354,9 +354,8 @@ void* audio_output_write_thread(void* arg)
         const bool written = write_block(frame, &state, &clock, __func__);
         if (written)
             log_d("serial:%d pts:%lld time_us:%lld max_time_us:%lld write_duration_us:%lld cur_frame_duration:%lld\n",
-                  frame.serial, static_cast<long long>(frame.pts), static_cast<long long>(clock.time_us),
-                  static_cast<long long>(clock.max_time_us), static_cast<long long>(clock.write_duration_us),
-                  static_cast<long long>(clock.cur_frame_duration));
+                  frame.serial, lli(frame.pts), lli(clock.time_us), lli(clock.max_time_us),
+                  lli(clock.write_duration_us), lli(clock.cur_frame_duration));
         frame_queue_put(info->frame_queue, &record->frame);
         if (written && info->update_avsync_clock_cb != nullptr)
             info->update_avsync_clock_cb(clock.time_us, clock.max_time_us, frame.serial);
@@ -783,8 +782,8 @@ int32_t audio_output_write_pcm_frame(hdmi_player_audio_frame_t* frame)
     record->frame.pts = frame->pts;
     record->frame.size = frame->size;
     const int32_t err = frame_queue_done_enqueue(g_ao_info.frame_queue, record);
-    log_d("serial:%d pts:%lld channels:%d sample_rate:%d size:%d\n", frame->serial, static_cast<long long>(frame->pts),
-          frame->channels, frame->sample_rate, frame->size);
+    log_d("serial:%d pts:%lld channels:%d sample_rate:%d size:%d\n", frame->serial, lli(frame->pts), frame->channels,
+          frame->sample_rate, frame->size);
     return err != 0 ? 1 : 0;
 }
 

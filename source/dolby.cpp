@@ -234,7 +234,7 @@ void demux_chunk(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
     }
     if (info->enlog)
         log_as(kDemux, LOG_LEVEL_I, "IEC-61937 serial:%d pts:%lld size:%d channels:%d sample_rate:%d\n", chunk->serial,
-               static_cast<long long>(chunk->pts), chunk->size, chunk->channels, chunk->sample_rate);
+               lli(chunk->pts), chunk->size, chunk->channels, chunk->sample_rate);
 
     const uint32_t size = chunk->data != nullptr && chunk->size > 0 ? static_cast<uint32_t>(chunk->size) : 0;
     dolby_dump(info, DOLBY_DUMP_IEC61937, chunk->data, size);
@@ -267,7 +267,7 @@ void* dolby_demux(void* arg)
 {
     auto* info = static_cast<dolby_info_t*>(arg);
     set_thread_name("dolby_demux");
-    log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    log_i("thread_id: %llx\n", llu(pthread_self()));
     while (!info->abort_request) {
         hdmi_player_audio_frame_t* chunk = info->input_queue_dequeue_cb(kDequeueTimeoutMs);
         if (chunk == nullptr) {
@@ -288,7 +288,7 @@ void* dolby_decode(void* arg)
 {
     auto* info = static_cast<dolby_info_t*>(arg);
     set_thread_name("dolby_decode");
-    log_i("thread_id: %llx\n", static_cast<unsigned long long>(pthread_self()));
+    log_i("thread_id: %llx\n", llu(pthread_self()));
     const int32_t frame_size = info->output_acquire_size;
     frame_info_t* frame = nullptr;
     while (!info->abort_request) {
@@ -571,8 +571,8 @@ void dolby_pack_pcm_frame(dolby_info_t* info, frame_info_t* frame)
     frame->frame.sample_rate = sample_rate;
     frame->frame.pts = info->output_frames * 1000000 / sample_rate;
     info->output_frames += frame->frame.size / kBytesPerSample / (channels > 0 ? channels : kDefaultChannels);
-    log_d("serial:%d output_frames:%lld frame_pts:%lld sample_rate:%d\n", serial,
-          static_cast<long long>(info->output_frames), static_cast<long long>(frame->frame.pts), sample_rate);
+    log_d("serial:%d output_frames:%lld frame_pts:%lld sample_rate:%d\n", serial, lli(info->output_frames),
+          lli(frame->frame.pts), sample_rate);
     frame_queue_done_enqueue(info->output_pcm_queue, frame);
 }
 

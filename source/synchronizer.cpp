@@ -265,7 +265,7 @@ void* handle_sync_logic(void* arg)
     sync_strategy_info_t& sync = base_of(arg);
     log_i("handle_sync_logic thread enter\n");
     set_thread_name("aysync_logic");
-    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    log_i("thread_id: %lli\n", lli(pthread_self()));
     if (sync.on_sync_logic == nullptr) {
         log_e("on_sync_logic callback is null\n");
         return nullptr;
@@ -288,7 +288,7 @@ void* handle_vsync(void* arg)
         return nullptr;
     }
     set_thread_name("av_sync");
-    log_i("thread_id: %lli\n", static_cast<long long>(pthread_self()));
+    log_i("thread_id: %lli\n", lli(pthread_self()));
     while (!sync.vsync_thread_exit) {
         const synchronizer_drm_info_t display = display_of(sync);
         if (display.fd <= 0) {
