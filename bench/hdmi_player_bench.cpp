@@ -20,7 +20,7 @@ constexpr int kBytesPerFrame = 4;
 // A message that is not printed: one look into the environment.
 void suppressed_message(benchmark::State& state)
 {
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         log_d("pts:%d\n", 1);
 }
 BENCHMARK(suppressed_message);
@@ -29,7 +29,7 @@ BENCHMARK(suppressed_message);
 void queue_hand_over(benchmark::State& state)
 {
     const int32_t id = frame_queue_init(FRAME_QUEUE_POOL_MAX, "bench");
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         frame_queue_done_enqueue(id, frame_queue_pool_acquire(id, 3840));
         frame_queue_put(id, &frame_queue_done_dequeue(id, 0)->frame);
     }
@@ -68,7 +68,7 @@ void resample_period(benchmark::State& state)
     config.input_queue_dequeue_cb = give_block;
     config.input_queue_put_cb = take_block_back;
     audio_resample_init(config);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         hdmi_player_audio_frame_t* out = nullptr;
         if (audio_resample_get_pcm_frame(&out, 1000) == 0)
             audio_resample_put_pcm_frame(out);
@@ -98,7 +98,7 @@ void pacing_step(benchmark::State& state)
     synchronizer_set_callback(handle, handle, &callback);
     synchronizer_set_sync_mode(handle, E_SYNC_MODE_FREERUN);
     synchronizer_enable_low_latency_mode(handle, true);
-    for (auto _ : state)
+    for ([[maybe_unused]] auto _ : state)
         on_Oru_sync_logic(handle);
     synchronizer_deinit(handle);
 }
@@ -108,7 +108,7 @@ void media_clock(benchmark::State& state)
 {
     void* handle = synchronizer_init(E_SYNCHRONIZER_PLAYER_ORUPLAYER);
     synchronizer_set_base_media_time(handle, 1000000, 2000000);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         int64_t now = 0;
         synchronizer_get_current_media_time(handle, &now);
         benchmark::DoNotOptimize(now);
@@ -121,7 +121,7 @@ BENCHMARK(media_clock);
 void burst_search(benchmark::State& state)
 {
     std::vector<uint8_t> chunk(3840, 0x55);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         dolby_iec61937_format_e format = DOLBY_IEC61937_FORMAT_NONE;
         uint32_t filter = 0;
         uint32_t burst = 0;
