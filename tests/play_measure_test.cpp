@@ -630,9 +630,13 @@ Result good_unheard_run()
     return run;
 }
 
+/// A machine that stood still for 300 ms.
+constexpr Punctuality kStoodStill = {600, 58, 1e3 / 120, 300, 300};
+
 struct Fault {
     const char* limit;
     std::function<void(Result*)> apply;
+    Outcome on_late_machine = Outcome::fail;
 };
 
 void expect_only(const Fault& fault, Result run)
@@ -644,6 +648,9 @@ void expect_only(const Fault& fault, Result run)
         judged = judged || verdict.limit == fault.limit;
     }
     EXPECT_TRUE(judged) << fault.limit;
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::fail) << fault.limit;
+    run.punctuality = kStoodStill;
+    EXPECT_EQ(outcome_of(judge(run)), fault.on_late_machine) << fault.limit;
 }
 
 } // namespace
@@ -652,14 +659,14 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
 {
     EXPECT_TRUE(all_passed(judge(good_run())));
     const std::vector<Fault> faults = {
-        {"A/V offset measured", [](Result* run) { run->instants = 2; }},
+        {"A/V offset measured", [](Result* run) { run->instants = 2; }, Outcome::inconclusive},
         {"A/V offset p95 inside EBU R37 (+40/-60 ms)",
-         [](Result* run) { run->offset = summarise(run->offsets = offsets({-61})); }},
+         [](Result* run) { run->offset = summarise(run->offsets = offsets({-61})); }, Outcome::inconclusive},
         {"one reset, at start", [](Result* run) { run->resets = 0; }},
-        {"one reset, at start", [](Result* run) { run->resets = 2; }},
+        {"one reset, at start", [](Result* run) { run->resets = 2; }, Outcome::inconclusive},
         {"one reset, at start", [](Result* run) { run->reset_s = 3; }},
-        {"no underrun after the first second", [](Result* run) { run->gaps = 1; }},
-        {"no overrun", [](Result* run) { run->overruns = 1; }},
+        {"no underrun after the first second", [](Result* run) { run->gaps = 1; }, Outcome::inconclusive},
+        {"no overrun", [](Result* run) { run->overruns = 1; }, Outcome::inconclusive},
         {"frame account closed", [](Result* run) { run->frames.flipped--; }},
         {"frame account closed", [](Result* run) { run->frames.foreign = 1; }},
         {"frame account closed", [](Result* run) { run->frames.no_buffer = 1; }},
@@ -679,10 +686,81 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
         {"at most 2 % of frames unseen or held beyond the rates",
          [](Result* run) {
              run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
-         }},
+         },
+         Outcome::inconclusive},
     };
     for (const Fault& fault : faults)
         expect_only(fault, good_run());
+}
+
+TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
+{
+    const Outcome yes = Outcome::inconclusive;
+    const Outcome no = Outcome::fail;
+    struct Case {
+        const char* what;
+        Outcome outcome;
+        std::function<void(Result*)> apply;
+    };
+    const std::vector<Case> cases = {
+        {"nothing missed", Outcome::pass, [](Result*) {}},
+        {"350 ms outside", no, [](Result* run) { run->offset = summarise(run->offsets = offsets({390})); }},
+        {"a reset 290 ms late", yes, [](Result* run) { run->reset_s = 1.29; }},
+        {"a reset 310 ms late", no, [](Result* run) { run->reset_s = 1.31; }},
+        {"more instants than late ticks", no, [](Result* run) { run->instants = 60; }},
+        {"a tick late by less than a period", no,
+         [](Result* run) {
+             run->punctuality.worst_ms = 19;
+             run->gaps = 1;
+         }},
+        {"ticks late by less than half a vertical blank", no,
+         [](Result* run) {
+             run->punctuality.late = 0;
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+         }},
+        {"more pictures than late ticks", no,
+         [](Result* run) {
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 300}, 1);
+         }},
+        {"samples of periods that nobody read", yes,
+         [](Result* run) {
+             run->overruns = 2;
+             run->samples.missing = 2 * 960;
+         }},
+        {"a block more than that", no,
+         [](Result* run) {
+             run->overruns = 2;
+             run->samples.missing = 3 * 960;
+         }},
+        {"one limit explained, the other not", no,
+         [](Result* run) {
+             run->gaps = 1;
+             run->frames.foreign = 1;
+         }},
+    };
+    for (const Case& one : cases) {
+        Result run = good_run();
+        run.punctuality = kStoodStill;
+        one.apply(&run);
+        EXPECT_EQ(outcome_of(judge(run)), one.outcome) << one.what;
+    }
+}
+
+TEST(TickRecord, TellsHowLateOneTickInAHundredWasAndTheWorst)
+{
+    TickRecord record;
+    for (int i = 0; i < 197; i++)
+        record.add(i % 2 != 0 ? 40'000 : -1);
+    TickRecord other;
+    for (int64_t late_ms : {9, 30, 250})
+        other.add(late_ms * kMs);
+    record.add(other);
+    Punctuality figures = record.figures(8.4);
+    EXPECT_EQ(figures.ticks, 200);
+    EXPECT_EQ(figures.late, 3);
+    EXPECT_NEAR(figures.p99_ms, 9, 0.11);
+    EXPECT_DOUBLE_EQ(figures.worst_ms, 250);
+    EXPECT_EQ(record.figures(100).late, 1);
 }
 
 TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
@@ -694,10 +772,11 @@ TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
         {bursts, [](Result* run) { run->raw.bursts = 0; }},
         {bursts, [](Result* run) { run->raw.gaps = 1; }},
         {bursts, [](Result* run) { run->raw.ended_ns = 9 * kSecond; }},
-        {took, [](Result* run) { run->stage.bypass.xruns = 1; }},
+        {took, [](Result* run) { run->stage.bypass.xruns = 1; }, Outcome::inconclusive},
         {took, [](Result* run) { run->stage.bypass.frames = 0; }},
-        {"the source was sent without a break", [](Result* run) { run->stage.link.breaks = 1; }},
-        {"the observer heard without a break", [](Result* run) { run->stage.sound.observer_breaks = 1; }},
+        {"the source was sent without a break", [](Result* run) { run->stage.link.breaks = 1; }, Outcome::inconclusive},
+        {"the observer heard without a break", [](Result* run) { run->stage.sound.observer_breaks = 1; },
+         Outcome::inconclusive},
     };
     for (const Fault& fault : faults)
         expect_only(fault, good_raw_run());

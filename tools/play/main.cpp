@@ -19,6 +19,7 @@
 #include "hdmi_sim.h"
 #include "host/host.h"
 #include "measure/measure.h"
+#include "measure/punctuality.h"
 #include "progress.h"
 #include "realtime.h"
 #include "report/page.h"
@@ -33,7 +34,7 @@ namespace play
 namespace
 {
 
-enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3 };
+enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3, inconclusive = 4 };
 
 constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int64_t kMs = 1'000'000;
@@ -192,6 +193,15 @@ std::vector<SoundMatch> find_sound(const Recording& recording, const Source& sou
 /// Names of hardware: nothing on the way changes a sample.
 bool is_hardware(const std::string& device) { return device.rfind("hw:", 0) == 0; }
 
+/// A sound server, a window system and the decoding of a film have no real-time priority, whatever the player has.
+bool needs_ordinary_threads(const Options& options)
+{
+    bool sound_server = false;
+    for (const std::string& device : {options.capture, options.feed, options.playback, options.observe})
+        sound_server = sound_server || (!device.empty() && !is_hardware(device));
+    return sound_server || options.display == DisplayKind::window || !options.file.empty();
+}
+
 CapturePath capture_path(const Result& result)
 {
     const Options& options = result.options;
@@ -337,6 +347,10 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     PlaybackTrace playback_trace(trace.get());
     Stage stage(result->options, source, wav_path);
     std::unique_ptr<Host> host;
+    std::unique_ptr<TickingTimers> timers;
+    std::unique_ptr<TickingTimers> ordinary_timers;
+    if (needs_ordinary_threads(result->options))
+        ordinary_timers = std::make_unique<TickingTimers>();
     Usage before = usage_now();
     {
         RealtimeScope realtime(kRealtimePriority);
@@ -347,6 +361,7 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
         if (!told)
             return not_permitted;
         bool connected = stage.connect(error);
+        timers = std::make_unique<TickingTimers>();
         if (connected)
             host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
                                           stage.clock());
@@ -366,6 +381,10 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     host->drain_audio();
     stage.wait_until_played();
     host->close();
+    TickRecord ticks = timers->finish();
+    if (ordinary_timers)
+        ticks.add(ordinary_timers->finish());
+    result->punctuality = ticks.figures(500 / display->refresh_hz());
     display->stop();
 
     Sound sound;
@@ -434,7 +453,12 @@ int main_with(const Options& options)
     print_report(result, verdicts);
     if (!write_reports(result, verdicts, &error))
         return fail(outside, error);
-    return all_passed(verdicts) ? inside : outside;
+    switch (outcome_of(verdicts)) {
+    case Outcome::pass: return inside;
+    case Outcome::inconclusive: return inconclusive;
+    case Outcome::fail: break;
+    }
+    return outside;
 }
 
 } // namespace

@@ -49,7 +49,9 @@ const char* const kFooter =
     "Exit status: 0 inside the limits; 1 outside, or what was recorded cannot be kept; 2 wrong usage, unreadable\n"
     "FILE, a fault in the configuration of the real devices in use, or a report or recording that cannot be written "
     "where\n"
-    "it was asked for; 3 the machine does not permit it, has no such device, or none that starts. With 2 and 3 nothing "
+    "it was asked for; 3 the machine does not permit it, has no such device, or none that starts; 4 inconclusive: "
+    "limits\n"
+    "were missed, and timers beside the player came so late themselves that this explains it. With 2 and 3 nothing "
     "was\n"
     "played.\n";
 

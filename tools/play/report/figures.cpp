@@ -69,6 +69,8 @@ std::string grid_unmeasured(R r)
 
 std::string bursts_unmeasured(R r) { return r.raw.compared ? "" : "nobody listened at the output"; }
 
+std::string ticks_unmeasured(R r) { return r.punctuality.ticks == 0 ? "no timer ran beside the player" : ""; }
+
 // When a line of figures is measured.
 constexpr When kAlways = {nullptr, nullptr};
 constexpr When kWithInstants = {plays_sound, instants_unmeasured};
@@ -83,6 +85,7 @@ constexpr When kWithLink = {has_link, nullptr};
 constexpr When kWithHeardBursts = {passes_bursts, bursts_unmeasured};
 constexpr When kWithBursts = {passes_bursts, nullptr};
 constexpr When kWithBypass = {passes_to_device, nullptr};
+constexpr When kWithTicks = {nullptr, ticks_unmeasured};
 constexpr When kWithCec = {has_cec, nullptr};
 
 // --- Words --------------------------------------------------------------------
@@ -494,6 +497,18 @@ const std::vector<Line> kLines = {
           [](R r) -> json { return r.realtime; },
           Shown::if_false},
          {"/cpu_by_thread", "", "", {}, [](R r) -> json { return r.usage.by_thread; }},
+     }},
+    {Section::machine,
+     "timers",
+     kWithTicks,
+     {
+         {"/timers/p99_ms", "beside the player, late by p99 {}", "Timers beside the player, late by p99", kMs1,
+          [](R r) -> json { return r.punctuality.p99_ms; }},
+         {"/timers/worst_ms", ", worst {}", "Worst", kMs1, [](R r) -> json { return r.punctuality.worst_ms; }},
+         {"/timers/late_limit_ms", "; by more than {}", "Late for a picture is more than", kMs1,
+          [](R r) -> json { return r.punctuality.late_limit_ms; }},
+         {"/timers/late", " at {}", "Ticks that late", kCount, [](R r) -> json { return r.punctuality.late; }},
+         {"/timers/ticks", " of {} ticks", "Ticks", kCount, [](R r) -> json { return r.punctuality.ticks; }},
      }},
     {Section::machine,
      "program",

@@ -213,9 +213,29 @@ bool foreign(const Report& report)
     return report.has("/run/capture") && report.at("/run/capture") != "sim" && is_nothing(report.at("/run/feed"));
 }
 
-std::string verdict_mark(bool passed, const std::string& yes, const std::string& no, const std::string& css)
+/// What became of a run, or of a limit, in one word.
+struct Mark {
+    const char* word;
+    const char* css;
+};
+
+Mark verdict_mark(const Report& report)
 {
-    return "<span class=\"" + css + (passed ? " pass\">" + yes : " fail\">" + no) + "</span>";
+    if (report.at("/outcome") == "inconclusive")
+        return {"INCONCLUSIVE", "late"};
+    return report.at("/passed") == true ? Mark{"PASS", "pass"} : Mark{"FAIL", "fail"};
+}
+
+Mark limit_mark(const json& limit)
+{
+    if (limit.value("passed", false))
+        return {"ok", "pass"};
+    return limit.value("machine_late", false) ? Mark{"late", "late"} : Mark{"FAIL", "fail"};
+}
+
+std::string span_of(const Mark& mark, const std::string& css)
+{
+    return "<span class=\"" + css + " " + mark.css + "\">" + mark.word + "</span>";
 }
 
 std::string heading(const Report& report)
@@ -226,10 +246,10 @@ std::string heading(const Report& report)
     size_t all = report.at("/limits").size();
     std::string judged = missed == 0 ? "All " + std::to_string(all) + " limits kept"
                                      : std::to_string(missed) + " of " + std::to_string(all) + " limits missed";
-    return "<header>" + verdict_mark(report.at("/passed") == true, "PASS", "FAIL", "verdict") + "<div><h1>" +
-           text_of(report.at("/run/programme")) + "</h1><p class=\"quiet\">" + judged + "; " +
-           report.data_with_unit("/seconds") + " played; display " + text_of(report.at("/run/display")) + ", " +
-           text_of(report.at("/run/display_rate")) + " Hz</p></div></header>\n";
+    return "<header>" + span_of(verdict_mark(report), "verdict") + "<div><h1>" + text_of(report.at("/run/programme")) +
+           "</h1><p class=\"quiet\">" + judged + "; " + report.data_with_unit("/seconds") + " played; display " +
+           text_of(report.at("/run/display")) + ", " + text_of(report.at("/run/display_rate")) +
+           " Hz</p></div></header>\n";
 }
 
 /// A number in large letters, its unit in small ones.
@@ -273,9 +293,13 @@ std::string limits(const Report& report)
         "Limit</th></tr></thead><tbody>\n";
     for (const json& limit : report.at("/limits"))
         table += std::string(limit.value("passed", false) ? "<tr>" : "<tr class=\"missed\">") + "<td>" +
-                 verdict_mark(limit.value("passed", false), "ok", "FAIL", "mark") + "</td><td>" +
-                 escape(limit.value("limit", "")) + "</td></tr>\n";
-    return table + "</tbody></table></section>\n";
+                 span_of(limit_mark(limit), "mark") + "</td><td>" + escape(limit.value("limit", "")) + "</td></tr>\n";
+    table += "</tbody></table>\n";
+    if (report.at("/outcome") == "inconclusive")
+        table += "<p>A limit is marked late where it says nothing of the player: timers beside it came " +
+                 report.data_with_unit("/timers/worst_ms") +
+                 " late at worst, and that explains why it was missed.</p>\n";
+    return table + "</section>\n";
 }
 
 std::string run_table(const Report& report)
@@ -635,8 +659,7 @@ std::string data_block(const std::string& id, const json& data)
 std::string page_text(const Page& page)
 {
     Report report(page.report);
-    std::string title =
-        std::string(report.at("/passed") == true ? "PASS: " : "FAIL: ") + text_of(report.at("/run/programme"));
+    std::string title = std::string(verdict_mark(report).word) + ": " + text_of(report.at("/run/programme"));
     return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
            "<link rel=\"icon\" href=\"data:,\">\n<title>" +

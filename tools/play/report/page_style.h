@@ -50,6 +50,7 @@ header p { margin: .2rem 0 0; }
   border-radius: .5rem; border: 2px solid; }
 .pass { color: var(--good); background: var(--good-paper); }
 .fail { color: var(--bad); background: var(--bad-paper); }
+.late { color: var(--ink); background: var(--band-poor); }
 .tiles { display: grid; grid-template-columns: repeat(3, minmax(0, 1fr)); gap: .75rem;
   margin: 1.5rem 0 0; padding: 0; }
 .tiles > div { background: var(--panel); border: 1px solid var(--rule); border-radius: .5rem; padding: .65rem .85rem; }

@@ -147,6 +147,28 @@ void print_link(const Result& result, const json& report)
             "            that a burst must pass before it can be decoded is latency of the player\n");
 }
 
+void print_verdict(const Result& result, const std::vector<Verdict>& verdicts)
+{
+    std::printf("\nLimits\n");
+    for (const Verdict& verdict : verdicts)
+        std::printf("  %s  %s\n", verdict.passed ? "ok  " : verdict.machine ? "late" : "FAIL", verdict.limit.c_str());
+    Outcome outcome = outcome_of(verdicts);
+    if (outcome == Outcome::inconclusive)
+        std::printf("\nINCONCLUSIVE: the machine itself was late, by up to %.1f ms\n", result.punctuality.worst_ms);
+    else
+        std::printf("\n%s\n", outcome == Outcome::pass ? "PASS" : "FAIL");
+}
+
+const char* outcome_name(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::pass: return "pass";
+    case Outcome::inconclusive: return "inconclusive";
+    case Outcome::fail: break;
+    }
+    return "fail";
+}
+
 /// Every figure in its place; null: this run has none, or could not measure it, which "not_measured" explains.
 json figures_json(const Result& result)
 {
@@ -180,10 +202,7 @@ void print_report(const Result& result, const std::vector<Verdict>& verdicts)
     print_link(result, report);
     print_devices(result, report);
     print_figures(Section::machine, "Machine", result, report);
-    std::printf("\nLimits\n");
-    for (const Verdict& verdict : verdicts)
-        std::printf("  %s  %s\n", verdict.passed ? "ok  " : "FAIL", verdict.limit.c_str());
-    std::printf("\n%s\n", all_passed(verdicts) ? "PASS" : "FAIL");
+    print_verdict(result, verdicts);
     std::fflush(stdout);
 }
 
@@ -191,9 +210,11 @@ json report_json(const Result& result, const std::vector<Verdict>& verdicts)
 {
     json report = figures_json(result);
     report["passed"] = all_passed(verdicts);
+    report["outcome"] = outcome_name(outcome_of(verdicts));
     report["limits"] = json::array();
     for (const Verdict& verdict : verdicts)
-        report["limits"].push_back({{"limit", verdict.limit}, {"passed", verdict.passed}});
+        report["limits"].push_back(
+            {{"limit", verdict.limit}, {"passed", verdict.passed}, {"machine_late", verdict.machine}});
     return report;
 }
 

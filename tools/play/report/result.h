@@ -10,6 +10,7 @@
 #include "edges/stage.h"
 #include "host/host.h"
 #include "measure/measure.h"
+#include "measure/punctuality.h"
 #include "measure/usage.h"
 #include "report/trace_view.h"
 
@@ -66,7 +67,8 @@ struct Result {
     int64_t vblank_waits = 0;  ///< of the player, for vertical blanks
     int64_t vblank_missed = 0; ///< vertical blanks that it was not woken for
     Usage usage;
-    TraceView trace; ///< of a run that is to be looked at
+    Punctuality punctuality; ///< of the machine, while the player was open
+    TraceView trace;         ///< of a run that is to be looked at
 };
 
 } // namespace play

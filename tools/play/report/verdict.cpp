@@ -16,6 +16,44 @@ bool measured_enough(const Result& result)
     return measured > 0 && (programme ? measured == result.instants : 2 * measured >= result.instants);
 }
 
+/// A flash or a beep can be lost to each tick that came late.
+bool machine_hid_instants(const Result& result)
+{
+    return result.instants - static_cast<int64_t>(result.offsets.size()) <= result.punctuality.late;
+}
+
+/// The machine was as late as sound and picture are outside of the limit.
+bool machine_moved_sound_or_picture(const Result& result)
+{
+    double p95_ms = result.offset.p95_ms;
+    double outside_ms = std::max(p95_ms - kR37EarlyMs, kR37LateMs - p95_ms);
+    return result.offset.count > 0 && outside_ms <= result.punctuality.worst_ms;
+}
+
+bool machine_missed_a_period(const Result& result) { return result.punctuality.worst_ms > kOutputPeriodMs; }
+
+/// The edges themselves count sound that nobody took or gave in time: what follows is out of place by that, and no
+/// more.
+bool machine_lost_sound(const Result& result)
+{
+    bool counted = result.overruns > 0 || result.stage.link.breaks > 0 || result.stage.sound.observer_breaks > 0;
+    // Elsewhere nobody knows how much sound an overrun or a lost burst is.
+    bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
+    auto block = static_cast<double>(result.samples.block);
+    double most = (static_cast<double>(result.overruns) + 0.5) * block;
+    return counted && machine_missed_a_period(result) && (!in_periods || result.samples.missing <= most);
+}
+
+/// Each late tick can cost two vertical blanks, each of them a picture that is not seen and one that is held for it.
+bool machine_missed_vblanks(const Result& result)
+{
+    constexpr double kPicturesPerTick = 4;
+    const Cadence& cadence = result.cadence;
+    double beyond = (cadence.excess() - kExcessLimit) * static_cast<double>(cadence.pictures);
+    return cadence.vblanks > 0 && result.unreadable == 0 &&
+           beyond <= kPicturesPerTick * static_cast<double>(result.punctuality.late);
+}
+
 /**
  * The player resets when the first picture meets captured sound. A capture that begins inside of a burst may see the
  * zeros at that burst's end first; the player takes them for silence, and the first burst after a silence resets it
@@ -25,10 +63,11 @@ Verdict judge_resets(const Result& result)
 {
     bool anywhere = !result.options.capture.empty();
     bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
+    bool few = result.resets == 1 || (inside_of_burst && result.resets == 2);
     bool at_start = result.reset_s < kLatestResetS;
-    if (!inside_of_burst)
-        return {"one reset, at start", result.resets == 1 && at_start};
-    return {"one reset or two, at start", (result.resets == 1 || result.resets == 2) && at_start};
+    bool late_by_machine = result.resets > 0 && machine_missed_a_period(result) &&
+                           (!few || (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
+    return {inside_of_burst ? "one reset or two, at start" : "one reset, at start", few && at_start, late_by_machine};
 }
 
 /// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
@@ -44,16 +83,20 @@ bool passed_on_throughout(const Result& result)
 void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
 {
     constexpr int64_t kStartNs = 1'000'000'000;
+    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
+    bool counted = bypass.dropped > 0 || bypass.xruns > 0;
+    bool broken = result.stage.link.breaks > 0 || result.stage.sound.observer_breaks > 0;
     bool whole = result.raw.bursts > 0 && result.raw.gaps == 0 && result.raw.different == 0;
     bool lasted =
         result.raw.began_ns < result.opened_ns + kStartNs && result.raw.ended_ns >= result.signal_end_ns - kStartNs;
+    bool interrupted = result.raw.different == 0 && (counted || broken) && machine_missed_a_period(result);
     if (result.raw.compared)
-        verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted});
-    const hdmi_linux::BypassStats& bypass = result.stage.bypass;
-    bool took = bypass.frames > 0 && bypass.dropped == 0 && bypass.xruns == 0;
+        verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted, interrupted});
+    bool took = bypass.frames > 0 && !counted;
     if (!result.options.playback.empty())
-        verdicts->push_back(
-            {"the output took what was passed on", took && (result.raw.compared || passed_on_throughout(result))});
+        verdicts->push_back({"the output took what was passed on",
+                             took && (result.raw.compared || passed_on_throughout(result)),
+                             bypass.frames > 0 && counted && machine_missed_a_period(result)});
     verdicts->push_back({"nothing played beside them", result.stage.sound.frames == 0});
     verdicts->push_back({"no reset", result.resets == 0});
 }
@@ -63,24 +106,28 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
     // Of a source that is not ours, nobody knows when it sent what.
     bool known = !result.options.foreign_source();
     if (known) {
-        verdicts->push_back({"A/V offset measured", measured_enough(result)});
-        verdicts->push_back({"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37()});
+        verdicts->push_back({"A/V offset measured", measured_enough(result), machine_hid_instants(result)});
+        verdicts->push_back(
+            {"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37(),
+             result.offset.count > 0 ? machine_moved_sound_or_picture(result) : machine_hid_instants(result)});
     }
     verdicts->push_back(judge_resets(result));
-    verdicts->push_back({"no underrun after the first second", result.gaps == 0});
+    verdicts->push_back({"no underrun after the first second", result.gaps == 0, machine_missed_a_period(result)});
     if (!known)
         return;
     const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
-    verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed()});
+    verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed(),
+                         machine_lost_sound(result)});
 }
 
 /// Of the devices at the far ends: their breaks look like the player's.
 void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
 {
+    bool machine = machine_missed_a_period(result);
     if (!result.options.feed.empty())
-        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0});
+        verdicts->push_back({"the source was sent without a break", result.stage.link.breaks == 0, machine});
     if (!result.options.observe.empty())
-        verdicts->push_back({"the observer heard without a break", result.stage.sound.observer_breaks == 0});
+        verdicts->push_back({"the observer heard without a break", result.stage.sound.observer_breaks == 0, machine});
 }
 
 } // namespace
@@ -93,20 +140,32 @@ std::vector<Verdict> judge(const Result& result)
     else
         judge_played(result, &verdicts);
     judge_ends(result, &verdicts);
-    verdicts.push_back({"no overrun", result.overruns == 0});
+    verdicts.push_back({"no overrun", result.overruns == 0, machine_missed_a_period(result)});
     bool real_arc = !result.options.cec.empty() && result.options.output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
     if (real_arc)
         verdicts.push_back({"audio return channel open", result.stage.cec.arc == hdmi_linux::ArcState::active});
     verdicts.push_back({"frame account closed", result.frames.closes() && result.frames.no_buffer == 0});
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
-                            result.cadence.excess() <= kExcessLimit && result.unreadable == 0});
+                            result.cadence.excess() <= kExcessLimit && result.unreadable == 0,
+                            machine_missed_vblanks(result)});
+    for (Verdict& verdict : verdicts)
+        verdict.machine = verdict.machine && !verdict.passed;
     return verdicts;
 }
 
 bool all_passed(const std::vector<Verdict>& verdicts)
 {
     return std::all_of(verdicts.begin(), verdicts.end(), [](const Verdict& verdict) { return verdict.passed; });
+}
+
+Outcome outcome_of(const std::vector<Verdict>& verdicts)
+{
+    if (all_passed(verdicts))
+        return Outcome::pass;
+    bool explained = std::all_of(verdicts.begin(), verdicts.end(),
+                                 [](const Verdict& verdict) { return verdict.passed || verdict.machine; });
+    return explained ? Outcome::inconclusive : Outcome::fail;
 }
 
 } // namespace play
