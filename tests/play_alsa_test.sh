@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # play_alsa_test.sh PROGRAM: the play program on real ALSA devices, the null sinks of a sound server of its own. What is
-# played into one is heard at its monitor, what is sent into another one is captured there. 77 without that server, and
-# if the program is not permitted to run.
+# played into one is heard at its monitor, what is sent into another one is captured there. 77 without that server, if the
+# program is not permitted to run, and if the machine is too late each time to measure.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/support/sound_server.sh"
 
@@ -13,20 +13,6 @@ sound_server=
 trap '[ -z "$sound_server" ] || { kill "$sound_server"; wait "$sound_server"; } 2>/dev/null || true; rm -rf "$folder"' EXIT
 source "$(dirname "${BASH_SOURCE[0]}")/support/play_runs.sh"
 
-# passes NAME ARGUMENT...: a sound server on a busy machine may break off at any time: one good run of four will do.
-passes() {
-    local attempt
-    for attempt in 1 2 3 4; do
-        run "$@"
-        if [ "$status" -eq 0 ]; then
-            echo "$1: attempt $attempt"
-            return 0
-        fi
-    done
-    cat "$folder/$1.txt"
-    fail "${*:2}: exit status $status"
-}
-
 # The cable from the source to the player, and the room in which the player is heard.
 serve_sound "$folder" cable room
 run start --seconds 2 --playback alsa:room
@@ -35,6 +21,9 @@ if barred start; then
     tail -n 3 "$folder/server.txt"
     exit 77
 fi
+
+# plays: the run came to its end, inside the limits or not.
+plays() { [[ $status =~ ^[014]$ ]]; }
 
 played=(--playback alsa:room)
 heard=("${played[@]}" --observe alsa:room_end)
@@ -59,7 +48,7 @@ if command -v ffmpeg >/dev/null; then
     } &
     run changing --seconds 5 "${captured[@]}" "${played[@]}"
     wait $!
-    [ "$status" -le 1 ] && grep -q 'announced HEADDONE_PCM_48=1' "$folder/changing.txt" &&
+    plays && grep -q 'announced HEADDONE_PCM_48=1' "$folder/changing.txt" &&
         grep -q 'announced HEADDONE_COMP_48=1' "$folder/changing.txt" ||
         { cat "$folder/changing.txt"; fail "a source that becomes compressed: exit status $status"; }
 else
@@ -70,6 +59,7 @@ fi
 comes_back() {
     run gone --seconds 9 "${sent[@]}" "${heard[@]}" &
     local playing=$!
+    status=0
     sleep 4
     kill -9 "$sound_server"
     { wait "$sound_server" || true; } 2>/dev/null
@@ -80,12 +70,10 @@ comes_back() {
     grep -q '"kind": "loss"' "$folder/gone.json" && ! grep -q '"sound_back_ms": null' "$folder/gone.json" &&
         grep -q 'ok    A/V offset p95' "$folder/gone.txt" && grep -q 'ok    frame account closed' "$folder/gone.txt"
 }
-for attempt in 1 2 3 4; do
-    if comes_back; then
-        echo "gone: attempt $attempt"
-        break
-    fi
-    [ "$attempt" -lt 4 ] || { cat "$folder/gone.txt"; fail "sound and picture are not back together"; }
+for attempt in 1 2 3 4 5; do
+    comes_back && break
+    machine_was_late gone 'A/V offset' || { cat "$folder/gone.txt"; fail "sound and picture are not back together"; break; }
+    [ "$attempt" -lt 5 ] || echo "gone" >>"$undecided"
 done
 
 # The measurement still tells a lost block, and sound and picture that do not belong together.
@@ -105,7 +93,7 @@ HDMIPLAYER_LINUX_CONFIG=$folder/wrong.conf refuses 2 "${played[@]}"
 printf 'headphone.frames = 3\nspdif = no_such_device\ncec = /dev/no_such_device\nspeaker.mixer = no_such_control\n' \
     >"$folder/unused.conf"
 HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run unused --seconds 2 "${played[@]}"
-[ "$status" -le 1 ] && [ "$(grep -c 'warning: .*/unused.conf:' "$folder/unused.txt")" -eq 4 ] ||
+plays && [ "$(grep -c 'warning: .*/unused.conf:' "$folder/unused.txt")" -eq 4 ] ||
     { cat "$folder/unused.txt"; fail "faults of devices that are not in use: exit status $status"; }
 HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run used --seconds 2 "${played[@]}" --output headphone
 [ "$status" -eq 2 ] || { cat "$folder/used.txt"; fail "a fault of the device in use: exit status $status"; }
@@ -116,5 +104,4 @@ refuses 2 "${captured[@]}" --receiver-ppm 50
 refuses 2 "${captured[@]}" --bitstream ac3
 refuses 2 "${sent[@]}" --bitstream eac3
 
-[ ! -e "$failures" ] || exit 1
-echo "All as expected."
+finish
