@@ -45,7 +45,6 @@ public:
     bool next_video(VideoFrame*) override { return false; }
     int64_t frame_ns(int64_t) const override { return 0; }
     std::vector<int64_t> marks() const override { return {}; }
-    int64_t starved() const override { return 0; }
     std::string description() const override { return "numbers"; }
 };
 

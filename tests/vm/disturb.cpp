@@ -322,7 +322,6 @@ public:
     }
     int64_t frame_ns(int64_t number) const override { return number * 1'000'000'000 / 60; }
     std::vector<int64_t> marks() const override { return {}; }
-    int64_t starved() const override { return 0; }
     std::string description() const override { return "numbered pictures, a tone"; }
 
 private:

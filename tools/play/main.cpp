@@ -327,7 +327,8 @@ void gather(const Host& host, const Source& source, const Display& display, cons
     result->unsupported = host.unsupported();
     result->opened_ns = host.opened_ns();
     result->fps = source.fps().value();
-    result->starved = source.starved();
+    result->source_rate = source.audio_rate();
+    result->source = source.troubles();
     result->stage = stage.stats();
     result->display = display.description();
     result->display_hz = display.refresh_hz();

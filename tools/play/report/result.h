@@ -29,6 +29,8 @@ struct Result {
     Options options;
     std::string programme;
     Coding coding = Coding::pcm; ///< of the sound on the link
+    int source_rate = 0;         ///< Hz, of the sound's samples
+    SourceTroubles source;
     bool realtime = false;
     std::string display;    ///< which one was used
     double display_hz = 60; ///< its vertical blanks per second
@@ -36,7 +38,7 @@ struct Result {
     bool paced = true;      ///< the player could wait for them
     int video_queue_size = 0;
     int64_t opened_ns = 0;     ///< when the player had opened
-    int64_t signal_end_ns = 0; ///< when the source stopped to send
+    int64_t signal_end_ns = 0; ///< when the source stopped sending
     double seconds = 0;        ///< from open to the end of the signal
 
     int64_t instants = 0; ///< of the source at which the offset should be measured
@@ -61,7 +63,6 @@ struct Result {
     double reset_s = 0; ///< of the last reset, after the first picture
     RawCheck raw;       ///< of a run with raw pass-through
     int64_t unsupported = 0;
-    int64_t starved = 0;
     StageStats stage;
     DisplayStats display_stats;
     int64_t vblank_waits = 0;  ///< of the player, for vertical blanks

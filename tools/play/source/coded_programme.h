@@ -32,7 +32,6 @@ public:
     int64_t frame_ns(int64_t number) const override { return programme_.frame_ns(number); }
     std::vector<int64_t> marks() const override { return programme_.marks(); }
     std::vector<int64_t> onsets() const override { return onsets_; }
-    int64_t starved() const override { return 0; }
     std::string description() const override;
 
 private:

@@ -51,6 +51,11 @@ int collect(void* opaque, Written* data, int bytes)
 
 } // namespace
 
+bool is_damaged(const AVFrame& frame)
+{
+    return frame.decode_error_flags != 0 || (frame.flags & AV_FRAME_FLAG_CORRUPT) != 0;
+}
+
 struct CodedTrack::Codecs {
     Owned<AVFormatContext> muxer;
     Owned<AVCodecContext> decoder;
@@ -100,9 +105,23 @@ bool CodedTrack::add(AVPacket* packet)
     if (!store_decoded(packet))
         return false;
     if (av_write_frame(codecs_->muxer.get(), packet) < 0)
-        return false;
+        damaged_++;
     avio_flush(codecs_->muxer->pb);
-    return store_bursts();
+    return store_bursts() && keep_in_step();
+}
+
+/// For a burst that the muxer did not make zeros pass: what follows keeps its place.
+bool CodedTrack::keep_in_step()
+{
+    int64_t missing = (sound_.frames() - samples()) / kBurstSamples;
+    return missing <= 0 || link_.append_silence(missing * burst_link_frames(coding_));
+}
+
+/// IEC 61937-1: Pd, the fourth word of a burst, is the length of its payload in bits, for E-AC-3 in bytes.
+int64_t CodedTrack::payload_bytes(const uint8_t* burst) const
+{
+    int64_t length = burst[6] | burst[7] << 8;
+    return coding_ == Coding::eac3 ? length : length / 8;
 }
 
 // Of a burst only what comes before its stuffing takes room on the disk.
@@ -113,6 +132,7 @@ bool CodedTrack::store_bursts()
     size_t done = 0;
     for (; muxed.size() - done >= burst_bytes; done += burst_bytes) {
         const uint8_t* burst = muxed.data() + done;
+        largest_burst_ = std::max(largest_burst_.load(), payload_bytes(burst));
         size_t used = burst_bytes;
         while (used > 0 && burst[used - 1] == 0)
             used--;
@@ -131,9 +151,9 @@ bool CodedTrack::store_decoded(AVPacket* packet)
     Codecs& codecs = *codecs_;
     AVFrame* frame = codecs.frame.get();
     int64_t before = sound_.frames();
-    // What cannot be decoded is silent: the next frame keeps its place.
-    avcodec_send_packet(codecs.decoder.get(), packet);
+    bool damaged = avcodec_send_packet(codecs.decoder.get(), packet) < 0;
     while (avcodec_receive_frame(codecs.decoder.get(), frame) >= 0) {
+        damaged = damaged || is_damaged(*frame);
         // Made anew each time: layout and levels may change with any frame.
         Owned<SwrContext> converter(make_downmixer(frame));
         codecs.stereo.assign(static_cast<size_t>(2 * frame->nb_samples), 0);
@@ -144,7 +164,10 @@ bool CodedTrack::store_decoded(AVPacket* packet)
         if (!sound_.append(codecs.stereo.data(), frame->nb_samples))
             return false;
     }
-    return sound_.frames() > before || sound_.append_silence(kBurstSamples);
+    bool silent = sound_.frames() == before;
+    damaged_ += damaged || silent ? 1 : 0;
+    // What cannot be decoded is silent: the next frame keeps its place.
+    return !silent || sound_.append_silence(kBurstSamples);
 }
 
 bool CodedTrack::add_gap(int64_t samples)

@@ -1,16 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
 #include "signal/sample_store.h"
 #include "source/source.h"
 
+struct AVFrame;
 struct AVPacket;
 
 namespace play
 {
+
+/// Whether the decoder had to make up a part of @p frame.
+bool is_damaged(const AVFrame& frame);
 
 /**
  * A compressed track twice: as it passes on the link, in IEC 61937 bursts of
@@ -31,10 +36,15 @@ public:
     Coding coding() const { return coding_; }
     int sample_rate() const { return sample_rate_; }
 
-    /// Appends a frame of the stream. @return false if the disk is full or the muxer refuses it
+    /// Appends a frame of the stream. One that the muxer refuses is silent. @return false if the disk is full
     bool add(AVPacket* packet);
     /// Appends silence of about @p samples: as many bursts as fit best.
     bool add_gap(int64_t samples);
+
+    /// Frames that could not be decoded, or only in part.
+    int64_t damaged() const { return damaged_; }
+    /// Payload in bytes.
+    int64_t largest_burst() const { return largest_burst_; }
 
     /// Samples of the bursts so far.
     int64_t samples() const { return link_.frames() / link_frames_per_sample(coding_); }
@@ -47,12 +57,16 @@ private:
 
     bool store_bursts();
     bool store_decoded(AVPacket* packet);
+    bool keep_in_step();
+    int64_t payload_bytes(const uint8_t* burst) const;
 
     Coding coding_;
     int sample_rate_;
     SampleStore link_;
     SampleStore sound_;
     int64_t packets_ = 0;
+    std::atomic<int64_t> damaged_{0};
+    std::atomic<int64_t> largest_burst_{0};
     std::unique_ptr<Codecs> codecs_;
 };
 

@@ -33,6 +33,8 @@ constexpr int64_t kLeastNs = 1'600'000'000;
 /// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
 constexpr int64_t kGapMs = 100;
 constexpr int64_t kSecondNs = 1'000'000'000;
+/// Distances between pictures up to this many times that of the frame rate are rounding of their time stamps.
+constexpr double kGapInPictures = 1.5;
 
 struct FormatCloser {
     void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
@@ -217,7 +219,24 @@ void MediaFile::note_starved(bool complete) const
     if (complete)
         return;
     std::lock_guard<std::mutex> lock(mutex_);
-    starved_ += ended_ ? 0 : 1;
+    troubles_.starved += ended_ ? 0 : 1;
+}
+
+void MediaFile::note(int64_t SourceTroubles::*trouble)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    troubles_.*trouble += 1;
+}
+
+SourceTroubles MediaFile::troubles() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    SourceTroubles troubles = troubles_;
+    if (track_) {
+        troubles.damaged_sound += track_->damaged();
+        troubles.largest_burst = track_->largest_burst();
+    }
+    return troubles;
 }
 
 int64_t MediaFile::sound_ns() const { return (track_ ? track_->samples() : sound_.frames()) * kSecondNs / audio_rate_; }
@@ -226,7 +245,7 @@ bool MediaFile::next_video(VideoFrame* frame)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     if (pictures_.empty() && !ended_) {
-        starved_++;
+        troubles_.starved++;
         changed_.wait(lock, [this] { return !pictures_.empty() || ended_; });
     }
     if (pictures_.empty())
@@ -255,12 +274,13 @@ void MediaFile::decode_thread()
     AVPacket* packet = decoders.packet.get();
     while (opened && av_read_frame(decoders.format.get(), packet) >= 0) {
         wait_for_demand();
-        // A damaged packet is the decoder's to skip: what follows it may be whole.
-        if (packet->stream_index == decoders.video_index && avcodec_send_packet(decoders.video.get(), packet) >= 0)
+        if (packet->stream_index == decoders.video_index &&
+            send(decoders.video.get(), &SourceTroubles::damaged_pictures))
             take_video();
         if (packet->stream_index == decoders.audio_index && track_)
             take_coded();
-        else if (packet->stream_index == decoders.audio_index && avcodec_send_packet(decoders.audio.get(), packet) >= 0)
+        else if (packet->stream_index == decoders.audio_index &&
+                 send(decoders.audio.get(), &SourceTroubles::damaged_sound))
             take_audio();
         av_packet_unref(packet);
         std::lock_guard<std::mutex> lock(mutex_);
@@ -273,6 +293,26 @@ void MediaFile::decode_thread()
     std::lock_guard<std::mutex> lock(mutex_);
     ended_ = true;
     changed_.notify_all();
+}
+
+/// Gives the packet to @p decoder. A damaged one is the decoder's to skip: what follows it may be whole.
+bool MediaFile::send(AVCodecContext* decoder, int64_t SourceTroubles::*damage)
+{
+    if (avcodec_send_packet(decoder, decoders_->packet.get()) >= 0)
+        return true;
+    note(damage);
+    return false;
+}
+
+/// The next frame of @p decoder, false if it has none now.
+bool MediaFile::receive(AVCodecContext* decoder, int64_t SourceTroubles::*damage)
+{
+    AVFrame* frame = decoders_->frame.get();
+    int result = avcodec_receive_frame(decoder, frame);
+    bool ended = result == AVERROR(EAGAIN) || result == AVERROR_EOF;
+    if ((result < 0 && !ended) || (result >= 0 && is_damaged(*frame)))
+        note(damage);
+    return result >= 0;
 }
 
 void MediaFile::wait_for_demand()
@@ -306,8 +346,10 @@ void MediaFile::take_coded()
     if (packet->pts != AV_NOPTS_VALUE) {
         int64_t at_ns = to_ns(packet->pts, decoders_->time_base(decoders_->audio_index)) - decoders_->start_ns;
         int64_t gap_ns = at_ns - sound_ns();
-        if (gap_ns > kGapMs * kSecondNs / 1000)
+        if (gap_ns > kGapMs * kSecondNs / 1000) {
             track_->add_gap(gap_ns * audio_rate_ / kSecondNs);
+            note(&SourceTroubles::damaged_sound);
+        }
     }
     track_->add(packet);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -318,13 +360,13 @@ void MediaFile::take_video()
 {
     MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
-    while (avcodec_receive_frame(decoders.video.get(), frame) >= 0) {
+    while (receive(decoders.video.get(), &SourceTroubles::damaged_pictures)) {
         VideoFrame out = {};
         out.source_ns = decoders.next_video_ns;
         if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
             out.source_ns =
                 to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.video_index)) - decoders.start_ns;
-        decoders.next_video_ns = out.source_ns + kSecondNs * fps_.den / fps_.num;
+        decoders.next_video_ns = out.source_ns + picture_ns();
         make_field(&out.picture);
         if (image_box_.width > 0)
             out.image = make_image();
@@ -332,6 +374,8 @@ void MediaFile::take_video()
         bool in_order = frame_times_.empty() || out.source_ns > frame_times_.back();
         if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
             continue;
+        if (!frame_times_.empty() && out.source_ns - frame_times_.back() > kGapInPictures * picture_ns())
+            troubles_.picture_gaps++;
         out.number = static_cast<int64_t>(frame_times_.size());
         write_number(&out.picture, out.number);
         frame_times_.push_back(out.source_ns);
@@ -392,7 +436,7 @@ void MediaFile::take_audio()
 {
     MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
-    while (avcodec_receive_frame(decoders.audio.get(), frame) >= 0) {
+    while (receive(decoders.audio.get(), &SourceTroubles::damaged_sound)) {
         if (!decoders.converter)
             decoders.converter.reset(make_converter(frame, audio_rate_));
         if (!decoders.converter)
@@ -402,7 +446,10 @@ void MediaFile::take_audio()
             int64_t at_ns =
                 to_ns(frame->best_effort_timestamp, decoders.time_base(decoders.audio_index)) - decoders.start_ns;
             int64_t gap = at_ns * audio_rate_ / kSecondNs - sound_.frames();
-            if (gap > kGapMs * audio_rate_ / 1000 || (sound_.frames() == 0 && gap > 0))
+            bool hole = gap > kGapMs * audio_rate_ / 1000;
+            if (hole && sound_.frames() > 0)
+                note(&SourceTroubles::damaged_sound);
+            if (hole || (sound_.frames() == 0 && gap > 0))
                 sound_.append_silence(gap);
             else if (sound_.frames() == 0)
                 skip = -gap;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -14,6 +13,8 @@
 #include "signal/sample_store.h"
 #include "source/coded_track.h"
 #include "source/source.h"
+
+struct AVCodecContext;
 
 namespace play
 {
@@ -50,7 +51,7 @@ public:
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
     std::vector<int64_t> marks() const override { return {}; }
-    int64_t starved() const override { return starved_; }
+    SourceTroubles troubles() const override;
     std::string description() const override { return description_; }
     double stated_seconds() const override { return stated_seconds_; }
 
@@ -66,7 +67,11 @@ private:
     void take_coded();
     void drain_decoders();
     int64_t sound_ns() const;
+    int64_t picture_ns() const { return 1'000'000'000 * fps_.den / fps_.num; }
+    bool send(AVCodecContext* decoder, int64_t SourceTroubles::*damage);
+    bool receive(AVCodecContext* decoder, int64_t SourceTroubles::*damage);
     void note_starved(bool complete) const;
+    void note(int64_t SourceTroubles::*trouble);
     bool past_the_end(int64_t source_ns) const { return length_ns_ > 0 && source_ns >= length_ns_; }
 
     std::unique_ptr<MediaDecoders> decoders_;
@@ -86,7 +91,7 @@ private:
     std::vector<int64_t> frame_times_; ///< of every picture so far
     bool ended_ = false;
     bool stop_ = false;
-    mutable std::atomic<int64_t> starved_{0};
+    mutable SourceTroubles troubles_;
 };
 
 } // namespace play

@@ -30,7 +30,6 @@ public:
     /// When the flashes' first pictures arrive; their beeps begin at the sample next to that.
     std::vector<int64_t> marks() const override;
     std::vector<int64_t> onsets() const override { return {beeps_.begin() + 1, beeps_.end()}; }
-    int64_t starved() const override { return 0; }
     std::string description() const override;
 
 private:

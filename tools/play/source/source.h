@@ -66,6 +66,15 @@ constexpr int kBurstSamples = 1536;
 constexpr int link_frames_per_sample(Coding coding) { return coding == Coding::eac3 ? 4 : 1; }
 constexpr int64_t burst_link_frames(Coding coding) { return int64_t{kBurstSamples} * link_frames_per_sample(coding); }
 
+/// What a source did not send as a player may expect it.
+struct SourceTroubles {
+    int64_t starved = 0;          ///< times that sound or picture was due before it was decoded
+    int64_t damaged_sound = 0;    ///< packets of sound that are damaged, and holes between them
+    int64_t damaged_pictures = 0; ///< packets or pictures that are damaged
+    int64_t picture_gaps = 0;     ///< pictures that come later after the one before than the frame rate says
+    int64_t largest_burst = 0;    ///< payload of the largest burst so far, in bytes
+};
+
 /**
  * When a sample was sent. PCM: when it passes on the link. A coded sample is not there by itself; its time is that
  * of its burst's first word on the link (Pa) plus its place among the burst's decoded samples. So the bursts follow
@@ -103,8 +112,7 @@ public:
     virtual std::vector<int64_t> marks() const = 0;
     /// Samples with which the sounds of the marks begin, in the same order.
     virtual std::vector<int64_t> onsets() const { return {}; }
-    /// How often sound or picture was asked for before it was decoded: then the source itself failed real time.
-    virtual int64_t starved() const = 0;
+    virtual SourceTroubles troubles() const { return {}; }
     virtual std::string description() const = 0;
     /// How long it says that it is; 0: it does not say.
     virtual double stated_seconds() const { return 0; }
