@@ -17,16 +17,16 @@ namespace
 
 constexpr size_t kSyncBytes = 2;
 constexpr uint8_t kSync[kSyncBytes] = {0x0B, 0x77};
-/// bsid up to 10 is AC-3 (9 and 10 at half and a quarter of the rate), 11 to 16 E-AC-3.
+/// A bsid up to 10 is AC-3 (9 and 10 at half and a quarter of the rate), 11 to 16 is E-AC-3.
 constexpr uint8_t kBsidAc3Max = 10;
 constexpr uint8_t kBsidMax = 16;
 constexpr uint32_t kBlockSamples = 256;
 constexpr uint32_t kEac3BytesMin = 16;
 /// At 44.1 kHz the sizes of AC-3 frames alternate by a word.
 constexpr uint32_t kSizeSlack = 2;
-/// A longer gap is no damage but another stream.
+/// After a longer gap another stream is assumed.
 constexpr uint32_t kLostUnitsMax = 4;
-/// Room for a unit, and for the frame behind it that ends it.
+/// Room for a unit, and for the frame after it that marks its end.
 constexpr size_t kBufferBytes = kUnitBytesMax + 8192;
 
 constexpr uint32_t kKbps[] = {32, 40, 48, 56, 64, 80, 96, 112, 128, 160, 192, 224, 256, 320, 384, 448, 512, 576, 640};
@@ -120,7 +120,7 @@ void Framer::lose(size_t bytes)
 {
     head_ += bytes;
     lost_bytes_ += bytes;
-    // So much loss is no damage to that stream: what comes may be another one.
+    // After so much loss the next frames may be another stream's.
     if (lost_bytes_ > size_t{kLostUnitsMax} * good_.bytes)
         have_good_ = false;
 }
@@ -130,7 +130,7 @@ bool Framer::header_at(size_t offset, Header* header) const
     return offset + kHeaderBytes <= available() && parse_header(at(offset), header);
 }
 
-// Steps to the next start of a frame. False when none is there.
+// Skips to the next start of a frame. @return false when there is none.
 bool Framer::find_start(Header* header)
 {
     while (available() >= kHeaderBytes) {
@@ -141,7 +141,7 @@ bool Framer::find_start(Header* header)
     return false;
 }
 
-// Copies a frame to the same place of the unit; whether its check sum is right.
+// Copies a frame to the same place of the unit. @return whether its check sum is right.
 bool Framer::copy_frame(size_t offset, const Header& header)
 {
     uint8_t* const frame = unit_.data() + offset;
@@ -149,7 +149,7 @@ bool Framer::copy_frame(size_t offset, const Header& header)
         copy_words_swapped(at(offset), header.bytes, frame);
     else
         std::copy_n(at(offset), header.bytes, frame);
-    // From behind the sync to the end, the check sum included, it comes to 0 (A/52, 6.1.7).
+    // Over all bytes after the sync word, the check sum included, the result is 0 (A/52, 6.1.7).
     return av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame + 2, header.bytes - 2) == 0;
 }
 
@@ -164,27 +164,27 @@ size_t Framer::find_like(const Header& model, size_t from, size_t to) const
     return 0;
 }
 
-// How many bytes to step over because the frame at the head is not what its header says; 0: take it.
+// @return how many bytes to skip because the first frame is not what its header says; 0: it is.
 size_t Framer::damage(const Header& header, bool intact) const
 {
     if (intact)
         return 0;
     if (available() < header.bytes) {
-        // Incomplete. If another frame starts where one of the usual size would end, the header promises too much.
+        // Incomplete. If another frame starts where one of the usual size would end, the header's size is wrong.
         const bool oversized = have_good_ && header.bytes > good_.bytes + kSizeSlack;
         return oversized ? find_like(good_, good_.bytes - kSizeSlack, good_.bytes + kSizeSlack + 1) : 0;
     }
-    // A piece is missing, and the frame behind it would be swallowed.
+    // A part of the frame is missing. With its full size it would include the start of the next frame.
     const size_t restart = find_like(have_good_ ? good_ : header, kSyncBytes, header.bytes);
     if (restart != 0 || !have_good_)
         return restart;
-    // Of the usual kind and size it holds damaged sound, which the decoder conceals; else its header is damaged.
+    // With the usual kind and size, only its sound is damaged, which the decoder conceals. Otherwise its header is.
     const bool usual = header.signature == good_.signature && header.bytes + kSizeSlack >= good_.bytes &&
                        header.bytes <= good_.bytes + kSizeSlack;
     return usual ? 0 : kSyncBytes;
 }
 
-// Drops a whole frame that extends another program or, its independent frame lost, this one.
+// Drops a frame of another program, or a dependent frame whose independent one was lost.
 void Framer::skip_foreign(const Header& header)
 {
     if (!copy_frame(0, header)) {
@@ -196,7 +196,7 @@ void Framer::skip_foreign(const Header& header)
         dependents_ = std::max(dependents_, 1u);
 }
 
-// Adds the dependent frames behind the first @p total bytes. False when one must still be waited for.
+// Adds the dependent frames after the first @p total bytes. @return false while one is still incomplete.
 bool Framer::collect_dependents(Unit* unit, size_t* total)
 {
     uint32_t count = 0;
@@ -212,7 +212,7 @@ bool Framer::collect_dependents(Unit* unit, size_t* total)
         intact = copy_frame(*total, header) && intact;
         *total += header.bytes;
         ++count;
-        // A damaged one costs what it adds, not the sound of the independent frame.
+        // A damaged dependent frame and those after it are left out. The independent frame is still decoded.
         if (intact)
             unit->bytes = *total;
     }

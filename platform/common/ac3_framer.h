@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * Cuts an AC-3 or E-AC-3 elementary stream, which comes in pieces of any size,
- * into what a decoder takes at a time. Pure: bytes in, units out; no threads.
+ * Cuts an AC-3 or E-AC-3 elementary stream, written in parts of any size, into
+ * units for a decoder. Pure; no threads.
  */
 #pragma once
 
@@ -13,25 +13,25 @@
 namespace ac3
 {
 
-/// Bytes at the start of a frame that are looked at to know it.
+/// Bytes of a frame that parse_header() reads.
 constexpr size_t kHeaderBytes = 8;
-/// PCM samples per channel of a frame at most: six blocks.
+/// Most PCM samples per channel of a frame: six blocks.
 constexpr uint32_t kFrameSamplesMax = 1536;
-/// A frame of E-AC-3 has at most 4096 bytes; one program of seven further ones is cut off here.
+/// An E-AC-3 frame has at most 4096 bytes. An independent and seven dependent ones fit; more are left out.
 constexpr size_t kUnitBytesMax = 8 * 4096;
 
-/// What the start of a frame says (ATSC A/52, 5.3 and E.1.2.1).
+/// The header of a frame (ATSC A/52, 5.3 and E.1.2.1).
 struct Header {
     uint32_t bytes;   ///< of the frame
     uint32_t samples; ///< per channel
     int32_t rate;     ///< Hz
     bool dependent;   ///< extends the independent frame before it
     uint8_t substream;
-    uint32_t signature; ///< equal in all frames of a stream, hardly ever elsewhere
+    uint32_t signature; ///< the same in all frames of a stream, and in hardly any other data
     bool swapped;       ///< 16-bit words with their low byte first, as IEC 61937 carries them
 };
 
-/// Reads kHeaderBytes bytes; false when they are no start of a frame.
+/// Reads kHeaderBytes bytes. @return false when they do not begin a frame.
 bool parse_header(const uint8_t* data, Header* header);
 
 /// An independent frame and the dependent ones that belong to it, in the stream's own byte order.
@@ -40,7 +40,7 @@ struct Unit {
     size_t bytes;
     uint32_t samples; ///< per channel
     bool intact;      ///< its check sum is right
-    uint32_t lost;    ///< units that were lost before it, estimated from the bytes skipped
+    uint32_t lost;    ///< units lost before it, estimated from the skipped bytes
 };
 
 class Framer
@@ -48,13 +48,13 @@ class Framer
 public:
     Framer();
 
-    /// Takes as many bytes as there is room for; all room is free again once next() has found nothing.
+    /// Accepts as many bytes as there is room for. After next() has returned false, all room is free.
     size_t write(const uint8_t* data, size_t bytes);
 
     /**
-     * The next unit, as soon as its last byte is there: its end follows from
-     * its own header. Only in a stream whose frames have dependent ones is the
-     * unit held until those are there, or the next unit has begun.
+     * The next unit, as soon as its last byte was written: its header tells its
+     * size. In a stream with dependent frames the unit waits for those, or for the
+     * start of the next unit.
      */
     bool next(Unit* unit);
 
@@ -71,12 +71,12 @@ private:
     void give(const Header& header, size_t total, Unit* unit);
     void lose(size_t bytes);
 
-    std::vector<uint8_t> buffer_; ///< the stream as it came; constant size
-    std::vector<uint8_t> unit_;   ///< the unit in the stream's own byte order; constant size
+    std::vector<uint8_t> buffer_; ///< the stream as written; of constant size
+    std::vector<uint8_t> unit_;   ///< the unit in the stream's own byte order; of constant size
     size_t head_ = 0;
     size_t fill_ = 0;
-    size_t lost_bytes_ = 0;   ///< since the last unit
-    bool lost_start_ = false; ///< a frame began in them
+    size_t lost_bytes_ = 0;   ///< bytes skipped since the last unit
+    bool lost_start_ = false; ///< a frame began in those bytes
     bool have_good_ = false;
     Header good_ = {};        ///< of the last frame whose check sum was right
     uint32_t dependents_ = 0; ///< of the previous unit

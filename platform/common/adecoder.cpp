@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The decoder's seam, for platforms that use the decoder on libavcodec as it is.
+ * The functions of adecoder.h, for platforms that use the decoder on libavcodec.
  */
 #include "adecoder.h"
 

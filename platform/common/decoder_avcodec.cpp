@@ -3,14 +3,14 @@
  * @file
  * The decoder of compressed audio on libavcodec.
  *
- * Every frame is decoded as soon as its last byte was written. A frame that is
- * damaged or lost is concealed or replaced by silence of its duration, so that
- * what follows keeps its place in time. Noise is generated consistently (the
+ * Every frame is decoded as soon as its last byte was written. A damaged or lost
+ * frame is concealed, or replaced by silence of its duration, so that the sound
+ * after it keeps its place in time. Noise is generated consistently (the
  * decoder's "cons_noisegen"): equal input gives equal output.
  *
- * What is held at most: the framer's 40 kB of input, in the asynchronous mode
- * two blocks of 64 kB more, and 16 frames of PCM. While the PCM is full, a
- * write takes nothing.
+ * Memory: at most the framer's 40 kB of input, in the asynchronous mode two
+ * blocks of 64 kB more, and 16 frames of PCM. While the PCM is full, a write
+ * accepts nothing.
  */
 #include "decoder_avcodec.h"
 
@@ -19,10 +19,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
@@ -37,6 +35,7 @@ extern "C" {
 }
 
 #include "ac3_framer.h"
+#include "internal/locks.h"
 
 namespace
 {
@@ -60,12 +59,12 @@ public:
 
     size_t frames() const
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        mutex_guard lock(mutex_);
         return count_ / channels_;
     }
     size_t room() const { return kPcmFramesMax - frames(); }
 
-    /// What finds no room is dropped.
+    /// Drops frames for which there is no room.
     void push(const int16_t* data, size_t frames)
     {
         push_with(frames, [&data](int16_t* to, size_t samples) {
@@ -78,10 +77,10 @@ public:
         push_with(frames, [](int16_t* to, size_t samples) { std::fill_n(to, samples, int16_t{0}); });
     }
 
-    /// The frames stored, at most @p frames.
+    /// @return how many frames it has stored in @p data, at most @p frames.
     size_t pop(int16_t* data, size_t frames)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        mutex_guard lock(mutex_);
         const size_t samples = std::min(frames * channels_, count_);
         const size_t first = std::min(samples, samples_.size() - head_);
         std::copy_n(samples_.data() + head_, first, data);
@@ -94,7 +93,7 @@ public:
 private:
     template <typename Fill> void push_with(size_t frames, Fill fill)
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        mutex_guard lock(mutex_);
         const size_t samples = std::min(frames * channels_, samples_.size() - count_);
         const size_t tail = (head_ + count_) % samples_.size();
         const size_t first = std::min(samples, samples_.size() - tail);
@@ -104,13 +103,13 @@ private:
     }
 
     const size_t channels_;
-    mutable std::mutex mutex_;
-    std::vector<int16_t> samples_;
-    size_t head_ = 0;
-    size_t count_ = 0;
+    mutable mutex_t mutex_;
+    std::vector<int16_t> samples_ GUARDED_BY(mutex_); ///< of constant size
+    size_t head_ GUARDED_BY(mutex_) = 0;
+    size_t count_ GUARDED_BY(mutex_) = 0;
 };
 
-/// How loud the channels that the output lacks are mixed into those it has.
+/// The levels at which channels are mixed into an output that lacks them.
 struct MixLevels {
     double center = 0;
     double surround = 0;
@@ -133,7 +132,7 @@ MixLevels mix_levels(const AVFrame& frame)
     return {info->center_mix_level, info->surround_mix_level, info->lfe_mix_level};
 }
 
-/// From the codec's samples to interleaved 16-bit ones in the layout asked for.
+/// Converts the codec's samples to interleaved 16-bit samples in the requested layout.
 class Converter
 {
 public:
@@ -146,7 +145,7 @@ public:
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
 
-    /// Appends the frame to @p pcm; false on failure.
+    /// Appends the frame to @p pcm. @return false on failure.
     bool convert(const AVFrame& frame, std::vector<int16_t>* pcm)
     {
         if (!follow(frame))
@@ -195,13 +194,13 @@ private:
     int format_ = AV_SAMPLE_FMT_NONE;
 };
 
-/// One unit in, its PCM out.
+/// Decodes one unit at a time to PCM.
 class UnitDecoder
 {
 public:
     explicit UnitDecoder(int channels) : converter_(channels), frame_(av_frame_alloc()), packet_(av_packet_alloc())
     {
-        // This one decodes AC-3 as well, and AC-3 with E-AC-3 extensions.
+        // The E-AC-3 decoder also decodes AC-3, and AC-3 with E-AC-3 extensions.
         const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_EAC3);
         if (codec == nullptr || frame_ == nullptr || packet_ == nullptr)
             return;
@@ -209,7 +208,7 @@ public:
         if (context == nullptr)
             return;
         context->thread_count = 1;
-        // Damage on the link is expected; it is told by the status of the write.
+        // Damage on the link is expected. The status of the write reports it.
         context->log_level_offset = AV_LOG_VERBOSE - AV_LOG_ERROR;
         av_opt_set_int(context->priv_data, "cons_noisegen", 1, 0);
         if (avcodec_open2(context.get(), codec, nullptr) == 0)
@@ -219,11 +218,11 @@ public:
     bool ready() const { return context_ != nullptr; }
     int32_t rate() const { return rate_; }
 
-    /// False when decoding failed; @p pcm holds what came nevertheless.
+    /// @return false when decoding failed; @p pcm then holds what was decoded nevertheless.
     bool decode(const ac3::Unit& unit, std::vector<int16_t>* pcm)
     {
         pcm->clear();
-        // Frames with a wrong check sum are concealed, but not all of a stream that has no right one.
+        // Frames with a wrong check sum are concealed, unless no frame of the stream had a right one.
         seen_intact_ = seen_intact_ || unit.intact;
         context_->err_recognition = seen_intact_ ? AV_EF_CRCCHECK : 0;
         if (av_new_packet(packet_.get(), static_cast<int>(unit.bytes)) < 0)
@@ -232,7 +231,7 @@ public:
         bool good = avcodec_send_packet(context_.get(), packet_.get()) == 0;
         av_packet_unref(packet_.get());
         while (avcodec_receive_frame(context_.get(), frame_.get()) == 0) {
-            // A stream whose first frame is damaged is concealed without a rate.
+            // If the first frame of a stream is damaged, the decoder conceals it without a rate.
             if (frame_->sample_rate > 0 && converter_.convert(*frame_, pcm))
                 rate_ = frame_->sample_rate;
             else
@@ -251,14 +250,14 @@ private:
     std::atomic<int32_t> rate_{0};
 };
 
-/// From bytes to PCM; fed by one thread at a time.
+/// Turns bytes into PCM. One thread at a time feeds it.
 class Pipeline
 {
 public:
     explicit Pipeline(int channels)
         : channels_(static_cast<size_t>(channels)), decoder_(channels), pcm_(static_cast<size_t>(channels))
     {
-        // So that short memory ends the init, not the thread that decodes.
+        // Here, so that lack of memory fails the init and not the decoding.
         scratch_.reserve(ac3::kFrameSamplesMax * channels_);
     }
 
@@ -266,7 +265,7 @@ public:
     int32_t rate() const { return decoder_.rate(); }
     PcmRing& pcm() { return pcm_; }
 
-    /// Bytes taken: fewer than given when the PCM is full.
+    /// @return bytes accepted: fewer than @p bytes when the PCM is full.
     size_t feed(const uint8_t* data, size_t bytes, bool* failed)
     {
         size_t taken = 0;
@@ -276,7 +275,7 @@ public:
     }
 
 private:
-    // Decodes the units that are there. False when the PCM is full.
+    // Decodes all complete units. @return false when the PCM is full.
     bool decode_complete(bool* failed)
     {
         ac3::Unit unit = {};
@@ -285,7 +284,7 @@ private:
                 return true;
             const bool started = decoder_.rate() != 0;
             *failed = !decoder_.decode(unit, &scratch_) || unit.lost > 0 || !unit.intact || *failed;
-            // Silence stands for what was lost, so that the sound behind it keeps its place in time.
+            // Silence replaces lost units, so that the sound after them keeps its place in time.
             if (started) {
                 const size_t after = std::max<size_t>(unit.samples, scratch_.size() / channels_);
                 const size_t room = pcm_.room();
@@ -316,10 +315,10 @@ struct adecoder_handle {
     ~adecoder_handle()
     {
         {
-            std::lock_guard<std::mutex> lock(mutex);
+            mutex_guard lock(mutex);
             stopping = true;
         }
-        changed.notify_all();
+        pthread_cond_broadcast(&changed);
         if (worker.joinable())
             worker.join();
     }
@@ -338,21 +337,21 @@ struct adecoder_handle {
         const size_t frames =
             pipeline.pcm().pop(static_cast<int16_t*>(buffer), static_cast<size_t>(bytes) / frame_bytes);
         if (async && frames > 0) {
-            // Under the mutex: the worker tests the room and then waits.
-            std::lock_guard<std::mutex> lock(mutex);
-            changed.notify_all();
+            // Under the mutex, so that the worker is not between its test of the room and its wait.
+            mutex_guard lock(mutex);
+            pthread_cond_broadcast(&changed);
         }
         return static_cast<int32_t>(frames * frame_bytes);
     }
 
     size_t enqueue(const uint8_t* data, size_t bytes, bool* bad)
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        mutex_guard lock(mutex);
         const size_t taken = std::min(bytes, kPendingBytesMax - pending.size());
         pending.insert(pending.end(), data, data + taken);
         *bad = failed;
         failed = false;
-        changed.notify_all();
+        pthread_cond_broadcast(&changed);
         return taken;
     }
 
@@ -363,16 +362,18 @@ struct adecoder_handle {
     {
         pthread_setname_np(pthread_self(), "adecoder");
         std::vector<uint8_t> block;
-        std::unique_lock<std::mutex> lock(mutex);
+        mutex_guard lock(mutex);
         for (;;) {
-            changed.wait(lock, [this] { return stopping || !pending.empty(); });
+            while (!stopping && pending.empty())
+                lock.wait(changed);
             if (stopping)
                 return;
             block.clear();
             block.swap(pending);
-            // A full ring leaves whole units behind even when it has taken all bytes.
+            // When the ring is full, complete units may remain even after all bytes were accepted.
             for (size_t at = 0; !stopping && (at < block.size() || !has_room());) {
-                changed.wait(lock, [this] { return stopping || has_room(); });
+                while (!stopping && !has_room())
+                    lock.wait(changed);
                 lock.unlock();
                 bool bad = false;
                 at += pipeline.feed(block.data() + at, block.size() - at, &bad);
@@ -385,11 +386,12 @@ struct adecoder_handle {
     const int channels;
     const bool async;
     Pipeline pipeline;
-    std::mutex mutex; ///< of what follows, which the asynchronous mode alone uses
-    std::condition_variable changed;
-    std::vector<uint8_t> pending;
-    bool failed = false;
-    bool stopping = false;
+    // For the asynchronous mode only.
+    mutex_t mutex;
+    pthread_cond_t changed = PTHREAD_COND_INITIALIZER; ///< any of what the mutex guards, or the PCM's room
+    std::vector<uint8_t> pending GUARDED_BY(mutex);
+    bool failed GUARDED_BY(mutex) = false;
+    bool stopping GUARDED_BY(mutex) = false;
     std::thread worker;
 };
 

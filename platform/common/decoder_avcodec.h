@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The decoder of compressed audio on libavcodec, for platforms whose vendor
- * brings none. The functions keep the promises of adecoder.h; what that header
- * passes through unused is left out.
+ * The decoder of compressed audio on libavcodec, for platforms whose vendor has
+ * none. The functions keep the promises of adecoder.h, without the parameters
+ * that they do not need.
  */
 #pragma once
 
