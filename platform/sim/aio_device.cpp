@@ -14,7 +14,7 @@ namespace
 bool is_capture(const audio_config_t* config) { return config->stream_type == E_AUDIO_STREAM_CAPTURE; }
 bool is_playback(const audio_config_t* config) { return config->stream_type == E_AUDIO_STREAM_PLAYBACK; }
 
-// The result for a call that fits neither device, or not this one.
+// Result of a call with a stream type that the function does not serve.
 constexpr int kWrongStream = -EINVAL;
 
 int frame_bytes(const audio_config_t* config) { return config->channels * sim::kBytesPerSample; }

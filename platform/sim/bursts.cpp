@@ -24,7 +24,7 @@ constexpr size_t kFrameBytes = 4; ///< of the link: two words
 constexpr size_t kPreambleBytes = 8;
 constexpr uint8_t kSync[] = {0x72, 0xF8, 0x1F, 0x4E}; ///< Pa, Pb
 constexpr size_t kIoBufferBytes = 4096;
-constexpr int kMuxerRate = 48000; ///< demanded by the muxer, whose bursts do not depend on it
+constexpr int kMuxerRate = 48000; ///< required by the muxer; the bursts do not depend on it
 
 /// The sync word of the DTS core, in the order of the link.
 constexpr uint8_t kDtsSync[] = {0xFE, 0x7F, 0x01, 0x80};
@@ -64,7 +64,7 @@ int collect(void* opaque, Written* data, int bytes)
 
 uint16_t read_le16(const uint8_t* data) { return static_cast<uint16_t>(data[0] | data[1] << 8); }
 
-/// libavformat's muxer, whose output is taken apart again: a burst's stuffing need not be kept.
+/// Packs with libavformat's muxer. Takes the bursts from its output without the stuffing, which need not be kept.
 class Packer
 {
 public:
@@ -129,10 +129,10 @@ private:
     Owned<AVPacket> packet_;
 };
 
-// The parser's last one may be anything.
+// The parser's last piece may be no frame.
 bool is_frame(const uint8_t* data, int bytes) { return bytes > 2 && data[0] == 0x0B && data[1] == 0x77; }
 
-// Frames of the stream one by one, each with the dependent ones that belong to it.
+// Packs the frames of the stream one by one, each with its dependent ones.
 bool pack(const uint8_t* data, size_t bytes, Bitstream* stream)
 {
     const Owned<AVCodecParserContext> parser(av_parser_init(codec_of(stream->coding)));
@@ -140,7 +140,7 @@ bool pack(const uint8_t* data, size_t bytes, Bitstream* stream)
     Packer packer(stream->coding, &stream->bursts);
     if (parser == nullptr || context == nullptr || !packer.begin())
         return false;
-    // The parser may look this far past what it was given.
+    // The parser may read this far past its input.
     std::vector<uint8_t> padded(data, data + bytes);
     padded.resize(bytes + AV_INPUT_BUFFER_PADDING_SIZE);
     size_t done = 0;
@@ -148,7 +148,7 @@ bool pack(const uint8_t* data, size_t bytes, Bitstream* stream)
         const size_t rest = std::min<size_t>(bytes - done, 1U << 20);
         uint8_t* frame = nullptr;
         int frame_bytes = 0;
-        // Nothing left to give makes the parser hand over the last frame.
+        // An empty input makes the parser return the last frame.
         const int used = av_parser_parse2(parser.get(), context.get(), &frame, &frame_bytes, padded.data() + done,
                                           static_cast<int>(rest), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
         done += static_cast<size_t>(std::max(used, 0));
@@ -162,7 +162,7 @@ bool pack(const uint8_t* data, size_t bytes, Bitstream* stream)
 
 // --- From bursts to the link --------------------------------------------------------
 
-// Every value of @p x another one, without a pattern (SplitMix64's finaliser).
+// A one-to-one hash of @p x (SplitMix64's finaliser).
 uint64_t scatter(uint64_t x)
 {
     x += 0x9E3779B97F4A7C15U;
@@ -198,7 +198,7 @@ public:
         return options_.lead_frames + burst / count * cycle_ + starts_[static_cast<size_t>(burst % count)];
     }
 
-    // The first burst that begins at @p frame or later; its number may be one that start_of() does not know.
+    // The number of the first burst that begins at @p frame or later. It may be past the last burst.
     int64_t burst_from(int64_t frame) const
     {
         const int64_t in_stream = frame - options_.lead_frames;
@@ -208,7 +208,7 @@ public:
         return in_stream / cycle_ * static_cast<int64_t>(starts_.size()) + (at - starts_.begin());
     }
 
-    // The first link frame from @p frame on with which an opening may begin.
+    // The first link frame from @p frame on that has the phase of the options.
     int64_t open_at(int64_t frame) const
     {
         const int64_t phase = options_.phase_bytes / static_cast<int64_t>(kFrameBytes) % frames();
@@ -239,7 +239,7 @@ public:
     }
 
 private:
-    // Puts what of the burst falls into @p to, whose first byte it follows by @p offset.
+    // Copies the part of the burst that falls into @p to. The burst begins @p offset bytes after the start of @p to.
     void put(int64_t number, int64_t offset, uint8_t* to, int64_t bytes) const
     {
         const Burst& burst = stream_.bursts[static_cast<size_t>(number) % stream_.bursts.size()];
@@ -263,7 +263,7 @@ private:
             std::copy_n(from + begin, end - begin, to + offset + begin);
     }
 
-    // By the frame's number alone: the same damage in whatever pieces the link is read.
+    // Depends on the frame's number only, so that the damage is the same however the link is read.
     void damage(int64_t first, uint8_t* to, int count) const
     {
         const double hit = options_.bit_error_rate * kBitsPerFrame;
@@ -278,8 +278,8 @@ private:
 
     Bitstream stream_;
     hdmi_sim::BurstOptions options_;
-    std::vector<int64_t> starts_; ///< of the bursts, in link frames from the end of the lead
-    int64_t cycle_ = 0;           ///< link frames of all of them
+    std::vector<int64_t> starts_; ///< start of each burst, in link frames from the end of the lead
+    int64_t cycle_ = 0;           ///< link frames of all bursts
 };
 
 } // namespace
@@ -348,7 +348,7 @@ Signal bitstream_signal(const Bitstream& stream, const BurstOptions& options)
 
 int64_t burst_start(const Bitstream& stream, const BurstOptions& options, int64_t burst)
 {
-    // The layout needs the bursts' number only.
+    // The layout needs only the number of bursts.
     Bitstream shape = {stream.coding, stream.sample_rate, std::vector<Burst>(stream.bursts.size())};
     return sim::Layout(std::move(shape), options).start_of(burst);
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What went from the link to the digital outputs past the player. Pure: the
- * time comes in as an argument; kept as spans of the signals, not as data.
+ * What went from the link to the digital outputs without the player. Pure: the
+ * time is an argument. Spans of the signals are stored, not their data.
  */
 #pragma once
 
@@ -19,17 +19,17 @@ public:
     struct Span {
         LinkSignalPtr signal;
         int64_t first; ///< link frame
-        int64_t end;   ///< kNever while it goes on
+        int64_t end;   ///< kNever for the present one
     };
 
-    /// The capture device was opened, as a path past the player or not; @p signal may be null.
+    /// The capture device was opened, with pass-through if @p active; @p signal may be null.
     void open(bool active, const LinkSignalPtr& signal, int64_t now)
     {
         active_ = active;
         carry(signal, now);
     }
 
-    /// Another signal, or none, takes the link.
+    /// The link now carries @p signal, or none.
     void carry(const LinkSignalPtr& signal, int64_t now)
     {
         end_span(now);
@@ -43,7 +43,7 @@ public:
         active_ = false;
     }
 
-    /// With the one that goes on as far as it has come.
+    /// All spans; the present one ends at @p now.
     std::vector<Span> spans(int64_t now) const
     {
         std::vector<Span> result = spans_;

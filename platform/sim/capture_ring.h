@@ -2,7 +2,7 @@
 /**
  * @file
  * What a capture device holds at a given time: a ring of complete periods of
- * the link's frames. Pure: the time comes in as an argument, nothing blocks.
+ * the link's frames. Pure: the time is an argument, nothing blocks.
  */
 #pragma once
 
@@ -18,7 +18,7 @@ namespace sim
 constexpr int kLinkChannels = 2;
 constexpr int kLinkFrameBytes = kLinkChannels * kBytesPerSample;
 
-/// A signal on the link; shared, because a read goes on with it while another one takes its place.
+/// A signal on the link. Shared, because a read may still use it after another one has replaced it.
 struct LinkSignal {
     hdmi_sim::Signal source;
     int64_t start_ns = 0; ///< when link frame 0 begins to pass
@@ -39,7 +39,7 @@ public:
     CaptureRing() = default;
     CaptureRing(int period_frames, int period_count) : period_(period_frames), count_(period_count) {}
 
-    /// The device was opened on a link that carries @p signal: capture begins with the frame of the signal's choice.
+    /// The device was opened on a link that carries @p signal. The signal's open_at() chooses the first frame.
     void open(LinkSignalPtr signal, int64_t now)
     {
         const int64_t next = signal->passed(now);
@@ -66,7 +66,7 @@ public:
             segments_.back().end = captured(now);
     }
 
-    /// Gives up the periods that the ring no longer holds. @return how many were lost to the reader.
+    /// Skips the periods that the ring no longer holds. @return how many the reader lost.
     int64_t drop_overrun(int64_t now)
     {
         const int64_t oldest = captured(now) / period_ - count_;
@@ -78,7 +78,7 @@ public:
         return oldest - reader;
     }
 
-    /// Bytes of complete periods that wait for the reader.
+    /// Bytes of complete periods that were not read yet.
     int64_t ready_bytes(int64_t now) const
     {
         return captured(now) / period_ * period_ * kLinkFrameBytes - position_bytes_;
@@ -98,12 +98,12 @@ public:
     struct Piece {
         LinkSignalPtr signal;
         int64_t link_frame = 0; ///< the first
-        int skip_bytes = 0;     ///< of the first frame: read before
+        int skip_bytes = 0;     ///< bytes of the first frame that were read before
         int bytes = 0;
     };
     /**
-     * Moves the reader on by at most @p max_bytes, all of them ready, and says
-     * what they are: whole frames, or a part of a single one.
+     * Advances the reader by at most @p max_bytes, which must be ready.
+     * @return what it passed: whole frames, or a part of a single one.
      */
     Piece take(int max_bytes)
     {
@@ -121,7 +121,7 @@ public:
         return piece;
     }
 
-    /// To the next whole frame.
+    /// Advances the reader to the next whole frame.
     void align() { advance((kLinkFrameBytes - position_bytes_ % kLinkFrameBytes) % kLinkFrameBytes); }
 
     int64_t position_bytes() const { return position_bytes_; }
@@ -153,7 +153,7 @@ private:
 
     void forget_segments()
     {
-        // The last one stays: it says how much was captured.
+        // The last one stays, because captured() needs it.
         while (segments_.size() > 1 && segments_.front().end <= position_bytes_ / kLinkFrameBytes)
             segments_.pop_front();
     }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The decoder's seam: the decoder on libavcodec, with faults on demand.
+ * The functions of adecoder.h: the decoder on libavcodec, with faults on demand.
  */
 #include "adecoder.h"
 

@@ -21,7 +21,7 @@ namespace
 
 constexpr double kMinRefreshHz = 1;
 constexpr double kMaxRefreshHz = 1000;
-constexpr int kFirstDescriptor = 3; ///< above the standard streams: 0 would count as no display
+constexpr int kFirstDescriptor = 3; ///< above the standard streams, because 0 would mean no display
 
 struct Display {
     mutex_t control; ///< one start or stop at a time; before `mutex`
@@ -31,7 +31,7 @@ struct Display {
     Condition changed; ///< the display ends
     int descriptor GUARDED_BY(mutex) = -1;
     bool running GUARDED_BY(mutex) = false;  ///< takes flips
-    bool stopping GUARDED_BY(mutex) = false; ///< one vertical blank to come
+    bool stopping GUARDED_BY(mutex) = false; ///< ends after the next vertical blank
     uint64_t session GUARDED_BY(mutex) = 0;
     int64_t start_ns GUARDED_BY(mutex) = 0;
     Pace pace GUARDED_BY(mutex);
@@ -172,7 +172,7 @@ bool is_simulated(int fd)
     return fd >= 0 && fd == d.descriptor;
 }
 
-// libdrm's function: the next one in the program, or that of the library loaded for it.
+// libdrm's own function: the next one of that name in the program, or else that of the library, loaded here.
 int real_wait(int fd, drmVBlankPtr vblank)
 {
     using Function = int (*)(int, drmVBlankPtr);
@@ -194,7 +194,7 @@ bool is_wait_in_a_row(const drmVBlank& vblank)
 
 int counted_wait(int fd, drmVBlankPtr vblank)
 {
-    // The reply takes the place of the request.
+    // A copy, because the reply overwrites the request.
     const drmVBlank asked = vblank != nullptr ? *vblank : drmVBlank{};
     const int result = is_simulated(fd) ? simulated_wait(fd, vblank) : real_wait(fd, vblank);
     const int error = errno;
@@ -228,7 +228,7 @@ namespace hdmi_sim
 
 int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn on_release)
 {
-    // Not a number fails both comparisons.
+    // In this form NaN is refused as well.
     if (!(config.refresh_hz >= sim::kMinRefreshHz && config.refresh_hz <= sim::kMaxRefreshHz))
         return -1;
     sim::Display& d = sim::display();
@@ -259,7 +259,7 @@ bool display_flip(void* buffer)
     mutex_guard guard(d.mutex);
     if (!d.running)
         return false;
-    // Read under the lock: the time stamps come in the order of the flips.
+    // The time is read under the lock, so that time stamps have the order of the flips.
     d.latch.flip(buffer, now_ns());
     d.stats.flips++;
     return true;

@@ -66,9 +66,9 @@ bool failed(Failure& failure, const std::string& step)
 }
 
 /**
- * What was opened inside the private namespaces. Announcements go through these
- * only: they cannot reach the machine's own network namespace, whichever
- * thread or process they come from.
+ * Descriptors that were opened inside the private namespaces. Announcements use
+ * only these. So they cannot reach the machine's own network namespace, from
+ * any thread or process.
  */
 struct Stage {
     mutex_t mutex;
@@ -90,7 +90,7 @@ bool write_file(const char* path, const std::string& text)
     return file.get() >= 0 && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// The caller stays who it is: its user and group map to themselves.
+// Maps the caller's user and group to themselves.
 bool map_identity(uid_t user, gid_t group)
 {
     const std::string uid = std::to_string(user);
@@ -99,8 +99,8 @@ bool map_identity(uid_t user, gid_t group)
            write_file("/proc/self/gid_map", gid + " " + gid + " 1");
 }
 
-// Without a user namespace where that is permitted: inside one, real-time
-// priority would be out of reach.
+// Enters a user namespace only if the others are not permitted without one,
+// because real-time priority is not available inside it.
 bool leave_namespaces(Failure& failure)
 {
     constexpr int kNamespaces = CLONE_NEWNS | CLONE_NEWNET;
@@ -145,14 +145,14 @@ bool put_back(int original, const char* name, const std::string& target, Failure
         return copy_link(original, name, target, failure);
     const bool made =
         S_ISDIR(info.st_mode) ? mkdir(target.c_str(), kDirectoryMode) == 0 : mknod(target.c_str(), S_IFREG, 0) == 0;
-    // The original lies under the mount by now: reached through the descriptor opened before.
+    // The mount covers the original by now. It is still reached through the descriptor opened before.
     const std::string source = "/proc/self/fd/" + std::to_string(original) + "/" + name;
     if (!made || mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
         return failed(failure, "bind mount of " + target);
     return true;
 }
 
-// Covers @p path with a directory that can be added to and has the same entries.
+// Covers @p path with a new directory that has the same entries and takes more.
 bool make_extensible(const std::string& path, Failure& failure)
 {
     const Descriptor original(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -171,7 +171,7 @@ bool make_extensible(const std::string& path, Failure& failure)
     return true;
 }
 
-// Covers as little of /sys as the machine's own directories allow. @return the device's directory, empty on failure.
+// Makes the device's directory, covering as little of /sys as possible. @return its path, empty on failure.
 std::string build_device_directory(Failure& failure)
 {
     const std::string path = "/sys/class/extcon/hdmirx_aud";
@@ -218,7 +218,7 @@ bool enter(Stage& s, Failure& failure) REQUIRES(s.mutex)
     return true;
 }
 
-// A reader finds the old text or the new one, never a part.
+// By rename, so that a reader finds the old or the new text, never a part.
 bool replace_state_file(Stage& s, const std::string& text) REQUIRES(s.mutex)
 {
     const Descriptor file(openat(s.directory, ".state", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
@@ -244,7 +244,7 @@ bool refused(const Stage& s) REQUIRES(s.mutex)
     return !s.entered;
 }
 
-// As the kernel composes it: the header, then the environment, each string with its NUL.
+// In the kernel's form: the header, then the environment; each string ends with a NUL.
 std::string uevent_text(const std::string& state, uint64_t sequence)
 {
     const std::string device = kDevicePath;

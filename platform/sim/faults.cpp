@@ -13,7 +13,7 @@ constexpr auto kOps = static_cast<size_t>(hdmi_sim::Op::count);
 
 struct Slot {
     bool set = false;
-    uint64_t serial = 0; ///< of the fault that is set: tells a blocked call that its own is gone
+    uint64_t serial = 0; ///< of the present fault, so that a blocked call notices another one
     hdmi_sim::Fault fault;
     int64_t calls = 0; ///< since the fault was set
     int64_t hits = 0;
@@ -23,7 +23,7 @@ struct Faults {
     mutex_t mutex;
     Condition changed;
     std::array<Slot, kOps> slots GUARDED_BY(mutex);
-    /// Faults in force, so that undisturbed operations need not lock.
+    /// Number of faults set: while it is 0, operations do not lock.
     std::atomic<int> in_force{0};
 };
 
@@ -46,7 +46,7 @@ bool applies(hdmi_sim::FaultKind kind, hdmi_sim::Op op)
     }
 }
 
-// Counts the call and tells whether the fault hits it.
+// Counts the call. @return whether the fault hits it.
 bool hit(Slot& slot)
 {
     const int64_t call = slot.calls++ - slot.fault.skip;
@@ -91,7 +91,7 @@ Verdict fault_verdict(hdmi_sim::Op op, const std::function<bool()>& ended)
 void faults_wake()
 {
     Faults& f = faults();
-    // The lock closes the gap between a blocked call's test and its wait.
+    // Under the lock, so that no blocked call is between its test and its wait.
     mutex_guard guard(f.mutex);
     f.changed.notify_all();
 }

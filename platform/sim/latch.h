@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The display's latch. Pure: times come in as arguments, so that what a
- * vertical blank takes depends on when a buffer was flipped and not on when the
- * display's thread came to run.
+ * The display's latch. Pure: times are arguments. So which buffer a vertical
+ * blank takes depends on when it was flipped, not on when the display's thread
+ * ran.
  */
 #pragma once
 
@@ -31,7 +31,7 @@ public:
     /// @p at_ns does not decrease from call to call.
     void flip(void* buffer, int64_t at_ns) { flips_.push_back({buffer, at_ns}); }
 
-    /// The vertical blank at @p vblank_ns: takes the oldest of the buffers flipped before it.
+    /// The vertical blank at @p vblank_ns: shows the oldest of the buffers flipped before it.
     Result vblank(int64_t vblank_ns)
     {
         Result result;
@@ -50,7 +50,7 @@ public:
         return result;
     }
 
-    /// The display ends: everything is released, in the order in which it was flipped.
+    /// The display ends. @return all buffers, in the order of their flips.
     std::vector<Release> clear()
     {
         std::vector<Release> released;
@@ -68,8 +68,8 @@ public:
 private:
     static constexpr size_t kMaxPending = 2;
 
-    // One flip too many before a vertical blank means that a backlog is being worked off: of such a burst only the
-    // newest is worth showing. Kept in turn, the rest would make every picture after it late.
+    // More flips than can be pending before a vertical blank are a burst: the host works off a backlog. Only the newest
+    // buffer of a burst is shown. With the others, every buffer after them would be late.
     void queue_next(std::vector<Release>& released)
     {
         if (pending_.size() == kMaxPending || catching_up_) {
@@ -90,10 +90,10 @@ private:
         void* buffer = nullptr;
         bool used = false;
     };
-    std::deque<Flip> flips_;    ///< not decided yet
-    std::deque<void*> pending_; ///< for the vertical blanks to come
+    std::deque<Flip> flips_;    ///< not queued for a vertical blank yet
+    std::deque<void*> pending_; ///< for the next vertical blanks
     Screen screen_;
-    bool catching_up_ = false; ///< more flips than can be pending came since the latest vertical blank
+    bool catching_up_ = false; ///< a burst has come since the latest vertical blank
 };
 
 } // namespace sim

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The arithmetic of a free-running clock: how many units (frames, vertical
- * blanks) have passed after a time, and when a number of them has passed.
+ * The arithmetic of a free-running clock: how many ticks (frames, vertical
+ * blanks) lie in a time, and how long a number of ticks takes.
  */
 #pragma once
 
@@ -15,9 +15,9 @@ namespace sim
 constexpr int64_t kNsPerSecond = 1'000'000'000;
 
 /**
- * A clock that ticks a given number of times a second. Exact integers
- * throughout, so that a run of days does not drift, and no 128-bit types, so
- * that it also builds for 32-bit targets. Good for elapsed times of centuries.
+ * A clock that ticks a given number of times a second. It computes in exact
+ * integers, so that it does not drift in days, and without 128-bit types, which
+ * 32-bit targets lack. It is valid for centuries.
  */
 class Pace
 {

@@ -2,7 +2,7 @@
 /**
  * @file
  * What a playback device has queued and plays at a given time. Pure: the time
- * comes in as an argument, nothing blocks, what was heard goes to a sink.
+ * is an argument, nothing blocks, and a sink receives what was heard.
  */
 #pragma once
 
@@ -26,9 +26,9 @@ public:
 };
 
 /**
- * A device that starts with the first write and whose clock runs on when its
- * queue is empty. Positions are frames of that clock: silence of an underrun
- * takes up positions as sound does.
+ * A device that starts with the first write. Its clock runs on while its queue
+ * is empty. Positions are frames of that clock, and so count the silence of an
+ * underrun as well as sound.
  */
 class PlayQueue
 {
@@ -40,17 +40,17 @@ public:
     {
     }
 
-    /// Frames written that are not heard to their end.
+    /// Frames written and not completely heard.
     int queued(int64_t now) const { return static_cast<int>(std::max<int64_t>(0, end_ - clock(now))); }
     int room(int64_t now) const { return capacity_ - queued(now); }
-    /// When there is room for @p frames more.
+    /// When there is room for @p frames frames.
     int64_t room_ns(int frames) const { return heard_ns(end_ - capacity_ + frames); }
-    /// When the queue runs empty, or ran; kNever before the first write.
+    /// When the queue runs or ran empty; kNever before the first write.
     int64_t empty_ns() const { return started_ ? heard_ns(end_) : kNever; }
 
     /**
-     * Queues @p frames frames, at most room(); heard frames must have gone to
-     * the sink. After an underrun they follow the silence up to @p now.
+     * Queues @p frames frames, at most room(), after a drain() at @p now. After
+     * an underrun, silence up to @p now precedes them.
      */
     void put(int64_t now, const uint8_t* data, int frames, float gain, PlaySink* sink)
     {
@@ -69,13 +69,13 @@ public:
         end_ += frames;
     }
 
-    /// Hands what was heard by @p now to @p sink (null: forgets it), in pieces that end with the device's periods.
+    /// Passes what was heard by @p now to @p sink (null: drops it), in pieces that end with the device's periods.
     void drain(int64_t now, PlaySink* sink)
     {
         const int64_t heard = std::min(end_, clock(now));
         while (first_ < heard) {
             const auto at = static_cast<int>(first_ % capacity_);
-            // The ring is a whole number of periods: a piece never wraps.
+            // A piece never wraps, since the ring holds a whole number of periods.
             const int64_t run = std::min(heard - first_, period_ - first_ % period_);
             if (sink != nullptr)
                 sink->sound(&ring_[index(at)], run, heard_ns(first_), first_ % period_ == 0);
@@ -90,7 +90,7 @@ private:
 
     void fill_gap(int64_t now, PlaySink* sink)
     {
-        // The frame that is under way has begun as silence.
+        // The present frame has begun as silence.
         int64_t next = clock(now);
         if (heard_ns(next) < now)
             next++;

@@ -16,12 +16,12 @@ constexpr int kMaxPeriodFrames = 1 << 16;
 constexpr int kMaxPeriods = 64;
 constexpr int kMaxVolume = 100;
 constexpr int kMaxDirectVolume = 255;
-/// 60 dB between the lowest step and full level, evenly: 100 is unity, 0 is silence.
+/// Even steps over 60 dB: 100 is unity. 0 is silence.
 constexpr float kDecibelsPerPercent = 0.6f;
 
 struct Playback {
     mutex_t mutex;
-    Condition changed; ///< opening
+    Condition changed; ///< the opening ended
     hdmi_sim::PlaybackConfig config GUARDED_BY(mutex);
     bool new_config GUARDED_BY(mutex) = false;
     int channels GUARDED_BY(mutex) = 2;
@@ -31,7 +31,7 @@ struct Playback {
     float gain GUARDED_BY(mutex) = 1.0f;
     hdmi_sim::PlaybackStats stats GUARDED_BY(mutex);
     std::shared_ptr<Recording> recording GUARDED_BY(mutex);
-    int files GUARDED_BY(mutex) = 0; ///< begun with the present configuration
+    int files GUARDED_BY(mutex) = 0; ///< number of recordings begun with the present configuration
     Openings openings;
 };
 
@@ -43,7 +43,7 @@ Playback& playback()
 
 float effective_gain(const Playback& p) REQUIRES(p.mutex) { return p.stats.muted ? 0.0f : p.gain; }
 
-// Brings the record up to @p now: what was heard, and whether the queue ran empty.
+// Updates the recording and the underruns to time @p now.
 void settle(Playback& p, int64_t now) REQUIRES(p.mutex)
 {
     if (!p.openings.is_open())
@@ -68,7 +68,7 @@ std::string numbered(const std::string& path, int number)
     return path.substr(0, at) + "-" + std::to_string(number) + path.substr(at);
 }
 
-// A WAV file has one rate: another one begins another file.
+// A WAV file has one rate, so another rate begins another file.
 void prepare_recording(Playback& p, int rate, int channels) REQUIRES(p.mutex)
 {
     if (p.new_config) {
@@ -310,7 +310,7 @@ bool playback_finish_recording(std::string* error)
     mutex_guard guard(p.mutex);
     sim::settle(p, now_ns());
     const std::shared_ptr<sim::Recording> recording = p.recording;
-    // The device plays on meanwhile.
+    // Without the lock, so that the device plays on meanwhile.
     guard.unlock();
     if (recording != nullptr)
         return recording->finish(error);

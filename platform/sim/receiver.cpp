@@ -10,12 +10,12 @@ namespace sim
 namespace
 {
 
-constexpr int kUnknownInputRate = 48000; ///< a device opened with rate 0
-constexpr int kBypassPiece = 1 << 16;    ///< link frames that are asked for at a time
+constexpr int kUnknownInputRate = 48000; ///< of a device opened with rate 0
+constexpr int kBypassPiece = 1 << 16;    ///< link frames generated at a time
 
 struct Receiver {
     mutex_t mutex;
-    Condition changed; ///< signal or opening
+    Condition changed; ///< the signal changed or the opening ended
     LinkSignalPtr signal GUARDED_BY(mutex);
     CaptureRing ring GUARDED_BY(mutex);
     BypassPath bypass GUARDED_BY(mutex);
@@ -37,7 +37,7 @@ void generate(const hdmi_sim::Signal& source, int64_t first, int16_t* words, int
         memset(words, 0, static_cast<size_t>(frames) * kLinkFrameBytes);
 }
 
-// The caller's buffer may be odd and the piece a part of a frame: then by way of a copy.
+// If the caller's buffer is not aligned, or the piece is a part of a frame, the frames are copied one by one.
 void fill(const CaptureRing::Piece& piece, uint8_t* data)
 {
     const hdmi_sim::Signal& source = piece.signal->source;
@@ -71,7 +71,7 @@ CaptureRing::Piece take(Receiver& r, int max_bytes) REQUIRES(r.mutex)
     return piece;
 }
 
-// Waits until something is ready and says how much of @p size; 0 when the opening ended.
+// Waits for data. @return how many bytes are ready, at most @p size; 0 when the opening ended.
 int await_ready(Receiver& r, mutex_guard& guard, uint64_t opening, int size) REQUIRES(r.mutex)
 {
     while (!r.openings.ended(opening)) {
@@ -94,7 +94,7 @@ int read_whole(Receiver& r, uint64_t opening, uint8_t* data, int size, bool alig
         if (ready == 0)
             return done > 0 ? done : kClosed;
         const CaptureRing::Piece piece = take(r, ready);
-        // The source's function is the program's own: it runs without the lock.
+        // Without the lock, because generate() is the program's own function.
         guard.unlock();
         fill(piece, data + done);
         guard.lock();
@@ -209,7 +209,7 @@ ReceiverStats receiver_stats()
 {
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
-    // Periods that nobody came for are lost all the same.
+    // Counts the periods that were lost since the last read.
     if (r.openings.is_open())
         r.stats.overruns += r.ring.drop_overrun(now_ns());
     return r.stats;

@@ -12,7 +12,7 @@ namespace sim
 namespace
 {
 
-// The thread is woken for this much at least: a quarter of a second of stereo at 48 kHz.
+// The thread is woken when this much is waiting: a quarter of a second of stereo at 48 kHz.
 constexpr int64_t kFramesPerWake = 12000;
 constexpr int64_t kSilenceFrames = 4096; ///< written at a time
 

@@ -2,7 +2,7 @@
 /**
  * @file
  * The WAV file of what a playback device played. A thread of its own writes the
- * file: whoever plays only copies samples into memory.
+ * file, so that the playing thread only copies samples into memory.
  */
 #pragma once
 
@@ -21,7 +21,7 @@ namespace sim
 class Recording : public PlaySink
 {
 public:
-    /// Creates @p path; finish() tells whether that and everything after it went well.
+    /// Creates @p path; finish() returns whether that and all writes succeeded.
     Recording(std::string path, int rate, int channels) NO_THREAD_SAFETY_ANALYSIS;
     ~Recording() override;
     Recording(const Recording&) = delete;
@@ -29,7 +29,7 @@ public:
 
     void sound(const int16_t* samples, int64_t frames, int64_t heard_ns, bool begins_block) override;
     void silence(int64_t frames, int64_t heard_ns) override;
-    /// What follows comes from another opening of the device.
+    /// The next samples come from another opening of the device.
     void break_block();
 
     std::vector<hdmi_sim::PlayedBlock> blocks();
@@ -40,7 +40,7 @@ public:
     int channels() const { return channels_; }
 
 private:
-    /// Samples, or so many frames of silence.
+    /// Samples, or a number of frames of silence.
     struct Chunk {
         std::vector<int16_t> samples;
         int64_t silent_frames = 0;
@@ -58,8 +58,8 @@ private:
     const int channels_;
     mutex_t finish_mutex_; ///< one finish at a time
     std::thread thread_ GUARDED_BY(finish_mutex_);
-    SNDFILE* file_ = nullptr; ///< the thread's while it runs
-    std::string problem_;     ///< the first one; likewise
+    SNDFILE* file_ = nullptr; ///< only the thread uses it while it runs
+    std::string problem_;     ///< the first error; used as file_
 
     mutex_t mutex_;
     Condition changed_;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What the simulated devices share, and the calls by which the platform's
- * C functions reach them.
+ * What the simulated devices share, and their functions for the platform's C
+ * functions.
  */
 #pragma once
 
@@ -55,29 +55,29 @@ private:
     pthread_cond_t native_;
 };
 
-/// What a fault makes of a call; a call without fault gets the default.
+/// What a call has to do. Without a fault it is the default.
 struct Verdict {
     bool fail = false;
-    int result = 0; ///< where it fails
+    int result = 0; ///< of the call, if fail
     bool brief = false;
     bool odd = false;
     bool withhold = false;
 };
 /**
- * Every operation passes here first; a blocking fault holds it until the fault
- * is cleared or replaced, or @p ended turns true and faults_wake() was called.
+ * Every operation calls this first. A blocking fault holds it until the fault is
+ * cleared or replaced, or until @p ended returns true after a faults_wake().
  */
 Verdict fault_verdict(hdmi_sim::Op op, const std::function<bool()>& ended = nullptr);
 void faults_wake();
 void faults_reset();
-/// What a brief transfer leaves of @p size bytes.
+/// How many of @p size bytes a transfer moves: fewer with a brief fault.
 int brief_size(const Verdict& verdict, int size, int bytes_per_frame);
 
-/// The openings of a device, by number: a call that began in one of them ends with it.
+/// Numbers the openings of a device, so that a call which began in one of them ends with it.
 class Openings
 {
 public:
-    /// The number of the present opening; of a closed device one that has ended().
+    /// The number of the present opening. While the device is closed, it is a number that has ended().
     uint64_t present() const { return count_; }
     bool ended(uint64_t number) const { return number % 2 == 0 || count_ != number; }
     bool is_open() const { return !ended(count_); }
@@ -87,10 +87,10 @@ public:
     void end() { count_++; }
 
 private:
-    std::atomic<uint64_t> count_{0}; ///< of opens and closes: odd while open
+    std::atomic<uint64_t> count_{0}; ///< opens and closes so far: odd while open
 };
 
-/// A read or write. @p move(opening, verdict) moves the data, if no fault does its part and the device is open.
+/// A read or write: calls @p move(opening, verdict) to move the data, unless a fault fails it or the device is closed.
 template <typename Move>
 int transfer(hdmi_sim::Op op, const Openings& openings, const void* data, int size, const Move& move)
 {
