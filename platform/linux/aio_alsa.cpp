@@ -29,7 +29,7 @@ bool is_playback(const audio_config_t* config)
     return config != nullptr && config->stream_type == E_AUDIO_STREAM_PLAYBACK;
 }
 
-// The result for a call that fits neither device, or not this one.
+// Result of a call with a stream type that the function does not serve.
 constexpr int kWrongStream = -EINVAL;
 
 int frame_bytes(const audio_config_t* config) { return config->channels * hdmi_linux::kBytesPerSample; }

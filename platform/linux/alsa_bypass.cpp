@@ -14,17 +14,18 @@ namespace hdmi_linux
 namespace
 {
 
-/// Of the output: room for the capture to come late.
+/// The output's buffer in periods: large enough for captured periods that come late.
 constexpr int kPeriodCount = 8;
-/// Queued before the output starts; some 40 ms.
+/// Periods queued before the output starts; some 40 ms.
 constexpr int kStartPeriods = 2;
 
 /**
- * The capture's clock and the output's are two. Where the queue grows or runs
- * low, this many frames of stuffing between two bursts are left out or put in:
- * the receiver looks for the next burst's preamble, and no payload is touched.
- * Few, as the bursts of DTS leave no more than seven; enough for clocks that
- * differ by 0.4 % at a slip in each period.
+ * Capture and output have clocks of their own, so that the queue between them
+ * grows or runs low. Then this many frames of stuffing between two bursts are
+ * left out or inserted. The receiver does not mind, because it searches for the
+ * next preamble; payloads are never changed. DTS leaves at most seven frames of
+ * stuffing between its bursts. With one correction per period, four frames make
+ * up for clocks that differ by 0.4 %.
  */
 constexpr int kSlipFrames = 4;
 
@@ -40,7 +41,7 @@ void Bypass::start(const audio_config_t& capture, int rate, int device)
     request_.name = settings.audio[device].pcm;
     request_.channels = capture.channels;
     request_.rate = rate;
-    say_status(&request_, true);
+    apply_channel_status(&request_, true);
     request_.period_frames = capture.period_frames;
     request_.period_count = kPeriodCount;
     request_.start_periods = kStartPeriods;
@@ -73,11 +74,11 @@ void Bypass::close_output()
     if (!pcm_.is_open())
         return;
     pcm_.close();
-    take_status_back();
+    restore_channel_status();
 }
 
-// Others that play there may not say that it is sound.
-void Bypass::take_status_back()
+// Other programs that play there later may not set the status back to sound.
+void Bypass::restore_channel_status()
 {
     if (pcm_.status_set())
         set_status_control(pcm_.card(), pcm_.device(), channel_status(request_.rate, false));
@@ -89,20 +90,20 @@ void Bypass::open_when_due()
         return;
     std::string why;
     const bool opened = pcm_.open(request_, &why) >= 0;
-    // From the end of an opening that took long: what is captured must be read meanwhile.
+    // Counted from the end of the opening, which may have taken long: captured data must be read in between.
     const int64_t now = now_ns();
     retry_ns_ = now + kReopenPauseNs;
     if (!opened && !reported_)
         log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
     if (opened) {
         back_ns_ = now;
-        if (!pcm_.status_set() && !says_channel_status(request_.name))
+        if (!pcm_.status_set() && !has_channel_status(request_.name))
             log_w("%s does not say that it carries coded data: the receiver must find out\n", request_.name.c_str());
         log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
               request_.rate);
         stats_.recoveries += stats_.lost ? 1 : 0;
     } else {
-        take_status_back();
+        restore_channel_status();
     }
     reported_ = !opened;
     stats_.lost = !opened;
@@ -143,36 +144,36 @@ void Bypass::keep_level(const uint8_t* data, int frames, int stuffing)
 void Bypass::send(const uint8_t* data, int frames)
 {
     const int frame_bytes = request_.channels * kBytesPerSample;
-    for (int troubles = 0; frames > 0 && pcm_.is_open();) {
+    for (int recoveries = 0; frames > 0 && pcm_.is_open();) {
         const int sent = pcm_.write(data, frames);
         if (sent > 0) {
             stats_.frames += sent;
             data += static_cast<size_t>(sent) * frame_bytes;
             frames -= sent;
-        } else if (!mend(sent, ++troubles)) {
+        } else if (!recover(sent, ++recoveries)) {
             break;
         }
     }
     stats_.dropped += frames;
 }
 
-// Whether the rest can be sent.
-bool Bypass::mend(int result, int troubles)
+// @return whether the rest can be sent.
+bool Bypass::recover(int result, int recoveries)
 {
     int err = result;
-    const Trouble trouble = pcm_.trouble(result);
-    switch (troubles <= kMaxTroubles || trouble == Trouble::none ? trouble : Trouble::lost) {
-    case Trouble::none: return false;
-    case Trouble::xrun:
+    const StreamError error = pcm_.classify(result);
+    switch (recoveries <= kMaxRecoveries || error == StreamError::none ? error : StreamError::lost) {
+    case StreamError::none: return false;
+    case StreamError::xrun:
         stats_.xruns++;
         err = pcm_.restart();
         break;
-    case Trouble::suspended:
+    case StreamError::suspended:
         err = pcm_.resume();
         if (err == -EAGAIN)
             return false;
         break;
-    case Trouble::lost: break;
+    case StreamError::lost: break;
     }
     if (err >= 0)
         return true;

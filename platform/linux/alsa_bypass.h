@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * Raw pass-through: what carries captured bursts to the digital output, past
- * the player, as coded data. Fed by the capture device's own thread.
+ * Raw pass-through: sends captured bursts to the digital output as coded data,
+ * without the player. The capture device's own thread calls put().
  */
 #pragma once
 
@@ -21,11 +21,11 @@ namespace hdmi_linux
 class Bypass
 {
 public:
-    /// To digital output @p device, which put() opens, and opens again after a loss.
+    /// Begins to send to digital output @p device. put() opens it, and opens it again after a loss.
     void start(const audio_config_t& capture, int rate, int device);
     /// Closes the output. Harmless when not started.
     void stop();
-    /// Hands captured frames on; never waits: what the output does not take is dropped.
+    /// Sends captured frames. Never waits: frames that the output does not take are dropped.
     void put(const uint8_t* data, int frames);
     /// Closes the output and does not open it again before the next start().
     void release_output();
@@ -35,9 +35,9 @@ private:
     void open_when_due() REQUIRES(mutex_);
     void keep_level(const uint8_t* data, int frames, int stuffing) REQUIRES(mutex_);
     void send(const uint8_t* data, int frames) REQUIRES(mutex_);
-    bool mend(int result, int troubles) REQUIRES(mutex_);
+    bool recover(int result, int recoveries) REQUIRES(mutex_);
     void close_output() REQUIRES(mutex_);
-    void take_status_back() REQUIRES(mutex_);
+    void restore_channel_status() REQUIRES(mutex_);
 
     mutex_t mutex_;
     bool active_ GUARDED_BY(mutex_) = false;
@@ -46,7 +46,7 @@ private:
     Pcm pcm_ GUARDED_BY(mutex_);
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t back_ns_ GUARDED_BY(mutex_) = 0;   ///< when the output was last opened
-    bool reported_ GUARDED_BY(mutex_) = false; ///< that the output is not there
+    bool reported_ GUARDED_BY(mutex_) = false; ///< the log says already that the output is not there
     BurstFollower bursts_ GUARDED_BY(mutex_);
     std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);
     BypassStats stats_ GUARDED_BY(mutex_);

@@ -26,13 +26,13 @@ constexpr int kDefaultRate = 48000;
 /// Bursts travel as stereo.
 constexpr int kBurstChannels = 2;
 
-/// Between two looks at how much silence is due.
+/// Pause before silence is delivered again.
 constexpr int kSilenceMs = 5;
-/// More than that is not made up for: nobody has read for so long.
+/// At most this much silence is delivered late: a longer time means that nobody was reading.
 constexpr int64_t kMostSilenceNs = kNsPerSecond;
-/// Between two attempts of the forwarding thread on a device that is not there.
+/// Pause of the forwarding thread after a read that failed.
 constexpr int kForwardPauseMs = 10;
-/// As urgent as the player's own reading, whose place it takes.
+/// The priority of the player's capture thread, which this thread replaces.
 constexpr int kForwardPriority = 99;
 
 bool passes_bursts(const audio_config_t& config) { return config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW; }
@@ -81,7 +81,7 @@ int Capture::open(const audio_config_t& config)
     if (state_ != State::closed)
         return -EBUSY;
     guard.unlock();
-    // Of an opening that another thread is closing.
+    // Joins the forwarder of an earlier open that another thread is still closing.
     end_forwarding();
     Pcm pcm;
     std::string why;
@@ -109,7 +109,7 @@ int Capture::open(const audio_config_t& config)
     return start_forwarding(opening) ? 0 : -EAGAIN;
 }
 
-// A refusal once: the player tries again every ten milliseconds.
+// Logs each refusal once, because the player tries again every ten milliseconds.
 void Capture::report_opening(const audio_config_t& config, const PcmRequest& request, int err, const std::string& why)
 {
     const std::string refusal = err < 0 ? request.name + ": " + why : std::string();
@@ -131,7 +131,7 @@ void Capture::install(Pcm pcm, const PcmRequest& request)
 
 int Capture::close()
 {
-    // First, and without waiting for anything: whoever is blocked in a read comes back.
+    // First, and without waiting: ends a read that is blocked.
     uint64_t closing = 0;
     {
         mutex_guard guard(mutex_);
@@ -142,7 +142,7 @@ int Capture::close()
         opener_.abandon();
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
-        // It may have been opened anew meanwhile.
+        // Another thread may have opened it again meanwhile.
         if (opening_ == closing)
             pcm_.close();
     }
@@ -178,8 +178,8 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
 {
     const uint64_t opening = opening_;
     int done = 0;
-    for (int troubles = 0; done < frames;) {
-        const int err = mend();
+    for (int recoveries = 0; done < frames;) {
+        const int err = recover();
         uint8_t* rest = data + static_cast<size_t>(done) * frame_bytes_;
         const int64_t due = err < 0 ? silence_due(now_ns()) : owed_;
         if (due > 0) {
@@ -195,16 +195,16 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         const int result = pcm_.read(rest, frames - done);
         if (result > 0) {
             done += result;
-            troubles = 0;
+            recoveries = 0;
             moved_ns_ = now_ns();
             silent_ = 0;
             continue;
         }
-        const Trouble trouble = pcm_.trouble(result);
-        if (trouble != Trouble::none) {
-            handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result);
+        const StreamError error = pcm_.classify(result);
+        if (error != StreamError::none) {
+            handle_error(++recoveries <= kMaxRecoveries ? error : StreamError::lost, result);
         } else {
-            gate_.wait(guard, &pcm_, kLookMs);
+            gate_.wait(guard, &pcm_, kPollMs);
             if (opening_ != opening)
                 return kClosed;
         }
@@ -212,8 +212,7 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
     return done;
 }
 
-// The device stops. Of what it had collected and nobody has read, the time is not lost; without a signal it was
-// nothing.
+// The device has stopped. Frames still in its buffer count as elapsed time, unless there was no signal.
 void Capture::note_silence(int64_t now)
 {
     const int64_t collected = ns_of(pcm_.buffer_frames(), request_.rate);
@@ -223,7 +222,7 @@ void Capture::note_silence(int64_t now)
     silent_ = 0;
 }
 
-// A device that is gone is silent, at its pace: were its time left out, all that follows would be early for good.
+// While a device is gone, silence takes the place of its frames. Without it, all sound that follows would be early.
 int64_t Capture::silence_due(int64_t now)
 {
     const int64_t due = frames_in(now - moved_ns_, request_.rate) - silent_;
@@ -234,7 +233,7 @@ int64_t Capture::silence_due(int64_t now)
     return most;
 }
 
-// @return the frames stored.
+// @return how many frames were stored.
 int Capture::fill_silence(uint8_t* data, int frames, int64_t due)
 {
     const auto count = static_cast<int>(std::min<int64_t>(frames, due));
@@ -248,7 +247,7 @@ int Capture::fill_silence(uint8_t* data, int frames, int64_t due)
 int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
 {
     const uint64_t opening = opening_;
-    // More than the ring holds comes in parts.
+    // A read of more than the ring holds is filled in parts.
     for (int done = 0; done < frames;) {
         if (opening_ != opening)
             return kClosed;
@@ -286,12 +285,12 @@ bool Capture::start_forwarding(uint64_t opening)
     }
     struct sched_param priority = {};
     priority.sched_priority = kForwardPriority;
-    // Without the permission it runs as it is, like the player's own threads.
+    // Without the permission it runs at normal priority, as the player's own threads do.
     (void)pthread_setschedparam(forwarder_.native_handle(), SCHED_RR, &priority);
     return true;
 }
 
-// The device is closed, or the thread would not end.
+// Only when the device is closed: that is what ends the thread.
 void Capture::end_forwarding()
 {
     if (!forwarder_.joinable())
@@ -322,21 +321,21 @@ void Capture::forward(uint64_t opening)
     }
 }
 
-// --- Trouble, and the way back ------------------------------------------------------
+// --- Errors and recovery ------------------------------------------------------------
 
-void Capture::handle(Trouble trouble, int err)
+void Capture::handle_error(StreamError error, int err)
 {
-    switch (trouble) {
-    case Trouble::none: break;
-    case Trouble::xrun: recover_xrun(); break;
-    case Trouble::suspended:
+    switch (error) {
+    case StreamError::none: break;
+    case StreamError::xrun: recover_xrun(); break;
+    case StreamError::suspended:
         log_w("%s is suspended\n", request_.name.c_str());
         stats_.suspends++;
         state_ = State::suspended;
-        trouble_ns_ = retry_ns_ = now_ns();
-        note_silence(trouble_ns_);
+        failed_ns_ = retry_ns_ = now_ns();
+        note_silence(failed_ns_);
         break;
-    case Trouble::lost: lose(err); break;
+    case StreamError::lost: lose(err); break;
     }
 }
 
@@ -364,7 +363,7 @@ void Capture::lose(int err)
     stats_.losses++;
     const int64_t now = now_ns();
     if (state_ == State::working) {
-        trouble_ns_ = now;
+        failed_ns_ = now;
         note_silence(now);
     }
     state_ = State::lost;
@@ -373,25 +372,25 @@ void Capture::lose(int err)
     pcm_.close();
 }
 
-// 0 when the device is at work, or why it is not.
-int Capture::mend()
+// @return 0 when the device works, or an error code.
+int Capture::recover()
 {
     switch (state_) {
     case State::closed: return kClosed;
     case State::working: return 0;
-    case State::suspended: return mend_suspend();
-    case State::lost: return mend_loss();
+    case State::suspended: return recover_suspend();
+    case State::lost: return recover_loss();
     }
     return 0;
 }
 
-int Capture::mend_suspend()
+int Capture::recover_suspend()
 {
     const int64_t now = now_ns();
     if (now < retry_ns_)
         return -ESTRPIPE;
     const int err = pcm_.resume();
-    if (err == -EAGAIN && now - trouble_ns_ < kResumeLimitNs)
+    if (err == -EAGAIN && now - failed_ns_ < kResumeLimitNs)
         retry_ns_ = now + kResumePauseNs;
     else if (err < 0)
         lose(err);
@@ -400,7 +399,7 @@ int Capture::mend_suspend()
     return err;
 }
 
-int Capture::mend_loss()
+int Capture::recover_loss()
 {
     if (now_ns() < retry_ns_)
         return -ENODEV;
@@ -420,11 +419,11 @@ void Capture::recovered()
     const int64_t now = now_ns();
     state_ = State::working;
     back_ns_ = now;
-    // It may have captured before anybody saw that it is back.
+    // The device may have captured frames before this thread found that it is back.
     owed_ = std::max<int64_t>(silence_due(now) - std::max(pcm_.delay(), 0), 0);
     stats_.recoveries++;
-    stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
-    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));
+    stats_.recovery_us = (now - failed_ns_) / kNsPerUs;
+    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - failed_ns_) / kNsPerMs));
 }
 
 DeviceStats Capture::stats()

@@ -4,8 +4,8 @@
  * The capture device on ALSA.
  *
  * Normally the player's reads go to the PCM. In raw pass-through a thread of
- * its own reads it at the link's pace, hands the data to the digital output and
- * keeps the latest for the player, who may read or not.
+ * this class reads the PCM at the link's pace, sends the data to the digital
+ * output and keeps the latest part for the player, whether it reads or not.
  */
 #pragma once
 
@@ -46,39 +46,41 @@ private:
     bool start_forwarding(uint64_t opening) REQUIRES(control_);
     void end_forwarding() REQUIRES(control_);
 
-    void handle(Trouble trouble, int err) REQUIRES(mutex_);
+    void handle_error(StreamError error, int err) REQUIRES(mutex_);
     void recover_xrun() REQUIRES(mutex_);
     void note_overrun() REQUIRES(mutex_);
     void lose(int err) REQUIRES(mutex_);
-    int mend() REQUIRES(mutex_);
-    int mend_suspend() REQUIRES(mutex_);
-    int mend_loss() REQUIRES(mutex_);
+    int recover() REQUIRES(mutex_);
+    int recover_suspend() REQUIRES(mutex_);
+    int recover_loss() REQUIRES(mutex_);
     void recovered() REQUIRES(mutex_);
 
-    Output& output_; ///< of pass-through
+    Output& output_; ///< where pass-through sends
 
     mutex_t control_; ///< one open or close at a time; before mutex_
     std::thread forwarder_ GUARDED_BY(control_);
 
     mutex_t mutex_;
     PollGate gate_;
-    pthread_cond_t arrived_ = PTHREAD_COND_INITIALIZER; ///< something was forwarded, or state_ changed
+    pthread_cond_t arrived_ = PTHREAD_COND_INITIALIZER; ///< the ring has new frames, or state_ changed
     State state_ GUARDED_BY(mutex_) = State::closed;
-    uint64_t opening_ GUARDED_BY(mutex_) = 0; ///< a call that began in another opening ends
+    uint64_t
+        opening_ GUARDED_BY(mutex_) = 0; ///< number of the present opening; a call that began in an earlier one ends
     bool forwarding_ GUARDED_BY(mutex_) = false;
     int frame_bytes_ GUARDED_BY(mutex_) = 1;
-    int frames_wanted_ GUARDED_BY(mutex_) = 1; ///< by one round of the forwarding
+    int frames_wanted_ GUARDED_BY(mutex_) = 1; ///< that the forwarder reads at a time
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);
-    SoundRing ring_ GUARDED_BY(mutex_); ///< what was forwarded, for the player
+    SoundRing ring_ GUARDED_BY(mutex_); ///< the latest forwarded frames, for the player
     int64_t position_ GUARDED_BY(mutex_) = 0;
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
-    int64_t trouble_ns_ GUARDED_BY(mutex_) = 0;
+    int64_t failed_ns_ GUARDED_BY(mutex_) = 0;
     int64_t back_ns_ GUARDED_BY(mutex_) = 0;  ///< when it last recovered
     int64_t moved_ns_ GUARDED_BY(mutex_) = 0; ///< when the last frame came from the device
     int64_t silent_ GUARDED_BY(mutex_) = 0;   ///< frames of silence since then
-    int64_t owed_ GUARDED_BY(mutex_) = 0;     ///< silence to come before the first frame of a device that is back
+    int64_t
+        owed_ GUARDED_BY(mutex_) = 0; ///< frames of silence to deliver before the first frame of a device that is back
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
     std::string last_refusal_ GUARDED_BY(mutex_);
     std::string last_report_ GUARDED_BY(mutex_);

@@ -48,32 +48,32 @@ std::string cannot_be_opened(const std::string& name, int err, const AlsaMessage
            (messages.text().empty() ? "" : " (" + messages.text() + ")");
 }
 
-struct PcmLook {
+struct PcmCheck {
     bool opened = false;
     int card = -1;     ///< as card_device()
-    std::string fault; ///< why it cannot be opened at all; nothing when it is only in use
+    std::string fault; ///< why it cannot be opened; empty when it can, or when it is only in use
 };
 
-PcmLook look_at_pcm(const std::string& pcm, bool capture)
+PcmCheck check_pcm(const std::string& pcm, bool capture)
 {
     const AlsaMessages messages;
     snd_pcm_t* handle = nullptr;
     const int err = snd_pcm_open(&handle, pcm.c_str(), capture ? SND_PCM_STREAM_CAPTURE : SND_PCM_STREAM_PLAYBACK,
                                  SND_PCM_NONBLOCK);
-    PcmLook look;
-    look.opened = err >= 0;
-    if (look.opened) {
-        look.card = card_device(handle).card;
+    PcmCheck check;
+    check.opened = err >= 0;
+    if (check.opened) {
+        check.card = card_device(handle).card;
         snd_pcm_close(handle);
     } else if (err != -EBUSY && err != -EAGAIN) {
-        look.fault = cannot_be_opened(pcm, err, messages);
+        check.fault = cannot_be_opened(pcm, err, messages);
     }
-    return look;
+    return check;
 }
 
-// What is wrong with the mixer that is named for output @p device, as a line; nothing when it can be used, and when
-// its card cannot be told: the PCM is in use.
-std::string mixer_fault(const AudioDeviceConfig& audio, int device, const PcmLook& pcm)
+// @return a line that says what is wrong with the mixer configured for output @p device; empty when it can be used.
+// Empty as well while the PCM is in use, because its card is not known then.
+std::string mixer_fault(const AudioDeviceConfig& audio, int device, const PcmCheck& pcm)
 {
     const std::string card = mixer_card(audio, pcm.card);
     if (card.empty() && !pcm.fault.empty() && audio.pcm_source.empty())
@@ -98,9 +98,9 @@ void check_device(const AudioDeviceConfig& audio, int device, std::vector<std::s
     const bool names_mixer = (!audio.mixer.empty() && audio.mixer != kNoMixer) || !audio.mixer_card.empty();
     if (audio.pcm_source.empty() && !names_mixer)
         return;
-    PcmLook pcm;
+    PcmCheck pcm;
     if (!audio.pcm_source.empty() || audio.mixer_card.empty())
-        pcm = look_at_pcm(audio.pcm, is_capture(device));
+        pcm = check_pcm(audio.pcm, is_capture(device));
     if (!audio.pcm_source.empty() && !pcm.fault.empty())
         errors->push_back(audio.pcm_source + ": " + pcm.fault);
     std::string fault;
@@ -125,7 +125,7 @@ bool check_config(std::string* error)
 {
     std::vector<std::string> errors;
     const Config config = load_config(&errors);
-    // AUTO repeats the speaker.
+    // Without AUTO, which has the speaker's settings.
     for (int device = E_AUDIO_IO_DEV_SPEAKER; device < E_AUDIO_IO_DEV_MAX; ++device)
         check_device(config.audio[device], device, &errors);
     if (!config.cec_source.empty() && config.cec != "none" && access(config.cec.c_str(), F_OK) != 0)

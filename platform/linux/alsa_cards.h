@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What sound devices this machine has.
+ * The sound devices of this machine.
  */
 #pragma once
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The monotonic clock in nanoseconds, and what it means in frames.
+ * The monotonic clock in nanoseconds, and its conversion to frames.
  */
 #pragma once
 
@@ -23,7 +23,7 @@ inline int64_t now_ns()
     return now.tv_sec * kNsPerSecond + now.tv_nsec;
 }
 
-/// In two steps: a day in nanoseconds times a rate is more than 64 bits hold.
+/// In two steps, because a day in nanoseconds times a rate does not fit into 64 bits.
 inline int64_t frames_in(int64_t ns, int rate)
 {
     return ns / kNsPerSecond * rate + ns % kNsPerSecond * rate / kNsPerSecond;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What the devices have in common: the requests that are taken, and the way back from trouble.
+ * Limits that playback and capture share: valid requests, and the times of recovery from errors.
  */
 #pragma once
 
@@ -17,9 +17,9 @@ namespace hdmi_linux
 constexpr int kMaxChannels = 8;
 constexpr int kMaxRate = 192000;
 constexpr int kMaxPeriodFrames = 1 << 16;
-constexpr int kMaxPeriods = 64; ///< more than a second of the player's
+constexpr int kMaxPeriods = 64; ///< more than a second of the player's periods
 
-/// Whether @p config names a device of the platform, and sound of a size that is taken; not whether its rate is one.
+/// Whether @p config names a device of the platform and has valid sizes. A rate of 0 or less is not refused here.
 inline bool valid_request(const audio_config_t& config)
 {
     return config.device_id >= E_AUDIO_IO_DEV_AUTO && config.device_id < E_AUDIO_IO_DEV_MAX && config.channels > 0 &&
@@ -40,28 +40,29 @@ inline bool valid_playback(const audio_config_t& config)
     return valid_request(config) && valid_output(config.device_id, config.output_fmt) && config.sample_rate > 0;
 }
 
-/// The result of a call on a device that is closed, or was closed meanwhile.
+/// Result of a call on a device that is closed, or that was closed during the call.
 constexpr int kClosed = -EBADFD;
 
-/// The longest wait without a look at the device's state; without a signal there may be no data for hours.
-constexpr int kLookMs = 100;
-/// Troubles of a device in the course of one transfer, each mended: one that fails again at once is not at work.
-constexpr int kMaxTroubles = 3;
-/// Between two attempts to open a device that is lost.
+/// How often a wait checks the device's state: without a signal there may be no data for hours.
+constexpr int kPollMs = 100;
+/// Recoveries per transfer; a device that needs more is treated as lost.
+constexpr int kMaxRecoveries = 3;
+/// Pause between two attempts to open a lost device.
 constexpr int64_t kReopenPauseNs = 200 * kNsPerMs;
-/// A device that fails again so soon after its return is left alone for a while, others are looked for at once.
+/// A device that is lost within this time after its recovery is opened again only after kRelapsePauseNs, others at
+/// once.
 constexpr int64_t kRelapseNs = 200 * kNsPerMs;
 constexpr int64_t kRelapsePauseNs = kNsPerSecond;
-/// When to look for a device that is lost @p now and came to work at @p back_ns.
+/// When to open a device again that was lost @p now and had recovered at @p back_ns.
 inline int64_t retry_after_loss(int64_t now, int64_t back_ns)
 {
     return now - back_ns < kRelapseNs ? now + kRelapsePauseNs : now;
 }
-/// Between two attempts to wake a device that is suspended.
+/// Pause between two attempts to resume a suspended device.
 constexpr int64_t kResumePauseNs = 20 * kNsPerMs;
-/// One that still says that it wakes up is opened anew.
+/// A device that has not resumed by then is opened anew.
 constexpr int64_t kResumeLimitNs = 5 * kNsPerSecond;
-/// Overruns and underruns come in dozens; one message per this time.
+/// Overruns and underruns often come in large numbers: at most one message in this time.
 constexpr int64_t kXrunLogNs = 5 * kNsPerSecond;
 
 } // namespace hdmi_linux

@@ -29,7 +29,7 @@ class Output
 public:
     int open(const audio_config_t& config);
     int reselect(int device_id, int output_fmt);
-    /// Does not wait for a decision in progress: it ends a blocked call.
+    /// Ends a blocked call, and so does not wait for an open or reselect in progress.
     int close() { return playback_.close(); }
     int write(const uint8_t* data, int size) { return playback_.write(data, size); }
     int delay(int* frames) { return playback_.delay(frames); }
@@ -38,11 +38,11 @@ public:
     int set_mute(bool mute) { return playback_.set_mute(mute); }
     DeviceStats playback_stats() { return playback_.stats(); }
 
-    /// Pass-through of a link of @p rate that was opened as @p capture.
+    /// @p capture is the opened capture device, @p rate the rate of its link.
     void start_pass_through(const audio_config_t& capture, int rate);
     /// Harmless when not started.
     void stop_pass_through();
-    /// Hands captured frames on; never waits.
+    /// Sends captured frames. Never waits.
     void pass_through(const uint8_t* data, int frames) { bypass_.put(data, frames); }
     BypassStats bypass_stats() { return bypass_.stats(); }
 
@@ -50,7 +50,7 @@ private:
     void take_from_bypass(int device) REQUIRES(mutex_);
 
     mutex_t mutex_; ///< one decision at a time; before the mutexes of the two streams
-    int last_digital_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE; ///< that playback was on; NONE: none yet
+    int last_digital_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE; ///< last digital output of playback; NONE: none yet
     int passing_ GUARDED_BY(mutex_) = E_AUDIO_IO_DEV_NONE;      ///< the output that pass-through has
     Playback playback_;
     Bypass bypass_;

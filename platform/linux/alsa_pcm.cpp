@@ -20,10 +20,10 @@ namespace
 
 /// A sound server closes within some milliseconds, or does not answer at all.
 constexpr uint32_t kCloseLimitUs = 500000;
-/// Between two looks at a device whose descriptor reports an error that no transfer confirms.
+/// Pause while a device's descriptor reports an error that its transfers do not report.
 constexpr int kErrorPauseMs = 10;
 
-/// A closing on a thread of its own; whoever asked for it may have gone on.
+/// A close on a thread of its own. Its caller may have stopped waiting for it.
 struct Closing {
     Closing() { cond_init_monotonic(ended); }
     ~Closing() { pthread_cond_destroy(&ended); }
@@ -40,7 +40,7 @@ void close_handle(snd_pcm_t* handle)
     snd_pcm_close(handle);
 }
 
-// Nothing but this thread knows the handle.
+// This thread is the only one that uses the handle.
 void run_closing(snd_pcm_t* handle, const std::shared_ptr<Closing>& closing)
 {
     set_thread_name("audio_close");
@@ -50,7 +50,7 @@ void run_closing(snd_pcm_t* handle, const std::shared_ptr<Closing>& closing)
     pthread_cond_broadcast(&closing->ended);
 }
 
-// A server that no longer answers holds the call for as long as its client library waits.
+// While a sound server does not answer, snd_pcm_close() blocks as long as the server's client library waits.
 void close_within_limit(snd_pcm_t* handle)
 {
     const auto closing = std::make_shared<Closing>();
@@ -84,7 +84,7 @@ struct SoftwareParams {
     snd_pcm_sw_params_t* native = nullptr;
 };
 
-// Why the rate was refused, as far as the device tells.
+// Why the rate was refused, with the nearest rate where the device names one.
 std::string offered_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int rate)
 {
     auto nearest = static_cast<unsigned int>(rate);
@@ -94,7 +94,7 @@ std::string offered_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int rate)
     return text + ", the nearest is " + std::to_string(nearest) + " Hz";
 }
 
-// Of a device that is there, rather than still gone.
+// Whether @p err comes from a device that is there, and not from one that is gone.
 bool refuses(int err) { return err == -EINVAL || err == -EBUSY || err == -EACCES || err == -EPERM; }
 
 int fail(int err, std::string* why, std::string reason)
@@ -107,9 +107,9 @@ int fail(int err, std::string* why, std::string reason)
 
 // --- Opening --------------------------------------------------------------------
 
-void say_status(PcmRequest* request, bool non_audio)
+void apply_channel_status(PcmRequest* request, bool non_audio)
 {
-    if (says_channel_status(request->name))
+    if (has_channel_status(request->name))
         return;
     request->status = channel_status(request->rate, non_audio);
     request->name = with_channel_status(request->name, *request->status);
@@ -122,7 +122,7 @@ int Pcm::open(const PcmRequest& request, std::string* why)
     status_set_ = false;
     const AlsaMessages messages;
     snd_pcm_t* handle = nullptr;
-    // Non-blocking: a device in use is refused at once instead of waited for.
+    // Non-blocking: a device in use is refused at once; a blocking open would wait for it.
     int err = snd_pcm_open(&handle, request.name.c_str(), request.stream, SND_PCM_NONBLOCK);
     if (err < 0)
         *why = std::string(snd_strerror(err)) + (messages.text().empty() ? "" : " (" + messages.text() + ")");
@@ -130,7 +130,7 @@ int Pcm::open(const PcmRequest& request, std::string* why)
         handle_.reset(handle);
         place_ = card_device(handle);
         handle_.get_deleter().card = place_.card;
-        // Drivers look at it when the hardware is configured.
+        // Before configure(): drivers read the status when the hardware is configured.
         status_set_ = request.status && set_status_control(card(), device(), *request.status);
         err = configure(request, why);
     }
@@ -143,7 +143,7 @@ void Pcm::close() { handle_.reset(); }
 
 void Pcm::Closer::operator()(snd_pcm_t* handle) const
 {
-    // A card's does not wait, and is free for the next opening at once.
+    // A card's close does not wait, and the card can be opened again at once.
     if (card >= 0)
         close_handle(handle);
     else
@@ -205,10 +205,10 @@ int PcmOpener::attempt(const PcmRequest& request, Pcm* pcm)
         return -EINPROGRESS;
     opening_ = nullptr;
     if (opening->err == 0)
-        told_.clear();
-    else if (refuses(opening->err) && opening->why != told_) {
-        told_ = opening->why;
-        log_w("%s is there, but %s\n", request.name.c_str(), told_.c_str());
+        last_refusal_.clear();
+    else if (refuses(opening->err) && opening->why != last_refusal_) {
+        last_refusal_ = opening->why;
+        log_w("%s is there, but %s\n", request.name.c_str(), last_refusal_.c_str());
     }
     *pcm = std::move(opening->pcm);
     return opening->err;
@@ -296,28 +296,28 @@ int Pcm::read(uint8_t* data, int frames)
     const snd_pcm_sframes_t done = snd_pcm_readi(handle_.get(), data, static_cast<snd_pcm_uframes_t>(frames));
     if (done != 0)
         return static_cast<int>(done);
-    // Not "no data yet", which is an error code: the stream ended, as a loopback's does when the other end takes
-    // another format.
+    // 0 frames mean that the stream ended, as that of a loopback does when its other end takes another format. "No
+    // data yet" would be -EAGAIN.
     return -EBADFD;
 }
 
-Trouble Pcm::trouble(int result) const
+StreamError Pcm::classify(int result) const
 {
     switch (result) {
-    case -EPIPE: return Trouble::xrun;
-    case -ESTRPIPE: return Trouble::suspended;
-    case -EINTR: return Trouble::none;
+    case -EPIPE: return StreamError::xrun;
+    case -ESTRPIPE: return StreamError::suspended;
+    case -EINTR: return StreamError::none;
     case -EAGAIN: break;
-    default: return Trouble::lost;
+    default: return StreamError::lost;
     }
-    // A device that went away may report "try again" for ever.
+    // A device that went away may return -EAGAIN for ever: its state tells.
     switch (snd_pcm_state(handle_.get())) {
-    case SND_PCM_STATE_XRUN: return Trouble::xrun;
-    case SND_PCM_STATE_SUSPENDED: return Trouble::suspended;
+    case SND_PCM_STATE_XRUN: return StreamError::xrun;
+    case SND_PCM_STATE_SUSPENDED: return StreamError::suspended;
     case SND_PCM_STATE_DISCONNECTED:
     case SND_PCM_STATE_OPEN:
-    case SND_PCM_STATE_SETUP: return Trouble::lost;
-    default: return Trouble::none;
+    case SND_PCM_STATE_SETUP: return StreamError::lost;
+    default: return StreamError::none;
     }
 }
 
@@ -333,7 +333,7 @@ int Pcm::resume()
     const AlsaMessages messages;
     if (snd_pcm_resume(handle_.get()) == -EAGAIN)
         return -EAGAIN;
-    // Where the hardware kept its buffer it would play what is long past.
+    // Hardware that kept its buffer would play old sound.
     snd_pcm_drop(handle_.get());
     return restart();
 }
@@ -369,7 +369,7 @@ PollGate::~PollGate() { ::close(wake_fd_); }
 
 void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
 {
-    // Who comes round again at once would never let it become idle.
+    // A caller that polls again at once would keep evict() from ever finding the gate idle.
     if (evicting_ > 0) {
         while (evicting_ > 0)
             guard.wait(free_);
@@ -384,7 +384,7 @@ void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
     const bool broken = std::any_of(fds.begin() + 1, fds.begin() + 1 + count, [](const struct pollfd& fd) {
         return (fd.revents & (POLLERR | POLLNVAL | POLLHUP)) != 0;
     });
-    // The transfer that follows finds out; where it does not, this keeps the loop from spinning.
+    // The next transfer normally reports the error. Where it does not, this pause keeps the caller from spinning.
     if (result > 0 && broken)
         result = poll(fds.data(), 1, kErrorPauseMs);
     guard.lock();

@@ -3,8 +3,8 @@
  * @file
  * One open PCM of alsa-lib: 16-bit interleaved, never blocking in a transfer.
  *
- * Not for two threads at a time: the stream that owns it holds its mutex around
- * every call, and only poll() runs without.
+ * Not for two threads at a time: its owner holds a mutex around every call. Only
+ * poll() on its descriptors runs without.
  */
 #pragma once
 
@@ -32,23 +32,24 @@ struct PcmRequest {
     int rate = 48000;
     int period_frames = 960;
     int period_count = 4;
-    int start_periods = 1;               ///< playback: starts by itself with so many periods queued
-    bool resample = false;               ///< a conversion of the rate inside the named PCM is welcome
-    std::optional<ChannelStatus> status; ///< of a digital output, for its card's control
+    int start_periods = 1;               ///< playback starts when this many periods are queued
+    bool resample = false;               ///< the named PCM may convert the rate
+    std::optional<ChannelStatus> status; ///< for the control of a digital output's card
 };
 
-/// Lets @p request for a digital output say its rate, and whether it carries data, unless its name does already.
-void say_status(PcmRequest* request, bool non_audio);
+/// Adds the channel status to @p request for a digital output: its rate, and whether it carries coded data. Does
+/// nothing if the PCM's name already carries AES parameters.
+void apply_channel_status(PcmRequest* request, bool non_audio);
 
-/// What became of a transfer that did not move a frame.
-enum class Trouble {
-    none,      ///< there is just no room, or no data
-    xrun,      ///< restart() mends it
-    suspended, ///< resume() mends it
-    lost,      ///< only a new opening can mend it
+/// Why a transfer moved no frame.
+enum class StreamError {
+    none,      ///< no error: there is no room, or no data
+    xrun,      ///< restart() recovers
+    suspended, ///< resume() recovers
+    lost,      ///< only a new opening recovers
 };
 
-/// Where the kernel has a PCM; -1: it is no card's, such as a sound server's.
+/// The kernel's numbers of a PCM's card and device; -1: the PCM belongs to no card, but to a sound server, for example.
 struct CardDevice {
     int card = -1;
     int device = -1;
@@ -60,30 +61,30 @@ class Pcm
 public:
     /// Opens and configures; capture also starts. @return 0, or an error code with its reason in @p why.
     int open(const PcmRequest& request, std::string* why);
-    /// What is queued is discarded. Returns soon, even while a sound server holds the call up.
+    /// Discards what is queued. Returns within half a second, even while a sound server does not answer.
     void close();
     bool is_open() const { return handle_ != nullptr; }
 
-    /// @return frames moved, or a negative error code: -EAGAIN, or one for trouble().
+    /// @return frames moved, or a negative error code for classify().
     int write(const uint8_t* data, int frames);
     int read(uint8_t* data, int frames);
     /// What error code @p result of a transfer means.
-    Trouble trouble(int result) const;
+    StreamError classify(int result) const;
 
-    /// After an xrun: ready for data, capture runs again. @return 0, or an error code: the device is lost.
+    /// After an xrun: makes the device ready for data, and starts capture. @return 0, or an error code: it is lost.
     int restart();
-    /// After a suspend; what was queued is gone. @return 0, -EAGAIN while the hardware wakes up, or an error code.
+    /// After a suspend; discards what was queued. @return 0, -EAGAIN while the hardware wakes up, or an error code.
     int resume();
 
-    /// Frames between the application and the ear, or the microphone; negative when unknown.
+    /// Frames that were written and are not heard yet, or captured and not read yet; negative when unknown.
     int delay();
     bool running() const;
-    /// Waits for its first frames.
+    /// Whether it is open but not started.
     bool prepared() const;
 
     static constexpr int kMaxDescriptors = 8;
     int descriptors(struct pollfd* fds);
-    /// To be told after each poll(). @return whether a transfer, or a look at its error, is due.
+    /// To be called after each poll(). @return whether a transfer can move frames or report an error.
     bool ready(struct pollfd* fds, int count);
 
     int period_frames() const { return period_frames_; }
@@ -91,12 +92,12 @@ public:
     /// The kernel's numbers, as card_device().
     int card() const { return place_.card; }
     int device() const { return place_.device; }
-    /// Whether the card has a control that says the request's channel status.
+    /// Whether a control of the card was set to the request's channel status.
     bool status_set() const { return status_set_; }
 
 private:
     struct Closer {
-        int card; ///< the kernel's number; negative: it is no card's
+        int card; ///< as CardDevice
         void operator()(snd_pcm_t* handle) const;
     };
     int set_hardware(const PcmRequest& request, std::string* why);
@@ -111,30 +112,30 @@ private:
     bool status_set_ = false;
 };
 
-/// Records what was asked for and what was obtained. @return the same in words
+/// Records what was requested and obtained. @return the same in words.
 std::string note_opening(const PcmRequest& request, const Pcm& pcm, DeviceStats* stats);
 
-/// Opens a Pcm on a thread of its own: a sound server that does not answer holds an opening up for long.
+/// Opens a Pcm on a thread of its own, because an open blocks while a sound server does not answer.
 class PcmOpener
 {
 public:
-    /// Begins to open, or looks after what began before; does not wait.
+    /// Begins to open, or asks for the result of the opening that began before. Does not wait.
     /// @return 0: @p pcm is open; -EINPROGRESS: not yet; another error code: it cannot be opened.
     int attempt(const PcmRequest& request, Pcm* pcm);
-    /// What began is of no use any more: what comes of it is closed.
+    /// Gives up the opening that began before; a Pcm that it still opens is closed.
     void abandon() { opening_ = nullptr; }
 
 private:
     struct Opening;
     static void run(const std::shared_ptr<Opening>& opening);
     std::shared_ptr<Opening> opening_;
-    std::string told_; ///< why a device that is back was refused
+    std::string last_refusal_; ///< why a device that is back could not be opened, as it was logged
 };
 
 /**
- * Lets threads wait for a Pcm with the stream's mutex released, and whoever is
- * about to close that Pcm send them back first: a closed descriptor in poll()
- * could be another file's by then.
+ * Lets threads wait for a Pcm without the stream's mutex. Before a Pcm is
+ * closed, evict() ends these waits: the number of a closed descriptor may belong
+ * to another file by the time that poll() uses it.
  */
 class PollGate
 {
@@ -144,17 +145,17 @@ public:
     PollGate(const PollGate&) = delete;
     PollGate& operator=(const PollGate&) = delete;
 
-    /// Waits until @p pcm is ready (null: for the time alone), evict() is called or @p timeout_ms have passed.
+    /// Waits until @p pcm is ready (null: no Pcm), evict() is called or @p timeout_ms have passed.
     void wait(mutex_guard& guard, Pcm* pcm, int timeout_ms) NO_THREAD_SAFETY_ANALYSIS;
-    /// Returns when nobody polls; with the mutex held, so that nobody can begin to. Also wakes who waits for the time.
+    /// Ends all waits. Returns when no thread polls, with the mutex held, so that none can begin.
     void evict(mutex_guard& guard) NO_THREAD_SAFETY_ANALYSIS;
 
 private:
     int wake_fd_;
     int polling_ = 0;
     int evicting_ = 0;
-    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; ///< nobody polls
-    pthread_cond_t free_ = PTHREAD_COND_INITIALIZER; ///< nobody evicts
+    pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; ///< polling_ is 0
+    pthread_cond_t free_ = PTHREAD_COND_INITIALIZER; ///< evicting_ is 0
 };
 
 } // namespace hdmi_linux

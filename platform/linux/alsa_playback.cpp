@@ -13,18 +13,18 @@ namespace hdmi_linux
 namespace
 {
 
-/// The ring holds this many of the asked buffers, and seconds: a sound server's delay is longer than the buffer in
-/// front of it, and the configuration may ask for more.
+/// The ring holds the longer of this many requested buffers and this many seconds, because what is not heard yet may
+/// exceed the requested buffer: by a sound server's delay, or by the buffer size that the configuration sets.
 constexpr int kRingBuffers = 8;
 constexpr int kRingSeconds = 2;
-/// A device that takes nothing for its whole buffer and this much longer is lost. A sound server may be silent for two
-/// seconds before its idle sink wakes up.
+/// A device that takes no frame for the length of its buffer and this much longer is lost. A sound server may need two
+/// seconds to wake up an idle sink.
 constexpr int64_t kStuckNs = 3 * kNsPerSecond;
-/// What a device says of its delay is checked against the clock for so long after its start; their paces differ.
+/// For this long after its start a device's delay is checked against the clock. Not longer, because their rates differ.
 constexpr int64_t kFreshNs = kNsPerSecond;
-/// Between two looks at an opening in progress.
-constexpr int64_t kOpeningLookNs = 10 * kNsPerMs;
-/// The device is not asked.
+/// How often an opening in progress is checked.
+constexpr int64_t kOpeningPollNs = 10 * kNsPerMs;
+/// Stands for the delay of a device that is not asked for it.
 constexpr int kNoDelay = -ENODEV;
 
 } // namespace
@@ -39,7 +39,7 @@ PcmRequest Playback::request_for(const Config& config, int device) const
     request.channels = config_.channels;
     request.rate = config_.sample_rate;
     if (is_digital(device))
-        say_status(&request, false);
+        apply_channel_status(&request, false);
     request.period_frames = config_.period_frames;
     const int periods = config.audio[device].periods;
     request.period_count = periods > 0 ? periods : config_.period_count;
@@ -73,7 +73,7 @@ int Playback::open(const audio_config_t& config)
     const int err = pcm.open(request, &why);
     if (err < 0) {
         const std::string refusal = request.name + ": " + why;
-        // The player tries again for every block.
+        // Logged once, because the player tries again for every block.
         if (refusal != last_refusal_)
             log_e("%s cannot play: %s\n", device_key(config.device_id), refusal.c_str());
         last_refusal_ = refusal;
@@ -88,7 +88,7 @@ int Playback::open(const audio_config_t& config)
     return 0;
 }
 
-// The device is at work from here on; what is in the ring and was not sent goes to it.
+// The device works from here on, and gets the frames of the ring that were not sent.
 void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
 {
     opener_.abandon();
@@ -114,7 +114,7 @@ int Playback::close()
     const uint64_t closing = ++opening_;
     opener_.abandon();
     gate_.evict(guard);
-    // It may have been opened anew meanwhile.
+    // Another thread may have opened it again meanwhile.
     if (opening_ == closing) {
         pcm_.close();
         volume_.detach();
@@ -132,8 +132,8 @@ int64_t Playback::heard(int64_t now) const
     return std::min(heard_ + passed, state_ == State::working ? sent_ : ring_.end());
 }
 
-// Asks the device, for frames or an error code. One that has not started yet heard nothing, whatever it says, and none
-// is heard faster than time passes: a sound server knows of no delay until its first report.
+// @return frames, or an error code. Before its start a device has played nothing, whatever delay it reports. After the
+// start no more can be heard than the time allows: a sound server reports no delay before its first update.
 int Playback::device_delay(int64_t now)
 {
     if (pcm_.prepared())
@@ -155,7 +155,7 @@ void Playback::note_heard(int64_t now)
     moving_ = pcm_.running();
 }
 
-// From here on it is the clock that plays.
+// From here on the clock says what would be heard.
 void Playback::freeze_heard(int64_t now)
 {
     heard_ = heard(now);
@@ -167,7 +167,8 @@ void Playback::freeze_heard(int64_t now)
 // Frames that a write may put into the ring now.
 int Playback::room(int64_t now) const
 {
-    // The device's buffer is in front of a device at work, a period is on its way; without one this is the buffer.
+    // While the device works, the ring holds at most one period, since the device has its own buffer; otherwise the
+    // ring stands in for that buffer.
     const int64_t free = state_ == State::working
                              ? config_.period_frames - (ring_.end() - sent_)
                              : config_.period_frames * config_.period_count - (ring_.end() - heard(now));
@@ -180,7 +181,7 @@ int Playback::accept(const uint8_t* data, int frames, int64_t now)
     if (count <= 0)
         return 0;
     if (state_ != State::working && heard(now) == ring_.end()) {
-        // Nothing was left to be played: the clock waits for what comes.
+        // Everything was played: the clock stood still and starts again now.
         heard_ = ring_.end();
         heard_ns_ = now;
     }
@@ -188,10 +189,10 @@ int Playback::accept(const uint8_t* data, int frames, int64_t now)
     return count;
 }
 
-// Whether what was written has gone where a device would have taken it.
+// Whether a device would have taken all that was written.
 bool Playback::taken() const { return state_ != State::working || sent_ == ring_.end(); }
 
-// With the sound that is enough for a start the device goes to work.
+// The device starts by itself once enough frames are queued.
 int Playback::send(SoundRing::Piece piece, int64_t now)
 {
     if (pcm_.prepared()) {
@@ -209,17 +210,17 @@ int Playback::send(SoundRing::Piece piece, int64_t now)
 
 void Playback::pump(int64_t now)
 {
-    for (int troubles = 0; state_ == State::working && sent_ < ring_.end();) {
+    for (int recoveries = 0; state_ == State::working && sent_ < ring_.end();) {
         const int result = send(ring_.piece(sent_, config_.period_frames), now);
         if (result > 0) {
             sent_ += result;
             progress_ns_ = now;
             continue;
         }
-        const Trouble trouble = pcm_.trouble(result);
-        if (trouble == Trouble::none)
+        const StreamError error = pcm_.classify(result);
+        if (error == StreamError::none)
             break;
-        handle(++troubles <= kMaxTroubles ? trouble : Trouble::lost, result, now);
+        handle_error(++recoveries <= kMaxRecoveries ? error : StreamError::lost, result, now);
     }
     if (state_ == State::working)
         note_heard(now);
@@ -232,16 +233,16 @@ void Playback::wait(mutex_guard& guard, int64_t now)
         if (now - progress_ns_ > buffer_ns + kStuckNs)
             lose(-ETIMEDOUT, now);
         else
-            gate_.wait(guard, &pcm_, kLookMs);
+            gate_.wait(guard, &pcm_, kPollMs);
         return;
     }
-    // Until a period's room is there, or the device may be looked for.
+    // Waits until there is room for a period, or until the next attempt to open the device is due.
     const int64_t buffer = config_.period_frames * config_.period_count;
     const int64_t excess = ring_.end() - heard(now) + config_.period_frames - buffer;
     int64_t due = now + ns_of(std::max<int64_t>(excess, 1), config_.sample_rate);
     if (state_ != State::yielded)
         due = std::min(due, std::max(retry_ns_, now));
-    gate_.wait(guard, nullptr, std::clamp(static_cast<int>((due - now) / kNsPerMs) + 1, 1, kLookMs));
+    gate_.wait(guard, nullptr, std::clamp(static_cast<int>((due - now) / kNsPerMs) + 1, 1, kPollMs));
 }
 
 int Playback::write(const uint8_t* data, int size)
@@ -257,7 +258,7 @@ int Playback::write(const uint8_t* data, int size)
     int done = 0;
     progress_ns_ = std::max(progress_ns_, now_ns());
     while (opening_ == opening) {
-        mend(now_ns());
+        recover(now_ns());
         const int64_t now = now_ns();
         const int count = accept(data + static_cast<size_t>(done) * frame_bytes, frames - done, now);
         done += count;
@@ -282,33 +283,33 @@ int Playback::delay(int* frames)
     const int queued = state_ == State::working ? device_delay(now) : kNoDelay;
     if (queued >= 0)
         *frames = static_cast<int>(ring_.end() - sent_) + queued;
-    else if (queued == -EPIPE) // an underrun: all of it was heard
+    else if (queued == -EPIPE) // an underrun: the device has played everything
         *frames = static_cast<int>(ring_.end() - sent_);
-    else // a device that is gone or asleep: the clock goes on, before a write finds out as well as after
+    else // a device that is gone or suspended, whether a write has noticed it yet or not
         *frames = static_cast<int>(ring_.end() - heard(now));
     return 0;
 }
 
-// --- Trouble, and the way back ----------------------------------------------------
+// --- Errors and recovery ----------------------------------------------------------
 
-void Playback::handle(Trouble trouble, int err, int64_t now)
+void Playback::handle_error(StreamError error, int err, int64_t now)
 {
-    switch (trouble) {
-    case Trouble::none: break;
-    case Trouble::xrun: recover_xrun(now); break;
-    case Trouble::suspended:
+    switch (error) {
+    case StreamError::none: break;
+    case StreamError::xrun: recover_xrun(now); break;
+    case StreamError::suspended:
         log_w("%s is suspended\n", request_.name.c_str());
         stats_.suspends++;
         freeze_heard(now);
         state_ = State::suspended;
-        trouble_ns_ = retry_ns_ = now;
+        failed_ns_ = retry_ns_ = now;
         break;
-    case Trouble::lost: lose(err, now); break;
+    case StreamError::lost: lose(err, now); break;
     }
 }
 
-// It starts again with as much queued as the first time, not with more: what came too late is queued as well and is
-// the reserve for the next time, and more would keep the sound behind the picture where it was lost.
+// The device starts again with as many periods queued as at first. The frames that came too late are among them and
+// become its reserve. A longer queue would keep the sound behind the picture.
 void Playback::recover_xrun(int64_t now)
 {
     heard_ = sent_;
@@ -330,7 +331,7 @@ void Playback::lose(int err, int64_t now)
     log_w("%s is gone: %s; looking for it until it is back\n", request_.name.c_str(), snd_strerror(err));
     stats_.losses++;
     if (state_ == State::working)
-        trouble_ns_ = now;
+        failed_ns_ = now;
     give_up_pcm(State::lost, now);
 }
 
@@ -347,26 +348,26 @@ void Playback::give_up_pcm(State state, int64_t now)
 
 void Playback::give_up_working_pcm(State state)
 {
-    trouble_ns_ = now_ns();
+    failed_ns_ = now_ns();
     if (state_ == State::working)
-        note_heard(trouble_ns_);
-    give_up_pcm(state, trouble_ns_);
+        note_heard(failed_ns_);
+    give_up_pcm(state, failed_ns_);
 }
 
-void Playback::mend(int64_t now)
+void Playback::recover(int64_t now)
 {
     if (now < retry_ns_)
         return;
     if (state_ == State::suspended)
-        mend_suspend(now);
+        recover_suspend(now);
     else if (state_ == State::lost)
-        mend_loss(now);
+        recover_loss(now);
 }
 
-void Playback::mend_suspend(int64_t now)
+void Playback::recover_suspend(int64_t now)
 {
     const int err = pcm_.resume();
-    if (err == -EAGAIN && now - trouble_ns_ < kResumeLimitNs) {
+    if (err == -EAGAIN && now - failed_ns_ < kResumeLimitNs) {
         retry_ns_ = now + kResumePauseNs;
     } else if (err < 0) {
         lose(err, now);
@@ -377,11 +378,11 @@ void Playback::mend_suspend(int64_t now)
     }
 }
 
-void Playback::mend_loss(int64_t now)
+void Playback::recover_loss(int64_t now)
 {
     Pcm pcm;
     const int err = opener_.attempt(request_, &pcm);
-    retry_ns_ = now + (err == -EINPROGRESS ? kOpeningLookNs : kReopenPauseNs);
+    retry_ns_ = now + (err == -EINPROGRESS ? kOpeningPollNs : kReopenPauseNs);
     if (err < 0)
         return;
     const int64_t position = heard(now);
@@ -396,15 +397,15 @@ void Playback::requeue_from(int64_t position, int64_t now)
     moving_ = false;
 }
 
-// What would have been heard meanwhile is past; the rest is queued again.
+// Frames whose time passed without a device are lost; the rest is queued again.
 void Playback::resume_flow(int64_t position, int64_t now)
 {
     stats_.frames_lost += std::max<int64_t>(position - lost_at_, 0);
     stats_.recoveries++;
-    stats_.recovery_us = (now - trouble_ns_) / kNsPerUs;
+    stats_.recovery_us = (now - failed_ns_) / kNsPerUs;
     back_ns_ = now;
     requeue_from(position, now);
-    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - trouble_ns_) / kNsPerMs));
+    log_w("%s is back after %lld ms\n", request_.name.c_str(), static_cast<long long>((now - failed_ns_) / kNsPerMs));
 }
 
 // --- Another device ---------------------------------------------------------------
@@ -420,7 +421,7 @@ int Playback::reselect(int device_id, int output_fmt)
     return err;
 }
 
-// A name instead of a number was for that device only.
+// A pcm_name belongs to the device that it was given with.
 void Playback::select(int device_id)
 {
     if (device_id != config_.device_id)
@@ -448,7 +449,7 @@ int Playback::move_to(mutex_guard& guard, int device_id)
     if (opening_ != opening)
         return kClosed;
     if (err == -EBUSY && pcm_.is_open()) {
-        // Two names of one device: the old one has to go before the new one can come, or come back.
+        // Two names of one device: the old PCM must be closed before the new one can be opened.
         give_up_working_pcm(State::lost);
         err = pcm.open(next, &why);
     }
@@ -477,7 +478,7 @@ void Playback::yield_output(int device)
         return;
     const uint64_t opening = opening_;
     gate_.evict(guard);
-    // The player may have closed the device meanwhile, or selected another one.
+    // Meanwhile the player may have closed the device or selected another one.
     if (opening_ == opening && state_ != State::yielded && config_.device_id == device)
         give_up_working_pcm(State::yielded);
 }

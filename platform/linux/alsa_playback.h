@@ -3,11 +3,11 @@
  * @file
  * The playback device on ALSA.
  *
- * What the player writes goes through a ring that keeps it until it has been
- * heard. When the device changes, or comes back after it was lost, what nobody
- * heard yet is queued again. While there is no device, time goes on as if there
- * were one: writes take as long, the delay falls as fast, so that the picture
- * keeps its clock and the sound returns in its place.
+ * A ring keeps what the player writes until it has been heard. When the player
+ * moves to another device, or a lost one comes back, the frames that were not
+ * heard yet are queued again. While there is no device, time passes as with one:
+ * writes take as long and the delay falls as fast. So the video keeps its audio
+ * clock, and the sound comes back in sync.
  */
 #pragma once
 
@@ -48,9 +48,9 @@ private:
     enum class State {
         closed,
         working,
-        suspended, ///< the PCM is there and wakes up
-        lost,      ///< there is no PCM; opened again when due
-        yielded,   ///< there is no PCM; the output is somebody else's
+        suspended, ///< the PCM is open and wakes up
+        lost,      ///< there is no PCM; it is opened again at retry_ns_
+        yielded,   ///< there is no PCM; another stream has the output
     };
 
     PcmRequest request_for(const Config& config, int device) const REQUIRES(mutex_);
@@ -59,7 +59,8 @@ private:
     void select(int device_id) REQUIRES(mutex_);
     int move_to(mutex_guard& guard, int device_id) REQUIRES(mutex_);
 
-    // The flow of frames: ring_.end() were written, sent_ are in the device, heard() of them are through.
+    // The flow of frames, counted from open(): ring_.end() were written, sent_ of them passed to the device, heard()
+    // of those played.
     int64_t heard(int64_t now) const REQUIRES(mutex_);
     int device_delay(int64_t now) REQUIRES(mutex_);
     void note_heard(int64_t now) REQUIRES(mutex_);
@@ -71,41 +72,42 @@ private:
     int send(SoundRing::Piece piece, int64_t now) REQUIRES(mutex_);
     void wait(mutex_guard& guard, int64_t now) REQUIRES(mutex_);
 
-    // Trouble, and the way back.
-    void handle(Trouble trouble, int err, int64_t now) REQUIRES(mutex_);
+    // Errors and recovery.
+    void handle_error(StreamError error, int err, int64_t now) REQUIRES(mutex_);
     void recover_xrun(int64_t now) REQUIRES(mutex_);
     void lose(int err, int64_t now) REQUIRES(mutex_);
     void give_up_pcm(State state, int64_t now) REQUIRES(mutex_);
     void give_up_working_pcm(State state) REQUIRES(mutex_);
-    void mend(int64_t now) REQUIRES(mutex_);
-    void mend_suspend(int64_t now) REQUIRES(mutex_);
-    void mend_loss(int64_t now) REQUIRES(mutex_);
+    void recover(int64_t now) REQUIRES(mutex_);
+    void recover_suspend(int64_t now) REQUIRES(mutex_);
+    void recover_loss(int64_t now) REQUIRES(mutex_);
     void requeue_from(int64_t position, int64_t now) REQUIRES(mutex_);
     void resume_flow(int64_t position, int64_t now) REQUIRES(mutex_);
 
     mutex_t mutex_;
     PollGate gate_;
     State state_ GUARDED_BY(mutex_) = State::closed;
-    uint64_t opening_ GUARDED_BY(mutex_) = 0; ///< a call that began in another opening ends
+    uint64_t
+        opening_ GUARDED_BY(mutex_) = 0; ///< number of the present opening; a call that began in an earlier one ends
     audio_config_t config_ GUARDED_BY(mutex_) = {};
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);
     Volume volume_ GUARDED_BY(mutex_);
     GainRamp gain_ GUARDED_BY(mutex_);
-    std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, on its way to the device
+    std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, scaled for the device
     SoundRing ring_ GUARDED_BY(mutex_);
     int64_t sent_ GUARDED_BY(mutex_) = 0;
-    int64_t heard_ GUARDED_BY(mutex_) = 0; ///< at heard_ns_, and going on from there if moving_
+    int64_t heard_ GUARDED_BY(mutex_) = 0; ///< at heard_ns_; it goes on from there if moving_
     int64_t heard_ns_ GUARDED_BY(mutex_) = 0;
     bool moving_ GUARDED_BY(mutex_) = false;
-    int64_t started_at_ GUARDED_BY(mutex_) = 0; ///< what was heard when the device last started
+    int64_t started_at_ GUARDED_BY(mutex_) = 0; ///< heard_ when the device last started
     int64_t started_ns_ GUARDED_BY(mutex_) = 0;
-    int64_t progress_ns_ GUARDED_BY(mutex_) = 0; ///< when the device last took something
+    int64_t progress_ns_ GUARDED_BY(mutex_) = 0; ///< when the device last took a frame
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
-    int64_t trouble_ns_ GUARDED_BY(mutex_) = 0; ///< when the device was lost or suspended
-    int64_t back_ns_ GUARDED_BY(mutex_) = 0;    ///< when it last recovered
-    int64_t lost_at_ GUARDED_BY(mutex_) = 0;    ///< what had been heard then
+    int64_t failed_ns_ GUARDED_BY(mutex_) = 0; ///< when the device was lost or suspended
+    int64_t back_ns_ GUARDED_BY(mutex_) = 0;   ///< when it last recovered
+    int64_t lost_at_ GUARDED_BY(mutex_) = 0;   ///< heard_ at that time
     int64_t xrun_log_ns_ GUARDED_BY(mutex_) = 0;
     std::string last_refusal_ GUARDED_BY(mutex_);
     std::string last_report_ GUARDED_BY(mutex_);

@@ -15,11 +15,11 @@ namespace
 {
 
 constexpr int kMaxPercent = 100;
-/// Without a mixer the direct volume has these units: an amplitude of so many steps.
+/// The range of the direct volume without a mixer: steps of amplitude.
 constexpr int kMaxDirect = 255;
-/// Up to here, in hundredths of a decibel, a control is even to the ear when its decibels are even.
+/// A control of at most this range, in hundredths of a decibel, is set evenly in decibels.
 constexpr long kLinearRange = 2400;
-/// Hundredths of a decibel for a factor of ten in the cube root of the amplitude.
+/// Hundredths of a decibel for a factor of ten in the cube root of the amplitude, which is even to the ear.
 constexpr double kCubicScale = 6000.0;
 /// Change of gain per frame: from silence to full level in 10 ms at 48 kHz.
 constexpr float kRampStep = 1.0f / 480.0f;
@@ -28,7 +28,7 @@ struct Candidates {
     int device;
     const char* elements[4];
 };
-/// What a card calls the volume of an output, the most telling first. Digital outputs have none.
+/// Usual names of an output's volume control, the most specific first. Digital outputs have none.
 constexpr Candidates kCandidates[] = {
     {E_AUDIO_IO_DEV_AUTO, {"Master", "Speaker", "PCM", "Digital"}},
     {E_AUDIO_IO_DEV_SPEAKER, {"Master", "Speaker", "PCM", "Digital"}},
@@ -59,7 +59,7 @@ int set_percent_of(snd_mixer_elem_t* element, int percent)
 {
     long min = 0;
     long max = 0;
-    // Rounded up, so that the lowest percents are not silent already.
+    // Rounded up, so that 1 % is not silent.
     constexpr int kUp = 1;
     if (snd_mixer_selem_get_playback_dB_range(element, &min, &max) >= 0 && min < max)
         return snd_mixer_selem_set_playback_dB_all(element, volume_decibels(percent, min, max), percent > 0 ? kUp : 0);
@@ -109,7 +109,7 @@ void GainRamp::apply(const uint8_t* from, int16_t* to, int frames, int channels)
 
 // --- Mixer ----------------------------------------------------------------------
 
-// A sound server's mixer is everybody's: it is used when the configuration names it, not by itself.
+// A sound server's mixer belongs to all programs: it is used only when the configuration names it.
 std::string mixer_card(const AudioDeviceConfig& config, int card)
 {
     if (!config.mixer_card.empty())
@@ -163,7 +163,7 @@ void Volume::attach(const AudioDeviceConfig& config, int device, int card)
         identity = control + "/" + snd_mixer_selem_get_name(element_);
     if (identity == identity_ && !fresh_)
         return;
-    // In another mixer's units the value means something else.
+    // Another mixer has other units.
     if (identity != identity_ && kind_ == Kind::direct)
         kind_ = Kind::unset;
     identity_ = std::move(identity);
@@ -182,7 +182,7 @@ void Volume::detach()
 
 void Volume::catch_up()
 {
-    // What others set meanwhile: a value that seems to be there already is not written.
+    // Reads what other programs have set. Otherwise alsa-lib would not write a value that it takes for the present one.
     if (mixer_ != nullptr)
         snd_mixer_handle_events(mixer_.get());
 }
@@ -198,7 +198,7 @@ int Volume::set_percent(int percent)
 
 int Volume::set_direct(int value)
 {
-    // While the card is gone nobody knows its range.
+    // While the card is gone its range is not known, and any value is accepted.
     if (element_ == nullptr && !fresh_ && (value < 0 || value > kMaxDirect))
         return -EINVAL;
     const bool mute_by_volume = mute_ && element_ != nullptr && !snd_mixer_selem_has_playback_switch(element_);
@@ -240,7 +240,7 @@ int Volume::apply_mute()
     if (!mute_)
         return apply_volume();
     if (kind_ == Kind::unset) {
-        // What was set outside the player comes back with the sound.
+        // A volume that another program set is restored.
         long before = 0;
         if (snd_mixer_selem_get_playback_volume(element_, SND_MIXER_SCHN_FRONT_LEFT, &before) >= 0) {
             kind_ = Kind::direct;

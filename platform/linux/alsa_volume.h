@@ -16,15 +16,14 @@
 namespace hdmi_linux
 {
 
-/// Hundredths of a decibel for @p percent of a control that reaches from @p min to @p max: by the decibel where the
-/// range is small, else by the cube root of the amplitude, which is even to the ear. @p min may be
-/// SND_CTL_TLV_DB_GAIN_MUTE.
+/// Hundredths of a decibel for @p percent of a control with the range @p min to @p max: in proportion to the decibels
+/// where the range is small, else to the cube root of the amplitude. @p min may be SND_CTL_TLV_DB_GAIN_MUTE.
 long volume_decibels(int percent, long min, long max);
 
 /// Amplitude for @p percent without a mixer: 1 at 100, silence at 0, cubic between.
 float volume_gain(int percent);
 
-/// Scales samples, changing from one gain to another over some milliseconds so that no step is heard.
+/// Scales samples. The gain changes over some milliseconds, so that no click is heard.
 class GainRamp
 {
 public:
@@ -32,7 +31,7 @@ public:
     void settle() { current_ = target_; }
     bool is_unity() const { return current_ == 1.0f && target_ == 1.0f; }
     void apply(const uint8_t* from, int16_t* to, int frames, int channels) const;
-    /// So many frames went out with it.
+    /// @p frames frames of the last apply() were taken by the device.
     void advance(int frames) { current_ = after(frames); }
 
 private:
@@ -46,21 +45,21 @@ struct MixerCloser {
 };
 using Mixer = std::unique_ptr<snd_mixer_t, MixerCloser>;
 
-/// Which control device has the mixer of an output whose PCM is on @p card, -1: on none. Empty: there is none.
+/// The control device of the mixer for an output whose PCM is on @p card (-1: on none); empty: there is none.
 std::string mixer_card(const AudioDeviceConfig& config, int card);
 /// @return 0, or an error code: then @p mixer is empty.
 int open_mixer(const std::string& card, Mixer* mixer);
-/// The volume control of output @p device: the one that @p config names, or the usual one; null: there is none.
+/// The volume control of output @p device: that of @p config, else the usual one; null: there is none.
 snd_mixer_elem_t* find_volume(snd_mixer_t* mixer, const AudioDeviceConfig& config, int device);
 
-/// The volume that the player wants, carried out on whatever output is in use. Not for two threads at a time.
+/// The volume that the player has set, for whatever output is in use. Not for two threads at a time.
 class Volume
 {
 public:
-    /// Takes the mixer of the device that was just opened; @p card is the kernel's number, -1: none. What the player
-    /// asked for before is set on it.
+    /// Opens the mixer for the device that was just opened, and sets what the player has asked for. @p card is the
+    /// kernel's number; -1: none.
     void attach(const AudioDeviceConfig& config, int device, int card);
-    /// Gives the mixer up: the card went away. When it is back, what the player asked for is set anew.
+    /// Closes the mixer, because the card went away. attach() then sets everything anew.
     void detach();
 
     /// @return 0, or an error code.
@@ -68,7 +67,7 @@ public:
     int set_direct(int value);
     int set_mute(bool mute);
 
-    /// For the samples; 1 where the mixer does it.
+    /// The gain for the samples; 1 where the mixer sets the volume.
     float software_gain() const;
 
 private:
@@ -80,8 +79,8 @@ private:
 
     Mixer mixer_;
     snd_mixer_elem_t* element_ = nullptr; ///< of mixer_; null: the samples are scaled
-    std::string identity_;                ///< of the element, for messages and to see that it is another one
-    bool fresh_ = false;                  ///< nothing was set on it since it came back
+    std::string identity_;                ///< of the element: tells whether attach() found another one
+    bool fresh_ = false;                  ///< nothing was set since detach()
     Kind kind_ = Kind::unset;
     int value_ = 0;
     bool mute_ = false;

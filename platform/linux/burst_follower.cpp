@@ -11,8 +11,8 @@ constexpr uint16_t kSyncB = 0x4E1F;
 constexpr int kTypeMask = 0x7F;
 constexpr int kBitsPerWord = 16;
 
-// Data types that tell the payload's length in bytes, the others in bits. For one that is not known yet the larger
-// guess: stuffing taken for payload does no harm.
+// Whether a data type's length code counts bytes; the others count bits. Types above those
+// known count as bytes, which makes the payload longer: to take stuffing for payload does no harm.
 bool length_is_bytes(int type)
 {
     constexpr int kDts4 = 17;

@@ -10,12 +10,12 @@
 namespace hdmi_linux
 {
 
-/// Follows the bursts of a link in words: zeros behind a payload are stuffing, those of a payload are not.
+/// Follows the bursts of a link word by word. Zeros after a payload are stuffing, zeros inside a payload are not.
 class BurstFollower
 {
 public:
-    /// Goes on with @p frames frames of two words. @return the first that begins a run of at least @p run frames of
-    /// stuffing, -1: there is none.
+    /// Takes the next @p frames frames of two words. @return the first frame of a run of at least @p run frames of
+    /// stuffing; -1: there is none.
     int find_stuffing(const int16_t* words, int frames, int run);
 
 private:
@@ -26,7 +26,7 @@ private:
     Expected expected_ = Expected::sync_a;
     int type_ = 0;         ///< of the burst
     int payload_left_ = 0; ///< words
-    bool seen_ = false;    ///< a burst: what comes before may be the end of a payload
+    bool seen_ = false;    ///< a burst; before the first one, zeros may be the end of a payload
 };
 
 } // namespace hdmi_linux

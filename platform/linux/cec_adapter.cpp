@@ -80,8 +80,7 @@ std::string cannot_open(const std::string& path, const std::string& source, int 
 struct CecAdapter::Properties {
     bool addressable() const { return (capabilities & CEC_CAP_PHYS_ADDR) != 0; }
     Fitness unasked_fitness() const;
-    /// @p named: a user named this adapter. Then one that seems to be another device's will do, unless it is used as
-    /// such.
+    /// @p named: the user named this adapter. Then it may look like another device's, but must not be used as such.
     Fitness fitness(bool named) const;
 
     uint32_t capabilities = 0;
@@ -137,7 +136,7 @@ int CecAdapter::take(const CecChoice& choice, std::string* refused)
     lost_path_.clear();
     int error = 0;
     for (int attempt = 1; (error = choose_and_open(refused)) != 0; ++attempt) {
-        // Another player may look at the adapter at this moment, or may just have taken it: then the next best will do.
+        // Another player may be inspecting the adapter at this moment, or has taken it. Then the next best is tried.
         if (error != EBUSY || attempt == kLockAttempts)
             break;
         ::poll(nullptr, 0, kLockPauseMs);
@@ -241,8 +240,9 @@ bool CecAdapter::lock()
 
 int CecAdapter::configure_again() { return configure(false) ? 0 : errno; }
 
-// A TV is the root of the physical addresses, 0.0.0.0: set here where the driver does not know it. Another program's
-// configuration stays as it is; one that a killed player left is taken over. @p first: since the opening. Sets errno.
+// A TV has the physical address 0.0.0.0, which is set here where the driver does not know it. Another program's
+// configuration stays as it is. One that a killed player left is taken over. @p first: the first call after the
+// opening. Sets errno.
 bool CecAdapter::configure(bool first)
 {
     Properties found;

@@ -48,7 +48,7 @@ public:
     /// The device is gone.
     void lose();
 
-    /// With an address that is not a TV's, messages are left to the kernel, which answers them.
+    /// Receives messages, or leaves them to the kernel, which answers them: for an address that is not a TV's.
     void listen(bool on);
     /// Whether this side configured the adapter, and no other program has changed that since.
     bool is_configured_here() const;
@@ -82,11 +82,11 @@ private:
     std::string path_;
     std::string lost_path_; ///< of the adapter that was unplugged; empty: none was
     int fd_ = -1;
-    bool listening_ = false; ///< receives messages; otherwise the kernel answers them
+    bool listening_ = false; ///< as listen() has set it
     bool configured_here_ = false;
     bool addressable_ = false;
-    std::string driver_;                     ///< the kernel's, of the adapter that was used last
-    std::optional<uint16_t> former_address_; ///< the physical address before it was set here; empty: it was not
+    std::string driver_;                     ///< the kernel driver of the adapter used last
+    std::optional<uint16_t> former_address_; ///< the physical address to give back; empty: it was not changed
 };
 
 } // namespace hdmi_linux

@@ -8,19 +8,19 @@ namespace cec_arc
 namespace
 {
 
-/// The standard's maximum response time.
+/// The maximum response time of the CEC standard.
 constexpr int64_t kResponseMs = 1000;
-/// Longer than the kernel takes to say what became of a message: four attempts on a bus that is busy.
+/// The kernel reports the result of a message within this time, even after four attempts on a busy bus.
 constexpr int64_t kDeliveryMs = 5000;
-/// An audio system that is just being switched on takes some seconds.
+/// Enough for an audio system that takes some seconds to switch on.
 constexpr int kAttempts = 3;
-constexpr int64_t kFirstPauseMs = 1000; ///< doubled for each further one
-/// Between two attempts to end the channel on a bus that is disturbed, or beside a program that is busy.
+constexpr int64_t kFirstPauseMs = 1000; ///< before the second attempt; doubled before the third
+/// Pause between two attempts to close the channel on a disturbed bus, or while another program keeps it busy.
 constexpr int64_t kClosePauseMs = 200;
 
-/// Answers that wait for the bus. It carries some twenty messages a second: who asks faster is not answered.
+/// Answers that may wait for the bus, which carries some twenty messages a second. Messages beyond that get no answer.
 constexpr size_t kOutboxMax = 16;
-/// As many as can come of one event, several times over.
+/// More notices than several events can cause.
 constexpr size_t kNoticesMax = 16;
 
 constexpr size_t kPhysicalAddressDigits = 4;
@@ -94,8 +94,8 @@ void TvSide::close(int64_t now)
     wanted_ = false;
     was_active_ = phase_ == Phase::active;
     outbox_.clear();
-    // What was asked for may still be granted: taken back as well. And what was granted stays so, whatever came of
-    // asking again.
+    // A request may still be granted, so it is taken back as well. A channel that was granted stays open even if a
+    // later request for it failed.
     if (!granted_ && phase_ != Phase::requesting) {
         enter(Phase::closed);
         return;
@@ -188,7 +188,7 @@ void TvSide::aborted(uint8_t opcode, uint8_t reason, int64_t now)
     if (opcode == kGivePhysicalAddress && inquiry_deadline_ != kNever)
         address_unknown(Notice::no_address, now);
     else if (opcode == kRequestArcInitiation && phase_ == Phase::requesting) {
-        // In standby, perhaps: that may pass.
+        // The audio system may be in standby and accept later.
         if (reason == kIncorrectMode)
             attempt_failed(Notice::refused, now);
         else
@@ -199,7 +199,7 @@ void TvSide::aborted(uint8_t opcode, uint8_t reason, int64_t now)
 
 void TvSide::refuse(uint8_t from, uint8_t opcode, AbortReason reason)
 {
-    // Nobody owns that address: an answer would reach everybody.
+    // No device owns that address, which as a destination is the broadcast address.
     if (from == kUnregistered || outbox_.size() >= kOutboxMax)
         return;
     send(Message(static_cast<LogicalAddress>(from), kFeatureAbort, {opcode, static_cast<uint8_t>(reason)}));
@@ -314,7 +314,7 @@ void TvSide::attempt_failed(Notice cause, int64_t now)
 
 void TvSide::give_up(Notice cause)
 {
-    // Asked again because it told its address, it refuses what is open already.
+    // The request was repeated because the audio system reported its address. It refuses, since the channel is open.
     if (confirmed_ && cause == Notice::refused) {
         enter(Phase::active);
         return;
@@ -341,8 +341,8 @@ void TvSide::address_unknown(Notice cause, int64_t now)
         attempt_failed(cause, now);
 }
 
-// Audio systems report their address when they are asked, and when they were connected or switched on: the channel of
-// one that was there before is gone then.
+// Audio systems report their address when they are asked for it, and after they were connected or switched on. In the
+// second case an open channel is gone.
 void TvSide::address_reported(uint16_t address, int64_t now)
 {
     const bool moved = peer_address_ != address;
@@ -353,7 +353,7 @@ void TvSide::address_reported(uint16_t address, int64_t now)
     if (deferred_) {
         const Opcode opcode = *deferred_;
         deferred_.reset();
-        // With too much to say already it is not answered.
+        // Without room in the outbox the deferred message gets no answer.
         const bool room = outbox_.size() < kOutboxMax;
         arc_message(kAudioSystem, opcode, 2, now);
         if (room && adjacent(own_address_, address))

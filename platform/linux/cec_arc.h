@@ -6,12 +6,12 @@
  * The TV asks (<Request ARC Initiation>), the audio system opens the channel
  * (<Initiate ARC>) and the TV confirms (<Report ARC Initiated>); likewise with
  * <Request ARC Termination>, <Terminate ARC>, <Report ARC Terminated>. The audio
- * system also opens and closes the channel of its own accord. Only a device on
- * the TV's own connector can return sound: before anything else, the audio
- * system is asked for its physical address.
+ * system also opens and closes the channel by itself. Only a device on the TV's
+ * own connector can return sound. So the TV asks for the audio system's physical
+ * address first.
  *
- * Nothing here waits or knows a device: messages, what became of those that
- * were sent, and the time come in, messages to be sent and notices come out.
+ * Pure: received messages, the results of sent ones and the time are arguments;
+ * messages to be sent and notices are results.
  */
 #pragma once
 
@@ -57,24 +57,24 @@ struct Message {
 };
 
 enum class State {
-    idle,       ///< nobody asked for it, there is no link, or the attempts are over
+    idle,       ///< not asked for, no link, or the attempts are over
     requested,  ///< asked for, and the audio system has not opened it yet
     active,     ///< open
     terminated, ///< was open or asked for, and was closed by one of the two
 };
 
-/// What became of a message.
+/// The result of sending a message.
 enum class Delivery { acknowledged, not_acknowledged, failed };
 
-/// What a user should be told.
+/// For the user.
 enum class Notice {
     opened,          ///< the channel is open
     closed_by_peer,  ///< the audio system closed it
-    no_audio_system, ///< nobody has the audio system's address
-    no_address,      ///< there is one, but it does not tell its physical address
+    no_audio_system, ///< no device has the audio system's address
+    no_address,      ///< there is one, but it does not report its physical address
     not_adjacent,    ///< there is one, behind another device
     no_answer,       ///< it does not open the channel
-    refused,         ///< it says that it will not
+    refused,         ///< it refuses to open the channel
 };
 
 /// Whether a physical address belongs to a device on a connector of the device with the address @p own.
@@ -90,24 +90,24 @@ class TvSide
 public:
     /**
      * The adapter has the TV's logical address now, or another physical address.
-     * @param only_follower nobody else receives messages for the TV: what is not ARC's is answered here, with
-     *                      <Feature Abort>, so that no initiator waits in vain.
+     * @param only_follower no other program receives messages for the TV. Then all messages that are not ARC's are
+     *                      answered with <Feature Abort>, so that no initiator waits for an answer in vain.
      */
     void attach(uint16_t physical_address, bool only_follower, int64_t now);
-    /// The adapter has lost its address: the cable is out, or somebody took it.
+    /// The adapter has lost its address: the cable was unplugged, or another program took the address back.
     void detach();
 
-    /// Opens the channel, now or as soon as it can be; again whenever an audio system appears. Called again, it asks
-    /// once more where the attempts are over or the audio system closed the channel.
+    /// Opens the channel as soon as possible, and again whenever an audio system appears. A second call asks once more
+    /// if the attempts are over or the audio system closed the channel.
     void open(int64_t now);
     /// Closes it. Lasts at most kCloseMs; see closed().
     void close(int64_t now);
     bool closed() const { return phase_ == Phase::closed; }
 
-    /// A message from the bus, whatever it contains and however long it is.
+    /// A message from the bus, of any content and length.
     void received(const uint8_t* bytes, size_t length, int64_t now);
     void delivered(const Message& message, Delivery delivery, int64_t now);
-    /// To be called when deadline() has come; harmless before.
+    /// To be called at deadline(); harmless before.
     void elapsed(int64_t now);
 
     std::optional<Message> next_message();
@@ -117,7 +117,7 @@ public:
     /// Messages that were answered with <Feature Abort>.
     int64_t refusals() const { return refusals_; }
 
-    /// From close() to closed() at most: the response time of the standard, and two messages.
+    /// Longest time from close() to closed(): the response time of the standard, and two messages.
     static constexpr int64_t kCloseMs = 1500;
 
 private:
@@ -161,13 +161,13 @@ private:
     int64_t close_deadline_ = kNever;
     bool wanted_ = false;
     bool was_active_ = false;
-    bool granted_ = false;   ///< the audio system opened the channel, and nobody has closed it since
-    bool confirmed_ = false; ///< and knows that the TV knows
+    bool granted_ = false;   ///< the audio system opened the channel, and neither side has closed it since
+    bool confirmed_ = false; ///< <Report ARC Initiated> was acknowledged
     bool only_follower_ = false;
     uint16_t own_address_ = kNoPhysicalAddress;
     std::optional<uint16_t> peer_address_;
-    int64_t inquiry_deadline_ = kNever; ///< of <Give Physical Address>; kNever: none under way
-    std::optional<Opcode> deferred_;    ///< the audio system's message that waits for its address
+    int64_t inquiry_deadline_ = kNever; ///< for the answer to <Give Physical Address>; kNever: not asked
+    std::optional<Opcode> deferred_;    ///< message of the audio system, to be answered once its address is known
     int attempts_ = 0;
     int64_t refusals_ = 0;
     std::deque<Message> outbox_;

@@ -21,12 +21,12 @@ namespace hdmi_linux
 namespace
 {
 
-/// Longer than the protocol waits for the fate of a message: the kernel lost it.
+/// Without a result for this long, the kernel has lost a message. The protocol waits less.
 constexpr int64_t kFateMs = 6000;
-/// How often an adapter that was unplugged is looked for.
+/// Pause between two searches for an adapter that was unplugged.
 constexpr int64_t kReopenMs = 1000;
 static_assert(cec_arc::TvSide::kCloseMs + CecAdapter::kGiveBackMs < CecLink::kStopMs, "the last calls take time too");
-/// A claim that has not ended by then has failed, or nearly so; the kernel does not repeat it.
+/// A claim that takes this long has failed. The kernel does not repeat it.
 constexpr int64_t kClaimFailedMs = 4000;
 constexpr int kMessagesPerRound = 64;
 constexpr size_t kLogMessages = 256;
@@ -78,7 +78,7 @@ int CecLink::start(const CecChoice& choice)
     }
     std::string refused;
     if (const int taken = adapter_.take(choice, &refused); taken != 0) {
-        say(refused + "; the audio return channel stays closed", true);
+        report(refused + "; the audio return channel stays closed", true);
         return -taken;
     }
     wake_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -91,7 +91,7 @@ int CecLink::start(const CecChoice& choice)
         return 0;
     running_ = false;
     release();
-    say(std::string("no thread for CEC: ") + strerror(error), true);
+    report(std::string("no thread for CEC: ") + strerror(error), true);
     return -error;
 }
 
@@ -115,11 +115,11 @@ void CecLink::stop()
     release();
 }
 
-// What the thread, or a start that failed, leaves.
+// The teardown of stop() and of a failed start().
 void CecLink::release()
 {
     if (const std::string fault = adapter_.give_back(); !fault.empty())
-        say(fault, true);
+        report(fault, true);
     attached_ = false;
     if (wake_ >= 0)
         ::close(wake_);
@@ -130,7 +130,7 @@ void CecLink::release()
 void CecLink::wake()
 {
     const uint64_t one = 1;
-    // A counter that is full wakes as well.
+    // The write fails only if the counter is full: then the thread wakes anyway.
     if (write(wake_, &one, sizeof(one)) < 0)
         return;
 }
@@ -155,7 +155,7 @@ void CecLink::lose_adapter()
     detach();
     claim_failed_at_ = cec_arc::kNever;
     reopen_at_ = now_ms() + kReopenMs;
-    say(adapter_.path() + " is gone; the audio return channel waits for it", true);
+    report(adapter_.path() + " is gone; the audio return channel waits for it", true);
 }
 
 void CecLink::detach()
@@ -190,7 +190,7 @@ void CecLink::await_events(int64_t now)
     if (in_flight_)
         deadline = std::min(deadline, in_flight_->deadline);
     pollfd fds[] = {{wake_, POLLIN, 0}, {adapter_.fd(), POLLIN | POLLPRI, 0}};
-    // Bounded for poll()'s int; to wake early does no harm.
+    // Limited, because poll() takes an int. To wake early does no harm.
     const int64_t timeout = deadline == cec_arc::kNever ? -1 : std::clamp<int64_t>(deadline - now, 0, 3600000);
     if (poll(fds, 2, static_cast<int>(timeout)) <= 0)
         return;
@@ -223,7 +223,7 @@ void CecLink::service(int64_t now)
     arc_.elapsed(now);
     send_messages(now);
     while (const std::optional<cec_arc::Notice> notice = arc_.next_notice())
-        report(*notice);
+        report_notice(*notice);
 }
 
 void CecLink::find_again(int64_t now)
@@ -234,21 +234,21 @@ void CecLink::find_again(int64_t now)
     if (error == 0) {
         reopen_at_ = cec_arc::kNever;
         const std::string& path = adapter_.path();
-        say(path == adapter_.lost_path() ? path + " is back" : path + " takes the place of " + adapter_.lost_path(),
-            false);
+        report(path == adapter_.lost_path() ? path + " is back" : path + " takes the place of " + adapter_.lost_path(),
+               false);
     } else if (error != ENOENT && error != ENODEV && error != ENXIO) {
-        say(refused, true);
+        report(refused, true);
     }
 }
 
-// The claim of the address has failed, or another program has taken the configuration back.
+// Either the claim of the address has failed, or another program has removed the configuration.
 void CecLink::claim_again(int64_t now)
 {
     claim_failed_at_ = now + kClaimFailedMs;
     if (const int error = adapter_.configure_again(); error != 0)
-        say(adapter_.cannot_use(error), true);
+        report(adapter_.cannot_use(error), true);
     else
-        say(adapter_.path() + " gets no CEC address; the audio return channel waits for it", true);
+        report(adapter_.path() + " gets no CEC address; the audio return channel waits for it", true);
 }
 
 void CecLink::read_events(int64_t now)
@@ -261,7 +261,8 @@ void CecLink::read_events(int64_t now)
         lose_adapter();
 }
 
-// The kernel keeps one state event only: one that tells nothing new says that the link was down in between.
+// The kernel keeps only the latest state event. So an event with the known state means that the link was down
+// meanwhile.
 void CecLink::state_changed(const cec_event& event, int64_t now)
 {
     const cec_event_state_change& state = event.state_change;
@@ -285,21 +286,21 @@ void CecLink::state_changed(const cec_event& event, int64_t now)
     arc_.attach(physical_address_, adapter_.is_configured_here(), now);
 }
 
-// Why there is no audio return channel now. Without an address while one is claimed: that ends soon.
+// Reports why there is no audio return channel now. Says nothing during the claim of an address, which ends soon.
 void CecLink::explain(const cec_event_state_change& state)
 {
     if (state.phys_addr == CEC_PHYS_ADDR_INVALID)
-        say(attached_ ? "the CEC link is down" : "no CEC link; the audio return channel waits for it", false);
+        report(attached_ ? "the CEC link is down" : "no CEC link; the audio return channel waits for it", false);
     else if (state.log_addr_mask == 0 && attached_)
-        say(adapter_.path() + " has lost its CEC address", false);
+        report(adapter_.path() + " has lost its CEC address", false);
     else if (state.log_addr_mask != 0 && state.phys_addr != 0)
-        say(adapter_.path() + " is at " + physical(state.phys_addr) +
-                ", no TV's place; the audio return channel stays closed",
-            true);
+        report(adapter_.path() + " is at " + physical(state.phys_addr) +
+                   ", no TV's place; the audio return channel stays closed",
+               true);
     else if (state.log_addr_mask == CEC_LOG_ADDR_MASK_SPECIFIC)
-        say("another TV has the CEC address 0; the audio return channel stays closed", true);
+        report("another TV has the CEC address 0; the audio return channel stays closed", true);
     else if (state.log_addr_mask != 0)
-        say(adapter_.path() + " is no longer a TV's; the audio return channel stays closed", true);
+        report(adapter_.path() + " is no longer a TV's; the audio return channel stays closed", true);
 }
 
 void CecLink::read_messages(int64_t now)
@@ -350,7 +351,7 @@ void CecLink::send_messages(int64_t now)
         if (error == ENODEV)
             lose_adapter();
         else if (busy_)
-            say(adapter_.path() + " is busy: another program sends alone, or too much", true);
+            report(adapter_.path() + " is busy: another program sends alone, or too much", true);
     }
 }
 
@@ -362,7 +363,7 @@ void CecLink::settle(cec_arc::Delivery delivery, int64_t now)
     arc_.delivered(message, delivery, now);
 }
 
-// --- What others see --------------------------------------------------------
+// --- Counters and messages --------------------------------------------------
 
 void CecLink::record(const cec_arc::Message& message, bool sent, bool delivered)
 {
@@ -388,31 +389,31 @@ void CecLink::publish()
     stats_.physical_address = physical_address_;
 }
 
-void CecLink::report(cec_arc::Notice notice)
+void CecLink::report_notice(cec_arc::Notice notice)
 {
     switch (notice) {
     case cec_arc::Notice::opened: {
-        say("the audio return channel is open", false);
+        report("the audio return channel is open", false);
         mutex_guard guard(mutex_);
         ++stats_.activations;
         return;
     }
-    case cec_arc::Notice::closed_by_peer: say("the audio system closed the audio return channel", false); return;
-    case cec_arc::Notice::no_audio_system: say("no audio system on the CEC bus", true); return;
-    case cec_arc::Notice::no_address: say("the audio system does not tell its physical address", true); return;
+    case cec_arc::Notice::closed_by_peer: report("the audio system closed the audio return channel", false); return;
+    case cec_arc::Notice::no_audio_system: report("no audio system on the CEC bus", true); return;
+    case cec_arc::Notice::no_address: report("the audio system does not tell its physical address", true); return;
     case cec_arc::Notice::not_adjacent:
-        say("the audio system is behind another device: no audio return channel from there", true);
+        report("the audio system is behind another device: no audio return channel from there", true);
         return;
     case cec_arc::Notice::no_answer:
         if (!busy_)
-            say("the audio system does not open the audio return channel", true);
+            report("the audio system does not open the audio return channel", true);
         return;
-    case cec_arc::Notice::refused: say("the audio system refuses the audio return channel", true); return;
+    case cec_arc::Notice::refused: report("the audio system refuses the audio return channel", true); return;
     }
 }
 
-// One message for each change.
-void CecLink::say(const std::string& note, bool fault)
+// Logs only changes.
+void CecLink::report(const std::string& note, bool fault)
 {
     {
         mutex_guard guard(mutex_);
@@ -428,7 +429,7 @@ void CecLink::say(const std::string& note, bool fault)
 namespace
 {
 
-// Never destroyed: a thread of a host that ends without deinit may still be at work in it.
+// Never destroyed: if the host exits without deinit, its threads may still use it.
 struct Cec {
     mutex_t mutex; ///< one call at a time
     CecSystem system;

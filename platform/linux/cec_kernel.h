@@ -5,9 +5,9 @@
  * thread that carries messages between the adapter of cec_adapter.h and the
  * protocol of cec_arc.h.
  *
- * The kernel acknowledges polls and answers what every device must (its
- * physical address, its version, its name). As a follower this side receives
- * the rest, and then the kernel leaves the rest unanswered: see
+ * The kernel acknowledges polls and answers the questions that every device must
+ * answer (physical address, version, name). This side is a follower, which
+ * receives all other messages. The kernel does not answer those then: see
  * cec_arc::TvSide::attach().
  */
 #pragma once
@@ -29,7 +29,7 @@
 namespace hdmi_linux
 {
 
-/// Calls of start(), open_arc() and stop() come one at a time; stats() and messages() at any time.
+/// One thread at a time calls start(), open_arc() and stop(). Any thread may call stats() and messages().
 class CecLink
 {
 public:
@@ -47,7 +47,7 @@ public:
     CecStats stats() const;
     std::vector<CecMessage> messages() const;
 
-    /// Closing the channel and giving the adapter back together: what hdmi_cec.h allows.
+    /// Limit of stop(), from hdmi_cec.h.
     static constexpr int64_t kStopMs = 3000;
 
 private:
@@ -79,24 +79,24 @@ private:
 
     void record(const cec_arc::Message& message, bool sent, bool delivered);
     void publish();
-    void report(cec_arc::Notice notice);
-    void say(const std::string& note, bool fault);
+    void report_notice(cec_arc::Notice notice);
+    void report(const std::string& note, bool fault);
 
     pthread_t thread_ = 0;
     int wake_ = -1;                    ///< eventfd
-    std::atomic<bool> running_{false}; ///< between start() and stop(); set by the calling side
+    std::atomic<bool> running_{false}; ///< between start() and stop(), which set it
     std::atomic<bool> arc_wanted_{false};
     std::atomic<bool> stopping_{false};
 
-    // Of the thread, from its start to its end.
+    // While the thread runs, only the thread uses these.
     CecAdapter adapter_;
     uint16_t physical_address_ = CEC_PHYS_ADDR_INVALID;
     bool attached_ = false;
-    bool busy_ = false; ///< the last message was not taken: another program keeps the adapter busy
+    bool busy_ = false; ///< another program keeps the adapter busy: it did not take the last message
     bool close_begun_ = false;
     int64_t stop_deadline_ = cec_arc::kNever;
     int64_t reopen_at_ = cec_arc::kNever;
-    int64_t claim_failed_at_ = cec_arc::kNever; ///< while there is a physical address and no logical one
+    int64_t claim_failed_at_ = cec_arc::kNever; ///< when the present claim of a logical address counts as failed
     std::optional<InFlight> in_flight_;
     cec_arc::TvSide arc_;
 

@@ -7,16 +7,16 @@
 namespace hdmi_linux
 {
 
-/// The system calls, so that tests can stand in for an adapter. Results as theirs, with errno.
+/// The system calls on adapters, for tests to replace. Results and errno are those of the calls.
 class CecSystem
 {
 public:
     virtual ~CecSystem() = default;
-    /// The adapters' device files, in the order of their numbers.
+    /// The device files of all adapters, in the order of their numbers.
     virtual std::vector<std::string> devices();
     virtual int open(const char* path);
     virtual void close(int fd);
-    /// Whether @p fd has the device's advisory lock now, until it is closed (flock(2)).
+    /// Takes the device's advisory lock (flock(2)), which @p fd holds until it is closed. @return whether it has it.
     virtual bool lock(int fd);
     virtual int ioctl(int fd, unsigned long request, void* argument);
 };

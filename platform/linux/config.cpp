@@ -23,7 +23,7 @@ namespace
 constexpr char kDefaultPath[] = "/etc/hdmiplayer/linux.conf";
 constexpr char kPathVariable[] = "HDMIPLAYER_LINUX_CONFIG";
 constexpr char kCecVariable[] = "HDMIPLAYER_CEC_DEVICE";
-/// A configuration has some twenty lines; what is longer is another file.
+/// A configuration has some twenty lines: a longer file is not one.
 constexpr size_t kMaxFileBytes = 65536;
 constexpr int kMaxStartPeriods = 7; ///< of the player's eight
 constexpr int kMinPeriods = 2;
@@ -71,7 +71,7 @@ std::string_view without_comment(std::string_view line)
 
 std::string quoted(std::string_view text) { return "'" + std::string(text) + "'"; }
 
-// The setters return what is wrong with the value; nothing: it was taken.
+// The setters return what is wrong with the value; empty: it was accepted.
 
 std::string set_yes_no(std::string_view value, bool* field)
 {
@@ -118,7 +118,7 @@ std::string set_device_detail(const DeviceName& name, std::string_view detail, s
     return {};
 }
 
-// @p source stands in later messages about the value.
+// @p source: for later messages about the value.
 std::string set_key(std::string_view key, std::string_view value, const std::string& source, Config* config)
 {
     if (key == "start_periods")
@@ -141,10 +141,10 @@ std::string set_key(std::string_view key, std::string_view value, const std::str
     return {};
 }
 
-// False with errno when there is a file that cannot be read; no file at all is an empty one.
+// @return false with errno if the file cannot be read. A missing file counts as empty, with errno ENOENT.
 bool read_file(const std::string& path, std::string* text)
 {
-    // A pipe or terminal of that name must not hold up who opens a device.
+    // Non-blocking: a pipe or terminal of that name must not block the opening of a device.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return errno == ENOENT;
@@ -199,8 +199,8 @@ Config::Config()
     audio[E_AUDIO_IO_DEV_SPDIF].pcm = "iec958";
     audio[E_AUDIO_IO_DEV_HDMI_ARC].pcm = "hdmi";
     audio[E_AUDIO_IO_DEV_HDMI_IN].pcm.clear();
-    // What leaves a digital output must be what the player sent, and a converted capture would hide that the source's
-    // rate is another one.
+    // A digital output must send exactly what the player wrote. A converted capture would hide that the source has
+    // another rate.
     for (const int device : {E_AUDIO_IO_DEV_SPDIF, E_AUDIO_IO_DEV_HDMI_ARC, E_AUDIO_IO_DEV_HDMI_IN})
         audio[device].resample = false;
 }
@@ -244,7 +244,7 @@ Config load_config(std::vector<std::string>* errors)
     Config config;
     apply_file(&config, errors);
     apply_environment(&config);
-    // The player's automatic choice.
+    // AUTO is the speaker.
     config.audio[E_AUDIO_IO_DEV_AUTO] = config.audio[E_AUDIO_IO_DEV_SPEAKER];
     return config;
 }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The configuration of the Linux platform: which devices stand behind its names.
+ * The configuration of the Linux platform: which devices its names stand for.
  *
- * Lines "key = value", '#' begins a comment at the start of a line or after a
- * blank. For each key in docs/linux.md there is one field here.
+ * Lines have the form "key = value"; '#' begins a comment at the start of a line
+ * or after a blank. Each key in docs/linux.md has one field here.
  */
 #pragma once
 
@@ -34,22 +34,22 @@ struct Config {
     Config();
 
     std::array<AudioDeviceConfig, E_AUDIO_IO_DEV_MAX> audio; ///< by audio_io_dev_e
-    audio_io_dev_e raw_output = E_AUDIO_IO_DEV_HDMI_ARC;     ///< of pass-through until a digital output was selected
+    audio_io_dev_e raw_output = E_AUDIO_IO_DEV_HDMI_ARC;     ///< output of pass-through until a digital one is selected
     int start_periods = 2;                                   ///< periods queued before playback starts
-    std::string cec;        ///< adapter; empty: the first of a TV, "none": there is none
-    std::string cec_source; ///< as pcm_source
+    std::string cec;                                         ///< adapter; empty: the first that is a TV's, "none": none
+    std::string cec_source;                                  ///< as pcm_source
 };
 
 /// The name of @p device in the configuration, such as "hdmi_arc"; AUTO is the speaker.
 const char* device_key(int device);
 
-/// Applies @p text to @p config, a line at fault not at all: for each one "path:line: key: ..." is added to @p errors.
+/// Applies @p text to @p config. Skips each faulty line and adds "path:line: key: ..." to @p errors.
 void parse_config(std::string_view text, const std::string& path, Config* config, std::vector<std::string>* errors);
 
-/// The defaults, the configuration file over them, the environment over that. Faults are added to @p errors.
+/// The configuration: the environment overrides the file, the file overrides the defaults. Faults go to @p errors.
 Config load_config(std::vector<std::string>* errors);
 
-/// As load_config(); faults go to the log, once for as long as they stay the same.
+/// As load_config(), but logs the faults, and only when they differ from the last call's.
 Config current_config();
 
 } // namespace hdmi_linux

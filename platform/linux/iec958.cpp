@@ -49,7 +49,8 @@ List all_elements(snd_ctl_t* ctl)
     return snd_ctl_elem_list(ctl, native) >= 0 ? std::move(list) : nullptr;
 }
 
-// Drivers number it by the PCM's device, older ones by its index.
+// Whether element @p at is the status control of PCM @p device. Most drivers give it the device's number. Older
+// ones number it by index only: that with index 0 is taken.
 bool belongs_to(const snd_ctl_elem_list_t* list, unsigned int at, int device)
 {
     if (strcmp(snd_ctl_elem_list_get_name(list, at), kControl) != 0)

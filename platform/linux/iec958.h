@@ -43,9 +43,9 @@ inline ChannelStatus channel_status(int rate, bool non_audio)
 }
 
 /**
- * ALSA's configuration gives the status of its digital outputs as arguments of
- * their names. @return @p pcm with @p status among them, or unchanged for a
- * name of another kind, and for one that says a status itself.
+ * In ALSA's configuration, the names of digital outputs take the status as AES
+ * parameters. @return @p pcm with @p status as parameters; unchanged if it is
+ * another kind of name or already carries AES parameters.
  */
 inline std::string with_channel_status(const std::string& pcm, const ChannelStatus& status)
 {
@@ -64,10 +64,10 @@ inline std::string with_channel_status(const std::string& pcm, const ChannelStat
     return pcm + (colon == std::string::npos ? ":" : ",") + arguments;
 }
 
-/// Sets @p status on a card that has a control for it: where the PCM's name does not say it. @return whether it did.
+/// Sets @p status through the control of a card, for PCM names that cannot carry it. @return whether there was one.
 bool set_status_control(int card, int device, const ChannelStatus& status);
 
-/// Whether @p pcm says a status itself, by with_channel_status() or by whoever wrote it.
-inline bool says_channel_status(const std::string& pcm) { return pcm.find("AES0") != std::string::npos; }
+/// Whether the PCM name already carries AES parameters.
+inline bool has_channel_status(const std::string& pcm) { return pcm.find("AES0") != std::string::npos; }
 
 } // namespace hdmi_linux

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The latest frames of a stream, by position. Pure; allocates when it is built, not when it is used.
+ * The latest frames of a stream, by position. Pure; only its constructor allocates.
  */
 #pragma once
 
@@ -23,12 +23,13 @@ public:
     {
     }
 
-    /// Positions count the frames since the ring was built: the next one, and the oldest that is still here.
+    /// Positions count the frames since the ring was built. end() is that of the next frame, oldest() that of the
+    /// oldest one that the ring still holds.
     int64_t end() const { return end_; }
     int64_t oldest() const { return std::max<int64_t>(end_ - capacity_, 0); }
     int capacity() const { return capacity_; }
 
-    /// Takes the place of the oldest frames.
+    /// Overwrites the oldest frames.
     void append(const uint8_t* data, int frames)
     {
         while (frames > 0) {
@@ -44,7 +45,7 @@ public:
         const uint8_t* data;
         int frames;
     };
-    /// What lies in one piece from @p position, which is here, at most @p max_frames.
+    /// At most @p max_frames contiguous frames from @p position on, which the ring must still hold.
     Piece piece(int64_t position, int max_frames)
     {
         const auto left = static_cast<int>(std::min<int64_t>(end_ - position, max_frames));
