@@ -54,7 +54,7 @@ std::atomic<int> g_asleep{0};
 std::atomic<bool> g_broken{false};
 
 // What a transfer fails with; 0: it goes to the device.
-int trouble()
+int transfer_error()
 {
     if (g_broken)
         return -EPIPE;
@@ -96,13 +96,13 @@ protected:
 
 snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames)
 {
-    const int err = trouble();
+    const int err = transfer_error();
     return err != 0 ? err : __real_snd_pcm_writei(pcm, data, frames);
 }
 
 snd_pcm_sframes_t __wrap_snd_pcm_readi(snd_pcm_t* pcm, void* data, snd_pcm_uframes_t frames)
 {
-    const int err = trouble();
+    const int err = transfer_error();
     return err != 0 ? err : __real_snd_pcm_readi(pcm, data, frames);
 }
 

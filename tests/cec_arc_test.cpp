@@ -45,7 +45,7 @@ struct Bus {
         }
         return all;
     }
-    std::vector<Notice> told()
+    std::vector<Notice> notices()
     {
         std::vector<Notice> notices;
         while (const auto notice = arc.next_notice())
@@ -88,7 +88,7 @@ Bus at(Stage stage, bool only_follower = true)
     bus.hear("50:c0");
     EXPECT_EQ("05:c1", bus.said());
     EXPECT_EQ(State::active, bus.arc.state());
-    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.told());
+    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.notices());
     if (stage == kTerminated)
         bus.hear("50:c5");
     if (stage == kClosing)
@@ -146,7 +146,7 @@ TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
 TEST(CecArc, FollowsWhatTheAudioSystemDoesLater)
 {
     Bus bus = at(kTerminated);
-    EXPECT_EQ(std::vector<Notice>{Notice::closed_by_peer}, bus.told());
+    EXPECT_EQ(std::vector<Notice>{Notice::closed_by_peer}, bus.notices());
     bus.hear("50:c5");
     EXPECT_EQ("05:c2", bus.said()) << "every time";
     bus.hear("50:c0");
@@ -155,7 +155,7 @@ TEST(CecArc, FollowsWhatTheAudioSystemDoesLater)
     bus.hear("50:c0");
     EXPECT_EQ("05:c1", bus.said()) << "every time";
     EXPECT_EQ(State::active, bus.arc.state());
-    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.told()) << "once";
+    EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.notices()) << "once";
     // Both before the bus was free: the last one counts.
     bus.hear("50:c5");
     bus.hear("50:c0");
@@ -198,7 +198,7 @@ TEST(CecArc, AnAudioSystemBehindAnotherDeviceIsRefused)
     Bus bus = at(kAsking);
     bus.hear("5f:84:11:00:05");
     EXPECT_EQ("", bus.said());
-    EXPECT_EQ(std::vector<Notice>{Notice::not_adjacent}, bus.told());
+    EXPECT_EQ(std::vector<Notice>{Notice::not_adjacent}, bus.notices());
     for (const char* opcode : {"c0", "c5"}) {
         bus.hear(std::string("50:") + opcode);
         EXPECT_EQ(std::string("05:00:") + opcode + ":04", bus.said());
@@ -291,7 +291,7 @@ void expect_attempts(Bus bus, const char* message, Delivery delivery, Notice not
     } while (attempts < 10 && bus.arc.deadline() != cec_arc::kNever);
     EXPECT_EQ(message, all);
     EXPECT_EQ(3, attempts);
-    EXPECT_EQ(std::vector<Notice>{notice}, bus.told());
+    EXPECT_EQ(std::vector<Notice>{notice}, bus.notices());
     EXPECT_EQ(State::idle, bus.arc.state());
     EXPECT_LT(bus.now, 8000);
     // Silence is not for ever: it appears, or asks by itself.
@@ -335,7 +335,7 @@ TEST(CecArc, TakesARefusalAsFinalUnlessItMayPass)
         bus.hear(std::string("50:00:c3:") + reason);
         EXPECT_EQ(State::idle, bus.arc.state());
         EXPECT_EQ(cec_arc::kNever, bus.arc.deadline());
-        EXPECT_EQ(std::vector<Notice>{Notice::refused}, bus.told());
+        EXPECT_EQ(std::vector<Notice>{Notice::refused}, bus.notices());
     }
     Bus bus = at(kRequesting);
     bus.hear("50:00:c3:01"); // in standby
@@ -370,7 +370,7 @@ TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
         bus.pass_to_deadline();
     }
     EXPECT_EQ(State::idle, bus.arc.state());
-    bus.told();
+    bus.notices();
     bus.arc.close(bus.now);
     EXPECT_EQ("05:c4", bus.said());
 
@@ -379,7 +379,7 @@ TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
     EXPECT_EQ("05:c3", bus.said());
     bus.hear("50:00:c3:04");
     EXPECT_EQ(State::active, bus.arc.state()) << "it refuses what is open";
-    EXPECT_TRUE(bus.told().empty());
+    EXPECT_TRUE(bus.notices().empty());
 
     bus = at(kRequesting);
     bus.hear("50:c0");
@@ -578,7 +578,7 @@ TEST(CecArc, NoSequenceOfEventsLeavesItStuck)
         }
         // The audio system is there and behaves from now on: the channel opens.
         bus.arc.attach(kRoot, true, bus.now);
-        bus.told();
+        bus.notices();
         bus.said();
         bus.hear(kAddressReport);
         ASSERT_EQ("05:c3", bus.said()) << run;

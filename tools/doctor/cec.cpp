@@ -32,7 +32,7 @@ std::string use_of(const cec_log_addrs& logical, uint16_t address)
     return "of a source: there is a TV at its other end";
 }
 
-Finding look_at_adapter(const std::string& path)
+Finding examine_adapter(const std::string& path)
 {
     const Device device(path);
     if (const auto refusal = device.refusal())
@@ -53,11 +53,11 @@ Finding look_at_adapter(const std::string& path)
 
 } // namespace
 
-Findings look_at_cec()
+Findings examine_cec()
 {
     Findings all;
     for (const std::string& path : numbered("/dev", "cec"))
-        all.push_back(look_at_adapter(path));
+        all.push_back(examine_adapter(path));
     if (all.empty())
         all.push_back({Verdict::missing, "/dev/cec*", "no adapter: no audio return channel",
                        "sudo modprobe vivid   # virtual ones, to try with"});

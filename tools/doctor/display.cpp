@@ -24,7 +24,7 @@ struct Release {
 
 using Controller = std::unique_ptr<drmModeCrtc, Release>;
 
-Controller look_at_controller(int fd, uint32_t id) { return Controller(drmModeGetCrtc(fd, id)); }
+Controller examine_controller(int fd, uint32_t id) { return Controller(drmModeGetCrtc(fd, id)); }
 
 bool is_lit(const Controller& controller) { return controller != nullptr && controller->mode_valid != 0; }
 
@@ -32,10 +32,10 @@ bool is_lit(const Controller& controller) { return controller != nullptr && cont
 bool another_is_lit(int fd, const drmModeRes& resources)
 {
     return std::any_of(resources.crtcs + 1, resources.crtcs + resources.count_crtcs,
-                       [fd](uint32_t id) { return is_lit(look_at_controller(fd, id)); });
+                       [fd](uint32_t id) { return is_lit(examine_controller(fd, id)); });
 }
 
-constexpr timespec kLook = {0, 200000000};
+constexpr timespec kWatchTime = {0, 200000000};
 
 // The first controller's count of vertical blanks; false with errno where it has none.
 bool count_blanks(int fd, drmVBlankReply* reply)
@@ -56,7 +56,7 @@ double blank_rate(int fd)
     drmVBlankReply last = {};
     if (!count_blanks(fd, &first))
         return 0;
-    nanosleep(&kLook, nullptr);
+    nanosleep(&kWatchTime, nullptr);
     if (!count_blanks(fd, &last))
         return 0;
     errno = ETIME;
@@ -65,7 +65,7 @@ double blank_rate(int fd)
     return seconds > 0 ? (last.sequence - first.sequence) / seconds : 0;
 }
 
-Finding look_at_card(const std::string& path)
+Finding examine_card(const std::string& path)
 {
     const Device device(path);
     if (const auto refusal = device.refusal())
@@ -75,7 +75,7 @@ Finding look_at_card(const std::string& path)
     const std::unique_ptr<drmModeRes, Release> resources(drmModeGetResources(device.fd()));
     if (resources == nullptr || resources->count_crtcs == 0)
         return {Verdict::missing, path, driver + ": draws, but has no display", "hdmi-player-play --display window"};
-    const Controller first = look_at_controller(device.fd(), resources->crtcs[0]);
+    const Controller first = examine_controller(device.fd(), resources->crtcs[0]);
     if (!is_lit(first))
         return {Verdict::missing, path,
                 driver + ": its first controller is dark, and the player waits for that one's vertical blanks",
@@ -94,11 +94,11 @@ Finding look_at_card(const std::string& path)
 
 } // namespace
 
-Findings look_at_displays()
+Findings examine_displays()
 {
     Findings all;
     for (const std::string& path : numbered("/dev/dri", "card"))
-        all.push_back(look_at_card(path));
+        all.push_back(examine_card(path));
     if (all.empty())
         all.push_back({Verdict::missing, "/dev/dri/card*", "no display of the kernel's",
                        "sudo modprobe vkms   # a virtual one, to try with"});

@@ -22,16 +22,16 @@ struct Finding {
     Verdict verdict;
     std::string what;   ///< a device, a right
     std::string detail; ///< what is known of it, or why not
-    std::string mend;   ///< a command for a shell; empty when nothing is to be mended
+    std::string remedy; ///< a command for a shell; empty when nothing is to be mended
 };
 using Findings = std::vector<Finding>;
 
-Findings look_at_sound();
-Findings look_at_displays();
-Findings look_at_cec();
-Findings look_at_receiver();
-Findings look_at_priority();
+Findings examine_sound();
+Findings examine_displays();
+Findings examine_cec();
+Findings examine_receiver();
+Findings examine_priority();
 /// Private namespaces, in which the simulated receiver makes its announcements.
-Finding look_at_namespaces();
+Finding examine_namespaces();
 
 } // namespace doctor

@@ -56,20 +56,20 @@ void print(const char* title, const Findings& findings)
             printf("%s\n", finding.what.c_str());
         else
             printf("%-*s  %s\n", static_cast<int>(width), finding.what.c_str(), finding.detail.c_str());
-        if (!finding.mend.empty())
-            printf("             %s\n", finding.mend.c_str());
+        if (!finding.remedy.empty())
+            printf("             %s\n", finding.remedy.c_str());
     }
 }
 
 // A fault begins with what is at fault: a line of the file, or a variable.
-std::string mend_of(const std::string& fault, const std::string& path)
+std::string remedy_for(const std::string& fault, const std::string& path)
 {
     const bool variable = fault.compare(0, sizeof(kVariables) - 1, kVariables) == 0;
     return variable ? "unset " + fault.substr(0, fault.find(':')) : "${EDITOR:-vi} " + path;
 }
 
 // Prints what is wrong with it, each fault in a line; false if anything is.
-bool look_at_configuration()
+bool check_configuration()
 {
     const char* named = getenv("HDMIPLAYER_LINUX_CONFIG");
     const std::string path = named != nullptr && *named != '\0' ? named : "/etc/hdmiplayer/linux.conf";
@@ -78,7 +78,7 @@ bool look_at_configuration()
     const bool good = hdmi_linux::check_config(&error);
     std::istringstream lines(error);
     for (std::string line; std::getline(lines, line);)
-        findings.push_back({Verdict::refused, line, "", mend_of(line, path)});
+        findings.push_back({Verdict::refused, line, "", remedy_for(line, path)});
     if (good)
         findings.push_back({Verdict::ok, path, access(path.c_str(), F_OK) == 0 ? "" : "none: the defaults", ""});
     print("Configuration", findings);
@@ -98,15 +98,15 @@ int main(int argc, char** argv)
         return app.exit(error) == 0 ? can_play : bad_configuration;
     }
     // Before anything that might start a thread: a process with threads cannot leave its namespaces.
-    const Finding namespaces = doctor::look_at_namespaces();
-    print("Sound", doctor::look_at_sound());
-    print("Receiver", doctor::look_at_receiver());
-    print("Display", doctor::look_at_displays());
-    print("CEC", doctor::look_at_cec());
-    Findings rights = doctor::look_at_priority();
+    const Finding namespaces = doctor::examine_namespaces();
+    print("Sound", doctor::examine_sound());
+    print("Receiver", doctor::examine_receiver());
+    print("Display", doctor::examine_displays());
+    print("CEC", doctor::examine_cec());
+    Findings rights = doctor::examine_priority();
     rights.push_back(namespaces);
     print("Rights", rights);
-    const bool configured = look_at_configuration();
+    const bool configured = check_configuration();
     const bool simulates = namespaces.verdict == Verdict::ok;
     printf("Simulated play is %s.\n", simulates ? "possible" : "not possible");
     return !configured ? bad_configuration : simulates ? can_play : cannot_play;

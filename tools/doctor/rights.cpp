@@ -54,7 +54,7 @@ std::string try_priority()
 
 } // namespace
 
-Findings look_at_priority()
+Findings examine_priority()
 {
     const std::string what = "real-time priority " + std::to_string(kPlayerPriority);
     const std::string fault = attempt_aside(try_priority);
@@ -67,7 +67,7 @@ Findings look_at_priority()
          "echo '" + user() + " - rtprio 99' | sudo tee /etc/security/limits.d/hdmiplayer.conf   # then log in again"}};
 }
 
-Finding look_at_namespaces()
+Finding examine_namespaces()
 {
     const std::string fault = attempt_aside([] {
         std::string error;
@@ -88,7 +88,7 @@ Finding look_at_namespaces()
                              : "sudo sysctl" + settings + "   # or run it as root"};
 }
 
-Findings look_at_receiver()
+Findings examine_receiver()
 {
     constexpr char kState[] = "/sys/class/extcon/hdmirx_aud/state";
     if (access(kState, R_OK) == 0)

@@ -24,7 +24,7 @@ std::string value_of(const std::string& path, const std::string& key)
 }
 
 // @p folder: such as /proc/asound/card0/pcm0p. Everybody may read that, whoever may open the device.
-Finding look_at_pcm(const std::string& folder, const std::string& card_id, bool capture)
+Finding examine_pcm(const std::string& folder, const std::string& card_id, bool capture)
 {
     const std::string info = folder + "/info";
     const std::string number = value_of(info, "device");
@@ -33,14 +33,14 @@ Finding look_at_pcm(const std::string& folder, const std::string& card_id, bool 
     const Device device(node);
     const std::string what = (capture ? "capture   " : "playback  ") + name;
     if (const auto refusal = device.refusal())
-        return {refusal->verdict, what, refusal->what + ": " + refusal->detail, refusal->mend};
+        return {refusal->verdict, what, refusal->what + ": " + refusal->detail, refusal->remedy};
     return {Verdict::ok, what, value_of(info, "name") + (device.in_use() ? ", in use" : "") + "; " + device.owner(),
             ""};
 }
 
 void quiet(const char*, int, const char*, int, const char*, ...) {}
 
-Finding look_at_default()
+Finding examine_default()
 {
     snd_lib_error_set_handler(quiet);
     snd_pcm_t* pcm = nullptr;
@@ -55,7 +55,7 @@ Finding look_at_default()
 
 } // namespace
 
-Findings look_at_sound()
+Findings examine_sound()
 {
     Findings all;
     bool any_of[2] = {false, false};
@@ -65,7 +65,7 @@ Findings look_at_sound()
                 const std::string folder = card + "/pcm" + std::to_string(device) + (capture ? "c" : "p");
                 if (!std::filesystem::exists(folder + "/info"))
                     continue;
-                all.push_back(look_at_pcm(folder, first_line(card + "/id"), capture));
+                all.push_back(examine_pcm(folder, first_line(card + "/id"), capture));
                 any_of[capture] = true;
             }
     constexpr char kLoopback[] = "sudo modprobe snd-aloop   # a loopback, to try with";
@@ -73,7 +73,7 @@ Findings look_at_sound()
         all.push_back({Verdict::missing, "capture", "no device", kLoopback});
     if (!any_of[false])
         all.push_back({Verdict::missing, "playback", "no device", kLoopback});
-    all.push_back(look_at_default());
+    all.push_back(examine_default());
     return all;
 }
 
