@@ -140,7 +140,7 @@ TEST_F(AioAlsaTest, PlaysWhatIsWrittenAndCapturesWhatIsPlayed)
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     done = true;
     reader.join();
-    const std::vector<Stretch> runs = stretches(heard);
+    const std::vector<NumberRun> runs = number_runs(heard);
     ASSERT_EQ(runs.size(), 1u);
     EXPECT_EQ(runs[0].first, 1);
     EXPECT_EQ(runs[0].last, 50 * kPeriod % kNumbers);
@@ -240,7 +240,7 @@ TEST_F(AioAlsaTest, ADeviceThatRanEmptyStartsAgainWithNoMoreThanAtFirst)
         const int left = delay();
         EXPECT_GE(left, 2 * kPeriod - static_cast<int>(seconds_since(begin) * kRate)) << "not heard before its time";
         EXPECT_TRUE(eventually([&] {
-            const std::vector<Stretch> runs = stretches(recorder.left());
+            const std::vector<NumberRun> runs = number_runs(recorder.left());
             return !runs.empty() && runs.back().last == written_ && delay() < kPeriod / 4;
         })) << "two periods are enough";
         EXPECT_EQ(playback_stats().xruns, xruns + start);
@@ -265,11 +265,11 @@ TEST_F(AioAlsaTest, AReselectedDeviceGoesOnWithWhatWasNotHeardYet)
     EXPECT_GE(after, before - static_cast<int>(seconds_since(start) * kRate) - kRate / 20) << "only time takes from it";
     ASSERT_EQ(write_numbered(12), kBlockBytes);
     EXPECT_TRUE(eventually([&] {
-        const std::vector<Stretch> runs = stretches(second.left());
+        const std::vector<NumberRun> runs = number_runs(second.left());
         return !runs.empty() && runs.back().last == written_ % kNumbers;
     }));
-    const std::vector<Stretch> old_device = stretches(first.left());
-    const std::vector<Stretch> new_device = stretches(second.left());
+    const std::vector<NumberRun> old_device = number_runs(first.left());
+    const std::vector<NumberRun> new_device = number_runs(second.left());
     ASSERT_EQ(old_device.size(), 1u);
     ASSERT_EQ(new_device.size(), 1u);
     // Every frame is heard; a few at the seam twice, as the server had mixed them already.
@@ -299,7 +299,7 @@ TEST_F(AioAlsaTest, ALostPlaybackDeviceComesBackAndTheClockNeverStops)
     Recorder recorder("out_monitor");
     EXPECT_TRUE(eventually([&] {
         EXPECT_EQ(write_numbered(1), kBlockBytes);
-        return !playback_stats().lost && stretches(recorder.left()).size() == 1;
+        return !playback_stats().lost && number_runs(recorder.left()).size() == 1;
     }));
     EXPECT_GT(playback_stats().frames_lost, 0);
     EXPECT_GT(playback_stats().recoveries, 0);
@@ -425,7 +425,7 @@ TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
     EXPECT_GT(seconds_since(start), 0.15);
     EXPECT_EQ(playback_stats().suspends, 1);
     Recorder recorder("out_monitor");
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !stretches(recorder.left()).empty(); }));
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !number_runs(recorder.left()).empty(); }));
     aio_device_close(&playback_);
 
     ASSERT_EQ(aio_device_open(&capture_), 0);
@@ -463,10 +463,10 @@ TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
 // --- Raw pass-through ------------------------------------------------------------------
 
 // A machine that was busy for longer than the buffers last leaves breaks between them.
-int64_t longest(const std::vector<Stretch>& runs)
+int64_t longest(const std::vector<NumberRun>& runs)
 {
     int64_t frames = 0;
-    for (const Stretch& run : runs)
+    for (const NumberRun& run : runs)
         frames = std::max<int64_t>(frames, run.frames);
     return frames;
 }
@@ -484,7 +484,7 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     // Nobody reads.
     EXPECT_TRUE(eventually([&] {
         EXPECT_EQ(write_numbered(1), kBlockBytes) << "goes nowhere";
-        return longest(stretches(output.left())) > kRate / 2;
+        return longest(number_runs(output.left())) > kRate / 2;
     })) << "unbroken, none of the playback's sound in it";
     EXPECT_TRUE(hdmi_linux::bypass_stats().active);
     EXPECT_TRUE(playback_stats().lost) << "the data have the output";
@@ -495,7 +495,7 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
         EXPECT_EQ(aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes), kBlockBytes);
         for (size_t at = 0; at < block.size(); at += 2)
             read.push_back(block[at]);
-        return longest(stretches(read)) >= 8 * kPeriod;
+        return longest(number_runs(read)) >= 8 * kPeriod;
     }));
     BlockedCall<int> blocked([&] {
         std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
@@ -552,8 +552,8 @@ TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)
     std::vector<int16_t> sent;
     for (int16_t word = 0; stream.read(reinterpret_cast<char*>(&word), sizeof(word));)
         sent.push_back(word);
-    EXPECT_EQ(stretches(payloads(sent)).size(), 1u) << "what is between the stuffing is whole";
-    EXPECT_GT(longest(stretches(payloads(sent))), kPeriod);
+    EXPECT_EQ(number_runs(payloads(sent)).size(), 1u) << "what is between the stuffing is whole";
+    EXPECT_GT(longest(number_runs(payloads(sent))), kPeriod);
 }
 
 // What the digital output's receiver reads in the channel status: AES0 to AES3, from the left subframes of one block.
@@ -701,7 +701,7 @@ TEST_F(AioAlsaTest, VolumeAndMuteAreTheMixersWhereThereIsOne)
     ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
     EXPECT_EQ(mixer_state().volume, 65536);
     Recorder recorder("out_monitor");
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !stretches(recorder.left()).empty(); }))
+    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !number_runs(recorder.left()).empty(); }))
         << "not scaled";
 }
 

@@ -111,6 +111,11 @@ int aio_device_read(audio_config_t* config, uint8_t* data, int size);
 /**
  * Queues @p size bytes for playback, blocking while the device's buffer is full.
  * An empty device plays silence and counts an underrun; the next write continues.
+ *
+ * The call always ends: the device takes sound, or after some seconds without
+ * progress the call fails or goes on as if the sound were played. While a write
+ * is in progress, the player's calls for volume, mute and reselect wait up to two
+ * seconds for it and then fail. aio_device_close ends it at any time.
  * @return bytes written; fewer than @p size, or negative, on failure and when
  * the device is closed meanwhile; negative, at once, when it is closed already.
  */

@@ -26,9 +26,9 @@ std::vector<int16_t> numbered(int64_t first, int frames)
     return words;
 }
 
-std::vector<Stretch> stretches(const std::vector<int16_t>& left)
+std::vector<NumberRun> number_runs(const std::vector<int16_t>& left)
 {
-    std::vector<Stretch> result;
+    std::vector<NumberRun> result;
     for (const int16_t number : left) {
         if (number == 0)
             continue;

@@ -20,13 +20,13 @@ constexpr int kNumbers = 32000;
 std::vector<int16_t> numbered(int64_t first, int frames);
 
 /// Frames with consecutive numbers.
-struct Stretch {
+struct NumberRun {
     int first;
     int last;
     int frames;
 };
 /// Those in a recording, silence left out.
-std::vector<Stretch> stretches(const std::vector<int16_t>& left);
+std::vector<NumberRun> number_runs(const std::vector<int16_t>& left);
 
 /// The numbers of coded bursts, without what is between them; @p words of both channels.
 std::vector<int16_t> payloads(const std::vector<int16_t>& words);

@@ -148,10 +148,10 @@ TEST_F(SoundProbe, PlaysWithoutAGap)
         ASSERT_GT(delay(), 0);
         ASSERT_LE(delay(), 8 * kPeriod + kPeriod / 4);
     }
-    EXPECT_TRUE(eventually([&] { return !stretches(recorder.left()).empty(); }));
+    EXPECT_TRUE(eventually([&] { return !number_runs(recorder.left()).empty(); }));
     // On a busy host the machine may stand still for longer than any buffer.
     if (recorder.overruns() == 0 && playback_stats().xruns == xruns)
-        EXPECT_EQ(stretches(recorder.left()).size(), 1u);
+        EXPECT_EQ(number_runs(recorder.left()).size(), 1u);
     else
         GTEST_SKIP() << "the machine was too busy to hear a gap";
 }
@@ -169,7 +169,7 @@ TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
     EXPECT_GE(playback_stats().xruns, xruns + 1);
     EXPECT_TRUE(eventually([&] {
         write_numbered();
-        const std::vector<Stretch> runs = stretches(recorder.left());
+        const std::vector<NumberRun> runs = number_runs(recorder.left());
         return !runs.empty() && runs.back().last > 24 * kPeriod;
     }));
 }
@@ -185,7 +185,7 @@ TEST_F(SoundProbe, CapturesWithoutAGapAndTheOldestIsLostToALateReader)
         ASSERT_EQ(read_block(&left), kBlockBytes);
     // On a busy host the machine may stand still for longer than any buffer: then that is counted.
     const int64_t late = capture_stats().xruns;
-    EXPECT_LE(stretches(left).size(), static_cast<size_t>(1 + late - xruns));
+    EXPECT_LE(number_runs(left).size(), static_cast<size_t>(1 + late - xruns));
     std::this_thread::sleep_for(std::chrono::milliseconds(700));
     left.clear();
     for (int block = 0; block < 20; ++block)
@@ -210,7 +210,7 @@ TEST_F(SoundProbe, AnUnpluggedOutputComesBackEveryTime)
     }
     EXPECT_EQ(playback_stats().recoveries, 5);
     Recorder recorder("hw:Speaker,1");
-    EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !stretches(recorder.left()).empty(); }));
+    EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !number_runs(recorder.left()).empty(); }));
 }
 
 TEST_F(SoundProbe, AnUnpluggedReceiverIsSilentAtItsPaceAndComesBack)

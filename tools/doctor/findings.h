@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What the doctor looks at. Each function looks at one part of the machine and
- * changes nothing: devices are opened for a moment, without waiting.
+ * Each function examines one part of the machine. It opens devices for a moment,
+ * does not wait for them, and changes nothing.
  */
 #pragma once
 
@@ -20,9 +20,9 @@ enum class Verdict {
 
 struct Finding {
     Verdict verdict;
-    std::string what;   ///< a device, a right
-    std::string detail; ///< what is known of it, or why not
-    std::string remedy; ///< a command for a shell; empty when nothing is to be mended
+    std::string what;   ///< a device or a right
+    std::string detail; ///< what is known of it, or why it cannot be used
+    std::string remedy; ///< a command for a shell; empty when there is nothing to repair
 };
 using Findings = std::vector<Finding>;
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * One screen of what this machine offers the player: devices, rights,
- * configuration; what is missing or refused, and the command that mends it.
+ * One screen of what this machine offers the player: devices, rights and
+ * configuration, and a command for each thing that can be repaired.
  */
 #include <unistd.h>
 
@@ -24,13 +24,13 @@ using doctor::Verdict;
 
 enum ExitStatus { can_play = 0, cannot_play = 1, bad_configuration = 2 };
 
-constexpr char kDescription[] = "What this machine offers the player, line by line: ok, missing or refused, and the "
-                                "command that mends it.";
+constexpr char kDescription[] = "Lists what this machine offers the player, each line ok, missing or refused, and "
+                                "the commands that repair it.";
 constexpr char kFooter[] =
-    "Devices are opened for a moment and nothing is changed. What is missing matters only to who wants it: simulated\n"
-    "play needs private namespaces and nothing else.\n\n"
-    "Exit status: 0 when simulated play is possible at least, 1 when it is not, 2 for wrong "
-    "arguments or a\nconfiguration file that cannot be used as it is.\n";
+    "It opens devices for a moment and changes nothing. Simulated play needs only private namespaces: missing\n"
+    "devices do not matter to it.\n\n"
+    "Exit status: 0 when at least simulated play is possible, 1 when it is not, 2 for wrong arguments or a\n"
+    "configuration that cannot be used as it is.\n";
 
 constexpr char kVariables[] = "HDMIPLAYER_";
 
@@ -61,14 +61,14 @@ void print(const char* title, const Findings& findings)
     }
 }
 
-// A fault begins with what is at fault: a line of the file, or a variable.
+// A fault begins with its place: a line of the file, or a variable.
 std::string remedy_for(const std::string& fault, const std::string& path)
 {
     const bool variable = fault.compare(0, sizeof(kVariables) - 1, kVariables) == 0;
     return variable ? "unset " + fault.substr(0, fault.find(':')) : "${EDITOR:-vi} " + path;
 }
 
-// Prints what is wrong with it, each fault in a line; false if anything is.
+// Prints each fault of the configuration. @return whether there is none.
 bool check_configuration()
 {
     const char* named = getenv("HDMIPLAYER_LINUX_CONFIG");
@@ -97,7 +97,7 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? can_play : bad_configuration;
     }
-    // Before anything that might start a thread: a process with threads cannot leave its namespaces.
+    // First, because a process with threads cannot enter private namespaces.
     const Finding namespaces = doctor::examine_namespaces();
     print("Sound", doctor::examine_sound());
     print("Receiver", doctor::examine_receiver());

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What the Linux platform offers programs beyond the three seams: a look at its
+ * What the Linux platform offers programs beyond the three seams: a check of its
  * configuration before the player is opened, and counters to read while it runs.
  *
  * The configuration is the file /etc/hdmiplayer/linux.conf, or the one that
- * HDMIPLAYER_LINUX_CONFIG names, with environment variables over it; docs/linux.md
+ * HDMIPLAYER_LINUX_CONFIG names. Environment variables override it; docs/linux.md
  * lists the keys. It is read again whenever a device is opened. All functions
  * may be called from any thread.
  */
@@ -25,14 +25,14 @@ namespace hdmi_linux
  * a wrong type, every device, mixer and mixer control that it names is there.
  * A device that is busy is there. Opens the named devices for a moment.
  *
- * The devices themselves are more lenient: a line at fault counts as missing,
- * and they say so in one message. A program with a user in front of it calls
- * this first and ends with status 2.
+ * The devices themselves are more lenient: they ignore a faulty line and log it
+ * once. An interactive program calls this first and shows the faults.
  * @param error receives one line for each fault, "file:line: key: what is wrong"; may be null.
  */
 bool check_config(std::string* error);
 
-/// One direction's device since the library was loaded. The last six fields are those of the present or last opening.
+/// Counters of one direction's device since the library was loaded. The last six fields belong to the present or last
+/// opening.
 struct DeviceStats {
     bool open = false;       ///< between a successful aio_device_open and aio_device_close
     bool lost = false;       ///< open, but the device behind it is gone and has not come back yet
@@ -43,7 +43,7 @@ struct DeviceStats {
     int64_t losses = 0;      ///< times that the device went away or stopped taking sound
     int64_t recoveries = 0;  ///< times that it came back after a suspend or loss
     int64_t recovery_us = 0; ///< how long the last recovery took, from the failure to the device at work again
-    int64_t frames_lost = 0; ///< while there was no device: their time passed in silence
+    int64_t frames_lost = 0; ///< frames whose time passed in silence while there was no device
     int64_t reselects = 0;   ///< moves to another device
     std::string pcm;         ///< ALSA's name
     int rate = 0;            ///< Hz
@@ -58,11 +58,11 @@ DeviceStats capture_stats();
 /// Raw pass-through: a capture device opened with bypass mode TO_RAW feeds S/PDIF or ARC by itself.
 struct BypassStats {
     bool active = false;
-    bool lost = false;      ///< the output is not there: what is captured goes nowhere
-    int64_t frames = 0;     ///< handed to the output
-    int64_t dropped = 0;    ///< not handed on: no output, or it took them more slowly than they came
+    bool lost = false;      ///< the output is not there: captured frames are dropped
+    int64_t frames = 0;     ///< passed to the output
+    int64_t dropped = 0;    ///< not passed on: there was no output, or it took frames more slowly than they came
     int64_t xruns = 0;      ///< of the output
-    int64_t slips = 0;      ///< corrections of the queue for two clocks: stuffing left out or put in
+    int64_t slips = 0;      ///< times that stuffing was left out or inserted because the two clocks differ
     int64_t recoveries = 0; ///< of the output
     std::string pcm;        ///< ALSA's name, with its status bits
     int rate = 0;           ///< Hz
@@ -84,7 +84,7 @@ struct CecStats {
     bool attached = false; ///< has the TV's logical address and a physical one: messages can pass
     ArcState arc = ArcState::idle;
     std::string device;            ///< such as "/dev/cec0"
-    std::string note;              ///< what was last said of the channel, in words; empty: nothing yet
+    std::string note;              ///< the last message about the channel; empty: none yet
     int64_t activations = 0;       ///< times that the channel was opened
     int64_t received = 0;          ///< messages
     int64_t sent = 0;              ///< messages that were acknowledged
@@ -94,9 +94,9 @@ struct CecStats {
 };
 CecStats cec_stats();
 
-/// A message that passed the adapter, in or out.
+/// A message that was received or sent.
 struct CecMessage {
-    int64_t time_ns;   ///< CLOCK_MONOTONIC: when it was received, or when its fate was known
+    int64_t time_ns;   ///< CLOCK_MONOTONIC: when it was received, or when the result of sending it was known
     bool sent;         ///< by this program
     bool delivered;    ///< acknowledged
     uint8_t length;    ///< in bytes
