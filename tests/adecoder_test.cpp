@@ -42,7 +42,7 @@ void read_all(adecoder_handle_t* decoder, Pcm* pcm)
         pcm->insert(pcm->end(), block, block + bytes / 2);
 }
 
-// Writes at most @p size bytes and steps over those that were taken. The status.
+// Writes at most @p size bytes and skips those that were accepted. @return the status.
 int32_t write_some(adecoder_handle_t* decoder, const Bytes& stream, size_t size, size_t* at)
 {
     int32_t status = 0;
@@ -53,7 +53,7 @@ int32_t write_some(adecoder_handle_t* decoder, const Bytes& stream, size_t size,
     return status;
 }
 
-// Writes the stream in pieces and reads what comes.
+// Writes the stream in parts and reads all PCM.
 template <typename NextSize> Pcm play(adecoder_handle_t* decoder, const Bytes& stream, NextSize next_size)
 {
     Pcm pcm;
@@ -112,7 +112,7 @@ TEST_P(AdecoderFormats, AnyCutInEitherByteOrderGivesWhatADirectDecodeGives)
     for (int channels : {2, 6, 8}) {
         const Pcm expected = coded_audio::decode(format, packets, channels);
         ASSERT_EQ(12 * kFrame * static_cast<size_t>(channels), expected.size());
-        // Before the first dependent frame nobody knows that there are any: cut off, it comes too late.
+        // Until the first dependent frame it is not known that there are any, so the cut one comes too late.
         const size_t known = format.extended_7_1 ? (kFrame + 256) * static_cast<size_t>(channels) : 0;
         for (const Bytes& stream : {coded_audio::join(packets), swap_words(coded_audio::join(packets))}) {
             std::mt19937 random(5);
@@ -230,7 +230,7 @@ TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)
         size_t at = 0;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         int refused = 0;
-        // Nobody reads: some time nothing more is taken.
+        // Without reads, writes are refused at some point.
         while (refused < 50 && at < stream.size() && std::chrono::steady_clock::now() < deadline) {
             const size_t before = at;
             write_some(decoder.get(), stream, 5000, &at);
@@ -239,7 +239,7 @@ TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         EXPECT_LT(at, size_t{300 * 1024}) << "what is held is bounded";
-        // Read, it goes on without loss.
+        // With reads it goes on without loss.
         Pcm pcm;
         const Pcm expected = coded_audio::decode(kFormats[0], packets, 2);
         while (pcm.size() + 2 * 2 * kFrame * 16 < expected.size() && std::chrono::steady_clock::now() < deadline) {
@@ -273,7 +273,7 @@ TEST(Adecoder, AsynchronousModeDecodesTheSameAndCanBeReadMeanwhile)
         reader.join();
         EXPECT_TRUE(expected == pcm);
     }
-    // Ended in the middle of its work.
+    // Closed while it decodes.
     const Decoder decoder = open_decoder(ADECODER_FORMAT_AC3, 2, true);
     const Bytes stream = coded_audio::join(coded_audio::encode(kFormats[0], 60));
     int32_t status = 0;
@@ -323,7 +323,7 @@ TEST(Adecoder, NonsenseIsRefused)
     EXPECT_GT(0, adecoder_deinit(nullptr));
 }
 
-// A frame of E-AC-3 that only its framing is right of: the check sum included.
+// A frame of E-AC-3 with valid framing and check sum, but no valid content.
 Bytes make_frame(int type, int substream, size_t bytes)
 {
     Bytes frame(bytes, 0x55);
@@ -378,7 +378,7 @@ TEST(Ac3Framer, DependentFramesBelongToTheFrameBeforeThem)
     ac3::Framer framer;
     EXPECT_EQ(std::vector<size_t>({600, 600}), units_of(&framer, {burst, burst}));
 
-    // Cut at the joint, the first time the dependent frame comes too late; from then on it is waited for.
+    // Cut between the two frames. The first dependent frame comes too late; from then on units wait for theirs.
     ac3::Framer cut;
     EXPECT_EQ(std::vector<size_t>({400, 600, 600}),
               units_of(&cut, {main, dependent, main, dependent, main, dependent}));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The Linux platform's sound devices on real ALSA: a private sound server with null sinks is the hardware, what
-// their monitors give is what was heard.
+// The Linux platform's sound devices on real ALSA. The null sinks of a private sound server stand in for the hardware,
+// and their monitors record what was heard.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@
 #include "pulse_server.h"
 #include "sound_devices.h"
 
-// A suspended card, which needs a machine that sleeps, and a broken one: linked before alsa-lib's own.
+// Replace alsa-lib's functions, to simulate a suspended and a broken card.
 extern "C" {
 snd_pcm_sframes_t __real_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
 snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames);
@@ -48,12 +48,12 @@ PulseServer* g_server = nullptr;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// How often the hardware still says that it wakes up before it is awake; 0: it is.
+// Calls of snd_pcm_resume() until the hardware is awake; 0: it is.
 std::atomic<int> g_asleep{0};
-// The hardware says that it ran over or empty, whenever it is asked.
+// Every transfer fails with an xrun.
 std::atomic<bool> g_broken{false};
 
-// What a transfer fails with; 0: it goes to the device.
+// @return the error of a transfer; 0: the device does it.
 int transfer_error()
 {
     if (g_broken)
@@ -132,7 +132,7 @@ TEST_F(AioAlsaTest, PlaysWhatIsWrittenAndCapturesWhatIsPlayed)
         ASSERT_EQ(write_numbered(1), kBlockBytes);
         most = std::max(most, delay());
     }
-    // A second of sound, less what the buffer and the server still hold.
+    // A second of sound was written; the buffer and the server still hold a part of it.
     EXPECT_GT(seconds_since(start), 0.5);
     EXPECT_GT(most, kPeriod);
     EXPECT_LT(most, kRate);
@@ -272,7 +272,7 @@ TEST_F(AioAlsaTest, AReselectedDeviceGoesOnWithWhatWasNotHeardYet)
     const std::vector<NumberRun> new_device = number_runs(second.left());
     ASSERT_EQ(old_device.size(), 1u);
     ASSERT_EQ(new_device.size(), 1u);
-    // Every frame is heard; a few at the seam twice, as the server had mixed them already.
+    // Every frame is heard. A few are heard on both devices, because the server had mixed them already.
     EXPECT_EQ(old_device[0].first, 1);
     EXPECT_LE(new_device[0].first, old_device[0].last + 1);
     EXPECT_GT(new_device[0].first, old_device[0].last - kRate / 5);
@@ -327,9 +327,9 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceIsSilentAtItsPaceAndComesBack)
         read_on(0.02);
     read_on(0.2);
     EXPECT_FALSE(capture_stats().lost);
-    // No time was left out and none put in: what follows belongs to the same moment of the picture as before.
+    // The silence has the length of the loss, so the sound after it is in sync with the video.
     EXPECT_NEAR(static_cast<double>(frames) / kRate, seconds_since(start), 0.1);
-    // And whoever closes does not wait for the device.
+    // A close does not wait for the device.
     g_server->kill();
     BlockedCall<int> blocked([&] {
         while (read_block()) {
@@ -342,7 +342,7 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceIsSilentAtItsPaceAndComesBack)
     ASSERT_TRUE(g_server->start()) << g_server->why();
 }
 
-// The sound server, the only child of this program, stands still in this scope.
+// Stops the sound server, the only child of this program, for a scope.
 class ServerPause
 {
 public:
@@ -379,7 +379,7 @@ TEST_F(AioAlsaTest, AServerThatDoesNotAnswerHoldsUpNoClose)
                                         : aio_device_read(device, minute.data(), static_cast<int>(minute.size()));
         });
         ASSERT_TRUE(call.asleep());
-        // The start of the sound waits for the server.
+        // The start of playback waits for the server, so it must be over.
         const bool plays = device == &playback_;
         ASSERT_TRUE(eventually([&] { return !plays || playback_stats().frames > frames + 12 * kPeriod; }));
         ServerPause pause;
@@ -452,7 +452,7 @@ TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
         EXPECT_EQ(write_numbered(1), kBlockBytes);
         EXPECT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes) << "of silence";
     }
-    // Each at once, after its first return, and a second later on a machine that is slow.
+    // Per device: one loss at once, one after its first recovery, and one a second later on a slow machine.
     EXPECT_LE(playback_stats().losses + capture_stats().losses, losses + 6);
     g_broken = false;
     EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }));
@@ -462,7 +462,7 @@ TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
 
 // --- Raw pass-through ------------------------------------------------------------------
 
-// A machine that was busy for longer than the buffers last leaves breaks between them.
+// A recording has breaks where the machine was busy for longer than the buffers last.
 int64_t longest(const std::vector<NumberRun>& runs)
 {
     int64_t frames = 0;
@@ -535,7 +535,7 @@ TEST_F(AioAlsaTest, ADeviceThatIsClosedWhilePassThroughTakesItStaysClosed)
 
 TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)
 {
-    // An output that takes everything at once seems to be faster than the link.
+    // An output that takes everything at once is faster than the link.
     setenv("HDMIPLAYER_ALSA_HDMI_ARC", "fast", 1);
     playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
     ASSERT_EQ(aio_device_open(&playback_), 0);
@@ -556,7 +556,7 @@ TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)
     EXPECT_GT(longest(number_runs(payloads(sent))), kPeriod);
 }
 
-// What the digital output's receiver reads in the channel status: AES0 to AES3, from the left subframes of one block.
+// The channel status in the output's subframes: AES0 to AES3, from the left subframes of one block.
 std::vector<int> received_status(const std::string& file)
 {
     std::ifstream stream(file, std::ios::binary);
@@ -661,7 +661,7 @@ TEST_F(AioAlsaTest, VolumeAndMuteScaleTheSamplesWhereThereIsNoMixer)
     ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
 }
 
-// What the mixer that the platform sets says to others.
+// The mixer that the platform sets, as another program reads it.
 struct MixerState {
     long volume = -1;
     int sounds = -1;
@@ -707,8 +707,8 @@ TEST_F(AioAlsaTest, VolumeAndMuteAreTheMixersWhereThereIsOne)
 
 } // namespace
 
-// ALSA's names beside those of the server's sinks: a device of one rate, a digital output whose subframes go to a
-// file, and the mixer of sink "out".
+// ALSA names in addition to the server's sinks: a device of one rate, a digital output whose subframes go to a file,
+// and the mixer of sink "out".
 std::string more_devices(const std::string& folder)
 {
     return "pcm.fixed44 { type plug slave { pcm { type null } rate 44100 } }\n"

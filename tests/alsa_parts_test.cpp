@@ -38,7 +38,7 @@ TEST(Iec958, OnlyWhatFollowsAPayloadIsStuffing)
         hdmi_linux::BurstFollower follower;
         std::vector<int16_t> words(2 * 40);
         EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), -1) << "perhaps of a payload whose start was not seen";
-        // Two frames of preamble, 15 of payload, silent as it is, and stuffing from 17 on.
+        // Two frames of preamble, 15 of payload, all zeros, and stuffing from frame 17 on.
         const int16_t preamble[] = {static_cast<int16_t>(0xF872), 0x4E1F, burst.type, burst.length};
         std::copy(std::begin(preamble), std::end(preamble), words.begin());
         EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), 17);
@@ -135,9 +135,9 @@ TEST(AlsaVolume, AChangePassesEveryLevelBetween)
 TEST(AlsaVolume, PercentIsEvenToTheEar)
 {
     using hdmi_linux::volume_decibels;
-    // A control of a small range moves by the decibel.
+    // With a small range, in proportion to the decibels.
     EXPECT_EQ(volume_decibels(50, -2000, 400), -800);
-    // One of a large range, or one that ends in silence, by the cube root of the amplitude.
+    // With a large range, or one that ends in silence, in proportion to the cube root of the amplitude.
     EXPECT_EQ(volume_decibels(50, SND_CTL_TLV_DB_GAIN_MUTE, 0), -1806);
     EXPECT_EQ(volume_decibels(50, -6000, 0), -1558);
     for (const long min : {-9000L, -2400L, static_cast<long>(SND_CTL_TLV_DB_GAIN_MUTE)}) {

@@ -25,17 +25,17 @@ constexpr uint16_t kRoot = 0x0000;
 constexpr int64_t kResponseMs = 1000; // of the standard
 constexpr char kAddressReport[] = "5f:84:10:00:05";
 
-// The TV's side on a bus of its own, where every message is acknowledged unless a test says otherwise.
+// The TV's side on a simulated bus. Messages are acknowledged unless a test says otherwise.
 struct Bus {
     void hear(const std::string& text) { hear(parsed(text)); }
-    // It gets a copy of the exact size: reading past the end is found.
+    // Passes a copy of the exact size, so that a sanitizer finds reads past its end.
     void hear(const Bytes& message)
     {
         const std::unique_ptr<uint8_t[]> copy(new uint8_t[message.size()]);
         std::copy(message.begin(), message.end(), copy.get());
         arc.received(copy.get(), message.size(), now);
     }
-    // What it sends now, with blanks between.
+    // The messages that it sends now, separated by blanks.
     std::string said(Delivery delivery = Delivery::acknowledged)
     {
         std::string all;
@@ -57,7 +57,7 @@ struct Bus {
         now += milliseconds;
         arc.elapsed(now);
     }
-    // The time at which it does something by itself.
+    // Advances to its next deadline.
     void pass_to_deadline()
     {
         ASSERT_NE(cec_arc::kNever, arc.deadline());
@@ -112,6 +112,11 @@ TEST(CecArc, OnlyADeviceOnAConnectorOfTheTvIsAdjacent)
 
 TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
 {
+    Bus unasked = at(kAttached);
+    unasked.hear("50:c0");
+    EXPECT_EQ("05:00:c0:01", unasked.said()) << "not ready";
+    EXPECT_EQ(State::idle, unasked.arc.state());
+
     Bus bus;
     bus.arc.open(bus.now);
     EXPECT_EQ("", bus.said());
@@ -129,7 +134,7 @@ TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
     EXPECT_EQ(State::active, bus.arc.state());
     EXPECT_EQ(cec_arc::kNever, bus.arc.deadline()) << "an open channel needs no attention";
 
-    // The audio system is faster than what is queued, or than the word that the request has arrived.
+    // The audio system opens the channel while the request is queued, or before its acknowledgement is known.
     Bus queued = at(kAsking);
     queued.hear(kAddressReport);
     Bus under_way = queued;
@@ -156,7 +161,7 @@ TEST(CecArc, FollowsWhatTheAudioSystemDoesLater)
     EXPECT_EQ("05:c1", bus.said()) << "every time";
     EXPECT_EQ(State::active, bus.arc.state());
     EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.notices()) << "once";
-    // Both before the bus was free: the last one counts.
+    // All before the bus was free: the last one counts.
     bus.hear("50:c5");
     bus.hear("50:c0");
     bus.hear("50:c5");
@@ -231,7 +236,7 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
         answered->hear(kAddressReport);
         EXPECT_EQ("05:c3", answered->said()) << "that message was answered already";
     }
-    // It told its address before it was asked: that question is not sent any more.
+    // It reported its address before the question was sent, which then is not sent.
     for (const auto& [message, answer, state] :
          {std::tuple("50:c0", "05:c1", State::active), std::tuple("50:c5", "05:c2", State::terminated)}) {
         Bus unasked = at(kAttached);
@@ -250,7 +255,7 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
     EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
     flooded = at(kAttached);
     flooded.arc.open(flooded.now);
-    flooded.hear("50:00:83:00"); // It did not tell its address: given up, until it opens the channel by itself.
+    flooded.hear("50:00:83:00"); // It refuses to report its address: given up until it opens the channel by itself.
     while (flooded.arc.deadline() != cec_arc::kNever) {
         flooded.said();
         flooded.pass_to_deadline();
@@ -261,7 +266,7 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
         flooded.hear("40:8f");
     flooded.hear(kAddressReport);
     EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
-    // An address report of somebody else, one that was not broadcast, one that is too short: no address.
+    // Reports that do not count: from another device, not broadcast, too short.
     for (const char* report : {"4f:84:10:00:04", "50:84:10:00:05", "5f:84:10:00"}) {
         Bus waiting = at(kAsking);
         waiting.hear(report);
@@ -269,15 +274,7 @@ TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
     }
 }
 
-TEST(CecArc, BeforeItIsAskedForItIsNotReady)
-{
-    Bus bus = at(kAttached);
-    bus.hear("50:c0");
-    EXPECT_EQ("05:00:c0:01", bus.said());
-    EXPECT_EQ(State::idle, bus.arc.state());
-}
-
-// Some attempts, then silence; one notice.
+// Three attempts, one notice, then no more messages.
 void expect_attempts(Bus bus, const char* message, Delivery delivery, Notice notice)
 {
     int attempts = 0;
@@ -294,7 +291,7 @@ void expect_attempts(Bus bus, const char* message, Delivery delivery, Notice not
     EXPECT_EQ(std::vector<Notice>{notice}, bus.notices());
     EXPECT_EQ(State::idle, bus.arc.state());
     EXPECT_LT(bus.now, 8000);
-    // Silence is not for ever: it appears, or asks by itself.
+    // It asks again when the audio system appears, and accepts a channel that this opens by itself.
     bus.hear(kAddressReport);
     EXPECT_EQ("05:c3", bus.said());
     bus.pass_to_deadline();
@@ -316,7 +313,7 @@ TEST(CecArc, GivesUpAfterSomeAttemptsAndSaysWhy)
     bus.hear(kAddressReport);
     expect_attempts(bus, "05:c3", Delivery::acknowledged, Notice::no_answer);
     expect_attempts(bus, "05:c3", Delivery::failed, Notice::no_answer);
-    // What it opens by itself afterwards is confirmed with as much patience.
+    // A channel that it opens by itself afterwards is confirmed with the same number of attempts.
     while (bus.arc.deadline() != cec_arc::kNever) {
         bus.said();
         bus.pass_to_deadline();
@@ -503,8 +500,8 @@ TEST(CecArc, AFloodIsNotAnsweredFasterThanTheBusCarries)
     EXPECT_EQ("05:c3", said.substr(said.size() - 5));
 }
 
-// Whatever comes in: one answer at most, from the TV to the initiator, none to what was broadcast, none to a device
-// without address. Only the audio system moves the state.
+// Any message gets at most one answer, from the TV to the initiator. A broadcast or a message from a device without an
+// address gets none. Only the audio system's messages change the state.
 void expect_manners(const Bus& before, const Bytes& message)
 {
     Bus bus = before;
@@ -576,7 +573,7 @@ TEST(CecArc, NoSequenceOfEventsLeavesItStuck)
             const bool waits = bus.arc.state() == State::requested && bus.arc.deadline() == cec_arc::kNever;
             ASSERT_TRUE(!waits || !Bus(bus).said().empty()) << run << ": for nothing, for ever";
         }
-        // The audio system is there and behaves from now on: the channel opens.
+        // From now on the audio system behaves: the channel opens.
         bus.arc.attach(kRoot, true, bus.now);
         bus.notices();
         bus.said();

@@ -46,7 +46,7 @@ FakeAdapter used_as(int type, const std::string& path = "/dev/cec0")
     return adapter;
 }
 
-// What the kernel does with an adapter, and an audio system at its other end.
+// Behaves as the kernel with an adapter, to which an audio system is connected.
 class FakeKernel : public hdmi_linux::CecSystem
 {
 public:
@@ -99,7 +99,7 @@ public:
         gone_ = gone;
         wake();
     }
-    // The adapter has got its address, or something else about it has changed.
+    // The claim of the address ends; also posts an event if it had ended before.
     void claim()
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -172,7 +172,7 @@ private:
             EXPECT_EQ(static_cast<ssize_t>(sizeof(one)), write(fd_, &one, sizeof(one)));
         }
     }
-    // As the kernel: at most one that waits.
+    // Keeps only the latest event, as the kernel does.
     void post_state(uint32_t flags)
     {
         cec_event event = {};
@@ -382,7 +382,7 @@ TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
     EXPECT_FALSE(link.stats().attached);
     kernel.claim();
     EXPECT_TRUE(reaches(link, ArcState::active));
-    // The kernel keeps one event: this one is a link that was down and is up again.
+    // The kernel keeps only the latest event: with the same state it means that the link was down meanwhile.
     kernel.claim();
     EXPECT_TRUE(eventually([&] { return link.stats().activations == 2; }));
     link.stop();
@@ -420,7 +420,7 @@ TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
     EXPECT_FALSE(kernel.is_open());
 }
 
-// Another device of that number has come meanwhile: it is left alone until a TV's is there, whatever its number.
+// Meanwhile another device has got the lost adapter's number. It is not used; a TV's adapter is, whatever its number.
 TEST(CecLink, ChoosesAgainAfterAnUnplug)
 {
     FakeKernel kernel;
@@ -476,7 +476,7 @@ TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
     }
 }
 
-// Another program takes the configuration back; then the claim of the address fails, which the kernel does not repeat.
+// Another program removes the configuration. Then the claim of the address fails, which the kernel does not repeat.
 TEST(CecLink, ClaimsItsAddressAgain)
 {
     FakeKernel kernel;

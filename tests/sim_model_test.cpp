@@ -46,7 +46,7 @@ sim::LinkSignalPtr link(int rate, int64_t start_ns)
     return signal;
 }
 
-// Reads at most so many bytes. @return the first frame, the bytes of it read before, and the bytes read
+// @return the first frame, the bytes of it that were read before, and the bytes read.
 std::array<int64_t, 3> take(sim::CaptureRing& ring, int max_bytes)
 {
     const auto piece = ring.take(max_bytes);
@@ -77,7 +77,7 @@ TEST(CaptureRing, LosesTheOldestPeriodsAndKeepsTheRest)
     EXPECT_EQ(ring.drop_overrun(75 * kMs), 3);
     EXPECT_EQ(ring.ready_bytes(75 * kMs), 160);
     EXPECT_EQ(take(ring, 40), (Piece{30, 0, 40}));
-    // A reader inside a period loses that period, and stands at the start of one afterwards.
+    // A reader inside a lost period continues at the start of the oldest one left.
     EXPECT_EQ(take(ring, 6), (Piece{40, 0, 4}));
     EXPECT_EQ(ring.drop_overrun(91 * kMs), 1);
     EXPECT_EQ(take(ring, 40), (Piece{50, 0, 40}));
@@ -123,7 +123,7 @@ TEST(PlayQueue, FillsBlocksAndDrainsAtItsOwnClock)
     EXPECT_NEAR(static_cast<double>(ten - kSecond), 1e10 / 1001, 1);
     EXPECT_EQ(queue.room(ten - 1), 9);
     EXPECT_EQ(queue.room(ten), 10);
-    // Half a frame short of 35: the frame under way is not heard yet.
+    // After 34.5 frames, the half one is not heard yet.
     queue.drain(kSecond + 34 * kMs + 500'000, &heard);
     EXPECT_EQ(heard.left.size(), 34u);
     queue.put(kSecond + 35 * kMs, ramp(30, 41).data(), 30, 1.0f, &heard);
@@ -142,7 +142,7 @@ TEST(PlayQueue, UnderrunIsSilenceUntilTheNextWrite)
     EXPECT_EQ(queue.empty_ns(), sim::kNever);
     queue.put(0, ramp(15).data(), 15, 1.0f, &heard);
     EXPECT_EQ(queue.empty_ns(), 15 * kMs);
-    // Just in time is no gap; then 4.3 frames late: silence to the end of the fifth; then late by 7 frames exactly.
+    // First in time, without a gap; then 4.3 frames late, with five frames of silence; then 7 frames late.
     for (const int64_t at : {15 * kMs, 24 * kMs + 300'000, 37 * kMs}) {
         queue.drain(at, &heard);
         EXPECT_EQ(queue.queued(at), 0);
@@ -168,7 +168,8 @@ std::string text(const std::vector<sim::Latch::Release>& released)
     return all;
 }
 
-// What a vertical blank shows, "again" for a repetition, then what it releases: -1, or x1 where 1 was never shown.
+// The buffer that a vertical blank shows, "again" for a repetition, then those it releases: -1, or x1 if 1 was never
+// shown.
 std::string vblank(sim::Latch& latch, int64_t at_ns)
 {
     const auto result = latch.vblank(at_ns);
@@ -179,7 +180,7 @@ std::string vblank(sim::Latch& latch, int64_t at_ns)
 TEST(Latch, FlipBelongsToTheFirstVerticalBlankAfterItHoweverLateThatIsDecided)
 {
     sim::Latch latch;
-    latch.flip(buffer(1), 10); // at the vertical blank itself: the next one's
+    latch.flip(buffer(1), 10); // at the vertical blank itself: belongs to the next one
     EXPECT_EQ(vblank(latch, 10), "0");
     latch.flip(buffer(2), 25);
     EXPECT_EQ(vblank(latch, 20), "1");

@@ -31,7 +31,7 @@ namespace
 
 constexpr int64_t kMs = 1'000'000;
 
-// What main() saw of the machine before and after it entered the namespaces.
+// The machine as main() found it before and after it entered the namespaces.
 struct Machine {
     int errno_before = 0;
     std::set<std::string> classes_before;
@@ -39,7 +39,7 @@ struct Machine {
     std::string error;
 } g_machine;
 
-// Where a recording goes, for a scope.
+// The path of a recording, which is removed at the end of the scope.
 struct TemporaryWav {
     std::string path;
 
@@ -142,7 +142,7 @@ protected:
 TEST_F(Sim, ReceiverGivesConsecutivePeriodsAtTheSourcesPace)
 {
     hdmi_sim::Signal signal = numbered_signal();
-    signal.clock_error_ppm = 100'000; // a tenth fast: plain to see in a short time
+    signal.clock_error_ppm = 100'000; // a tenth fast, which shows in a short time
     hdmi_sim::receiver_connect(signal);
     audio_config_t config = capture_config();
     config.sample_rate = 0;
@@ -155,7 +155,7 @@ TEST_F(Sim, ReceiverGivesConsecutivePeriodsAtTheSourcesPace)
     for (int i = 0; i < 20; i++) {
         ASSERT_EQ(aio_device_read(&config, period.data(), 1920), 1920);
         const hdmi_sim::ReceiverStats stats = hdmi_sim::receiver_stats();
-        // A machine that stalls for the ring's whole length may lose periods, never frames inside one.
+        // If the machine stalls for the length of the ring, whole periods are lost, never frames inside one.
         if (stats.overruns == 0) {
             ASSERT_EQ(number_at(period.data()), stats.first_read_frame + 480 * i);
         }
@@ -308,7 +308,7 @@ TEST_F(Sim, RecordingGoesOnAcrossReopensAndAnotherRateBeginsAnotherFile)
         play_out(config);
         ASSERT_EQ(aio_device_close(&config), 0);
     };
-    play(48000, 100); // ends inside a period: the next opening begins a block all the same
+    play(48000, 100); // ends inside a period; the next opening still begins a block
     play(48000, 480);
     const auto blocks = hdmi_sim::playback_blocks();
     ASSERT_EQ(blocks.size(), 2u);
@@ -472,7 +472,7 @@ std::string state_file()
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// As a device manager or a player listens.
+// Listens to uevents as a device manager or a player does.
 class Listener
 {
 public:
@@ -553,7 +553,7 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
         decoder = adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
         return decoder != nullptr ? 0 : -42;
     };
-    // In an order in which every call works without its fault.
+    // In an order in which every call succeeds without a fault.
     const std::vector<std::pair<Op, std::function<int()>>> calls = {
         {Op::capture_open, [&] { return aio_device_open(&capture); }},
         {Op::capture_frames_to_bytes, [&] { return aio_device_frames_to_bytes(&capture, 0); }},

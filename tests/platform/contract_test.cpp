@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the player relies on, asked of a platform: built once for each, on a board for a new one. Everything here is
-// what aio_device.h, adecoder.h and hdmi_cec.h promise, in the order and from the threads in which the player calls.
+// Checks that a platform keeps the promises of aio_device.h, adecoder.h and hdmi_cec.h. The calls come in the order and
+// from the threads of the player. It is built once for each platform; for a new one it runs on the board.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -27,9 +27,9 @@ constexpr int kRate = 48000;
 constexpr int kPeriod = 960;
 constexpr int kFrameBytes = 4;
 constexpr int kPeriodBytes = kPeriod * kFrameBytes;
-/// "At once", on a machine that has other things to do.
+/// The limit for "at once", on a busy machine.
 constexpr double kPromptSeconds = 1.0;
-/// hdmi_cec.h
+/// From hdmi_cec.h.
 constexpr double kCecCloseSeconds = 3.0;
 
 double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
@@ -124,7 +124,7 @@ TEST_F(PlatformContract, CloseEndsABlockedWriteAndABlockedRead)
     for (int round = 0; round < 5; ++round) {
         ASSERT_EQ(0, aio_device_open(&playback_));
         ASSERT_EQ(0, aio_device_open(&capture_));
-        // As the player does it: one thread each, until the device says that it is gone.
+        // One thread each, as in the player, until a call fails.
         BlockedCall<int> writing([this] {
             int result = 0;
             while ((result = write_silence()) == kPeriodBytes) {
@@ -193,7 +193,7 @@ TEST(PlatformCec, OpensWithoutWaitingForTheBusAndClosesInTime)
     std::printf("adapter: init %d", vendor_hdmi_cec_init(&config));
     std::printf(", ARC %d", vendor_hdmi_cec_open_arc());
     EXPECT_LT(seconds_since(start), kPromptSeconds) << "it would delay open";
-    // In the middle of the exchange.
+    // During the exchange.
     const double seconds = close_cec();
     std::printf(", deinit %.2f s\n", seconds);
     EXPECT_LT(seconds, kCecCloseSeconds) << "it would delay close";
@@ -223,7 +223,7 @@ TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
     const auto size = static_cast<int32_t>(payload.size());
     bool audible = false;
     for (int frame = 0; frame < 4; ++frame) {
-        // In two parts, as captured chunks cut it.
+        // In two parts, as captured chunks may cut it.
         int32_t status = -1;
         EXPECT_EQ(101, adecoder_write(decoder, payload.data(), 101, 0, -1, &status));
         EXPECT_EQ(0, status);

@@ -10,7 +10,7 @@ namespace
 std::unique_ptr<PulseServer> g_server;
 }
 
-// The monitor of one sink is the signal; nobody else plays.
+// The monitor of one sink is the signal.
 bool platform_stage::set_up(std::string* why)
 {
     g_server = std::make_unique<PulseServer>(std::vector<std::string>{"contract_out", "contract_in"},

@@ -24,14 +24,14 @@ constexpr auto kStartLimit = std::chrono::seconds(20);
 
 std::string socket_of(const std::string& folder) { return folder + "/native"; }
 
-// In the child: quiet, and gone when the test is gone.
+// In the child: no output, and killed when the test ends.
 [[noreturn]] void become_server(const std::string& folder, const std::vector<std::string>& sinks)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int log = open((folder + "/log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     dup2(log, STDOUT_FILENO);
     dup2(log, STDERR_FILENO);
-    // Neither the user's settings nor a bus, and no library preloaded for the test.
+    // Without the user's settings, a message bus or libraries preloaded for the test.
     for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "PULSE_SERVER", "DISPLAY", "LD_PRELOAD"})
         unsetenv(name);
     std::vector<std::string> words = {"pulseaudio",
@@ -58,7 +58,7 @@ std::string socket_of(const std::string& folder) { return folder + "/native"; }
 } // namespace
 
 #if defined(__SANITIZE_THREAD__)
-// The server's client library is not instrumented: its lists without locks look like races between its own threads.
+// The server's client library is not instrumented, so its lock-free lists look like races between its own threads.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() { return "race:libpulse\n"; }
 #endif

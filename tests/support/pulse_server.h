@@ -15,16 +15,16 @@
 class PulseServer
 {
 public:
-    /// Makes a temporary folder with the ALSA configuration, to which @p more(folder) adds, and sets the environment:
-    /// before any thread starts.
+    /// Makes a temporary folder with the ALSA configuration, to which @p more(folder) adds, and sets the environment.
+    /// Call it before any thread starts.
     PulseServer(std::vector<std::string> sinks, std::string (*more)(const std::string& folder));
     ~PulseServer();
     PulseServer(const PulseServer&) = delete;
     PulseServer& operator=(const PulseServer&) = delete;
 
-    /// @return whether the sinks can be opened; if not, why() tells.
+    /// @return whether the sinks can be opened; if not, why() has the reason.
     bool start();
-    /// At once, as if it had crashed.
+    /// Ends the server as a crash would.
     void kill();
     const std::string& why() const { return why_; }
     const std::string& folder() const { return folder_; }

@@ -12,7 +12,7 @@ namespace
 
 constexpr int kBlockFrames = 960;
 constexpr unsigned kLatencyUs = 200000;
-// Of a burst's preamble (IEC 61937).
+// The preamble of a burst (IEC 61937).
 constexpr auto kSyncA = static_cast<int16_t>(0xF872);
 constexpr int16_t kSyncB = 0x4E1F;
 
@@ -91,7 +91,7 @@ Recorder::Recorder(const std::string& pcm, int rate)
         throw std::runtime_error("cannot record " + pcm);
     snd_pcm_start(pcm_);
     thread_ = std::thread(&Recorder::run, this);
-    // What plays from here on is recorded.
+    // All sound from here on is recorded.
     eventually([this] { return !words().empty(); });
 }
 

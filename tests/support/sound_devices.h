@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The far ends of ALSA devices, independent of the code under test, and sound
- * in which every frame has a number: what is lost, doubled or changed shows.
+ * The other ends of ALSA devices, independent of the code under test, and sound
+ * in which every frame has a number, so that lost, repeated and changed frames
+ * show.
  */
 #pragma once
 
@@ -16,26 +17,26 @@
 #include <vector>
 
 constexpr int kNumbers = 32000;
-/// Stereo frames with the numbers from @p first on; they run from 1 to kNumbers.
+/// Stereo frames with the numbers from @p first on. Numbers repeat after kNumbers.
 std::vector<int16_t> numbered(int64_t first, int frames);
 
-/// Frames with consecutive numbers.
+/// A run of frames with consecutive numbers.
 struct NumberRun {
     int first;
     int last;
     int frames;
 };
-/// Those in a recording, silence left out.
+/// The runs in a recording; silence is left out.
 std::vector<NumberRun> number_runs(const std::vector<int16_t>& left);
 
-/// The numbers of coded bursts, without what is between them; @p words of both channels.
+/// The numbers in the payloads of coded bursts; @p words of both channels.
 std::vector<int16_t> payloads(const std::vector<int16_t>& words);
 
 /// Sends frame numbers into an ALSA device, as the other end of the capture's link.
 class Feeder
 {
 public:
-    /// @p stuffing: in bursts of coded data, with so many frames of zeros, without a number, at the end of each 960.
+    /// @p stuffing above 0: sends bursts of coded data, of 960 frames each, of which the last @p stuffing are zeros.
     explicit Feeder(const std::string& pcm, int rate = 48000, int stuffing = 0);
     ~Feeder();
     Feeder(const Feeder&) = delete;
@@ -47,7 +48,7 @@ private:
     std::thread thread_;
 };
 
-/// Records an ALSA device, in stereo, on a thread of its own: independent of the code under test.
+/// Records an ALSA device, in stereo, on a thread of its own.
 class Recorder
 {
 public:
