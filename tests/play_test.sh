@@ -11,20 +11,73 @@ folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
 source "$(dirname "${BASH_SOURCE[0]}")/support/play_runs.sh"
 
-# plays PROCESS: the player has opened.
-plays() { grep -qs host_video /proc/"$1"/task/*/comm; }
+# wait_until PROCESS COMMAND...: the command succeeds, or the process has ended.
+wait_until() {
+    until "${@:2}" || ! kill -0 "$1" 2>/dev/null; do sleep 0.01; done
+}
+plays() { grep -qs host_video /proc/"$1"/task/*/comm; } # the player has opened
 
 # stands_still STATUS NAME ARGUMENT...: stops the program for 300 ms in the middle of its run.
 stands_still() {
     local expected=$1 name=$2 status=0
     "$program" --report "$folder/$name.json" "${@:3}" >"$folder/$name.txt" 2>&1 &
-    until plays $! || ! kill -0 $! 2>/dev/null; do sleep 0.1; done
+    wait_until $! plays $!
     sleep 2
-    kill -STOP $!
+    kill -STOP $! || true
     sleep 0.3
-    kill -CONT $!
+    kill -CONT $! || true
     wait $! || status=$?
     [ "$status" -eq "$expected" ] || { cat "$folder/$name.txt"; fail "stopped, ${*:3}: exit status $status"; }
+}
+
+# begin NAME ARGUMENT...: plays for a minute, beside. A shell starts that with SIGINT ignored.
+begin() {
+    mkdir "$folder/$1.tmp"
+    TMPDIR=$folder/$1.tmp env --default-signal=INT "$program" --seconds 60 --report "$folder/$1.json" \
+        --html "$folder/$1.html" "${@:2}" >"$folder/$1.txt" 2>&1 &
+}
+
+# ended NAME STATUSES: it ended so, and left no temporary folder.
+ended() {
+    local status=0
+    wait $! || status=$?
+    [[ $status =~ ^($2)$ ]] || { cat "$folder/$1.txt"; fail "$1: exit status $status"; }
+    [ -z "$(ls -A "$folder/$1.tmp")" ] || fail "$1: left $(ls -A "$folder/$1.tmp")"
+}
+
+# stops SIGNAL: in the middle of a run; one that comes twice at a time is one.
+stops() {
+    local name=stopped_$1
+    begin "$name"
+    wait_until $! plays $!
+    sleep 3
+    kill -s "$1" $! || true
+    kill -s "$1" $! 2>/dev/null || true
+    ended "$name" '0|4'
+    grep -q "stopped by SIG$1" "$folder/$name.txt" && grep -q '"outcome": "[pi]' "$folder/$name.json" &&
+        grep -q '</html>' "$folder/$name.html" || { cat "$folder/$name.txt"; fail "SIG$1: no report"; }
+}
+
+# stops_early SIGNAL: before there was anything to measure; as soon as there is a temporary folder.
+stops_early() {
+    local name=early_$1
+    begin "$name"
+    wait_until $! compgen -G "$folder/$name.tmp/*" >"$folder/$name.seen"
+    kill -s "$1" $! || true
+    ended "$name" $((128 + $(kill -l "$1")))
+    [ ! -e "$folder/$name.json" ] || ! grep -q '"passed": true' "$folder/$name.json" || fail "$name: passed"
+}
+
+# stops_at_once: the second signal does not wait for the sound that is still on its way.
+stops_at_once() {
+    begin twice --algorithm-delay 1000
+    wait_until $! plays $!
+    sleep 2
+    kill $! || true
+    sleep 0.6
+    kill $! || true
+    wait $! || status=$?
+    [ "$status" -eq 143 ] && [ ! -e "$folder/twice.json" ] || { cat "$folder/twice.txt"; fail "twice: exit status $status"; }
 }
 
 decide none start --seconds 2 || true
@@ -66,6 +119,16 @@ if [ "${2:-}" != quick ]; then
     wait
     grep -q '"outcome": "inconclusive"' "$folder/stalled.json" || fail "the report does not tell of the machine"
     grep -q 'FAIL  output bit for bit the input' "$folder/stalled_lost.txt" || fail "a lost block is put down to the machine"
+
+    stops INT &
+    stops TERM &
+    stops HUP &
+    wait
+    stops_at_once &
+    for signal in INT TERM HUP; do
+        stops_early $signal &
+    done
+    wait
 
     : >"$folder/empty.mp4"
     echo "This is no film." >"$folder/text.mp4"

@@ -61,7 +61,7 @@ compare "unplugged twice, and back" "$(outages kms-unplug)" -eq 2
 check "unplugged: every buffer came back" grep -q '"closes": true' "$OUT/kms-unplug.json"
 compare "unplugged: pictures not readable" "$(figure kms-unplug unreadable)" -le 0
 
-"${program[@]}" --seconds 60 >/dev/null 2>&1 &
+"${program[@]}" --seconds 60 --report "$OUT/kms-stopped.json" >"$OUT/kms-stopped.log" 2>&1 &
 first=$!
 wait_for 30 card_in_use
 status=0
@@ -69,3 +69,5 @@ status=0
 compare "a display in use is refused, exit status" "$status" -eq 3
 check "and the message says why" grep -q 'another program shows on it' "$OUT/kms-second.log"
 kill "$first"
+wait "$first"
+check "stopped by a signal: every buffer came back" grep -q '"closes": true' "$OUT/kms-stopped.json"

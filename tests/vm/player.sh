@@ -25,7 +25,10 @@ figure() { sed -n "s/^ *\"$1\": \([-0-9.e]*\),\{0,1\}\$/\1/p" "$OUT/player.json"
 check "an audio system at the other end" start_audio_system
 echo HEADDONE_PCM_44=1 >$receiver
 # Code comes over the shared folders, and is translated, when it is first used.
-"$BUILD/tools/play/hdmi-player-play" --seconds 3 "${options[@]}" >"$OUT/player.log" 2>&1
+timeout --foreground --signal=TERM 10 "$BUILD/tools/play/hdmi-player-play" --seconds 60 "${options[@]}" \
+    >"$OUT/player-stopped.log" 2>&1
+check "stopped by a signal: the CEC adapter is as it was" \
+    bash -c "cec-ctl -d /dev/cec0 | grep -q 'Logical Address Mask *: 0x0000'" || tail -n 20 "$OUT/player-stopped.log"
 rm -f "$OUT/player.json"
 play "$OUT/player.log" --seconds $seconds "${options[@]}"
 kill "$follower"

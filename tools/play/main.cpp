@@ -28,13 +28,15 @@
 #include "source/coded_programme.h"
 #include "source/media_file.h"
 #include "source/programme.h"
+#include "stop_signals.h"
 
 namespace play
 {
 namespace
 {
 
-enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3, inconclusive = 4 };
+/// And 128 + the number of a signal that came before anything was measured.
+enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3, inconclusive = 4, stopped = 128 };
 
 constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int64_t kMs = 1'000'000;
@@ -158,11 +160,11 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Disp
     return config;
 }
 
-void watch(const Host& host, const Display& display)
+void watch(const Host& host, const Display& display, const StopSignals& signals)
 {
     constexpr useconds_t kLookAgainUs = 50'000;
     Progress progress;
-    while (host.video_running() && !display.closed()) {
+    while (host.video_running() && !display.closed() && signals.number() == 0) {
         double seconds = static_cast<double>(hdmi_sim::now_ns() - host.opened_ns()) / 1e9;
         FrameAccount frames = host.frames();
         char text[128];
@@ -339,8 +341,9 @@ void gather(const Host& host, const Source& source, const Display& display, cons
     result->vblank_missed = waits.missed;
 }
 
-/// Plays the source to its end. @return inside, or with one line in @p error what became of it
-ExitStatus run(Source* source, Display* display, const std::string& wav_path, Result* result, std::string* error)
+/// Plays the source to its end, or until a signal comes. @return inside, or with one line in @p error what became of it
+ExitStatus run(Source* source, Display* display, const StopSignals& signals, const std::string& wav_path,
+               Result* result, std::string* error)
 {
     Screen screen;
     std::unique_ptr<Trace> trace = make_trace(result->options, *source, display->refresh_hz());
@@ -361,19 +364,21 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
         std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
         if (!told)
             return not_permitted;
-        bool connected = stage.connect(error);
         timers = std::make_unique<TickingTimers>();
-        if (connected)
+        // What comes next may take seconds: a source that is listened to, an audio return channel.
+        if (signals.number() == 0 && stage.connect(error))
             host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
                                           stage.clock());
-        if (!connected || !host->start()) {
-            if (connected)
+        bool open = host != nullptr && signals.number() == 0 && host->start();
+        if (!open) {
+            if (host != nullptr)
                 *error = "the player did not open";
             display->stop();
-            return not_permitted;
+            return signals.number() != 0 ? stopped : not_permitted;
         }
     }
-    watch(*host, *display);
+    watch(*host, *display, signals);
+    result->stopped_by = signals.number();
     host->stop_video();
     stage.disconnect();
     result->signal_end_ns = hdmi_sim::now_ns();
@@ -388,6 +393,8 @@ ExitStatus run(Source* source, Display* display, const std::string& wav_path, Re
     result->punctuality = ticks.figures(500 / display->refresh_hz());
     display->stop();
 
+    if (result->stopped_by != 0 && !result->options.raw && host->audio().written == 0)
+        return stopped;
     Sound sound;
     if (!stage.finish(&sound.heard, &sound.sent, error))
         return outside;
@@ -411,14 +418,29 @@ bool write_reports(const Result& result, const std::vector<Verdict>& verdicts, s
     return write_page(page, options.html_path, error);
 }
 
+constexpr const char* kStoppedText = "stopped before anything was measured";
+
 int fail(ExitStatus status, const std::string& error)
 {
     std::fprintf(stderr, "hdmi-player-play: %s\n", error.c_str());
     return status;
 }
 
+/// Of a run that came to its end, or was stopped.
+int status_of(Outcome outcome, const StopSignals& signals)
+{
+    switch (outcome) {
+    case Outcome::pass: return inside;
+    case Outcome::inconclusive: return inconclusive;
+    case Outcome::nothing: return stopped + signals.number();
+    case Outcome::fail: break;
+    }
+    return outside;
+}
+
 int main_with(const Options& options)
 {
+    StopSignals signals;
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
     if (!source)
@@ -436,6 +458,8 @@ int main_with(const Options& options)
         return fail(not_permitted, error);
     if (!machine_is_configured(Stage::config_use(options), &error))
         return fail(bad_input, error);
+    // The first thread.
+    signals.start_thread();
     std::unique_ptr<Display> display = open_display(options, &error);
     if (!display)
         return fail(not_permitted, error);
@@ -447,19 +471,16 @@ int main_with(const Options& options)
     Result result;
     result.options = options;
     result.programme = source->description();
-    ExitStatus played = run(source.get(), display.get(), wav.path(), &result, &error);
+    ExitStatus played = run(source.get(), display.get(), signals, wav.path(), &result, &error);
+    if (played == stopped)
+        return fail(stopped, kStoppedText) + signals.number();
     if (played != inside)
         return fail(played, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);
     if (!write_reports(result, verdicts, &error))
         return fail(outside, error);
-    switch (outcome_of(verdicts)) {
-    case Outcome::pass: return inside;
-    case Outcome::inconclusive: return inconclusive;
-    case Outcome::fail: break;
-    }
-    return outside;
+    return status_of(outcome_of(verdicts), signals);
 }
 
 } // namespace

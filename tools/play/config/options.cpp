@@ -53,7 +53,9 @@ const char* const kFooter =
     "limits\n"
     "were missed, and timers beside the player came so late themselves that this explains it. With 2 and 3 nothing "
     "was\n"
-    "played.\n";
+    "played. SIGINT, SIGTERM and SIGHUP end the run early, with a report of what was measured; before there was "
+    "anything\n"
+    "to judge, the exit status is 128 and the signal's number. A second one ends it at once.\n";
 
 constexpr double kDefaultProgrammeSeconds = 20;
 /// Six hours: a WAV file holds 4 GB.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "report/figures.h"
 
+#include <signal.h>
+
 #include <cstdio>
 
 #include "config/program.h"
@@ -104,6 +106,11 @@ std::string output_name(const json& value)
     return output < std::size(kNames) ? kNames[output] : std::to_string(output);
 }
 
+std::string signal_words(const json& number)
+{
+    return number == SIGINT ? "SIGINT" : number == SIGTERM ? "SIGTERM" : number == SIGHUP ? "SIGHUP" : number.dump();
+}
+
 std::string account_words(const json& closes) { return closes.get<bool>() ? "closes" : "DOES NOT CLOSE"; }
 
 /// "1 vblank: 176  2 vblanks: 3"
@@ -155,6 +162,8 @@ const std::vector<Line> kLines = {
          {"/run/display_rate", ", {}", "Vertical blanks per second", in_words(hertz),
           [](R r) -> json { return r.display_hz; }},
          {"/seconds", "; {}", "Played for", {1, " s"}, [](R r) -> json { return r.seconds; }},
+         {"/run/stopped_by", ", stopped by {}", "Stopped by", in_words(signal_words),
+          [](R r) -> json { return r.stopped_by; }, Shown::unless_nothing},
          {"/run/display_latency_ms", "", "Vertical blank to light", kWholeMs,
           [](R r) -> json { return r.options.display_latency_ms(); }},
          {"/run/output", "", "Output", in_words(output_name),

@@ -223,6 +223,8 @@ Mark verdict_mark(const Report& report)
 {
     if (report.at("/outcome") == "inconclusive")
         return {"INCONCLUSIVE", "late"};
+    if (report.at("/outcome") == "stopped")
+        return {"STOPPED", "late"};
     return report.at("/passed") == true ? Mark{"PASS", "pass"} : Mark{"FAIL", "fail"};
 }
 
@@ -244,8 +246,9 @@ std::string heading(const Report& report)
     for (const json& limit : report.at("/limits"))
         missed += limit.value("passed", false) ? 0 : 1;
     size_t all = report.at("/limits").size();
-    std::string judged = missed == 0 ? "All " + std::to_string(all) + " limits kept"
-                                     : std::to_string(missed) + " of " + std::to_string(all) + " limits missed";
+    std::string judged = all == 0      ? "nothing to judge"
+                         : missed == 0 ? "All " + std::to_string(all) + " limits kept"
+                                       : std::to_string(missed) + " of " + std::to_string(all) + " limits missed";
     return "<header>" + span_of(verdict_mark(report), "verdict") + "<div><h1>" + text_of(report.at("/run/programme")) +
            "</h1><p class=\"quiet\">" + judged + "; " + report.data_with_unit("/seconds") + " played; display " +
            text_of(report.at("/run/display")) + ", " + text_of(report.at("/run/display_rate")) +

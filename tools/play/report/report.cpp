@@ -149,14 +149,17 @@ void print_link(const Result& result, const json& report)
 
 void print_verdict(const Result& result, const std::vector<Verdict>& verdicts)
 {
-    std::printf("\nLimits\n");
+    std::printf("%s", verdicts.empty() ? "" : "\nLimits\n");
     for (const Verdict& verdict : verdicts)
         std::printf("  %s  %s\n", verdict.passed ? "ok  " : verdict.machine ? "late" : "FAIL", verdict.limit.c_str());
-    Outcome outcome = outcome_of(verdicts);
-    if (outcome == Outcome::inconclusive)
+    switch (outcome_of(verdicts)) {
+    case Outcome::pass: std::printf("\nPASS\n"); break;
+    case Outcome::fail: std::printf("\nFAIL\n"); break;
+    case Outcome::inconclusive:
         std::printf("\nINCONCLUSIVE: the machine itself was late, by up to %.1f ms\n", result.punctuality.worst_ms);
-    else
-        std::printf("\n%s\n", outcome == Outcome::pass ? "PASS" : "FAIL");
+        break;
+    case Outcome::nothing: std::printf("\nSTOPPED before there was anything to judge\n"); break;
+    }
 }
 
 const char* outcome_name(Outcome outcome)
@@ -164,6 +167,7 @@ const char* outcome_name(Outcome outcome)
     switch (outcome) {
     case Outcome::pass: return "pass";
     case Outcome::inconclusive: return "inconclusive";
+    case Outcome::nothing: return "stopped";
     case Outcome::fail: break;
     }
     return "fail";

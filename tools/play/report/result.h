@@ -40,6 +40,7 @@ struct Result {
     int64_t opened_ns = 0;     ///< when the player had opened
     int64_t signal_end_ns = 0; ///< when the source stopped sending
     double seconds = 0;        ///< from open to the end of the signal
+    int stopped_by = 0;        ///< the signal that ended the run early
 
     int64_t instants = 0; ///< of the source at which the offset should be measured
     std::vector<Offset> offsets;

@@ -16,6 +16,12 @@ bool measured_enough(const Result& result)
     return measured > 0 && (programme ? measured == result.instants : 2 * measured >= result.instants);
 }
 
+bool anything_measured(const Result& result)
+{
+    bool instants = result.options.raw || result.options.foreign_source() || result.instants > 0;
+    return instants && result.cadence.pictures > 0;
+}
+
 /// A flash or a beep can be lost to each tick that came late.
 bool machine_hid_instants(const Result& result)
 {
@@ -135,6 +141,8 @@ void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
 std::vector<Verdict> judge(const Result& result)
 {
     std::vector<Verdict> verdicts;
+    if (result.stopped_by != 0 && !anything_measured(result))
+        return verdicts;
     if (result.options.raw)
         judge_raw(result, &verdicts);
     else
@@ -156,11 +164,14 @@ std::vector<Verdict> judge(const Result& result)
 
 bool all_passed(const std::vector<Verdict>& verdicts)
 {
-    return std::all_of(verdicts.begin(), verdicts.end(), [](const Verdict& verdict) { return verdict.passed; });
+    return !verdicts.empty() &&
+           std::all_of(verdicts.begin(), verdicts.end(), [](const Verdict& verdict) { return verdict.passed; });
 }
 
 Outcome outcome_of(const std::vector<Verdict>& verdicts)
 {
+    if (verdicts.empty())
+        return Outcome::nothing;
     if (all_passed(verdicts))
         return Outcome::pass;
     bool explained = std::all_of(verdicts.begin(), verdicts.end(),

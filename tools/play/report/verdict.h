@@ -30,11 +30,12 @@ constexpr double kLatestResetS = 1;
 /// Lateness that costs sound: a period of the output, which is written while the one before it plays.
 constexpr double kOutputPeriodMs = 20;
 
+/// None for a run that was stopped before there was anything to judge.
 std::vector<Verdict> judge(const Result& result);
 bool all_passed(const std::vector<Verdict>& verdicts);
 
-/// inconclusive: limits were missed, and the machine explains each of them.
-enum class Outcome { pass, fail, inconclusive };
+/// inconclusive: limits were missed, and the machine explains each of them. nothing: there were none.
+enum class Outcome { pass, fail, inconclusive, nothing };
 Outcome outcome_of(const std::vector<Verdict>& verdicts);
 
 } // namespace play
