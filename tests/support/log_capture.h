@@ -31,13 +31,19 @@ private:
     std::string before_;
 };
 
-/// The console output of @p action, which ends the threads it starts, with messages up to @p level.
-template <typename Action> std::string logged(const char* level, Action action)
+/// The console output of @p action.
+template <typename Action> std::string printed(Action action)
 {
-    LogLevel scope(level);
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
+}
+
+/// The same with messages up to @p level; @p action ends the threads it starts.
+template <typename Action> std::string logged(const char* level, Action action)
+{
+    LogLevel scope(level);
+    return printed(action);
 }
 
 /// How often @p part occurs in @p text.
