@@ -5,25 +5,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "internal/common.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
+#include "support/callers.h"
+#include "support/failing_threads.h"
 #include "support/log_capture.h"
+#include "support/source_queue.h"
 
 namespace
 {
@@ -192,35 +190,10 @@ TEST(BurstSpans, FollowTheBurstsHoweverTheChunksAreCut)
                 spans.push_back(std::move(span));
         }
         EXPECT_EQ(c.spans, spans);
-        EXPECT_EQ(c.owed_payload, state.iec61937_payload_insufficient_bytes);
-        EXPECT_EQ(c.owed_stuffing, state.iec61937_burst_insufficient_bytes);
-        EXPECT_EQ(c.held, state.iec61937_header_size);
+        EXPECT_TRUE(c.owed_payload == state.iec61937_payload_insufficient_bytes &&
+                    c.owed_stuffing == state.iec61937_burst_insufficient_bytes && c.held == state.iec61937_header_size);
     }
 }
-
-// The parser with the decoder behind it, on a record of its own, without threads.
-class BurstParser : public testing::Test
-{
-protected:
-    void SetUp() override
-    {
-        decoder.install();
-        info.event_cb = [](hdmi_player_event_e) {};
-        info.format_changed_cb = [](bool, bool*) {};
-        info.format = DOLBY_IEC61937_FORMAT_UNSET;
-    }
-    void TearDown() override { g_hooks = PlatformHooks(); }
-
-    // From a copy of exactly its size, so that a sanitizer sees every step over its end.
-    int32_t feed(const Bytes& data, size_t begin = 0, size_t end = SIZE_MAX)
-    {
-        const Bytes chunk = part_of(data, begin, std::min(end, data.size()));
-        return dolby_disassemble_iec61937(&info, chunk.data(), static_cast<uint32_t>(chunk.size()));
-    }
-
-    FakeDecoder decoder;
-    dolby_info_t info;
-};
 
 struct Found {
     const void* payload;
@@ -245,10 +218,8 @@ TEST(BurstPreamble, EachTypeHasItsUnitOfLengthAndItsPeriod)
     for (const auto& type : types) {
         const Found found = search(join({Bytes(3), make_burst(type.pc, 12288 + 5, {}, kPreamble)}));
         ASSERT_NE(nullptr, found.payload) << type.pc;
-        EXPECT_EQ(11u, found.filter_bytes);
-        EXPECT_EQ(type.pc, found.format);
-        EXPECT_EQ(type.burst_bytes, found.burst_bytes);
-        EXPECT_EQ(type.payload_bytes, found.payload_bytes);
+        EXPECT_TRUE(11 == found.filter_bytes && type.pc == found.format) << type.pc;
+        EXPECT_TRUE(type.burst_bytes == found.burst_bytes && type.payload_bytes == found.payload_bytes) << type.pc;
     }
 }
 
@@ -262,27 +233,32 @@ TEST(BurstPreamble, OnlyTheErrorFlagAndTheSevenLowBitsOfPcCount)
     EXPECT_EQ(1, occurrences(log, "Pc error-flag indicating that the burst-payload may contain errors!"));
     // Without sync the words seven bytes before the end are taken for Pc and Pd.
     const Found found = search(join({Bytes(93), {21, 0, 40, 0, 0, 0, 0}}));
-    ASSERT_NE(nullptr, found.payload);
-    EXPECT_EQ(97u, found.filter_bytes);
-    EXPECT_EQ(40u, found.payload_bytes);
+    EXPECT_TRUE(found.payload != nullptr && found.filter_bytes == 97 && found.payload_bytes == 40);
     EXPECT_EQ(nullptr, search(Bytes(100)).payload);
     EXPECT_EQ(nullptr, search(Bytes(7)).payload);
     EXPECT_EQ(nullptr, search(join({Bytes(93), part_of(kBurst, 0, 7)})).payload) << "a sync too late to be looked for";
 }
 
-TEST_F(BurstParser, ChunkWithoutABurstIsReportedUnlessItIsInsideOne)
+// The parser with the decoder behind it, on a record of its own, without threads.
+TEST(BurstParser, AChunkWithoutABurstOrAFailedSendIsReportedAndTheNextGoodBurstIsFound)
 {
+    FakeDecoder decoder;
+    decoder.install();
+    dolby_info_t info;
+    info.event_cb = [](hdmi_player_event_e) {};
+    info.format_changed_cb = [](bool, bool*) {};
+    info.format = DOLBY_IEC61937_FORMAT_UNSET;
+    // From a copy of exactly its size, so that a sanitizer sees every step over its end.
+    const auto feed = [&info](const Bytes& data) {
+        const Bytes chunk = data;
+        return dolby_disassemble_iec61937(&info, chunk.data(), static_cast<uint32_t>(chunk.size()));
+    };
     EXPECT_EQ(-1, feed(Bytes(kChunk)));
     EXPECT_EQ(-1, dolby_disassemble_iec61937(&info, nullptr, kChunk));
-    EXPECT_EQ(0, feed(kBurst, 0, kChunk));
-    EXPECT_EQ(0, feed(Bytes()));
-}
-
-TEST_F(BurstParser, FailedSendEndsTheChunkAndTheNextGoodBurstIsFound)
-{
-    EXPECT_EQ(0, feed(kBurst, 0, 1000));
+    EXPECT_EQ(0, feed(part_of(kBurst, 0, 1000)));
+    EXPECT_EQ(0, feed(Bytes())) << "inside a burst";
     decoder.accept = -5;
-    EXPECT_EQ(-1, feed(kBurst, 1000));
+    EXPECT_EQ(-1, feed(part_of(kBurst, 1000, 6144)));
     EXPECT_EQ(-1, feed(join({kBurst, kBurst})));
     decoder.accept = INT32_MAX;
     decoder.written.clear();
@@ -290,73 +266,23 @@ TEST_F(BurstParser, FailedSendEndsTheChunkAndTheNextGoodBurstIsFound)
     EXPECT_EQ(kPayload, decoder.written);
 }
 
-// The module with its threads, between a scripted input and the recording decoder.
-class Source
-{
-public:
-    void push(const Bytes& data, int32_t serial = 0, int32_t channels = 2, int32_t rate = 48000, int64_t pts = 0)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        hdmi_player_audio_frame_t& frame = chunks_.emplace_back();
-        frame.data = data_.emplace_back(data).data();
-        frame.size = frame.buf_size = static_cast<int32_t>(data.size());
-        frame.channels = channels;
-        frame.sample_rate = rate;
-        frame.serial = serial;
-        frame.pts = pts;
-        cond_.notify_all();
-    }
-    hdmi_player_audio_frame_t* dequeue(int32_t timeout_ms)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        cond_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                       [this] { return woken_ || taken_ < chunks_.size(); });
-        woken_ = false;
-        return taken_ < chunks_.size() ? &chunks_[taken_++] : nullptr;
-    }
-    int32_t put() { return ++returned_, 0; }
-    void wake()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        woken_ = true;
-        cond_.notify_all();
-    }
-    // For the thread that pushes.
-    bool drained() const { return returned_ == chunks_.size(); }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::deque<Bytes> data_;
-    std::deque<hdmi_player_audio_frame_t> chunks_;
-    size_t taken_ = 0;
-    std::atomic<size_t> returned_{0};
-    bool woken_ = false;
-};
-
+// The module with its threads, between a queue and the recording decoder.
 struct Calls {
     std::atomic<int> unsupported{0}, changed{0}, forced{0}, wakeups{0};
 };
 
-std::unique_ptr<Source> g_source;
 Calls* g_calls = nullptr;
 
 void expect_no_lock_held()
 {
     for (mutex_t* mutex : {&g_dolby_info.decoder_mutex, &g_dolby_info.internal_mutex}) {
         const struct timespec deadline = get_cond_timeout_ms(5000);
-        const int refused = pthread_mutex_timedlock(&mutex->native, &deadline);
-        EXPECT_EQ(0, refused);
-        if (refused == 0)
-            pthread_mutex_unlock(&mutex->native);
+        ASSERT_EQ(0, pthread_mutex_timedlock(&mutex->native, &deadline));
+        pthread_mutex_unlock(&mutex->native);
     }
-    const int written = pthread_rwlock_tryrdlock(&g_dolby_info.api_rwlock.native);
-    EXPECT_EQ(0, written);
-    if (written == 0)
-        pthread_rwlock_unlock(&g_dolby_info.api_rwlock.native);
+    ASSERT_EQ(0, pthread_rwlock_tryrdlock(&g_dolby_info.api_rwlock.native));
+    pthread_rwlock_unlock(&g_dolby_info.api_rwlock.native);
 }
-
-int g_threads_left = INT_MAX; ///< that the module may create
 
 class DecodePipeline : public testing::Test
 {
@@ -364,7 +290,7 @@ protected:
     void SetUp() override
     {
         decoder.install();
-        g_source = std::make_unique<Source>();
+        open_source();
         g_calls = &calls;
         config.event_cb = [](hdmi_player_event_e event) {
             expect_no_lock_held();
@@ -377,12 +303,12 @@ protected:
             g_calls->forced += force ? 1 : 0;
             EXPECT_EQ(nullptr, restarted);
         };
-        config.input_queue_dequeue_cb = [](int32_t timeout_ms) { return g_source->dequeue(timeout_ms); };
-        config.input_queue_put_cb = [](hdmi_player_audio_frame_t*) { return g_source->put(); };
+        config.input_queue_dequeue_cb = dequeue_source;
+        config.input_queue_put_cb = put_source;
         config.input_queue_wakeup_cb = [] {
             expect_no_lock_held();
             ++g_calls->wakeups;
-            g_source->wake();
+            frame_queue_done_wakeup(g_source);
         };
         config.output_buffer_size = 960;
     }
@@ -392,7 +318,7 @@ protected:
         EXPECT_EQ(expected, dolby_deinit());
         EXPECT_EQ(decoder.inits, decoder.deinits);
         g_hooks = PlatformHooks();
-        g_source.reset();
+        close_source();
     }
 
     void start()
@@ -403,17 +329,15 @@ protected:
     // Feeds a chunk and waits until the demux thread is done with it.
     template <typename... Args> void feed(Args... args)
     {
-        g_source->push(args...);
-        ASSERT_TRUE(eventually([] { return g_source->drained(); }));
+        push(args...);
+        ASSERT_TRUE(source_drains());
     }
     void expect_frame(const Bytes& data, int32_t serial, int32_t rate, int64_t pts)
     {
         hdmi_player_audio_frame_t* frame = nullptr;
         ASSERT_EQ(0, dolby_get_output_pcm_frame(&frame, 10000));
         EXPECT_EQ(data, Bytes(frame->data, frame->data + frame->size));
-        EXPECT_EQ(serial, frame->serial);
-        EXPECT_EQ(rate, frame->sample_rate);
-        EXPECT_EQ(pts, frame->pts);
+        EXPECT_TRUE(serial == frame->serial && rate == frame->sample_rate && pts == frame->pts);
         EXPECT_EQ(0, dolby_put_output_pcm_frame(frame));
     }
 
@@ -462,7 +386,7 @@ TEST_F(DecodePipeline, FailedInitUndoesWhatItBuilt)
 TEST_F(DecodePipeline, SilenceOfTheNewestSerialIsPlayedAndTheBurstThatEndsItForcesAReset)
 {
     start();
-    const auto feed_as = [this](const Bytes& chunk, int32_t serial) { feed(chunk, serial, 2, 192000); };
+    const auto feed_as = [this](const Bytes& chunk, int32_t serial) { feed(chunk, 192000, 0, serial); };
     for (const int32_t serial : {1, 1, 3, 3})
         feed_as(Bytes(1920), serial);
     expect_frame(Bytes(1920), 3, 192000, 0);
@@ -490,20 +414,19 @@ TEST_F(DecodePipeline, StuffingAtTheBeginningOfAReopenedStreamIsNoSilence)
     feed(burst);
     EXPECT_EQ(1, calls.changed);
     feed(part_of(burst, 0, 5)); // a preamble held when the stream breaks
-    feed(burst, 0, 2, 48000, kStreamBreakPts);
+    feed(burst, 48000, kStreamBreakPts);
     EXPECT_EQ(join({make_payload(1000), make_payload(1000)}), decoder.get(&FakeDecoder::written));
     feed(part_of(burst, 0, 500)); // payload and stuffing owed
     const size_t before = decoder.get(&FakeDecoder::written).size();
-    feed(Bytes(3000), 0, 2, 48000, kStreamBreakPts);
+    feed(Bytes(3000), 48000, kStreamBreakPts);
     feed(Bytes(3000));
     feed(burst);
     EXPECT_EQ(1000U, decoder.get(&FakeDecoder::written).size() - before)
         << "found at once, and nothing of the old burst sent";
     EXPECT_EQ(1, calls.changed);
-    hdmi_player_audio_frame_t* silence = nullptr;
-    EXPECT_EQ(-1, dolby_get_output_pcm_frame(&silence, 0));
+    EXPECT_EQ(0, frame_queue_get_done_counts(g_dolby_info.output_pcm_queue));
     // A pause is longer than a burst.
-    feed(Bytes(3840), 0, 2, 48000, kStreamBreakPts);
+    feed(Bytes(3840), 48000, kStreamBreakPts);
     feed(Bytes(3840));
     expect_frame(Bytes(3840), 0, 48000, 0);
     feed(burst);
@@ -517,7 +440,7 @@ TEST_F(DecodePipeline, DecodedPcmCarriesSerialRateAndPtsWithoutASignalFromTheDec
         decoder.set(&FakeDecoder::rate, 32000);
         decoder.set(&FakeDecoder::status, -3);
         decoder.set(&FakeDecoder::output, {make_payload(960, 0), make_payload(960, 1), make_payload(960, 2)});
-        feed(kBurst, 5, 2, 48000);
+        feed(kBurst, 48000, 0, 5);
         for (uint8_t i = 0; i < 3; ++i)
             expect_frame(make_payload(960, i), 5, 32000, i * 7500);
         EXPECT_EQ(0, dolby_deinit());
@@ -557,14 +480,13 @@ TEST_F(DecodePipeline, TheDecoderFollowsTheFormatAndTheHostIsTold)
     for (const auto& step : steps) {
         SCOPED_TRACE(&step - steps);
         decoder.set(&FakeDecoder::written, Bytes());
-        feed(step.burst, 0, step.channels);
+        feed(step.burst, 48000, 0, 0, step.channels);
         const bool decodes = step.inits > step.deinits;
         EXPECT_EQ(decodes ? kPayload : Bytes(), decoder.get(&FakeDecoder::written));
         EXPECT_EQ(decodes || step.inits == 0, dolby_format_support());
-        EXPECT_EQ(step.inits, decoder.get(&FakeDecoder::inits));
-        EXPECT_EQ(step.deinits, decoder.get(&FakeDecoder::deinits));
-        EXPECT_EQ(step.unsupported, calls.unsupported);
-        EXPECT_EQ(step.changed, calls.changed);
+        EXPECT_TRUE(step.inits == decoder.get(&FakeDecoder::inits) &&
+                    step.deinits == decoder.get(&FakeDecoder::deinits));
+        EXPECT_TRUE(step.unsupported == calls.unsupported && step.changed == calls.changed);
     }
     EXPECT_EQ(ADECODER_FORMAT_EAC3, decoder.get(&FakeDecoder::format));
     EXPECT_EQ(ADECODER_CHANNEL_5_1, decoder.get(&FakeDecoder::channels));
@@ -611,20 +533,16 @@ TEST_F(DecodePipeline, WithoutTheDecodeStrategyTheInputDrainsAndIsForgotten)
 TEST_F(DecodePipeline, DeinitEndsADecodeThreadWithoutADecoderAndConsumersThatComeBackAtOnce)
 {
     start();
-    std::atomic<bool> ended{false};
-    std::deque<BlockedCall<bool>> consumers;
-    for (int i = 0; i < 4; ++i) {
-        consumers.emplace_back([&ended] {
+    Callers consumers;
+    consumers.run(
+        [](int) {
             hdmi_player_audio_frame_t* frame = nullptr;
-            while (!ended)
-                EXPECT_EQ(-1, dolby_get_output_pcm_frame(&frame, -1));
-            return true;
-        });
-        EXPECT_TRUE(consumers.back().asleep());
-    }
+            EXPECT_EQ(-1, dolby_get_output_pcm_frame(&frame, -1));
+        },
+        4);
     BlockedCall<int32_t> deinit(dolby_deinit);
     EXPECT_TRUE(eventually([&deinit] { return deinit.returned(); })) << "the consumers starve it";
-    ended = true;
+    consumers.stop();
     EXPECT_EQ(0, deinit.result());
 }
 
@@ -636,13 +554,13 @@ TEST_F(DecodePipeline, AChangeOfStrategyAndDeinitReleaseThreadsThatWaitForAFreeO
     ASSERT_TRUE(eventually([] { return frame_queue_get_done_counts(g_dolby_info.output_pcm_queue) == 32; }));
     for (int round = 0; round <= 20; ++round) {
         dolby_set_strategy(DOLBY_STRATEGY_DECODE);
-        g_source->push(Bytes(960));
+        push(Bytes(960));
         ASSERT_TRUE(eventually([] { return g_dolby_info.demux_acquiring.load(); }));
         if (round % 20 == 0)
             std::this_thread::sleep_for(
                 std::chrono::milliseconds(20)); // on its way into the wait; either way the test holds
         EXPECT_EQ(0, round < 20 ? dolby_set_strategy(DOLBY_STRATEGY_PCM) : dolby_deinit());
-        ASSERT_TRUE(eventually([] { return g_source->drained(); })) << round;
+        ASSERT_TRUE(source_drains()) << round;
     }
 }
 
@@ -651,9 +569,9 @@ TEST_F(DecodePipeline, NonsenseInChunksAndConfigurationIsHarmless)
     config.output_buffer_size = -1;
     start();
     decoder.set(&FakeDecoder::rate, 0);
-    feed(Bytes(1920), 0, 0, 0);
-    feed(Bytes(), 0, -1, -1);
-    feed(kBurst, 0, 0, 0);
+    feed(Bytes(1920), 0, 0, 0, 0);
+    feed(Bytes(), -1, 0, 0, -1);
+    feed(kBurst, 0, 0, 0, 0);
     decoder.set(&FakeDecoder::output, {make_payload(960)});
     expect_frame(Bytes(1920), 0, 48000, 0);
     expect_frame(Bytes(), 0, 48000, 10000);
@@ -698,13 +616,3 @@ TEST_F(DecodePipeline, SwitchesReachTheDecoderAndDumpChunksPayloadsAndPcm)
 }
 
 } // namespace
-
-extern "C" {
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*run)(void*), void* arg)
-{
-    return g_threads_left-- > 0 ? __real_pthread_create(thread, attr, run, arg) : EAGAIN;
-}
-}

@@ -3,15 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -20,50 +18,16 @@ extern "C" {
 }
 
 #include "internal/conversion_plan.h"
-#include "internal/frame_queue.h"
 #include "support/blocked_call.h"
+#include "support/callers.h"
 #include "support/log_capture.h"
+#include "support/source_queue.h"
 
 namespace
 {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-
-/// The queue of the stage before, and what the worker did with it.
-int32_t g_source = -1;
-std::atomic<int> g_asked, g_taken, g_returned;
-
-hdmi_player_audio_frame_t* dequeue_source(int32_t timeout_ms)
-{
-    ++g_asked;
-    frame_info_t* record = frame_queue_done_dequeue(g_source, timeout_ms);
-    if (record == nullptr)
-        return nullptr;
-    ++g_taken;
-    return &record->frame;
-}
-
-int32_t put_source(hdmi_player_audio_frame_t* frame)
-{
-    ++g_returned;
-    EXPECT_EQ(frame_queue_put(g_source, frame), 0) << "a frame came back that was not out";
-    return 0;
-}
-
-/// Queues a source frame; the buffer is exactly as large as the data when the pool is new.
-void push(const std::vector<uint8_t>& bytes, int32_t rate, int64_t pts, int32_t serial = 1, int32_t channels = 2)
-{
-    frame_info_t* record = frame_queue_pool_acquire(g_source, static_cast<int32_t>(bytes.size()));
-    ASSERT_NE(record, nullptr);
-    std::copy(bytes.begin(), bytes.end(), record->frame.data);
-    record->frame.size = static_cast<int32_t>(bytes.size());
-    record->frame.sample_rate = rate;
-    record->frame.channels = channels;
-    record->frame.pts = pts;
-    record->frame.serial = serial;
-    ASSERT_EQ(frame_queue_done_enqueue(g_source, record), 0);
-}
 
 int32_t converted()
 {
@@ -146,15 +110,6 @@ void end_delay_interval()
     g_resample_ctx.dummy_alg_delay_start_time_us = 1;
 }
 
-/// Whether a consumer has begun its dummy delay since end_delay_interval(); waits until one has.
-bool delay_begun()
-{
-    return eventually([] {
-        mutex_guard lock(g_resample_ctx.internal_mutex);
-        return g_resample_ctx.dummy_alg_delay_start_time_us > 1;
-    });
-}
-
 ptrdiff_t threads()
 {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
@@ -165,15 +120,13 @@ class Resample : public testing::Test
 protected:
     void SetUp() override
     {
-        g_asked = g_taken = g_returned = 0;
-        g_source = frame_queue_init(128, "SOURCE");
+        open_source();
         av_log_set_level(AV_LOG_QUIET); // the converter library complains too, on standard error
     }
     void TearDown() override
     {
         EXPECT_EQ(audio_resample_deinit(), 0);
-        EXPECT_EQ(g_returned, g_taken);
-        EXPECT_EQ(frame_queue_deinit(g_source), 0);
+        close_source();
         EXPECT_EQ(free_queue_slots(), static_cast<int32_t>(FRAME_QUEUE_MAX));
         for (const char* name : {"enable_resample", "dummy_alg_delay", "dummy_alg_delay_time"})
             unsetenv((std::string("debug_hdmiplayer_") + name).c_str());
@@ -346,10 +299,9 @@ TEST_F(Resample, AfterAConverterWasLostTheNextFrameBuildsAnother)
     // The first converter cannot start. The layout alone needs one as well as the rate.
     for (int rate : {44100, 48000}) {
         text = session("1", param(rate, 11), param(48000), [rate] {
-            const int before = g_returned;
             for (int i = 1; i <= 3; ++i)
                 push(noise(22 * 10), rate, 1, 1, 11);
-            EXPECT_TRUE(eventually([before] { return g_returned == before + 3; }));
+            EXPECT_TRUE(source_drains());
             EXPECT_FALSE(take(0).valid);
         });
         EXPECT_EQ(occurrences(text, "] swr_convert failed, len:"), 1) << text;
@@ -377,15 +329,15 @@ TEST_F(Resample, UnusableFramesAreDroppedAndGivenBack)
 {
     for (const audio_param_t& tgt : {param(48000), param(32000)}) {
         const std::string text = session("2", param(48000), tgt, [] {
-            push(noise(400), 48000, 1, 1, 0);
-            push(noise(400), 48000, 1, 1, -2);
-            push(noise(400), 0, 1);
-            push(noise(400), -48000, 1);
-            frame_info_t* negative = frame_queue_pool_acquire(g_source, 400);
-            negative->frame.size = -400;
-            negative->frame.channels = 2;
-            negative->frame.sample_rate = 48000;
-            frame_queue_done_enqueue(g_source, negative);
+            for (const auto& [size, rate, channels] :
+                 {std::tuple(400, 48000, 0), {400, 48000, -2}, {400, 0, 2}, {400, -48000, 2}, {-400, 48000, 2}}) {
+                frame_info_t* record = frame_queue_pool_acquire(g_source, 400);
+                record->frame.size = size;
+                record->frame.sample_rate = rate;
+                record->frame.channels = channels;
+                frame_queue_done_enqueue(g_source, record);
+                ++g_pushed;
+            }
             push(tone(1000, 48000, 0, 960), 48000, 77);
             EXPECT_EQ(take().frame.pts, 77) << "the stage goes on";
         });
@@ -393,10 +345,9 @@ TEST_F(Resample, UnusableFramesAreDroppedAndGivenBack)
     }
     // A rate that no converter takes is tried with every frame, of which there are more than the pools hold.
     const std::string text = session("1", param(48000, 11), param(48000, 2), [] {
-        const int before = g_returned;
         for (int i = 0; i < 130; ++i)
             push(noise(22 * 10), 44100, 1, 1, 11);
-        EXPECT_TRUE(eventually([before] { return g_returned == before + 130; }));
+        EXPECT_TRUE(source_drains());
     });
     EXPECT_EQ(occurrences(text, "] Cannot create sample rate converter for conversion of 44100 Hz s16 11 channels to "
                                 "48000 Hz s16 2 channels!\n"),
@@ -409,25 +360,21 @@ TEST_F(Resample, UnusableFramesAreDroppedAndGivenBack)
                                                                   {param(48000), param(48000, INT32_MAX)}};
     for (const auto& [src, tgt] : impossible) {
         ASSERT_EQ(init(src, tgt), 0);
-        const int before = g_returned;
         push(noise(400), 48000, 1);
-        EXPECT_TRUE(eventually([before] { return g_returned > before; }));
+        EXPECT_TRUE(source_drains());
         EXPECT_FALSE(take(0).valid);
     }
 }
 
-TEST_F(Resample, SwitchedOffItNeverTakesInput)
+TEST_F(Resample, SwitchedOffItNeverTakesInputAndAnEmptySourceIsNotAskedInABusyLoop)
 {
     set("enable_resample", "0");
     ASSERT_EQ(init(param(48000), param(48000)), 0);
     EXPECT_FALSE(audio_resample_is_enable_resample());
-    push(noise(400), 48000, 1);
+    push(noise(400));
     EXPECT_FALSE(take(100).valid);
     EXPECT_EQ(g_asked, 0);
-}
-
-TEST_F(Resample, ASourceThatHasNothingIsNotAskedInABusyLoop)
-{
+    set("enable_resample", "1");
     frame_queue_abort(g_source);
     const steady_clock::time_point begin = steady_clock::now();
     ASSERT_EQ(init(param(48000), param(48000)), 0);
@@ -452,6 +399,16 @@ TEST_F(Resample, AFailedInitLeavesNothingBehind)
     for (int32_t id : others)
         frame_queue_deinit(id);
     EXPECT_EQ(g_asked, 0);
+    // Without an init calls fail, and a deinit is harmless.
+    EXPECT_EQ(audio_resample_deinit(), 0);
+    EXPECT_FALSE(audio_resample_is_enable_resample());
+    hdmi_player_audio_frame_t* frame = nullptr;
+    hdmi_player_audio_frame_t foreign = {};
+    const std::string refusals = logged("2", [&] {
+        EXPECT_EQ(audio_resample_get_pcm_frame(&frame, 0) + audio_resample_put_pcm_frame(&foreign), -2);
+        EXPECT_EQ(audio_resample_get_pcm_frame(nullptr, 0) + audio_resample_put_pcm_frame(nullptr), -2);
+    });
+    EXPECT_EQ(occurrences(refusals, "] frame is null.\n"), 2) << refusals;
 }
 
 TEST_F(Resample, ASecondInitReplacesTheRunningStage)
@@ -466,21 +423,6 @@ TEST_F(Resample, ASecondInitReplacesTheRunningStage)
     push(noise(400), 48000, 1);
     EXPECT_EQ(take().bytes, noise(400));
     EXPECT_TRUE(eventually([before] { return threads() == before + 1; })) << "the first worker is still there";
-}
-
-TEST_F(Resample, WithoutInitCallsFailAndDeinitIsHarmless)
-{
-    EXPECT_EQ(audio_resample_deinit(), 0);
-    hdmi_player_audio_frame_t* frame = nullptr;
-    hdmi_player_audio_frame_t foreign = {};
-    const std::string text = logged("2", [&] {
-        EXPECT_EQ(audio_resample_get_pcm_frame(&frame, 0), -1);
-        EXPECT_EQ(audio_resample_put_pcm_frame(&foreign), -1);
-        EXPECT_FALSE(audio_resample_is_enable_resample());
-        EXPECT_EQ(audio_resample_get_pcm_frame(nullptr, 0), -1);
-        EXPECT_EQ(audio_resample_put_pcm_frame(nullptr), -1);
-    });
-    EXPECT_EQ(occurrences(text, "] frame is null.\n"), 2) << text;
 }
 
 TEST_F(Resample, DeinitEndsAWorkerThatWaitsForRoomAndAConsumerThatWaitsForFrames)
@@ -503,23 +445,13 @@ TEST_F(Resample, DeinitEndsAWorkerThatWaitsForRoomAndAConsumerThatWaitsForFrames
 TEST_F(Resample, CallersInALoopDoNotHoldUpDeinit)
 {
     ASSERT_EQ(init(param(48000), param(48000)), 0);
-    std::atomic<bool> stop{false};
-    std::atomic<int> calls{0};
-    std::vector<std::thread> callers;
-    for (int n = 0; n < 32; ++n) {
-        callers.emplace_back([&] {
-            for (; !stop; ++calls)
-                take(1);
-        });
-    }
-    EXPECT_TRUE(eventually([&] { return calls > 100; }));
+    Callers callers;
+    callers.run([](int) { take(1); }, 32);
+    EXPECT_TRUE(eventually([&] { return callers.calls() > 100; }));
     EXPECT_EQ(BlockedCall<int32_t>(audio_resample_deinit).result(), 0);
-    stop = true;
-    for (std::thread& caller : callers)
-        caller.join();
 }
 
-TEST_F(Resample, TheDummyDelayHoldsOneCallPerInterval)
+TEST_F(Resample, TheDummyDelayHoldsOneCallPerIntervalAndNoStop)
 {
     set("dummy_alg_delay", "1");
     const std::string text = session("3", param(48000), param(48000), [] {
@@ -535,11 +467,7 @@ TEST_F(Resample, TheDummyDelayHoldsOneCallPerInterval)
     });
     EXPECT_EQ(occurrences(text, "] dummy alg delay 100 ms\n"), 1) << text;
     EXPECT_EQ(occurrences(text, " I [audio_resample_get_pcm_frame "), 1) << text;
-}
 
-TEST_F(Resample, AStopDoesNotWaitForADummyDelay)
-{
-    set("dummy_alg_delay", "1");
     set("dummy_alg_delay_time", "600000");
     ASSERT_EQ(init(param(48000), param(48000)), 0);
     push(noise(40), 48000, 1);
@@ -550,7 +478,10 @@ TEST_F(Resample, AStopDoesNotWaitForADummyDelay)
         hdmi_player_audio_frame_t* frame = nullptr;
         return audio_resample_get_pcm_frame(&frame, 10000);
     });
-    EXPECT_TRUE(delay_begun());
+    EXPECT_TRUE(eventually([] { // the delay has begun
+        mutex_guard lock(g_resample_ctx.internal_mutex);
+        return g_resample_ctx.dummy_alg_delay_start_time_us > 1;
+    }));
     EXPECT_TRUE(one.asleep());
     EXPECT_EQ(BlockedCall<int32_t>(audio_resample_deinit).result(), 0);
     EXPECT_EQ(one.result(), 0);
@@ -559,13 +490,9 @@ TEST_F(Resample, AStopDoesNotWaitForADummyDelay)
 // Lifecycle calls of several threads at once: each pair of a start and a stop stays whole.
 TEST_F(Resample, ConcurrentInitAndDeinitLeaveNothingBehind)
 {
-    std::vector<std::thread> callers;
-    for (int n = 0; n < 3; ++n) {
-        callers.emplace_back([n] {
-            for (int round = 0; round < 5; ++round)
-                n == 0 ? (void)take(1) : (void)(n == 1 ? init(param(44100), param(48000)) : audio_resample_deinit());
-        });
-    }
-    for (std::thread& caller : callers)
-        caller.join();
+    Callers callers;
+    callers.run([](int) { take(1); });
+    callers.run([](int) { init(param(44100), param(48000)); });
+    callers.run([](int) { audio_resample_deinit(); });
+    EXPECT_TRUE(eventually([&] { return callers.calls() > 15; }));
 }
