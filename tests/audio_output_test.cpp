@@ -13,6 +13,9 @@
 #include "internal/frame_queue.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
+#include "support/callers.h"
+#include "support/failing_threads.h"
+#include "support/gate.h"
 #include "support/log_capture.h"
 
 namespace
@@ -309,16 +312,10 @@ TEST_F(AudioOutput, AFailedInitLeavesNothingBehind)
     config.hw_volume = config.volume = -1;
     fails("unmute", -4, "E aio_device_set_mute failed. err:-4\n", {"open", "unmute", "close"});
 
-    // No thread fits into a stack of that size.
-    pthread_attr_t normal, huge;
-    pthread_getattr_default_np(&normal);
-    pthread_getattr_default_np(&huge);
-    pthread_attr_setstacksize(&huge, size_t{1} << 46);
-    if (pthread_setattr_default_np(&huge) == 0) {
-        fails("", 0, "E create write_thread failed!\n",
-              {"open", "unmute", "cec_init", "cec_open_arc", "cec_deinit", "close"});
-        pthread_setattr_default_np(&normal);
-    }
+    g_threads_left = 0;
+    fails("", 0, "E create write_thread failed!\n",
+          {"open", "unmute", "cec_init", "cec_open_arc", "cec_deinit", "close"});
+    g_threads_left = INT_MAX;
     for (int32_t id = 0; id < static_cast<int32_t>(FRAME_QUEUE_MAX); ++id)
         EXPECT_EQ(frame_queue_init(1, "other"), id) << "all of them were free";
     fails("", 0, "E frame_queue_init failed.\n", {"open", "unmute", "close"});
@@ -328,20 +325,7 @@ TEST_F(AudioOutput, AFailedInitLeavesNothingBehind)
     EXPECT_EQ(audio_output_init(config), 0);
 }
 
-TEST_F(AudioOutput, VolumeAndMuteReportTheDevicesErrors)
-{
-    testing::internal::CaptureStdout();
-    start();
-    EXPECT_EQ(audio_output_set_mute(true), 0);
-    device.results = {{"volume", 5}, {"direct", -6}, {"unmute", -7}};
-    EXPECT_EQ(audio_output_set_volume(41), 5) << "counts as a failure here, though not at init";
-    EXPECT_EQ(audio_output_set_volume_direct(7), -6);
-    EXPECT_EQ(audio_output_set_mute(false), -7);
-    EXPECT_TRUE(audio_output_mute_status());
-    EXPECT_EQ(occurrences(captured(), "E aio_device_set_volume failed. err:5\n"), 1);
-}
-
-TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndThenMovesTheDeviceOrRestoresTheOneBefore)
+TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndWhatTheDeviceRefusesIsReportedAndNotKept)
 {
     testing::internal::CaptureStdout();
     start();
@@ -354,49 +338,51 @@ TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndThenMovesTheDeviceOrRestoresTh
     device.results["reselect"] = -9;
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), -1);
     EXPECT_EQ(audio_output_select_format(E_HDMI_PLAYER_AO_FORMAT_PCM), -1);
-    EXPECT_EQ(audio_output_get_device(), E_HDMI_PLAYER_AO_DEV_I2S_TXA);
     EXPECT_EQ(audio_output_get_format(), E_HDMI_PLAYER_AO_FORMAT_RAW);
-    EXPECT_EQ(device_id(), E_AUDIO_IO_DEV_I2S_TXA);
+    EXPECT_TRUE(audio_output_get_device() == E_HDMI_PLAYER_AO_DEV_I2S_TXA && device_id() == E_AUDIO_IO_DEV_I2S_TXA);
     g_on_changed = [](bool* restarted) { *restarted = true; };
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_SPDIF), 0);
     EXPECT_EQ(device.calls.back(), "changed");
-    EXPECT_EQ(occurrences(captured(), "E aio_device_reselect dev_id:4 output_fmt:0 failed!\n"), 1);
+    EXPECT_EQ(audio_output_set_mute(true), 0);
+    device.results = {{"volume", 5}, {"direct", -6}, {"unmute", -7}};
+    EXPECT_EQ(audio_output_set_volume(41), 5) << "counts as a failure here, though not at init";
+    EXPECT_TRUE(audio_output_set_volume_direct(7) == -6 && audio_output_set_mute(false) == -7);
+    EXPECT_TRUE(audio_output_mute_status());
+    const std::string log = captured();
+    EXPECT_EQ(occurrences(log, "E aio_device_reselect dev_id:4 output_fmt:0 failed!\n"), 1);
+    EXPECT_EQ(occurrences(log, "E aio_device_set_volume failed. err:5\n"), 1);
 }
 
 // The first selection is held between what it stores and what it does to the device; the second runs through meanwhile.
 TEST_F(AudioOutput, OfTwoSelectionsAtOnceDeviceAndRecordTakeTheSame)
 {
-    struct Case {
+    const struct {
         bool first_refused, second_refused; // by the device
-        int32_t first, second;              // results
         hdmi_player_ao_dev_e selected;
-        Calls reselects;
-    };
-    for (const Case& c : {Case{false, false, 0, 0, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 4 0", "reselect 4 0"}},
-                          Case{true, false, -1, 0, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 4 0", "reselect 4 0"}},
-                          Case{false, true, 0, -1, E_HDMI_PLAYER_AO_DEV_SPDIF, {"reselect 4 0", "reselect 3 0"}},
-                          Case{true, true, -1, -1, E_HDMI_PLAYER_AO_DEV_SPEAKER, {"reselect 4 0", "reselect 3 0"}}}) {
+    } cases[] = {{false, false, E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
+                 {true, false, E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
+                 {false, true, E_HDMI_PLAYER_AO_DEV_SPDIF},
+                 {true, true, E_HDMI_PLAYER_AO_DEV_SPEAKER}};
+    for (const auto& c : cases) {
         device.init_done = false;
         start();
-        std::atomic<bool> held{false}, hold{true};
-        g_on_changed = [&](bool*) {
-            if (held.exchange(true))
-                return; // the second selection's
-            EXPECT_TRUE(eventually([&] { return !hold; }));
+        Gate gate;
+        g_on_changed = [&, first = true](bool*) mutable {
+            if (std::exchange(first, false))
+                gate.pass(); // not the second selection
         };
         auto first = in_thread(audio_output_select_device, E_HDMI_PLAYER_AO_DEV_SPDIF);
-        EXPECT_TRUE(eventually([&] { return held.load(); }));
+        EXPECT_TRUE(gate.reached());
         device.set([&] { device.results["reselect"] = c.second_refused ? -1 : 0; });
-        EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), c.second);
+        EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), c.second_refused ? -1 : 0);
         device.set([&] { device.results["reselect"] = c.first_refused ? -1 : 0; });
-        hold = false;
-        EXPECT_EQ(first.get(), c.first);
+        gate.open();
+        EXPECT_EQ(first.get(), c.first_refused ? -1 : 0);
         EXPECT_EQ(audio_output_get_device(), c.selected);
         EXPECT_EQ(device_id(), static_cast<int>(c.selected)); // these have the same numbers on both sides
-        Calls reselects;
-        std::copy_if(device.calls.begin(), device.calls.end(), std::back_inserter(reselects),
-                     [](const std::string& call) { return call != "changed"; });
-        EXPECT_EQ(reselects, c.reselects);
+        Calls reselects = device.calls;
+        reselects.erase(std::remove(reselects.begin(), reselects.end(), "changed"), reselects.end());
+        EXPECT_EQ(reselects, (Calls{"reselect 4 0", c.second_refused ? "reselect 3 0" : "reselect 4 0"}));
         EXPECT_EQ(audio_output_deinit(), 0);
     }
 }
@@ -483,13 +469,11 @@ TEST_F(AudioOutput, PublishesTheClockByWhatTheDeviceSaysIsQueued)
 {
     config.sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
     start();
-    const auto time_of_block = [&](int queued, int result) {
-        device.set([&] { device.queued = queued, device.queued_result = result; });
-        return clock_of(5000000).time_us;
-    };
-    EXPECT_EQ(time_of_block(960, 0), 4990000);
-    EXPECT_EQ(time_of_block(-960, 0), 5010000);
-    EXPECT_EQ(time_of_block(960, -5), 5010000);
+    for (const auto& [queued, result, time_us] :
+         {std::tuple(960, 0, 4990000), {-960, 0, 5010000}, {960, -5, 5010000}}) {
+        device.set([&, queued = queued, result = result] { device.queued = queued, device.queued_result = result; });
+        EXPECT_EQ(clock_of(5000000).time_us, time_us);
+    }
     EXPECT_EQ(clock_of(0, 7).max_time_us, 20) << "one frame and a half, and a byte";
 }
 
@@ -566,8 +550,7 @@ TEST_F(AudioOutput, CallsOnADeviceThatTakesNothingGiveUpButForOneThatClosesIt)
     auto volume = in_thread(audio_output_set_volume, 1);
     auto mute = in_thread(audio_output_set_mute, true);
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_SPDIF), -1);
-    EXPECT_EQ(volume.get(), -ETIMEDOUT);
-    EXPECT_EQ(mute.get(), -ETIMEDOUT);
+    EXPECT_TRUE(volume.get() == -ETIMEDOUT && mute.get() == -ETIMEDOUT);
     EXPECT_FALSE(audio_output_mute_status());
     EXPECT_EQ(audio_output_get_device(), E_HDMI_PLAYER_AO_DEV_SPEAKER);
     device.set([&] { device.block_writes = false; });
@@ -611,49 +594,39 @@ TEST_F(AudioOutput, StopEndsAStuckWriteAndEverybodyWhoWaitsForIt)
 
 TEST_F(AudioOutput, AnInitDuringAStopIsRefused)
 {
-    std::atomic<bool> hold{true}, held{false};
-    g_hooks.cec_deinit = [&] {
-        held = true;
-        EXPECT_TRUE(eventually([&] { return !hold; }));
-        return 0;
-    };
+    Gate gate;
+    g_hooks.cec_deinit = [&] { return gate.pass(), 0; };
     start();
     auto stop = in_thread(audio_output_deinit);
-    EXPECT_TRUE(eventually([&] { return held.load(); }));
+    EXPECT_TRUE(gate.reached());
     EXPECT_EQ(audio_output_init(config), -1);
-    hold = false;
+    gate.open();
     EXPECT_EQ(stop.get(), 0);
     EXPECT_EQ(device.calls, (Calls{"close"}));
 }
 
 TEST_F(AudioOutput, AStopKeepsAReopenThatIsUnderWayFromOpeningTheDevice)
 {
-    std::atomic<bool> hold{true}, held{false};
-    g_hooks.set_volume = [&](audio_config_t*, int) {
-        held = true;
-        while (hold)
-            std::this_thread::yield();
-        return 0;
-    };
+    Gate gate;
+    g_hooks.set_volume = [&](audio_config_t*, int) { return gate.pass(), 0; };
     start();
     audio_output_set_dev_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
     auto volume = in_thread(audio_output_set_volume, 1);
-    EXPECT_TRUE(eventually([&] { return held.load(); }));
+    EXPECT_TRUE(gate.reached());
     EXPECT_EQ(play(0, 1), 0);
     EXPECT_TRUE(queue_drained()); // the writer is on its way to the device
     auto stop = in_thread(audio_output_deinit);
     EXPECT_TRUE(eventually([] { return g_ao_info.abort_request.load(); }));
-    hold = false;
-    EXPECT_EQ(stop.get(), 0);
-    EXPECT_EQ(volume.get(), 0);
+    gate.open();
+    EXPECT_TRUE(stop.get() == 0 && volume.get() == 0);
     EXPECT_EQ(device.calls, (Calls{"cec_deinit", "close"}));
 }
 
 TEST_F(AudioOutput, ASelectionThatDiscardsAFullQueueLetsItsProducerGoOn)
 {
     // The writer is between two blocks, so that none of the 128 will be given back by it.
-    bool writer_goes_on = false;
-    g_on_clock = [&] { device.wait([&] { return writer_goes_on; }); };
+    Gate gate;
+    g_on_clock = [&] { gate.pass(); };
     g_on_changed = close_after_change;
     start();
     for (int i = 0; i < kQueueFrames + 1; ++i)
@@ -662,7 +635,7 @@ TEST_F(AudioOutput, ASelectionThatDiscardsAFullQueueLetsItsProducerGoOn)
     EXPECT_TRUE(producer.asleep());
     EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_SPDIF), 0);
     EXPECT_TRUE(eventually([&] { return producer.returned(); }));
-    device.set([&] { writer_goes_on = true; });
+    gate.open();
     EXPECT_EQ(audio_output_deinit(), 0);
     EXPECT_EQ(producer.result(), 0);
 }
@@ -673,24 +646,17 @@ TEST_F(AudioOutput, CallsFromEverywhereDuringReopensAndAStopNeverMeetInTheDevice
     for (int round = 0; round < 3; ++round) {
         device.init_done = false;
         start();
-        std::atomic<bool> done{false};
-        const auto call = [&done](int kind) {
-            for (int i = 0; !done; ++i, std::this_thread::yield()) {
-                if (kind == 0) {
-                    play(i, i / 4, 64);
-                } else if (kind == 1) {
-                    audio_output_set_dev_operation(i % 3 == 0 ? AUDIO_OUTPUT_DEV_OP_CLOSE : AUDIO_OUTPUT_DEV_OP_REOPEN);
-                    audio_output_set_mute(i % 2 != 0);
-                } else {
-                    audio_output_select_device(static_cast<hdmi_player_ao_dev_e>(i % E_HDMI_PLAYER_AO_DEV_MAX));
-                }
-            }
-        };
-        const std::future<void> threads[] = {in_thread(call, 0), in_thread(call, 1), in_thread(call, 2)};
+        Callers callers;
+        callers.run([](int n) { play(n, n / 4, 64); });
+        callers.run([](int n) {
+            audio_output_set_dev_operation(n % 3 == 0 ? AUDIO_OUTPUT_DEV_OP_CLOSE : AUDIO_OUTPUT_DEV_OP_REOPEN);
+            audio_output_set_mute(n % 2 != 0);
+        });
+        callers.run(
+            [](int n) { audio_output_select_device(static_cast<hdmi_player_ao_dev_e>(n % E_HDMI_PLAYER_AO_DEV_MAX)); });
         EXPECT_TRUE(device.wait_calls("open", 50));
         EXPECT_EQ(audio_output_deinit(), 0);
         device.set([&] { EXPECT_FALSE(device.open); });
-        done = true;
     }
 }
 
