@@ -22,6 +22,8 @@
 #include "internal/render_step.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
+#include "support/callers.h"
+#include "support/gate.h"
 
 namespace
 {
@@ -32,42 +34,6 @@ constexpr unsigned kHangSeconds = 60;
 
 using calls_t = std::vector<std::string>;
 
-/// The host and the player's relays: what the module calls, in order.
-struct Host {
-    std::mutex mutex;
-    calls_t calls;
-    std::vector<int64_t> flip_pts;
-    std::atomic<bool> audio_continues{true};
-    std::function<void(int)> on_flip = [](int) {};
-    // Set before init.
-    std::function<void()> on_event = [] {};
-    std::function<void()> on_audio_question = [] {};
-
-    void set_on_flip(std::function<void(int)> action)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        on_flip = std::move(action);
-    }
-    void note(const std::string& call)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        calls.push_back(call);
-    }
-    calls_t take_calls()
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return std::exchange(calls, {});
-    }
-    size_t count(const std::string& prefix)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return static_cast<size_t>(std::count_if(calls.begin(), calls.end(),
-                                                 [&](const std::string& call) { return call.rfind(prefix, 0) == 0; }));
-    }
-};
-
-Host* g_host = nullptr;
-
 int id_of(const hdmi_player_video_frame_t& frame)
 {
     return static_cast<int>(reinterpret_cast<intptr_t>(frame.buf_handle));
@@ -77,40 +43,64 @@ hdmi_player_video_frame_t frame_of(int id, int64_t pts = 12345)
     return {reinterpret_cast<void*>(static_cast<intptr_t>(id)), pts};
 }
 
-void on_flip(hdmi_player_video_frame_t frame)
-{
-    std::function<void(int)> action;
+/// The host and the player's relays: what the module calls, in order.
+struct Host {
+    std::mutex mutex;
+    calls_t calls;
+    std::vector<int64_t> flip_pts;
+    std::function<void(int)> on_flip = [](int) {};
+    std::atomic<bool> audio_continues{true};
+    // Set before init.
+    std::function<void()> on_event = [] {};
+    std::function<void()> on_audio_question = [] {};
+
+    template <typename Action> auto locked(Action action)
     {
-        const std::lock_guard<std::mutex> lock(g_host->mutex);
-        g_host->calls.push_back("flip " + std::to_string(id_of(frame)));
-        g_host->flip_pts.push_back(frame.pts);
-        action = g_host->on_flip;
+        const std::lock_guard<std::mutex> lock(mutex);
+        return action();
     }
-    action(id_of(frame));
-}
-void on_drop(hdmi_player_video_frame_t frame) { g_host->note("drop " + std::to_string(id_of(frame))); }
-void on_event(hdmi_player_event_e event)
-{
-    g_host->note("event " + std::to_string(event));
-    g_host->on_event();
-}
-void on_audio_reset() { g_host->note("audio reset"); }
-bool audio_continues()
-{
-    g_host->on_audio_question();
-    return g_host->audio_continues;
-}
+    void set_on_flip(std::function<void(int)> action)
+    {
+        locked([&] { on_flip = std::move(action); });
+    }
+    void note(const std::string& call)
+    {
+        locked([&] { calls.push_back(call); });
+    }
+    calls_t take_calls()
+    {
+        return locked([this] { return std::exchange(calls, {}); });
+    }
+    size_t count(const std::string& prefix)
+    {
+        const auto begins = [&](const std::string& call) { return call.rfind(prefix, 0) == 0; };
+        return locked([&] { return static_cast<size_t>(std::count_if(calls.begin(), calls.end(), begins)); });
+    }
+    /// Waits for @p call.
+    bool hears(const std::string& call)
+    {
+        return eventually([&] { return count(call) == 1; });
+    }
+    void flip(const hdmi_player_video_frame_t& frame)
+    {
+        const auto action = locked([&] {
+            calls.push_back("flip " + std::to_string(id_of(frame)));
+            flip_pts.push_back(frame.pts);
+            return on_flip;
+        });
+        action(id_of(frame));
+    }
+};
+
+Host* g_host = nullptr;
 
 const calls_t kReset = {"event 1", "audio reset"};
 
 // Console output, captured all the time: the level cannot be changed while the module's threads read the environment.
-std::string g_console;
-
 std::string take_log()
 {
-    std::string log = testing::internal::GetCapturedStdout();
+    const std::string log = testing::internal::GetCapturedStdout();
     testing::internal::CaptureStdout();
-    g_console += log;
     return log;
 }
 
@@ -125,52 +115,6 @@ bool has(const std::string& log, const std::string& part) { return log.find(part
 
 void set_log_level(const char* level) { setenv("debug_hdmiplayer_log_level", level, 1); }
 
-/// Holds the thread that passes.
-class Gate
-{
-public:
-    void pass()
-    {
-        waiting_ = true;
-        while (!open_)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    bool reached() const
-    {
-        return eventually([this] { return waiting_.load(); });
-    }
-    void open() { open_ = true; }
-
-private:
-    std::atomic<bool> waiting_{false};
-    std::atomic<bool> open_{false};
-};
-
-/// Threads that call again and again until the end of the scope.
-class Threads
-{
-public:
-    ~Threads() { stop(); }
-    void run(const std::function<void()>& call)
-    {
-        threads_.emplace_back([this, call] {
-            while (!stop_)
-                call();
-        });
-    }
-    void stop()
-    {
-        stop_ = true;
-        for (std::thread& thread : threads_)
-            thread.join();
-        threads_.clear();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::vector<std::thread> threads_;
-};
-
 class VideoTest : public testing::Test
 {
 protected:
@@ -183,19 +127,14 @@ protected:
         set_log_level("4");
         testing::internal::CaptureStdout();
         g_hooks = {};
-        g_hooks.wait_vblank = [](int, drmVBlank*) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            return 0;
-        };
+        g_hooks.wait_vblank = [](int, drmVBlank*) { return usleep(2000); };
     }
     void TearDown() override
     {
         video_deinit();
-        take_log();
-        testing::internal::GetCapturedStdout();
+        const std::string log = testing::internal::GetCapturedStdout();
         if (HasFailure())
-            fputs(g_console.c_str(), stdout);
-        g_console.clear();
+            fputs(log.c_str(), stdout);
         alarm(0);
     }
 
@@ -204,11 +143,17 @@ protected:
         video_config_t config = {};
         config.video_frame_queue_size = slots;
         config.drm_info = {7, 500.0F};
-        config.video_frame_drop_cb = on_drop;
-        config.video_frame_flip_cb = on_flip;
-        config.event_cb = on_event;
-        config.notify_audio_reset_cb = on_audio_reset;
-        config.ai_read_continued_cb = audio_continues;
+        config.video_frame_drop_cb = [](auto frame) { g_host->note("drop " + std::to_string(id_of(frame))); };
+        config.video_frame_flip_cb = [](auto frame) { g_host->flip(frame); };
+        config.event_cb = [](auto event) {
+            g_host->note("event " + std::to_string(event));
+            g_host->on_event();
+        };
+        config.notify_audio_reset_cb = [] { g_host->note("audio reset"); };
+        config.ai_read_continued_cb = [] {
+            g_host->on_audio_question();
+            return g_host->audio_continues.load();
+        };
         return config;
     }
 
@@ -281,8 +226,8 @@ protected:
     {
         VideoTest::SetUp();
         open();
-        g_video_info.video_frame_flip_cb = on_flip;
-        g_video_info.video_frame_drop_cb = on_drop;
+        g_video_info.video_frame_flip_cb = config().video_frame_flip_cb;
+        g_video_info.video_frame_drop_cb = config().video_frame_drop_cb;
     }
     void TearDown() override
     {
@@ -313,11 +258,8 @@ TEST_F(VideoFrameQueueTest, HoldsItsPoolAndGivesFramesBackInOrder)
     const std::string full = log_of([] { EXPECT_EQ(push(6), -1); });
     EXPECT_TRUE(has(full, "[video_frame_queue_push_frame ") && has(full, "] free_frames_count(0) <= 0\n")) << full;
     hdmi_player_video_frame_t head = {};
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(video_frame_queue_peek_frame(q_, &head), 0);
-        EXPECT_EQ(id_of(head), 1);
-        EXPECT_EQ(head.pts, 10);
-    }
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(video_frame_queue_peek_frame(q_, &head) == 0 && id_of(head) == 1 && head.pts == 10);
     // Freed slots come into use again while younger frames wait.
     int next = kSlots + 1;
     for (int id = 1; id < 50; ++id) {
@@ -393,25 +335,17 @@ TEST(RenderStep, FollowsFromSerialResetAndWhoElseIsAtIt)
 
 TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)
 {
-    hdmi_player_video_frame_t frame = frame_of(1);
-    EXPECT_EQ(video_deinit(), -1);
-    EXPECT_EQ(video_set_base_media_time(1, 2, 3), -1);
-    EXPECT_EQ(video_avsync_reset(true, true), -1);
+    EXPECT_EQ(video_deinit() + video_set_base_media_time(1, 2, 3) + video_avsync_reset(true, true), -3);
     EXPECT_FALSE(video_is_disable_avsync());
     EXPECT_EQ(g_video_info.frame_serial, 0);
-    void (*const holes[])(video_config_t&) = {
-        [](video_config_t& c) { c.video_frame_drop_cb = nullptr; },
-        [](video_config_t& c) { c.video_frame_flip_cb = nullptr; },
-        [](video_config_t& c) { c.event_cb = nullptr; },
-        [](video_config_t& c) { c.notify_audio_reset_cb = nullptr; },
-        [](video_config_t& c) { c.ai_read_continued_cb = nullptr; },
-        [](video_config_t& c) { c.video_frame_queue_size = 0; },
-    };
-    for (const auto& make_hole : holes) {
-        video_config_t incomplete = config();
-        make_hole(incomplete);
-        EXPECT_EQ(video_init(incomplete), -1);
-        EXPECT_EQ(video_render(&frame), -1);
+    for (int hole = 0; hole < 6; ++hole) {
+        video_config_t incomplete = config(hole == 0 ? 0 : kSlots);
+        incomplete.video_frame_drop_cb = hole == 1 ? nullptr : incomplete.video_frame_drop_cb;
+        incomplete.video_frame_flip_cb = hole == 2 ? nullptr : incomplete.video_frame_flip_cb;
+        incomplete.event_cb = hole == 3 ? nullptr : incomplete.event_cb;
+        incomplete.notify_audio_reset_cb = hole == 4 ? nullptr : incomplete.notify_audio_reset_cb;
+        incomplete.ai_read_continued_cb = hole == 5 ? nullptr : incomplete.ai_read_continued_cb;
+        EXPECT_EQ(video_init(incomplete) + render(1), -2);
     }
     start();
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(video_init(config()), -1); }), "] module has been initialized\n"));
@@ -425,9 +359,7 @@ TEST_F(VideoTest, HasItsFramesPacedByAudioAlsoWithoutADisplay)
     blind.drm_info = {0, -1.0F};
     EXPECT_TRUE(has(log_of([&] { EXPECT_EQ(video_init(blind), 0); }), "] invalid drm_info fd:0 vrefresh:-1.000000\n"));
     auto& sync = *static_cast<sync_strategy_info_t*>(g_video_info.synchronizer_handle);
-    EXPECT_EQ(sync.mode, E_SYNC_MODE_AUDIO_MASTER);
-    EXPECT_EQ(sync.state, E_SYNC_STATE_START);
-    EXPECT_TRUE(sync.low_latency_mode);
+    EXPECT_TRUE(sync.mode == E_SYNC_MODE_AUDIO_MASTER && sync.state == E_SYNC_STATE_START && sync.low_latency_mode);
     render(1);
     video_set_base_media_time(1500000, 1500000, 1);
     int64_t media_time = 0;
@@ -500,18 +432,15 @@ TEST_F(VideoTest, StampsFramesWithTheirArrivalFromMinusTheFixedDelayOn)
         const auto after = static_cast<int64_t>(get_system_time_us());
         EXPECT_EQ(log.find("] [avsync_reset] done, frame_serial:7\n") != std::string::npos, id == 2);
         const int64_t start_pts = -kDelayMs * 1000 + 40000 * (id - 1);
-        EXPECT_GE(frame.pts, start_pts + before - after_reset);
-        EXPECT_LE(frame.pts, start_pts + after - before_reset);
+        EXPECT_TRUE(frame.pts >= start_pts + before - after_reset && frame.pts <= start_pts + after - before_reset);
         EXPECT_GE(frame.pts, last + 40000);
         last = frame.pts;
     }
     // Paced: in order, with the stamps instead of the host's times.
     EXPECT_TRUE(eventually([this] { return host_.count("flip") + host_.count("drop") == 4; }));
     EXPECT_EQ(queued(), 0);
-    const std::lock_guard<std::mutex> lock(host_.mutex);
-    EXPECT_EQ(host_.calls[2], "flip 1");
-    EXPECT_EQ(host_.flip_pts[0], 0);
-    EXPECT_EQ(host_.flip_pts.back(), last);
+    host_.locked(
+        [&] { EXPECT_TRUE(host_.calls[2] == "flip 1" && host_.flip_pts[0] == 0 && host_.flip_pts.back() == last); });
 }
 
 TEST_F(VideoTest, ResetsOnceAfterAGapOfMoreThanASecondOrOnRequest)
@@ -520,7 +449,7 @@ TEST_F(VideoTest, ResetsOnceAfterAGapOfMoreThanASecondOrOnRequest)
     EXPECT_FALSE(has(log_of([] { render(1); }), "abnormal"));
     pass_time(600000);
     EXPECT_EQ(render(2), 0);
-    ASSERT_TRUE(eventually([this] { return host_.count("flip 2") == 1; }));
+    ASSERT_TRUE(host_.hears("flip 2"));
     pass_time(1200000);
     expect_reset(3);
     EXPECT_EQ(queued(), 1);
@@ -587,7 +516,7 @@ TEST_F(VideoTest, LeavesAFrameToTheThreadThatIsFlipping)
     expected.erase(expected.begin());
     EXPECT_EQ(host_.take_calls(), expected);
     EXPECT_EQ(render(100), 0);
-    EXPECT_TRUE(eventually([&] { return host_.count("flip 100") == 1; }));
+    EXPECT_TRUE(host_.hears("flip 100"));
 }
 
 // By the time line before the reset, the first frames after it would be late.
@@ -605,7 +534,7 @@ TEST_F(VideoTest, PacingHasNoHistoryWhenAResetEnds)
     };
     audio_runs();
     EXPECT_EQ(render(2), 0);
-    ASSERT_TRUE(eventually([this] { return host_.count("flip 2") == 1; }));
+    ASSERT_TRUE(host_.hears("flip 2"));
     EXPECT_EQ(last_pts, UINT64_MAX);
 }
 
@@ -617,7 +546,7 @@ TEST_F(VideoTest, ResetsWhenTheQueueIsFullAndDropsOnlyTheOldestFrame)
         EXPECT_EQ(render(id), 0);
     EXPECT_EQ(host_.take_calls(), calls_t{"flip 1"});
     std::thread host_thread([] { EXPECT_EQ(render(7), -1); });
-    EXPECT_TRUE(eventually([this] { return host_.count("drop 2") == 1; }));
+    EXPECT_TRUE(host_.hears("drop 2"));
     EXPECT_EQ(host_.count("event"), 0U); // not before the synchronizer has stopped
     gate_.open();
     host_thread.join();
@@ -740,7 +669,7 @@ TEST_F(VideoTest, LeavesAResetToAThreadThatCanWaitForTheSynchronizer)
         nested = render(2);
     });
     render(1);
-    ASSERT_TRUE(eventually([this] { return host_.count("flip 2") == 1; }));
+    ASSERT_TRUE(host_.hears("flip 2"));
     EXPECT_EQ(nested, 0);
     EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
     expect_reset(3);
@@ -816,9 +745,8 @@ TEST_F(VideoTest, EndsWhileManyThreadsRenderWithoutPause)
     set_log_level("0");
     host_.audio_continues = false;
     start();
-    Threads threads;
-    for (int id = 1; id <= 32; ++id)
-        threads.run([id] { render(id); });
+    Callers callers;
+    callers.run([](int) { render(1); }, 32);
     EXPECT_TRUE(eventually([this] { return host_.count("flip") > 1000; }));
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(video_deinit(), 0);
@@ -889,24 +817,23 @@ TEST_F(VideoTest, AccountsForEveryFrameOfManyRenderingThreads)
         });
         host_.take_calls();
         start();
-        Threads threads;
-        for (int i = 0; i < 3; ++i) {
-            threads.run([&] {
+        Callers callers;
+        callers.run(
+            [&](int) {
                 account.render_one();
                 ++rendering;
                 std::this_thread::sleep_for(std::chrono::microseconds(200));
-            });
-        }
-        threads.run([i = 1]() mutable {
-            video_set_base_media_time(i * 1000, i * 1000 + 40000, i / 4);
-            video_avsync_reset(i % 50 == 0, i % 30 < 5);
-            ++i;
+            },
+            3);
+        callers.run([](int n) {
+            video_set_base_media_time(1000 + n * 1000, n * 1000 + 41000, n / 4);
+            video_avsync_reset(n % 50 == 49, n % 30 < 5);
             std::this_thread::sleep_for(std::chrono::microseconds(500));
         });
         EXPECT_TRUE(eventually([&] { return rendering > 300 && host_.count("event") > 0; }));
         EXPECT_EQ(video_deinit(), 0); // under way
         const size_t calls_at_end = host_.count("");
-        threads.stop();
+        callers.stop();
         EXPECT_EQ(host_.count(""), calls_at_end);
         EXPECT_LE(account.held(host_.take_calls()), kSlots);
     }
