@@ -24,6 +24,7 @@
 #include "internal/frame_queue.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
+#include "support/callers.h"
 #include "support/log_capture.h"
 
 using std::chrono::steady_clock;
@@ -60,49 +61,42 @@ struct Capture {
     int bytes_per_period = 0; ///< 0: by period_frames
     std::deque<int> open_results, close_results, read_results;
     audio_config_t config = {};
-    std::function<void()> on_open;
-    std::function<void(int read)> on_read; ///< on the read thread, before the read returns
+    std::function<void()> on_open = [] {};
+    std::function<void(int read)> on_read = [](int) {}; ///< on the read thread, before the read returns
 
     static int next(std::deque<int>& results, int otherwise)
     {
-        if (results.empty())
-            return otherwise;
-        const int result = results.front();
-        results.pop_front();
+        const int result = results.empty() ? otherwise : results.front();
+        if (!results.empty())
+            results.pop_front();
         return result;
     }
-
     void attach()
     {
         g_hooks = {};
-        g_hooks.open = [this](audio_config_t* cfg) { return open(*cfg); };
-        g_hooks.close = [this](audio_config_t*) { return close(); };
+        g_hooks.open = [this](audio_config_t* cfg) {
+            on_open();
+            std::lock_guard lock(mutex);
+            ++opens;
+            config = *cfg;
+            const int result = next(open_results, 0);
+            opened_twice = opened_twice || (opened && result >= 0);
+            opened = opened || result >= 0;
+            return result;
+        };
+        g_hooks.close = [this](audio_config_t*) {
+            std::lock_guard lock(mutex);
+            ++closes;
+            const int result = next(close_results, 0);
+            opened = opened && result < 0;
+            changed.notify_all();
+            return result;
+        };
         g_hooks.read = [this](audio_config_t*, uint8_t* data, int size) { return read(data, size); };
         g_hooks.frames_to_bytes = [this](audio_config_t* cfg, int) {
-            std::lock_guard lock(mutex);
-            return bytes_per_period != 0 ? bytes_per_period : cfg->period_frames * 4;
+            const int fixed = get(&Capture::bytes_per_period);
+            return fixed != 0 ? fixed : cfg->period_frames * 4;
         };
-    }
-    int open(const audio_config_t& cfg)
-    {
-        if (on_open)
-            on_open();
-        std::lock_guard lock(mutex);
-        ++opens;
-        config = cfg;
-        const int result = next(open_results, 0);
-        opened_twice = opened_twice || (opened && result >= 0);
-        opened = opened || result >= 0;
-        return result;
-    }
-    int close()
-    {
-        std::lock_guard lock(mutex);
-        ++closes;
-        const int result = next(close_results, 0);
-        opened = opened && result < 0;
-        changed.notify_all();
-        return result;
     }
     int read(uint8_t* data, int size)
     {
@@ -118,8 +112,7 @@ struct Capture {
         const auto hook = on_read;
         lock.unlock();
         memset(data, number, static_cast<size_t>(size));
-        if (hook)
-            hook(number);
+        hook(number);
         return result;
     }
     void permit(int count)
@@ -139,12 +132,12 @@ struct Host {
     std::mutex mutex;
     std::atomic<int> events{0};
     Changes changes;
-    std::function<void()> on_event, on_change;
+    std::function<void()> on_event = [] {}, on_change = [] {};
 
-    size_t change_count()
+    Changes seen()
     {
         std::lock_guard lock(mutex);
-        return changes.size();
+        return changes;
     }
 };
 Host* g_host;
@@ -152,15 +145,13 @@ Host* g_host;
 void host_event(hdmi_player_event_e event)
 {
     EXPECT_EQ(event, E_HDMI_PLAYER_EVENT_AUDIO_UNSUPPORTED);
-    if (g_host->on_event)
-        g_host->on_event();
+    g_host->on_event();
     ++g_host->events;
 }
 
 void host_changed(bool changed, bool*)
 {
-    if (g_host->on_change)
-        g_host->on_change();
+    g_host->on_change();
     std::lock_guard lock(g_host->mutex);
     g_host->changes.push_back(changed);
 }
@@ -196,9 +187,8 @@ protected:
     }
     bool changes_become(const Changes& expected)
     {
-        eventually([&] { return host.change_count() >= expected.size(); });
-        std::lock_guard lock(host.mutex);
-        return host.changes == expected;
+        eventually([&] { return host.seen().size() >= expected.size(); });
+        return host.seen() == expected;
     }
     static std::optional<hdmi_player_audio_frame_t> take(bool pcm, int32_t timeout_ms)
     {
@@ -220,20 +210,6 @@ protected:
     bool all_frames_used(int chunks)
     {
         return reads_become(chunks) && eventually([&] { return capture.get(&Capture::waiting) == 0; });
-    }
-
-    // Policy and priority of the read thread, which takes one chunk.
-    std::pair<int, int> reader_scheduling()
-    {
-        std::pair<int, int> seen = {-1, -1};
-        capture.on_read = [&seen](int) {
-            struct sched_param param = {};
-            pthread_getschedparam(pthread_self(), &seen.first, &param);
-            seen.second = param.sched_priority;
-        };
-        capture.permit(1);
-        EXPECT_TRUE(take_pcm());
-        return seen;
     }
 
     Capture capture;
@@ -336,12 +312,12 @@ TEST_F(AudioInput, AnAnnouncementDuringInitIsReportedWhenTheModuleIsOpen)
     bool succeeds = false;
     g_before_read_thread = [&] {
         announce("HEADDONE_PCM_32=1");
-        EXPECT_FALSE(eventually([&] { return host.change_count() > 0; }, 100ms));
+        EXPECT_FALSE(eventually([&] { return !host.seen().empty(); }, 100ms));
         return succeeds;
     };
     ASSERT_TRUE(hdmi_sim::write_state_file("HEADDONE_PCM_48=1"));
     EXPECT_EQ(audio_input_init(kConfig), -1);
-    EXPECT_EQ(host.change_count(), 0U);
+    EXPECT_EQ(host.seen(), Changes());
     succeeds = true;
     start("HEADDONE_PCM_48=1");
     EXPECT_TRUE(changes_become({true}));
@@ -359,14 +335,22 @@ TEST_F(AudioInput, ReadsAtRealTimePriorityWhereItMay)
         start("HEADDONE_PCM_48=1");
     });
     unprivileged.join();
-    EXPECT_EQ(reader_scheduling().first, SCHED_OTHER);
+    // Policy and priority of the read thread, which takes one chunk.
+    int policy = -1;
+    struct sched_param param = {};
+    const auto look = [&] {
+        capture.on_read = [&](int) { pthread_getschedparam(pthread_self(), &policy, &param); };
+        capture.permit(1);
+        EXPECT_TRUE(take_pcm());
+    };
+    look();
+    EXPECT_EQ(policy, SCHED_OTHER);
     EXPECT_EQ(audio_input_deinit(), 0);
-
     start("HEADDONE_PCM_48=1");
-    const auto [policy, priority] = reader_scheduling();
+    look();
     if (policy == SCHED_OTHER)
         GTEST_SKIP() << "the machine must allow real-time priority";
-    EXPECT_TRUE(policy == SCHED_RR && priority == 99) << policy << ' ' << priority;
+    EXPECT_TRUE(policy == SCHED_RR && param.sched_priority == 99) << policy << ' ' << param.sched_priority;
 }
 
 TEST_F(AudioInput, DeinitEndsABlockedReadAndConsumersThatComeBackAtOnce)
@@ -375,19 +359,13 @@ TEST_F(AudioInput, DeinitEndsABlockedReadAndConsumersThatComeBackAtOnce)
     ASSERT_TRUE(eventually([&] { return capture.get(&Capture::waiting) == 1; }));
     capture.close_results = {-5, -5}; // leaves the read where it is
     const auto begin = steady_clock::now();
-    std::atomic<bool> ended{false};
-    std::deque<BlockedCall<bool>> consumers;
-    for (int i = 0; i < 4; ++i) {
-        consumers.emplace_back([&, i] {
-            while (!ended && steady_clock::now() - begin < 8s)
-                EXPECT_FALSE(take(i % 2 == 0, -1));
-            return true;
-        });
-        EXPECT_TRUE(consumers.back().asleep());
-    }
+    BlockedCall<bool> waiting([] { return take(true, -1).has_value(); });
+    EXPECT_TRUE(waiting.asleep());
+    Callers consumers;
+    consumers.run([](int) { EXPECT_FALSE(take(true, -1)); }, 2);
+    consumers.run([](int) { EXPECT_FALSE(take(false, -1)); }, 2);
     BlockedCall<int32_t> rival(audio_input_deinit);
     EXPECT_EQ(audio_input_deinit() + rival.result(), -1) << "of two concurrent calls one ends the module";
-    ended = true;
     EXPECT_LT(steady_clock::now() - begin, 8s) << "the consumers starve the stop";
     EXPECT_EQ(capture.get(&Capture::closes), 3);
 }
@@ -396,7 +374,7 @@ TEST_F(AudioInput, NothingIsOpenAfterADeinitThatMeetsAReopen)
 {
     for (int round = 0; round < 20; ++round) {
         capture.permits = 0;
-        capture.on_open = nullptr;
+        capture.on_open = [] {};
         start("HEADDONE_PCM_48=1");
         capture.on_open = [] { std::this_thread::sleep_for(1ms); }; // a slow device
         const int closes = capture.closes;
@@ -415,8 +393,7 @@ TEST_F(AudioInput, TimeIsCountedInFramesWithoutDrift)
     for (int64_t i = 0; i < 40; ++i) {
         capture.permit(1);
         const auto chunk = take_pcm();
-        ASSERT_TRUE(chunk);
-        EXPECT_EQ(chunk->pts, i * 896 * 1000000 / 44100);
+        ASSERT_TRUE(chunk && chunk->pts == i * 896 * 1000000 / 44100) << i;
         EXPECT_TRUE(chunk->size == 896 * 4 && chunk->sample_rate == 44100 && chunk->channels == 2);
         EXPECT_EQ(audio_input_read_continued(), i > 30) << "reads count as continued once the cable is in";
         audio_input_set_hotplug_status(i < 30 ? E_HDMI_HOTPLUG_STATUS_OUT : E_HDMI_HOTPLUG_STATUS_IN);
@@ -429,16 +406,14 @@ TEST_F(AudioInput, AnAvsyncResetDiscardsWaitingChunksAndRestartsTheTimeLine)
     capture.permit(5);
     announce("HEADDONE_PCM_48=1");
     auto chunk = take_pcm();
-    ASSERT_TRUE(chunk);
-    EXPECT_EQ(chunk->buf_size, 1) << "nothing was read before the announcement";
+    EXPECT_TRUE(chunk && chunk->buf_size == 1) << "nothing was read before the announcement";
     ASSERT_TRUE(reads_become(6)); // four are queued, the sixth read waits
     audio_input_avsync_reset(true);
     capture.permit(2);
     ASSERT_TRUE(reads_become(8));
     for (int i = 0; i < 2; ++i) {
         chunk = take_pcm();
-        ASSERT_TRUE(chunk);
-        EXPECT_TRUE(chunk->buf_size == 6 + i && chunk->serial == 1);
+        ASSERT_TRUE(chunk && chunk->buf_size == 6 + i && chunk->serial == 1);
         EXPECT_EQ(chunk->pts, int64_t{i} * chunk->size / 4 * 1000000 / 48000);
     }
     EXPECT_TRUE(audio_input_next_serial(INT_MAX - 2) == INT_MAX - 1 && audio_input_next_serial(INT_MAX - 1) == 0);
@@ -465,9 +440,8 @@ TEST_F(AudioInput, ACompressedStreamHasItsOwnQueueItsSerialAndNoTime)
     capture.permit(1);
     ASSERT_TRUE(reads_become(8));
     chunk = take_iec();
-    ASSERT_TRUE(chunk);
-    EXPECT_TRUE(chunk->buf_size == 7 && chunk->serial == 1 && chunk->sample_rate == 48000);
-    EXPECT_EQ(chunk->pts, kStreamBreakPts) << "the three chunks before it were discarded";
+    EXPECT_TRUE(chunk && chunk->buf_size == 7 && chunk->serial == 1 && chunk->sample_rate == 48000);
+    EXPECT_TRUE(chunk && chunk->pts == kStreamBreakPts) << "the three chunks before it were discarded";
     EXPECT_FALSE(take_pcm(0));
     audio_input_wakeup_iec61937_queue();
     EXPECT_FALSE(take_iec(-1)) << "the wake-up ends one wait";
@@ -488,13 +462,11 @@ TEST_F(AudioInput, AReopenTakesTheNewRateAndBypassModeAndKeepsTheTimeLine)
     capture.permit(2); // the one under way straddles
     ASSERT_TRUE(reads_become(6));
     const auto chunk = take_pcm();
-    ASSERT_TRUE(chunk);
     EXPECT_EQ(capture.get(&Capture::opens), 2);
     const audio_config_t config = capture.get(&Capture::config);
     EXPECT_TRUE(config.sample_rate == 44100 && config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_PCM);
-    EXPECT_EQ(chunk->buf_size, 5) << "what waited was discarded";
-    EXPECT_TRUE(chunk->size == 896 * 4 && chunk->serial == 0);
-    EXPECT_EQ(chunk->pts, int64_t{3} * 960 * 1000000 / 44100);
+    EXPECT_TRUE(chunk && chunk->buf_size == 5) << "what waited was discarded";
+    EXPECT_TRUE(chunk && chunk->size == 896 * 4 && chunk->serial == 0 && chunk->pts == 3 * 960 * 1000000LL / 44100);
 }
 
 TEST_F(AudioInput, AReopenIsRepeatedUntilTheDeviceIsBack)
@@ -527,8 +499,7 @@ TEST_F(AudioInput, AReopenOrADeinitWakesAReadThreadThatWaitsForAFrame)
     host.on_change = [] { audio_input_set_reopen_device(true); };
     announce("HEADDONE_COMP_44=1");
     const auto chunk = take_iec();
-    ASSERT_TRUE(chunk);
-    EXPECT_TRUE(chunk->sample_rate == 44100 && capture.get(&Capture::config).sample_rate == 44100);
+    EXPECT_TRUE(chunk && chunk->sample_rate == 44100 && capture.get(&Capture::config).sample_rate == 44100);
     EXPECT_FALSE(take_pcm(0));
     EXPECT_TRUE(all_frames_used(128 + 129)); // and so it is when the test ends
 }
@@ -544,8 +515,7 @@ TEST_F(AudioInput, FailingReadsBackOffAndGoodOnesAreTakenAsTheyCome)
     int64_t frames = 0;
     for (const int size : {1001, 1, 4, 3840}) {
         const auto chunk = take_pcm();
-        ASSERT_TRUE(chunk);
-        EXPECT_TRUE(chunk->size == size && chunk->pts == frames * 1000000 / 48000) << size;
+        EXPECT_TRUE(chunk && chunk->size == size && chunk->pts == frames * 1000000 / 48000) << size;
         frames += size / 4;
     }
     EXPECT_GE(steady_clock::now() - begin, kFailures * 10ms);
@@ -589,9 +559,9 @@ size_t waiting_bytes()
     size_t sum = 0;
     while (std::getline(table, line)) {
         std::istringstream row(line);
-        std::string socket, groups;
-        size_t family = 0, id = 0, waiting = 0;
-        row >> socket >> family >> id >> groups >> waiting;
+        std::string skip;
+        size_t family = 0, waiting = 0;
+        row >> skip >> family >> skip >> skip >> waiting;
         sum += family == NETLINK_KOBJECT_UEVENT ? waiting : 0;
     }
     return sum;

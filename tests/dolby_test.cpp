@@ -533,13 +533,14 @@ TEST_F(DecodePipeline, WithoutTheDecodeStrategyTheInputDrainsAndIsForgotten)
 TEST_F(DecodePipeline, DeinitEndsADecodeThreadWithoutADecoderAndConsumersThatComeBackAtOnce)
 {
     start();
+    const auto consume = [] {
+        hdmi_player_audio_frame_t* frame = nullptr;
+        return dolby_get_output_pcm_frame(&frame, -1);
+    };
+    BlockedCall<int32_t> waiting(consume);
+    EXPECT_TRUE(waiting.asleep());
     Callers consumers;
-    consumers.run(
-        [](int) {
-            hdmi_player_audio_frame_t* frame = nullptr;
-            EXPECT_EQ(-1, dolby_get_output_pcm_frame(&frame, -1));
-        },
-        4);
+    consumers.run([consume](int) { EXPECT_EQ(-1, consume()); }, 4);
     BlockedCall<int32_t> deinit(dolby_deinit);
     EXPECT_TRUE(eventually([&deinit] { return deinit.returned(); })) << "the consumers starve it";
     consumers.stop();

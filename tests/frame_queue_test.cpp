@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/blocked_call.h"
+#include "support/callers.h"
 #include "support/log_capture.h"
 
 /// Requests of exactly this size fail while some are left.
@@ -60,6 +61,14 @@ public:
     }
     int32_t put(frame_info_t* frame) const { return frame_queue_put(id, &frame->frame); }
     int32_t done() const { return frame_queue_get_done_counts(id); }
+    /// What a consume without limit returns that @p end ends.
+    template <typename End> int32_t consume_until(End end) const
+    {
+        BlockedCall<int32_t> call([this] { return consume(-1); });
+        EXPECT_TRUE(call.asleep());
+        end();
+        return call.result();
+    }
 
     const int32_t id;
 };
@@ -88,17 +97,16 @@ TEST_F(FrameQueue, FramesArriveInOrderWithTheirContentAndThePoolKeepsNoneOfIt)
             EXPECT_EQ(frame_queue_done_enqueue(queue.id, record), 0);
         }
     });
-    for (int32_t i = 1; i <= kFrames; ++i) {
+    for (int32_t i = 1; i <= kFrames && !HasFailure(); ++i) {
         frame_info_t* record = frame_queue_done_dequeue(queue.id, 10000);
-        if (record == nullptr) {
-            ADD_FAILURE() << "frame " << i << " is missing";
-            frame_queue_abort(queue.id);
+        EXPECT_NE(record, nullptr) << i;
+        if (record == nullptr)
             break;
-        }
         const hdmi_player_audio_frame_t& frame = record->frame;
         EXPECT_TRUE(frame.size == i && frame.channels == i && frame.pts == i && frame.data[63] == i % 256);
         queue.put(record);
     }
+    frame_queue_abort(queue.id);
     producer.join();
     EXPECT_EQ(queue.done(), 0);
 }
@@ -168,21 +176,15 @@ TEST_F(FrameQueue, DequeuePollsWaitsOrWaitsForEver)
     text = logged("4", [&] { EXPECT_EQ(queue.consume(100), -1); });
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(95));
     EXPECT_EQ(occurrences(text, "] [TEST] wait timeout, err(110): Connection timed out\n"), 1) << text;
-    const auto waits_until = [&](auto end) {
-        BlockedCall<int32_t> call([&] { return queue.consume(-1); });
-        EXPECT_TRUE(call.asleep());
-        end();
-        return call.result();
-    };
-    EXPECT_EQ(waits_until([&] { queue.produce(5); }), 5);
-    EXPECT_EQ(waits_until([&] { frame_queue_done_wakeup(queue.id); }), -1);
+    EXPECT_EQ(queue.consume_until([&] { queue.produce(5); }), 5);
+    EXPECT_EQ(queue.consume_until([&] { frame_queue_done_wakeup(queue.id); }), -1);
     frame_queue_done_wakeup(queue.id);
     EXPECT_EQ(queue.consume(-1), -1) << "a wake-up for nobody ends the next wait";
-    EXPECT_EQ(waits_until([&] { queue.produce(6); }), 6) << "and only that one";
+    EXPECT_EQ(queue.consume_until([&] { queue.produce(6); }), 6) << "and only that one";
     // Aborted, it still takes frames and gives none.
     frame_info_t* frame = queue.acquire();
     text = logged("3", [&] {
-        EXPECT_EQ(waits_until([&] { frame_queue_abort(queue.id); }), -1);
+        EXPECT_EQ(queue.consume_until([&] { frame_queue_abort(queue.id); }), -1);
         EXPECT_EQ(frame_queue_done_enqueue(queue.id, frame), 0);
         EXPECT_EQ(queue.consume(-1), -1);
     });
@@ -266,19 +268,16 @@ TEST_F(FrameQueue, WhileMemoryIsShortAcquireKeepsTryingAndOnlyAnAbortEndsIt)
         g_failures_left = 0;
         return frame;
     };
-    const auto memory_after_a_wake_up = [&] {
-        frame_queue_pool_wakeup(queue.id);
-        const int left = g_failures_left;
-        EXPECT_TRUE(eventually([left] { return g_failures_left < left - 2; }));
-        g_failures_left = 0;
-    };
     // For a new record, and for a free one that is too small.
     for (bool grown : {true, false}) {
         if (!grown)
             queue.put(queue.acquire(64));
-        frame_info_t* frame = ended_by(memory_after_a_wake_up);
-        ASSERT_NE(frame, nullptr);
-        EXPECT_EQ(frame->frame.buf_size, kScarceSize);
+        frame_info_t* frame = ended_by([&] { // by memory, after a wake-up
+            frame_queue_pool_wakeup(queue.id);
+            EXPECT_TRUE(eventually([left = g_failures_left.load()] { return g_failures_left < left - 2; }));
+            g_failures_left = 0;
+        });
+        ASSERT_TRUE(frame != nullptr && frame->frame.buf_size == kScarceSize);
         BlockedCall<frame_info_t*> next([&] { return queue.acquire(16); });
         EXPECT_TRUE(next.asleep()) << "the wake-up is spent";
         frame_queue_pool_release(queue.id);
@@ -288,16 +287,13 @@ TEST_F(FrameQueue, WhileMemoryIsShortAcquireKeepsTryingAndOnlyAnAbortEndsIt)
     // A failed enlargement takes the buffer and keeps its size, which would fit.
     frame_info_t* frame = queue.acquire(64);
     queue.put(frame);
-    frame_info_t* other = nullptr;
-    EXPECT_NE(ended_by([&] {
-                  other = queue.acquire(16);
-                  ASSERT_NE(other->frame.data, nullptr);
-                  memset(other->frame.data, 1, 16);
-                  g_failures_left = 0;
-                  queue.put(other);
-              }),
-              nullptr);
-    EXPECT_EQ(other, frame);
+    const auto use_it_meanwhile = [&] {
+        EXPECT_EQ(queue.acquire(16), frame);
+        memset(frame->frame.data, 1, 16);
+        g_failures_left = 0;
+        queue.put(frame);
+    };
+    EXPECT_NE(ended_by(use_it_meanwhile), nullptr);
     frame_queue_pool_release(queue.id);
     EXPECT_EQ(ended_by([&] { frame_queue_abort(queue.id); }), nullptr);
 }
@@ -307,12 +303,9 @@ TEST_F(FrameQueue, WaitingForANumberOfFramesEndsWithThem)
     Queue queue(4);
     BlockedCall<int32_t> many([&] { return frame_queue_wait_done_frame(queue.id, 2); });
     EXPECT_TRUE(many.asleep());
-    for (int32_t i : {1, -1}) { // the signal must reach the consumer beside the one who cannot use it
-        BlockedCall<int32_t> consumer([&] { return queue.consume(-1); });
-        EXPECT_TRUE(consumer.asleep());
-        i > 0 ? (void)queue.produce(i) : frame_queue_done_wakeup(queue.id);
-        EXPECT_EQ(consumer.result(), i);
-    }
+    // The signal must reach the consumer beside the one who cannot use it.
+    EXPECT_EQ(queue.consume_until([&] { queue.produce(1); }), 1);
+    EXPECT_EQ(queue.consume_until([&] { frame_queue_done_wakeup(queue.id); }), -1);
     queue.produce(2);
     EXPECT_TRUE(many.asleep());
     queue.produce(3);
@@ -363,48 +356,32 @@ TEST_F(FrameQueue, DeinitEndsTheCallsThatWait)
 TEST_F(FrameQueue, CallersInALoopDoNotHoldUpDeinit)
 {
     const int32_t id = frame_queue_init(4, "TEST");
-    std::atomic<bool> stop{false};
-    std::atomic<int> calls{0};
-    std::vector<std::thread> callers;
-    for (int n = 0; n < 32; ++n) {
-        callers.emplace_back([&] {
-            for (; !stop; ++calls)
-                frame_queue_done_dequeue(id, 1);
-        });
-    }
-    EXPECT_TRUE(eventually([&] { return calls > 100; }));
+    Callers callers;
+    callers.run([id](int) { frame_queue_done_dequeue(id, 1); }, 32);
+    EXPECT_TRUE(eventually([&] { return callers.calls() > 100; }));
     EXPECT_EQ(BlockedCall<int32_t>([id] { return frame_queue_deinit(id); }).result(), 0);
-    stop = true;
-    for (std::thread& caller : callers)
-        caller.join();
 }
 
 TEST_F(FrameQueue, StaleIdsOfOtherThreadsDoNoHarm)
 {
-    std::atomic<bool> stop{false};
-    const auto stranger = [&stop] {
-        for (int32_t id = 0; !stop; id = 1 - id) {
-            frame_info_t* frame = frame_queue_done_dequeue(id, 0);
-            if (frame != nullptr)
-                frame_queue_put(id, &frame->frame);
-            frame_queue_done_release(id);
-        }
-    };
-    const auto owner = [] {
-        for (int round = 0; round < 20000; ++round) {
+    Callers strangers;
+    strangers.run(
+        [](int n) {
+            if (frame_info_t* frame = frame_queue_done_dequeue(n % 2, 0))
+                frame_queue_put(n % 2, &frame->frame);
+            frame_queue_done_release(n % 2);
+        },
+        3);
+    Callers owners;
+    owners.run(
+        [](int) {
             const int32_t id = frame_queue_init(4, "SHORT");
             EXPECT_GE(id, 0);
             frame_queue_done_enqueue(id, frame_queue_pool_acquire(id, 32));
             EXPECT_EQ(frame_queue_deinit(id), 0);
-        }
-    };
-    std::vector<std::future<void>> strangers;
-    for (int n = 0; n < 3; ++n)
-        strangers.push_back(std::async(std::launch::async, stranger));
-    std::thread owners[] = {std::thread(owner), std::thread(owner)};
-    for (std::thread& thread : owners)
-        thread.join();
-    stop = true;
+        },
+        2);
+    EXPECT_TRUE(eventually([&] { return owners.calls() > 40000; }, std::chrono::minutes(2)));
 }
 
 TEST_F(FrameQueue, TracesCallsAndStatesOnRequest)
