@@ -14,6 +14,7 @@
 #include "config/options.h"
 #include "config/output_file.h"
 #include "display/display.h"
+#include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "edges/stage.h"
 #include "hdmi_sim.h"
@@ -140,13 +141,13 @@ std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, 
     return std::make_unique<Trace>(seconds, std::max(display_hz, source.fps().value()));
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t told, Display* display, FlipGate* gate,
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, Display* display, FlipGate* gate,
                        Trace* trace)
 {
     HostConfig config;
     config.trace = trace;
     config.output = options.output;
-    config.display = told;
+    config.display = drm_info;
     config.algorithm_delay_ms = options.algorithm_delay_ms;
     config.video_start_ns = options.video_start_ms * kMs;
     config.sync = !options.no_sync;
@@ -252,7 +253,7 @@ void evaluate_pictures(const Source& source, const Host& host, const Screen& scr
         if (at_ns >= judged.from_ns && sighting.number != all.back().number)
             result->sightings.push_back(sighting);
     }
-    Stretch due = {host.last_picture() + 1, -1};
+    PictureRange due = {host.last_picture() + 1, -1};
     for (int64_t number = 0; number <= host.last_picture(); number++)
         if (judged.holds(source.frame_ns(number)))
             due = {std::min(due.first, number), number};
@@ -270,19 +271,19 @@ void add_recoveries(const char* device, const DisturbanceLog& log, const Recordi
 }
 
 /// Underruns and overruns: simulated devices show them in the recording, real ones have counted them.
-void evaluate_devices(const Sound& sound, const DeviceTroubles& troubles, Result* result)
+void evaluate_devices(const Sound& sound, const DeviceDisturbances& disturbances, Result* result)
 {
     // With bursts passed on, the player writes nothing.
     int64_t began_ns = result->options.raw ? result->opened_ns : result->stage.sound.first_write_ns;
     int64_t settled_ns = began_ns + kSecondNs;
     bool real = !result->options.playback.empty();
-    result->early_gaps = real ? troubles.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
-    result->gaps = real ? troubles.playback.count(settled_ns, result->signal_end_ns)
+    result->early_gaps = real ? disturbances.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
+    result->gaps = real ? disturbances.playback.count(settled_ns, result->signal_end_ns)
                         : sound.heard.gaps(settled_ns, result->signal_end_ns);
     result->overruns = result->options.capture.empty() ? result->stage.link.overruns
-                                                       : troubles.capture.count(settled_ns, result->signal_end_ns);
-    add_recoveries("capture", troubles.capture, sound.heard, result);
-    add_recoveries("playback", troubles.playback, sound.heard, result);
+                                                       : disturbances.capture.count(settled_ns, result->signal_end_ns);
+    add_recoveries("capture", disturbances.capture, sound.heard, result);
+    add_recoveries("playback", disturbances.playback, sound.heard, result);
 }
 
 /// What the charts show, of a run that is to be looked at.
@@ -303,7 +304,7 @@ void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock,
 
 /// Everything that the observers recorded, as figures.
 void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen, const Sound& sound,
-              const DeviceTroubles& troubles, const Trace* trace, Result* result)
+              const DeviceDisturbances& disturbances, const Trace* trace, Result* result)
 {
     int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
     result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
@@ -313,7 +314,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     if (!result->options.foreign_source() && !result->options.raw)
         evaluate_sound(source, clock, screen, sound, judged, result);
     evaluate_pictures(source, host, screen, judged, result);
-    evaluate_devices(sound, troubles, result);
+    evaluate_devices(sound, disturbances, result);
     if (trace != nullptr)
         evaluate_trace(*trace, source, clock, screen, judged, result);
 }
@@ -361,13 +362,13 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
         result->realtime = realtime.active();
         if (!stage.start(error))
             return not_permitted;
-        std::optional<hdmi_player_drm_info_t> told = display->start(&screen, &gate, error);
-        if (!told)
+        std::optional<hdmi_player_drm_info_t> drm_info = display->start(&screen, &gate, error);
+        if (!drm_info)
             return not_permitted;
         timers = std::make_unique<TickingTimers>();
         // What comes next may take seconds: a source that is listened to, an audio return channel.
         if (signals.number() == 0 && stage.connect(error))
-            host = std::make_unique<Host>(host_config(result->options, *told, display, &gate, trace.get()), source,
+            host = std::make_unique<Host>(host_config(result->options, *drm_info, display, &gate, trace.get()), source,
                                           stage.clock());
         bool open = host != nullptr && signals.number() == 0 && host->start();
         if (!open) {
@@ -401,7 +402,7 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
     if (result->options.raw)
         result->raw = stage.check_raw(sound.heard);
     gather(*host, *source, *display, stage, result);
-    evaluate(*source, stage.clock(), *host, screen, sound, stage.troubles(), trace.get(), result);
+    evaluate(*source, stage.clock(), *host, screen, sound, stage.disturbances(), trace.get(), result);
     return inside;
 }
 

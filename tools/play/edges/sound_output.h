@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * Where the player's sound goes, and the ear that listens there.
+ * Where the player's sound goes, and the recording of what is heard there.
  */
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "config/options.h"
 #include "signal/recording.h"
 
 namespace play
@@ -47,17 +45,9 @@ public:
 
     /// What was heard. After finish().
     virtual RecordedSound heard() const = 0;
-    /// What the player wrote, before anything could happen to it: where the device itself is what is listened to, the
-    /// same. After finish().
+    /// What the player wrote; without an observer this is heard(). After finish().
     virtual RecordedSound sent() const = 0;
     virtual SoundAccount account() const = 0;
 };
-
-/// The second recording, of a device with an observer.
-std::string sent_path(const std::string& wav_path);
-
-/// The device that the options name; what is heard of it is kept in @p wav_path. @p link_rate: Hz, at which compressed
-/// sound is passed on.
-std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path, int link_rate);
 
 } // namespace play

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,7 +17,7 @@
 namespace play
 {
 
-/// A state that the player could read or was told of.
+/// A state in the state file, or of a uevent.
 struct Announcement {
     int64_t at_ns;
     std::string state;
@@ -29,7 +28,7 @@ struct LinkAccount {
     int chunk_phase = kPhaseAnywhere; ///< bytes from the beginning of the first capture to the next burst
     int64_t captured_end = -1; ///< number of the link frame after the last one read from the receiver; -1: not known
     int64_t overruns = 0;
-    int64_t breaks = 0;   ///< times that the source's own device ran dry or went away
+    int64_t breaks = 0;   ///< underruns and losses of the source's own device
     double drift_ppm = 0; ///< of the source's clock against CLOCK_MONOTONIC
     std::vector<Announcement> announced;
     std::vector<std::string> rate_messages; ///< about a source that is not at the announced rate
@@ -47,15 +46,12 @@ public:
     virtual bool connect(std::string* error) = 0;
     /// The source stops sending.
     virtual void disconnect() = 0;
-    /// When which of its frames was sent. After connect().
+    /// When each of its frames was sent. After connect().
     virtual SourceClock clock() const = 0;
 
-    /// What went past the player to simulated outputs, against what the source sent.
+    /// Compares what simulated outputs got in raw pass-through with what the source sent.
     virtual RawCheck check_raw() const = 0;
     virtual LinkAccount account() const = 0;
 };
-
-/// The link that the options name. @p source outlives it; where the captured source is not ours, it gives the pictures.
-std::unique_ptr<SourceLink> make_source_link(const Options& options, const Source* source);
 
 } // namespace play

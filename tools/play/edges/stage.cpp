@@ -10,6 +10,7 @@
 
 #include "edges/alsa_pcm.h"
 #include "edges/announcer.h"
+#include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "hdmi_sim.h"
 
@@ -57,6 +58,18 @@ bool devices_are_there(const Options& options, std::string* error)
     return false;
 }
 
+std::unique_ptr<SourceLink> choose_link(const Options& options, const Source* source)
+{
+    return options.capture.empty() ? make_simulated_link(options, source) : make_captured_link(options, source);
+}
+
+std::unique_ptr<SoundOutput> choose_output(const Options& options, const std::string& wav_path, int link_rate)
+{
+    if (options.playback.empty())
+        return make_simulated_output(options, wav_path);
+    return options.observe.empty() ? make_real_output(wav_path) : make_observed_output(options, wav_path, link_rate);
+}
+
 DeviceCounts counts_of(const hdmi_linux::DeviceStats& stats)
 {
     return {stats.open && !stats.lost, stats.frames, stats.xruns, stats.suspends, stats.losses};
@@ -67,7 +80,7 @@ DeviceCounts counts_of(const hdmi_linux::DeviceStats& stats)
 bool Stage::prepare(const Options& options, std::string* error)
 {
     name_devices(options);
-    // The ones of this program's own first: what is wrong with them has a clear message.
+    // Checked first: a message of this program's own is clearer than one of the platform's.
     if (!devices_are_there(options, error) ||
         !set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty()}, error))
         return false;
@@ -83,8 +96,8 @@ ConfigUse Stage::config_use(const Options& options)
 }
 
 Stage::Stage(const Options& options, const Source* source, const std::string& wav_path)
-    : options_(options), source_(source), link_(make_source_link(options, source)),
-      output_(make_sound_output(options, wav_path, source->link_rate()))
+    : options_(options), source_(source), link_(choose_link(options, source)),
+      output_(choose_output(options, wav_path, source->link_rate()))
 {
 }
 
@@ -92,7 +105,7 @@ Stage::~Stage() { end_watch(); }
 
 bool Stage::start(std::string* error)
 {
-    // A block in the third second: the player has settled, and the sound goes on for a while.
+    // A block in the third second: after the player has settled, well before the end.
     constexpr int64_t kLostBlock = 2 * 48000 / 960 + 7;
     if (options_.withhold_block)
         withhold_block(kLostBlock);
@@ -116,8 +129,8 @@ void Stage::watch_devices()
 {
     pthread_setname_np(pthread_self(), "device_watch");
     while (!end_watch_) {
-        troubles_.capture.look(counts_of(real_capture_stats()), hdmi_sim::now_ns());
-        troubles_.playback.look(counts_of(real_playback_stats()), hdmi_sim::now_ns());
+        disturbances_.capture.look(counts_of(real_capture_stats()), hdmi_sim::now_ns());
+        disturbances_.playback.look(counts_of(real_playback_stats()), hdmi_sim::now_ns());
         usleep(kLookAgainUs);
     }
 }

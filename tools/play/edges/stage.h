@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What the host's sound comes from and goes to: the source on the HDMI cable,
- * and the sound device that is listened to.
+ * Both ends of the host's sound: the source on the HDMI cable, and the sound
+ * device that is recorded.
  */
 #pragma once
 
@@ -33,8 +33,8 @@ struct StageStats {
     hdmi_linux::BypassStats bypass; ///< likewise, of real devices
 };
 
-/// The real devices' troubles; of simulated ones, nothing.
-struct DeviceTroubles {
+/// Disturbances of real devices; simulated devices have none.
+struct DeviceDisturbances {
     DisturbanceLog capture;
     DisturbanceLog playback;
 };
@@ -42,8 +42,8 @@ struct DeviceTroubles {
 class Stage
 {
 public:
-    /// Loads what real devices need, and checks that they are there. Otherwise, private namespaces for the receiver's
-    /// announcements. Call while the process has one thread.
+    /// Loads the platform of real devices, and checks that they can be opened. Enters private namespaces for the
+    /// receiver's announcements, unless the machine's own driver announces. Call while the process has one thread.
     static bool prepare(const Options& options, std::string* error);
 
     /// What it uses of the machine's configuration.
@@ -66,12 +66,12 @@ public:
     /// Completes the recordings: what was heard, and what the player had written. Once, after the player was closed.
     bool finish(Recording* heard, Recording* sent, std::string* error);
 
-    /// What went past the player to the digital outputs, against what the source sent; of a real output, what was
-    /// @p heard there. Empty where nobody listened, or the source is not ours.
+    /// Compares the bursts at the digital output (of a real one, as @p heard there) with those that the source sent.
+    /// Empty without an observer, or with a foreign source.
     RawCheck check_raw(const Recording& heard) const;
     StageStats stats() const;
     /// After finish().
-    const DeviceTroubles& troubles() const { return troubles_; }
+    const DeviceDisturbances& disturbances() const { return disturbances_; }
 
 private:
     void watch_devices();
@@ -84,7 +84,7 @@ private:
     std::atomic<bool> end_watch_{false};
     hdmi_linux::CecStats cec_;
     hdmi_linux::BypassStats bypass_;
-    DeviceTroubles troubles_; ///< the watching thread's while it runs
+    DeviceDisturbances disturbances_; ///< the watching thread's while it runs
     std::thread watch_;
 };
 

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "edges/sound_output.h"
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 
 #include "edges/alsa_observer.h"
+#include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "hdmi_sim.h"
 #include "signal/sound_file.h"
@@ -16,66 +15,14 @@ namespace play
 namespace
 {
 
-constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kSecondNs = 1000 * kMs;
+constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int kOutputRate = 48000;
 /// Longer than a device's buffer holds.
 constexpr int64_t kLongestPlayingNs = kSecondNs;
 constexpr useconds_t kLookAgainUs = 10'000;
 
-/// The simulated device records what it plays.
-class SimulatedOutput : public SoundOutput
-{
-public:
-    SimulatedOutput(std::string wav_path, double clock_error_ppm)
-        : wav_path_(std::move(wav_path)), clock_error_ppm_(clock_error_ppm)
-    {
-    }
-
-    bool start(std::string*) override
-    {
-        hdmi_sim::PlaybackConfig playback;
-        playback.wav_path = wav_path_;
-        playback.clock_error_ppm = clock_error_ppm_;
-        hdmi_sim::playback_configure(playback);
-        return true;
-    }
-
-    void wait_until_played() override
-    {
-        int64_t deadline = hdmi_sim::now_ns() + kLongestPlayingNs;
-        while (hdmi_sim::now_ns() < deadline) {
-            std::vector<hdmi_sim::PlayedBlock> blocks = hdmi_sim::playback_blocks();
-            if (!blocks.empty() && blocks.back().silence && blocks.back().heard_ns < hdmi_sim::now_ns())
-                return;
-            usleep(kLookAgainUs);
-        }
-    }
-
-    bool finish(std::string* error) override { return hdmi_sim::playback_finish_recording(error); }
-
-    RecordedSound heard() const override
-    {
-        RecordedSound sound{wav_path_, {}};
-        for (const hdmi_sim::PlayedBlock& block : hdmi_sim::playback_blocks())
-            sound.blocks.push_back({block.first_frame, block.frames, block.heard_ns, block.silence});
-        return sound;
-    }
-
-    RecordedSound sent() const override { return heard(); }
-
-    SoundAccount account() const override
-    {
-        hdmi_sim::PlaybackStats playback = hdmi_sim::playback_stats();
-        return {playback.first_write_ns, playback.frames_written, clock_error_ppm_, 0};
-    }
-
-private:
-    const std::string wav_path_;
-    const double clock_error_ppm_;
-};
-
-/// A real device: what it is given is recorded, with the time at which it says that this is heard.
+/// A real device: records what the player writes, with the time at which it is heard by the delay that the device
+/// reports.
 class RealOutput : public SoundOutput, private SeamTap
 {
 public:
@@ -137,11 +84,11 @@ private:
     std::atomic<int64_t> last_heard_ns_{0};
 };
 
-/// A real device, with another one that hears what comes out of it.
+/// A real device, and another one that records what comes out of it.
 class ObservedOutput : public SoundOutput
 {
 public:
-    /// @p heard_rate: of what comes out; behind a device that changes it, its samples could not be told apart.
+    /// @p heard_rate: of what comes out; a conversion would change the samples that are to be compared.
     ObservedOutput(const std::string& device, const std::string& wav_path, int heard_rate)
         : output_(sent_path(wav_path)), observer_(device, wav_path, heard_rate)
     {
@@ -176,12 +123,13 @@ private:
 
 std::string sent_path(const std::string& wav_path) { return wav_path + ".sent.wav"; }
 
-std::unique_ptr<SoundOutput> make_sound_output(const Options& options, const std::string& wav_path, int link_rate)
+std::unique_ptr<SoundOutput> make_real_output(const std::string& wav_path)
 {
-    if (options.playback.empty())
-        return std::make_unique<SimulatedOutput>(wav_path, options.playback_ppm);
-    if (options.observe.empty())
-        return std::make_unique<RealOutput>(wav_path);
+    return std::make_unique<RealOutput>(wav_path);
+}
+
+std::unique_ptr<SoundOutput> make_observed_output(const Options& options, const std::string& wav_path, int link_rate)
+{
     return std::make_unique<ObservedOutput>(options.observe, wav_path, options.raw ? link_rate : kOutputRate);
 }
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "edges/source_link.h"
-
 #include <algorithm>
 #include <atomic>
 #include <random>
 
-#include "edges/alsa_feed.h"
-#include "edges/announcer.h"
-#include "edges/platform_router.h"
+#include "edges/make_edges.h"
 #include "hdmi_sim.h"
 
 namespace play
@@ -57,7 +53,7 @@ public:
         };
         if (compressed && chunk_phase_ != kPhaseAnywhere)
             signal_.open_at = [this](int64_t frame) {
-                // A device that is opened again goes on with what passes: none waits for a burst.
+                // Only the first opening waits for that place; a later one begins with the frame that passes.
                 bool first = !opened_.exchange(true);
                 return first ? opening_at(source_->coding(), frame, chunk_phase_) : frame;
             };
@@ -118,59 +114,11 @@ RawCheck SimulatedLink::check_raw() const
     return check;
 }
 
-/// A real capture device: the programme is sent into what it captures from, or a source that is not ours plays.
-class CapturedLink : public SourceLink
-{
-public:
-    CapturedLink(const Options& options, const Source* source) : announcer_(options.capture)
-    {
-        if (!options.feed.empty())
-            feed_ = std::make_unique<AlsaFeed>(options.feed, source);
-    }
-    ~CapturedLink() override { disconnect(); }
-
-    bool connect(std::string* error) override
-    {
-        if (feed_ && !feed_->start(error))
-            return false;
-        start_ns_ = hdmi_sim::now_ns();
-        return announcer_.start(error);
-    }
-
-    void disconnect() override
-    {
-        announcer_.stop();
-        if (feed_)
-            feed_->stop();
-    }
-
-    SourceClock clock() const override { return {start_ns_, 0, feed_ ? feed_->track() : nullptr}; }
-    RawCheck check_raw() const override { return {}; }
-
-    LinkAccount account() const override
-    {
-        LinkAccount account;
-        account.overruns = real_capture_stats().xruns;
-        account.breaks = feed_ ? feed_->breaks() : 0;
-        account.drift_ppm = feed_ ? feed_->track()->drift_ppm() : 0;
-        account.announced = announcer_.announced();
-        account.rate_messages = announcer_.rate_messages();
-        return account;
-    }
-
-private:
-    std::unique_ptr<AlsaFeed> feed_; ///< null: the source is not ours
-    Announcer announcer_;
-    int64_t start_ns_ = 0;
-};
-
 } // namespace
 
-std::unique_ptr<SourceLink> make_source_link(const Options& options, const Source* source)
+std::unique_ptr<SourceLink> make_simulated_link(const Options& options, const Source* source)
 {
-    if (options.capture.empty())
-        return std::make_unique<SimulatedLink>(options, source);
-    return std::make_unique<CapturedLink>(options, source);
+    return std::make_unique<SimulatedLink>(options, source);
 }
 
 } // namespace play

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: MIT
+#include "edges/alsa_feed.h"
+#include "edges/announcer.h"
+#include "edges/make_edges.h"
+#include "edges/platform_router.h"
+#include "hdmi_sim.h"
+
+namespace play
+{
+namespace
+{
+
+/// A real capture device. The programme is sent into the device at its other end, or a foreign source plays.
+class CapturedLink : public SourceLink
+{
+public:
+    CapturedLink(const Options& options, const Source* source) : announcer_(options.capture)
+    {
+        if (!options.feed.empty())
+            feed_ = std::make_unique<AlsaFeed>(options.feed, source);
+    }
+    ~CapturedLink() override { disconnect(); }
+
+    bool connect(std::string* error) override
+    {
+        if (feed_ && !feed_->start(error))
+            return false;
+        start_ns_ = hdmi_sim::now_ns();
+        return announcer_.start(error);
+    }
+
+    void disconnect() override
+    {
+        announcer_.stop();
+        if (feed_)
+            feed_->stop();
+    }
+
+    SourceClock clock() const override { return {start_ns_, 0, feed_ ? feed_->track() : nullptr}; }
+    RawCheck check_raw() const override { return {}; }
+
+    LinkAccount account() const override
+    {
+        LinkAccount account;
+        account.overruns = real_capture_stats().xruns;
+        account.breaks = feed_ ? feed_->breaks() : 0;
+        account.drift_ppm = feed_ ? feed_->track()->drift_ppm() : 0;
+        account.announced = announcer_.announced();
+        account.rate_messages = announcer_.rate_messages();
+        return account;
+    }
+
+private:
+    std::unique_ptr<AlsaFeed> feed_; ///< null: the source is not ours
+    Announcer announcer_;
+    int64_t start_ns_ = 0;
+};
+
+} // namespace
+
+std::unique_ptr<SourceLink> make_captured_link(const Options& options, const Source* source)
+{
+    return std::make_unique<CapturedLink>(options, source);
+}
+
+} // namespace play
