@@ -119,10 +119,10 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         empty();
     }
-    bool ask(AlsaPcm::Word* word)
+    bool ask_position(AlsaPcm::Position* position)
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        *word = {queued(), now_ns()};
+        *position = {queued(), now_ns()};
         return running_ && !suspended_;
     }
 
@@ -181,7 +181,7 @@ bool AlsaPcm::prepare()
     return true;
 }
 
-bool AlsaPcm::ask(Word* word) { return card.ask(word); }
+bool AlsaPcm::ask_position(Position* position) { return card.ask_position(position); }
 
 } // namespace play
 

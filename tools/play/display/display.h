@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * Where the host's pictures are shown, and the eye in front of it.
+ * Where the host's pictures are shown, and what is seen there.
  */
 #pragma once
 
@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "host/flip_gate.h"
-#include "host/frame_pool.h"
-#include "hdmi_player.h"
 #include "config/options.h"
 #include "display/screen.h"
+#include "hdmi_player.h"
+#include "host/flip_gate.h"
+#include "host/frame_pool.h"
 
 namespace play
 {
@@ -57,7 +57,7 @@ public:
     virtual bool paced() const = 0;
     /// One line for the report, complete when it was started.
     virtual std::string description() const = 0;
-    /// What images are to fit into; nothing for a display that needs none.
+    /// Into which images are scaled; empty for a display that shows none.
     virtual Size image_size() const { return {0, 0}; }
 
     /// Starts it, once. @p screen and @p gate live until stop(). @return what the player is told; nothing, with one

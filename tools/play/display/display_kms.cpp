@@ -31,14 +31,14 @@ constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kConnectorCheckNs = 100 * kMs;
 /// How often a display that is lost is tried again; asking it takes some time.
 constexpr int64_t kReviveNs = 250 * kMs;
-/// A flip that takes longer never ends: many times the refresh of any mode, and a change of mode besides.
+/// A flip that takes longer counts as lost: longer than many refreshes and a change of mode.
 constexpr int64_t kFlipLimitNs = 1000 * kMs;
-/// A card that is still busy with the flip before, though it told of it, is so for a moment.
+/// Some cards still answer EBUSY for a moment after they reported the previous flip.
 constexpr int64_t kBusyRetryNs = 1 * kMs;
 /// At the end: for the flips that are pending.
 constexpr int64_t kFinishLimitNs = 200 * kMs;
 
-/// What an errno of a flip means to the one who looks at the screen.
+/// The errno of a flip, in words for a viewer.
 std::string reason_of(int error)
 {
     switch (error) {
@@ -89,7 +89,7 @@ private:
     bool finished(int64_t now_ns);
     void submit();
     void lose(int error);
-    void tell_loss();
+    void report_loss();
     void revive();
     void wake() const;
 
@@ -107,7 +107,7 @@ private:
 
     mutable std::mutex mutex_; ///< what follows; and the card's flips, as long as the display is not lost
     FlipQueue queue_;
-    FrameBuffer* looked_at_ = nullptr; ///< on the screen, and looked at: the thread's own to release
+    FrameBuffer* looked_at_ = nullptr; ///< on the screen, and being read by the thread, which releases it
     bool lost_ = false;
     bool stop_ = false;
     uint64_t flip_id_ = 0;
@@ -121,7 +121,7 @@ private:
     // The thread's own.
     int64_t checked_ns_ = 0;
     int64_t revived_ns_ = 0;
-    size_t told_ = 0; ///< outages
+    size_t reported_outages_ = 0; ///< outages
 };
 
 std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate* gate, std::string* error)
@@ -171,7 +171,7 @@ void KmsDisplay::present(FrameBuffer* buffer)
             left_out = queue_.flip(buffer);
             stats_.superseded += left_out != nullptr ? 1 : 0;
             submit();
-            // What the card does not take now is the thread's to offer again.
+            // The card was busy: the thread tries again.
             if (queue_.next() != nullptr)
                 wake();
         }
@@ -196,7 +196,7 @@ void KmsDisplay::submit()
     }
 }
 
-/// There is nothing to show on any more. The pictures are the pool's again. With the mutex held.
+/// The display is lost: gives all pictures back to the pool. With the mutex held.
 void KmsDisplay::lose(int error)
 {
     lost_ = true;
@@ -210,13 +210,13 @@ void KmsDisplay::lose(int error)
     wake();
 }
 
-/// On the display's thread: who flips does not wait for a terminal.
-void KmsDisplay::tell_loss()
+/// On the display's thread: a flip must not wait for a terminal.
+void KmsDisplay::report_loss()
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (stats_.outages.size() == told_)
+    if (stats_.outages.size() == reported_outages_)
         return;
-    told_ = stats_.outages.size();
+    reported_outages_ = stats_.outages.size();
     const std::string reason = stats_.outages.back().reason;
     lock.unlock();
     std::fprintf(stderr, "hdmi-player-play: display lost: %s\n", reason.c_str());
@@ -255,7 +255,7 @@ void KmsDisplay::run()
         std::unique_lock<std::mutex> lock(mutex_);
         bool lost = lost_;
         lock.unlock();
-        // A card that went away is always ready to be read: it is left alone until it is back.
+        // A lost card would be ready at once, each time: it is not polled until it is back.
         pollfd ready[] = {{wake_, POLLIN, 0}, {lost ? -1 : card_->fd(), POLLIN, 0}};
         ppoll(ready, 2, &wait, nullptr);
         uint64_t count = 0;
@@ -270,14 +270,14 @@ void KmsDisplay::run()
                 lose(ENODEV);
             lock.unlock();
         }
-        tell_loss();
+        report_loss();
         watch_over(now_ns);
         stopped = finished(now_ns);
     }
-    tell_loss();
+    report_loss();
 }
 
-/// When the thread has something to do though nothing happened.
+/// When the thread has something to do although no event came.
 int64_t KmsDisplay::next_look_ns()
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -353,7 +353,7 @@ void KmsDisplay::on_flip(const FlipEvent& event)
         vblank_ns += hdmi_sim::now_ns() - (wall.tv_sec * int64_t{1'000'000'000} + wall.tv_nsec);
     }
     std::unique_lock<std::mutex> lock(mutex_);
-    // One that was on its way when the display was lost may still come.
+    // The event of a flip that was on its way when the display was lost may still come.
     if (lost_ || event.id != flip_id_ || queue_.on_its_way() == nullptr)
         return;
     int64_t passed = refreshes_until(event.sequence, vblank_ns);
@@ -367,8 +367,8 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     submit();
     if (lost_)
         return;
-    // What the card reads is looked at, not what the host meant to paint. That takes its time: nobody is to wait for
-    // it, and the picture stays on the screen until this thread reads of the next one, or the display is lost.
+    // Reads what the card shows, not what the host meant to paint. This takes time, so the mutex is not held. The
+    // picture stays on the screen until this thread reads the next event, or the display is lost.
     FrameBuffer* on_screen = queue_.on_screen();
     looked_at_ = on_screen;
     lock.unlock();

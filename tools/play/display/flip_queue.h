@@ -10,13 +10,13 @@ namespace play
 struct FrameBuffer;
 
 /**
- * The flips of a display that takes one at a time: handed over, a buffer is on
- * its way until the device tells that it is on the screen, and cannot be called
- * back. One more may wait behind it, so two are pending at most, first in,
- * first out. A third means that a backlog is being worked off, of which only
- * the newest is worth showing: it takes the place of the waiting one, and
- * the next flip that would have to wait is left out, or every picture after it
- * would be late. Pure: who calls, locks.
+ * The flips of a display that takes one at a time. A buffer that was given to
+ * the device is on its way until the device reports that it is on the screen; it
+ * cannot be taken back. One more may wait behind it: two are pending at most,
+ * first in, first out. A third one means a backlog, of which only the newest
+ * picture is worth showing: it replaces the waiting one. The next flip that
+ * would have to wait is then left out, since otherwise every later picture would
+ * be one refresh late. The caller locks.
  */
 class FlipQueue
 {
@@ -63,7 +63,7 @@ private:
     FrameBuffer* screen_ = nullptr;
     FrameBuffer* on_its_way_ = nullptr;
     FrameBuffer* waiting_ = nullptr;
-    bool behind_ = false; ///< a backlog came: the device is one refresh late with what it was given
+    bool behind_ = false; ///< there was a backlog: the device is one refresh late
 };
 
 } // namespace play

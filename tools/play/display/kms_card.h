@@ -47,8 +47,8 @@ private:
 };
 
 /**
- * The functions that show (show, flip, revive, restore) are for one thread at a
- * time; make_buffer() and the buffers' end are for any.
+ * show(), flip(), revive() and restore() are for one thread at a time;
+ * make_buffer() and the destruction of buffers for any.
  */
 class KmsCard : public std::enable_shared_from_this<KmsCard>
 {

@@ -6,7 +6,7 @@ namespace play
 namespace
 {
 
-/// An hour of them at 60 a second: who shows them may be a real-time thread, and need not allocate.
+/// An hour at 60 a second: the thread that adds them may have real-time priority, and should not allocate.
 constexpr size_t kSightingsAhead = 3600 * 60;
 
 } // namespace

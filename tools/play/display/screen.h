@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The eye at the display: which picture was seen when, told by its pixels.
+ * Records which picture was seen when, by the number in its pixels.
  */
 #pragma once
 

@@ -14,7 +14,7 @@ namespace play
 namespace
 {
 
-/// Queued before the device starts: what the thread may come late by.
+/// Queued before the device starts: the thread may be late by that much.
 constexpr int kPeriodsAhead = 8;
 /// From the decision to go on until the first frame passes.
 constexpr int64_t kRestartNs = 2'000'000;
@@ -77,8 +77,8 @@ void AlsaFeed::send()
     }
 }
 
-/// The frame whose time it is when the device goes on. Those that it had queued and did not play are due again: after
-/// a short break, going on behind them would send all that follows too early.
+/// The frame that is due when the device restarts. After a short break this is one that was queued and not played: to
+/// skip it would send all later frames too early.
 int64_t AlsaFeed::due() const
 {
     if (track_->empty())
@@ -88,7 +88,7 @@ int64_t AlsaFeed::due() const
 
 bool AlsaFeed::begin()
 {
-    // Never more than there is room for: a device that does not run yet makes none, and the time would pass meanwhile.
+    // At most a full buffer: a device that does not run yet makes no more room, and the write would only lose time.
     int64_t ahead = std::min(kPeriodsAhead * pcm_->period_frames(), pcm_->buffer_frames());
     for (int64_t end = next_ + ahead; next_ + pcm_->period_frames() <= end;) {
         int put = put_period();
@@ -113,16 +113,16 @@ int AlsaFeed::put_period()
 
 void AlsaFeed::learn()
 {
-    AlsaPcm::Word word = {};
-    if (pcm_->ask(&word))
-        track_->add(next_ - word.frames, word.at_ns);
+    AlsaPcm::Position position = {};
+    if (pcm_->ask_position(&position))
+        track_->add(next_ - position.frames, position.at_ns);
 }
 
 void AlsaFeed::recover()
 {
     if (pcm_ && pcm_->prepare())
         return;
-    // Closed first: a device that is gone does not come back while somebody holds it.
+    // Closed first: a lost device does not come back while it is held open.
     pcm_ = nullptr;
     std::string ignored;
     pcm_ = AlsaPcm::open(device_, AlsaPcm::Direction::playback, source_->link_rate(), &ignored);

@@ -16,9 +16,8 @@ namespace play
 
 /**
  * Sends a source's link frames into an ALSA playback device, at that device's
- * pace. A source does not wait: what could not be sent, because the device ran
- * dry or was gone for a while, is left out, and the frames go on with those
- * whose time it is.
+ * rate. A source does not wait: after an underrun, or a loss of the device, the
+ * frames that were due in the meantime are skipped.
  */
 class AlsaFeed
 {
@@ -30,9 +29,9 @@ public:
     bool start(std::string* error);
     void stop();
 
-    /// When which link frame passes.
+    /// When each link frame passes.
     std::shared_ptr<const ClockTrack> track() const { return track_; }
-    /// Times that it could not go on where it was.
+    /// How often frames had to be skipped.
     int64_t breaks() const { return breaks_; }
 
 private:

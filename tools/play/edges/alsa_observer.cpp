@@ -47,20 +47,20 @@ void AlsaObserver::listen()
     pcm_ = nullptr;
 }
 
-/// @return false: what comes next does not continue this
+/// @return false: sound was missed, another run begins
 bool AlsaObserver::take_period()
 {
     period_.resize(static_cast<size_t>(2 * pcm_->period_frames()));
     int got = pcm_->read(period_.data(), pcm_->period_frames());
     if (got >= 0) {
-        AlsaPcm::Word word = {};
-        if (got > 0 && pcm_->ask(&word))
-            file_.heard(file_.frames() + got + word.frames, word.at_ns);
+        AlsaPcm::Position position = {};
+        if (got > 0 && pcm_->ask_position(&position))
+            file_.heard(file_.frames() + got + position.frames, position.at_ns);
         file_.append(period_.data(), got);
         return true;
     }
     breaks_++;
-    // An overrun; whatever else it is, the device is taken for gone.
+    // After an overrun the device goes on; after any other error it is treated as lost.
     bool goes_on = got == -EPIPE && pcm_->prepare() && pcm_->start();
     if (!goes_on)
         pcm_ = nullptr;

@@ -13,7 +13,7 @@
 namespace play
 {
 
-/// Listens to an ALSA capture device, across its disappearance, and keeps what it hears.
+/// Records an ALSA capture device; opens it again after a loss.
 class AlsaObserver
 {
 public:
@@ -27,7 +27,7 @@ public:
 
     RecordedSound heard() const { return {file_.path(), file_.blocks()}; }
     double drift_ppm() const { return file_.drift_ppm(); }
-    /// Times that something was not heard: overruns of its own device, and losses.
+    /// How often sound was missed: overruns and losses of its own device.
     int64_t breaks() const { return breaks_; }
 
 private:

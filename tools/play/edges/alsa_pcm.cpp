@@ -15,7 +15,7 @@ namespace
 
 constexpr unsigned kChannels = 2;
 constexpr int kWaitMs = 100;
-/// Fine steps for the words of where the device is; room for a thread that comes late.
+/// Short periods: some devices update their position once a period only. The buffer: what a thread may be late by.
 constexpr unsigned kPeriodUs = 10'000;
 constexpr unsigned kBufferUs = 160'000;
 
@@ -144,7 +144,7 @@ int AlsaPcm::read(int16_t* stereo, int frames)
 bool AlsaPcm::start() { return snd_pcm_start(pcm_) >= 0; }
 bool AlsaPcm::prepare() { return snd_pcm_prepare(pcm_) >= 0; }
 
-bool AlsaPcm::ask(Word* word)
+bool AlsaPcm::ask_position(Position* position)
 {
     snd_pcm_status_t* status = nullptr;
     snd_pcm_status_alloca(&status);
@@ -155,8 +155,8 @@ bool AlsaPcm::ask(Word* word)
     // A device in software may have no stamps: then it is the time at which it was asked.
     if (at.tv_sec == 0 && at.tv_nsec == 0)
         clock_gettime(CLOCK_MONOTONIC, &at);
-    word->frames = snd_pcm_status_get_delay(status);
-    word->at_ns = at.tv_sec * int64_t{1'000'000'000} + at.tv_nsec;
+    position->frames = snd_pcm_status_get_delay(status);
+    position->at_ns = at.tv_sec * int64_t{1'000'000'000} + at.tv_nsec;
     return true;
 }
 

@@ -27,7 +27,7 @@ public:
     AlsaPcm& operator=(const AlsaPcm&) = delete;
 
     int period_frames() const { return period_frames_; }
-    /// That it can hold; possibly less than was asked for.
+    /// Size of its buffer; possibly less than was asked for.
     int buffer_frames() const { return buffer_frames_; }
 
     /// @return frames taken or given, 0 if the device did not move for a while, or a negative error number
@@ -38,13 +38,13 @@ public:
     /// After an overrun or underrun: empty, and ready to go on.
     bool prepare();
 
-    /// The device's last word of where it is.
-    struct Word {
+    /// Where the device was at a certain time.
+    struct Position {
         int64_t frames; ///< written and not played yet, or captured and not read yet
         int64_t at_ns;  ///< CLOCK_MONOTONIC
     };
     /// @return false while the device does not run
-    bool ask(Word* word);
+    bool ask_position(Position* position);
 
 private:
     AlsaPcm(snd_pcm_t* pcm, int period_frames, int buffer_frames)

@@ -17,7 +17,7 @@ int AlsaPcm::write(const int16_t*, int) { return -ENODEV; }
 int AlsaPcm::read(int16_t*, int) { return -ENODEV; }
 bool AlsaPcm::start() { return false; }
 bool AlsaPcm::prepare() { return false; }
-bool AlsaPcm::ask(Word*) { return false; }
+bool AlsaPcm::ask_position(Position*) { return false; }
 bool alsa_opens(const std::string& name, AlsaPcm::Direction, std::string* error)
 {
     return AlsaPcm::open(name, AlsaPcm::Direction::playback, 0, error) != nullptr;

@@ -29,7 +29,7 @@ constexpr const char* kNoSignal = "HEADDONE=0";
 std::string state_text(const LinkState& state)
 {
     std::string text = hdmi_sim::announce_text(state.compressed, state.sample_rate);
-    // No state that anybody knows: the player takes the source for unsupported.
+    // A rate without a name: the player treats the source as unsupported.
     return text.empty() ? kNoSignal : text;
 }
 
@@ -86,7 +86,7 @@ void Announcer::stop()
         thread_.join();
 }
 
-/// A device that cannot be opened is the player's to report: nothing is known of it here.
+/// A device that cannot be opened tells nothing; the player reports it.
 void Announcer::listen(int rate)
 {
     std::string ignored;
@@ -128,7 +128,8 @@ void Announcer::note(const LinkState& state)
     history_.push_back({hdmi_sim::now_ns(), state_text(state)});
 }
 
-/// A source that is not what was announced is the receiver's fault, or the source's: not one that a player can mend.
+/// Reports a source that is not what was announced: the receiver or the source is at fault, and no player can correct
+/// it.
 void Announcer::compare(const LinkEvidence& found)
 {
     std::string message = rates_.look(announced_, found);
@@ -138,9 +139,9 @@ void Announcer::compare(const LinkEvidence& found)
     messages_.push_back(message);
 }
 
-/// As if the signal had been gone with its device, so that the player begins a new sequence. The capture keeps its
-/// place by silence; but where the output goes with it (a sound server that ends), the sound that the output had queued
-/// is lost, and what follows would be early by it for good.
+/// After a lost device is back: announces no signal, and then the signal, so that the player begins a new sequence. The
+/// capture replaces what was lost by silence. But where the output was lost too (a sound server that ends), so was the
+/// sound that it had queued, and without a new sequence all later sound would be early by that for good.
 void Announcer::announce_return()
 {
     int64_t returns = real_capture_stats().recoveries;

@@ -16,15 +16,15 @@ namespace play
 {
 
 /**
- * Announces what a real capture device brings. Where the receiver's own driver
- * does so, it only compares; on any other hardware it stands in for that
- * driver: what the device's controls and its sound tell goes into the state
- * file and, at each change, into a uevent.
+ * Announces what a real capture device receives. Where the receiver's own driver
+ * does so, it only compares. On any other hardware it replaces that driver: it
+ * derives the state from the device's controls and from its sound, writes it to
+ * the state file and sends a uevent at each change.
  */
 class Announcer : private SeamTap
 {
 public:
-    /// Whether this machine's driver announces. The first call decides: later ones may find what was announced here.
+    /// Whether this machine's driver announces. Looked up once, before this class makes a state file of its own.
     static bool driver_announces();
 
     explicit Announcer(std::string device) : device_(std::move(device)) {}
@@ -55,10 +55,10 @@ private:
     AlsaPlace place_;
     LinkState announced_;
     RateWatch rates_;
-    int64_t returns_ = 0; ///< of the lost device, that were announced
+    int64_t returns_ = 0; ///< how many returns of the lost device were announced
     std::vector<Announcement> history_;
     std::vector<std::string> messages_;
-    SharedWatch watch_; ///< fed by who captures: first start(), then the player's thread
+    SharedWatch watch_; ///< fed by the capturing thread: first start(), then the player's
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };

@@ -10,7 +10,7 @@ namespace
 
 constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kSecondNs = 1000 * kMs;
-/// A disturbance is noticed some time after the silence that it makes, or before what is queued has run out.
+/// A disturbance may be noticed after the silence that it causes, or before the queued sound has run out.
 constexpr int64_t kReachNs = 500 * kMs;
 /// A silence is measured from its beginning, but not further back than this.
 constexpr int64_t kLongestSilenceNs = 10 * kSecondNs;
@@ -23,7 +23,7 @@ bool is_silent(const std::vector<int16_t>& stereo)
     return std::all_of(stereo.begin(), stereo.end(), [](int16_t sample) { return sample == 0; });
 }
 
-/// Puts silence together, piece by piece, and keeps the longest of those that end after a given time.
+/// Joins pieces of silence, and keeps the longest silence that ends after a given time.
 class SilenceFinder
 {
 public:
@@ -43,7 +43,7 @@ public:
     bool silent() const { return since_ns_ >= 0; }
     int64_t since_ns() const { return since_ns_; }
     const Silence& longest() const { return longest_; }
-    /// What is silent now is so for good.
+    /// After the last piece: a silence that lasts now never ends.
     Silence at_end() const { return lasts(kShortestSilenceNs) ? Silence{since_ns_, -1} : longest_; }
 
 private:
@@ -61,7 +61,7 @@ void DisturbanceLog::note(Disturbance::Kind kind, int64_t now_ns) { all_.push_ba
 
 void DisturbanceLog::look(const DeviceCounts& counts, int64_t now_ns)
 {
-    // Counters go on across openings: what they began with was another run's.
+    // The counters are not reset at an opening: only their differences count.
     if (known_) {
         bool passes = counts.works && counts.frames > last_.frames;
         if (counts.losses > last_.losses)

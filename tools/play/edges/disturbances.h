@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What went wrong at the devices during a run, and how long it took until they
- * worked again.
+ * Overruns, underruns, suspends and losses of the devices during a run, and when
+ * they worked again.
  */
 #pragma once
 
@@ -28,14 +28,14 @@ struct Disturbance {
     enum class Kind { xrun, suspend, loss };
     Kind kind;
     int64_t at_ns;        ///< when it was noticed
-    int64_t back_ns = -1; ///< when the device took or gave sound again; -1: it did not
+    int64_t back_ns = -1; ///< when sound passed the device again; -1: never
 };
 constexpr const char* disturbance_name(Disturbance::Kind kind)
 {
     return kind == Disturbance::Kind::xrun ? "xrun" : kind == Disturbance::Kind::suspend ? "suspend" : "loss";
 }
 
-/// Of one device, from looks at its counters.
+/// The disturbances of one device, found by comparing its counters.
 class DisturbanceLog
 {
 public:
@@ -58,7 +58,8 @@ struct Silence {
     int64_t to_ns = 0; ///< when sound was heard again, -1: never; as from_ns: there was none
     bool ends() const { return to_ns >= 0; }
 };
-/// The longest silence that goes with a disturbance noticed at @p at_ns: not far from it, and no rest of the programme.
+/// The longest silence near a disturbance that was noticed at @p at_ns; silences as short as the programme's do not
+/// count.
 Silence silence_around(const Recording& heard, int64_t at_ns);
 
 } // namespace play

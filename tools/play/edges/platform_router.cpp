@@ -80,7 +80,7 @@ bool look_up_own(void* library, Platform* platform)
            look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats);
 }
 
-/// Behind this program in the order of search: the simulation, which it is linked with.
+/// The simulation: the next library after this program in the search order of the loader.
 const Platform& simulated()
 {
     static const Platform platform = [] {
@@ -161,11 +161,11 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
             {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
-/// Where the program was built, beside the program, or by the system's paths. @return null with what is wrong with the
-/// first one that is there, or why there is none
+/// Looks in the build folder, beside the program and in the system's paths. @return null with the error of the first
+/// file that exists, or of the search
 void* load_linux_library(std::string* error)
 {
-    // Local: what it exports must not take the place of this program's functions.
+    // Local: its symbols must not replace this program's functions.
     constexpr int kMode = RTLD_NOW | RTLD_LOCAL;
     std::error_code ignored;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);

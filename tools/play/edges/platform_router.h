@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The platform that the player sees: the program itself exports the devices'
- * functions and passes each call on, by direction, to the simulated platform or
- * to the machine's own devices (libhdmiplayer_linux.so, loaded only when asked
- * for). Who wants to know what passes the seam taps it here.
+ * The platform that the player sees. The program itself exports the devices'
+ * functions, and passes each call on to the simulated platform or to the
+ * machine's own devices (libhdmiplayer_linux.so, loaded only when asked for):
+ * one of them for capture, one for playback. A SeamTap sees what passes.
  */
 #pragma once
 
@@ -33,12 +33,12 @@ struct Routes {
  */
 bool set_routes(const Routes& routes, std::string* error);
 
-/// Whether @p use can be made of the configuration of real devices; true without them. Warns of all other faults. After
-/// set_routes().
+/// Whether the configuration has no fault that concerns @p use; true without real devices. Warns of all other faults.
+/// After set_routes().
 /// @return false with a line in @p error for each fault in the way
 bool machine_is_configured(const ConfigUse& use, std::string* error);
 
-/// Of devices that are not simulated; empty without them.
+/// Statistics of real devices; zero without them.
 hdmi_linux::DeviceStats real_playback_stats();
 hdmi_linux::DeviceStats real_capture_stats();
 hdmi_linux::BypassStats real_bypass_stats();
@@ -63,8 +63,8 @@ public:
 void tap_capture(SeamTap* tap);
 void tap_playback(SeamTap* tap);
 
-/// Writes down what the playback device takes, and how much it has to play then; null: nothing. One at a time, around
-/// the life of the player.
+/// Writes to the trace what the playback device takes, and how much it then has to play; null: nothing. One at a time;
+/// it outlives the player.
 class PlaybackTrace
 {
 public:

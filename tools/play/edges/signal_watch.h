@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What a receiver's driver would announce of a source, from nothing but the
- * frames that a capture device gives and when it gives them.
+ * Finds what a receiver's driver would announce of a source, by nothing but the
+ * frames that a capture device gives and the times at which it gives them.
  */
 #pragma once
 
@@ -15,13 +15,13 @@ namespace play
 
 enum class Content { unknown, pcm, compressed };
 
-/// Looks at captured link frames as they come. Quick, without memory of its own beyond its members.
+/// Examines captured link frames as they come. Allocates nothing.
 class SignalWatch
 {
 public:
     /// @p bytes of 16-bit stereo that were read until @p now_ns.
     void feed(const uint8_t* data, int bytes, int64_t now_ns);
-    /// What follows is another opening of the device, or another stream: the pace is measured anew.
+    /// The device was opened again, or another stream follows: measures the rate anew.
     void restart_pace();
 
     /// Compressed once three IEC 61937 preambles came equally far apart; PCM once there was sound for twice the longest
@@ -70,7 +70,7 @@ struct LinkState {
     bool operator!=(const LinkState& other) const { return !(*this == other); }
 };
 
-/// What was found out about the source; what is not known is 0 or less.
+/// What is known of the source; 0 or less: not known.
 struct LinkEvidence {
     int control_rate = -1; ///< link frames per second that the device's controls name
     Content content = Content::unknown;
@@ -78,36 +78,36 @@ struct LinkEvidence {
     double link_rate = 0; ///< as it was measured
 };
 
-/// A watch that one thread feeds with what it captures, and another one asks. Neither waits for the other.
+/// A SignalWatch between two threads: one feeds it with what it captures, the other asks. Neither waits.
 class SharedWatch
 {
 public:
-    // Who captures:
+    // Called by the capturing thread:
 
     void feed(const uint8_t* data, int bytes, int64_t now_ns);
     /// The device was opened: what follows is another stream.
     void opened();
 
-    // Who announces:
+    // Called by the announcing thread:
 
-    /// Something else is announced from now on: what was measured before says nothing about it.
+    /// Another state was announced: discards what was measured before.
     void measure_anew() { change_++; }
-    /// What the frames tell; nothing of the device's controls.
+    /// From the frames; the device's controls are not asked.
     LinkEvidence evidence() const;
 
 private:
-    SignalWatch watch_; ///< of who captures
+    SignalWatch watch_; ///< the capturing thread's
     std::atomic<Content> content_{Content::unknown};
     std::atomic<int> frames_per_sample_{1};
     std::atomic<double> link_rate_{0};
     std::atomic<int64_t> change_{0};   ///< number of the latest announcement
-    std::atomic<int64_t> measured_{0}; ///< that to which the link rate belongs: written after it, read before it
+    std::atomic<int64_t> measured_{0}; ///< the one to which the link rate belongs: written after it, read before it
 };
 
 /// The state to announce after @p announced.
 LinkState derive_state(const LinkState& announced, const LinkEvidence& evidence);
 
-/// Finds sources whose pace is not what was announced.
+/// Finds a source whose rate is not the announced one.
 class RateWatch
 {
 public:

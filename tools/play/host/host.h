@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * A host of the player: everything a product does with hdmi_player.h, and
- * nothing of the simulation around it. The example to copy from.
+ * A host of the player: everything that a product does with hdmi_player.h,
+ * without the simulation around it. Copy from here.
  */
 #pragma once
 
@@ -44,7 +44,7 @@ struct HostConfig {
 struct FrameAccount {
     int64_t rendered = 0; ///< passed to the player
     int64_t flipped = 0;
-    int64_t skipped = 0; ///< of these, not shown: flipped at a stroke with the one before
+    int64_t skipped = 0; ///< of these, not shown: coalesced with the previous flip
     int64_t dropped = 0;
     int64_t refused = 0;   ///< kept by the host: the player did not take them
     int64_t held = 0;      ///< still the player's when it was closed

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * What happened when, for the report in pictures: written down by the threads
- * that did it, real-time ones among them, and read when they have ended.
+ * What happened when, for the charts of the report. The threads that did it
+ * write it down, real-time threads among them; it is read when they have ended.
  */
 #pragma once
 
@@ -68,7 +68,7 @@ private:
 struct FlipEvent {
     int64_t at_ns = 0;
     int64_t number = 0;
-    bool shown = false; ///< given to the display; otherwise it came at a stroke with the one before
+    bool shown = false; ///< given to the display; otherwise coalesced with the previous flip
 };
 
 /// The host gave the player a block to play.
@@ -94,7 +94,7 @@ struct WrittenEvent {
     uint64_t mark = 0;
 };
 
-/// By which a block that comes out of the player is known as one that went in.
+/// A hash of a block: tells which block of those that went into the player comes out of it.
 inline uint64_t mark_of(const uint8_t* data, int bytes)
 {
     // FNV-1a, a word at a time: a block of 20 ms takes less than a microsecond.

@@ -206,7 +206,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
 
 // --- Pictures -------------------------------------------------------------------
 
-Cadence measure_cadence(const std::vector<Sighting>& sightings, Stretch due, double vblanks_per_picture)
+Cadence measure_cadence(const std::vector<Sighting>& sightings, PictureRange due, double vblanks_per_picture)
 {
     Cadence cadence;
     if (sightings.empty())

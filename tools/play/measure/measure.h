@@ -95,13 +95,13 @@ struct Cadence {
     }
 };
 /// Numbers of the first and the last picture of a stretch of the programme.
-struct Stretch {
+struct PictureRange {
     int64_t first;
     int64_t last;
 };
 /// @p sightings of the stretch that was @p due, and of what was seen beside it; @p vblanks_per_picture is refresh rate
 /// by frame rate.
-Cadence measure_cadence(const std::vector<Sighting>& sightings, Stretch due, double vblanks_per_picture);
+Cadence measure_cadence(const std::vector<Sighting>& sightings, PictureRange due, double vblanks_per_picture);
 
 /// How far pictures were seen off the display's grid: each should come whole refreshes after the one before it.
 struct GridError {

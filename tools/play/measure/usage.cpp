@@ -21,7 +21,7 @@ double seconds_of(const timeval& time)
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
 }
 
-/// Scheduler's account of one thread: the first number is nanoseconds on a processor.
+/// schedstat begins with the nanoseconds that the thread ran.
 void add_thread(const std::string& task, std::map<std::string, double>* by_thread)
 {
     std::ifstream comm(task + "/comm");

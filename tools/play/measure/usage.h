@@ -8,7 +8,7 @@
 namespace play
 {
 
-/// What the process has used so far.
+/// Processor time and memory that the process has used so far.
 struct Usage {
     double cpu_s = 0;                        ///< all threads, ended ones included
     std::map<std::string, double> by_thread; ///< living threads by name; same names added

@@ -73,7 +73,7 @@ std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_ra
                                                      std::string* error)
 {
     std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, audio_rate, fps, length_ns));
-    // The link goes on until the host has stopped to send pictures.
+    // The link goes on until the host has stopped sending pictures.
     int64_t samples = (length_ns + kSecondNs) * audio_rate / kSecondNs;
     if (!made->track_.usable() || !made->encode(samples) || !made->find_onsets()) {
         *error = std::string("the programme's sound could not be encoded as ") + coding_name(coding);

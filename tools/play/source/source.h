@@ -108,7 +108,7 @@ public:
     /// When picture @p number arrives; only for numbers that next_video() has given.
     virtual int64_t frame_ns(int64_t number) const = 0;
 
-    /// Source times at which picture and sound both change at a stroke; empty if there are none by construction.
+    /// Source times at which picture and sound change at the same instant; empty if the source has no such marks.
     virtual std::vector<int64_t> marks() const = 0;
     /// Samples with which the sounds of the marks begin, in the same order.
     virtual std::vector<int64_t> onsets() const { return {}; }
