@@ -57,7 +57,7 @@ private:
 
     Output& output_; ///< where pass-through sends
 
-    mutex_t control_; ///< one open or close at a time; before mutex_
+    mutex_t control_; ///< one open or close at a time; before mutex_ and the output's
     std::thread forwarder_ GUARDED_BY(control_);
 
     mutex_t mutex_;

@@ -50,7 +50,7 @@ ArcState exported(cec_arc::State state)
     }
 }
 
-std::string physical(uint16_t address)
+std::string address_text(uint16_t address)
 {
     std::string text;
     for (int shift = 12; shift >= 0; shift -= 4)
@@ -294,7 +294,7 @@ void CecLink::explain(const cec_event_state_change& state)
     else if (state.log_addr_mask == 0 && attached_)
         report(adapter_.path() + " has lost its CEC address", false);
     else if (state.log_addr_mask != 0 && state.phys_addr != 0)
-        report(adapter_.path() + " is at " + physical(state.phys_addr) +
+        report(adapter_.path() + " is at " + address_text(state.phys_addr) +
                    ", no TV's place; the audio return channel stays closed",
                true);
     else if (state.log_addr_mask == CEC_LOG_ADDR_MASK_SPECIFIC)
