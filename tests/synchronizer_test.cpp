@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "internal/synchronizer.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -22,7 +21,9 @@
 #include "internal/common.h"
 #include "internal/pacing.h"
 #include "platform_hooks.h"
+#include "support/callers.h"
 #include "support/eventually.h"
+#include "support/failing_threads.h"
 #include "support/log_capture.h"
 
 namespace
@@ -33,28 +34,15 @@ using steady = std::chrono::steady_clock;
 
 // The wall clock while it is frozen; 0: the real one.
 std::atomic<int64_t> g_frozen_us{0};
-std::atomic<int> g_thread_creations_until_failure{-1};
 
 } // namespace
 
 extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) noexcept
 {
-    struct timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
     const int64_t frozen_us = g_frozen_us;
-    *tv = {frozen_us / 1000000, frozen_us % 1000000};
-    if (frozen_us == 0)
-        *tv = {now.tv_sec, now.tv_nsec / 1000};
+    const int64_t now_us = frozen_us != 0 ? frozen_us : static_cast<int64_t>(system_time(CLOCK_REALTIME) / 1000);
+    *tv = {now_us / 1000000, now_us % 1000000};
     return 0;
-}
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*run)(void*), void* arg) noexcept
-{
-    using create_t = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-    static const auto create = reinterpret_cast<create_t>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (g_thread_creations_until_failure >= 0 && g_thread_creations_until_failure-- == 0)
-        return EAGAIN;
-    return create(thread, attr, run, arg);
 }
 
 namespace
@@ -89,29 +77,32 @@ struct FrameQueue {
     std::function<void()> after_peek = [] {}; ///< on the sync thread, unlocked
     std::function<void()> after_drop = [] {}; ///< the same
 
+    template <typename Action> auto locked(Action action)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return action();
+    }
     void push(int64_t pts) { append(waiting, static_cast<uint64_t>(pts)); }
-    size_t flips() { return size_of(flipped); }
-    size_t drops() { return size_of(dropped); }
     size_t size_of(const List& list)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        return list.size();
+        return locked([&] { return list.size(); });
     }
+    size_t flips() { return size_of(flipped); }
+    size_t drops() { return size_of(dropped); }
     bool append(List& list, uint64_t pts)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        list.push_back(static_cast<int64_t>(pts));
-        return true;
+        return locked([&] { return list.push_back(static_cast<int64_t>(pts)), true; });
     }
     bool front(Frame* frame, bool take)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (waiting.empty())
-            return false;
-        frame->pts = static_cast<uint64_t>(waiting.front());
-        if (take)
-            waiting.pop_front();
-        return true;
+        return locked([&] {
+            if (waiting.empty())
+                return false;
+            frame->pts = static_cast<uint64_t>(waiting.front());
+            if (take)
+                waiting.pop_front();
+            return true;
+        });
     }
 
     static FrameQueue& of(void* handle) { return *static_cast<FrameQueue*>(handle); }
@@ -152,9 +143,8 @@ protected:
         synchronizer_deinit(handle); // ends the threads, too
         g_hooks = PlatformHooks();
         g_frozen_us = 0;
-        for (const char* name : {"debug.hdmiplayer.sync.forcestate", "debug.hdmiplayer.sync.forcemode",
-                                 "debug.hdmiplayer.sync.disablevsync"})
-            unsetenv(name);
+        for (const char* name : {"forcestate", "forcemode", "disablevsync"})
+            unsetenv((std::string("debug.hdmiplayer.sync.") + name).c_str());
     }
 
     sync_strategy_info_t& sync() { return *static_cast<sync_strategy_info_t*>(handle); }
@@ -162,9 +152,8 @@ protected:
 
     int64_t clock()
     {
-        int64_t now = INT64_MIN;
-        EXPECT_TRUE(synchronizer_get_current_media_time(handle, &now));
-        return now;
+        int64_t now = 0;
+        return synchronizer_get_current_media_time(handle, &now) ? now : INT64_MIN;
     }
     int64_t clock_at(int64_t now)
     {
@@ -173,9 +162,8 @@ protected:
     }
     int64_t release_time(int64_t media_time)
     {
-        int64_t time = INT64_MIN;
-        EXPECT_TRUE(synchronizer_get_release_time(handle, media_time, &time));
-        return time;
+        int64_t time = 0;
+        return synchronizer_get_release_time(handle, media_time, &time) ? time : INT64_MIN;
     }
     /// One step; if it decides to wait, the wait is over at once.
     bool step()
@@ -268,12 +256,12 @@ TEST_F(Synchronizer, RefusesWhatItCannotDo)
 
 TEST_F(Synchronizer, ThreadCreationThatFailsLeavesItStopped)
 {
-    for (const auto& [creations, name] : {std::pair<int, std::string>{0, "sync"}, {1, "vsync"}}) {
-        g_thread_creations_until_failure = creations;
+    for (const auto& [threads, name] : {std::pair<int, std::string>{0, "sync"}, {1, "vsync"}}) {
+        g_threads_left = threads;
         EXPECT_EQ(records("1", [this] { EXPECT_FALSE(synchronizer_start(handle)); }),
                   "E synchronizer_start: create " + name + "_thread failed!\n");
         EXPECT_EQ(sync().sync_thread, 0U);
-        g_thread_creations_until_failure = -1;
+        g_threads_left = INT_MAX;
     }
     run({0});
 }
@@ -374,9 +362,7 @@ TEST(Pacing, DelayIsCorrectedBeyondTheThresholdOnly)
 {
     // Late by less and by as much as the threshold: the duration, between 40 and 100 ms. Ahead: only frames longer
     // than 150 ms are stretched. Last: clocks that have nothing to do with each other.
-    struct {
-        int64_t duration, diff, delay;
-    } const cases[] = {
+    const std::tuple<int64_t, int64_t, int64_t> cases[] = {
         {33333, 0, 33333},           {33333, -39999, 33333},
         {33333, -40000, 0},          {50000, -49999, 50000},
         {50000, -50000, 0},          {120000, -99999, 120000},
@@ -387,27 +373,23 @@ TEST(Pacing, DelayIsCorrectedBeyondTheThresholdOnly)
         {40000, -100000000, 40000},  {200000, 99999999, 100199999},
         {200000, 100000000, 200000},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(pacing::corrected_delay(c.duration, c.diff), c.delay) << c.duration << " " << c.diff;
+    for (const auto& [duration, diff, delay] : cases)
+        EXPECT_EQ(pacing::corrected_delay(duration, diff), delay) << duration << " " << diff;
     // Between two frames the video clock runs on from the last one, up to the next.
     for (const auto& [elapsed, video_clock] : {std::pair{10000, 1010000}, {33333, 1033333}, {50000, 1033333}}) {
         const pacing::frame_offset offset = pacing::offset_of(1033333, {1000000, 7000}, 7000 + elapsed, 1050000);
-        EXPECT_EQ(offset.video_clock, video_clock);
-        EXPECT_EQ(offset.diff, video_clock - 1050000);
+        EXPECT_TRUE(offset.video_clock == video_clock && offset.diff == video_clock - 1050000) << elapsed;
         EXPECT_EQ(offset.delay, elapsed == 10000 ? 0 : 33333);
     }
 }
 
 TEST(Pacing, TimerLagsAtMost100MsAndAFrameIsLateOnlyWhenItsSuccessorIsOverdue)
 {
-    EXPECT_EQ(pacing::advance(0, 40000, 140000), 40000);
-    EXPECT_EQ(pacing::advance(0, 40000, 140001), 140001);
-    EXPECT_EQ(pacing::advance(0, 0, 140001), 0);
-    EXPECT_EQ(pacing::advance(0, -40000, 140001), -40000);
+    EXPECT_TRUE(pacing::advance(0, 40000, 140000) == 40000 && pacing::advance(0, 40000, 140001) == 140001);
+    EXPECT_TRUE(pacing::advance(0, 0, 140001) == 0 && pacing::advance(0, -40000, 140001) == -40000);
     EXPECT_EQ(pacing::decide_taken(80000, 40000, 40000), pacing::verdict::flip);
     EXPECT_EQ(pacing::decide_taken(80001, 40000, 40000), pacing::verdict::drop);
-    EXPECT_EQ(pacing::free_run_wait(30000, 10000, 33333), 13333);
-    EXPECT_EQ(pacing::free_run_wait(43334, 10000, 33333), 0);
+    EXPECT_TRUE(pacing::free_run_wait(30000, 10000, 33333) == 13333 && pacing::free_run_wait(43334, 10000, 33333) == 0);
 }
 
 TEST(Pacing, ClassifiesTheOffset)
@@ -442,10 +424,7 @@ TEST_F(Synchronizer, CatchesUpInOneStepAndFollowsAClockThatWasSetBack)
 TEST_F(Synchronizer, FrameWithdrawnAfterThePeekIsNotReleasedTwice)
 {
     // The queue's owner takes the oldest frame in between; the one that is left is shown.
-    queue.after_peek = [this] {
-        std::lock_guard<std::mutex> lock(queue.mutex);
-        queue.waiting.pop_front();
-    };
+    queue.after_peek = [this] { queue.locked([this] { queue.waiting.pop_front(); }); };
     queue.waiting = {1000000, 1033333};
     EXPECT_TRUE(step());
     EXPECT_EQ(queue.flipped, FrameQueue::List{1033333});
@@ -608,8 +587,7 @@ TEST_F(Synchronizer, ResyncForgetsTheHistoryButTheTimer)
     show_first(1000000);
     sync().last_vsync_system_time = kStart;
     synchronizer_resync(handle);
-    EXPECT_EQ(sync().last_vsync_system_time, -1);
-    EXPECT_EQ(player().last_frame.pts, UINT64_MAX);
+    EXPECT_TRUE(sync().last_vsync_system_time == -1 && player().last_frame.pts == UINT64_MAX);
     EXPECT_EQ(player().frame_timer, kStart);
     // While the threads run, the next step does it, whatever it waited for.
     g_frozen_us = 0;
@@ -749,41 +727,37 @@ TEST_F(Synchronizer, WithoutADisplayFramesFollowTheTimerAlone)
 TEST_F(Synchronizer, EveryCallMayRunBesideEveryOtherAndNoFrameIsLost)
 {
     vblank_every_2ms();
-    const std::function<void(int)> calls[] = {
-        [this](int n) { n % 8 < 6 ? synchronizer_start(handle) : synchronizer_stop(handle); },
-        [this](int n) { n % 16 < 15 ? synchronizer_resync(handle) : synchronizer_stop(handle); },
-        [this](int n) {
-            queue.push(n * 1000);
-            synchronizer_notify_frame_done(handle);
-        },
-        [this](int n) {
-            synchronizer_set_base_media_time(handle, 1 + n * 1000, 1 + n * 1000 + 5000);
-            clock();
-            release_time(n * 1000);
-        },
-        [this](int n) {
-            set_mode(n % 4 == 0 ? E_SYNC_MODE_FREERUN : E_SYNC_MODE_AUDIO_MASTER);
-            synchronizer_enable_low_latency_mode(handle, n % 2 == 0);
-            synchronizer_set_drm_info(handle, {n % 64 == 0 ? 0 : 7, 500});
-            synchronizer_set_playback_rate(handle, n % 2 == 0 ? 1.0F : 2.0F);
-        },
-    };
-    constexpr int kRounds = 2000;
-    std::vector<std::thread> threads;
-    for (const auto& call : calls) {
-        threads.emplace_back([&call] {
-            for (int n = 0; n < kRounds; ++n) {
-                call(n);
-                std::this_thread::sleep_for(200us);
-            }
+    std::atomic<int> pushed{0};
+    Callers callers;
+    const auto run = [&callers](auto call) {
+        callers.run([call](int n) {
+            call(n);
+            std::this_thread::sleep_for(200us);
         });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    };
+    run([this](int n) { n % 8 < 6 ? synchronizer_start(handle) : synchronizer_stop(handle); });
+    run([this](int n) { n % 16 < 15 ? synchronizer_resync(handle) : synchronizer_stop(handle); });
+    run([this, &pushed](int) {
+        queue.push(pushed++ * 1000);
+        synchronizer_notify_frame_done(handle);
+    });
+    run([this](int n) {
+        synchronizer_set_base_media_time(handle, 1 + n * 1000, 1 + n * 1000 + 5000);
+        clock();
+        release_time(n * 1000);
+    });
+    run([this](int n) {
+        set_mode(n % 4 == 0 ? E_SYNC_MODE_FREERUN : E_SYNC_MODE_AUDIO_MASTER);
+        synchronizer_enable_low_latency_mode(handle, n % 2 == 0);
+        synchronizer_set_drm_info(handle, {n % 64 == 0 ? 0 : 7, 500});
+        synchronizer_set_playback_rate(handle, n % 2 == 0 ? 1.0F : 2.0F);
+    });
+    EXPECT_TRUE(eventually([&] { return callers.calls() > 10000; }));
+    callers.stop();
     set_mode(E_SYNC_MODE_FREERUN);
     synchronizer_enable_low_latency_mode(handle, true);
     ASSERT_TRUE(synchronizer_start(handle));
-    EXPECT_TRUE(eventually([this] { return queue.flips() + queue.drops() == kRounds; }));
+    EXPECT_TRUE(eventually([&] { return queue.flips() + queue.drops() == static_cast<size_t>(pushed); }));
 }
 
 } // namespace
