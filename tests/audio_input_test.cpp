@@ -592,31 +592,6 @@ TEST_F(AudioInput, AStateWhoseAnnouncementWasLostIsTakenFromTheStateFile)
     EXPECT_EQ(audio_input_get_original_sample_rate(), 32000);
 }
 
-TEST(InputState, IsReportedAtOnceOrWhenAnUnsupportedOneLasts)
-{
-    using Report = input_report;
-    constexpr auto kNone = AUDIO_INPUT_FORMAT_NONE, kPcm = AUDIO_INPUT_FORMAT_PCM;
-    constexpr int64_t kSecond = 1000000;
-    const struct {
-        input_state state;
-        int64_t now;
-        Report::kind_e kind;
-        bool changed, left, left_reset;
-    } cases[] = {
-        {{48000, kPcm, false, false, 0}, 9 * kSecond, Report::NONE, false, false, false},
-        {{48000, kPcm, true, true, 5}, 5, Report::SUPPORTED, true, false, false},
-        {{48000, kPcm, false, true, 5}, 5, Report::SUPPORTED, false, false, false},
-        {{48000, kNone, true, true, 5}, 5 + kSecond, Report::NONE, false, true, false},
-        {{48000, kNone, true, true, 5}, 6 + kSecond, Report::UNSUPPORTED, false, false, false},
-    };
-    for (const auto& c : cases) {
-        input_state state = c.state;
-        const Report report = audio_input_take_report(&state, c.now);
-        EXPECT_TRUE(report.kind == c.kind && report.changed == c.changed) << &c - cases;
-        EXPECT_TRUE(state.state_changed == c.left && state.force_reset == c.left_reset) << &c - cases;
-    }
-}
-
 TEST_F(AudioInput, ForeignHostileAndTruncatedMessagesChangeNothing)
 {
     start("HEADDONE_PCM_48=1");

@@ -163,9 +163,8 @@ protected:
         g_hooks.reselect = [&d](audio_config_t*, int id, int format) {
             return d.call("reselect " + std::to_string(id) + " " + std::to_string(format));
         };
-        const auto note = [&d](const char* name) {
-            d.set([&] { d.calls.push_back(name); });
-            return -1; // a platform without CEC
+        const auto note = [&d](const char* name) { // a platform without CEC
+            return d.set([&] { d.calls.push_back(name); }), -1;
         };
         g_hooks.cec_init = [note](hdmi_cec_config_t*) { return note("cec_init"); };
         g_hooks.cec_open_arc = [note] { return note("cec_open_arc"); };
@@ -349,8 +348,8 @@ TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndWhatTheDeviceRefusesIsReported
     EXPECT_TRUE(audio_output_set_volume_direct(7) == -6 && audio_output_set_mute(false) == -7);
     EXPECT_TRUE(audio_output_mute_status());
     const std::string log = captured();
-    EXPECT_EQ(occurrences(log, "E aio_device_reselect dev_id:4 output_fmt:0 failed!\n"), 1);
-    EXPECT_EQ(occurrences(log, "E aio_device_set_volume failed. err:5\n"), 1);
+    expect_once(log,
+                {"E aio_device_reselect dev_id:4 output_fmt:0 failed!\n", "E aio_device_set_volume failed. err:5\n"});
 }
 
 // The first selection is held between what it stores and what it does to the device; the second runs through meanwhile.
@@ -515,8 +514,8 @@ TEST_F(AudioOutput, FaultyFramesAreRefusedAndAShortWriteIsReported)
         EXPECT_EQ(clock_of(10000).time_us, 10000) << "the next block plays";
         EXPECT_EQ(audio_output_deinit(), 0);
     });
-    EXPECT_EQ(occurrences(log, "alsa_pcm_write failed. write:1920 written:1900\n"), 1) << log;
-    EXPECT_EQ(occurrences(log, "remain last sequence frames:480 time:10000 us\n"), 1) << log;
+    expect_once(
+        log, {"alsa_pcm_write failed. write:1920 written:1900\n", "remain last sequence frames:480 time:10000 us\n"});
 }
 
 TEST_F(AudioOutput, CallsThatMeetAWriteGoBeforeTheNextOne)

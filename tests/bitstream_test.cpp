@@ -123,7 +123,6 @@ Kind kind_of(const std::vector<int16_t>& pcm)
 
 struct Block {
     int64_t taken_ns;
-    int32_t serial;
     bool written;
     std::vector<int16_t> pcm;
 };
@@ -161,29 +160,30 @@ public:
         return eventually([flipped = g_flipped.load()] { return g_flipped > flipped + 10; });
     }
 
-    std::vector<Block> blocks()
+    template <typename Action> auto locked(Action action)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        return blocks_;
+        return action();
+    }
+    std::vector<Block> blocks()
+    {
+        return locked([this] { return blocks_; });
     }
     void forget()
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        blocks_.clear();
+        locked([this] { blocks_.clear(); });
     }
     std::vector<int16_t> pcm()
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
         std::vector<int16_t> all;
-        for (const Block& block : blocks_)
+        for (const Block& block : blocks())
             all.insert(all.end(), block.pcm.begin(), block.pcm.end());
         return all;
     }
     /// When sound of this kind first went to the output after @p since_ns; 0: not yet.
     int64_t heard(Kind kind, int64_t since_ns)
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        for (const Block& block : blocks_) {
+        for (const Block& block : blocks()) {
             if (block.written && block.taken_ns >= since_ns && kind_of(block.pcm) == kind)
                 return block.taken_ns;
         }
@@ -213,11 +213,7 @@ private:
                 waiting_for = -1;
             last = frame->serial;
             const auto* samples = reinterpret_cast<const int16_t*>(frame->data);
-            Block block = {hdmi_sim::now_ns(), frame->serial, play, {samples, samples + frame->size / 2}};
-            {
-                const std::lock_guard<std::mutex> lock(mutex_);
-                blocks_.push_back(std::move(block));
-            }
+            locked([&] { blocks_.push_back({hdmi_sim::now_ns(), play, {samples, samples + frame->size / 2}}); });
             if (play)
                 hdmi_player_write_pcm(frame);
             hdmi_player_put_pcm(frame);
@@ -257,14 +253,11 @@ Match match_end(const std::vector<int16_t>& pcm, const std::vector<int16_t>& ref
     const auto found = std::find_end(reference.begin(), reference.end(), pcm.end() - kProbe, pcm.end());
     if (found == reference.end())
         return match;
-    auto at = found + kProbe;
-    auto mine = pcm.end();
-    while (at != reference.begin() && mine != pcm.begin() && *(at - 1) == *(mine - 1)) {
-        --at;
-        --mine;
-    }
-    match.first = static_cast<size_t>(at - reference.begin() + 1) / 2;
-    match.samples = static_cast<size_t>(pcm.end() - mine) / 2;
+    const auto mine = std::make_reverse_iterator(pcm.end());
+    const auto theirs = std::make_reverse_iterator(found + kProbe);
+    const auto differ = std::mismatch(mine, pcm.rend(), theirs, reference.rend());
+    match.first = static_cast<size_t>(reference.rend() - differ.second + 1) / 2;
+    match.samples = static_cast<size_t>(differ.first - mine) / 2;
     return match;
 }
 

@@ -407,8 +407,7 @@ TEST_F(PlayerTest, RelaysOfAClosedPlayerSaySoAndDoNothing)
         clock_relay(0, 0, 1);
         change_handler(true, nullptr);
     });
-    EXPECT_EQ(occurrences(log, "[hdmi_player_ao_update_avsync_clock_cb "), 1) << log;
-    EXPECT_EQ(occurrences(log, "[hdmi_player_audio_io_changed_cb "), 1) << log;
+    expect_once(log, {"[hdmi_player_ao_update_avsync_clock_cb ", "[hdmi_player_audio_io_changed_cb "});
     EXPECT_EQ(occurrences(log, "] hdmi_player is not open\n"), 2) << log;
 }
 

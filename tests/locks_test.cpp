@@ -60,11 +60,8 @@ TEST(Locks, AClosedModuleRefusesInTheNameOfTheCaller)
         EXPECT_FALSE(get_value() || get_other_value());
         EXPECT_FALSE(slot_is_open("caller", 7));
     });
-    EXPECT_EQ(occurrences(text, " W [get_value "), 1) << text;
-    EXPECT_EQ(occurrences(text, "] module not initialized\n"), 1) << text;
-    EXPECT_EQ(occurrences(text, " E [get_other_value "), 1) << text;
-    EXPECT_EQ(occurrences(text, "] other text\n"), 1) << text;
-    EXPECT_EQ(occurrences(text, " E [caller 7] no slot\n"), 1) << text;
+    expect_once(text, {" W [get_value ", "] module not initialized\n", " E [get_other_value ", "] other text\n",
+                       " E [caller 7] no slot\n"});
     EXPECT_EQ(logged("0", [] { EXPECT_FALSE(get_value() || get_other_value()); }), "");
     set_open(true);
     g_slot_open = true;

@@ -57,8 +57,7 @@ TEST_F(ResourceManager, UnknownIdsAreWarnedAboutWithAListing)
         EXPECT_EQ(resource_manager_destroy("user", map_, kSlots, 3), 0);
         EXPECT_EQ(resource_manager_get(map_, kSlots, 3), nullptr);
     });
-    EXPECT_EQ(occurrences(text, "] [user] already destroy id:2\n"), 1) << text;
-    EXPECT_EQ(occurrences(text, "] [user] not found id:3\n"), 1) << text;
+    expect_once(text, {"] [user] already destroy id:2\n", "] [user] not found id:3\n"});
     EXPECT_EQ(occurrences(text, " not found id:3\n"), 2) << text;
     EXPECT_EQ(occurrences(text, " I [resource_manager_print "), 6) << text;
 }

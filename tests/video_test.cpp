@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 
 #include "internal/common.h"
-#include "internal/render_step.h"
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 #include "support/callers.h"
@@ -307,30 +306,6 @@ TEST_F(VideoFrameQueueTest, MeasuresFromFlipToFlip)
     sync_drop_frame_cb(&g_video_info, &info_);
     EXPECT_EQ(host_.take_calls(), (calls_t{"flip 3", "flip 3", "flip 3", "flip 3", "drop 3"}));
     EXPECT_EQ(host_.flip_pts.back(), 30);
-}
-
-TEST(RenderStep, FollowsFromSerialResetAndWhoElseIsAtIt)
-{
-    struct {
-        render_state state; // frame_serial, last; resetting, reset_wanted, wait_audio, sync_changing, on_sync_thread
-        render_step step;
-    } const cases[] = {
-        {{1, 1, false, false, true, false, false}, render_step::queue},
-        {{2, 1, false, true, true, false, false}, render_step::queue_new_serial},
-        {{-2, 1, true, false, true, false, false}, render_step::end_reset},
-        {{2, 1, true, false, true, false, true}, render_step::end_reset},
-        {{1, 1, true, true, true, false, false}, render_step::queue},
-        {{1, 1, true, false, false, false, false}, render_step::show},
-        {{1, 1, false, true, true, false, false}, render_step::begin_reset},
-        {{1, 1, false, true, false, false, false}, render_step::begin_reset},
-        // Not on the thread that would have to be joined, nor while another render does it.
-        {{1, 1, false, true, true, false, true}, render_step::queue},
-        {{1, 1, false, true, true, true, false}, render_step::queue},
-        {{2, 1, false, false, true, true, false}, render_step::queue},
-        {{2, 1, true, false, true, true, false}, render_step::queue},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(next_step(c.state), c.step) << &c - cases;
 }
 
 TEST_F(VideoTest, RefusesWrongOrderAndIncompleteConfigurations)

@@ -54,3 +54,10 @@ inline int occurrences(const std::string& text, const std::string& part)
         ++count;
     return count;
 }
+
+/// Expects each of @p parts once in @p text.
+inline void expect_once(const std::string& text, std::initializer_list<const char*> parts)
+{
+    for (const char* part : parts)
+        EXPECT_EQ(occurrences(text, part), 1) << part << text;
+}
