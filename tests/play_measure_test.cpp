@@ -763,6 +763,45 @@ TEST(TickRecord, TellsHowLateOneTickInAHundredWasAndTheWorst)
     EXPECT_EQ(record.figures(100).late, 1);
 }
 
+TEST(Verdict, FaultOfTheSourceExplainsWhereItShowsAndNowhereElse)
+{
+    const struct {
+        SourceTroubles troubles;
+        Coding coding;
+        bool raw;
+        bool sound, pictures, sync; // explained
+    } cases[] = {
+        {{}, Coding::eac3, false, false, false, false},
+        {{1, 0, 0, 0, 0}, Coding::pcm, false, true, true, true},
+        {{0, 1, 0, 0, 0}, Coding::ac3, false, true, false, true},
+        {{0, 1, 0, 0, 0}, Coding::pcm, false, false, false, true},  // silence, which must arrive as it is
+        {{0, 0, 1, 0, 0}, Coding::pcm, false, false, false, false}, // damaged pictures are pictures
+        {{0, 0, 0, 1, 0}, Coding::pcm, false, false, true, false},
+        {{0, 0, 0, 0, 3840}, Coding::eac3, false, false, false, false},
+        {{0, 0, 0, 0, 3842}, Coding::eac3, false, true, false, true},
+        {{0, 0, 0, 0, 3842}, Coding::eac3, true, false, false, false},
+    };
+    for (const auto& each : cases) {
+        Result run = good_run();
+        run.source = each.troubles;
+        run.source_rate = 48000;
+        run.coding = each.coding;
+        run.options.raw = each.raw;
+        auto explained = [&run](Subject subject) { return !fault_of_source(run, subject).empty(); };
+        SCOPED_TRACE(testing::Message() << "case " << &each - cases);
+        EXPECT_EQ(explained(Subject::sound), each.sound);
+        EXPECT_EQ(explained(Subject::pictures), each.pictures);
+        EXPECT_EQ(explained(Subject::sync), each.sync);
+        EXPECT_FALSE(explained(Subject::player));
+    }
+    Result run = good_run();
+    run.source.picture_gaps = 1;
+    run.cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::inconclusive);
+    run.gaps = 1; // the player's own
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::fail);
+}
+
 TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
 {
     const char* const bursts = "bursts at the output bit for bit the source's";

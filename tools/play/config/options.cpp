@@ -51,11 +51,10 @@ const char* const kFooter =
     "where\n"
     "it was asked for; 3 the machine does not permit it, has no such device, or none that starts; 4 inconclusive: "
     "limits\n"
-    "were missed, and timers beside the player came so late themselves that this explains it. With 2 and 3 nothing "
-    "was\n"
-    "played. SIGINT, SIGTERM and SIGHUP end the run early, with a report of what was measured; before there was "
-    "anything\n"
-    "to judge, the exit status is 128 and the signal's number. A second one ends it at once.\n";
+    "were missed, and this is explained by timers beside the player that came so late themselves, or by FILE: it is\n"
+    "damaged, this machine does not decode it in time, or its E-AC-3 is beyond what the player decodes. With 2 and 3\n"
+    "nothing was played. SIGINT, SIGTERM and SIGHUP end the run early, with a report of what was measured; before\n"
+    "there was anything to judge, the exit status is 128 and the signal's number. A second one ends it at once.\n";
 
 constexpr double kDefaultProgrammeSeconds = 20;
 /// Six hours: a WAV file holds 4 GB.

@@ -228,10 +228,19 @@ Mark verdict_mark(const Report& report)
     return report.at("/passed") == true ? Mark{"PASS", "pass"} : Mark{"FAIL", "fail"};
 }
 
+/// What of the source explains a missed limit; empty: nothing.
+std::string fault_of_source(const json& limit)
+{
+    const auto fault = limit.find("source_fault");
+    return fault != limit.end() && fault->is_string() ? fault->get<std::string>() : "";
+}
+
 Mark limit_mark(const json& limit)
 {
     if (limit.value("passed", false))
         return {"ok", "pass"};
+    if (!fault_of_source(limit).empty())
+        return {"film", "late"};
     return limit.value("machine_late", false) ? Mark{"late", "late"} : Mark{"FAIL", "fail"};
 }
 
@@ -294,11 +303,16 @@ std::string limits(const Report& report)
     std::string table =
         "<section><h2>Limits</h2>\n<table class=\"limits\"><thead><tr><th scope=\"col\">Kept</th><th scope=\"col\">"
         "Limit</th></tr></thead><tbody>\n";
-    for (const json& limit : report.at("/limits"))
+    bool late = false;
+    for (const json& limit : report.at("/limits")) {
+        std::string fault = fault_of_source(limit);
+        late = late || limit.value("machine_late", false);
         table += std::string(limit.value("passed", false) ? "<tr>" : "<tr class=\"missed\">") + "<td>" +
-                 span_of(limit_mark(limit), "mark") + "</td><td>" + escape(limit.value("limit", "")) + "</td></tr>\n";
+                 span_of(limit_mark(limit), "mark") + "</td><td>" + escape(limit.value("limit", "")) +
+                 (fault.empty() ? "" : ": " + escape(fault)) + "</td></tr>\n";
+    }
     table += "</tbody></table>\n";
-    if (report.at("/outcome") == "inconclusive")
+    if (late)
         table += "<p>A limit is marked late where it says nothing of the player: timers beside it came " +
                  report.data_with_unit("/timers/worst_ms") +
                  " late at worst, and that explains why it was missed.</p>\n";

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "report/figures.h"
 #include "report/records.h"
@@ -147,19 +148,39 @@ void print_link(const Result& result, const json& report)
             "            that a burst must pass before it can be decoded is latency of the player\n");
 }
 
+const char* mark_of(const Verdict& verdict)
+{
+    if (verdict.passed)
+        return "ok  ";
+    return !verdict.source.empty() ? "film" : verdict.machine ? "late" : "FAIL";
+}
+
+const char* outcome_text(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::pass: return "PASS";
+    case Outcome::inconclusive: return "INCONCLUSIVE";
+    case Outcome::nothing: return "STOPPED before there was anything to judge";
+    case Outcome::fail: break;
+    }
+    return "FAIL";
+}
+
 void print_verdict(const Result& result, const std::vector<Verdict>& verdicts)
 {
     std::printf("%s", verdicts.empty() ? "" : "\nLimits\n");
-    for (const Verdict& verdict : verdicts)
-        std::printf("  %s  %s\n", verdict.passed ? "ok  " : verdict.machine ? "late" : "FAIL", verdict.limit.c_str());
-    switch (outcome_of(verdicts)) {
-    case Outcome::pass: std::printf("\nPASS\n"); break;
-    case Outcome::fail: std::printf("\nFAIL\n"); break;
-    case Outcome::inconclusive:
-        std::printf("\nINCONCLUSIVE: the machine itself was late, by up to %.1f ms\n", result.punctuality.worst_ms);
-        break;
-    case Outcome::nothing: std::printf("\nSTOPPED before there was anything to judge\n"); break;
+    std::set<std::string> causes;
+    for (const Verdict& verdict : verdicts) {
+        std::printf("  %s  %s\n", mark_of(verdict), verdict.limit.c_str());
+        if (!verdict.source.empty())
+            causes.insert(verdict.source);
+        else if (verdict.machine)
+            causes.insert("the machine itself was late, by up to " +
+                          value_text(*find_figure("/timers/worst_ms"), result.punctuality.worst_ms, {}));
     }
+    std::printf("\n%s\n", outcome_text(outcome_of(verdicts)));
+    for (const std::string& cause : causes)
+        std::printf("  %s\n", cause.c_str());
 }
 
 const char* outcome_name(Outcome outcome)
@@ -217,8 +238,10 @@ json report_json(const Result& result, const std::vector<Verdict>& verdicts)
     report["outcome"] = outcome_name(outcome_of(verdicts));
     report["limits"] = json::array();
     for (const Verdict& verdict : verdicts)
-        report["limits"].push_back(
-            {{"limit", verdict.limit}, {"passed", verdict.passed}, {"machine_late", verdict.machine}});
+        report["limits"].push_back({{"limit", verdict.limit},
+                                    {"passed", verdict.passed},
+                                    {"machine_late", verdict.machine},
+                                    {"source_fault", verdict.source.empty() ? json() : json(verdict.source)}});
     return report;
 }
 

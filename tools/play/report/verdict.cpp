@@ -36,6 +36,9 @@ bool machine_moved_sound_or_picture(const Result& result)
     return result.offset.count > 0 && outside_ms <= result.punctuality.worst_ms;
 }
 
+/// A payload that is larger than one captured chunk is not decoded whole, see hdmi_player.h.
+int64_t largest_decoded_burst(int sample_rate) { return sample_rate == 44100 ? 3584 : 3840; }
+
 bool machine_missed_a_period(const Result& result) { return result.punctuality.worst_ms > kOutputPeriodMs; }
 
 /// The edges themselves count sound that nobody took or gave in time: what follows is out of place by that, and no
@@ -73,7 +76,8 @@ Verdict judge_resets(const Result& result)
     bool at_start = result.reset_s < kLatestResetS;
     bool late_by_machine = result.resets > 0 && machine_missed_a_period(result) &&
                            (!few || (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
-    return {inside_of_burst ? "one reset or two, at start" : "one reset, at start", few && at_start, late_by_machine};
+    return {inside_of_burst ? "one reset or two, at start" : "one reset, at start", few && at_start, late_by_machine,
+            Subject::sound};
 }
 
 /// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
@@ -97,7 +101,8 @@ void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
         result.raw.began_ns < result.opened_ns + kStartNs && result.raw.ended_ns >= result.signal_end_ns - kStartNs;
     bool interrupted = result.raw.different == 0 && (counted || broken) && machine_missed_a_period(result);
     if (result.raw.compared)
-        verdicts->push_back({"bursts at the output bit for bit the source's", whole && lasted, interrupted});
+        verdicts->push_back(
+            {"bursts at the output bit for bit the source's", whole && lasted, interrupted, Subject::sound});
     bool took = bypass.frames > 0 && !counted;
     if (!result.options.playback.empty())
         verdicts->push_back({"the output took what was passed on",
@@ -112,18 +117,21 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
     // Of a source that is not ours, nobody knows when it sent what.
     bool known = !result.options.foreign_source();
     if (known) {
-        verdicts->push_back({"A/V offset measured", measured_enough(result), machine_hid_instants(result)});
+        verdicts->push_back(
+            {"A/V offset measured", measured_enough(result), machine_hid_instants(result), Subject::sync});
         verdicts->push_back(
             {"A/V offset p95 inside EBU R37 (+40/-60 ms)", result.offset.p95_inside_r37(),
-             result.offset.count > 0 ? machine_moved_sound_or_picture(result) : machine_hid_instants(result)});
+             result.offset.count > 0 ? machine_moved_sound_or_picture(result) : machine_hid_instants(result),
+             Subject::sync});
     }
     verdicts->push_back(judge_resets(result));
-    verdicts->push_back({"no underrun after the first second", result.gaps == 0, machine_missed_a_period(result)});
+    verdicts->push_back(
+        {"no underrun after the first second", result.gaps == 0, machine_missed_a_period(result), Subject::sound});
     if (!known)
         return;
     const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
     verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed(),
-                         machine_lost_sound(result)});
+                         machine_lost_sound(result), Subject::sound});
 }
 
 /// Of the devices at the far ends: their breaks look like the player's.
@@ -137,6 +145,27 @@ void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
 }
 
 } // namespace
+
+std::string fault_of_source(const Result& result, Subject subject)
+{
+    const SourceTroubles& source = result.source;
+    bool of_sound = subject == Subject::sound || subject == Subject::sync;
+    // Decoded here, damaged sound is silence to the player, and silence it must play as it is.
+    bool coded = result.coding != Coding::pcm;
+    if (subject == Subject::player)
+        return "";
+    if (source.starved > 0)
+        return "this machine did not decode the film in time (times: " + std::to_string(source.starved) + ")";
+    if (of_sound && source.damaged_sound > 0 && (coded || subject == Subject::sync))
+        return "the film's sound is damaged (places: " + std::to_string(source.damaged_sound) + ")";
+    int64_t most = largest_decoded_burst(result.source_rate);
+    if (of_sound && !result.options.raw && source.largest_burst > most)
+        return "the film has bursts of " + std::to_string(source.largest_burst) +
+               " bytes, beyond the player's documented " + std::to_string(most) + " (E-AC-3 of 960 kb/s at 48 kHz)";
+    if (subject == Subject::pictures && source.picture_gaps > 0)
+        return "the film lacks pictures, or its frame rate varies (gaps: " + std::to_string(source.picture_gaps) + ")";
+    return "";
+}
 
 std::vector<Verdict> judge(const Result& result)
 {
@@ -156,9 +185,11 @@ std::vector<Verdict> judge(const Result& result)
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
                             result.cadence.excess() <= kExcessLimit && result.unreadable == 0,
-                            machine_missed_vblanks(result)});
-    for (Verdict& verdict : verdicts)
+                            machine_missed_vblanks(result), Subject::pictures});
+    for (Verdict& verdict : verdicts) {
         verdict.machine = verdict.machine && !verdict.passed;
+        verdict.source = verdict.passed ? "" : fault_of_source(result, verdict.subject);
+    }
     return verdicts;
 }
 
@@ -175,7 +206,7 @@ Outcome outcome_of(const std::vector<Verdict>& verdicts)
     if (all_passed(verdicts))
         return Outcome::pass;
     bool explained = std::all_of(verdicts.begin(), verdicts.end(),
-                                 [](const Verdict& verdict) { return verdict.passed || verdict.machine; });
+                                 [](const Verdict& verdict) { return verdict.passed || verdict.explained(); });
     return explained ? Outcome::inconclusive : Outcome::fail;
 }
 

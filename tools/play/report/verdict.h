@@ -3,8 +3,8 @@
  * @file
  * What decides the exit status. The limits are fixed: a run is judged by what
  * the system promises, not by what a machine happens to reach. But a miss says
- * nothing of the player if the machine came so late itself that even a perfect
- * player would have missed.
+ * nothing of the player if the machine came so late itself, or the source is
+ * such, that even a perfect player would have missed.
  */
 #pragma once
 
@@ -16,11 +16,21 @@
 namespace play
 {
 
+/// What a limit judges.
+enum class Subject { player, sound, pictures, sync };
+
 struct Verdict {
     std::string limit;
     bool passed;
     bool machine = false; ///< missed in a way that the lateness of the machine explains
+    Subject subject = Subject::player;
+    std::string source = ""; ///< missed, and this fault of the source explains it
+
+    bool explained() const { return machine || !source.empty(); }
 };
+
+/// What is wrong with the source, in so far as it shows in @p subject; empty: nothing.
+std::string fault_of_source(const Result& result, Subject subject);
 
 /// Pictures that may be unseen or held beyond what the rates dictate.
 constexpr double kExcessLimit = 0.02;
@@ -34,7 +44,7 @@ constexpr double kOutputPeriodMs = 20;
 std::vector<Verdict> judge(const Result& result);
 bool all_passed(const std::vector<Verdict>& verdicts);
 
-/// inconclusive: limits were missed, and the machine explains each of them. nothing: there were none.
+/// inconclusive: limits were missed, and machine or source explain each of them. nothing: there were none.
 enum class Outcome { pass, fail, inconclusive, nothing };
 Outcome outcome_of(const std::vector<Verdict>& verdicts);
 

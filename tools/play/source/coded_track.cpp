@@ -9,6 +9,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/crc.h>
 #include <libavutil/opt.h>
 }
 
@@ -47,6 +48,24 @@ int collect(void* opaque, Written* data, int bytes)
     auto* out = static_cast<std::vector<uint8_t>*>(opaque);
     out->insert(out->end(), data, data + bytes);
     return bytes;
+}
+
+/// Whether every sync frame in @p packet is whole: its checksum goes over all of it but the sync word.
+bool is_intact(const AVPacket& packet, Coding coding)
+{
+    constexpr int kSyncBytes = 2;
+    constexpr int kHeaderBytes = 6;
+    int at = 0;
+    while (packet.size - at >= kHeaderBytes) {
+        const uint8_t* frame = packet.data + at;
+        // E-AC-3 tells words less one; a packet of AC-3 is one frame.
+        int bytes = coding == Coding::eac3 ? 2 * (((frame[2] & 7) << 8 | frame[3]) + 1) : packet.size;
+        if (bytes > packet.size - at || av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame + kSyncBytes,
+                                               static_cast<size_t>(bytes - kSyncBytes)) != 0)
+            return false;
+        at += bytes;
+    }
+    return at > 0;
 }
 
 } // namespace
@@ -151,7 +170,7 @@ bool CodedTrack::store_decoded(AVPacket* packet)
     Codecs& codecs = *codecs_;
     AVFrame* frame = codecs.frame.get();
     int64_t before = sound_.frames();
-    bool damaged = avcodec_send_packet(codecs.decoder.get(), packet) < 0;
+    bool damaged = avcodec_send_packet(codecs.decoder.get(), packet) < 0 || !is_intact(*packet, coding_);
     while (avcodec_receive_frame(codecs.decoder.get(), frame) >= 0) {
         damaged = damaged || is_damaged(*frame);
         // Made anew each time: layout and levels may change with any frame.
