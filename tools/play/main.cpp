@@ -342,6 +342,16 @@ void gather(const Host& host, const Source& source, const Display& display, cons
     result->vblank_missed = waits.missed;
 }
 
+/// @p ordinary may be null. Late is a tick by more than half a vertical blank: such a thread may miss one.
+Punctuality finish_timers(TickingTimers* timers, TickingTimers* ordinary, double display_hz)
+{
+    constexpr double kHalfMs = 500;
+    TickRecord ticks = timers->finish();
+    if (ordinary != nullptr)
+        ticks.add(ordinary->finish());
+    return ticks.figures(kHalfMs / display_hz);
+}
+
 /// Plays the source to its end, or until a signal comes. @return inside, or with one line in @p error what became of it
 ExitStatus run(Source* source, Display* display, const StopSignals& signals, const std::string& wav_path,
                Result* result, std::string* error)
@@ -388,10 +398,7 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
     host->drain_audio();
     stage.wait_until_played();
     host->close();
-    TickRecord ticks = timers->finish();
-    if (ordinary_timers)
-        ticks.add(ordinary_timers->finish());
-    result->punctuality = ticks.figures(500 / display->refresh_hz());
+    result->punctuality = finish_timers(timers.get(), ordinary_timers.get(), display->refresh_hz());
     display->stop();
 
     if (result->stopped_by != 0 && !result->options.raw && host->audio().written == 0)
