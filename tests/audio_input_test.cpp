@@ -25,6 +25,7 @@
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 #include "support/callers.h"
+#include "support/locked.h"
 #include "support/log_capture.h"
 
 using std::chrono::steady_clock;
@@ -53,8 +54,7 @@ void send_message(const std::string& message) { EXPECT_TRUE(hdmi_sim::send_ueven
 void announce(const std::string& key) { send_message(uevent({"ACTION=change", "STATE=" + key})); }
 
 // A device under the test's control: a read waits for the test's permit or for the close.
-struct Capture {
-    std::mutex mutex;
+struct Capture : Locked {
     std::condition_variable changed;
     bool opened = false, opened_twice = false;
     int opens = 0, closes = 0, reads = 0, waiting = 0, permits = 0;
@@ -123,21 +123,18 @@ struct Capture {
     }
     template <typename T> T get(T Capture::*field)
     {
-        std::lock_guard lock(mutex);
-        return this->*field;
+        return locked([&] { return this->*field; });
     }
 };
 
-struct Host {
-    std::mutex mutex;
+struct Host : Locked {
     std::atomic<int> events{0};
     Changes changes;
     std::function<void()> on_event = [] {}, on_change = [] {};
 
     Changes seen()
     {
-        std::lock_guard lock(mutex);
-        return changes;
+        return locked([this] { return changes; });
     }
 };
 Host* g_host;
@@ -152,8 +149,7 @@ void host_event(hdmi_player_event_e event)
 void host_changed(bool changed, bool*)
 {
     g_host->on_change();
-    std::lock_guard lock(g_host->mutex);
-    g_host->changes.push_back(changed);
+    g_host->locked([&] { g_host->changes.push_back(changed); });
 }
 
 constexpr audio_input_config_t kConfig = {host_event, host_changed};

@@ -14,6 +14,7 @@
 #include "coded_audio.h"
 #include "eventually.h"
 #include "hdmi_sim.h"
+#include "locked.h"
 #include "player_host.h"
 
 using namespace std::chrono_literals;
@@ -128,7 +129,7 @@ struct Block {
 };
 
 // Takes, plays and keeps the sound; renders 60 frames a second, or none.
-class Host
+class Host : Locked
 {
 public:
     explicit Host(bool video, hdmi_player_ao_dev_e device = E_HDMI_PLAYER_AO_DEV_SPEAKER) : video_(video)
@@ -160,11 +161,6 @@ public:
         return eventually([flipped = g_flipped.load()] { return g_flipped > flipped + 10; });
     }
 
-    template <typename Action> auto locked(Action action)
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return action();
-    }
     std::vector<Block> blocks()
     {
         return locked([this] { return blocks_; });
@@ -232,7 +228,6 @@ private:
 
     const bool video_;
     std::atomic<bool> done_{false};
-    std::mutex mutex_;
     std::vector<Block> blocks_;
     std::thread audio_;
     std::thread render_;

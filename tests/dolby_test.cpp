@@ -20,6 +20,7 @@
 #include "support/blocked_call.h"
 #include "support/callers.h"
 #include "support/failing_threads.h"
+#include "support/locked.h"
 #include "support/log_capture.h"
 #include "support/source_queue.h"
 
@@ -70,8 +71,7 @@ const Bytes kPayload = make_payload(1536);
 const Bytes kBurst = ac3_burst(kPayload);
 
 // A decoder that records what it is given and gives out what the test prepares.
-struct FakeDecoder {
-    std::mutex mutex;
+struct FakeDecoder : Locked {
     Bytes written;
     int writes = 0, reads = 0;
     std::deque<Bytes> output;
@@ -93,10 +93,7 @@ struct FakeDecoder {
             inits += refuse_init ? 0 : 1;
             return refuse_init ? nullptr : reinterpret_cast<adecoder_handle_t*>(this);
         };
-        g_hooks.decoder_deinit = [this](adecoder_handle_t*) {
-            set(&FakeDecoder::deinits, get(&FakeDecoder::deinits) + 1);
-            return 0;
-        };
+        g_hooks.decoder_deinit = [this](adecoder_handle_t*) { return locked([this] { return ++deinits, 0; }); };
         g_hooks.decoder_write = [this](adecoder_handle_t*, const void* data, int32_t bytes, int32_t* out_status) {
             std::lock_guard<std::mutex> lock(mutex);
             *out_status = status;
@@ -124,13 +121,11 @@ struct FakeDecoder {
 
     template <typename Value> Value get(Value FakeDecoder::*field)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        return this->*field;
+        return locked([&] { return this->*field; });
     }
     template <typename Value> void set(Value FakeDecoder::*field, const std::common_type_t<Value>& value)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        this->*field = value;
+        locked([&] { this->*field = value; });
     }
 };
 

@@ -24,6 +24,7 @@
 #include "support/callers.h"
 #include "support/eventually.h"
 #include "support/failing_threads.h"
+#include "support/locked.h"
 #include "support/log_capture.h"
 
 namespace
@@ -65,11 +66,10 @@ std::string records(const char* level, const std::function<void()>& act)
 }
 
 /// The caller's side of the callbacks. Frames carry their pts; handles are not needed to tell them apart.
-struct FrameQueue {
+struct FrameQueue : Locked {
     using List = std::deque<int64_t>;
     using Frame = synchronizer_frame_info_t;
 
-    std::mutex mutex;
     List waiting;
     List flipped;
     List dropped;
@@ -77,11 +77,6 @@ struct FrameQueue {
     std::function<void()> after_peek = [] {}; ///< on the sync thread, unlocked
     std::function<void()> after_drop = [] {}; ///< the same
 
-    template <typename Action> auto locked(Action action)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return action();
-    }
     void push(int64_t pts) { append(waiting, static_cast<uint64_t>(pts)); }
     size_t size_of(const List& list)
     {

@@ -23,6 +23,7 @@
 #include "support/blocked_call.h"
 #include "support/callers.h"
 #include "support/gate.h"
+#include "support/locked.h"
 
 namespace
 {
@@ -43,8 +44,7 @@ hdmi_player_video_frame_t frame_of(int id, int64_t pts = 12345)
 }
 
 /// The host and the player's relays: what the module calls, in order.
-struct Host {
-    std::mutex mutex;
+struct Host : Locked {
     calls_t calls;
     std::vector<int64_t> flip_pts;
     std::function<void(int)> on_flip = [](int) {};
@@ -53,11 +53,6 @@ struct Host {
     std::function<void()> on_event = [] {};
     std::function<void()> on_audio_question = [] {};
 
-    template <typename Action> auto locked(Action action)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return action();
-    }
     void set_on_flip(std::function<void(int)> action)
     {
         locked([&] { on_flip = std::move(action); });
@@ -729,7 +724,7 @@ TEST_F(VideoTest, EndsWhileManyThreadsRenderWithoutPause)
 }
 
 /// What becomes of every frame that several threads and the flip callback render.
-class Account
+class Account : Locked
 {
 public:
     // Renders a new frame; the event that a reset raises comes on this thread.
@@ -738,8 +733,7 @@ public:
         hdmi_player_video_frame_t frame = frame_of(++last_id_);
         t_reset_raised = false;
         const bool taken = video_render(&frame) == 0 || t_reset_raised;
-        const std::lock_guard<std::mutex> lock(mutex_);
-        frames_[id_of(frame)] = {std::this_thread::get_id(), taken, 0};
+        locked([&] { frames_[id_of(frame)] = {std::this_thread::get_id(), taken, 0}; });
     }
     static void note_reset() { t_reset_raised = true; }
 
@@ -774,7 +768,6 @@ private:
     };
     static thread_local bool t_reset_raised;
     std::atomic<int> last_id_{1000};
-    std::mutex mutex_;
     std::map<int, Frame> frames_;
 };
 thread_local bool Account::t_reset_raised = false;
