@@ -766,7 +766,7 @@ TEST(TickRecord, TellsHowLateOneTickInAHundredWasAndTheWorst)
 TEST(Verdict, FaultOfTheSourceExplainsWhereItShowsAndNowhereElse)
 {
     const struct {
-        SourceTroubles troubles;
+        SourceFaults faults;
         Coding coding;
         bool raw;
         bool sound, pictures, sync; // explained
@@ -783,7 +783,7 @@ TEST(Verdict, FaultOfTheSourceExplainsWhereItShowsAndNowhereElse)
     };
     for (const auto& each : cases) {
         Result run = good_run();
-        run.source = each.troubles;
+        run.source = each.faults;
         run.source_rate = 48000;
         run.coding = each.coding;
         run.options.raw = each.raw;

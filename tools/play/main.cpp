@@ -331,7 +331,7 @@ void gather(const Host& host, const Source& source, const Display& display, cons
     result->opened_ns = host.opened_ns();
     result->fps = source.fps().value();
     result->source_rate = source.audio_rate();
-    result->source = source.troubles();
+    result->source = source.faults();
     result->stage = stage.stats();
     result->display = display.description();
     result->display_hz = display.refresh_hz();

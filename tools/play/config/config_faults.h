@@ -13,7 +13,7 @@ struct ConfigUse {
     bool cec = false;
 };
 
-/// The environment variable that stands over the key of a device.
+/// The environment variable that overrides the key of a device.
 std::string variable_of(const std::string& key);
 
 /**

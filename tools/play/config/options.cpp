@@ -60,7 +60,7 @@ constexpr double kDefaultProgrammeSeconds = 20;
 /// Six hours: a WAV file holds 4 GB.
 constexpr double kLongestSeconds = 21600;
 
-/// CLI::Range takes what is not a number for inside.
+/// A range that refuses "nan": CLI::Range accepts it.
 CLI::Validator in_range(double least, double most)
 {
     CLI::Range range(least, most);
@@ -269,7 +269,7 @@ bool parse_rate(const std::string& text, Rational* rate)
     }
     if (!(in >> value) || !in.eof() || !(value > 0) || value > kLargestRate)
         return false;
-    // Within half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
+    // Half of the last digit that people write: 23.976 and 23.98, 29.97, 59.94, 119.88.
     constexpr double kWritingError = 0.005;
     double whole = std::round(value);
     double ntsc = std::ceil(value) * 1000 / 1001;

@@ -16,15 +16,15 @@ namespace
 {
 
 constexpr int64_t kSecondNs = 1'000'000'000;
-/// Sound and picture that take longer than this from the source are not found again.
+/// Sound and picture are searched for up to this long after the source sent them.
 constexpr int64_t kLongestLatencyNs = kSecondNs;
-/// Sound that is looked for as a waveform: long enough to be unique, short enough to be heard at one speed.
+/// Length of the sound that is searched for: long enough to be unique, short enough for the clocks not to drift.
 constexpr int64_t kNeedleMs = 500;
 /// Places at which a film is measured: each takes some hundredths of a second to find.
 constexpr int64_t kMostInstants = 600;
-/// A resampler's phase and the onset's threshold may each move it by one frame.
+/// Frames by which a match may be out of place: a resampler's phase and the onset's threshold move it.
 constexpr double kPlaceTolerance = 4;
-/// A device in software may convert the rate on the way: a millisecond at 48 kHz, far below a lost block.
+/// The same where a device in software may convert the rate: a millisecond at 48 kHz, far below a lost block.
 constexpr double kConvertedTolerance = 48;
 constexpr int kChunkFrames = 4096;
 /// The coder overlaps its blocks: the first one of a decoder that begins in the middle of a stream is incomplete.
@@ -67,7 +67,7 @@ const Sighting* find_flash(const std::vector<Sighting>& sightings, const Source&
 {
     for (const Sighting& sighting : sightings) {
         int64_t since = source.frame_ns(sighting.number) - source_ns;
-        if (sighting.flash && since >= 0 && since < Programme::kStrokeNs)
+        if (sighting.flash && since >= 0 && since < Programme::kMarkDurationNs)
             return &sighting;
     }
     return nullptr;
@@ -186,8 +186,8 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
         int64_t sound_ns = source_time_of(match.source_sample, source.audio_rate());
         int64_t picture_ns = sound_ns;
         if (flashes) {
-            // A mark's beep starts at the sample next to it, that is at most one sample beside.
-            auto mark = std::lower_bound(marks.begin(), marks.end(), sound_ns - Programme::kStrokeNs / 2);
+            // A mark's beep starts at the next sample, at most one sample after the mark.
+            auto mark = std::lower_bound(marks.begin(), marks.end(), sound_ns - Programme::kMarkDurationNs / 2);
             if (mark == marks.end())
                 continue;
             picture_ns = *mark;
@@ -196,7 +196,8 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
             flashes ? find_flash(sightings, source, picture_ns) : find_picture(sightings, source, picture_ns);
         if (seen == nullptr)
             continue;
-        // A flash is seen with the first of its pictures that is shown; any other picture stands for its own time.
+        // A flash counts from its mark on, whichever of its pictures is seen first; another picture from its own time
+        // on.
         int64_t sent_ns = flashes ? picture_ns : source.frame_ns(seen->number);
         offsets.push_back({sound_ns, to_ms(recording.heard_ns(match.position) - clock.to_monotonic(sound_ns)),
                            to_ms(seen->seen_ns - clock.to_monotonic(sent_ns))});
@@ -250,7 +251,7 @@ int64_t samples_until(Coding coding, int64_t link_frames)
 /// Samples from @p sample to the first burst that begins with it or later.
 int64_t samples_to_burst(int64_t sample) { return ((-sample) % kBurstSamples + kBurstSamples) % kBurstSamples; }
 
-/// Frames that were written before number @p end, with the source's.
+/// Compares the frames that were written before number @p end with the source's.
 void compare_until(int64_t end, const Recording& recording, const Source& source, SampleCheck* check)
 {
     std::vector<int16_t> played(2 * kChunkFrames);

@@ -40,9 +40,9 @@ struct OffsetStatistics {
     int64_t count = 0;
     double mean_ms = 0;
     double deviation_ms = 0;
-    /// The offset that 95 % do not exceed, where how far an offset goes is its share of the R37 limit on its side.
+    /// The offset that 95 % do not exceed. Offsets are ordered by their share of the R37 limit on their side.
     double p95_ms = 0;
-    double worst_ms = 0; ///< by the same measure
+    double worst_ms = 0; ///< the last in the same order
     int64_t undetectable = 0;
     int64_t acceptable = 0; ///< detectable, yet acceptable
     int64_t unacceptable = 0;
@@ -65,7 +65,7 @@ struct SoundMatch {
     int64_t position; ///< in the recording
 };
 
-/// Beeps in the recording, each given to the source's one before it (sound does not come early from the source).
+/// Beeps in the recording. Each is matched with the last beep that the source had sent before it was heard.
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock);
 /// The sound of full seconds of the source (each, but of a long film some hundreds), found in the recording by its
 /// waveform.
@@ -73,7 +73,7 @@ std::vector<int64_t> waveform_instants(int64_t length_ns);
 std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
                                        int64_t length_ns);
 
-/// Offsets of those matches whose flash (@p flashes) or whose picture was seen, from @p from_ns on.
+/// Offsets of the matches whose picture was seen; with @p flashes, whose flash was seen.
 std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, const Recording& recording,
                                     const std::vector<Sighting>& sightings, const Source& source, SourceClock clock,
                                     bool flashes);
@@ -94,16 +94,16 @@ struct Cadence {
         return pictures > 0 ? static_cast<double>(excess_unseen + excess_repeats) / static_cast<double>(pictures) : 1;
     }
 };
-/// Numbers of the first and the last picture of a stretch of the programme.
+/// Numbers of the first and the last picture of a part of the programme.
 struct PictureRange {
     int64_t first;
     int64_t last;
 };
-/// @p sightings of the stretch that was @p due, and of what was seen beside it; @p vblanks_per_picture is refresh rate
-/// by frame rate.
+/// @p due: the pictures that should have been seen; @p sightings may reach beyond them. @p vblanks_per_picture is the
+/// refresh rate divided by the frame rate.
 Cadence measure_cadence(const std::vector<Sighting>& sightings, PictureRange due, double vblanks_per_picture);
 
-/// How far pictures were seen off the display's grid: each should come whole refreshes after the one before it.
+/// Distances between pictures that are not a whole number of refreshes: by how much they differ from one.
 struct GridError {
     double p99_us = 0;
     double worst_us = 0;
@@ -114,15 +114,15 @@ GridError measure_grid(const std::vector<Sighting>& sightings, double refresh_hz
 struct SampleCheck {
     bool same_rate = false;
     int64_t earlier = 0;             ///< frames played before the device was opened last: not judged
-    double first_source_sample = -1; ///< with which what is judged begins
+    double first_source_sample = -1; ///< the first one that is judged
     int64_t in = 0;                  ///< source samples from there to the last one captured
     int64_t out = 0;                 ///< frames played from there, without the silence behind the source's end
-    double missing = 0;              ///< frames that in x ratio is more than out
-    int64_t block = 0;               ///< frames that may be missing: a block, of coded sound a burst
+    double missing = 0;              ///< in x ratio - out, in frames
+    int64_t block = 0;               ///< frames that may be missing or too many: a block; of coded sound, a burst
     int64_t settling = 0;            ///< frames at its beginning that are not compared
     int64_t mismatches = 0;          ///< same rate: frames that differ from the source's
     int64_t first_mismatch = -1;
-    double worst_place = 0; ///< frames by which a match lies beside where it belongs
+    double worst_place = 0; ///< largest distance of a match from where it belongs, in frames
     bool exact = false;     ///< equal samples are demanded
     double place_tolerance = 0;
 

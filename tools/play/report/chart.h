@@ -16,7 +16,7 @@ namespace play
 class Scale
 {
 public:
-    /// @p least to @p most; what is no range becomes one around it.
+    /// @p least to @p most; if the two are equal, a range around them.
     Scale(double least, double most);
     /// From @p least to @p most, and further as far as @p values need, but not beyond @p lowest and @p highest.
     static Scale around(const std::vector<double>& values, double least, double most, double lowest, double highest);
@@ -26,7 +26,7 @@ public:
     bool contains(double value) const { return value >= least_ && value <= most_; }
     /// 0 to 1; values outside lie at the nearer end.
     double place(double value) const;
-    /// Likewise, but values outside lie outside, though not far.
+    /// The same, but values outside lie outside, by a little.
     double place_beyond(double value) const;
     /// Round values inside, some @p about of them.
     std::vector<double> ticks(int about) const;
@@ -40,21 +40,21 @@ private:
     double most_;
 };
 
-/// A stretch of a curve: what it covers there.
+/// A point of a curve, or the range of the values that it stands for.
 struct CurvePoint {
     double at_s;
     double least;
     double most;
 };
 
-/// What a reader who sees no chart is told.
+/// Text for a reader who cannot see the chart.
 struct ChartText {
     std::string id; ///< unique in the page
     std::string title;
     std::string description;
 };
 
-/// One chart: first what lies behind, then what lies before it.
+/// One chart. What is added later is drawn in front.
 class Chart
 {
 public:

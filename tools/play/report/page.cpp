@@ -29,17 +29,17 @@ constexpr int kChartPx = 240;
 constexpr size_t kMostBars = 16;
 /// The number stands beside it.
 constexpr double kLongestBar = 0.75;
-/// Dots that a chart can show, and rows that anybody reads.
+/// Most dots of a chart, and most rows of a table.
 constexpr size_t kMostDots = 1200;
 /// Offsets shown to the scale; those beyond are marked at its edge.
 constexpr double kOffsetLimitMs = 500;
 constexpr double kQueueLimitMs = 5000;
 constexpr double kDeviationLimitMs = 1000;
-/// Room beyond the outermost line, so that it is not the edge.
+/// Room beyond the outermost line, which would otherwise lie on the edge.
 constexpr double kBesideBandMs = 15;
-/// Smaller deviations of the clock are nothing to look at.
+/// The axis shows at least deviations of this size.
 constexpr double kLeastDeviationMs = 2;
-/// A curve is broken where the device was written nothing for so long.
+/// A curve is interrupted where nothing was written to the device for this long.
 constexpr double kCurveGapS = 0.5;
 
 double not_a_number() { return std::numeric_limits<double>::quiet_NaN(); }
@@ -353,7 +353,7 @@ Chart offset_chart(const Report& report)
     size_t room = kMostDots;
     for (size_t i = 0; i < values.size(); i++) {
         bool inside = values[i] <= kR37EarlyMs && values[i] >= kR37LateMs;
-        // Of very many, every n-th of the good ones.
+        // If there are very many, every n-th of those inside the limits.
         if ((inside && i % (1 + values.size() / kMostDots) != 0) || room == 0)
             continue;
         room--;

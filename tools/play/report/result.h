@@ -17,11 +17,11 @@
 namespace play
 {
 
-/// A disturbance of a real device, and when all was well again.
+/// A disturbance of a real device, and the silence that it caused.
 struct Recovery {
     std::string device; ///< "capture" or "playback"
     Disturbance disturbance;
-    Silence silence; ///< of it, at the edge
+    Silence silence; ///< around the disturbance, at the output
 };
 
 /// All that one run has shown.
@@ -30,7 +30,7 @@ struct Result {
     std::string programme;
     Coding coding = Coding::pcm; ///< of the sound on the link
     int source_rate = 0;         ///< Hz, of the sound's samples
-    SourceTroubles source;
+    SourceFaults source;
     bool realtime = false;
     std::string display;    ///< which one was used
     double display_hz = 60; ///< its vertical blanks per second

@@ -8,7 +8,7 @@
 namespace play
 {
 
-/// A stretch of the run as a chart: what happened when, a row for each kind.
+/// A part of the run as a chart: what happened when, a row for each kind.
 std::string timeline_chart(const Timeline& timeline);
 
 } // namespace play

@@ -17,7 +17,7 @@ using nlohmann::json;
 constexpr size_t kCurvePoints = 600;
 /// Blocks that the player may discard between two that it plays: its output queue.
 constexpr size_t kLongestDiscard = 256;
-/// A slope that a few readings more would not turn around.
+/// Least time of a slope that a few more readings would not reverse.
 constexpr double kShortestDriftS = 5;
 constexpr double kTimelineS = 1;
 
@@ -90,7 +90,8 @@ std::vector<BlockView> view_blocks(const Trace& trace, const TraceScope& scope, 
     return blocks;
 }
 
-/// Each serial has a zero of its own: its clock is held against where it lies most of the time, settled if it ever is.
+/// Each serial has a zero of its own: its clock is compared with the median of its own readings, of the settled ones
+/// if there are any.
 void find_deviations(std::vector<BlockView>* blocks, const TraceScope& scope)
 {
     std::map<int32_t, std::vector<double>> all;
@@ -253,7 +254,7 @@ std::vector<double> counts_by_second(const std::vector<double>& times, double fr
     return counts;
 }
 
-/// Of the settled seconds, one in which as much happened as in most; of several, the one nearest to the middle.
+/// A settled second with the most common number of events; of several, the one nearest to the middle.
 double typical_second(const std::vector<std::vector<double>>& kinds, const TraceScope& scope)
 {
     double from_s = std::ceil(scope.settled_s);

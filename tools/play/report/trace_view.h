@@ -27,7 +27,7 @@ struct BlockView {
     double length_ms;
     std::optional<double> queue_ms; ///< what the device had to play then
     std::optional<double> clock_s;  ///< the time stamp being heard then: at the end of what was written, less the queue
-    /// The clock against the source's: how far it was ahead of where it is by the median of its serial.
+    /// How far the clock was ahead of the source's, compared with the median of its serial.
     std::optional<double> deviation_ms;
     int32_t serial;
 };
@@ -52,7 +52,7 @@ struct MeetingView {
     double offset_ms; ///< positive: the sound came first
 };
 
-/// A stretch of the run in all its detail.
+/// A part of the run in all its detail.
 struct Timeline {
     double from_s = 0;
     double to_s = 0;
@@ -95,13 +95,13 @@ struct TraceView {
     Timeline timeline;
 };
 
-/// What is to be seen of a run.
+/// What of a run the charts show, and how its times are read.
 struct TraceScope {
     std::function<double(int64_t monotonic_ns)> source_s;
     int64_t player_opened_ns = 0;
     double settled_s = 0;             ///< from then on figures count
     double end_s = 0;                 ///< to there
-    std::optional<double> timeline_s; ///< where the timeline is to begin; nothing: at a second like most
+    std::optional<double> timeline_s; ///< where the timeline is to begin; nothing: at a typical second
     bool flashes = false;             ///< the source marks its instants with flashes
     bool paced = true;                ///< the display has vertical blanks
     int64_t display_latency_ns = 0;   ///< from the vertical blank to light

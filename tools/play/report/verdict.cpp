@@ -89,7 +89,7 @@ bool passed_on_throughout(const Result& result)
     return static_cast<double>(bypass.frames) >= seconds * bypass.rate;
 }
 
-// The sound goes past the player, and its pictures free of it.
+// The bursts bypass the player, and its pictures run without regard to the sound.
 void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
 {
     constexpr int64_t kStartNs = 1'000'000'000;
@@ -148,7 +148,7 @@ void judge_ends(const Result& result, std::vector<Verdict>* verdicts)
 
 std::string fault_of_source(const Result& result, Subject subject)
 {
-    const SourceTroubles& source = result.source;
+    const SourceFaults& source = result.source;
     bool of_sound = subject == Subject::sound || subject == Subject::sync;
     // Decoded here, damaged sound is silence to the player, and silence it must play as it is.
     bool coded = result.coding != Coding::pcm;

@@ -9,18 +9,18 @@ namespace
 {
 
 constexpr int64_t kGatherNs = 500'000'000;
-/// A device in software guesses at first: what it says in this time is used until there is better.
+/// A device in software guesses its delay at first: readings from this time count only until there are later ones.
 constexpr int64_t kSettlingNs = 250'000'000;
-/// Of the words of half a second, so many are earlier than the one that counts: a single one may be wrong.
+/// From the readings of half a second the one with this index counts, in order of lateness: a single one may be wrong.
 constexpr size_t kEarlyShare = 8;
-/// From this length on, the drift is more than what the anchors' own error makes of it.
+/// Drift is computed from this length on: before, the error of the anchors is larger.
 constexpr double kDriftKnownNs = 4e9;
-/// No device drifts by more than half a per mille: what looks like it is a leap.
+/// No device drifts by more than half a per mille: a larger difference is a jump of its delay.
 constexpr double kMostDrift = 500e-6;
 
-/// Those of an hour.
+/// Room for the anchors of an hour.
 constexpr size_t kAnchorsAhead = 3600 * 2;
-/// Of half a second: a device's periods are longer than a millisecond.
+/// Room for the readings of half a second: a device's periods are longer than a millisecond.
 constexpr size_t kWordsAhead = 512;
 
 } // namespace

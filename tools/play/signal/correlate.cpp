@@ -12,23 +12,23 @@ namespace
 
 using Spectrum = std::vector<std::complex<float>>;
 
-/// Below this mean square (of both channels, in units of 16-bit samples) there is not even the noise of a dithered
-/// silence.
+/// Mean square of both channels, in units of 16-bit samples: even dithered silence has more.
 constexpr double kSilentMeanSquare = 0.1;
 /// Bins weaker than this part of the strongest carry rounding noise rather than signal.
 constexpr float kWeakestBin = 1e-6f;
-/// Places that are looked at closely: the highest peaks of either kind of correlation.
+/// Number of candidates: the highest peaks of each of the two correlations.
 constexpr size_t kCandidatesEach = 64;
-/// Likeness below which a place is not the sound that is looked for.
+/// Least correlation coefficient of a match.
 constexpr double kLeastLikeness = 0.8;
-/// A rival of the best place is one that is not unlike the needle by so much, and so many times what the best one is.
-constexpr double kUnlikenessFloor = 0.002;
-constexpr double kUnlikenessRatio = 3;
-/// Rivals are told apart by their faint frequencies, unless one reaches this part of another there as well.
+/// Rivals of the best match: places whose dissimilarity is at most floor + ratio x the best place's.
+constexpr double kDissimilarityFloor = 0.002;
+constexpr double kDissimilarityRatio = 3;
+/// The whitened correlation decides between rivals. If the second highest peak reaches this part of the highest, the
+/// place is ambiguous.
 constexpr float kAmbiguousRatio = 0.7f;
 /// Peaks of the two correlations this close together are one place.
 constexpr size_t kSamePlace = 2;
-/// Part of the samples at either end that fades, lest the cut edges of the two be taken for a likeness.
+/// Part of the samples that is faded in and out, so that the cut edges do not correlate.
 constexpr double kHaystackFade = 0.02;
 constexpr double kNeedleFade = 0.5;
 /// In-place radix-2 transform; the size is a power of two.
@@ -133,7 +133,7 @@ double likeness_near(const std::vector<float>& haystack, const std::vector<float
     return peak ? std::min(1.0, here + (after - before) * (after - before) / (8 * bend)) : here;
 }
 
-/// The correlations of both as they are, and with all frequencies of the needle made equally strong.
+/// Two correlations: of the sounds as they are, and whitened, with all frequencies of the needle equally strong.
 std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const std::vector<float>& needle)
 {
     size_t size = 1;
@@ -171,8 +171,8 @@ std::vector<Candidate> find_candidates(const std::vector<float>& haystack, const
     return candidates;
 }
 
-/// Of places that are equally like the needle, the one that its faint frequencies speak for.
-std::optional<size_t> settle(std::vector<Candidate> rivals)
+/// The rival with the highest peak of the whitened correlation; nothing if the second one is nearly as high.
+std::optional<size_t> choose(std::vector<Candidate> rivals)
 {
     if (rivals.size() > 1) {
         std::partial_sort(rivals.begin(), rivals.begin() + 2, rivals.end(),
@@ -195,12 +195,12 @@ std::optional<int64_t> find_in(const std::vector<float>& haystack, const std::ve
         best = std::max(best, candidate.likeness);
     if (best < kLeastLikeness)
         return std::nullopt;
-    double unlikeness = kUnlikenessFloor + kUnlikenessRatio * (1 - best);
+    double most_dissimilar = kDissimilarityFloor + kDissimilarityRatio * (1 - best);
     std::vector<Candidate> rivals;
     for (const Candidate& candidate : candidates)
-        if (1 - candidate.likeness <= unlikeness)
+        if (1 - candidate.likeness <= most_dissimilar)
             rivals.push_back(candidate);
-    std::optional<size_t> place = settle(std::move(rivals));
+    std::optional<size_t> place = choose(std::move(rivals));
     return place ? std::optional<int64_t>(static_cast<int64_t>(*place)) : std::nullopt;
 }
 

@@ -9,7 +9,7 @@ namespace play
 
 /**
  * Finds where beeps start in a stream of stereo samples: the first sample of
- * the left channel at half of the beep's peak or more, after a stretch in
+ * the left channel at half of the beep's peak or more, after a time in
  * which none came near it.
  */
 class OnsetDetector

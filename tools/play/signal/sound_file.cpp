@@ -18,11 +18,12 @@ namespace
 
 constexpr int64_t kRingSeconds = 8;
 constexpr useconds_t kLookAgainUs = 50'000;
-/// Far beyond what a device's word jitters by, and below what a disturbance costs.
+/// Difference from the run's times that begins another run: a device's readings jitter by far less, and a
+/// disturbance costs more.
 constexpr int64_t kOtherRunNs = 20'000'000;
-/// A device that mixes in software errs at times; not so often in a row.
+/// Readings in a row that must differ so: a device that mixes in software is wrong at times, but not so often.
 constexpr size_t kStraysOfARun = 4;
-/// Short against the half second between the points by which a run's time is known: no block leaps.
+/// Times of a run are known at points half a second apart. Blocks are much shorter, so that none jumps.
 constexpr int64_t kBlockFrames = 960;
 
 } // namespace

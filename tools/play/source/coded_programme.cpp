@@ -5,9 +5,9 @@
 #include <cstdlib>
 
 #include "signal/onset.h"
+#include "source/av_owned.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
 #include <libavutil/channel_layout.h>
 }
 
@@ -20,20 +20,13 @@ constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int64_t kBitRate = 192'000;
 /// The encoder's scale of full amplitude.
 constexpr float kFullScale = 32768;
-/// By which the coder may move a beep's onset.
+/// The coder may move a beep's onset by this much.
 constexpr int64_t kMostSmearMs = 5;
 
-struct Freed {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
-};
-template <typename T> using Owned = std::unique_ptr<T, Freed>;
-
-Owned<AVCodecContext> open_encoder(Coding coding, int rate)
+AvOwned<AVCodecContext> open_encoder(Coding coding, int rate)
 {
     const AVCodec* codec = avcodec_find_encoder(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3);
-    Owned<AVCodecContext> encoder(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
+    AvOwned<AVCodecContext> encoder(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
     if (!encoder)
         return nullptr;
     encoder->sample_rate = rate;
@@ -46,9 +39,9 @@ Owned<AVCodecContext> open_encoder(Coding coding, int rate)
 }
 
 // A frame of the programme from sample @p first on.
-Owned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& programme, int64_t first)
+AvOwned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& programme, int64_t first)
 {
-    Owned<AVFrame> frame(av_frame_alloc());
+    AvOwned<AVFrame> frame(av_frame_alloc());
     if (!frame)
         return nullptr;
     frame->nb_samples = encoder.frame_size;
@@ -84,14 +77,14 @@ std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_ra
 
 bool CodedProgramme::encode(int64_t samples)
 {
-    Owned<AVCodecContext> encoder = open_encoder(track_.coding(), audio_rate());
-    Owned<AVPacket> packet(av_packet_alloc());
+    AvOwned<AVCodecContext> encoder = open_encoder(track_.coding(), audio_rate());
+    AvOwned<AVPacket> packet(av_packet_alloc());
     if (!encoder || !packet)
         return false;
     // The coder overlaps its blocks: what goes in as sample n comes out of a decoder this much later.
     int64_t first = encoder->initial_padding;
     for (; track_.samples() < samples; first += encoder->frame_size) {
-        Owned<AVFrame> frame = make_frame(*encoder, programme_, first);
+        AvOwned<AVFrame> frame = make_frame(*encoder, programme_, first);
         if (!frame || avcodec_send_frame(encoder.get(), frame.get()) < 0)
             return false;
         while (avcodec_receive_packet(encoder.get(), packet.get()) >= 0) {

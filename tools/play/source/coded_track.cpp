@@ -5,10 +5,9 @@
 #include <vector>
 
 #include "signal/rate_conversion.h"
+#include "source/av_owned.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/crc.h>
 #include <libavutil/opt.h>
 }
@@ -22,20 +21,6 @@ constexpr int kIoBufferBytes = 4096;
 constexpr size_t kLinkFrameBytes = 4;
 /// Demanded by the muxer for E-AC-3, whose bursts do not depend on it.
 constexpr int kMuxerRate = 48000;
-
-struct Freed {
-    void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
-    void operator()(AVFrame* frame) const { av_frame_free(&frame); }
-    void operator()(SwrContext* converter) const { swr_free(&converter); }
-    void operator()(AVFormatContext* muxer) const
-    {
-        if (muxer->pb != nullptr)
-            av_freep(&muxer->pb->buffer);
-        avio_context_free(&muxer->pb);
-        avformat_free_context(muxer);
-    }
-};
-template <typename T> using Owned = std::unique_ptr<T, Freed>;
 
 #if LIBAVFORMAT_VERSION_MAJOR >= 61
 using Written = const uint8_t;
@@ -58,7 +43,7 @@ bool is_intact(const AVPacket& packet, Coding coding)
     int at = 0;
     while (packet.size - at >= kHeaderBytes) {
         const uint8_t* frame = packet.data + at;
-        // E-AC-3 tells words less one; a packet of AC-3 is one frame.
+        // E-AC-3 has the number of 16-bit words minus one; a packet of AC-3 is one frame.
         int bytes = coding == Coding::eac3 ? 2 * (((frame[2] & 7) << 8 | frame[3]) + 1) : packet.size;
         if (bytes > packet.size - at || av_crc(av_crc_get_table(AV_CRC_16_ANSI), 0, frame + kSyncBytes,
                                                static_cast<size_t>(bytes - kSyncBytes)) != 0)
@@ -76,9 +61,9 @@ bool is_damaged(const AVFrame& frame)
 }
 
 struct CodedTrack::Codecs {
-    Owned<AVFormatContext> muxer;
-    Owned<AVCodecContext> decoder;
-    Owned<AVFrame> frame{av_frame_alloc()};
+    AvOwned<AVFormatContext> muxer;
+    AvOwned<AVCodecContext> decoder;
+    AvOwned<AVFrame> frame{av_frame_alloc()};
     std::vector<uint8_t> muxed; ///< bytes of a burst that is not complete yet
     std::vector<int16_t> stereo;
 
@@ -129,7 +114,7 @@ bool CodedTrack::add(AVPacket* packet)
     return store_bursts() && keep_in_step();
 }
 
-/// For a burst that the muxer did not make zeros pass: what follows keeps its place.
+/// Zeros take the place of a burst that the muxer did not make: what follows keeps its place.
 bool CodedTrack::keep_in_step()
 {
     int64_t missing = (sound_.frames() - samples()) / kBurstSamples;
@@ -143,7 +128,7 @@ int64_t CodedTrack::payload_bytes(const uint8_t* burst) const
     return coding_ == Coding::eac3 ? length : length / 8;
 }
 
-// Of a burst only what comes before its stuffing takes room on the disk.
+// Only the part of a burst before its stuffing takes room on the disk.
 bool CodedTrack::store_bursts()
 {
     std::vector<uint8_t>& muxed = codecs_->muxed;
@@ -174,7 +159,7 @@ bool CodedTrack::store_decoded(AVPacket* packet)
     while (avcodec_receive_frame(codecs.decoder.get(), frame) >= 0) {
         damaged = damaged || is_damaged(*frame);
         // Made anew each time: layout and levels may change with any frame.
-        Owned<SwrContext> converter(make_downmixer(frame));
+        AvOwned<SwrContext> converter(make_downmixer(frame));
         codecs.stereo.assign(static_cast<size_t>(2 * frame->nb_samples), 0);
         auto* bytes = reinterpret_cast<uint8_t*>(codecs.stereo.data());
         if (converter)

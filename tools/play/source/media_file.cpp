@@ -7,12 +7,10 @@
 #include <cstdio>
 
 #include "signal/rate_conversion.h"
+#include "source/av_owned.h"
 
 extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
-#include <libswscale/swscale.h>
 }
 
 namespace play
@@ -20,40 +18,22 @@ namespace play
 namespace
 {
 
-/// Pictures decoded ahead: small ones, a few megabytes in all; and with images, some two hundred.
+/// Pictures decoded ahead: a few megabytes without images, some two hundred with them.
 constexpr size_t kPicturesAhead = 600;
 constexpr size_t kImagesAhead = 50;
-/// Sound decoded ahead of the pictures, in a file that keeps the two far apart; less of it where images pile up for it.
+/// Sound decoded ahead of the pictures, in a file that stores the two far apart; less with images, which would wait in
+/// memory for it.
 constexpr int64_t kSoundAheadNs = 2'000'000'000;
 constexpr int64_t kSoundAheadOfImagesNs = 600'000'000;
 /// Larger images are left to the display to enlarge.
 constexpr Size kLargestImage{1280, 720};
-/// Of pictures and of sound: enough to start with. With less, not even the first full second could be measured.
+/// Pictures and sound that must be decoded before the start: with less, not even the first full second is measured.
 constexpr int64_t kLeastNs = 1'600'000'000;
-/// Gaps between sound packets that are rounding of their time stamps rather than missing sound.
+/// Shorter gaps between packets of sound come from rounded time stamps, not from missing sound.
 constexpr int64_t kGapMs = 100;
 constexpr int64_t kSecondNs = 1'000'000'000;
-/// Distances between pictures up to this many times that of the frame rate are rounding of their time stamps.
+/// Pictures are missing where two are further apart than this many frame durations.
 constexpr double kGapInPictures = 1.5;
-
-struct FormatCloser {
-    void operator()(AVFormatContext* p) const { avformat_close_input(&p); }
-};
-struct CodecFreer {
-    void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
-};
-struct FrameFreer {
-    void operator()(AVFrame* p) const { av_frame_free(&p); }
-};
-struct PacketFreer {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct ConverterFreer {
-    void operator()(SwrContext* p) const { swr_free(&p); }
-};
-struct ScalerFreer {
-    void operator()(SwsContext* p) const { sws_freeContext(p); }
-};
 
 std::string av_text(int code)
 {
@@ -74,21 +54,21 @@ int64_t to_ns(int64_t time, AVRational base) { return av_rescale_q(time, base, {
 } // namespace
 
 struct MediaDecoders {
-    std::unique_ptr<AVFormatContext, FormatCloser> format;
-    std::unique_ptr<AVCodecContext, CodecFreer> video;
-    std::unique_ptr<AVCodecContext, CodecFreer> audio;
-    std::unique_ptr<SwsContext, ScalerFreer> scaler;
-    std::unique_ptr<SwsContext, ScalerFreer> image_scaler;
-    std::unique_ptr<SwrContext, ConverterFreer> converter;
-    std::unique_ptr<AVFrame, FrameFreer> frame{av_frame_alloc()};
-    std::unique_ptr<AVPacket, PacketFreer> packet{av_packet_alloc()};
+    AvOwned<AVFormatContext> format;
+    AvOwned<AVCodecContext> video;
+    AvOwned<AVCodecContext> audio;
+    AvOwned<SwsContext> scaler;
+    AvOwned<SwsContext> image_scaler;
+    AvOwned<SwrContext> converter;
+    AvOwned<AVFrame> frame{av_frame_alloc()};
+    AvOwned<AVPacket> packet{av_packet_alloc()};
     int video_index = -1;
     int audio_index = -1;
     int64_t start_ns = 0;      ///< the file's time at our zero
     int64_t next_video_ns = 0; ///< for pictures without a time stamp
     std::vector<int16_t> converted;
 
-    std::string open_stream(AVMediaType type, int* index, std::unique_ptr<AVCodecContext, CodecFreer>* codec)
+    std::string open_stream(AVMediaType type, int* index, AvOwned<AVCodecContext>* codec)
     {
         const char* name = av_get_media_type_string(type);
         for (unsigned i = 0; i < format->nb_streams && *index < 0; i++)
@@ -219,24 +199,24 @@ void MediaFile::note_starved(bool complete) const
     if (complete)
         return;
     std::lock_guard<std::mutex> lock(mutex_);
-    troubles_.starved += ended_ ? 0 : 1;
+    faults_.starved += ended_ ? 0 : 1;
 }
 
-void MediaFile::note(int64_t SourceTroubles::*trouble)
+void MediaFile::note(int64_t SourceFaults::*fault)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    troubles_.*trouble += 1;
+    faults_.*fault += 1;
 }
 
-SourceTroubles MediaFile::troubles() const
+SourceFaults MediaFile::faults() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    SourceTroubles troubles = troubles_;
+    SourceFaults faults = faults_;
     if (track_) {
-        troubles.damaged_sound += track_->damaged();
-        troubles.largest_burst = track_->largest_burst();
+        faults.damaged_sound += track_->damaged();
+        faults.largest_burst = track_->largest_burst();
     }
-    return troubles;
+    return faults;
 }
 
 int64_t MediaFile::sound_ns() const { return (track_ ? track_->samples() : sound_.frames()) * kSecondNs / audio_rate_; }
@@ -245,7 +225,7 @@ bool MediaFile::next_video(VideoFrame* frame)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     if (pictures_.empty() && !ended_) {
-        troubles_.starved++;
+        faults_.starved++;
         changed_.wait(lock, [this] { return !pictures_.empty() || ended_; });
     }
     if (pictures_.empty())
@@ -274,13 +254,12 @@ void MediaFile::decode_thread()
     AVPacket* packet = decoders.packet.get();
     while (opened && av_read_frame(decoders.format.get(), packet) >= 0) {
         wait_for_demand();
-        if (packet->stream_index == decoders.video_index &&
-            send(decoders.video.get(), &SourceTroubles::damaged_pictures))
+        if (packet->stream_index == decoders.video_index && send(decoders.video.get(), &SourceFaults::damaged_pictures))
             take_video();
         if (packet->stream_index == decoders.audio_index && track_)
             take_coded();
         else if (packet->stream_index == decoders.audio_index &&
-                 send(decoders.audio.get(), &SourceTroubles::damaged_sound))
+                 send(decoders.audio.get(), &SourceFaults::damaged_sound))
             take_audio();
         av_packet_unref(packet);
         std::lock_guard<std::mutex> lock(mutex_);
@@ -296,7 +275,7 @@ void MediaFile::decode_thread()
 }
 
 /// Gives the packet to @p decoder. A damaged one is the decoder's to skip: what follows it may be whole.
-bool MediaFile::send(AVCodecContext* decoder, int64_t SourceTroubles::*damage)
+bool MediaFile::send(AVCodecContext* decoder, int64_t SourceFaults::*damage)
 {
     if (avcodec_send_packet(decoder, decoders_->packet.get()) >= 0)
         return true;
@@ -305,7 +284,7 @@ bool MediaFile::send(AVCodecContext* decoder, int64_t SourceTroubles::*damage)
 }
 
 /// The next frame of @p decoder, false if it has none now.
-bool MediaFile::receive(AVCodecContext* decoder, int64_t SourceTroubles::*damage)
+bool MediaFile::receive(AVCodecContext* decoder, int64_t SourceFaults::*damage)
 {
     AVFrame* frame = decoders_->frame.get();
     int result = avcodec_receive_frame(decoder, frame);
@@ -348,7 +327,7 @@ void MediaFile::take_coded()
         int64_t gap_ns = at_ns - sound_ns();
         if (gap_ns > kGapMs * kSecondNs / 1000) {
             track_->add_gap(gap_ns * audio_rate_ / kSecondNs);
-            note(&SourceTroubles::damaged_sound);
+            note(&SourceFaults::damaged_sound);
         }
     }
     track_->add(packet);
@@ -360,7 +339,7 @@ void MediaFile::take_video()
 {
     MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
-    while (receive(decoders.video.get(), &SourceTroubles::damaged_pictures)) {
+    while (receive(decoders.video.get(), &SourceFaults::damaged_pictures)) {
         VideoFrame out = {};
         out.source_ns = decoders.next_video_ns;
         if (frame->best_effort_timestamp != AV_NOPTS_VALUE)
@@ -375,7 +354,7 @@ void MediaFile::take_video()
         if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
             continue;
         if (!frame_times_.empty() && out.source_ns - frame_times_.back() > kGapInPictures * picture_ns())
-            troubles_.picture_gaps++;
+            faults_.picture_gaps++;
         out.number = static_cast<int64_t>(frame_times_.size());
         write_number(&out.picture, out.number);
         frame_times_.push_back(out.source_ns);
@@ -387,7 +366,7 @@ void MediaFile::take_video()
 void MediaFile::make_field(Picture* picture)
 {
     const AVFrame& frame = *decoders_->frame;
-    std::unique_ptr<SwsContext, ScalerFreer>& scaler = decoders_->scaler;
+    AvOwned<SwsContext>& scaler = decoders_->scaler;
     scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
                                       static_cast<AVPixelFormat>(frame.format), Picture::kWidth, Picture::kFieldHeight,
                                       AV_PIX_FMT_GRAY8, SWS_POINT, nullptr, nullptr, nullptr));
@@ -405,7 +384,7 @@ std::shared_ptr<const Image> MediaFile::make_image()
     double width = pixel.num > 0 && pixel.den > 0 ? frame.width * av_q2d(pixel) : frame.width;
     Size box{std::min(image_box_.width, kLargestImage.width), std::min(image_box_.height, kLargestImage.height)};
     Size size = fit(width, frame.height, box);
-    std::unique_ptr<SwsContext, ScalerFreer>& scaler = decoders_->image_scaler;
+    AvOwned<SwsContext>& scaler = decoders_->image_scaler;
     const SwsContext* before = scaler.get();
     scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
                                       static_cast<AVPixelFormat>(frame.format), size.width, size.height,
@@ -413,7 +392,7 @@ std::shared_ptr<const Image> MediaFile::make_image()
     if (!scaler)
         return nullptr;
     if (scaler.get() != before) {
-        // Without a word about its colours a large picture has those of HDTV.
+        // Unless a large picture names its colours, they are those of HDTV.
         constexpr int kSdHeight = 576;
         int colours = frame.colorspace != AVCOL_SPC_UNSPECIFIED ? static_cast<int>(frame.colorspace)
                       : frame.height > kSdHeight                ? SWS_CS_ITU709
@@ -436,7 +415,7 @@ void MediaFile::take_audio()
 {
     MediaDecoders& decoders = *decoders_;
     AVFrame* frame = decoders.frame.get();
-    while (receive(decoders.audio.get(), &SourceTroubles::damaged_sound)) {
+    while (receive(decoders.audio.get(), &SourceFaults::damaged_sound)) {
         if (!decoders.converter)
             decoders.converter.reset(make_converter(frame, audio_rate_));
         if (!decoders.converter)
@@ -448,7 +427,7 @@ void MediaFile::take_audio()
             int64_t gap = at_ns * audio_rate_ / kSecondNs - sound_.frames();
             bool hole = gap > kGapMs * audio_rate_ / 1000;
             if (hole && sound_.frames() > 0)
-                note(&SourceTroubles::damaged_sound);
+                note(&SourceFaults::damaged_sound);
             if (hole || (sound_.frames() == 0 && gap > 0))
                 sound_.append_silence(gap);
             else if (sound_.frames() == 0)

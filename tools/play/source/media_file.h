@@ -51,7 +51,7 @@ public:
     bool next_video(VideoFrame* frame) override;
     int64_t frame_ns(int64_t number) const override;
     std::vector<int64_t> marks() const override { return {}; }
-    SourceTroubles troubles() const override;
+    SourceFaults faults() const override;
     std::string description() const override { return description_; }
     double stated_seconds() const override { return stated_seconds_; }
 
@@ -68,10 +68,10 @@ private:
     void drain_decoders();
     int64_t sound_ns() const;
     int64_t picture_ns() const { return 1'000'000'000 * fps_.den / fps_.num; }
-    bool send(AVCodecContext* decoder, int64_t SourceTroubles::*damage);
-    bool receive(AVCodecContext* decoder, int64_t SourceTroubles::*damage);
+    bool send(AVCodecContext* decoder, int64_t SourceFaults::*damage);
+    bool receive(AVCodecContext* decoder, int64_t SourceFaults::*damage);
     void note_starved(bool complete) const;
-    void note(int64_t SourceTroubles::*trouble);
+    void note(int64_t SourceFaults::*fault);
     bool past_the_end(int64_t source_ns) const { return length_ns_ > 0 && source_ns >= length_ns_; }
 
     std::unique_ptr<MediaDecoders> decoders_;
@@ -91,7 +91,7 @@ private:
     std::vector<int64_t> frame_times_; ///< of every picture so far
     bool ended_ = false;
     bool stop_ = false;
-    mutable SourceTroubles troubles_;
+    mutable SourceFaults faults_;
 };
 
 } // namespace play

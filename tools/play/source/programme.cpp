@@ -44,7 +44,7 @@ int16_t Programme::sample(int64_t number, int channel) const
     }
     int64_t since = number - beeps_[second];
     // Sound and picture of second 0 come while the player starts.
-    if (second > 0 && since * kSecondNs < kStrokeNs * audio_rate_) {
+    if (second > 0 && since * kSecondNs < kMarkDurationNs * audio_rate_) {
         double phase = 2 * M_PI * kBeepHz * static_cast<double>(since) / audio_rate_;
         value += static_cast<int>(std::lrint(kBeepPeak * std::cos(phase)));
     }
@@ -74,7 +74,7 @@ bool Programme::next_video(VideoFrame* frame)
         return false;
     int64_t second = frame->number * fps_.den / fps_.num;
     int64_t since_mark = frame->source_ns - frame_ns(mark_frame(second));
-    bool flash = second > 0 && since_mark >= 0 && since_mark < kStrokeNs;
+    bool flash = second > 0 && since_mark >= 0 && since_mark < kMarkDurationNs;
     write_number(&frame->picture, frame->number);
     fill_field(&frame->picture, flash ? Picture::kWhite : Picture::kBlack);
     next_frame_++;

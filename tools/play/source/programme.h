@@ -18,7 +18,7 @@ public:
     static constexpr double kBeepHz = 1000;
     static constexpr int16_t kBeepPeak = 16384;
     static constexpr int16_t kNoisePeak = 16;
-    static constexpr int64_t kStrokeNs = 50'000'000; ///< length of flash and beep
+    static constexpr int64_t kMarkDurationNs = 50'000'000; ///< length of flash and beep
 
     Programme(int audio_rate, Rational fps, int64_t length_ns);
 

@@ -66,8 +66,8 @@ constexpr int kBurstSamples = 1536;
 constexpr int link_frames_per_sample(Coding coding) { return coding == Coding::eac3 ? 4 : 1; }
 constexpr int64_t burst_link_frames(Coding coding) { return int64_t{kBurstSamples} * link_frames_per_sample(coding); }
 
-/// What a source did not send as a player may expect it.
-struct SourceTroubles {
+/// What is wrong with what a source sent.
+struct SourceFaults {
     int64_t starved = 0;          ///< times that sound or picture was due before it was decoded
     int64_t damaged_sound = 0;    ///< packets of sound that are damaged, and holes between them
     int64_t damaged_pictures = 0; ///< packets or pictures that are damaged
@@ -112,7 +112,7 @@ public:
     virtual std::vector<int64_t> marks() const = 0;
     /// Samples with which the sounds of the marks begin, in the same order.
     virtual std::vector<int64_t> onsets() const { return {}; }
-    virtual SourceTroubles troubles() const { return {}; }
+    virtual SourceFaults faults() const { return {}; }
     virtual std::string description() const = 0;
     /// How long it says that it is; 0: it does not say.
     virtual double stated_seconds() const { return 0; }
