@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/callers.h"
+#include "support/eventually.h"
 #include "support/log_capture.h"
 
 namespace
@@ -96,18 +98,15 @@ TEST(Common, TheLevelIsReadAtEveryMessageAndGuardsTheArguments)
 
 TEST(Common, RecordsOfDifferentThreadsDoNotInterleave)
 {
-    const std::string text = logged("2", [] {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([] {
-                for (int n = 0; n < 500; ++n)
-                    console_print(LOG_LEVEL_E, "%s%s", "begin ", "end\n");
-            });
-        }
-        for (std::thread& thread : threads)
-            thread.join();
+    int records = 0;
+    const std::string text = logged("2", [&records] {
+        Callers callers;
+        callers.run([](int) { console_print(LOG_LEVEL_E, "%s%s", "begin ", "end\n"); }, 4);
+        EXPECT_TRUE(eventually([&] { return callers.calls() >= 2000; }));
+        callers.stop();
+        records = callers.calls();
     });
-    EXPECT_EQ(occurrences(text, " E begin end\n\033[0m\033[0;31m["), 4 * 500 - 1);
+    EXPECT_EQ(occurrences(text, " E begin end\n\033[0m\033[0;31m["), records - 1);
 }
 
 TEST(Common, DeadlinesCarryNanosecondsIntoSecondsAndReachAsFarAsAsked)

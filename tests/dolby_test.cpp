@@ -243,6 +243,7 @@ TEST(BurstParser, AChunkWithoutABurstOrAFailedSendIsReportedAndTheNextGoodBurstI
     };
     EXPECT_EQ(-1, feed(Bytes(kChunk)));
     EXPECT_EQ(-1, dolby_disassemble_iec61937(&info, nullptr, kChunk));
+    EXPECT_EQ(-1, feed(join({make_burst(21, 0, {}, 24576), kBurst}))) << "a burst of nothing";
     EXPECT_EQ(0, feed(part_of(kBurst, 0, 1000)));
     EXPECT_EQ(0, feed(Bytes())) << "inside a burst";
     decoder.accept = -5;

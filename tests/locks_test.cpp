@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/blocked_call.h"
+#include "support/callers.h"
 #include "support/log_capture.h"
 
 namespace
@@ -73,35 +74,26 @@ TEST(Locks, ReadersInALoopDoNotHoldUpAWriter)
 {
     const LogLevel quiet("0");
     set_open(true);
-    std::atomic<bool> stop{false};
     std::atomic<int> entered{0}, refused{0};
-    std::vector<std::thread> readers;
-    for (int n = 0; n < 3; ++n) {
-        readers.emplace_back([&] {
-            while (!stop) {
-                const entry_guard api(g_lock, is_open);
-                if (!api) {
-                    ++refused;
-                    continue;
-                }
-                get_value();
-                const int mine = ++entered;
-                while (entered == mine && refused == 0 && !stop)
-                    sched_yield();
+    Callers readers;
+    readers.run(
+        [&](int) {
+            const entry_guard api(g_lock, is_open);
+            if (!api) {
+                ++refused;
+                return;
             }
-        });
-    }
+            get_value();
+            const int mine = ++entered;
+            while (entered == mine && refused == 0)
+                sched_yield();
+        },
+        3);
     EXPECT_TRUE(eventually([&] { return entered > 100; }));
     EXPECT_EQ(refused, 0) << "without a writer nobody is refused";
-    BlockedCall<bool> writer([] {
-        set_open(false);
-        return true;
-    });
+    BlockedCall<int> writer([] { return set_open(false), 0; });
     EXPECT_TRUE(eventually([&] { return writer.returned(); }));
     EXPECT_TRUE(eventually([&, before = refused.load()] { return refused > before; })) << "refused afterwards, too";
-    stop = true;
-    for (std::thread& reader : readers)
-        reader.join();
 }
 
 TEST(Locks, WhileAWriterWaitsNewCallsAreRefusedAndReadsInsideACallAreNotBlocked)
@@ -110,16 +102,13 @@ TEST(Locks, WhileAWriterWaitsNewCallsAreRefusedAndReadsInsideACallAreNotBlocked)
     set_open(true);
     entry_guard api(g_lock, is_open);
     ASSERT_TRUE(api);
-    BlockedCall<bool> writer([] {
-        set_open(true);
-        return true;
-    });
+    BlockedCall<int> writer([] { return set_open(true), 0; });
     EXPECT_TRUE(writer.asleep());
     EXPECT_FALSE(get_value()) << "although the lock is held for reading only";
     EXPECT_TRUE(read_inside_a_call());
     EXPECT_FALSE(writer.returned());
     api.unlock();
-    EXPECT_TRUE(writer.result());
+    EXPECT_EQ(writer.result(), 0);
     // Taken again, a guard asks again.
     api.lock();
     EXPECT_TRUE(api);

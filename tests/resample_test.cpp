@@ -269,11 +269,7 @@ TEST_F(Resample, AFrameIsPlannedByItsConverterThenBySize)
     };
     uint8_t byte = 0;
     for (const auto& row : rows) {
-        hdmi_player_audio_frame_t frame = {};
-        frame.data = &byte;
-        frame.size = 3840;
-        frame.channels = 2;
-        frame.sample_rate = row.rate;
+        const hdmi_player_audio_frame_t frame = {&byte, 3840, 0, row.rate, 2, 0, 0};
         const conversion_plan_t plan = plan_conversion(row.src, row.tgt, row.has_converter, frame);
         EXPECT_TRUE(plan.usable && plan.nb_frames == 960) << &row - rows;
         EXPECT_TRUE(plan.rate_changed == row.rate_changed && plan.converts == row.converts) << &row - rows;
