@@ -1,0 +1,236 @@
+// SPDX-License-Identifier: MIT
+// What a run of the play program passes and misses, and what machine and source explain of it.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "made_up_scenes.h"
+#include "report/verdict.h"
+
+using namespace play;
+
+namespace
+{
+
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kSecond = 1000 * kMs;
+
+Result good_run()
+{
+    Result run;
+    run.instants = 1;
+    run.offsets = offsets({5});
+    run.offset = summarise(run.offsets);
+    run.resets = 1;
+    run.frames.rendered = run.frames.flipped = 60;
+    run.samples.out = run.samples.in = 48000;
+    run.samples.first_source_sample = 0;
+    run.samples.block = 960;
+    run.samples.place_tolerance = 4;
+    run.cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 1}, 1);
+    return run;
+}
+
+/// Passed on between real devices, with an observer.
+Result good_raw_run()
+{
+    Result run = good_run();
+    run.options.raw = true;
+    run.options.capture = run.options.feed = run.options.playback = run.options.observe = "hw:0";
+    run.resets = 0;
+    run.opened_ns = kSecond;
+    run.signal_end_ns = 11 * kSecond;
+    run.stage.bypass.frames = 9 * 48000;
+    run.stage.bypass.rate = 48000;
+    run.raw.compared = true;
+    run.raw.bursts = 300;
+    run.raw.began_ns = kSecond;
+    run.raw.ended_ns = 11 * kSecond;
+    return run;
+}
+
+/// The same, and nobody listens there.
+Result good_unheard_run()
+{
+    Result run = good_raw_run();
+    run.options.observe.clear();
+    run.raw = RawCheck();
+    return run;
+}
+
+/// A machine that stood still for 300 ms.
+constexpr Punctuality kStoodStill = {600, 58, 1e3 / 120, 300, 300};
+
+struct Fault {
+    const char* limit;
+    std::function<void(Result*)> apply;
+    Outcome on_late_machine = Outcome::fail;
+};
+
+void expect_only(const Fault& fault, Result run)
+{
+    fault.apply(&run);
+    bool judged = false;
+    for (const Verdict& verdict : judge(run)) {
+        EXPECT_EQ(verdict.passed, verdict.limit != fault.limit) << verdict.limit << " at: " << fault.limit;
+        judged = judged || verdict.limit == fault.limit;
+    }
+    EXPECT_TRUE(judged) << fault.limit;
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::fail) << fault.limit;
+    run.punctuality = kStoodStill;
+    EXPECT_EQ(outcome_of(judge(run)), fault.on_late_machine) << fault.limit;
+}
+
+} // namespace
+
+TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
+{
+    EXPECT_TRUE(all_passed(judge(good_run())));
+    const std::vector<Fault> faults = {
+        {"A/V offset measured", [](Result* run) { run->instants = 2; }, Outcome::inconclusive},
+        {"A/V offset p95 inside EBU R37 (+40/-60 ms)",
+         [](Result* run) { run->offset = summarise(run->offsets = offsets({-61})); }, Outcome::inconclusive},
+        {"one reset, at start", [](Result* run) { run->resets = 0; }},
+        {"one reset, at start", [](Result* run) { run->resets = 2; }, Outcome::inconclusive},
+        {"one reset, at start", [](Result* run) { run->reset_s = 3; }},
+        {"no underrun after the first second", [](Result* run) { run->gaps = 1; }, Outcome::inconclusive},
+        {"no overrun", [](Result* run) { run->overruns = 1; }, Outcome::inconclusive},
+        {"frame account closed", [](Result* run) { run->frames.flipped--; }},
+        {"frame account closed", [](Result* run) { run->frames.foreign = 1; }},
+        {"frame account closed", [](Result* run) { run->frames.no_buffer = 1; }},
+        {"frame account closed",
+         [](Result* run) {
+             run->frames.flipped--;
+             run->frames.held = run->frames.lost = 1;
+         }},
+        {"samples complete and in place", [](Result* run) { run->samples.missing = -961; }},
+        {"samples complete and in place", [](Result* run) { run->samples.worst_place = 5; }},
+        {"output bit for bit the input",
+         [](Result* run) {
+             run->samples.exact = true;
+             run->samples.mismatches = 1;
+         }},
+        {"at most 2 % of frames unseen or held beyond the rates", [](Result* run) { run->unreadable = 1; }},
+        {"at most 2 % of frames unseen or held beyond the rates",
+         [](Result* run) {
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+         },
+         Outcome::inconclusive},
+    };
+    for (const Fault& fault : faults)
+        expect_only(fault, good_run());
+}
+
+TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
+{
+    const Outcome yes = Outcome::inconclusive;
+    const Outcome no = Outcome::fail;
+    struct Case {
+        const char* what;
+        Outcome outcome;
+        std::function<void(Result*)> apply;
+    };
+    const std::vector<Case> cases = {
+        {"nothing missed", Outcome::pass, [](Result*) {}},
+        {"350 ms outside", no, [](Result* run) { run->offset = summarise(run->offsets = offsets({390})); }},
+        {"a reset 290 ms late", yes, [](Result* run) { run->reset_s = 1.29; }},
+        {"a reset 310 ms late", no, [](Result* run) { run->reset_s = 1.31; }},
+        {"more instants than late ticks", no, [](Result* run) { run->instants = 60; }},
+        {"a tick late by less than a period", no,
+         [](Result* run) {
+             run->punctuality.worst_ms = 19;
+             run->gaps = 1;
+         }},
+        {"ticks late by less than half a vertical blank", no,
+         [](Result* run) {
+             run->punctuality.late = 0;
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+         }},
+        {"more pictures than late ticks", no,
+         [](Result* run) {
+             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 300}, 1);
+         }},
+        {"samples of periods that nobody read", yes,
+         [](Result* run) {
+             run->overruns = 2;
+             run->samples.missing = 2 * 960;
+         }},
+        {"a block more than that", no,
+         [](Result* run) {
+             run->overruns = 2;
+             run->samples.missing = 3 * 960;
+         }},
+        {"one limit explained, the other not", no,
+         [](Result* run) {
+             run->gaps = 1;
+             run->frames.foreign = 1;
+         }},
+    };
+    for (const Case& one : cases) {
+        Result run = good_run();
+        run.punctuality = kStoodStill;
+        one.apply(&run);
+        EXPECT_EQ(outcome_of(judge(run)), one.outcome) << one.what;
+    }
+}
+
+TEST(Verdict, FaultOfTheSourceExplainsWhereItShowsAndNowhereElse)
+{
+    const struct {
+        SourceFaults faults;
+        Coding coding;
+        bool raw;
+        bool sound, pictures, sync; // explained
+    } cases[] = {
+        {{}, Coding::eac3, false, false, false, false},
+        {{1, 0, 0, 0, 0}, Coding::pcm, false, true, true, true},
+        {{0, 1, 0, 0, 0}, Coding::ac3, false, true, false, true},
+        {{0, 1, 0, 0, 0}, Coding::pcm, false, false, false, true},  // silence, which must arrive as it is
+        {{0, 0, 1, 0, 0}, Coding::pcm, false, false, false, false}, // damaged pictures are pictures
+        {{0, 0, 0, 1, 0}, Coding::pcm, false, false, true, false},
+        {{0, 0, 0, 0, 3840}, Coding::eac3, false, false, false, false},
+        {{0, 0, 0, 0, 3842}, Coding::eac3, false, true, false, true},
+        {{0, 0, 0, 0, 3842}, Coding::eac3, true, false, false, false},
+    };
+    for (const auto& each : cases) {
+        Result run = good_run();
+        run.source = each.faults;
+        run.source_rate = 48000;
+        run.coding = each.coding;
+        run.options.raw = each.raw;
+        auto explained = [&run](Subject subject) { return !fault_of_source(run, subject).empty(); };
+        SCOPED_TRACE(testing::Message() << "case " << &each - cases);
+        EXPECT_EQ(explained(Subject::sound), each.sound);
+        EXPECT_EQ(explained(Subject::pictures), each.pictures);
+        EXPECT_EQ(explained(Subject::sync), each.sync);
+        EXPECT_FALSE(explained(Subject::player));
+    }
+    Result run = good_run();
+    run.source.picture_gaps = 1;
+    run.cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::inconclusive);
+    run.gaps = 1; // the player's own
+    EXPECT_EQ(outcome_of(judge(run)), Outcome::fail);
+}
+
+TEST(Verdict, WhatIsPassedOnIsJudgedWhereverItWasHeard)
+{
+    const char* const bursts = "bursts at the output bit for bit the source's";
+    const char* const took = "the output took what was passed on";
+    EXPECT_TRUE(all_passed(judge(good_raw_run())));
+    const std::vector<Fault> faults = {
+        {bursts, [](Result* run) { run->raw.bursts = 0; }},
+        {bursts, [](Result* run) { run->raw.gaps = 1; }},
+        {bursts, [](Result* run) { run->raw.ended_ns = 9 * kSecond; }},
+        {took, [](Result* run) { run->stage.bypass.xruns = 1; }, Outcome::inconclusive},
+        {took, [](Result* run) { run->stage.bypass.frames = 0; }},
+        {"the source was sent without a break", [](Result* run) { run->stage.link.breaks = 1; }, Outcome::inconclusive},
+        {"the observer heard without a break", [](Result* run) { run->stage.sound.observer_breaks = 1; },
+         Outcome::inconclusive},
+    };
+    for (const Fault& fault : faults)
+        expect_only(fault, good_raw_run());
+
+    EXPECT_TRUE(all_passed(judge(good_unheard_run())));
+    expect_only({took, [](Result* run) { run->stage.bypass.frames = 7 * 48000; }}, good_unheard_run());
+}
