@@ -395,12 +395,14 @@ TEST_F(PlayerTest, NoCapturedBlockIsHandedOutWhileThePlayerCloses)
 TEST_F(PlayerTest, RelaysOfAClosedPlayerSaySoAndDoNothing)
 {
     open();
-    const auto clock_relay = g_ao_info.update_avsync_clock_cb;
-    const auto change_handler = g_ao_info.changed_cb;
+    const auto relays = [] {
+        const read_guard api(g_ao_info.api_rwlock);
+        return std::pair(g_ao_info.update_avsync_clock_cb, g_ao_info.changed_cb);
+    }();
     hdmi_player_close();
     const std::string log = logged("2", [&] {
-        clock_relay(0, 0, 1);
-        change_handler(true, nullptr);
+        relays.first(0, 0, 1);
+        relays.second(true, nullptr);
     });
     expect_once(log, {"[hdmi_player_ao_update_avsync_clock_cb ", "[hdmi_player_audio_io_changed_cb "});
     EXPECT_EQ(occurrences(log, "] hdmi_player is not open\n"), 2) << log;

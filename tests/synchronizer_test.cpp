@@ -255,6 +255,7 @@ TEST_F(Synchronizer, ThreadCreationThatFailsLeavesItStopped)
         g_threads_left = threads;
         EXPECT_EQ(records("1", [this] { EXPECT_FALSE(synchronizer_start(handle)); }),
                   "E synchronizer_start: create " + name + "_thread failed!\n");
+        const mutex_guard control(sync().control_mutex);
         EXPECT_EQ(sync().sync_thread, 0U);
         g_threads_left = INT_MAX;
     }

@@ -659,10 +659,10 @@ TEST_F(VideoTest, LetsOneRenderAtATimeChangeTheSynchronizer)
         return render(3);
     });
     EXPECT_EQ(other.result(), 0);
-    const std::string log = log_of([&] {
-        restart_waits.unlock();
-        host_thread.join();
-    });
+    take_log();
+    restart_waits.unlock();
+    host_thread.join();
+    const std::string log = take_log();
     EXPECT_TRUE(has(log, "] [avsync_reset] done, frame_serial:1\n")) << log; // the one that ended it
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(4), 0); }), "] frame_serial:2 abnormal changed!\n"));
     host_.take_calls();
