@@ -52,6 +52,14 @@ int64_t used_frames(const int16_t* burst, Coding coding)
     return std::min(kPreambleFrames + (bits + kBitsOfFrame - 1) / kBitsOfFrame, burst_link_frames(coding));
 }
 
+/// Frames of a burst up to its last word that is not zero, of @p used.
+int64_t frames_before_zeros(const Words& burst, int64_t used)
+{
+    while (used > 0 && burst[static_cast<size_t>(2 * used - 2)] == 0 && burst[static_cast<size_t>(2 * used - 1)] == 0)
+        used--;
+    return used;
+}
+
 /**
  * Which of the source's bursts may be the one that came: several, as long as only bursts came that are equal, as those
  * of silence are.
@@ -83,15 +91,21 @@ public:
         return true;
     }
 
+    /// Whether the first @p frames of @p burst begin one of the source's, near where the last one was.
+    bool begins_near(const Words& burst, int64_t frames)
+    {
+        return last_ >= 0 && !matching(last_ - kNearBursts, last_ + kNearBursts + 1, burst, frames).empty();
+    }
+
     /// Near where the last one was, or else anywhere in the source. @return false: it is not the source's
     bool find(const Words& burst, int64_t used)
     {
         candidates_.clear();
         if (last_ >= 0)
-            search(last_ - kNearBursts, last_ + kNearBursts + 1, burst, used);
+            candidates_ = matching(last_ - kNearBursts, last_ + kNearBursts + 1, burst, used);
         if (!known() && full_searches_ < kMostFullSearches) {
             full_searches_++;
-            search(0, bursts_, burst, used);
+            candidates_ = matching(0, bursts_, burst, used);
         }
         if (known())
             last_ = candidates_.front();
@@ -101,11 +115,13 @@ public:
     }
 
 private:
-    void search(int64_t from, int64_t to, const Words& burst, int64_t used)
+    std::vector<int64_t> matching(int64_t from, int64_t to, const Words& burst, int64_t used)
     {
+        std::vector<int64_t> numbers;
         for (int64_t number = std::max<int64_t>(from, 0); number < std::min(to, bursts_); number++)
             if (is_burst(number, burst, used))
-                candidates_.push_back(number);
+                numbers.push_back(number);
+        return numbers;
     }
 
     /// The burst after @p number. In a hole of a film's sound zeros pass that are numbered as bursts.
@@ -155,11 +171,15 @@ RawCheck check_bursts(const Recording& heard, const Source& source)
             break;
         bool lost_its_place = place.known() && !place.goes_on(burst, used);
         bool found = (place.known() && !lost_its_place) || place.find(burst, used);
+        next = find_burst(heard, at + used, period);
+        // Where the passing on ended. After that, a device may repeat a piece of its buffer.
+        bool cut_off = !found && next < 0 && place.begins_near(burst, frames_before_zeros(burst, used));
+        if (cut_off)
+            break;
         check.gaps += lost_its_place && found ? 1 : 0;
         check.different += found ? 0 : used;
         check.bursts++;
         check.ended_ns = heard.heard_ns(at + used - 1);
-        next = find_burst(heard, at + used, period);
         check.frames = (next >= 0 ? next : at + used) - first;
     }
     check.began_ns = first >= 0 ? heard.heard_ns(first) : 0;
