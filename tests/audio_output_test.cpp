@@ -650,6 +650,7 @@ TEST_F(AudioOutput, CallsFromEverywhereDuringReopensAndAStopNeverMeetInTheDevice
         callers.run([](int n) {
             audio_output_set_dev_operation(n % 3 == 0 ? AUDIO_OUTPUT_DEV_OP_CLOSE : AUDIO_OUTPUT_DEV_OP_REOPEN);
             audio_output_set_mute(n % 2 != 0);
+            std::this_thread::yield(); // the writer's turn: it opens the device
         });
         callers.run(
             [](int n) { audio_output_select_device(static_cast<hdmi_player_ao_dev_e>(n % E_HDMI_PLAYER_AO_DEV_MAX)); });
