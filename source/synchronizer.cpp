@@ -157,13 +157,11 @@ bool due_at_vsync(int64_t target, const vsync_grid& grid)
 }
 
 // An early frame waits for one refresh at most, so that the decision is taken anew for each.
-decision decide(int64_t now, int64_t due, int64_t target, const vsync_grid& grid)
+decision decide(int64_t now, int64_t due, bool at_vsync, int64_t refresh)
 {
-    if (now >= due)
-        return {verdict::flip, 0, false};
-    if (due_at_vsync(target, grid))
-        return {verdict::flip, 0, true};
-    return {verdict::wait, std::min(subtract(due, now), grid.duration), false};
+    if (now >= due || at_vsync)
+        return {verdict::flip, 0};
+    return {verdict::wait, std::min(subtract(due, now), refresh)};
 }
 
 // After a jump back of the stream, a negative delay, the timer may lag.
@@ -194,18 +192,11 @@ int64_t closest_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t 
     return snapped_after_diff < snapped_before_diff ? snapped_after : snapped_before;
 }
 
-namespace
-{
-
-void log_due_at_vsync() { log_as("frame_render_by_vsync", LOG_LEVEL_V, "current frame need render"); }
-
-} // namespace
-
 bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int64_t vsync_duration)
 {
     const bool due = pacing::due_at_vsync(release_time, {sampled_vsync_time, vsync_duration});
     if (due)
-        log_due_at_vsync();
+        log_v("current frame need render");
     return due;
 }
 
@@ -355,13 +346,14 @@ bool peek(oru_player& player, synchronizer_frame_info_t& frame)
 
 // Takes the oldest frame out and makes it the last frame. The queue's owner may
 // have taken the peeked frame meanwhile: then @p frame becomes the one that was
-// got, and false says that there was none, so that nothing is released twice.
+// got, and false says that there was none.
 bool take(oru_player& player, synchronizer_frame_info_t& frame, int64_t now)
 {
-    player.last_frame_system_time = now;
-    const bool taken = player.base.callback->get_frame(player.base.callback_handle, &frame);
+    if (!player.base.callback->get_frame(player.base.callback_handle, &frame))
+        return false;
     player.last_frame = frame;
-    return taken;
+    player.last_frame_system_time = now;
+    return true;
 }
 
 void flip(oru_player& player, synchronizer_frame_info_t& frame)
@@ -478,9 +470,9 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pa
     const int64_t now = system_time_us();
     pull_timer_back(player, now, LOG_LEVEL_D);
     const int64_t target = target_of(player, frame, grid, now, delay);
-    const pacing::decision decision = pacing::decide(now, add_saturated(player.frame_timer, delay), target, grid);
-    if (decision.by_vsync)
-        log_due_at_vsync();
+    const int64_t due = add_saturated(player.frame_timer, delay);
+    const bool at_vsync = now < due && frame_render_by_vsync(target, grid.sampled_time, grid.duration);
+    const pacing::decision decision = pacing::decide(now, due, at_vsync, grid.duration);
     if (decision.what == pacing::verdict::flip)
         return true;
     trace_step(player, LOG_LEVEL_I, "wait frame_pts:%llu remaining_time:%lli\n", llu(player.last_frame.pts),

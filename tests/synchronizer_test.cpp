@@ -343,15 +343,16 @@ TEST(Pacing, EarlyFrameGoesOutAtTheVerticalBlankBeforeItsOwn)
     // earlier. One microsecond more and it is the next one's.
     const pacing::vsync_grid grid = {100000, 16666};
     const auto decide = [&](int64_t now, int64_t release, int64_t sampled = 100000) {
-        const pacing::decision d = pacing::decide(now, 133333, pacing::flip_target(release, grid), {sampled, 16666});
-        return std::make_tuple(d.what, d.wait_us, d.by_vsync);
+        const bool at_vsync = frame_render_by_vsync(pacing::flip_target(release, grid), sampled, 16666);
+        const pacing::decision d = pacing::decide(now, 133333, at_vsync, 16666);
+        return std::make_pair(d.what, d.wait_us);
     };
     using pacing::verdict;
-    EXPECT_EQ(decide(101000, 124999), std::make_tuple(verdict::flip, 0, true));
-    EXPECT_EQ(decide(101000, 125000), std::make_tuple(verdict::wait, 16666, false)); // a refresh at most
-    EXPECT_EQ(decide(101000, 124999, -1), std::make_tuple(verdict::wait, 16666, false));
-    EXPECT_EQ(decide(133332, 200000), std::make_tuple(verdict::wait, 1, false));
-    EXPECT_EQ(decide(133333, 200000), std::make_tuple(verdict::flip, 0, false));
+    EXPECT_EQ(decide(101000, 124999), std::make_pair(verdict::flip, int64_t{0}));
+    EXPECT_EQ(decide(101000, 125000), std::make_pair(verdict::wait, int64_t{16666})); // a refresh at most
+    EXPECT_EQ(decide(101000, 124999, -1), std::make_pair(verdict::wait, int64_t{16666}));
+    EXPECT_EQ(decide(133332, 200000), std::make_pair(verdict::wait, int64_t{1}));
+    EXPECT_EQ(decide(133333, 200000), std::make_pair(verdict::flip, int64_t{0}));
 }
 
 TEST(Pacing, DelayIsCorrectedBeyondTheThresholdOnly)

@@ -56,7 +56,6 @@ enum class verdict {
 struct decision {
     verdict what;
     int64_t wait_us; ///< wait: at most so long
-    bool by_vsync;   ///< flip: before its time, for the vertical blank that just passed is the one before its own
 };
 
 /// @p a - @p b, held at the ends of the range.
@@ -82,8 +81,8 @@ int64_t flip_target(int64_t release_time, const vsync_grid& grid);
 /// Whether a frame to be flipped at @p target is due at the vertical blank that was sampled last.
 bool due_at_vsync(int64_t target, const vsync_grid& grid);
 
-/// Whether the oldest frame's time has come: the frame timer has reached @p due, or the vertical blank says so.
-decision decide(int64_t now, int64_t due, int64_t target, const vsync_grid& grid);
+/// Whether the oldest frame's time has come: the frame timer has reached @p due, or it goes out at this vertical blank.
+decision decide(int64_t now, int64_t due, bool at_vsync, int64_t refresh);
 
 /// The frame timer after a frame was taken at @p now; it lags by a limited time only.
 int64_t advance(int64_t frame_timer, int64_t delay, int64_t now);
