@@ -213,19 +213,24 @@
  * ## Threads, locks, callbacks
  *
  * hdmi_player_open() and hdmi_player_close() must not run at the same time as
- * each other, nor inside a callback. Every other function may be called from
- * any thread at any time, from inside callbacks too. Flip and drop callbacks
- * come from the synchronizer's thread and from inside
+ * each other; inside a callback both return -1 and change nothing. Every other
+ * function may be called from any thread at any time, from inside callbacks too.
+ *
+ * Flip and drop callbacks come from the synchronizer's thread and from inside
  * hdmi_player_video_render(), a drop perhaps while another thread is inside a
- * flip. Two flips never come at the same time: a frame to be flipped while
- * another thread is inside the flip callback is left to that thread, which flips
- * it next. The event callback comes from whichever thread saw the event,
- * inside hdmi_player_video_render() and hdmi_player_open() among them.
- * Callbacks must not block: they hold up the picture. The host must not hold a
- * lock that its callbacks take while it calls into the player. A host that
- * renders from inside its flip callback bounds that itself: in free run, and
- * while a reset keeps the queue full, every render flips at once, inside the
- * flip callback that is in progress.
+ * flip. The event callback comes from whichever thread saw the event, inside
+ * hdmi_player_video_render() and hdmi_player_open() among them.
+ *
+ * Two threads never flip at the same time: a render that has a frame to flip at
+ * once waits until the flip callback in progress has returned. Flips overlap
+ * only where the host renders from inside its flip callback: in free run, and
+ * while a reset keeps the queue full, such a render flips at once, inside the
+ * callback that is in progress. The host itself bounds how deep that goes.
+ *
+ * Callbacks must not block: they hold up the picture and the renders that wait
+ * for them. So a callback must not wait for another thread's call into the
+ * player, and the host must not hold a lock that its callbacks take while it
+ * calls into the player.
  *
  * Buffer handles are opaque: the library never looks into them.
  *
@@ -341,10 +346,12 @@ typedef void (*hdmi_player_video_frame_drop_cb_t)(hdmi_player_video_frame_t fram
 
 /**
  * Shows a frame at the coming vertical blank. Flips are first in, first out: no
- * frame is ever flipped after a newer one. Where frames still wait when one is to
- * be flipped at once, as when A/V sync is switched off, they are flipped before
- * it, oldest first. Flips come near the edge of a vertical blank, so that up to
- * two may be pending at a time; frames flipped at once come when they come. When the buffer may be reused is between host and display.
+ * frame is ever flipped after a newer one. Of two frames that are rendered at the
+ * same time, either may count as the newer one. Where frames still wait when one
+ * is to be flipped at once, as when A/V sync is switched off, they are flipped
+ * before it, oldest first. Flips come near the edge of a vertical blank, so that
+ * up to two may be pending at a time; frames flipped at once come when they come.
+ * When the buffer may be reused is between host and display.
  */
 typedef void (*hdmi_player_video_frame_flip_cb_t)(hdmi_player_video_frame_t frame);
 
@@ -381,7 +388,7 @@ HDMI_PLAYER_API int32_t hdmi_player_open(hdmi_player_config_t cfg);
  * so no thread of the host may hold one: see "Stopping". On return no callback
  * runs or will run, and buffers that were neither flipped nor dropped are the
  * host's again. May take up to 3 seconds.
- * @return 0; -1 when it is not open.
+ * @return 0; -1 when it is not open, or inside a callback.
  */
 HDMI_PLAYER_API int32_t hdmi_player_close(void);
 
@@ -460,8 +467,9 @@ HDMI_PLAYER_API int32_t hdmi_player_write_pcm(hdmi_player_audio_frame_t* frame);
  * Hands in one video frame, to be called when the frame arrives: the time of
  * the call is the frame's time. Does not wait for the display, with one
  * exception: a call that starts a reset waits for a flip or drop callback in
- * progress and for the vertical blank. May call flip, drop and event callbacks
- * itself.
+ * progress and for the vertical blank. A call that flips at once waits for a
+ * flip callback in progress on another thread. May call flip, drop and event
+ * callbacks itself.
  * @param frame copied; its pts may be overwritten
  * @return 0: the player has the frame, and it comes back by a callback or by
  * close. -1 and E_HDMI_PLAYER_EVENT_AVSYNC_RESET was raised on this thread during

@@ -64,6 +64,20 @@ void release_slot(video_frame_queue_t& q, video_frame_info_t& slot) REQUIRES(q.m
     slot.frame = {};
 }
 
+// Takes the oldest frame out and puts @p frame in at the end, which needs no free slot; false without effect if none
+// waits.
+bool swap_oldest(video_frame_queue_t& q, hdmi_player_video_frame_t& frame)
+{
+    const mutex_guard guard(q.mutex);
+    if (list_empty(&q.list_frames))
+        return false;
+    video_frame_info_t& slot = *list_entry(q.list_frames.next, video_frame_info_t, node);
+    list_del(&slot.node);
+    std::swap(slot.frame, frame);
+    list_add_tail(&slot.node, &q.list_frames);
+    return true;
+}
+
 int32_t read_oldest(video_frame_queue_t* q, hdmi_player_video_frame_t* frame, bool take, const char* function)
 {
     if (missing(q, "video_frame_queue is null.", function))
@@ -171,12 +185,79 @@ int32_t video_frame_queue_peek_frame(video_frame_queue_t* q, hdmi_player_video_f
     return read_oldest(q, frame, false, __func__);
 }
 
+// --- The turn to flip -------------------------------------------------------------
+
+namespace
+{
+
+bool has_turn(const video_flip_turn_t& turn) REQUIRES(turn.mutex)
+{
+    return turn.depth > 0 && pthread_equal(turn.owner, pthread_self()) != 0;
+}
+
+bool is_free(const video_flip_turn_t& turn) REQUIRES(turn.mutex) { return turn.served == turn.tickets; }
+
+void wait_for_turn(video_flip_turn_t& turn)
+{
+    mutex_guard guard(turn.mutex);
+    if (!has_turn(turn)) {
+        const uint32_t ticket = turn.tickets++;
+        while (turn.served != ticket)
+            guard.wait(turn.cond);
+        turn.owner = pthread_self();
+    }
+    ++turn.depth;
+}
+
+// The sync thread's way. It must not wait: the owner may be a render that is joining it.
+bool take_free_turn(video_flip_turn_t& turn)
+{
+    const mutex_guard guard(turn.mutex);
+    if (!has_turn(turn)) {
+        if (!is_free(turn))
+            return false;
+        ++turn.tickets;
+        turn.owner = pthread_self();
+    }
+    ++turn.depth;
+    return true;
+}
+
+bool others_want_turn(video_flip_turn_t& turn)
+{
+    const mutex_guard guard(turn.mutex);
+    return !has_turn(turn) && !is_free(turn);
+}
+
+// Without effect for a frame that sync_get_frame_cb() did not take.
+void end_turn(video_flip_turn_t& turn)
+{
+    const mutex_guard guard(turn.mutex);
+    if (!has_turn(turn) || --turn.depth > 0)
+        return;
+    ++turn.served;
+    pthread_cond_broadcast(&turn.cond);
+}
+
+class turn_guard
+{
+public:
+    explicit turn_guard(video_flip_turn_t& turn) : turn_(turn) { wait_for_turn(turn_); }
+    ~turn_guard() { end_turn(turn_); }
+    turn_guard(const turn_guard&) = delete;
+    turn_guard& operator=(const turn_guard&) = delete;
+
+private:
+    video_flip_turn_t& turn_;
+};
+
+} // namespace
+
 // --- What the synchronizer sees of the queue --------------------------------------
 
 namespace
 {
 
-constexpr const char* kGetFrame = "sync_get_frame_cb";
 constexpr const char* kFlipFrame = "sync_flip_frame_cb";
 
 bool read_for_sync(void* handle, synchronizer_frame_info_t* info, bool take, const char* function)
@@ -199,66 +280,12 @@ hdmi_player_video_frame_t host_frame(const synchronizer_frame_info_t& info)
     return {info.buf_handle, static_cast<int64_t>(info.pts)};
 }
 
-// A render, too, flips and drops this way: the scope keeps it apart.
+// The one way to the host's flip and drop callbacks. Inside a render the render's scope stays in force.
 void hand_back(void (*host_cb)(hdmi_player_video_frame_t), const hdmi_player_video_frame_t& frame)
 {
     const entry_scope scope(entry::pacing);
     if (host_cb != nullptr)
         host_cb(frame);
-}
-
-// The sync thread hands back the frame that it took; false when a render has taken it from there.
-bool end_hold(video_flip_line_t& line) REQUIRES(line.mutex)
-{
-    return std::exchange(line.hold, pacing_hold::none) != pacing_hold::taken_back;
-}
-
-// What the sync thread has taken but not handed back is older than what waits in the queue.
-void take_back_held(video_flip_line_t& line) REQUIRES(line.mutex)
-{
-    if (line.hold != pacing_hold::held)
-        return;
-    line.due.push_back(line.held_frame);
-    line.hold = pacing_hold::taken_back;
-}
-
-// Whether so many frames may become due, besides the one that the sync thread may hold.
-bool has_room(const video_flip_line_t& line, size_t frames) REQUIRES(line.mutex)
-{
-    return line.due.size() + frames < line.due.capacity();
-}
-
-// Beyond the room of a render's frames only where a flip callback blocks while the pacing goes on.
-bool add_due(video_flip_line_t& line, const hdmi_player_video_frame_t& frame) REQUIRES(line.mutex)
-{
-    try {
-        line.due.push_back(frame);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
-// Flips what is due. If another thread is at it, that one goes on with these: to
-// wait for it would be a deadlock where its callback waits for this thread.
-void flip_due(video_info_t& video)
-{
-    static thread_local bool t_flipping = false;
-    video_flip_line_t& line = video.flip_line;
-    mutex_guard guard(line.mutex);
-    if (line.flipping && !t_flipping)
-        return;
-    const bool nested = std::exchange(t_flipping, true);
-    line.flipping = true;
-    while (!line.due.empty()) {
-        const hdmi_player_video_frame_t oldest = line.due.front();
-        line.due.erase(line.due.begin());
-        guard.unlock();
-        hand_back(video.video_frame_flip_cb, oldest);
-        guard.lock();
-    }
-    line.flipping = nested;
-    t_flipping = nested;
 }
 
 void note_flip_time(video_info_t& video)
@@ -278,10 +305,11 @@ bool sync_get_frame_count_cb(void* handle, int32_t* count)
 {
     if (missing(handle, "handle is null") || missing(count, "count is null"))
         return false;
-    const int32_t frames = static_cast<video_info_t*>(handle)->frame_queue.frames_count;
+    video_info_t& video = *static_cast<video_info_t*>(handle);
+    const int32_t frames = video.frame_queue.frames_count;
     if (frames < 0)
         return false;
-    *count = frames;
+    *count = frames > 0 && others_want_turn(video.flip_turn) ? 0 : frames;
     return true;
 }
 
@@ -296,13 +324,13 @@ bool sync_get_frame_cb(void* handle, synchronizer_frame_info_t* info)
 {
     if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
-    video_flip_line_t& line = static_cast<video_info_t*>(handle)->flip_line;
-    const mutex_guard guard(line.mutex);
-    if (!read_for_sync(handle, info, true, kGetFrame))
+    video_flip_turn_t& turn = static_cast<video_info_t*>(handle)->flip_turn;
+    if (!take_free_turn(turn))
         return false;
-    line.hold = pacing_hold::held;
-    line.held_frame = host_frame(*info);
-    return true;
+    if (read_for_sync(handle, info, true, __func__))
+        return true;
+    end_turn(turn);
+    return false;
 }
 
 bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info)
@@ -310,13 +338,9 @@ bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info)
     if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
     video_info_t& video = *static_cast<video_info_t*>(handle);
-    mutex_guard guard(video.flip_line.mutex);
-    const bool mine = end_hold(video.flip_line);
-    guard.unlock();
-    if (!mine)
-        return true;
     hand_back(video.video_frame_drop_cb, host_frame(*info));
     log_d("buf_handle:%p pts:%lli\n", info->buf_handle, lli(info->pts));
+    end_turn(video.flip_turn);
     return true;
 }
 
@@ -325,16 +349,9 @@ bool sync_flip_frame_cb(void* handle, synchronizer_frame_info_t* info)
     if (missing(handle, "handle is null") || missing(info, "frame is null"))
         return false;
     video_info_t& video = *static_cast<video_info_t*>(handle);
-    mutex_guard guard(video.flip_line.mutex);
-    if (!end_hold(video.flip_line))
-        return true;
-    const bool due = add_due(video.flip_line, host_frame(*info));
-    guard.unlock();
-    if (due)
-        flip_due(video);
-    else // no memory: better out of turn than lost
-        hand_back(video.video_frame_flip_cb, host_frame(*info));
+    hand_back(video.video_frame_flip_cb, host_frame(*info));
     note_flip_time(video);
+    end_turn(video.flip_turn);
     return true;
 }
 
@@ -350,27 +367,7 @@ bool callbacks_complete(const video_config_t& config)
            config.ai_read_continued_cb != nullptr;
 }
 
-void release_flip_line(video_flip_line_t& line)
-{
-    const mutex_guard guard(line.mutex);
-    line.hold = pacing_hold::none;
-    std::vector<hdmi_player_video_frame_t>().swap(line.due);
-}
-
-// Room for what a render makes due: the frame that pacing holds, a full queue and the render's own frame; and for as
-// many frames again that come while a flip callback is in progress.
-bool init_flip_line(video_flip_line_t& line, int32_t slots)
-{
-    const mutex_guard guard(line.mutex);
-    try {
-        line.due.reserve(2 * static_cast<size_t>(slots) + 2);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
-// Everything but the queues and the locks, one of which the caller holds.
+// Everything but the queue, the turn and the locks, one of which the caller holds.
 void reset_record(video_info_t& video, const video_config_t& config)
 {
     const mutex_guard guard(video.internal_mutex);
@@ -445,8 +442,6 @@ bool set_up(video_info_t& video, const video_config_t& config)
     if (video_frame_queue_init(&video.frame_queue, config.video_frame_queue_size) != 0)
         return false;
     log_as(kInit, LOG_LEVEL_I, "video_frame_queue_size:%d\n", config.video_frame_queue_size);
-    if (!init_flip_line(video.flip_line, config.video_frame_queue_size))
-        return false;
     if (!start_synchronizer(video, config.drm_info))
         return false;
     video.avsync_reset = true; // at the first frame
@@ -460,17 +455,22 @@ void tear_down(video_info_t& video, const char* function = __builtin_FUNCTION())
     if (video.synchronizer_handle != nullptr && !synchronizer_deinit(video.synchronizer_handle))
         log_as(function, LOG_LEVEL_E, "synchronizer_deinit failed\n");
     video_frame_queue_deinit(&video.frame_queue);
-    release_flip_line(video.flip_line);
     reset_record(video, {});
 }
 
 } // namespace
+
+bool video_in_callback(void) { return t_entry != entry::none; }
 
 int32_t video_init(video_config_t config)
 {
     log_i(">>>\n");
     if (!callbacks_complete(config)) {
         log_e("invalid callback function\n");
+        return -1;
+    }
+    if (video_in_callback()) { // of an open module, whose lock this thread may hold
+        log_w("module has been initialized\n");
         return -1;
     }
     write_guard api(g_video_info.api_rwlock);
@@ -490,7 +490,7 @@ int32_t video_init(video_config_t config)
 int32_t video_deinit(void)
 {
     log_i(">>>\n");
-    if (t_entry != entry::none) { // it would wait for itself
+    if (video_in_callback()) { // it would wait for itself
         log_e("called inside a callback\n");
         return -1;
     }
@@ -586,45 +586,31 @@ void sync_changed(video_info_t& video)
     video.sync_changing = false;
 }
 
-// The frames that still wait become due, and then this one: none is flipped after a newer one. False when there is no
-// room because a flip callback in progress has held up so many.
-bool make_all_due(video_info_t& video, const hdmi_player_video_frame_t& newest)
-{
-    video_flip_line_t& line = video.flip_line;
-    const mutex_guard guard(line.mutex);
-    auto waiting = static_cast<size_t>(video.frame_queue.frames_count);
-    if (!has_room(line, waiting + 1))
-        return false;
-    take_back_held(line);
-    for (hdmi_player_video_frame_t frame; waiting > 0; --waiting) {
-        if (video_frame_queue_get_frame(&video.frame_queue, &frame) == 0)
-            line.due.push_back(frame);
-    }
-    line.due.push_back(newest);
-    return true;
-}
-
+// Frames that wait are older and go first. This one waits behind them meanwhile, so that what the host renders inside
+// their flips comes after it.
 int32_t show(video_info_t& video, const hdmi_player_video_frame_t& frame, int64_t now, int64_t diff, const char* state)
 {
-    if (!make_all_due(video, frame)) {
-        log_as(kRender, LOG_LEVEL_W, "a flip callback does not return, frame refused\n");
-        return -1;
+    video_frame_queue_t& q = video.frame_queue;
+    const turn_guard turn(video.flip_turn);
+    hdmi_player_video_frame_t oldest = frame;
+    // Counted once: other threads may add frames all the time.
+    int32_t left = swap_oldest(q, oldest) ? q.frames_count.load() : 0;
+    hand_back(video.video_frame_flip_cb, oldest);
+    for (; left > 0 && q.frames_count > 0; --left) {
+        if (video_frame_queue_get_frame(&q, &oldest) == 0)
+            hand_back(video.video_frame_flip_cb, oldest);
     }
-    flip_due(video);
     log_as(kRender, LOG_LEVEL_D, "%sfree run sys_time:%lld diff_time:%lli\n", state, lli(now), lli(diff));
     return 0;
 }
 
 void drop_oldest(video_info_t& video)
 {
-    hdmi_player_video_frame_t oldest = {};
-    mutex_guard guard(video.flip_line.mutex);
     if (video.frame_queue.frames_count < 1)
         return;
-    const int32_t result = video_frame_queue_get_frame(&video.frame_queue, &oldest);
-    guard.unlock();
-    if (result == 0)
-        video.video_frame_drop_cb(oldest);
+    hdmi_player_video_frame_t oldest = {};
+    if (video_frame_queue_get_frame(&video.frame_queue, &oldest) == 0)
+        hand_back(video.video_frame_drop_cb, oldest);
     else
         log_as(kRender, LOG_LEVEL_E, "video_frame_queue_get_frame failed\n");
 }
@@ -640,7 +626,7 @@ int32_t begin_reset(video_info_t& video, hdmi_player_video_frame_t* frame)
         if (video_frame_queue_push_frame(frame) != 0) {
             log_as(kRender, LOG_LEVEL_W, "video_frame_queue_push_frame failed\n");
             // Other renders filled the queue. The event says that the frame was taken, so it has to come back.
-            video.video_frame_drop_cb(*frame);
+            hand_back(video.video_frame_drop_cb, *frame);
         }
     }
     log_as(kRender, LOG_LEVEL_I, "[avsync_reset] start!\n");
@@ -658,20 +644,15 @@ void end_reset(video_info_t& video, int32_t serial)
 }
 
 // The video goes on while audio is awaited.
-void flip_oldest(video_info_t& video)
+void force_flip(video_info_t& video)
 {
+    const turn_guard turn(video.flip_turn);
     const int32_t count = video.frame_queue.frames_count;
     synchronizer_frame_info_t oldest = {};
-    mutex_guard guard(video.flip_line.mutex);
-    if (!has_room(video.flip_line, 1) || !read_for_sync(&video, &oldest, true, kGetFrame))
-        return;
-    take_back_held(video.flip_line);
-    video.flip_line.due.push_back(host_frame(oldest));
-    guard.unlock();
-    flip_due(video);
-    note_flip_time(video);
-    log_as(kRender, LOG_LEVEL_I, "[resetting] frame_queue count:%d full, force flip ahead frame pts:%lld\n", count,
-           lli(oldest.pts));
+    if (queue_full(video.frame_queue) && // another render may have made room meanwhile
+        sync_get_frame_cb(&video, &oldest) && sync_flip_frame_cb(&video, &oldest))
+        log_as(kRender, LOG_LEVEL_I, "[resetting] frame_queue count:%d full, force flip ahead frame pts:%lld\n", count,
+               lli(oldest.pts));
 }
 
 // The host's time stamp is not used: video time is when frames arrive.
@@ -693,7 +674,7 @@ int32_t queue_frame(video_info_t& video, hdmi_player_video_frame_t* frame, int64
     if (result != 0)
         log_as(kRender, LOG_LEVEL_W, "video_frame_queue_push_frame failed\n");
     if (resetting && queue_full(video.frame_queue))
-        flip_oldest(video);
+        force_flip(video);
     if (!resetting && result == 0)
         synchronizer_notify_frame_done(video.synchronizer_handle);
     return result;

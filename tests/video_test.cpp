@@ -454,39 +454,66 @@ TEST_F(VideoTest, FreeRunThatCutsAResetShortGivesBackWhatWaitsFirst)
     video_avsync_reset(true, false);
     expect_reset(4);
     EXPECT_EQ(render(5), 0);
-    // The same where the sound ends, and the frame that pacing has taken comes first: no matter what it decides.
-    for (const auto decided : {sync_flip_frame_cb, sync_drop_frame_cb}) {
-        synchronizer_frame_info_t taken = {};
-        EXPECT_TRUE(sync_get_frame_cb(&g_video_info, &taken));
-        host_.audio_continues = false;
-        EXPECT_EQ(render(6), 0);
-        host_.audio_continues = true;
-        EXPECT_TRUE(decided(&g_video_info, &taken));
-        EXPECT_EQ(host_.take_calls(), (calls_t{"flip 4", "flip 5", "flip 6"}));
-        EXPECT_EQ(render(4) + render(5), 0);
-    }
+    host_.audio_continues = false;
+    EXPECT_EQ(render(6), 0);
+    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 4", "flip 5", "flip 6"}));
 }
 
-// The sync thread is inside the flip callback: who comes behind it does not wait.
-TEST_F(VideoTest, LeavesAFrameToTheThreadThatIsFlipping)
+TEST_F(VideoTest, FlipsWhatWaitsOnceAndInOrderWhateverItsCallbacksQueue)
+{
+    start();
+    expect_reset(1);
+    EXPECT_EQ(render(2), 0);
+    host_.audio_continues = false;
+    host_.set_on_flip([](int id) {
+        EXPECT_EQ(id == 1 ? render(4) : 0, 0);
+        hdmi_player_video_frame_t frame = frame_of(id + 200); // of another thread that renders with sync on
+        video_frame_queue_push_frame(&frame);
+    });
+    EXPECT_EQ(render(3), 0);
+    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2", "flip 3", "flip 4", "flip 202", "flip 203"}));
+    EXPECT_EQ(queued(), 4);
+}
+
+TEST_F(VideoTest, FreeRunBegunBehindAFlipOfThePacingWaitsForItAndHasNoBacklog)
 {
     start_synchronized();
     render_into_gate([this] { gate_.pass(); });
-    EXPECT_EQ(render(2) + render(3), 0);
+    for (int id = 2; id < kSlots + 2; ++id)
+        EXPECT_EQ(render(id), 0);
+    host_.set_on_flip([](int id) { EXPECT_EQ(id == 2 ? render(8) : 0, 0); }); // inside the flip
     video_avsync_reset(true, true);
-    int last = 3;
-    calls_t expected = {"flip 1", "flip 2", "flip 3"};
-    while (last < 10 * kSlots && render(last + 1) == 0)
-        expected.push_back("flip " + std::to_string(++last));
-    EXPECT_GT(last, 2 * kSlots);
-    EXPECT_LT(last, 10 * kSlots); // a host that never returns from a callback keeps its frames
+    BlockedCall<int32_t> behind([] { return render(7); });
+    EXPECT_TRUE(behind.asleep());
     EXPECT_EQ(host_.take_calls(), calls_t{"flip 1"});
     gate_.open();
-    EXPECT_TRUE(eventually([&] { return host_.count("flip") == expected.size() - 1; }));
-    expected.erase(expected.begin());
-    EXPECT_EQ(host_.take_calls(), expected);
-    EXPECT_EQ(render(100), 0);
-    EXPECT_TRUE(host_.hears("flip 100"));
+    EXPECT_EQ(behind.result(), 0);
+    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 2", "flip 3", "flip 4", "flip 5", "flip 6", "flip 7", "flip 8"}));
+}
+
+TEST_F(VideoTest, RendersBehindAFlipThatDoesNotEndWaitOnceTheQueueIsFull)
+{
+    host_.audio_continues = false;
+    start();
+    host_.set_on_flip([this](int id) { id == 1 ? gate_.pass() : void(); });
+    BlockedCall<int32_t> holder([] { return render(1); });
+    ASSERT_TRUE(gate_.reached());
+    host_.audio_continues = true;
+    host_.take_calls();
+    expect_reset(2);
+    for (int id = 3; id <= kSlots; ++id)
+        EXPECT_EQ(render(id), 0);
+    // The pacing must not wait, for the flip callback may stop it.
+    int32_t count = -1;
+    synchronizer_frame_info_t frame = {};
+    EXPECT_TRUE(sync_get_frame_count_cb(&g_video_info, &count) && count == 0);
+    EXPECT_FALSE(sync_get_frame_cb(&g_video_info, &frame));
+    BlockedCall<int32_t> behind([] { return render(6); });
+    EXPECT_TRUE(behind.asleep());
+    gate_.open();
+    EXPECT_EQ(holder.result() + behind.result(), 0);
+    EXPECT_EQ(host_.take_calls(), calls_t{"flip 2"});
+    EXPECT_EQ(queued(), kSlots - 1);
 }
 
 // By the time line before the reset, the first frames after it would be late.
@@ -535,7 +562,8 @@ TEST_F(VideoTest, ShowsFramesUnchangedAndAtOnceInFreeRun)
     video_avsync_reset(true, false);
     EXPECT_FALSE(video_is_disable_avsync());
     host_.audio_continues = false;
-    host_.set_on_flip([](int) { EXPECT_EQ(video_deinit(), -1); }); // it would wait for its own call
+    host_.set_on_flip(
+        [](int) { EXPECT_EQ(video_deinit() + video_init(config()), -2); }); // they would wait for this call
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(2), 0); }), "] free run sys_time:"));
     host_.set_on_flip([](int) {});
     EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));

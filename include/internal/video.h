@@ -5,14 +5,16 @@
  * stamps, and the A/V sync reset. The synchronizer paces what is queued here.
  *
  * Every function may be called from any thread and from inside every callback,
- * except that init and deinit must not be called inside one (deinit refuses).
- * Several threads may render at once, also from inside flip, drop and event
- * callbacks; frames that arrive at the same moment are queued in any order.
+ * except that init and deinit refuse inside one. Several threads may render at
+ * once, also from inside flip, drop and event callbacks; of two frames whose
+ * renders overlap, either may come first.
  * - Callbacks are called with no mutex held, only the module's read lock, which
- *   nests.
- * - Flips come in the order of the frames and, except for nested ones, one after
- *   the other. A thread that has a frame to flip while another thread is inside
- *   the flip callback does not wait: it leaves the frame to that thread.
+ *   nests, and perhaps the turn to flip.
+ * - One thread flips at a time. A render that has a frame to flip waits for its
+ *   turn, which comes in the order of the requests; a render inside a callback
+ *   of the turn's owner has the turn already and flips inside that callback.
+ * - The sync thread never waits for the turn, because the owner may be joining
+ *   it: while a render has the turn or waits for it, the pacing finds no frames.
  * - While one render stops or restarts the synchronizer, the others do not wait
  *   for it: they queue their frames, or show them where a reset does not wait
  *   for audio.
@@ -26,7 +28,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <vector>
 
 #include "hdmi_player.h"
 #include "internal/list.h"
@@ -56,25 +57,19 @@ typedef struct video_frame_queue_s {
     pthread_cond_t cond_acquire = PTHREAD_COND_INITIALIZER; ///< reserved
 } video_frame_queue_t;
 
-/// What has become of the frame that the sync thread took out of the queue.
-enum class pacing_hold {
-    none,       ///< it has no frame
-    held,       ///< it will flip the frame or drop it
-    taken_back, ///< a render had older frames flipped at once, this one among them
-};
-
 /**
- * The one way to the flip callback, which keeps the frames in order. A frame
- * leaves the queue with `mutex` held and enters `due` before any newer one. What
- * is due is flipped by one thread at a time, with no mutex held.
+ * The turn to flip, which keeps the frames in order: whoever takes a frame out
+ * of the queue to flip it has the turn until the flip callback has returned. The
+ * sync thread has it from get_frame to flip_frame or drop_frame.
  */
-typedef struct video_flip_line_s {
-    mutex_t mutex;                                                ///< taken before the queue's
-    std::vector<hdmi_player_video_frame_t> due GUARDED_BY(mutex); ///< to be flipped, oldest first; reserved at init
-    bool flipping GUARDED_BY(mutex) = false;                      ///< a thread is flipping what is due
-    pacing_hold hold GUARDED_BY(mutex) = pacing_hold::none;
-    hdmi_player_video_frame_t held_frame GUARDED_BY(mutex) = {}; ///< while hold is held
-} video_flip_line_t;
+typedef struct video_flip_turn_s {
+    mutex_t mutex; ///< never held over a callback
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    uint32_t tickets GUARDED_BY(mutex) = 0; ///< turns asked for
+    uint32_t served GUARDED_BY(mutex) = 0;  ///< turns that are over; the turn is free where both are equal
+    int32_t depth GUARDED_BY(mutex) = 0;    ///< the owner's nested turns
+    pthread_t owner GUARDED_BY(mutex) = {}; ///< while depth is not 0
+} video_flip_turn_t;
 
 typedef struct video_config_s {
     int32_t video_frame_queue_size;      ///< slots
@@ -104,7 +99,7 @@ typedef struct video_info_s {
     hdmi_player_event_cb_t event_cb;
     std::atomic<int64_t> last_flip_time_ms;
     video_frame_queue_t frame_queue;
-    video_flip_line_t flip_line;
+    video_flip_turn_t flip_turn;
     std::atomic<int32_t> fixed_delay;                     ///< ms: latency of the video path
     int64_t last_system_time GUARDED_BY(internal_mutex);  ///< us: the previous render call
     int64_t last_frame_pts GUARDED_BY(internal_mutex);    ///< us: the last stamp given
@@ -118,6 +113,9 @@ typedef struct video_info_s {
 } video_info_t;
 
 extern video_info_t g_video_info;
+
+/// Whether this thread is inside a callback of the module, or inside a render.
+bool video_in_callback(void);
 
 /// 0, or -1 with everything undone: a callback is missing, no memory or threads, or it runs already.
 int32_t video_init(video_config_t config);
@@ -158,7 +156,7 @@ int32_t video_frame_queue_get_frame(video_frame_queue_t* q, hdmi_player_video_fr
 int32_t video_frame_queue_peek_frame(video_frame_queue_t* q, hdmi_player_video_frame_t* frame);
 
 /// What the synchronizer sees of the queue; @p handle is the video_info_t. On failure nothing is stored.
-bool sync_get_frame_count_cb(void* handle, int32_t* count); ///< takes no lock: may be stale
+bool sync_get_frame_count_cb(void* handle, int32_t* count); ///< may be stale; 0 while a render has the turn
 bool sync_peek_frame_cb(void* handle, synchronizer_frame_info_t* info);
 bool sync_get_frame_cb(void* handle, synchronizer_frame_info_t* info);
 bool sync_drop_frame_cb(void* handle, synchronizer_frame_info_t* info); ///< calls the host
