@@ -392,6 +392,7 @@ void reset_record(video_info_t& video, const video_config_t& config)
     video.notify_audio_reset_cb = config.notify_audio_reset_cb;
     video.ai_read_continued_cb = config.ai_read_continued_cb;
     video.sync_changing = false;
+    video.sync_stopped = false;
 }
 
 void read_switches(video_info_t& video)
@@ -538,12 +539,14 @@ int64_t note_arrival(video_info_t& video, int64_t now)
 
 void set_avsync(video_info_t& video, bool reset, bool disable_avsync) REQUIRES(video.internal_mutex)
 {
+    constexpr const char* kReset = "video_avsync_reset";
+    const call_trace trace(LOG_LEVEL_D, video.enable_log, kReset);
     video.avsync_reset = reset;
     video.disable_avsync = disable_avsync;
     // An unfinished reset ends: the sound that it waits for may never be played, as where it goes past the player.
     if (disable_avsync)
         video.resetting = false;
-    log_as("video_avsync_reset", LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disable_avsync);
+    log_as(kReset, LOG_LEVEL_I, "reset:%d avsync:%d\n", reset, !disable_avsync);
 }
 
 // Decides, and brings the record up to date. @p serial is the one that the decision saw.
@@ -551,7 +554,8 @@ render_step take_step(video_info_t& video, int64_t now, int32_t& serial)
 {
     const mutex_guard guard(video.internal_mutex);
     serial = video.frame_serial;
-    const bool reset_wanted = queue_full(video.frame_queue) || video.avsync_reset;
+    // Stopped without a reset in progress: free run has cut one short.
+    const bool reset_wanted = queue_full(video.frame_queue) || video.avsync_reset || video.sync_stopped;
     const render_step step = next_step({serial, video.last_frame_serial, video.resetting, reset_wanted,
                                         video.wait_audio, video.sync_changing, t_entry == entry::pacing});
     switch (step) {
@@ -569,12 +573,14 @@ render_step take_step(video_info_t& video, int64_t now, int32_t& serial)
         video.resetting = true;
         video.last_frame_pts = -kUsPerMs * video.fixed_delay;
         video.sync_changing = true;
+        video.sync_stopped = true;
         set_avsync(video, false, video.disable_avsync);
         break;
     case render_step::end_reset:
         video.last_frame_serial = serial;
         video.resetting = false;
         video.sync_changing = true;
+        video.sync_stopped = false;
         break;
     }
     return step;
@@ -737,7 +743,6 @@ int32_t video_avsync_reset(bool reset, bool disable_avsync)
     const entry_guard api(g_video_info.api_rwlock, is_open, LOG_LEVEL_V);
     if (!api)
         return -1;
-    const call_trace trace(LOG_LEVEL_D, g_video_info.enable_log);
     const mutex_guard guard(g_video_info.internal_mutex);
     set_avsync(g_video_info, reset, disable_avsync);
     return 0;

@@ -451,7 +451,7 @@ TEST_F(VideoTest, FreeRunThatCutsAResetShortGivesBackWhatWaitsFirst)
     EXPECT_EQ(host_.flip_pts.front(), 0); // as it was queued; the newest as it came
     EXPECT_EQ(host_.flip_pts.back(), 12345);
     EXPECT_EQ(queued(), 0);
-    video_avsync_reset(true, false);
+    video_avsync_reset(false, false); // the synchronizer is stopped still
     expect_reset(4);
     EXPECT_EQ(render(5), 0);
     host_.audio_continues = false;

@@ -110,6 +110,7 @@ typedef struct video_info_s {
     void (*notify_audio_reset_cb)(void);
     bool (*ai_read_continued_cb)(void);
     bool sync_changing GUARDED_BY(internal_mutex); ///< a render is stopping or restarting the synchronizer
+    bool sync_stopped GUARDED_BY(internal_mutex);  ///< by a reset that has not restarted it
 } video_info_t;
 
 extern video_info_t g_video_info;
