@@ -75,6 +75,9 @@ public:
 
     explicit operator bool() const { return inside_; }
 
+    /// Whether this thread is inside such a call, as an event callback is.
+    static bool inside() { return inside_; }
+
 private:
     std::optional<entry_guard> outermost_;
     static thread_local bool inside_; ///< this thread has the lock
@@ -465,6 +468,10 @@ int32_t hdmi_player_close(void)
     log_w(">>>\n");
     if (!g_player_res.opened) {
         log_e("hdmi_player is not open\n");
+        return -1;
+    }
+    if (player_guard::inside() || video_in_callback()) { // it would wait for itself
+        log_e("called inside a callback\n");
         return -1;
     }
     if (video_deinit() != 0)

@@ -319,9 +319,14 @@ TEST_F(PlayerTest, CompressedInputOnASpeakerIsDecodedInSyncUnlessSwitchedOff)
 TEST_F(PlayerTest, AnUnknownInputRunsThePictureFreeAndTellsTheHost)
 {
     ASSERT_TRUE(hdmi_sim::write_state_file("HEADDONE_NOTHING=1\n"));
-    // The host calls back in from the event, during open as well.
-    g_in_event = [] { hdmi_player_get_game_mode(); };
-    open();
+    // The host calls back in from its callbacks, during open as well.
+    g_in_event = [] {
+        EXPECT_FALSE(hdmi_player_get_game_mode());
+        EXPECT_EQ(hdmi_player_close() + hdmi_player_open(player_config()), -2);
+    };
+    hdmi_player_config_t config = player_config();
+    config.video_frame_flip_cb = [](hdmi_player_video_frame_t) { g_in_event(), ++g_flipped; };
+    ASSERT_EQ(hdmi_player_open(config), 0);
     EXPECT_EQ(g_unsupported, 1);
     EXPECT_EQ(render_frame(), 0); // no cable needed: there is no sync
     EXPECT_EQ(g_flipped, 1);
