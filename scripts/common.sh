@@ -15,7 +15,7 @@ build_packages=(
     libgtest-dev                                                        # the tests
 )
 test_packages=(
-    clang clang-format binutils git
+    clang clang-tidy clang-format binutils git
     libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
     ffmpeg                                                              # makes the film files that are played
     xvfb                                                                # a desktop for its window

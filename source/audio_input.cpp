@@ -384,18 +384,18 @@ void close_uevent_socket()
 }
 
 // What a receive got from the uevent socket.
-enum class received_e { MESSAGE, OVERRUN, NOTHING };
+enum class received_e { message, overrun, nothing };
 
 received_e receive_message(int uevent_fd, input_state* state)
 {
     char buffer[kTextSize] = {};
     const ssize_t length = recv(uevent_fd, buffer, sizeof(buffer) - 1, MSG_DONTWAIT);
     if (length < 0 && errno == ENOBUFS)
-        return received_e::OVERRUN;
+        return received_e::overrun;
     if (length <= 0)
-        return received_e::NOTHING;
+        return received_e::nothing;
     take_message({buffer, static_cast<size_t>(length)}, state);
-    return received_e::MESSAGE;
+    return received_e::message;
 }
 
 void watch_uevents(int uevent_fd)
@@ -409,10 +409,10 @@ void watch_uevents(int uevent_fd)
         const int count = poll(&ready, 1, overrun ? 0 : kPollMs);
         if (count > 0) {
             const received_e received = receive_message(uevent_fd, &state);
-            overrun = overrun || received == received_e::OVERRUN;
-            if (received == received_e::NOTHING)
+            overrun = overrun || received == received_e::overrun;
+            if (received == received_e::nothing)
                 back_off();
-            if (received != received_e::MESSAGE)
+            if (received != received_e::message)
                 continue;
         } else if (count < 0) {
             back_off();

@@ -216,8 +216,8 @@ protected:
 
 extern "C" int pthread_attr_setschedparam(pthread_attr_t* attr, const struct sched_param* param) noexcept
 {
-    using function = int (*)(pthread_attr_t*, const struct sched_param*);
-    static const auto real = reinterpret_cast<function>(dlsym(RTLD_NEXT, "pthread_attr_setschedparam"));
+    using Function = int (*)(pthread_attr_t*, const struct sched_param*);
+    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "pthread_attr_setschedparam"));
     // Without its priority the real-time thread cannot be created.
     if (g_before_read_thread && !g_before_read_thread())
         return 0;

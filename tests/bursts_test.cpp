@@ -82,7 +82,7 @@ TEST(Bursts, TheLinkIsTheSameInPiecesOfAnySize)
     const Bytes whole = link_bytes(signal, 0, total);
     std::mt19937 random(3);
     for (int64_t at = 0; at < total;) {
-        const int64_t frames = std::min<int64_t>(total - at, 1 + random() % 4000);
+        const int64_t frames = std::min<int64_t>(total - at, 1 + static_cast<int64_t>(random() % 4000));
         const Bytes piece = link_bytes(signal, at, frames);
         ASSERT_TRUE(std::equal(piece.begin(), piece.end(), whole.begin() + at * 4)) << at;
         at += frames;

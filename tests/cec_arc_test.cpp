@@ -15,7 +15,6 @@ namespace
 {
 
 using cec_arc::Delivery;
-using cec_arc::Message;
 using cec_arc::Notice;
 using cec_arc::State;
 using cec_arc::TvSide;

@@ -25,7 +25,6 @@ constexpr char kAddressReport[] = "5f:84:10:00:05";
 
 using hdmi_linux::ArcState;
 using hdmi_linux::CecLink;
-using hdmi_linux::CecStats;
 
 struct FakeAdapter {
     std::string path = "/dev/cec0";

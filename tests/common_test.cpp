@@ -78,18 +78,21 @@ TEST(Common, ALogRecordHasColourTimeThreadAndTitleAndAddsNoLineBreak)
     }
 }
 
+void log_at_every_level(int& evaluated)
+{
+    log_e("%d;", ++evaluated);
+    log_w("%d;", ++evaluated);
+    log_i("%d;", ++evaluated);
+    log_d("%d;", ++evaluated);
+    log_v("%d;", ++evaluated);
+}
+
 TEST(Common, TheLevelIsReadAtEveryMessageAndGuardsTheArguments)
 {
     const std::pair<const char*, int> rows[] = {{"0", 0}, {"", 0}, {"1", 1}, {"3", 3}, {"9", 5}, {"-1", 2}, {"x", 2}};
     for (const auto& [level, messages] : rows) {
         int evaluated = 0;
-        const std::string text = logged(level, [&evaluated] {
-            log_e("%d;", ++evaluated);
-            log_w("%d;", ++evaluated);
-            log_i("%d;", ++evaluated);
-            log_d("%d;", ++evaluated);
-            log_v("%d;", ++evaluated);
-        });
+        const std::string text = logged(level, [&evaluated] { log_at_every_level(evaluated); });
         EXPECT_EQ(evaluated, messages) << level;
         EXPECT_EQ(occurrences(text, ";"), messages + occurrences(text, "[0;")) << text;
     }

@@ -67,16 +67,16 @@ protected:
     static void SetUpTestSuite()
     {
         setenv("debug_hdmiplayer_log_level", "0", 1);
-        stream = new Stream();
-        stream->add({AV_CODEC_ID_AC3, 48000, 2, 192000}, 2);
-        stream->add({AV_CODEC_ID_EAC3, 48000, 6, 1536000}, 1, 2);
-        stream->add({AV_CODEC_ID_AC3, 48000, 6, 640000}, 2);
-        stream->add({AV_CODEC_ID_EAC3, 48000, 2, 3024000}, 1, 3);
-        stream->add({AV_CODEC_ID_EAC3, 48000, 2, 96000}, 1);
+        stream_ = new Stream();
+        stream_->add({AV_CODEC_ID_AC3, 48000, 2, 192000}, 2);
+        stream_->add({AV_CODEC_ID_EAC3, 48000, 6, 1536000}, 1, 2);
+        stream_->add({AV_CODEC_ID_AC3, 48000, 6, 640000}, 2);
+        stream_->add({AV_CODEC_ID_EAC3, 48000, 2, 3024000}, 1, 3);
+        stream_->add({AV_CODEC_ID_EAC3, 48000, 2, 96000}, 1);
     }
     static void TearDownTestSuite()
     {
-        delete stream;
+        delete stream_;
         unsetenv("debug_hdmiplayer_log_level");
     }
     void SetUp() override
@@ -96,9 +96,9 @@ protected:
     static Cuts cut_every(size_t first, size_t size)
     {
         Cuts cuts;
-        for (size_t end = first; end < stream->bytes.size(); end += size)
+        for (size_t end = first; end < stream_->bytes.size(); end += size)
             cuts.push_back(end);
-        cuts.push_back(stream->bytes.size());
+        cuts.push_back(stream_->bytes.size());
         return cuts;
     }
 
@@ -112,20 +112,20 @@ protected:
         size_t start = 0;
         for (size_t end : cuts) {
             const int32_t result =
-                dolby_disassemble_iec61937(&info, stream->bytes.data() + start, static_cast<uint32_t>(end - start));
-            wrong_results += result != expected_result(*stream, end) ? 1 : 0;
+                dolby_disassemble_iec61937(&info, stream_->bytes.data() + start, static_cast<uint32_t>(end - start));
+            wrong_results += result != expected_result(*stream_, end) ? 1 : 0;
             start = end;
         }
         EXPECT_EQ(0u, wrong_results);
-        EXPECT_TRUE(arriving_bytes(*stream, cuts) == arrived);
+        EXPECT_TRUE(arriving_bytes(*stream_, cuts) == arrived);
         EXPECT_EQ(0u, info.iec61937_payload_insufficient_bytes + info.iec61937_burst_insufficient_bytes);
     }
 
-    static Stream* stream;
+    static Stream* stream_;
     Bytes arrived;
 };
 
-Stream* DolbyStream::stream = nullptr;
+Stream* DolbyStream::stream_ = nullptr;
 
 TEST_F(DolbyStream, PayloadArrivesAtEveryChunkSize)
 {
@@ -149,9 +149,9 @@ TEST_F(DolbyStream, PayloadArrivesFromChunksOfAnySizes)
     for (int round = 0; round < 300 && !HasFailure(); ++round) {
         Cuts cuts;
         const size_t most = size_t{2} << random() % 15;
-        for (size_t end = 1 + random() % most; end < stream->bytes.size(); end += 1 + random() % most)
+        for (size_t end = 1 + random() % most; end < stream_->bytes.size(); end += 1 + random() % most)
             cuts.push_back(end);
-        cuts.push_back(stream->bytes.size());
+        cuts.push_back(stream_->bytes.size());
         SCOPED_TRACE(testing::Message() << "round " << round);
         expect_geometry(cuts);
     }

@@ -104,7 +104,7 @@ TEST(Picture, DamagedOrPlainIsNoNumber)
     write_number(&picture, 77);
     for (int row = 0; row < 8; row++) // the lowest bit's block
         for (int column = 0; column < 4; column++)
-            picture.luma[static_cast<size_t>(row * Picture::kWidth + column)] = Picture::kBlack;
+            picture.luma[static_cast<size_t>(row) * Picture::kWidth + column] = Picture::kBlack;
     EXPECT_EQ(read_number(picture), -1);
 }
 
@@ -352,7 +352,7 @@ TEST_F(PlayMeasure, SilenceBehindTheLastBurstIsNoSoundTooMuch)
     auto coded = CodedProgramme::make(Coding::eac3, 48000, {60, 1}, 2 * kSecond, &error);
     ASSERT_NE(coded, nullptr) << error;
     int64_t samples = coded->coded_end();
-    std::vector<int16_t> out = sound_of(*coded, 0, samples);
+    std::vector<int16_t> out = sound_of(*coded, 0, static_cast<int>(samples));
     out.resize(out.size() + 2 * 4 * 960);
     record(out, 48000, 100 * kMs);
     auto matches = match_beeps(recording, *coded, {0, 0});

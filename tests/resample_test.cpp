@@ -57,7 +57,7 @@ Output take(int32_t timeout_ms = 10000)
     if (audio_resample_get_pcm_frame(&frame, timeout_ms) != 0)
         return {};
     EXPECT_LE(frame->size, frame->buf_size);
-    const Output result = {true, {frame->data, frame->data + frame->size}, *frame};
+    Output result = {true, {frame->data, frame->data + frame->size}, *frame};
     EXPECT_EQ(audio_resample_put_pcm_frame(frame), 0);
     return result;
 }

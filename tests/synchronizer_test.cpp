@@ -31,7 +31,7 @@ namespace
 {
 
 using namespace std::chrono_literals;
-using steady = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
 // The wall clock while it is frozen; 0: the real one.
 std::atomic<int64_t> g_frozen_us{0};
@@ -220,8 +220,8 @@ protected:
     }
     bool stops_at_once() ///< compared with waits of a minute and more
     {
-        const auto before = steady::now();
-        return synchronizer_stop(handle) && steady::now() - before < 5s;
+        const auto before = Steady::now();
+        return synchronizer_stop(handle) && Steady::now() - before < 5s;
     }
 
     FrameQueue queue;
@@ -632,9 +632,9 @@ TEST_F(Synchronizer, StopEndsEveryWaitAtOnce)
     run({90000000, 3600000000});
     EXPECT_TRUE(stops_at_once());
     // A host that queues a frame, late as well, for each that is dropped.
-    queue.after_drop = [this, deadline = steady::now() + 9s] {
+    queue.after_drop = [this, deadline = Steady::now() + 9s] {
         std::this_thread::sleep_for(1ms);
-        if (steady::now() < deadline)
+        if (Steady::now() < deadline)
             queue.push(0);
     };
     synchronizer_set_base_media_time(handle, 50000000, kNoBound);
@@ -656,10 +656,10 @@ TEST_F(Synchronizer, StopEndsEveryWaitAtOnce)
 TEST_F(Synchronizer, WakesDoNotShortenTheFreeRunDistance)
 {
     set_mode(E_SYNC_MODE_FREERUN);
-    const auto before = steady::now();
+    const auto before = Steady::now();
     run({0, 100000});
     EXPECT_TRUE(eventually([this] { return synchronizer_notify_frame_done(handle) && queue.flips() > 1; }));
-    EXPECT_GE(steady::now() - before, 100ms);
+    EXPECT_GE(Steady::now() - before, 100ms);
 }
 
 TEST_F(Synchronizer, WakeBetweenStepAndWaitIsNotLost)
@@ -672,10 +672,10 @@ TEST_F(Synchronizer, WakeBetweenStepAndWaitIsNotLost)
         synchronizer_notify_frame_done(h);
         return false;
     };
-    const auto begin = steady::now();
+    const auto begin = Steady::now();
     ASSERT_TRUE(synchronizer_start(handle));
     EXPECT_TRUE(eventually([] { return steps >= 2000; }));
-    EXPECT_LT(steady::now() - begin, 2000 * 10ms / 2);
+    EXPECT_LT(Steady::now() - begin, 2000 * 10ms / 2);
 }
 
 TEST_F(Synchronizer, FailingVerticalBlankFallsBackToTheNominalRate)
@@ -688,10 +688,10 @@ TEST_F(Synchronizer, FailingVerticalBlankFallsBackToTheNominalRate)
     };
     synchronizer_set_drm_info(handle, {7, 60.0F});
     const std::string log = records("3", [&] {
-        const auto begin = steady::now();
+        const auto begin = Steady::now();
         run({0});
         EXPECT_TRUE(eventually([&] { return calls > 3; }));
-        EXPECT_GE(steady::now() - begin, 3 * 16666us);
+        EXPECT_GE(Steady::now() - begin, 3 * 16666us);
         synchronizer_stop(handle);
     });
     EXPECT_NE(sync().last_vsync_system_time, -1);

@@ -32,7 +32,7 @@ constexpr int kSlots = 5;
 constexpr int64_t kDelayMs = 76;
 constexpr unsigned kHangSeconds = 60;
 
-using calls_t = std::vector<std::string>;
+using Calls = std::vector<std::string>;
 
 int id_of(const hdmi_player_video_frame_t& frame)
 {
@@ -45,7 +45,7 @@ hdmi_player_video_frame_t frame_of(int id, int64_t pts = 12345)
 
 /// The host and the player's relays: what the module calls, in order.
 struct Host : Locked {
-    calls_t calls;
+    Calls calls;
     std::vector<int64_t> flip_pts;
     std::function<void(int)> on_flip = [](int) {};
     std::atomic<bool> audio_continues{true};
@@ -61,7 +61,7 @@ struct Host : Locked {
     {
         locked([&] { calls.push_back(call); });
     }
-    calls_t take_calls()
+    Calls take_calls()
     {
         return locked([this] { return std::exchange(calls, {}); });
     }
@@ -88,7 +88,7 @@ struct Host : Locked {
 
 Host* g_host = nullptr;
 
-const calls_t kReset = {"event 1", "audio reset"};
+const Calls kReset = {"event 1", "audio reset"};
 
 // Console output, captured all the time: the level cannot be changed while the module's threads read the environment.
 std::string take_log()
@@ -299,7 +299,7 @@ TEST_F(VideoFrameQueueTest, MeasuresFromFlipToFlip)
     EXPECT_FALSE(has(log_of(flip), "] diff last:250"));
     g_video_info.en_fps_log = false;
     sync_drop_frame_cb(&g_video_info, &info_);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 3", "flip 3", "flip 3", "flip 3", "drop 3"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 3", "flip 3", "flip 3", "flip 3", "drop 3"}));
     EXPECT_EQ(host_.flip_pts.back(), 30);
 }
 
@@ -382,7 +382,7 @@ TEST_F(VideoTest, BeginsWithAResetThatQueuesUntilAudioRuns)
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(kSlots), 0); }),
                     "] [resetting] frame_queue count:5 full, force flip ahead frame pts:0\n"));
     EXPECT_EQ(render(kSlots + 1), 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 1", "flip 2"}));
     EXPECT_EQ(queued(), kSlots - 1);
 }
 
@@ -447,7 +447,7 @@ TEST_F(VideoTest, FreeRunThatCutsAResetShortGivesBackWhatWaitsFirst)
     EXPECT_EQ(render(2), 0);
     video_avsync_reset(true, true);
     EXPECT_EQ(render(3), 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2", "flip 3"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 1", "flip 2", "flip 3"}));
     EXPECT_EQ(host_.flip_pts.front(), 0); // as it was queued; the newest as it came
     EXPECT_EQ(host_.flip_pts.back(), 12345);
     EXPECT_EQ(queued(), 0);
@@ -456,7 +456,7 @@ TEST_F(VideoTest, FreeRunThatCutsAResetShortGivesBackWhatWaitsFirst)
     EXPECT_EQ(render(5), 0);
     host_.audio_continues = false;
     EXPECT_EQ(render(6), 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 4", "flip 5", "flip 6"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 4", "flip 5", "flip 6"}));
 }
 
 TEST_F(VideoTest, FlipsWhatWaitsOnceAndInOrderWhateverItsCallbacksQueue)
@@ -471,7 +471,7 @@ TEST_F(VideoTest, FlipsWhatWaitsOnceAndInOrderWhateverItsCallbacksQueue)
         video_frame_queue_push_frame(&frame);
     });
     EXPECT_EQ(render(3), 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2", "flip 3", "flip 4", "flip 202", "flip 203"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 1", "flip 2", "flip 3", "flip 4", "flip 202", "flip 203"}));
     EXPECT_EQ(queued(), 4);
 }
 
@@ -485,10 +485,10 @@ TEST_F(VideoTest, FreeRunBegunBehindAFlipOfThePacingWaitsForItAndHasNoBacklog)
     video_avsync_reset(true, true);
     BlockedCall<int32_t> behind([] { return render(7); });
     EXPECT_TRUE(behind.asleep());
-    EXPECT_EQ(host_.take_calls(), calls_t{"flip 1"});
+    EXPECT_EQ(host_.take_calls(), Calls{"flip 1"});
     gate_.open();
     EXPECT_EQ(behind.result(), 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 2", "flip 3", "flip 4", "flip 5", "flip 6", "flip 7", "flip 8"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 2", "flip 3", "flip 4", "flip 5", "flip 6", "flip 7", "flip 8"}));
 }
 
 TEST_F(VideoTest, RendersBehindAFlipThatDoesNotEndWaitOnceTheQueueIsFull)
@@ -512,7 +512,7 @@ TEST_F(VideoTest, RendersBehindAFlipThatDoesNotEndWaitOnceTheQueueIsFull)
     EXPECT_TRUE(behind.asleep());
     gate_.open();
     EXPECT_EQ(holder.result() + behind.result(), 0);
-    EXPECT_EQ(host_.take_calls(), calls_t{"flip 2"});
+    EXPECT_EQ(host_.take_calls(), Calls{"flip 2"});
     EXPECT_EQ(queued(), kSlots - 1);
 }
 
@@ -541,15 +541,15 @@ TEST_F(VideoTest, ResetsWhenTheQueueIsFullAndDropsOnlyTheOldestFrame)
     render_into_gate([this] { gate_.pass(); });
     for (int id = 2; id <= kSlots + 1; ++id)
         EXPECT_EQ(render(id), 0);
-    EXPECT_EQ(host_.take_calls(), calls_t{"flip 1"});
+    EXPECT_EQ(host_.take_calls(), Calls{"flip 1"});
     std::thread host_thread([] { EXPECT_EQ(render(7), -1); });
     EXPECT_TRUE(host_.hears("drop 2"));
     EXPECT_EQ(host_.count("event"), 0U); // not before the synchronizer has stopped
     gate_.open();
     host_thread.join();
-    const calls_t calls = host_.take_calls();
+    const Calls calls = host_.take_calls();
     EXPECT_EQ(calls.front(), "drop 2");
-    EXPECT_EQ(calls_t(calls.end() - 2, calls.end()), kReset);
+    EXPECT_EQ(Calls(calls.end() - 2, calls.end()), kReset);
     EXPECT_EQ(std::count(calls.begin(), calls.end(), "drop 3"), 0);
 }
 
@@ -566,7 +566,7 @@ TEST_F(VideoTest, ShowsFramesUnchangedAndAtOnceInFreeRun)
         [](int) { EXPECT_EQ(video_deinit() + video_init(config()), -2); }); // they would wait for this call
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(2), 0); }), "] free run sys_time:"));
     host_.set_on_flip([](int) {});
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 1", "flip 2"}));
     EXPECT_EQ(host_.flip_pts, (std::vector<int64_t>{12345, 12345}));
     EXPECT_EQ(queued(), 0);
     // Free run leaves the clock of renders behind: its end is a gap.
@@ -590,7 +590,7 @@ TEST_F(VideoTest, ShowsFramesAtOnceDuringAResetThatDoesNotWaitForAudio)
     expect_reset(1);
     EXPECT_EQ(queued(), 0);
     EXPECT_TRUE(has(log_of([] { EXPECT_EQ(render(2), 0); }), "] [resetting] free run sys_time:"));
-    EXPECT_EQ(host_.take_calls(), calls_t{"flip 2"});
+    EXPECT_EQ(host_.take_calls(), Calls{"flip 2"});
     EXPECT_EQ(host_.flip_pts.back(), 12345);
     // Time starts anew at the frame that ends the reset.
     audio_runs();
@@ -669,7 +669,7 @@ TEST_F(VideoTest, LeavesAResetToAThreadThatCanWaitForTheSynchronizer)
     render(1);
     ASSERT_TRUE(host_.hears("flip 2"));
     EXPECT_EQ(nested, 0);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"flip 1", "flip 2"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"flip 1", "flip 2"}));
     expect_reset(3);
 }
 
@@ -707,7 +707,7 @@ TEST_F(VideoTest, GivesBackTheFirstFrameOfAResetThatFindsNoRoom)
     };
     start();
     EXPECT_EQ(render(1), -1);
-    EXPECT_EQ(host_.take_calls(), (calls_t{"event 1", "audio reset", "drop 1"}));
+    EXPECT_EQ(host_.take_calls(), (Calls{"event 1", "audio reset", "drop 1"}));
 }
 
 // Deinit must not hold the module's lock when it ends what this render starts.
@@ -759,15 +759,15 @@ public:
     void render_one()
     {
         hdmi_player_video_frame_t frame = frame_of(++last_id_);
-        t_reset_raised = false;
-        const bool taken = video_render(&frame) == 0 || t_reset_raised;
+        reset_raised_ = false;
+        const bool taken = video_render(&frame) == 0 || reset_raised_;
         locked([&] { frames_[id_of(frame)] = {std::this_thread::get_id(), taken, 0}; });
     }
-    static void note_reset() { t_reset_raised = true; }
+    static void note_reset() { reset_raised_ = true; }
 
     // Every frame that came back was taken and came back once, and none was flipped after a newer one of the same
     // thread; returns how many are missing.
-    int held(const calls_t& calls)
+    int held(const Calls& calls)
     {
         std::map<std::thread::id, int> newest;
         for (const std::string& call : calls) {
@@ -794,11 +794,11 @@ private:
         bool taken;
         int returned;
     };
-    static thread_local bool t_reset_raised;
+    static thread_local bool reset_raised_;
     std::atomic<int> last_id_{1000};
     std::map<int, Frame> frames_;
 };
-thread_local bool Account::t_reset_raised = false;
+thread_local bool Account::reset_raised_ = false;
 
 TEST_F(VideoTest, AccountsForEveryFrameOfManyRenderingThreads)
 {

@@ -44,4 +44,5 @@ inline void list_del(list_head_t* node)
 }
 
 /// The record of which @p node is the member @p member.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a member's name
 #define list_entry(node, type, member) (reinterpret_cast<type*>(reinterpret_cast<char*>(node) - offsetof(type, member)))

@@ -88,7 +88,7 @@ struct SoftwareParams {
 std::string offered_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int rate)
 {
     auto nearest = static_cast<unsigned int>(rate);
-    const std::string text = "it cannot run at " + std::to_string(rate) + " Hz";
+    std::string text = "it cannot run at " + std::to_string(rate) + " Hz";
     if (snd_pcm_hw_params_set_rate_near(pcm, params, &nearest, nullptr) < 0)
         return text;
     return text + ", the nearest is " + std::to_string(nearest) + " Hz";
@@ -380,13 +380,13 @@ void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
     const int count = pcm != nullptr && pcm->is_open() ? pcm->descriptors(&fds[1]) : 0;
     ++polling_;
     guard.unlock();
-    int result = poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
+    const int result = poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
     const bool broken = std::any_of(fds.begin() + 1, fds.begin() + 1 + count, [](const struct pollfd& fd) {
         return (fd.revents & (POLLERR | POLLNVAL | POLLHUP)) != 0;
     });
     // The next transfer normally reports the error. Where it does not, this pause keeps the caller from spinning.
     if (result > 0 && broken)
-        result = poll(fds.data(), 1, kErrorPauseMs);
+        poll(fds.data(), 1, kErrorPauseMs);
     guard.lock();
     if (count > 0)
         pcm->ready(&fds[1], count);

@@ -66,7 +66,8 @@ int set_percent_of(snd_mixer_elem_t* element, int percent)
     const int err = snd_mixer_selem_get_playback_volume_range(element, &min, &max);
     if (err < 0)
         return err;
-    return snd_mixer_selem_set_playback_volume_all(element, min + std::lround((max - min) * (percent / 100.0)));
+    return snd_mixer_selem_set_playback_volume_all(
+        element, min + std::lround(static_cast<double>(max - min) * (percent / 100.0)));
 }
 
 } // namespace

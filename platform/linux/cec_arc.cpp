@@ -146,7 +146,7 @@ void TvSide::received(const uint8_t* bytes, size_t length, int64_t now)
 void TvSide::arc_message(uint8_t from, Opcode opcode, size_t length, int64_t now)
 {
     if (from != kAudioSystem)
-        refuse(from, opcode, kRefused);
+        refuse(from, opcode, kRefused); // NOLINT(bugprone-branch-clone): the order of the questions decides the reason
     else if (length != 2)
         refuse(from, opcode, kInvalidOperand);
     else if ((phase_ == Phase::closing || phase_ == Phase::closing_pausing) && opcode == kTerminateArc) {

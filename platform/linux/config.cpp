@@ -254,7 +254,7 @@ Config current_config()
     static mutex_t mutex;
     static std::vector<std::string> reported;
     std::vector<std::string> errors;
-    const Config config = load_config(&errors);
+    Config config = load_config(&errors);
     mutex_guard guard(mutex);
     if (errors != reported) {
         reported = errors;

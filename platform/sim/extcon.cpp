@@ -174,7 +174,7 @@ bool make_extensible(const std::string& path, Failure& failure)
 // Makes the device's directory, covering as little of /sys as possible. @return its path, empty on failure.
 std::string build_device_directory(Failure& failure)
 {
-    const std::string path = "/sys/class/extcon/hdmirx_aud";
+    std::string path = "/sys/class/extcon/hdmirx_aud";
     if (is_directory(path))
         return mount_tmpfs(path, failure) ? path : "";
     size_t end = path.size();

@@ -104,8 +104,9 @@ private:
     {
         memcpy(to, from, static_cast<size_t>(samples) * kBytesPerSample);
         if (gain != 1.0f)
-            std::transform(to, to + samples, to,
-                           [gain](int16_t sample) { return static_cast<int16_t>(std::lrint(sample * gain)); });
+            std::transform(to, to + samples, to, [gain](int16_t sample) {
+                return static_cast<int16_t>(std::lrint(static_cast<float>(sample) * gain));
+            });
     }
 
     Pace pace_;

@@ -22,7 +22,7 @@ using doctor::Finding;
 using doctor::Findings;
 using doctor::Verdict;
 
-enum ExitStatus { can_play = 0, cannot_play = 1, bad_configuration = 2 };
+enum ExitStatus { kCanPlay = 0, kCannotPlay = 1, kBadConfiguration = 2 };
 
 constexpr char kDescription[] = "Lists what this machine offers the player, each line ok, missing or refused, and "
                                 "the commands that repair it.";
@@ -95,7 +95,7 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? can_play : bad_configuration;
+        return app.exit(error) == 0 ? kCanPlay : kBadConfiguration;
     }
     // First, because a process with threads cannot enter private namespaces.
     const Finding namespaces = doctor::examine_namespaces();
@@ -109,5 +109,5 @@ int main(int argc, char** argv)
     const bool configured = check_configuration();
     const bool simulates = namespaces.verdict == Verdict::ok;
     printf("Simulated play is %s.\n", simulates ? "possible" : "not possible");
-    return !configured ? bad_configuration : simulates ? can_play : cannot_play;
+    return !configured ? kBadConfiguration : simulates ? kCanPlay : kCannotPlay;
 }

@@ -37,7 +37,7 @@ namespace
 {
 
 /// And 128 + the number of a signal that came before anything was measured.
-enum ExitStatus { inside = 0, outside = 1, bad_input = 2, not_permitted = 3, inconclusive = 4, stopped = 128 };
+enum ExitStatus { kInside = 0, kOutside = 1, kBadInput = 2, kNotPermitted = 3, kInconclusive = 4, kStopped = 128 };
 
 constexpr int64_t kSecondNs = 1'000'000'000;
 constexpr int64_t kMs = 1'000'000;
@@ -352,7 +352,8 @@ Punctuality finish_timers(TickingTimers* timers, TickingTimers* ordinary, double
     return ticks.figures(kHalfMs / display_hz);
 }
 
-/// Plays the source to its end, or until a signal comes. @return inside, or with one line in @p error what became of it
+/// Plays the source to its end, or until a signal comes. @return kInside, or with one line in @p error what became of
+/// it
 ExitStatus run(Source* source, Display* display, const StopSignals& signals, const std::string& wav_path,
                Result* result, std::string* error)
 {
@@ -371,10 +372,10 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
         RealtimeScope realtime(kRealtimePriority);
         result->realtime = realtime.active();
         if (!stage.start(error))
-            return not_permitted;
+            return kNotPermitted;
         std::optional<hdmi_player_drm_info_t> drm_info = display->start(&screen, &gate, error);
         if (!drm_info)
-            return not_permitted;
+            return kNotPermitted;
         timers = std::make_unique<TickingTimers>();
         // What comes next may take seconds: a source that is listened to, an audio return channel.
         if (signals.number() == 0 && stage.connect(error))
@@ -385,7 +386,7 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
             if (host != nullptr)
                 *error = "the player did not open";
             display->stop();
-            return signals.number() != 0 ? stopped : not_permitted;
+            return signals.number() != 0 ? kStopped : kNotPermitted;
         }
     }
     watch(*host, *display, signals);
@@ -402,15 +403,15 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
     display->stop();
 
     if (result->stopped_by != 0 && !result->options.raw && host->audio().written == 0)
-        return stopped;
+        return kStopped;
     Sound sound;
     if (!stage.finish(&sound.heard, &sound.sent, error))
-        return outside;
+        return kOutside;
     if (result->options.raw)
         result->raw = stage.check_raw(sound.heard);
     gather(*host, *source, *display, stage, result);
     evaluate(*source, stage.clock(), *host, screen, sound, stage.disturbances(), trace.get(), result);
-    return inside;
+    return kInside;
 }
 
 /// Those that were asked for. @return false with one line in @p error
@@ -438,12 +439,12 @@ int fail(ExitStatus status, const std::string& error)
 int status_of(Outcome outcome, const StopSignals& signals)
 {
     switch (outcome) {
-    case Outcome::pass: return inside;
-    case Outcome::inconclusive: return inconclusive;
-    case Outcome::nothing: return stopped + signals.number();
+    case Outcome::pass: return kInside;
+    case Outcome::inconclusive: return kInconclusive;
+    case Outcome::nothing: return kStopped + signals.number();
     case Outcome::fail: break;
     }
-    return outside;
+    return kOutside;
 }
 
 int main_with(const Options& options)
@@ -452,42 +453,42 @@ int main_with(const Options& options)
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
     if (!source)
-        return fail(options.file.empty() ? not_permitted : bad_input, error);
+        return fail(options.file.empty() ? kNotPermitted : kBadInput, error);
     if (!outputs_writable(options, &error))
-        return fail(bad_input, error);
+        return fail(kBadInput, error);
     if (options.raw && source->coding() == Coding::pcm && !options.foreign_source())
-        return fail(bad_input, options.file + ": its sound is not compressed, --raw has nothing to pass on");
+        return fail(kBadInput, options.file + ": its sound is not compressed, --raw has nothing to pass on");
     if (!options.feed.empty() && source->coding() == Coding::eac3)
-        return fail(bad_input, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
+        return fail(kBadInput, "--feed: E-AC-3 passes at four times the rate at which a player opens its device");
     RecordingFile wav(options.wav_path);
     if (!is_writable(wav.path(), &error))
-        return fail(not_permitted, error);
+        return fail(kNotPermitted, error);
     if (!prepare_process(options, &error))
-        return fail(not_permitted, error);
+        return fail(kNotPermitted, error);
     if (!machine_is_configured(Stage::config_use(options), &error))
-        return fail(bad_input, error);
+        return fail(kBadInput, error);
     // The first thread.
     signals.start_thread();
     std::unique_ptr<Display> display = open_display(options, &error);
     if (!display)
-        return fail(not_permitted, error);
+        return fail(kNotPermitted, error);
     Size image_size = display->image_size();
     if (image_size.width > 0)
         source->want_images(image_size);
     if (!start_source(options, source.get(), &error))
-        return fail(bad_input, error);
+        return fail(kBadInput, error);
     Result result;
     result.options = options;
     result.programme = source->description();
     ExitStatus played = run(source.get(), display.get(), signals, wav.path(), &result, &error);
-    if (played == stopped)
-        return fail(stopped, kStoppedText) + signals.number();
-    if (played != inside)
+    if (played == kStopped)
+        return fail(kStopped, kStoppedText) + signals.number();
+    if (played != kInside)
         return fail(played, error);
     std::vector<Verdict> verdicts = judge(result);
     print_report(result, verdicts);
     if (!write_reports(result, verdicts, &error))
-        return fail(outside, error);
+        return fail(kOutside, error);
     return status_of(outcome_of(verdicts), signals);
 }
 

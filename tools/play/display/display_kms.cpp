@@ -52,7 +52,7 @@ std::string reason_of(int error)
 }
 
 /// A connector of a DRM card. Pictures are painted where the card reads them, so that a flip moves nothing.
-class KmsDisplay : public Display
+class KmsDisplay final : public Display
 {
 public:
     KmsDisplay(std::shared_ptr<KmsCard> card, int latency_ms)

@@ -10,7 +10,7 @@ namespace
 {
 
 /// No vertical blanks to pace on: a picture is seen as soon as it is flipped, until the next one is.
-class NoDisplay : public Display
+class NoDisplay final : public Display
 {
 public:
     NoDisplay(double refresh_hz, int latency_ms) : refresh_hz_(refresh_hz), latency_ms_(latency_ms) {}

@@ -8,7 +8,7 @@ namespace
 {
 
 /// The simulated platform's display: vertical blanks of any rate, and a screen that is always looked at.
-class SimulatedDisplay : public Display
+class SimulatedDisplay final : public Display
 {
 public:
     SimulatedDisplay(double refresh_hz, int latency_ms) : refresh_hz_(refresh_hz), latency_ms_(latency_ms) {}

@@ -153,7 +153,7 @@ private:
 };
 
 /// A window of the desktop. It has no vertical blanks to wait for: the player goes by its refresh rate.
-class WindowDisplay : public Display
+class WindowDisplay final : public Display
 {
 public:
     explicit WindowDisplay(const Options& options) : latency_ns_(options.display_latency_ms() * int64_t{1'000'000})

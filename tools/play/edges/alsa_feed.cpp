@@ -104,7 +104,7 @@ bool AlsaFeed::begin()
 int AlsaFeed::put_period()
 {
     int frames = pcm_->period_frames();
-    words_.resize(static_cast<size_t>(2 * frames));
+    words_.resize(2 * static_cast<size_t>(frames));
     source_->link(next_, words_.data(), frames);
     int put = pcm_->write(words_.data(), frames);
     next_ += std::max(put, 0);

@@ -50,7 +50,7 @@ void AlsaObserver::listen()
 /// @return false: sound was missed, another run begins
 bool AlsaObserver::take_period()
 {
-    period_.resize(static_cast<size_t>(2 * pcm_->period_frames()));
+    period_.resize(2 * static_cast<size_t>(pcm_->period_frames()));
     int got = pcm_->read(period_.data(), pcm_->period_frames());
     if (got >= 0) {
         AlsaPcm::Position position = {};

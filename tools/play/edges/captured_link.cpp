@@ -11,7 +11,7 @@ namespace
 {
 
 /// A real capture device. The programme is sent into the device at its other end, or a foreign source plays.
-class CapturedLink : public SourceLink
+class CapturedLink final : public SourceLink
 {
 public:
     CapturedLink(const Options& options, const Source* source) : announcer_(options.capture)

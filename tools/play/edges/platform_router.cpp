@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
@@ -85,8 +86,10 @@ const Platform& simulated()
 {
     static const Platform platform = [] {
         Platform found;
-        look_up_devices(RTLD_NEXT, &found);
-        look_up_cec(RTLD_NEXT, &found);
+        if (!look_up_devices(RTLD_NEXT, &found) || !look_up_cec(RTLD_NEXT, &found)) {
+            std::fprintf(stderr, "hdmi-player-play: the simulated platform lacks a function\n");
+            std::abort();
+        }
         return found;
     }();
     return platform;

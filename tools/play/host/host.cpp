@@ -54,7 +54,7 @@ double period_s(int rate) { return (rate == 44100 ? 896.0 : 960.0) / rate; }
 
 } // namespace
 
-Host* Host::s_host = nullptr;
+Host* Host::host_ = nullptr;
 
 int video_queue_slots(double fps, int audio_rate, Coding coding, int algorithm_delay_ms)
 {
@@ -92,9 +92,9 @@ bool Host::start()
     config.video_frame_drop_cb = on_drop;
     config.video_frame_flip_cb = on_flip;
 
-    s_host = this;
+    host_ = this;
     if (hdmi_player_open(config) != 0) {
-        s_host = nullptr;
+        host_ = nullptr;
         return false;
     }
     opened_ns_ = now_ns();
@@ -122,14 +122,14 @@ void Host::drain_audio()
 
 void Host::close()
 {
-    if (s_host != this)
+    if (host_ != this)
         return;
     // Blocks of hdmi_player_get_pcm die at close: the audio thread is gone before.
     drain_audio();
     hdmi_player_close();
     held_ = pool_.count(Owner::player);
     lost_ = pool_.count(Owner::player, rendered_ - video_queue_size_ - kHeldBesideQueue);
-    s_host = nullptr;
+    host_ = nullptr;
 }
 
 // --- Pictures ---------------------------------------------------------------
@@ -199,35 +199,35 @@ FrameBuffer* Host::take_back(void* handle, Owner next)
 
 void Host::on_flip(hdmi_player_video_frame_t frame)
 {
-    FrameBuffer* buffer = s_host->take_back(frame.buf_handle, Owner::display);
+    FrameBuffer* buffer = host_->take_back(frame.buf_handle, Owner::display);
     if (buffer == nullptr)
         return;
-    s_host->flipped_++;
+    host_->flipped_++;
     int64_t flipped_ns = now_ns();
-    bool admitted = s_host->config_.gate->admit(flipped_ns);
-    if (Trace* trace = s_host->config_.trace)
+    bool admitted = host_->config_.gate->admit(flipped_ns);
+    if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
     if (admitted) {
-        s_host->config_.present(buffer);
+        host_->config_.present(buffer);
         return;
     }
-    s_host->skipped_++;
+    host_->skipped_++;
     FramePool::pass(buffer, Owner::display, Owner::free);
 }
 
 void Host::on_drop(hdmi_player_video_frame_t frame)
 {
-    if (s_host->take_back(frame.buf_handle, Owner::free) != nullptr)
-        s_host->dropped_++;
+    if (host_->take_back(frame.buf_handle, Owner::free) != nullptr)
+        host_->dropped_++;
 }
 
 void Host::on_event(hdmi_player_event_e event)
 {
     if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
-        s_host->reset_ns_ = now_ns();
-        s_host->resets_++;
+        host_->reset_ns_ = now_ns();
+        host_->resets_++;
     } else {
-        s_host->unsupported_++;
+        host_->unsupported_++;
     }
 }
 

@@ -105,7 +105,7 @@ private:
     bool belongs_to_new_sequence(int32_t serial);
     FrameBuffer* take_back(void* handle, Owner next);
 
-    static Host* s_host;
+    static Host* host_;
 
     HostConfig config_;
     Source* source_;

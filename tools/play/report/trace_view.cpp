@@ -270,7 +270,9 @@ double typical_second(const std::vector<std::vector<double>>& kinds, const Trace
     }
     size_t best = seconds / 2;
     for (size_t i = 0; i < seconds; i++) {
-        auto from_middle = [seconds](size_t second) { return std::abs(static_cast<double>(second) - seconds / 2.0); };
+        auto from_middle = [seconds](size_t second) {
+            return std::abs(static_cast<double>(second) - static_cast<double>(seconds) / 2);
+        };
         if (strangeness[i] < strangeness[best] ||
             (strangeness[i] == strangeness[best] && from_middle(i) < from_middle(best)))
             best = i;

@@ -160,7 +160,7 @@ bool CodedTrack::store_decoded(AVPacket* packet)
         damaged = damaged || is_damaged(*frame);
         // Made anew each time: layout and levels may change with any frame.
         AvOwned<SwrContext> converter(make_downmixer(frame));
-        codecs.stereo.assign(static_cast<size_t>(2 * frame->nb_samples), 0);
+        codecs.stereo.assign(2 * static_cast<size_t>(frame->nb_samples), 0);
         auto* bytes = reinterpret_cast<uint8_t*>(codecs.stereo.data());
         if (converter)
             swr_convert(converter.get(), &bytes, frame->nb_samples, const_cast<const uint8_t**>(frame->extended_data),

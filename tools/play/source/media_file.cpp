@@ -434,7 +434,7 @@ void MediaFile::take_audio()
                 skip = -gap;
         }
         int capacity = swr_get_out_samples(decoders.converter.get(), frame->nb_samples);
-        decoders.converted.resize(static_cast<size_t>(2 * std::max(capacity, 0)));
+        decoders.converted.resize(2 * static_cast<size_t>(std::max(capacity, 0)));
         auto* bytes = reinterpret_cast<uint8_t*>(decoders.converted.data());
         int frames = swr_convert(decoders.converter.get(), &bytes, capacity,
                                  const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);

@@ -28,7 +28,8 @@ Programme::Programme(int audio_rate, Rational fps, int64_t length_ns)
     : audio_rate_(audio_rate), fps_(fps), length_ns_(length_ns)
 {
     for (int64_t second = 0; second * kSecondNs <= length_ns; second++)
-        beeps_.push_back(std::llround(static_cast<double>(frame_ns(mark_frame(second))) * audio_rate / kSecondNs));
+        beeps_.push_back(
+            std::llround(static_cast<double>(Programme::frame_ns(mark_frame(second))) * audio_rate / kSecondNs));
 }
 
 int16_t Programme::sample(int64_t number, int channel) const
