@@ -103,9 +103,6 @@ int32_t queued_frames() REQUIRES(g_ao_info.mutex)
 
 // --- Device operation and selection -------------------------------------------
 
-// The stored selection is the device's, or will be with the reopen that pends.
-void settle_selection() REQUIRES(g_ao_info.mutex) { g_ao_info.settled = {g_ao_info.dev, g_ao_info.format}; }
-
 // A release does not wake a producer that waits in a full queue, and with all its frames
 // gone the writer will not either: giving one frame back by hand does.
 void discard_queued_frames()
@@ -154,10 +151,7 @@ void set_path(const device_path& path) REQUIRES(g_ao_info.mutex)
 bool reopen_device() REQUIRES(g_ao_info.mutex)
 {
     set_path(stored_path());
-    if (open_device() < 0)
-        return false;
-    settle_selection();
-    return true;
+    return open_device() >= 0;
 }
 
 // Carries out @p op if it is the pending operation. The writer runs the reopen, between its
@@ -212,18 +206,13 @@ bool reselect_device(const device_path& path) REQUIRES(g_ao_info.mutex)
     return true;
 }
 
-// Selects @p wanted for one half of the selection: @p selected is that half in the record, @p half names it in a pair.
-//
-// Two threads may select at the same time, and the device must end up with what the record says. So each moves it to
-// what is stored at that moment, which may be the other's choice. A selection that fails restores the latest one that
-// succeeded, unless the other thread has stored since.
-template <typename Half>
-int32_t audio_output_select(entry_guard& api, Half wanted, std::atomic<Half>& selected,
-                            Half audio_output_selection_t::*half)
+// Selects @p wanted, a device or a format, in place of what @p stored holds; a selection that fails restores that.
+template <typename Selection>
+int32_t audio_output_select(entry_guard& api, std::atomic<Selection>& stored, Selection wanted)
+    REQUIRES(g_ao_info.select_mutex)
 {
     mutex_guard lock(g_ao_info.mutex);
-    const Half before = g_ao_info.settled.*half;
-    selected = wanted;
+    const Selection before = stored.exchange(wanted);
     lock.unlock();
     bool restarted = false;
     if (!run_change_handler(api, &restarted))
@@ -232,15 +221,13 @@ int32_t audio_output_select(entry_guard& api, Half wanted, std::atomic<Half>& se
 
     lock.lock();
     const bool stuck = !restarted && device_open() && !await_write_end(lock, kDevicePatienceUs);
-    if (selected == before && g_ao_info.settled.*half == before)
-        selected = wanted; // a later selection failed, and restored what was before this one
-    const device_path path = stored_path();
-    if (restarted || !device_open() || (!stuck && reselect_device(path))) {
-        settle_selection();
+    if (restarted || !device_open())
         return 0;
-    }
+    const device_path path = stored_path();
+    if (!stuck && reselect_device(path))
+        return 0;
     log_e("aio_device_reselect dev_id:%d output_fmt:%d failed!\n", path.device_id, path.output_fmt);
-    selected.compare_exchange_strong(wanted, g_ao_info.settled.*half);
+    stored = before;
     return -1;
 }
 
@@ -368,7 +355,7 @@ void* audio_output_write_thread(void* arg)
 
 // --- Lifecycle ----------------------------------------------------------------
 
-// Clears the record around its locks.
+// Clears the record, all but its locks.
 void reset_record(audio_output_info_t& info) REQUIRES(info.api_rwlock)
 {
     info.initialized = false;
@@ -391,7 +378,6 @@ void reset_record(audio_output_info_t& info) REQUIRES(info.api_rwlock)
     info.audio_cfg = {};
     info.writing = false;
     info.waiting = 0;
-    info.settled = {};
 }
 
 // Undoes all of an init but the device and the CEC link. The writer must have ended.
@@ -416,7 +402,6 @@ void configure(const audio_output_config_t& cfg, const device_path& path) REQUIR
 {
     g_ao_info.dev = cfg.dev;
     g_ao_info.format = cfg.format;
-    settle_selection();
     set_path(path);
     audio_config_t& device = g_ao_info.audio_cfg;
     device.stream_type = E_AUDIO_STREAM_PLAYBACK;
@@ -719,6 +704,7 @@ void audio_output_set_dev_operation(audio_output_dev_op_e op)
 
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
 {
+    const mutex_guard one_at_a_time(g_ao_info.select_mutex);
     entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
@@ -730,7 +716,7 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
     device_path path;
     if (!translate(dev, g_ao_info.format, &path, __func__))
         return -1;
-    const int32_t err = audio_output_select(api, dev, g_ao_info.dev, &audio_output_selection_t::dev);
+    const int32_t err = audio_output_select(api, g_ao_info.dev, dev);
     if (err != 0)
         log_e("audio_output_select failed. err:%d\n", err);
     return err;
@@ -738,6 +724,7 @@ int32_t audio_output_select_device(hdmi_player_ao_dev_e dev)
 
 int32_t audio_output_select_format(hdmi_player_ao_format_e format)
 {
+    const mutex_guard one_at_a_time(g_ao_info.select_mutex);
     entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
     if (!api)
         return -1;
@@ -749,7 +736,7 @@ int32_t audio_output_select_format(hdmi_player_ao_format_e format)
     device_path path;
     if (!translate(g_ao_info.dev, format, &path, __func__))
         return -1;
-    const int32_t err = audio_output_select(api, format, g_ao_info.format, &audio_output_selection_t::format);
+    const int32_t err = audio_output_select(api, g_ao_info.format, format);
     if (err != 0)
         log_e("audio_output_select failed. err:%d\n", err);
     return err;

@@ -352,36 +352,41 @@ TEST_F(AudioOutput, SelectionAsksThePlayerFirstAndWhatTheDeviceRefusesIsReported
                 {"E aio_device_reselect dev_id:4 output_fmt:0 failed!\n", "E aio_device_set_volume failed. err:5\n"});
 }
 
-// The first selection is held between what it stores and what it does to the device; the second runs through meanwhile.
-TEST_F(AudioOutput, OfTwoSelectionsAtOnceDeviceAndRecordTakeTheSame)
+// The first selection is held between what it stores and what it does to the device.
+TEST_F(AudioOutput, OfTwoSelectionsAtOnceTheSecondIsDecidedAfterTheFirst)
 {
     const struct {
-        bool first_refused, second_refused; // by the device
+        hdmi_player_ao_dev_e second;
+        bool first_refused; // by the device
         hdmi_player_ao_dev_e selected;
-    } cases[] = {{false, false, E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
-                 {true, false, E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
-                 {false, true, E_HDMI_PLAYER_AO_DEV_SPDIF},
-                 {true, true, E_HDMI_PLAYER_AO_DEV_SPEAKER}};
+        Calls reselects;
+    } cases[] = {
+        {E_HDMI_PLAYER_AO_DEV_HDMI_ARC, false, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 3 0", "reselect 4 0"}},
+        {E_HDMI_PLAYER_AO_DEV_HDMI_ARC, true, E_HDMI_PLAYER_AO_DEV_HDMI_ARC, {"reselect 3 0", "reselect 4 0"}},
+        {E_HDMI_PLAYER_AO_DEV_SPEAKER, false, E_HDMI_PLAYER_AO_DEV_SPEAKER, {"reselect 3 0", "reselect 1 0"}},
+        {E_HDMI_PLAYER_AO_DEV_SPDIF, true, E_HDMI_PLAYER_AO_DEV_SPDIF, {"reselect 3 0", "reselect 3 0"}},
+    };
     for (const auto& c : cases) {
         device.init_done = false;
         start();
         Gate gate;
         g_on_changed = [&, first = true](bool*) mutable {
-            if (std::exchange(first, false))
-                gate.pass(); // not the second selection
+            const bool refused = std::exchange(first, false) && c.first_refused;
+            gate.pass();
+            device.set([&] { device.results["reselect"] = refused ? -1 : 0; });
         };
         auto first = in_thread(audio_output_select_device, E_HDMI_PLAYER_AO_DEV_SPDIF);
         EXPECT_TRUE(gate.reached());
-        device.set([&] { device.results["reselect"] = c.second_refused ? -1 : 0; });
-        EXPECT_EQ(audio_output_select_device(E_HDMI_PLAYER_AO_DEV_HDMI_ARC), c.second_refused ? -1 : 0);
-        device.set([&] { device.results["reselect"] = c.first_refused ? -1 : 0; });
+        BlockedCall<int32_t> second([&c] { return audio_output_select_device(c.second); });
+        EXPECT_TRUE(second.asleep());
         gate.open();
         EXPECT_EQ(first.get(), c.first_refused ? -1 : 0);
+        EXPECT_EQ(second.result(), 0);
         EXPECT_EQ(audio_output_get_device(), c.selected);
         EXPECT_EQ(device_id(), static_cast<int>(c.selected)); // these have the same numbers on both sides
         Calls reselects = device.calls;
         reselects.erase(std::remove(reselects.begin(), reselects.end(), "changed"), reselects.end());
-        EXPECT_EQ(reselects, (Calls{"reselect 4 0", c.second_refused ? "reselect 3 0" : "reselect 4 0"}));
+        EXPECT_EQ(reselects, c.reselects);
         EXPECT_EQ(audio_output_deinit(), 0);
     }
 }

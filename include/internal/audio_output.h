@@ -39,12 +39,6 @@ typedef struct audio_output_config_s {
     void (*changed_cb)(bool force_reset, bool* restarted);
 } audio_output_config_t;
 
-/// Which way the sound goes out.
-typedef struct audio_output_selection_s {
-    hdmi_player_ao_dev_e dev;
-    hdmi_player_ao_format_e format;
-} audio_output_selection_t;
-
 /// The module's state. What is not guarded or atomic is constant from init to deinit.
 typedef struct audio_output_info_s {
     audio_output_info_s()
@@ -63,7 +57,7 @@ typedef struct audio_output_info_s {
     int32_t frame_queue = -1;                   ///< "OUT"; -1: none
     std::atomic<int32_t> init_state{-1};        ///< 0: the device is open; negative: it is not. Written under mutex.
     std::atomic<int32_t> fixed_delay{0};        ///< ms the writer holds the first block of a serial
-    /// The selection, written under mutex. Not the device's yet while a select call is under way or a reopen pends.
+    /// The selection, written under mutex. The device follows at the end of the select call, or at a reopen.
     std::atomic<hdmi_player_ao_dev_e> dev{E_HDMI_PLAYER_AO_DEV_AUTO};
     std::atomic<hdmi_player_ao_format_e> format{E_HDMI_PLAYER_AO_FORMAT_PCM};
     audio_output_dev_op_e dev_op GUARDED_BY(mutex) = AUDIO_OUTPUT_DEV_OP_NONE;
@@ -77,8 +71,13 @@ typedef struct audio_output_info_s {
     bool writing GUARDED_BY(mutex) = false; ///< the writer is inside aio_device_write
     int32_t waiting GUARDED_BY(mutex) = 0;  ///< callers that wait for the write to end; they go before the next one
     pthread_cond_t device_cond;             ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
-    audio_output_selection_t settled GUARDED_BY(mutex) = {}; ///< the latest that succeeded; a failed one restores it
-    rwlock_t api_rwlock;             ///< write: init and the end of deinit; read: everything else
+    rwlock_t api_rwlock;                    ///< write: init and the end of deinit; read: everything else
+    /**
+     * Held through a whole select call: another one must not answer from, store
+     * over or restore a selection that is not decided yet. Taken before
+     * api_rwlock, since the change handler runs with that lock released.
+     */
+    mutex_t select_mutex;
     mutex_t fixed_delay_mutex;       ///< abort_request is set before it is taken to signal the condition
     pthread_cond_t fixed_delay_cond; ///< abort_request was set; on CLOCK_MONOTONIC
     audio_output_update_avsync_clock_cb_t update_avsync_clock_cb = nullptr;
@@ -113,7 +112,7 @@ int32_t audio_output_set_video_delay(int32_t delay);
 void audio_output_set_dev_operation(audio_output_dev_op_e op);
 
 /// Both run `changed_cb` without a lock of the module held. They fail, after two seconds, while the device is
-/// stuck in a write, unless the selection closes it. Of two at once, the device takes the one that was stored last.
+/// stuck in a write, unless the selection closes it. One runs at a time.
 int32_t audio_output_select_device(hdmi_player_ao_dev_e dev);
 int32_t audio_output_select_format(hdmi_player_ao_format_e format);
 
