@@ -139,8 +139,9 @@
  *
  * 1. Stop: it tells its threads to end.
  * 2. Join: it waits until none of them holds a block or takes another one.
- *    hdmi_player_get_pcm() returns after its time-out, hdmi_player_write_pcm()
- *    as soon as the device has taken a block.
+ *    hdmi_player_get_pcm() returns after its time-out, which must not be
+ *    negative here, hdmi_player_write_pcm() as soon as the device has taken a
+ *    block.
  * 3. Close: hdmi_player_close().
  *
  * Close itself ends calls that are blocked in hdmi_player_get_pcm() and
@@ -167,7 +168,9 @@
  *
  * - While RAW on S/PDIF or ARC keeps the playback device closed, volume and mute
  *   return 0 but reach no device. When decoding resumes, the device opens as it
- *   was before: give them again once sound is played.
+ *   was before: give them again once sound is played. A mute that is given
+ *   meanwhile stays remembered: taking it off returns -1, since the device is not
+ *   muted, and the next open is muted.
  * - A percentage that is given while muted returns -1 and is only remembered:
  *   give it again once the mute is off.
  * - A value is remembered for the next open even if the device refuses it there,
@@ -377,8 +380,8 @@ typedef struct hdmi_player_config_s {
  * Other functions that are called before it returns may fail.
  * @return 0; -1 when it is open already, the flip or the drop callback is
  * missing, ao_dev or ao_format is out of range, a device does not open or the
- * output refuses the remembered volume or mute (see "Volume and mute"). After a
- * failure everything is as before.
+ * output refuses the remembered volume or mute (see "Volume and mute"), or
+ * memory or threads are short. After a failure everything is as before.
  */
 HDMI_PLAYER_API int32_t hdmi_player_open(hdmi_player_config_t cfg);
 
@@ -406,7 +409,8 @@ HDMI_PLAYER_API bool hdmi_player_get_game_mode(void);
  * first block of a new serial. A new serial needs video frames: a host without
  * them stays silent.
  * @return 0, also when it is selected already; -1 for an unknown device, when
- * the platform refuses (the old one stays) or when the player is not open.
+ * the platform refuses or the device is stuck in a write for two seconds (the
+ * old one stays), or when the player is not open.
  */
 HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_device(hdmi_player_ao_dev_e dev);
 
@@ -419,7 +423,8 @@ HDMI_PLAYER_API int32_t hdmi_player_select_audio_output_format(hdmi_player_ao_fo
  * hardware volume was set: see "Volume and mute".
  * @param volume percent, 0 to 100
  * @return 0, also when it was only remembered for the next open; -1 out of
- * range or while muted; the platform's error otherwise.
+ * range or while muted; -ETIMEDOUT when the device is stuck in a write for two
+ * seconds; the platform's error otherwise. This holds for the next two as well.
  */
 HDMI_PLAYER_API int32_t hdmi_player_set_volume(int32_t volume);
 
@@ -483,7 +488,7 @@ HDMI_PLAYER_API int32_t hdmi_player_video_render(hdmi_player_video_frame_t* fram
  * Tells that the cable was plugged in or pulled out. Every open starts with the
  * cable out. While it is out and A/V sync is on, frames are refused. A value
  * outside the enumeration is stored as it is and refuses frames as well.
- * @return 0; -1 when the player is not open.
+ * @return 0; -1 when the player is not open, or is being opened or closed.
  */
 HDMI_PLAYER_API int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state);
 

@@ -52,8 +52,8 @@ bool is_open() { return g_player_res.opened; }
 constexpr const char* kNoMessage = nullptr; ///< for calls that a closed player takes
 
 /// The entry guard of every exported call and relay. A relay may run inside an exported call on the same thread, and
-/// a host may call in from a callback. Only the outermost of them takes the lock: the inner ones come with locks of
-/// modules held, which are taken after the player's. They go through even when a close waits for the outermost.
+/// a host may call in from a callback. Only the outermost of them takes the lock: at an inner one this thread may hold
+/// a module's lock, which is taken after the player's. Inner ones go through even when a close waits for the outermost.
 class SCOPED_CAPABILITY player_guard
 {
 public:

@@ -51,8 +51,9 @@ struct CAPABILITY("mutex") mutex_t {
  * holds the lock or waits for it, entry_guard refuses new calls before they touch
  * the lock. The writer then waits only for the calls in progress.
  *
- * So init's own threads are refused too while it holds the lock. Who calls back
- * into the module from one waits for init first, with a read_guard.
+ * Threads that init starts are refused too until init ends. One that calls back
+ * into its own module therefore waits for the end of init first, with a
+ * read_guard.
  */
 struct CAPABILITY("rwlock") rwlock_t {
     static_assert(static_cast<int>(PTHREAD_RWLOCK_DEFAULT_NP) == static_cast<int>(PTHREAD_RWLOCK_PREFER_READER_NP),
@@ -111,36 +112,17 @@ private:
     bool held_ = false;
 };
 
-/// Holds a reader-writer lock for reading for a scope; may be released and taken again inside it.
+/// Holds a reader-writer lock for reading for a scope, without the check at the door of entry_guard.
 class SCOPED_CAPABILITY read_guard
 {
 public:
-    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(&lock) { lock_native(); }
-    ~read_guard() RELEASE()
-    {
-        if (held_)
-            unlock_native();
-    }
+    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(&lock) { pthread_rwlock_rdlock(&lock_->native); }
+    ~read_guard() RELEASE() { pthread_rwlock_unlock(&lock_->native); }
     read_guard(const read_guard&) = delete;
     read_guard& operator=(const read_guard&) = delete;
 
-    void unlock() RELEASE() { unlock_native(); }
-    void lock() ACQUIRE_SHARED() { lock_native(); }
-
 private:
-    void lock_native()
-    {
-        pthread_rwlock_rdlock(&lock_->native);
-        held_ = true;
-    }
-    void unlock_native()
-    {
-        held_ = false;
-        pthread_rwlock_unlock(&lock_->native);
-    }
-
     rwlock_t* lock_;
-    bool held_ = false;
 };
 
 /// Holds a reader-writer lock for writing for a scope; may be released early. Entry guards refuse calls meanwhile.
