@@ -70,6 +70,16 @@ int RateMatcher::delay(int queued) const
     return static_cast<int>(std::lround(resampler_.waiting_frames() + queued * state_.step));
 }
 
+void RateMatcher::reset()
+{
+    mutex_guard guard(mutex_);
+    in_flight_ = {};
+    controller_ = {};
+    resampler_ = {};
+    state_ = {};
+    in_frames_ = out_frames_ = 0;
+}
+
 MatchState RateMatcher::state() const
 {
     mutex_guard guard(mutex_);

@@ -50,6 +50,8 @@ public:
     int delay(int queued) const;
 
     MatchState state() const;
+    /// Forgets all, the latest ratio included.
+    void reset();
 
 private:
     mutable mutex_t mutex_;

@@ -124,6 +124,16 @@ public:
     /// Advances the reader to the next whole frame.
     void align() { advance((kLinkFrameBytes - position_bytes_ % kLinkFrameBytes) % kLinkFrameBytes); }
 
+    /// Frames that have passed since the device was opened, read or not.
+    int64_t captured(int64_t now) const
+    {
+        if (segments_.empty())
+            return 0;
+        const Segment& last = segments_.back();
+        if (last.end != kNever)
+            return last.end;
+        return last.first + std::max<int64_t>(0, last.signal->passed(now) - last.link_frame);
+    }
     int64_t position_bytes() const { return position_bytes_; }
     int64_t period_bytes() const { return static_cast<int64_t>(period_) * kLinkFrameBytes; }
 
@@ -134,16 +144,6 @@ private:
         int64_t link_frame; ///< the link's number of that frame
         int64_t end;        ///< position after its last frame; kNever while the signal lasts
     };
-
-    int64_t captured(int64_t now) const
-    {
-        if (segments_.empty())
-            return 0;
-        const Segment& last = segments_.back();
-        if (last.end != kNever)
-            return last.end;
-        return last.first + std::max<int64_t>(0, last.signal->passed(now) - last.link_frame);
-    }
 
     void advance(int64_t bytes)
     {

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <cstring>
 #include <memory>
+#include <vector>
 
 #include "play_queue.h"
+#include "rate_matcher.h"
 #include "recording.h"
 #include "sim.h"
 
@@ -19,6 +22,15 @@ constexpr int kMaxDirectVolume = 255;
 /// Even steps over 60 dB: 100 is unity. 0 is silence.
 constexpr float kDecibelsPerPercent = 0.6f;
 
+/// What is written on its way through the rate matcher. Frames are counted from the device's opening.
+struct Matching {
+    hdmi_sim::RateMatching policy = hdmi_sim::RateMatching::off;
+    bool at_work = false;
+    int64_t made = 0; ///< frames for the queue
+    std::vector<int16_t> input;
+    std::vector<int16_t> output;
+};
+
 struct Playback {
     mutex_t mutex;
     Condition changed; ///< the opening ended
@@ -27,6 +39,8 @@ struct Playback {
     int channels GUARDED_BY(mutex) = 2;
     int period_frames GUARDED_BY(mutex) = 0;
     PlayQueue queue GUARDED_BY(mutex);
+    int64_t queued_ever GUARDED_BY(mutex) = 0; ///< frames since the device was opened
+    Matching matching GUARDED_BY(mutex);
     bool ran_empty GUARDED_BY(mutex) = false; ///< and nothing was written since
     float gain GUARDED_BY(mutex) = 1.0f;
     hdmi_sim::PlaybackStats stats GUARDED_BY(mutex);
@@ -105,9 +119,79 @@ void put(Playback& p, int64_t now, const uint8_t* data, int frames) REQUIRES(p.m
 {
     p.queue.put(now, data, frames, effective_gain(p), p.recording.get());
     p.ran_empty = false;
-    p.stats.frames_written += frames;
+    p.queued_ever += frames;
     if (p.stats.first_write_ns == 0)
         p.stats.first_write_ns = now;
+}
+
+// Blocks while the buffer is full. Returns the frames queued: fewer than @p frames when the opening ended.
+int queue_frames(Playback& p, mutex_guard& guard, uint64_t opening, const uint8_t* data, int frames) REQUIRES(p.mutex)
+{
+    const int frame_bytes = p.channels * kBytesPerSample;
+    int done = 0;
+    while (done < frames && !p.openings.ended(opening)) {
+        const int64_t now = hdmi_sim::now_ns();
+        settle(p, now);
+        const int run = std::min(frames - done, p.queue.room(now));
+        if (run > 0) {
+            put(p, now, data + static_cast<size_t>(done) * static_cast<size_t>(frame_bytes), run);
+            done += run;
+            if (!p.matching.at_work)
+                p.stats.frames_written += run;
+        } else {
+            p.changed.wait_until(guard, p.queue.room_ns(std::min(frames - done, p.period_frames)));
+        }
+    }
+    return done;
+}
+
+// Begins with the first write that is to be matched, and goes on until the device is closed.
+bool is_matched(Playback& p) REQUIRES(p.mutex)
+{
+    Matching& m = p.matching;
+    const bool wanted = m.policy == hdmi_sim::RateMatching::on ||
+                        (m.policy == hdmi_sim::RateMatching::automatic && link_clock_error_ppm() != 0);
+    if (m.at_work || !wanted)
+        return m.at_work;
+    const auto channels = static_cast<size_t>(p.channels);
+    m.input.resize(channels * static_cast<size_t>(p.period_frames));
+    m.output.resize(channels * static_cast<size_t>(clocks::RatioResampler::room(p.period_frames)));
+    m.made = p.queued_ever;
+    m.at_work = rate_matcher().playback_started(p.stats.sample_rate, p.channels);
+    return m.at_work;
+}
+
+// Resamples at most a period. Returns the frames that are to be queued, negative for an error.
+int match(Playback& p, const uint8_t* data, int frames) REQUIRES(p.mutex)
+{
+    const int64_t now = hdmi_sim::now_ns();
+    settle(p, now);
+    clocks::RateMatcher& matcher = rate_matcher();
+    if (p.ran_empty)
+        matcher.disturbed();
+    else if (p.queued_ever > 0)
+        matcher.played(now, p.queued_ever - p.queue.queued(now));
+    memcpy(p.matching.input.data(), data, static_cast<size_t>(frames * p.channels) * kBytesPerSample);
+    const int made = matcher.convert(now, p.matching.input.data(), frames, p.matching.output.data());
+    p.matching.made += std::max(made, 0);
+    return made;
+}
+
+// As queue_frames(), but counts the player's frames.
+int queue_matched(Playback& p, mutex_guard& guard, uint64_t opening, const uint8_t* data, int frames) REQUIRES(p.mutex)
+{
+    const int frame_bytes = p.channels * kBytesPerSample;
+    int done = 0;
+    while (done < frames && !p.openings.ended(opening)) {
+        const int run = std::min(frames - done, p.period_frames);
+        const int made = match(p, data + static_cast<size_t>(done) * static_cast<size_t>(frame_bytes), run);
+        const auto* output = reinterpret_cast<const uint8_t*>(p.matching.output.data());
+        if (made < 0 || queue_frames(p, guard, opening, output, made) < made)
+            break;
+        done += run;
+        p.stats.frames_written += run;
+    }
+    return done;
 }
 
 int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, const Verdict& verdict)
@@ -118,18 +202,8 @@ int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, c
     const int frame_bytes = p.channels * kBytesPerSample;
     const int accepted = brief_size(verdict, size, frame_bytes);
     const int frames = accepted / frame_bytes;
-    int done = 0;
-    while (done < frames && !p.openings.ended(opening)) {
-        const int64_t now = hdmi_sim::now_ns();
-        settle(p, now);
-        const int run = std::min(frames - done, p.queue.room(now));
-        if (run > 0) {
-            put(p, now, data + static_cast<size_t>(done) * static_cast<size_t>(frame_bytes), run);
-            done += run;
-        } else {
-            p.changed.wait_until(guard, p.queue.room_ns(std::min(frames - done, p.period_frames)));
-        }
-    }
+    const int done =
+        is_matched(p) ? queue_matched(p, guard, opening, data, frames) : queue_frames(p, guard, opening, data, frames);
     if (done == frames)
         return verdict.odd ? accepted : frames * frame_bytes;
     return done > 0 ? done * frame_bytes : kClosed;
@@ -153,6 +227,11 @@ int playback_open(const audio_config_t& config)
                         config.period_count);
     p.openings.begin();
     p.ran_empty = false;
+    p.queued_ever = 0;
+    p.matching.at_work = false;
+    p.matching.policy = p.config.rate_matching;
+    if (p.matching.policy == hdmi_sim::RateMatching::automatic && p.config.clock_error_ppm != 0)
+        p.matching.policy = hdmi_sim::RateMatching::on;
     p.channels = config.channels;
     p.period_frames = config.period_frames;
     p.stats.opens++;
@@ -202,6 +281,8 @@ int playback_delay(int* frames)
     const int64_t now = hdmi_sim::now_ns();
     settle(p, now);
     *frames = p.queue.queued(now);
+    if (p.matching.at_work)
+        *frames = rate_matcher().delay(static_cast<int>(p.matching.made - p.queued_ever) + *frames);
     return 0;
 }
 
@@ -293,6 +374,8 @@ PlaybackStats playback_stats()
     sim::settle(p, now_ns());
     PlaybackStats stats = p.stats;
     stats.open = p.openings.is_open();
+    stats.rate_matching = p.matching.at_work;
+    stats.matching_ppm = p.matching.at_work ? (sim::rate_matcher().state().step - 1) * 1e6 : 0;
     return stats;
 }
 

@@ -3,6 +3,7 @@
 
 #include "bypass_path.h"
 #include "capture_ring.h"
+#include "rate_matcher.h"
 #include "sim.h"
 
 namespace sim
@@ -102,6 +103,8 @@ int read_whole(Receiver& r, uint64_t opening, uint8_t* data, int size, bool alig
     }
     if (align && !r.openings.ended(opening))
         r.ring.align();
+    const int64_t now = hdmi_sim::now_ns();
+    rate_matcher().captured(now, r.ring.captured(now));
     return done;
 }
 
@@ -127,8 +130,10 @@ int capture_open(const audio_config_t& config)
     r.openings.begin();
     r.ring = CaptureRing(config.period_frames, config.period_count);
     const int64_t now = hdmi_sim::now_ns();
-    if (r.signal != nullptr)
+    if (r.signal != nullptr) {
         r.ring.open(r.signal, now);
+        rate_matcher().capture_started(r.signal->source.rate);
+    }
     r.bypass.open(config.in_bypass_mode == E_AUDIO_IN_BYPASS_MODE_TO_RAW, r.signal, now);
     r.stats.opens++;
     r.stats.first_read_frame = -1;
@@ -148,6 +153,7 @@ int capture_close()
         return 0;
     r.bypass.close(hdmi_sim::now_ns());
     r.openings.end();
+    rate_matcher().capture_ended();
     r.changed.notify_all();
     guard.unlock();
     faults_wake();
@@ -160,6 +166,13 @@ int capture_read(uint8_t* data, int size)
     return transfer(hdmi_sim::Op::capture_read, r.openings, data, size, [&](uint64_t opening, const Verdict& verdict) {
         return read_whole(r, opening, data, brief_size(verdict, size, kLinkFrameBytes), verdict.odd);
     });
+}
+
+double link_clock_error_ppm()
+{
+    Receiver& r = receiver();
+    mutex_guard guard(r.mutex);
+    return r.signal != nullptr ? r.signal->source.clock_error_ppm : 0;
 }
 
 void capture_reset()
@@ -187,8 +200,10 @@ void receiver_connect(Signal signal)
     sim::Receiver& r = sim::receiver();
     mutex_guard guard(r.mutex);
     r.signal = std::move(link);
-    if (r.openings.is_open())
+    if (r.openings.is_open()) {
         r.ring.attach(r.signal, now);
+        sim::rate_matcher().capture_started(r.signal->source.rate);
+    }
     r.bypass.carry(r.signal, now);
     r.changed.notify_all();
 }
@@ -200,6 +215,7 @@ void receiver_disconnect()
     const int64_t now = now_ns();
     if (r.openings.is_open())
         r.ring.detach(now);
+    sim::rate_matcher().capture_ended();
     r.bypass.carry(nullptr, now);
     r.signal = nullptr;
     r.changed.notify_all();

@@ -1,6 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "sim.h"
 
+#include "rate_matcher.h"
+
+namespace sim
+{
+
+clocks::RateMatcher& rate_matcher()
+{
+    static auto* instance = new clocks::RateMatcher;
+    return *instance;
+}
+
+} // namespace sim
+
 namespace hdmi_sim
 {
 
@@ -18,6 +31,7 @@ void reset()
     sim::playback_reset();
     sim::display_reset();
     sim::cec_reset();
+    sim::rate_matcher().reset();
 }
 
 } // namespace hdmi_sim

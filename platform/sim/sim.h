@@ -22,6 +22,11 @@
 
 #define SIM_EXPORT __attribute__((visibility("default")))
 
+namespace clocks
+{
+class RateMatcher;
+}
+
 namespace sim
 {
 
@@ -103,6 +108,11 @@ int transfer(hdmi_sim::Op op, const Openings& openings, const void* data, int si
         return -EINVAL;
     return ended() ? kClosed : move(opening, verdict);
 }
+
+/// Of the two audio devices' clocks. The receiver always tells it of its own, the playback device if it is matched.
+clocks::RateMatcher& rate_matcher();
+/// Of the signal on the link; 0 without one.
+double link_clock_error_ppm();
 
 int capture_open(const audio_config_t& config);
 int capture_close();

@@ -214,9 +214,17 @@ bool send_uevent(const std::string& message);
 
 // --- Playback -------------------------------------------------------------------
 
+/// Whether what is played is resampled, so that it keeps its age between the link's clock and the device's.
+enum class RateMatching {
+    automatic, ///< if one of the two clocks has an error: with one clock for both, the samples stay as they are
+    on,
+    off,
+};
+
 struct PlaybackConfig {
     std::string wav_path;       ///< records everything played, underrun silence included; empty: no recording
     double clock_error_ppm = 0; ///< of the playback device's clock
+    RateMatching rate_matching = RateMatching::automatic;
 };
 /**
  * Takes effect at the next open of a playback device. Recording goes on across
@@ -242,7 +250,9 @@ struct PlayedBlock {
 struct PlaybackStats {
     bool open = false;
     int64_t opens = 0;
-    int64_t frames_written = 0;
+    int64_t frames_written = 0; ///< by the player
+    bool rate_matching = false; ///< they are resampled
+    double matching_ppm = 0;    ///< by which they are used up faster than they would be otherwise
     int64_t underruns = 0;
     int64_t first_write_ns = 0;   ///< 0: none yet
     int64_t last_underrun_ns = 0; ///< 0: none
