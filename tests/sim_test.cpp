@@ -263,6 +263,45 @@ TEST_F(Sim, WriteBlocksWhileTheBufferIsFullAndEndsWithTheDevice)
     EXPECT_EQ(aio_device_get_write_bytes(&config, &delay), -EBADF);
 }
 
+TEST_F(Sim, MatchesRatesOnlyWhereAClockHasAnErrorAndCountsWhatWaits)
+{
+    constexpr int kFrames = 8 * 480;
+    struct Case {
+        double receiver_ppm, playback_ppm;
+        hdmi_sim::RateMatching policy;
+        bool matched;
+    };
+    for (const Case& c :
+         {Case{0, 0, hdmi_sim::RateMatching::automatic, false}, Case{0, 100, hdmi_sim::RateMatching::automatic, true},
+          Case{-100, 0, hdmi_sim::RateMatching::automatic, true}, Case{0, 0, hdmi_sim::RateMatching::on, true},
+          Case{100, 100, hdmi_sim::RateMatching::off, false}}) {
+        const TemporaryWav wav("matched.wav");
+        hdmi_sim::Signal signal;
+        signal.clock_error_ppm = c.receiver_ppm;
+        hdmi_sim::receiver_connect(signal);
+        hdmi_sim::playback_configure({wav.path, c.playback_ppm, c.policy});
+        audio_config_t config = playback_config(48000, 480);
+        ASSERT_EQ(aio_device_open(&config), 0);
+        const int64_t begin = hdmi_sim::now_ns();
+        ASSERT_EQ(write_all(config, ramp(kFrames)), kFrames * 4);
+        int delay = 0;
+        ASSERT_EQ(aio_device_get_write_bytes(&config, &delay), 0);
+        const auto passed = static_cast<int>((hdmi_sim::now_ns() - begin) * 48 / kMs);
+        EXPECT_LE(delay, kFrames);
+        EXPECT_GE(delay, kFrames - passed - 2);
+        EXPECT_EQ(hdmi_sim::playback_stats().frames_written, kFrames);
+        EXPECT_EQ(hdmi_sim::playback_stats().rate_matching, c.matched);
+        // The last frames of a matched block wait for the next one.
+        const int waiting = c.matched ? 17 : 0;
+        ASSERT_TRUE(eventually([&] { return aio_device_get_write_bytes(&config, &delay) == 0 && delay <= waiting; }));
+        EXPECT_EQ(delay, waiting);
+        ASSERT_TRUE(hdmi_sim::playback_finish_recording());
+        EXPECT_EQ(read_wav(wav.path).size(), static_cast<size_t>(kFrames - waiting));
+        EXPECT_EQ(aio_device_close(&config), 0);
+        hdmi_sim::reset();
+    }
+}
+
 TEST_F(Sim, VolumeAndMuteActOnWhatIsWrittenAndUnityIsBitExact)
 {
     const TemporaryWav wav("volume.wav");

@@ -8,11 +8,12 @@ fail() { echo "FAIL: $*" | tee -a "$failures"; }
 
 # run NAME ARGUMENT...: leaves the exit status in $status, the output in NAME.txt and the report in NAME.json.
 # 124: it hung.
+patience=60 # seconds
 run() {
     local name=$1
     shift
     status=0
-    timeout --kill-after 5 60 "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
+    timeout --kill-after 5 "$patience" "$program" --report "$folder/$name.json" "$@" >"$folder/$name.txt" 2>&1 || status=$?
 }
 
 # machine_was_late NAME LIMITS: whether the run says so, as a whole or of one of the LIMITS (a pattern).
@@ -22,10 +23,11 @@ machine_was_late() {
 }
 
 # decide LIMITS NAME ARGUMENT...: runs until the machine was not late. @return 1 if it was each time; finish tells
+tries=5
 decide() {
     local limits=$1
     shift
-    for _ in 1 2 3 4 5; do
+    for _ in $(seq "$tries"); do
         run "$@"
         machine_was_late "$1" "$limits" || return 0
     done

@@ -209,7 +209,10 @@ CapturePath capture_path(const Result& result)
 {
     const Options& options = result.options;
     bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
-    return {result.stage.link.captured_end, transparent};
+    CapturePath path = {result.stage.link.captured_end, transparent, {}};
+    if (result.stage.sound.matched)
+        path.matched = (1 + options.playback_ppm / 1e6) / (1 + options.receiver_ppm / 1e6);
+    return path;
 }
 
 /// From this instant until that one the player has settled, and nothing is cut off.

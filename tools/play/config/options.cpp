@@ -83,6 +83,7 @@ struct Texts {
     std::string cec = "sim";
     std::string feed;
     std::string observe;
+    std::string rate_matching = "auto";
 };
 
 void describe(CLI::App* app, Options* options, Texts* texts)
@@ -132,6 +133,12 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_option("--playback-ppm", options->playback_ppm, "Clock error of the sound device")
         ->check(in_range(-1000, 1000))
+        ->capture_default_str();
+    app->add_option(
+           "--rate-matching", texts->rate_matching,
+           "Resample, so that the sound keeps its age between the two clocks: auto (if one has an error), on,\n"
+           "off (control: a minute with 2000 ppm between them must fail)")
+        ->check(CLI::IsMember({"auto", "on", "off"}))
         ->capture_default_str();
     app->add_flag("--page-flips", options->page_flips, "kms: flip as with a driver that has no atomic flips");
     app->add_option("--display-latency", options->display_latency,
@@ -216,8 +223,8 @@ std::string check_devices(const Options& options)
         return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
     if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != kPhaseAnywhere))
         return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
-    if (!options.playback.empty() && options.playback_ppm != 0)
-        return "--playback-ppm is of the simulated sound device";
+    if (!options.playback.empty() && (options.playback_ppm != 0 || options.rate_matching))
+        return "--playback-ppm and --rate-matching are of the simulated sound device";
     if (options.raw && real_capture != !options.playback.empty())
         return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
     if (options.page_flips && options.display != DisplayKind::kms)
@@ -301,6 +308,8 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         return {false, 2};
     }
     options->output = kOutputs.at(texts.output);
+    if (texts.rate_matching != "auto")
+        options->rate_matching = texts.rate_matching == "on";
     std::string wrong = take_rates(texts, options);
     if (wrong.empty())
         wrong = take_display(texts, options);

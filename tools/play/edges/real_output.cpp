@@ -56,7 +56,7 @@ public:
 
     RecordedSound heard() const override { return sent(); }
     RecordedSound sent() const override { return {file_.path(), file_.blocks()}; }
-    SoundAccount account() const override { return {first_write_ns_, file_.frames(), file_.drift_ppm(), 0}; }
+    SoundAccount account() const override { return {first_write_ns_, file_.frames(), file_.drift_ppm()}; }
 
 private:
     void opened(const audio_config_t& config) override

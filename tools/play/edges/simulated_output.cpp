@@ -17,9 +17,11 @@ constexpr useconds_t kLookAgainUs = 10'000;
 class SimulatedOutput : public SoundOutput
 {
 public:
-    SimulatedOutput(std::string wav_path, double clock_error_ppm)
-        : wav_path_(std::move(wav_path)), clock_error_ppm_(clock_error_ppm)
+    SimulatedOutput(std::string wav_path, const Options& options)
+        : wav_path_(std::move(wav_path)), clock_error_ppm_(options.playback_ppm)
     {
+        if (options.rate_matching)
+            rate_matching_ = *options.rate_matching ? hdmi_sim::RateMatching::on : hdmi_sim::RateMatching::off;
     }
 
     bool start(std::string*) override
@@ -27,6 +29,7 @@ public:
         hdmi_sim::PlaybackConfig playback;
         playback.wav_path = wav_path_;
         playback.clock_error_ppm = clock_error_ppm_;
+        playback.rate_matching = rate_matching_;
         hdmi_sim::playback_configure(playback);
         return true;
     }
@@ -57,19 +60,23 @@ public:
     SoundAccount account() const override
     {
         hdmi_sim::PlaybackStats playback = hdmi_sim::playback_stats();
-        return {playback.first_write_ns, playback.frames_written, clock_error_ppm_, 0};
+        SoundAccount account = {playback.first_write_ns, playback.frames_written, clock_error_ppm_};
+        account.matched = playback.rate_matching;
+        account.matching_ppm = playback.matching_ppm;
+        return account;
     }
 
 private:
     const std::string wav_path_;
     const double clock_error_ppm_;
+    hdmi_sim::RateMatching rate_matching_ = hdmi_sim::RateMatching::automatic;
 };
 
 } // namespace
 
 std::unique_ptr<SoundOutput> make_simulated_output(const Options& options, const std::string& wav_path)
 {
-    return std::make_unique<SimulatedOutput>(wav_path, options.playback_ppm);
+    return std::make_unique<SimulatedOutput>(wav_path, options);
 }
 
 } // namespace play

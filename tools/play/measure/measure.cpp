@@ -26,6 +26,8 @@ constexpr int64_t kMostInstants = 600;
 constexpr double kPlaceTolerance = 4;
 /// The same where a device in software may convert the rate: a millisecond at 48 kHz, far below a lost block.
 constexpr double kConvertedTolerance = 48;
+/// Rate matching begins with a ratio of 1, until the clocks are known.
+constexpr double kUnmatchedSeconds = 5;
 constexpr int kChunkFrames = 4096;
 /// The coder overlaps its blocks: the first one of a decoder that begins in the middle of a stream is incomplete.
 constexpr int64_t kDecoderSettling = 256;
@@ -302,16 +304,20 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
 {
     SampleCheck check;
     check.same_rate = source.audio_rate() == recording.sample_rate();
-    check.exact = check.same_rate && path.transparent;
-    check.place_tolerance = path.transparent ? kPlaceTolerance : kConvertedTolerance;
+    check.exact = check.same_rate && path.transparent && !path.matched;
+    check.place_tolerance = path.transparent && !path.matched ? kPlaceTolerance : kConvertedTolerance;
     check.earlier = recording.written_before(recording.last_opening());
     check.out = recording.written() - check.earlier;
     check.block = recording.sample_rate() / 50;
     if (matches.empty())
         return check;
-    double ratio = static_cast<double>(recording.sample_rate()) / source.audio_rate();
+    double clocks = path.matched.value_or(1);
+    double unmatched = std::abs(clocks - 1) * kUnmatchedSeconds * recording.sample_rate();
+    check.place_tolerance += unmatched;
+    double ratio = clocks * recording.sample_rate() / source.audio_rate();
     if (source.coding() != Coding::pcm)
         check.block = std::max<int64_t>(check.block, std::llround(kBurstSamples * ratio));
+    check.block += std::llround(unmatched);
     auto played = [&recording, &check](const SoundMatch& match) {
         return static_cast<double>(recording.written_before(match.position) - check.earlier);
     };

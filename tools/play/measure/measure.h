@@ -132,6 +132,8 @@ struct SampleCheck {
 struct CapturePath {
     int64_t captured_end = -1; ///< number of the link frame after the last one captured; -1: not known, the last match
     bool transparent = true;   ///< the words of the link come through as they are
+    /// The output's clock by the source's, if the sound is resampled from one to the other.
+    std::optional<double> matched = {};
 };
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                           const CapturePath& path);

@@ -357,6 +357,8 @@ const std::vector<Line> kLines = {
           [](R r) -> json { return r.gaps; }},
          {"/sound/underruns_first_second", " (and {} in the first second)", "Underruns in the first second", kCount,
           [](R r) -> json { return r.early_gaps; }},
+         {"/sound/matching_ppm", "; resampled from a clock {} faster", "Resampled from a clock faster by", kPpm,
+          [](R r) -> json { return r.stage.sound.matched ? json(r.stage.sound.matching_ppm) : json(); }},
      }},
     {Section::sound,
      "player",

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# play_clocks_test.sh PROGRAM: plays for a minute with a source and an output that have clocks of their own. With rate
+# matching the sound keeps its age, without it does not.
+# 77 if the machine does not permit the program to run, or is too late each time to measure.
+set -euo pipefail
+
+program=$1
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+source "$(dirname "${BASH_SOURCE[0]}")/support/play_runs.sh"
+patience=100
+tries=2
+
+# keeps_age NAME ARGUMENT...: passes, and at no instant the sound is 3 ms older than at another one.
+keeps_age() {
+    local latency
+    passes "$@"
+    latency=$(sed -n 's/.*latency  *sound [0-9.]* ms (\([0-9.]*\) to \([0-9.]*\)).*/\1 \2/p' "$folder/$1.txt")
+    awk -v text="$latency" 'BEGIN { exit !(split(text, age, " ") == 2 && age[2] - age[1] < 3) }' ||
+        { cat "$folder/$1.txt"; fail "${*:2}: sound of $latency ms"; }
+}
+
+run start --seconds 2
+if barred start; then
+    cat "$folder/start.txt"
+    exit 77
+fi
+minute=(--seconds 60)
+keeps_age fast "${minute[@]}" --receiver-ppm 1000 --rate 48000 &
+keeps_age slow "${minute[@]}" --receiver-ppm -1000 &
+keeps_age coded "${minute[@]}" --playback-ppm 1000 --bitstream ac3 &
+misses unmatched 'A/V offset p95' "${minute[@]}" --receiver-ppm 1000 --playback-ppm -1000 --rate-matching off &
+misses lost 'samples complete and in place' --seconds 10 --receiver-ppm 1000 --withhold-block &
+wait
+finish
