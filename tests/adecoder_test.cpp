@@ -5,6 +5,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -15,6 +16,8 @@
 
 #include "ac3_framer.h"
 #include "coded_audio.h"
+#include "decoder_avcodec.h"
+#include "time_line.h"
 
 namespace
 {
@@ -24,6 +27,13 @@ using coded_audio::Format;
 using Pcm = std::vector<int16_t>;
 
 constexpr size_t kFrame = ac3::kFrameSamplesMax;
+
+// The decoder's clock stands still, so that nothing is missing by it, but where a test moves it.
+std::atomic<int64_t> g_now_us{0};
+const bool g_clock_is_set = [] {
+    decoder_avcodec::set_clock([] { return g_now_us.load(); });
+    return true;
+}();
 
 struct Closer {
     void operator()(adecoder_handle_t* handle) const { EXPECT_EQ(0, adecoder_deinit(handle)); }
@@ -219,6 +229,110 @@ TEST(Adecoder, DamagedFrameCostsItsOwnDurationAndNothingAfter)
             }
         }
     }
+}
+
+// Writes as captured chunks bring it and reads as the player does; the clock goes on as time does.
+class PacedPlayer
+{
+public:
+    explicit PacedPlayer(bool async_mode = false)
+        : async_(async_mode), decoder_(open_decoder(ADECODER_FORMAT_AC3, 2, async_mode))
+    {
+    }
+
+    void send(const Bytes& packet)
+    {
+        const int64_t ends_us = start_us_ + static_cast<int64_t>(bursts_++) * 32000 + 5000;
+        pass_until((ends_us + 19999) / 20000 * 20000);
+        const size_t before = pcm.size();
+        for (size_t at = 0; at < packet.size();)
+            write_some(decoder_.get(), packet, packet.size(), &at);
+        // A thread decodes it, at this time.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        do
+            read();
+        while (async_ && pcm.size() == before && std::chrono::steady_clock::now() < deadline);
+    }
+    void send(const std::vector<Bytes>& packets, size_t from, size_t to)
+    {
+        for (size_t i = from; i < to; ++i)
+            send(packets[i]);
+    }
+    void lose(size_t bursts) { bursts_ += bursts; }
+    void ask_rate() { adecoder_get_output_sample_rate(decoder_.get()); }
+
+    Pcm pcm;
+
+private:
+    void read()
+    {
+        int16_t block[1920];
+        for (int32_t bytes; (bytes = adecoder_read(decoder_.get(), 0, 0, block, sizeof(block), 0)) > 0; ask_rate())
+            pcm.insert(pcm.end(), block, block + bytes / 2);
+    }
+    void pass_until(int64_t time_us)
+    {
+        for (; g_now_us + 10000 < time_us; read())
+            g_now_us += 10000;
+        g_now_us = std::max(g_now_us.load(), time_us);
+        read();
+    }
+
+    const bool async_;
+    const Decoder decoder_;
+    const int64_t start_us_ = g_now_us;
+    size_t bursts_ = 0;
+};
+
+TEST(Adecoder, LostFramesLeaveTheSoundBehindThemInItsPlace)
+{
+    for (const Format& format : {kFormats[0], kFormats[4]}) {
+        for (const bool async_mode : {false, true}) {
+            for (const size_t lost : {1, 10, 100}) {
+                SCOPED_TRACE(testing::Message() << "codec " << format.codec << ", " << async_mode << ", " << lost);
+                const std::vector<Bytes> packets = coded_audio::encode(format, 60 + static_cast<int>(lost));
+                const Pcm expected = coded_audio::decode(format, packets, 2);
+                PacedPlayer player(async_mode);
+                player.send(packets, 0, 30);
+                EXPECT_EQ(30 * kFrame * 2, player.pcm.size());
+                player.lose(lost);
+                player.send(packets, 30 + lost, packets.size());
+                ASSERT_EQ(expected.size(), player.pcm.size());
+                const size_t half_a_second = (30 + lost + 16) * kFrame * 2;
+                EXPECT_EQ(0u, count_differences(expected, player.pcm, half_a_second, expected.size()));
+            }
+        }
+    }
+}
+
+TEST(Adecoder, WhatThePlayerKeepsTheTimeOfIsNotFilledIn)
+{
+    const std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 60);
+    PacedPlayer reopened;
+    reopened.send(packets, 0, 30);
+    reopened.lose(10);
+    time_line::begin();
+    reopened.send(packets, 40, 60);
+    EXPECT_EQ(50 * kFrame * 2, reopened.pcm.size()) << "the capture device was opened";
+
+    PacedPlayer silent;
+    silent.send(packets, 0, 30);
+    silent.ask_rate();
+    silent.lose(10);
+    silent.send(packets, 40, 60);
+    EXPECT_EQ(50 * kFrame * 2, silent.pcm.size()) << "the player queued silence of its own";
+}
+
+TEST(Adecoder, ALengthThatLiesMovesNothing)
+{
+    std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 60);
+    const Pcm expected = coded_audio::decode(kFormats[0], packets, 2);
+    packets[29].resize(6136); // the burst's stuffing
+    packets[33].resize(2);    // next to nothing
+    PacedPlayer player;
+    player.send(packets, 0, packets.size());
+    ASSERT_EQ(expected.size(), player.pcm.size());
+    EXPECT_EQ(0u, count_differences(expected, player.pcm, 50 * kFrame * 2, expected.size()));
 }
 
 TEST(Adecoder, FullOutputTakesNothingAndGoesOnWhenItWasRead)

@@ -5,7 +5,8 @@
  *
  * Every frame is decoded as soon as its last byte was written. A damaged or lost
  * frame is concealed, or replaced by silence of its duration, so that the sound
- * after it keeps its place in time. Noise is generated consistently (the
+ * after it keeps its place in time. Frames that never came are found by the time
+ * that has passed (frame_clock.h). Noise is generated consistently (the
  * decoder's "cons_noisegen"): equal input gives equal output.
  *
  * Memory: at most the framer's 40 kB of input, in the asynchronous mode two
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <exception>
 #include <memory>
@@ -35,13 +37,23 @@ extern "C" {
 }
 
 #include "ac3_framer.h"
+#include "frame_clock.h"
 #include "internal/locks.h"
+#include "time_line.h"
 
 namespace
 {
 
 constexpr size_t kPcmFramesMax = 16 * ac3::kFrameSamplesMax;
 constexpr size_t kPendingBytesMax = 64 * 1024;
+
+int64_t monotonic_us()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::atomic<decoder_avcodec::Clock> g_clock{monotonic_us};
 
 struct AvDeleter {
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
@@ -268,33 +280,76 @@ public:
     /// @return bytes accepted: fewer than @p bytes when the PCM is full.
     size_t feed(const uint8_t* data, size_t bytes, bool* failed)
     {
+        const int64_t now_us = g_clock.load()();
         size_t taken = 0;
-        while (decode_complete(failed) && taken < bytes)
+        while (decode_complete(now_us, failed) && taken < bytes)
             taken += framer_.write(data + taken, bytes - taken);
         return taken;
     }
 
+    /// PCM frames stored, at most @p frames.
+    size_t read(int16_t* data, size_t frames)
+    {
+        mutex_guard lock(mutex_);
+        follow_time_line();
+        const bool due = pcm_.frames() == 0 && !time_line::is_quiet(time_line::kQuiet);
+        const size_t room = due ? pcm_.room() : 0;
+        pcm_.push_silence(static_cast<size_t>(frame_clock_.starving(g_clock.load()(), static_cast<int64_t>(room))));
+        const size_t stored = pcm_.pop(data, frames);
+        unasked_blocks_ += stored > 0 ? 1 : 0;
+        return stored;
+    }
+
+    /// The reader asks once for each block that it was given.
+    void note_rate_asked()
+    {
+        mutex_guard lock(mutex_);
+        if (unasked_blocks_ > 0)
+            unasked_blocks_--;
+        else
+            frame_clock_.restart(); // a block of the player's own
+    }
+
 private:
     // Decodes all complete units. @return false when the PCM is full.
-    bool decode_complete(bool* failed)
+    bool decode_complete(int64_t now_us, bool* failed)
     {
         ac3::Unit unit = {};
         while (pcm_.room() >= ac3::kFrameSamplesMax) {
             if (!framer_.next(&unit))
                 return true;
             const bool started = decoder_.rate() != 0;
-            *failed = !decoder_.decode(unit, &scratch_) || unit.lost > 0 || !unit.intact || *failed;
-            // Silence replaces lost units, so that the sound after them keeps its place in time.
-            if (started) {
-                const size_t after = std::max<size_t>(unit.samples, scratch_.size() / channels_);
-                const size_t room = pcm_.room();
-                pcm_.push_silence(std::min<size_t>(unit.lost * unit.samples, room - std::min(room, after)));
-            }
+            const bool decoded = decoder_.decode(unit, &scratch_);
+            *failed = !decoded || unit.lost > 0 || !unit.intact || *failed;
             if (scratch_.empty() && started)
-                pcm_.push_silence(unit.samples);
-            pcm_.push(scratch_.data(), scratch_.size() / channels_);
+                scratch_.assign(unit.samples * channels_, 0);
+            if (!scratch_.empty())
+                queue(now_us, started ? unit.lost * unit.samples : 0, !decoded || !unit.intact);
         }
         return false;
+    }
+
+    // Silence stands for what was lost before it, so that it keeps its place in time.
+    void queue(int64_t now_us, uint32_t lost, bool made_up)
+    {
+        const size_t frames = scratch_.size() / channels_;
+        mutex_guard lock(mutex_);
+        follow_time_line();
+        const size_t room = pcm_.room();
+        const ac3::Correction correction =
+            frame_clock_.frame_came(now_us, {decoder_.rate(), static_cast<int64_t>(frames), lost, made_up},
+                                    static_cast<int64_t>(room - std::min(room, frames)));
+        pcm_.push_silence(static_cast<size_t>(correction.silence));
+        const auto skip = static_cast<size_t>(correction.skip);
+        pcm_.push(scratch_.data() + skip * channels_, frames - skip);
+    }
+
+    void follow_time_line() REQUIRES(mutex_)
+    {
+        const uint32_t present = time_line::present();
+        if (present != time_line_ || time_line::is_quiet(time_line::kNoSignal))
+            frame_clock_.restart();
+        time_line_ = present;
     }
 
     const size_t channels_;
@@ -302,6 +357,10 @@ private:
     UnitDecoder decoder_;
     PcmRing pcm_;
     std::vector<int16_t> scratch_;
+    mutex_t mutex_;
+    ac3::FrameClock frame_clock_ GUARDED_BY(mutex_);
+    uint32_t time_line_ GUARDED_BY(mutex_) = time_line::present();
+    uint32_t unasked_blocks_ GUARDED_BY(mutex_) = 0; ///< read, but the rate was not asked for yet
 };
 
 } // namespace
@@ -334,8 +393,7 @@ struct adecoder_handle {
     int32_t read(void* buffer, int32_t bytes)
     {
         const auto frame_bytes = static_cast<size_t>(channels) * sizeof(int16_t);
-        const size_t frames =
-            pipeline.pcm().pop(static_cast<int16_t*>(buffer), static_cast<size_t>(bytes) / frame_bytes);
+        const size_t frames = pipeline.read(static_cast<int16_t*>(buffer), static_cast<size_t>(bytes) / frame_bytes);
         if (async && frames > 0) {
             // Under the mutex, so that the worker is not between its test of the room and its wait.
             mutex_guard lock(mutex);
@@ -431,12 +489,20 @@ int32_t read(adecoder_handle_t* handle, void* buffer, int32_t buffer_size)
     return handle->read(buffer, buffer_size);
 }
 
-int32_t output_sample_rate(adecoder_handle_t* handle) { return handle != nullptr ? handle->pipeline.rate() : 0; }
+int32_t output_sample_rate(adecoder_handle_t* handle)
+{
+    if (handle == nullptr)
+        return 0;
+    handle->pipeline.note_rate_asked();
+    return handle->pipeline.rate();
+}
 
 int32_t close(adecoder_handle_t* handle)
 {
     delete handle;
     return handle != nullptr ? 0 : -1;
 }
+
+void set_clock(Clock clock) { g_clock = clock != nullptr ? clock : monotonic_us; }
 
 } // namespace decoder_avcodec

@@ -18,4 +18,9 @@ int32_t read(adecoder_handle_t* handle, void* buffer, int32_t buffer_size);
 int32_t output_sample_rate(adecoder_handle_t* handle);
 int32_t close(adecoder_handle_t* handle);
 
+using Clock = int64_t (*)();
+/// For tests: the clock by which decoders find what is missing, in microseconds; null: the monotonic one. One that
+/// stands still finds nothing.
+void set_clock(Clock clock);
+
 } // namespace decoder_avcodec

@@ -11,6 +11,7 @@
 #include "alsa_capture.h"
 #include "alsa_output.h"
 #include "hdmi_linux.h"
+#include "time_line.h"
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
 
@@ -40,21 +41,28 @@ extern "C" {
 
 PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
 {
-    if (is_capture(config))
+    if (is_capture(config)) {
+        time_line::begin();
         return capture().open(*config);
+    }
     return is_playback(config) ? output().open(*config) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
 {
-    if (is_capture(config))
+    if (is_capture(config)) {
+        time_line::end();
         return capture().close();
+    }
     return is_playback(config) ? output().close() : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
 {
-    return is_capture(config) ? capture().read(data, size) : kWrongStream;
+    const int result = is_capture(config) ? capture().read(data, size) : kWrongStream;
+    if (result > 0)
+        time_line::delivered();
+    return result;
 }
 
 PLATFORM_EXPORT int aio_device_write(audio_config_t* config, const uint8_t* data, int size)

@@ -7,6 +7,7 @@
 #include "aio_device.h"
 
 #include "sim.h"
+#include "time_line.h"
 
 namespace
 {
@@ -27,8 +28,10 @@ SIM_EXPORT int aio_device_open(audio_config_t* config)
 {
     if (config == nullptr)
         return kWrongStream;
-    if (is_capture(config))
+    if (is_capture(config)) {
+        time_line::begin();
         return sim::capture_open(*config);
+    }
     return is_playback(config) ? sim::playback_open(*config) : kWrongStream;
 }
 
@@ -36,14 +39,19 @@ SIM_EXPORT int aio_device_close(audio_config_t* config)
 {
     if (config == nullptr)
         return kWrongStream;
-    if (is_capture(config))
+    if (is_capture(config)) {
+        time_line::end();
         return sim::capture_close();
+    }
     return is_playback(config) ? sim::playback_close() : kWrongStream;
 }
 
 SIM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
 {
-    return config != nullptr && is_capture(config) ? sim::capture_read(data, size) : kWrongStream;
+    const int result = config != nullptr && is_capture(config) ? sim::capture_read(data, size) : kWrongStream;
+    if (result > 0)
+        time_line::delivered();
+    return result;
 }
 
 SIM_EXPORT int aio_device_write(audio_config_t* config, const uint8_t* data, int size)

@@ -7,6 +7,7 @@
 
 #include "decoder_avcodec.h"
 #include "sim.h"
+#include "time_line.h"
 
 namespace
 {
@@ -56,3 +57,22 @@ SIM_EXPORT int32_t adecoder_deinit(adecoder_handle_t* handle)
 }
 
 } // extern "C"
+
+namespace hdmi_sim
+{
+
+void decoder_fills_losses(bool on)
+{
+    decoder_avcodec::set_clock(on ? nullptr : decoder_avcodec::Clock([]() -> int64_t { return 0; }));
+}
+
+void note_capture(CaptureNews news)
+{
+    switch (news) {
+    case CaptureNews::opened: return time_line::begin();
+    case CaptureNews::delivered: return time_line::delivered();
+    case CaptureNews::closed: return time_line::end();
+    }
+}
+
+} // namespace hdmi_sim

@@ -27,6 +27,7 @@ int64_t now_ns()
 void reset()
 {
     sim::faults_reset();
+    decoder_fills_losses(true);
     sim::capture_reset();
     sim::playback_reset();
     sim::display_reset();

@@ -141,10 +141,11 @@ bool pack_bitstream(Coding coding, const uint8_t* data, size_t bytes, Bitstream*
 /// DTS to the outside only: sync word, then noise. @p type: one of the dts codings.
 Bitstream dts_bitstream(Coding type, int sample_rate, int bursts, uint32_t seed);
 
-/// Zeros on the link for @p frames link frames, before burst @p before_burst (in every round of a repeated stream).
+/// No sound on the link for @p frames link frames, before burst @p before_burst (in every round of a repeated stream).
 struct BurstGap {
     int64_t before_burst;
     int64_t frames;
+    int64_t pause_frames = 0; ///< link frames from one pause burst (data type 3) to the next; 0: zeros only
 };
 struct BurstOptions {
     /**
@@ -187,6 +188,15 @@ struct BurstOptions {
 Signal bitstream_signal(const Bitstream& stream, const BurstOptions& options = {});
 /// The link frame with which burst @p burst begins (repeated streams count on); -1 for one that never comes.
 int64_t burst_start(const Bitstream& stream, const BurstOptions& options, int64_t burst);
+
+/**
+ * The decoder fills in silence for what is missing by the time (adecoder.h).
+ * Off, for the control of a test: it counts what it decoded only.
+ */
+void decoder_fills_losses(bool on);
+/// For a program that decodes here what it captures from another platform's device: what became of that device.
+enum class CaptureNews { opened, delivered, closed };
+void note_capture(CaptureNews news);
 
 // --- Announcements ------------------------------------------------------------
 
@@ -379,7 +389,7 @@ void clear_fault(Op op);
 /// Calls of @p op that a fault has hit so far.
 int64_t fault_hits(Op op);
 
-/// Back to the state at start: faults, statistics, recording, signal. Nothing may be open.
+/// Back to the state at start: faults, the decoder's filling, statistics, recording, signal. Nothing may be open.
 void reset();
 
 } // namespace hdmi_sim

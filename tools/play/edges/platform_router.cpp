@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include "hdmi_cec.h"
+#include "hdmi_sim.h"
 
 namespace play
 {
@@ -136,6 +137,13 @@ int64_t now_ns()
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
+}
+
+// The decoder is the simulation's, which knows of its own device only.
+void tell_decoder(const audio_config_t* config, hdmi_sim::CaptureNews news)
+{
+    if (is_capture(config) && router().routes.real_capture)
+        hdmi_sim::note_capture(news);
 }
 
 void note_opened(const audio_config_t& config)
@@ -270,17 +278,24 @@ extern "C" {
 
 SEAM int aio_device_open(audio_config_t* config)
 {
+    play::tell_decoder(config, hdmi_sim::CaptureNews::opened);
     int result = behind(config).open(config);
     if (result >= 0)
         play::note_opened(*config);
     return result;
 }
 
-SEAM int aio_device_close(audio_config_t* config) { return behind(config).close(config); }
+SEAM int aio_device_close(audio_config_t* config)
+{
+    play::tell_decoder(config, hdmi_sim::CaptureNews::closed);
+    return behind(config).close(config);
+}
 
 SEAM int aio_device_read(audio_config_t* config, uint8_t* data, int size)
 {
     int result = behind(config).read(config, data, size);
+    if (result > 0)
+        play::tell_decoder(config, hdmi_sim::CaptureNews::delivered);
     play::SeamTap* tap = play::tap_of(config);
     if (result > 0 && tap != nullptr)
         tap->captured(data, result, play::now_ns());
