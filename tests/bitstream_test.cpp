@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Compressed input through the whole player, on the simulated platform: what a host hears of it.
 #include <gtest/gtest.h>
+#include <sndfile.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -431,6 +433,246 @@ TEST_F(BitstreamTest, ADecoderThatFailsStallsNothingElse)
         } // the close is prompt with the fault in force
         hdmi_sim::clear_fault(op);
     }
+}
+
+// --- Bursts that never come ---------------------------------------------------------------------
+
+namespace
+{
+
+// What happens to a stream from a burst on. The sound is looked at half a second after its end.
+struct Loss {
+    const char* name;
+    size_t bursts;      ///< that are lost
+    double pause_s = 0; ///< of pause bursts, instead
+    void (*damage)(hdmi_sim::Burst* burst) = nullptr;
+};
+
+// Of the stuffing nothing is left: the player takes chunks of zeros for silence and begins anew. And nothing in it can
+// be taken for a preamble.
+void fill(hdmi_sim::Burst* burst) { burst->payload.resize(24568, 0xA5); }
+
+void flag(hdmi_sim::Burst* burst)
+{
+    fill(burst);
+    burst->pc |= 0x80;
+}
+
+void change_type(hdmi_sim::Burst* burst)
+{
+    fill(burst);
+    burst->pc = 0x5C;
+}
+
+void garble(hdmi_sim::Burst* burst)
+{
+    burst->payload.assign(burst->payload.size(), 0x5A);
+    fill(burst);
+}
+
+void state_too_much(hdmi_sim::Burst* burst) { burst->pd = 0xFFFF; }
+
+const Loss kLosses[] = {
+    {"error flag", 1, 0, flag},
+    {"unknown types", 10, 0, change_type},
+    {"no sound in it", 1, 0, garble},
+    {"100 flags", 100, 0, flag},
+    {"a length that lies", 1, 0, state_too_much},
+    {"pause of 0.1 s", 0, 0.1},
+    {"pause of 0.7 s", 0, 0.7123},
+    {"pause of 2 s", 0, 2.0},
+};
+/// The first so many leave no zeros behind on an E-AC-3 link either.
+constexpr size_t kWithoutZeros = 4;
+
+// A stream in which bursts are lost again and again, and where its sound is measured.
+struct LossyStream {
+    Bitstream stream;
+    BurstOptions options;
+    std::vector<int16_t> sound; ///< of all bursts, as if none were lost
+    std::vector<size_t> at;     ///< the burst with which a loss begins
+    std::vector<size_t> after;  ///< the one half a second behind it
+};
+
+LossyStream make_lossy(const coded_audio::Format& format, const std::vector<Loss>& losses)
+{
+    constexpr int64_t kPauseFrames = 3;
+    constexpr size_t kSettled = 70;
+    constexpr size_t kHalfASecond = 16;
+    constexpr size_t kMeasured = 16;
+    LossyStream lossy;
+    size_t end = kSettled;
+    for (const Loss& loss : losses) {
+        lossy.at.push_back(end);
+        lossy.after.push_back(end + loss.bursts + kHalfASecond);
+        end = lossy.after.back() + kMeasured;
+    }
+    const std::vector<Bytes> packets = coded_audio::encode(format, static_cast<int>(end + 2));
+    lossy.sound = coded_audio::decode(format, packets, 2);
+    const Bytes bytes = coded_audio::join(packets);
+    const Coding coding = format.codec == AV_CODEC_ID_AC3 ? Coding::ac3 : Coding::eac3;
+    if (!hdmi_sim::pack_bitstream(coding, bytes.data(), bytes.size(), &lossy.stream))
+        throw std::runtime_error("pack");
+    const int rate = hdmi_sim::link_rate(lossy.stream);
+    for (size_t i = 0; i < losses.size(); ++i) {
+        for (size_t lost = 0; lost < losses[i].bursts; ++lost)
+            losses[i].damage(&lossy.stream.bursts[lossy.at[i] + lost]);
+        const auto pause = static_cast<int64_t>(losses[i].pause_s * rate);
+        if (pause > 0)
+            lossy.options.gaps.push_back({static_cast<int64_t>(lossy.at[i]), pause, kPauseFrames});
+    }
+    return lossy;
+}
+
+// What the sound device played.
+struct Recording {
+    int resets = 0;           ///< after the start
+    bool stood_still = false; ///< the machine did, for longer than chunks and sound wait
+    std::vector<int16_t> pcm;
+    std::vector<hdmi_sim::PlayedBlock> blocks;
+
+    /// When sample @p frame of the file was heard.
+    int64_t heard_ns(int64_t frame) const
+    {
+        for (const hdmi_sim::PlayedBlock& block : blocks) {
+            if (frame >= block.first_frame && frame < block.first_frame + block.frames)
+                return block.heard_ns + (frame - block.first_frame) * kSecond / 48000;
+        }
+        return 0;
+    }
+};
+
+std::vector<int16_t> read_wav(const std::string& path)
+{
+    SF_INFO info = {};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    if (file == nullptr)
+        return {};
+    std::vector<int16_t> pcm(static_cast<size_t>(info.frames * info.channels));
+    sf_readf_short(file, pcm.data(), info.frames);
+    sf_close(file);
+    return pcm;
+}
+
+// Waits in small steps; true if the machine held one of them up.
+bool wait_until(int64_t end_ns)
+{
+    constexpr int64_t kHeldUpNs = 45'000'000;
+    int64_t longest_ns = 0;
+    for (int64_t now = hdmi_sim::now_ns(); now < end_ns;) {
+        std::this_thread::sleep_for(5ms);
+        longest_ns = std::max(longest_ns, hdmi_sim::now_ns() - now);
+        now = hdmi_sim::now_ns();
+    }
+    return longest_ns > kHeldUpNs;
+}
+
+// Plays the stream to its end, with a picture.
+Recording play(const LossyStream& lossy)
+{
+    const std::string wav = testing::TempDir() + "bitstream_test." + std::to_string(getpid()) + ".wav";
+    hdmi_sim::PlaybackConfig config;
+    config.wav_path = wav;
+    hdmi_sim::playback_configure(config);
+    hdmi_sim::Signal signal = hdmi_sim::bitstream_signal(lossy.stream, lossy.options);
+    signal.start_ns = hdmi_sim::now_ns();
+    hdmi_sim::write_state_file(hdmi_sim::announce_text(true, 48000));
+    hdmi_sim::receiver_connect(signal);
+    const auto wait_for = [&](size_t burst) {
+        const int64_t frame = hdmi_sim::burst_start(lossy.stream, lossy.options, static_cast<int64_t>(burst));
+        return wait_until(signal.start_ns + frame * kSecond / signal.rate);
+    };
+    Recording recording;
+    {
+        Host host(true);
+        wait_for(lossy.at[0] - 10);
+        const int at_start = g_resets;
+        const bool held_up = wait_for(lossy.after.back() + 15);
+        recording.stood_still = held_up || hdmi_sim::receiver_stats().overruns > 0;
+        recording.resets = g_resets - at_start;
+        hdmi_sim::playback_finish_recording();
+    }
+    recording.pcm = read_wav(wav);
+    recording.blocks = hdmi_sim::playback_blocks();
+    unlink(wav.c_str());
+    unlink((wav + ".blocks.csv").c_str());
+    // From here on, times are those of the stream.
+    for (hdmi_sim::PlayedBlock& block : recording.blocks)
+        block.heard_ns -= signal.start_ns;
+    return recording;
+}
+
+// From a burst's beginning on the link to its sound; negative where it was not heard as it was sent.
+double latency_ms(const LossyStream& lossy, const Recording& recording, size_t burst)
+{
+    constexpr size_t kFirst = 600;
+    constexpr size_t kWords = 512;
+    const auto probe = lossy.sound.begin() + static_cast<ptrdiff_t>((burst * kBurstSamples + kFirst) * 2);
+    const auto found = std::search(recording.pcm.begin(), recording.pcm.end(), probe, probe + kWords);
+    if (found == recording.pcm.end())
+        return -1;
+    const int64_t heard =
+        recording.heard_ns((found - recording.pcm.begin()) / 2) - static_cast<int64_t>(kFirst) * kSecond / 48000;
+    const int64_t sent = hdmi_sim::burst_start(lossy.stream, lossy.options, static_cast<int64_t>(burst)) * kSecond /
+                         hdmi_sim::link_rate(lossy.stream);
+    return static_cast<double>(heard - sent) / 1e6;
+}
+
+constexpr double kSampleMs = 1000.0 / 48000;
+/// A new beginning places the sound by the phases of bursts, chunks and pictures.
+constexpr double kNewBeginningMs = 60;
+
+const coded_audio::Format kDenseAc3 = {AV_CODEC_ID_AC3, 48000, 2, 640000, kAc3Hz};
+
+} // namespace
+
+TEST_F(BitstreamTest, HalfASecondAfterLostBurstsAndPausesTheSoundIsWhereItWas)
+{
+    const LossyStream lossy = make_lossy(kDenseAc3, {std::begin(kLosses), std::end(kLosses)});
+    const Recording recording = play(lossy);
+    if (recording.stood_still)
+        GTEST_SKIP() << "the machine stood still meanwhile";
+    EXPECT_EQ(recording.resets, 0);
+    EXPECT_EQ(hdmi_sim::playback_stats().underruns, 0);
+    double before = latency_ms(lossy, recording, lossy.at[0] - 2);
+    EXPECT_GT(before, 0);
+    for (size_t i = 0; i < lossy.at.size(); ++i) {
+        const double after = latency_ms(lossy, recording, lossy.after[i]);
+        printf("%s: sound %.2f ms after its burst, before %.2f\n", kLosses[i].name, after, before);
+        EXPECT_NEAR(after, before, kLosses[i].bursts > 0 ? kSampleMs : 5.0) << kLosses[i].name;
+        before = after;
+    }
+}
+
+// Of what leaves zeros behind, the player makes four times as much silence as it lasted, and then begins anew.
+TEST_F(BitstreamTest, OnAFasterLinkNothingIsCountedTwice)
+{
+    const LossyStream lossy = make_lossy(kEac3, {std::begin(kLosses), std::end(kLosses) - 1});
+    const Recording recording = play(lossy);
+    if (recording.stood_still)
+        GTEST_SKIP() << "the machine stood still meanwhile";
+    const double before = latency_ms(lossy, recording, lossy.at[0] - 2);
+    EXPECT_GT(before, 0);
+    for (size_t i = 0; i < lossy.at.size(); ++i) {
+        const double after = latency_ms(lossy, recording, lossy.after[i]);
+        printf("%s: sound %.2f ms after its burst, before %.2f\n", kLosses[i].name, after, before);
+        if (i < kWithoutZeros)
+            EXPECT_NEAR(after, before, kSampleMs) << kLosses[i].name;
+        else
+            EXPECT_NEAR(after, before, kNewBeginningMs) << kLosses[i].name;
+    }
+}
+
+// The control of the two above.
+TEST_F(BitstreamTest, ADecoderThatCountsFramesOnlyMovesTheSoundAheadByEachLoss)
+{
+    const LossyStream lossy = make_lossy(kDenseAc3, {kLosses[0]});
+    hdmi_sim::decoder_fills_losses(false);
+    const Recording recording = play(lossy);
+    if (recording.stood_still)
+        GTEST_SKIP() << "the machine stood still meanwhile";
+    const double before = latency_ms(lossy, recording, lossy.at[0] - 2);
+    EXPECT_NEAR(latency_ms(lossy, recording, lossy.after[0]), before - 32, kSampleMs);
 }
 
 // --- Formats that change under way ------------------------------------------------------------

@@ -26,6 +26,9 @@ constexpr uint8_t kSync[] = {0x72, 0xF8, 0x1F, 0x4E}; ///< Pa, Pb
 constexpr size_t kIoBufferBytes = 4096;
 constexpr int kMuxerRate = 48000; ///< required by the muxer; the bursts do not depend on it
 
+/// A pause burst of IEC 61937-3, which leaves open how long the pause is.
+const Burst kPause = {3, 32, {0, 0, 0, 0}};
+
 /// The sync word of the DTS core, in the order of the link.
 constexpr uint8_t kDtsSync[] = {0xFE, 0x7F, 0x01, 0x80};
 constexpr size_t kDtsPayloadMin = 96; ///< the smallest frame of DTS
@@ -177,13 +180,16 @@ class Layout
 public:
     Layout(Bitstream stream, const hdmi_sim::BurstOptions& options) : stream_(std::move(stream)), options_(options)
     {
-        std::vector<int64_t> gap(stream_.bursts.size() + 1, 0);
-        for (const hdmi_sim::BurstGap& g : options_.gaps) {
-            if (g.before_burst >= 0 && g.before_burst < static_cast<int64_t>(stream_.bursts.size()))
-                gap[static_cast<size_t>(g.before_burst)] += std::max<int64_t>(0, g.frames);
+        gaps_.resize(stream_.bursts.size());
+        for (const hdmi_sim::BurstGap& gap : options_.gaps) {
+            if (gap.before_burst < 0 || gap.before_burst >= static_cast<int64_t>(gaps_.size()))
+                continue;
+            hdmi_sim::BurstGap& before = gaps_[static_cast<size_t>(gap.before_burst)];
+            before.frames += std::max<int64_t>(0, gap.frames);
+            before.pause_frames = gap.pause_frames;
         }
         for (size_t i = 0; i < stream_.bursts.size(); ++i) {
-            starts_.push_back(cycle_ + gap[i]);
+            starts_.push_back(cycle_ + gaps_[i].frames);
             cycle_ = starts_.back() + frames();
         }
     }
@@ -229,20 +235,26 @@ public:
         memset(to, 0, static_cast<size_t>(count) * kFrameBytes);
         for (int64_t burst = std::max<int64_t>(0, burst_from(first - frames() + 1));; ++burst) {
             const int64_t start = start_of(burst);
-            if (start < 0 || start >= first + count)
+            if (start < 0)
                 break;
-            put(burst, (start - first) * static_cast<int64_t>(kFrameBytes), to,
-                static_cast<int64_t>(count) * static_cast<int64_t>(kFrameBytes));
+            const hdmi_sim::BurstGap& gap = gaps_[static_cast<size_t>(burst) % gaps_.size()];
+            if (start - gap.frames >= first + count)
+                break;
+            for (int64_t at = start - gap.frames; gap.pause_frames > 0 && at < start; at += gap.pause_frames)
+                put(kPause, at - first, to, count);
+            put(stream_.bursts[static_cast<size_t>(burst) % stream_.bursts.size()], start - first, to, count);
         }
         if (options_.bit_error_rate > 0)
             damage(first, to, count);
     }
 
 private:
-    // Copies the part of the burst that falls into @p to. The burst begins @p offset bytes after the start of @p to.
-    void put(int64_t number, int64_t offset, uint8_t* to, int64_t bytes) const
+    // Copies the part of the burst that falls into the @p count link frames at @p to. It begins @p at frames after
+    // them.
+    void put(const Burst& burst, int64_t at, uint8_t* to, int count) const
     {
-        const Burst& burst = stream_.bursts[static_cast<size_t>(number) % stream_.bursts.size()];
+        const int64_t offset = at * static_cast<int64_t>(kFrameBytes);
+        const int64_t bytes = static_cast<int64_t>(count) * static_cast<int64_t>(kFrameBytes);
         uint8_t preamble[kPreambleBytes];
         std::copy_n(kSync, sizeof(kSync), preamble);
         preamble[4] = static_cast<uint8_t>(burst.pc);
@@ -278,8 +290,9 @@ private:
 
     Bitstream stream_;
     hdmi_sim::BurstOptions options_;
-    std::vector<int64_t> starts_; ///< start of each burst, in link frames from the end of the lead
-    int64_t cycle_ = 0;           ///< link frames of all bursts
+    std::vector<hdmi_sim::BurstGap> gaps_; ///< before each burst
+    std::vector<int64_t> starts_;          ///< start of each burst, in link frames from the end of the lead
+    int64_t cycle_ = 0;                    ///< link frames of all bursts
 };
 
 } // namespace

@@ -239,6 +239,94 @@ TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
     EXPECT_EQ(0, adecoder_deinit(decoder));
 }
 
+// Feeds a decoder at the pace of time and reads it every few milliseconds.
+class PacedDecoder
+{
+public:
+    PacedDecoder() : decoder_(adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false)) {}
+    ~PacedDecoder()
+    {
+        if (decoder_ != nullptr)
+            adecoder_deinit(decoder_);
+    }
+    PacedDecoder(const PacedDecoder&) = delete;
+    PacedDecoder& operator=(const PacedDecoder&) = delete;
+
+    bool usable() const { return decoder_ != nullptr; }
+    /// The machine took longer for a moment than the player has sound in hand.
+    bool held_up() const { return held_up_; }
+    /// Frames of PCM that were read.
+    int64_t count() const { return bytes_ / kFrameBytes; }
+
+    void send(int frames)
+    {
+        for (; frames > 0; --frames) {
+            wait_until(start_ + std::chrono::milliseconds(32 * sent_++));
+            int32_t status = 0;
+            adecoder_write(decoder_, payload_.data(), static_cast<int32_t>(payload_.size()), 0, -1, &status);
+        }
+        read();
+    }
+    void lose(int frames) { sent_ += frames; }
+    /// The frames to come wait, and then come at once.
+    void hold(std::chrono::milliseconds time) { wait_until(Clock::now() + time); }
+
+private:
+    void wait_until(Clock::time_point end)
+    {
+        for (;;) {
+            read();
+            const auto before = Clock::now();
+            if (before >= end)
+                return;
+            std::this_thread::sleep_until(std::min(end, before + std::chrono::milliseconds(5)));
+            held_up_ = held_up_ || seconds_since(before) > 0.02;
+        }
+    }
+    void read()
+    {
+        uint8_t pcm[kPeriodBytes];
+        for (int32_t got = 0; (got = adecoder_read(decoder_, 0, 0, pcm, kPeriodBytes, 0)) > 0; bytes_ += got)
+            adecoder_get_output_sample_rate(decoder_);
+    }
+
+    adecoder_handle_t* const decoder_;
+    const std::vector<uint8_t> payload_ = ac3_payload();
+    const Clock::time_point start_ = Clock::now();
+    int sent_ = 0;
+    int64_t bytes_ = 0;
+    bool held_up_ = false;
+};
+
+TEST_F(PlatformContract, TheDecoderKeepsTheCountWhereFramesAreLost)
+{
+    PacedDecoder decoder;
+    if (!decoder.usable() && platform_stage::may_lack_decoder())
+        GTEST_SKIP() << "no decoder, so none was checked";
+    ASSERT_TRUE(decoder.usable());
+    int frames = 0;
+    const auto send = [&](int count, int lost) {
+        decoder.lose(lost);
+        decoder.send(count);
+        frames += count;
+    };
+    send(12, 0);
+    send(16, 3);
+    frames += 3;
+    const int64_t lost = decoder.count() - int64_t{frames} * kAc3Samples;
+    decoder.hold(std::chrono::milliseconds(45));
+    send(16, 0);
+    const int64_t late = decoder.count() - int64_t{frames} * kAc3Samples;
+    ASSERT_EQ(0, aio_device_open(&capture_));
+    send(16, 3);
+    const int64_t reopened = decoder.count() - int64_t{frames} * kAc3Samples;
+    if (decoder.held_up())
+        GTEST_SKIP() << "the machine was busy meanwhile";
+    EXPECT_EQ(0, lost) << "sound behind a loss must not move ahead: adecoder.h";
+    EXPECT_EQ(0, late) << "frames that came late are not lost";
+    EXPECT_EQ(0, reopened) << "the player begins anew with each opening of the capture device";
+}
+
 } // namespace
 
 int main(int argc, char** argv)
