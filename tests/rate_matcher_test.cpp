@@ -11,8 +11,6 @@
 namespace
 {
 
-using clocks::kNsPerSecond;
-
 constexpr int kRate = 48000;
 constexpr int kPeriod = 960;
 constexpr double kPpm = 1e-6;
@@ -178,7 +176,10 @@ struct Drift {
     double capture_ppm;
     double playback_ppm;
 };
-void PrintTo(const Drift& drift, std::ostream* out) { *out << drift.capture_ppm << "/" << drift.playback_ppm; }
+std::ostream& operator<<(std::ostream& out, const Drift& drift)
+{
+    return out << drift.capture_ppm << "/" << drift.playback_ppm;
+}
 
 class Drifts : public testing::TestWithParam<Drift>
 {
@@ -300,7 +301,7 @@ public:
         const double growth = std::log(kHigh / kLow) / kSeconds;
         return 0.5 * std::sin(kTwoPi * kLow / growth * (std::exp(growth * t) - 1));
     }
-    static constexpr double kSeconds = 120;
+    static constexpr int kSeconds = 120;
 
 private:
     static constexpr double kLow = 20;
@@ -319,7 +320,7 @@ TEST(RatioResampler, NoSampleOfASweepIsLostOrDoubledWhileTheRatioMoves)
         std::vector<int16_t> out(static_cast<size_t>(clocks::RatioResampler::room(kPeriod) * channels));
         int64_t taken = 0, made = 0;
         double worst = 0, step = 1 - 2000 * kPpm;
-        while (taken < Sweep::kSeconds * kRate) {
+        while (taken < int64_t{Sweep::kSeconds} * kRate) {
             // Blocks of many sizes; the ratio runs through all that it may be.
             const int frames = static_cast<int>(1 + taken * 7919 % kPeriod);
             step = std::min(step + 20 * kPpm * frames / kRate * 2, 1 + 2000 * kPpm);
@@ -336,7 +337,11 @@ TEST(RatioResampler, NoSampleOfASweepIsLostOrDoubledWhileTheRatioMoves)
             for (int i = 0; i < count && made > 100; i++) {
                 const double want = sweep.at(begin + (end - begin) * i / count);
                 for (int c = 0; c < channels; c++)
-                    worst = std::max(worst, std::fabs(out[static_cast<size_t>(i * channels + c)] / 32768.0 - want));
+                    worst = std::max(
+                        worst,
+                        std::fabs(out[static_cast<size_t>(i) * static_cast<size_t>(channels) + static_cast<size_t>(c)] /
+                                      32768.0 -
+                                  want));
             }
             made += count;
         }
@@ -353,7 +358,7 @@ TEST(RatioResampler, SilenceIsLeftAsSilenceAndTheFaintestSoundIsNot)
         int loud = 0;
         for (int block = 0; block < 8; block++) {
             for (size_t i = 0; i < in.size(); i++)
-                in[i] = i % 96 < 48 ? level : 0;
+                in[i] = i % 96 < 48 ? level : int16_t{0};
             resampler.set_step(1 + 100 * kPpm);
             const int made = resampler.convert(in.data(), kPeriod, out.data());
             if (block >= 2)
