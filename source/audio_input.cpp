@@ -206,8 +206,10 @@ void capture_chunk(audio_input_format_e format)
     // A chunk that straddles a change is of neither format, and at neither rate.
     if (size < 0 || format != g_ai_info.format || g_ai_info.reopen_device) {
         frame_queue_put(queue, &slot->frame);
-        if (size < 0)
+        if (size < 0) {
+            g_ai_info.stream_broken = true;
             back_off();
+        }
         return;
     }
     slot->frame.size = size;

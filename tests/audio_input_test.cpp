@@ -438,6 +438,12 @@ TEST_F(AudioInput, ACompressedStreamHasItsOwnQueueItsSerialAndNoTime)
     chunk = take_iec();
     EXPECT_TRUE(chunk && chunk->buf_size == 7 && chunk->serial == 1 && chunk->sample_rate == 48000);
     EXPECT_TRUE(chunk && chunk->pts == kStreamBreakPts) << "the three chunks before it were discarded";
+    capture.locked([&] { capture.read_results = {-5}; });
+    capture.permit(3);
+    chunk = take_iec();
+    EXPECT_TRUE(chunk && chunk->pts == kStreamBreakPts) << "the read before it failed";
+    chunk = take_iec();
+    EXPECT_TRUE(chunk && chunk->pts == 0);
     EXPECT_FALSE(take_pcm(0));
     audio_input_wakeup_iec61937_queue();
     EXPECT_FALSE(take_iec(-1)) << "the wake-up ends one wait";
