@@ -88,7 +88,8 @@ bool reopen_at_current_rate()
     // Deinit sets the flag before it closes the device under this lock: nothing is opened after that.
     if (g_ai_info.abort_request)
         return false;
-    if (g_ai_info.device_opened && aio_device_close(&g_ai_info.audio_cfg) < 0) {
+    // Also after an open that failed: to close a closed device is harmless.
+    if (aio_device_close(&g_ai_info.audio_cfg) < 0) {
         log_w("aio_device_close error!\n");
         return false;
     }
