@@ -632,6 +632,21 @@ bool finish_start()
     return false;
 }
 
+// A close that failed has not ended the read, which may block for as long as there is no signal.
+void end_read()
+{
+    bool reported = false;
+    while (g_ai_info.reading) {
+        const int32_t err = close_device();
+        if (err >= 0)
+            return;
+        if (!reported)
+            log_as(kDeinit, LOG_LEVEL_W, "the read is blocked, aio_device_close is repeated. err:%d\n", err);
+        reported = true;
+        av_usleep(kBackOffUs);
+    }
+}
+
 // --- Consumers --------------------------------------------------------------
 
 bool is_open() { return g_ai_info.initialized; }
@@ -711,9 +726,7 @@ int32_t audio_input_deinit(void)
     const int32_t err = close_device(); // ends a blocked read
     if (err < 0)
         log_e("aio_device_close failed. err:%d\n", err);
-    // A close that failed has not ended the read, which may block for as long as there is no signal.
-    while (g_ai_info.reading && close_device() < 0)
-        av_usleep(kBackOffUs);
+    end_read();
     pthread_join(reader, nullptr);
     write_guard api(g_ai_info.api_rwlock);
     teardown(kDeinit);
