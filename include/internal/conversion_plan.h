@@ -18,7 +18,7 @@ constexpr int32_t RESAMPLE_SOURCE_SAMPLE_BYTES = 2;
 constexpr int64_t RESAMPLE_HEADROOM_SAMPLES = 64;
 /// Channels the converter library can handle at most.
 constexpr int RESAMPLE_MAX_CHANNELS = 64;
-/// In place of the rate that the converter was built for: it was freed after a failure, and no frame fits.
+/// Stands for the converter's rate after it was freed by a failure. No frame has this rate.
 constexpr int RESAMPLE_RATE_NONE = 0;
 
 struct conversion_plan_t {

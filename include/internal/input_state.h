@@ -64,14 +64,14 @@ inline int32_t audio_input_next_serial(int32_t serial) { return serial >= INT32_
 struct input_state {
     int32_t old_sample_rate;
     audio_input_format_e old_format;
-    bool force_reset = false;   ///< the state changed since the last report
+    bool force_reset = false;   ///< it differs from the last one announced, since the last report
     bool state_changed = false; ///< a state was announced since the last report
     int64_t last_timeus = 0;    ///< when the last one was announced, monotonic
 };
 
 struct input_report {
     enum kind_e { NONE, SUPPORTED, UNSUPPORTED } kind;
-    bool changed; ///< the state differs from the last one reported
+    bool changed; ///< the state differs from the last one announced
 };
 
 /// Takes what is due at @p now_us out of @p state: a supported state at once, an unsupported one when it lasts.
