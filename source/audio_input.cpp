@@ -218,6 +218,8 @@ void capture_chunk(audio_input_format_e format)
     deliver(queue, slot, format);
 }
 
+// Does not wait for the end of init, although it uses entry points of its own module: each of them answers a request
+// that can only be made once the module is open.
 void* audio_read(void*)
 {
     if (g_ai_info.enable_log)
@@ -455,7 +457,6 @@ constexpr char kDeinit[] = "audio_input_deinit";
 void clear_record() REQUIRES(g_ai_info.api_rwlock)
 {
     g_ai_info.initialized = false;
-    g_ai_info.starting = false;
     g_ai_info.avsync_reset = false;
     g_ai_info.read_continued = false;
     g_ai_info.enable_log = false;
@@ -482,8 +483,9 @@ void clear_record() REQUIRES(g_ai_info.api_rwlock)
     g_ai_info.uevent_fd = -1;
 }
 
-void prepare_record(const audio_input_config_t& cfg) REQUIRES(g_ai_info.api_rwlock)
+void prepare_record(const audio_input_config_t& cfg)
 {
+    write_guard api(g_ai_info.api_rwlock);
     clear_record();
     g_ai_info.enable_log = env_get_value("debug_hdmiplayer_log_ai_api", 0) != 0;
     g_ai_info.internal_mutex.init();
@@ -599,16 +601,17 @@ bool start_reading() REQUIRES(g_ai_info.api_rwlock)
     return false;
 }
 
-bool begin_start(const audio_input_config_t& cfg)
+// Decided without the lock: as a writer, an init of an open module would wait for a consumer that is blocked in it,
+// and calls would be refused meanwhile.
+bool claim_start()
 {
-    write_guard api(g_ai_info.api_rwlock);
-    if (g_ai_info.initialized || g_ai_info.starting) {
-        log_as(kInit, LOG_LEVEL_W, "module has been initialized\n");
-        return false;
+    if (!g_ai_info.starting.exchange(true)) {
+        if (!g_ai_info.initialized)
+            return true; // and it stays so: only the owner of the claim sets it
+        g_ai_info.starting = false;
     }
-    prepare_record(cfg);
-    g_ai_info.starting = true;
-    return true;
+    log_as(kInit, LOG_LEVEL_W, "module has been initialized\n");
+    return false;
 }
 
 bool finish_start()
@@ -619,7 +622,6 @@ bool finish_start()
         return false;
     }
     if (start_reading()) {
-        g_ai_info.starting = false;
         g_ai_info.initialized = true;
         return true;
     }
@@ -653,9 +655,6 @@ bool is_open() { return g_ai_info.initialized; }
 
 // No frames after the request to stop: the aborted queue would log a warning for every call of a consumer in a loop.
 bool delivers() { return g_ai_info.initialized && !g_ai_info.abort_request; }
-
-// The request to stop is also the claim: of two concurrent calls one ends the module.
-bool claim_stop() { return g_ai_info.initialized && !g_ai_info.abort_request.exchange(true); }
 
 // @p queue is a reference so that the id is read under the lock: init and deinit change it.
 int32_t take_frame(const int32_t& queue, hdmi_player_audio_frame_t** frame, int32_t timeout_ms, loglevel_e closed_level,
@@ -703,20 +702,27 @@ int32_t audio_input_init(audio_input_config_t cfg)
         log_e("invalid callback function.\n");
         return -1;
     }
-    if (!begin_start(cfg))
+    if (!claim_start())
         return -1;
+    prepare_record(cfg);
     read_initial_state();
-    return finish_start() ? 0 : -1;
+    const bool started = finish_start();
+    g_ai_info.starting = false;
+    return started ? 0 : -1;
 }
 
 int32_t audio_input_deinit(void)
 {
+    const mutex_guard one_at_a_time(g_ai_info.deinit_mutex);
+    if (!g_ai_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
+    g_ai_info.abort_request = true;
     pthread_t detection = 0;
     pthread_t reader = 0;
     {
-        const entry_guard api(g_ai_info.api_rwlock, claim_stop);
-        if (!api)
-            return -1;
+        const read_guard api(g_ai_info.api_rwlock);
         detection = g_ai_info.format_detect_thread;
         reader = g_ai_info.read_thread;
     }

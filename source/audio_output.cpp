@@ -32,7 +32,8 @@ constexpr uint32_t kWriteGraceUs = 100000;
 /// device that takes no sound does not hold its caller until the stop.
 constexpr uint32_t kDevicePatienceUs = 2000000;
 
-/// Lets one deinit run at a time. Taken before every other lock of the module.
+/// Each lets one such call run at a time. Taken before every other lock of the module.
+mutex_t g_init_mutex;
 mutex_t g_deinit_mutex;
 
 int sample_rate_hz(hdmi_player_aio_sample_rate_e rate)
@@ -528,11 +529,14 @@ int32_t audio_output_init(audio_output_config_t cfg)
         log_e("invalid callback function\n");
         return -1;
     }
-    write_guard api(g_ao_info.api_rwlock);
+    const mutex_guard one_at_a_time(g_init_mutex);
+    // Before the write_guard, which would wait for a producer that is blocked in the open module and would make it
+    // refuse every call meanwhile.
     if (g_ao_info.initialized) {
         log_w("module has been initialized\n");
         return -1;
     }
+    write_guard api(g_ao_info.api_rwlock);
     begin_record(cfg);
     device_path path;
     if (!translate(cfg.dev, cfg.format, &path, __func__))
@@ -552,12 +556,14 @@ int32_t audio_output_init(audio_output_config_t cfg)
 int32_t audio_output_deinit(void)
 {
     const call_trace trace(LOG_LEVEL_I);
-    mutex_guard one_at_a_time(g_deinit_mutex);
+    const mutex_guard one_at_a_time(g_deinit_mutex);
+    if (!g_ao_info.initialized) {
+        log_w("module not initialized\n");
+        return -1;
+    }
     pthread_t writer = 0;
     {
-        const entry_guard api(g_ao_info.api_rwlock, audio_output_initialized);
-        if (!api)
-            return -1;
+        const read_guard api(g_ao_info.api_rwlock);
         writer = g_ao_info.write_thread;
     }
     g_ao_info.abort_request = true;

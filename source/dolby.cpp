@@ -630,11 +630,13 @@ int32_t dolby_init(dolby_config_t cfg)
     }
     dolby_info_t* const info = &g_dolby_info;
     mutex_guard lifecycle(info->lifecycle_mutex);
-    write_guard lock(info->api_rwlock);
+    // Before the write_guard, which would wait for a consumer that is blocked in the open module and would make it
+    // refuse every call meanwhile.
     if (info->initialized) {
         log_w("module has been initialized\n");
         return -1;
     }
+    write_guard lock(info->api_rwlock);
     set_up(info, cfg);
     if (!start_threads(info)) {
         lock.unlock();

@@ -357,6 +357,8 @@ TEST_F(AudioInput, DeinitEndsABlockedReadAndConsumersThatComeBackAtOnce)
     const auto begin = steady_clock::now();
     BlockedCall<bool> waiting([] { return take(true, -1).has_value(); });
     EXPECT_TRUE(waiting.asleep());
+    const std::string refused = printed([] { EXPECT_EQ(audio_input_init(kConfig), -1); });
+    EXPECT_EQ(occurrences(refused, "module has been initialized"), 1);
     Callers consumers;
     consumers.run([](int) { EXPECT_FALSE(take(true, -1)); }, 2);
     consumers.run([](int) { EXPECT_FALSE(take(false, -1)); }, 2);

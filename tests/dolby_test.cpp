@@ -528,6 +528,7 @@ TEST_F(DecodePipeline, DeinitEndsADecodeThreadWithoutADecoderAndConsumersThatCom
     };
     BlockedCall<int32_t> waiting(consume);
     EXPECT_TRUE(waiting.asleep());
+    EXPECT_EQ(-1, dolby_init(config)) << "at once, the consumer still waits";
     Callers consumers;
     consumers.run([consume](int) { EXPECT_EQ(-1, consume()); }, 4);
     BlockedCall<int32_t> deinit(dolby_deinit);

@@ -25,7 +25,7 @@ typedef struct audio_input_config_s {
     /// when the state that it finds is not supported - also when that init then fails for another reason.
     hdmi_player_event_cb_t event_cb;
     /// From the detection thread, after init: a supported state was announced, or none for too long.
-    /// @p changed: it differs from the last one.
+    /// @p changed: it differs from the last one announced.
     void (*changed_cb)(bool changed, bool* restarted);
 } audio_input_config_t;
 
@@ -59,10 +59,11 @@ typedef struct audio_input_info_s {
     std::atomic<audio_in_bypass_mode_e> in_bypass_mode{E_AUDIO_IN_BYPASS_MODE_NONE}; ///< into audio_cfg at a reopen
     mutex_t device_mutex; ///< open and close of the device; not held during reads, which a close ends
     bool device_opened GUARDED_BY(device_mutex) = false;
-    bool starting GUARDED_BY(api_rwlock) = false; ///< an init is under way, which releases the lock at times
-    std::atomic<bool> reading{false};             ///< the read thread may be blocked in the device
-    bool read_failing = false;                    ///< reads fail, and that was reported; read thread only
-    int uevent_fd = -1;                           ///< opened by init, then the detection thread's
+    std::atomic<bool> starting{false}; ///< an init is under way, which releases api_rwlock at times
+    std::atomic<bool> reading{false};  ///< the read thread may be blocked in the device
+    bool read_failing = false;         ///< reads fail, and that was reported; read thread only
+    int uevent_fd = -1;                ///< opened by init, then the detection thread's
+    mutex_t deinit_mutex;              ///< one deinit at a time; taken before every other lock
 } audio_input_info_t;
 
 extern audio_input_info_t g_ai_info;
