@@ -25,7 +25,7 @@ namespace
 constexpr int32_t kQueueFrames = 128;
 /// Longest wait for one source frame, and so the longest that a stop waits for the worker.
 constexpr int32_t kSourceTimeoutMs = 100;
-/// Pause of the worker while the stage is off, and after a source without frames that answered at once.
+/// Pause of the worker while the stage is off, and after a source that answered twice at once without a frame.
 constexpr useconds_t kIdleUs = 10000;
 constexpr uint8_t kRandomDelay = 2;
 
@@ -171,13 +171,16 @@ bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, cons
     return true;
 }
 
-/// The next source frame; null when none came. Never returns null immediately: a source that is not
-/// started yet answers at once, and asking it again without a pause would be a busy loop.
-hdmi_player_audio_frame_t* fetch(resample_context_t& ctx)
+/// The next source frame; null when none came. A source that is not started yet answers at once, and asking it again
+/// and again without a pause would be a busy loop. One such answer is no reason to pause: it may come from a wake-up,
+/// after which sound comes from another source. @p at_once: whether the call before this one was answered so.
+hdmi_player_audio_frame_t* fetch(resample_context_t& ctx, bool* at_once)
 {
     const uint64_t begin_ns = system_time(CLOCK_MONOTONIC);
     hdmi_player_audio_frame_t* frame = ctx.input_queue_dequeue_cb(kSourceTimeoutMs);
-    if (frame == nullptr && system_time(CLOCK_MONOTONIC) - begin_ns < uint64_t{kIdleUs} * 1000)
+    const bool again = *at_once;
+    *at_once = frame == nullptr && system_time(CLOCK_MONOTONIC) - begin_ns < uint64_t{kIdleUs} * 1000;
+    if (*at_once && again)
         usleep(kIdleUs);
     return frame;
 }
@@ -229,12 +232,13 @@ void* audio_resample(void* arg)
     log_i("thread_id: %llx\n", llu(pthread_self()));
     const int32_t queue = output_queue(ctx);
     int32_t serial = -1;
+    bool at_once = false;
     while (!ctx.abort_request) {
         if (!ctx.enable_resample) {
             usleep(kIdleUs);
             continue;
         }
-        hdmi_player_audio_frame_t* src = fetch(ctx);
+        hdmi_player_audio_frame_t* src = fetch(ctx, &at_once);
         if (src == nullptr) {
             log_d("frame_queue_done_dequeue failed.\n");
             continue;
@@ -380,6 +384,9 @@ constexpr const char* kInitializedMessage = "module has been initialized";
 /// Entry points run in every state, since `initialized` is never set; without a queue they fail by themselves.
 bool is_open() { return !g_resample_ctx.initialized; }
 
+/// Null while it is an init or deinit that refuses calls: that logs nothing.
+const char* refusal() { return g_resample_ctx.initialized ? kInitializedMessage : nullptr; }
+
 } // namespace
 
 int32_t audio_resample_init(resample_config_t cfg)
@@ -432,7 +439,7 @@ int32_t audio_resample_get_pcm_frame(hdmi_player_audio_frame_t** frame, int32_t 
     if (missing(frame, "frame is null."))
         return -1;
     resample_context_t& ctx = g_resample_ctx;
-    const entry_guard api(ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    const entry_guard api(ctx.api_rwlock, is_open, LOG_LEVEL_W, refusal());
     if (!api)
         return -1;
     frame_info_t* done = frame_queue_done_dequeue(ctx.frame_resample_queue, timeout_ms);
@@ -451,7 +458,7 @@ int32_t audio_resample_put_pcm_frame(hdmi_player_audio_frame_t* frame)
 {
     if (missing(frame, "frame is null."))
         return -1;
-    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, refusal());
     if (!api)
         return -1;
     return frame_queue_put(g_resample_ctx.frame_resample_queue, frame);
@@ -459,6 +466,6 @@ int32_t audio_resample_put_pcm_frame(hdmi_player_audio_frame_t* frame)
 
 bool audio_resample_is_enable_resample(void)
 {
-    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, kInitializedMessage);
+    const entry_guard api(g_resample_ctx.api_rwlock, is_open, LOG_LEVEL_W, refusal());
     return api && g_resample_ctx.enable_resample;
 }
