@@ -488,7 +488,8 @@ HDMI_PLAYER_API int32_t hdmi_player_video_render(hdmi_player_video_frame_t* fram
  * Tells that the cable was plugged in or pulled out. Every open starts with the
  * cable out. While it is out and A/V sync is on, frames are refused. A value
  * outside the enumeration is stored as it is and refuses frames as well.
- * @return 0; -1 when the player is not open, or is being opened or closed.
+ * @return 0; -1 without effect when the player is not open, or is being opened or
+ * closed. Report the cable after hdmi_player_open() has returned.
  */
 HDMI_PLAYER_API int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state);
 

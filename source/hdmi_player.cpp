@@ -655,7 +655,8 @@ int32_t hdmi_player_hotplug_status_changed(hdmi_hotplug_status_e state)
         log_e("audio output_handle is null!\n");
         return -1;
     }
-    audio_input_set_hotplug_status(state);
+    if (audio_input_set_hotplug_status(state) != 0)
+        return -1; // the player is being opened or closed
     if (state == E_HDMI_HOTPLUG_STATUS_OUT) {
         audio_input_set_read_continued(false);
         audio_output_set_write_continued(false);
