@@ -122,12 +122,7 @@ void burst_search(benchmark::State& state)
 {
     std::vector<uint8_t> chunk(3840, 0x55);
     for ([[maybe_unused]] auto _ : state) {
-        dolby_iec61937_format_e format = DOLBY_IEC61937_FORMAT_NONE;
-        uint32_t filter = 0;
-        uint32_t burst = 0;
-        uint32_t payload = 0;
-        benchmark::DoNotOptimize(dolby_disassemble_burst_preamble(
-            &format, chunk.data(), static_cast<uint32_t>(chunk.size()), &filter, &burst, &payload));
+        benchmark::DoNotOptimize(burst_find_preamble({chunk.data(), static_cast<uint32_t>(chunk.size())}));
     }
 }
 BENCHMARK(burst_search);

@@ -26,8 +26,8 @@ constexpr int32_t kDequeueTimeoutMs = 100;
 constexpr uint64_t kReadPollUs = 10000;
 /// Pause after a source or a queue that refused at once, so that its thread does not spin.
 constexpr useconds_t kRefusedPauseUs = 2000;
-/// A decoder that takes no bytes is asked again so often, at this interval. A burst has two spans at most, which
-/// may both cost that much: the demux thread still keeps up, since a burst of AC-3 or E-AC-3 lasts 32 ms at least.
+/// A decoder that takes no bytes is asked again so often, at this interval. Each of a burst's two spans may wait that
+/// long. The demux thread still keeps up: a burst of AC-3 or E-AC-3 lasts at least 32 ms.
 constexpr int kStalledWritesMax = 4;
 constexpr useconds_t kStalledWritePauseUs = 1000;
 constexpr size_t kDumpNameBytes = 256;
@@ -41,10 +41,12 @@ constexpr char kSend[] = "dolby_send_stream";
 
 bool is_open() { return g_dolby_info.initialized; }
 
-void log_preamble(const burst_preamble& found)
+// burst_find_preamble() with the messages of every search.
+burst_preamble find_preamble(byte_span bytes)
 {
+    const burst_preamble found = burst_find_preamble(bytes);
     if (!found.examined)
-        return;
+        return found;
     if (found.synced)
         log_as(kSearch, LOG_LEVEL_V, "[Pa Pb] found! filter_bytes(%d)\n", found.sync_offset());
     log_as(kSearch, LOG_LEVEL_V, "Pc(%#x) found!  filter_bytes(%d)\n", found.pc, found.pc_offset);
@@ -53,6 +55,7 @@ void log_preamble(const burst_preamble& found)
     else
         log_as(kSearch, LOG_LEVEL_V, "filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", found.pd_offset(), found.pd,
                found.format());
+    return found;
 }
 
 void log_step(const burst_step& step)
@@ -60,7 +63,6 @@ void log_step(const burst_step& step)
     if (step.kind == burst_step::HELD)
         return;
     const burst_preamble& preamble = step.preamble;
-    log_preamble(preamble);
     const bool found = preamble.type != nullptr;
     if (!step.completes_held())
         log_as(kDisassemble, LOG_LEVEL_V, "need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
@@ -249,7 +251,9 @@ void demux_chunk(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
 
     frame_info_t* silence = acquire_silence_frame(info, static_cast<int32_t>(size));
     if (silence == nullptr) {
-        log_as(kDemux, LOG_LEVEL_E, "frame_queue_pool_acquire(size:%d) failed.\n", static_cast<int32_t>(size));
+        // That decoding ended is no failure.
+        if (info->strategy == DOLBY_STRATEGY_DECODE && !info->abort_request)
+            log_as(kDemux, LOG_LEVEL_E, "frame_queue_pool_acquire(size:%d) failed.\n", static_cast<int32_t>(size));
         return;
     }
     hdmi_player_audio_frame_t& frame = silence->frame;
@@ -445,8 +449,7 @@ void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* bu
     if (buffer == nullptr)
         return nullptr;
     auto* const data = static_cast<uint8_t*>(buffer);
-    const burst_preamble found = burst_find_preamble({data, bytes});
-    log_preamble(found);
+    const burst_preamble found = find_preamble({data, bytes});
     *filter_bytes = found.end();
     *burst_bytes = found.burst_bytes();
     *payload_bytes = found.payload_bytes();
@@ -471,10 +474,10 @@ int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint3
             info->iec61937_burst_insufficient_bytes = 0;
             break;
         }
-        // A chunk that ends with or inside a burst was burst data to its end.
+        // A chunk that ends inside a burst, or exactly with it, is burst data.
         if (chunk.bytes == 0 && (bytes > 0 || owing))
             break;
-        const burst_step step = burst_take_next(info, &chunk);
+        const burst_step step = burst_take_next(info, &chunk, find_preamble);
         log_step(step);
         ret = send_step(info, step);
         if (ret != 0 || step.kind != burst_step::WHOLE)

@@ -166,13 +166,15 @@ inline bool burst_hold_preamble(burst_state* state, byte_span* chunk)
     return held + count == kBurstPreambleBytes;
 }
 
-/// Takes the next burst off @p chunk, after burst_take_owed().
-inline burst_step burst_take_next(burst_state* state, byte_span* chunk)
+/// Takes the next burst off @p chunk, after burst_take_owed(). @p find: burst_find_preamble() or a wrapper of it.
+inline burst_step burst_take_next(burst_state* state, byte_span* chunk,
+                                  burst_preamble (*find)(byte_span) = burst_find_preamble)
 {
     burst_step step;
     step.held = state->iec61937_header_size;
     step.need = chunk->bytes;
-    // Bytes behind the preamble: three more than the chunk has where a held preamble was false.
+    // Bytes behind the preamble. A held preamble without sync is read three bytes early, so that three of its bytes
+    // count as payload.
     uint32_t rest = 0;
     if (step.completes_held()) {
         if (!burst_hold_preamble(state, chunk)) {
@@ -180,10 +182,10 @@ inline burst_step burst_take_next(burst_state* state, byte_span* chunk)
             return step;
         }
         state->iec61937_header_size = 0;
-        step.preamble = burst_find_preamble({state->iec61937_header, kBurstPreambleBytes});
+        step.preamble = find({state->iec61937_header, kBurstPreambleBytes});
         rest = chunk->bytes + kBurstPreambleBytes - step.preamble.end();
     } else {
-        step.preamble = burst_find_preamble(*chunk);
+        step.preamble = find(*chunk);
         chunk->skip(step.preamble.end());
         rest = chunk->bytes;
     }
