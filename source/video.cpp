@@ -470,7 +470,8 @@ int32_t video_init(video_config_t config)
         log_e("invalid callback function\n");
         return -1;
     }
-    if (video_in_callback()) { // of an open module, whose lock this thread may hold
+    // Before the lock: a writer that waits turns renders away, and in a callback it would wait for itself.
+    if (g_video_info.initialized || video_in_callback()) {
         log_w("module has been initialized\n");
         return -1;
     }
