@@ -111,7 +111,7 @@ private:
 #endif
 
 #ifdef WITH_SOXR
-class Soxr : public Candidate
+class Soxr final : public Candidate
 {
 public:
     explicit Soxr(unsigned long recipe)

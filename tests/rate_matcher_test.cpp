@@ -353,7 +353,7 @@ TEST(RatioResampler, SilenceIsLeftAsSilenceAndTheFaintestSoundIsNot)
 {
     clocks::RatioResampler resampler;
     ASSERT_TRUE(resampler.open(kRate, 2));
-    std::vector<int16_t> in(2 * kPeriod), out(static_cast<size_t>(2 * clocks::RatioResampler::room(kPeriod)));
+    std::vector<int16_t> in(2 * kPeriod), out(2 * static_cast<size_t>(clocks::RatioResampler::room(kPeriod)));
     const auto loud_samples = [&](int16_t level) {
         int loud = 0;
         for (int block = 0; block < 8; block++) {
@@ -382,7 +382,7 @@ TEST(RateMatcher, HoldsThePlayersDelayAndTellsItTrue)
         matcher.capture_started(kRate);
         Crystal playback(ppm);
         const Sweep sweep;
-        std::vector<int16_t> in(2 * kPeriod), out(static_cast<size_t>(2 * clocks::RatioResampler::room(kPeriod)));
+        std::vector<int16_t> in(2 * kPeriod), out(2 * static_cast<size_t>(clocks::RatioResampler::room(kPeriod)));
         std::vector<int16_t> heard;
         int delay_early = 0;
         for (int64_t taken = 0; taken < kRate * 75; taken += kPeriod) {

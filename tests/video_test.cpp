@@ -93,7 +93,7 @@ const Calls kReset = {"event 1", "audio reset"};
 // Console output, captured all the time: the level cannot be changed while the module's threads read the environment.
 std::string take_log()
 {
-    const std::string log = testing::internal::GetCapturedStdout();
+    std::string log = testing::internal::GetCapturedStdout();
     testing::internal::CaptureStdout();
     return log;
 }
