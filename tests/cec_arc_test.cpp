@@ -34,6 +34,25 @@ struct Bus {
         std::copy(message.begin(), message.end(), copy.get());
         arc.received(copy.get(), message.size(), now);
     }
+    // What it sends at once when it hears @p text.
+    std::string answer(const std::string& text, Delivery delivery = Delivery::acknowledged)
+    {
+        hear(text);
+        return said(delivery);
+    }
+    std::string said_at_deadline()
+    {
+        pass_to_deadline();
+        return said();
+    }
+    // Until it waits for nothing any more.
+    void pass_all()
+    {
+        while (arc.deadline() != cec_arc::kNever) {
+            said();
+            pass_to_deadline();
+        }
+    }
     // The messages that it sends now, separated by blanks.
     std::string said(Delivery delivery = Delivery::acknowledged)
     {
@@ -67,7 +86,7 @@ struct Bus {
     int64_t now = 1000;
 };
 
-enum Stage { kAttached, kAsking, kRequesting, kActive, kTerminated, kClosing };
+enum Stage { kAttached, kOpening, kAsking, kRequesting, kActive, kTerminated, kClosing };
 
 Bus at(Stage stage, bool only_follower = true)
 {
@@ -76,16 +95,16 @@ Bus at(Stage stage, bool only_follower = true)
     if (stage == kAttached)
         return bus;
     bus.arc.open(bus.now);
+    if (stage == kOpening)
+        return bus;
     EXPECT_EQ("05:83", bus.said());
     if (stage == kAsking)
         return bus;
-    bus.hear(kAddressReport);
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c3", bus.answer(kAddressReport));
     EXPECT_LE(bus.arc.deadline(), bus.now + kResponseMs);
     if (stage == kRequesting)
         return bus;
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ("05:c1", bus.answer("50:c0"));
     EXPECT_EQ(State::active, bus.arc.state());
     EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.notices());
     if (stage == kTerminated)
@@ -112,8 +131,7 @@ TEST(CecArc, OnlyADeviceOnAConnectorOfTheTvIsAdjacent)
 TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
 {
     Bus unasked = at(kAttached);
-    unasked.hear("50:c0");
-    EXPECT_EQ("05:00:c0:01", unasked.said()) << "not ready";
+    EXPECT_EQ("05:00:c0:01", unasked.answer("50:c0")) << "not ready";
     EXPECT_EQ(State::idle, unasked.arc.state());
 
     Bus bus;
@@ -125,23 +143,17 @@ TEST(CecArc, OpensTheChannelOnceAskedAndAttached)
     EXPECT_EQ(State::requested, bus.arc.state());
     bus.arc.open(bus.now);
     EXPECT_EQ("", bus.said()) << "asked for twice";
-    bus.hear(kAddressReport);
-    EXPECT_EQ("05:c3", bus.said());
-    bus.hear("50:c0");
-    EXPECT_EQ(State::requested, bus.arc.state()) << "not before it was confirmed";
-    EXPECT_EQ("05:c1", bus.said());
-    EXPECT_EQ(State::active, bus.arc.state());
-    EXPECT_EQ(cec_arc::kNever, bus.arc.deadline()) << "an open channel needs no attention";
+    EXPECT_EQ(cec_arc::kNever, at(kActive).arc.deadline()) << "an open channel needs no attention";
 
     // The audio system opens the channel while the request is queued, or before its acknowledgement is known.
     Bus queued = at(kAsking);
     queued.hear(kAddressReport);
     Bus under_way = queued;
-    queued.hear("50:c0");
-    EXPECT_EQ("05:c1", queued.said());
+    EXPECT_EQ("05:c1", queued.answer("50:c0"));
     const auto request = under_way.arc.next_message();
     ASSERT_TRUE(request);
     under_way.hear("50:c0");
+    EXPECT_EQ(State::requested, under_way.arc.state()) << "not before it was confirmed";
     under_way.arc.delivered(*request, Delivery::acknowledged, under_way.now);
     EXPECT_EQ("05:c1", under_way.said());
     EXPECT_EQ(State::active, under_way.arc.state());
@@ -151,20 +163,16 @@ TEST(CecArc, FollowsWhatTheAudioSystemDoesLater)
 {
     Bus bus = at(kTerminated);
     EXPECT_EQ(std::vector<Notice>{Notice::closed_by_peer}, bus.notices());
-    bus.hear("50:c5");
-    EXPECT_EQ("05:c2", bus.said()) << "every time";
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ("05:c2", bus.answer("50:c5")) << "every time";
+    EXPECT_EQ("05:c1", bus.answer("50:c0"));
     EXPECT_EQ(State::active, bus.arc.state());
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said()) << "every time";
+    EXPECT_EQ("05:c1", bus.answer("50:c0")) << "every time";
     EXPECT_EQ(State::active, bus.arc.state());
     EXPECT_EQ(std::vector<Notice>{Notice::opened}, bus.notices()) << "once";
     // All before the bus was free: the last one counts.
     bus.hear("50:c5");
     bus.hear("50:c0");
-    bus.hear("50:c5");
-    EXPECT_EQ("05:c2 05:c1 05:c2", bus.said());
+    EXPECT_EQ("05:c2 05:c1 05:c2", bus.answer("50:c5"));
     EXPECT_EQ(State::terminated, bus.arc.state());
 }
 
@@ -185,27 +193,23 @@ TEST(CecArc, RefusesWhatIsMalformedOrComesFromElsewhere)
         for (const auto& [message, answer] : cases)
             for (Bus bus : {at(kRequesting), at(kActive), at(kTerminated)}) {
                 const State before = bus.arc.state();
-                bus.hear(message);
-                EXPECT_EQ(answer, bus.said()) << message;
+                EXPECT_EQ(answer, bus.answer(message)) << message;
                 EXPECT_EQ(before, bus.arc.state()) << message;
             }
     }
     for (const char* opcode : {"c1", "c2", "c3", "c4"}) { // of the other role
         Bus bus = at(kActive);
-        bus.hear(std::string("50:") + opcode);
-        EXPECT_EQ(std::string("05:00:") + opcode + ":00", bus.said());
+        EXPECT_EQ(std::string("05:00:") + opcode + ":00", bus.answer(std::string("50:") + opcode));
     }
 }
 
 TEST(CecArc, AnAudioSystemBehindAnotherDeviceIsRefused)
 {
     Bus bus = at(kAsking);
-    bus.hear("5f:84:11:00:05");
-    EXPECT_EQ("", bus.said());
+    EXPECT_EQ("", bus.answer("5f:84:11:00:05"));
     EXPECT_EQ(std::vector<Notice>{Notice::not_adjacent}, bus.notices());
     for (const char* opcode : {"c0", "c5"}) {
-        bus.hear(std::string("50:") + opcode);
-        EXPECT_EQ(std::string("05:00:") + opcode + ":04", bus.said());
+        EXPECT_EQ(std::string("05:00:") + opcode + ":04", bus.answer(std::string("50:") + opcode));
     }
     EXPECT_EQ(State::idle, bus.arc.state());
     bus.hear(kAddressReport); // Plugged in directly now.
@@ -217,59 +221,46 @@ TEST(CecArc, AnAudioSystemBehindAnotherDeviceIsRefused)
 
 TEST(CecArc, WaitsForTheAddressBeforeItAnswers)
 {
-    Bus bus = at(kAttached);
-    bus.arc.open(bus.now);
+    Bus bus = at(kOpening);
     EXPECT_EQ("05:83", bus.said(Delivery::not_acknowledged)); // Switched on a little later,
     bus.hear("50:c0");                                        // it opens the channel by itself.
     EXPECT_EQ("05:83", bus.said());
     Bus other = bus;
     Bus silent = bus;
-    bus.hear(kAddressReport);
-    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ("05:c1", bus.answer(kAddressReport));
     EXPECT_EQ(State::active, bus.arc.state());
-    other.hear("5f:84:12:00:05");
-    EXPECT_EQ("05:00:c0:04", other.said());
+    EXPECT_EQ("05:00:c0:04", other.answer("5f:84:12:00:05"));
     silent.pass(kResponseMs);
     EXPECT_EQ("05:00:c0:04 05:83", silent.said());
     for (Bus* answered : {&bus, &silent}) {
-        answered->hear(kAddressReport);
-        EXPECT_EQ("05:c3", answered->said()) << "that message was answered already";
+        EXPECT_EQ("05:c3", answered->answer(kAddressReport)) << "that message was answered already";
     }
     // It reported its address before the question was sent, which then is not sent.
     for (const auto& [message, answer, state] :
          {std::tuple("50:c0", "05:c1", State::active), std::tuple("50:c5", "05:c2", State::terminated)}) {
-        Bus unasked = at(kAttached);
-        unasked.arc.open(unasked.now);
+        Bus unasked = at(kOpening);
         unasked.hear(message);
-        unasked.hear(kAddressReport);
-        EXPECT_EQ(answer, unasked.said());
+        EXPECT_EQ(answer, unasked.answer(kAddressReport));
         EXPECT_EQ(state, unasked.arc.state());
     }
     // The bus is busy with answers to others when the report comes.
+    const auto expect_request_after_flood = [](Bus flooded) {
+        for (int i = 0; i < 20; ++i)
+            flooded.hear("40:8f");
+        EXPECT_EQ("05:c3", flooded.answer(kAddressReport).substr(16 * sizeof("04:00:8f:00")));
+    };
     Bus flooded = at(kAsking);
     flooded.hear("50:c0");
-    for (int i = 0; i < 20; ++i)
-        flooded.hear("40:8f");
-    flooded.hear(kAddressReport);
-    EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
-    flooded = at(kAttached);
-    flooded.arc.open(flooded.now);
+    expect_request_after_flood(flooded);
+    flooded = at(kOpening);
     flooded.hear("50:00:83:00"); // It refuses to report its address: given up until it opens the channel by itself.
-    while (flooded.arc.deadline() != cec_arc::kNever) {
-        flooded.said();
-        flooded.pass_to_deadline();
-    }
-    flooded.hear("50:c0");
-    EXPECT_EQ("05:83", flooded.said());
-    for (int i = 0; i < 20; ++i)
-        flooded.hear("40:8f");
-    flooded.hear(kAddressReport);
-    EXPECT_EQ("05:c3", flooded.said().substr(16 * sizeof("04:00:8f:00")));
+    flooded.pass_all();
+    EXPECT_EQ("05:83", flooded.answer("50:c0"));
+    expect_request_after_flood(flooded);
     // Reports that do not count: from another device, not broadcast, too short.
     for (const char* report : {"4f:84:10:00:04", "50:84:10:00:05", "5f:84:10:00"}) {
         Bus waiting = at(kAsking);
-        waiting.hear(report);
-        EXPECT_EQ("", waiting.said()) << report;
+        EXPECT_EQ("", waiting.answer(report)) << report;
     }
 }
 
@@ -291,20 +282,16 @@ void expect_attempts(Bus bus, const char* message, Delivery delivery, Notice not
     EXPECT_EQ(State::idle, bus.arc.state());
     EXPECT_LT(bus.now, 8000);
     // It asks again when the audio system appears, and accepts a channel that this opens by itself.
-    bus.hear(kAddressReport);
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c3", bus.answer(kAddressReport));
     bus.pass_to_deadline();
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:c3", bus.said());
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said());
+    EXPECT_EQ("05:c3", bus.said_at_deadline());
+    EXPECT_EQ("05:c1", bus.answer("50:c0"));
     EXPECT_EQ(State::active, bus.arc.state());
 }
 
 TEST(CecArc, GivesUpAfterSomeAttemptsAndSaysWhy)
 {
-    Bus bus = at(kAttached);
-    bus.arc.open(bus.now);
+    Bus bus = at(kOpening);
     expect_attempts(bus, "05:83", Delivery::not_acknowledged, Notice::no_audio_system);
     expect_attempts(bus, "05:83", Delivery::failed, Notice::no_answer);
     expect_attempts(bus, "05:83", Delivery::acknowledged, Notice::no_address);
@@ -313,15 +300,10 @@ TEST(CecArc, GivesUpAfterSomeAttemptsAndSaysWhy)
     expect_attempts(bus, "05:c3", Delivery::acknowledged, Notice::no_answer);
     expect_attempts(bus, "05:c3", Delivery::failed, Notice::no_answer);
     // A channel that it opens by itself afterwards is confirmed with the same number of attempts.
-    while (bus.arc.deadline() != cec_arc::kNever) {
-        bus.said();
-        bus.pass_to_deadline();
-    }
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said(Delivery::failed));
+    bus.pass_all();
+    EXPECT_EQ("05:c1", bus.answer("50:c0", Delivery::failed));
     EXPECT_EQ(State::requested, bus.arc.state());
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c3", bus.said_at_deadline());
 }
 
 TEST(CecArc, TakesARefusalAsFinalUnlessItMayPass)
@@ -335,53 +317,43 @@ TEST(CecArc, TakesARefusalAsFinalUnlessItMayPass)
     }
     Bus bus = at(kRequesting);
     bus.hear("50:00:c3:01"); // in standby
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c3", bus.said_at_deadline());
     for (const char* nothing : {"40:00:c3:04", "50:00:c3", "50:00", "5f:00:c3:04", "50:00:c1:04"})
         bus.hear(nothing);
     EXPECT_EQ(State::requested, bus.arc.state());
     EXPECT_EQ("", bus.said()) << "a Feature Abort is never answered";
     bus = at(kAsking);
     bus.hear("50:00:83:00");
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:83", bus.said());
+    EXPECT_EQ("05:83", bus.said_at_deadline());
 }
 
 TEST(CecArc, ConfirmationThatDoesNotArriveIsNoOpenChannel)
 {
     Bus bus = at(kRequesting);
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said(Delivery::not_acknowledged));
+    EXPECT_EQ("05:c1", bus.answer("50:c0", Delivery::not_acknowledged));
     EXPECT_EQ(State::requested, bus.arc.state());
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:83", bus.said()) << "it has gone: begun again";
+    EXPECT_EQ("05:83", bus.said_at_deadline()) << "it has gone: begun again";
 }
 
 TEST(CecArc, WhatWasGrantedIsTakenBackWhateverCameOfAskingAgain)
 {
     Bus bus = at(kActive);
     bus.hear(kAddressReport);
-    for (int attempt = 0; attempt < 5 && bus.arc.deadline() != cec_arc::kNever; ++attempt) {
-        bus.said();
-        bus.pass_to_deadline();
-    }
+    bus.pass_all();
     EXPECT_EQ(State::idle, bus.arc.state());
     bus.notices();
     bus.arc.close(bus.now);
     EXPECT_EQ("05:c4", bus.said());
 
     bus = at(kActive);
-    bus.hear(kAddressReport);
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c3", bus.answer(kAddressReport));
     bus.hear("50:00:c3:04");
     EXPECT_EQ(State::active, bus.arc.state()) << "it refuses what is open";
     EXPECT_TRUE(bus.notices().empty());
 
     bus = at(kRequesting);
-    bus.hear("50:c0");
-    EXPECT_EQ("05:c1", bus.said(Delivery::failed));
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:c3", bus.said());
+    EXPECT_EQ("05:c1", bus.answer("50:c0", Delivery::failed));
+    EXPECT_EQ("05:c3", bus.said_at_deadline());
     bus.hear("50:00:c3:04");
     EXPECT_EQ(State::idle, bus.arc.state()) << "it never knew that it is open";
 }
@@ -393,18 +365,15 @@ TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
         bus.arc.detach();
         EXPECT_EQ(State::idle, bus.arc.state());
         EXPECT_EQ(cec_arc::kNever, bus.arc.deadline());
-        bus.hear("50:c0");
-        EXPECT_EQ("", bus.said());
+        EXPECT_EQ("", bus.answer("50:c0"));
         bus.arc.attach(0x1000, true, bus.now);
         EXPECT_EQ("05:83", bus.said());
-        bus.hear("5f:84:13:00:05");
-        EXPECT_EQ("05:c3", bus.said());
+        EXPECT_EQ("05:c3", bus.answer("5f:84:13:00:05"));
     }
     Bus bus = at(kActive);
     bus.hear(kAddressReport); // Only the audio system was away.
     EXPECT_EQ("05:c3", bus.said());
-    bus.hear(kAddressReport);
-    EXPECT_EQ("", bus.said()) << "once for each time";
+    EXPECT_EQ("", bus.answer(kAddressReport)) << "once for each time";
     bus = at(kTerminated);
     bus.arc.open(bus.now);
     EXPECT_EQ("05:c3", bus.said()) << "the host may ask again";
@@ -413,8 +382,7 @@ TEST(CecArc, AsksAgainWhenTheLinkOrTheAudioSystemComesBack)
 TEST(CecArc, ClosesWithinItsTime)
 {
     Bus bus = at(kClosing);
-    bus.hear("50:c0");
-    EXPECT_EQ("05:00:c0:01", bus.said());
+    EXPECT_EQ("05:00:c0:01", bus.answer("50:c0"));
     bus.hear("50:c5");
     EXPECT_FALSE(bus.arc.closed());
     EXPECT_EQ("05:c2", bus.said());
@@ -422,8 +390,7 @@ TEST(CecArc, ClosesWithinItsTime)
     EXPECT_EQ(State::terminated, bus.arc.state());
     bus.arc.attach(kRoot, true, bus.now);
     bus.arc.open(bus.now);
-    bus.hear("50:c0");
-    EXPECT_EQ("", bus.said()) << "closed for good";
+    EXPECT_EQ("", bus.answer("50:c0")) << "closed for good";
 
     const std::vector<std::function<void(Bus&)>> ends = {
         [](Bus& b) { b.pass(TvSide::kCloseMs); },
@@ -441,8 +408,7 @@ TEST(CecArc, ClosesWithinItsTime)
     bus.arc.close(bus.now);
     Bus faster = bus;
     EXPECT_EQ("05:c4", bus.said());
-    faster.hear("50:c5");
-    EXPECT_EQ("05:c2", faster.said());
+    EXPECT_EQ("05:c2", faster.answer("50:c5"));
     EXPECT_TRUE(faster.arc.closed());
     bus = at(kActive); // A disturbed bus: again, while there is time.
     bus.arc.close(bus.now);
@@ -450,10 +416,8 @@ TEST(CecArc, ClosesWithinItsTime)
     EXPECT_FALSE(bus.arc.closed());
     EXPECT_EQ("", bus.said()) << "not at once";
     Bus disturbed = bus;
-    bus.pass_to_deadline();
-    EXPECT_EQ("05:c4", bus.said());
-    bus.hear("50:c5");
-    EXPECT_EQ("05:c2", bus.said());
+    EXPECT_EQ("05:c4", bus.said_at_deadline());
+    EXPECT_EQ("05:c2", bus.answer("50:c5"));
     EXPECT_TRUE(bus.arc.closed());
     const int64_t end = disturbed.now + TvSide::kCloseMs;
     while (!disturbed.arc.closed() && disturbed.now <= end) {
