@@ -98,18 +98,12 @@ public:
         gone_ = gone;
         wake();
     }
-    // The claim of the address ends; also posts an event if it had ended before.
+    // The claim of a TV's address ends, or it had ended before: an event tells of it in any case.
     void claim()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         claiming_ = false;
-        current_->logical.log_addr_mask = claimed_mask;
-        post_state(0);
-    }
-    void move_to(uint16_t physical_address)
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        current_->physical_address = physical_address;
+        current_->physical_address = kRoot;
         current_->logical.log_addr_mask = claimed_mask;
         post_state(0);
     }
@@ -267,10 +261,32 @@ private:
     std::vector<cec_msg> inbox_;
 };
 
-bool reaches(const CecLink& link, ArcState state)
+class CecLinkTest : public testing::Test
 {
-    return eventually([&] { return link.stats().arc == state; });
-}
+protected:
+    void open(const std::string& device = "", bool sets_address = false)
+    {
+        ASSERT_EQ(0, link.start({device, "", sets_address}));
+        EXPECT_EQ(0, link.open_arc());
+    }
+    bool reaches(ArcState state) const
+    {
+        return eventually([&] { return link.stats().arc == state; });
+    }
+    bool activated(int64_t times) const
+    {
+        return eventually([&] { return link.stats().activations == times; });
+    }
+    void unplug()
+    {
+        kernel.set_gone(true);
+        ASSERT_TRUE(eventually([&] { return link.stats().lost; }));
+    }
+    void expect_unconfigured() { EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs); }
+
+    FakeKernel kernel;
+    CecLink link{&kernel};
+};
 
 std::string conversation(const CecLink& link)
 {
@@ -280,17 +296,15 @@ std::string conversation(const CecLink& link)
     return all;
 }
 
-TEST(CecLink, OpensAndClosesTheChannelAndLeavesTheAdapterAsItWas)
+TEST_F(CecLinkTest, OpensAndClosesTheChannelAndLeavesTheAdapterAsItWas)
 {
-    FakeKernel kernel;
     kernel.adapters[0].capabilities |= CEC_CAP_PHYS_ADDR;
     kernel.adapters[0].physical_address = CEC_PHYS_ADDR_INVALID;
-    CecLink link(&kernel);
     for (int round = 0; round < 3; ++round) {
         ASSERT_EQ(0, link.start({}));
         EXPECT_EQ(-EALREADY, link.start({}));
         EXPECT_EQ(0, link.open_arc());
-        ASSERT_TRUE(reaches(link, ArcState::active));
+        ASSERT_TRUE(reaches(ArcState::active));
         kernel.post("40:8f");
         ASSERT_TRUE(eventually([&] { return link.stats().refusals == 1; }));
         EXPECT_EQ(1, link.stats().activations);
@@ -301,27 +315,25 @@ TEST(CecLink, OpensAndClosesTheChannelAndLeavesTheAdapterAsItWas)
         EXPECT_EQ(ArcState::terminated, link.stats().arc);
         EXPECT_FALSE(link.stats().open);
         EXPECT_FALSE(kernel.is_open());
-        EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+        expect_unconfigured();
         EXPECT_EQ(CEC_PHYS_ADDR_INVALID, kernel.adapters[0].physical_address);
     }
     EXPECT_EQ(-ENODEV, link.open_arc());
     link.stop();
 }
 
-TEST(CecLink, UsesWhatAnotherProgramHasSetUpAndLeavesTheRestToIt)
+TEST_F(CecLinkTest, UsesWhatAnotherProgramHasSetUpAndLeavesTheRestToIt)
 {
-    FakeKernel kernel({used_as(CEC_LOG_ADDR_TYPE_TV)});
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({}));
-    link.open_arc();
+    kernel.adapters = {used_as(CEC_LOG_ADDR_TYPE_TV)};
+    open();
     kernel.post("40:8f");
-    ASSERT_TRUE(reaches(link, ArcState::active));
+    ASSERT_TRUE(reaches(ArcState::active));
     link.stop();
     EXPECT_EQ(std::string::npos, conversation(link).find("04:00:8f:00"));
     EXPECT_EQ(1, kernel.adapters[0].logical.num_log_addrs);
 }
 
-TEST(CecLink, ChoosesTheAdapterOfATv)
+TEST_F(CecLinkTest, ChoosesTheAdapterOfATv)
 {
     FakeAdapter denied;
     denied.open_error = EACCES;
@@ -355,8 +367,7 @@ TEST(CecLink, ChoosesTheAdapterOfATv)
         {{output, tv}, "/dev/cec0", "/dev/cec0"},
     };
     for (const auto& [adapters, device, expected] : cases) {
-        FakeKernel kernel(adapters);
-        CecLink link(&kernel);
+        kernel.adapters = adapters;
         const int result = link.start({device, device.empty() ? "" : "linux.conf:1: cec", false});
         if (expected.substr(0, 4) == "/dev") {
             EXPECT_EQ(0, result) << expected;
@@ -371,21 +382,18 @@ TEST(CecLink, ChoosesTheAdapterOfATv)
     }
 }
 
-TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
+TEST_F(CecLinkTest, WaitsForNothingWhileTheAddressIsClaimed)
 {
-    FakeKernel kernel;
     kernel.claims_at_once = false;
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({}));
-    EXPECT_EQ(0, link.open_arc());
+    open();
     EXPECT_FALSE(link.stats().attached);
     kernel.claim();
-    EXPECT_TRUE(reaches(link, ArcState::active));
+    EXPECT_TRUE(reaches(ArcState::active));
     // The kernel keeps only the latest event: with the same state it means that the link was down meanwhile.
     kernel.claim();
-    EXPECT_TRUE(eventually([&] { return link.stats().activations == 2; }));
+    EXPECT_TRUE(activated(2));
     link.stop();
-    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+    expect_unconfigured();
 
     // Stopped before the claim has ended.
     ASSERT_EQ(0, link.start({}));
@@ -395,63 +403,46 @@ TEST(CecLink, WaitsForNothingWhileTheAddressIsClaimed)
     });
     link.stop();
     late.join();
-    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+    expect_unconfigured();
 }
 
-TEST(CecLink, FindsAnAdapterAgainThatWasUnplugged)
+TEST_F(CecLinkTest, FindsAnAdapterAgainThatWasUnplugged)
 {
-    FakeKernel kernel;
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({}));
-    link.open_arc();
+    open();
     for (int round = 1; round <= 2; ++round) {
-        ASSERT_TRUE(eventually([&] { return link.stats().activations == round; }));
-        kernel.set_gone(true);
-        ASSERT_TRUE(eventually([&] { return link.stats().lost; }));
+        ASSERT_TRUE(activated(round));
+        unplug();
         EXPECT_EQ(ArcState::idle, link.stats().arc);
         kernel.set_adapter(FakeAdapter());
         kernel.set_gone(false);
     }
-    ASSERT_TRUE(eventually([&] { return link.stats().activations == 3; }));
-    kernel.set_gone(true);
-    ASSERT_TRUE(eventually([&] { return link.stats().lost; }));
+    ASSERT_TRUE(activated(3));
+    unplug();
+    // What is there now is not used: one without a cable may be anything, and one is a player at the old number.
+    FakeAdapter unconnected;
+    unconnected.path = "/dev/cec2";
+    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
+    for (const FakeAdapter& other : {unconnected, used_as(CEC_LOG_ADDR_TYPE_PLAYBACK)}) {
+        kernel.set_adapter(other);
+        kernel.set_gone(false);
+        const int64_t looks = kernel.opened();
+        ASSERT_TRUE(eventually([&] { return kernel.opened() > looks + 1; }));
+        EXPECT_TRUE(link.stats().lost);
+    }
+    FakeAdapter elsewhere;
+    elsewhere.path = "/dev/cec3";
+    kernel.set_adapter(elsewhere);
+    ASSERT_TRUE(activated(4));
+    EXPECT_EQ("/dev/cec3", link.stats().device) << "a TV's, whatever its number";
+    link.stop();
+    expect_unconfigured();
+    open();
+    unplug();
     link.stop();
     EXPECT_FALSE(kernel.is_open());
 }
 
-// Meanwhile another device has got the lost adapter's number. It is not used; a TV's adapter is, whatever its number.
-TEST(CecLink, ChoosesAgainAfterAnUnplug)
-{
-    FakeKernel kernel;
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({}));
-    link.open_arc();
-    ASSERT_TRUE(reaches(link, ArcState::active));
-    kernel.set_gone(true);
-    ASSERT_TRUE(eventually([&] { return link.stats().lost; }));
-    FakeAdapter unconnected;
-    unconnected.path = "/dev/cec2";
-    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
-    kernel.set_adapter(unconnected);
-    kernel.set_gone(false);
-    const int64_t first_looks = kernel.opened();
-    ASSERT_TRUE(eventually([&] { return kernel.opened() > first_looks + 1; }));
-    EXPECT_TRUE(link.stats().lost) << "one without a cable may be anything";
-    kernel.set_adapter(used_as(CEC_LOG_ADDR_TYPE_PLAYBACK));
-    kernel.set_gone(false);
-    const int64_t looks = kernel.opened();
-    ASSERT_TRUE(eventually([&] { return kernel.opened() > looks + 1; }));
-    EXPECT_TRUE(link.stats().lost);
-    FakeAdapter elsewhere;
-    elsewhere.path = "/dev/cec3";
-    kernel.set_adapter(elsewhere);
-    ASSERT_TRUE(eventually([&] { return link.stats().activations == 2; }));
-    EXPECT_EQ("/dev/cec3", link.stats().device);
-    link.stop();
-    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
-}
-
-TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
+TEST_F(CecLinkTest, TakesOverWhatAPlayerLeftThatCrashed)
 {
     FakeAdapter left = used_as(CEC_LOG_ADDR_TYPE_TV);
     left.capabilities |= CEC_CAP_PHYS_ADDR;
@@ -459,41 +450,36 @@ TEST(CecLink, TakesOverWhatAPlayerLeftThatCrashed)
     FakeAdapter unclaimed = left;
     unclaimed.logical.log_addr_mask = 0;
     for (const FakeAdapter& adapter : {left, unclaimed}) {
-        FakeKernel kernel({adapter});
-        CecLink link(&kernel);
+        kernel.adapters = {adapter};
         kernel.locked_by_another = true;
         EXPECT_EQ(-EBUSY, link.start({}));
         EXPECT_EQ("/dev/cec0 cannot be used: another player has it; the audio return channel stays closed",
                   link.stats().note);
         kernel.locked_by_another = false;
-        ASSERT_EQ(0, link.start({}));
-        link.open_arc();
-        EXPECT_TRUE(reaches(link, ArcState::active));
+        open();
+        EXPECT_TRUE(reaches(ArcState::active));
         link.stop();
-        EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+        expect_unconfigured();
         EXPECT_EQ(CEC_PHYS_ADDR_INVALID, kernel.adapters[0].physical_address);
     }
 }
 
 // Another program removes the configuration. Then the claim of the address fails, which the kernel does not repeat.
-TEST(CecLink, ClaimsItsAddressAgain)
+TEST_F(CecLinkTest, ClaimsItsAddressAgain)
 {
-    FakeKernel kernel;
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({}));
-    link.open_arc();
-    ASSERT_TRUE(reaches(link, ArcState::active));
+    open();
+    ASSERT_TRUE(reaches(ArcState::active));
     kernel.claims_at_once = false;
     kernel.unconfigure();
     EXPECT_TRUE(eventually([&] { return link.stats().note == "/dev/cec0 has lost its CEC address"; }));
     EXPECT_TRUE(eventually([&] { return link.stats().note.find("/dev/cec0 gets no CEC address") == 0; }));
     kernel.claim();
-    EXPECT_TRUE(eventually([&] { return link.stats().activations == 2; }));
+    EXPECT_TRUE(activated(2));
     link.stop();
-    EXPECT_EQ(0, kernel.adapters[0].logical.num_log_addrs);
+    expect_unconfigured();
 }
 
-TEST(CecLink, SaysWhyAnAdapterIsOfNoUse)
+TEST_F(CecLinkTest, SaysWhyAnAdapterIsOfNoUse)
 {
     struct Case {
         uint16_t physical_address, claimed_mask;
@@ -503,61 +489,49 @@ TEST(CecLink, SaysWhyAnAdapterIsOfNoUse)
     for (const Case& c : {Case{CEC_PHYS_ADDR_INVALID, 0, "no CEC link", true},
                           Case{0x1230, CEC_LOG_ADDR_MASK_SPECIFIC, "/dev/cec0 is at 1.2.3.0, no TV's place", false},
                           Case{kRoot, CEC_LOG_ADDR_MASK_SPECIFIC, "another TV has the CEC address 0", false}}) {
-        FakeKernel kernel;
         kernel.adapters[0].physical_address = c.physical_address;
         kernel.claimed_mask = c.claimed_mask;
-        CecLink link(&kernel);
-        ASSERT_EQ(0, link.start({"/dev/cec0", "", false}));
-        link.open_arc();
+        open("/dev/cec0");
         EXPECT_TRUE(eventually([&] { return link.stats().note.find(c.note) == 0; })) << link.stats().note;
         EXPECT_TRUE(eventually([&] { return kernel.is_listening() == c.listens; })) << c.note;
         EXPECT_EQ(ArcState::idle, link.stats().arc);
         kernel.claimed_mask = CEC_LOG_ADDR_MASK_TV;
-        kernel.move_to(kRoot);
-        EXPECT_TRUE(reaches(link, ArcState::active)) << c.note;
+        kernel.claim();
+        EXPECT_TRUE(reaches(ArcState::active)) << c.note;
         EXPECT_TRUE(kernel.is_listening());
         link.stop();
     }
 }
 
-TEST(CecLink, GivesTheFormerPhysicalAddressBack)
+TEST_F(CecLinkTest, GivesTheFormerPhysicalAddressBack)
 {
-    FakeKernel kernel;
     kernel.adapters[0].capabilities |= CEC_CAP_PHYS_ADDR;
     kernel.adapters[0].physical_address = 0x1000;
-    CecLink link(&kernel);
-    ASSERT_EQ(0, link.start({"/dev/cec0", "", true}));
-    link.open_arc();
-    EXPECT_TRUE(reaches(link, ArcState::active));
+    open("/dev/cec0", true);
+    EXPECT_TRUE(reaches(ArcState::active));
     EXPECT_EQ(kRoot, link.stats().physical_address);
     link.stop();
     EXPECT_EQ(0x1000, kernel.adapters[0].physical_address);
 }
 
-TEST(CecLink, EndsInTimeWhenNobodyAnswers)
+TEST_F(CecLinkTest, EndsInTimeWhenNobodyAnswers)
 {
-    FakeKernel kernel;
-    CecLink link(&kernel);
     kernel.audio_system = [](const std::string& message) { return message == "05:83" ? kAddressReport : ""; };
     for (const bool tells_fates : {true, false}) {
         kernel.tells_fates = tells_fates;
-        ASSERT_EQ(0, link.start({}));
-        link.open_arc();
-        ASSERT_TRUE(reaches(link, ArcState::requested));
+        open();
+        ASSERT_TRUE(reaches(ArcState::requested));
         const auto start = std::chrono::steady_clock::now();
         link.stop();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(CecLink::kStopMs));
     }
 }
 
-TEST(CecLink, SaysOnceThatAnotherProgramHasTheAdapterToItself)
+TEST_F(CecLinkTest, SaysOnceThatAnotherProgramHasTheAdapterToItself)
 {
-    FakeKernel kernel;
     kernel.transmit_error = EBUSY;
-    CecLink link(&kernel);
     testing::internal::CaptureStdout();
-    ASSERT_EQ(0, link.start({}));
-    link.open_arc();
+    open();
     EXPECT_TRUE(eventually([&] { return link.stats().undelivered == 3 && link.stats().arc == ArcState::idle; }));
     link.stop();
     const std::string log = testing::internal::GetCapturedStdout();
