@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -26,6 +27,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "display/display.h"
@@ -240,70 +242,43 @@ private:
     std::thread thread_;
 };
 
-/// Looks at the screen: there is a picture as long as it moves.
-class Eye
+/// Asks every 10 ms whether something is there.
+class Watch
 {
 public:
-    explicit Eye(const play::Display& display) : display_(display), thread_(&Eye::run, this) {}
-    ~Eye()
+    Watch(const char* name, int64_t longest_pause_ns, std::function<bool()> is_there)
+        : lasting_(longest_pause_ns), thread_([this, name, is_there = std::move(is_there)] {
+              pthread_setname_np(pthread_self(), name);
+              for (; !stop_; sleep_ns(10 * kMs))
+                  if (is_there())
+                      lasting_.is_there();
+          })
+    {
+    }
+    ~Watch()
     {
         stop_ = true;
         thread_.join();
     }
-    const Lasting& picture() const { return picture_; }
+    const Lasting& lasting() const { return lasting_; }
 
 private:
-    void run()
-    {
-        pthread_setname_np(pthread_self(), "eye");
-        int64_t shown = 0;
-        while (!stop_) {
-            int64_t now_shown = pictures_shown();
-            if (now_shown > shown)
-                picture_.is_there();
-            shown = now_shown;
-            sleep_ns(10 * kMs);
-        }
-    }
-    int64_t pictures_shown() const
-    {
-        play::DisplayStats stats = display_.stats();
-        return stats.vblanks - stats.repeated;
-    }
-
-    const play::Display& display_;
-    Lasting picture_{kLongestStillNs};
+    Lasting lasting_;
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };
 
-/// Looks whether the audio return channel is open.
-class Channel
+/// There is a picture as long as it moves.
+std::function<bool()> moving_picture(const play::Display& display)
 {
-public:
-    Channel() : thread_(&Channel::run, this) {}
-    ~Channel()
-    {
-        stop_ = true;
-        thread_.join();
-    }
-    const Lasting& open() const { return open_; }
+    return [&display, shown = int64_t{0}]() mutable {
+        play::DisplayStats stats = display.stats();
+        int64_t before = std::exchange(shown, stats.vblanks - stats.repeated);
+        return shown > before;
+    };
+}
 
-private:
-    void run()
-    {
-        pthread_setname_np(pthread_self(), "channel");
-        while (!stop_) {
-            if (hdmi_linux::cec_stats().arc == hdmi_linux::ArcState::active)
-                open_.is_there();
-            sleep_ns(10 * kMs);
-        }
-    }
-
-    Lasting open_{kLongestLookNs};
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
+bool channel_is_open() { return hdmi_linux::cec_stats().arc == hdmi_linux::ArcState::active; }
 
 /// Numbered pictures without end; the sound comes over the cable.
 class Pictures : public play::Source
@@ -338,22 +313,17 @@ struct Disturbance {
     int64_t held_at_least_ns = kLeastHeldNs;
 };
 
+/// What should be there all the time.
+constexpr std::array<const char*, 3> kPresent = {"sound", "picture", "channel"};
+using Presence = std::array<const Lasting*, kPresent.size()>;
+
 struct Outcome {
     std::string kind;
-    int64_t held_ns;  ///< without the device
-    int64_t sound_ns; ///< from the device's return; -1: not back in time
-    int64_t picture_ns;
-    int64_t channel_ns;
-    bool noticed; ///< by the player
+    int64_t held_ns = 0;                               ///< without the device
+    std::array<int64_t, kPresent.size()> back_ns = {}; ///< from the device's return; -1: not back in time
+    bool noticed = false;                              ///< by the player
 
-    bool good() const { return noticed && sound_ns >= 0 && picture_ns >= 0 && channel_ns >= 0; }
-};
-
-/// What should be there all the time.
-struct Presence {
-    const Lasting& sound;
-    const Lasting& picture;
-    const Lasting& channel;
+    bool good() const { return noticed && *std::min_element(back_ns.begin(), back_ns.end()) >= 0; }
 };
 
 struct Belongings {
@@ -414,7 +384,7 @@ public:
     /// @return false if it did not end well: then there is no point in going on
     bool disturb(const Disturbance& disturbance)
     {
-        Outcome outcome = {disturbance.kind, 0, -1, -1, -1, false};
+        Outcome outcome = {disturbance.kind};
         Counts before = disturbance.noticed();
         if (!in_time(disturbance.kind, disturbance.down))
             return false;
@@ -429,15 +399,14 @@ public:
         sleep_ns(kBreakShowsNs);
         auto noticed = [&] { return each_more(disturbance.noticed(), before); };
         wait_until(kRecoveryLimitNs, [&] { return all_steady() && noticed(); });
-        outcome.sound_ns = recovery(presence_.sound, back_ns);
-        outcome.picture_ns = recovery(presence_.picture, back_ns);
-        outcome.channel_ns = recovery(presence_.channel, back_ns);
+        std::transform(presence_.begin(), presence_.end(), outcome.back_ns.begin(),
+                       [back_ns](const Lasting* thing) { return recovery(*thing, back_ns); });
         outcome.noticed = noticed();
         outcomes_.push_back(outcome);
-        std::printf("%4zu %-8s sound back after %4lld ms, picture %4lld ms, channel %4lld ms%s\n", outcomes_.size(),
-                    outcome.kind.c_str(), static_cast<long long>(outcome.sound_ns / kMs),
-                    static_cast<long long>(outcome.picture_ns / kMs), static_cast<long long>(outcome.channel_ns / kMs),
-                    outcome.noticed ? "" : ": the player did not notice it");
+        std::printf("%4zu %-8s back after", outcomes_.size(), outcome.kind.c_str());
+        for (size_t i = 0; i < kPresent.size(); i++)
+            std::printf(" %s %4" PRId64 " ms", kPresent[i], outcome.back_ns[i] / kMs);
+        std::printf("%s\n", outcome.noticed ? "" : ": the player did not notice it");
         std::fflush(stdout);
         return outcome.good();
     }
@@ -461,7 +430,7 @@ private:
     }
     bool all_steady() const
     {
-        return steady(presence_.sound) && steady(presence_.picture) && steady(presence_.channel);
+        return std::all_of(presence_.begin(), presence_.end(), [](const Lasting* thing) { return steady(*thing); });
     }
     static bool steady(const Lasting& thing)
     {
@@ -474,15 +443,12 @@ private:
     }
     bool in_time(const std::string& kind, const std::function<bool()>& action)
     {
-        std::promise<bool> promise;
-        std::future<bool> result = promise.get_future();
-        std::thread actor([&action, &promise] { promise.set_value(action()); });
+        std::future<bool> result = std::async(std::launch::async, action);
         if (result.wait_for(std::chrono::nanoseconds(kActionLimitNs)) != std::future_status::ready) {
             std::printf("%s: somebody does not let go of it\n", kind.c_str());
             std::fflush(stdout);
             _exit(1);
         }
-        actor.join();
         return result.get();
     }
 
@@ -552,35 +518,25 @@ std::string in_short(const nlohmann::json& summary)
 
 nlohmann::json to_json(const std::vector<Outcome>& outcomes)
 {
-    struct Times {
-        std::vector<int64_t> sound;
-        std::vector<int64_t> picture;
-        std::vector<int64_t> channel;
-    };
-    std::map<std::string, Times> by_kind;
+    std::map<std::string, std::array<std::vector<int64_t>, kPresent.size()>> by_kind;
     nlohmann::json all = nlohmann::json::array();
     for (const Outcome& outcome : outcomes) {
-        Times& times = by_kind[outcome.kind];
-        times.sound.push_back(outcome.sound_ns);
-        times.picture.push_back(outcome.picture_ns);
-        times.channel.push_back(outcome.channel_ns);
-        all.push_back({{"kind", outcome.kind},
-                       {"held_ms", outcome.held_ns / kMs},
-                       {"sound_ms", outcome.sound_ns / kMs},
-                       {"picture_ms", outcome.picture_ns / kMs},
-                       {"channel_ms", outcome.channel_ns / kMs},
-                       {"noticed", outcome.noticed}});
+        nlohmann::json& told = all.emplace_back();
+        told = {{"kind", outcome.kind}, {"held_ms", outcome.held_ns / kMs}, {"noticed", outcome.noticed}};
+        for (size_t i = 0; i < kPresent.size(); i++) {
+            by_kind[outcome.kind][i].push_back(outcome.back_ns[i]);
+            told[std::string(kPresent[i]) + "_ms"] = outcome.back_ns[i] / kMs;
+        }
     }
     nlohmann::json kinds;
     for (const auto& [kind, times] : by_kind) {
-        nlohmann::json& told = kinds[kind];
-        told = {{"times", times.sound.size()},
-                {"sound", summary(times.sound)},
-                {"picture", summary(times.picture)},
-                {"channel", summary(times.channel)}};
-        std::printf("RECOVERY %-7s %3zu times, ms (median/p95/worst): sound %s, picture %s, channel %s\n", kind.c_str(),
-                    times.sound.size(), in_short(told["sound"]).c_str(), in_short(told["picture"]).c_str(),
-                    in_short(told["channel"]).c_str());
+        kinds[kind]["times"] = times[0].size();
+        std::printf("RECOVERY %-7s %3zu times, ms (median/p95/worst):", kind.c_str(), times[0].size());
+        for (size_t i = 0; i < kPresent.size(); i++) {
+            kinds[kind][kPresent[i]] = summary(times[i]);
+            std::printf(" %s %s", kPresent[i], in_short(kinds[kind][kPresent[i]]).c_str());
+        }
+        std::printf("\n");
     }
     return {{"recovery", kinds}, {"disturbances", all}};
 }
@@ -614,12 +570,12 @@ bool run(size_t rounds, uint32_t seed, const play::Display& display, nlohmann::j
 {
     Feed feed(kSourceRates.back());
     Ear ear;
-    Eye eye(display);
-    Channel channel;
+    Watch eye("eye", kLongestStillNs, moving_picture(display));
+    Watch channel("channel", kLongestLookNs, channel_is_open);
     std::mt19937 random(seed);
     std::vector<Disturbance> kinds = ways(&feed, display, &random);
     std::vector<size_t> order = random_order(rounds, kinds.size(), &random);
-    Trial trial(&random, {ear.sound(), eye.picture(), channel.open()}, order.size());
+    Trial trial(&random, {&ear.sound(), &eye.lasting(), &channel.lasting()}, order.size());
     if (!trial.wait_until_steady(kStartLimitNs)) {
         std::printf("no sound, no picture or no return channel to begin with\n");
         return false;
