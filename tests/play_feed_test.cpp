@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <vector>
@@ -70,29 +71,17 @@ public:
         stood_full_ = 0;
         empty();
     }
-    void suspend()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        suspended_ = true;
-    }
+    void suspend() { suspended_ = true; }
     std::vector<Run> runs()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         return runs_;
     }
-    int stood_full()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return stood_full_;
-    }
+    int stood_full() const { return stood_full_; }
 
     // For the device below:
 
-    int buffer_frames()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return buffer_frames_;
-    }
+    int buffer_frames() const { return buffer_frames_; }
     int write(const int16_t* stereo, int frames)
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -131,17 +120,18 @@ private:
     void empty()
     {
         written_ = 0;
-        running_ = suspended_ = false;
+        running_ = false;
+        suspended_ = false;
     }
 
     std::mutex mutex_;
-    int buffer_frames_ = 0;
+    std::atomic<int> buffer_frames_{0};
     int64_t first_ = 0;
     int64_t written_ = 0;
     int64_t began_ns_ = 0;
     bool running_ = false;
-    bool suspended_ = false;
-    int stood_full_ = 0; ///< times that it had no room, and made none
+    std::atomic<bool> suspended_{false};
+    std::atomic<int> stood_full_{0}; ///< times that it had no room, and made none
     std::vector<Run> runs_;
 };
 
@@ -187,13 +177,23 @@ bool AlsaPcm::ask_position(Position* position) { return card.ask_position(positi
 
 // --- The feed -------------------------------------------------------------------------
 
-TEST(AlsaFeed, GoesOnAfterASuspendWithWhatIsDueThen)
+class Feed : public testing::Test
 {
-    card.insert(16 * kPeriod);
+protected:
+    void start(int periods)
+    {
+        card.insert(periods * kPeriod);
+        std::string error;
+        ASSERT_TRUE(feed.start(&error)) << error;
+    }
+
     Numbers source;
-    AlsaFeed feed("card", &source);
-    std::string error;
-    ASSERT_TRUE(feed.start(&error)) << error;
+    AlsaFeed feed{"card", &source};
+};
+
+TEST_F(Feed, GoesOnAfterASuspendWithWhatIsDueThen)
+{
+    start(16);
     int64_t began_ns = card.runs().front().began_ns;
     ASSERT_TRUE(eventually([&] { return now_ns() - began_ns >= 700 * kMs; }));
     card.suspend();
@@ -206,13 +206,9 @@ TEST(AlsaFeed, GoesOnAfterASuspendWithWhatIsDueThen)
     EXPECT_NEAR(static_cast<double>(after.first - due) * 1e3 / kRate, 0, 60) << "ms early";
 }
 
-TEST(AlsaFeed, GivesADeviceNoMoreThanItHoldsBeforeItStarts)
+TEST_F(Feed, GivesADeviceNoMoreThanItHoldsBeforeItStarts)
 {
-    card.insert(2 * kPeriod);
-    Numbers source;
-    AlsaFeed feed("card", &source);
-    std::string error;
-    ASSERT_TRUE(feed.start(&error)) << error;
+    start(2);
     feed.stop();
     EXPECT_EQ(card.stood_full(), 0);
 }

@@ -58,12 +58,32 @@ Result good_unheard_run()
     return run;
 }
 
+using Change = std::function<void(Result*)>;
+
+Change offset_of(double ms)
+{
+    return [=](Result* run) { run->offset = summarise(run->offsets = offsets({ms})); };
+}
+
+/// Two pictures were seen of those up to number @p last.
+Change pictures_to(int64_t last)
+{
+    return [=](Result* run) { run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, last}, 1); };
+}
+
+void one_gap(Result* run) { run->gaps = 1; }
+
+Change missing(double samples)
+{
+    return [=](Result* run) { run->samples.missing = samples; };
+}
+
 /// A machine that stood still for 300 ms.
 constexpr Punctuality kStoodStill = {600, 58, 1e3 / 120, 300, 300};
 
 struct Fault {
     const char* limit;
-    std::function<void(Result*)> apply;
+    Change apply;
     Outcome on_late_machine = Outcome::fail;
 };
 
@@ -88,12 +108,11 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
     EXPECT_TRUE(all_passed(judge(good_run())));
     const std::vector<Fault> faults = {
         {"A/V offset measured", [](Result* run) { run->instants = 2; }, Outcome::inconclusive},
-        {"A/V offset p95 inside EBU R37 (+40/-60 ms)",
-         [](Result* run) { run->offset = summarise(run->offsets = offsets({-61})); }, Outcome::inconclusive},
+        {"A/V offset p95 inside EBU R37 (+40/-60 ms)", offset_of(-61), Outcome::inconclusive},
         {"one reset, at start", [](Result* run) { run->resets = 0; }},
         {"one reset, at start", [](Result* run) { run->resets = 2; }, Outcome::inconclusive},
         {"one reset, at start", [](Result* run) { run->reset_s = 3; }},
-        {"no underrun after the first second", [](Result* run) { run->gaps = 1; }, Outcome::inconclusive},
+        {"no underrun after the first second", one_gap, Outcome::inconclusive},
         {"no overrun", [](Result* run) { run->overruns = 1; }, Outcome::inconclusive},
         {"frame account closed", [](Result* run) { run->frames.flipped--; }},
         {"frame account closed", [](Result* run) { run->frames.foreign = 1; }},
@@ -111,11 +130,7 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
              run->samples.mismatches = 1;
          }},
         {"at most 2 % of frames unseen or held beyond the rates", [](Result* run) { run->unreadable = 1; }},
-        {"at most 2 % of frames unseen or held beyond the rates",
-         [](Result* run) {
-             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
-         },
-         Outcome::inconclusive},
+        {"at most 2 % of frames unseen or held beyond the rates", pictures_to(2), Outcome::inconclusive},
     };
     for (const Fault& fault : faults)
         expect_only(fault, good_run());
@@ -125,51 +140,32 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
 {
     const Outcome yes = Outcome::inconclusive;
     const Outcome no = Outcome::fail;
+    const auto unread = [](Result* run) { run->overruns = 2; };
     struct Case {
         const char* what;
         Outcome outcome;
-        std::function<void(Result*)> apply;
+        std::vector<Change> changes;
     };
     const std::vector<Case> cases = {
-        {"nothing missed", Outcome::pass, [](Result*) {}},
-        {"350 ms outside", no, [](Result* run) { run->offset = summarise(run->offsets = offsets({390})); }},
-        {"a reset 290 ms late", yes, [](Result* run) { run->reset_s = 1.29; }},
-        {"a reset 310 ms late", no, [](Result* run) { run->reset_s = 1.31; }},
-        {"more instants than late ticks", no, [](Result* run) { run->instants = 60; }},
-        {"a tick late by less than a period", no,
-         [](Result* run) {
-             run->punctuality.worst_ms = 19;
-             run->gaps = 1;
-         }},
-        {"ticks late by less than half a vertical blank", no,
-         [](Result* run) {
-             run->punctuality.late = 0;
-             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
-         }},
-        {"more pictures than late ticks", no,
-         [](Result* run) {
-             run->cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 300}, 1);
-         }},
-        {"samples of periods that nobody read", yes,
-         [](Result* run) {
-             run->overruns = 2;
-             run->samples.missing = 2 * 960;
-         }},
-        {"a block more than that", no,
-         [](Result* run) {
-             run->overruns = 2;
-             run->samples.missing = 3 * 960;
-         }},
-        {"one limit explained, the other not", no,
-         [](Result* run) {
-             run->gaps = 1;
-             run->frames.foreign = 1;
-         }},
+        {"nothing missed", Outcome::pass, {}},
+        {"350 ms outside", no, {offset_of(390)}},
+        {"a reset 290 ms late", yes, {[](Result* run) { run->reset_s = 1.29; }}},
+        {"a reset 310 ms late", no, {[](Result* run) { run->reset_s = 1.31; }}},
+        {"more instants than late ticks", no, {[](Result* run) { run->instants = 60; }}},
+        {"a tick late by less than a period", no, {[](Result* run) { run->punctuality.worst_ms = 19; }, one_gap}},
+        {"ticks late by less than half a vertical blank",
+         no,
+         {[](Result* run) { run->punctuality.late = 0; }, pictures_to(2)}},
+        {"more pictures than late ticks", no, {pictures_to(300)}},
+        {"samples of periods that nobody read", yes, {unread, missing(2 * 960)}},
+        {"a block more than that", no, {unread, missing(3 * 960)}},
+        {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };
     for (const Case& one : cases) {
         Result run = good_run();
         run.punctuality = kStoodStill;
-        one.apply(&run);
+        for (const Change& change : one.changes)
+            change(&run);
         EXPECT_EQ(outcome_of(judge(run)), one.outcome) << one.what;
     }
 }
@@ -207,7 +203,7 @@ TEST(Verdict, FaultOfTheSourceExplainsWhereItShowsAndNowhereElse)
     }
     Result run = good_run();
     run.source.picture_gaps = 1;
-    run.cadence = measure_cadence(shown({{0, 1}, {1, 1}}), {0, 2}, 1);
+    pictures_to(2)(&run);
     EXPECT_EQ(outcome_of(judge(run)), Outcome::inconclusive);
     run.gaps = 1; // the player's own
     EXPECT_EQ(outcome_of(judge(run)), Outcome::fail);
