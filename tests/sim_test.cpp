@@ -21,6 +21,7 @@
 #include "hdmi_cec.h"
 #include "hdmi_sim.h"
 #include "support/blocked_call.h"
+#include "support/locked.h"
 #include "support/ramp.h"
 
 using hdmi_sim::FaultKind;
@@ -71,6 +72,20 @@ audio_config_t playback_config(int rate = 48000, int period_frames = 480)
     config.device_id = E_AUDIO_IO_DEV_SPEAKER;
     config.sample_rate = rate;
     return config;
+}
+
+audio_config_t opened(audio_config_t config)
+{
+    EXPECT_EQ(aio_device_open(&config), 0);
+    return config;
+}
+
+// Another thread's copy.
+void close_copy(audio_config_t config) { EXPECT_EQ(aio_device_close(&config), 0); }
+
+int read_into(audio_config_t& config, std::vector<uint8_t>& bytes)
+{
+    return aio_device_read(&config, bytes.data(), static_cast<int>(bytes.size()));
 }
 
 // The link frame's number in both words: low half left, high half right.
@@ -153,7 +168,7 @@ TEST_F(Sim, ReceiverGivesConsecutivePeriodsAtTheSourcesPace)
     const int64_t begin = hdmi_sim::now_ns();
     std::vector<uint8_t> period(1920);
     for (int i = 0; i < 20; i++) {
-        ASSERT_EQ(aio_device_read(&config, period.data(), 1920), 1920);
+        ASSERT_EQ(read_into(config, period), 1920);
         const hdmi_sim::ReceiverStats stats = hdmi_sim::receiver_stats();
         // If the machine stalls for the length of the ring, whole periods are lost, never frames inside one.
         if (stats.overruns == 0) {
@@ -171,18 +186,17 @@ TEST_F(Sim, ReceiverGivesConsecutivePeriodsAtTheSourcesPace)
 TEST_F(Sim, ReceiverOverrunsWhenNobodyReadsAndReopensEmpty)
 {
     hdmi_sim::receiver_connect(numbered_signal(192000));
-    audio_config_t config = capture_config(96);
-    ASSERT_EQ(aio_device_open(&config), 0);
+    audio_config_t config = opened(capture_config(96));
     EXPECT_EQ(aio_device_open(&config), -EBUSY);
     ASSERT_TRUE(eventually([] { return hdmi_sim::receiver_stats().overruns >= 5; }));
     std::vector<uint8_t> period(384);
-    ASSERT_EQ(aio_device_read(&config, period.data(), 384), 384);
+    ASSERT_EQ(read_into(config, period), 384);
     const int64_t oldest = number_at(period.data());
     EXPECT_EQ(aio_device_close(&config), 0);
     EXPECT_EQ(aio_device_close(&config), 0) << "closing a closed device is harmless";
-    EXPECT_EQ(aio_device_read(&config, period.data(), 384), -EBADF);
+    EXPECT_EQ(read_into(config, period), -EBADF);
     ASSERT_EQ(aio_device_open(&config), 0);
-    ASSERT_EQ(aio_device_read(&config, period.data(), 384), 384);
+    ASSERT_EQ(read_into(config, period), 384);
     EXPECT_GE(number_at(period.data()), oldest + 4 * 96) << "what was captured before is gone";
 }
 
@@ -191,17 +205,16 @@ TEST_F(Sim, ReadWaitsForASignalAndEndsWithTheDevice)
     audio_config_t config = capture_config(480, 64); // a machine that stalls for a moment loses nothing
     ASSERT_EQ(aio_device_open(&config), 0);
     std::vector<uint8_t> data(1920), more(1 << 20);
-    BlockedCall<int> read([&] { return aio_device_read(&config, data.data(), 1920); });
+    BlockedCall<int> read([&] { return read_into(config, data); });
     ASSERT_TRUE(read.asleep());
     hdmi_sim::receiver_connect(numbered_signal());
     EXPECT_EQ(read.result(), 1920);
     EXPECT_EQ(number_at(data.data()), 0);
 
     hdmi_sim::receiver_disconnect();
-    BlockedCall<int> blocked([&] { return aio_device_read(&config, more.data(), 1 << 20); });
+    BlockedCall<int> blocked([&] { return read_into(config, more); });
     ASSERT_TRUE(blocked.asleep());
-    audio_config_t same = config;
-    ASSERT_EQ(aio_device_close(&same), 0);
+    close_copy(config);
     EXPECT_LT(blocked.result(), 1 << 20);
 }
 
@@ -211,8 +224,7 @@ TEST_F(Sim, PlaybackRecordsWhatWasHeardWithUnderrunsAsSilence)
 {
     const TemporaryWav wav("underrun.wav");
     hdmi_sim::playback_configure({wav.path, 0});
-    audio_config_t config = playback_config();
-    ASSERT_EQ(aio_device_open(&config), 0);
+    audio_config_t config = opened(playback_config());
     ASSERT_EQ(write_all(config, ramp(960)), 3840);
     ASSERT_TRUE(eventually([] { return hdmi_sim::playback_stats().underruns == 1; }));
     const int64_t ran_empty = hdmi_sim::playback_stats().last_underrun_ns;
@@ -257,8 +269,7 @@ TEST_F(Sim, WriteBlocksWhileTheBufferIsFullAndEndsWithTheDevice)
     BlockedCall<int> blocked([&] { return write_all(config, ramp(480'000)); });
     ASSERT_TRUE(eventually([] { return hdmi_sim::playback_stats().frames_written > 8 * 480 + 2400 + 2; }));
     ASSERT_TRUE(blocked.asleep());
-    audio_config_t same = config;
-    ASSERT_EQ(aio_device_close(&same), 0);
+    close_copy(config);
     EXPECT_LT(blocked.result(), 480'000 * 4);
     EXPECT_EQ(aio_device_get_write_bytes(&config, &delay), -EBADF);
 }
@@ -266,22 +277,23 @@ TEST_F(Sim, WriteBlocksWhileTheBufferIsFullAndEndsWithTheDevice)
 TEST_F(Sim, MatchesRatesOnlyWhereAClockHasAnErrorAndCountsWhatWaits)
 {
     constexpr int kFrames = 8 * 480;
-    struct Case {
+    using hdmi_sim::RateMatching;
+    const struct {
         double receiver_ppm, playback_ppm;
-        hdmi_sim::RateMatching policy;
+        RateMatching policy;
         bool matched;
-    };
-    for (const Case& c :
-         {Case{0, 0, hdmi_sim::RateMatching::automatic, false}, Case{0, 100, hdmi_sim::RateMatching::automatic, true},
-          Case{-100, 0, hdmi_sim::RateMatching::automatic, true}, Case{0, 0, hdmi_sim::RateMatching::on, true},
-          Case{100, 100, hdmi_sim::RateMatching::off, false}}) {
+    } cases[] = {{0, 0, RateMatching::automatic, false},
+                 {0, 100, RateMatching::automatic, true},
+                 {-100, 0, RateMatching::automatic, true},
+                 {0, 0, RateMatching::on, true},
+                 {100, 100, RateMatching::off, false}};
+    for (const auto& c : cases) {
         const TemporaryWav wav("matched.wav");
         hdmi_sim::Signal signal;
         signal.clock_error_ppm = c.receiver_ppm;
         hdmi_sim::receiver_connect(signal);
         hdmi_sim::playback_configure({wav.path, c.playback_ppm, c.policy});
-        audio_config_t config = playback_config(48000, 480);
-        ASSERT_EQ(aio_device_open(&config), 0);
+        audio_config_t config = opened(playback_config(48000, 480));
         const int64_t begin = hdmi_sim::now_ns();
         ASSERT_EQ(write_all(config, ramp(kFrames)), kFrames * 4);
         int delay = 0;
@@ -306,8 +318,7 @@ TEST_F(Sim, VolumeAndMuteActOnWhatIsWrittenAndUnityIsBitExact)
 {
     const TemporaryWav wav("volume.wav");
     hdmi_sim::playback_configure({wav.path, 0});
-    audio_config_t config = playback_config(48000, 4800);
-    ASSERT_EQ(aio_device_open(&config), 0);
+    audio_config_t config = opened(playback_config(48000, 4800));
     // One long write keeps the device busy meanwhile: no silence between the frames of interest.
     ASSERT_EQ(write_all(config, ramp(19200)), 19200 * 4);
     const std::vector<std::pair<std::function<int()>, int16_t>> steps = {
@@ -341,8 +352,7 @@ TEST_F(Sim, RecordingGoesOnAcrossReopensAndAnotherRateBeginsAnotherFile)
     const TemporaryWav wav("rates.wav"), second("rates-2.wav");
     hdmi_sim::playback_configure({wav.path, 0});
     const auto play = [](int rate, int frames) {
-        audio_config_t config = playback_config(rate);
-        ASSERT_EQ(aio_device_open(&config), 0);
+        audio_config_t config = opened(playback_config(rate));
         ASSERT_EQ(write_all(config, ramp(frames)), frames * 4);
         play_out(config);
         ASSERT_EQ(aio_device_close(&config), 0);
@@ -369,8 +379,7 @@ TEST_F(Sim, RecordingGoesOnAcrossReopensAndAnotherRateBeginsAnotherFile)
 
 void* buffer(intptr_t number) { return reinterpret_cast<void*>(number); }
 
-struct Screen {
-    std::mutex mutex;
+struct Screen : Locked {
     std::vector<hdmi_sim::ScanOut> scans;
     std::vector<std::pair<void*, bool>> released;
 
@@ -379,20 +388,12 @@ struct Screen {
     int start(double refresh_hz)
     {
         return hdmi_sim::display_start(
-            {refresh_hz, 76 * kMs},
-            [this](const hdmi_sim::ScanOut& scan) {
-                const std::lock_guard<std::mutex> lock(mutex);
-                scans.push_back(scan);
-            },
-            [this](void* buffer, bool superseded) {
-                const std::lock_guard<std::mutex> lock(mutex);
-                released.emplace_back(buffer, superseded);
-            });
+            {refresh_hz, 76 * kMs}, [this](const hdmi_sim::ScanOut& scan) { locked([&] { scans.push_back(scan); }); },
+            [this](void* buffer, bool superseded) { locked([&] { released.emplace_back(buffer, superseded); }); });
     }
     bool shows(void* buffer)
     {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return !scans.empty() && scans.back().buffer == buffer;
+        return locked([&] { return !scans.empty() && scans.back().buffer == buffer; });
     }
 };
 
@@ -417,9 +418,9 @@ TEST_F(Sim, DisplayShowsFlippedBuffersInOrderAndReleasesEachOnce)
     }
     hdmi_sim::display_stop();
     EXPECT_FALSE(hdmi_sim::display_flip(buffer(6)));
-    EXPECT_EQ(screen.released,
-              (std::vector<std::pair<void*, bool>>{
-                  {buffer(1), false}, {buffer(2), false}, {buffer(3), false}, {buffer(4), false}, {buffer(5), false}}));
+    ASSERT_EQ(screen.released.size(), 5u);
+    for (intptr_t i = 1; i <= 5; i++)
+        EXPECT_EQ(screen.released[static_cast<size_t>(i - 1)], std::pair(buffer(i), false));
     hdmi_sim::ScanOut before = {0, screen.scans[0].vblank_ns - 10 * kMs, 0, nullptr, false};
     for (const hdmi_sim::ScanOut& scan : screen.scans) {
         EXPECT_EQ(scan.vblank, before.vblank + 1);
@@ -480,16 +481,17 @@ TEST_F(Sim, VblankWaitsThatComeTooLateAreCounted)
     const int fd = screen.start(100);
     ASSERT_GT(fd, 0);
     drmVBlank first, second;
-    ASSERT_EQ(wait_vblanks(fd, 1, first), 0);
-    ASSERT_TRUE(eventually([&] { return hdmi_sim::display_stats().vblanks >= first.reply.sequence + 5; }));
-    ASSERT_EQ(wait_vblanks(fd, 1, second), 0);
+    const auto wait_after_five = [&](unsigned int count) {
+        ASSERT_EQ(wait_vblanks(fd, count, first), 0);
+        ASSERT_TRUE(eventually([&] { return hdmi_sim::display_stats().vblanks >= first.reply.sequence + 5; }));
+        ASSERT_EQ(wait_vblanks(fd, 1, second), 0);
+    };
+    wait_after_five(1);
     EXPECT_EQ(hdmi_sim::vblank_waits().waits, 2);
-    EXPECT_EQ(hdmi_sim::vblank_waits().missed, second.reply.sequence - first.reply.sequence - 1);
     const int64_t missed = hdmi_sim::vblank_waits().missed;
+    EXPECT_EQ(missed, second.reply.sequence - first.reply.sequence - 1);
     EXPECT_GE(missed, 4);
-    ASSERT_EQ(wait_vblanks(fd, 0, second), 0);
-    ASSERT_TRUE(eventually([&] { return hdmi_sim::display_stats().vblanks >= second.reply.sequence + 5; }));
-    ASSERT_EQ(wait_vblanks(fd, 1, second), 0);
+    wait_after_five(0);
     EXPECT_EQ(hdmi_sim::vblank_waits().waits, 3);
     EXPECT_EQ(hdmi_sim::vblank_waits().missed, missed) << "a look between them: not in a row";
 }
@@ -634,9 +636,7 @@ TEST_F(Sim, EveryOperationFailsOnDemandAndRecovers)
 TEST_F(Sim, BriefTransfersAreHalvesAndWithheldWritesAreNotHeard)
 {
     hdmi_sim::receiver_connect(numbered_signal());
-    audio_config_t capture = capture_config(480, 64), playback = playback_config();
-    ASSERT_EQ(aio_device_open(&capture), 0);
-    ASSERT_EQ(aio_device_open(&playback), 0);
+    audio_config_t capture = opened(capture_config(480, 64)), playback = opened(playback_config());
     std::vector<uint8_t> data(1920);
     hdmi_sim::set_fault(Op::capture_read, {FaultKind::brief, 0, 1, 2, true});
     std::vector<std::pair<int, int64_t>> reads;
@@ -685,9 +685,8 @@ TEST_F(Sim, BlockingFaultEndsWhenClearedOrWithTheDevice)
     BlockedCall<int> write([&] { return write_all(playback, ramp(10)); });
     ASSERT_TRUE(blocks(Op::capture_read, read));
     ASSERT_TRUE(blocks(Op::playback_write, write));
-    audio_config_t capture_again = capture, playback_again = playback;
-    aio_device_close(&capture_again);
-    aio_device_close(&playback_again);
+    close_copy(capture);
+    close_copy(playback);
     EXPECT_LT(read.result(), 0);
     EXPECT_LT(write.result(), 0);
 }
