@@ -16,13 +16,12 @@
 #include "aio_device.h"
 #include "alsa_playback.h"
 #include "alsa_volume.h"
-#include "audio_devices.h"
 #include "blocked_call.h"
 #include "config.h"
 #include "hdmi_linux.h"
 #include "log_capture.h"
 #include "pulse_server.h"
-#include "sound_devices.h"
+#include "sound_fixture.h"
 
 // Replace alsa-lib's functions, to simulate a suspended and a broken card.
 extern "C" {
@@ -39,10 +38,6 @@ namespace
 using Clock = std::chrono::steady_clock;
 using hdmi_linux::capture_stats;
 using hdmi_linux::playback_stats;
-
-constexpr int kRate = 48000;
-constexpr int kPeriod = 960;
-constexpr int kBlockBytes = kPeriod * 4;
 
 PulseServer* g_server = nullptr;
 
@@ -61,35 +56,30 @@ int transfer_error()
     return g_asleep > 0 ? -ESTRPIPE : 0;
 }
 
-class AioAlsaTest : public testing::Test
+class AioAlsaTest : public AudioDevices
 {
 protected:
-    ~AioAlsaTest() override
+    // A transfer for a minute.
+    BlockedCall<int> blocked_transfer(audio_config_t* device)
     {
-        aio_device_close(&playback_);
-        aio_device_close(&capture_);
+        return BlockedCall<int>([this, device] {
+            return device == &playback_ ? aio_device_write(device, minute_.data(), kMinuteBytes)
+                                        : aio_device_read(device, minute_.data(), kMinuteBytes);
+        });
+    }
+    bool captures() { return aio_device_read(&capture_, block_.data(), kBlockBytes) == kBlockBytes; }
+    // Captures the link, to be passed on.
+    void take_link()
+    {
+        capture_.pcm_name = "link_monitor";
+        capture_.period_count = 16; // the machine may be busy
+        capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
+        ASSERT_EQ(aio_device_open(&capture_), 0);
     }
 
-    int write_numbered(int blocks)
-    {
-        int result = 0;
-        for (; blocks > 0; --blocks) {
-            const std::vector<int16_t> words = numbered(written_, kPeriod);
-            result = aio_device_write(&playback_, reinterpret_cast<const uint8_t*>(words.data()), kBlockBytes);
-            written_ += kPeriod;
-        }
-        return result;
-    }
-    int delay()
-    {
-        int frames = -1;
-        EXPECT_EQ(aio_device_get_write_bytes(&playback_, &frames), 0);
-        return frames;
-    }
-
-    audio_config_t playback_ = audio_device(E_AUDIO_STREAM_PLAYBACK);
-    audio_config_t capture_ = audio_device(E_AUDIO_STREAM_CAPTURE);
-    int64_t written_ = 0;
+    static constexpr int kMinuteBytes = 60 * kRate * 4;
+    std::vector<uint8_t> minute_ = std::vector<uint8_t>(kMinuteBytes);
+    std::vector<uint8_t> block_ = std::vector<uint8_t>(kBlockBytes);
 };
 
 } // namespace
@@ -120,16 +110,13 @@ TEST_F(AioAlsaTest, PlaysWhatIsWrittenAndCapturesWhatIsPlayed)
     std::vector<int16_t> heard;
     std::atomic<bool> done{false};
     std::thread reader([&] {
-        std::vector<int16_t> block(2 * kPeriod);
-        while (!done &&
-               aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes) == kBlockBytes)
-            for (size_t at = 0; at < block.size(); at += 2)
-                heard.push_back(block[at]);
+        while (!done && read_block(&heard) == kBlockBytes) {
+        }
     });
     const auto start = Clock::now();
     int most = 0;
     for (int block = 0; block < 50; ++block) {
-        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        ASSERT_EQ(write_numbered(), kBlockBytes);
         most = std::max(most, delay());
     }
     // A second of sound was written; the buffer and the server still hold a part of it.
@@ -150,29 +137,23 @@ TEST_F(AioAlsaTest, PlaysWhatIsWrittenAndCapturesWhatIsPlayed)
 
 TEST_F(AioAlsaTest, AClosedDeviceEndsABlockedCallAndRefusesTheNext)
 {
-    const auto minute = static_cast<size_t>(60) * kRate * 4;
-    std::vector<uint8_t> out(minute);
-    std::vector<uint8_t> in(minute);
     for (audio_config_t* device : {&playback_, &capture_}) {
         for (int round = 0; round < 3; ++round) {
             ASSERT_EQ(aio_device_open(device), 0);
             EXPECT_LT(aio_device_open(device), 0) << "open already";
-            BlockedCall<int> call([&] {
-                return device == &playback_ ? aio_device_write(device, out.data(), static_cast<int>(out.size()))
-                                            : aio_device_read(device, in.data(), static_cast<int>(in.size()));
-            });
+            BlockedCall<int> call = blocked_transfer(device);
             ASSERT_TRUE(call.asleep());
             if (device == &playback_)
                 delay(); // does not wait for the write
             const auto start = Clock::now();
             EXPECT_EQ(aio_device_close(device), 0);
-            EXPECT_LT(call.result(), static_cast<int>(minute));
+            EXPECT_LT(call.result(), kMinuteBytes);
             EXPECT_LT(seconds_since(start), 1.0);
             EXPECT_EQ(aio_device_close(device), 0) << "harmless";
         }
     }
-    EXPECT_LT(aio_device_write(&playback_, out.data(), kBlockBytes), 0);
-    EXPECT_LT(aio_device_read(&capture_, in.data(), kBlockBytes), 0);
+    EXPECT_LT(aio_device_write(&playback_, block_.data(), kBlockBytes), 0);
+    EXPECT_LT(aio_device_read(&capture_, block_.data(), kBlockBytes), 0);
     int frames = 7;
     EXPECT_LT(aio_device_get_write_bytes(&playback_, &frames), 0);
     EXPECT_EQ(frames, 7);
@@ -233,10 +214,10 @@ TEST_F(AioAlsaTest, ADeviceThatRanEmptyStartsAgainWithNoMoreThanAtFirst)
     ASSERT_EQ(aio_device_open(&playback_), 0);
     const int64_t xruns = playback_stats().xruns;
     for (int64_t start = 0; start < 5; ++start) {
-        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        ASSERT_EQ(write_numbered(), kBlockBytes);
         EXPECT_EQ(delay(), kPeriod) << "waits, whatever was queued before";
         const auto begin = Clock::now();
-        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        ASSERT_EQ(write_numbered(), kBlockBytes);
         const int left = delay();
         EXPECT_GE(left, 2 * kPeriod - static_cast<int>(seconds_since(begin) * kRate)) << "not heard before its time";
         EXPECT_TRUE(eventually([&] {
@@ -256,7 +237,7 @@ TEST_F(AioAlsaTest, AReselectedDeviceGoesOnWithWhatWasNotHeardYet)
     ASSERT_EQ(aio_device_open(&playback_), 0);
     ASSERT_EQ(write_numbered(20), kBlockBytes);
     EXPECT_LT(aio_device_reselect(&playback_, E_AUDIO_IO_DEV_I2S_TXA, E_AUDIO_IO_FORMAT_PCM), 0) << "there is none";
-    ASSERT_EQ(write_numbered(1), kBlockBytes);
+    ASSERT_EQ(write_numbered(), kBlockBytes);
     const auto start = Clock::now();
     const int before = delay();
     ASSERT_EQ(aio_device_reselect(&playback_, E_AUDIO_IO_DEV_HEADPHONE, E_AUDIO_IO_FORMAT_PCM), 0);
@@ -287,7 +268,7 @@ TEST_F(AioAlsaTest, ALostPlaybackDeviceComesBackAndTheClockNeverStops)
     g_server->kill();
     const auto start = Clock::now();
     for (int block = 0; block < 25; ++block) {
-        ASSERT_EQ(write_numbered(1), kBlockBytes);
+        ASSERT_EQ(write_numbered(), kBlockBytes);
         ASSERT_GE(delay(), 0);
         ASSERT_LE(delay(), kRate / 2);
     }
@@ -298,7 +279,7 @@ TEST_F(AioAlsaTest, ALostPlaybackDeviceComesBackAndTheClockNeverStops)
     ASSERT_TRUE(g_server->start()) << g_server->why();
     Recorder recorder("out_monitor");
     EXPECT_TRUE(eventually([&] {
-        EXPECT_EQ(write_numbered(1), kBlockBytes);
+        EXPECT_EQ(write_numbered(), kBlockBytes);
         return !playback_stats().lost && number_runs(recorder.left()).size() == 1;
     }));
     EXPECT_GT(playback_stats().frames_lost, 0);
@@ -308,19 +289,17 @@ TEST_F(AioAlsaTest, ALostPlaybackDeviceComesBackAndTheClockNeverStops)
 TEST_F(AioAlsaTest, ALostCaptureDeviceIsSilentAtItsPaceAndComesBack)
 {
     ASSERT_EQ(aio_device_open(&capture_), 0);
-    std::vector<uint8_t> block(kBlockBytes);
-    const auto read_block = [&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes; };
-    ASSERT_TRUE(read_block());
+    ASSERT_TRUE(captures());
     const auto start = Clock::now();
     int64_t frames = 0;
     const auto read_on = [&](double seconds) {
         for (const auto begin = Clock::now(); seconds_since(begin) < seconds; frames += kPeriod)
-            ASSERT_TRUE(read_block());
+            ASSERT_TRUE(captures());
     };
     g_server->kill();
     read_on(0.5);
     EXPECT_TRUE(capture_stats().lost);
-    EXPECT_EQ(block, std::vector<uint8_t>(kBlockBytes));
+    EXPECT_EQ(block_, std::vector<uint8_t>(kBlockBytes));
     ASSERT_TRUE(g_server->start()) << g_server->why();
     const int64_t recoveries = capture_stats().recoveries;
     while (capture_stats().recoveries == recoveries && seconds_since(start) < 10)
@@ -332,7 +311,7 @@ TEST_F(AioAlsaTest, ALostCaptureDeviceIsSilentAtItsPaceAndComesBack)
     // A close does not wait for the device.
     g_server->kill();
     BlockedCall<int> blocked([&] {
-        while (read_block()) {
+        while (captures()) {
         }
         return 0;
     });
@@ -370,14 +349,10 @@ private:
 
 TEST_F(AioAlsaTest, AServerThatDoesNotAnswerHoldsUpNoClose)
 {
-    std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
     for (audio_config_t* device : {&playback_, &capture_}) {
         ASSERT_EQ(aio_device_open(device), 0);
         const int64_t frames = playback_stats().frames;
-        BlockedCall<int> call([&] {
-            return device == &playback_ ? aio_device_write(device, minute.data(), static_cast<int>(minute.size()))
-                                        : aio_device_read(device, minute.data(), static_cast<int>(minute.size()));
-        });
+        BlockedCall<int> call = blocked_transfer(device);
         ASSERT_TRUE(call.asleep());
         // The start of playback waits for the server, so it must be over.
         const bool plays = device == &playback_;
@@ -388,7 +363,7 @@ TEST_F(AioAlsaTest, AServerThatDoesNotAnswerHoldsUpNoClose)
         const std::string log = logged("2", [&] { EXPECT_EQ(aio_device_close(device), 0); });
         EXPECT_LT(seconds_since(start), 5);
         EXPECT_EQ(occurrences(log, "a sound server does not answer"), 1) << log;
-        EXPECT_LT(call.result(), static_cast<int>(minute.size()));
+        EXPECT_LT(call.result(), kMinuteBytes);
         pause.end();
         EXPECT_TRUE(eventually([&] { return aio_device_open(device) == 0; }));
         EXPECT_EQ(aio_device_close(device), 0);
@@ -402,14 +377,14 @@ TEST_F(AioAlsaTest, AServerThatDoesNotAnswerIsLostAndTheClockGoesOn)
     const int64_t losses = playback_stats().losses;
     ServerPause pause;
     ASSERT_TRUE(pause.begun());
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && playback_stats().losses > losses; }));
+    EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && playback_stats().losses > losses; }));
     const auto start = Clock::now();
     ASSERT_EQ(write_numbered(50), kBlockBytes);
     EXPECT_GT(seconds_since(start), 0.5);
     EXPECT_LT(seconds_since(start), 5) << "nothing waits for the server";
     EXPECT_LE(delay(), kRate / 2);
     pause.end();
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }));
+    EXPECT_TRUE(plays_again());
 }
 
 TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
@@ -421,43 +396,37 @@ TEST_F(AioAlsaTest, ASuspendedDeviceWakesUpInItsOwnTime)
     const auto start = Clock::now();
     const int64_t recoveries = playback_stats().recoveries;
     EXPECT_TRUE(
-        eventually([&] { return write_numbered(1) == kBlockBytes && playback_stats().recoveries > recoveries; }));
+        eventually([&] { return write_numbered() == kBlockBytes && playback_stats().recoveries > recoveries; }));
     EXPECT_GT(seconds_since(start), 0.15);
     EXPECT_EQ(playback_stats().suspends, 1);
     Recorder recorder("out_monitor");
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !number_runs(recorder.left()).empty(); }));
+    EXPECT_TRUE(is_heard(recorder));
     aio_device_close(&playback_);
 
     ASSERT_EQ(aio_device_open(&capture_), 0);
     recorder.stop();
-    std::vector<uint8_t> block(kBlockBytes);
-    ASSERT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes);
+    ASSERT_TRUE(captures());
     g_asleep = kTries;
-    EXPECT_TRUE(eventually([&] {
-        return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes && capture_stats().suspends == 1 &&
-               !capture_stats().lost;
-    }));
+    EXPECT_TRUE(eventually([&] { return captures() && capture_stats().suspends == 1 && !capture_stats().lost; }));
 }
 
 TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
 {
     ASSERT_EQ(aio_device_open(&playback_), 0);
     ASSERT_EQ(aio_device_open(&capture_), 0);
-    std::vector<uint8_t> block(kBlockBytes);
-    ASSERT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes);
+    ASSERT_TRUE(captures());
     const int64_t losses = playback_stats().losses + capture_stats().losses;
     g_broken = true;
     const auto start = Clock::now();
     while (seconds_since(start) < 0.5) {
-        EXPECT_EQ(write_numbered(1), kBlockBytes);
-        EXPECT_EQ(aio_device_read(&capture_, block.data(), kBlockBytes), kBlockBytes) << "of silence";
+        EXPECT_EQ(write_numbered(), kBlockBytes);
+        EXPECT_TRUE(captures()) << "of silence";
     }
     // Per device: one loss at once, one after its first recovery, and one a second later on a slow machine.
     EXPECT_LE(playback_stats().losses + capture_stats().losses, losses + 6);
     g_broken = false;
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }));
-    EXPECT_TRUE(eventually(
-        [&] { return aio_device_read(&capture_, block.data(), kBlockBytes) == kBlockBytes && !capture_stats().lost; }));
+    EXPECT_TRUE(plays_again());
+    EXPECT_TRUE(eventually([&] { return captures() && !capture_stats().lost; }));
 }
 
 // --- Raw pass-through ------------------------------------------------------------------
@@ -477,36 +446,26 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     ASSERT_EQ(aio_device_open(&playback_), 0);
     Recorder output("digital_monitor");
     const Feeder link("link");
-    capture_.pcm_name = "link_monitor";
-    capture_.period_count = 16; // the machine may be busy
-    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
-    ASSERT_EQ(aio_device_open(&capture_), 0);
+    take_link();
     // Nobody reads.
     EXPECT_TRUE(eventually([&] {
-        EXPECT_EQ(write_numbered(1), kBlockBytes) << "goes nowhere";
+        EXPECT_EQ(write_numbered(), kBlockBytes) << "goes nowhere";
         return longest(number_runs(output.left())) > kRate / 2;
     })) << "unbroken, none of the playback's sound in it";
     EXPECT_TRUE(hdmi_linux::bypass_stats().active);
     EXPECT_TRUE(playback_stats().lost) << "the data have the output";
     // The player reads the same.
-    std::vector<int16_t> block(2 * kPeriod);
     std::vector<int16_t> read;
     EXPECT_TRUE(eventually([&] {
-        EXPECT_EQ(aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes), kBlockBytes);
-        for (size_t at = 0; at < block.size(); at += 2)
-            read.push_back(block[at]);
+        EXPECT_EQ(read_block(&read), kBlockBytes);
         return longest(number_runs(read)) >= 8 * kPeriod;
     }));
-    BlockedCall<int> blocked([&] {
-        std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
-        return aio_device_read(&capture_, minute.data(), static_cast<int>(minute.size()));
-    });
+    BlockedCall<int> blocked = blocked_transfer(&capture_);
     ASSERT_TRUE(blocked.asleep());
     ASSERT_EQ(aio_device_close(&capture_), 0);
     EXPECT_LT(blocked.result(), 0);
     EXPECT_FALSE(hdmi_linux::bypass_stats().active);
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !playback_stats().lost; }))
-        << "sound again";
+    EXPECT_TRUE(plays_again()) << "sound again";
     // Playback that is moved to the output takes it back.
     ASSERT_EQ(aio_device_open(&capture_), 0);
     EXPECT_LT(aio_device_open(&playback_), 0) << "open already";
@@ -520,16 +479,15 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
 TEST_F(AioAlsaTest, ADeviceThatIsClosedWhilePassThroughTakesItStaysClosed)
 {
     hdmi_linux::Playback device;
-    const std::vector<uint8_t> minute(static_cast<size_t>(60) * kRate * 4);
     for (int round = 0; round < 100; ++round) {
         ASSERT_EQ(device.open(playback_), 0) << round;
-        BlockedCall<int> writing([&] { return device.write(minute.data(), static_cast<int>(minute.size())); });
+        BlockedCall<int> writing([&] { return device.write(minute_.data(), kMinuteBytes); });
         ASSERT_TRUE(writing.asleep());
         std::thread taking([&] { device.yield_output(playback_.device_id); });
         EXPECT_EQ(device.close(), 0);
         taking.join();
         EXPECT_FALSE(device.is_open()) << round;
-        EXPECT_LT(writing.result(), static_cast<int>(minute.size()));
+        EXPECT_LT(writing.result(), kMinuteBytes);
     }
 }
 
@@ -541,10 +499,7 @@ TEST_F(AioAlsaTest, TwoClocksAreEvenedOutInTheStuffing)
     ASSERT_EQ(aio_device_open(&playback_), 0);
     aio_device_close(&playback_);
     const Feeder link("link", kRate, 360);
-    capture_.pcm_name = "link_monitor";
-    capture_.period_count = 16;
-    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
-    ASSERT_EQ(aio_device_open(&capture_), 0);
+    take_link();
     EXPECT_TRUE(eventually([] { return hdmi_linux::bypass_stats().slips > 10; }));
     aio_device_close(&capture_);
     setenv("HDMIPLAYER_ALSA_HDMI_ARC", "digital", 1);
@@ -584,9 +539,7 @@ TEST_F(AioAlsaTest, ADigitalOutputSaysItsRateAndWhetherItCarriesData)
     EXPECT_EQ(received_status(file), (std::vector<int>{0x04, 0x82, 0x00, 0x00})) << "sound at 44.1 kHz";
     // The player closed it as the last output before pass-through.
     const Feeder link("link");
-    capture_.pcm_name = "link_monitor";
-    capture_.in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_TO_RAW;
-    ASSERT_EQ(aio_device_open(&capture_), 0);
+    take_link();
     EXPECT_TRUE(eventually([&] {
         return received_status(file) == std::vector<int>{0x06, 0x82, 0x00, 0x02};
     })) << "data at 48 kHz";
@@ -701,8 +654,7 @@ TEST_F(AioAlsaTest, VolumeAndMuteAreTheMixersWhereThereIsOne)
     ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
     EXPECT_EQ(mixer_state().volume, 65536);
     Recorder recorder("out_monitor");
-    EXPECT_TRUE(eventually([&] { return write_numbered(1) == kBlockBytes && !number_runs(recorder.left()).empty(); }))
-        << "not scaled";
+    EXPECT_TRUE(is_heard(recorder)) << "not scaled";
 }
 
 } // namespace

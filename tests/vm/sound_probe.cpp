@@ -10,20 +10,15 @@
 #include <memory>
 
 #include "aio_device.h"
-#include "audio_devices.h"
 #include "blocked_call.h"
 #include "hdmi_linux.h"
-#include "sound_devices.h"
+#include "sound_fixture.h"
 
 namespace
 {
 
 using hdmi_linux::capture_stats;
 using hdmi_linux::playback_stats;
-
-constexpr int kRate = 48000;
-constexpr int kPeriod = 960;
-constexpr int kBlockBytes = kPeriod * 4;
 
 // The loopback's cards, by the number of their platform device.
 enum Card { kCable = 0, kSpeaker = 1 };
@@ -102,39 +97,7 @@ private:
     snd_ctl_elem_value_t* value_ = nullptr;
 };
 
-class SoundProbe : public testing::Test
-{
-protected:
-    ~SoundProbe() override
-    {
-        aio_device_close(&playback_);
-        aio_device_close(&capture_);
-    }
-    int write_numbered()
-    {
-        const std::vector<int16_t> words = numbered(written_, kPeriod);
-        written_ += kPeriod;
-        return aio_device_write(&playback_, reinterpret_cast<const uint8_t*>(words.data()), kBlockBytes);
-    }
-    int delay()
-    {
-        int frames = -1;
-        aio_device_get_write_bytes(&playback_, &frames);
-        return frames;
-    }
-    int read_block(std::vector<int16_t>* left)
-    {
-        std::vector<int16_t> block(2 * kPeriod);
-        const int result = aio_device_read(&capture_, reinterpret_cast<uint8_t*>(block.data()), kBlockBytes);
-        for (int frame = 0; frame < result / 4; ++frame)
-            left->push_back(block[2 * frame]);
-        return result;
-    }
-
-    audio_config_t playback_ = audio_device(E_AUDIO_STREAM_PLAYBACK);
-    audio_config_t capture_ = audio_device(E_AUDIO_STREAM_CAPTURE);
-    int64_t written_ = 0;
-};
+using SoundProbe = AudioDevices;
 
 TEST_F(SoundProbe, PlaysWithoutAGap)
 {
@@ -161,11 +124,9 @@ TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
     Recorder recorder("hw:Speaker,1");
     const int64_t xruns = playback_stats().xruns;
     ASSERT_EQ(aio_device_open(&playback_), 0);
-    for (int block = 0; block < 3; ++block)
-        ASSERT_EQ(write_numbered(), kBlockBytes);
+    ASSERT_EQ(write_numbered(3), kBlockBytes);
     EXPECT_TRUE(eventually([&] { return delay() == 0; }));
-    for (int block = 0; block < 30; ++block)
-        ASSERT_EQ(write_numbered(), kBlockBytes);
+    ASSERT_EQ(write_numbered(30), kBlockBytes);
     EXPECT_GE(playback_stats().xruns, xruns + 1);
     EXPECT_TRUE(eventually([&] {
         write_numbered();
@@ -197,20 +158,18 @@ TEST_F(SoundProbe, AnUnpluggedOutputComesBackEveryTime)
 {
     ASSERT_EQ(aio_device_open(&playback_), 0);
     for (int round = 1; round <= 5; ++round) {
-        for (int block = 0; block < 10; ++block)
-            ASSERT_EQ(write_numbered(), kBlockBytes);
+        ASSERT_EQ(write_numbered(10), kBlockBytes);
         Unplugged card(kSpeaker);
         ASSERT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && card.done(); }));
-        for (int block = 0; block < 5 * round; ++block)
-            ASSERT_EQ(write_numbered(), kBlockBytes);
+        ASSERT_EQ(write_numbered(5 * round), kBlockBytes);
         EXPECT_TRUE(playback_stats().lost);
         EXPECT_EQ(playback_stats().losses, round);
         card.plug_in();
-        EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !playback_stats().lost; }));
+        EXPECT_TRUE(plays_again());
     }
     EXPECT_EQ(playback_stats().recoveries, 5);
     Recorder recorder("hw:Speaker,1");
-    EXPECT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && !number_runs(recorder.left()).empty(); }));
+    EXPECT_TRUE(is_heard(recorder));
 }
 
 TEST_F(SoundProbe, AnUnpluggedReceiverIsSilentAtItsPaceAndComesBack)
@@ -288,7 +247,6 @@ TEST_F(SoundProbe, VolumeAndMuteAreTheMixersWhereThereIsOne)
 
 TEST_F(SoundProbe, MuteIsTheMixersSwitchAndPercentsAreEvenWithoutDecibels)
 {
-    using Values = std::vector<long>;
     const Control volume(SND_CTL_ELEM_IFACE_MIXER, "Headphone Playback Volume",
                          [](auto* ctl, auto* id) { return snd_ctl_elem_add_integer(ctl, id, 2, 10, 210, 1); });
     const Control sounding(SND_CTL_ELEM_IFACE_MIXER, "Headphone Playback Switch",
@@ -296,22 +254,21 @@ TEST_F(SoundProbe, MuteIsTheMixersSwitchAndPercentsAreEvenWithoutDecibels)
     playback_.device_id = E_AUDIO_IO_DEV_HEADPHONE;
     playback_.pcm_name = "hw:Dummy";
     ASSERT_EQ(aio_device_open(&playback_), 0);
-    ASSERT_EQ(aio_device_set_volume(&playback_, 100), 0);
-    EXPECT_EQ(volume.values(), (Values{210, 210}));
-    ASSERT_EQ(aio_device_set_volume(&playback_, 0), 0);
-    EXPECT_EQ(volume.values(), (Values{10, 10}));
-    ASSERT_EQ(aio_device_set_volume(&playback_, 50), 0);
-    EXPECT_EQ(volume.values(), (Values{110, 110}));
+    const auto expect = [&](long level, long sounds, const char* what) {
+        EXPECT_EQ(volume.values(), (std::vector<long>{level, level})) << what;
+        EXPECT_EQ(sounding.values(), (std::vector<long>{sounds, sounds})) << what;
+    };
     ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
-    EXPECT_EQ(sounding.values(), (Values{1, 1}));
+    for (const auto& [percent, level] : {std::pair(100, 210L), {0, 10L}, {50, 110L}}) {
+        ASSERT_EQ(aio_device_set_volume(&playback_, percent), 0);
+        expect(level, 1, "even");
+    }
     ASSERT_EQ(aio_device_set_mute(&playback_, true), 0);
-    EXPECT_EQ(sounding.values(), (Values{0, 0}));
-    EXPECT_EQ(volume.values(), (Values{110, 110})) << "the switch does it";
+    expect(110, 0, "the switch does it");
     ASSERT_EQ(aio_device_set_volume(&playback_, 25), 0);
-    EXPECT_EQ(volume.values(), (Values{60, 60}));
-    EXPECT_EQ(sounding.values(), (Values{0, 0})) << "still muted";
+    expect(60, 0, "still muted");
     ASSERT_EQ(aio_device_set_mute(&playback_, false), 0);
-    EXPECT_EQ(sounding.values(), (Values{1, 1}));
+    expect(60, 1, "sounds again");
 }
 
 TEST_F(SoundProbe, ADigitalOutputsControlSaysWhatItCarries)
