@@ -49,8 +49,6 @@ FakeAdapter used_as(int type, const std::string& path = "/dev/cec0")
 class FakeKernel : public hdmi_linux::CecSystem
 {
 public:
-    explicit FakeKernel(std::vector<FakeAdapter> fakes = {FakeAdapter()}) : adapters(std::move(fakes)) {}
-
     std::vector<std::string> devices() override
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -129,7 +127,7 @@ public:
         return fd_ >= 0;
     }
 
-    std::vector<FakeAdapter> adapters;
+    std::vector<FakeAdapter> adapters = {FakeAdapter()};
     bool lock(int fd) override
     {
         std::lock_guard<std::mutex> guard(mutex_);

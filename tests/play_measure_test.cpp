@@ -232,18 +232,18 @@ TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)
         EXPECT_LE(check.different, period);
 
         // The end of the passing on cuts a payload, or a device that stops repeats a piece of its buffer.
-        for (int64_t last : {burst(39) - sent.begin(), burst(38) - sent.begin()}) {
+        for (int64_t last : {at(39), at(38)}) {
             words = sent;
-            std::copy_n(sent.begin() + last, 200, words.begin() + (burst(39) - sent.begin()));
-            std::fill(words.begin() + (burst(39) - sent.begin()) + 200, words.end(), int16_t{0});
+            std::copy_n(sent.begin() + last, 200, words.begin() + at(39));
+            std::fill(words.begin() + at(39) + 200, words.end(), int16_t{0});
             check = checked(words);
             EXPECT_EQ(check.bursts, 39);
             EXPECT_EQ(check.different + check.gaps, 0);
         }
-        words[static_cast<size_t>(burst(39) - sent.begin()) + 100] ^= 1;
+        words[static_cast<size_t>(at(39)) + 100] ^= 1;
         EXPECT_GT(checked(words).different, 0) << "cut off, and not the source's";
         words = sent;
-        std::fill_n(words.begin() + (burst(38) - sent.begin()) + 200, 300, int16_t{0});
+        std::fill_n(words.begin() + at(38) + 200, 300, int16_t{0});
         EXPECT_GT(checked(words).different, 0) << "cut short, and not the last";
     }
     record(std::vector<int16_t>(2 * 48000), 48000, 100 * kMs);
