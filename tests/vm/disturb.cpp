@@ -639,12 +639,6 @@ bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
             return false;
     }
     bool good = run(rounds, seed, *display, report);
-    hdmi_linux::DeviceStats played = hdmi_linux::playback_stats();
-    hdmi_linux::DeviceStats captured = hdmi_linux::capture_stats();
-    std::printf("playback: %lld losses, %lld suspends, %lld recoveries; capture: %lld, %lld, %lld\n",
-                static_cast<long long>(played.losses), static_cast<long long>(played.suspends),
-                static_cast<long long>(played.recoveries), static_cast<long long>(captured.losses),
-                static_cast<long long>(captured.suspends), static_cast<long long>(captured.recoveries));
     host->stop_video();
     host->close();
     display->stop();
