@@ -88,6 +88,11 @@ protected:
         }
     }
     TraceView view() const { return view_trace(trace, scope, sightings, offsets); }
+    void expect_deviation(double least, double most) const
+    {
+        EXPECT_NEAR(view().deviation.least, least, 1e-6);
+        EXPECT_NEAR(view().deviation.most, most, 1e-6);
+    }
 
     static uint64_t mark(int64_t k) { return static_cast<uint64_t>(k) * 77 + 1; }
 
@@ -107,8 +112,7 @@ TEST_F(Scene, ClockIsTheEndOfWhatWasWrittenLessTheQueueWhateverWasDiscardedBefor
     TraceView seen = view();
     EXPECT_EQ(seen.unmatched, 1);
     EXPECT_DOUBLE_EQ(seen.queue.median, 100);
-    EXPECT_NEAR(seen.deviation.least, 0, 1e-6);
-    EXPECT_NEAR(seen.deviation.most, 0, 1e-6);
+    expect_deviation(0, 0);
     ASSERT_EQ(seen.timeline.blocks.size(), 50u);
     const BlockView& block = seen.timeline.blocks[10];
     EXPECT_NEAR(*block.clock_s, block.at_s + 0.020 - 0.100, 1e-9);
@@ -117,12 +121,9 @@ TEST_F(Scene, ClockIsTheEndOfWhatWasWrittenLessTheQueueWhateverWasDiscardedBefor
 TEST_F(Scene, ClockThatLeapsForAMomentIsSeenLeaping)
 {
     play(0, 300);
-    hand(300);
-    write(300, 4800 + 480); // the device says that it has 10 ms more to play
+    play(300, 301, 4800 + 480); // the device says that it has 10 ms more to play
     play(301, 500);
-    TraceView seen = view();
-    EXPECT_NEAR(seen.deviation.least, -10, 1e-6);
-    EXPECT_NEAR(seen.deviation.most, 0, 1e-6);
+    expect_deviation(-10, 0);
 }
 
 TEST_F(Scene, EachSerialHasAZeroOfItsOwnAndALateWriteIsNoDeviation)
@@ -133,17 +134,13 @@ TEST_F(Scene, EachSerialHasAZeroOfItsOwnAndALateWriteIsNoDeviation)
         // 3 ms late each time: the device has played 3 ms more of what it had.
         write(k, 4800 - 144, 3 * kMs);
     }
-    TraceView seen = view();
-    EXPECT_NEAR(seen.deviation.least, 0, 1e-6);
-    EXPECT_NEAR(seen.deviation.most, 0, 1e-6);
+    expect_deviation(0, 0);
 }
 
 TEST_F(Scene, DriftIsToldInPartsPerMillionOnceThereIsEnoughToTell)
 {
-    for (int64_t k = 0; k < 1000; k++) {
-        hand(k);
-        write(k, 4800 - static_cast<int>(std::lround(static_cast<double>(k) * kBlockFrames * 200e-6)));
-    }
+    for (int64_t k = 0; k < 1000; k++)
+        play(k, k + 1, 4800 - static_cast<int>(std::lround(static_cast<double>(k) * kBlockFrames * 200e-6)));
     ASSERT_TRUE(view().drift_ppm.has_value());
     EXPECT_NEAR(*view().drift_ppm, 200, 5);
     scope.end_s = scope.settled_s + 3;
@@ -152,10 +149,7 @@ TEST_F(Scene, DriftIsToldInPartsPerMillionOnceThereIsEnoughToTell)
 
 TEST_F(Scene, DeviceThatDoesNotTellItsQueueHasNeitherQueueNorClock)
 {
-    for (int64_t k = 0; k < 500; k++) {
-        hand(k);
-        write(k, -1);
-    }
+    play(0, 500, -1);
     TraceView seen = view();
     EXPECT_EQ(seen.queue.count, 0);
     EXPECT_TRUE(seen.deviation_ms.empty());
@@ -165,8 +159,7 @@ TEST_F(Scene, DeviceThatDoesNotTellItsQueueHasNeitherQueueNorClock)
 TEST_F(Scene, LongCurveIsThinnedAndKeepsItsExtremes)
 {
     play(0, 777);
-    hand(777);
-    write(777, 9600);
+    play(777, 778, 9600);
     play(778, 1000);
     std::vector<CurvePoint> curve = view().queue_ms;
     EXPECT_LE(curve.size(), 700u);
@@ -178,11 +171,8 @@ TEST_F(Scene, LongCurveIsThinnedAndKeepsItsExtremes)
 
 TEST_F(Scene, TimelineShowsASecondLikeMostUnlessOneIsAskedFor)
 {
-    for (int64_t k = 0; k < 20 * 50; k++)
-        if (k / 50 != 9 && k / 50 != 10) { // the two in the middle are silent
-            hand(k);
-            write(k, 4800);
-        }
+    play(0, 9 * 50);
+    play(11 * 50, 20 * 50); // the two seconds in the middle are silent
     for (int64_t k = 0; k < 20 * 50; k++)
         trace.flips.add({k * kBlockNs, k, true});
     EXPECT_EQ(view().timeline.from_s, 11);

@@ -19,32 +19,21 @@ constexpr double kTwoPi = 6.28318530717958647692;
 int64_t ns(double seconds) { return std::llround(seconds * 1e9); }
 
 /// Repeatable noise between -1 and 1.
-class Noise
-{
-public:
+struct Noise {
     double next()
     {
         seed_ = seed_ * 1664525 + 1013904223;
         return static_cast<double>(seed_) / 2147483648.0 - 1;
     }
-
-private:
     uint32_t seed_ = 1;
 };
 
 /// A crystal whose error may change.
-class Crystal
-{
-public:
-    explicit Crystal(double ppm) : ppm_(ppm) {}
-    void advance(double seconds) { frames_ += seconds * kRate * (1 + ppm_ * kPpm); }
-    void set_ppm(double ppm) { ppm_ = ppm; }
-    double frames() const { return frames_; }
-    double ppm() const { return ppm_; }
+struct Crystal {
+    double ppm;
+    double frames = 0;
 
-private:
-    double ppm_;
-    double frames_ = 0;
+    void advance(double seconds) { frames += seconds * kRate * (1 + ppm * kPpm); }
 };
 
 // --- The estimator ----------------------------------------------------------------
@@ -53,7 +42,7 @@ TEST(ClockEstimator, FindsRateAndPositionFromJitteredStamps)
 {
     for (const double ppm : {0.0, 50.0, -50.0, 1000.0, -1000.0}) {
         Noise noise;
-        Crystal crystal(ppm);
+        Crystal crystal{ppm};
         clocks::ClockEstimator estimator;
         estimator.start(kRate);
         double now = 1000;
@@ -62,9 +51,9 @@ TEST(ClockEstimator, FindsRateAndPositionFromJitteredStamps)
             const double interval = 0.02 * (1 + 0.5 * noise.next());
             now += interval;
             crystal.advance(interval);
-            ASSERT_TRUE(estimator.update(ns(now + 0.0002 * noise.next()), std::llround(crystal.frames())));
+            ASSERT_TRUE(estimator.update(ns(now + 0.0002 * noise.next()), std::llround(crystal.frames)));
             const double rate_error = std::fabs(estimator.speed() - 1 - ppm * kPpm);
-            const double position_error = std::fabs(estimator.frames_at(ns(now)) - crystal.frames());
+            const double position_error = std::fabs(estimator.frames_at(ns(now)) - crystal.frames);
             if (estimator.settled()) {
                 ASSERT_LT(rate_error, 60 * kPpm) << ppm << " after " << now - 1000;
                 ASSERT_LT(position_error, 0.0001 * kRate) << ppm << " after " << now - 1000;
@@ -79,7 +68,7 @@ TEST(ClockEstimator, FindsRateAndPositionFromJitteredStamps)
 
 TEST(ClockEstimator, KeepsTheRateOverAJumpOfTheCountAndARebase)
 {
-    Crystal crystal(300);
+    Crystal crystal{300};
     clocks::ClockEstimator estimator;
     estimator.start(kRate);
     int64_t skipped = 0;
@@ -91,12 +80,12 @@ TEST(ClockEstimator, KeepsTheRateOverAJumpOfTheCountAndARebase)
             skipped += kRate / 50; // too little to be seen
             estimator.rebase();
         }
-        EXPECT_EQ(estimator.update(ns(0.02 * i), std::llround(crystal.frames()) - skipped), i != 1000);
+        EXPECT_EQ(estimator.update(ns(0.02 * i), std::llround(crystal.frames) - skipped), i != 1000);
         if (i > 200) {
             ASSERT_NEAR(estimator.speed(), 1.0003, 1 * kPpm) << i;
         }
     }
-    EXPECT_NEAR(estimator.frames_at(ns(0.02 * 2999)), crystal.frames() - static_cast<double>(skipped), 1);
+    EXPECT_NEAR(estimator.frames_at(ns(0.02 * 2999)), crystal.frames - static_cast<double>(skipped), 1);
 }
 
 // --- The controller, on clocks alone ----------------------------------------------
@@ -106,7 +95,7 @@ class Machine
 {
 public:
     Machine(double capture_ppm, double playback_ppm, double jitter_seconds)
-        : capture(capture_ppm), playback(playback_ppm), jitter_(jitter_seconds)
+        : capture{capture_ppm}, playback{playback_ppm}, jitter_(jitter_seconds)
     {
         in_flight.capture_started(kRate);
         in_flight.playback_started(kRate);
@@ -119,10 +108,10 @@ public:
         now += kSeconds;
         capture.advance(kSeconds);
         playback.advance(kSeconds);
-        in_flight.captured(ns(now + jitter_ * noise_.next()), std::llround(capture.frames()));
+        in_flight.captured(ns(now + jitter_ * noise_.next()), std::llround(capture.frames));
         in_flight.played(ns(now + jitter_ * noise_.next()), std::llround(played()));
         // What was captured is converted at once: the rest of its way takes a constant time.
-        const double in = capture.frames() - flow.in_end;
+        const double in = capture.frames - flow.in_end;
         flow.in_end += in;
         flow.out_end += in / controller.step();
         flow.step = controller.step();
@@ -133,10 +122,13 @@ public:
         if (!excess)
             set_point = true_in_flight();
     }
-    void run(double seconds)
+    /// @return the largest error on the way.
+    double run(double seconds)
     {
-        for (const double end = now + seconds; now < end;)
+        double worst = 0;
+        for (const double end = now + seconds; now < end; worst = std::max(worst, std::fabs(error())))
             step();
+        return worst;
     }
 
     /// The output played silence instead of the sound that came so late.
@@ -147,14 +139,14 @@ public:
     }
 
     /// Output frames that were heard; 100 ms are always queued.
-    double played() const { return playback.frames() - silence_ - 0.1 * kRate; }
+    double played() const { return playback.frames - silence_ - 0.1 * kRate; }
     double true_in_flight() const
     {
         const double heard = flow.in_end - (flow.out_end - played()) * flow.step;
-        return (capture.frames() - heard) / kRate;
+        return (capture.frames - heard) / kRate;
     }
     double error() const { return true_in_flight() - set_point; }
-    double ratio_error() const { return controller.step() - (1 + capture.ppm() * kPpm) / (1 + playback.ppm() * kPpm); }
+    double ratio_error() const { return controller.step() - (1 + capture.ppm * kPpm) / (1 + playback.ppm * kPpm); }
 
     Crystal capture;
     Crystal playback;
@@ -172,25 +164,18 @@ private:
     Noise noise_;
 };
 
-struct Drift {
-    double capture_ppm;
-    double playback_ppm;
-};
-std::ostream& operator<<(std::ostream& out, const Drift& drift)
-{
-    return out << drift.capture_ppm << "/" << drift.playback_ppm;
-}
-
-class Drifts : public testing::TestWithParam<Drift>
+/// The errors of the two crystals in ppm.
+class Drifts : public testing::TestWithParam<std::pair<double, double>>
 {
 };
-INSTANTIATE_TEST_SUITE_P(RateController, Drifts,
-                         testing::Values(Drift{0, 0}, Drift{50, -50}, Drift{-50, 50}, Drift{1000, 0}, Drift{-1000, 0},
-                                         Drift{0, 1000}, Drift{0, -1000}, Drift{900, -1000}, Drift{-1000, 900}));
+INSTANTIATE_TEST_SUITE_P(
+    RateController, Drifts,
+    testing::ValuesIn(std::vector<std::pair<double, double>>{
+        {0, 0}, {50, -50}, {-50, 50}, {1000, 0}, {-1000, 0}, {0, 1000}, {0, -1000}, {900, -1000}, {-1000, 900}}));
 
 TEST_P(Drifts, SoundKeepsItsAgeForHoursWithoutAnAudibleChangeOfPitch)
 {
-    Machine machine(GetParam().capture_ppm, GetParam().playback_ppm, 0.0005);
+    Machine machine(GetParam().first, GetParam().second, 0.0005);
     double worst_early = 0, worst_late = 0, worst_ratio = 0;
     while (machine.now < 6 * 3600) {
         machine.step();
@@ -198,8 +183,8 @@ TEST_P(Drifts, SoundKeepsItsAgeForHoursWithoutAnAudibleChangeOfPitch)
         if (machine.now > 15) {
             ASSERT_TRUE(machine.excess);
             ASSERT_LE(machine.slew, 20.001 * kPpm) << machine.now;
-            (machine.now < 120 ? worst_early : worst_late) =
-                std::max(machine.now < 120 ? worst_early : worst_late, std::fabs(machine.error()));
+            double& worst = machine.now < 120 ? worst_early : worst_late;
+            worst = std::max(worst, std::fabs(machine.error()));
         }
         if (machine.now > 60)
             worst_ratio = std::max(worst_ratio, std::fabs(machine.ratio_error()));
@@ -215,13 +200,12 @@ TEST(RateController, FollowsACrystalThatWarmsUpAndOneThatIsSwitched)
     machine.run(60);
     double worst = 0;
     for (double ppm = 100; ppm < 160; ppm += 0.02 * 0.1) {
-        machine.capture.set_ppm(ppm);
-        machine.step();
-        worst = std::max(worst, std::fabs(machine.error()));
+        machine.capture.ppm = ppm;
+        worst = std::max(worst, machine.run(0.01));
     }
     EXPECT_LT(worst, 0.0003);
 
-    machine.playback.set_ppm(200);
+    machine.playback.ppm = 200;
     for (const double end = machine.now + 300; machine.now < end;) {
         machine.step();
         worst = std::max(worst, std::fabs(machine.error()));
@@ -255,16 +239,11 @@ TEST(RateController, AnUnderrunAndANewSignalTakeANewSetPointAndKeepThePitch)
         ASSERT_FALSE(machine.excess);
         ASSERT_EQ(machine.controller.step(), kept);
     }
-    machine.capture.set_ppm(-600);
+    machine.capture.ppm = -600;
     machine.in_flight.capture_started(kRate);
     machine.controller.start();
     machine.run(15);
-    double worst = 0;
-    for (const double end = machine.now + 600; machine.now < end;) {
-        machine.step();
-        worst = std::max(worst, std::fabs(machine.error()));
-    }
-    EXPECT_LT(worst, 0.001);
+    EXPECT_LT(machine.run(600), 0.001);
 }
 
 TEST(SlipController, SlipsAsManyFramesAsTheClocksAskForAndNoMore)
@@ -291,22 +270,19 @@ TEST(SlipController, SlipsAsManyFramesAsTheClocksAskForAndNoMore)
 
 // --- The resampler ----------------------------------------------------------------
 
-/// A sweep over two minutes, 20 Hz to 18 kHz.
-class Sweep
-{
-public:
-    double at(double frame) const
-    {
-        const double t = frame / kRate;
-        const double growth = std::log(kHigh / kLow) / kSeconds;
-        return 0.5 * std::sin(kTwoPi * kLow / growth * (std::exp(growth * t) - 1));
-    }
-    static constexpr int kSeconds = 120;
+constexpr int kSweepSeconds = 120;
 
-private:
-    static constexpr double kLow = 20;
-    static constexpr double kHigh = 18000;
-};
+/// A sweep over two minutes, 20 Hz to 18 kHz.
+double sweep_at(double frame)
+{
+    const double growth = std::log(18000.0 / 20) / kSweepSeconds;
+    return 0.5 * std::sin(kTwoPi * 20 / growth * (std::exp(growth * frame / kRate) - 1));
+}
+
+int16_t sweep_sample(int64_t frame)
+{
+    return static_cast<int16_t>(std::lrint(32767 * sweep_at(static_cast<double>(frame))));
+}
 
 // The click detector: each sample is compared with the sweep where this sample must lie. A sample too many or too few
 // is a step of some per cent from 500 Hz on, and of the full amplitude in the treble.
@@ -315,19 +291,17 @@ TEST(RatioResampler, NoSampleOfASweepIsLostOrDoubledWhileTheRatioMoves)
     for (const int channels : {1, 2, 6}) {
         clocks::RatioResampler resampler;
         ASSERT_TRUE(resampler.open(kRate, channels));
-        const Sweep sweep;
         std::vector<int16_t> in(static_cast<size_t>(kPeriod * channels));
         std::vector<int16_t> out(static_cast<size_t>(clocks::RatioResampler::room(kPeriod) * channels));
         int64_t taken = 0, made = 0;
         double worst = 0, step = 1 - 2000 * kPpm;
-        while (taken < int64_t{Sweep::kSeconds} * kRate) {
+        while (taken < int64_t{kSweepSeconds} * kRate) {
             // Blocks of many sizes; the ratio runs through all that it may be.
             const int frames = static_cast<int>(1 + taken * 7919 % kPeriod);
             step = std::min(step + 20 * kPpm * frames / kRate * 2, 1 + 2000 * kPpm);
             resampler.set_step(step);
             for (int i = 0; i < frames * channels; i++)
-                in[static_cast<size_t>(i)] =
-                    static_cast<int16_t>(std::lrint(32767 * sweep.at(static_cast<double>(taken + i / channels))));
+                in[static_cast<size_t>(i)] = sweep_sample(taken + i / channels);
             const double begin = static_cast<double>(taken) - resampler.waiting_frames();
             const int count = resampler.convert(in.data(), frames, out.data());
             ASSERT_GE(count, 0);
@@ -335,13 +309,9 @@ TEST(RatioResampler, NoSampleOfASweepIsLostOrDoubledWhileTheRatioMoves)
             taken += frames;
             const double end = static_cast<double>(taken) - resampler.waiting_frames();
             for (int i = 0; i < count && made > 100; i++) {
-                const double want = sweep.at(begin + (end - begin) * i / count);
-                for (int c = 0; c < channels; c++)
-                    worst = std::max(
-                        worst,
-                        std::fabs(out[static_cast<size_t>(i) * static_cast<size_t>(channels) + static_cast<size_t>(c)] /
-                                      32768.0 -
-                                  want));
+                const double want = sweep_at(begin + (end - begin) * i / count);
+                for (int at = i * channels; at < (i + 1) * channels; at++)
+                    worst = std::max(worst, std::fabs(out[static_cast<size_t>(at)] / 32768.0 - want));
             }
             made += count;
         }
@@ -380,8 +350,7 @@ TEST(RateMatcher, HoldsThePlayersDelayAndTellsItTrue)
         clocks::RateMatcher matcher;
         ASSERT_TRUE(matcher.playback_started(kRate, 2));
         matcher.capture_started(kRate);
-        Crystal playback(ppm);
-        const Sweep sweep;
+        Crystal playback{ppm};
         std::vector<int16_t> in(2 * kPeriod), out(2 * static_cast<size_t>(clocks::RatioResampler::room(kPeriod)));
         std::vector<int16_t> heard;
         int delay_early = 0;
@@ -390,12 +359,11 @@ TEST(RateMatcher, HoldsThePlayersDelayAndTellsItTrue)
             const auto made = static_cast<double>(heard.size());
             matcher.captured(ns(now), taken);
             // The output starts with 60 ms in front of it.
-            const double played = std::max(0.0, playback.frames() - 0.06 * kRate);
+            const double played = std::max(0.0, playback.frames - 0.06 * kRate);
             if (played > 0)
                 matcher.played(ns(now), std::llround(played));
             for (int i = 0; i < kPeriod; i++)
-                in[2 * i] = in[2 * i + 1] =
-                    static_cast<int16_t>(std::lrint(32767 * sweep.at(static_cast<double>(taken + i))));
+                in[2 * i] = in[2 * i + 1] = sweep_sample(taken + i);
             const int count = matcher.convert(ns(now), in.data(), kPeriod, out.data());
             ASSERT_GT(count, 0);
             for (int i = 0; i < count; i++)
@@ -405,7 +373,7 @@ TEST(RateMatcher, HoldsThePlayersDelayAndTellsItTrue)
             const double position = static_cast<double>(taken + kPeriod - delay);
             if (played > kRate) {
                 ASSERT_LT(played, made) << "underrun";
-                ASSERT_NEAR(heard[static_cast<size_t>(played)] / 32768.0, sweep.at(position), 0.1) << now;
+                ASSERT_NEAR(heard[static_cast<size_t>(played)] / 32768.0, sweep_at(position), 0.1) << now;
             }
             if (taken == kRate * 15)
                 delay_early = delay;
