@@ -172,6 +172,8 @@ TEST(Adecoder, OneDecoderFollowsFromAc3ToEac3AndToAnotherRate)
     EXPECT_EQ(44100, adecoder_get_output_sample_rate(decoder.get()));
 }
 
+bool is_ac3(const Bytes& frame) { return frame[5] >> 3 <= 10; }
+
 // What happens to the sixth of twelve frames.
 struct Damage {
     const char* name;
@@ -185,20 +187,8 @@ const Damage kDamages[] = {
              (*frame)[i] ^= 0x55;
      }},
     {"the sync", [](Bytes* frame) { (*frame)[0] ^= 1; }},
-    {"a size too large",
-     [](Bytes* frame) {
-         if ((*frame)[5] >> 3 <= 10)
-             (*frame)[4] += 8;
-         else
-             (*frame)[2] |= 7;
-     }},
-    {"a size too small",
-     [](Bytes* frame) {
-         if ((*frame)[5] >> 3 <= 10)
-             (*frame)[4] -= 8;
-         else
-             (*frame)[3] -= 9;
-     }},
+    {"a size too large", [](Bytes* frame) { is_ac3(*frame) ? (*frame)[4] += 8 : (*frame)[2] |= 7; }},
+    {"a size too small", [](Bytes* frame) { is_ac3(*frame) ? (*frame)[4] -= 8 : (*frame)[3] -= 9; }},
     {"half of it missing", [](Bytes* frame) { frame->erase(frame->begin() + 100, frame->begin() + 100 + 240); }},
     {"all zero", [](Bytes* frame) { std::fill(frame->begin(), frame->end(), uint8_t{0}); }},
     {"all random", [](Bytes* frame) {
@@ -308,19 +298,15 @@ TEST(Adecoder, LostFramesLeaveTheSoundBehindThemInItsPlace)
 TEST(Adecoder, WhatThePlayerKeepsTheTimeOfIsNotFilledIn)
 {
     const std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 60);
-    PacedPlayer reopened;
-    reopened.send(packets, 0, 30);
-    reopened.lose(10);
-    time_line::begin();
-    reopened.send(packets, 40, 60);
-    EXPECT_EQ(50 * kFrame * 2, reopened.pcm.size()) << "the capture device was opened";
-
-    PacedPlayer silent;
-    silent.send(packets, 0, 30);
-    silent.ask_rate();
-    silent.lose(10);
-    silent.send(packets, 40, 60);
-    EXPECT_EQ(50 * kFrame * 2, silent.pcm.size()) << "the player queued silence of its own";
+    // The capture device is opened, or the player queues silence of its own.
+    for (const bool reopened : {true, false}) {
+        PacedPlayer player;
+        player.send(packets, 0, 30);
+        reopened ? time_line::begin() : player.ask_rate();
+        player.lose(10);
+        player.send(packets, 40, 60);
+        EXPECT_EQ(50 * kFrame * 2, player.pcm.size()) << reopened;
+    }
 }
 
 TEST(Adecoder, ALengthThatLiesMovesNothing)
@@ -507,21 +493,18 @@ TEST(Ac3Framer, DependentFramesBelongToTheFrameBeforeThem)
 TEST(Ac3Framer, SizesFollowTheTables)
 {
     const struct {
-        uint8_t fscod, frmsizecod;
-        uint32_t bytes;
-    } sizes[] = {{0, 0, 128}, {0, 20, 768}, {0, 37, 2560}, {1, 0, 138}, {1, 1, 140}, {1, 36, 2786}, {2, 37, 3840}};
-    for (const auto& size : sizes) {
-        const uint8_t data[ac3::kHeaderBytes] = {
-            0x0B, 0x77, 0, 0, static_cast<uint8_t>(size.fscod << 6 | size.frmsizecod), 0x40, 0, 0};
+        uint8_t rate_and_size, version;
+        uint32_t bytes; // 0 for what is no header
+    } headers[] = {{0, 0x40, 128},          {20, 0x40, 768},
+                   {37, 0x40, 2560},        {0x40 | 0, 0x40, 138},
+                   {0x40 | 1, 0x40, 140},   {0x40 | 36, 0x40, 2786},
+                   {0x80 | 37, 0x40, 3840}, {0xC0, 0x40, 0},
+                   {0x26, 0x40, 0},         {0, 0x88, 0}};
+    for (const auto& [rate_and_size, version, bytes] : headers) {
+        const uint8_t data[ac3::kHeaderBytes] = {0x0B, 0x77, 0, 0, rate_and_size, version, 0, 0};
         ac3::Header header = {};
-        ASSERT_TRUE(ac3::parse_header(data, &header));
-        EXPECT_EQ(size.bytes, header.bytes);
-    }
-    for (const auto& bad : {std::pair<int, int>{0xC0, 0x40}, {0x26, 0x40}, {0, 0x88}}) {
-        const uint8_t data[ac3::kHeaderBytes] = {
-            0x0B, 0x77, 0, 0, static_cast<uint8_t>(bad.first), static_cast<uint8_t>(bad.second), 0, 0};
-        ac3::Header header = {};
-        EXPECT_FALSE(ac3::parse_header(data, &header));
+        ASSERT_EQ(bytes != 0, ac3::parse_header(data, &header)) << bytes;
+        EXPECT_TRUE(bytes == 0 || bytes == header.bytes) << bytes;
     }
 }
 
