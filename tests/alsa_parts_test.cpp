@@ -31,15 +31,12 @@ TEST(Iec958, StatusGoesIntoNamesThatTakeIt)
 
 TEST(Iec958, OnlyWhatFollowsAPayloadIsStuffing)
 {
-    struct {
-        int16_t type, length;
-    } const bursts[] = {{1, 30 * 16}, {21, 30 * 2}}; // in bits, in bytes
-    for (const auto& burst : bursts) {
+    for (const auto& [type, length] : {std::pair<int16_t, int16_t>{1, 30 * 16}, {21, 30 * 2}}) { // in bits, in bytes
         hdmi_linux::BurstFollower follower;
         std::vector<int16_t> words(2 * 40);
         EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), -1) << "perhaps of a payload whose start was not seen";
         // Two frames of preamble, 15 of payload, all zeros, and stuffing from frame 17 on.
-        const int16_t preamble[] = {static_cast<int16_t>(0xF872), 0x4E1F, burst.type, burst.length};
+        const int16_t preamble[] = {static_cast<int16_t>(0xF872), 0x4E1F, type, length};
         std::copy(std::begin(preamble), std::end(preamble), words.begin());
         EXPECT_EQ(follower.find_stuffing(words.data(), 40, 5), 17);
         EXPECT_EQ(follower.find_stuffing(words.data(), 10, 5), -1) << "the payload goes on in what follows";

@@ -260,12 +260,19 @@ TEST(Markup, TextFromAnywhereCannotLeaveItsPlace)
 
 // --- The page -----------------------------------------------------------------
 
+/// What lies between each @p from and the next @p to.
+std::vector<std::string> all_inside(const std::string& text, const std::string& from, const std::string& to)
+{
+    std::vector<std::string> found;
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + from.size()))
+        found.push_back(text.substr(at + from.size(), text.find(to, at + from.size()) - at - from.size()));
+    return found;
+}
+
+/// The first of them.
 std::string inside(const std::string& text, const std::string& from, const std::string& to)
 {
-    size_t begin = text.find(from);
-    EXPECT_NE(begin, std::string::npos) << from;
-    begin += from.size();
-    return text.substr(begin, text.find(to, begin) - begin);
+    return all_inside(text, from, to).at(0);
 }
 
 json block(const std::string& page, const std::string& id)
@@ -280,15 +287,6 @@ std::string unescaped(std::string text)
         for (size_t at = text.find(from); at != std::string::npos; at = text.find(from))
             text.replace(at, from.size(), to);
     return text;
-}
-
-/// What lies between each @p from and the next @p to.
-std::vector<std::string> all_inside(const std::string& text, const std::string& from, const std::string& to)
-{
-    std::vector<std::string> found;
-    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + from.size()))
-        found.push_back(text.substr(at + from.size(), text.find(to, at + from.size()) - at - from.size()));
-    return found;
 }
 
 /// Every number that names its origin is there, and is what is read.
@@ -310,8 +308,7 @@ size_t check_numbers(const std::string& page, const json& report)
         double value = report.at(key).get<double>() * (scaled ? std::stod(inside(element, "data-scale=\"", "\"")) : 1);
         std::string read = unescaped(element.substr(element.find('>') + 1));
         size_t point = read.find('.');
-        double last_digit =
-            point == std::string::npos ? 1 : std::pow(10, -static_cast<double>(read.size() - point - 1));
+        double last_digit = point == std::string::npos ? 1 : std::pow(0.1, read.size() - point - 1);
         EXPECT_NEAR(std::stod(read), value, 0.501 * last_digit + std::abs(value) * 1e-6) << key;
     }
     return found;
