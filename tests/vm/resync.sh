@@ -23,7 +23,7 @@ declare -A met=(
     [unplug_speaker]='^  playback  *loss at'
     [unplug_display]='^  display  *lost at'
     [suspend]='^  playback  *suspend at'
-    [change_rate]='^  devices  .* resets [2-9]'
+    [change_rate]='^  player  *resets [2-9]'
 )
 
 play() {
