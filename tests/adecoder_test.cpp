@@ -30,7 +30,7 @@ constexpr size_t kFrame = ac3::kFrameSamplesMax;
 
 // The decoder's clock stands still, so that nothing is missing by it, but where a test moves it.
 std::atomic<int64_t> g_now_us{0};
-const bool g_clock_is_set = [] {
+const bool kClockIsSet = [] {
     decoder_avcodec::set_clock([] { return g_now_us.load(); });
     return true;
 }();

@@ -353,7 +353,8 @@ void MediaFile::take_video()
         bool in_order = frame_times_.empty() || out.source_ns > frame_times_.back();
         if (out.source_ns < 0 || !in_order || past_the_end(out.source_ns))
             continue;
-        if (!frame_times_.empty() && out.source_ns - frame_times_.back() > kGapInPictures * picture_ns())
+        if (!frame_times_.empty() && static_cast<double>(out.source_ns - frame_times_.back()) >
+                                         kGapInPictures * static_cast<double>(picture_ns()))
             faults_.picture_gaps++;
         out.number = static_cast<int64_t>(frame_times_.size());
         write_number(&out.picture, out.number);
