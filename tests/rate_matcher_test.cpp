@@ -22,10 +22,10 @@ int64_t ns(double seconds) { return std::llround(seconds * 1e9); }
 struct Noise {
     double next()
     {
-        seed_ = seed_ * 1664525 + 1013904223;
-        return static_cast<double>(seed_) / 2147483648.0 - 1;
+        seed = seed * 1664525 + 1013904223;
+        return static_cast<double>(seed) / 2147483648.0 - 1;
     }
-    uint32_t seed_ = 1;
+    uint32_t seed = 1;
 };
 
 /// A crystal whose error may change.
