@@ -8,7 +8,7 @@
 #include <memory>
 #include <random>
 
-#include "cec_arc.h"
+#include "cec/cec_arc.h"
 #include "support/cec_text.h"
 
 namespace

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <thread>
 
-#include "cec_kernel.h"
+#include "cec/cec_kernel.h"
 #include "hdmi_cec.h"
 #include "support/cec_text.h"
 #include "support/eventually.h"

@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
-#include "cec_adapter.h"
-#include "cec_arc.h"
+#include "cec/cec_adapter.h"
+#include "cec/cec_arc.h"
 #include "hdmi_linux.h"
 #include "internal/locks.h"
 

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "cec_system.h"
+#include "cec/cec_system.h"
 
 namespace hdmi_linux
 {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cec_system.h"
+#include "cec/cec_system.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cec_adapter.h"
+#include "cec/cec_adapter.h"
 
 #include <grp.h>
 #include <poll.h>

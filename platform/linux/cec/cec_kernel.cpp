@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cec_kernel.h"
+#include "cec/cec_kernel.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cec_arc.h"
+#include "cec/cec_arc.h"
 
 #include <algorithm>
 
