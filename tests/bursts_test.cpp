@@ -5,10 +5,8 @@
 #include <bitset>
 #include <cstring>
 #include <random>
-#include <stdexcept>
 
-#include "coded_audio.h"
-#include "hdmi_sim.h"
+#include "packed_audio.h"
 
 using coded_audio::Bytes;
 using hdmi_sim::Bitstream;
@@ -20,21 +18,6 @@ namespace
 
 const coded_audio::Format kAc3 = {AV_CODEC_ID_AC3, 44100, 2, 192000};
 const coded_audio::Format kEac3 = {AV_CODEC_ID_EAC3, 48000, 6, 448000};
-
-Coding coding(const coded_audio::Format& format)
-{
-    return format.codec == AV_CODEC_ID_AC3 ? Coding::ac3 : Coding::eac3;
-}
-
-Bitstream pack(const coded_audio::Format& format, const std::vector<Bytes>& packets)
-{
-    const Bytes stream = coded_audio::join(packets);
-    Bitstream packed;
-    std::string error;
-    if (!hdmi_sim::pack_bitstream(coding(format), stream.data(), stream.size(), &packed, &error))
-        throw std::runtime_error(error);
-    return packed;
-}
 
 Bytes link_bytes(const hdmi_sim::Signal& signal, int64_t first, int64_t frames)
 {
