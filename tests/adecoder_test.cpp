@@ -142,24 +142,6 @@ TEST_P(AdecoderFormats, AnyCutInEitherByteOrderGivesWhatADirectDecodeGives)
 
 INSTANTIATE_TEST_SUITE_P(Streams, AdecoderFormats, testing::ValuesIn(kFormats));
 
-TEST(Adecoder, FrameComesOutWithItsLastByte)
-{
-    for (const Format& format : kFormats) {
-        const Decoder decoder = open_decoder();
-        for (const Bytes& packet : coded_audio::encode(format, 3)) {
-            int32_t status = 5;
-            const auto bytes = static_cast<int32_t>(packet.size());
-            EXPECT_EQ(bytes - 1, adecoder_write(decoder.get(), packet.data(), bytes - 1, 0, -1, &status));
-            EXPECT_EQ(0, status);
-            EXPECT_EQ(1, adecoder_write(decoder.get(), packet.data() + bytes - 1, 1, 0, -1, &status));
-            EXPECT_LT(0, status);
-            Pcm pcm;
-            read_all(decoder.get(), &pcm);
-            EXPECT_EQ(2 * kFrame, pcm.size());
-        }
-    }
-}
-
 TEST(Adecoder, OneDecoderFollowsFromAc3ToEac3AndToAnotherRate)
 {
     Bytes stream;
