@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -35,10 +36,17 @@ struct FakeAdapter {
     bool of_output = false;
 };
 
-FakeAdapter used_as(int type, const std::string& path = "/dev/cec0")
+FakeAdapter adapter_at(uint16_t physical_address, const std::string& path = "/dev/cec0")
 {
     FakeAdapter adapter;
     adapter.path = path;
+    adapter.physical_address = physical_address;
+    return adapter;
+}
+
+FakeAdapter used_as(int type, const std::string& path = "/dev/cec0")
+{
+    FakeAdapter adapter = adapter_at(kRoot, path);
     adapter.logical.num_log_addrs = 1;
     adapter.logical.log_addr_type[0] = static_cast<uint8_t>(type);
     adapter.logical.log_addr_mask = type == CEC_LOG_ADDR_TYPE_TV ? CEC_LOG_ADDR_MASK_TV : CEC_LOG_ADDR_MASK_PLAYBACK;
@@ -60,7 +68,7 @@ public:
     int open(const char* path) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        ++opened_;
+        ++opened;
         const auto found =
             std::find_if(adapters.begin(), adapters.end(), [&](const auto& a) { return a.path == path; });
         const int error = found == adapters.end() || gone_ ? ENOENT : found->open_error;
@@ -111,23 +119,12 @@ public:
         current_->logical = {};
         post_state(0);
     }
-    int64_t opened()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return opened_;
-    }
     void post(const std::string& text)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         receive(text);
     }
-    bool is_open()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return fd_ >= 0;
-    }
-
-    std::vector<FakeAdapter> adapters = {FakeAdapter()};
+    bool is_open() const { return fd_ >= 0; }
     bool lock(int fd) override
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -135,17 +132,15 @@ public:
         errno = locked_by_another ? EWOULDBLOCK : 0;
         return !locked_by_another;
     }
-    bool is_listening()
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return (mode_ & CEC_MODE_FOLLOWER_MSK) == CEC_MODE_FOLLOWER;
-    }
+    bool is_listening() const { return (mode_ & CEC_MODE_FOLLOWER_MSK) == CEC_MODE_FOLLOWER; }
     void set_adapter(const FakeAdapter& adapter)
     {
         std::lock_guard<std::mutex> guard(mutex_);
         adapters[0] = adapter;
     }
 
+    std::vector<FakeAdapter> adapters = {FakeAdapter()};
+    std::atomic<int64_t> opened{0}; ///< times that an adapter was
     bool locked_by_another = false;
     uint16_t claimed_mask = CEC_LOG_ADDR_MASK_TV;
     bool claims_at_once = true;
@@ -249,12 +244,11 @@ private:
 
     std::mutex mutex_;
     FakeAdapter* current_ = nullptr;
-    int fd_ = -1;
-    uint32_t mode_ = 0;
+    std::atomic<int> fd_{-1};
+    std::atomic<uint32_t> mode_{0};
     bool gone_ = false;
     bool claiming_ = false;
     uint32_t sequence_ = 0;
-    int64_t opened_ = 0;
     std::vector<cec_event> events_;
     std::vector<cec_msg> inbox_;
 };
@@ -338,13 +332,9 @@ TEST_F(CecLinkTest, ChoosesTheAdapterOfATv)
     FakeAdapter output;
     output.capabilities |= CEC_CAP_CONNECTOR_INFO;
     output.of_output = true;
-    FakeAdapter source;
-    source.physical_address = 0x1000;
-    FakeAdapter unconnected;
-    unconnected.path = "/dev/cec1";
-    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
-    FakeAdapter root;
-    root.path = "/dev/cec2";
+    const FakeAdapter source = adapter_at(0x1000);
+    const FakeAdapter unconnected = adapter_at(CEC_PHYS_ADDR_INVALID, "/dev/cec1");
+    const FakeAdapter root = adapter_at(kRoot, "/dev/cec2");
     FakeAdapter deaf;
     deaf.capabilities = 0;
     const FakeAdapter player = used_as(CEC_LOG_ADDR_TYPE_PLAYBACK);
@@ -417,19 +407,14 @@ TEST_F(CecLinkTest, FindsAnAdapterAgainThatWasUnplugged)
     ASSERT_TRUE(activated(3));
     unplug();
     // What is there now is not used: one without a cable may be anything, and one is a player at the old number.
-    FakeAdapter unconnected;
-    unconnected.path = "/dev/cec2";
-    unconnected.physical_address = CEC_PHYS_ADDR_INVALID;
-    for (const FakeAdapter& other : {unconnected, used_as(CEC_LOG_ADDR_TYPE_PLAYBACK)}) {
+    for (const FakeAdapter& other :
+         {adapter_at(CEC_PHYS_ADDR_INVALID, "/dev/cec2"), used_as(CEC_LOG_ADDR_TYPE_PLAYBACK)}) {
         kernel.set_adapter(other);
         kernel.set_gone(false);
-        const int64_t looks = kernel.opened();
-        ASSERT_TRUE(eventually([&] { return kernel.opened() > looks + 1; }));
+        ASSERT_TRUE(eventually([&, looks = kernel.opened.load()] { return kernel.opened > looks + 1; }));
         EXPECT_TRUE(link.stats().lost);
     }
-    FakeAdapter elsewhere;
-    elsewhere.path = "/dev/cec3";
-    kernel.set_adapter(elsewhere);
+    kernel.set_adapter(adapter_at(kRoot, "/dev/cec3"));
     ASSERT_TRUE(activated(4));
     EXPECT_EQ("/dev/cec3", link.stats().device) << "a TV's, whatever its number";
     link.stop();
