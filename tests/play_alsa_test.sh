@@ -80,9 +80,9 @@ done
 misses lost 'samples complete and in place' --seconds 4 "${sent[@]}" "${heard[@]}" --withhold-block
 misses late 'A/V offset p95' --seconds 4 "${sent[@]}" "${heard[@]}" --display-latency 160
 
-refuses 3 --playback alsa:no_such_device
-refuses 3 --capture alsa:no_such_device
-refuses 3 --cec /dev/no_such_device
+for option in '--playback alsa:' '--capture alsa:' '--cec /dev/'; do
+    refuses 3 ${option}no_such_device
+done
 # Devices that are there, and cannot be used: what opens takes A-law alone.
 echo 'pcm.narrow { type alaw slave { pcm { type null } format S16_LE } }' >>"$ALSA_CONFIG_PATH"
 refuses 3 "${played[@]}" --observe alsa:narrow
@@ -97,11 +97,9 @@ plays && [ "$(grep -c 'warning: .*/unused.conf:' "$folder/unused.txt")" -eq 4 ] 
     { cat "$folder/unused.txt"; fail "faults of devices that are not in use: exit status $status"; }
 HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run used --seconds 2 "${played[@]}" --output headphone
 [ "$status" -eq 2 ] || { cat "$folder/used.txt"; fail "a fault of the device in use: exit status $status"; }
-refuses 2 --playback room
-refuses 2 --feed alsa:cable
-refuses 2 --observe alsa:room_end
-refuses 2 "${captured[@]}" --receiver-ppm 50
-refuses 2 "${captured[@]}" --bitstream ac3
-refuses 2 "${sent[@]}" --bitstream eac3
+for arguments in '--playback room' '--feed alsa:cable' '--observe alsa:room_end' "${captured[*]} --receiver-ppm 50" \
+    "${captured[*]} --bitstream ac3" "${sent[*]} --bitstream eac3"; do
+    refuses 2 $arguments
+done
 
 finish

@@ -144,17 +144,6 @@ TEST(Canvas, FitKeepsTheShapeAndStaysInsideTheBox)
     EXPECT_EQ(unknown.width, 100);
 }
 
-TEST(FlipGate, LetsOneOfTheFlipsBetweenTwoVerticalBlanksThrough)
-{
-    constexpr int64_t kRefreshNs = 20'000'000;
-    FlipGate gate(50);
-    gate.vblank(100 * kRefreshNs);
-    EXPECT_TRUE(gate.admit(100 * kRefreshNs + 1000));
-    EXPECT_FALSE(gate.admit(100 * kRefreshNs + 2000));
-    EXPECT_TRUE(gate.admit(101 * kRefreshNs - 1000)) << "long after the one before";
-    EXPECT_TRUE(gate.admit(101 * kRefreshNs + 1000)) << "a vertical blank lies between";
-}
-
 TEST(FlipGate, LetsOneThroughOfTwoThatFlipAtTheSameInstant)
 {
     constexpr int64_t kRefreshNs = 20'000'000;

@@ -139,13 +139,14 @@ if [ "${2:-}" != quick ]; then
 
     : >"$folder/empty.mp4"
     echo "This is no film." >"$folder/text.mp4"
-    refuses 2 "$folder/missing.mp4"
-    refuses 2 "$folder/empty.mp4"
-    refuses 2 "$folder/text.mp4"
-    refuses 2 "$folder"
-    refuses 2 ""
-    refuses 2 --fps 0
-    refuses 2 --seconds nan
+    for file in "$folder/missing.mp4" "$folder/empty.mp4" "$folder/text.mp4" "$folder" ""; do
+        refuses 2 "$file"
+    done
+    for arguments in '--fps 0' '--seconds nan' '--html-at 3' '--no-such-option' '--display beamer' '--display kms:' \
+        '--display sim:/dev/dri/card0' '--page-flips' '--bitstream eac3 --raw' '--bitstream ac3 --chunk-phase 6' \
+        '--bitstream ac3 --raw --output spdif --playback alsa:null'; do
+        refuses 2 $arguments
+    done
     for file in /proc/x "$folder" "$folder/missing/x"; do
         refuses 2 --html "$file"
         refuses 2 --wav "$file"
@@ -154,18 +155,9 @@ if [ "${2:-}" != quick ]; then
         [ "$status" -eq 2 ] && grep -q "$file: " "$folder/refused.txt" || fail "--report $file: exit status $status"
     done
     [ ! -e "$folder/refused.json" ] || fail "a refused run leaves a report"
-    refuses 2 --html-at 3
-    refuses 2 --no-such-option
-    refuses 2 --display beamer
-    refuses 2 --display kms:
-    refuses 2 --display sim:/dev/dri/card0
     run no_card --display kms:/dev/null
     [ "$status" -eq 3 ] && grep -q '/dev/null' "$folder/no_card.txt" || fail "no card: exit status $status instead of 3"
     TMPDIR=$folder/missing refuses 3
-    refuses 2 --page-flips
-    refuses 2 --bitstream eac3 --raw
-    refuses 2 --bitstream ac3 --raw --output spdif --playback alsa:null
-    refuses 2 --bitstream ac3 --chunk-phase 6
 
     if command -v ffmpeg >/dev/null; then
         film=(-f lavfi -i testsrc=size=320x240:rate=25:duration=3 -f lavfi -i anoisesrc=duration=3
