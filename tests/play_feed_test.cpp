@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What the play program sends into a real device, and when. The device is made up here, and runs in real time.
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 
 #include "edges/alsa_feed.h"
 #include "eventually.h"
+#include "signal/clock.h"
 
 using namespace play;
 
@@ -22,13 +22,6 @@ constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kSecond = 1000 * kMs;
 constexpr int kRate = 48000;
 constexpr int kPeriod = 480;
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * kSecond + now.tv_nsec;
-}
 
 /// Its frames carry their number.
 class Numbers : public Source

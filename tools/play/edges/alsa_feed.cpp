@@ -2,12 +2,13 @@
 #include "edges/alsa_feed.h"
 
 #include <pthread.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+
+#include "signal/clock.h"
 
 namespace play
 {
@@ -20,13 +21,6 @@ constexpr int kPeriodsAhead = 8;
 constexpr int64_t kRestartNs = 2'000'000;
 constexpr useconds_t kRetryUs = 50'000;
 constexpr int64_t kLongestStartNs = 2'000'000'000;
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
 
 } // namespace
 

@@ -2,7 +2,6 @@
 #include "edges/platform_router.h"
 
 #include <dlfcn.h>
-#include <time.h>
 
 #include <atomic>
 #include <cstdio>
@@ -12,6 +11,7 @@
 
 #include "hdmi_cec.h"
 #include "hdmi_sim.h"
+#include "signal/clock.h"
 
 namespace play
 {
@@ -130,13 +130,6 @@ const Platform& cec() { return router().routes.real_cec ? router().machine : sim
 SeamTap* tap_of(const audio_config_t* config)
 {
     return is_capture(config) ? router().capture_tap : router().playback_tap;
-}
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
 }
 
 // The decoder is the simulation's, which knows of its own device only.

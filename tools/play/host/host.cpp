@@ -2,9 +2,10 @@
 #include "host/host.h"
 
 #include <pthread.h>
-#include <time.h>
 
 #include <cmath>
+
+#include "signal/clock.h"
 
 namespace play
 {
@@ -22,22 +23,6 @@ constexpr int kBuffersBesideQueue = 5;
 /// What the player may hold beyond its queue: the frame that it is about to flip or drop.
 constexpr int kHeldBesideQueue = 1;
 constexpr int kBytesPerFrame = 4;
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
-
-void sleep_until_ns(int64_t deadline_ns)
-{
-    timespec deadline = {};
-    deadline.tv_sec = deadline_ns / 1'000'000'000;
-    deadline.tv_nsec = deadline_ns % 1'000'000'000;
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != 0) {
-    }
-}
 
 /**
  * How much later than the picture's zero the zero of decoded sound lies, on

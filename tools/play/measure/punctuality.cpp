@@ -3,11 +3,12 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
+
+#include "signal/clock.h"
 
 namespace play
 {
@@ -20,22 +21,6 @@ constexpr int64_t kStepNs = 100'000;
 constexpr size_t kSteps = 1001;
 /// Of a machine with very many processors these will do.
 constexpr int kMostTimers = 16;
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
-
-void sleep_until_ns(int64_t deadline_ns)
-{
-    timespec deadline = {};
-    deadline.tv_sec = deadline_ns / 1'000'000'000;
-    deadline.tv_nsec = deadline_ns % 1'000'000'000;
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != 0) {
-    }
-}
 
 std::vector<int> own_processors()
 {
