@@ -24,7 +24,8 @@
  * This is a whole host. It calls four functions of its own: receive_frame()
  * waits for the input's next video frame (not for longer than a stop may
  * take), on_flip() shows a frame, on_drop() takes its buffer back, process()
- * changes the sound. A signal handler or another thread clears `running`, an
+ * changes the sound; on_flip() or process() also makes up for the panel's
+ * latency, see there. A signal handler or another thread clears `running`, an
  * atomic_bool, to stop it. It needs <pthread.h>, <limits.h> and C11's
  * <stdatomic.h>. examples/minimal/main.c is the same host as a program.
  *
@@ -198,6 +199,36 @@
  * 960 kb/s (823 kb/s at 44.1 kHz, 640 kb/s at 32 kHz). A larger burst loses what
  * lies between its first and its last chunk, and the sound is broken. RAW on
  * S/PDIF or ARC passes such bursts on whole.
+ *
+ * ## The panel's latency
+ *
+ * The player plans for a panel that needs 76 ms from a flip to light. On a panel
+ * that needs another time, L ms, the host makes up for the difference:
+ *
+ * - L below 76: the host holds each flip for 76 - L ms. A held flip waits in a
+ *   queue of the host's, first in, first out, until its time has come, and then
+ *   goes to the display for the coming vertical blank. Its buffer is in use
+ *   meanwhile: the host has (76 - L) x frames per second / 1000 more of them.
+ *   A flip counts for the refresh in which it was made, so the even way is to
+ *   hold it for whole refreshes, up to the next above 76 - L, and to hold the
+ *   sound for the excess.
+ * - L above 76: the host holds the sound for L - 76 ms, between
+ *   hdmi_player_get_pcm() and hdmi_player_write_pcm(). Each sequence (each new
+ *   serial) then begins with as much silence, and the sound behind it moves,
+ *   while the stamps of the blocks stay as they are. If the stamps moved with the
+ *   sound, the frames would wait for it, and nothing would be gained.
+ *
+ * A viewer's setting of X ms, positive for later sound, is made by the same two
+ * means, with L + X in the place of L. In examples/minimal/main.c, on_flip() with
+ * show_flips() and hold_sound() do this.
+ *
+ * - Reset, change of format or rate: the next sequence begins with silence again.
+ *   What was held of the sound before it is thrown away; held flips are shown.
+ * - Close: flips that are held when hdmi_player_close() returns stay the host's,
+ *   to be shown or not. Held sound that is to be heard is written before.
+ * - RAW on S/PDIF or ARC: the sound passes the host by and cannot be held, and
+ *   frames are flipped as they come. Nothing is planned for 76 ms there: on a
+ *   panel that is slower than the sound, the sound stays early.
  *
  * ## Length of the video queue
  *

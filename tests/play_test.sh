@@ -115,9 +115,19 @@ if [ "${2:-}" != quick ]; then
     grep -q '"gaps": 0' "$folder/raw.json" || fail "the report does not tell of the bursts at the output"
     # Without processing a free run happens to be in sync. With it, nothing but the player makes the picture wait.
     misses unsynced_processed 'A/V offset p95|one reset' "${processed[@]}" --no-sync &
-    misses late 'A/V offset p95' --seconds 2 --display-latency 150 &
+    misses late 'A/V offset p95' --seconds 2 --display-latency 150 --no-hold &
     misses lost 'output bit for bit the input' --seconds 2 --rate 48000 --withhold-block &
     misses lost_resampled 'samples complete and in place' --seconds 2 --withhold-block &
+    wait
+
+    # Any panel, any taste: what is held makes up for it.
+    passes panel_0 --seconds 2 --display-latency 0 --rate 48000 &
+    passes panel_30 --seconds 2 --display-latency 30 --display-rate 50 --bitstream ac3 &
+    passes panel_150 --seconds 2 --display-latency 150 --rate 48000 &
+    wait
+    passes earlier --seconds 2 --av-offset -200 --display none --display-latency 0 &
+    passes later --seconds 2 --av-offset 200 --bitstream eac3 --algorithm-delay 100 &
+    misses unheld 'A/V offset p95' --seconds 2 --av-offset 100 --no-hold &
     wait
 
     # A machine that stands still for a moment is no fault of the player's; it hides none either.
@@ -144,7 +154,8 @@ if [ "${2:-}" != quick ]; then
     done
     for arguments in '--fps 0' '--seconds nan' '--html-at 3' '--no-such-option' '--display beamer' '--display kms:' \
         '--display sim:/dev/dri/card0' '--page-flips' '--bitstream eac3 --raw' '--bitstream ac3 --chunk-phase 6' \
-        '--bitstream ac3 --raw --output spdif --playback alsa:null'; do
+        '--bitstream ac3 --raw --output spdif --playback alsa:null' '--bitstream ac3 --raw --output arc --av-offset 20' \
+        '--av-offset 201'; do
         refuses 2 $arguments
     done
     for file in /proc/x "$folder" "$folder/missing/x"; do

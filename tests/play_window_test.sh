@@ -66,7 +66,7 @@ else
     echo "No pulseaudio here: sound is left out."
 fi
 DISPLAY=:$display SDL_VIDEODRIVER=x11 timeout --kill-after 5 60 "$program" "$folder/film.mp4" --display window \
-    --display-latency 76 "${sound[@]}" --report "$folder/report.json" >"$folder/out.txt" 2>&1 &
+    "${sound[@]}" --report "$folder/report.json" >"$folder/out.txt" 2>&1 &
 player=$!
 sleep 0.5
 if ! kill -0 "$player" 2>/dev/null; then

@@ -7,7 +7,8 @@
  *
  * The part marked as the host is the one of hdmi_player.h and README.md, line
  * for line. What stands before it is a product's own: where frames come from,
- * what shows them, what is done to the sound. Here that is next to nothing.
+ * what shows them, what is done to the sound. Here that is next to nothing, but
+ * for what the panel's latency needs, which is PANEL_MS here.
  */
 #include <hdmi_player.h>
 #include <limits.h>
@@ -16,10 +17,16 @@
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
 enum { FPS = 60, NS_PER_S = 1000000000, NO_DISPLAY = 0 };
+
+/* The player plans for 76 ms from a flip to light. A faster panel has its flips held, a slower one the sound. */
+enum { PANEL_MS = 20, PLANNED_MS = 76 };
+enum { FLIPS_HELD_MS = PANEL_MS < PLANNED_MS ? PLANNED_MS - PANEL_MS : 0 };
+enum { SOUND_HELD_MS = PANEL_MS > PLANNED_MS ? PANEL_MS - PLANNED_MS : 0 };
 
 static atomic_long received, shown, dropped, blocks;
 static atomic_bool running = true;
@@ -40,11 +47,53 @@ static hdmi_player_video_frame_t receive_frame(void)
     return (hdmi_player_video_frame_t){&received, 0}; /* any handle of the host's */
 }
 
-/* Shows the frame at the coming vertical blank. */
+/* The flips that are held: first in, first out. There are no more than the product has buffers. */
+enum { BUFFERS = 32 };
+static struct {
+    hdmi_player_video_frame_t frame;
+    struct timespec due;
+} held[BUFFERS];
+static unsigned long held_first, held_end;
+static bool flips_ended;
+static pthread_mutex_t held_mutex = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t held_changed = PTHREAD_COND_INITIALIZER;
+
+/* Shows the frame FLIPS_HELD_MS later. */
 static void on_flip(hdmi_player_video_frame_t frame)
 {
-    (void)frame;
-    shown++;
+    struct timespec due;
+    clock_gettime(CLOCK_MONOTONIC, &due);
+    due.tv_nsec += FLIPS_HELD_MS * 1000000L;
+    if (due.tv_nsec >= NS_PER_S) {
+        due.tv_nsec -= NS_PER_S;
+        due.tv_sec++;
+    }
+    pthread_mutex_lock(&held_mutex);
+    held[held_end % BUFFERS].frame = frame;
+    held[held_end % BUFFERS].due = due;
+    held_end++;
+    pthread_cond_signal(&held_changed);
+    pthread_mutex_unlock(&held_mutex);
+}
+
+/* A thread of the product: gives the display each held frame when its time has come, for the coming vertical blank. */
+static void* show_flips(void* unused)
+{
+    pthread_mutex_lock(&held_mutex);
+    while (held_first != held_end || !flips_ended) {
+        if (held_first == held_end) {
+            pthread_cond_wait(&held_changed, &held_mutex);
+            continue;
+        }
+        const struct timespec due = held[held_first % BUFFERS].due;
+        pthread_mutex_unlock(&held_mutex);
+        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, NULL);
+        shown++; /* here held[held_first % BUFFERS].frame goes to the display */
+        pthread_mutex_lock(&held_mutex);
+        held_first++;
+    }
+    pthread_mutex_unlock(&held_mutex);
+    return unused;
 }
 
 /* Takes the frame's buffer back. */
@@ -54,9 +103,31 @@ static void on_drop(hdmi_player_video_frame_t frame)
     dropped++;
 }
 
+/* Holds the sound for SOUND_HELD_MS: each sequence begins with as much silence, and its stamps stay as they are. */
+static void hold_sound(hdmi_player_audio_frame_t* block)
+{
+    enum { HELD_SAMPLES = SOUND_HELD_MS * 48 * 2 }; /* 48 kHz, 2 channels */
+    static int16_t line[HELD_SAMPLES + 1];
+    static int32_t serial;
+    static int next;
+    if (HELD_SAMPLES == 0)
+        return;
+    if (block->serial != serial) {
+        serial = block->serial;
+        memset(line, 0, sizeof line);
+    }
+    int16_t* samples = (int16_t*)block->data;
+    for (int i = 0; i < block->size / 2; i++) {
+        const int16_t oldest = line[next];
+        line[next] = samples[i];
+        samples[i] = oldest;
+        next = next + 1 < HELD_SAMPLES ? next + 1 : 0;
+    }
+}
+
 static void process(hdmi_player_audio_frame_t* block)
 {
-    (void)block;
+    hold_sound(block);
     blocks++;
 }
 
@@ -149,7 +220,16 @@ int main(int argc, char** argv)
     sigaction(SIGALRM, &action, NULL);
     if (argc > 1)
         alarm((unsigned)atoi(argv[1]));
-    if (play(NO_DISPLAY) != 0)
+    pthread_t display;
+    if (pthread_create(&display, NULL, show_flips, NULL) != 0)
+        return EXIT_FAILURE;
+    const int error = play(NO_DISPLAY);
+    pthread_mutex_lock(&held_mutex);
+    flips_ended = true;
+    pthread_cond_signal(&held_changed);
+    pthread_mutex_unlock(&held_mutex);
+    pthread_join(display, NULL);
+    if (error != 0)
         return EXIT_FAILURE;
     printf("%ld frames shown, %ld not shown, %ld back at close; %ld blocks of sound\n", shown, dropped,
            received - shown - dropped, blocks);

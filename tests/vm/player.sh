@@ -15,7 +15,7 @@ start_audio_system() {
     follower=$!
 }
 
-options=(--rate 44100 --fps 59.94 --output arc --cec /dev/cec0 --display kms --display-latency 76
+options=(--rate 44100 --fps 59.94 --output arc --cec /dev/cec0 --display kms
     --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1
     --report "$OUT/player.json" --html "$OUT/player.html")
 

@@ -29,7 +29,7 @@ declare -A met=(
 play() {
     "$BUILD/tools/play/hdmi-player-play" --seconds 16 --rate 44100 --fps 59.94 \
         --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 \
-        --display kms --display-latency 76 --report "$OUT/resync-$1.json" >"$OUT/resync-$1.log" 2>&1
+        --display kms --report "$OUT/resync-$1.json" >"$OUT/resync-$1.log" 2>&1
 }
 
 # offsets REPORT: those that were measured late enough, in ms.

@@ -141,6 +141,16 @@ std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, 
     return std::make_unique<Trace>(seconds, std::max(display_hz, source.fps().value()));
 }
 
+/// What light and sound on this display need. Of bursts that are passed on the host holds nothing: they pass it by.
+common::Holds holds_for(const Options& options, const Display& display)
+{
+    if (options.raw || options.no_hold)
+        return {};
+    const int64_t light_later_ns =
+        common::kPlannedLatencyNs - (options.display_latency_ms() + options.av_offset_ms) * kMs;
+    return common::plan_holds(light_later_ns, display.refresh_hz(), display.paced());
+}
+
 HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, Display* display, FlipGate* gate,
                        Trace* trace)
 {
@@ -152,6 +162,7 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, 
     config.video_start_ns = options.video_start_ms * kMs;
     config.sync = !options.no_sync;
     config.raw = options.raw;
+    config.holds = holds_for(options, *display);
     // A device goes on with silence when its source has ended.
     if (!options.capture.empty())
         config.drain_ns = kRealDrainNs;
@@ -209,7 +220,7 @@ CapturePath capture_path(const Result& result)
 {
     const Options& options = result.options;
     bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
-    CapturePath path = {result.stage.link.captured_end, transparent, {}};
+    CapturePath path = {result.stage.link.captured_end, transparent, {}, result.held_sound};
     if (result.stage.sound.matched)
         path.matched = (1 + options.playback_ppm / 1e6) / (1 + options.receiver_ppm / 1e6);
     return path;
@@ -233,7 +244,7 @@ void evaluate_sound(const Source& source, SourceClock clock, const Screen& scree
     if (sound.heard.frames() > 0)
         for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(judged.last_ns))
             result->instants += judged.holds(at_ns) ? 1 : 0;
-    result->offset = summarise(result->offsets);
+    result->offset = summarise(result->offsets, result->options.av_offset_ms);
     std::vector<double> sound_ms;
     std::vector<double> picture_ms;
     for (const Offset& offset : result->offsets) {
@@ -326,6 +337,8 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
 void gather(const Host& host, const Source& source, const Display& display, const Stage& stage, Result* result)
 {
     result->video_queue_size = host.video_queue_size();
+    result->holds = host.holds();
+    result->held_sound = host.held_sound();
     result->frames = host.frames();
     result->audio = host.audio();
     result->resets = host.resets();

@@ -142,9 +142,15 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_flag("--page-flips", options->page_flips, "kms: flip as with a driver that has no atomic flips");
     app->add_option("--display-latency", options->display_latency,
-                    "From the vertical blank to light, in ms: what your panel needs, which is not measured. Default\n"
-                    "0 for kms and window, 76 for sim and none, the delay of the panels that the player allows for")
+                    "From the vertical blank to light, in ms: what your panel needs, which is not measured. Flips or\n"
+                    "sound are held accordingly. Default 0 for kms and window, 76 for sim and none, the delay of the\n"
+                    "panels that the player plans for")
         ->check(CLI::Range(0, 1000));
+    app->add_option(
+           "--av-offset", options->av_offset_ms,
+           "Sound that many ms later than its picture; negative: earlier. What is measured must be that offset")
+        ->check(CLI::Range(-200, 200))
+        ->capture_default_str();
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
     auto* html = app->add_option("--html", options->html_path, "Also write the report there as a page to look at");
     app->add_option("--html-at", options->html_at, "Second of the source at which the page's timeline begins")
@@ -152,6 +158,8 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->needs(html);
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
+    app->add_flag("--no-hold", options->no_hold,
+                  "Control: hold neither flips nor sound for the display's latency; must fail unless that is near 76");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
     app->footer(kFooter);
 }
@@ -167,6 +175,8 @@ std::string take_coding(const Texts& texts, Options* options)
     bool digital = options->output == E_HDMI_PLAYER_AO_DEV_SPDIF || options->output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
     if (options->raw && !digital)
         return "--raw needs --output spdif or arc";
+    if (options->raw && options->av_offset_ms != 0)
+        return "--av-offset: with --raw the sound passes the host by, which cannot hold it";
     if (options->raw && pcm && !options->foreign_source())
         return "--raw needs compressed sound (--bitstream)";
     if (texts.chunk_phase.empty())

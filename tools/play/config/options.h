@@ -47,12 +47,14 @@ struct Options {
     double playback_ppm = 0;
     std::optional<bool> rate_matching;  ///< of the simulated sound device; nothing: if a clock has an error
     std::optional<int> display_latency; ///< ms; nothing: see display_latency_ms()
+    int av_offset_ms = 0;               ///< positive: sound later than its picture
     std::string report_path;
     std::string html_path;
     std::optional<double> html_at; ///< where the page's timeline begins, in seconds of the source
     std::string wav_path;
     bool no_sync = false;
     bool withhold_block = false;
+    bool no_hold = false; ///< neither flips nor sound are held
 
     /// From the vertical blank to light: of a simulated panel what the player allows for, of a real one what is stated.
     int display_latency_ms() const

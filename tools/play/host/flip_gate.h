@@ -55,6 +55,9 @@ public:
         trace_->vblanks.add(at_ns);
     }
 
+    /// The latest known vertical blank; 0: none.
+    int64_t vblank_ns() const { return vblank_ns_; }
+
     /// Of a display that does not tell of its vertical blanks: a picture was shown at @p at_ns, as if by one. From the
     /// display's thread.
     void shown(int64_t at_ns) { vblank_ns_ = at_ns; }

@@ -18,7 +18,7 @@ enum class Owner {
     free,
     host,    ///< being filled
     player,  ///< given to hdmi_player_video_render, not called back yet
-    display, ///< flipped, until the display releases it
+    display, ///< flipped: held or shown, until the display releases it
 };
 
 /// Memory that a display shows.

@@ -34,6 +34,15 @@ int64_t decoder_start_us(const Source& source)
     return source.coding() == Coding::pcm ? 0 : int64_t{kBurstSamples} * 1'000'000 / source.audio_rate() / 2;
 }
 
+/// Buffers that wait at the same time.
+int held_buffers(const HostConfig& config, double fps)
+{
+    // The gate lets no more than one flip through for each refresh, but for a burst's first and last.
+    const double per_s = std::min(fps, static_cast<double>(config.display.panel_refresh_rate));
+    const double held_s = static_cast<double>(config.holds.flip_ns) / 1e9;
+    return config.holds.holds_flips() ? 2 + static_cast<int>(std::ceil(held_s * per_s)) : 0;
+}
+
 /// Seconds of one block: the device's period at that rate.
 double period_s(int rate) { return (rate == 44100 ? 896.0 : 960.0) / rate; }
 
@@ -54,7 +63,8 @@ Host::Host(HostConfig config, Source* source, SourceClock clock)
     : config_(std::move(config)), source_(source), clock_(clock),
       video_queue_size_(
           video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(), config_.algorithm_delay_ms)),
-      pool_(video_queue_size_ + kBuffersBesideQueue), line_(config_.algorithm_delay_ms), wait_for_serial_(config_.sync)
+      pool_(video_queue_size_ + kBuffersBesideQueue + held_buffers(config_, source->fps().value())),
+      line_(config_.algorithm_delay_ms), sound_hold_(config_.holds.sound_ns), wait_for_serial_(config_.sync)
 {
 }
 
@@ -78,6 +88,10 @@ bool Host::start()
     config.video_frame_flip_cb = on_flip;
 
     host_ = this;
+    held_flips_ =
+        std::make_unique<common::HeldFlips>(config_.holds, config_.display.panel_refresh_rate, [this](void* buffer) {
+            config_.present(static_cast<FrameBuffer*>(buffer));
+        });
     if (hdmi_player_open(config) != 0) {
         host_ = nullptr;
         return false;
@@ -112,6 +126,7 @@ void Host::close()
     // Blocks of hdmi_player_get_pcm die at close: the audio thread is gone before.
     drain_audio();
     hdmi_player_close();
+    held_flips_->finish();
     held_ = pool_.count(Owner::player);
     lost_ = pool_.count(Owner::player, rendered_ - video_queue_size_ - kHeldBesideQueue);
     host_ = nullptr;
@@ -193,7 +208,7 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
     if (admitted) {
-        host_->config_.present(buffer);
+        host_->held_flips_->flip(buffer, flipped_ns, host_->config_.gate->vblank_ns());
         return;
     }
     host_->skipped_++;
@@ -236,6 +251,9 @@ void Host::audio_thread()
     }
     line_.drain();
     write_from_line(last);
+    processed_ = sound_hold_.rest();
+    if (!processed_.empty() && audio_account_.written > 0)
+        write(last, next_pts_us_);
 }
 
 /**
@@ -267,8 +285,10 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
         audio_account_.discarded += frames;
         return;
     }
-    if (first || block.serial != serial_before)
+    if (first || block.serial != serial_before) {
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
+        sound_hold_.start(block.sample_rate);
+    }
     line_.push(reinterpret_cast<const int16_t*>(block.data), frames);
     write_from_line(block);
 }
@@ -279,6 +299,15 @@ void Host::write_from_line(const hdmi_player_audio_frame_t& like)
     int frames = line_.pop(&processed_, &pts_us);
     if (frames == 0)
         return;
+    sound_hold_.pass(processed_.data(), frames);
+    write(like, pts_us);
+}
+
+/// Writes processed_, with what else a block says as in @p like.
+void Host::write(const hdmi_player_audio_frame_t& like, int64_t pts_us)
+{
+    const auto frames = static_cast<int>(processed_.size() / 2);
+    next_pts_us_ = pts_us + int64_t{frames} * 1'000'000 / like.sample_rate;
     hdmi_player_audio_frame_t out = like;
     out.data = reinterpret_cast<uint8_t*>(processed_.data());
     out.size = frames * kBytesPerFrame;

@@ -12,6 +12,8 @@
 #include <memory>
 #include <thread>
 
+#include "common/flip_hold.h"
+#include "common/sound_hold.h"
 #include "hdmi_player.h"
 #include "host/algorithm.h"
 #include "host/flip_gate.h"
@@ -27,6 +29,7 @@ struct HostConfig {
     hdmi_player_drm_info_t display = {0, 60};
     int algorithm_delay_ms = 0;
     int64_t video_start_ns = 0; ///< first picture that long after open
+    common::Holds holds;        ///< what the display needs
     bool raw = false;           ///< compressed sound goes to the output as it is
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
@@ -36,7 +39,8 @@ struct HostConfig {
     Trace* trace = nullptr;   ///< written down there; outlives the host
     /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
     std::function<void(FrameBuffer*, const Image*)> paint;
-    /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it.
+    /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it. On
+    /// any thread, at the end of the buffer's hold.
     std::function<void(FrameBuffer*)> present;
 };
 
@@ -77,7 +81,7 @@ public:
     void stop_video();
     /// The signal has ended: plays what is still on its way to the output.
     void drain_audio();
-    /// Closes the player; what it still held is the host's again.
+    /// Closes the player; what it still held is the host's again. Shows what was flipped before.
     void close();
 
     FrameAccount frames() const;
@@ -88,6 +92,9 @@ public:
     /// When the last A/V sync reset was raised, 0: never.
     int64_t reset_ns() const { return reset_ns_; }
     int video_queue_size() const { return video_queue_size_; }
+    const common::Holds& holds() const { return config_.holds; }
+    /// Frames of silence with which every sequence begins, for the sound that is held.
+    int held_sound() const { return sound_hold_.frames(); }
     /// Number of the last picture that the source sent, -1: none.
     int64_t last_picture() const { return last_picture_; }
 
@@ -102,6 +109,7 @@ private:
     void audio_thread();
     void play_block(const hdmi_player_audio_frame_t& block);
     void write_from_line(const hdmi_player_audio_frame_t& like);
+    void write(const hdmi_player_audio_frame_t& like, int64_t pts_us);
     bool belongs_to_new_sequence(int32_t serial);
     FrameBuffer* take_back(void* handle, Owner next);
 
@@ -112,6 +120,7 @@ private:
     SourceClock clock_;
     int video_queue_size_;
     FramePool pool_;
+    std::unique_ptr<common::HeldFlips> held_flips_; ///< while the player is open
     int64_t opened_ns_ = 0;
 
     std::thread video_;
@@ -137,7 +146,9 @@ private:
 
     // The audio thread's own, read by others after it was joined.
     DelayLine line_;
+    common::SoundHold sound_hold_;
     std::vector<int16_t> processed_;
+    int64_t next_pts_us_ = 0; ///< of the sample after the last one written
     AudioAccount audio_account_;
     int64_t resets_seen_ = 0;
     int32_t serial_ = 0;   ///< of the last block; a player's first sequence is number 0

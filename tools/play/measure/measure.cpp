@@ -79,7 +79,7 @@ const Sighting* find_flash(const std::vector<Sighting>& sightings, const Source&
 
 // --- Offsets ------------------------------------------------------------------
 
-OffsetStatistics summarise(const std::vector<Offset>& offsets)
+OffsetStatistics summarise(const std::vector<Offset>& offsets, int sound_later_ms)
 {
     OffsetStatistics result;
     if (offsets.empty())
@@ -87,7 +87,7 @@ OffsetStatistics summarise(const std::vector<Offset>& offsets)
     std::vector<double> values;
     double sum = 0;
     for (const Offset& offset : offsets) {
-        double ms = offset.ms();
+        double ms = offset.ms() + sound_later_ms;
         values.push_back(ms);
         sum += ms;
         if (inside(ms, kDetectableEarlyMs, kDetectableLateMs))
@@ -306,7 +306,8 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
     check.same_rate = source.audio_rate() == recording.sample_rate();
     check.exact = check.same_rate && path.transparent && !path.matched;
     check.place_tolerance = path.transparent && !path.matched ? kPlaceTolerance : kConvertedTolerance;
-    check.earlier = recording.written_before(recording.last_opening());
+    const int64_t reopened_at = recording.written_before(recording.last_opening());
+    check.earlier = reopened_at + path.silence;
     check.out = recording.written() - check.earlier;
     check.block = recording.sample_rate() / 50;
     if (matches.empty())
@@ -336,7 +337,7 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
     }
     check.in = sent - std::llround(check.first_source_sample);
     // A device that is opened anew discards what waits behind the first block.
-    if (check.earlier > 0)
+    if (reopened_at > 0)
         check.settling += check.block;
     check.missing = static_cast<double>(check.in) * ratio - static_cast<double>(check.out);
     for (const SoundMatch& match : matches) {

@@ -50,7 +50,8 @@ struct OffsetStatistics {
     bool p95_inside_r37() const { return count > 0 && p95_ms <= kR37EarlyMs && p95_ms >= kR37LateMs; }
 };
 
-OffsetStatistics summarise(const std::vector<Offset>& offsets);
+/// @p sound_later_ms was asked for: the figures are about what remains beside it.
+OffsetStatistics summarise(const std::vector<Offset>& offsets, int sound_later_ms = 0);
 
 struct Latency {
     double mean_ms = 0;
@@ -113,7 +114,7 @@ GridError measure_grid(const std::vector<Sighting>& sightings, double refresh_hz
 /// Whether the samples that came out are those that went in.
 struct SampleCheck {
     bool same_rate = false;
-    int64_t earlier = 0;             ///< frames played before the device was opened last: not judged
+    int64_t earlier = 0;             ///< frames played before the last opening, and the silence after it: not judged
     double first_source_sample = -1; ///< the first one that is judged
     int64_t in = 0;                  ///< source samples from there to the last one captured
     int64_t out = 0;                 ///< frames played from there, without the silence behind the source's end
@@ -134,6 +135,7 @@ struct CapturePath {
     bool transparent = true;   ///< the words of the link come through as they are
     /// The output's clock by the source's, if the sound is resampled from one to the other.
     std::optional<double> matched = {};
+    int64_t silence = 0; ///< frames that the host played before the first of the source
 };
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                           const CapturePath& path);

@@ -37,6 +37,8 @@ struct Result {
     double fps = 60;        ///< of the source
     bool paced = true;      ///< the player could wait for them
     int video_queue_size = 0;
+    common::Holds holds;
+    int held_sound = 0;        ///< frames: so much silence comes before the sound
     int64_t opened_ns = 0;     ///< when the player had opened
     int64_t signal_end_ns = 0; ///< when the source stopped sending
     double seconds = 0;        ///< from open to the end of the signal

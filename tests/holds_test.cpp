@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: MIT
+// What the hosts among the tools hold back: the plan, the flips, the sound.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <numeric>
+#include <vector>
+
+#include "common/flip_hold.h"
+#include "common/holds.h"
+#include "common/sound_hold.h"
+
+namespace common
+{
+namespace
+{
+
+constexpr int64_t kMs = 1'000'000;
+
+TEST(Holds, MakeUpForTheDifferenceToTheNanosecond)
+{
+    for (double hz : {24.0, 50.0, 60000.0 / 1001, 60.0, 240.0})
+        for (bool vblanks : {true, false})
+            for (int64_t later_ns : {-1000 * kMs, -74 * kMs, int64_t{-1}, int64_t{0}, int64_t{1}, 16 * kMs, 20 * kMs,
+                                     76 * kMs, 276 * kMs}) {
+                const Holds holds = plan_holds(later_ns, hz, vblanks);
+                EXPECT_EQ(holds.flip_ns - holds.sound_ns, later_ns) << hz;
+                EXPECT_EQ(holds.holds_flips(), later_ns > 0);
+                EXPECT_GE(holds.sound_ns, 0);
+                EXPECT_EQ(holds.refreshes > 0, vblanks && later_ns > 0);
+                EXPECT_LE(holds.flip_ns, std::max<int64_t>(later_ns, 0) + (vblanks ? 1e9 / hz + 1 : 0));
+                EXPECT_NEAR(static_cast<double>(holds.flip_ns), vblanks ? holds.refreshes * 1e9 / hz : holds.flip_ns,
+                            1);
+            }
+}
+
+// A refresh of 10 ms; vertical blanks at 1000, 1010, ... ms.
+TEST(FlipHold, EndsEarlyInTheSameRefreshLater)
+{
+    struct Case {
+        double flipped_ms;
+        double vblank_ms; // that was known
+        double due_ms;
+    };
+    const Case cases[] = {
+        {1000.01, 1000, 1052}, {1005, 1000, 1052},
+        {1009.99, 1000, 1052}, {1010.01, 1000, 1062}, // the vertical blank in between is not known yet
+        {999.99, 1000, 1042},                         // it came while the flip was being made
+        {1033, 700, 1082},                            // long without one
+        {1005, 0, 1055},                              // none known: by time alone
+    };
+    for (const Case& c : cases) {
+        FlipHold hold({5, 50 * kMs, 0}, 100);
+        int buffer = 0;
+        hold.push(&buffer, std::llround(c.flipped_ms * kMs), std::llround(c.vblank_ms * kMs));
+        EXPECT_EQ(hold.due_ns(), std::llround(c.due_ms * kMs)) << c.flipped_ms;
+    }
+}
+
+TEST(FlipHold, IsFirstInFirstOut)
+{
+    FlipHold hold({2, 20 * kMs, 0}, 100);
+    int buffers[4];
+    hold.push(&buffers[0], 1001 * kMs, 1000 * kMs); // until 1022
+    hold.push(&buffers[1], 1008 * kMs, 1000 * kMs); // the same refresh
+    hold.push(&buffers[2], 1009 * kMs, 0);          // 1029
+    hold.push(&buffers[3], 1004 * kMs, 1000 * kMs); // threads overtook each other
+    EXPECT_EQ(hold.pop(1022 * kMs - 1), nullptr);
+    EXPECT_EQ(hold.pop(1022 * kMs), &buffers[0]);
+    EXPECT_EQ(hold.pop(1022 * kMs), &buffers[1]);
+    EXPECT_EQ(hold.pop(1028 * kMs), nullptr);
+    EXPECT_EQ(hold.pop(1029 * kMs), &buffers[2]);
+    EXPECT_EQ(hold.pop(1029 * kMs), &buffers[3]);
+    EXPECT_EQ(hold.due_ns(), std::nullopt);
+    EXPECT_EQ(hold.pop(2000 * kMs), nullptr);
+}
+
+TEST(HeldFlips, ShowsEachInOrderAndTheLastBeforeItEnds)
+{
+    for (const Holds& holds : {Holds{0, 0, 0}, Holds{0, 30 * kMs, 0}, Holds{3, 30 * kMs, 0}}) {
+        std::vector<int> buffers(100);
+        std::vector<void*> shown;
+        HeldFlips held(holds, 100, [&shown](void* buffer) { shown.push_back(buffer); });
+        for (int& buffer : buffers)
+            held.flip(&buffer, std::chrono::steady_clock::now().time_since_epoch().count(), 0);
+        held.finish();
+        ASSERT_EQ(shown.size(), buffers.size());
+        for (size_t i = 0; i < shown.size(); i++)
+            EXPECT_EQ(shown[i], &buffers[i]);
+    }
+}
+
+TEST(SoundHold, DelaysInPlaceBehindSilence)
+{
+    constexpr int kHeld = 48; // 1 ms
+    for (int block : {1, 7, kHeld, 960}) {
+        SoundHold hold(kMs);
+        std::vector<int16_t> sound(2 * 2000);
+        for (int sequence = 0; sequence < 2; sequence++) { // nothing of the first is heard in the second
+            std::iota(sound.begin(), sound.end(), static_cast<int16_t>(1));
+            hold.start(48000);
+            ASSERT_EQ(hold.frames(), kHeld);
+            for (int at = 0; at < 2000; at += block)
+                hold.pass(sound.data() + 2 * at, std::min(block, 2000 - at));
+            const std::vector<int16_t> rest = hold.rest();
+            sound.insert(sound.end(), rest.begin(), rest.end());
+            for (int i = 0; i < 2 * 2000 + 2 * kHeld; i++)
+                ASSERT_EQ(sound[static_cast<size_t>(i)], std::max(0, i + 1 - 2 * kHeld)) << block;
+            sound.resize(2 * 2000);
+        }
+    }
+    SoundHold none(0);
+    int16_t frame[2] = {1, 2};
+    none.start(48000);
+    none.pass(frame, 1);
+    EXPECT_EQ(frame[1], 2);
+    EXPECT_TRUE(none.rest().empty());
+}
+
+} // namespace
+} // namespace common

@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * What a host holds back so that light and sound leave together on its panel:
+ * see "Any panel" in hdmi_player.h.
+ */
+#pragma once
+
+#include <cstdint>
+
+namespace common
+{
+
+/// What the player plans for, from a flip's vertical blank to light.
+constexpr int64_t kPlannedLatencyNs = 76'000'000;
+
+/// How long flips and sound wait. Of a display whose vertical blanks are known, flips wait for whole refreshes: then
+/// each of them reaches the screen as evenly as without.
+struct Holds {
+    int refreshes = 0;    ///< for which flips wait; 0: see flip_ns
+    int64_t flip_ns = 0;  ///< for which flips wait, as time
+    int64_t sound_ns = 0; ///< for which the sound waits
+
+    bool holds_flips() const { return flip_ns > 0; }
+};
+
+/**
+ * @p light_later_ns: how much later light has to come, compared with the sound, than it does without holds; negative:
+ * how much later sound has to. What whole refreshes are too many is held from the sound as well.
+ */
+Holds plan_holds(int64_t light_later_ns, double refresh_hz, bool vblanks_known);
+
+} // namespace common
