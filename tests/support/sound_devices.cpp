@@ -100,8 +100,6 @@ void Recorder::run()
     int16_t block[2 * 480];
     while (!stop_) {
         const snd_pcm_sframes_t frames = snd_pcm_readi(pcm_, block, 480);
-        if (frames == -EPIPE)
-            ++overruns_;
         if (frames < 0 && snd_pcm_recover(pcm_, static_cast<int>(frames), 1) < 0)
             break;
         const std::lock_guard<std::mutex> guard(mutex_);

@@ -61,8 +61,6 @@ public:
     std::vector<int16_t> left() const;
     /// Both channels so far.
     std::vector<int16_t> words() const;
-    /// How often the recording came too late.
-    int overruns() const { return overruns_; }
     void stop();
 
 private:
@@ -71,7 +69,6 @@ private:
     snd_pcm_t* pcm_ = nullptr;
     mutable std::mutex mutex_;
     std::vector<int16_t> words_;
-    std::atomic<int> overruns_{0};
     std::atomic<bool> stop_{false};
     std::thread thread_;
 };

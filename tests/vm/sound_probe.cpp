@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The Linux platform's sound devices on the kernel's cards, inside the virtual machine: loopbacks for the sound, a
-// dummy card for the mixer. Runs as root: cards are unbound from their driver and bound again.
+// dummy card for the mixer. Runs as root. Cards that go and come back are the check "disturb"'s.
 #include <gtest/gtest.h>
 #include <sched.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
+#include <thread>
 
 #include "aio_device.h"
-#include "blocked_call.h"
 #include "hdmi_linux.h"
 #include "sound_fixture.h"
 
@@ -19,30 +18,6 @@ namespace
 
 using hdmi_linux::capture_stats;
 using hdmi_linux::playback_stats;
-
-// The loopback's cards, by the number of their platform device.
-enum Card { kCable = 0, kSpeaker = 1 };
-void driver(const char* what, Card card)
-{
-    std::ofstream(std::string("/sys/bus/platform/drivers/snd_aloop/") + what) << "snd_aloop." << card << std::flush;
-}
-
-/// Unplugs a card; the kernel is done with it when every handle of it was given up.
-class Unplugged
-{
-public:
-    explicit Unplugged(Card card) : card_(card), unbinding_(std::async(std::launch::async, driver, "unbind", card)) {}
-    bool done() const { return unbinding_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
-    void plug_in()
-    {
-        unbinding_.wait();
-        driver("bind", card_);
-    }
-
-private:
-    Card card_;
-    std::future<void> unbinding_;
-};
 
 /// A control that the dummy card has for one test.
 class Control
@@ -99,26 +74,6 @@ private:
 
 using SoundProbe = AudioDevices;
 
-TEST_F(SoundProbe, PlaysWithoutAGap)
-{
-    Recorder recorder("hw:Speaker,1");
-    const int64_t xruns = playback_stats().xruns;
-    ASSERT_EQ(aio_device_open(&playback_), 0);
-    EXPECT_EQ(playback_stats().period_frames, kPeriod);
-    EXPECT_EQ(playback_stats().period_count, 8);
-    for (int block = 0; block < 250; ++block) {
-        ASSERT_EQ(write_numbered(), kBlockBytes);
-        ASSERT_GT(delay(), 0);
-        ASSERT_LE(delay(), 8 * kPeriod + kPeriod / 4);
-    }
-    EXPECT_TRUE(eventually([&] { return !number_runs(recorder.left()).empty(); }));
-    // On a busy host the machine may stand still for longer than any buffer.
-    if (recorder.overruns() == 0 && playback_stats().xruns == xruns)
-        EXPECT_EQ(number_runs(recorder.left()).size(), 1u);
-    else
-        GTEST_SKIP() << "the machine was too busy to hear a gap";
-}
-
 TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
 {
     Recorder recorder("hw:Speaker,1");
@@ -135,60 +90,17 @@ TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
     }));
 }
 
-TEST_F(SoundProbe, CapturesWithoutAGapAndTheOldestIsLostToALateReader)
+TEST_F(SoundProbe, TheOldestIsLostToALateReaderAndCaptureGoesOn)
 {
     const Feeder link("hw:Cable,0");
-    capture_.period_count = 16; // an emulated machine
-    const int64_t xruns = capture_stats().xruns;
-    ASSERT_EQ(aio_device_open(&capture_), 0);
-    std::vector<int16_t> left;
-    for (int block = 0; block < 150; ++block)
-        ASSERT_EQ(read_block(&left), kBlockBytes);
-    // On a busy host the machine may stand still for longer than any buffer: then that is counted.
-    const int64_t late = capture_stats().xruns;
-    EXPECT_LE(number_runs(left).size(), static_cast<size_t>(1 + late - xruns));
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
-    left.clear();
-    for (int block = 0; block < 20; ++block)
-        ASSERT_EQ(read_block(&left), kBlockBytes);
-    EXPECT_GT(capture_stats().xruns, late);
-}
-
-TEST_F(SoundProbe, AnUnpluggedOutputComesBackEveryTime)
-{
-    ASSERT_EQ(aio_device_open(&playback_), 0);
-    for (int round = 1; round <= 5; ++round) {
-        ASSERT_EQ(write_numbered(10), kBlockBytes);
-        Unplugged card(kSpeaker);
-        ASSERT_TRUE(eventually([&] { return write_numbered() == kBlockBytes && card.done(); }));
-        ASSERT_EQ(write_numbered(5 * round), kBlockBytes);
-        EXPECT_TRUE(playback_stats().lost);
-        EXPECT_EQ(playback_stats().losses, round);
-        card.plug_in();
-        EXPECT_TRUE(plays_again());
-    }
-    EXPECT_EQ(playback_stats().recoveries, 5);
-    Recorder recorder("hw:Speaker,1");
-    EXPECT_TRUE(is_heard(recorder));
-}
-
-TEST_F(SoundProbe, AnUnpluggedReceiverIsSilentAtItsPaceAndComesBack)
-{
     ASSERT_EQ(aio_device_open(&capture_), 0);
     std::vector<int16_t> left;
     ASSERT_EQ(read_block(&left), kBlockBytes);
-    left.clear();
-    const auto start = std::chrono::steady_clock::now();
-    for (int round = 1; round <= 5; ++round) {
-        Unplugged card(kCable);
-        EXPECT_TRUE(eventually([&] { return read_block(&left) == kBlockBytes && card.done(); }));
-        EXPECT_TRUE(capture_stats().lost);
-        card.plug_in();
-        EXPECT_TRUE(eventually([&] { return read_block(&left) == kBlockBytes && !capture_stats().lost; }));
-        EXPECT_EQ(capture_stats().recoveries, round);
-    }
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_NEAR(static_cast<double>(left.size()) / kRate, seconds, 0.2) << "no time was left out";
+    const int64_t xruns = capture_stats().xruns;
+    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    for (int block = 0; block < 20; ++block)
+        ASSERT_EQ(read_block(&left), kBlockBytes);
+    EXPECT_GT(capture_stats().xruns, xruns);
 }
 
 TEST_F(SoundProbe, ASourceThatChangesItsRateIsFoundAtTheNewOne)
