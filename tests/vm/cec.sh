@@ -132,10 +132,3 @@ cec-follower -d "$audio_system" -w >>"$OUT/cec-follower.log" 2>&1 &
 check "opened when one appears" wait_for "$seconds_to_open" is active
 end_probe
 kill %+ 2>/dev/null
-
-start_probe "$audio_system"
-check "an adapter of another device is left alone" wait_for 15 grep -q "$audio_system is no CEC adapter of a TV" "$told"
-wait "$probe" || true
-start_probe /dev/cec9
-check "no adapter: one message" wait_for 15 grep -q '/dev/cec9 cannot be opened: No such file' "$told"
-wait "$probe" || true
