@@ -6,6 +6,7 @@
  */
 #include "aio_device.h"
 
+#include "named_signal.h"
 #include "sim.h"
 #include "time_line.h"
 
@@ -32,6 +33,8 @@ SIM_EXPORT int aio_device_open(audio_config_t* config)
         time_line::begin();
         return sim::capture_open(*config);
     }
+    // The player opens its output before it looks at the state of the source.
+    sim::connect_if_asked();
     return is_playback(config) ? sim::playback_open(*config) : kWrongStream;
 }
 

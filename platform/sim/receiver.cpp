@@ -175,6 +175,13 @@ double link_clock_error_ppm()
     return r.signal != nullptr ? r.signal->source.clock_error_ppm : 0;
 }
 
+bool has_signal()
+{
+    Receiver& r = receiver();
+    mutex_guard guard(r.mutex);
+    return r.signal != nullptr;
+}
+
 void capture_reset()
 {
     Receiver& r = receiver();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sim.h"
 
+#include "extcon/extcon.h"
 #include "rate_matcher.h"
 
 namespace sim
@@ -23,6 +24,13 @@ int64_t now_ns()
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * sim::kNsPerSecond + now.tv_nsec;
 }
+
+bool enter_private_namespaces(std::string* error) { return extcon::use_namespaces(error); }
+bool prepare_announcements(std::string* error) { return extcon::use_either(error); }
+std::string announce_text(bool compressed, int sample_rate) { return extcon::state_text(compressed, sample_rate); }
+bool write_state_file(const std::string& text) { return extcon::write_state(text); }
+bool announce(const std::string& state) { return extcon::announce(state); }
+bool send_uevent(const std::string& message) { return extcon::send_uevent(message); }
 
 void reset()
 {

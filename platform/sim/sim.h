@@ -113,6 +113,7 @@ int transfer(hdmi_sim::Op op, const Openings& openings, const void* data, int si
 clocks::RateMatcher& rate_matcher();
 /// Of the signal on the link; 0 without one.
 double link_clock_error_ppm();
+bool has_signal();
 
 int capture_open(const audio_config_t& config);
 int capture_close();

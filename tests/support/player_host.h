@@ -51,7 +51,7 @@ inline int run_in_namespaces(int argc, char** argv)
 {
     testing::InitGoogleTest(&argc, argv);
     std::string error;
-    if (hdmi_sim::enter_private_namespaces(&error))
+    if (hdmi_sim::prepare_announcements(&error))
         return RUN_ALL_TESTS();
     printf("SKIPPED: %s\n", error.c_str());
     return 77;

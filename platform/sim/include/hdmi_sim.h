@@ -201,14 +201,21 @@ void note_capture(CaptureNews news);
 // --- Announcements ------------------------------------------------------------
 
 /**
+ * Readies the announcements of this process: in private mount and network
+ * namespaces where the machine permits them, else in the process itself, where
+ * the player's library alone gets to hear them. Call before the process has
+ * threads. Called again it does nothing. The functions below fail with errno
+ * EPERM until this or enter_private_namespaces() has succeeded.
+ * @return false with one line in @p error
+ */
+bool prepare_announcements(std::string* error);
+
+/**
  * Enters private mount and network namespaces (unprivileged: in a new user
  * namespace) and puts an empty "/sys/class/extcon/hdmirx_aud/" into place, with
  * the rest of /sys/class as it is. Call before the process has threads. Called
- * again it does nothing.
- *
- * The functions below fail with errno EPERM until this has succeeded in the
- * process or, before a fork, in its parent: an announcement never reaches the
- * machine's own network namespace, where its device manager listens.
+ * again it does nothing. Announcements never reach the machine's own network
+ * namespace, where its device manager listens.
  * @return false with one line in @p error that says what the machine must allow.
  */
 bool enter_private_namespaces(std::string* error);
@@ -219,7 +226,7 @@ std::string announce_text(bool compressed, int sample_rate);
 bool write_state_file(const std::string& text);
 /// Writes the state file and sends the uevent, as the driver does at a change.
 bool announce(const std::string& state);
-/// Sends one uevent: NUL-separated strings as they are, on the kernel's netlink protocol to group 1.
+/// Sends one uevent: NUL-separated strings as they are.
 bool send_uevent(const std::string& message);
 
 // --- Playback -------------------------------------------------------------------

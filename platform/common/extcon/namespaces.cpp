@@ -1,4 +1,9 @@
 // SPDX-License-Identifier: MIT
+/**
+ * @file
+ * Announcements in namespaces of the process's own: mounts, network and, without
+ * privileges, users.
+ */
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
@@ -8,20 +13,20 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
-#include "sim.h"
+#include "extcon/extcon.h"
 
-namespace sim
+namespace extcon
 {
 namespace
 {
 
-constexpr const char* kDevicePath = "/devices/platform/hdmirx_aud/extcon/hdmirx_aud";
 constexpr unsigned int kKernelGroup = 1; ///< of NETLINK_KOBJECT_UEVENT: the kernel's own events
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kFileMode = 0644;
@@ -40,14 +45,12 @@ public:
             close(fd_);
     }
     Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release()
+    Descriptor& operator=(Descriptor&& other) noexcept
     {
-        const int fd = fd_;
-        fd_ = -1;
-        return fd;
+        std::swap(fd_, other.fd_);
+        return *this;
     }
+    int get() const { return fd_; }
 
 private:
     int fd_;
@@ -63,25 +66,6 @@ bool failed(Failure& failure, const std::string& step)
 {
     failure = {step, errno};
     return false;
-}
-
-/**
- * Descriptors that were opened inside the private namespaces. Announcements use
- * only these. So they cannot reach the machine's own network namespace, from
- * any thread or process.
- */
-struct Stage {
-    mutex_t mutex;
-    bool entered GUARDED_BY(mutex) = false;
-    int directory GUARDED_BY(mutex) = -1; ///< of the receiver's device
-    int socket GUARDED_BY(mutex) = -1;
-    uint64_t sequence GUARDED_BY(mutex) = 0;
-};
-
-Stage& stage()
-{
-    static auto* instance = new Stage;
-    return *instance;
 }
 
 bool write_file(const char* path, const std::string& text)
@@ -174,7 +158,8 @@ bool make_extensible(const std::string& path, Failure& failure)
 // Makes the device's directory, covering as little of /sys as possible. @return its path, empty on failure.
 std::string build_device_directory(Failure& failure)
 {
-    std::string path = "/sys/class/extcon/hdmirx_aud";
+    std::string path = kStateFile;
+    path.resize(path.rfind('/'));
     if (is_directory(path))
         return mount_tmpfs(path, failure) ? path : "";
     size_t end = path.size();
@@ -197,117 +182,65 @@ std::string build_device_directory(Failure& failure)
     return path;
 }
 
-bool enter(Stage& s, Failure& failure) REQUIRES(s.mutex)
+/**
+ * Holds descriptors that were opened inside the private namespaces, and uses
+ * only these. So an announcement cannot reach the machine's own network
+ * namespace, where its device manager listens, from any thread or process.
+ */
+class NamespaceChannel final : public Channel
 {
-    if (!leave_namespaces(failure))
-        return false;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return failed(failure, "private mounts");
-    const std::string path = build_device_directory(failure);
-    if (path.empty())
-        return false;
-    Descriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (directory.get() < 0)
-        return failed(failure, "open of " + path);
-    Descriptor sender(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
-    if (sender.get() < 0)
-        return failed(failure, "netlink socket");
-    s.directory = directory.release();
-    s.socket = sender.release();
-    s.entered = true;
-    return true;
-}
+public:
+    bool enter(Failure& failure)
+    {
+        if (!leave_namespaces(failure))
+            return false;
+        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            return failed(failure, "private mounts");
+        const std::string path = build_device_directory(failure);
+        if (path.empty())
+            return false;
+        directory_ = Descriptor(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (directory_.get() < 0)
+            return failed(failure, "open of " + path);
+        socket_ = Descriptor(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT));
+        return socket_.get() >= 0 || failed(failure, "netlink socket");
+    }
 
-// By rename, so that a reader finds the old or the new text, never a part.
-bool replace_state_file(Stage& s, const std::string& text) REQUIRES(s.mutex)
-{
-    const Descriptor file(openat(s.directory, ".state", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
-    if (file.get() < 0 || write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-        return false;
-    return renameat(s.directory, ".state", s.directory, "state") == 0;
-}
+    // By rename, so that a reader finds the old or the new text, never a part.
+    bool write_state(const std::string& text) override
+    {
+        constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+        const Descriptor file(openat(directory_.get(), ".state", kFlags, kFileMode));
+        if (file.get() < 0 || write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+            return false;
+        return renameat(directory_.get(), ".state", directory_.get(), "state") == 0;
+    }
 
-bool multicast(Stage& s, const std::string& message) REQUIRES(s.mutex)
-{
-    sockaddr_nl group = {};
-    group.nl_family = AF_NETLINK;
-    group.nl_groups = kKernelGroup;
-    const ssize_t sent =
-        sendto(s.socket, message.data(), message.size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof(group));
-    return sent == static_cast<ssize_t>(message.size());
-}
+    bool send(const std::string& message) override
+    {
+        sockaddr_nl group = {};
+        group.nl_family = AF_NETLINK;
+        group.nl_groups = kKernelGroup;
+        const ssize_t sent = sendto(socket_.get(), message.data(), message.size(), 0,
+                                    reinterpret_cast<sockaddr*>(&group), sizeof(group));
+        return sent == static_cast<ssize_t>(message.size());
+    }
 
-bool refused(const Stage& s) REQUIRES(s.mutex)
-{
-    if (!s.entered)
-        errno = EPERM;
-    return !s.entered;
-}
-
-// In the kernel's form: the header, then the environment; each string ends with a NUL.
-std::string uevent_text(const std::string& state, uint64_t sequence)
-{
-    const std::string device = kDevicePath;
-    std::string text;
-    for (const std::string& line :
-         {"change@" + device, std::string("ACTION=change"), "DEVPATH=" + device, std::string("SUBSYSTEM=extcon"),
-          std::string("NAME=hdmirx_aud"), "STATE=" + state, "SEQNUM=" + std::to_string(sequence)})
-        text.append(line).push_back('\0');
-    return text;
-}
+private:
+    Descriptor directory_; ///< of the receiver's device
+    Descriptor socket_;
+};
 
 } // namespace
-} // namespace sim
 
-namespace hdmi_sim
+std::unique_ptr<Channel> open_namespaces(std::string* error)
 {
-
-bool enter_private_namespaces(std::string* error)
-{
-    sim::Stage& s = sim::stage();
-    mutex_guard guard(s.mutex);
-    if (s.entered)
-        return true;
-    sim::Failure failure;
-    if (sim::enter(s, failure))
-        return true;
-    if (error != nullptr)
-        *error =
-            "cannot enter private namespaces: " + failure.step + ": " + strerror(failure.error) + "; " + sim::kAdvice;
-    return false;
+    Failure failure;
+    auto channel = std::make_unique<NamespaceChannel>();
+    if (channel->enter(failure))
+        return channel;
+    *error = "cannot enter private namespaces: " + failure.step + ": " + strerror(failure.error) + "; " + kAdvice;
+    return nullptr;
 }
 
-std::string announce_text(bool compressed, int sample_rate)
-{
-    const char* rate = sample_rate == 48000   ? "48"
-                       : sample_rate == 44100 ? "44"
-                       : sample_rate == 32000 ? "32"
-                                              : nullptr;
-    if (rate == nullptr)
-        return "";
-    return std::string(compressed ? "HEADDONE_COMP_" : "HEADDONE_PCM_") + rate + "=1";
-}
-
-bool write_state_file(const std::string& text)
-{
-    sim::Stage& s = sim::stage();
-    mutex_guard guard(s.mutex);
-    return !sim::refused(s) && sim::replace_state_file(s, text);
-}
-
-bool announce(const std::string& state)
-{
-    sim::Stage& s = sim::stage();
-    mutex_guard guard(s.mutex);
-    return !sim::refused(s) && sim::replace_state_file(s, state) &&
-           sim::multicast(s, sim::uevent_text(state, ++s.sequence));
-}
-
-bool send_uevent(const std::string& message)
-{
-    sim::Stage& s = sim::stage();
-    mutex_guard guard(s.mutex);
-    return !sim::refused(s) && sim::multicast(s, message);
-}
-
-} // namespace hdmi_sim
+} // namespace extcon
