@@ -11,6 +11,7 @@
 #include "alsa_capture.h"
 #include "alsa_output.h"
 #include "hdmi_linux.h"
+#include "receiver/receiver.h"
 #include "time_line.h"
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
@@ -20,6 +21,7 @@ namespace
 
 using hdmi_linux::capture;
 using hdmi_linux::output;
+using hdmi_linux::receiver;
 
 bool is_capture(const audio_config_t* config)
 {
@@ -43,8 +45,12 @@ PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
 {
     if (is_capture(config)) {
         time_line::begin();
-        return capture().open(*config);
+        const int result = capture().open(*config);
+        if (result >= 0)
+            receiver().opened();
+        return result;
     }
+    receiver().start_if_asked();
     return is_playback(config) ? output().open(*config) : kWrongStream;
 }
 
@@ -60,8 +66,10 @@ PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
 PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
 {
     const int result = is_capture(config) ? capture().read(data, size) : kWrongStream;
-    if (result > 0)
+    if (result > 0) {
         time_line::delivered();
+        receiver().captured(data, result);
+    }
     return result;
 }
 

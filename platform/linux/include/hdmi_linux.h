@@ -9,9 +9,55 @@
  * lists the keys. It is read again whenever a device is opened. All functions
  * may be called from any thread.
  */
-#pragma once
+#ifndef HDMI_LINUX_H
+#define HDMI_LINUX_H
 
-#include <cstdint>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* --- The receiver's driver ----------------------------------------------------- */
+
+/**
+ * The player learns what its input receives from the driver of an HDMI receiver,
+ * which an ordinary capture card does not have. This stands in for that driver:
+ * it finds the format and the rate by the card's controls and by the sound that
+ * is captured, announces them to the player of this process, and follows every
+ * change. One call, at the start of main(); it listens to the card (hdmi_in of
+ * the configuration) for at most half a second. On a machine with such a driver
+ * it announces nothing, and only notes events.
+ *
+ * Without a change to the host: `hdmi-player-run -- HOST ARGUMENTS`, or
+ * HDMIPLAYER_LINUX_RECEIVER=1 in the environment of a host on this platform.
+ *
+ * The player's library must be loaded, and it must be a shared library or a part
+ * of a program that is linked dynamically with the C library.
+ * @param error receives one line of at most @p size bytes, empty on success; may be null
+ * @return 0, also while it follows already; -1 on failure
+ */
+int hdmi_linux_receiver_start(char* error, size_t size);
+/** Announces nothing more. Harmless when not started. */
+void hdmi_linux_receiver_stop(void);
+
+/** What the stand-in announced, or found wrong. */
+typedef struct hdmi_linux_receiver_event {
+    int64_t time_ns; /**< CLOCK_MONOTONIC */
+    bool announced;  /**< the text is the state announced; false: a line about a source that is not at that rate */
+    char text[119];
+} hdmi_linux_receiver_event_t;
+/**
+ * Copies the last @p count events, oldest first; at most 256 are kept.
+ * @return how many are kept
+ */
+int hdmi_linux_receiver_events(hdmi_linux_receiver_event_t* events, int count);
+
+#ifdef __cplusplus
+}
+
 #include <string>
 #include <vector>
 
@@ -108,3 +154,7 @@ std::vector<CecMessage> cec_messages();
 } // namespace hdmi_linux
 
 #pragma GCC visibility pop
+
+#endif
+
+#endif

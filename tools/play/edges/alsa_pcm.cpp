@@ -35,19 +35,6 @@ int open_pcm(snd_pcm_t** pcm, const std::string& name, AlsaPcm::Direction direct
     return snd_pcm_open(pcm, name.c_str(), plays ? SND_PCM_STREAM_PLAYBACK : SND_PCM_STREAM_CAPTURE, SND_PCM_NONBLOCK);
 }
 
-/// Of a card that is there now; empty if that is not known.
-std::string id_of_card(int number)
-{
-    snd_ctl_t* card = nullptr;
-    if (number < 0 || snd_ctl_open(&card, ("hw:" + std::to_string(number)).c_str(), SND_CTL_NONBLOCK) < 0)
-        return "";
-    snd_ctl_card_info_t* info = nullptr;
-    snd_ctl_card_info_alloca(&info);
-    std::string id = snd_ctl_card_info(card, info) >= 0 ? snd_ctl_card_info_get_id(info) : "";
-    snd_ctl_close(card);
-    return id;
-}
-
 int set_hardware(snd_pcm_t* pcm, int rate, snd_pcm_uframes_t* period_frames, snd_pcm_uframes_t* buffer_frames)
 {
     snd_pcm_hw_params_t* hardware = nullptr;
@@ -170,40 +157,6 @@ bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::stri
     }
     *error = "alsa:" + name + ": " + snd_strerror(result);
     return false;
-}
-
-AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction)
-{
-    AlsaPlace place;
-    snd_pcm_t* pcm = nullptr;
-    if (open_pcm(&pcm, name, direction) < 0)
-        return place;
-    snd_pcm_info_t* info = nullptr;
-    snd_pcm_info_alloca(&info);
-    if (snd_pcm_info(pcm, info) >= 0)
-        place = {id_of_card(snd_pcm_info_get_card(info)), static_cast<int>(snd_pcm_info_get_device(info)),
-                 static_cast<int>(snd_pcm_info_get_subdevice(info))};
-    snd_pcm_close(pcm);
-    return place;
-}
-
-int alsa_control(const AlsaPlace& place, const char* name)
-{
-    if (place.card.empty())
-        return -1;
-    // Opened for each look: a card that somebody holds cannot be unplugged for good.
-    snd_ctl_t* card = nullptr;
-    if (snd_ctl_open(&card, ("hw:CARD=" + place.card).c_str(), SND_CTL_NONBLOCK) < 0)
-        return -1;
-    snd_ctl_elem_value_t* value = nullptr;
-    snd_ctl_elem_value_alloca(&value);
-    snd_ctl_elem_value_set_interface(value, SND_CTL_ELEM_IFACE_PCM);
-    snd_ctl_elem_value_set_name(value, name);
-    snd_ctl_elem_value_set_device(value, static_cast<unsigned>(place.device));
-    snd_ctl_elem_value_set_subdevice(value, static_cast<unsigned>(place.subdevice));
-    int result = snd_ctl_elem_read(card, value);
-    snd_ctl_close(card);
-    return result < 0 ? -1 : static_cast<int>(snd_ctl_elem_value_get_integer(value, 0));
 }
 
 } // namespace play

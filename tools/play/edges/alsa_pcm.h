@@ -60,15 +60,4 @@ private:
 /// Whether the device can be opened. @return false with one line in @p error
 bool alsa_opens(const std::string& name, AlsaPcm::Direction direction, std::string* error);
 
-/// Where a device is in the machine; of one that is made in software, nowhere.
-struct AlsaPlace {
-    std::string card; ///< its id: one that is plugged in again may have another number
-    int device = 0;
-    int subdevice = 0;
-};
-/// Opens the device for a moment.
-AlsaPlace alsa_place(const std::string& name, AlsaPcm::Direction direction);
-/// Integer control @p name of the very device at @p place; -1: there is none.
-int alsa_control(const AlsaPlace& place, const char* name);
-
 } // namespace play

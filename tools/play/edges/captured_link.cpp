@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "edges/alsa_feed.h"
-#include "edges/announcer.h"
 #include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "hdmi_sim.h"
@@ -14,7 +13,7 @@ namespace
 class CapturedLink final : public SourceLink
 {
 public:
-    CapturedLink(const Options& options, const Source* source) : announcer_(options.capture)
+    CapturedLink(const Options& options, const Source* source)
     {
         if (!options.feed.empty())
             feed_ = std::make_unique<AlsaFeed>(options.feed, source);
@@ -26,12 +25,12 @@ public:
         if (feed_ && !feed_->start(error))
             return false;
         start_ns_ = hdmi_sim::now_ns();
-        return announcer_.start(error);
+        return start_receiver(error);
     }
 
     void disconnect() override
     {
-        announcer_.stop();
+        stop_receiver();
         if (feed_)
             feed_->stop();
     }
@@ -45,14 +44,16 @@ public:
         account.overruns = real_capture_stats().xruns;
         account.breaks = feed_ ? feed_->breaks() : 0;
         account.drift_ppm = feed_ ? feed_->track()->drift_ppm() : 0;
-        account.announced = announcer_.announced();
-        account.rate_messages = announcer_.rate_messages();
+        for (const hdmi_linux_receiver_event_t& event : receiver_events())
+            if (event.announced)
+                account.announced.push_back({event.time_ns, event.text});
+            else
+                account.rate_messages.emplace_back(event.text);
         return account;
     }
 
 private:
     std::unique_ptr<AlsaFeed> feed_; ///< null: the source is not ours
-    Announcer announcer_;
     int64_t start_ns_ = 0;
 };
 

@@ -36,11 +36,14 @@ struct Platform {
     decltype(&vendor_hdmi_cec_init) cec_init = nullptr;
     decltype(&vendor_hdmi_cec_open_arc) cec_open_arc = nullptr;
     decltype(&vendor_hdmi_cec_deinit) cec_deinit = nullptr;
-    decltype(&hdmi_linux::check_config) check_config = nullptr;     ///< of the Linux platform only
-    decltype(&hdmi_linux::playback_stats) playback_stats = nullptr; ///< likewise
-    decltype(&hdmi_linux::capture_stats) capture_stats = nullptr;   ///< likewise
-    decltype(&hdmi_linux::bypass_stats) bypass_stats = nullptr;     ///< likewise
-    decltype(&hdmi_linux::cec_stats) cec_stats = nullptr;           ///< likewise
+    decltype(&hdmi_linux::check_config) check_config = nullptr;      ///< of the Linux platform only
+    decltype(&hdmi_linux::playback_stats) playback_stats = nullptr;  ///< likewise
+    decltype(&hdmi_linux::capture_stats) capture_stats = nullptr;    ///< likewise
+    decltype(&hdmi_linux::bypass_stats) bypass_stats = nullptr;      ///< likewise
+    decltype(&hdmi_linux::cec_stats) cec_stats = nullptr;            ///< likewise
+    decltype(&hdmi_linux_receiver_start) receiver_start = nullptr;   ///< likewise
+    decltype(&hdmi_linux_receiver_stop) receiver_stop = nullptr;     ///< likewise
+    decltype(&hdmi_linux_receiver_events) receiver_events = nullptr; ///< likewise
 };
 
 template <typename Function> bool look_up(void* library, const char* name, Function* function)
@@ -79,7 +82,10 @@ bool look_up_own(void* library, Platform* platform)
            look_up(library, "_ZN10hdmi_linux14playback_statsEv", &platform->playback_stats) &&
            look_up(library, "_ZN10hdmi_linux13capture_statsEv", &platform->capture_stats) &&
            look_up(library, "_ZN10hdmi_linux12bypass_statsEv", &platform->bypass_stats) &&
-           look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats);
+           look_up(library, "_ZN10hdmi_linux9cec_statsEv", &platform->cec_stats) &&
+           look_up(library, "hdmi_linux_receiver_start", &platform->receiver_start) &&
+           look_up(library, "hdmi_linux_receiver_stop", &platform->receiver_stop) &&
+           look_up(library, "hdmi_linux_receiver_events", &platform->receiver_events);
 }
 
 /// The simulation: the next library after this program in the search order of the loader.
@@ -99,7 +105,6 @@ const Platform& simulated()
 struct Router {
     Platform machine;
     Routes routes;
-    std::atomic<SeamTap*> capture_tap{nullptr};
     std::atomic<SeamTap*> playback_tap{nullptr};
     std::atomic<Trace*> trace{nullptr};
     std::atomic<int64_t> blocks{0};
@@ -127,10 +132,7 @@ const Platform& behind(const audio_config_t* config)
 
 const Platform& cec() { return router().routes.real_cec ? router().machine : simulated(); }
 
-SeamTap* tap_of(const audio_config_t* config)
-{
-    return is_capture(config) ? router().capture_tap : router().playback_tap;
-}
+SeamTap* tap_of(const audio_config_t* config) { return is_capture(config) ? nullptr : router().playback_tap.load(); }
 
 // The decoder is the simulation's, which knows of its own device only.
 void tell_decoder(const audio_config_t* config, hdmi_sim::CaptureNews news)
@@ -250,7 +252,28 @@ hdmi_linux::CecStats real_cec_stats()
     return r.routes.real_cec ? r.machine.cec_stats() : hdmi_linux::CecStats{};
 }
 
-void tap_capture(SeamTap* tap) { router().capture_tap = tap; }
+bool start_receiver(std::string* error)
+{
+    char why[256] = "";
+    if (router().machine.receiver_start(why, sizeof why) == 0)
+        return true;
+    *error = why;
+    return false;
+}
+
+void stop_receiver() { router().machine.receiver_stop(); }
+
+std::vector<hdmi_linux_receiver_event_t> receiver_events()
+{
+    const Router& r = router();
+    if (!r.routes.real_capture)
+        return {};
+    std::vector<hdmi_linux_receiver_event_t> events(static_cast<size_t>(r.machine.receiver_events(nullptr, 0)));
+    // It was stopped before, or what came meanwhile is left out.
+    r.machine.receiver_events(events.data(), static_cast<int>(events.size()));
+    return events;
+}
+
 void tap_playback(SeamTap* tap) { router().playback_tap = tap; }
 
 PlaybackTrace::PlaybackTrace(Trace* trace) { router().trace = trace; }
@@ -289,9 +312,6 @@ SEAM int aio_device_read(audio_config_t* config, uint8_t* data, int size)
     int result = behind(config).read(config, data, size);
     if (result > 0)
         play::tell_decoder(config, hdmi_sim::CaptureNews::delivered);
-    play::SeamTap* tap = play::tap_of(config);
-    if (result > 0 && tap != nullptr)
-        tap->captured(data, result, play::now_ns());
     return result;
 }
 

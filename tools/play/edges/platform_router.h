@@ -4,12 +4,13 @@
  * The platform that the player sees. The program itself exports the devices'
  * functions, and passes each call on to the simulated platform or to the
  * machine's own devices (libhdmiplayer_linux.so, loaded only when asked for):
- * one of them for capture, one for playback. A SeamTap sees what passes.
+ * one of them for capture, one for playback. A SeamTap sees what is played.
  */
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "aio_device.h"
 #include "config/config_faults.h"
@@ -44,8 +45,14 @@ hdmi_linux::DeviceStats real_capture_stats();
 hdmi_linux::BypassStats real_bypass_stats();
 hdmi_linux::CecStats real_cec_stats();
 
+/// Announces to the player what the real capture device receives, from now on. @return false with one line in @p error
+bool start_receiver(std::string* error);
+void stop_receiver();
+/// What it announced and found; empty without real devices.
+std::vector<hdmi_linux_receiver_event_t> receiver_events();
+
 /**
- * Sees what passes one device, after the platform's function and on the
+ * Sees what passes the playback device, after the platform's function and on the
  * player's thread: must be quick, may not wait for the player.
  */
 class SeamTap
@@ -54,13 +61,10 @@ public:
     virtual ~SeamTap() = default;
     /// The device was opened, and what follows is another stream.
     virtual void opened(const audio_config_t&) {}
-    /// @p bytes were read until @p now_ns.
-    virtual void captured(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/) {}
     /// @p bytes were written until @p now_ns; the device then had @p delay_frames to play, negative: it does not know.
     virtual void written(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/, int /*delay_frames*/) {}
 };
 /// Null: none. The tap must stay as long as the player may call.
-void tap_capture(SeamTap* tap);
 void tap_playback(SeamTap* tap);
 
 /// Writes to the trace what the playback device takes, and how much it then has to play; null: nothing. One at a time;

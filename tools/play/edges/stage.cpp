@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "edges/alsa_pcm.h"
-#include "edges/announcer.h"
 #include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "hdmi_sim.h"
@@ -84,10 +83,8 @@ bool Stage::prepare(const Options& options, std::string* error)
     if (!devices_are_there(options, error) ||
         !set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty()}, error))
         return false;
-    // The machine's own driver announces in the machine's own namespaces.
-    if (!options.capture.empty() && Announcer::driver_announces())
-        return true;
-    return hdmi_sim::enter_private_namespaces(error);
+    // What a real device receives, its platform announces.
+    return !options.capture.empty() || hdmi_sim::prepare_announcements(error);
 }
 
 ConfigUse Stage::config_use(const Options& options)

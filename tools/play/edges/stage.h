@@ -42,8 +42,8 @@ struct DeviceDisturbances {
 class Stage
 {
 public:
-    /// Loads the platform of real devices, and checks that they can be opened. Enters private namespaces for the
-    /// receiver's announcements, unless the machine's own driver announces. Call while the process has one thread.
+    /// Loads the platform of real devices, and checks that they can be opened. Readies the announcements of a simulated
+    /// receiver. Call while the process has one thread.
     static bool prepare(const Options& options, std::string* error);
 
     /// What it uses of the machine's configuration.

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "edges/signal_watch.h"
+#include "signal_watch.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 
-namespace play
+namespace hdmi_linux
 {
 namespace
 {
@@ -199,4 +199,4 @@ std::string RateWatch::look(const LinkState& announced, const LinkEvidence& evid
     return text;
 }
 
-} // namespace play
+} // namespace hdmi_linux

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-namespace play
+namespace hdmi_linux
 {
 
 enum class Content { unknown, pcm, compressed };
@@ -120,4 +120,4 @@ private:
     double named_ = 0; ///< the rate that the last message was about
 };
 
-} // namespace play
+} // namespace hdmi_linux
