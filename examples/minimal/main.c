@@ -5,6 +5,10 @@
  *
  *     minimal [SECONDS]
  *
+ * On the simulated platform HDMIPLAYER_SIM_SIGNAL=programme gives it a source
+ * (hdmi_sim_control.h); on Linux `hdmi-player-run -- minimal` lets it hear the
+ * capture card.
+ *
  * The part marked as the host is the one of hdmi_player.h and README.md, line
  * for line. What stands before it is a product's own: where frames come from,
  * what shows them, what is done to the sound. Here that is next to nothing, but
@@ -12,6 +16,7 @@
  */
 #include <hdmi_player.h>
 #include <limits.h>
+#include <math.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdatomic.h>
@@ -28,8 +33,9 @@ enum { PANEL_MS = 20, PLANNED_MS = 76 };
 enum { FLIPS_HELD_MS = PANEL_MS < PLANNED_MS ? PLANNED_MS - PANEL_MS : 0 };
 enum { SOUND_HELD_MS = PANEL_MS > PLANNED_MS ? PANEL_MS - PLANNED_MS : 0 };
 
-static atomic_long received, shown, dropped, blocks;
+static atomic_long received, shown, dropped;
 static atomic_bool running = true;
+static double seconds_heard, loudest; /* of full scale */
 
 /* Waits for the input's next frame. */
 static hdmi_player_video_frame_t receive_frame(void)
@@ -125,10 +131,15 @@ static void hold_sound(hdmi_player_audio_frame_t* block)
     }
 }
 
+/* Listens, and holds the sound. */
 static void process(hdmi_player_audio_frame_t* block)
 {
+    const int16_t* samples = (const int16_t*)block->data;
+    const int count = block->size / (int)sizeof(samples[0]);
+    seconds_heard += (double)count / block->channels / block->sample_rate;
+    for (int i = 0; i < count; i++)
+        loudest = fmax(loudest, abs(samples[i]) / 32768.0);
     hold_sound(block);
-    blocks++;
 }
 
 /* --- The host ------------------------------------------------------------- */
@@ -231,7 +242,7 @@ int main(int argc, char** argv)
     pthread_join(display, NULL);
     if (error != 0)
         return EXIT_FAILURE;
-    printf("%ld frames shown, %ld not shown, %ld back at close; %ld blocks of sound\n", shown, dropped,
-           received - shown - dropped, blocks);
+    printf("%ld frames shown, %ld not shown, %ld back at close; %.1f s of sound heard, peak %.1f dBFS\n", shown,
+           dropped, received - shown - dropped, seconds_heard, 20 * log10(loudest));
     return EXIT_SUCCESS;
 }
