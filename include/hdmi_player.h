@@ -202,17 +202,21 @@
  *
  * ## The panel's latency
  *
- * The player plans for a panel that needs 76 ms from a flip to light. On a panel
- * that needs another time, L ms, the host makes up for the difference:
+ * The player plans for a panel that needs 76 ms from a flip to light. Around this
+ * plan, starts differ by the phases of captures, bursts and vertical blanks: on
+ * one the sound is 25 ms early, on another 25 ms late. Viewers notice early sound
+ * much sooner (ATSC IS-191 allows 15 ms early, 45 ms late). So it is best to let
+ * the sound be 15 ms later than planned, as if for 61 ms. On a panel that needs
+ * L ms the host makes up for the difference:
  *
- * - L below 76: the host holds each flip for 76 - L ms. A held flip waits in a
+ * - L below 61: the host holds each flip for 61 - L ms. A held flip waits in a
  *   queue of the host's, first in, first out, until its time has come, and then
  *   goes to the display for the coming vertical blank. Its buffer is in use
- *   meanwhile: the host has (76 - L) x frames per second / 1000 more of them.
+ *   meanwhile: the host has (61 - L) x frames per second / 1000 more of them.
  *   A flip counts for the refresh in which it was made, so the even way is to
- *   hold it for whole refreshes, up to the next above 76 - L, and to hold the
+ *   hold it for whole refreshes, up to the next above 61 - L, and to hold the
  *   sound for the excess.
- * - L above 76: the host holds the sound for L - 76 ms, between
+ * - L above 61: the host holds the sound for L - 61 ms, between
  *   hdmi_player_get_pcm() and hdmi_player_write_pcm(). Each sequence (each new
  *   serial) then begins with as much silence, and the sound behind it moves,
  *   while the stamps of the blocks stay as they are. If the stamps moved with the
@@ -227,8 +231,8 @@
  * - Close: flips that are held when hdmi_player_close() returns stay the host's,
  *   to be shown or not. Held sound that is to be heard is written before.
  * - RAW on S/PDIF or ARC: the sound passes the host by and cannot be held, and
- *   frames are flipped as they come. Nothing is planned for 76 ms there: on a
- *   panel that is slower than the sound, the sound stays early.
+ *   frames are flipped as they come. There is no plan: on a panel that is slower
+ *   than the sound, the sound stays early.
  *
  * ## Length of the video queue
  *

@@ -22,8 +22,9 @@ TEST(Holds, MakeUpForTheDifferenceToTheNanosecond)
     for (double hz : {24.0, 50.0, 60000.0 / 1001, 60.0, 240.0})
         for (bool vblanks : {true, false})
             for (int64_t later_ns : {-1000 * kMs, -74 * kMs, int64_t{-1}, int64_t{0}, int64_t{1}, 16 * kMs, 20 * kMs,
-                                     76 * kMs, 276 * kMs}) {
-                const Holds holds = plan_holds(later_ns, hz, vblanks);
+                                     61 * kMs, 261 * kMs}) {
+                const int64_t offset_ns = later_ns > 61 * kMs ? -200 * kMs : 50 * kMs;
+                const Holds holds = plan_holds(76 * kMs - 15 * kMs - offset_ns - later_ns, offset_ns, hz, vblanks);
                 EXPECT_EQ(holds.flip_ns - holds.sound_ns, later_ns) << hz;
                 EXPECT_EQ(holds.holds_flips(), later_ns > 0);
                 EXPECT_GE(holds.sound_ns, 0);

@@ -7,8 +7,9 @@
 namespace common
 {
 
-Holds plan_holds(int64_t light_later_ns, double refresh_hz, bool vblanks_known)
+Holds plan_holds(int64_t latency_ns, int64_t offset_ns, double refresh_hz, bool vblanks_known)
 {
+    const int64_t light_later_ns = kPlannedLatencyNs - kAimNs - latency_ns - offset_ns;
     if (light_later_ns <= 0)
         return {0, 0, -light_later_ns};
     if (!vblanks_known)

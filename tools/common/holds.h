@@ -13,6 +13,9 @@ namespace common
 
 /// What the player plans for, from a flip's vertical blank to light.
 constexpr int64_t kPlannedLatencyNs = 76'000'000;
+/// How much later than that plan the sound is wanted. Starts differ by the phases of captures, bursts and vertical
+/// blanks; sound is by about 25 ms early or late then. Viewers tolerate 15 ms early and 45 ms late (ATSC IS-191).
+constexpr int64_t kAimNs = 15'000'000;
 
 /// How long flips and sound wait. Of a display whose vertical blanks are known, flips wait for whole refreshes: then
 /// each of them reaches the screen as evenly as without.
@@ -25,9 +28,9 @@ struct Holds {
 };
 
 /**
- * @p light_later_ns: how much later light has to come, compared with the sound, than it does without holds; negative:
- * how much later sound has to. What whole refreshes are too many is held from the sound as well.
+ * For a panel that needs @p latency_ns from a flip's vertical blank to light, and sound that is wanted later by
+ * @p offset_ns (negative: earlier). What whole refreshes are too many is held from the sound as well.
  */
-Holds plan_holds(int64_t light_later_ns, double refresh_hz, bool vblanks_known);
+Holds plan_holds(int64_t latency_ns, int64_t offset_ns, double refresh_hz, bool vblanks_known);
 
 } // namespace common

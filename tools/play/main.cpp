@@ -146,9 +146,8 @@ common::Holds holds_for(const Options& options, const Display& display)
 {
     if (options.raw || options.no_hold)
         return {};
-    const int64_t light_later_ns =
-        common::kPlannedLatencyNs - (options.display_latency_ms() + options.av_offset_ms) * kMs;
-    return common::plan_holds(light_later_ns, display.refresh_hz(), display.paced());
+    return common::plan_holds(options.display_latency_ms() * kMs, options.av_offset_ms * kMs, display.refresh_hz(),
+                              display.paced());
 }
 
 HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, Display* display, FlipGate* gate,

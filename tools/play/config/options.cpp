@@ -159,7 +159,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--no-hold", options->no_hold,
-                  "Control: hold neither flips nor sound for the display's latency; must fail unless that is near 76");
+                  "Control: hold neither flips nor sound; must fail unless the display's latency is near 76");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
     app->footer(kFooter);
 }
