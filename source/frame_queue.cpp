@@ -117,12 +117,18 @@ void log_state_error(const frame_queue_t& q, const frame_info_t& record, const c
            f.buf_size, lli(f.pts), f.channels, f.sample_rate, record.state);
 }
 
+/// Counts a change of the done list. All writers hold the mutex: the counter needs no atomic addition.
+void add_done(frame_queue_t& q, int32_t change) REQUIRES(q.mutex)
+{
+    q.done_frames_count.store(q.done_frames_count.load(std::memory_order_relaxed) + change, std::memory_order_release);
+}
+
 /// Takes a record off the done list.
 void unlink_done(frame_queue_t& q, frame_info_t& record) REQUIRES(q.mutex)
 {
     list_del(&record.node);
     if (q.done_frames_count > 0)
-        --q.done_frames_count;
+        add_done(q, -1);
 }
 
 /// Makes a record available to acquire; its buffer and serial stay. One that is free already is not counted again.
@@ -145,14 +151,26 @@ frame_info_t* make_acquired(frame_queue_t& q, frame_info_t& record) REQUIRES(q.m
     return &record;
 }
 
-/// Wakes one waiter for done frames. While a call waits for a number of frames it wakes
-/// all of them, since the signal could reach that call and leave a consumer asleep.
-void signal_done(frame_queue_t& q) REQUIRES(q.mutex)
+/// Wakes one waiter for done frames, if there is any. While a call waits for a number of frames it wakes all of them,
+/// since the signal could reach that call and leave a consumer asleep. Releases the mutex first: who is woken needs it.
+void unlock_and_signal_done(frame_queue_t& q, mutex_guard& lock) NO_THREAD_SAFETY_ANALYSIS
 {
-    if (q.count_waiters > 0)
+    const bool all = q.count_waiters > 0;
+    const bool any = q.done_waiters > 0;
+    lock.unlock();
+    if (all)
         pthread_cond_broadcast(&q.cond);
-    else
+    else if (any)
         pthread_cond_signal(&q.cond);
+}
+
+/// As above, for one of those who wait for a frame of the pool.
+void unlock_and_signal_pool(frame_queue_t& q, mutex_guard& lock) NO_THREAD_SAFETY_ANALYSIS
+{
+    const bool any = q.pool_waiters > 0;
+    lock.unlock();
+    if (any)
+        pthread_cond_signal(&q.cond_acquire);
 }
 
 uint8_t* allocate(int32_t size)
@@ -237,7 +255,9 @@ frame_info_t* acquire(frame_queue_t& q, mutex_guard& lock, int32_t size, const c
         if (q.pool_frames_count < q.pool_frames_max) {
             record = grow(q, size, function);
         } else if (q.free_frames_count <= 0 && !q.pool_wakeup) {
+            ++q.pool_waiters;
             lock.wait(q.cond_acquire);
+            --q.pool_waiters;
             if (acquire_ended(q, function))
                 return nullptr;
             continue;
@@ -269,7 +289,9 @@ bool wait_done(frame_queue_t& q, mutex_guard& lock, int32_t timeout_ms, const ch
             log_as(function, LOG_LEVEL_D, "[%s] done_frames_count:%d\n", q.name, q.done_frames_count.load());
             return true;
         }
+        ++q.done_waiters;
         const int err = lock.wait_until(q.cond, get_monotonic_timeout_us(uint64_t{wait_ms} * 1000));
+        --q.done_waiters;
         if (err == ETIMEDOUT)
             log_as(function, LOG_LEVEL_D, "[%s] wait timeout, err(%d): %s\n", q.name, err, strerror(err));
         else if (err != 0)
@@ -471,9 +493,9 @@ int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame)
     }
     list_add_tail(&frame->node, &q->list_done_frames);
     frame->state = E_FRAME_NODE_STATE_QUEUED;
-    ++q->done_frames_count;
+    add_done(*q, 1);
     log_state(*q, *frame, __func__);
-    signal_done(*q);
+    unlock_and_signal_done(*q, lock);
     return 0;
 }
 
@@ -511,7 +533,7 @@ int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame)
     }
     make_free(*q, *record);
     log_state(*q, *record, __func__);
-    pthread_cond_signal(&q->cond_acquire);
+    unlock_and_signal_pool(*q, lock);
     return 0;
 }
 
@@ -548,8 +570,11 @@ int32_t frame_queue_wait_done_frame(int32_t id, int32_t count)
     mutex_guard lock(q->mutex);
     ++q->count_waiters;
     while (q->done_frames_count < count) {
-        if (!q->abort)
+        if (!q->abort) {
+            ++q->done_waiters;
             lock.wait(q->cond);
+            --q->done_waiters;
+        }
         if (q->abort) {
             log_w("[%s] frame_queue abort\n", q->name);
             break;
@@ -572,7 +597,7 @@ void frame_queue_done_wakeup(int32_t id)
         return;
     mutex_guard lock(q->mutex);
     q->done_wakeup = true;
-    signal_done(*q);
+    unlock_and_signal_done(*q, lock);
 }
 
 void frame_queue_pool_wakeup(int32_t id)
@@ -582,5 +607,5 @@ void frame_queue_pool_wakeup(int32_t id)
         return;
     mutex_guard lock(q->mutex);
     q->pool_wakeup = true;
-    pthread_cond_signal(&q->cond_acquire);
+    unlock_and_signal_pool(*q, lock);
 }

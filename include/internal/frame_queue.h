@@ -62,6 +62,8 @@ typedef struct frame_queue_s {
     bool done_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a done frame
     bool pool_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a pool frame
     int32_t count_waiters GUARDED_BY(mutex); ///< calls in frame_queue_wait_done_frame()
+    int32_t done_waiters GUARDED_BY(mutex);  ///< calls that wait on cond, those of count_waiters included
+    int32_t pool_waiters GUARDED_BY(mutex);  ///< calls that wait on cond_acquire
 } frame_queue_t;
 
 extern resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX];
