@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <strings.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,7 +43,7 @@ constexpr size_t kTextSize = 512; // with the NUL
 // The kernel doubles it, to less than what sockets usually have: a burst of events overruns it soon.
 constexpr int kUeventBufferBytes = 65536;
 constexpr uint32_t kAllUeventGroups = 0xFFFFFFFF;
-constexpr int kPollMs = 50; // bounds how long a stop takes
+constexpr int kPollMs = 50; // how soon a state that stays unsupported is reported
 
 // The rate first: a reader that sees the new format must see its rate.
 void store_state(audio_input_format_e format, int32_t sample_rate)
@@ -380,12 +381,28 @@ void report_state(input_state* state, int64_t now_us)
     g_ai_info.changed_cb(report.changed, nullptr);
 }
 
-void close_uevent_socket()
+void close_descriptor(int& fd)
 {
-    if (g_ai_info.uevent_fd < 0)
-        return;
-    close(g_ai_info.uevent_fd);
-    g_ai_info.uevent_fd = -1;
+    if (fd >= 0)
+        close(fd);
+    fd = -1;
+}
+
+// Ends both threads, of which the detection thread may wait for an event.
+void request_stop()
+{
+    g_ai_info.abort_request = true;
+    if (g_ai_info.stop_fd >= 0)
+        eventfd_write(g_ai_info.stop_fd, 1);
+}
+
+// Waits for an event or a stop, by time only where time decides; poll()'s result for the uevent socket.
+int await_uevent(int uevent_fd, bool overrun, bool state_pending)
+{
+    struct pollfd ready[] = {{uevent_fd, POLLIN, 0}, {g_ai_info.stop_fd, POLLIN, 0}};
+    const int limit_ms = overrun ? 0 : state_pending || g_ai_info.stop_fd < 0 ? kPollMs : -1;
+    const int count = poll(ready, 2, limit_ms);
+    return count > 0 && ready[0].revents == 0 ? 0 : count;
 }
 
 // What a receive got from the uevent socket.
@@ -410,8 +427,9 @@ void watch_uevents(int uevent_fd)
     // messages that wait there are older than the lost ones. The state file is therefore read after them.
     bool overrun = false;
     while (!g_ai_info.abort_request) {
-        struct pollfd ready = {uevent_fd, POLLIN, 0};
-        const int count = poll(&ready, 1, overrun ? 0 : kPollMs);
+        const int count = await_uevent(uevent_fd, overrun, state.state_changed);
+        if (g_ai_info.abort_request)
+            return;
         if (count > 0) {
             const received_e received = receive_message(uevent_fd, &state);
             overrun = overrun || received == received_e::overrun;
@@ -442,7 +460,7 @@ void* format_detect(void*)
         return nullptr;
     }
     watch_uevents(g_ai_info.uevent_fd);
-    close_uevent_socket();
+    close_descriptor(g_ai_info.uevent_fd);
     log_i("monitor state stop ...\n");
     return nullptr;
 }
@@ -481,6 +499,7 @@ void clear_record() REQUIRES(g_ai_info.api_rwlock)
     g_ai_info.stream_broken = false;
     g_ai_info.read_failing = false;
     g_ai_info.uevent_fd = -1;
+    g_ai_info.stop_fd = -1;
 }
 
 void prepare_record(const audio_input_config_t& cfg)
@@ -494,6 +513,7 @@ void prepare_record(const audio_input_config_t& cfg)
     g_ai_info.changed_cb = cfg.changed_cb;
     // Before the state is read: a change that comes while the device opens would be lost for good otherwise.
     g_ai_info.uevent_fd = open_uevent_socket();
+    g_ai_info.stop_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
 void release_queue(int32_t queue, const char* function)
@@ -519,7 +539,8 @@ void teardown(const char* function) REQUIRES(g_ai_info.api_rwlock)
     release_queue(g_ai_info.pcm_frame_queue, function);
     close_device();
     forget_device();
-    close_uevent_socket();
+    close_descriptor(g_ai_info.uevent_fd);
+    close_descriptor(g_ai_info.stop_fd);
     pthread_attr_destroy(&g_ai_info.attr);
     g_ai_info.internal_mutex.destroy();
     clear_record();
@@ -625,7 +646,7 @@ bool finish_start()
         g_ai_info.initialized = true;
         return true;
     }
-    g_ai_info.abort_request = true;
+    request_stop();
     const pthread_t detection = g_ai_info.format_detect_thread;
     api.unlock(); // the detection thread waits for it
     pthread_join(detection, nullptr);
@@ -718,7 +739,7 @@ int32_t audio_input_deinit(void)
         log_w("module not initialized\n");
         return -1;
     }
-    g_ai_info.abort_request = true;
+    request_stop();
     pthread_t detection = 0;
     pthread_t reader = 0;
     {

@@ -63,6 +63,7 @@ typedef struct audio_input_info_s {
     std::atomic<bool> reading{false};  ///< the read thread may be blocked in the device
     bool read_failing = false;         ///< reads fail, and that was reported; read thread only
     int uevent_fd = -1;                ///< opened by init, then the detection thread's
+    int stop_fd = -1;                  ///< an eventfd that ends the detection thread's wait; -1: none; as uevent_fd
     mutex_t deinit_mutex;              ///< one deinit at a time; taken before every other lock
 } audio_input_info_t;
 
