@@ -22,6 +22,7 @@ constexpr int32_t kDefaultSampleRate = 48000;
 constexpr int32_t kDefaultChannels = 2;
 constexpr int32_t kBytesPerSample = 2;
 constexpr int32_t kDequeueTimeoutMs = 100;
+constexpr int32_t kNoTimeout = -1;
 /// How often a decoder that signals nothing is asked for output.
 constexpr uint64_t kReadPollUs = 10000;
 /// Pause after a source or a queue that refused at once, so that its thread does not spin.
@@ -267,17 +268,33 @@ void demux_chunk(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
     info->wait_iec61937 = true;
 }
 
+// PCM comes another way: nothing is expected here, a chunk that comes all the same ends the wait, and so does a stop.
+// With the log of the queue on, its time-outs go on showing.
+int32_t dequeue_timeout(const dolby_info_t* info)
+{
+    return info->strategy == DOLBY_STRATEGY_PCM && !log_enabled(LOG_LEVEL_D) ? kNoTimeout : kDequeueTimeoutMs;
+}
+
+// The next chunk; null when none came. A source that is not started yet answers at once: to ask it without a pause
+// would be a busy loop.
+hdmi_player_audio_frame_t* fetch_chunk(dolby_info_t* info)
+{
+    const uint64_t begin_ns = system_time(CLOCK_MONOTONIC);
+    hdmi_player_audio_frame_t* chunk = info->input_queue_dequeue_cb(dequeue_timeout(info));
+    if (chunk == nullptr && system_time(CLOCK_MONOTONIC) - begin_ns < uint64_t{kRefusedPauseUs} * 1000)
+        usleep(kRefusedPauseUs);
+    return chunk;
+}
+
 void* dolby_demux(void* arg)
 {
     auto* info = static_cast<dolby_info_t*>(arg);
     set_thread_name("dolby_demux");
     log_i("thread_id: %llx\n", llu(pthread_self()));
     while (!info->abort_request) {
-        hdmi_player_audio_frame_t* chunk = info->input_queue_dequeue_cb(kDequeueTimeoutMs);
-        if (chunk == nullptr) {
-            usleep(kRefusedPauseUs);
+        hdmi_player_audio_frame_t* chunk = fetch_chunk(info);
+        if (chunk == nullptr)
             continue;
-        }
         if (info->strategy == DOLBY_STRATEGY_DECODE)
             demux_chunk(info, chunk);
         else

@@ -227,6 +227,20 @@ TEST(BurstPreamble, OnlyTheErrorFlagAndTheSevenLowBitsOfPcCount)
     EXPECT_EQ(nullptr, search(join({Bytes(93), part_of(kBurst, 0, 7)})).payload) << "a sync too late to be looked for";
 }
 
+TEST(BurstPreamble, SyncIsFoundWhereAByteForByteSearchFindsIt)
+{
+    // Few kinds of bytes: many that could begin a sync, and many syncs.
+    uint32_t seed = 1;
+    for (size_t size = 0; size < 600; ++size) {
+        Bytes bytes(size);
+        for (uint8_t& byte : bytes)
+            byte = kBurstSync[(seed = seed * 1664525 + 1013904223) >> (size % 3 == 0 ? 31 : 30)];
+        const auto expected = std::search(bytes.begin(), bytes.end(), std::begin(kBurstSync), std::end(kBurstSync));
+        const uint8_t* const found = burst_find_sync({bytes.data(), static_cast<uint32_t>(size)});
+        ASSERT_EQ(found != nullptr ? found - bytes.data() : static_cast<ptrdiff_t>(size), expected - bytes.begin());
+    }
+}
+
 // The parser with the decoder behind it, on a record of its own, without threads.
 TEST(BurstParser, AChunkWithoutABurstOrAFailedSendIsReportedAndTheNextGoodBurstIsFound)
 {
