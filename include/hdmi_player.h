@@ -283,6 +283,13 @@
  * The capture thread asks for round-robin scheduling at priority 99
  * (CAP_SYS_NICE or RLIMIT_RTPRIO permits it). Without the permission the player
  * warns once and captures with the scheduling of the thread that opened it.
+ *
+ * All other threads of the player inherit the scheduling of the thread that
+ * starts them: the one that calls hdmi_player_open() and, for the pacing of
+ * video, also the one that calls hdmi_player_video_render(), because an A/V
+ * sync reset starts the pacing anew. A host whose machine has other work to do
+ * makes these calls from threads of real-time priority. Without it, flips are
+ * late by milliseconds while all processors are busy.
  */
 #ifndef HDMI_PLAYER_H
 #define HDMI_PLAYER_H

@@ -331,6 +331,7 @@ void* audio_output_write_thread(void* arg)
     if (info->enable_log)
         log_i(">>>\n");
     set_thread_name("audio_write");
+    set_exact_timers();
     log_i("thread_id: %lli\n", lli(pthread_self()));
     writer_state state;
     while (!info->abort_request) {

@@ -166,3 +166,5 @@ int convert_sample_rate_to_frames(int rate)
 }
 
 void set_thread_name(const char* name) { prctl(PR_SET_NAME, name); }
+
+void set_exact_timers(void) { prctl(PR_SET_TIMERSLACK, 1UL); } // 1 ns: 0 would mean the default

@@ -29,7 +29,7 @@ namespace
 using pacing::kUnset;
 using pacing::subtract;
 
-constexpr uint32_t kIdleWaitUs = 10000;
+constexpr uint64_t kIdleWaitUs = 10000;
 
 sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_info_t*>(handle); }
 
@@ -205,21 +205,91 @@ bool frame_render_by_vsync(int64_t release_time, int64_t sampled_vsync_time, int
 namespace
 {
 
-// Has the sync thread look again, now or, while it is busy, at its next wait.
-void wake_sync_thread(sync_strategy_info_t& sync)
+using oru_player = sync_strategy_info_Oru_player_t;
+
+constexpr uint64_t kNoLimit = UINT64_MAX; ///< for a sleep that only news ends
+
+enum class news {
+    frame,   ///< one was queued
+    setting, ///< mode or state
+    clock,   ///< the audio clock has a new anchor
+    vblank,  ///< the display has reached one
+    restart, ///< the history is to be forgotten
+};
+
+// Whether every step shows in the log, so that none may be left out.
+bool steps_are_logged(const sync_strategy_info_t& sync) { return sync.enable_log || log_enabled(LOG_LEVEL_D); }
+
+// The vertical blanks as far as they are known.
+pacing::vsync_grid grid_of(sync_strategy_info_t& sync)
 {
-    mutex_guard guard(sync.sync_thread_mutex);
-    sync.sync_thread_wake = true;
-    pthread_cond_signal(&sync.sync_thread_cond);
+    pacing::vsync_grid grid;
+    grid.sampled_time = sync.last_vsync_system_time;
+    if (grid.sampled_time != kUnset)
+        grid.duration = pacing::refresh_duration(display_of(sync).vrefresh);
+    return grid;
 }
 
-// The sync thread's wait: until there is news, the time has passed, or a stop.
-void wait_for_news(sync_strategy_info_t& sync, uint32_t timeout_us)
+// Whether a step now would do more than wait for as long as the sync thread sleeps anyway. Decides as the step does.
+bool is_worth_a_step(sync_strategy_info_t& sync) REQUIRES(sync.sync_thread_mutex)
 {
-    const struct timespec deadline = get_monotonic_timeout_us(timeout_us);
+    const auto& player = reinterpret_cast<const oru_player&>(sync);
+    const int64_t now = system_time_us();
+    if (now < player.frame_timer)
+        return true; // the clock was set back
+    int64_t audio_clock_pts = 0;
+    int64_t release_time = 0;
+    synchronizer_get_current_media_time(&sync, &audio_clock_pts);
+    synchronizer_get_release_time(&sync, player.waiting_pts, &release_time);
+    const pacing::frame_offset offset = pacing::offset_of(
+        player.waiting_pts, {signed_pts(player.last_frame), player.last_frame_system_time}, now, audio_clock_pts);
+    const int64_t due = add_saturated(player.frame_timer, offset.delay);
+    const pacing::vsync_grid grid = grid_of(sync);
+    return now >= due || due < player.waiting_until ||
+           pacing::due_at_vsync(pacing::flip_target(release_time, grid), grid);
+}
+
+// Whether @p what can change anything for the sync thread.
+bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.sync_thread_mutex)
+{
+    const sync_wait_e wait = sync.sync_thread_wait;
+    if (wait == E_SYNC_WAIT_NONE || what == news::restart)
+        return true; // for the step under way it comes too late
+    if (what == news::setting)
+        return wait == E_SYNC_WAIT_FRAME; // a frame that waits is looked at soon enough
+    if (wait == E_SYNC_WAIT_AUDIO || steps_are_logged(sync))
+        return true;
+    if (wait == E_SYNC_WAIT_FRAME)
+        return what == news::frame;
+    return what != news::frame && is_worth_a_step(sync); // one that was queued is behind the oldest
+}
+
+// Has the sync thread look again, now or, while it is busy, at its next wait, if the news concern it.
+void wake_sync_thread(sync_strategy_info_t& sync, news what)
+{
     mutex_guard guard(sync.sync_thread_mutex);
-    while (!sync.sync_thread_wake && !sync.sync_thread_exit && guard.wait_until(sync.sync_thread_cond, deadline) == 0) {
+    if (!concerns_sync_thread(sync, what))
+        return;
+    sync.sync_thread_wake = true;
+    const bool asleep = sync.sync_thread_wait != E_SYNC_WAIT_NONE;
+    guard.unlock();
+    if (asleep)
+        pthread_cond_signal(&sync.sync_thread_cond);
+}
+
+// The sync thread's sleep: until there is news that concerns it, the time has passed, or a stop.
+void wait_for_news(sync_strategy_info_t& sync, sync_wait_e what, uint64_t timeout_us)
+{
+    const struct timespec deadline = get_monotonic_timeout_us(timeout_us != kNoLimit ? timeout_us : 0);
+    mutex_guard guard(sync.sync_thread_mutex);
+    sync.sync_thread_wait = what;
+    while (!sync.sync_thread_wake && !sync.sync_thread_exit) {
+        if (timeout_us == kNoLimit)
+            guard.wait(sync.sync_thread_cond);
+        else if (guard.wait_until(sync.sync_thread_cond, deadline) != 0)
+            break;
     }
+    sync.sync_thread_wait = E_SYNC_WAIT_NONE;
     sync.sync_thread_wake = false;
 }
 
@@ -249,6 +319,14 @@ void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::at
 
 // --- Threads --------------------------------------------------------------------
 
+// Without a frame a step does nothing; one that finds no strategy for the mode reports that, again and again.
+uint64_t idle_wait_us(const sync_strategy_info_t& sync)
+{
+    const bool frames_are_shown =
+        sync.state != E_SYNC_STATE_START || sync.mode == E_SYNC_MODE_FREERUN || sync.mode == E_SYNC_MODE_AUDIO_MASTER;
+    return frames_are_shown && !steps_are_logged(sync) ? kNoLimit : kIdleWaitUs;
+}
+
 void* handle_sync_logic(void* arg)
 {
     if (missing(arg, "arg is null"))
@@ -256,6 +334,7 @@ void* handle_sync_logic(void* arg)
     sync_strategy_info_t& sync = base_of(arg);
     log_i("handle_sync_logic thread enter\n");
     set_thread_name("aysync_logic");
+    set_exact_timers();
     log_i("thread_id: %lli\n", lli(pthread_self()));
     if (sync.on_sync_logic == nullptr) {
         log_e("on_sync_logic callback is null\n");
@@ -263,7 +342,7 @@ void* handle_sync_logic(void* arg)
     }
     while (!sync.sync_thread_exit) {
         if (!sync.on_sync_logic(arg))
-            wait_for_news(sync, kIdleWaitUs);
+            wait_for_news(sync, E_SYNC_WAIT_FRAME, idle_wait_us(sync));
     }
     log_i("handle_sync_logic thread exit\n");
     return nullptr;
@@ -279,6 +358,7 @@ void* handle_vsync(void* arg)
         return nullptr;
     }
     set_thread_name("av_sync");
+    set_exact_timers();
     log_i("thread_id: %lli\n", lli(pthread_self()));
     while (!sync.vsync_thread_exit) {
         const synchronizer_drm_info_t display = display_of(sync);
@@ -298,19 +378,16 @@ void* handle_vsync(void* arg)
                                  static_cast<uint32_t>(pacing::refresh_duration(display.vrefresh)));
         }
         const int64_t end = system_time_us();
-        sync.last_vsync_system_time = end;
         if (sync.enable_log)
             log_v("vblank diff:%lli before:%lli end:%lli %ld\n", lli(end - before), lli(before), lli(end),
                   static_cast<long>(int64_t{vbl.reply.tval_sec} * 1000000 + vbl.reply.tval_usec));
-        wake_sync_thread(sync);
+        synchronizer_notify_vblank(arg, end);
     }
     log_i("handle_vsync thread exit\n");
     return nullptr;
 }
 
 // --- Frame pacing ---------------------------------------------------------------
-
-using oru_player = sync_strategy_info_Oru_player_t;
 
 // Every line of a pacing step carries the step's name, whichever helper decides.
 constexpr const char* kStep = "on_Oru_sync_logic";
@@ -428,7 +505,7 @@ bool waited_for_audio(oru_player& player, const pacing::frame_offset& offset, in
         return false;
     trace_step(player, LOG_LEVEL_I, "wait audio clock update, video_clock_pts:%lli audio_clock_pts:%lli diff:%lli\n",
                lli(offset.video_clock), lli(audio_clock_pts), lli(offset.diff));
-    wait_for_news(player.base, static_cast<uint32_t>(offset.diff));
+    wait_for_news(player.base, E_SYNC_WAIT_AUDIO, static_cast<uint32_t>(offset.diff));
     return true;
 }
 
@@ -436,13 +513,14 @@ bool waited_for_audio(oru_player& player, const pacing::frame_offset& offset, in
 int64_t target_of(oru_player& player, const synchronizer_frame_info_t& frame, pacing::vsync_grid& grid, int64_t now,
                   int64_t delay)
 {
-    grid.sampled_time = player.base.last_vsync_system_time;
+    const pacing::vsync_grid known = grid_of(player.base);
+    grid.sampled_time = known.sampled_time;
     int64_t release_time = 0;
     synchronizer_get_release_time(&player, signed_pts(frame), &release_time);
     trace_step(player, LOG_LEVEL_I, "original cur_frame_system_time:%lli\n", lli(release_time));
     if (grid.sampled_time == kUnset)
         return release_time;
-    grid.duration = pacing::refresh_duration(display_of(player.base).vrefresh);
+    grid.duration = known.duration;
     const int64_t target = pacing::flip_target(release_time, grid);
     trace_step(player, LOG_LEVEL_I,
                "frameSystemTime:%lli vsyncSystemTime:%lli current_system_time:%lli frame_timer:%lli diff:%lli %lli\n",
@@ -477,7 +555,9 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pa
         return true;
     trace_step(player, LOG_LEVEL_I, "wait frame_pts:%llu remaining_time:%lli\n", llu(player.last_frame.pts),
                lli(decision.wait_us));
-    wait_for_news(player.base, static_cast<uint32_t>(decision.wait_us));
+    player.waiting_pts = signed_pts(frame);
+    player.waiting_until = add_saturated(now, decision.wait_us);
+    wait_for_news(player.base, E_SYNC_WAIT_TIME, static_cast<uint32_t>(decision.wait_us));
     return false;
 }
 
@@ -652,7 +732,16 @@ bool synchronizer_notify_frame_done(void* handle)
 {
     if (missing(handle, "handle is null"))
         return false;
-    wake_sync_thread(base_of(handle));
+    wake_sync_thread(base_of(handle), news::frame);
+    return true;
+}
+
+bool synchronizer_notify_vblank(void* handle, int64_t time)
+{
+    if (missing(handle, "handle is null"))
+        return false;
+    base_of(handle).last_vsync_system_time = time;
+    wake_sync_thread(base_of(handle), news::vblank);
     return true;
 }
 
@@ -667,7 +756,7 @@ bool synchronizer_resync(void* handle)
         return true;
     }
     sync.resync_requested = true;
-    wake_sync_thread(sync);
+    wake_sync_thread(sync, news::restart);
     return true;
 }
 
@@ -685,6 +774,7 @@ bool synchronizer_set_sync_mode(void* handle, synchronizer_mode_e mode)
     mutex_guard guard(sync.mutex);
     sync.mode = mode;
     guard.unlock();
+    wake_sync_thread(sync, news::setting);
     log_d("mode:%d\n", mode);
     return true;
 }
@@ -712,6 +802,7 @@ bool synchronizer_set_sync_state(void* handle, synchronizer_state_e state)
         sync.base_system_time = static_cast<int64_t>(system_time(CLOCK_MONOTONIC) / 1000);
     sync.state = state;
     guard.unlock();
+    wake_sync_thread(sync, news::setting);
     log_d("state:%d\n", state);
     return true;
 }
@@ -796,7 +887,7 @@ bool synchronizer_set_base_media_time(void* handle, int64_t media_time, int64_t 
     guard.unlock();
     if (sync.enable_log)
         log_i("media_time:%lli max_media_time:%lli system_time:%lli\n", lli(media_time), lli(max_media_time), lli(now));
-    wake_sync_thread(sync);
+    wake_sync_thread(sync, news::clock);
     return true;
 }
 

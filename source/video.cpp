@@ -239,16 +239,23 @@ void end_turn(video_flip_turn_t& turn)
     pthread_cond_broadcast(&turn.cond);
 }
 
+// A render's turn.
 class turn_guard
 {
 public:
-    explicit turn_guard(video_flip_turn_t& turn) : turn_(turn) { wait_for_turn(turn_); }
-    ~turn_guard() { end_turn(turn_); }
+    explicit turn_guard(video_info_t& video) : video_(video) { wait_for_turn(video_.flip_turn); }
+    ~turn_guard()
+    {
+        end_turn(video_.flip_turn);
+        // Meanwhile the pacing found no frames.
+        if (video_.frame_queue.frames_count > 0)
+            synchronizer_notify_frame_done(video_.synchronizer_handle);
+    }
     turn_guard(const turn_guard&) = delete;
     turn_guard& operator=(const turn_guard&) = delete;
 
 private:
-    video_flip_turn_t& turn_;
+    video_info_t& video_;
 };
 
 } // namespace
@@ -598,7 +605,7 @@ void sync_changed(video_info_t& video)
 int32_t show(video_info_t& video, const hdmi_player_video_frame_t& frame, int64_t now, int64_t diff, const char* state)
 {
     video_frame_queue_t& q = video.frame_queue;
-    const turn_guard turn(video.flip_turn);
+    const turn_guard turn(video);
     hdmi_player_video_frame_t oldest = frame;
     // Counted once: other threads may add frames all the time.
     int32_t left = swap_oldest(q, oldest) ? q.frames_count.load() : 0;
@@ -653,7 +660,7 @@ void end_reset(video_info_t& video, int32_t serial)
 // The video goes on while audio is awaited.
 void force_flip(video_info_t& video)
 {
-    const turn_guard turn(video.flip_turn);
+    const turn_guard turn(video);
     const int32_t count = video.frame_queue.frames_count;
     synchronizer_frame_info_t oldest = {};
     if (queue_full(video.frame_queue) && // another render may have made room meanwhile

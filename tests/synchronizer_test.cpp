@@ -579,6 +579,126 @@ INSTANTIATE_TEST_SUITE_P(Rates, PacedStream,
                                          Cadence{50, 60, 1000000}, Cadence{59.94, 60, 1000000},
                                          Cadence{60, 60, 1000000}, Cadence{60, 60, kDay}, Cadence{25, 50, kDay}));
 
+/// A sync thread at frozen times: woken by all news and an idle tick, or by the news alone that concern it.
+class SleepingThread : public PacedStream
+{
+protected:
+    using Flips = std::vector<std::pair<int64_t, int64_t>>; ///< when, and which frame
+
+    Flips pace(bool all_news)
+    {
+        const auto [fps, display_hz, age] = GetParam();
+        const auto nth = [](int64_t n, double rate) {
+            return static_cast<int64_t>(static_cast<double>(n) * 1e6 / rate);
+        };
+        Flips flips;
+        int64_t frames = 0, vblanks = 0;
+        queue.flipped.clear();
+        queue.waiting.clear();
+        synchronizer_set_drm_info(handle, {7, static_cast<float>(display_hz)});
+        synchronizer_resync(handle);
+        sleep(E_SYNC_WAIT_FRAME, 0);
+        steps = 0;
+        for (int64_t now = 0; now < 3000000; now += 250) {
+            g_frozen_us = kStart + now;
+            bool news = false;
+            if (now % 20000 == 0) {
+                // The device's position is known to a part of a millisecond; once the sound lags for a while.
+                const int64_t clock = age + now + now * 7919 % 797 - (now / 1000000 == 1 ? 60000 : 0);
+                synchronizer_set_base_media_time(handle, clock, clock + 80000);
+                news = true;
+            }
+            for (; nth(frames, fps) <= now + nth(2, fps); ++frames) {
+                queue.push(age + nth(frames, fps));
+                synchronizer_notify_frame_done(handle);
+                news = true;
+            }
+            if (now > 125 + nth(vblanks, display_hz)) {
+                synchronizer_notify_vblank(handle, kStart + 125 + nth(vblanks++, display_hz));
+                news = true;
+            }
+            for (bool awake = all_news ? news : woken(); awake || g_frozen_us >= until_; awake = false) {
+                const bool shown = step_and_sleep(all_news);
+                if (shown)
+                    flips.emplace_back(now, queue.flipped.back());
+            }
+        }
+        return flips;
+    }
+    int steps = 0;
+
+private:
+    void sleep(sync_wait_e wait, int64_t until)
+    {
+        const mutex_guard guard(sync().sync_thread_mutex);
+        sync().sync_thread_wait = wait;
+        sync().sync_thread_wake = false;
+        until_ = until;
+    }
+    bool woken()
+    {
+        const mutex_guard guard(sync().sync_thread_mutex);
+        return sync().sync_thread_wake;
+    }
+    /// Whether the step showed a frame; the thread takes the next step at once then.
+    bool step_and_sleep(bool ticks)
+    {
+        ++steps;
+        sleep(E_SYNC_WAIT_NONE, 0);
+        const size_t flips = queue.flips();
+        if (step())
+            sleep(E_SYNC_WAIT_TIME, queue.flips() > flips ? 0 : player().waiting_until);
+        else
+            sleep(E_SYNC_WAIT_FRAME, ticks ? g_frozen_us + 10000 : INT64_MAX);
+        return queue.flips() > flips;
+    }
+    int64_t until_ = 0; ///< when it looks again by itself
+};
+
+TEST_P(SleepingThread, SleepsThroughNewsThatChangeNothingAndMissesNone)
+{
+    const Flips flips_of_all = pace(true);
+    const int steps_of_all = steps;
+    EXPECT_EQ(pace(false), flips_of_all);
+    EXPECT_GT(flips_of_all.size(), 3 * std::get<0>(GetParam()) * 0.8);
+    EXPECT_LT(steps, steps_of_all);
+    // Where the steps show in the log, each is taken.
+    records("4", [this] { pace(false); });
+    EXPECT_GE(steps, steps_of_all);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rates, SleepingThread,
+                         testing::Values(Cadence{24, 60, 1000000}, Cadence{25, 50, 1000000},
+                                         Cadence{59.94, 60, 1000000}, Cadence{60, 60, 1000000}, Cadence{60, 60, kDay}));
+
+TEST_F(Synchronizer, ThreadWithoutAFrameSleepsUntilThereIsOne)
+{
+    static std::atomic<int> steps;
+    vblank_every_2ms();
+    for (const bool logged : {false, true}) {
+        setenv("debug_hdmiplayer_log_level", logged ? "4" : "0", 1);
+        steps = 0;
+        sync().on_sync_logic = [](void* h) { return ++steps, on_Oru_sync_logic(h); };
+        run({1000000});
+        const int before = steps;
+        const auto more = [this, before] {
+            synchronizer_set_base_media_time(handle, 1000000, 2000000);
+            return steps > before;
+        };
+        // With the log on, every step shows in it.
+        EXPECT_EQ(eventually(more, logged ? 10s : 100ms), logged);
+        const size_t flips = queue.flips();
+        queue.push(1033333);
+        synchronizer_notify_frame_done(handle);
+        EXPECT_TRUE(shown(flips + 1));
+        set_mode(E_SYNC_MODE_VIDEO_MASTER); // which no step can serve: each says so
+        const int served = steps;
+        EXPECT_TRUE(eventually([served] { return steps > served + 2; }));
+        set_mode(E_SYNC_MODE_AUDIO_MASTER);
+        synchronizer_stop(handle);
+    }
+}
+
 TEST_F(Synchronizer, ResyncForgetsTheHistoryButTheTimer)
 {
     show_first(1000000);

@@ -142,3 +142,6 @@ int convert_sample_rate_to_frames(int rate);
 
 /// Names the calling thread for the kernel (15 characters at most).
 void set_thread_name(const char* name);
+
+/// Has the calling thread's waits end when their time has come. By default the kernel may end them 50 us later.
+void set_exact_timers(void);

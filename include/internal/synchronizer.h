@@ -61,10 +61,20 @@ typedef struct synchronizer_callback_s {
     bool (*flip_frame)(void* handle, synchronizer_frame_info_t* frame); ///< show it now
 } synchronizer_callback_t;
 
+/// What the sync thread sleeps for.
+typedef enum {
+    E_SYNC_WAIT_NONE = 0, ///< it does not sleep
+    E_SYNC_WAIT_FRAME,    ///< a frame: there is none
+    E_SYNC_WAIT_TIME,     ///< the time of the oldest frame
+    E_SYNC_WAIT_AUDIO,    ///< an audio clock that is far behind
+} sync_wait_e;
+
 /**
  * The handle. `mutex` guards the clock and the settings; what crosses threads
  * without it is atomic. Everything lives as long as the handle, so that the
  * caller may notify and feed the clock whether the threads run or not.
+ * `mutex` may be taken while `sync_thread_mutex` is held, not the other way
+ * round.
  */
 typedef struct sync_strategy_info_s {
     synchronizer_player_e player_type = E_SYNCHRONIZER_PLAYER_SELF;
@@ -82,8 +92,9 @@ typedef struct sync_strategy_info_s {
     pthread_cond_t sync_thread_cond;                             ///< on the monotonic clock
     std::atomic<bool> sync_thread_exit{false};                   ///< written under sync_thread_mutex
     bool sync_thread_wake GUARDED_BY(sync_thread_mutex) = false; ///< news that the sync thread has not looked at
-    bool exiting = false;                                        ///< unused
-    mutex_t exit_mutex;                                          ///< unused
+    sync_wait_e sync_thread_wait GUARDED_BY(sync_thread_mutex) = E_SYNC_WAIT_NONE;
+    bool exiting = false; ///< unused
+    mutex_t exit_mutex;   ///< unused
     synchronizer_drm_info_t drm_info GUARDED_BY(mutex) = {0, 0};
     pthread_t vsync_thread GUARDED_BY(control_mutex) = 0; ///< 0: none
     mutex_t vsync_thread_mutex;
@@ -100,13 +111,16 @@ typedef struct sync_strategy_info_s {
 
 /**
  * The handle of the one strategy; a pointer to it is also one to its base. The
- * pacing history belongs to the sync thread while there is one.
+ * pacing history belongs to the sync thread while there is one; while that
+ * sleeps for a frame's time, others read it under `sync_thread_mutex`.
  */
 typedef struct sync_strategy_info_Oru_player_s {
     sync_strategy_info_t base;
     synchronizer_frame_info_t last_frame = {nullptr, 0, UINT64_MAX}; ///< most recently taken for display; pts -1: none
     int64_t last_frame_system_time = -1;                             ///< when it was taken; -1: never
     int64_t frame_timer = -1;                                        ///< its nominal display time; -1: unset
+    int64_t waiting_pts = 0;   ///< of the frame whose time the sync thread sleeps for
+    int64_t waiting_until = 0; ///< system time at which it looks again by itself
 } sync_strategy_info_Oru_player_t;
 
 /// A new synchronizer, or null for a player without strategy or without memory.
@@ -124,8 +138,12 @@ bool synchronizer_start(void* handle);
 /// Ends both threads and waits for them: at most the callback that runs and one vertical blank. Not from a callback.
 bool synchronizer_stop(void* handle);
 
-/// Wakes the sync thread: a frame was queued. Does not block; harmless while stopped.
+/// A frame was queued, or can be taken again: wakes a sync thread that sleeps without one. Does not block; harmless
+/// while stopped.
 bool synchronizer_notify_frame_done(void* handle);
+
+/// The display reached a vertical blank at @p time: wakes a sync thread whose frame goes out now.
+bool synchronizer_notify_vblank(void* handle, int64_t time);
 
 /// Forgets the pacing history: the next frame is shown at once. While the threads run, the next step does so. Not from
 /// a callback.
