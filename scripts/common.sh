@@ -19,6 +19,7 @@ test_packages=(
     libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
     ffmpeg                                                              # makes the film files that are played
     xvfb                                                                # a desktop for its window
+    'chromium-headless-shell?'                                          # a browser for its pages
 )
 
 # run_quietly COMMAND...: its output only if it fails.
@@ -37,21 +38,31 @@ is_installed() {
         grep -qxE "($(dpkg --print-architecture)|all) installed"
 }
 
-# ensure_packages PACKAGE...: installs those that are missing, and says which.
+# offered PACKAGE...: their names, but of those with "?" only what apt has here: Ubuntu has not all that Debian has.
+offered() {
+    local package
+    for package in "$@"; do
+        [[ $package != *\? ]] || apt-cache show "${package%\?}" >/dev/null 2>&1 || continue
+        echo "${package%\?}"
+    done
+}
+
+# ensure_packages PACKAGE...: installs those that are missing, and says which. One with "?" may be left out.
 ensure_packages() {
-    local package missing=() as_root=()
+    local package missing=() install as_root=()
     if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
         echo "No apt here: expecting what these Debian packages bring: $*" >&2
         return 0
     fi
     for package in "$@"; do
-        is_installed "$package" || missing+=("$package")
+        is_installed "${package%\?}" || missing+=("$package")
     done
-    [ ${#missing[@]} -eq 0 ] && return 0
-    echo "Installing: ${missing[*]}" >&2
+    mapfile -t install < <(offered "${missing[@]}")
+    [ ${#install[@]} -eq 0 ] && return 0
+    echo "Installing: ${install[*]}" >&2
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
-            echo "That needs root, and there is no sudo. As root: apt-get install ${missing[*]}" >&2
+            echo "That needs root, and there is no sudo. As root: apt-get install ${install[*]}" >&2
             return 1
         fi
         as_root=(sudo)
@@ -59,8 +70,10 @@ ensure_packages() {
     # One source that does not answer is enough for update to fail; the packages may come from the others.
     run_quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update </dev/null ||
         echo "apt-get update failed: installing from the package lists that are here" >&2
+    # Before that, apt may have known of none.
+    mapfile -t install < <(offered "${missing[@]}")
     run_quietly "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends \
-        "${missing[@]}" </dev/null
+        "${install[@]}" </dev/null
 }
 
 # build_targets FOLDER TARGET... [-- CMAKE_OPTION...]: configures FOLDER and builds the targets (all: the default ones).
