@@ -392,6 +392,24 @@ TEST_F(Sim, DisplayShowsFlippedBuffersInOrderAndReleasesEachOnce)
     EXPECT_EQ(hdmi_sim::display_stats().vblanks, before.vblank);
 }
 
+TEST_F(Sim, DisplayThatTellsNobodyCountsItsVerticalBlanksAllTheSame)
+{
+    const int64_t begin = hdmi_sim::now_ns();
+    const int fd = hdmi_sim::display_start({100, 0}, nullptr, nullptr);
+    EXPECT_LT(hdmi_sim::display_start({100, 0}, nullptr, nullptr), 0) << "one at a time";
+    drmVBlank blank;
+    for (intptr_t i = 1; i <= 4; i++)
+        ASSERT_TRUE(hdmi_sim::display_flip(buffer(i)));
+    ASSERT_EQ(wait_vblanks(fd, 3, blank), 0);
+    const hdmi_sim::DisplayStats stats = hdmi_sim::display_stats();
+    EXPECT_TRUE(stats.flips == 4 && stats.superseded >= 2);
+    EXPECT_GE(stats.vblanks, blank.reply.sequence);
+    EXPECT_LE(stats.vblanks, (hdmi_sim::now_ns() - begin) / (10 * kMs));
+    EXPECT_GE(stats.repeated, stats.vblanks - 2);
+    hdmi_sim::display_stop();
+    EXPECT_FALSE(hdmi_sim::display_flip(buffer(5)));
+}
+
 TEST_F(Sim, FlipMayBeCalledFromWithinARelease)
 {
     std::atomic<int> released{0};

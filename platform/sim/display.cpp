@@ -7,6 +7,7 @@
 #include <xf86drm.h>
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 #include <utility>
 
@@ -25,6 +26,7 @@ constexpr int kFirstDescriptor = 3; ///< above the standard streams, because 0 w
 
 struct Display {
     mutex_t control; ///< one start or stop at a time; before `mutex`
+    /// Of a display whose vertical blanks somebody is told of. Without it whoever asks finds them worked off.
     std::thread thread GUARDED_BY(control);
 
     mutex_t mutex;
@@ -33,6 +35,8 @@ struct Display {
     bool running GUARDED_BY(mutex) = false;  ///< takes flips
     bool stopping GUARDED_BY(mutex) = false; ///< ends after the next vertical blank
     uint64_t session GUARDED_BY(mutex) = 0;
+    bool has_thread GUARDED_BY(mutex) = false;
+    int64_t next_vblank GUARDED_BY(mutex) = 1;
     int64_t start_ns GUARDED_BY(mutex) = 0;
     Pace pace GUARDED_BY(mutex);
     Latch latch GUARDED_BY(mutex);
@@ -71,19 +75,32 @@ struct Frame {
     bool last = false;
 };
 
-Frame await_vblank(Display& d, int64_t number)
+Latch::Result latch_next(Display& d) REQUIRES(d.mutex)
+{
+    Latch::Result latched = d.latch.vblank(d.vblank_ns(d.next_vblank++));
+    d.stats.vblanks++;
+    d.stats.repeated += latched.repeated ? 1 : 0;
+    count(d.stats, latched.released);
+    return latched;
+}
+
+Frame await_vblank(Display& d)
 {
     mutex_guard guard(d.mutex);
     Frame frame;
-    frame.vblank_ns = d.vblank_ns(number);
+    frame.vblank_ns = d.vblank_ns(d.next_vblank);
     while (hdmi_sim::now_ns() < frame.vblank_ns)
         d.changed.wait_until(guard, frame.vblank_ns);
     frame.last = d.stopping;
-    frame.latched = d.latch.vblank(frame.vblank_ns);
-    d.stats.vblanks++;
-    d.stats.repeated += frame.latched.repeated ? 1 : 0;
-    count(d.stats, frame.latched.released);
+    frame.latched = latch_next(d);
     return frame;
+}
+
+// Works off the vertical blanks of a display without a thread up to time @p now.
+void settle(Display& d, int64_t now) REQUIRES(d.mutex)
+{
+    while (d.running && !d.has_thread && d.vblank_ns(d.next_vblank) <= now)
+        latch_next(d);
 }
 
 std::vector<Latch::Release> end_display(Display& d)
@@ -98,9 +115,10 @@ std::vector<Latch::Release> end_display(Display& d)
 void run_display(Display& d)
 {
     pthread_setname_np(pthread_self(), "sim_display");
+    set_exact_timers();
     bool last = false;
     for (int64_t number = 1; !last; number++) {
-        const Frame frame = await_vblank(d, number);
+        const Frame frame = await_vblank(d);
         const int64_t seen_ns = frame.vblank_ns + d.config.latency_ns;
         if (d.on_scan_out)
             d.on_scan_out({number, frame.vblank_ns, seen_ns, frame.latched.buffer, frame.latched.repeated});
@@ -108,6 +126,30 @@ void run_display(Display& d)
         last = frame.last;
     }
     report(d, end_display(d));
+}
+
+bool is_started(Display& d)
+{
+    mutex_guard guard(d.mutex);
+    return d.descriptor >= 0;
+}
+
+// Ends after the next vertical blank.
+void stop_display(Display& d) REQUIRES(d.control)
+{
+    mutex_guard guard(d.mutex);
+    d.stopping = true;
+    const int64_t last_ns = d.vblank_ns(d.next_vblank);
+    guard.unlock();
+    if (d.thread.joinable()) {
+        d.thread.join();
+        return;
+    }
+    std::this_thread::sleep_until(std::chrono::steady_clock::time_point(std::chrono::nanoseconds(last_ns)));
+    guard.lock();
+    settle(d, last_ns);
+    guard.unlock();
+    end_display(d);
 }
 
 int make_descriptor()
@@ -233,7 +275,7 @@ int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn 
         return -1;
     sim::Display& d = sim::display();
     mutex_guard control(d.control);
-    if (d.thread.joinable())
+    if (sim::is_started(d))
         return -1;
     const int descriptor = sim::make_descriptor();
     if (descriptor < 0)
@@ -249,7 +291,10 @@ int display_start(const DisplayConfig& config, ScanOutFn on_scan_out, ReleaseFn 
     d.start_ns = now_ns();
     d.pace = sim::Pace(config.refresh_hz, 0);
     d.stats = {};
-    d.thread = std::thread([&d] { sim::run_display(d); });
+    d.next_vblank = 1;
+    d.has_thread = d.on_scan_out || d.on_release;
+    if (d.has_thread)
+        d.thread = std::thread([&d] { sim::run_display(d); });
     return descriptor;
 }
 
@@ -260,7 +305,9 @@ bool display_flip(void* buffer)
     if (!d.running)
         return false;
     // The time is read under the lock, so that time stamps have the order of the flips.
-    d.latch.flip(buffer, now_ns());
+    const int64_t now = now_ns();
+    sim::settle(d, now);
+    d.latch.flip(buffer, now);
     d.stats.flips++;
     return true;
 }
@@ -269,13 +316,9 @@ void display_stop()
 {
     sim::Display& d = sim::display();
     mutex_guard control(d.control);
-    if (!d.thread.joinable())
+    if (!sim::is_started(d))
         return;
-    {
-        mutex_guard guard(d.mutex);
-        d.stopping = true;
-    }
-    d.thread.join();
+    sim::stop_display(d);
     d.on_scan_out = nullptr;
     d.on_release = nullptr;
     mutex_guard guard(d.mutex);
@@ -290,6 +333,7 @@ DisplayStats display_stats()
 {
     sim::Display& d = sim::display();
     mutex_guard guard(d.mutex);
+    sim::settle(d, now_ns());
     return d.stats;
 }
 

@@ -42,6 +42,7 @@ public:
 
     /// Frames written and not completely heard.
     int queued(int64_t now) const { return static_cast<int>(std::max<int64_t>(0, end_ - clock(now))); }
+    int capacity() const { return capacity_; }
     int room(int64_t now) const { return capacity_ - queued(now); }
     /// When there is room for @p frames frames.
     int64_t room_ns(int frames) const { return heard_ns(end_ - capacity_ + frames); }

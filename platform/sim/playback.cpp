@@ -139,7 +139,9 @@ int queue_frames(Playback& p, mutex_guard& guard, uint64_t opening, const uint8_
             if (!p.matching.at_work)
                 p.stats.frames_written += run;
         } else {
-            p.changed.wait_until(guard, p.queue.room_ns(std::min(frames - done, p.period_frames)));
+            // For all that is left, unless the queue would run low: what is little more than a period needs one wait.
+            const int left = frames - done;
+            p.changed.wait_until(guard, p.queue.room_ns(left <= p.queue.capacity() / 2 ? left : p.period_frames));
         }
     }
     return done;
