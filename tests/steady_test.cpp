@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: MIT
+// Once its queues are full-grown the player allocates nothing and touches no new page, whatever it plays.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "coded_audio.h"
+#include "hdmi_player.h"
+#include "hdmi_sim.h"
+#include "support/eventually.h"
+#include "support/player_host.h"
+
+extern "C" {
+void* __libc_malloc(size_t bytes);
+void* __libc_calloc(size_t count, size_t bytes);
+void* __libc_realloc(void* memory, size_t bytes);
+extern char __executable_start, etext;
+}
+
+namespace
+{
+
+std::atomic<int64_t> g_allocations{0};
+thread_local bool t_host = false; ///< a thread of the test's own
+
+// The library is part of this program; what the platform's and FFmpeg's libraries allocate is not counted.
+void note(const void* caller)
+{
+    if (!t_host && caller >= &__executable_start && caller < &etext)
+        ++g_allocations;
+}
+
+} // namespace
+
+extern "C" {
+void* malloc(size_t bytes)
+{
+    note(__builtin_return_address(0));
+    return __libc_malloc(bytes);
+}
+void* calloc(size_t count, size_t bytes)
+{
+    note(__builtin_return_address(0));
+    return __libc_calloc(count, bytes);
+}
+void* realloc(void* memory, size_t bytes)
+{
+    note(__builtin_return_address(0));
+    return __libc_realloc(memory, bytes);
+}
+}
+
+namespace
+{
+
+void* allocate(size_t bytes, const void* caller)
+{
+    note(caller);
+    if (void* const memory = __libc_malloc(bytes != 0 ? bytes : 1))
+        return memory;
+    throw std::bad_alloc();
+}
+
+} // namespace
+
+void* operator new(size_t bytes) { return allocate(bytes, __builtin_return_address(0)); }
+void* operator new[](size_t bytes) { return allocate(bytes, __builtin_return_address(0)); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+struct Work {
+    const char* name;
+    int rate; ///< of PCM; 0: a compressed stream
+    AVCodecID codec;
+    bool raw; ///< passed on as it is
+};
+
+hdmi_sim::Signal signal_of(const Work& work)
+{
+    hdmi_sim::Signal signal;
+    signal.rate = work.rate;
+    signal.generate = [](int64_t first, int16_t* words, int frames) {
+        for (int i = 0; i < frames; ++i)
+            words[2 * i] = words[2 * i + 1] = static_cast<int16_t>((first + i) % 30000 + 1);
+    };
+    if (work.rate != 0)
+        return signal;
+    coded_audio::Format format;
+    format.codec = work.codec;
+    const coded_audio::Bytes stream = coded_audio::join(coded_audio::encode(format, 60));
+    hdmi_sim::Bitstream bursts;
+    const auto coding = work.codec == AV_CODEC_ID_AC3 ? hdmi_sim::Coding::ac3 : hdmi_sim::Coding::eac3;
+    EXPECT_TRUE(hdmi_sim::pack_bitstream(coding, stream.data(), stream.size(), &bursts));
+    hdmi_sim::BurstOptions options;
+    options.repeat = true;
+    return hdmi_sim::bitstream_signal(bursts, options);
+}
+
+/// Of the player's threads so far.
+int64_t page_faults()
+{
+    static const std::set<std::string> names = {"audio_read", "audio_resample", "audio_write",  "aysync_logic",
+                                                "av_sync",    "dolby_demux",    "dolby_decode", "format_detect"};
+    int64_t sum = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream stat(task.path() / "stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), {});
+        const size_t begin = text.find('('), end = text.rfind(')');
+        if (end == std::string::npos || names.count(text.substr(begin + 1, end - begin - 1)) == 0)
+            continue;
+        std::istringstream fields(text.substr(end + 1));
+        std::string skipped, minor;
+        for (int i = 0; i < 7; ++i)
+            fields >> skipped;
+        fields >> minor;
+        sum += std::stoll(minor);
+    }
+    return sum;
+}
+
+class Steady : public testing::TestWithParam<Work>
+{
+};
+
+TEST_P(Steady, AllocatesNothingAndTouchesNoNewPage)
+{
+    const Work& work = GetParam();
+    t_host = true;
+    hdmi_sim::reset();
+    forget_callbacks();
+    ASSERT_TRUE(
+        hdmi_sim::write_state_file(hdmi_sim::announce_text(work.rate == 0, work.rate != 0 ? work.rate : 48000) + "\n"));
+    hdmi_sim::receiver_connect(signal_of(work));
+    hdmi_player_config_t config = player_config();
+    if (work.raw) {
+        config.ao_dev = E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+        config.ao_format = E_HDMI_PLAYER_AO_FORMAT_RAW;
+    }
+    ASSERT_EQ(hdmi_player_open(config), 0);
+    hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+    std::atomic<bool> running{true};
+    std::atomic<int> blocks{0};
+    std::thread sound([&] {
+        t_host = true;
+        while (running) {
+            hdmi_player_audio_frame_t* block = nullptr;
+            if (hdmi_player_get_pcm(&block, 100) != 0)
+                continue;
+            hdmi_player_write_pcm(block);
+            hdmi_player_put_pcm(block);
+            ++blocks;
+        }
+    });
+    std::thread video([&] {
+        t_host = true;
+        while (running) {
+            render_frame();
+            std::this_thread::sleep_for(16ms);
+        }
+    });
+    // A machine that is busy makes a queue grow late. A player that allocates for each block has no such second.
+    EXPECT_TRUE(eventually(
+        [&] {
+            const int64_t allocations = g_allocations;
+            const int64_t faults = page_faults();
+            const int before = blocks, flipped = g_flipped;
+            std::this_thread::sleep_for(1s);
+            return g_allocations == allocations && page_faults() == faults && g_flipped > flipped + 10 &&
+                   (work.raw || blocks > before + 10);
+        },
+        60s));
+    running = false;
+    sound.join();
+    video.join();
+    hdmi_player_close();
+}
+
+INSTANTIATE_TEST_SUITE_P(Everything, Steady,
+                         testing::Values(Work{"pcm", 48000, {}, false}, Work{"resampled", 44100, {}, false},
+                                         Work{"ac3", 0, AV_CODEC_ID_AC3, false},
+                                         Work{"eac3", 0, AV_CODEC_ID_EAC3, false},
+                                         Work{"raw", 0, AV_CODEC_ID_AC3, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    setenv("debug_hdmiplayer_log_level", "1", 0);
+    return run_in_namespaces(argc, argv);
+}
