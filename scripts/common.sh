@@ -14,6 +14,11 @@ build_packages=(
     libswscale-dev libcli11-dev nlohmann-json3-dev libsdl2-dev          # the play program
     libgtest-dev                                                        # the tests
 )
+bench_packages=(
+    libgtest-dev libbenchmark-dev libglib2.0-dev python3
+    libgstreamer1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-libav  # the peer
+    ffmpeg                                                              # makes the sound that it plays
+)
 test_packages=(
     clang clang-tidy clang-format binutils git
     libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
