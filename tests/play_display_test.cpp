@@ -5,13 +5,14 @@
 #include <atomic>
 #include <thread>
 
+#include "display/flip_gate.h"
 #include "display/flip_queue.h"
+#include "display/frame_pool.h"
 #include "display/kms_mode.h"
-#include "display/screen.h"
-#include "host/flip_gate.h"
-#include "host/frame_pool.h"
+#include "screen/screen.h"
 #include "source/canvas.h"
 
+using namespace display;
 using namespace play;
 
 namespace
@@ -264,11 +265,11 @@ TEST(KmsMode, ChoosesThePreferredModeOrItsSizeAtTheWantedRate)
 TEST(Screen, StayCountsForWhatWasSeenLast)
 {
     Screen screen;
-    screen.stay(1); // nothing yet
+    screen.stayed(1); // nothing yet
     screen.refresh(picture_of(3, Picture::kBlack), 100);
-    screen.stay(2);
+    screen.stayed(2);
     screen.refresh(Picture{}, 400);
-    screen.stay(1);
+    screen.stayed(1);
     ASSERT_EQ(screen.sightings().size(), 1u);
     EXPECT_EQ(screen.sightings()[0].vblanks, 3);
     EXPECT_EQ(screen.unreadable(), 2);

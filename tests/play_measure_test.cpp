@@ -9,14 +9,15 @@
 #include <string>
 
 #include "config/config_faults.h"
-#include "display/screen.h"
+#include "display/flip_gate.h"
+#include "display/frame_pool.h"
 #include "host/algorithm.h"
-#include "host/flip_gate.h"
-#include "host/frame_pool.h"
+#include "host/trace.h"
 #include "made_up_scenes.h"
 #include "measure/measure.h"
 #include "measure/punctuality.h"
 #include "measure/raw_check.h"
+#include "screen/screen.h"
 #include "signal/correlate.h"
 #include "signal/onset.h"
 #include "signal/rate_conversion.h"
@@ -25,6 +26,7 @@
 #include "source/picture.h"
 #include "source/programme.h"
 
+using namespace display;
 using namespace play;
 
 namespace
@@ -533,13 +535,13 @@ TEST(DelayLine, DelaysRealSamplesAndMovesTheirStampsWithThem)
 
 TEST(FramePool, TellsFramesThatWerePassedLongAgoFromThoseStillQueued)
 {
-    FramePool pool(4);
+    display::FramePool<display::FrameBuffer> pool(4);
     for (int64_t turn : {3, 90, 91, 92}) {
-        FrameBuffer* buffer = pool.acquire();
+        display::FrameBuffer* buffer = pool.acquire();
         ASSERT_NE(buffer, nullptr);
         buffer->turn = turn;
         if (turn != 91)
-            FramePool::pass(buffer, Owner::host, Owner::player);
+            display::pass(buffer, Owner::host, Owner::player);
     }
     EXPECT_EQ(pool.count(Owner::player), 3);
     EXPECT_EQ(pool.count(Owner::player, 90), 1);
@@ -580,7 +582,7 @@ TEST(Grid, ErrorIsTheDistanceFromWholeRefreshesHoweverManyPassed)
 TEST(FlipGate, BlanksOfADisplayThatStoodStillForHoursAreWrittenDownAtOnce)
 {
     Trace trace(10, 50);
-    FlipGate gate(50, &trace);
+    FlipGate gate(50, &trace.vblanks);
     gate.vblank(0);
     gate.vblank(4'000'000 * kSecond, int64_t{1} << 50);
     EXPECT_EQ(trace.vblanks.events().size(), 1 + 50u); // those of the last second

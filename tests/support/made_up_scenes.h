@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "display/screen.h"
 #include "measure/measure.h"
+#include "screen/screen.h"
 
 namespace play
 {

@@ -34,7 +34,9 @@
 #include "hdmi_linux.h"
 #include "hdmi_sim.h"
 #include "host/host.h"
-#include "realtime.h"
+#include "process/realtime.h"
+#include "screen/screen.h"
+#include "source/canvas.h"
 
 namespace
 {
@@ -269,10 +271,10 @@ private:
 };
 
 /// There is a picture as long as it moves.
-std::function<bool()> moving_picture(const play::Display& display)
+std::function<bool()> moving_picture(const display::Display& display)
 {
     return [&display, shown = int64_t{0}]() mutable {
-        play::DisplayStats stats = display.stats();
+        display::DisplayStats stats = display.stats();
         int64_t before = std::exchange(shown, stats.vblanks - stats.repeated);
         return shown > before;
     };
@@ -344,20 +346,20 @@ long count_entries(const char* folder)
 }
 
 /// Without what the display remembers of each outage, and the platform, up to a limit, of each CEC message.
-long heap_in_use(const play::Display& display)
+long heap_in_use(const display::Display& display)
 {
     constexpr size_t kReasonBytes = 48;
     size_t outages = display.stats().outages.size();
     size_t capacity = 1;
     while (capacity < outages)
         capacity *= 2;
-    size_t kept = capacity * sizeof(play::Outage) + outages * kReasonBytes;
+    size_t kept = capacity * sizeof(display::Outage) + outages * kReasonBytes;
     kept += hdmi_linux::cec_messages().size() * sizeof(hdmi_linux::CecMessage);
     struct mallinfo2 heap = mallinfo2();
     return static_cast<long>(heap.uordblks + heap.hblkhd - kept);
 }
 
-Belongings belongings(const play::Display& display)
+Belongings belongings(const display::Display& display)
 {
     long heap = heap_in_use(display);
     for (int i = 1; i < kHeapReadings; i++) {
@@ -476,7 +478,7 @@ Disturbance cec_disturbance()
 }
 
 /// Every way to disturb; what is passed outlives them.
-std::vector<Disturbance> ways(Feed* feed, const play::Display& display, std::mt19937* random)
+std::vector<Disturbance> ways(Feed* feed, const display::Display& display, std::mt19937* random)
 {
     auto bus = [](const char* file, const char* device) {
         return [=] { return write_to(std::string("/sys/bus/platform/drivers/snd_aloop/") + file, device); };
@@ -566,7 +568,7 @@ std::vector<size_t> random_order(size_t rounds, size_t kinds, std::mt19937* rand
 }
 
 /// @return whether everything came back, and nothing leaked
-bool run(size_t rounds, uint32_t seed, const play::Display& display, nlohmann::json* report)
+bool run(size_t rounds, uint32_t seed, const display::Display& display, nlohmann::json* report)
 {
     Feed feed(kSourceRates.back());
     Ear ear;
@@ -606,20 +608,18 @@ bool run(size_t rounds, uint32_t seed, const play::Display& display, nlohmann::j
 
 bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
 {
-    play::Options options;
-    options.display = play::DisplayKind::kms;
     std::string error;
-    std::unique_ptr<play::Display> display = play::open_kms_display(options, &error);
+    std::unique_ptr<display::Display> display = display::open_kms_display({}, &error);
     if (!display || !Feed::announce(kSourceRates.back())) {
         std::printf("%s\n", error.c_str());
         return false;
     }
     play::Screen screen;
-    play::FlipGate gate(display->refresh_hz());
+    display::FlipGate gate(display->refresh_hz());
     Pictures pictures;
     std::unique_ptr<play::Host> host;
     {
-        play::RealtimeScope realtime(kPriority);
+        process::RealtimeScope realtime(kPriority);
         std::optional<hdmi_player_drm_info_t> info = display->start(&screen, &gate, &error);
         if (!info) {
             std::printf("%s\n", error.c_str());
@@ -629,11 +629,12 @@ bool play_and_disturb(size_t rounds, uint32_t seed, nlohmann::json* report)
         config.display = *info;
         config.output = E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
         config.gate = &gate;
-        config.paint = [&display](play::FrameBuffer* buffer, const play::Image* image) {
-            display->paint(buffer, image);
+        config.paint = [&display](play::PictureBuffer* buffer, const play::Image* image) {
+            if (display->provide_surface(buffer))
+                play::paint(buffer->picture, image, buffer->surface->canvas());
         };
         config.drain_ns = 200 * kMs; // a loopback captures silence without end
-        config.present = [&display](play::FrameBuffer* buffer) { display->present(buffer); };
+        config.present = [&display](display::FrameBuffer* buffer) { display->present(buffer); };
         host = std::make_unique<play::Host>(config, &pictures, play::SourceClock{now_ns()});
         if (!host->start())
             return false;

@@ -6,12 +6,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "access.h"
+#include "findings.h"
+#include "machine/access.h"
 
 namespace doctor
 {
 namespace
 {
+
+using namespace machine;
 
 bool is_tv(const cec_log_addrs& logical)
 {

@@ -9,12 +9,15 @@
 #include <cstring>
 #include <memory>
 
-#include "access.h"
+#include "findings.h"
+#include "machine/access.h"
 
 namespace doctor
 {
 namespace
 {
+
+using namespace machine;
 
 struct Release {
     void operator()(drmModeRes* resources) const { drmModeFreeResources(resources); }

@@ -6,25 +6,14 @@
  */
 #pragma once
 
-#include <string>
-#include <vector>
+#include "machine/finding.h"
 
 namespace doctor
 {
 
-enum class Verdict {
-    ok,
-    missing, ///< not there
-    refused, ///< there, but this user may not
-};
-
-struct Finding {
-    Verdict verdict;
-    std::string what;   ///< a device or a right
-    std::string detail; ///< what is known of it, or why it cannot be used
-    std::string remedy; ///< a command for a shell; empty when there is nothing to repair
-};
-using Findings = std::vector<Finding>;
+using machine::Finding;
+using machine::Findings;
+using machine::Verdict;
 
 Findings examine_sound();
 Findings examine_displays();

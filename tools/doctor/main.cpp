@@ -18,9 +18,9 @@
 namespace
 {
 
-using doctor::Finding;
-using doctor::Findings;
-using doctor::Verdict;
+using machine::Finding;
+using machine::Findings;
+using machine::Verdict;
 
 enum ExitStatus { kCanPlay = 0, kCannotPlay = 1, kBadConfiguration = 2 };
 

@@ -9,13 +9,16 @@
 #include <cstring>
 #include <functional>
 
-#include "access.h"
+#include "findings.h"
 #include "hdmi_sim.h"
+#include "machine/access.h"
 
 namespace doctor
 {
 namespace
 {
+
+using namespace machine;
 
 constexpr int kPlayerPriority = 99;
 constexpr long kEnoughNamespaces = 100;

@@ -4,12 +4,15 @@
 #include <filesystem>
 #include <fstream>
 
-#include "access.h"
+#include "findings.h"
+#include "machine/access.h"
 
 namespace doctor
 {
 namespace
 {
+
+using namespace machine;
 
 constexpr int kDevicesOfACard = 32; ///< the kernel's limit
 

@@ -13,7 +13,6 @@
 
 #include "config/options.h"
 #include "config/output_file.h"
-#include "display/display.h"
 #include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "edges/stage.h"
@@ -21,15 +20,16 @@
 #include "host/host.h"
 #include "measure/measure.h"
 #include "measure/punctuality.h"
+#include "process/realtime.h"
+#include "process/stop_signals.h"
 #include "progress.h"
-#include "realtime.h"
 #include "report/page.h"
 #include "report/report.h"
 #include "report/verdict.h"
+#include "screen/open_display.h"
 #include "source/coded_programme.h"
 #include "source/media_file.h"
 #include "source/programme.h"
-#include "stop_signals.h"
 
 namespace play
 {
@@ -142,7 +142,7 @@ std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, 
 }
 
 /// What light and sound on this display need. Of bursts that are passed on the host holds nothing: they pass it by.
-common::Holds holds_for(const Options& options, const Display& display)
+common::Holds holds_for(const Options& options, const display::Display& display)
 {
     if (options.raw || options.no_hold)
         return {};
@@ -150,8 +150,8 @@ common::Holds holds_for(const Options& options, const Display& display)
                               display.paced());
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, Display* display, FlipGate* gate,
-                       Trace* trace)
+HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, display::Display* display,
+                       FlipGate* gate, Trace* trace)
 {
     HostConfig config;
     config.trace = trace;
@@ -166,12 +166,15 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, 
     if (!options.capture.empty())
         config.drain_ns = kRealDrainNs;
     config.gate = gate;
-    config.paint = [display](FrameBuffer* buffer, const Image* image) { display->paint(buffer, image); };
-    config.present = [display](FrameBuffer* buffer) { display->present(buffer); };
+    config.paint = [display](PictureBuffer* buffer, const Image* image) {
+        if (display->provide_surface(buffer))
+            paint(buffer->picture, image, buffer->surface->canvas());
+    };
+    config.present = [display](display::FrameBuffer* buffer) { display->present(buffer); };
     return config;
 }
 
-void watch(const Host& host, const Display& display, const StopSignals& signals)
+void watch(const Host& host, const display::Display& display, const process::StopSignals& signals)
 {
     constexpr useconds_t kLookAgainUs = 50'000;
     Progress progress;
@@ -333,7 +336,7 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
 }
 
 /// What each has counted, after all have ended.
-void gather(const Host& host, const Source& source, const Display& display, const Stage& stage, Result* result)
+void gather(const Host& host, const Source& source, const display::Display& display, const Stage& stage, Result* result)
 {
     result->video_queue_size = host.video_queue_size();
     result->holds = host.holds();
@@ -369,12 +372,12 @@ Punctuality finish_timers(TickingTimers* timers, TickingTimers* ordinary, double
 
 /// Plays the source to its end, or until a signal comes. @return kInside, or with one line in @p error what became of
 /// it
-ExitStatus run(Source* source, Display* display, const StopSignals& signals, const std::string& wav_path,
-               Result* result, std::string* error)
+ExitStatus run(Source* source, display::Display* display, const process::StopSignals& signals,
+               const std::string& wav_path, Result* result, std::string* error)
 {
     Screen screen;
     std::unique_ptr<Trace> trace = make_trace(result->options, *source, display->refresh_hz());
-    FlipGate gate(display->refresh_hz(), trace.get());
+    FlipGate gate(display->refresh_hz(), trace != nullptr ? &trace->vblanks : nullptr);
     PlaybackTrace playback_trace(trace.get());
     Stage stage(result->options, source, wav_path);
     std::unique_ptr<Host> host;
@@ -384,7 +387,7 @@ ExitStatus run(Source* source, Display* display, const StopSignals& signals, con
         ordinary_timers = std::make_unique<TickingTimers>();
     Usage before = usage_now();
     {
-        RealtimeScope realtime(kRealtimePriority);
+        process::RealtimeScope realtime(kRealtimePriority);
         result->realtime = realtime.active();
         if (!stage.start(error))
             return kNotPermitted;
@@ -451,7 +454,7 @@ int fail(ExitStatus status, const std::string& error)
 }
 
 /// Of a run that came to its end, or was stopped.
-int status_of(Outcome outcome, const StopSignals& signals)
+int status_of(Outcome outcome, const process::StopSignals& signals)
 {
     switch (outcome) {
     case Outcome::pass: return kInside;
@@ -464,7 +467,7 @@ int status_of(Outcome outcome, const StopSignals& signals)
 
 int main_with(const Options& options)
 {
-    StopSignals signals;
+    process::StopSignals signals;
     std::string error;
     std::unique_ptr<Source> source = make_source(options, &error);
     if (!source)
@@ -484,7 +487,7 @@ int main_with(const Options& options)
         return fail(kBadInput, error);
     // The first thread.
     signals.start_thread();
-    std::unique_ptr<Display> display = open_display(options, &error);
+    std::unique_ptr<display::Display> display = open_display(options, &error);
     if (!display)
         return fail(kNotPermitted, error);
     Size image_size = display->image_size();

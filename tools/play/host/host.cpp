@@ -90,7 +90,7 @@ bool Host::start()
     host_ = this;
     held_flips_ =
         std::make_unique<common::HeldFlips>(config_.holds, config_.display.panel_refresh_rate, [this](void* buffer) {
-            config_.present(static_cast<FrameBuffer*>(buffer));
+            config_.present(static_cast<PictureBuffer*>(buffer));
         });
     if (hdmi_player_open(config) != 0) {
         host_ = nullptr;
@@ -145,7 +145,7 @@ void Host::video_thread()
         if (due_ns < first_ns)
             continue;
         // Painted ahead: the moment of the call is the picture's time.
-        FrameBuffer* buffer = fill(frame);
+        PictureBuffer* buffer = fill(frame);
         sleep_until_ns(due_ns);
         if (buffer != nullptr)
             render(buffer);
@@ -153,9 +153,9 @@ void Host::video_thread()
     video_running_ = false;
 }
 
-FrameBuffer* Host::fill(const VideoFrame& frame)
+PictureBuffer* Host::fill(const VideoFrame& frame)
 {
-    FrameBuffer* buffer = pool_.acquire();
+    PictureBuffer* buffer = pool_.acquire();
     if (buffer == nullptr) {
         no_buffer_++;
         return nullptr;
@@ -167,11 +167,11 @@ FrameBuffer* Host::fill(const VideoFrame& frame)
     return buffer;
 }
 
-void Host::render(FrameBuffer* buffer)
+void Host::render(PictureBuffer* buffer)
 {
     buffer->turn = rendered_;
     // Flip or drop may come before the call returns: the buffer must be the player's by then.
-    FramePool::pass(buffer, Owner::host, Owner::player);
+    display::pass(buffer, Owner::host, Owner::player);
     int64_t resets_before = resets_;
     hdmi_player_video_frame_t rendered = {buffer, 0};
     bool passed = hdmi_player_video_render(&rendered) == 0;
@@ -182,13 +182,13 @@ void Host::render(FrameBuffer* buffer)
         return;
     }
     refused_++;
-    FramePool::pass(buffer, Owner::player, Owner::free);
+    display::pass(buffer, Owner::player, Owner::free);
 }
 
-FrameBuffer* Host::take_back(void* handle, Owner next)
+PictureBuffer* Host::take_back(void* handle, Owner next)
 {
-    auto* buffer = static_cast<FrameBuffer*>(handle);
-    if (pool_.owns(buffer) && FramePool::pass(buffer, Owner::player, next))
+    auto* buffer = static_cast<PictureBuffer*>(handle);
+    if (pool_.owns(buffer) && display::pass(buffer, Owner::player, next))
         return buffer;
     foreign_++;
     return nullptr;
@@ -199,7 +199,7 @@ FrameBuffer* Host::take_back(void* handle, Owner next)
 
 void Host::on_flip(hdmi_player_video_frame_t frame)
 {
-    FrameBuffer* buffer = host_->take_back(frame.buf_handle, Owner::display);
+    PictureBuffer* buffer = host_->take_back(frame.buf_handle, Owner::display);
     if (buffer == nullptr)
         return;
     host_->flipped_++;
@@ -212,7 +212,7 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
         return;
     }
     host_->skipped_++;
-    FramePool::pass(buffer, Owner::display, Owner::free);
+    display::pass(buffer, Owner::display, Owner::free);
 }
 
 void Host::on_drop(hdmi_player_video_frame_t frame)

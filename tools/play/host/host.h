@@ -14,15 +14,18 @@
 
 #include "common/flip_hold.h"
 #include "common/sound_hold.h"
+#include "display/flip_gate.h"
 #include "hdmi_player.h"
 #include "host/algorithm.h"
-#include "host/flip_gate.h"
-#include "host/frame_pool.h"
 #include "host/trace.h"
+#include "source/picture_buffer.h"
 #include "source/source.h"
 
 namespace play
 {
+
+using display::FlipGate;
+using display::Owner;
 
 struct HostConfig {
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
@@ -38,10 +41,10 @@ struct HostConfig {
     FlipGate* gate = nullptr; ///< of the display; outlives the host
     Trace* trace = nullptr;   ///< written down there; outlives the host
     /// Paints a buffer's picture where the display reads it, before the player is given it; may take its time.
-    std::function<void(FrameBuffer*, const Image*)> paint;
-    /// Shows a buffer at the next vertical blank; FramePool::pass() gives it back when the display is done with it. On
-    /// any thread, at the end of the buffer's hold.
-    std::function<void(FrameBuffer*)> present;
+    std::function<void(PictureBuffer*, const Image*)> paint;
+    /// Shows a buffer at the next vertical blank; display::release() gives it back when the display is done with it.
+    /// On any thread, at the end of the buffer's hold.
+    std::function<void(display::FrameBuffer*)> present;
 };
 
 /// Pictures: rendered = flipped + dropped + held.
@@ -104,14 +107,14 @@ private:
     static void on_drop(hdmi_player_video_frame_t frame);
 
     void video_thread();
-    FrameBuffer* fill(const VideoFrame& frame);
-    void render(FrameBuffer* buffer);
+    PictureBuffer* fill(const VideoFrame& frame);
+    void render(PictureBuffer* buffer);
     void audio_thread();
     void play_block(const hdmi_player_audio_frame_t& block);
     void write_from_line(const hdmi_player_audio_frame_t& like);
     void write(const hdmi_player_audio_frame_t& like, int64_t pts_us);
     bool belongs_to_new_sequence(int32_t serial);
-    FrameBuffer* take_back(void* handle, Owner next);
+    PictureBuffer* take_back(void* handle, Owner next);
 
     static Host* host_;
 
@@ -119,7 +122,7 @@ private:
     Source* source_;
     SourceClock clock_;
     int video_queue_size_;
-    FramePool pool_;
+    display::FramePool<PictureBuffer> pool_;
     std::unique_ptr<common::HeldFlips> held_flips_; ///< while the player is open
     int64_t opened_ns_ = 0;
 

@@ -11,7 +11,7 @@
 #include <optional>
 #include <vector>
 
-#include "display/screen.h"
+#include "screen/screen.h"
 #include "signal/recording.h"
 #include "source/source.h"
 

@@ -35,7 +35,7 @@ json sighting_records(const Result& result)
 json outage_records(const Result& result)
 {
     json list = json::array();
-    for (const Outage& outage : result.display_stats.outages)
+    for (const display::Outage& outage : result.display_stats.outages)
         list.push_back({{"at_s", after_opening_s(result, outage.began_ns)},
                         {"lasted_s", static_cast<double>(outage.lasted_ns) / 1e9},
                         {"reason", outage.reason}});

@@ -100,7 +100,7 @@ void print_figures(Section section, std::string title, const Result& result, con
 
 void print_outages(const Result& result)
 {
-    for (const Outage& outage : result.display_stats.outages)
+    for (const display::Outage& outage : result.display_stats.outages)
         std::printf("  display   lost at %.1f s: %s; back after %.2f s\n", after_opening_s(result, outage.began_ns),
                     outage.reason.c_str(), static_cast<double>(outage.lasted_ns) / 1e9);
 }

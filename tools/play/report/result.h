@@ -67,7 +67,7 @@ struct Result {
     RawCheck raw;       ///< of a run with raw pass-through
     int64_t unsupported = 0;
     StageStats stage;
-    DisplayStats display_stats;
+    display::DisplayStats display_stats;
     int64_t vblank_waits = 0;  ///< of the player, for vertical blanks
     int64_t vblank_missed = 0; ///< vertical blanks that it was not woken for
     Usage usage;

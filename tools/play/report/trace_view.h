@@ -13,10 +13,10 @@
 #include <optional>
 #include <vector>
 
-#include "display/screen.h"
 #include "host/trace.h"
 #include "measure/measure.h"
 #include "report/chart.h"
+#include "screen/screen.h"
 
 namespace play
 {

@@ -2,7 +2,6 @@
 #include "source/canvas.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 
 namespace play
@@ -98,15 +97,6 @@ void paint_field(const Picture& picture, const Canvas& canvas)
 }
 
 } // namespace
-
-Size fit(double width, double height, Size box)
-{
-    if (!(width > 0 && height > 0))
-        return box;
-    double scale = std::min(box.width / width, box.height / height);
-    return {std::clamp(static_cast<int>(std::lround(width * scale)), 1, box.width),
-            std::clamp(static_cast<int>(std::lround(height * scale)), 1, box.height)};
-}
 
 void paint(const Picture& picture, const Image* image, const Canvas& canvas)
 {

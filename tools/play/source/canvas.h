@@ -7,10 +7,10 @@
  */
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "display/canvas.h"
 #include "source/picture.h"
 
 namespace play
@@ -23,15 +23,9 @@ struct Image {
     std::vector<uint32_t> pixels; ///< 0x00RRGGBB, rows from the top
 };
 
-/// Memory that a display shows: 32 bits per pixel, 0x00RRGGBB.
-struct Canvas {
-    uint8_t* memory = nullptr;
-    int width = 0;
-    int height = 0;
-    size_t pitch = 0; ///< bytes from row to row
-
-    uint32_t* row(int y) const { return reinterpret_cast<uint32_t*>(memory + static_cast<size_t>(y) * pitch); }
-};
+using display::Canvas;
+using display::fit;
+using display::Size;
 
 /// The smallest canvas on which a number can be read.
 constexpr int kLeastCanvasWidth = 64;
@@ -42,12 +36,5 @@ void paint(const Picture& picture, const Image* image, const Canvas& canvas);
 
 /// What can be seen on a canvas: the number in its strip, and the field.
 Picture look_at(const Canvas& canvas);
-
-/// The largest size of a @p width x @p height picture that fits into a box.
-struct Size {
-    int width;
-    int height;
-};
-Size fit(double width, double height, Size box);
 
 } // namespace play

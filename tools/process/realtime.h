@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-namespace play
+namespace process
 {
 
 /**
@@ -28,4 +28,4 @@ private:
     bool active_ = false;
 };
 
-} // namespace play
+} // namespace process

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "realtime.h"
+#include "process/realtime.h"
 
 #include <pthread.h>
 #include <sched.h>
 
-namespace play
+namespace process
 {
 
 RealtimeScope::RealtimeScope(int priority)
@@ -21,4 +21,4 @@ RealtimeScope::~RealtimeScope()
         pthread_setschedparam(pthread_self(), SCHED_OTHER, &param);
 }
 
-} // namespace play
+} // namespace process

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "display/display.h"
 #include "source/picture.h"
 
 namespace play
@@ -22,16 +23,17 @@ struct Sighting {
     int64_t vblanks; ///< refreshes for which it stayed
 };
 
-class Screen
+class Screen : public display::Observer
 {
 public:
     Screen();
 
+    /// Reads what the display shows, not what the host meant to paint; without a surface the host's word is taken.
+    void shown(const display::FrameBuffer& buffer, int64_t seen_ns) override;
+    void stayed(int64_t refreshes) override;
+
     /// The screen shows @p picture from @p seen_ns on for one refresh. From one thread.
     void refresh(const Picture& picture, int64_t seen_ns);
-
-    /// What it showed last stayed for @p refreshes more.
-    void stay(int64_t refreshes);
 
     std::vector<Sighting> sightings() const;
     /// Refreshes that showed something that is no numbered picture.

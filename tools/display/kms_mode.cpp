@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <tuple>
 
-namespace play
+namespace display
 {
 namespace
 {
@@ -82,10 +83,35 @@ const drmModeModeInfo* choose_mode(const std::vector<drmModeModeInfo>& modes, st
     return chosen;
 }
 
+const drmModeModeInfo* choose_mode(const std::vector<drmModeModeInfo>& modes, const ModeWish& wish, std::string* error)
+{
+    // Below that, a display flickers or does not follow.
+    constexpr double kLeastHz = 40;
+    auto rank = [&wish](const drmModeModeInfo& mode) {
+        const double hz = refresh_hz(mode);
+        const double per_frame = wish.fps > 0 ? hz / wish.fps : 1;
+        const bool multiple =
+            std::round(per_frame) >= 1 && std::abs(per_frame / std::round(per_frame) - 1) <= kRateTolerance;
+        const bool preferred = (mode.type & DRM_MODE_TYPE_PREFERRED) != 0;
+        // The slowest of several multiples costs least.
+        return std::make_tuple(hz >= kLeastHz, multiple, preferred, multiple ? -hz : hz);
+    };
+    const drmModeModeInfo* best = nullptr;
+    for (const drmModeModeInfo& mode : modes) {
+        const bool same = mode.hdisplay == wish.size.width && mode.vdisplay == wish.size.height;
+        const bool progressive = (mode.flags & DRM_MODE_FLAG_INTERLACE) == 0;
+        if (same && progressive && refresh_hz(mode) > 0 && (best == nullptr || rank(mode) > rank(*best)))
+            best = &mode;
+    }
+    if (best != nullptr && !wish.refresh_hz)
+        return best;
+    return choose_mode(modes, wish.refresh_hz, error);
+}
+
 std::string connector_name(const drmModeConnector& connector)
 {
     const char* type = drmModeGetConnectorTypeName(connector.connector_type);
     return std::string(type != nullptr ? type : "connector") + "-" + std::to_string(connector.connector_type_id);
 }
 
-} // namespace play
+} // namespace display

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "display/screen.h"
+#include "screen/screen.h"
+
+#include "source/canvas.h"
+#include "source/picture_buffer.h"
 
 namespace play
 {
@@ -12,6 +15,12 @@ constexpr size_t kSightingsAhead = 3600 * 60;
 } // namespace
 
 Screen::Screen() { sightings_.reserve(kSightingsAhead); }
+
+void Screen::shown(const display::FrameBuffer& buffer, int64_t seen_ns)
+{
+    const auto& painted = static_cast<const PictureBuffer&>(buffer);
+    refresh(buffer.surface ? look_at(buffer.surface->canvas()) : painted.picture, seen_ns);
+}
 
 void Screen::refresh(const Picture& picture, int64_t seen_ns)
 {
@@ -27,7 +36,7 @@ void Screen::refresh(const Picture& picture, int64_t seen_ns)
         sightings_.push_back({number, flash, seen_ns, 1});
 }
 
-void Screen::stay(int64_t refreshes)
+void Screen::stayed(int64_t refreshes)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!readable_)

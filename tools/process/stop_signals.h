@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-namespace play
+namespace process
 {
 
 /**
@@ -40,4 +40,4 @@ private:
     std::thread thread_;
 };
 
-} // namespace play
+} // namespace process

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/trace.h"
+#include "display/event_log.h"
 
-namespace play
+namespace display
 {
 
 /**
@@ -21,9 +21,9 @@ namespace play
 class FlipGate
 {
 public:
-    /// @p trace outlives it.
-    explicit FlipGate(double refresh_hz, Trace* trace = nullptr)
-        : refresh_ns_(static_cast<int64_t>(1e9 / refresh_hz)), trace_(trace)
+    /// @p vblanks: where vertical blanks are written down, if anywhere; outlives it.
+    explicit FlipGate(double refresh_hz, EventLog<int64_t>* vblanks = nullptr)
+        : refresh_ns_(static_cast<int64_t>(1e9 / refresh_hz)), vblanks_(vblanks)
     {
     }
 
@@ -46,13 +46,13 @@ public:
     void vblank(int64_t at_ns, int64_t passed = 1)
     {
         vblank_ns_ = at_ns;
-        if (trace_ == nullptr)
+        if (vblanks_ == nullptr)
             return;
         // A display that stood still for longer did not show anything.
         constexpr int64_t kLongestNs = 1'000'000'000;
         for (int64_t before = std::min(passed - 1, (kLongestNs - 1) / refresh_ns_); before > 0; before--)
-            trace_->vblanks.add(at_ns - before * refresh_ns_);
-        trace_->vblanks.add(at_ns);
+            vblanks_->add(at_ns - before * refresh_ns_);
+        vblanks_->add(at_ns);
     }
 
     /// The latest known vertical blank; 0: none.
@@ -72,9 +72,9 @@ private:
     }
 
     const int64_t refresh_ns_;
-    Trace* const trace_;
+    EventLog<int64_t>* const vblanks_;
     std::atomic<int64_t> last_ns_{0};
     std::atomic<int64_t> vblank_ns_{0};
 };
 
-} // namespace play
+} // namespace display

@@ -4,9 +4,9 @@
 #include <optional>
 #include <string>
 
-#include "findings.h"
+#include "machine/finding.h"
 
-namespace doctor
+namespace machine
 {
 
 /// A device file, opened for reading and writing without waiting; closed at the end of the scope.
@@ -39,4 +39,4 @@ std::string user();
 /// The first line of a file; empty without one.
 std::string first_line(const std::string& path);
 
-} // namespace doctor
+} // namespace machine

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "display/display.h"
 #include "hdmi_sim.h"
+#include "screen/open_display.h"
 
 namespace play
 {
@@ -8,7 +8,7 @@ namespace
 {
 
 /// The simulated platform's display: vertical blanks of any rate, and a screen that is always looked at.
-class SimulatedDisplay final : public Display
+class SimulatedDisplay final : public display::Display
 {
 public:
     SimulatedDisplay(double refresh_hz, int latency_ms) : refresh_hz_(refresh_hz), latency_ms_(latency_ms) {}
@@ -18,17 +18,18 @@ public:
     bool paced() const override { return true; }
     std::string description() const override { return "sim"; }
 
-    std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override
+    std::optional<hdmi_player_drm_info_t> start(display::Observer* observer, display::FlipGate* gate,
+                                                std::string* error) override
     {
         hdmi_sim::DisplayConfig config;
         config.refresh_hz = refresh_hz_;
         config.latency_ns = latency_ms_ * int64_t{1'000'000};
-        auto scan_out = [screen, gate](const hdmi_sim::ScanOut& out) {
+        auto scan_out = [observer, gate](const hdmi_sim::ScanOut& out) {
             gate->vblank(out.vblank_ns);
             if (out.buffer != nullptr)
-                screen->refresh(static_cast<const FrameBuffer*>(out.buffer)->picture, out.seen_ns);
+                observer->shown(*static_cast<const display::FrameBuffer*>(out.buffer), out.seen_ns);
         };
-        auto done = [](void* buffer, bool) { release(static_cast<FrameBuffer*>(buffer)); };
+        auto done = [](void* buffer, bool) { release(static_cast<display::FrameBuffer*>(buffer)); };
         int fd = hdmi_sim::display_start(config, scan_out, done);
         if (fd < 0) {
             *error = "the simulated display does not start";
@@ -38,7 +39,7 @@ public:
         return hdmi_player_drm_info_t{fd, static_cast<float>(refresh_hz_)};
     }
 
-    void present(FrameBuffer* buffer) override
+    void present(display::FrameBuffer* buffer) override
     {
         if (!hdmi_sim::display_flip(buffer))
             release(buffer);
@@ -51,10 +52,10 @@ public:
         running_ = false;
     }
 
-    DisplayStats stats() const override
+    display::DisplayStats stats() const override
     {
         hdmi_sim::DisplayStats simulated = hdmi_sim::display_stats();
-        DisplayStats stats;
+        display::DisplayStats stats;
         stats.vblanks = simulated.vblanks;
         stats.flips = simulated.flips;
         stats.superseded = simulated.superseded;
@@ -70,7 +71,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<Display> open_simulated_display(const Options& options)
+std::unique_ptr<display::Display> open_simulated_display(const Options& options)
 {
     return std::make_unique<SimulatedDisplay>(options.display_hz(), options.display_latency_ms());
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "access.h"
+#include "machine/access.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -15,7 +15,7 @@
 #include <fstream>
 #include <map>
 
-namespace doctor
+namespace machine
 {
 namespace
 {
@@ -106,4 +106,4 @@ std::string first_line(const std::string& path)
     return line;
 }
 
-} // namespace doctor
+} // namespace machine

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-namespace play
+namespace display
 {
 
 struct FrameBuffer;
@@ -66,4 +66,4 @@ private:
     bool behind_ = false; ///< there was a backlog: the device is one refresh late
 };
 
-} // namespace play
+} // namespace display

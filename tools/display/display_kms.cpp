@@ -15,13 +15,13 @@
 #include <mutex>
 #include <thread>
 
+#include "display/clock.h"
 #include "display/display.h"
 #include "display/flip_queue.h"
 #include "display/kms_card.h"
 #include "display/kms_mode.h"
-#include "hdmi_sim.h"
 
-namespace play
+namespace display
 {
 namespace
 {
@@ -56,7 +56,7 @@ class KmsDisplay final : public Display
 {
 public:
     KmsDisplay(std::shared_ptr<KmsCard> card, int latency_ms)
-        : card_(std::move(card)), latency_ns_(latency_ms * kMs), refresh_hz_(play::refresh_hz(card_->mode())),
+        : card_(std::move(card)), latency_ns_(latency_ms * kMs), refresh_hz_(display::refresh_hz(card_->mode())),
           description_(card_->description())
     {
     }
@@ -67,8 +67,10 @@ public:
     std::string description() const override { return description_ + (has_vblank_ ? "" : ", no vertical blanks"); }
     Size image_size() const override { return {card_->mode().hdisplay, card_->mode().vdisplay}; }
 
-    std::optional<hdmi_player_drm_info_t> start(Screen* screen, FlipGate* gate, std::string* error) override;
-    void paint(FrameBuffer* buffer, const Image* image) override;
+    std::optional<hdmi_player_drm_info_t> start(Observer* observer, FlipGate* gate, std::string* error) override;
+    bool provide_surface(FrameBuffer* buffer) override;
+    bool reads(uint32_t fourcc) const override { return card_->reads(fourcc); }
+    std::shared_ptr<Surface> adopt(const ForeignFrame& frame, std::string* why) override;
     void present(FrameBuffer* buffer) override;
     void stop() override;
     DisplayStats stats() const override;
@@ -97,7 +99,7 @@ private:
     const int64_t latency_ns_;
     const double refresh_hz_;
     const std::string description_;
-    Screen* screen_ = nullptr;
+    Observer* observer_ = nullptr;
     FlipGate* gate_ = nullptr;
     std::shared_ptr<KmsBuffer> blank_; ///< shown until the first picture comes
     bool monotonic_ = true;            ///< the card's time stamps
@@ -124,14 +126,15 @@ private:
     size_t reported_outages_ = 0; ///< outages
 };
 
-std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate* gate, std::string* error)
+std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Observer* observer, FlipGate* gate, std::string* error)
 {
-    screen_ = screen;
+    observer_ = observer;
     gate_ = gate;
     uint64_t monotonic = 0;
     monotonic_ = drmGetCap(card_->fd(), DRM_CAP_TIMESTAMP_MONOTONIC, &monotonic) == 0 && monotonic != 0;
     wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    blank_ = card_->make_buffer();
+    if (!blank_)
+        blank_ = card_->make_buffer();
     int result = wake_ < 0 || !blank_ ? errno : 0;
     if (result == 0)
         result = card_->show(*blank_);
@@ -148,13 +151,21 @@ std::optional<hdmi_player_drm_info_t> KmsDisplay::start(Screen* screen, FlipGate
     return hdmi_player_drm_info_t{has_vblank_ ? card_->fd() : 0, static_cast<float>(refresh_hz_)};
 }
 
-void KmsDisplay::paint(FrameBuffer* buffer, const Image* image)
+bool KmsDisplay::provide_surface(FrameBuffer* buffer)
 {
     auto* memory = static_cast<KmsBuffer*>(buffer->surface.get());
     if (memory == nullptr || !memory->current())
         buffer->surface = card_->make_buffer();
-    if (buffer->surface)
-        play::paint(buffer->picture, image, buffer->surface->canvas());
+    return buffer->surface != nullptr;
+}
+
+std::shared_ptr<Surface> KmsDisplay::adopt(const ForeignFrame& frame, std::string* why)
+{
+    if (!blank_ && !(blank_ = card_->make_buffer())) {
+        *why = std::strerror(errno);
+        return nullptr;
+    }
+    return card_->import(frame, *blank_, why);
 }
 
 void KmsDisplay::present(FrameBuffer* buffer)
@@ -190,7 +201,7 @@ void KmsDisplay::submit()
     if (error == 0) {
         queue_.taken();
         flip_id_++;
-        flipped_ns_ = hdmi_sim::now_ns();
+        flipped_ns_ = monotonic_ns();
     } else if (error != EBUSY) {
         lose(error);
     }
@@ -206,7 +217,7 @@ void KmsDisplay::lose(int error)
         if (buffer != looked_at_)
             release(buffer);
     }
-    stats_.outages.push_back({hdmi_sim::now_ns(), 0, reason_of(error)});
+    stats_.outages.push_back({monotonic_ns(), 0, reason_of(error)});
     wake();
 }
 
@@ -219,7 +230,7 @@ void KmsDisplay::report_loss()
     reported_outages_ = stats_.outages.size();
     const std::string reason = stats_.outages.back().reason;
     lock.unlock();
-    std::fprintf(stderr, "hdmi-player-play: display lost: %s\n", reason.c_str());
+    std::fprintf(stderr, "%s: display lost: %s\n", program_invocation_short_name, reason.c_str());
 }
 
 /// Tries to show again. Without the mutex: nobody else uses the card while the display is lost.
@@ -236,10 +247,11 @@ void KmsDisplay::revive()
         return;
     std::unique_lock<std::mutex> lock(mutex_);
     lost_ = false;
-    const int64_t lasted_ns = hdmi_sim::now_ns() - stats_.outages.back().began_ns;
+    const int64_t lasted_ns = monotonic_ns() - stats_.outages.back().began_ns;
     stats_.outages.back().lasted_ns = lasted_ns;
     lock.unlock();
-    std::fprintf(stderr, "hdmi-player-play: display back after %.2f s\n", static_cast<double>(lasted_ns) / 1e9);
+    std::fprintf(stderr, "%s: display back after %.2f s\n", program_invocation_short_name,
+                 static_cast<double>(lasted_ns) / 1e9);
 }
 
 void KmsDisplay::run()
@@ -247,7 +259,7 @@ void KmsDisplay::run()
     pthread_setname_np(pthread_self(), "kms_display");
     bool stopped = false;
     while (!stopped) {
-        int64_t now_ns = hdmi_sim::now_ns();
+        int64_t now_ns = monotonic_ns();
         int64_t wait_ns = std::max<int64_t>(next_look_ns() - now_ns, 0);
         timespec wait = {};
         wait.tv_sec = wait_ns / 1'000'000'000;
@@ -263,7 +275,7 @@ void KmsDisplay::run()
             continue;
         if ((ready[1].revents & POLLIN) != 0)
             read_events();
-        now_ns = hdmi_sim::now_ns();
+        now_ns = monotonic_ns();
         if (!lost && (ready[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
             lock.lock();
             if (!lost_)
@@ -284,7 +296,7 @@ int64_t KmsDisplay::next_look_ns()
     if (lost_)
         return stop_ ? 0 : revived_ns_ + kReviveNs;
     if (queue_.next() != nullptr)
-        return hdmi_sim::now_ns() + kBusyRetryNs;
+        return monotonic_ns() + kBusyRetryNs;
     int64_t next_ns = checked_ns_ + kConnectorCheckNs;
     if (queue_.on_its_way() != nullptr)
         next_ns = std::min(next_ns, flipped_ns_ + kFlipLimitNs);
@@ -306,7 +318,7 @@ void KmsDisplay::watch_over(int64_t now_ns)
         if (now_ns < revived_ns_ + kReviveNs)
             return;
         revive();
-        revived_ns_ = hdmi_sim::now_ns();
+        revived_ns_ = monotonic_ns();
         return;
     }
     if (!connected)
@@ -350,7 +362,7 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     if (!monotonic_) {
         timespec wall = {};
         clock_gettime(CLOCK_REALTIME, &wall);
-        vblank_ns += hdmi_sim::now_ns() - (wall.tv_sec * int64_t{1'000'000'000} + wall.tv_nsec);
+        vblank_ns += monotonic_ns() - (wall.tv_sec * int64_t{1'000'000'000} + wall.tv_nsec);
     }
     std::unique_lock<std::mutex> lock(mutex_);
     // The event of a flip that was on its way when the display was lost may still come.
@@ -367,22 +379,20 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     submit();
     if (lost_)
         return;
-    // Reads what the card shows, not what the host meant to paint. This takes time, so the mutex is not held. The
-    // picture stays on the screen until this thread reads the next event, or the display is lost.
+    // Who watches reads what the card shows. This takes time, so the mutex is not held. The frame stays on the screen
+    // until this thread reads the next event, or the display is lost.
     FrameBuffer* on_screen = queue_.on_screen();
     looked_at_ = on_screen;
     lock.unlock();
-    Picture seen = look_at(on_screen->surface->canvas());
+    if (same_screen && passed > 1)
+        observer_->stayed(passed - 1);
+    observer_->shown(*on_screen, vblank_ns + latency_ns_);
     lock.lock();
     looked_at_ = nullptr;
     bool lost = queue_.on_screen() != on_screen;
     lock.unlock();
-
     if (lost)
         release(on_screen);
-    if (same_screen && passed > 1)
-        screen_->stay(passed - 1);
-    screen_->refresh(seen, vblank_ns + latency_ns_);
 }
 
 /// Refreshes since the flip before; by time where the card does not count them. With the mutex held.
@@ -413,7 +423,7 @@ void KmsDisplay::stop()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
-        stop_ns_ = hdmi_sim::now_ns();
+        stop_ns_ = monotonic_ns();
     }
     wake();
     thread_.join();
@@ -431,15 +441,16 @@ DisplayStats KmsDisplay::stats() const
 
 } // namespace
 
-std::unique_ptr<Display> open_kms_display(const Options& options, std::string* error)
+std::unique_ptr<Display> open_kms_display(const DisplayOptions& options, std::string* error)
 {
-    std::optional<double> wanted_hz;
-    if (options.display_rate)
-        wanted_hz = options.display_rate->value();
-    std::shared_ptr<KmsCard> card = KmsCard::open(options.display_path, wanted_hz, !options.page_flips, error);
+    ModeWish wish;
+    wish.refresh_hz = options.refresh_hz;
+    wish.size = options.size;
+    wish.fps = options.fps;
+    std::shared_ptr<KmsCard> card = KmsCard::open(options.path, wish, !options.page_flips, error);
     if (!card)
         return nullptr;
-    return std::make_unique<KmsDisplay>(std::move(card), options.display_latency_ms());
+    return std::make_unique<KmsDisplay>(std::move(card), options.latency_ms);
 }
 
-} // namespace play
+} // namespace display

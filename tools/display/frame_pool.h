@@ -7,10 +7,9 @@
 #include <limits>
 #include <memory>
 
-#include "source/canvas.h"
-#include "source/picture.h"
+#include "display/canvas.h"
 
-namespace play
+namespace display
 {
 
 /// Whose a buffer is at the moment.
@@ -29,41 +28,40 @@ public:
     Surface() = default;
     Surface(const Surface&) = delete;
     Surface& operator=(const Surface&) = delete;
+    /// Its pixels, to be painted; without memory where they are another device's.
     virtual Canvas canvas() const = 0;
+    /// Whether the display that made it can still show it.
+    virtual bool current() const { return true; }
 };
 
-/// A picture buffer; its address is the handle that the player passes around.
+/// A buffer for one frame; a host adds what it knows of the frame.
 struct FrameBuffer {
     std::atomic<Owner> owner{Owner::free};
-    int64_t turn = 0;   ///< how many the player had been given before this one
-    int64_t number = 0; ///< of the picture
-    Picture picture;
+    int64_t turn = 0;                 ///< how many the player had been given before this one
     std::shared_ptr<Surface> surface; ///< where it was painted, made by the display that reads it there
 };
 
+/// Moves a buffer from one owner to the next. @return false, with nothing changed, if it was not @p from's
+inline bool pass(FrameBuffer* buffer, Owner from, Owner to) { return buffer->owner.compare_exchange_strong(from, to); }
+
 /**
- * The host's picture buffers. Every hand-over is one atomic exchange of the
- * owner, so the player's callbacks need no lock, and a handle that comes back
- * twice or was never given is noticed.
+ * The host's frame buffers; the address of a Buffer, which is a FrameBuffer, is
+ * the handle that the player passes around. Every hand-over is one atomic
+ * exchange of the owner, so the player's callbacks need no lock, and a handle
+ * that comes back twice or was never given is noticed.
  */
-class FramePool
+template <typename Buffer> class FramePool
 {
 public:
-    explicit FramePool(int buffers) : count_(buffers), buffers_(new FrameBuffer[static_cast<size_t>(buffers)]) {}
+    explicit FramePool(int buffers) : count_(buffers), buffers_(new Buffer[static_cast<size_t>(buffers)]) {}
 
     /// A free buffer, now the host's; null if all are in use.
-    FrameBuffer* acquire()
+    Buffer* acquire()
     {
         for (int i = 0; i < count_; i++)
             if (pass(&buffers_[i], Owner::free, Owner::host))
                 return &buffers_[i];
         return nullptr;
-    }
-
-    /// Moves a buffer from one owner to the next. @return false, with nothing changed, if it was not @p from's
-    static bool pass(FrameBuffer* buffer, Owner from, Owner to)
-    {
-        return buffer->owner.compare_exchange_strong(from, to);
     }
 
     /// Whether @p handle is the address of a buffer of this pool.
@@ -78,15 +76,15 @@ public:
     /// Buffers of @p owner, of those given to the player before turn @p before.
     int count(Owner owner, int64_t before = std::numeric_limits<int64_t>::max()) const
     {
-        const FrameBuffer* all = buffers_.get();
-        return static_cast<int>(std::count_if(all, all + count_, [owner, before](const FrameBuffer& buffer) {
+        const Buffer* all = buffers_.get();
+        return static_cast<int>(std::count_if(all, all + count_, [owner, before](const Buffer& buffer) {
             return buffer.owner == owner && buffer.turn < before;
         }));
     }
 
 private:
     int count_;
-    std::unique_ptr<FrameBuffer[]> buffers_;
+    std::unique_ptr<Buffer[]> buffers_;
 };
 
-} // namespace play
+} // namespace display

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "stop_signals.h"
+#include "process/stop_signals.h"
 
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
 
-namespace play
+namespace process
 {
 namespace
 {
@@ -116,4 +116,4 @@ void StopSignals::take()
     }
 }
 
-} // namespace play
+} // namespace process
