@@ -16,6 +16,7 @@ using machine::Findings;
 using machine::Verdict;
 
 Findings examine_sound();
+Findings examine_video();
 Findings examine_displays();
 Findings examine_cec();
 Findings examine_receiver();

@@ -101,6 +101,7 @@ int main(int argc, char** argv)
     const Finding namespaces = doctor::examine_namespaces();
     print("Sound", doctor::examine_sound());
     print("Receiver", doctor::examine_receiver());
+    print("Video", doctor::examine_video());
     print("Display", doctor::examine_displays());
     print("CEC", doctor::examine_cec());
     Findings rights = doctor::examine_priority();
