@@ -98,8 +98,8 @@ public:
     virtual std::shared_ptr<Surface> adopt(const ForeignFrame& /*frame*/, std::string* /*why*/) { return nullptr; }
     /// Shows a buffer at the coming vertical blank. From any thread; does not wait.
     virtual void present(FrameBuffer* buffer) = 0;
-    /// Gives all buffers back to the pool; the last frame stays visible where it can. For a display that goes on with
-    /// other frames.
+    /// Gives all buffers back to the pool. A display that has a copy of the last frame goes on to show that, and then
+    /// other frames; any other is stopped.
     virtual void clear() {}
     /// From now on frames have this size.
     virtual void expect(Size /*frame*/) {}

@@ -72,6 +72,8 @@ public:
     bool reads(uint32_t fourcc) const override { return card_->reads(fourcc); }
     std::shared_ptr<Surface> adopt(const ForeignFrame& frame, std::string* why) override;
     void present(FrameBuffer* buffer) override;
+    /// A card shows frames where they lie, and so nothing without them.
+    void clear() override { stop(); }
     void stop() override;
     DisplayStats stats() const override;
 

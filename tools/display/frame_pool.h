@@ -82,6 +82,9 @@ public:
         }));
     }
 
+    Buffer* begin() { return buffers_.get(); }
+    Buffer* end() { return buffers_.get() + count_; }
+
 private:
     int count_;
     std::unique_ptr<Buffer[]> buffers_;

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: MIT
+#include "session/player.h"
+
+#include <pthread.h>
+
+#include <cmath>
+#include <limits>
+
+#include "display/clock.h"
+
+namespace view
+{
+namespace
+{
+
+using display::Owner;
+
+constexpr int32_t kPullTimeoutMs = 100;
+constexpr int kBytesPerFrame = 4;
+/// On the screen, two on the way to it, one that was just taken, one to spare.
+constexpr int kBesideQueue = 5;
+constexpr int kBurstsOfHolds = 2;
+
+/// From the arrival of a frame to the sound of its time: a period captured, the longest burst decoded, a period played,
+/// and the time by which the first block of a sequence is held back.
+constexpr double kSoundOnItsWayS = 0.0203 + 0.048 + 0.020 + 0.076;
+
+} // namespace
+
+Player* Player::player_ = nullptr;
+
+int queue_slots(double fps) { return 2 + static_cast<int>(std::ceil(fps * kSoundOnItsWayS)); }
+
+int frames_kept(double fps, double refresh_hz, const common::Holds& holds)
+{
+    const double held_s = static_cast<double>(holds.flip_ns) / 1e9;
+    const int held =
+        holds.holds_flips() ? kBurstsOfHolds + static_cast<int>(std::ceil(held_s * std::min(fps, refresh_hz))) : 0;
+    return queue_slots(fps) + kBesideQueue + held;
+}
+
+bool Player::open(const PlayerConfig& config)
+{
+    hdmi_player_config_t wanted = {};
+    wanted.ao_dev = config.output;
+    wanted.drm_info = config.display;
+    wanted.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
+    wanted.video_frame_queue_size = queue_slots(config.fps);
+    wanted.event_cb = on_event;
+    wanted.video_frame_drop_cb = on_drop;
+    wanted.video_frame_flip_cb = on_flip;
+    newest_serial_ = 0;
+    held_serial_ = -1;
+    taken_serial_ = 0;
+    last_old_serial_ = std::numeric_limits<int32_t>::max(); // nothing is played before the first reset
+    sound_hold_ = std::make_unique<common::SoundHold>(config.holds.sound_ns);
+    held_flips_ =
+        std::make_unique<common::HeldFlips>(config.holds, static_cast<double>(config.display.panel_refresh_rate),
+                                            [this](void* buffer) { feed_->flipped(static_cast<ViewBuffer*>(buffer)); });
+    player_ = this;
+    if (hdmi_player_open(wanted) != 0) {
+        held_flips_.reset();
+        player_ = nullptr;
+        return false;
+    }
+    open_ = true;
+    hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+    stop_ = false;
+    sound_ = std::thread(&Player::sound_thread, this);
+    return true;
+}
+
+void Player::close()
+{
+    if (!open_)
+        return;
+    // Blocks die at close: nobody may hold one.
+    stop_ = true;
+    sound_.join();
+    hdmi_player_close();
+    open_ = false;
+    held_flips_.reset();
+    feed_->take_back();
+    player_ = nullptr;
+}
+
+// --- Frames ------------------------------------------------------------------------------
+
+void Player::render(ViewBuffer* buffer)
+{
+    if (!open_) {
+        pass(buffer, Owner::host, Owner::display);
+        shown_++;
+        feed_->flipped(buffer);
+        return;
+    }
+    // Flip or drop may come before the call returns: the buffer must be the player's by then.
+    pass(buffer, Owner::host, Owner::player);
+    const int64_t resets_before = resets_;
+    hdmi_player_video_frame_t frame = {buffer, 0};
+    // A reset reports failure although it has queued the frame.
+    if (hdmi_player_video_render(&frame) == 0 || resets_ != resets_before)
+        return;
+    refused_++;
+    pass(buffer, Owner::player, Owner::host);
+    feed_->dropped(buffer);
+}
+
+// The callbacks come from the library's pacing thread and from inside of hdmi_player_video_render().
+
+void Player::on_flip(hdmi_player_video_frame_t frame)
+{
+    auto* buffer = static_cast<ViewBuffer*>(frame.buf_handle);
+    if (player_->feed_->owns(buffer) && pass(buffer, Owner::player, Owner::display))
+        player_->show(buffer);
+}
+
+void Player::on_drop(hdmi_player_video_frame_t frame)
+{
+    auto* buffer = static_cast<ViewBuffer*>(frame.buf_handle);
+    if (!player_->feed_->owns(buffer) || !pass(buffer, Owner::player, Owner::host))
+        return;
+    player_->dropped_++;
+    player_->feed_->dropped(buffer);
+}
+
+void Player::show(ViewBuffer* buffer)
+{
+    const int64_t now_ns = display::monotonic_ns();
+    if (gate_->admit(now_ns)) {
+        shown_++;
+        held_flips_->flip(buffer, now_ns, gate_->vblank_ns());
+        return;
+    }
+    skipped_++;
+    pass(buffer, Owner::display, Owner::host);
+    feed_->dropped(buffer);
+}
+
+void Player::on_event(hdmi_player_event_e event)
+{
+    if (event != E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
+        return;
+    player_->last_old_serial_ = player_->taken_serial_.load();
+    player_->resets_++;
+}
+
+// --- Sound -------------------------------------------------------------------------------
+
+void Player::sound_thread()
+{
+    pthread_setname_np(pthread_self(), "view_sound");
+    while (!stop_) {
+        hdmi_player_audio_frame_t* block = nullptr;
+        if (hdmi_player_get_pcm(&block, kPullTimeoutMs) != 0)
+            continue;
+        if (may_play(block->serial))
+            play(block);
+        hdmi_player_put_pcm(block);
+    }
+}
+
+/// Sound from before a reset would lie in the device ahead of the new sequence, and delay it for good.
+bool Player::may_play(int32_t serial)
+{
+    newest_serial_ = std::max(newest_serial_, serial);
+    taken_serial_ = newest_serial_;
+    return serial > last_old_serial_;
+}
+
+void Player::play(hdmi_player_audio_frame_t* block)
+{
+    const int frames = block->size / kBytesPerFrame;
+    if (block->serial != held_serial_)
+        sound_hold_->start(block->sample_rate);
+    held_serial_ = block->serial;
+    sound_hold_->pass(reinterpret_cast<int16_t*>(block->data), frames);
+    // Waits while the output's queue is full: the sound device sets the pace.
+    if (hdmi_player_write_pcm(block) == 0)
+        sound_frames_ += frames;
+}
+
+PlayerFigures Player::figures() const
+{
+    PlayerFigures figures;
+    figures.shown = shown_;
+    figures.skipped = skipped_;
+    figures.dropped = dropped_;
+    figures.refused = refused_;
+    figures.resets = resets_;
+    figures.sound = sound_frames_;
+    return figures;
+}
+
+} // namespace view

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * The library's host in this program: frames of the feed go in, flips come out
+ * to the display, sound passes through.
+ */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "common/flip_hold.h"
+#include "common/holds.h"
+#include "common/sound_hold.h"
+#include "display/flip_gate.h"
+#include "hdmi_player.h"
+#include "picture/feed.h"
+
+namespace view
+{
+
+struct PlayerConfig {
+    hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+    hdmi_player_drm_info_t display = {0, 60};
+    double fps = 60;
+    common::Holds holds;
+};
+
+struct PlayerFigures {
+    int64_t shown = 0;   ///< given to the display
+    int64_t skipped = 0; ///< coalesced with the flip before
+    int64_t dropped = 0; ///< late against the sound
+    int64_t refused = 0; ///< that the player did not take
+    int64_t resets = 0;
+    int64_t sound = 0; ///< frames of sound written
+};
+
+/// Frames that the player's queue needs, and all that may be out of the feed's hands at a time.
+int queue_slots(double fps);
+int frames_kept(double fps, double refresh_hz, const common::Holds& holds);
+
+/// One at a time: the library's callbacks carry no context. open(), close() and render() are for one thread at a time.
+class Player
+{
+public:
+    /// Both outlive it.
+    Player(Feed* feed, display::FlipGate* gate) : feed_(feed), gate_(gate) {}
+    ~Player() { close(); }
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
+
+    /// @return false where the library does not open, most often for lack of a sound device
+    bool open(const PlayerConfig& config);
+    /// What it still has is the feed's again.
+    void close();
+    bool is_open() const { return open_; }
+
+    /// Gives a frame of the host's away. While it is not open, the frame is shown at once.
+    void render(ViewBuffer* buffer);
+
+    PlayerFigures figures() const;
+
+private:
+    static void on_event(hdmi_player_event_e event);
+    static void on_flip(hdmi_player_video_frame_t frame);
+    static void on_drop(hdmi_player_video_frame_t frame);
+
+    void show(ViewBuffer* buffer);
+    void sound_thread();
+    bool may_play(int32_t serial);
+    void play(hdmi_player_audio_frame_t* block);
+
+    static Player* player_;
+
+    Feed* const feed_;
+    display::FlipGate* const gate_;
+    bool open_ = false;
+    std::unique_ptr<common::HeldFlips> held_flips_;
+
+    std::thread sound_;
+    std::atomic<bool> stop_{false};
+    std::unique_ptr<common::SoundHold> sound_hold_; ///< the sound thread's, as are the next two
+    int32_t newest_serial_ = 0;
+    int32_t held_serial_ = -1;
+    std::atomic<int64_t> taken_serial_{0};    ///< newest_serial_, for events
+    std::atomic<int64_t> last_old_serial_{0}; ///< blocks up to this one are not played
+
+    std::atomic<int64_t> shown_{0};
+    std::atomic<int64_t> skipped_{0};
+    std::atomic<int64_t> dropped_{0};
+    std::atomic<int64_t> refused_{0};
+    std::atomic<int64_t> resets_{0};
+    std::atomic<int64_t> sound_frames_{0};
+};
+
+} // namespace view

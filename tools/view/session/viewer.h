@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * From the start of the program to its end: finds the device, waits for the
+ * signal, shows it, and begins again when something went away.
+ */
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "control/commands.h"
+#include "control/terminal.h"
+#include "process/stop_signals.h"
+#include "session/options.h"
+#include "session/viewing.h"
+#include "session/words.h"
+
+namespace view
+{
+
+class Viewer
+{
+public:
+    Viewer(const Options& options, const process::StopSignals& signals);
+    ~Viewer();
+    Viewer(const Viewer&) = delete;
+    Viewer& operator=(const Viewer&) = delete;
+
+    /// @return the program's exit status
+    int run();
+
+private:
+    bool ended() const;
+    bool open_device();
+    bool name_sound(const std::string& of_device);
+    bool wait_for_signal(machine::VideoSignal* signal);
+    bool begin_viewing(const machine::VideoSignal& signal);
+    bool take_display(const machine::VideoSignal& signal);
+    bool start_display();
+    std::optional<CaptureMode> choose_capture_mode(const machine::VideoSignal& signal);
+    void watch();
+    void watch_for_black(int64_t now_ns);
+    void end_viewing();
+    void pause(int milliseconds);
+    void obey(const std::string& key);
+    void change_volume(int step);
+    void take_next_output();
+    void delay_sound(int step_ms);
+    void tell(const machine::Finding& finding);
+
+    const Options options_;
+    const process::StopSignals& signals_;
+    const DisplayKind kind_;
+    const int64_t began_ns_;
+    Terminal terminal_;
+    Teller teller_;
+    bool quit_ = false;
+    int status_ = 0;
+
+    std::unique_ptr<VideoDevice> device_;
+    std::unique_ptr<display::Display> display_;
+    bool display_runs_ = false;
+    std::unique_ptr<display::FlipGate> gate_;
+    hdmi_player_drm_info_t info_ = {0, 60};
+    Audience audience_;
+    std::unique_ptr<Viewing> viewing_;
+    ViewingConfig config_;
+    bool had_sound_ = true;
+    int64_t black_since_ns_ = 0;
+
+    int volume_ = 100;
+    bool muted_ = false;
+
+    std::mutex keys_mutex_;
+    std::deque<std::string> keys_; ///< from the window's thread
+};
+
+} // namespace view

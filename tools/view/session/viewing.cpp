@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: MIT
+#include "session/viewing.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+
+#include "display/clock.h"
+#include "process/realtime.h"
+
+namespace view
+{
+namespace
+{
+
+constexpr int64_t kMs = 1'000'000;
+constexpr int kWaitMs = 50;
+/// Longer than a source takes between two modes while its signal lasts.
+constexpr int64_t kStallNs = 2000 * kMs;
+/// So many frames tell how old frames are when they come.
+constexpr int64_t kFramesToKnow = 12;
+/// A difference that is worth an interruption.
+constexpr double kAgeToleranceMs = 15;
+constexpr int64_t kTryAgainNs = 5000 * kMs;
+constexpr int kRealtimePriority = 20;
+constexpr double kUnstatedFps = 60;
+
+/// Buffers that a device gives at most, less those that it needs itself.
+constexpr int kMostKept = 29;
+constexpr double kMostHeldMs = 160;
+constexpr double kHeldStepMs = 4;
+
+/// For how long flips can be held before buffers run short.
+double most_held_ms(double fps, double refresh_hz)
+{
+    constexpr double kPlannedMs = static_cast<double>(common::kPlannedLatencyNs) / 1e6;
+    double held_ms = kMostHeldMs;
+    auto kept = [&] {
+        common::Holds holds;
+        holds.flip_ns = static_cast<int64_t>(held_ms * 1e6);
+        return frames_kept(fps, refresh_hz, holds);
+    };
+    while (held_ms > kPlannedMs && kept() > kMostKept)
+        held_ms -= kHeldStepMs;
+    return held_ms;
+}
+
+} // namespace
+
+bool Viewing::prepare(machine::Finding* why)
+{
+    fps_ = device_->fps() > 0 ? device_->fps() : kUnstatedFps;
+    display_->expect({device_->layout().width, device_->layout().height});
+    most_held_ms_ = most_held_ms(fps_, display_->refresh_hz());
+    common::Holds most;
+    most.flip_ns = static_cast<int64_t>(most_held_ms_ * 1e6);
+    audience_->begin();
+    return feed_.start(frames_kept(fps_, display_->refresh_hz(), most), why);
+}
+
+void Viewing::start(const ViewingConfig& config, hdmi_player_drm_info_t info)
+{
+    info_ = info;
+    opened_delay_ms_ = config.sound_delay_ms;
+    process::RealtimeScope realtime(kRealtimePriority);
+    thread_ = std::thread(&Viewing::run, this);
+}
+
+void Viewing::stop()
+{
+    stop_ = true;
+    if (thread_.joinable())
+        thread_.join();
+    player_.close();
+    feed_.halt();
+    display_->clear();
+    feed_.stop();
+}
+
+void Viewing::run()
+{
+    pthread_setname_np(pthread_self(), "view_capture");
+    int64_t came_ns = display::monotonic_ns();
+    while (!stop_ && end_ == End::none) {
+        const VideoDevice::News news = device_->wait(kWaitMs);
+        if (news.gone)
+            end_ = End::gone;
+        else if (news.signal)
+            end_ = End::signal;
+        else if (display::monotonic_ns() - came_ns > kStallNs)
+            end_ = End::stalled;
+        if (!news.frame)
+            continue;
+        came_ns = display::monotonic_ns();
+        if (ViewBuffer* buffer = feed_.take()) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            player_.render(buffer);
+        }
+    }
+}
+
+/// What the viewer wants, and what the device does: a frame that is older than the sound that comes with it.
+double Viewing::sound_delay_ms(const ViewingConfig& config) const
+{
+    const auto planned_ms = static_cast<double>(common::kPlannedLatencyNs) / 1e6;
+    const double least_ms = planned_ms - config.display_latency_ms - most_held_ms_;
+    return std::clamp(age_ms_ + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
+}
+
+bool Viewing::tend_player(const ViewingConfig& config)
+{
+    if (!config.sound || feed_.figures().frames < kFramesToKnow)
+        return true;
+    const bool fits = std::abs(feed_.age_ms() - age_ms_) < kAgeToleranceMs && opened_delay_ms_ == config.sound_delay_ms;
+    if (player_.is_open() && fits)
+        return true;
+    const int64_t now_ns = display::monotonic_ns();
+    if (!player_.is_open() && tried_ns_ != 0 && now_ns - tried_ns_ < kTryAgainNs)
+        return false;
+    tried_ns_ = now_ns;
+    age_ms_ = feed_.age_ms();
+    opened_delay_ms_ = config.sound_delay_ms;
+    return open_player(config);
+}
+
+bool Viewing::open_player(const ViewingConfig& config)
+{
+    PlayerConfig wanted;
+    wanted.output = config.output;
+    wanted.display = info_;
+    wanted.fps = fps_;
+    wanted.holds = common::plan_holds(config.display_latency_ms * kMs, std::llround(sound_delay_ms(config) * 1e6),
+                                      static_cast<double>(info_.panel_refresh_rate), info_.fd > 0);
+    process::RealtimeScope realtime(kRealtimePriority);
+    std::lock_guard<std::mutex> lock(mutex_);
+    player_.close();
+    return player_.open(wanted);
+}
+
+std::string Viewing::description() const
+{
+    char text[96];
+    std::snprintf(text, sizeof text, "%dx%d %s at %.5g fps, ", device_->layout().width, device_->layout().height,
+                  name_of(device_->format()).c_str(), fps_);
+    return text + (feed_.direct() ? std::string("not copied") : "copied (" + feed_.why_painted() + ")");
+}
+
+std::string Viewing::figures(const ViewingConfig& config) const
+{
+    constexpr double kOutputRate = 48000;
+    const FeedFigures feed = feed_.figures();
+    const PlayerFigures player = player_.figures();
+    char frames[256];
+    std::snprintf(frames, sizeof frames,
+                  "; frames: %" PRId64 " captured, %" PRId64 " lost before, %" PRId64 " damaged, %" PRId64
+                  " without a buffer, %" PRId64 " copied, %" PRId64 " dropped, %" PRId64 " skipped, %" PRId64
+                  " seen, %" PRId64 " unseen, %" PRId64 " out of order",
+                  feed.frames, feed.missing, feed.damaged, feed.no_buffer, feed.copied, player.dropped, player.skipped,
+                  audience_->seen(), audience_->unseen(), audience_->disordered());
+    char sound[160];
+    std::snprintf(sound, sizeof sound, "; frames are %.1f ms old when they come, sound %+.0f ms (%+d ms by key)",
+                  feed_.age_ms(), sound_delay_ms(config), config.sound_delay_ms);
+    char played[96];
+    std::snprintf(played, sizeof played, "; %.1f s of sound, %" PRId64 " resets",
+                  static_cast<double>(player.sound) / kOutputRate, player.resets);
+    return description() + frames + sound + played;
+}
+
+} // namespace view

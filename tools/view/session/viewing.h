@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+/**
+ * @file
+ * One signal being watched and heard, until it changes or goes away.
+ */
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "capture/video_device.h"
+#include "display/display.h"
+#include "session/audience.h"
+#include "session/player.h"
+
+namespace view
+{
+
+struct ViewingConfig {
+    ModeWish wish;
+    bool sound = true;
+    hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+    int display_latency_ms = 0; ///< from the vertical blank to light
+    int sound_delay_ms = 0;     ///< by which the viewer wants the sound later
+};
+
+constexpr double kMostSoundDelayMs = 1000;
+
+/// start() and what follows are for one thread.
+class Viewing
+{
+public:
+    enum class End {
+        none,
+        signal,  ///< has changed, or may have
+        stalled, ///< no frame comes any more
+        gone,    ///< the device was unplugged
+    };
+
+    /// All outlive it.
+    Viewing(VideoDevice* device, display::Display* display, display::FlipGate* gate, Audience* audience)
+        : device_(device), display_(display), audience_(audience), feed_(device, display), player_(&feed_, gate)
+    {
+    }
+    ~Viewing() { stop(); }
+
+    /// Makes the buffers, in the device's mode; the display does not run yet, or shows other frames. @return false with
+    /// what is wrong in @p why
+    bool prepare(machine::Finding* why);
+    /// Begins to show frames. @p info: of the display, which runs.
+    void start(const ViewingConfig& config, hdmi_player_drm_info_t info);
+    void stop();
+
+    End end() const { return end_; }
+    /// Opens the player once the age of frames is known, and again when that has changed or @p config has. To be called
+    /// now and then. @return false if there should be sound, and it does not open
+    bool tend_player(const ViewingConfig& config);
+    bool started() const { return thread_.joinable(); }
+
+    bool black() const { return feed_.black(); }
+    /// "1920x1080 NV12 at 60 fps, shown where it lies"
+    std::string description() const;
+    /// One line for the viewer.
+    std::string figures(const ViewingConfig& config) const;
+
+private:
+    void run();
+    double sound_delay_ms(const ViewingConfig& config) const;
+    bool open_player(const ViewingConfig& config);
+
+    VideoDevice* const device_;
+    display::Display* const display_;
+    Audience* const audience_;
+    Feed feed_;
+    hdmi_player_drm_info_t info_ = {0, 60};
+    double fps_ = 60;
+    double most_held_ms_ = 0;
+    double age_ms_ = 0; ///< that the player allows for
+
+    std::mutex mutex_; ///< the player is opened and closed while nobody renders
+    Player player_;
+    int opened_delay_ms_ = 0;
+    int64_t tried_ns_ = 0;
+
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::atomic<End> end_{End::none};
+};
+
+} // namespace view

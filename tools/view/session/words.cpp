@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#include "session/words.h"
+
+#include <cstdio>
+
+namespace view
+{
+
+using machine::CaptureDevice;
+using machine::Finding;
+using machine::Verdict;
+using machine::VideoSignal;
+
+void Teller::tell(const std::string& line)
+{
+    if (line == last_)
+        return;
+    last_ = line;
+    std::fprintf(stderr, "hdmi-player-view: %s\n", line.c_str());
+}
+
+void Teller::tell(const Finding& finding)
+{
+    tell(finding.what + ": " + finding.detail + (finding.remedy.empty() ? "" : ": " + finding.remedy));
+}
+
+Finding objection_to(const VideoSignal& signal, const std::string& path)
+{
+    const std::string control = "v4l2-ctl -d " + path;
+    switch (signal.state) {
+    case VideoSignal::State::none:
+        return {Verdict::missing, path, "no signal (no cable, a source that is off, or an input without an EDID)",
+                control + " --set-edid=type=hdmi"};
+    case VideoSignal::State::unstable:
+        return {Verdict::missing, path,
+                "a signal that cannot be locked to (a bad cable, or a source that insists on HDCP)",
+                control + " --log-status"};
+    case VideoSignal::State::unsupported:
+        return {Verdict::missing, path, "a signal beyond what the device receives: choose a smaller mode at the source",
+                control + " --get-dv-timings-cap"};
+    case VideoSignal::State::untold: return {};
+    case VideoSignal::State::present: break;
+    }
+    if (!signal.interlaced)
+        return {};
+    return {Verdict::missing, path,
+            machine::describe(signal) + " is not shown: choose a progressive mode at the source, such as 1080p",
+            control + " --query-dv-timings"};
+}
+
+Finding black_picture(const std::string& path)
+{
+    return {Verdict::missing, path,
+            "the picture is black (a dark scene, a source that sleeps, or one that insists on HDCP)",
+            "v4l2-ctl -d " + path + " --log-status"};
+}
+
+Finding stalled_picture(const std::string& path)
+{
+    return {Verdict::missing, path, "sends no frames any more", "sudo dmesg | tail"};
+}
+
+Finding no_device(const std::vector<CaptureDevice>& devices)
+{
+    if (devices.empty())
+        return {Verdict::missing, "/dev/video*", "no video capture device; waiting for one", "lsusb"};
+    for (const CaptureDevice& device : devices)
+        if (device.verdict == Verdict::refused)
+            return {device.verdict, device.path, device.why_not, device.remedy};
+    return {Verdict::missing, "/dev/video*", "none that is used by itself; waiting for one", "hdmi-player-view --list"};
+}
+
+std::string list_of(const std::vector<CaptureDevice>& devices)
+{
+    if (devices.empty())
+        return "No video capture device: lsusb; sudo dmesg | tail\n";
+    const CaptureDevice* chosen = machine::choose_device(devices);
+    std::string list;
+    for (const CaptureDevice& device : devices) {
+        list += (&device == chosen ? "* " : "  ") + device.path + "  " + device.facts.card;
+        if (device.usable) {
+            list += device.facts.signal.empty() ? "" : ": " + device.facts.signal;
+            list += device.sound.empty() ? "; no sound of its own: --capture alsa:NAME (arecord -L lists names)"
+                                         : "; sound from alsa:" + device.sound;
+        } else {
+            list += ": not used: " + device.why_not;
+        }
+        list += "\n";
+        if (!device.remedy.empty())
+            list += "      " + device.remedy + "\n";
+    }
+    return list;
+}
+
+} // namespace view
