@@ -382,10 +382,20 @@ void reset_record(audio_output_info_t& info) REQUIRES(info.api_rwlock)
     info.waiting = 0;
 }
 
-// Undoes all of an init but the device and the CEC link. The writer must have ended.
+// A close that failed is repeated. If this one fails too, the next init begins with it: an open device cannot be
+// opened.
+void give_up_device()
+{
+    mutex_guard lock(g_ao_info.mutex);
+    if (device_open())
+        g_ao_info.left_open = close_device() < 0;
+}
+
+// Undoes all of an init but the CEC link. The writer must have ended.
 // Returns the result of the queue's deinit.
 int32_t tear_down() REQUIRES(g_ao_info.api_rwlock)
 {
+    give_up_device();
     const int32_t result = g_ao_info.frame_queue >= 0 ? frame_queue_deinit(g_ao_info.frame_queue) : 0;
     reset_record(g_ao_info);
     return result;
@@ -429,6 +439,8 @@ int open_configured(const audio_output_config_t& cfg, const device_path& path)
 {
     mutex_guard lock(g_ao_info.mutex);
     configure(cfg, path);
+    if (g_ao_info.left_open)
+        g_ao_info.left_open = close_device() < 0;
     return open_device();
 }
 
@@ -504,7 +516,7 @@ int32_t abandon_init() REQUIRES(g_ao_info.api_rwlock)
 {
     {
         mutex_guard lock(g_ao_info.mutex);
-        aio_device_close(&g_ao_info.audio_cfg);
+        close_device();
     }
     tear_down();
     return -1;

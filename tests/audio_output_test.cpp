@@ -596,6 +596,22 @@ TEST_F(AudioOutput, StopEndsAStuckWriteAndEverybodyWhoWaitsForIt)
     EXPECT_TRUE(device.count("volume 1") == 0 && device.count("cec_deinit") == 1);
 }
 
+TEST_F(AudioOutput, ACloseThatFailsIsRepeatedIfNeedBeByTheNextInit)
+{
+    for (const int failures : {1, 2}) {
+        start();
+        std::atomic<int> left{failures};
+        g_hooks.close = [&](audio_config_t*) {
+            device.results["close"] = left-- > 0 ? -1 : 0;
+            return device.call("close");
+        };
+        EXPECT_EQ(audio_output_deinit(), 0);
+        EXPECT_EQ(device.count("close"), 2);
+        EXPECT_EQ(device.open, failures == 2);
+    }
+    start(); // an open of an open device is a violation
+}
+
 TEST_F(AudioOutput, AnInitDuringAStopIsRefused)
 {
     Gate gate;

@@ -68,10 +68,11 @@ typedef struct audio_output_info_s {
      * blocks: `writing` keeps everybody but a close out meanwhile.
      */
     mutex_t mutex;
-    bool writing GUARDED_BY(mutex) = false; ///< the writer is inside aio_device_write
-    int32_t waiting GUARDED_BY(mutex) = 0;  ///< callers that wait for the write to end; they go before the next one
-    pthread_cond_t device_cond;             ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
-    rwlock_t api_rwlock;                    ///< write: init and the end of deinit; read: everything else
+    bool writing GUARDED_BY(mutex) = false;   ///< the writer is inside aio_device_write
+    int32_t waiting GUARDED_BY(mutex) = 0;    ///< callers that wait for the write to end; they go before the next one
+    pthread_cond_t device_cond;               ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
+    bool left_open GUARDED_BY(mutex) = false; ///< by a deinit whose close failed; kept until the next init
+    rwlock_t api_rwlock;                      ///< write: init and the end of deinit; read: everything else
     /**
      * Held through a whole select call: another one must not answer from, store
      * over or restore a selection that is not decided yet. Taken before
