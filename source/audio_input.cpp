@@ -8,6 +8,7 @@
 #include <strings.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -247,12 +248,9 @@ void* audio_read(void*)
 
 // --- Detection --------------------------------------------------------------
 
-// Bytes of the state file in @p text, which holds kTextSize; -1 when it cannot be opened.
-ssize_t read_state_file(char* text)
+// Bytes of the text in @p text, which holds kTextSize.
+ssize_t read_text(int fd, char* text)
 {
-    const int fd = open(kStateFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return -1;
     size_t length = 0;
     while (length < kTextSize - 1) {
         const ssize_t got = read(fd, text + length, kTextSize - 1 - length);
@@ -262,8 +260,21 @@ ssize_t read_state_file(char* text)
             break;
         length += static_cast<size_t>(got);
     }
-    close(fd);
     return static_cast<ssize_t>(length);
+}
+
+// Bytes of the state file in @p text; -1 when it cannot be opened. Anything else in its place counts as an empty file:
+// a FIFO or a device could block the opening or the read for ever.
+ssize_t read_state_file(char* text)
+{
+    const int fd = open(kStateFile, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    struct stat info = {};
+    const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    const ssize_t length = regular ? read_text(fd, text) : 0;
+    close(fd);
+    return length;
 }
 
 // Runs without a lock: the event's receiver may call in.
@@ -525,20 +536,13 @@ void release_queue(int32_t queue, const char* function)
         log_as(function, LOG_LEVEL_E, "frame_queue_pool_release failed. err:%d\n", err);
 }
 
-// A device that cannot be closed is given up: the next init opens it anew.
-void forget_device()
-{
-    mutex_guard device(g_ai_info.device_mutex);
-    g_ai_info.device_opened = false;
-}
-
-// The end of a deinit, and of an init that failed. The threads have ended.
+// The end of a deinit, and of an init that failed. The threads have ended. A device that cannot be closed counts as
+// open: the next init begins with its close.
 void teardown(const char* function) REQUIRES(g_ai_info.api_rwlock)
 {
     release_queue(g_ai_info.iec61937_queue, function);
     release_queue(g_ai_info.pcm_frame_queue, function);
     close_device();
-    forget_device();
     close_descriptor(g_ai_info.uevent_fd);
     close_descriptor(g_ai_info.stop_fd);
     pthread_attr_destroy(&g_ai_info.attr);
@@ -559,6 +563,7 @@ bool open_device() REQUIRES(g_ai_info.api_rwlock)
     cfg->pcm_name = nullptr;
     cfg->in_bypass_mode = E_AUDIO_IN_BYPASS_MODE_NONE;
     set_device_rate(g_ai_info.original_sample_rate);
+    close_device();
     mutex_guard device(g_ai_info.device_mutex);
     const int err = aio_device_open(cfg);
     if (err < 0) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <linux/netlink.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -284,6 +285,21 @@ TEST_F(AudioInput, TheStateFileIsReadAsFarAsItSaysAnything)
     }
 }
 
+TEST_F(AudioInput, WhatIsNoFileInTheStateFilesPlaceSaysNothingAndNeverBlocks)
+{
+    const std::function<int()> others[] = {[] { return mkfifo(kStateFile, 0600); },
+                                           [] { return symlink("/dev/zero", kStateFile); },
+                                           [] { return mkdir(kStateFile, 0700); }};
+    for (const auto& make : others) {
+        unlink(kStateFile);
+        ASSERT_EQ(make(), 0);
+        ASSERT_EQ(audio_input_init(kConfig), 0);
+        EXPECT_TRUE(audio_input_get_format() == AUDIO_INPUT_FORMAT_NONE && host.events == 0) << &make - others;
+        ASSERT_EQ(audio_input_deinit(), 0);
+    }
+    rmdir(kStateFile);
+}
+
 TEST_F(AudioInput, AFailedInitUndoesWhatItBuiltAndCanBeRepeated)
 {
     unlink(kStateFile);
@@ -367,6 +383,15 @@ TEST_F(AudioInput, DeinitEndsABlockedReadAndConsumersThatComeBackAtOnce)
     EXPECT_EQ(audio_input_deinit() + rival.result(), -1) << "of two concurrent calls one ends the module";
     EXPECT_LT(steady_clock::now() - begin, 8s) << "the consumers starve the stop";
     EXPECT_EQ(capture.get(&Capture::closes), 3);
+}
+
+TEST_F(AudioInput, ADeviceThatADeinitCouldNotCloseIsClosedByTheNextInit)
+{
+    start(""); // no format: nothing is read
+    capture.close_results = {-5, -5};
+    EXPECT_EQ(audio_input_deinit(), 0);
+    EXPECT_TRUE(capture.get(&Capture::opened));
+    start("");
 }
 
 TEST_F(AudioInput, NothingIsOpenAfterADeinitThatMeetsAReopen)
