@@ -614,7 +614,7 @@ void dolby_dump(dolby_info_t* info, dolby_dump_e type, const void* data, uint32_
         return;
 
     const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
-    FILE* const file = fits ? fopen(name, "a+") : nullptr;
+    FILE* const file = fits ? fopen(name, "a+e") : nullptr;
     if (file == nullptr) {
         log_e("fopen %s fail\n", name);
         return;

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -27,7 +28,7 @@ constexpr long kEnoughNamespaces = 100;
 std::string attempt_aside(const std::function<std::string()>& attempt)
 {
     int ends[2];
-    if (pipe(ends) != 0)
+    if (pipe2(ends, O_CLOEXEC) != 0)
         return strerror(errno);
     const pid_t child = fork();
     if (child == 0) {
