@@ -1,17 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "internal/common.h"
 
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+
+#include "internal/locks.h"
 
 namespace
 {
@@ -43,12 +49,221 @@ struct timespec read_clock(clockid_t clock_id)
     return now;
 }
 
+// --- Console ------------------------------------------------------------------
+
+/// For how long a message waits while other threads print.
+constexpr uint32_t kTurnPatienceUs = 5000;
+/// Pause before the stream's lock is tried again.
+constexpr useconds_t kStreamPauseUs = 100;
+/// At the end of the process: for how long a reader of the last messages may rest, and how often.
+constexpr int kExitPatienceMs = 200;
+constexpr int kExitTries = 100;
+/// Messages that standard output does not take are kept up to this many bytes, the length before each included.
+constexpr size_t kBacklogBytes = 65536;
+constexpr size_t kLengthBytes = sizeof(uint32_t);
+constexpr char kReset[] = "\033[0m";
+/// A record up to this size is put together without memory from the heap.
+constexpr size_t kShortRecord = 1024;
+
+/**
+ * The way of messages to standard output. Sound must not wait for who reads
+ * them: a full pipe or a stopped terminal takes nothing for ever. So a caller
+ * prints only what the output takes at once. The rest stays in a backlog, which
+ * the next caller prints, and messages that find the backlog full are counted.
+ *
+ * Callers take turns. The one that has the turn prints for all that wait for it,
+ * so that none is passed over for long, however many there are.
+ */
+class console_output
+{
+public:
+    console_output()
+    {
+        cond_init_monotonic(turn_over_);
+        atexit([] { instance().print_rest(); });
+    }
+    /// Never destroyed: threads may log until the process has ended.
+    static console_output& instance()
+    {
+        static console_output console;
+        return console;
+    }
+
+    void print(const char* record, size_t bytes);
+
+private:
+    bool append(const char* record, size_t bytes) REQUIRES(mutex_);
+    bool append_losses() REQUIRES(mutex_);
+    size_t print_first(size_t bytes) const;
+    bool take_turn(mutex_guard& lock) NO_THREAD_SAFETY_ANALYSIS;
+    void print_rest();
+
+    mutex_t mutex_;
+    pthread_cond_t turn_over_;
+    /// Records: length, then text. Added under the mutex; who has the turn reads and removes those that it found.
+    char backlog_[kBacklogBytes];
+    size_t used_ GUARDED_BY(mutex_) = 0;       ///< bytes of the backlog
+    uint64_t appended_ GUARDED_BY(mutex_) = 0; ///< bytes so far
+    uint64_t printed_ GUARDED_BY(mutex_) = 0;  ///< bytes so far
+    bool printing_ GUARDED_BY(mutex_) = false; ///< somebody has the turn
+    uint64_t refused_ GUARDED_BY(mutex_) = 0;  ///< turns in which the output did not take all
+    int waiting_ GUARDED_BY(mutex_) = 0;       ///< callers that wait for the turn
+    unsigned lost_ GUARDED_BY(mutex_) = 0;     ///< messages since the backlog was full
+};
+
+// A stream without a descriptor is memory. An error ends the wait too: the print will meet it.
+bool output_takes_more(int wait_ms)
+{
+    struct pollfd output = {fileno(stdout), POLLOUT, 0};
+    return output.fd < 0 || poll(&output, 1, wait_ms) != 0;
+}
+
+// The stream's own lock, because the platform's library and the host print to the same stream.
+bool lock_stream()
+{
+    for (uint32_t waited = 0; ftrylockfile(stdout) != 0; waited += kStreamPauseUs) {
+        if (waited >= kTurnPatienceUs)
+            return false;
+        usleep(kStreamPauseUs);
+    }
+    return true;
+}
+
+bool console_output::append(const char* record, size_t bytes)
+{
+    if (kBacklogBytes - used_ < kLengthBytes + bytes)
+        return false;
+    const auto length = static_cast<uint32_t>(bytes);
+    memcpy(backlog_ + used_, &length, kLengthBytes);
+    memcpy(backlog_ + used_ + kLengthBytes, record, bytes);
+    used_ += kLengthBytes + bytes;
+    appended_ += kLengthBytes + bytes;
+    return true;
+}
+
+// Says where messages are missing; false while there is no room for more. Only in a half-empty backlog, so that the
+// next messages are not lost at once.
+bool console_output::append_losses()
+{
+    if (lost_ == 0)
+        return true;
+    char note[128];
+    const int bytes = snprintf(note, sizeof(note), "%s%u messages are missing here: nobody read the output%s\n",
+                               style_of(LOG_LEVEL_E).colour, lost_, kReset);
+    if (used_ > kBacklogBytes / 2 || !append(note, static_cast<size_t>(bytes)))
+        return false;
+    lost_ = 0;
+    return true;
+}
+
+// Prints the first @p bytes of the backlog as far as the output takes them. @return how many it took.
+size_t console_output::print_first(size_t bytes) const
+{
+    // Asked first: a host that is blocked in a print of its own holds the stream's lock.
+    if (!output_takes_more(0) || !lock_stream())
+        return 0;
+    size_t done = 0;
+    while (done < bytes && output_takes_more(0)) {
+        uint32_t length = 0;
+        memcpy(&length, backlog_ + done, kLengthBytes);
+        fwrite(backlog_ + done + kLengthBytes, 1, length, stdout);
+        done += kLengthBytes + length;
+    }
+    funlockfile(stdout);
+    return done;
+}
+
+// Prints the backlog; false when the output did not take all of it.
+bool console_output::take_turn(mutex_guard& lock)
+{
+    printing_ = true;
+    bool all = true;
+    do {
+        const size_t bytes = used_;
+        lock.unlock();
+        const size_t done = print_first(bytes);
+        lock.lock();
+        if (done > 0)
+            std::copy(backlog_ + done, backlog_ + used_, backlog_);
+        used_ -= done;
+        printed_ += done;
+        all = done == bytes;
+        // What came meanwhile is printed by its callers, unless they stopped waiting.
+    } while (all && used_ > 0 && waiting_ == 0);
+    printing_ = false;
+    refused_ += all ? 0 : 1;
+    pthread_cond_broadcast(&turn_over_);
+    return all;
+}
+
+void console_output::print(const char* record, size_t bytes)
+{
+    mutex_guard lock(mutex_);
+    bool appended = append_losses() && append(record, bytes);
+    if (!appended && !printing_) {
+        take_turn(lock);
+        appended = append_losses() && append(record, bytes);
+    }
+    if (!appended) {
+        ++lost_;
+        return;
+    }
+    const uint64_t end = appended_;
+    const uint64_t refused = refused_;
+    const struct timespec deadline = get_monotonic_timeout_us(kTurnPatienceUs);
+    while (printed_ < end && refused_ == refused) {
+        if (!printing_) {
+            take_turn(lock);
+            continue;
+        }
+        ++waiting_;
+        const int err = lock.wait_until(turn_over_, deadline);
+        --waiting_;
+        if (err != 0)
+            return;
+    }
+}
+
+void console_output::print_rest()
+{
+    mutex_guard lock(mutex_);
+    for (int tries = kExitTries; tries > 0 && used_ > 0 && !printing_; --tries) {
+        if (take_turn(lock) && append_losses())
+            continue;
+        lock.unlock();
+        const bool reader = output_takes_more(kExitPatienceMs);
+        lock.lock();
+        if (!reader)
+            return;
+    }
+}
+
+// A message for which there is no memory is cut.
+void print_record(const char* prefix, const char* format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    const int length = vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    const size_t wanted = std::min(strlen(prefix) + static_cast<size_t>(std::max(length, 0)) + sizeof(kReset),
+                                   kBacklogBytes - kLengthBytes);
+    char short_record[kShortRecord];
+    const std::unique_ptr<char[]> long_record(wanted > kShortRecord ? new (std::nothrow) char[wanted] : nullptr);
+    char* const record = long_record != nullptr ? long_record.get() : short_record;
+    const size_t size = long_record != nullptr ? wanted : std::min(wanted, kShortRecord);
+    char* end = std::copy_n(prefix, strlen(prefix), record);
+    const auto room = static_cast<size_t>(record + size - end) - (sizeof(kReset) - 1); // with the text's NUL
+    vsnprintf(end, room, format, args);
+    end = std::copy_n(kReset, sizeof(kReset) - 1, end + room - 1);
+    console_output::instance().print(record, static_cast<size_t>(end - record));
+}
+
 // Opens and closes the file for every block, so that a dump can be removed or truncated while the player runs.
 void append_dump(const char* function, const char* enable_switch, const char* file, const uint8_t* data, int32_t size)
 {
     if (env_get_value(enable_switch, 0) == 0 || data == nullptr || size <= 0)
         return;
-    FILE* fp = fopen(file, "a+");
+    FILE* fp = fopen(file, "a+e");
     if (fp == nullptr) {
         log_as(function, LOG_LEVEL_E, "fopen(%s) fail\n", file);
         return;
@@ -63,20 +278,18 @@ void append_dump(const char* function, const char* enable_switch, const char* fi
 
 void console_print(loglevel_e level, const char* format, ...)
 {
-    // The stream's own lock, since the platform's library prints to the same stream.
-    flockfile(stdout);
     const level_style style = style_of(level);
     const struct timespec now = read_clock(CLOCK_REALTIME);
     struct tm local = {};
     localtime_r(&now.tv_sec, &local);
-    printf("%s[%02d:%02d:%02d.%03ld] %ld %s ", style.colour, local.tm_hour, local.tm_min, local.tm_sec,
-           static_cast<long>(now.tv_nsec / 1000000), static_cast<long>(syscall(SYS_gettid)), style.title);
+    char prefix[64];
+    snprintf(prefix, sizeof(prefix), "%s[%02d:%02d:%02d.%03ld] %ld %s ", style.colour, local.tm_hour, local.tm_min,
+             local.tm_sec, static_cast<long>(now.tv_nsec / 1000000), static_cast<long>(syscall(SYS_gettid)),
+             style.title);
     va_list args;
     va_start(args, format);
-    vfprintf(stdout, format, args);
+    print_record(prefix, format, args);
     va_end(args);
-    printf("\033[0m");
-    funlockfile(stdout);
 }
 
 int env_get_value(const char* str, int value)

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -19,6 +20,7 @@
 #include "support/callers.h"
 #include "support/eventually.h"
 #include "support/log_capture.h"
+#include "support/unread_output.h"
 
 namespace
 {
@@ -110,6 +112,49 @@ TEST(Common, RecordsOfDifferentThreadsDoNotInterleave)
         records = callers.calls();
     });
     EXPECT_EQ(occurrences(text, " E begin end\n\033[0m\033[0;31m["), records - 1);
+}
+
+// Printed, kept or counted: each of a thread's messages in its order.
+TEST(Common, AnOutputThatNobodyReadsHoldsUpNobodyAndLosesNothingUnsaid)
+{
+    constexpr int kThreads = 4;
+    constexpr int kEach = 2000;
+    UnreadOutput output;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([thread] {
+            for (int n = 0; n < kEach; ++n)
+                console_print(LOG_LEVEL_E, "<%d:%05d>%s\n", thread, n, std::string(100, '.').c_str());
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    int last = 0;
+    const std::string text = output.read([&] {
+        const auto begin = std::chrono::steady_clock::now();
+        do {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            console_print(LOG_LEVEL_E, "<4:%05d>\n", last++);
+        } while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(200));
+    });
+    int next[kThreads + 1] = {};
+    int printed = 0, missing = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        int thread = 0, number = 0;
+        const size_t message = line.find('<');
+        if (message != std::string::npos && sscanf(&line[message], "<%d:%d>", &thread, &number) == 2) {
+            EXPECT_GE(number, next[thread]) << line;
+            EXPECT_EQ(line.size() - message, thread < kThreads ? 109U : 9U) << line;
+            next[thread] = number + 1;
+            ++printed;
+        } else if (line.find(" messages are missing here") != std::string::npos) {
+            missing += atoi(line.c_str() + line.rfind('m', line.find(" messages")) + 1);
+        }
+    }
+    EXPECT_EQ(printed + missing, kThreads * kEach + last);
+    EXPECT_GT(missing, 0);
+    EXPECT_EQ(next[kThreads], last);
 }
 
 TEST(Common, DeadlinesCarryNanosecondsIntoSecondsAndReachAsFarAsAsked)

@@ -26,6 +26,10 @@ enum loglevel_e {
  * Writes one record to standard output: colour, local time, kernel thread id,
  * level letter, then the caller's text. Neither filters by level nor adds a
  * line break nor flushes. Records of different threads never interleave.
+ *
+ * Does not wait for who reads the output. What the output does not take is kept,
+ * 64 KiB of it, and printed with a later record or at the end of the process;
+ * records beyond that are counted and reported in their place.
  */
 void console_print(loglevel_e level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
