@@ -278,7 +278,11 @@
  * platform's error code. Failures print a message on standard output;
  * nothing aborts the process. The environment variable
  * debug_hdmiplayer_log_level sets what is printed: 0 nothing, 1 errors,
- * 2 warnings (default), 3 information, 4 debug, 5 verbose.
+ * 2 warnings (default), 3 information, 4 debug, 5 verbose. The player does not
+ * wait for who reads them: what a pipe or a terminal does not take at once is
+ * printed later, and what is more than 64 KiB is counted and left out. This needs
+ * a stream with a buffer of at most 4096 bytes, as the C library gives it to a
+ * pipe.
  *
  * The capture thread asks for round-robin scheduling at priority 99
  * (CAP_SYS_NICE or RLIMIT_RTPRIO permits it). Without the permission the player
@@ -303,8 +307,15 @@ extern "C" {
 
 #define HDMI_PLAYER_API __attribute__((visibility("default")))
 
+/* The type of the enumerations. C++ must be told: a value outside the list would be undefined behaviour otherwise. */
+#if defined(__cplusplus) && __cplusplus >= 201103L
+#define HDMI_PLAYER_ENUM_TYPE : int32_t
+#else
+#define HDMI_PLAYER_ENUM_TYPE
+#endif
+
 /** Where the sound goes. */
-typedef enum hdmi_player_ao_dev {
+typedef enum hdmi_player_ao_dev HDMI_PLAYER_ENUM_TYPE {
     E_HDMI_PLAYER_AO_DEV_AUTO = 0, /**< the platform's choice */
     E_HDMI_PLAYER_AO_DEV_SPEAKER = 1,
     E_HDMI_PLAYER_AO_DEV_HEADPHONE = 2,
@@ -315,14 +326,14 @@ typedef enum hdmi_player_ao_dev {
 } hdmi_player_ao_dev_e;
 
 /** What goes to the output. */
-typedef enum hdmi_player_ao_format {
+typedef enum hdmi_player_ao_format HDMI_PLAYER_ENUM_TYPE {
     E_HDMI_PLAYER_AO_FORMAT_PCM = 0, /**< decoded sound */
     E_HDMI_PLAYER_AO_FORMAT_RAW = 1, /**< a compressed input untouched, on S/PDIF and ARC; PCM input is played as PCM */
     E_HDMI_PLAYER_AO_FORMAT_MAX = 2,
 } hdmi_player_ao_format_e;
 
 /** Sample rate of the output device. */
-typedef enum hdmi_player_aio_sample_rate {
+typedef enum hdmi_player_aio_sample_rate HDMI_PLAYER_ENUM_TYPE {
     E_HDMI_PLAYER_AIO_SAMPLE_RATE_ORIGINAL = 0, /**< 48 kHz */
     E_HDMI_PLAYER_AIO_SAMPLE_RATE_16K = 1,      /**< 16 kHz */
     E_HDMI_PLAYER_AIO_SAMPLE_RATE_32K = 2,      /**< 32 kHz */
@@ -332,7 +343,7 @@ typedef enum hdmi_player_aio_sample_rate {
 } hdmi_player_aio_sample_rate_e;
 
 /** What the player tells the host through hdmi_player_event_cb_t. */
-typedef enum hdmi_player_event {
+typedef enum hdmi_player_event HDMI_PLAYER_ENUM_TYPE {
     /** The source sends nothing that can be played: no known format at open or
      *  for a second, or a compressed format without decoder. The picture goes
      *  on without A/V sync. */
@@ -344,7 +355,7 @@ typedef enum hdmi_player_event {
 } hdmi_player_event_e;
 
 /** The cable of the HDMI input. */
-typedef enum hdmi_hotplug_status {
+typedef enum hdmi_hotplug_status HDMI_PLAYER_ENUM_TYPE {
     E_HDMI_HOTPLUG_STATUS_OUT = 0,
     E_HDMI_HOTPLUG_STATUS_IN = 1,
     E_HDMI_HOTPLUG_STATUS_MAX = 2,
