@@ -375,6 +375,26 @@ TEST_F(PlayMeasure, OffsetIsTheDifferenceOfTheTwoLatencies)
     }
 }
 
+TEST_F(PlayMeasure, SoundThatIsWholeSecondsLateIsNotTakenForPunctual)
+{
+    auto coded = coded_programme(Coding::ac3, 26 * kSecond);
+    Programme plain(48000, {60, 1}, 26 * kSecond);
+    for (const Source* source : {static_cast<const Source*>(coded.get()), static_cast<const Source*>(&plain)}) {
+        for (int64_t late : {0, 1, 10}) {
+            record(sound_of(*source, 0, 48000 * 26), 48000, late * kSecond + 20 * kMs);
+            std::vector<SoundMatch> matches = match_beeps(recording, *source, {0, 0});
+            EXPECT_EQ(matches.size(), 25U);
+            for (const SoundMatch& match : matches)
+                EXPECT_EQ(match.position, match.source_sample);
+        }
+    }
+    // What is left of a beep that was cut off has no pitch, and is none.
+    std::vector<int16_t> out = sound_of(plain, 0, 48000 * 3);
+    std::fill_n(out.begin() + 2 * 48000, 2 * 1200, int16_t{0});
+    record(out, 48000, 20 * kMs);
+    EXPECT_EQ(match_beeps(recording, plain, {0, 0}).size(), 1U);
+}
+
 TEST_F(PlayMeasure, WaveformsAreFoundAsBeepsAre)
 {
     Programme programme(44100, {25, 1}, 5 * kSecond);

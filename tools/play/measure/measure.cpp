@@ -7,6 +7,7 @@
 
 #include "signal/correlate.h"
 #include "signal/onset.h"
+#include "signal/pitch.h"
 #include "signal/rate_conversion.h"
 #include "source/programme.h"
 
@@ -16,8 +17,12 @@ namespace
 {
 
 constexpr int64_t kSecondNs = 1'000'000'000;
-/// Sound and picture are searched for up to this long after the source sent them.
+/// A film's sound is searched for up to this long after the source sent it.
 constexpr int64_t kLongestLatencyNs = kSecondNs;
+/// The same for a beep: not as long as until another one of its pitch.
+constexpr int64_t kLatestBeepNs = (Programme::kBeepPitches - 1) * kSecondNs;
+/// The part of a beep by which its pitch is told.
+constexpr int64_t kPitchMs = 40;
 /// Length of the sound that is searched for: long enough to be unique, short enough for the clocks not to drift.
 constexpr int64_t kNeedleMs = 500;
 /// Places at which a film is measured: each takes some hundredths of a second to find.
@@ -54,6 +59,45 @@ std::vector<int16_t> source_audio(const Source& source, int64_t first, int64_t f
     std::vector<int16_t> stereo(static_cast<size_t>(2 * frames));
     source.audio(first, stereo.data(), static_cast<int>(frames));
     return stereo;
+}
+
+std::vector<double> beep_frequencies()
+{
+    std::vector<double> frequencies;
+    for (int pitch = 0; pitch < Programme::kBeepPitches; pitch++)
+        frequencies.push_back(Programme::kLowestBeepHz + Programme::kBeepStepHz * pitch);
+    return frequencies;
+}
+
+int sent_pitch(const Source& source, int64_t onset)
+{
+    int rate = source.audio_rate();
+    return find_pitch(source_audio(source, onset, rate * kPitchMs / 1000), rate, beep_frequencies());
+}
+
+/// A beep in the recording.
+struct Beep {
+    int64_t position;
+    int pitch; ///< -1: cut off, or disturbed
+};
+
+std::vector<Beep> find_beeps(const Recording& recording)
+{
+    OnsetDetector detector(recording.sample_rate(), Programme::kBeepPeak);
+    std::vector<int16_t> stereo(2 * kChunkFrames);
+    for (int64_t first = 0; first < recording.frames(); first += kChunkFrames) {
+        int64_t frames = std::min<int64_t>(kChunkFrames, recording.frames() - first);
+        recording.read(first, stereo.data(), frames);
+        detector.feed(stereo.data(), static_cast<int>(frames));
+    }
+    std::vector<Beep> beeps;
+    int64_t frames = recording.sample_rate() * kPitchMs / 1000;
+    stereo.resize(static_cast<size_t>(2 * frames));
+    for (int64_t onset : detector.onsets()) {
+        recording.read(onset, stereo.data(), frames);
+        beeps.push_back({onset, find_pitch(stereo, recording.sample_rate(), beep_frequencies())});
+    }
+    return beeps;
 }
 
 const Sighting* find_picture(const std::vector<Sighting>& sightings, const Source& source, int64_t source_ns)
@@ -126,24 +170,21 @@ Latency summarise_latency(const std::vector<double>& values_ms)
 
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock)
 {
-    OnsetDetector detector(recording.sample_rate(), Programme::kBeepPeak);
-    std::vector<int16_t> stereo(2 * kChunkFrames);
-    for (int64_t first = 0; first < recording.frames(); first += kChunkFrames) {
-        int64_t frames = std::min<int64_t>(kChunkFrames, recording.frames() - first);
-        recording.read(first, stereo.data(), frames);
-        detector.feed(stereo.data(), static_cast<int>(frames));
-    }
+    const std::vector<Beep> beeps = find_beeps(recording);
     std::vector<SoundMatch> matches;
-    size_t next = 0;
-    const std::vector<int64_t>& onsets = detector.onsets();
+    size_t first = 0;
     for (int64_t sample : source.onsets()) {
         int64_t sent_ns = clock.to_monotonic(source_time_of(sample, source.audio_rate()));
-        while (next < onsets.size() && recording.heard_ns(onsets[next]) < sent_ns)
-            next++;
-        if (next == onsets.size())
+        auto latency = [&](size_t beep) { return recording.heard_ns(beeps[beep].position) - sent_ns; };
+        while (first < beeps.size() && latency(first) < 0)
+            first++;
+        int pitch = sent_pitch(source, sample);
+        for (size_t beep = first; beep < beeps.size() && latency(beep) < kLatestBeepNs; beep++) {
+            if (beeps[beep].pitch != pitch)
+                continue;
+            matches.push_back({sample, beeps[beep].position});
             break;
-        if (recording.heard_ns(onsets[next]) - sent_ns < kLongestLatencyNs)
-            matches.push_back({sample, onsets[next]});
+        }
     }
     return matches;
 }

@@ -66,7 +66,8 @@ struct SoundMatch {
     int64_t position; ///< in the recording
 };
 
-/// Beeps in the recording. Each is matched with the last beep that the source had sent before it was heard.
+/// Beeps in the recording, up to eleven seconds late. Each is matched with the last one of its pitch that the source
+/// had sent before it was heard.
 std::vector<SoundMatch> match_beeps(const Recording& recording, const Source& source, SourceClock clock);
 /// The sound of full seconds of the source (each, but of a long film some hundreds), found in the recording by its
 /// waveform.

@@ -46,7 +46,8 @@ int16_t Programme::sample(int64_t number, int channel) const
     int64_t since = number - beeps_[second];
     // Sound and picture of second 0 come while the player starts.
     if (second > 0 && since * kSecondNs < kMarkDurationNs * audio_rate_) {
-        double phase = 2 * M_PI * kBeepHz * static_cast<double>(since) / audio_rate_;
+        double frequency = kLowestBeepHz + kBeepStepHz * static_cast<double>(second % kBeepPitches);
+        double phase = 2 * M_PI * frequency * static_cast<double>(since) / audio_rate_;
         value += static_cast<int>(std::lrint(kBeepPeak * std::cos(phase)));
     }
     return static_cast<int16_t>(value);

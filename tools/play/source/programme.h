@@ -7,15 +7,19 @@ namespace play
 {
 
 /**
- * The built-in programme: flash and beep together at each second. Under the
- * beeps lies noise that differs at every sample, too faint to hear, by which
- * any stretch of sound can be told from any other.
+ * The built-in programme: flash and beep together at each second. Neighbouring
+ * beeps differ in pitch, so that sound which is whole seconds late is not taken
+ * for punctual. Under the beeps lies noise that differs at every sample, too
+ * faint to hear, by which any stretch of sound can be told from any other.
  */
 class Programme : public Source
 {
 public:
+    /// Second by second one pitch higher, then from the lowest on again.
+    static constexpr int kBeepPitches = 12;
+    static constexpr double kLowestBeepHz = 1000;
+    static constexpr double kBeepStepHz = 100;
     /// A beep starts at full swing, so that its first sample is its onset.
-    static constexpr double kBeepHz = 1000;
     static constexpr int16_t kBeepPeak = 16384;
     static constexpr int16_t kNoisePeak = 16;
     static constexpr int64_t kMarkDurationNs = 50'000'000; ///< length of flash and beep
