@@ -12,6 +12,7 @@ card=$(card_of vkms)
 kms=(--display "kms:$card" --video "v4l2:$input")
 sound=(--capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0)
 unseen_percent=2
+seen_percent=70
 
 control() { v4l2-ctl -d "$input" "$@"; }
 # sends TIMINGS: what comes in from now on, such as 1280x720p60; the first whose name begins so.
@@ -27,15 +28,18 @@ watches() {
     shift 2
     "$program" "${kms[@]}" "$@" --seconds "$seconds" >"$log" 2>&1 </dev/null || cat "$log"
 }
-# every_frame WHAT LOG LEAST: as they lie, in order; the emulated machine may be late now and then.
+# every_frame WHAT LOG: as they lie, in order; each is seen, or it is known what took its place. How many are late is the
+# emulated machine's affair, up to a limit.
 every_frame() {
-    local captured
+    local captured late
     captured=$(figure "$2" captured)
+    late=$(($(figure "$2" dropped) + $(figure "$2" skipped) + $(figure "$2" superseded)))
     check "$1: frames are not copied" grep -q 'XR24 at .* not copied' "$OUT/view-$2.log" || tail -n 5 "$OUT/view-$2.log"
     compare "$1: frames that were copied" "$(figure "$2" copied)" -eq 0
-    compare "$1: frames seen" "$(figure "$2" seen)" -ge "$3"
     compare "$1: frames out of order" "$(figure "$2" 'out of order')" -eq 0
-    compare "$1: frames unseen" "$(awk "BEGIN { print 100 * $(figure "$2" unseen) / ($captured + 1) }")" -le "$unseen_percent" %
+    compare "$1: frames unseen for no known reason" \
+        "$(awk "BEGIN { print 100 * ($(figure "$2" unseen) - $late) / ($captured + 1) }")" -le "$unseen_percent" %
+    compare "$1: frames seen" "$(awk "BEGIN { print 100 * $(figure "$2" seen) / ($captured + 1) }")" -ge "$seen_percent" %
 }
 says() { grep -q -- "$2" "$OUT/view-$1.log" || { cat "$OUT/view-$1.log"; return 1; }; }
 
@@ -51,13 +55,14 @@ check "and why the output is not used" grep -q '/dev/video1 .*not used: does not
 
 sends 640x480p59
 watches sound 60 "${sound[@]}"
-every_frame "480p with sound, 60 s" sound 2500
+every_frame "480p with sound, 60 s" sound
+compare "frames captured" "$(figure sound captured)" -ge 2500
 compare "sound beside it" "$(sed -n 's/.*; \([0-9]*\)\.[0-9]* s of sound.*/\1/p' "$OUT/view-sound.log" | tail -n 1)" -ge 45 s
 compare "resets" "$(figure sound resets)" -le 3
 for rate in 25 30 50; do
     sends 1280x720p$rate
-    watches $rate 10 --capture none
-    every_frame "720p$rate" $rate $((rate * 5))
+    watches $rate 12 "${sound[@]}"
+    every_frame "720p$rate" $rate
 done
 watches copied 6 --capture none --format NV12
 check "what the card does not read is copied, with the reason" says copied 'NV12 .*copied (the display does not read NV12)'

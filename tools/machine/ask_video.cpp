@@ -44,7 +44,7 @@ bool has_camera_controls(int fd)
 std::optional<Finding> ask_video(const std::string& path, VideoFacts* facts)
 {
     const Device device(path);
-    if (const auto refusal = device.refusal())
+    if (auto refusal = device.refusal())
         return refusal;
     if (device.in_use())
         return Finding{Verdict::refused, path, "another program has it", "sudo fuser -v " + path};

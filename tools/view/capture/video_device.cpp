@@ -195,6 +195,12 @@ Finding VideoDevice::failure(const std::string& what, int error) const
     }
 }
 
+bool VideoDevice::gone() const
+{
+    v4l2_capability known = {};
+    return call(fd_, VIDIOC_QUERYCAP, &known) != 0;
+}
+
 // --- Signal and mode ---------------------------------------------------------------------
 
 machine::VideoSignal VideoDevice::detect()
@@ -413,9 +419,8 @@ VideoDevice::News VideoDevice::wait(int timeout_ms)
     if ((ready.revents & POLLPRI) != 0)
         read_events(&news);
     // A queue without buffers is in error too: only a device that does not answer is gone.
-    v4l2_capability known = {};
     if ((ready.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-        news.gone = call(fd_, VIDIOC_QUERYCAP, &known) != 0;
+        news.gone = gone();
         usleep(kErrorPauseUs);
     }
     return news;

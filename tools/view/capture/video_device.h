@@ -44,6 +44,9 @@ public:
     /// Whether its input is one with timings.
     bool digital() const { return digital_; }
 
+    /// Whether it was unplugged.
+    bool gone() const;
+
     /// What comes in now. Of a digital input, the device is told the timings that were found.
     machine::VideoSignal detect();
     /// Those of formats that are shown; of a digital input, with the signal's size and rate.

@@ -18,6 +18,7 @@ constexpr int kDeviceBuffers = 3;
 constexpr int kPaintedBuffers = 6;
 /// Frames on their way to the painter and from it.
 constexpr int kPainting = 2;
+constexpr double kHalfASecondNs = 0.5e9;
 
 } // namespace
 
@@ -130,6 +131,8 @@ void Feed::give_back()
 void Feed::account(const CapturedFrame& frame, int64_t now_ns)
 {
     frames_++;
+    crowded_ += static_cast<double>(now_ns - came_ns_) * display_->refresh_hz() < kHalfASecondNs ? 1 : 0;
+    came_ns_ = now_ns;
     if (counted_)
         missing_ += std::max(static_cast<int32_t>(frame.sequence - sequence_) - 1, 0);
     counted_ = true;
@@ -243,6 +246,7 @@ FeedFigures Feed::figures() const
     figures.damaged = damaged_;
     figures.no_buffer = no_buffer_;
     figures.copied = copied_;
+    figures.crowded = crowded_;
     return figures;
 }
 

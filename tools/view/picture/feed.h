@@ -71,6 +71,7 @@ struct FeedFigures {
     int64_t damaged = 0;   ///< not shown
     int64_t no_buffer = 0; ///< not shown: all buffers were in use
     int64_t copied = 0;    ///< painted instead of shown where they lie
+    int64_t crowded = 0;   ///< that came within half a refresh of the display after the one before
 };
 
 /**
@@ -151,6 +152,8 @@ private:
     std::atomic<int64_t> damaged_{0};
     std::atomic<int64_t> no_buffer_{0};
     std::atomic<int64_t> copied_{0};
+    std::atomic<int64_t> crowded_{0};
+    int64_t came_ns_ = 0; ///< the frame before
     std::atomic<double> age_ms_{0};
     LeastAge ages_;
     std::atomic<bool> black_{false};

@@ -75,6 +75,7 @@ bool Viewer::ended() const
 int Viewer::run()
 {
     while (!ended()) {
+        drop_lost_device();
         machine::VideoSignal signal;
         if ((!device_ && !open_device()) || !wait_for_signal(&signal))
             continue;
@@ -132,6 +133,14 @@ bool Viewer::name_sound(const std::string& of_device)
     return false;
 }
 
+void Viewer::drop_lost_device()
+{
+    if (!device_ || !device_->gone())
+        return;
+    tell({Verdict::missing, device_->path(), "was unplugged; waiting for it", "lsusb"});
+    device_.reset();
+}
+
 bool Viewer::wait_for_signal(machine::VideoSignal* signal)
 {
     *signal = device_->detect();
@@ -140,8 +149,7 @@ bool Viewer::wait_for_signal(machine::VideoSignal* signal)
         return true;
     tell(objection);
     pause(kLookAgainMs);
-    if (device_->wait(kTryAgainMs - kLookAgainMs).gone)
-        device_.reset();
+    device_->wait(kTryAgainMs - kLookAgainMs);
     return false;
 }
 
@@ -249,11 +257,8 @@ void Viewer::watch()
         watch_for_black(display::monotonic_ns());
         pause(kLookAgainMs);
     }
-    switch (viewing_->end()) {
-    case Viewing::End::gone: tell({Verdict::missing, device_->path(), "was unplugged; waiting for it", "lsusb"}); break;
-    case Viewing::End::stalled: tell(stalled_picture(device_->path())); break;
-    default: break;
-    }
+    if (viewing_->end() == Viewing::End::stalled)
+        tell(stalled_picture(device_->path()));
 }
 
 void Viewer::watch_for_black(int64_t now_ns)
@@ -270,19 +275,13 @@ void Viewer::watch_for_black(int64_t now_ns)
 
 void Viewer::end_viewing()
 {
-    bool gone = false;
-    if (viewing_) {
-        if (viewing_->started())
-            std::fprintf(stderr, "%s: %s\n", kTitle, viewing_->figures(config_).c_str());
-        gone = viewing_->end() == Viewing::End::gone;
-        viewing_.reset();
-    }
+    if (viewing_ && viewing_->started())
+        std::fprintf(stderr, "%s: %s\n", kTitle, viewing_->figures(config_).c_str());
+    viewing_.reset();
     if (kind_ == DisplayKind::kms) {
         display_.reset();
         display_runs_ = false;
     }
-    if (gone)
-        device_.reset();
     if (device_)
         device_->reset();
 }

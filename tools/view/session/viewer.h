@@ -38,6 +38,7 @@ public:
 private:
     bool ended() const;
     bool open_device();
+    void drop_lost_device();
     bool name_sound(const std::string& of_device);
     bool wait_for_signal(machine::VideoSignal* signal);
     bool begin_viewing(const machine::VideoSignal& signal);

@@ -153,13 +153,14 @@ std::string Viewing::figures(const ViewingConfig& config) const
     constexpr double kOutputRate = 48000;
     const FeedFigures feed = feed_.figures();
     const PlayerFigures player = player_.figures();
-    char frames[256];
+    char frames[320];
     std::snprintf(frames, sizeof frames,
                   "; frames: %" PRId64 " captured, %" PRId64 " lost before, %" PRId64 " damaged, %" PRId64
-                  " without a buffer, %" PRId64 " copied, %" PRId64 " dropped, %" PRId64 " skipped, %" PRId64
-                  " seen, %" PRId64 " unseen, %" PRId64 " out of order",
-                  feed.frames, feed.missing, feed.damaged, feed.no_buffer, feed.copied, player.dropped, player.skipped,
-                  audience_->seen(), audience_->unseen(), audience_->disordered());
+                  " without a buffer, %" PRId64 " copied, %" PRId64 " in bursts, %" PRId64 " dropped, %" PRId64
+                  " skipped, %" PRId64 " superseded, %" PRId64 " seen, %" PRId64 " unseen, %" PRId64 " out of order",
+                  feed.frames, feed.missing, feed.damaged, feed.no_buffer, feed.copied, feed.crowded, player.dropped,
+                  player.skipped, display_->stats().superseded, audience_->seen(), audience_->unseen(),
+                  audience_->disordered());
     char sound[160];
     std::snprintf(sound, sizeof sound, "; frames are %.1f ms old when they come, sound %+.0f ms (%+d ms by key)",
                   feed_.age_ms(), sound_delay_ms(config), config.sound_delay_ms);
