@@ -20,7 +20,7 @@ extern "C" {
 #include "machine/video_signal.h"
 #include "picture/black.h"
 #include "picture/converter.h"
-#include "picture/feed.h"
+#include "picture/least_age.h"
 #include "session/words.h"
 
 using namespace view;

@@ -198,6 +198,8 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
             recoveries = 0;
             moved_ns_ = now_ns();
             silent_ = 0;
+            if (done == frames)
+                stats_.waiting = std::max(pcm_.delay(), 0);
             continue;
         }
         const StreamError error = pcm_.classify(result);

@@ -39,7 +39,18 @@ every_frame() {
     compare "$1: frames out of order" "$(figure "$2" 'out of order')" -eq 0
     compare "$1: frames unseen for no known reason" \
         "$(awk "BEGIN { print 100 * ($(figure "$2" unseen) - $late) / ($captured + 1) }")" -le "$unseen_percent" %
-    compare "$1: frames seen" "$(awk "BEGIN { print 100 * $(figure "$2" seen) / ($captured + 1) }")" -ge "$seen_percent" %
+    compare_in_time "$2" "$1: frames seen" "$(awk "BEGIN { print 100 * $(figure "$2" seen) / ($captured + 1) }")" -ge \
+        "$seen_percent" %
+}
+# compare_in_time LOG WHAT...: as compare, unless the device itself was too late for more than one frame in twenty.
+compare_in_time() {
+    local log=$1
+    shift
+    if [ $((20 * $(figure "$log" 'lost before'))) -gt "$(figure "$log" captured)" ]; then
+        verdict SKIPPED "$1" "the host is too busy"
+    else
+        compare "$@"
+    fi
 }
 says() { grep -q -- "$2" "$OUT/view-$1.log" || { cat "$OUT/view-$1.log"; return 1; }; }
 
@@ -56,9 +67,9 @@ check "and why the output is not used" grep -q '/dev/video1 .*not used: does not
 sends 640x480p59
 watches sound 60 "${sound[@]}"
 every_frame "480p with sound, 60 s" sound
-compare "frames captured" "$(figure sound captured)" -ge 2500
-compare "sound beside it" "$(sed -n 's/.*; \([0-9]*\)\.[0-9]* s of sound.*/\1/p' "$OUT/view-sound.log" | tail -n 1)" -ge 45 s
-compare "resets" "$(figure sound resets)" -le 3
+compare_in_time sound "frames captured" "$(figure sound captured)" -ge 2500
+compare_in_time sound "sound beside it" "$(sed -n 's/.*; \([0-9]*\)\.[0-9]* s of sound.*/\1/p' "$OUT/view-sound.log" | tail -n 1)" -ge 45 s
+compare_in_time sound "resets" "$(figure sound resets)" -le 3
 for rate in 25 30 50; do
     sends 1280x720p$rate
     watches $rate 12 "${sound[@]}"

@@ -6,7 +6,6 @@
  */
 #pragma once
 
-#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -21,6 +20,7 @@
 #include "display/frame_pool.h"
 #include "picture/black.h"
 #include "picture/converter.h"
+#include "picture/least_age.h"
 
 namespace view
 {
@@ -34,35 +34,6 @@ struct ViewBuffer : display::FrameBuffer {
     int64_t number = 0; ///< frames that were taken before it
     int64_t arrived_ns = 0;
     bool painted_well = true; ///< the painter's until kPainted is set
-};
-
-/**
- * How old frames are when they come, by the time stamps of the device. A machine
- * that is late now and then makes single frames older: the least age counts, of
- * the latest two windows. Stamps from the future are as good as none.
- */
-class LeastAge
-{
-public:
-    /// @return the age in ms
-    double add(double age_ms)
-    {
-        least_ms_ = frames_ == 0 ? age_ms : std::min(least_ms_, age_ms);
-        if (++frames_ == kWindow) {
-            before_ms_ = least_ms_;
-            frames_ = 0;
-            known_ = true;
-        }
-        const double least_ms = !known_ ? least_ms_ : frames_ == 0 ? before_ms_ : std::min(least_ms_, before_ms_);
-        return std::max(least_ms, 0.0);
-    }
-
-private:
-    static constexpr int kWindow = 120;
-    int frames_ = 0; ///< of the window
-    bool known_ = false;
-    double least_ms_ = 0;
-    double before_ms_ = 0; ///< of the window before
 };
 
 struct FeedFigures {

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "display/clock.h"
+#include "hdmi_linux.h"
 #include "process/realtime.h"
 
 namespace view
@@ -102,26 +103,35 @@ void Viewing::run()
     }
 }
 
-/// What the viewer wants, and what the device does: a frame that is older than the sound that comes with it.
+/// What the viewer wants, and what the devices do: frames that are older than the sound that comes with them.
 double Viewing::sound_delay_ms(const ViewingConfig& config) const
 {
     const auto planned_ms = static_cast<double>(common::kPlannedLatencyNs) / 1e6;
     const double least_ms = planned_ms - config.display_latency_ms - most_held_ms_;
-    return std::clamp(age_ms_ + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
+    return std::clamp(later_ms_ + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
+}
+
+void Viewing::look_at_sound()
+{
+    const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
+    if (player_.is_open() && capture.open && capture.rate > 0)
+        sound_age_ms_ = sound_ages_.add(1e3 * static_cast<double>(capture.waiting) / capture.rate);
 }
 
 bool Viewing::tend_player(const ViewingConfig& config)
 {
     if (!config.sound || feed_.figures().frames < kFramesToKnow)
         return true;
-    const bool fits = std::abs(feed_.age_ms() - age_ms_) < kAgeToleranceMs && opened_delay_ms_ == config.sound_delay_ms;
+    look_at_sound();
+    const double later_ms = feed_.age_ms() - sound_age_ms_;
+    const bool fits = std::abs(later_ms - later_ms_) < kAgeToleranceMs && opened_delay_ms_ == config.sound_delay_ms;
     if (player_.is_open() && fits)
         return true;
     const int64_t now_ns = display::monotonic_ns();
     if (!player_.is_open() && tried_ns_ != 0 && now_ns - tried_ns_ < kTryAgainNs)
         return false;
     tried_ns_ = now_ns;
-    age_ms_ = feed_.age_ms();
+    later_ms_ = later_ms;
     opened_delay_ms_ = config.sound_delay_ms;
     return open_player(config);
 }
@@ -162,8 +172,9 @@ std::string Viewing::figures(const ViewingConfig& config) const
                   player.skipped, display_->stats().superseded, audience_->seen(), audience_->unseen(),
                   audience_->disordered());
     char sound[160];
-    std::snprintf(sound, sizeof sound, "; frames are %.1f ms old when they come, sound %+.0f ms (%+d ms by key)",
-                  feed_.age_ms(), sound_delay_ms(config), config.sound_delay_ms);
+    std::snprintf(sound, sizeof sound,
+                  "; frames are %.1f ms old when they come, sound %.1f ms; sound %+.0f ms (%+d ms by key)",
+                  feed_.age_ms(), sound_age_ms_, sound_delay_ms(config), config.sound_delay_ms);
     char played[96];
     std::snprintf(played, sizeof played, "; %.1f s of sound, %" PRId64 " resets",
                   static_cast<double>(player.sound) / kOutputRate, player.resets);

@@ -55,8 +55,8 @@ public:
     void stop();
 
     End end() const { return end_; }
-    /// Opens the player once the age of frames is known, and again when that has changed or @p config has. To be called
-    /// now and then. @return false if there should be sound, and it does not open
+    /// Opens the player once the age of frames is known, and again when that of frames or sound has changed or @p
+    /// config has. To be called now and then. @return false if there should be sound, and it does not open
     bool tend_player(const ViewingConfig& config);
     bool started() const { return thread_.joinable(); }
 
@@ -69,6 +69,7 @@ public:
 private:
     void run();
     double sound_delay_ms(const ViewingConfig& config) const;
+    void look_at_sound();
     bool open_player(const ViewingConfig& config);
 
     VideoDevice* const device_;
@@ -78,7 +79,9 @@ private:
     hdmi_player_drm_info_t info_ = {0, 60};
     double fps_ = 60;
     double most_held_ms_ = 0;
-    double age_ms_ = 0; ///< that the player allows for
+    LeastAge sound_ages_;
+    double sound_age_ms_ = 0; ///< of sound that is captured
+    double later_ms_ = 0;     ///< by which frames come later than their sound, as the player allows for
 
     std::mutex mutex_; ///< the player is opened and closed while nobody renders
     Player player_;
