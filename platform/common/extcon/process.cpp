@@ -3,13 +3,14 @@
  * @file
  * Announcements inside the process. The player opens a file and a socket of a
  * netlink family to hear of its receiver; these calls of the player's, and of
- * nobody else, come here. It gets a pipe that holds the state, and one end of a
- * pair of sockets.
+ * nobody else, come here. It gets a file in memory that holds the state, and one
+ * end of a pair of sockets.
  */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -74,14 +75,12 @@ int open_state()
         errno = ENOENT;
         return -1;
     }
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-        return -1;
-    const ssize_t written = write(ends[1], e.state->data(), e.state->size());
-    close(ends[1]);
-    if (written == static_cast<ssize_t>(e.state->size()))
-        return ends[0];
-    close(ends[0]);
+    // A file like any other: the player takes nothing else for a state.
+    const int fd = memfd_create("hdmirx_aud_state", MFD_CLOEXEC);
+    const auto size = static_cast<ssize_t>(e.state->size());
+    if (fd < 0 || (write(fd, e.state->data(), e.state->size()) == size && lseek(fd, 0, SEEK_SET) == 0))
+        return fd;
+    close(fd);
     errno = EIO;
     return -1;
 }
