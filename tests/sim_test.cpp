@@ -63,9 +63,6 @@ audio_config_t opened(audio_config_t config)
     return config;
 }
 
-// Another thread's copy.
-void close_copy(audio_config_t config) { EXPECT_EQ(aio_device_close(&config), 0); }
-
 int read_into(audio_config_t& config, std::vector<uint8_t>& bytes)
 {
     return aio_device_read(&config, bytes.data(), static_cast<int>(bytes.size()));
@@ -168,22 +165,16 @@ TEST_F(Sim, ReceiverOverrunsWhenNobodyReadsAndReopensEmpty)
     EXPECT_GE(number_at(period.data()), oldest + 4 * 96) << "what was captured before is gone";
 }
 
-TEST_F(Sim, ReadWaitsForASignalAndEndsWithTheDevice)
+TEST_F(Sim, ReadWaitsForASignal)
 {
     audio_config_t config = capture_config(480, 64); // a machine that stalls for a moment loses nothing
     ASSERT_EQ(aio_device_open(&config), 0);
-    std::vector<uint8_t> data(1920), more(1 << 20);
+    std::vector<uint8_t> data(1920);
     BlockedCall<int> read([&] { return read_into(config, data); });
     ASSERT_TRUE(read.asleep());
     hdmi_sim::receiver_connect(numbered_signal());
     EXPECT_EQ(read.result(), 1920);
     EXPECT_EQ(number_at(data.data()), 0);
-
-    hdmi_sim::receiver_disconnect();
-    BlockedCall<int> blocked([&] { return read_into(config, more); });
-    ASSERT_TRUE(blocked.asleep());
-    close_copy(config);
-    EXPECT_LT(blocked.result(), 1 << 20);
 }
 
 // --- Playback -----------------------------------------------------------------------
@@ -640,32 +631,6 @@ TEST_F(Sim, BriefTransfersAreHalvesAndWithheldWritesAreNotHeard)
     EXPECT_EQ(adecoder_write(decoder, data.data(), 8, 0, -1, &status), 4);
     EXPECT_EQ(adecoder_write(decoder, data.data(), 8, 0, -1, &status), 8);
     adecoder_deinit(decoder);
-}
-
-TEST_F(Sim, BlockingFaultEndsWhenClearedOrWithTheDevice)
-{
-    hdmi_sim::receiver_connect(numbered_signal());
-    audio_config_t capture = capture_config(), playback = playback_config();
-    for (const Op op : {Op::capture_open, Op::capture_read, Op::playback_write})
-        hdmi_sim::set_fault(op, {FaultKind::block, 0, 0, -1, false});
-    const auto blocks = [](Op op, BlockedCall<int>& call) {
-        return eventually([op] { return hdmi_sim::fault_hits(op) == 1; }) && call.asleep();
-    };
-    BlockedCall<int> open_call([&] { return aio_device_open(&capture); });
-    ASSERT_TRUE(blocks(Op::capture_open, open_call));
-    hdmi_sim::clear_fault(Op::capture_open);
-    EXPECT_EQ(open_call.result(), 0);
-
-    ASSERT_EQ(aio_device_open(&playback), 0);
-    std::vector<uint8_t> data(1920);
-    BlockedCall<int> read([&] { return aio_device_read(&capture, data.data(), 1920); });
-    BlockedCall<int> write([&] { return write_all(playback, ramp(10)); });
-    ASSERT_TRUE(blocks(Op::capture_read, read));
-    ASSERT_TRUE(blocks(Op::playback_write, write));
-    close_copy(capture);
-    close_copy(playback);
-    EXPECT_LT(read.result(), 0);
-    EXPECT_LT(write.result(), 0);
 }
 
 } // namespace
