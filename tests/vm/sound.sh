@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# The Linux platform's sound devices on the kernel's cards: underruns, overruns, rates, the mixer.
+# The Linux platform's sound devices on the kernel's cards: overruns, rates, the mixer.
 # Limit: 120 s
 source "$PROJECT/tests/vm/lib.sh"
 

@@ -17,7 +17,6 @@ namespace
 {
 
 using hdmi_linux::capture_stats;
-using hdmi_linux::playback_stats;
 
 /// A control that the dummy card has for one test.
 class Control
@@ -73,22 +72,6 @@ private:
 };
 
 using SoundProbe = AudioDevices;
-
-TEST_F(SoundProbe, AnUnderrunIsCountedAndPlaybackGoesOn)
-{
-    Recorder recorder("hw:Speaker,1");
-    const int64_t xruns = playback_stats().xruns;
-    ASSERT_EQ(aio_device_open(&playback_), 0);
-    ASSERT_EQ(write_numbered(3), kBlockBytes);
-    EXPECT_TRUE(eventually([&] { return delay() == 0; }));
-    ASSERT_EQ(write_numbered(30), kBlockBytes);
-    EXPECT_GE(playback_stats().xruns, xruns + 1);
-    EXPECT_TRUE(eventually([&] {
-        write_numbered();
-        const std::vector<NumberRun> runs = number_runs(recorder.left());
-        return !runs.empty() && runs.back().last > 24 * kPeriod;
-    }));
-}
 
 TEST_F(SoundProbe, TheOldestIsLostToALateReaderAndCaptureGoesOn)
 {
