@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 fs::path hardware_of(const fs::path& entry)
 {
     std::error_code none;
-    const fs::path device = fs::canonical(entry / "device", none);
+    fs::path device = fs::canonical(entry / "device", none);
     for (fs::path at = device; at.has_relative_path(); at = at.parent_path()) {
         const bool usb = fs::exists(at / "idVendor", none);
         const bool pci = fs::exists(at / "vendor", none) && fs::exists(at / "class", none);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 
 #include "machine/access.h"
@@ -307,7 +308,7 @@ bool VideoDevice::frame_rate_from_device(double wanted)
     v4l2_streamparm rate = {};
     rate.type = type_;
     if (wanted > 0) {
-        rate.parm.capture.timeperframe = {kDenominator, static_cast<uint32_t>(wanted * kDenominator + 0.5)};
+        rate.parm.capture.timeperframe = {kDenominator, static_cast<uint32_t>(std::lround(wanted * kDenominator))};
         call(fd_, VIDIOC_S_PARM, &rate);
     }
     if (call(fd_, VIDIOC_G_PARM, &rate) != 0 || rate.parm.capture.timeperframe.numerator == 0)
