@@ -18,6 +18,7 @@
 #include <limits.h>
 #include <math.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdatomic.h>
 #include <stdio.h>
@@ -232,6 +233,9 @@ int main(int argc, char** argv)
     sigaction(SIGALRM, &action, NULL);
     if (argc > 1)
         alarm((unsigned)atoi(argv[1]));
+    /* Where the machine permits it. Threads inherit it, the player's as well. */
+    const struct sched_param realtime = {.sched_priority = 10};
+    sched_setscheduler(0, SCHED_RR, &realtime);
     pthread_t display;
     if (pthread_create(&display, NULL, show_flips, NULL) != 0)
         return EXIT_FAILURE;
