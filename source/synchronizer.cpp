@@ -30,6 +30,8 @@ using pacing::kUnset;
 using pacing::subtract;
 
 constexpr uint64_t kIdleWaitUs = 10000;
+/// Without a frame for so long nobody needs vertical blanks. The next frame begins a new sequence then.
+constexpr uint64_t kNoFrameNs = 1000000000;
 
 sync_strategy_info_t& base_of(void* handle) { return *static_cast<sync_strategy_info_t*>(handle); }
 
@@ -264,6 +266,15 @@ bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.s
     return what != news::frame && is_worth_a_step(sync); // one that was queued is behind the oldest
 }
 
+// Has the vsync thread wait for vertical blanks again.
+void end_vsync_idleness(sync_strategy_info_t& sync)
+{
+    if (!sync.vsync_thread_idle.exchange(false))
+        return;
+    mutex_guard guard(sync.vsync_thread_mutex);
+    pthread_cond_signal(&sync.vsync_thread_cond);
+}
+
 // Has the sync thread look again, now or, while it is busy, at its next wait, if the news concern it.
 void wake_sync_thread(sync_strategy_info_t& sync, news what)
 {
@@ -275,6 +286,7 @@ void wake_sync_thread(sync_strategy_info_t& sync, news what)
     guard.unlock();
     if (asleep)
         pthread_cond_signal(&sync.sync_thread_cond);
+    end_vsync_idleness(sync);
 }
 
 // The sync thread's sleep: until there is news that concerns it, the time has passed, or a stop.
@@ -283,6 +295,7 @@ void wait_for_news(sync_strategy_info_t& sync, sync_wait_e what, uint64_t timeou
     const struct timespec deadline = get_monotonic_timeout_us(timeout_us != kNoLimit ? timeout_us : 0);
     mutex_guard guard(sync.sync_thread_mutex);
     sync.sync_thread_wait = what;
+    sync.sync_thread_asleep_ns = system_time(CLOCK_MONOTONIC);
     while (!sync.sync_thread_wake && !sync.sync_thread_exit) {
         if (timeout_us == kNoLimit)
             guard.wait(sync.sync_thread_cond);
@@ -348,6 +361,30 @@ void* handle_sync_logic(void* arg)
     return nullptr;
 }
 
+bool needs_vblanks(sync_strategy_info_t& sync)
+{
+    mutex_guard guard(sync.sync_thread_mutex);
+    return sync.sync_thread_wait != E_SYNC_WAIT_FRAME || sync.sync_thread_wake || steps_are_logged(sync) ||
+           system_time(CLOCK_MONOTONIC) - sync.sync_thread_asleep_ns < kNoFrameNs;
+}
+
+// Sleeps while nobody needs vertical blanks: until there is a frame, another display, or a stop.
+void sleep_while_idle(sync_strategy_info_t& sync)
+{
+    if (needs_vblanks(sync))
+        return;
+    mutex_guard guard(sync.vsync_thread_mutex);
+    sync.vsync_thread_idle = true;
+    // Again: who brings a frame from now on sees the flag.
+    if (needs_vblanks(sync))
+        sync.vsync_thread_idle = false;
+    while (sync.vsync_thread_idle && !sync.vsync_thread_exit) {
+        sync.last_vsync_system_time = kUnset;
+        guard.wait(sync.vsync_thread_cond);
+    }
+    sync.vsync_thread_idle = false;
+}
+
 void* handle_vsync(void* arg)
 {
     if (missing(arg, "arg is null"))
@@ -382,6 +419,8 @@ void* handle_vsync(void* arg)
             log_v("vblank diff:%lli before:%lli end:%lli %ld\n", lli(end - before), lli(before), lli(end),
                   static_cast<long>(int64_t{vbl.reply.tval_sec} * 1000000 + vbl.reply.tval_usec));
         synchronizer_notify_vblank(arg, end);
+        if (result == 0) // a display that fails says so again and again
+            sleep_while_idle(sync);
     }
     log_i("handle_vsync thread exit\n");
     return nullptr;
@@ -824,6 +863,7 @@ bool synchronizer_set_drm_info(void* handle, synchronizer_drm_info_t info)
     mutex_guard guard(sync.mutex);
     sync.drm_info = info;
     guard.unlock();
+    end_vsync_idleness(sync);
     log_d("fd:%d vrefresh:%0.2f\n", info.fd, static_cast<double>(info.vrefresh));
     return true;
 }

@@ -671,6 +671,39 @@ INSTANTIATE_TEST_SUITE_P(Rates, SleepingThread,
                          testing::Values(Cadence{24, 60, 1000000}, Cadence{25, 50, 1000000},
                                          Cadence{59.94, 60, 1000000}, Cadence{60, 60, 1000000}, Cadence{60, 60, kDay}));
 
+TEST_F(Synchronizer, WithoutAFrameForASecondNobodyWaitsForVerticalBlanks)
+{
+    std::atomic<int> calls{0};
+    synchronizer_set_drm_info(handle, {7, 500.0F});
+    g_hooks.wait_vblank = [&](int, drmVBlank*) { return ++calls, usleep(2000); };
+    const auto rests = [&] {
+        const int before = calls;
+        std::this_thread::sleep_for(50ms);
+        return calls == before && sync().last_vsync_system_time == -1;
+    };
+    run({1000000});
+    EXPECT_TRUE(eventually(rests));
+    for (int n = 1; n <= 10; ++n) {
+        const int before = calls;
+        queue.push(1000000 + n * 33333);
+        synchronizer_notify_frame_done(handle);
+        EXPECT_TRUE(shown(static_cast<size_t>(n) + 1));
+        EXPECT_TRUE(eventually([&] { return calls > before + 1; }));
+    }
+    EXPECT_TRUE(eventually(rests));
+    EXPECT_EQ(records("1",
+                      [this] {
+                          synchronizer_set_drm_info(handle, {0, 60});
+                          std::this_thread::sleep_for(50ms);
+                          synchronizer_stop(handle);
+                      }),
+              "E handle_vsync: invalid drm_info.fd:0\n");
+    synchronizer_set_drm_info(handle, {7, 500.0F});
+    run({1000000});
+    EXPECT_TRUE(eventually(rests));
+    EXPECT_TRUE(stops_at_once());
+}
+
 TEST_F(Synchronizer, ThreadWithoutAFrameSleepsUntilThereIsOne)
 {
     static std::atomic<int> steps;

@@ -93,13 +93,15 @@ typedef struct sync_strategy_info_s {
     std::atomic<bool> sync_thread_exit{false};                   ///< written under sync_thread_mutex
     bool sync_thread_wake GUARDED_BY(sync_thread_mutex) = false; ///< news that the sync thread has not looked at
     sync_wait_e sync_thread_wait GUARDED_BY(sync_thread_mutex) = E_SYNC_WAIT_NONE;
-    bool exiting = false; ///< unused
-    mutex_t exit_mutex;   ///< unused
+    uint64_t sync_thread_asleep_ns GUARDED_BY(sync_thread_mutex) = 0; ///< monotonic: when it fell asleep
+    bool exiting = false;                                             ///< unused
+    mutex_t exit_mutex;                                               ///< unused
     synchronizer_drm_info_t drm_info GUARDED_BY(mutex) = {0, 0};
     pthread_t vsync_thread GUARDED_BY(control_mutex) = 0; ///< 0: none
     mutex_t vsync_thread_mutex;
     pthread_cond_t vsync_thread_cond;                ///< on the monotonic clock
     std::atomic<bool> vsync_thread_exit{false};      ///< written under vsync_thread_mutex
+    std::atomic<bool> vsync_thread_idle{false};      ///< it sleeps, since nobody needs vertical blanks
     std::atomic<int64_t> last_vsync_system_time{-1}; ///< latest vertical blank; -1: unknown
     std::atomic<int64_t> last_flip_system_time{-1};  ///< latest paced flip; -1: none
     std::atomic<bool> low_latency_mode{false};
