@@ -95,7 +95,7 @@ struct sample_planes {
     sample_planes(uint8_t* block, int samples, const audio_param_t& param)
     {
         data[0] = block;
-        if (samples > 0)
+        if (samples > 0 && av_sample_fmt_is_planar(param.fmt) != 0)
             av_samples_fill_arrays(data, nullptr, block, param.channels, samples, param.fmt, 1);
     }
 };

@@ -44,7 +44,9 @@ struct CAPABILITY("mutex") mutex_t {
  * and deinit for writing.
  *
  * It prefers readers, because reads nest: a render holds the video module's lock
- * when it raises an event, and the host may call back in from there.
+ * when it raises an event, and the host may call back in from there. To read
+ * costs one atomic addition and one subtraction; the calls for every block take
+ * a dozen such locks.
  *
  * Such a lock lets callers in a loop starve a writer: their reads overlap, and
  * the lock is never free. One rule prevents that in every module: while a writer
@@ -56,10 +58,60 @@ struct CAPABILITY("mutex") mutex_t {
  * read_guard.
  */
 struct CAPABILITY("rwlock") rwlock_t {
-    static_assert(static_cast<int>(PTHREAD_RWLOCK_DEFAULT_NP) == static_cast<int>(PTHREAD_RWLOCK_PREFER_READER_NP),
-                  "the static initialiser must prefer readers: they nest");
-    pthread_rwlock_t native = PTHREAD_RWLOCK_INITIALIZER;
     std::atomic<int> writers{0}; ///< write_guards that hold the lock or wait for it
+
+    /// For a reader; waits while a writer holds the lock.
+    void enter()
+    {
+        while ((state_.fetch_add(1) & kHeld) != 0) {
+            leave();
+            pthread_mutex_lock(&mutex_);
+            while ((state_.load() & kHeld) != 0)
+                pthread_cond_wait(&changed_, &mutex_);
+            pthread_mutex_unlock(&mutex_);
+        }
+    }
+    void leave()
+    {
+        // A writer counts itself before it looks for readers: one that this did not see will not see this reader.
+        const bool last = (state_.fetch_sub(1) & ~kHeld) == 1;
+        if (last && writers != 0)
+            wake();
+    }
+    /// For a writer; waits until it is alone.
+    void enter_alone()
+    {
+        ++writers;
+        pthread_mutex_lock(&mutex_);
+        int nobody = 0;
+        while (!state_.compare_exchange_strong(nobody, kHeld)) {
+            pthread_cond_wait(&changed_, &mutex_);
+            nobody = 0;
+        }
+        pthread_mutex_unlock(&mutex_);
+    }
+    void leave_alone()
+    {
+        // First the count: a thread that gets the lock by what follows may call into the module at once.
+        --writers;
+        state_.fetch_sub(kHeld);
+        wake();
+    }
+
+private:
+    static constexpr int kHeld = 1 << 30;
+
+    void wake()
+    {
+        // Under the mutex: nobody is between a test and the wait that follows it.
+        pthread_mutex_lock(&mutex_);
+        pthread_cond_broadcast(&changed_);
+        pthread_mutex_unlock(&mutex_);
+    }
+
+    std::atomic<int> state_{0};                         ///< the readers, and kHeld while a writer holds the lock
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER; ///< of those who wait
+    pthread_cond_t changed_ = PTHREAD_COND_INITIALIZER;
 };
 
 /// Initialises @p cond for deadlines on CLOCK_MONOTONIC: setting the wall clock does not move them.
@@ -116,8 +168,8 @@ private:
 class SCOPED_CAPABILITY read_guard
 {
 public:
-    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(&lock) { pthread_rwlock_rdlock(&lock_->native); }
-    ~read_guard() RELEASE() { pthread_rwlock_unlock(&lock_->native); }
+    explicit read_guard(rwlock_t& lock) ACQUIRE_SHARED(lock) : lock_(&lock) { lock_->enter(); }
+    ~read_guard() RELEASE() { lock_->leave(); }
     read_guard(const read_guard&) = delete;
     read_guard& operator=(const read_guard&) = delete;
 
@@ -129,11 +181,7 @@ private:
 class SCOPED_CAPABILITY write_guard
 {
 public:
-    explicit write_guard(rwlock_t& lock) ACQUIRE(lock) : lock_(&lock)
-    {
-        ++lock_->writers;
-        pthread_rwlock_wrlock(&lock_->native);
-    }
+    explicit write_guard(rwlock_t& lock) ACQUIRE(lock) : lock_(&lock) { lock_->enter_alone(); }
     ~write_guard() RELEASE()
     {
         if (held_)
@@ -148,9 +196,7 @@ private:
     void unlock_native()
     {
         held_ = false;
-        // Before the unlock: a thread that gets the lock by it may call into the module at once.
-        --lock_->writers;
-        pthread_rwlock_unlock(&lock_->native);
+        lock_->leave_alone();
     }
 
     rwlock_t* lock_;
@@ -202,7 +248,7 @@ private:
     void lock_native()
     {
         if (lock_->writers == 0) {
-            pthread_rwlock_rdlock(&lock_->native);
+            lock_->enter();
             held_ = true;
             if (open_ != nullptr ? open_->load() : is_open_())
                 return;
@@ -214,7 +260,7 @@ private:
     void unlock_native()
     {
         if (held_)
-            pthread_rwlock_unlock(&lock_->native);
+            lock_->leave();
         held_ = false;
     }
 
