@@ -593,13 +593,15 @@ const coded_audio::Format kDenseAc3 = {AV_CODEC_ID_AC3, 48000, 2, 640000, kAc3Hz
 
 TEST_F(BitstreamTest, HalfASecondAfterLostBurstsAndPausesTheSoundIsWhereItWas)
 {
+    bool held_up = false;
     for (const bool eac3 : {false, true}) {
         // A long silence on the faster link takes longer than is looked at.
         const LossyStream lossy =
             make_lossy(eac3 ? kEac3 : kDenseAc3, {std::begin(kLosses), std::end(kLosses) - (eac3 ? 1 : 0)});
         const Recording recording = play(lossy);
+        held_up = held_up || recording.stood_still;
         if (recording.stood_still)
-            GTEST_SKIP() << "the machine stood still meanwhile";
+            continue;
         EXPECT_TRUE(eac3 || (recording.resets == 0 && hdmi_sim::playback_stats().underruns == 0));
         double before = latency_ms(lossy, recording, lossy.at[0] - 2);
         EXPECT_GT(before, 0);
@@ -611,6 +613,8 @@ TEST_F(BitstreamTest, HalfASecondAfterLostBurstsAndPausesTheSoundIsWhereItWas)
             before = limit < kNewBeginningMs ? after : before;
         }
     }
+    if (held_up)
+        GTEST_SKIP() << "the machine stood still meanwhile";
 }
 
 // The control of the one above.
