@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <thread>
 #include <vector>
@@ -43,6 +44,17 @@ protected:
         aio_device_close(&capture_);
     }
 
+    /// Reopens playback at @p rate, as the player does, with as many periods written as it holds.
+    void play_at(int rate)
+    {
+        aio_device_close(&playback_);
+        playback_.sample_rate = rate;
+        playback_.period_frames = rate == 44100 ? 896 : kPeriod;
+        ASSERT_EQ(0, aio_device_open(&playback_));
+        for (int period = 0; period < playback_.period_count; ++period)
+            ASSERT_GT(write_period(), 0);
+    }
+    int write_period() { return aio_device_write(&playback_, silence_.data(), playback_.period_frames * kFrameBytes); }
     int write_silence() { return aio_device_write(&playback_, silence_.data(), kPeriodBytes); }
     int read_period() { return aio_device_read(&capture_, captured_.data(), kPeriodBytes); }
     int delay()
@@ -106,6 +118,72 @@ TEST_F(PlatformContract, WritingIsPacedByTheDeviceAndItsDelayRunsOut)
     std::printf("device holds %.0f ms of sound\n", 1e3 * most / kRate);
     EXPECT_TRUE(eventually([&] { return delay() < kPeriod; })) << "an empty device has nothing left to play";
     EXPECT_EQ(kPeriodBytes, write_silence()) << "and goes on with the next write";
+}
+
+// Half or four times of it would pass for a device with another buffer: only its pace tells.
+TEST_F(PlatformContract, WithoutWritesTheDelayFallsAsTimePassesAndStopsAtZero)
+{
+    constexpr int kLooks = 20;
+    for (const int rate : {48000, 44100}) {
+        ASSERT_NO_FATAL_FAILURE(play_at(rate));
+        // The line through all looks: the position of some devices moves by periods.
+        double n = 0, sum_t = 0, sum_d = 0, sum_tt = 0, sum_td = 0;
+        const auto start = Clock::now();
+        for (int frames = delay(); frames > playback_.period_frames && n < kLooks; frames = delay()) {
+            const double t = seconds_since(start);
+            n++, sum_t += t, sum_d += frames, sum_tt += t * t, sum_td += t * frames;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ASSERT_GT(n, kLooks / 4) << "it holds less than it was asked for, or the machine is busy";
+        const double slope = (n * sum_td - sum_t * sum_d) / (n * sum_tt - sum_t * sum_t);
+        EXPECT_NEAR(-slope, rate, 0.3 * rate) << "frames, and all that is not heard yet?";
+        EXPECT_TRUE(eventually([&] { return delay() <= 0; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_EQ(0, delay()) << "nothing is left to be heard; the delay is never negative";
+    }
+}
+
+TEST_F(PlatformContract, PlaybackRunsAtTheRateThatWasAskedFor)
+{
+    for (const int rate : {48000, 44100}) {
+        ASSERT_NO_FATAL_FAILURE(play_at(rate));
+        int64_t written = 0;
+        double slowest = 0;
+        const int64_t first = written - delay();
+        const auto start = Clock::now();
+        while (seconds_since(start) < 1.5) {
+            const auto before = Clock::now();
+            ASSERT_GT(write_period(), 0);
+            written += playback_.period_frames;
+            slowest = std::max(slowest, seconds_since(before));
+        }
+        const double played = static_cast<double>(written - delay() - first);
+        const double pace = played / seconds_since(start);
+        if (slowest > 0.1)
+            GTEST_SKIP() << "the machine was busy meanwhile";
+        // Half of what is between the two rates.
+        EXPECT_NEAR(pace, rate, 0.04 * rate);
+    }
+}
+
+TEST_F(PlatformContract, CaptureOpensWithoutAKnownRateAndBeginsWithWhatArrivesFromThenOn)
+{
+    constexpr int kFirst = 8;
+    constexpr int kMore = 50;
+    for (const int rate : {0, kRate}) {
+        capture_.sample_rate = rate;
+        const auto start = Clock::now();
+        ASSERT_EQ(0, aio_device_open(&capture_)) << "a rate of 0 opens at 48000";
+        for (int period = 0; period < kFirst; ++period)
+            ASSERT_EQ(kPeriodBytes, read_period());
+        const double first = seconds_since(start);
+        const auto steady = Clock::now();
+        for (int period = 0; period < kMore; ++period)
+            ASSERT_EQ(kPeriodBytes, read_period());
+        const double per_period = seconds_since(steady) / kMore;
+        EXPECT_GT(first, (kFirst - 2) * per_period) << "sound that arrived before the opening was read";
+        ASSERT_EQ(0, aio_device_close(&capture_));
+    }
 }
 
 TEST_F(PlatformContract, ReadingIsPacedByTheSource)

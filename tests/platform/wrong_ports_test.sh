@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# wrong_ports_test.sh PROGRAM: the contract program finds out each port that breaks a promise, and has no word against
+# the one that keeps them.
+set -euo pipefail
+program=$1
+
+# judge STATUS WRONG: how the contract program ends on that port.
+judge() {
+    local said status=0
+    said=$(WRONG=$2 "$program" --gtest_filter='*DelayFalls*:*RateThatWasAskedFor*:*WithoutAKnownRate*' 2>&1) || status=$?
+    [ "$status" -eq "$1" ] || { echo "$said"; echo "WRONG='$2': status $status, not $1"; return 1; }
+}
+
+# At once: they wait for their devices most of the time.
+judges=()
+judge 0 '' &
+judges+=($!)
+for wrong in delay_in_bytes delay_halved delay_negative rate_0_refused rate_ignored old_sound; do
+    judge 1 $wrong &
+    judges+=($!)
+done
+failures=0
+for judge in "${judges[@]}"; do
+    wait "$judge" || failures=$((failures + 1))
+done
+[ "$failures" -eq 0 ]
