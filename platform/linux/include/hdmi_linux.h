@@ -55,6 +55,61 @@ typedef struct hdmi_linux_receiver_event {
  */
 int hdmi_linux_receiver_events(hdmi_linux_receiver_event_t* events, int count);
 
+/* --- Configuration and counters, as hosts in C read them -------------------------- */
+
+/**
+ * Whether the configuration can be used as it is; see hdmi_linux::check_config().
+ * @param error receives one line for each fault, as far as @p size goes; may be null
+ */
+bool hdmi_linux_check_config(char* error, size_t size);
+
+/** Counters of one direction's device since the library was loaded. */
+typedef struct hdmi_linux_device {
+    bool open;
+    bool lost;           /**< open, but the device behind it is gone and has not come back yet */
+    int64_t opens;       /**< by the player */
+    int64_t frames;      /**< written by the player, or read by it */
+    int64_t xruns;       /**< underruns of the playback device, overruns of the capture device */
+    int64_t suspends;    /**< times that the device was found suspended */
+    int64_t losses;      /**< times that the device went away or stopped taking sound */
+    int64_t recoveries;  /**< times that it came back */
+    int64_t recovery_us; /**< how long the last recovery took */
+    int64_t frames_lost; /**< frames whose time passed in silence while there was no device */
+    int rate;            /**< Hz */
+    int period_frames;
+    int period_count;
+    char pcm[108]; /**< ALSA's name */
+} hdmi_linux_device_t;
+hdmi_linux_device_t hdmi_linux_playback(void);
+hdmi_linux_device_t hdmi_linux_capture(void);
+
+/** Raw pass-through to a digital output. */
+typedef struct hdmi_linux_bypass {
+    bool active;
+    bool lost;       /**< the output is not there: captured frames are dropped */
+    int64_t frames;  /**< passed to the output */
+    int64_t dropped; /**< not passed on */
+    int64_t xruns;
+    int64_t slips; /**< times that stuffing was left out or inserted because the two clocks differ */
+    int rate;      /**< Hz */
+    char pcm[108];
+} hdmi_linux_bypass_t;
+hdmi_linux_bypass_t hdmi_linux_bypass(void);
+
+/** The audio return channel. */
+typedef struct hdmi_linux_arc {
+    bool adapter;        /**< a CEC adapter is taken */
+    bool lost;           /**< taken, but the device is gone */
+    bool active;         /**< the channel is open */
+    int64_t activations; /**< times that it was opened */
+    int64_t received;    /**< messages */
+    int64_t sent;        /**< messages that were acknowledged */
+    int64_t undelivered; /**< messages that were not */
+    char device[32];     /**< such as "/dev/cec0" */
+    char note[128];      /**< the last message about the channel; empty: none yet */
+} hdmi_linux_arc_t;
+hdmi_linux_arc_t hdmi_linux_arc(void);
+
 #ifdef __cplusplus
 }
 
