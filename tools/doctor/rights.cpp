@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 
@@ -22,7 +21,6 @@ namespace
 using namespace machine;
 
 constexpr int kPlayerPriority = 99;
-constexpr long kEnoughNamespaces = 100;
 
 // Runs @p attempt in a process of its own, which it may change as it likes; its word on failure, empty on success.
 std::string attempt_aside(const std::function<std::string()>& attempt)
@@ -45,9 +43,6 @@ std::string attempt_aside(const std::function<std::string()>& attempt)
         waitpid(child, nullptr, 0);
     return text;
 }
-
-// 0 where the kernel has none of them.
-long most_user_namespaces() { return strtol(first_line("/proc/sys/user/max_user_namespaces").c_str(), nullptr, 10); }
 
 std::string try_priority()
 {
@@ -75,21 +70,11 @@ Finding examine_namespaces()
 {
     const std::string fault = attempt_aside([] {
         std::string error;
-        return hdmi_sim::enter_private_namespaces(&error) ? "" : error.empty() ? "?" : error;
+        return hdmi_sim::enter_private_namespaces(&error) ? "" : error.substr(0, error.find(';'));
     });
     if (fault.empty())
         return {Verdict::ok, "private namespaces", "for the simulated receiver's announcements", ""};
-    std::string settings;
-    if (most_user_namespaces() < kEnoughNamespaces)
-        settings += " user.max_user_namespaces=" + std::to_string(kEnoughNamespaces);
-    // Each belongs to some distributions' kernels only, and a name that is not there is an error.
-    if (access("/proc/sys/kernel/unprivileged_userns_clone", F_OK) == 0)
-        settings += " kernel.unprivileged_userns_clone=1";
-    if (access("/proc/sys/kernel/apparmor_restrict_unprivileged_userns", F_OK) == 0)
-        settings += " kernel.apparmor_restrict_unprivileged_userns=0";
-    return {Verdict::refused, "private namespaces", fault,
-            settings.empty() ? "sudo -E hdmi-player-play   # root may"
-                             : "sudo sysctl" + settings + "   # or run it as root"};
+    return {Verdict::missing, "private namespaces", fault + ": announcements stay inside the process", ""};
 }
 
 Findings examine_receiver()
