@@ -301,6 +301,15 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+/** The version of this header; the library's file name carries the first number, which changes with the interface. */
+#define HDMI_PLAYER_VERSION_MAJOR 1
+#define HDMI_PLAYER_VERSION_MINOR 0
+#define HDMI_PLAYER_VERSION_PATCH 0
+/** For comparisons: `#if HDMI_PLAYER_VERSION >= HDMI_PLAYER_MAKE_VERSION(1, 2, 0)`. */
+#define HDMI_PLAYER_MAKE_VERSION(major, minor, patch) ((major) * 1000000 + (minor) * 1000 + (patch))
+#define HDMI_PLAYER_VERSION \
+    HDMI_PLAYER_MAKE_VERSION(HDMI_PLAYER_VERSION_MAJOR, HDMI_PLAYER_VERSION_MINOR, HDMI_PLAYER_VERSION_PATCH)
+
 #ifdef __cplusplus
 extern "C" {
 #endif

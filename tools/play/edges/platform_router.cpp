@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 
 #include "hdmi_cec.h"
@@ -18,7 +17,7 @@ namespace play
 namespace
 {
 
-constexpr const char* kLinuxLibrary = "libhdmiplayer_linux.so";
+constexpr const char* kLinuxLibrary = "libhdmiplayer_linux.so.1";
 
 /// One platform's functions.
 struct Platform {
@@ -167,28 +166,14 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
             {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
-/// Looks in the build folder, beside the program and in the system's paths. @return null with the error of the first
-/// file that exists, or of the search
+/// @return null with the loader's line in @p error
 void* load_linux_library(std::string* error)
 {
     // Local: its symbols must not replace this program's functions.
-    constexpr int kMode = RTLD_NOW | RTLD_LOCAL;
-    std::error_code ignored;
-    std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
-    std::string first_error;
-    for (const std::filesystem::path& path :
-         {std::filesystem::path(PLAY_LINUX_LIBRARY), program.parent_path() / kLinuxLibrary,
-          std::filesystem::path(kLinuxLibrary)}) {
-        // The last one is for the loader to find.
-        if (path.empty() || (path.has_parent_path() && !std::filesystem::exists(path, ignored)))
-            continue;
-        if (void* library = dlopen(path.c_str(), kMode))
-            return library;
-        if (first_error.empty())
-            first_error = dlerror();
-    }
-    *error = first_error;
-    return nullptr;
+    void* library = dlopen(kLinuxLibrary, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr)
+        *error = dlerror();
+    return library;
 }
 
 } // namespace
@@ -201,7 +186,7 @@ bool set_routes(const Routes& routes, std::string* error)
         return true;
     void* library = load_linux_library(error);
     if (library == nullptr) {
-        *error = "real devices need " + std::string(kLinuxLibrary) + ": " + *error;
+        *error = "real devices need the Linux platform: " + *error;
         return false;
     }
     if (look_up_devices(library, &r.machine) && look_up_cec(library, &r.machine) && look_up_own(library, &r.machine))

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
+# consumers.sh PREFIX: hosts that know the package installed in PREFIX alone. Each of pkg-config and CMake, of C, C++17
+# and C++20, of gcc and clang builds the consumer, and each program plays; so do the archives. Then the tools.
+set -euo pipefail
+prefix=$1
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+export LD_LIBRARY_PATH=$prefix/lib PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+cp "$here/consumer.c" "$folder/consumer.cpp"
+strict=(-Wall -Wextra -Wpedantic -Werror -O1)
+
+# by_pkg_config NAME COMPILER... SOURCE: as a makefile would.
+by_pkg_config() {
+    local name=$1
+    shift
+    # shellcheck disable=SC2046
+    "${@:1:$#-1}" "${strict[@]}" "${!#}" -o "$folder/$name" -Wl,--as-needed \
+        $(pkg-config --cflags --libs hdmi_player_sim) || echo "FAIL: $name"
+}
+# as_archives NAME COMPILER: nothing of the package is left to load.
+as_archives() {
+    # shellcheck disable=SC2046
+    "$2" "${strict[@]}" "$here/consumer.c" -o "$folder/$1" $(pkg-config --cflags --libs hdmi_player_sim_static) || echo "FAIL: $1"
+    ! ldd "$folder/$1" | grep hdmiplayer || echo "FAIL: $1 loads a library of the package"
+}
+# by_cmake COMPILER C++COMPILER
+by_cmake() {
+    cmake -S "$here" -B "$folder/cmake_$1" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$1" \
+        -DCMAKE_CXX_COMPILER="$2" >"$folder/cmake_$1.log" 2>&1 &&
+        cmake --build "$folder/cmake_$1" >>"$folder/cmake_$1.log" 2>&1 ||
+        { cat "$folder/cmake_$1.log"; echo "FAIL: CMake with $1"; }
+}
+
+build() {
+    local compiler=$1 cpp=$2 standard
+    by_pkg_config "pc_${compiler}_c" "$compiler" -std=c99 "$here/consumer.c"
+    for standard in c++17 c++20; do
+        by_pkg_config "pc_${compiler}_$standard" "$cpp" -std=$standard "$folder/consumer.cpp"
+    done
+    as_archives "archives_$compiler" "$compiler"
+    by_cmake "$compiler" "$cpp"
+}
+
+{
+    build gcc g++
+    ! command -v clang++ >/dev/null || build clang clang++
+    for program in "$folder"/pc_* "$folder"/archives_* "$folder"/cmake_*/{c,cpp17,cpp20,static}; do
+        "$program" >"$folder/said" 2>&1 || { cat "$folder/said"; echo "FAIL: ${program#"$folder"/}"; }
+    done
+    # The seams' headers compile by themselves.
+    echo '#include <adecoder.h>
+#include <aio_device.h>
+#include <hdmi_cec.h>' | gcc -std=c99 "${strict[@]}" -x c -fsyntax-only \
+        -I"$(pkg-config --variable=platformdir hdmi_player)" - || echo "FAIL: seams"
+    # The tools, and what goes with them.
+    for tool in play doctor run; do
+        LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --help >"$folder/help" || echo "FAIL: $tool --help"
+        grep -q "^hdmi-player-$tool" "$prefix/share/man/man1/hdmi-player-$tool.1" || echo "FAIL: $tool's page"
+        grep -q -- "--help" "$prefix/share/bash-completion/completions/hdmi-player-$tool" || echo "FAIL: completion"
+    done
+    # A host linked with one platform, on another; and one with a source that it did not ask for.
+    cmake -S "$prefix/share/doc/hdmiplayer/examples/minimal" -B "$folder/minimal" -G Ninja \
+        -DCMAKE_PREFIX_PATH="$prefix" -DHDMIPLAYER_PLATFORM_LIBRARY=hdmi_player::linux >/dev/null &&
+        cmake --build "$folder/minimal" >/dev/null &&
+        "$prefix/bin/hdmi-player-run" --signal tone -- "$folder/minimal/minimal" 2 >"$folder/said" 2>&1 &&
+        grep -q 'peak -12.0 dBFS' "$folder/said" || { cat "$folder/said"; echo "FAIL: hdmi-player-run"; }
+} | tee "$folder/failures"
+! grep -q FAIL "$folder/failures"
