@@ -60,11 +60,13 @@ build() {
         grep -q "^hdmi-player-$tool" "$prefix/share/man/man1/hdmi-player-$tool.1" || echo "FAIL: $tool's page"
         grep -q -- "--help" "$prefix/share/bash-completion/completions/hdmi-player-$tool" || echo "FAIL: completion"
     done
-    # A host linked with one platform, on another; and one with a source that it did not ask for.
-    cmake -S "$prefix/share/doc/hdmiplayer/examples/minimal" -B "$folder/minimal" -G Ninja \
-        -DCMAKE_PREFIX_PATH="$prefix" -DHDMIPLAYER_PLATFORM_LIBRARY=hdmi_player::linux >/dev/null &&
-        cmake --build "$folder/minimal" >/dev/null &&
-        "$prefix/bin/hdmi-player-run" --signal tone -- "$folder/minimal/minimal" 2 >"$folder/said" 2>&1 &&
+    # The examples; one of them, linked with one platform, on another.
+    for example in minimal screen; do
+        cmake -S "$prefix/share/doc/hdmiplayer/examples/$example" -B "$folder/$example" -G Ninja \
+            -DCMAKE_PREFIX_PATH="$prefix" -DHDMIPLAYER_PLATFORM_LIBRARY=hdmi_player::linux >"$folder/said" 2>&1 &&
+            cmake --build "$folder/$example" >>"$folder/said" 2>&1 || { cat "$folder/said"; echo "FAIL: $example"; }
+    done
+    "$prefix/bin/hdmi-player-run" --signal tone -- "$folder/minimal/minimal" 2 >"$folder/said" 2>&1 &&
         grep -q 'peak -12.0 dBFS' "$folder/said" || { cat "$folder/said"; echo "FAIL: hdmi-player-run"; }
 } | tee "$folder/failures"
 ! grep -q FAIL "$folder/failures"
