@@ -26,7 +26,7 @@
  * take), on_flip() shows a frame, on_drop() takes its buffer back, process()
  * changes the sound; on_flip() or process() also makes up for the panel's
  * latency, see there. A signal handler or another thread clears `running`, an
- * atomic_bool, to stop it. It needs <pthread.h>, <limits.h> and C11's
+ * atomic_bool, to stop it. It needs <pthread.h>, <limits.h>, <time.h> and C11's
  * <stdatomic.h>. examples/minimal/main.c is the same host as a program.
  *
  *     static atomic_int newest_serial;   // of the blocks that were taken
@@ -48,13 +48,49 @@
  *         return serial > last_old_serial;
  *     }
  *
+ *     static struct {
+ *         int32_t serial;       // of the sequence
+ *         int64_t least_age_us; // of its blocks: now less pts
+ *         int64_t began_us;     // when sound was thrown away last
+ *     } late;
+ *
+ *     static int64_t now_us(void)
+ *     {
+ *         struct timespec now;
+ *         clock_gettime(CLOCK_MONOTONIC, &now);
+ *         return now.tv_sec * INT64_C(1000000) + now.tv_nsec / 1000;
+ *     }
+ *
+ *     // Whether this thread stood still for so long that the output ran dry before this block came.
+ *     static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
+ *     {
+ *         enum { IN_HAND_US = 76000 + 20000, AT_ONCE_US = 2000, EPISODE_US = 500000, PAUSE_US = 10000000 };
+ *         const int64_t now = now_us(), age = now - block->pts;
+ *         const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
+ *         if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
+ *             late.serial = block->serial;
+ *             late.least_age_us = age;
+ *         }
+ *         const bool pause_over = now - late.began_us > PAUSE_US;
+ *         if (age > late.least_age_us + IN_HAND_US && (pause_over || now - late.began_us < EPISODE_US)) {
+ *             if (pause_over)
+ *                 late.began_us = now;
+ *             return true;
+ *         }
+ *         late.least_age_us += 10; // the clocks differ by up to 500 ppm
+ *         if (age < late.least_age_us)
+ *             late.least_age_us = age;
+ *         return false;
+ *     }
+ *
  *     static void* play_sound(void* unused)
  *     {
  *         while (running) {
  *             hdmi_player_audio_frame_t* block;
+ *             const int64_t asked_us = now_us();
  *             if (hdmi_player_get_pcm(&block, 100) != 0)
  *                 continue;
- *             if (may_play(block->serial)) {
+ *             if (may_play(block->serial) && !is_late(block, asked_us)) {
  *                 process(block);
  *                 hdmi_player_write_pcm(block);
  *             }
@@ -86,6 +122,7 @@
  *         config.video_frame_drop_cb = on_drop;
  *         newest_serial = 0;         // the first serial of every open
  *         last_old_serial = INT_MAX; // nothing is played before the first reset
+ *         late.serial = -1;
  *         if (hdmi_player_open(config) != 0)
  *             return -1;
  *         hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
@@ -132,6 +169,23 @@
  * flipped at once, from inside hdmi_player_video_render(), and start no reset.
  * A host without video, or with A/V sync switched off, therefore gets no reset:
  * it writes from the first block on.
+ *
+ * ## Late sound, and a clock that is set
+ *
+ * Sound that is late at the output stays late: the player does not catch up. If
+ * the host's sound thread stands still for longer than the 76 ms that the output
+ * has in hand, the output runs dry, and what comes then is late by the rest. So
+ * the host throws such blocks away, not more often than once in ten seconds,
+ * since that is heard. is_late() above does this; a block that is this late and
+ * yet came while the host waited for it is not, because sound was lost before it.
+ * Where the processing delays the sound, this is decided behind it. A product also
+ * fades from the first block that is thrown away into the one that is played.
+ *
+ * Frames are stamped by the wall clock. Setting it while frames are in the queue
+ * breaks the sync for good, unless the player resets. So the host notices it (a
+ * timerfd with TFD_TIMER_CANCEL_ON_SET), renders one more frame, with which the
+ * player counts from the new time, and then withholds frames for 1.1 seconds,
+ * which makes the player reset. In examples/minimal/main.c, receive_frame() does.
  *
  * ## Stopping
  *
@@ -217,17 +271,21 @@
  *   hold it for whole refreshes, up to the next above 61 - L, and to hold the
  *   sound for the excess.
  * - L above 61: the host holds the sound for L - 61 ms, between
- *   hdmi_player_get_pcm() and hdmi_player_write_pcm(). Each sequence (each new
- *   serial) then begins with as much silence, and the sound behind it moves,
- *   while the stamps of the blocks stay as they are. If the stamps moved with the
- *   sound, the frames would wait for it, and nothing would be gained.
+ *   hdmi_player_get_pcm() and hdmi_player_write_pcm(). It begins with as much
+ *   silence, and moves behind it, while the stamps of the blocks stay as they
+ *   are. If the stamps moved with the sound, the frames would wait for it, and
+ *   nothing would be gained.
  *
  * A viewer's setting of X ms, positive for later sound, is made by the same two
  * means, with L + X in the place of L. In examples/minimal/main.c, on_flip() with
  * show_flips() and hold_sound() do this.
  *
- * - Reset, change of format or rate: the next sequence begins with silence again.
- *   What was held of the sound before it is thrown away; held flips are shown.
+ * The payloads of E-AC-3 have passed so soon that its sound is ready before the
+ * frame is: a host that knows that its input is E-AC-3 holds as if for 46 ms.
+ *
+ * - Reset, change of format or rate: sound that goes on, goes on through the hold
+ *   as well. After a pause it begins with silence again, and what was held is
+ *   thrown away. Held flips are shown.
  * - Close: flips that are held when hdmi_player_close() returns stay the host's,
  *   to be shown or not. Held sound that is to be heard is written before.
  * - RAW on S/PDIF or ARC: the sound passes the host by and cannot be held, and

@@ -8,7 +8,9 @@
 
 #include "common/flip_hold.h"
 #include "common/holds.h"
+#include "common/late_sound.h"
 #include "common/sound_hold.h"
+#include "common/wall_clock.h"
 
 namespace common
 {
@@ -116,6 +118,95 @@ TEST(SoundHold, DelaysInPlaceBehindSilence)
     none.pass(frame, 1);
     EXPECT_EQ(frame[1], 2);
     EXPECT_TRUE(none.rest().empty());
+}
+
+// Blocks of 20 ms through a host that stands still; drift_ppm: of the capture's clock.
+struct Stalls {
+    LateSound late;
+    int64_t now_us = 1'000'000'000;
+    int64_t captured_us = now_us; // the next block's first sample
+    int64_t pts_us = 0;
+    double drift_ppm = 0;
+    int played = 0;
+
+    /// The host takes blocks for @p us, then stands still for @p still_us. @return how many it threw away
+    int go(int64_t us, int64_t still_us = 0)
+    {
+        int thrown_away = 0;
+        for (const int64_t end_us = now_us + us; now_us < end_us;) {
+            const auto length_us = static_cast<int64_t>(20'000 * (1 + drift_ppm / 1e6));
+            const bool waited = captured_us + length_us > now_us;
+            now_us = std::max(now_us, captured_us + length_us);
+            const bool late_block = late.too_late(pts_us, 20'000, now_us, waited);
+            thrown_away += late_block ? 1 : 0;
+            played += late_block ? 0 : 1;
+            captured_us += length_us;
+            pts_us += 20'000;
+        }
+        now_us += still_us;
+        return thrown_away;
+    }
+};
+
+TEST(LateSound, ThrowsAwayWhatIsOlderThanThePlan)
+{
+    Stalls s;
+    EXPECT_EQ(s.go(2'000'000, 60'000), 0);
+    EXPECT_EQ(s.go(2'000'000, 1'000'000), 0) << "the output has not run dry";
+    const int thrown_away = s.go(1'000'000);
+    EXPECT_GE(thrown_away, (1000 - 96) / 20);
+    EXPECT_LE(thrown_away, (1000 - 56) / 20);
+    EXPECT_EQ(s.go(3'000'000, 500'000), 0);
+    EXPECT_EQ(s.go(5'000'000), 0) << "too soon after the last time";
+    const int made_up = s.go(3'000'000);
+    EXPECT_GE(made_up, (500 - 96) / 20);
+    EXPECT_LE(made_up, (500 - 56) / 20);
+    s.late.start();
+    EXPECT_EQ(s.go(20'000'000), 0);
+}
+
+TEST(LateSound, LeavesSoundThatIsNotLate)
+{
+    for (double ppm : {-400.0, 400.0}) {
+        Stalls s;
+        s.drift_ppm = ppm;
+        EXPECT_EQ(s.go(3600'000'000), 0) << ppm;
+    }
+    Stalls lost; // half a second never came: what comes after it is new all the same
+    lost.go(5'000'000);
+    lost.captured_us += 500'000;
+    EXPECT_EQ(lost.go(30'000'000), 0);
+}
+
+TEST(Splice, FadesFromTheFirstBlockLeftOut)
+{
+    Splice splice;
+    std::vector<int16_t> left_out(2 * 960, 10000), later(2 * 960, 30000), played(2 * 960, -10000), next = played;
+    splice.leave_out(left_out.data(), 960);
+    splice.leave_out(later.data(), 960);
+    splice.join(played.data(), 960);
+    for (size_t i = 2; i < played.size(); i++)
+        ASSERT_LE(std::abs(played[i] - played[i - 2]), 84);
+    EXPECT_NEAR(played[0], 10000, 84);
+    EXPECT_EQ(played[2 * 240], -10000);
+    splice.join(next.data(), 960);
+    EXPECT_EQ(next[0], -10000);
+}
+
+TEST(FrameBreak, LetsOneFrameThroughAndThenNoneForMoreThanASecond)
+{
+    FrameBreak frames;
+    int64_t last_ns = 0;
+    int64_t longest_ns = 0;
+    for (int64_t now_ns = 0; now_ns < 5000 * kMs; now_ns += 20 * kMs) {
+        if (frames.withholds(now_ns, now_ns == 1000 * kMs))
+            continue;
+        longest_ns = std::max(longest_ns, now_ns - last_ns);
+        last_ns = now_ns;
+    }
+    EXPECT_EQ(longest_ns, 1100 * kMs);
+    WallClockWatch clock;
+    EXPECT_FALSE(clock.was_set());
 }
 
 } // namespace

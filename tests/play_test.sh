@@ -80,6 +80,24 @@ stops_at_once() {
     [ "$status" -eq 143 ] && [ ! -e "$folder/twice.json" ] || { cat "$folder/twice.txt"; fail "twice: exit status $status"; }
 }
 
+# offsets NAME: those of the report, in ms, in order.
+offsets() { sed -n 's/^ *"offset_ms": \([-0-9.e]*\),\{0,1\}$/\1/p' "$folder/$1.json"; }
+
+# in_sync_again NAME ARGUMENT...: the host stood still for a second, three seconds after the start. From three seconds
+# later on sound and picture are together as they were. How much was lost meanwhile is not judged.
+in_sync_again() {
+    local first last
+    for _ in $(seq "$tries"); do
+        run "$1" --stall-host 1000 --seconds 8 "${@:2}"
+        first=$(offsets "$1" | head -n 1) last=$(offsets "$1" | tail -n 1)
+        awk -v a="$first" -v b="$last" 'BEGIN { exit !(a != "" && b - a < 25 && a - b < 25) }' &&
+            grep -q 'late sound thrown away [1-9]' "$folder/$1.txt" && return
+        machine_was_late "$1" 'A/V offset' || break
+    done
+    cat "$folder/$1.txt"
+    fail "${*:2}: offset $first ms before the host stood still, $last ms after it"
+}
+
 # blames_film NAME CAUSE: the film NAME.mkv is the reason of what was missed.
 blames_film() {
     run "$1" "$folder/$1.mkv"
@@ -128,6 +146,9 @@ if [ "${2:-}" != quick ]; then
     passes earlier --seconds 2 --av-offset -200 --display none --display-latency 0 &
     passes later --seconds 2 --av-offset 200 --bitstream eac3 --algorithm-delay 100 &
     misses unheld 'A/V offset p95' --seconds 2 --av-offset 100 --no-hold &
+    wait
+    in_sync_again still --rate 48000 &
+    in_sync_again still_coded --bitstream ac3 --algorithm-delay 100 --display-latency 150 &
     wait
 
     # A machine that stands still for a moment is no fault of the player's; it hides none either.

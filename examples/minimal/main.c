@@ -14,6 +14,7 @@
  * what shows them, what is done to the sound. Here that is next to nothing, but
  * for what the panel's latency needs, which is PANEL_MS here.
  */
+#include <errno.h>
 #include <hdmi_player.h>
 #include <limits.h>
 #include <math.h>
@@ -24,6 +25,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -39,17 +41,33 @@ static atomic_long received, shown, dropped;
 static atomic_bool running = true;
 static double seconds_heard, loudest; /* of full scale */
 
-/* Waits for the input's next frame. */
+/* Whether the wall clock was set since the last call. */
+static bool clock_was_set(void)
+{
+    static int timer = -1;
+    uint64_t unused;
+    if (timer >= 0 && (read(timer, &unused, sizeof unused) >= 0 || errno != ECANCELED))
+        return false;
+    const bool first = timer < 0;
+    const struct itimerspec never = {.it_value = {.tv_sec = (time_t)1 << (8 * sizeof(time_t) - 2)}};
+    if (first)
+        timer = timerfd_create(CLOCK_REALTIME, TFD_NONBLOCK | TFD_CLOEXEC);
+    timerfd_settime(timer, TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &never, NULL);
+    return !first;
+}
+
+/* Waits for the input's next frame. When the wall clock was set: one more, and then none for 1.1 s. */
 static hdmi_player_video_frame_t receive_frame(void)
 {
+    enum { BREAK_NS = 1100000000 };
     static struct timespec next;
+    static bool set;
     if (received == 0)
         clock_gettime(CLOCK_MONOTONIC, &next);
-    next.tv_nsec += NS_PER_S / FPS;
-    if (next.tv_nsec >= NS_PER_S) {
-        next.tv_nsec -= NS_PER_S;
-        next.tv_sec++;
-    }
+    next.tv_nsec += NS_PER_S / FPS + (set ? BREAK_NS : 0);
+    next.tv_sec += next.tv_nsec / NS_PER_S;
+    next.tv_nsec %= NS_PER_S;
+    set = clock_was_set();
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, NULL);
     received++;
     return (hdmi_player_video_frame_t){&received, 0}; /* any handle of the host's */
@@ -111,19 +129,21 @@ static void on_drop(hdmi_player_video_frame_t frame)
     dropped++;
 }
 
-/* Holds the sound for SOUND_HELD_MS: each sequence begins with as much silence, and its stamps stay as they are. */
+/* Holds the sound for SOUND_HELD_MS: it begins with as much silence, again after a pause. The stamps stay as they are.
+ */
 static void hold_sound(hdmi_player_audio_frame_t* block)
 {
     enum { HELD_SAMPLES = SOUND_HELD_MS * 48 * 2 }; /* 48 kHz, 2 channels */
     static int16_t line[HELD_SAMPLES + 1];
-    static int32_t serial;
+    static time_t last_s;
     static int next;
+    struct timespec now;
     if (HELD_SAMPLES == 0)
         return;
-    if (block->serial != serial) {
-        serial = block->serial;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec > last_s + 1)
         memset(line, 0, sizeof line);
-    }
+    last_s = now.tv_sec;
     int16_t* samples = (int16_t*)block->data;
     for (int i = 0; i < block->size / 2; i++) {
         const int16_t oldest = line[next];
@@ -165,13 +185,49 @@ static bool may_play(int32_t serial)
     return serial > last_old_serial;
 }
 
+static struct {
+    int32_t serial;       // of the sequence
+    int64_t least_age_us; // of its blocks: now less pts
+    int64_t began_us;     // when sound was thrown away last
+} late;
+
+static int64_t now_us(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * INT64_C(1000000) + now.tv_nsec / 1000;
+}
+
+// Whether this thread stood still for so long that the output ran dry before this block came.
+static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
+{
+    enum { IN_HAND_US = 76000 + 20000, AT_ONCE_US = 2000, EPISODE_US = 500000, PAUSE_US = 10000000 };
+    const int64_t now = now_us(), age = now - block->pts;
+    const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
+    if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
+        late.serial = block->serial;
+        late.least_age_us = age;
+    }
+    const bool pause_over = now - late.began_us > PAUSE_US;
+    if (age > late.least_age_us + IN_HAND_US && (pause_over || now - late.began_us < EPISODE_US)) {
+        if (pause_over)
+            late.began_us = now;
+        return true;
+    }
+    late.least_age_us += 10; // the clocks differ by up to 500 ppm
+    if (age < late.least_age_us)
+        late.least_age_us = age;
+    return false;
+}
+
 static void* play_sound(void* unused)
 {
     while (running) {
         hdmi_player_audio_frame_t* block;
+        const int64_t asked_us = now_us();
         if (hdmi_player_get_pcm(&block, 100) != 0)
             continue;
-        if (may_play(block->serial)) {
+        if (may_play(block->serial) && !is_late(block, asked_us)) {
             process(block);
             hdmi_player_write_pcm(block);
         }
@@ -203,6 +259,7 @@ static int play(int drm_fd)
     config.video_frame_drop_cb = on_drop;
     newest_serial = 0;         // the first serial of every open
     last_old_serial = INT_MAX; // nothing is played before the first reset
+    late.serial = -1;
     if (hdmi_player_open(config) != 0)
         return -1;
     hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);

@@ -10,8 +10,8 @@ namespace common
 {
 
 /**
- * Holds sound back, in place: each sequence begins with as much silence, and
- * keeps its time stamps, so that the player's picture does not wait with it.
+ * Holds sound back, in place: it begins with as much silence, and keeps its
+ * time stamps, so that the player's picture does not wait with it.
  * Stereo, 16 bits. Nothing is allocated after construction, unless a rate is
  * above 48 kHz.
  */
@@ -20,7 +20,7 @@ class SoundHold
 public:
     explicit SoundHold(int64_t hold_ns) : hold_ns_(hold_ns) { ring_.reserve(samples_at(kHighestRate)); }
 
-    /// A sequence begins: what is held of the one before is forgotten.
+    /// Sound begins, for the first time or after a pause: what is held of the sound before is forgotten.
     void start(int sample_rate)
     {
         ring_.assign(samples_at(sample_rate), 0);

@@ -142,16 +142,16 @@ std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, 
 }
 
 /// What light and sound on this display need. Of bursts that are passed on the host holds nothing: they pass it by.
-common::Holds holds_for(const Options& options, const display::Display& display)
+common::Holds holds_for(const Options& options, Coding coding, const display::Display& display)
 {
     if (options.raw || options.no_hold)
         return {};
-    return common::plan_holds(options.display_latency_ms() * kMs, options.av_offset_ms * kMs, display.refresh_hz(),
-                              display.paced());
+    const int64_t offset_ns = options.av_offset_ms * kMs + (coding == Coding::eac3 ? common::kEarlyPayloadNs : 0);
+    return common::plan_holds(options.display_latency_ms() * kMs, offset_ns, display.refresh_hz(), display.paced());
 }
 
-HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, display::Display* display,
-                       FlipGate* gate, Trace* trace)
+HostConfig host_config(const Options& options, Coding coding, hdmi_player_drm_info_t drm_info,
+                       display::Display* display, FlipGate* gate, Trace* trace)
 {
     HostConfig config;
     config.trace = trace;
@@ -161,7 +161,8 @@ HostConfig host_config(const Options& options, hdmi_player_drm_info_t drm_info, 
     config.video_start_ns = options.video_start_ms * kMs;
     config.sync = !options.no_sync;
     config.raw = options.raw;
-    config.holds = holds_for(options, *display);
+    config.stall_ns = options.stall_host_ms * kMs;
+    config.holds = holds_for(options, coding, *display);
     // A device goes on with silence when its source has ended.
     if (!options.capture.empty())
         config.drain_ns = kRealDrainNs;
@@ -397,8 +398,9 @@ ExitStatus run(Source* source, display::Display* display, const process::StopSig
         timers = std::make_unique<TickingTimers>();
         // What comes next may take seconds: a source that is listened to, an audio return channel.
         if (signals.number() == 0 && stage.connect(error))
-            host = std::make_unique<Host>(host_config(result->options, *drm_info, display, &gate, trace.get()), source,
-                                          stage.clock());
+            host = std::make_unique<Host>(
+                host_config(result->options, source->coding(), *drm_info, display, &gate, trace.get()), source,
+                stage.clock());
         bool open = host != nullptr && signals.number() == 0 && host->start();
         if (!open) {
             if (host != nullptr)

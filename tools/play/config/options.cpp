@@ -160,6 +160,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--no-hold", options->no_hold,
                   "Control: hold neither flips nor sound; must fail unless the display's latency is near 76");
+    app->add_option("--stall-host", options->stall_host_ms,
+                    "The host's sound stands still once, for that many ms: it must be in sync again afterwards")
+        ->check(CLI::Range(0, 5000))
+        ->capture_default_str();
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
     app->footer(kFooter);
 }

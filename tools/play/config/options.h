@@ -54,7 +54,8 @@ struct Options {
     std::string wav_path;
     bool no_sync = false;
     bool withhold_block = false;
-    bool no_hold = false; ///< neither flips nor sound are held
+    int stall_host_ms = 0; ///< the host's sound thread stands still once, for that long
+    bool no_hold = false;  ///< neither flips nor sound are held
 
     /// From the vertical blank to light: of a simulated panel what the player allows for, of a real one what is stated.
     int display_latency_ms() const

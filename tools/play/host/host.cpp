@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <cmath>
+#include <utility>
 
 #include "signal/clock.h"
 
@@ -14,6 +15,12 @@ namespace
 
 /// How long a pull of sound waits: long enough not to spin, short enough to notice the end.
 constexpr int32_t kPullTimeoutMs = 100;
+/// Sound that was not written for longer has paused.
+constexpr int64_t kPauseNs = 200'000'000;
+/// A pull that takes longer has waited.
+constexpr int64_t kAtOnceNs = 2'000'000;
+/// When the sound's thread stands still, if it is to, after the first block.
+constexpr int64_t kStallAfterNs = 3'000'000'000;
 /// Empty pulls in a row after which the pipeline counts as run dry.
 constexpr int kDryPulls = 3;
 /// What the player holds the first block of a sequence back by, to match the picture's way to the light.
@@ -137,6 +144,8 @@ void Host::close()
 void Host::video_thread()
 {
     pthread_setname_np(pthread_self(), "host_video");
+    common::WallClockWatch wall_clock;
+    common::FrameBreak frame_break;
     int64_t first_ns = opened_ns_ + config_.video_start_ns;
     VideoFrame frame;
     while (!video_stop_ && source_->next_video(&frame)) {
@@ -147,8 +156,15 @@ void Host::video_thread()
         // Painted ahead: the moment of the call is the picture's time.
         PictureBuffer* buffer = fill(frame);
         sleep_until_ns(due_ns);
-        if (buffer != nullptr)
+        const bool withheld = frame_break.withholds(now_ns(), wall_clock.was_set());
+        if (buffer == nullptr)
+            continue;
+        if (withheld) {
+            withheld_++;
+            display::pass(buffer, Owner::host, Owner::free);
+        } else {
             render(buffer);
+        }
     }
     video_running_ = false;
 }
@@ -237,14 +253,23 @@ void Host::audio_thread()
 {
     pthread_setname_np(pthread_self(), "host_audio");
     hdmi_player_audio_frame_t last = {};
+    int64_t stall_ns = config_.stall_ns;
+    int64_t first_ns = 0;
     int dry = 0;
     while (!audio_draining_ || (dry < kDryPulls && now_ns() < drained_ns_)) {
         hdmi_player_audio_frame_t* block = nullptr;
+        const int64_t asked_ns = now_ns();
         if (hdmi_player_get_pcm(&block, kPullTimeoutMs) != 0) {
             dry++;
             continue;
         }
         dry = 0;
+        taken_ns_ = now_ns();
+        waited_ = taken_ns_ - asked_ns >= kAtOnceNs;
+        if (first_ns == 0)
+            first_ns = now_ns();
+        if (stall_ns > 0 && now_ns() >= first_ns + kStallAfterNs)
+            sleep_until_ns(now_ns() + std::exchange(stall_ns, 0));
         last = *block;
         play_block(*block);
         hdmi_player_put_pcm(block);
@@ -287,7 +312,10 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
     }
     if (first || block.serial != serial_before) {
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
-        sound_hold_.start(block.sample_rate);
+        late_sound_.start();
+        // Sound that goes on through a reset goes on through the hold as well.
+        if (first || now_ns() - written_ns_ > kPauseNs)
+            sound_hold_.start(block.sample_rate);
     }
     line_.push(reinterpret_cast<const int16_t*>(block.data), frames);
     write_from_line(block);
@@ -300,7 +328,22 @@ void Host::write_from_line(const hdmi_player_audio_frame_t& like)
     if (frames == 0)
         return;
     sound_hold_.pass(processed_.data(), frames);
+    if (throws_away(pts_us, like.sample_rate))
+        return;
+    splice_.join(processed_.data(), frames);
     write(like, pts_us);
+}
+
+/// Whether processed_ is older than the plan, because this thread stood still.
+bool Host::throws_away(int64_t pts_us, int sample_rate)
+{
+    const auto frames = static_cast<int>(processed_.size() / 2);
+    const int64_t duration_us = int64_t{frames} * 1'000'000 / sample_rate;
+    if (!late_sound_.too_late(pts_us, duration_us, taken_ns_ / 1000, waited_))
+        return false;
+    splice_.leave_out(processed_.data(), frames);
+    audio_account_.late += frames;
+    return true;
 }
 
 /// Writes processed_, with what else a block says as in @p like.
@@ -314,6 +357,7 @@ void Host::write(const hdmi_player_audio_frame_t& like, int64_t pts_us)
     out.buf_size = out.size;
     out.pts = pts_us;
     int64_t handed_ns = now_ns();
+    written_ns_ = handed_ns;
     // Waits while the player's output queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(&out) != 0) {
         audio_account_.failed_writes++;
@@ -338,6 +382,7 @@ FrameAccount Host::frames() const
     account.lost = lost_;
     account.foreign = foreign_;
     account.no_buffer = no_buffer_;
+    account.withheld = withheld_;
     return account;
 }
 

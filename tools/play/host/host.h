@@ -13,7 +13,9 @@
 #include <thread>
 
 #include "common/flip_hold.h"
+#include "common/late_sound.h"
 #include "common/sound_hold.h"
+#include "common/wall_clock.h"
 #include "display/flip_gate.h"
 #include "hdmi_player.h"
 #include "host/algorithm.h"
@@ -33,6 +35,7 @@ struct HostConfig {
     int algorithm_delay_ms = 0;
     int64_t video_start_ns = 0; ///< first picture that long after open
     common::Holds holds;        ///< what the display needs
+    int64_t stall_ns = 0;       ///< the sound's thread stands still once, for that long
     bool raw = false;           ///< compressed sound goes to the output as it is
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
@@ -58,6 +61,7 @@ struct FrameAccount {
     int64_t lost = 0;      ///< of these, passed so long before that they cannot have been in its queue any more
     int64_t foreign = 0;   ///< callbacks with a handle that was not the player's at that moment
     int64_t no_buffer = 0; ///< pictures for which the host had no buffer left
+    int64_t withheld = 0;  ///< not passed to the player, so that it resets: the wall clock was set
 
     bool closes() const { return rendered == flipped + dropped + held && foreign == 0 && lost == 0; }
 };
@@ -65,6 +69,7 @@ struct FrameAccount {
 struct AudioAccount {
     int64_t pulled = 0;    ///< frames of hdmi_player_get_pcm
     int64_t discarded = 0; ///< of these, given back unwritten
+    int64_t late = 0;      ///< frames thrown away, because the host came too late with them
     int64_t written = 0;   ///< frames accepted by hdmi_player_write_pcm
     int64_t failed_writes = 0;
 };
@@ -96,7 +101,7 @@ public:
     int64_t reset_ns() const { return reset_ns_; }
     int video_queue_size() const { return video_queue_size_; }
     const common::Holds& holds() const { return config_.holds; }
-    /// Frames of silence with which every sequence begins, for the sound that is held.
+    /// Frames of silence with which the sound begins, as many as are held.
     int held_sound() const { return sound_hold_.frames(); }
     /// Number of the last picture that the source sent, -1: none.
     int64_t last_picture() const { return last_picture_; }
@@ -112,6 +117,7 @@ private:
     void audio_thread();
     void play_block(const hdmi_player_audio_frame_t& block);
     void write_from_line(const hdmi_player_audio_frame_t& like);
+    bool throws_away(int64_t pts_us, int sample_rate);
     void write(const hdmi_player_audio_frame_t& like, int64_t pts_us);
     bool belongs_to_new_sequence(int32_t serial);
     PictureBuffer* take_back(void* handle, Owner next);
@@ -143,6 +149,7 @@ private:
     std::atomic<int64_t> refused_{0};
     std::atomic<int64_t> foreign_{0};
     std::atomic<int64_t> no_buffer_{0};
+    std::atomic<int64_t> withheld_{0};
     std::atomic<int64_t> held_{0};
     std::atomic<int64_t> lost_{0};
     std::atomic<int64_t> last_picture_{-1};
@@ -150,12 +157,17 @@ private:
     // The audio thread's own, read by others after it was joined.
     DelayLine line_;
     common::SoundHold sound_hold_;
+    common::LateSound late_sound_;
+    common::Splice splice_;
     std::vector<int16_t> processed_;
     int64_t next_pts_us_ = 0; ///< of the sample after the last one written
+    int64_t written_ns_ = 0;  ///< when the last block was
+    bool waited_ = false;     ///< for the last block, which did not wait for the host then
     AudioAccount audio_account_;
     int64_t resets_seen_ = 0;
     int32_t serial_ = 0;   ///< of the last block; a player's first sequence is number 0
     bool wait_for_serial_; ///< blocks of serial_ are stale
+    int64_t taken_ns_ = 0; ///< when the last block was taken
 };
 
 /// Slots that the player's video queue needs, see hdmi_player_config_t::video_frame_queue_size.

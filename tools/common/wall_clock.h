@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+
+namespace common
+{
+
+/// Notices that the wall clock was set, by this program or another: timerfd with TFD_TIMER_CANCEL_ON_SET.
+class WallClockWatch
+{
+public:
+    WallClockWatch();
+    ~WallClockWatch();
+    WallClockWatch(const WallClockWatch&) = delete;
+    WallClockWatch& operator=(const WallClockWatch&) = delete;
+
+    /// Whether it was set since the last call. Does not wait.
+    bool was_set();
+
+private:
+    void arm() const;
+
+    int timer_;
+};
+
+/**
+ * Which frames a host withholds once the wall clock was set. The player stamps
+ * frames by the wall clock, and resets after a second without one. The first
+ * frame behind the step makes it count from the new time; the pause behind that
+ * frame is one by any clock. Pure: times are arguments (CLOCK_MONOTONIC).
+ */
+class FrameBreak
+{
+public:
+    /// A frame came at @p now_ns; @p clock_was_set since the one before. @return whether it is withheld
+    bool withholds(int64_t now_ns, bool clock_was_set)
+    {
+        if (clock_was_set)
+            until_ns_ = now_ns + kBreakNs;
+        return !clock_was_set && now_ns < until_ns_;
+    }
+
+private:
+    /// A little more than the second after which the player resets.
+    static constexpr int64_t kBreakNs = 1'100'000'000;
+    int64_t until_ns_ = 0;
+};
+
+} // namespace common
