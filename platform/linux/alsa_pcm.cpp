@@ -268,8 +268,11 @@ int Pcm::set_software(const PcmRequest& request)
     int err = snd_pcm_sw_params_current(pcm, params.native);
     if (err >= 0)
         err = snd_pcm_sw_params_set_start_threshold(pcm, params.native, static_cast<snd_pcm_uframes_t>(start));
+    // A read takes what is there, so that less than a period may be missing when it waits. If the device woke it for
+    // whole periods only, it would wake a period too late.
+    const int wake_at = capture_ ? 1 : period_frames_;
     if (err >= 0)
-        err = snd_pcm_sw_params_set_avail_min(pcm, params.native, static_cast<snd_pcm_uframes_t>(period_frames_));
+        err = snd_pcm_sw_params_set_avail_min(pcm, params.native, static_cast<snd_pcm_uframes_t>(wake_at));
     return err >= 0 ? snd_pcm_sw_params(pcm, params.native) : err;
 }
 
