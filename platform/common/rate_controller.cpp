@@ -20,6 +20,8 @@ constexpr int64_t kLockInNs = 10 * kNsPerSecond;
 constexpr double kLockInSlewPerSecond = 2000e-6;
 /// The ratio does not make up for a pause between two updates.
 constexpr double kMaxStepSeconds = 0.1;
+/// Many times the error of the time in flight, and much less than a queue holds.
+constexpr double kSlipBandSeconds = 0.001;
 
 /// How much faster than the clocks demand the sound is used up. The root is the fastest way back from a large error
 /// that can still be braked in time.
@@ -118,10 +120,10 @@ double RateController::update(int64_t now_ns, std::optional<double> excess, std:
 
 // --- Slips ------------------------------------------------------------------------
 
-int SlipController::due(std::optional<double> excess, double rate) const
+int SlipController::due(std::optional<double> excess) const
 {
-    const double frames = excess.value_or(0) * rate;
-    return frames >= frames_ ? frames_ : frames <= -frames_ ? -frames_ : 0;
+    const double seconds = excess.value_or(0);
+    return seconds > kSlipBandSeconds ? frames_ : seconds < -kSlipBandSeconds ? -frames_ : 0;
 }
 
 } // namespace clocks

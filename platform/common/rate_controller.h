@@ -85,7 +85,8 @@ private:
     int64_t locked_ns_ = 0; ///< the end of the lock-in; 0: the clocks are not known since the start
 };
 
-/// Whole frames to leave out or put in, where the samples must not be touched.
+/// Whole frames to leave out or put in, where the samples must not be touched. Nothing is done up to a millisecond,
+/// which is more than an estimate moves to and fro: so there are no more slips than the clocks ask for.
 class SlipController
 {
 public:
@@ -94,7 +95,7 @@ public:
      * @param excess of TimeInFlight
      * @return the frames to leave out now, less than 0 to put in, 0: neither
      */
-    int due(std::optional<double> excess, double rate) const;
+    int due(std::optional<double> excess) const;
 
 private:
     int frames_; ///< at a time

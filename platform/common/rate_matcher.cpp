@@ -28,10 +28,18 @@ void RateMatcher::captured(int64_t now_ns, int64_t frames)
 bool RateMatcher::playback_started(int rate, int channels)
 {
     mutex_guard guard(mutex_);
+    rate_ = rate;
     in_flight_.playback_started(rate);
     controller_.start();
     in_frames_ = out_frames_ = 0;
     return resampler_.open(rate, channels);
+}
+
+void RateMatcher::playback_moved()
+{
+    mutex_guard guard(mutex_);
+    in_flight_.playback_started(rate_);
+    controller_.start();
 }
 
 void RateMatcher::played(int64_t now_ns, int64_t frames)

@@ -40,9 +40,11 @@ public:
 
     /// @return false: no memory
     bool playback_started(int rate, int channels);
+    /// Another device plays on: what was converted goes on there, and counts go on.
+    void playback_moved();
     /// Frames of convert()'s output that have left the device, before each convert(). Not while nothing is queued.
     void played(int64_t now_ns, int64_t frames);
-    /// The device ran empty, or slept.
+    /// A device ran empty, over, or slept.
     void disturbed();
     /// Takes all of @p in. @p out has room for RatioResampler::room(frames). @return output frames, or negative
     int convert(int64_t now_ns, const int16_t* in, int frames, int16_t* out);
@@ -59,6 +61,7 @@ private:
     RateController controller_ GUARDED_BY(mutex_);
     RatioResampler resampler_ GUARDED_BY(mutex_);
     MatchState state_ GUARDED_BY(mutex_);
+    int rate_ GUARDED_BY(mutex_) = 0; ///< of the playback device
     int64_t in_frames_ GUARDED_BY(mutex_) = 0;
     int64_t out_frames_ GUARDED_BY(mutex_) = 0;
 };
