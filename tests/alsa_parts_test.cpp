@@ -85,7 +85,8 @@ TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
                              "speaker = hw:2\n"
                              "hdmi_in.periods = 1\n"
                              "i2s_txa.periods = 16\n"
-                             "headphone.resample = no",
+                             "headphone.resample = no\n"
+                             "rate_matching = always",
                              "a.conf", &config, &errors);
     const std::vector<std::string> expected = {
         "a.conf:4: spdif.resample: 'maybe' is neither yes nor no",
@@ -98,6 +99,7 @@ TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
         "a.conf:11: raw_output: 'speaker' is neither spdif nor hdmi_arc",
         "a.conf:12: speaker: set in line 2 already",
         "a.conf:13: hdmi_in.periods: '1' is not a number from 2 to 64",
+        "a.conf:16: rate_matching: 'always' is none of auto, on, off",
     };
     EXPECT_EQ(errors, expected);
     EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_SPEAKER].pcm, "hw:0,0");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "alsa_bypass.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "alsa_clock.h"
@@ -16,16 +17,18 @@ namespace
 
 /// The output's buffer in periods: large enough for captured periods that come late.
 constexpr int kPeriodCount = 8;
-/// Periods queued before the output starts; some 40 ms.
-constexpr int kStartPeriods = 2;
+/// Periods queued before the output starts, some 60 ms: one that is being played, and two by which captured periods may
+/// be late. There is no other queue on this way.
+constexpr int kStartPeriods = 3;
 
 /**
  * Capture and output have clocks of their own, so that the queue between them
- * grows or runs low. Then this many frames of stuffing between two bursts are
- * left out or inserted. The receiver does not mind, because it searches for the
- * next preamble; payloads are never changed. DTS leaves at most seven frames of
- * stuffing between its bursts. With one correction per period, four frames make
- * up for clocks that differ by 0.4 %.
+ * grows or runs low. Where the two counts tell so, this many frames of stuffing
+ * between two bursts are left out or inserted. The queue's level would tell it
+ * too early: it moves by a period with each period that comes late. The receiver
+ * does not mind, because it searches for the next preamble; payloads are never
+ * changed. DTS leaves at most seven frames of stuffing between its bursts. With
+ * one correction per period, four frames make up for clocks that differ by 0.4 %.
  */
 constexpr int kSlipFrames = 4;
 
@@ -97,6 +100,8 @@ void Bypass::open_when_due()
         log_e("%s cannot pass coded sound through: %s: %s\n", device_key(device_), request_.name.c_str(), why.c_str());
     if (opened) {
         back_ns_ = now;
+        in_flight_.playback_started(request_.rate);
+        taken_ = sent_ = 0;
         if (!pcm_.status_set() && !has_channel_status(request_.name))
             log_w("%s does not say that it carries coded data: the receiver must find out\n", request_.name.c_str());
         log_i("%s passes coded sound through on %s at %d Hz\n", device_key(device_), request_.name.c_str(),
@@ -109,36 +114,46 @@ void Bypass::open_when_due()
     stats_.lost = !opened;
 }
 
-void Bypass::put(const uint8_t* data, int frames)
+void Bypass::put(const uint8_t* data, int frames, const CaptureClock& clock)
 {
     mutex_guard guard(mutex_);
     if (!active_)
         return;
+    capture_.follow(clock, &in_flight_);
     const int stuffing = bursts_.find_stuffing(reinterpret_cast<const int16_t*>(data), frames, kSlipFrames);
     if (!pcm_.is_open())
         open_when_due();
     if (pcm_.is_open())
-        keep_level(data, frames, stuffing);
+        send_period(data, frames, stuffing);
     else
         stats_.dropped += frames;
 }
 
-void Bypass::keep_level(const uint8_t* data, int frames, int stuffing)
+// Before a transfer, see Pcm::stamp(). @return as SlipController::due()
+int Bypass::slip_due()
+{
+    if (const std::optional<PcmStamp> stamp = pcm_.stamp())
+        in_flight_.played(stamp->ns, sent_ - stamp->frames);
+    const clocks::Flow flow = {static_cast<double>(taken_), static_cast<double>(sent_), 1};
+    return clocks::SlipController(kSlipFrames).due(in_flight_.excess(now_ns(), flow));
+}
+
+// @p stuffing: its first frame, or -1.
+void Bypass::send_period(const uint8_t* data, int frames, int stuffing)
 {
     const int frame_bytes = request_.channels * kBytesPerSample;
-    const int level = pcm_.running() ? pcm_.delay() : -1;
-    const bool high = level > (kStartPeriods + 1) * pcm_.period_frames();
-    const bool low = level >= 0 && level < pcm_.period_frames() / 4;
-    if (stuffing < 0 || (!high && !low)) {
+    const int due = slip_due();
+    if (stuffing < 0 || due == 0) {
         send(data, frames);
-        return;
+    } else {
+        send(data, stuffing);
+        if (due < 0)
+            send(zeros_.get(), -due);
+        const int next = stuffing + std::max(due, 0);
+        send(data + static_cast<size_t>(next) * frame_bytes, frames - next);
+        stats_.slips++;
     }
-    send(data, stuffing);
-    if (low)
-        send(zeros_.get(), kSlipFrames);
-    const int next = high ? stuffing + kSlipFrames : stuffing;
-    send(data + static_cast<size_t>(next) * frame_bytes, frames - next);
-    stats_.slips++;
+    taken_ += frames;
 }
 
 void Bypass::send(const uint8_t* data, int frames)
@@ -148,12 +163,16 @@ void Bypass::send(const uint8_t* data, int frames)
         const int sent = pcm_.write(data, frames);
         if (sent > 0) {
             stats_.frames += sent;
+            sent_ += sent;
             data += static_cast<size_t>(sent) * frame_bytes;
             frames -= sent;
         } else if (!recover(sent, ++recoveries)) {
             break;
         }
     }
+    // Dropped frames shorten the queue: the clocks have no part in that.
+    if (frames > 0)
+        in_flight_.disturbed();
     stats_.dropped += frames;
 }
 
@@ -166,10 +185,12 @@ bool Bypass::recover(int result, int recoveries)
     case StreamError::none: return false;
     case StreamError::xrun:
         stats_.xruns++;
+        in_flight_.disturbed();
         err = pcm_.restart();
         break;
     case StreamError::suspended:
         err = pcm_.resume();
+        in_flight_.disturbed();
         if (err == -EAGAIN)
             return false;
         break;

@@ -10,10 +10,12 @@
 #include <string>
 
 #include "aio_device.h"
+#include "alsa_matching.h"
 #include "alsa_pcm.h"
 #include "burst_follower.h"
 #include "hdmi_linux.h"
 #include "internal/locks.h"
+#include "rate_controller.h"
 
 namespace hdmi_linux
 {
@@ -25,15 +27,16 @@ public:
     void start(const audio_config_t& capture, int rate, int device);
     /// Closes the output. Harmless when not started.
     void stop();
-    /// Sends captured frames. Never waits: frames that the output does not take are dropped.
-    void put(const uint8_t* data, int frames);
+    /// Sends captured frames, of a device with @p clock. Never waits: frames that the output does not take are dropped.
+    void put(const uint8_t* data, int frames, const CaptureClock& clock);
     /// Closes the output and does not open it again before the next start().
     void release_output();
     BypassStats stats();
 
 private:
     void open_when_due() REQUIRES(mutex_);
-    void keep_level(const uint8_t* data, int frames, int stuffing) REQUIRES(mutex_);
+    int slip_due() REQUIRES(mutex_);
+    void send_period(const uint8_t* data, int frames, int stuffing) REQUIRES(mutex_);
     void send(const uint8_t* data, int frames) REQUIRES(mutex_);
     bool recover(int result, int recoveries) REQUIRES(mutex_);
     void close_output() REQUIRES(mutex_);
@@ -49,6 +52,10 @@ private:
     bool reported_ GUARDED_BY(mutex_) = false; ///< the log says already that the output is not there
     BurstFollower bursts_ GUARDED_BY(mutex_);
     std::unique_ptr<uint8_t[]> zeros_ GUARDED_BY(mutex_);
+    CaptureFollower capture_ GUARDED_BY(mutex_);
+    clocks::TimeInFlight in_flight_ GUARDED_BY(mutex_);
+    int64_t taken_ GUARDED_BY(mutex_) = 0; ///< frames, since the output was opened
+    int64_t sent_ GUARDED_BY(mutex_) = 0;  ///< of these and of stuffing, to the output
     BypassStats stats_ GUARDED_BY(mutex_);
 };
 

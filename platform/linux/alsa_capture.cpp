@@ -123,6 +123,9 @@ void Capture::install(Pcm pcm, const PcmRequest& request)
     pcm_ = std::move(pcm);
     request_ = request;
     state_ = State::working;
+    clock_ = {++clocks_, 0, pcm_.card(), request.rate, 0, 0};
+    taken_ = 0;
+    tell_clock();
     const std::string text = "captures from " + note_opening(request, pcm_, &stats_);
     if (text != last_report_)
         log_i("%s\n", text.c_str());
@@ -143,8 +146,10 @@ int Capture::close()
         pthread_cond_broadcast(&arrived_);
         gate_.evict(guard);
         // Another thread may have opened it again meanwhile.
-        if (opening_ == closing)
+        if (opening_ == closing) {
             pcm_.close();
+            end_clock();
+        }
     }
     mutex_guard control(control_);
     {
@@ -192,9 +197,11 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
                 return kClosed;
             continue;
         }
+        note_clock();
         const int result = pcm_.read(rest, frames - done);
         if (result > 0) {
             done += result;
+            taken_ += result;
             recoveries = 0;
             moved_ns_ = now_ns();
             silent_ = 0;
@@ -212,6 +219,25 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         }
     }
     return done;
+}
+
+void Capture::tell_clock() { output_.captured(clock_); }
+
+// Before a read, see Pcm::stamp().
+void Capture::note_clock()
+{
+    const std::optional<PcmStamp> stamp = pcm_.stamp();
+    if (!stamp)
+        return;
+    clock_.ns = stamp->ns;
+    clock_.frames = taken_ + stamp->frames;
+    tell_clock();
+}
+
+void Capture::end_clock()
+{
+    clock_ = {};
+    tell_clock();
 }
 
 // The device has stopped. Frames still in its buffer count as elapsed time, unless there was no signal.
@@ -283,6 +309,7 @@ bool Capture::start_forwarding(uint64_t opening)
         state_ = State::closed;
         ++opening_;
         pcm_.close();
+        end_clock();
         return false;
     }
     struct sched_param priority = {};
@@ -315,8 +342,9 @@ void Capture::forward(uint64_t opening)
                 gate_.wait(guard, nullptr, kForwardPauseMs);
             continue;
         }
+        const CaptureClock clock = clock_;
         guard.unlock();
-        output_.pass_through(period.data(), frames);
+        output_.pass_through(period.data(), frames, clock);
         guard.lock();
         ring_.append(period.data(), frames);
         pthread_cond_broadcast(&arrived_);
@@ -334,6 +362,7 @@ void Capture::handle_error(StreamError error, int err)
         log_w("%s is suspended\n", request_.name.c_str());
         stats_.suspends++;
         state_ = State::suspended;
+        clock_.breaks++;
         failed_ns_ = retry_ns_ = now_ns();
         note_silence(failed_ns_);
         break;
@@ -353,6 +382,7 @@ void Capture::note_overrun()
 
 void Capture::recover_xrun()
 {
+    clock_.breaks++;
     if (const int err = pcm_.restart(); err < 0)
         lose(err);
     else
@@ -372,6 +402,7 @@ void Capture::lose(int err)
     opener_.abandon();
     retry_ns_ = retry_after_loss(now, back_ns_);
     pcm_.close();
+    end_clock();
 }
 
 // @return 0 when the device works, or an error code.

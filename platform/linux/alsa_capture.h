@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "aio_device.h"
+#include "alsa_matching.h"
 #include "alsa_pcm.h"
 #include "hdmi_linux.h"
 #include "internal/locks.h"
@@ -38,6 +39,9 @@ private:
         REQUIRES(mutex_);
     void install(Pcm pcm, const PcmRequest& request) REQUIRES(mutex_);
     int fetch(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
+    void tell_clock() REQUIRES(mutex_);
+    void note_clock() REQUIRES(mutex_);
+    void end_clock() REQUIRES(mutex_);
     int fill_silence(uint8_t* data, int frames, int64_t due) REQUIRES(mutex_);
     int64_t silence_due(int64_t now) REQUIRES(mutex_);
     void note_silence(int64_t now) REQUIRES(mutex_);
@@ -72,7 +76,10 @@ private:
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);
-    SoundRing ring_ GUARDED_BY(mutex_); ///< the latest forwarded frames, for the player
+    CaptureClock clock_ GUARDED_BY(mutex_); ///< of the present PCM
+    int64_t clocks_ GUARDED_BY(mutex_) = 0; ///< PCMs so far
+    int64_t taken_ GUARDED_BY(mutex_) = 0;  ///< frames read from the present PCM
+    SoundRing ring_ GUARDED_BY(mutex_);     ///< the latest forwarded frames, for the player
     int64_t position_ GUARDED_BY(mutex_) = 0;
     int64_t retry_ns_ GUARDED_BY(mutex_) = 0;
     int64_t failed_ns_ GUARDED_BY(mutex_) = 0;

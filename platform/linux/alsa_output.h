@@ -43,7 +43,9 @@ public:
     /// Harmless when not started.
     void stop_pass_through();
     /// Sends captured frames. Never waits.
-    void pass_through(const uint8_t* data, int frames) { bypass_.put(data, frames); }
+    void pass_through(const uint8_t* data, int frames, const CaptureClock& clock) { bypass_.put(data, frames, clock); }
+    /// Tells playback of the capture device's clock. Never waits.
+    void captured(const CaptureClock& clock) { playback_.captured(clock); }
     BypassStats bypass_stats() { return bypass_.stats(); }
 
 private:

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "alsa_clock.h"
 #include "internal/common.h"
 
 namespace hdmi_linux
@@ -273,6 +274,10 @@ int Pcm::set_software(const PcmRequest& request)
     const int wake_at = capture_ ? 1 : period_frames_;
     if (err >= 0)
         err = snd_pcm_sw_params_set_avail_min(pcm, params.native, static_cast<snd_pcm_uframes_t>(wake_at));
+    if (err >= 0)
+        err = snd_pcm_sw_params_set_tstamp_mode(pcm, params.native, SND_PCM_TSTAMP_ENABLE);
+    if (err >= 0)
+        err = snd_pcm_sw_params_set_tstamp_type(pcm, params.native, SND_PCM_TSTAMP_TYPE_MONOTONIC);
     return err >= 0 ? snd_pcm_sw_params(pcm, params.native) : err;
 }
 
@@ -291,12 +296,14 @@ CardDevice card_device(snd_pcm_t* pcm)
 int Pcm::write(const uint8_t* data, int frames)
 {
     const snd_pcm_sframes_t done = snd_pcm_writei(handle_.get(), data, static_cast<snd_pcm_uframes_t>(frames));
+    touched_ns_ = now_ns();
     return done != 0 ? static_cast<int>(done) : -EAGAIN;
 }
 
 int Pcm::read(uint8_t* data, int frames)
 {
     const snd_pcm_sframes_t done = snd_pcm_readi(handle_.get(), data, static_cast<snd_pcm_uframes_t>(frames));
+    touched_ns_ = now_ns();
     if (done != 0)
         return static_cast<int>(done);
     // 0 frames mean that the stream ended, as that of a loopback does when its other end takes another format. "No
@@ -345,7 +352,29 @@ int Pcm::delay()
 {
     snd_pcm_sframes_t frames = 0;
     const int err = snd_pcm_delay(handle_.get(), &frames);
+    touched_ns_ = now_ns();
     return err < 0 ? err : std::max(static_cast<int>(frames), 0);
+}
+
+std::optional<PcmStamp> Pcm::stamp()
+{
+    if (!running())
+        return {};
+    if (card() < 0) {
+        // A sound server's count moves in steps of its own; the delay that it states goes by the time.
+        const int frames = delay();
+        return frames >= 0 ? std::optional<PcmStamp>({now_ns(), frames}) : std::nullopt;
+    }
+    snd_pcm_uframes_t avail = 0;
+    snd_htimestamp_t at = {};
+    // The first call is for PCMs that keep a copy of a shared card's count.
+    if (snd_pcm_avail_update(handle_.get()) < 0 || snd_pcm_htimestamp(handle_.get(), &avail, &at) < 0)
+        return {};
+    const int64_t at_ns = at.tv_sec * kNsPerSecond + at.tv_nsec;
+    if (at_ns <= touched_ns_)
+        return {};
+    const auto ready = static_cast<int>(avail);
+    return PcmStamp{at_ns, capture_ ? ready : buffer_frames_ - ready};
 }
 
 bool Pcm::running() const { return snd_pcm_state(handle_.get()) == SND_PCM_STATE_RUNNING; }

@@ -56,6 +56,12 @@ struct CardDevice {
 };
 CardDevice card_device(snd_pcm_t* pcm);
 
+/// Frames in a PCM's buffer, and when that was so (CLOCK_MONOTONIC).
+struct PcmStamp {
+    int64_t ns;
+    int frames; ///< written and not played yet, or captured and not read yet
+};
+
 class Pcm
 {
 public:
@@ -78,6 +84,13 @@ public:
 
     /// Frames that were written and are not heard yet, or captured and not read yet; negative when unknown.
     int delay();
+    /**
+     * For the estimate of the device's clock. A card's count is that of its last interrupt, with the time of that
+     * interrupt, and so is exact however late this thread is. A transfer, and delay(), replace it by one of their own
+     * time, which is less exact where a driver counts in steps of milliseconds: ask before them.
+     * @return nothing while the device does not run, and until the first interrupt after such a call
+     */
+    std::optional<PcmStamp> stamp();
     bool running() const;
     /// Whether it is open but not started.
     bool prepared() const;
@@ -109,6 +122,7 @@ private:
     int period_frames_ = 0;
     int buffer_frames_ = 0;
     CardDevice place_;
+    int64_t touched_ns_ = 0; ///< after the last call that had the kernel look at the device
     bool status_set_ = false;
 };
 

@@ -58,6 +58,7 @@ void Playback::begin(const audio_config_t& config)
     const int frame_bytes = config.channels * kBytesPerSample;
     ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate * kRingSeconds), frame_bytes);
     scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
+    matching_.open(config.sample_rate, config.channels, config.period_frames);
 }
 
 int Playback::open(const audio_config_t& config)
@@ -99,6 +100,7 @@ void Playback::install(Pcm pcm, const PcmRequest& request, const Config& config)
     const int device = config_.device_id;
     volume_.attach(config.audio[device], device, pcm_.card());
     gain_.set(volume_.software_gain());
+    matching_.attach(config.rate_matching, pcm_.card());
     const std::string text = std::string(device_key(device)) + " plays on " + note_opening(request, pcm_, &stats_);
     if (text != last_report_)
         log_i("%s\n", text.c_str());
@@ -155,6 +157,16 @@ void Playback::note_heard(int64_t now)
     moving_ = pcm_.running();
 }
 
+// Before a transfer, see Pcm::stamp(). Not just after a start, when a sound server guesses its delay.
+void Playback::note_clock(int64_t now)
+{
+    if (state_ != State::working || !matching_.at_work() || now - started_ns_ < kFreshNs)
+        return;
+    const std::optional<PcmStamp> stamp = pcm_.stamp();
+    if (stamp && stamp->frames > 0)
+        matching_.played(stamp->ns, sent_ - stamp->frames);
+}
+
 // From here on the clock says what would be heard.
 void Playback::freeze_heard(int64_t now)
 {
@@ -177,7 +189,7 @@ int Playback::room(int64_t now) const
 
 int Playback::accept(const uint8_t* data, int frames, int64_t now)
 {
-    const int count = std::min(frames, room(now));
+    const int count = std::min({frames, room(now), config_.period_frames});
     if (count <= 0)
         return 0;
     if (state_ != State::working && heard(now) == ring_.end()) {
@@ -185,7 +197,7 @@ int Playback::accept(const uint8_t* data, int frames, int64_t now)
         heard_ = ring_.end();
         heard_ns_ = now;
     }
-    ring_.append(data, count);
+    matching_.append(data, count, now, &ring_);
     return count;
 }
 
@@ -260,6 +272,7 @@ int Playback::write(const uint8_t* data, int size)
     while (opening_ == opening) {
         recover(now_ns());
         const int64_t now = now_ns();
+        note_clock(now);
         const int count = accept(data + static_cast<size_t>(done) * frame_bytes, frames - done, now);
         done += count;
         stats_.frames += count;
@@ -281,12 +294,13 @@ int Playback::delay(int* frames)
         return -EINVAL;
     const int64_t now = now_ns();
     const int queued = state_ == State::working ? device_delay(now) : kNoDelay;
+    int64_t played = sent_;
     if (queued >= 0)
-        *frames = static_cast<int>(ring_.end() - sent_) + queued;
-    else if (queued == -EPIPE) // an underrun: the device has played everything
-        *frames = static_cast<int>(ring_.end() - sent_);
-    else // a device that is gone or suspended, whether a write has noticed it yet or not
-        *frames = static_cast<int>(ring_.end() - heard(now));
+        played = sent_ - queued;
+    else if (queued != -EPIPE) // a device that is gone or suspended, whether a write has noticed it yet or not
+        played = heard(now);
+    // With -EPIPE, an underrun, the device has played everything.
+    *frames = matching_.delay(static_cast<int>(ring_.end() - played));
     return 0;
 }
 
@@ -320,6 +334,7 @@ void Playback::recover_xrun(int64_t now)
         return;
     }
     stats_.xruns++;
+    matching_.disturbed();
     if (now - xrun_log_ns_ > kXrunLogNs || xrun_log_ns_ == 0) {
         log_w("%s ran empty, %lld times so far\n", request_.name.c_str(), static_cast<long long>(stats_.xruns));
         xrun_log_ns_ = now;
@@ -374,6 +389,7 @@ void Playback::recover_suspend(int64_t now)
     } else {
         const int64_t position = heard(now);
         state_ = State::working;
+        matching_.disturbed();
         resume_flow(position, now);
     }
 }
@@ -531,6 +547,8 @@ DeviceStats Playback::stats()
     DeviceStats stats = stats_;
     stats.open = state_ != State::closed;
     stats.lost = stats.open && state_ != State::working;
+    stats.matched = matching_.at_work();
+    stats.matching_ppm = matching_.ppm();
     return stats;
 }
 

@@ -8,11 +8,15 @@
  * heard yet are queued again. While there is no device, time passes as with one:
  * writes take as long and the delay falls as fast. So the video keeps its audio
  * clock, and the sound comes back in sync.
+ *
+ * Where the capture device has another clock, the ring holds what was resampled for this one. Positions are frames of
+ * the ring; the player's frames are counted in stats_ only, and in what delay() tells.
  */
 #pragma once
 
 #include <memory>
 
+#include "alsa_matching.h"
 #include "alsa_pcm.h"
 #include "alsa_volume.h"
 #include "config.h"
@@ -38,6 +42,8 @@ public:
     int set_mute(bool mute);
     bool is_open();
     DeviceStats stats();
+    /// Tells of the capture device. From its thread; does not wait.
+    void captured(const CaptureClock& clock) NO_THREAD_SAFETY_ANALYSIS { matching_.captured(clock); }
 
     /// If it plays on output @p device: closes the PCM and goes on without one until reclaim_output(), reselect() or
     /// close().
@@ -59,11 +65,12 @@ private:
     void select(int device_id) REQUIRES(mutex_);
     int move_to(mutex_guard& guard, int device_id) REQUIRES(mutex_);
 
-    // The flow of frames, counted from open(): ring_.end() were written, sent_ of them passed to the device, heard()
-    // of those played.
+    // The flow of frames, counted from open(): ring_.end() were put into the ring, sent_ of them passed to the device,
+    // heard() of those played.
     int64_t heard(int64_t now) const REQUIRES(mutex_);
     int device_delay(int64_t now) REQUIRES(mutex_);
     void note_heard(int64_t now) REQUIRES(mutex_);
+    void note_clock(int64_t now) REQUIRES(mutex_);
     void freeze_heard(int64_t now) REQUIRES(mutex_);
     int room(int64_t now) const REQUIRES(mutex_);
     bool taken() const REQUIRES(mutex_);
@@ -93,6 +100,7 @@ private:
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);
+    Matching matching_ GUARDED_BY(mutex_); ///< but for captured()
     Volume volume_ GUARDED_BY(mutex_);
     GainRamp gain_ GUARDED_BY(mutex_);
     std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, scaled for the device

@@ -23,6 +23,7 @@ namespace
 constexpr char kDefaultPath[] = "/etc/hdmiplayer/linux.conf";
 constexpr char kPathVariable[] = "HDMIPLAYER_LINUX_CONFIG";
 constexpr char kCecVariable[] = "HDMIPLAYER_CEC_DEVICE";
+constexpr char kMatchingVariable[] = "HDMIPLAYER_RATE_MATCHING";
 /// A configuration has some twenty lines: a longer file is not one.
 constexpr size_t kMaxFileBytes = 65536;
 constexpr int kMaxStartPeriods = 7; ///< of the player's eight
@@ -100,6 +101,17 @@ std::string set_raw_output(std::string_view value, Config* config)
     return {};
 }
 
+std::string set_rate_matching(std::string_view value, Config* config)
+{
+    if (value == "auto")
+        config->rate_matching = RateMatching::automatic;
+    else if (value == "on" || value == "off")
+        config->rate_matching = value == "on" ? RateMatching::on : RateMatching::off;
+    else
+        return quoted(value) + " is none of auto, on, off";
+    return {};
+}
+
 constexpr char kUnknownKey[] = "unknown key";
 
 std::string set_device_detail(const DeviceName& name, std::string_view detail, std::string_view value,
@@ -125,6 +137,8 @@ std::string set_key(std::string_view key, std::string_view value, const std::str
         return set_number(value, 1, kMaxStartPeriods, &config->start_periods);
     if (key == "raw_output")
         return set_raw_output(value, config);
+    if (key == "rate_matching")
+        return set_rate_matching(value, config);
     if (key == "cec") {
         config->cec = value;
         config->cec_source = source;
@@ -172,7 +186,7 @@ void apply_file(Config* config, std::vector<std::string>* errors)
         parse_config(text, path, config, errors);
 }
 
-void apply_environment(Config* config)
+void apply_environment(Config* config, std::vector<std::string>* errors)
 {
     for (const DeviceName& name : kDeviceNames) {
         const char* value = getenv(name.variable);
@@ -181,6 +195,11 @@ void apply_environment(Config* config)
         config->audio[name.device].pcm = value;
         config->audio[name.device].pcm_source = name.variable;
     }
+    const char* matching = getenv(kMatchingVariable);
+    const std::string fault =
+        matching != nullptr && *matching != '\0' ? set_rate_matching(matching, config) : std::string();
+    if (!fault.empty())
+        errors->push_back(std::string(kMatchingVariable) + ": " + fault);
     const char* cec = getenv(kCecVariable);
     if (cec == nullptr || *cec == '\0')
         return;
@@ -243,7 +262,7 @@ Config load_config(std::vector<std::string>* errors)
 {
     Config config;
     apply_file(&config, errors);
-    apply_environment(&config);
+    apply_environment(&config, errors);
     // AUTO is the speaker.
     config.audio[E_AUDIO_IO_DEV_AUTO] = config.audio[E_AUDIO_IO_DEV_SPEAKER];
     return config;

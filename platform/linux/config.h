@@ -30,6 +30,13 @@ struct AudioDeviceConfig {
 };
 constexpr char kNoMixer[] = "none";
 
+/// Whether playback resamples what comes from a capture device with another clock.
+enum class RateMatching {
+    automatic, ///< unless both devices are one card
+    on,
+    off, ///< they share a clock
+};
+
 struct Config {
     Config();
 
@@ -38,6 +45,7 @@ struct Config {
     int start_periods = 2;                                   ///< periods queued before playback starts
     std::string cec;                                         ///< adapter; empty: the first that is a TV's, "none": none
     std::string cec_source;                                  ///< as pcm_source
+    RateMatching rate_matching = RateMatching::automatic;
 };
 
 /// The name of @p device in the configuration, such as "hdmi_arc"; AUTO is the speaker.

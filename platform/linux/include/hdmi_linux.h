@@ -132,7 +132,7 @@ namespace hdmi_linux
  */
 bool check_config(std::string* error);
 
-/// Counters of one direction's device since the library was loaded. The last seven fields belong to the present or last
+/// Counters of one direction's device since the library was loaded. The last nine fields belong to the present or last
 /// opening.
 struct DeviceStats {
     bool open = false;       ///< between a successful aio_device_open and aio_device_close
@@ -147,6 +147,8 @@ struct DeviceStats {
     int64_t frames_lost = 0; ///< frames whose time passed in silence while there was no device
     int64_t reselects = 0;   ///< moves to another device
     int64_t waiting = 0;     ///< frames captured and not read yet when the latest read ended: how old its sound was
+    bool matched = false;    ///< playback: what is played is resampled from the capture device's clock
+    double matching_ppm = 0; ///< by how much that clock is faster, as the ratio has it; 0 while it is not known
     std::string pcm;         ///< ALSA's name
     int rate = 0;            ///< Hz
     int period_frames = 0;   ///< obtained
