@@ -231,6 +231,7 @@ public:
             send(packets[i]);
     }
     void lose(size_t bursts) { bursts_ += bursts; }
+    void pass(int64_t us) { pass_until(g_now_us + us); }
     void ask_rate() { adecoder_get_output_sample_rate(decoder_.get()); }
 
     Pcm pcm;
@@ -289,6 +290,24 @@ TEST(Adecoder, WhatThePlayerKeepsTheTimeOfIsNotFilledIn)
         player.send(packets, 40, 60);
         EXPECT_EQ(50 * kFrame * 2, player.pcm.size()) << reopened;
     }
+}
+
+TEST(Adecoder, WhatTheCaptureDeviceHeldUpIsNotFilledIn)
+{
+    constexpr int kHeldMs = 100;
+    const std::vector<Bytes> packets = coded_audio::encode(kFormats[0], 60);
+    PacedPlayer player;
+    time_line::begin();
+    player.send(packets, 0, 30);
+    time_line::delivered();
+    std::this_thread::sleep_for(std::chrono::milliseconds(kHeldMs));
+    // It delivers again, and the player reads before the frames are decoded.
+    time_line::delivered();
+    player.pass(kHeldMs * 1000);
+    player.send(packets, 30, packets.size());
+    time_line::end();
+    EXPECT_EQ(0u, count_differences(coded_audio::decode(kFormats[0], packets, 2), player.pcm, 0, player.pcm.size()));
+    EXPECT_EQ(packets.size() * kFrame * 2, player.pcm.size());
 }
 
 TEST(Adecoder, ALengthThatLiesMovesNothing)

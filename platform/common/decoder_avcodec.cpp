@@ -292,7 +292,7 @@ public:
     {
         mutex_guard lock(mutex_);
         follow_time_line();
-        const bool due = pcm_.frames() == 0 && !time_line::is_quiet(time_line::kQuiet);
+        const bool due = pcm_.frames() == 0 && !time_line::is_quiet(time_line::kQuiet) && !time_line::is_catching_up();
         const size_t room = due ? pcm_.room() : 0;
         pcm_.push_silence(static_cast<size_t>(frame_clock_.starving(g_clock.load()(), static_cast<int64_t>(room))));
         const size_t stored = pcm_.pop(data, frames);
