@@ -224,7 +224,8 @@ CapturePath capture_path(const Result& result)
     const Options& options = result.options;
     bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
     CapturePath path = {result.stage.link.captured_end, transparent, {}, result.held_sound};
-    if (result.stage.sound.matched)
+    // What a real device is given is recorded as the player wrote it.
+    if (result.stage.sound.matched && options.playback.empty())
         path.matched = (1 + options.playback_ppm / 1e6) / (1 + options.receiver_ppm / 1e6);
     return path;
 }

@@ -45,6 +45,8 @@ std::string variable_of(const std::string& key)
 {
     if (key == "cec")
         return "HDMIPLAYER_CEC_DEVICE";
+    if (key == "rate_matching")
+        return "HDMIPLAYER_RATE_MATCHING";
     std::string name = "HDMIPLAYER_ALSA_";
     for (unsigned char c : key)
         name += static_cast<char>(std::toupper(c));

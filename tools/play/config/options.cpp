@@ -136,8 +136,9 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_option(
            "--rate-matching", texts->rate_matching,
-           "Resample, so that the sound keeps its age between the two clocks: auto (if one has an error), on,\n"
-           "off (control: a minute with 2000 ppm between them must fail)")
+           "Resample, so that the sound keeps its age between the two clocks: auto (simulated: if one has an\n"
+           "error; of --playback: as its configuration says), on, off (control: a minute with 2000 ppm between\n"
+           "them must fail)")
         ->check(CLI::IsMember({"auto", "on", "off"}))
         ->capture_default_str();
     app->add_flag("--page-flips", options->page_flips, "kms: flip as with a driver that has no atomic flips");
@@ -237,8 +238,8 @@ std::string check_devices(const Options& options)
         return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
     if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != kPhaseAnywhere))
         return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
-    if (!options.playback.empty() && (options.playback_ppm != 0 || options.rate_matching))
-        return "--playback-ppm and --rate-matching are of the simulated sound device";
+    if (!options.playback.empty() && options.playback_ppm != 0)
+        return "--playback-ppm is of the simulated sound device";
     if (options.raw && real_capture != !options.playback.empty())
         return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
     if (options.page_flips && options.display != DisplayKind::kms)

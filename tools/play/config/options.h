@@ -45,7 +45,7 @@ struct Options {
     double phase_ms = 0;        ///< the source starts that much later against the display
     double receiver_ppm = 0;
     double playback_ppm = 0;
-    std::optional<bool> rate_matching;  ///< of the simulated sound device; nothing: if a clock has an error
+    std::optional<bool> rate_matching;  ///< nothing: the sound device decides
     std::optional<int> display_latency; ///< ms; nothing: see display_latency_ms()
     int av_offset_ms = 0;               ///< positive: sound later than its picture
     std::string report_path;

@@ -56,7 +56,15 @@ public:
 
     RecordedSound heard() const override { return sent(); }
     RecordedSound sent() const override { return {file_.path(), file_.blocks()}; }
-    SoundAccount account() const override { return {first_write_ns_, file_.frames(), file_.drift_ppm()}; }
+
+    SoundAccount account() const override
+    {
+        const hdmi_linux::DeviceStats stats = real_playback_stats();
+        SoundAccount account = {first_write_ns_, file_.frames(), file_.drift_ppm()};
+        account.matched = stats.matched;
+        account.matching_ppm = stats.matching_ppm;
+        return account;
+    }
 
 private:
     void opened(const audio_config_t& config) override

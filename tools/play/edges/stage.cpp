@@ -40,6 +40,8 @@ void name_devices(const Options& options)
         setenv(variable_of(key_of(options.output)).c_str(), options.playback.c_str(), 1);
     if (!options.cec.empty())
         setenv(variable_of("cec").c_str(), options.cec.c_str(), 1);
+    if (options.rate_matching)
+        setenv(variable_of("rate_matching").c_str(), *options.rate_matching ? "on" : "off", 1);
 }
 
 bool devices_are_there(const Options& options, std::string* error)
