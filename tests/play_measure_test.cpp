@@ -14,6 +14,7 @@
 #include "host/algorithm.h"
 #include "host/trace.h"
 #include "made_up_scenes.h"
+#include "measure/fidelity.h"
 #include "measure/measure.h"
 #include "measure/punctuality.h"
 #include "measure/raw_check.h"
@@ -25,6 +26,7 @@
 #include "source/coded_programme.h"
 #include "source/picture.h"
 #include "source/programme.h"
+#include "source/reference.h"
 
 using namespace display;
 using namespace play;
@@ -45,7 +47,7 @@ std::vector<int16_t> sound_of(const Source& source, int64_t first, int frames)
 std::unique_ptr<CodedProgramme> coded_programme(Coding coding, int64_t ns)
 {
     std::string error;
-    auto coded = CodedProgramme::make(coding, 48000, {60, 1}, ns, &error);
+    auto coded = CodedProgramme::make(coding, Programme(48000, {60, 1}, ns), ns, CodedProgramme::kBitRate, &error);
     EXPECT_NE(coded, nullptr) << error;
     return coded;
 }
@@ -653,4 +655,58 @@ TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)
     gate.vblank(kSecond + 40 * kMs);
     EXPECT_TRUE(gate.admit(kSecond + 39 * kMs)); // seen from the vertical blank after it
     EXPECT_TRUE(gate.admit(kSecond + 41 * kMs));
+}
+
+TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
+{
+    constexpr double kClocks = 1.0002;
+    constexpr int kRate = 48000;
+    constexpr int kBegin = 7 * kRate; // the tone, and from 10 s on the sweep
+    constexpr int kFrames = 8 * kRate;
+    Programme programme(kRate, {60, 1}, 24 * kSecond, true);
+    // Resampled by a clock that is 200 ppm fast.
+    Reference reference(programme, kBegin - kRate, kRate);
+    std::vector<int16_t> whole;
+    for (int i = 0; i < kFrames; i++) {
+        double place = kRate + i / kClocks;
+        ASSERT_TRUE(reference.reach(place, place + 1));
+        for (float value : reference.at(place))
+            whole.push_back(static_cast<int16_t>(std::lrint(value)));
+    }
+    const auto at = static_cast<ptrdiff_t>(2 * (5.43 * kRate));
+    auto repeat = [at](std::vector<int16_t>* sound) {
+        sound->insert(sound->begin() + at, {(*sound)[at], (*sound)[at]});
+    };
+    auto lose = [at](std::vector<int16_t>* sound) { sound->erase(sound->begin() + at, sound->begin() + at + 2); };
+    auto click = [at](std::vector<int16_t>* sound) { (*sound)[at + 1] ^= 0x200; };
+    auto distort = [](std::vector<int16_t>* sound) {
+        for (size_t i = 0; i < sound->size() / 2; i++)
+            (*sound)[2 * i + 1] = static_cast<int16_t>((*sound)[2 * i + 1] + std::lrint(3 * std::sin(0.9 * i)));
+    };
+    auto quieten = [](std::vector<int16_t>* sound) {
+        for (size_t i = sound->size() * 3 / 4; i < sound->size(); i++)
+            (*sound)[i] = static_cast<int16_t>((*sound)[i] * 98 / 100);
+    };
+    struct Case {
+        const char* what;
+        std::function<void(std::vector<int16_t>*)> edit;
+        bool disturbed;
+        double jump, noise_db, least_db;
+    };
+    for (const Case& c :
+         {Case{"whole", [](auto*) {}, false, 0, -97.2, 0}, Case{"one sample twice", repeat, true, 1, -97.2, 0},
+          Case{"one sample lost", lose, true, 1, -97.2, 0}, Case{"a click", click, true, 0, -97.2, 0},
+          Case{"distorted by 3 of 29196", distort, false, 0, -79.5, 0},
+          Case{"quieter towards the end", quieten, true, 0, -97.2, -0.175}}) {
+        std::vector<int16_t> sound = whole;
+        c.edit(&sound);
+        record(sound, kRate, kSecond);
+        std::vector<SoundMatch> matches = {{kBegin + kRate, std::llround(kRate * kClocks)}};
+        Fidelity found = compare_sound(recording, programme, matches, {kClocks, 8, 14, true});
+        EXPECT_EQ(found.windows, 60) << c.what;
+        EXPECT_EQ(found.disturbed > 0, c.disturbed) << c.what << " at " << found.first_disturbed_s;
+        EXPECT_NEAR(found.worst_jump, c.jump, 0.1) << c.what;
+        EXPECT_NEAR(found.noise_db, c.noise_db, 1.5) << c.what;
+        EXPECT_NEAR(found.least_db, c.least_db, 0.01) << c.what;
+    }
 }

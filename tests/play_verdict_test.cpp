@@ -78,6 +78,17 @@ Change missing(double samples)
     return [=](Result* run) { run->samples.missing = samples; };
 }
 
+/// A run with tones, of which that was found.
+Change tones(void (*change)(Fidelity* found))
+{
+    return [=](Result* run) {
+        run->samples.same_rate = true;
+        run->fidelity.windows = run->fidelity.tone_windows = run->fidelity.sweep_windows = 100;
+        run->fidelity.noise_db = -92;
+        change(&run->fidelity);
+    };
+}
+
 /// A machine that stood still for 300 ms.
 constexpr Punctuality kStoodStill = {600, 58, 1e3 / 120, 300, 300};
 
@@ -129,6 +140,25 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
              run->samples.exact = true;
              run->samples.mismatches = 1;
          }},
+        {"trend inside EBU R37 for 24 h", [](Result* run) { run->course.outlook = Outlook::leaves; }},
+        {"A/V offset p99 inside ATSC IS-191 (+15/-45 ms)",
+         [](Result* run) {
+             run->options.strict = true;
+             run->course.p99_ms = 16;
+         },
+         Outcome::inconclusive},
+        {"last minute within 2 ms of the second one",
+         [](Result* run) {
+             run->options.strict = true;
+             run->course.moved = Moved{0, -2.1};
+         }},
+        {"sound back in its place half a second after each loss",
+         [](Result* run) { run->losses = read_losses({LostBursts{}}, run->offsets, {}); }},
+        {"no click, no sample lost or doubled", tones([](Fidelity* found) { found->disturbed = 1; }),
+         Outcome::inconclusive},
+        {"997 Hz: noise and distortion at most -90 dB", tones([](Fidelity* found) { found->noise_db = -89; })},
+        {"pitch within 10 ppm after a minute", tones([](Fidelity* found) { found->pitch_ppm = -11; })},
+        {"20 Hz to 20 kHz within 0.1 dB", tones([](Fidelity* found) { found->least_db = -0.11; })},
         {"at most 2 % of frames unseen or held beyond the rates", [](Result* run) { run->unreadable = 1; }},
         {"at most 2 % of frames unseen or held beyond the rates", pictures_to(2), Outcome::inconclusive},
     };

@@ -95,8 +95,22 @@ bool outputs_writable(const Options& options, std::string* error)
                        [error](const std::string& path) { return is_writable(path, error); });
 }
 
+/// Where the options' losses are. @return false with one line in @p error
+bool find_losses(const Options& options, std::vector<LostBursts>* lost, std::string* error)
+{
+    constexpr double kEndS = 1.5;
+    int rate = options.source_rate != 0 ? options.source_rate : kCodedProgrammeRate;
+    bool placed = place_losses(options.losses, rate, lost);
+    if (placed && (lost->empty() || lost->back().loss.looked_at_s + kEndS < options.seconds))
+        return true;
+    *error = placed
+                 ? "--lose-bursts: the run ends before the sound is looked at again"
+                 : "--lose-bursts: a loss must begin at 3.5 s or later, and 3.5 s after the one before was looked at";
+    return false;
+}
+
 /// The source that the options name; null with one line in @p error. Starts no thread.
-std::unique_ptr<Source> make_source(const Options& options, std::string* error)
+std::unique_ptr<Source> make_source(const Options& options, const std::vector<LostBursts>& lost, std::string* error)
 {
     if (!options.file.empty())
         return MediaFile::open(options.file, options.source_rate, options.coding, error);
@@ -104,9 +118,14 @@ std::unique_ptr<Source> make_source(const Options& options, std::string* error)
     int own_rate = coding == Coding::pcm ? kProgrammeAudioRate : kCodedProgrammeRate;
     int rate = options.source_rate != 0 ? options.source_rate : own_rate;
     auto length_ns = static_cast<int64_t>(options.seconds * 1e9) + options.video_start_ms * kMs + kTailNs;
-    if (coding != Coding::pcm)
-        return CodedProgramme::make(coding, rate, options.fps, length_ns, error);
-    return std::make_unique<Programme>(rate, options.fps, length_ns);
+    if (coding == Coding::pcm)
+        return std::make_unique<Programme>(rate, options.fps, length_ns, options.tones);
+    std::unique_ptr<Source> coded =
+        CodedProgramme::make(coding, Programme(rate, options.fps, length_ns, options.tones), length_ns,
+                             lost.empty() ? CodedProgramme::kBitRate : CodedProgramme::kDenseBitRate, error);
+    if (!coded || lost.empty())
+        return coded;
+    return std::make_unique<LossySource>(std::move(coded), lost);
 }
 
 bool start_source(const Options& options, Source* source, std::string* error)
@@ -122,18 +141,17 @@ bool start_source(const Options& options, Source* source, std::string* error)
 bool prepare_process(const Options& options, std::string* error)
 {
     // The report is what this program prints; warnings can be had by setting the variable.
-    setenv("debug_hdmiplayer_log_level", "1", 0);
+    // Of bursts that are lost on purpose it need not be told.
+    setenv("debug_hdmiplayer_log_level", options.losses.empty() ? "1" : "0", 0);
     if (options.no_sync)
         setenv("debug_hdmiplayer_disable_avsync", "1", 1);
+    hdmi_sim::decoder_fills_losses(!options.no_loss_filling);
     return Stage::prepare(options, error);
 }
 
-/// Null without a page to show it.
 std::unique_ptr<Trace> make_trace(const Options& options, const Source& source, double display_hz)
 {
     constexpr double kUnstatedS = 3600;
-    if (options.html_path.empty())
-        return nullptr;
     double seconds = options.seconds > 0 ? options.seconds : source.stated_seconds();
     if (!(seconds > 0))
         seconds = kUnstatedS;
@@ -222,8 +240,10 @@ bool needs_ordinary_threads(const Options& options)
 CapturePath capture_path(const Result& result)
 {
     const Options& options = result.options;
+    // After a loss the decoder has no block to overlap with.
+    bool known_samples = options.losses.empty();
     bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
-    CapturePath path = {result.stage.link.captured_end, transparent, {}, result.held_sound};
+    CapturePath path = {result.stage.link.captured_end, transparent && known_samples, {}, result.held_sound};
     // What a real device is given is recorded as the player wrote it.
     if (result.stage.sound.matched && options.playback.empty())
         path.matched = (1 + options.playback_ppm / 1e6) / (1 + options.receiver_ppm / 1e6);
@@ -237,8 +257,17 @@ struct Judged {
     bool holds(int64_t at_ns) const { return at_ns >= from_ns && at_ns + kEndingNs < last_ns; }
 };
 
-void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound, Judged judged,
-                    Result* result)
+/// By the source's clock.
+std::vector<int64_t> resets_of(const Trace& trace, SourceClock clock)
+{
+    std::vector<int64_t> resets = trace.resets.events();
+    for (int64_t& at_ns : resets)
+        at_ns = clock.to_source(at_ns);
+    return resets;
+}
+
+void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound,
+                    const Trace& trace, Judged judged, Result* result)
 {
     bool by_marks = !source.marks().empty();
     std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
@@ -249,6 +278,10 @@ void evaluate_sound(const Source& source, SourceClock clock, const Screen& scree
         for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(judged.last_ns))
             result->instants += judged.holds(at_ns) ? 1 : 0;
     result->offset = summarise(result->offsets, result->options.av_offset_ms);
+    std::vector<LostBursts> lost;
+    for (const LossReading& reading : result->losses)
+        lost.push_back(reading.lost);
+    result->losses = read_losses(lost, result->offsets, resets_of(trace, clock));
     std::vector<double> sound_ms;
     std::vector<double> picture_ms;
     for (const Offset& offset : result->offsets) {
@@ -260,6 +293,32 @@ void evaluate_sound(const Source& source, SourceClock clock, const Screen& scree
     if (!result->options.observe.empty())
         matches = find_sound(sound.sent, source, clock, judged.last_ns);
     result->samples = check_samples(sound.sent, source, matches, capture_path(*result));
+}
+
+/// How the sound went on its way, and what was added to it.
+void evaluate_course(const Source& source, SourceClock clock, const Sound& sound, const Trace& trace, Judged judged,
+                     Result* result)
+{
+    constexpr double kFidelityFromS = 20;
+    int rate = sound.heard.sample_rate();
+    std::vector<Reading> fills;
+    for (const WrittenEvent& block : trace.written.events()) {
+        int64_t at_ns = clock.to_source(block.at_ns);
+        if (block.delay_frames >= 0 && judged.holds(at_ns) && rate > 0)
+            fills.push_back({static_cast<double>(at_ns) / 1e9, 1e3 * block.delay_frames / rate});
+    }
+    double source_fps = result->fps * (1 + result->stage.link.drift_ppm * 1e-6);
+    result->course = measure_course(result->offsets, std::move(fills),
+                                    {source_fps, result->display_hz, result->options.av_offset_ms});
+    if (!result->options.tones)
+        return;
+    Comparison comparison;
+    comparison.clocks = capture_path(*result).matched.value_or(1);
+    comparison.from_s = std::max(kFidelityFromS, static_cast<double>(judged.from_ns) / 1e9);
+    comparison.until_s = static_cast<double>(judged.last_ns - kEndingNs) / 1e9;
+    comparison.tones = true;
+    std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
+    result->fidelity = compare_sound(sound.heard, source, matches, comparison);
 }
 
 void evaluate_pictures(const Source& source, const Host& host, const Screen& screen, Judged judged, Result* result)
@@ -322,19 +381,23 @@ void evaluate_trace(const Trace& trace, const Source& source, SourceClock clock,
 
 /// Everything that the observers recorded, as figures.
 void evaluate(const Source& source, SourceClock clock, const Host& host, const Screen& screen, const Sound& sound,
-              const DeviceDisturbances& disturbances, const Trace* trace, Result* result)
+              const DeviceDisturbances& disturbances, const Trace& trace, Result* result)
 {
-    int64_t reset_ns = host.reset_ns() != 0 ? host.reset_ns() : host.opened_ns();
+    // What is lost later may make the player begin anew.
+    int64_t raised_ns = result->losses.empty() ? host.reset_ns() : host.first_reset_ns();
+    int64_t reset_ns = raised_ns != 0 ? raised_ns : host.opened_ns();
     result->reset_s = static_cast<double>(reset_ns - host.opened_ns()) / 1e9 - result->options.video_start_ms / 1e3;
     // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
     Judged judged = {clock.to_source(reset_ns + kSettlingNs),
                      host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
-    if (!result->options.foreign_source() && !result->options.raw)
-        evaluate_sound(source, clock, screen, sound, judged, result);
+    if (!result->options.foreign_source() && !result->options.raw) {
+        evaluate_sound(source, clock, screen, sound, trace, judged, result);
+        evaluate_course(source, clock, sound, trace, judged, result);
+    }
     evaluate_pictures(source, host, screen, judged, result);
     evaluate_devices(sound, disturbances, result);
-    if (trace != nullptr)
-        evaluate_trace(*trace, source, clock, screen, judged, result);
+    if (!result->options.html_path.empty())
+        evaluate_trace(trace, source, clock, screen, judged, result);
 }
 
 /// What each has counted, after all have ended.
@@ -431,7 +494,7 @@ ExitStatus run(Source* source, display::Display* display, const process::StopSig
     if (result->options.raw)
         result->raw = stage.check_raw(sound.heard);
     gather(*host, *source, *display, stage, result);
-    evaluate(*source, stage.clock(), *host, screen, sound, stage.disturbances(), trace.get(), result);
+    evaluate(*source, stage.clock(), *host, screen, sound, stage.disturbances(), *trace, result);
     return kInside;
 }
 
@@ -472,7 +535,10 @@ int main_with(const Options& options)
 {
     process::StopSignals signals;
     std::string error;
-    std::unique_ptr<Source> source = make_source(options, &error);
+    std::vector<LostBursts> lost;
+    if (!find_losses(options, &lost, &error))
+        return fail(kBadInput, error);
+    std::unique_ptr<Source> source = make_source(options, lost, &error);
     if (!source)
         return fail(options.file.empty() ? kNotPermitted : kBadInput, error);
     if (!outputs_writable(options, &error))
@@ -500,6 +566,7 @@ int main_with(const Options& options)
         return fail(kBadInput, error);
     Result result;
     result.options = options;
+    result.losses = read_losses(lost, {}, {});
     result.programme = source->description();
     ExitStatus played = run(source.get(), display.get(), signals, wav.path(), &result, &error);
     if (played == kStopped)

@@ -78,6 +78,7 @@ struct Texts {
     std::string output = "speaker";
     std::string coding;
     std::string chunk_phase;
+    std::string losses;
     std::string capture = "sim";
     std::string playback = "sim";
     std::string cec = "sim";
@@ -98,9 +99,19 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->check(CLI::IsMember({"ac3", "eac3", "pcm"}));
     app->add_option("--chunk-phase", texts->chunk_phase,
                     "The first capture begins that many bytes (a multiple of 4) before a burst, or random");
+    app->add_option(
+           "--lose-bursts", texts->losses,
+           "N[@SECOND][:KIND],...: lose N bursts in a row of the compressed programme, so that SECOND comes half\n"
+           "a second after them (default: four seconds after the ones before). KIND: flag (error flag), preamble\n"
+           "(damaged), length (too long), noise, pause (pause bursts). The sound must be back in its place then")
+        ->excludes(file);
     app->add_flag("--raw", options->raw, "Pass the bursts on as they are; with --output spdif or arc");
     app->add_option("--fps", texts->fps, "Frames per second of the programme; 59.94 means 60000/1001")
         ->capture_default_str()
+        ->excludes(file);
+    app->add_flag(
+           "--tones", options->tones,
+           "The programme's right channel has 997 Hz and a sweep by turns: what the player adds to them is judged")
         ->excludes(file);
     app->add_option("--display-rate", texts->display_rate,
                     "Vertical blanks per second: default 60; for kms that of the display's preferred mode,\n"
@@ -158,6 +169,9 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->check(in_range(0, kLongestSeconds))
         ->needs(html);
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
+    app->add_flag("--strict", options->strict,
+                  "Also demand 99 % of the offsets within ATSC IS-191 (+15/-45 ms), and of three minutes and more the\n"
+                  "last one within 2 ms of the second one");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--no-hold", options->no_hold,
                   "Control: hold neither flips nor sound; must fail unless the display's latency is near 76");
@@ -165,6 +179,8 @@ void describe(CLI::App* app, Options* options, Texts* texts)
                     "The host's sound stands still once, for that many ms: it must be in sync again afterwards")
         ->check(CLI::Range(0, 5000))
         ->capture_default_str();
+    app->add_flag("--no-loss-filling", options->no_loss_filling,
+                  "Control: decoded frames are counted only, whatever is lost; must fail with --lose-bursts");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
     app->footer(kFooter);
 }
@@ -184,6 +200,10 @@ std::string take_coding(const Texts& texts, Options* options)
         return "--av-offset: with --raw the sound passes the host by, which cannot hold it";
     if (options->raw && pcm && !options->foreign_source())
         return "--raw needs compressed sound (--bitstream)";
+    if (!texts.losses.empty() && (pcm || options->raw))
+        return "--lose-bursts needs compressed sound that is decoded (--bitstream, without --raw)";
+    if (!texts.losses.empty() && !parse_losses(texts.losses, &options->losses))
+        return "--lose-bursts: " + texts.losses + " is not N[@SECOND][:KIND],...";
     if (texts.chunk_phase.empty())
         return "";
     if (pcm)
@@ -242,6 +262,8 @@ std::string check_devices(const Options& options)
         return "--playback-ppm is of the simulated sound device";
     if (options.raw && real_capture != !options.playback.empty())
         return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
+    if (options.tones && options.raw)
+        return "--tones: with --raw the sound passes the player by";
     if (options.page_flips && options.display != DisplayKind::kms)
         return "--page-flips needs --display kms";
     return "";

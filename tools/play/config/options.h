@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "hdmi_player.h"
+#include "source/burst_losses.h"
 #include "source/source.h"
 
 namespace play
@@ -54,8 +56,12 @@ struct Options {
     std::string wav_path;
     bool no_sync = false;
     bool withhold_block = false;
-    int stall_host_ms = 0; ///< the host's sound thread stands still once, for that long
-    bool no_hold = false;  ///< neither flips nor sound are held
+    int stall_host_ms = 0;         ///< the host's sound thread stands still once, for that long
+    bool no_hold = false;          ///< neither flips nor sound are held
+    std::vector<BurstLoss> losses; ///< of the coded programme
+    bool no_loss_filling = false;  ///< the decoder counts what it decoded only
+    bool tones = false;            ///< the programme's right channel has tone and sweep
+    bool strict = false;           ///< judge by the limits of a system that plays for days, too
 
     /// From the vertical blank to light: of a simulated panel what the player allows for, of a real one what is stated.
     int display_latency_ms() const

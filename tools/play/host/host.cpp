@@ -241,7 +241,10 @@ void Host::on_event(hdmi_player_event_e event)
 {
     if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
         host_->reset_ns_ = now_ns();
-        host_->resets_++;
+        if (host_->resets_++ == 0)
+            host_->first_reset_ns_ = host_->reset_ns_.load();
+        if (Trace* trace = host_->config_.trace)
+            trace->resets.add(host_->reset_ns_);
     } else {
         host_->unsupported_++;
     }

@@ -99,6 +99,8 @@ public:
     int64_t opened_ns() const { return opened_ns_; }
     /// When the last A/V sync reset was raised, 0: never.
     int64_t reset_ns() const { return reset_ns_; }
+    /// Likewise the first one.
+    int64_t first_reset_ns() const { return first_reset_ns_; }
     int video_queue_size() const { return video_queue_size_; }
     const common::Holds& holds() const { return config_.holds; }
     /// Frames of silence with which the sound begins, as many as are held.
@@ -141,6 +143,7 @@ private:
 
     std::atomic<int64_t> resets_{0};
     std::atomic<int64_t> reset_ns_{0};
+    std::atomic<int64_t> first_reset_ns_{0};
     std::atomic<int64_t> unsupported_{0};
     std::atomic<int64_t> rendered_{0};
     std::atomic<int64_t> flipped_{0};

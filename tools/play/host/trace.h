@@ -75,8 +75,12 @@ struct Trace {
     EventLog<HandedEvent> handed;
     EventLog<WrittenEvent> written;
     EventLog<OpenedEvent> opened;
+    EventLog<int64_t> resets{kOpenings}; ///< when the player told of one
 
-    int64_t lost() const { return vblanks.lost() + flips.lost() + handed.lost() + written.lost() + opened.lost(); }
+    int64_t lost() const
+    {
+        return vblanks.lost() + flips.lost() + handed.lost() + written.lost() + opened.lost() + resets.lost();
+    }
 
 private:
     /// Periods of the device, 960 frames at 48 kHz.

@@ -73,10 +73,24 @@ std::string bursts_unmeasured(R r) { return r.raw.compared ? "" : "nobody listen
 
 std::string ticks_unmeasured(R r) { return r.punctuality.ticks == 0 ? "no timer ran beside the player" : ""; }
 
+bool has_trend(R r) { return plays_sound(r) && r.course.offset.has_value(); }
+bool has_outlook(R r) { return plays_sound(r) && r.course.outlook.has_value(); }
+bool has_moved(R r) { return plays_sound(r) && r.course.moved.has_value(); }
+bool has_tones(R r) { return r.options.tones; }
+
+std::string tones_unmeasured(R r)
+{
+    return r.fidelity.windows == 0 ? "the run was too short, or its sound was not found" : "";
+}
+
 // When a line of figures is measured.
 constexpr When kAlways = {nullptr, nullptr};
 constexpr When kWithInstants = {plays_sound, instants_unmeasured};
 constexpr When kWithOffsets = {plays_sound, offsets_unmeasured};
+constexpr When kWithTrend = {has_trend, nullptr};
+constexpr When kWithOutlook = {has_outlook, nullptr};
+constexpr When kWithMoved = {has_moved, nullptr};
+constexpr When kWithTones = {has_tones, tones_unmeasured};
 constexpr When kWithVblanks = {has_vblanks, nullptr};
 constexpr When kWithSightings = {nullptr, cadence_unmeasured};
 constexpr When kWithGrid = {nullptr, grid_unmeasured};
@@ -124,6 +138,17 @@ std::string histogram_words(const json& histogram)
     return words;
 }
 
+/// Of the offset's trend, with its margin.
+json outlook_words(R r)
+{
+    switch (*r.course.outlook) {
+    case Outlook::stays: return "stays inside EBU R37";
+    case Outlook::leaves: return "leaves EBU R37";
+    case Outlook::unknown: break;
+    }
+    return "may leave EBU R37: the trend is not known well enough to tell";
+}
+
 constexpr const char* arc_name(hdmi_linux::ArcState state)
 {
     switch (state) {
@@ -143,6 +168,10 @@ constexpr Format in_words(std::string (*words)(const json& value)) { return {0, 
 constexpr Format kCount = {};
 constexpr Format kMs1 = {1, " ms"};
 constexpr Format kSignedMs1 = {1, " ms", true};
+constexpr Format kSignedMs3 = {3, " ms", true};
+constexpr Format kPerHour = {2, " ms/h", true};
+constexpr Format kMargin = {2};
+constexpr Format kDb = {2, " dB", true};
 constexpr Format kWholeMs = {0, " ms"};
 constexpr Format kShareOfOffsets = {0, " %", false, 1, "/offset/count"};
 constexpr Format kPercent2 = {2, " %", false, 100};
@@ -189,6 +218,7 @@ const std::vector<Line> kLines = {
           Shown::unless_nothing},
          {"/run/file", "", "", {}, [](R r) -> json { return r.options.file; }},
          {"/offsets", "", "", {}, offset_records},
+         {"/losses", "", "", {}, loss_records},
          {"/pictures/on_screen", "", "", {}, sighting_records},
          {"/pictures/outages", "", "", {}, outage_records},
          {"/recoveries", "", "", {}, recovery_records},
@@ -211,6 +241,8 @@ const std::vector<Line> kLines = {
          {"/offset/deviation_ms", ", deviation {}", "", kMs1, [](R r) -> json { return r.offset.deviation_ms; }},
          {"/offset/p95_ms", ", p95 {}", "", kSignedMs1, [](R r) -> json { return r.offset.p95_ms; }},
          {"/offset/worst_ms", ", worst {}", "", kSignedMs1, [](R r) -> json { return r.offset.worst_ms; }},
+         {"/offset/p99_ms", "; p99 by IS-191 {}", "Offset, 99 % within (IS-191)", kSignedMs1,
+          [](R r) -> json { return r.course.p99_ms; }},
          {"/run/av_offset_ms",
           "; beside the {} asked for (+ = sound later)",
           "Sound later, as asked",
@@ -226,6 +258,40 @@ const std::vector<Line> kLines = {
           [](R r) -> json { return static_cast<double>(r.holds.flip_ns) / 1e6; }, Shown::unless_nothing},
          {"/run/sound_held_ms", ", sound {}", "Sound held", kMs1,
           [](R r) -> json { return static_cast<double>(r.holds.sound_ns) / 1e6; }, Shown::unless_nothing},
+     }},
+    {Section::sync,
+     "trend",
+     kWithTrend,
+     {
+         {"/trend/offset/ms_per_hour", "offset {}", "Trend of the offset", kPerHour,
+          [](R r) -> json { return r.course.offset->per_hour; }},
+         {"/trend/offset/margin", " +- {}", "Known to within, 95 %", kMargin,
+          [](R r) -> json { return r.course.offset->margin; }},
+         {"/trend/offset/of_phase", "", "Of it for the pictures' phase", kMargin,
+          [](R r) -> json { return r.course.phase_slope; }},
+         {"/trend/flight/ms_per_hour", ", time in flight {}", "Trend of the sound's time in flight", kPerHour,
+          [](R r) -> json { return r.course.flight->per_hour; }},
+         {"/trend/flight/margin", " +- {}", "Known to within, 95 %", kMargin,
+          [](R r) -> json { return r.course.flight->margin; }},
+         {"/trend/fill/ms_per_hour", ", fill of the output {}", "Trend of the output's fill", kPerHour,
+          [](R r) -> json { return r.course.fill ? json(r.course.fill->per_hour) : json(); }},
+         {"/trend/fill/margin", " +- {}", "Known to within, 95 %", kMargin,
+          [](R r) -> json { return r.course.fill ? json(r.course.fill->margin) : json(); }},
+     }},
+    {Section::sync,
+     "outlook",
+     kWithOutlook,
+     {
+         {"/trend/outlook", "in 24 h the offset {}", "In 24 h the offset", {}, outlook_words},
+     }},
+    {Section::sync,
+     "moved",
+     kWithMoved,
+     {
+         {"/moved/offset_ms", "last minute by the second one: offset {}", "Last minute by the second: offset",
+          kSignedMs3, [](R r) -> json { return r.course.moved->offset_ms; }},
+         {"/moved/sound_ms", ", sound {}", "Last minute by the second: sound", kSignedMs3,
+          [](R r) -> json { return r.course.moved->sound_ms; }},
      }},
     {Section::sync,
      "BT.1359",
@@ -353,6 +419,39 @@ const std::vector<Line> kLines = {
          {"/sound/earlier", "", "", kCount, [](R r) -> json { return r.samples.earlier; }},
          {"/sound/first_mismatch", "", "", kCount,
           [](R r) -> json { return r.samples.first_mismatch >= 0 ? json(r.samples.first_mismatch) : json(); }},
+     }},
+    {Section::sound,
+     "tones",
+     kWithTones,
+     {
+         {"/tones/noise_db", "997 Hz: noise and distortion {}", "997 Hz: noise and distortion", kDb,
+          [](R r) -> json { return r.fidelity.noise_db; }},
+         {"/tones/least_db",
+          "; sweep {}",
+          "20 Hz to 20 kHz, least",
+          {3, "", true},
+          [](R r) -> json { return r.fidelity.least_db; }},
+         {"/tones/most_db",
+          " to {}",
+          "20 Hz to 20 kHz, most",
+          {3, " dB", true},
+          [](R r) -> json { return r.fidelity.most_db; }},
+         {"/tones/pitch_ppm", "; pitch off by {}", "Pitch off by, after a minute", kPpm,
+          [](R r) -> json { return r.fidelity.pitch_ppm; }},
+         {"/tones/disturbed", "; disturbed {}", "Tenths of a second with a click, or samples lost or doubled", kCount,
+          [](R r) -> json { return r.fidelity.disturbed; }},
+         {"/tones/windows", " of {} tenths of a second", "Tenths of a second compared", kCount,
+          [](R r) -> json { return r.fidelity.windows; }},
+         {"/tones/first_disturbed_s",
+          "",
+          "The first one disturbed",
+          {1, " s"},
+          [](R r) -> json { return r.fidelity.disturbed > 0 ? json(r.fidelity.first_disturbed_s) : json(); }},
+         {"/tones/worst_jump",
+          ", out of place by {} frames at most",
+          "Out of place by, frames",
+          {3},
+          [](R r) -> json { return r.fidelity.worst_jump; }},
      }},
     {Section::sound,
      "host",

@@ -24,6 +24,23 @@ json offset_records(const Result& result)
     return list;
 }
 
+json loss_records(const Result& result)
+{
+    auto instant = [](const std::optional<Offset>& offset) {
+        return offset ? json{{"offset_ms", offset->ms()}, {"sound_latency_ms", offset->sound_ms}} : json();
+    };
+    json list = json::array();
+    for (const LossReading& reading : result.losses)
+        list.push_back({{"kind", loss_name(reading.lost.loss.kind)},
+                        {"bursts", reading.lost.loss.bursts},
+                        {"from_s", static_cast<double>(reading.lost.from_ns) / 1e9},
+                        {"to_s", static_cast<double>(reading.lost.to_ns) / 1e9},
+                        {"before", instant(reading.before)},
+                        {"after", instant(reading.after)},
+                        {"resets", reading.resets}});
+    return list;
+}
+
 json sighting_records(const Result& result)
 {
     json list = json::array();

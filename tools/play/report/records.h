@@ -13,6 +13,7 @@ namespace play
 {
 
 nlohmann::json offset_records(const Result& result);
+nlohmann::json loss_records(const Result& result);
 /// Pairs: number of the picture, vertical blanks for which it stayed.
 nlohmann::json sighting_records(const Result& result);
 nlohmann::json outage_records(const Result& result);

@@ -119,6 +119,21 @@ void print_recoveries(const Result& result)
     }
 }
 
+void print_losses(const Result& result)
+{
+    for (const LossReading& reading : result.losses) {
+        const LostBursts& lost = reading.lost;
+        std::printf("  lost      %lld (%s) at %.2f s: ", static_cast<long long>(lost.loss.bursts),
+                    loss_name(lost.loss.kind), static_cast<double>(lost.from_ns) / 1e9);
+        if (reading.measured())
+            std::printf("sound %.2f -> %.2f ms, offset %+.1f -> %+.1f ms%s\n", reading.before->sound_ms,
+                        reading.after->sound_ms, reading.before->ms(), reading.after->ms(),
+                        reading.resets > 0 ? " (reset)" : "");
+        else
+            std::printf("sound not found on both sides of it\n");
+    }
+}
+
 /// Devices of the machine, and whose word the times are.
 void print_devices(const Result& result, const json& report)
 {
@@ -142,6 +157,7 @@ void print_link(const Result& result, const json& report)
     if (!coded && !result.options.raw)
         return;
     print_figures(Section::link, "Link", result, report);
+    print_losses(result);
     if (coded)
         std::printf(
             "  time      a coded sample was sent when its burst began to pass, plus its place in the burst's sound;\n"

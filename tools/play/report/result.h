@@ -9,6 +9,8 @@
 #include "display/display.h"
 #include "edges/stage.h"
 #include "host/host.h"
+#include "measure/course.h"
+#include "measure/fidelity.h"
 #include "measure/measure.h"
 #include "measure/punctuality.h"
 #include "measure/usage.h"
@@ -49,6 +51,9 @@ struct Result {
     OffsetStatistics offset;
     Latency sound_latency;
     Latency picture_latency;
+    Course course;
+    std::vector<LossReading> losses;
+    Fidelity fidelity;
 
     FrameAccount frames;
     Cadence cadence;

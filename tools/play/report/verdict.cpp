@@ -2,18 +2,36 @@
 #include "report/verdict.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace play
 {
 namespace
 {
 
-/// A programme is measured at every mark. In a film, silence and steady tones hide some seconds: half must remain.
+/**
+ * Losses that leave a chunk of zeros on the link: the player takes it for silence, and begins anew with the next burst.
+ * An E-AC-3 burst is mostly stuffing.
+ */
+bool taken_for_silence(const Result& result, const LossReading& reading)
+{
+    return result.coding == Coding::eac3 && reading.lost.loss.kind != BurstLoss::Kind::noise;
+}
+
+int64_t begun_anew(const Result& result)
+{
+    return std::count_if(result.losses.begin(), result.losses.end(),
+                         [&result](const LossReading& reading) { return taken_for_silence(result, reading); });
+}
+
+/// A programme is measured at every mark, but where it begins anew. In a film, silence and steady tones hide some
+/// seconds: half must remain.
 bool measured_enough(const Result& result)
 {
     auto measured = static_cast<int64_t>(result.offsets.size());
     bool programme = result.options.file.empty();
-    return measured > 0 && (programme ? measured == result.instants : 2 * measured >= result.instants);
+    return measured > 0 &&
+           (programme ? measured + begun_anew(result) >= result.instants : 2 * measured >= result.instants);
 }
 
 bool anything_measured(const Result& result)
@@ -34,6 +52,12 @@ bool machine_moved_sound_or_picture(const Result& result)
     double p95_ms = result.offset.p95_ms;
     double outside_ms = std::max(p95_ms - kR37EarlyMs, kR37LateMs - p95_ms);
     return result.offset.count > 0 && outside_ms <= result.punctuality.worst_ms;
+}
+
+bool machine_moved_some(const Result& result)
+{
+    double p99_ms = result.course.p99_ms;
+    return std::max(p99_ms - kIs191EarlyMs, kIs191LateMs - p99_ms) <= result.punctuality.worst_ms;
 }
 
 /// A payload that is larger than one captured chunk is not decoded whole, see hdmi_player.h.
@@ -72,10 +96,14 @@ Verdict judge_resets(const Result& result)
 {
     bool anywhere = !result.options.capture.empty();
     bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
-    bool few = result.resets == 1 || (inside_of_burst && result.resets == 2);
+    int64_t at_losses = begun_anew(result);
+    bool few = result.resets >= 1 && result.resets <= 1 + (inside_of_burst ? 1 : 0) + at_losses;
     bool at_start = result.reset_s < kLatestResetS;
     bool late_by_machine = result.resets > 0 && machine_missed_a_period(result) &&
                            (!few || (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
+    if (at_losses > 0)
+        return {"one reset at start, and one at a loss that leaves silence", few && at_start, late_by_machine,
+                Subject::sound};
     return {inside_of_burst ? "one reset or two, at start" : "one reset, at start", few && at_start, late_by_machine,
             Subject::sound};
 }
@@ -112,6 +140,58 @@ void judge_raw(const Result& result, std::vector<Verdict>* verdicts)
     verdicts->push_back({"no reset", result.resets == 0});
 }
 
+/// What begins anew has a place of its own, where sound and picture must be together.
+bool back_in_place(const Result& result, const LossReading& reading)
+{
+    if (!reading.measured())
+        return false;
+    if (reading.resets == 1 && taken_for_silence(result, reading))
+        return reading.after->ms() <= kIs191EarlyMs && reading.after->ms() >= kIs191LateMs;
+    bool pause = reading.lost.loss.kind == BurstLoss::Kind::pause;
+    return std::abs(reading.sound_moved_ms()) <= (pause ? kMostMovedByPauseMs : kMostMovedByLossMs);
+}
+
+void judge_losses(const Result& result, std::vector<Verdict>* verdicts)
+{
+    if (!result.losses.empty())
+        verdicts->push_back(
+            {"sound back in its place half a second after each loss",
+             std::all_of(result.losses.begin(), result.losses.end(),
+                         [&result](const LossReading& reading) { return back_in_place(result, reading); })});
+}
+
+/// What a system that plays for days needs beside the rest.
+void judge_course(const Result& result, std::vector<Verdict>* verdicts)
+{
+    const Course& course = result.course;
+    if (course.outlook)
+        verdicts->push_back({"trend inside EBU R37 for 24 h", *course.outlook != Outlook::leaves});
+    if (!result.options.strict)
+        return;
+    verdicts->push_back({"A/V offset p99 inside ATSC IS-191 (+15/-45 ms)",
+                         !result.offsets.empty() && course.p99_inside(), machine_moved_some(result), Subject::sync});
+    if (course.moved)
+        verdicts->push_back(
+            {"last minute within 2 ms of the second one",
+             std::max(std::abs(course.moved->offset_ms), std::abs(course.moved->sound_ms)) <= kMostMovedMs});
+}
+
+void judge_tones(const Result& result, std::vector<Verdict>* verdicts)
+{
+    const Fidelity& fidelity = result.fidelity;
+    if (fidelity.windows == 0)
+        return;
+    verdicts->push_back({"no click, no sample lost or doubled", fidelity.disturbed == 0,
+                         machine_missed_a_period(result), Subject::sound});
+    // Of a source at another rate, this is the noise of the library's own conversion.
+    if (fidelity.tone_windows > 0 && result.samples.same_rate)
+        verdicts->push_back({"997 Hz: noise and distortion at most -90 dB", fidelity.noise_db <= kMostNoiseDb});
+    verdicts->push_back({"pitch within 10 ppm after a minute", std::abs(fidelity.pitch_ppm) <= kMostPitchPpm});
+    if (fidelity.sweep_windows > 0)
+        verdicts->push_back({"20 Hz to 20 kHz within 0.1 dB",
+                             std::max(std::abs(fidelity.least_db), std::abs(fidelity.most_db)) <= kMostRippleDb});
+}
+
 void judge_played(const Result& result, std::vector<Verdict>* verdicts)
 {
     // Of a source that is not ours, nobody knows when it sent what.
@@ -125,13 +205,19 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
              Subject::sync});
     }
     verdicts->push_back(judge_resets(result));
-    verdicts->push_back(
-        {"no underrun after the first second", result.gaps == 0, machine_missed_a_period(result), Subject::sound});
+    verdicts->push_back({"no underrun after the first second", result.gaps <= begun_anew(result),
+                         machine_missed_a_period(result), Subject::sound});
     if (!known)
         return;
+    // With each new beginning, sound that waits is discarded.
+    if (begun_anew(result) > 0)
+        return judge_losses(result, verdicts);
     const char* exact = result.coding == Coding::pcm ? "output bit for bit the input" : "output bit for bit a decode";
     verdicts->push_back({result.samples.exact ? exact : "samples complete and in place", result.samples.passed(),
                          machine_lost_sound(result), Subject::sound});
+    judge_losses(result, verdicts);
+    judge_course(result, verdicts);
+    judge_tones(result, verdicts);
 }
 
 /// Of the devices at the far ends: their breaks look like the player's.

@@ -37,6 +37,15 @@ constexpr double kExcessLimit = 0.02;
 /// The reset comes with the first picture that meets captured sound.
 constexpr double kLatestResetS = 1;
 
+/// By which sound may be out of its place after lost bursts: a sample at 48 kHz; after pauses, which may last any time.
+constexpr double kMostMovedByLossMs = 1.5 / 48;
+constexpr double kMostMovedByPauseMs = 5;
+
+/// Of what the player adds to tones.
+constexpr double kMostNoiseDb = -90;
+constexpr double kMostPitchPpm = 10;
+constexpr double kMostRippleDb = 0.1;
+
 /// Lateness that costs sound: a period of the output, which is written while the one before it plays.
 constexpr double kOutputPeriodMs = 20;
 

@@ -17,12 +17,12 @@ namespace
 // Channel layouts became a record with FFmpeg 5.1, and the masks went with FFmpeg 7.
 #if LIBAVUTIL_VERSION_INT >= AV_VERSION_INT(57, 24, 100)
 
-SwrContext* allocate(AVChannelLayout* layout_in, AVSampleFormat format_in, int rate_in, int rate_out)
+SwrContext* allocate(AVChannelLayout* layout_in, AVSampleFormat format_in, int rate_in, int rate_out,
+                     AVSampleFormat format_out = AV_SAMPLE_FMT_S16)
 {
     AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
     SwrContext* converter = nullptr;
-    if (swr_alloc_set_opts2(&converter, &stereo, AV_SAMPLE_FMT_S16, rate_out, layout_in, format_in, rate_in, 0,
-                            nullptr) < 0)
+    if (swr_alloc_set_opts2(&converter, &stereo, format_out, rate_out, layout_in, format_in, rate_in, 0, nullptr) < 0)
         return nullptr;
     return converter;
 }
@@ -40,18 +40,19 @@ SwrContext* allocate_like(const AVFrame* like, int rate_out)
     return converter;
 }
 
-SwrContext* allocate_stereo(int rate_in, int rate_out)
+SwrContext* allocate_stereo(int rate_in, int rate_out, AVSampleFormat format_out)
 {
     AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-    return allocate(&stereo, AV_SAMPLE_FMT_S16, rate_in, rate_out);
+    return allocate(&stereo, AV_SAMPLE_FMT_S16, rate_in, rate_out, format_out);
 }
 
 #else
 
-SwrContext* allocate(int64_t layout_in, AVSampleFormat format_in, int rate_in, int rate_out)
+SwrContext* allocate(int64_t layout_in, AVSampleFormat format_in, int rate_in, int rate_out,
+                     AVSampleFormat format_out = AV_SAMPLE_FMT_S16)
 {
-    return swr_alloc_set_opts(nullptr, AV_CH_LAYOUT_STEREO, AV_SAMPLE_FMT_S16, rate_out, layout_in, format_in, rate_in,
-                              0, nullptr);
+    return swr_alloc_set_opts(nullptr, AV_CH_LAYOUT_STEREO, format_out, rate_out, layout_in, format_in, rate_in, 0,
+                              nullptr);
 }
 
 SwrContext* allocate_like(const AVFrame* like, int rate_out)
@@ -62,9 +63,9 @@ SwrContext* allocate_like(const AVFrame* like, int rate_out)
     return allocate(layout, static_cast<AVSampleFormat>(like->format), like->sample_rate, rate_out);
 }
 
-SwrContext* allocate_stereo(int rate_in, int rate_out)
+SwrContext* allocate_stereo(int rate_in, int rate_out, AVSampleFormat format_out)
 {
-    return allocate(AV_CH_LAYOUT_STEREO, AV_SAMPLE_FMT_S16, rate_in, rate_out);
+    return allocate(AV_CH_LAYOUT_STEREO, AV_SAMPLE_FMT_S16, rate_in, rate_out, format_out);
 }
 
 #endif
@@ -103,11 +104,16 @@ SwrContext* make_downmixer(const AVFrame* like)
     return started(converter);
 }
 
+SwrContext* make_float_converter(int rate_in, int rate_out)
+{
+    return started(allocate_stereo(rate_in, rate_out, AV_SAMPLE_FMT_FLT));
+}
+
 std::vector<int16_t> convert_rate(const std::vector<int16_t>& stereo, int rate_in, int rate_out)
 {
     if (rate_in == rate_out)
         return stereo;
-    SwrContext* converter = started(allocate_stereo(rate_in, rate_out));
+    SwrContext* converter = started(allocate_stereo(rate_in, rate_out, AV_SAMPLE_FMT_S16));
     if (converter == nullptr)
         return {};
     auto frames_in = static_cast<int64_t>(stereo.size() / 2);

@@ -22,6 +22,10 @@ SwrContext* make_converter(const AVFrame* like, int rate_out);
 /// brings with @p like. Null if there is none. The caller frees it.
 SwrContext* make_downmixer(const AVFrame* like);
 
+/// A converter from 16-bit stereo to floats of full scale 1, interleaved too. Null if there is none. The caller frees
+/// it.
+SwrContext* make_float_converter(int rate_in, int rate_out);
+
 /// Stereo samples of another rate, of the same length in time.
 std::vector<int16_t> convert_rate(const std::vector<int16_t>& stereo, int rate_in, int rate_out);
 

@@ -17,13 +17,12 @@ namespace
 {
 
 constexpr int64_t kSecondNs = 1'000'000'000;
-constexpr int64_t kBitRate = 192'000;
 /// The encoder's scale of full amplitude.
 constexpr float kFullScale = 32768;
 /// The coder may move a beep's onset by this much.
 constexpr int64_t kMostSmearMs = 5;
 
-AvOwned<AVCodecContext> open_encoder(Coding coding, int rate)
+AvOwned<AVCodecContext> open_encoder(Coding coding, int rate, int64_t bit_rate)
 {
     const AVCodec* codec = avcodec_find_encoder(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3);
     AvOwned<AVCodecContext> encoder(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
@@ -31,7 +30,7 @@ AvOwned<AVCodecContext> open_encoder(Coding coding, int rate)
         return nullptr;
     encoder->sample_rate = rate;
     encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    encoder->bit_rate = kBitRate;
+    encoder->bit_rate = bit_rate;
     encoder->time_base = {1, rate};
     av_channel_layout_default(&encoder->ch_layout, 2);
     bool good = avcodec_open2(encoder.get(), codec, nullptr) == 0 && encoder->frame_size == kBurstSamples;
@@ -62,22 +61,22 @@ AvOwned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& prog
 
 } // namespace
 
-std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, int audio_rate, Rational fps, int64_t length_ns,
-                                                     std::string* error)
+std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, const Programme& programme, int64_t length_ns,
+                                                     int64_t bit_rate, std::string* error)
 {
-    std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, audio_rate, fps, length_ns));
+    std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, programme));
     // The link goes on until the host has stopped sending pictures.
-    int64_t samples = (length_ns + kSecondNs) * audio_rate / kSecondNs;
-    if (!made->track_.usable() || !made->encode(samples) || !made->find_onsets()) {
+    int64_t samples = (length_ns + kSecondNs) * programme.audio_rate() / kSecondNs;
+    if (!made->track_.usable() || !made->encode(samples, bit_rate) || !made->find_onsets()) {
         *error = std::string("the programme's sound could not be encoded as ") + coding_name(coding);
         return nullptr;
     }
     return made;
 }
 
-bool CodedProgramme::encode(int64_t samples)
+bool CodedProgramme::encode(int64_t samples, int64_t bit_rate)
 {
-    AvOwned<AVCodecContext> encoder = open_encoder(track_.coding(), audio_rate());
+    AvOwned<AVCodecContext> encoder = open_encoder(track_.coding(), audio_rate(), bit_rate);
     AvOwned<AVPacket> packet(av_packet_alloc());
     if (!encoder || !packet)
         return false;

@@ -17,9 +17,14 @@ namespace play
 class CodedProgramme : public Source
 {
 public:
+    static constexpr int64_t kBitRate = 192'000;
+    /// The highest of AC-3: two bursts leave fewer zeros between them than a chunk has, by which the player would tell
+    /// silence.
+    static constexpr int64_t kDenseBitRate = 640'000;
+
     /// Encodes all of the sound; takes about a hundredth of its length. @return null with one line in @p error
-    static std::unique_ptr<CodedProgramme> make(Coding coding, int audio_rate, Rational fps, int64_t length_ns,
-                                                std::string* error);
+    static std::unique_ptr<CodedProgramme> make(Coding coding, const Programme& programme, int64_t length_ns,
+                                                int64_t bit_rate, std::string* error);
 
     int audio_rate() const override { return programme_.audio_rate(); }
     void audio(int64_t first, int16_t* stereo, int frames) const override { track_.audio(first, stereo, frames); }
@@ -35,11 +40,11 @@ public:
     std::string description() const override;
 
 private:
-    CodedProgramme(Coding coding, int audio_rate, Rational fps, int64_t length_ns)
-        : programme_(audio_rate, fps, length_ns), track_(coding, audio_rate)
+    CodedProgramme(Coding coding, const Programme& programme)
+        : programme_(programme), track_(coding, programme.audio_rate())
     {
     }
-    bool encode(int64_t samples);
+    bool encode(int64_t samples, int64_t bit_rate);
     bool find_onsets();
 
     Programme programme_;

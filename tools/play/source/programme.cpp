@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "source/programme.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -10,6 +11,15 @@ namespace
 {
 
 constexpr int64_t kSecondNs = 1'000'000'000;
+/// A tone's turn, and its fading in and out.
+constexpr double kTurnS = 10;
+constexpr double kFadeS = 0.05;
+/// One decibel below full scale.
+constexpr double kTonePeak = 32767 * 0.891;
+constexpr double kSweepFromHz = 20;
+constexpr double kSweepToHz = 20000;
+/// The sweep stays at its ends for that long.
+constexpr double kStayS = 0.4;
 
 /// A well mixed 32-bit value for each input (the finaliser of a common hash).
 uint32_t mix(uint32_t x)
@@ -22,18 +32,48 @@ uint32_t mix(uint32_t x)
     return x;
 }
 
+double sweep_cycles(double since_s)
+{
+    constexpr double kRisesS = kTurnS - 2 * kStayS;
+    double rise = std::log(kSweepToHz / kSweepFromHz) / kRisesS;
+    double rising_s = std::clamp(since_s - kStayS, 0.0, kRisesS);
+    return kSweepFromHz * std::min(since_s, kStayS) + kSweepFromHz * (std::exp(rise * rising_s) - 1) / rise +
+           kSweepToHz * std::max(since_s - kStayS - kRisesS, 0.0);
+}
+
 } // namespace
 
-Programme::Programme(int audio_rate, Rational fps, int64_t length_ns)
-    : audio_rate_(audio_rate), fps_(fps), length_ns_(length_ns)
+Programme::Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones)
+    : audio_rate_(audio_rate), fps_(fps), length_ns_(length_ns), tones_(tones)
 {
     for (int64_t second = 0; second * kSecondNs <= length_ns; second++)
         beeps_.push_back(
             std::llround(static_cast<double>(Programme::frame_ns(mark_frame(second))) * audio_rate / kSecondNs));
 }
 
+Programme::Tone Programme::tone_at(double source_s)
+{
+    double since = std::fmod(source_s, 2 * kTurnS);
+    double in_turn = std::fmod(since, kTurnS);
+    if (in_turn < kFadeS || in_turn > kTurnS - kFadeS)
+        return Tone::changing;
+    return since < kTurnS ? Tone::steady : Tone::sweep;
+}
+
+int16_t Programme::tone_sample(int64_t number) const
+{
+    auto turn = static_cast<int64_t>(kTurnS * audio_rate_);
+    double since = static_cast<double>(number % turn) / audio_rate_;
+    double cycles = number / turn % 2 == 0 ? kToneHz * since : sweep_cycles(since);
+    double from_end = std::min({since, kTurnS - since, kFadeS});
+    double fade = (1 - std::cos(M_PI * from_end / kFadeS)) / 2;
+    return static_cast<int16_t>(std::lrint(kTonePeak * fade * std::sin(2 * M_PI * cycles)));
+}
+
 int16_t Programme::sample(int64_t number, int channel) const
 {
+    if (tones_ && channel == 1)
+        return number >= 0 ? tone_sample(number) : int16_t{0};
     uint32_t hash = mix(static_cast<uint32_t>(number * 2 + channel));
     int value = static_cast<int>(hash % (2 * kNoisePeak + 1)) - kNoisePeak;
     auto second = static_cast<size_t>(number / audio_rate_);
@@ -94,7 +134,8 @@ std::vector<int64_t> Programme::marks() const
 std::string Programme::description() const
 {
     char text[96];
-    std::snprintf(text, sizeof text, "flash and beep each second, %d Hz, %.5g fps", audio_rate_, fps_.value());
+    std::snprintf(text, sizeof text, "flash and beep each second%s, %d Hz, %.5g fps", tones_ ? " beside tones" : "",
+                  audio_rate_, fps_.value());
     return text;
 }
 

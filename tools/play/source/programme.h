@@ -11,6 +11,9 @@ namespace play
  * beeps differ in pitch, so that sound which is whole seconds late is not taken
  * for punctual. Under the beeps lies noise that differs at every sample, too
  * faint to hear, by which any stretch of sound can be told from any other.
+ *
+ * With tones the right channel has neither: it changes every ten seconds
+ * between 997 Hz and a sweep from 20 Hz to 20 kHz, both nearly as loud as can be.
  */
 class Programme : public Source
 {
@@ -24,7 +27,13 @@ public:
     static constexpr int16_t kNoisePeak = 16;
     static constexpr int64_t kMarkDurationNs = 50'000'000; ///< length of flash and beep
 
-    Programme(int audio_rate, Rational fps, int64_t length_ns);
+    enum class Tone { steady, sweep, changing };
+    static constexpr double kToneHz = 997;
+
+    Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones = false);
+
+    /// Which tone there is; changing: it is fading in or out.
+    static Tone tone_at(double source_s);
 
     int audio_rate() const override { return audio_rate_; }
     void audio(int64_t first, int16_t* stereo, int frames) const override;
@@ -39,10 +48,12 @@ public:
 private:
     int64_t mark_frame(int64_t second) const { return (second * fps_.num + fps_.den - 1) / fps_.den; }
     int16_t sample(int64_t number, int channel) const;
+    int16_t tone_sample(int64_t number) const;
 
     int audio_rate_;
     Rational fps_;
     int64_t length_ns_;
+    bool tones_;
     int64_t next_frame_ = 0;
     std::vector<int64_t> beeps_; ///< sample at which the beep of each second starts
 };

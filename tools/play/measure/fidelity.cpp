@@ -1,0 +1,378 @@
+// SPDX-License-Identifier: MIT
+#include "measure/fidelity.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <optional>
+#include <utility>
+
+#include "source/programme.h"
+#include "source/reference.h"
+
+namespace play
+{
+namespace
+{
+
+constexpr int kWindowsPerS = 10;
+/// The fit looks at every fourth frame: noise and tones have enough of them.
+constexpr int kFitStep = 4;
+constexpr int kFitRounds = 3;
+/// And a search at fewer, since it tries many places.
+constexpr int kSearchStep = 16;
+/// Where a window may be sought, in frames beside the place that the one before told.
+constexpr int kNear = 16;
+constexpr int kFar = 1600;
+/// Far searches take half a second.
+constexpr int kMostFarSearches = 30;
+/// What may be left of the faint noise, whose highest part no resampler passes on.
+constexpr double kNoiseLeft = 0.6;
+/// What may be left of tone and sweep, and beside that of their rounding.
+constexpr double kToneLeft = 0.01;
+constexpr double kRoundingLeft = 4;
+/// A click stands out of what else is left.
+constexpr double kClickFactor = 8;
+constexpr double kFaintestClick = 16;
+/// The same beside a tone, as a part of it.
+constexpr double kClickInTone = 0.002;
+/// RMS below which there is no sweep to speak of.
+constexpr double kFaintestSweep = 1000;
+/// A jump by less is no sample.
+constexpr double kHalfSample = 0.5;
+/// Rate matching may take a minute to find the pitch.
+constexpr double kPitchFromS = 60;
+/// What is lower than any noise of 16 bits stands for nothing at all.
+constexpr double kNothingDb = -150;
+
+/// Where a window's middle lies in the source, in reference frames, and how many of them pass with each frame heard.
+struct Place {
+    double middle;
+    double speed;
+};
+
+using Levels = std::array<double, 2>; ///< by channel
+
+/// What is left of a window.
+struct Rest {
+    Levels sent{}; ///< mean square of the source
+    Levels left{}; ///< mean square of what was added
+    Levels peak{}; ///< its highest sample
+    Levels gain{{1, 1}};
+};
+
+double ratio_db(double a, double b)
+{
+    return a > 0 && b > 0 ? std::max(10 * std::log10(a / b), kNothingDb) : kNothingDb;
+}
+
+/// Mean square of what is left beside the tone: behind a notch as wide as those of instruments (AES17: Q of 1.2 to 3),
+/// which removes the sidebands of a pitch that moves slowly.
+double beside_tone(const std::vector<double>& left, int rate)
+{
+    constexpr double kQ = 2;
+    constexpr size_t kRingingMs = 10;
+    double turn = 2 * M_PI * Programme::kToneHz / rate;
+    double width = std::sin(turn) / (2 * kQ);
+    double x1 = 0;
+    double x2 = 0;
+    double y1 = 0;
+    double y2 = 0;
+    double sum = 0;
+    size_t skipped = static_cast<size_t>(rate) * kRingingMs / 1000;
+    for (size_t i = 0; i < left.size(); i++) {
+        double x = left[i];
+        double y = (x - 2 * std::cos(turn) * (x1 - y1) + x2 - (1 - width) * y2) / (1 + width);
+        x2 = std::exchange(x1, x);
+        y2 = std::exchange(y1, y);
+        sum += i >= skipped ? y * y : 0;
+    }
+    return sum / static_cast<double>(left.size() - skipped);
+}
+
+class SoundComparison
+{
+public:
+    SoundComparison(const Recording& recording, const Source& source, const Comparison& comparison)
+        : recording_(recording), source_(source), comparison_(comparison),
+          length_(recording.sample_rate() / kWindowsPerS), heard_(static_cast<size_t>(2 * length_))
+    {
+    }
+
+    Fidelity run(const std::vector<SoundMatch>& matches);
+
+private:
+    bool judge(int64_t first, Place predicted);
+    bool read(int64_t first);
+    double source_s(double place) const { return reference_->source_s(place); }
+    std::optional<Place> fit(Place place, int rounds);
+    std::optional<Place> fit_near(Place place, int range);
+    Rest rest_of(Place place, int step);
+    bool has_beep(Place place) const;
+    bool fits(const Rest& rest, bool beep) const;
+    bool clicks(const Rest& rest, bool beep) const;
+    void note_pitch(Place place);
+    void note_tones(Place place, const Rest& rest);
+    void end_second();
+
+    const Recording& recording_;
+    const Source& source_;
+    const Comparison& comparison_;
+    const int length_; ///< frames in a window
+    std::vector<int16_t> heard_;
+    std::vector<double> left_; ///< of the right channel, by the latest rest_of()
+    std::optional<Reference> reference_;
+    Fidelity result_;
+    Place place_{};
+    int far_searches_ = 0;
+    std::vector<double> middles_; ///< of the latest windows that fitted, without a gap
+    int64_t second_ = -1;         ///< of the source, whose tone is being added up
+    int tone_windows_ = 0;
+    double tone_ = 0;
+    double noise_ = 0;
+    bool any_tone_ = false;
+};
+
+bool SoundComparison::read(int64_t first) { return recording_.read(first, heard_.data(), length_) == length_; }
+
+/// Gains and what they leave, over every @p step frames.
+Rest SoundComparison::rest_of(Place place, int step)
+{
+    Levels products{};
+    Levels squares{};
+    Levels own{};
+    std::vector<std::array<float, 2>> sent;
+    sent.reserve(static_cast<size_t>(length_ / step + 1));
+    for (int i = 0; i < length_; i += step) {
+        sent.push_back(reference_->at(place.middle + (i - length_ / 2.0) * place.speed));
+        for (size_t c = 0; c < 2; c++) {
+            double x = sent.back()[c];
+            double y = heard_[2 * static_cast<size_t>(i) + c];
+            products[c] += x * y;
+            squares[c] += x * x;
+            own[c] += y * y;
+        }
+    }
+    Rest rest;
+    auto count = static_cast<double>(sent.size());
+    for (size_t c = 0; c < 2; c++) {
+        rest.gain[c] = squares[c] > 0 ? products[c] / squares[c] : 1;
+        rest.sent[c] = squares[c] / count;
+        double left = 0;
+        left_.clear();
+        for (size_t n = 0; n < sent.size(); n++) {
+            double r = heard_[2 * n * static_cast<size_t>(step) + c] - rest.gain[c] * sent[n][c];
+            left_.push_back(r);
+            left += r * r;
+            rest.peak[c] = std::max(rest.peak[c], std::abs(r));
+        }
+        rest.left[c] = left / count;
+    }
+    return rest;
+}
+
+/// Gauss and Newton, over both channels. @return nothing where the source does not reach
+std::optional<Place> SoundComparison::fit(Place place, int rounds)
+{
+    for (int round = 0; round < rounds; round++) {
+        if (!reference_->reach(place.middle - length_, place.middle + length_))
+            return {};
+        Rest rest = rest_of(place, kFitStep);
+        double dd = 0;
+        double ds = 0;
+        double ss = 0;
+        double rd = 0;
+        double rs = 0;
+        for (int i = 0; i < length_; i += kFitStep) {
+            double from_middle = i - length_ / 2.0;
+            double at = place.middle + from_middle * place.speed;
+            std::array<float, 2> sent = reference_->at(at);
+            std::array<float, 2> slope = reference_->slope_at(at);
+            for (size_t c = 0; c < 2; c++) {
+                double r = heard_[2 * static_cast<size_t>(i) + c] - rest.gain[c] * sent[c];
+                double d = rest.gain[c] * slope[c];
+                double s = d * from_middle / length_;
+                dd += d * d;
+                ds += d * s;
+                ss += s * s;
+                rd += r * d;
+                rs += r * s;
+            }
+        }
+        double determinant = dd * ss - ds * ds;
+        if (!(determinant > 0))
+            return {};
+        place.middle += std::clamp((rd * ss - rs * ds) / determinant, -1.0, 1.0);
+        place.speed += std::clamp((rs * dd - rd * ds) / determinant / length_, -1e-3, 1e-3);
+    }
+    return place;
+}
+
+/// From the whole frame at which least is left of the left channel, whose noise is nowhere like itself.
+std::optional<Place> SoundComparison::fit_near(Place place, int range)
+{
+    double best = -1;
+    Place from = place;
+    for (int shift = -range; shift <= range; shift++) {
+        Place tried = {place.middle + shift, place.speed};
+        if (!reference_->reach(tried.middle - length_, tried.middle + length_))
+            return {};
+        Rest rest = rest_of(tried, kSearchStep);
+        if (best < 0 || rest.left[0] < best) {
+            best = rest.left[0];
+            from = tried;
+        }
+    }
+    return fit(from, 2 * kFitRounds);
+}
+
+/// The beginning and the end of a beep are steep: of them, too, no resampler passes everything on.
+bool SoundComparison::has_beep(Place place) const
+{
+    constexpr double kMarginS = 0.02;
+    constexpr double kBeepS = Programme::kMarkDurationNs / 1e9;
+    double from_s = source_s(place.middle - length_ / 2.0) - kMarginS;
+    double until_s = source_s(place.middle + length_ / 2.0) + kMarginS;
+    double second = std::floor(until_s);
+    // A mark comes with the first picture of its second.
+    constexpr double kLatestS = 0.1;
+    return from_s < second + kLatestS + kBeepS;
+}
+
+bool SoundComparison::fits(const Rest& rest, bool beep) const
+{
+    bool left = rest.left[0] <= kNoiseLeft * kNoiseLeft * rest.sent[0] + (beep ? rest.sent[0] : 0) + 1;
+    double limit = kToneLeft * std::sqrt(rest.sent[1]) + kRoundingLeft;
+    return left && (!comparison_.tones || std::sqrt(rest.left[1]) <= limit);
+}
+
+bool SoundComparison::clicks(const Rest& rest, bool beep) const
+{
+    bool any = false;
+    for (size_t c = 0; c < 2; c++) {
+        bool judged = !beep || (c == 1 && comparison_.tones);
+        double least = std::max(kFaintestClick + kClickInTone * std::sqrt(2 * rest.sent[c]),
+                                kClickFactor * std::sqrt(rest.left[c]));
+        any = any || (judged && rest.peak[c] > least);
+    }
+    return any;
+}
+
+void SoundComparison::note_pitch(Place place)
+{
+    middles_.push_back(place.middle);
+    if (middles_.size() <= kWindowsPerS)
+        return;
+    double passed = place.middle - middles_[middles_.size() - 1 - kWindowsPerS];
+    double ppm = (passed / (kWindowsPerS * length_) * comparison_.clocks - 1) * 1e6;
+    if (source_s(place.middle) - 1 >= kPitchFromS && std::abs(ppm) > std::abs(result_.pitch_ppm))
+        result_.pitch_ppm = ppm;
+}
+
+void SoundComparison::end_second()
+{
+    if (tone_windows_ == kWindowsPerS - 1 || tone_windows_ == kWindowsPerS) {
+        double db = ratio_db(noise_, tone_);
+        result_.noise_db = any_tone_ ? std::max(result_.noise_db, db) : db;
+        any_tone_ = true;
+    }
+    tone_windows_ = 0;
+    tone_ = noise_ = 0;
+}
+
+void SoundComparison::note_tones(Place place, const Rest& rest)
+{
+    double begin_s = source_s(place.middle - length_ / 2.0);
+    double end_s = source_s(place.middle + length_ / 2.0);
+    Programme::Tone tone = Programme::tone_at(begin_s);
+    bool whole = Programme::tone_at(end_s) == tone;
+    auto second = static_cast<int64_t>(begin_s);
+    if (second != second_)
+        end_second();
+    second_ = second;
+    if (!whole || tone == Programme::Tone::changing)
+        return;
+    if (tone == Programme::Tone::steady) {
+        result_.tone_windows++;
+        tone_windows_++;
+        tone_ += rest.gain[1] * rest.gain[1] * rest.sent[1];
+        noise_ += beside_tone(left_, recording_.sample_rate());
+        return;
+    }
+    // A coder may leave nothing of the highest frequencies.
+    if (std::sqrt(rest.sent[1]) < kFaintestSweep)
+        return;
+    double db = 20 * std::log10(std::max(std::abs(rest.gain[1]), 1e-6));
+    bool first = result_.sweep_windows++ == 0;
+    result_.least_db = first ? db : std::min(result_.least_db, db);
+    result_.most_db = first ? db : std::max(result_.most_db, db);
+}
+
+/// @return false: the source ends
+bool SoundComparison::judge(int64_t first, Place predicted)
+{
+    if (!read(first))
+        return false;
+    std::optional<Place> found = fit(predicted, kFitRounds);
+    if (!found)
+        return false;
+    bool beep = has_beep(*found);
+    Rest rest = rest_of(*found, 1);
+    bool good = fits(rest, beep);
+    if (!good && far_searches_++ < kMostFarSearches) {
+        if (std::optional<Place> elsewhere = fit_near(predicted, kFar)) {
+            found = elsewhere;
+            rest = rest_of(*found, 1);
+            good = fits(rest, beep);
+        }
+    }
+    double jump = good ? std::abs(found->middle - predicted.middle) : 0;
+    bool whole = good && jump < kHalfSample && !clicks(rest, beep);
+    result_.windows++;
+    result_.worst_jump = std::max(result_.worst_jump, jump);
+    if (!whole) {
+        result_.disturbed++;
+        if (result_.disturbed == 1)
+            result_.first_disturbed_s = source_s(predicted.middle);
+        middles_.clear();
+    } else
+        note_pitch(*found);
+    place_ = good ? *found : predicted;
+    if (whole && comparison_.tones)
+        note_tones(*found, rest);
+    return true;
+}
+
+Fidelity SoundComparison::run(const std::vector<SoundMatch>& matches)
+{
+    int rate = source_.audio_rate();
+    auto begin = std::find_if(matches.begin(), matches.end(), [&](const SoundMatch& match) {
+        return static_cast<double>(match.source_sample) >= comparison_.from_s * rate;
+    });
+    if (begin == matches.end())
+        return result_;
+    reference_.emplace(source_, begin->source_sample - rate, recording_.sample_rate());
+    int64_t first = begin->position;
+    Place predicted = {reference_->place_of(begin->source_sample) + length_ / 2.0, 1 / comparison_.clocks};
+    if (!read(first))
+        return result_;
+    std::optional<Place> found = fit_near(predicted, kNear);
+    for (predicted = found.value_or(predicted); source_s(predicted.middle) < comparison_.until_s; first += length_) {
+        if (!judge(first, predicted))
+            break;
+        predicted = {place_.middle + length_ * place_.speed, place_.speed};
+    }
+    end_second();
+    return result_;
+}
+
+} // namespace
+
+Fidelity compare_sound(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
+                       const Comparison& comparison)
+{
+    return SoundComparison(recording, source, comparison).run(matches);
+}
+
+} // namespace play
