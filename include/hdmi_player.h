@@ -364,7 +364,7 @@
 #define HDMI_PLAYER_VERSION_MINOR 0
 #define HDMI_PLAYER_VERSION_PATCH 0
 /** For comparisons: `#if HDMI_PLAYER_VERSION >= HDMI_PLAYER_MAKE_VERSION(1, 2, 0)`. */
-#define HDMI_PLAYER_MAKE_VERSION(major, minor, patch) ((major) * 1000000 + (minor) * 1000 + (patch))
+#define HDMI_PLAYER_MAKE_VERSION(major, minor, patch) (1000000 * (major) + 1000 * (minor) + (patch))
 #define HDMI_PLAYER_VERSION \
     HDMI_PLAYER_MAKE_VERSION(HDMI_PLAYER_VERSION_MAJOR, HDMI_PLAYER_VERSION_MINOR, HDMI_PLAYER_VERSION_PATCH)
 
