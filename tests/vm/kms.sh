@@ -6,7 +6,7 @@
 source "$PROJECT/tests/vm/lib.sh"
 
 card=$(card_of vkms)
-options=(--display "kms:$card" --display-latency 76)
+options=(--display "kms:$card")
 
 # figure REPORT KEY: a number of it, by its name.
 figure() { sed -n "s/^ *\"$2\": \([-0-9.e]*\),\{0,1\}\$/\1/p" "$OUT/$1.json" | head -n 1; }
