@@ -598,9 +598,10 @@ TEST_F(AudioOutput, StopEndsAStuckWriteAndEverybodyWhoWaitsForIt)
 
 TEST_F(AudioOutput, ACloseThatFailsIsRepeatedIfNeedBeByTheNextInit)
 {
+    std::atomic<int> left{0}; // of the failures: the next init closes too
     for (const int failures : {1, 2}) {
         start();
-        std::atomic<int> left{failures};
+        left = failures;
         g_hooks.close = [&](audio_config_t*) {
             device.results["close"] = left-- > 0 ? -1 : 0;
             return device.call("close");

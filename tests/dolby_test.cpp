@@ -231,7 +231,7 @@ TEST(BurstPreamble, SyncIsFoundWhereAByteForByteSearchFindsIt)
 {
     // Few kinds of bytes: many that could begin a sync, and many syncs.
     uint32_t seed = 1;
-    for (size_t size = 0; size < 600; ++size) {
+    for (size_t size = 1; size < 600; ++size) {
         Bytes bytes(size);
         for (uint8_t& byte : bytes)
             byte = kBurstSync[(seed = seed * 1664525 + 1013904223) >> (size % 3 == 0 ? 31 : 30)];

@@ -673,15 +673,16 @@ TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
         for (float value : reference.at(place))
             whole.push_back(static_cast<int16_t>(std::lrint(value)));
     }
-    const auto at = static_cast<ptrdiff_t>(2 * (5.43 * kRate));
-    auto repeat = [at](std::vector<int16_t>* sound) {
-        sound->insert(sound->begin() + at, {(*sound)[at], (*sound)[at]});
+    constexpr ptrdiff_t kAt = 2 * 543 * kRate / 100;
+    auto repeat = [](std::vector<int16_t>* sound) {
+        sound->insert(sound->begin() + kAt, {(*sound)[kAt], (*sound)[kAt]});
     };
-    auto lose = [at](std::vector<int16_t>* sound) { sound->erase(sound->begin() + at, sound->begin() + at + 2); };
-    auto click = [at](std::vector<int16_t>* sound) { (*sound)[at + 1] ^= 0x200; };
+    auto lose = [](std::vector<int16_t>* sound) { sound->erase(sound->begin() + kAt, sound->begin() + kAt + 2); };
+    auto click = [](std::vector<int16_t>* sound) { (*sound)[kAt + 1] ^= 0x200; };
     auto distort = [](std::vector<int16_t>* sound) {
         for (size_t i = 0; i < sound->size() / 2; i++)
-            (*sound)[2 * i + 1] = static_cast<int16_t>((*sound)[2 * i + 1] + std::lrint(3 * std::sin(0.9 * i)));
+            (*sound)[2 * i + 1] =
+                static_cast<int16_t>((*sound)[2 * i + 1] + std::lrint(3 * std::sin(0.9 * static_cast<double>(i))));
     };
     auto quieten = [](std::vector<int16_t>* sound) {
         for (size_t i = sound->size() * 3 / 4; i < sound->size(); i++)

@@ -5,7 +5,7 @@
 #include <stddef.h>
 
 /* Refuses to compile where the condition does not hold. C99 has no assertion for that. */
-#define HOLDS(name, condition) typedef char name[(condition) ? 1 : -1]
+#define HOLDS(name, condition) typedef char holds_##name[(condition) ? 1 : -1]
 #define POINTER sizeof(void*)
 
 HOLDS(enumerations, sizeof(hdmi_player_ao_dev_e) == 4 && sizeof(hdmi_player_ao_format_e) == 4 &&

@@ -25,7 +25,7 @@ extern "C" {
 void* __libc_malloc(size_t bytes);
 void* __libc_calloc(size_t count, size_t bytes);
 void* __libc_realloc(void* memory, size_t bytes);
-extern char __executable_start, etext;
+extern char __executable_start, etext; // NOLINT(readability-identifier-naming): the linker's
 }
 
 namespace

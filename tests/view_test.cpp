@@ -28,7 +28,6 @@ using machine::CaptureDevice;
 using machine::Finding;
 using machine::Verdict;
 using machine::VideoFacts;
-using machine::VideoSignal;
 
 namespace
 {
@@ -146,7 +145,8 @@ std::vector<uint8_t> jpeg_of(uint8_t y, uint8_t u, uint8_t v)
     if (avcodec_open2(encoder, nullptr, nullptr) == 0 && av_frame_get_buffer(frame, 0) == 0) {
         const uint8_t values[] = {y, u, v};
         for (int plane = 0; plane < 3; plane++)
-            memset(frame->data[plane], values[plane], static_cast<size_t>(frame->linesize[plane] * frame->height));
+            memset(frame->data[plane], values[plane],
+                   static_cast<size_t>(frame->linesize[plane]) * static_cast<size_t>(frame->height));
         if (avcodec_send_frame(encoder, frame) == 0 && avcodec_receive_packet(encoder, packet) == 0)
             bytes.assign(packet->data, packet->data + packet->size);
     }

@@ -3,7 +3,7 @@
  * forbid_namespaces COMMAND [ARGUMENT...]: runs the command as a container's
  * default seccomp filter has it, without the right to make namespaces or mounts.
  */
-#define _GNU_SOURCE /* CLONE_NEWNS and its like */
+#define _GNU_SOURCE /* CLONE_NEWNS and its like; NOLINT(readability-identifier-naming): the C library's name */
 #include <errno.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>

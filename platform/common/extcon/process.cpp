@@ -75,10 +75,13 @@ int open_state()
         errno = ENOENT;
         return -1;
     }
+    const std::string& state = *e.state;
     // A file like any other: the player takes nothing else for a state.
     const int fd = memfd_create("hdmirx_aud_state", MFD_CLOEXEC);
-    const auto size = static_cast<ssize_t>(e.state->size());
-    if (fd < 0 || (write(fd, e.state->data(), e.state->size()) == size && lseek(fd, 0, SEEK_SET) == 0))
+    if (fd < 0)
+        return -1;
+    const auto size = static_cast<ssize_t>(state.size());
+    if (write(fd, state.data(), state.size()) == size && lseek(fd, 0, SEEK_SET) == 0)
         return fd;
     close(fd);
     errno = EIO;
@@ -139,7 +142,7 @@ int bind_for_player(int fd, const sockaddr* address, socklen_t length)
 struct Redirection {
     const char* name;
     const void* replacement;
-    enum Call { opens, makes_sockets, binds, count } call;
+    enum Call { kOpens, kMakesSockets, kBinds, kCount } call;
 };
 
 const std::vector<Redirection>& redirections()
@@ -147,12 +150,12 @@ const std::vector<Redirection>& redirections()
     const auto* plain = reinterpret_cast<const void*>(open_for_player);
     const auto* checked = reinterpret_cast<const void*>(checked_open_for_player);
     static const std::vector<Redirection> all = {
-        {"open", plain, Redirection::opens},
-        {"open64", plain, Redirection::opens},
-        {"__open_2", checked, Redirection::opens},
-        {"__open64_2", checked, Redirection::opens},
-        {"socket", reinterpret_cast<const void*>(socket_for_player), Redirection::makes_sockets},
-        {"bind", reinterpret_cast<const void*>(bind_for_player), Redirection::binds},
+        {"open", plain, Redirection::kOpens},
+        {"open64", plain, Redirection::kOpens},
+        {"__open_2", checked, Redirection::kOpens},
+        {"__open64_2", checked, Redirection::kOpens},
+        {"socket", reinterpret_cast<const void*>(socket_for_player), Redirection::kMakesSockets},
+        {"bind", reinterpret_cast<const void*>(bind_for_player), Redirection::kBinds},
     };
     return all;
 }
@@ -172,7 +175,7 @@ const void* player()
 
 bool redirect(const void* object)
 {
-    std::array<int, Redirection::count> redirected = {};
+    std::array<int, Redirection::kCount> redirected = {};
     for (const Redirection& redirection : redirections()) {
         const int places = redirect_import(object, redirection.name, redirection.replacement);
         if (places < 0)

@@ -239,14 +239,20 @@ hdmi_linux::CecStats real_cec_stats()
 
 bool start_receiver(std::string* error)
 {
-    char why[256] = "";
-    if (router().machine.receiver_start(why, sizeof why) == 0)
+    const Router& r = router();
+    char why[256] = "no platform for real devices";
+    if (r.routes.real_capture && r.machine.receiver_start(why, sizeof why) == 0)
         return true;
     *error = why;
     return false;
 }
 
-void stop_receiver() { router().machine.receiver_stop(); }
+void stop_receiver()
+{
+    const Router& r = router();
+    if (r.routes.real_capture)
+        r.machine.receiver_stop();
+}
 
 std::vector<hdmi_linux_receiver_event_t> receiver_events()
 {

@@ -277,6 +277,8 @@ void Host::audio_thread()
         play_block(*block);
         hdmi_player_put_pcm(block);
     }
+    if (last.sample_rate <= 0)
+        return; // no sound came
     line_.drain();
     write_from_line(last);
     processed_ = sound_hold_.rest();

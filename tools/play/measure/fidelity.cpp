@@ -143,7 +143,7 @@ Rest SoundComparison::rest_of(Place place, int step)
     Levels squares{};
     Levels own{};
     std::vector<std::array<float, 2>> sent;
-    sent.reserve(static_cast<size_t>(length_ / step + 1));
+    sent.reserve(static_cast<size_t>(length_ / step) + 1);
     for (int i = 0; i < length_; i += step) {
         sent.push_back(reference_->at(place.middle + (i - length_ / 2.0) * place.speed));
         for (size_t c = 0; c < 2; c++) {
