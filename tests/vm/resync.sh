@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # After a device was gone for a moment, or the source at another rate, sound and picture are not only back, but in sync.
-# Limit: 400 s
+# Limit: 250 s
 source "$PROJECT/tests/vm/lib.sh"
 
 bus=/sys/bus/platform/drivers/snd_aloop
@@ -26,10 +26,12 @@ declare -A met=(
     [change_rate]='^  player  *resets [2-9]'
 )
 
-options=(--seconds 16 --rate 44100 --fps 59.94 --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1
-    --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 --display kms)
-make_trouble() { sleep $trouble_s && $trouble; }
-beside=make_trouble
+# The program's own verdict is about the whole run and does not count: the trouble is to miss some limit.
+play_through() {
+    "$BUILD/tools/play/hdmi-player-play" --seconds 16 --rate 44100 --fps 59.94 \
+        --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0 --observe alsa:hw:Speaker,1 \
+        --display kms --report "$OUT/resync-$1.json" >"$OUT/resync-$1.log" 2>&1
+}
 
 # offsets REPORT: those that were measured late enough, in ms.
 offsets() {
@@ -40,9 +42,11 @@ offsets() {
 echo 0 >/sys/module/suspend/parameters/pm_test_delay
 echo HEADDONE_PCM_44=1 >$receiver
 for trouble in unplug_cable unplug_speaker unplug_display suspend change_rate; do
+    (sleep $trouble_s && $trouble) &
+    play_through $trouble
+    wait
     what=${trouble//_/ }
-    play "$OUT/resync-$trouble.log" "${options[@]}" --report "$OUT/resync-$trouble.json"
-    if [ "$played" -eq 4 ] || grep -q '^  late  A/V offset' "$OUT/resync-$trouble.log"; then
+    if grep -q '^  late  A/V offset' "$OUT/resync-$trouble.log"; then
         verdict SKIPPED "$what: A/V offset afterwards" "the host is too busy"
         continue
     fi
