@@ -55,15 +55,12 @@ wait_for() {
 
 # play LOG OPTION...: the play program. It is tried again only where it says itself that the machine was too late to tell;
 # what else runs on the host takes time from this machine. Leaves its exit status in $played, 4 if it was so each time.
-# $beside, if set, is a command that runs beside it each time.
 play() {
     local log=$1
     shift
     for _ in 1 2 3 4; do
         played=0
-        ${beside:-:} &
         "$BUILD/tools/play/hdmi-player-play" "$@" >"$log" 2>&1 || played=$?
-        wait $!
         [ "$played" -eq 4 ] || return 0
         echo "-- the machine was late:$(sed -n 's/^  timers  *beside the player, late//p' "$log")"
     done
