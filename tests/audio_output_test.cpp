@@ -611,6 +611,7 @@ TEST_F(AudioOutput, ACloseThatFailsIsRepeatedIfNeedBeByTheNextInit)
         EXPECT_EQ(device.open, failures == 2);
     }
     start(); // an open of an open device is a violation
+    g_hooks.close = nullptr;
 }
 
 TEST_F(AudioOutput, AnInitDuringAStopIsRefused)
