@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "internal/common.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <stdio_ext.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -55,6 +58,8 @@ struct timespec read_clock(clockid_t clock_id)
 constexpr uint32_t kTurnPatienceUs = 5000;
 /// Pause before the stream's lock is tried again.
 constexpr useconds_t kStreamPauseUs = 100;
+/// Pause before an output is asked again that did not take all.
+constexpr int64_t kCatchUpPauseUs = 20000;
 /// At the end of the process: for how long a reader of the last messages may rest, and how often.
 constexpr int kExitPatienceMs = 200;
 constexpr int kExitTries = 100;
@@ -66,10 +71,44 @@ constexpr char kReset[] = "\033[0m";
 constexpr size_t kShortRecord = 1024;
 
 /**
+ * Standard output, if it is a terminal, opened once more for writes that do not
+ * wait. A terminal that has room for some of a record makes an ordinary write
+ * wait until it has room for the rest, and poll() does not tell that. Not kept:
+ * who reads it must see the hang-up when the host closes its own.
+ */
+class terminal_output
+{
+public:
+    terminal_output()
+    {
+        const int output = fileno(stdout);
+        if (output < 0 || isatty(output) != 1)
+            return;
+        char path[64];
+        snprintf(path, sizeof(path), "/proc/self/fd/%d", output);
+        fd_ = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }
+    ~terminal_output()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    terminal_output(const terminal_output&) = delete;
+    terminal_output& operator=(const terminal_output&) = delete;
+
+    /// The descriptor; -1: no terminal, or one that this user may not open.
+    int fd() const { return fd_; }
+
+private:
+    int fd_ = -1;
+};
+
+/**
  * The way of messages to standard output. Sound must not wait for who reads
  * them: a full pipe or a stopped terminal takes nothing for ever. So a caller
  * prints only what the output takes at once. The rest stays in a backlog, which
- * the next caller prints, and messages that find the backlog full are counted.
+ * the next caller prints - of a message, or of one that its level suppresses -
+ * and messages that find the backlog full are counted.
  *
  * Callers take turns. The one that has the turn prints for all that wait for it,
  * so that none is passed over for long, however many there are.
@@ -90,11 +129,13 @@ public:
     }
 
     void print(const char* record, size_t bytes);
+    void catch_up();
 
 private:
     bool append(const char* record, size_t bytes) REQUIRES(mutex_);
     bool append_losses() REQUIRES(mutex_);
-    size_t print_first(size_t bytes) const;
+    size_t print_first(size_t bytes);
+    size_t write_first(size_t bytes, int terminal);
     bool take_turn(mutex_guard& lock) NO_THREAD_SAFETY_ANALYSIS;
     void print_rest();
 
@@ -109,6 +150,7 @@ private:
     uint64_t refused_ GUARDED_BY(mutex_) = 0;  ///< turns in which the output did not take all
     int waiting_ GUARDED_BY(mutex_) = 0;       ///< callers that wait for the turn
     unsigned lost_ GUARDED_BY(mutex_) = 0;     ///< messages since the backlog was full
+    uint64_t next_try_us_ GUARDED_BY(mutex_) = 0;
 };
 
 // A stream without a descriptor is memory. An error ends the wait too: the print will meet it.
@@ -121,8 +163,9 @@ bool output_takes_more(int wait_ms)
 // The stream's own lock, because the platform's library and the host print to the same stream.
 bool lock_stream()
 {
-    for (uint32_t waited = 0; ftrylockfile(stdout) != 0; waited += kStreamPauseUs) {
-        if (waited >= kTurnPatienceUs)
+    const uint64_t deadline_ns = system_time(CLOCK_MONOTONIC) + uint64_t{kTurnPatienceUs} * 1000;
+    while (ftrylockfile(stdout) != 0) {
+        if (system_time(CLOCK_MONOTONIC) >= deadline_ns)
             return false;
         usleep(kStreamPauseUs);
     }
@@ -156,13 +199,41 @@ bool console_output::append_losses()
     return true;
 }
 
-// Prints the first @p bytes of the backlog as far as the output takes them. @return how many it took.
-size_t console_output::print_first(size_t bytes) const
+// Writes the first @p bytes of the backlog to the terminal. Of a record that it takes in part, the rest becomes the
+// first record.
+size_t console_output::write_first(size_t bytes, int terminal)
 {
+    size_t done = 0;
+    while (done < bytes) {
+        uint32_t length = 0;
+        memcpy(&length, backlog_ + done, kLengthBytes);
+        const ssize_t taken = write(terminal, backlog_ + done + kLengthBytes, length);
+        const bool gone = taken < 0 && errno != EAGAIN && errno != EINTR; // nobody will ever read it
+        if (!gone && taken < static_cast<ssize_t>(length)) {
+            const auto part = static_cast<uint32_t>(std::max<ssize_t>(taken, 0));
+            const uint32_t rest = length - part;
+            memcpy(backlog_ + done + part, &rest, kLengthBytes);
+            return done + part;
+        }
+        done += kLengthBytes + length;
+    }
+    return done;
+}
+
+// Prints the first @p bytes of the backlog as far as the output takes them. @return how many it took.
+size_t console_output::print_first(size_t bytes)
+{
+    const terminal_output terminal;
     // Asked first: a host that is blocked in a print of its own holds the stream's lock.
-    if (!output_takes_more(0) || !lock_stream())
+    if ((terminal.fd() < 0 && !output_takes_more(0)) || !lock_stream())
         return 0;
     size_t done = 0;
+    // What the host has begun to print there comes first, by the stream.
+    if (terminal.fd() >= 0 && __fpending(stdout) == 0) {
+        done = write_first(bytes, terminal.fd());
+        funlockfile(stdout);
+        return done;
+    }
     while (done < bytes && output_takes_more(0)) {
         uint32_t length = 0;
         memcpy(&length, backlog_ + done, kLengthBytes);
@@ -192,6 +263,7 @@ bool console_output::take_turn(mutex_guard& lock)
     } while (all && used_ > 0 && waiting_ == 0);
     printing_ = false;
     refused_ += all ? 0 : 1;
+    g_console_behind = used_ > 0 || lost_ > 0;
     pthread_cond_broadcast(&turn_over_);
     return all;
 }
@@ -206,6 +278,7 @@ void console_output::print(const char* record, size_t bytes)
     }
     if (!appended) {
         ++lost_;
+        g_console_behind = true;
         return;
     }
     const uint64_t end = appended_;
@@ -219,16 +292,32 @@ void console_output::print(const char* record, size_t bytes)
         ++waiting_;
         const int err = lock.wait_until(turn_over_, deadline);
         --waiting_;
-        if (err != 0)
+        if (err != 0 && printing_)
             return;
     }
+}
+
+// Prints what the output refused before, if it takes it now.
+void console_output::catch_up()
+{
+    mutex_guard lock(mutex_);
+    const uint64_t now_us = system_time(CLOCK_MONOTONIC) / 1000;
+    if (printing_ || now_us < next_try_us_)
+        return;
+    next_try_us_ = now_us + kCatchUpPauseUs;
+    append_losses();
+    take_turn(lock);
 }
 
 void console_output::print_rest()
 {
     mutex_guard lock(mutex_);
-    for (int tries = kExitTries; tries > 0 && used_ > 0 && !printing_; --tries) {
-        if (take_turn(lock) && append_losses())
+    const struct timespec deadline = get_monotonic_timeout_us(kExitPatienceMs * 1000);
+    while (printing_ && lock.wait_until(turn_over_, deadline) == 0) {
+    }
+    for (int tries = kExitTries; tries > 0 && (used_ > 0 || lost_ > 0) && !printing_; --tries) {
+        const bool told = append_losses();
+        if (take_turn(lock) && told)
             continue;
         lock.unlock();
         const bool reader = output_takes_more(kExitPatienceMs);
@@ -275,6 +364,10 @@ void append_dump(const char* function, const char* enable_switch, const char* fi
 }
 
 } // namespace
+
+std::atomic<bool> g_console_behind{false};
+
+void console_catch_up() { console_output::instance().catch_up(); }
 
 void console_print(loglevel_e level, const char* format, ...)
 {

@@ -115,11 +115,11 @@ TEST(Common, RecordsOfDifferentThreadsDoNotInterleave)
 }
 
 // Printed, kept or counted: each of a thread's messages in its order.
-TEST(Common, AnOutputThatNobodyReadsHoldsUpNobodyAndLosesNothingUnsaid)
+void expect_nothing_lost_unsaid(UnreadOutput::Kind kind)
 {
     constexpr int kThreads = 4;
     constexpr int kEach = 2000;
-    UnreadOutput output;
+    UnreadOutput output(kind);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([thread] {
@@ -155,6 +155,26 @@ TEST(Common, AnOutputThatNobodyReadsHoldsUpNobodyAndLosesNothingUnsaid)
     EXPECT_EQ(printed + missing, kThreads * kEach + last);
     EXPECT_GT(missing, 0);
     EXPECT_EQ(next[kThreads], last);
+}
+
+TEST(Common, AnOutputThatNobodyReadsHoldsUpNobodyAndLosesNothingUnsaid)
+{
+    expect_nothing_lost_unsaid(UnreadOutput::Kind::pipe);
+    expect_nothing_lost_unsaid(UnreadOutput::Kind::terminal);
+}
+
+TEST(Common, WhatTheOutputRefusedIsPrintedOnceSomethingIsLoggedBeItSuppressed)
+{
+    setenv("debug_hdmiplayer_log_level", "2", 1);
+    UnreadOutput output(UnreadOutput::Kind::terminal);
+    const std::string line(500, '.');
+    for (int n = 0; n < 200; ++n)
+        log_w("<%d>%s\n", n, line.c_str());
+    EXPECT_TRUE(g_console_behind);
+    const std::string text =
+        output.read([] { EXPECT_TRUE(eventually([] { return !log_enabled(LOG_LEVEL_D) && !g_console_behind; })); });
+    EXPECT_NE(text.find("messages are missing here"), std::string::npos) << text.substr(text.size() - 200);
+    unsetenv("debug_hdmiplayer_log_level");
 }
 
 TEST(Common, DeadlinesCarryNanosecondsIntoSecondsAndReachAsFarAsAsked)

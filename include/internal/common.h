@@ -11,6 +11,7 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <cstdint>
 
 enum loglevel_e {
@@ -28,10 +29,17 @@ enum loglevel_e {
  * line break nor flushes. Records of different threads never interleave.
  *
  * Does not wait for who reads the output. What the output does not take is kept,
- * 64 KiB of it, and printed with a later record or at the end of the process;
- * records beyond that are counted and reported in their place.
+ * 64 KiB of it, and printed as soon as something is logged, be it suppressed, or
+ * at the end of the process; records beyond that are counted and reported in
+ * their place. A terminal is the exception, if this user may not open it: one
+ * that stops in the middle of a record holds up whoever prints that.
  */
 void console_print(loglevel_e level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Records wait until the output takes them.
+extern std::atomic<bool> g_console_behind;
+/// Prints those that it takes now; at most fifty times a second.
+void console_catch_up();
 
 /**
  * The integer value of environment variable @p str, or @p value when it is
@@ -47,7 +55,12 @@ int env_get_value(const char* str, int value);
 char* env_get_string(const char* str);
 
 /// Whether a message of @p level is printed now; reads the environment each time.
-inline bool log_enabled(loglevel_e level) { return env_get_value("debug_hdmiplayer_log_level", 2) >= level; }
+inline bool log_enabled(loglevel_e level)
+{
+    if (g_console_behind.load(std::memory_order_relaxed))
+        console_catch_up();
+    return env_get_value("debug_hdmiplayer_log_level", 2) >= level;
+}
 
 /**
  * Logs with the "[function line] " prefix. The level test comes before the

@@ -3,21 +3,29 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
-/// For a scope, standard output is a small pipe that nobody reads before read() is called.
+/// For a scope, standard output is a small pipe or a terminal that nobody reads before read() is called.
 class UnreadOutput
 {
 public:
-    UnreadOutput()
+    enum class Kind { pipe, terminal };
+
+    explicit UnreadOutput(Kind kind = Kind::pipe)
     {
         fflush(stdout);
-        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
-        fcntl(ends_[1], F_SETPIPE_SZ, 4096);
+        if (kind == Kind::pipe) {
+            EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+            fcntl(ends_[1], F_SETPIPE_SZ, 4096);
+        } else {
+            open_terminal();
+        }
         dup2(ends_[1], STDOUT_FILENO);
     }
     ~UnreadOutput()
@@ -50,6 +58,17 @@ public:
     }
 
 private:
+    void open_terminal()
+    {
+        ends_[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        EXPECT_TRUE(grantpt(ends_[0]) == 0 && unlockpt(ends_[0]) == 0);
+        ends_[1] = open(ptsname(ends_[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        struct termios raw = {};
+        EXPECT_EQ(tcgetattr(ends_[1], &raw), 0);
+        cfmakeraw(&raw);
+        tcsetattr(ends_[1], TCSANOW, &raw);
+    }
+
     int ends_[2] = {-1, -1};
     const int before_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 };
