@@ -635,11 +635,12 @@ void pace(oru_player& player, synchronizer_frame_info_t frame)
     int64_t delay = 0;
     while (!player.base.sync_thread_exit && frame_is_due(player, frame, grid, delay)) {
         const int64_t now = system_time_us();
-        player.frame_timer = pacing::advance(player.frame_timer, delay, now);
+        const int64_t frame_timer = pacing::advance(player.frame_timer, delay, now);
         trace_step(player, LOG_LEVEL_I, "system_time:%lli frame_timer:%lli video late sys:%lli delay:%lli\n", lli(now),
-                   lli(player.frame_timer), lli(subtract(now, player.frame_timer)), lli(delay));
+                   lli(frame_timer), lli(subtract(now, frame_timer)), lli(delay));
         if (!take(player, frame, now))
             return;
+        player.frame_timer = frame_timer; // together with the last frame: a frame that was not taken moves neither
         synchronizer_frame_info_t next = {};
         if (!dropped_late(player, frame, next, now)) {
             flip_paced(player, frame);

@@ -73,8 +73,7 @@ typedef enum {
  * The handle. `mutex` guards the clock and the settings; what crosses threads
  * without it is atomic. Everything lives as long as the handle, so that the
  * caller may notify and feed the clock whether the threads run or not.
- * `mutex` may be taken while `sync_thread_mutex` is held, not the other way
- * round.
+ * Lock order: `vsync_thread_mutex`, `sync_thread_mutex`, `mutex`.
  */
 typedef struct sync_strategy_info_s {
     synchronizer_player_e player_type = E_SYNCHRONIZER_PLAYER_SELF;
