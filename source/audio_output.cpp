@@ -70,9 +70,7 @@ bool device_open() { return g_ao_info.init_state == 0; }
 // 0 without a call while the device is closed, -ETIMEDOUT while it is stuck in a write.
 template <typename Call> int32_t on_open_device(Call call)
 {
-    if (!device_open())
-        return 0;
-    mutex_guard lock(g_ao_info.mutex);
+    mutex_guard lock(g_ao_info.mutex); // a device that is being reopened takes the call when it is open again
     if (!await_write_end(lock, kDevicePatienceUs))
         return -ETIMEDOUT;
     return device_open() ? call(&g_ao_info.audio_cfg) : 0;
@@ -516,7 +514,8 @@ int32_t abandon_init() REQUIRES(g_ao_info.api_rwlock)
 {
     {
         mutex_guard lock(g_ao_info.mutex);
-        close_device();
+        if (close_device() >= 0)
+            g_ao_info.left_open = false;
     }
     tear_down();
     return -1;

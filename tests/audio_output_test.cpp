@@ -644,6 +644,24 @@ TEST_F(AudioOutput, AStopKeepsAReopenThatIsUnderWayFromOpeningTheDevice)
     EXPECT_EQ(device.calls, (Calls{"cec_deinit", "close"}));
 }
 
+TEST_F(AudioOutput, AMuteDuringAReopenReachesTheDeviceThatIsOpenAgain)
+{
+    Gate gate;
+    start();
+    const auto open = g_hooks.open;
+    g_hooks.open = [&](audio_config_t* cfg) { return gate.pass(), open(cfg); };
+    audio_output_set_dev_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
+    EXPECT_EQ(play(0, 1), 0);
+    EXPECT_TRUE(gate.reached()); // closed, and on its way to be open again
+    BlockedCall<int32_t> mute([] { return audio_output_set_mute(true); });
+    EXPECT_TRUE(mute.asleep());
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return mute.returned(); }));
+    EXPECT_TRUE(mute.result() == 0 && audio_output_mute_status());
+    EXPECT_EQ(audio_output_deinit(), 0);
+    EXPECT_EQ(std::count(device.calls.begin(), device.calls.end(), "mute"), 1);
+}
+
 TEST_F(AudioOutput, ASelectionThatDiscardsAFullQueueLetsItsProducerGoOn)
 {
     // The writer is between two blocks, so that none of the 128 will be given back by it.

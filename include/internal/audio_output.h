@@ -57,7 +57,8 @@ typedef struct audio_output_info_s {
     int32_t frame_queue = -1;                   ///< "OUT"; -1: none
     std::atomic<int32_t> init_state{-1};        ///< 0: the device is open; negative: it is not. Written under mutex.
     std::atomic<int32_t> fixed_delay{0};        ///< ms the writer holds the first block of a serial
-    /// The selection, written under mutex. The device follows at the end of the select call, or at a reopen.
+    /// The selection, written under mutex, or before there is a writer. The device follows at the end of the select
+    /// call, or at a reopen.
     std::atomic<hdmi_player_ao_dev_e> dev{E_HDMI_PLAYER_AO_DEV_AUTO};
     std::atomic<hdmi_player_ao_format_e> format{E_HDMI_PLAYER_AO_FORMAT_PCM};
     audio_output_dev_op_e dev_op GUARDED_BY(mutex) = AUDIO_OUTPUT_DEV_OP_NONE;
@@ -71,7 +72,7 @@ typedef struct audio_output_info_s {
     bool writing GUARDED_BY(mutex) = false;   ///< the writer is inside aio_device_write
     int32_t waiting GUARDED_BY(mutex) = 0;    ///< callers that wait for the write to end; they go before the next one
     pthread_cond_t device_cond;               ///< `writing` or `waiting` fell; on CLOCK_MONOTONIC
-    bool left_open GUARDED_BY(mutex) = false; ///< by a deinit whose close failed; kept until the next init
+    bool left_open GUARDED_BY(mutex) = false; ///< a close failed at the end; the next init repeats it
     rwlock_t api_rwlock;                      ///< write: init and the end of deinit; read: everything else
     /**
      * Held through a whole select call: another one must not answer from, store
