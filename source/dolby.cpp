@@ -317,7 +317,9 @@ void* dolby_decode(void* arg)
             frame = frame_queue_pool_acquire(info->output_pcm_queue, frame_size);
             release_demux_thread(info);
             if (frame == nullptr && !info->abort_request) {
-                log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame_size);
+                // A wake-up that was meant for the demux thread, since decoding ended, is no failure.
+                if (info->strategy == DOLBY_STRATEGY_DECODE)
+                    log_e("frame_queue_pool_acquire(size:%d) failed.\n", frame_size);
                 usleep(kRefusedPauseUs);
             }
             continue;

@@ -23,7 +23,7 @@ namespace
 {
 
 constexpr int32_t kQueueFrames = 128;
-/// Longest wait for one source frame, and so the longest that a stop waits for the worker.
+/// Longest wait for one source frame, and so about the longest that a stop waits for the worker.
 constexpr int32_t kSourceTimeoutMs = 100;
 /// Pause of the worker while the stage is off, and after a source that answered twice at once without a frame.
 constexpr useconds_t kIdleUs = 10000;
@@ -128,11 +128,11 @@ bool follow_rate(resample_context_t& ctx, int rate, bool converts)
     return true;
 }
 
-/// Runs the converter; the bytes it put into @p dst, or negative.
+/// Runs the converter on the first @p samples of @p src; the bytes it put into @p dst, or negative.
 int32_t run_converter(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, int samples,
                       const hdmi_player_audio_frame_t& dst, int capacity)
 {
-    const sample_planes in(src.data, samples, ctx.src_param);
+    const sample_planes in(src.data, src.size / ctx.src_param.frame_size, ctx.src_param);
     sample_planes out(dst.data, capacity, ctx.tgt_param);
     const int len = swr_convert(ctx.audio_swr_ctx, out.data, capacity, const_cast<const uint8_t**>(in.data), samples);
     if (len < 0) {
