@@ -149,8 +149,8 @@
  * how the input is played. In a reset it
  * - raises E_HDMI_PLAYER_EVENT_AVSYNC_RESET;
  * - restarts the audio's time line with a new `serial` and pts 0;
- * - queues the frames until sound of that serial is played. Once the queue is
- *   full, every further frame flips the oldest.
+ * - queues the frames until sound of that serial is played. The frame that
+ *   fills the queue, and every further one, flips the oldest.
  *
  * The first block of a serial is held back for 76 ms, the latency of the video
  * path, before it goes to the device. From then on frames that are late against

@@ -69,7 +69,8 @@ typedef struct audio_input_info_s {
 
 extern audio_input_info_t g_ai_info;
 
-/// Reads the input's state, opens the device and starts both threads. 0, or -1 with nothing left behind.
+/// Reads the input's state, opens the device and starts both threads. 0, or -1 with nothing left behind but a device
+/// that failed to close, which the next init closes.
 int32_t audio_input_init(audio_input_config_t cfg);
 /// Ends both threads, blocked or not, then frees every frame, those that consumers hold included. 0, or -1
 /// when there is nothing to end.

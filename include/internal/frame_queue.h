@@ -105,8 +105,8 @@ int32_t frame_queue_wait_done_frame(int32_t id, int32_t count);
 /// Number of done frames, or -1. Does not wait for the queue's mutex.
 int32_t frame_queue_get_done_counts(int32_t id);
 
-/// Ends the wait for a done frame in progress, else the next one.
+/// Ends the wait for a done frame in progress; else the next dequeue does not wait.
 void frame_queue_done_wakeup(int32_t id);
 
-/// Ends the wait for a pool frame in progress, else the next one.
+/// Ends the wait for a pool frame in progress; else the next acquire does not wait.
 void frame_queue_pool_wakeup(int32_t id);

@@ -51,7 +51,9 @@ struct CAPABILITY("mutex") mutex_t {
  * Such a lock lets callers in a loop starve a writer: their reads overlap, and
  * the lock is never free. One rule prevents that in every module: while a writer
  * holds the lock or waits for it, entry_guard refuses new calls before they touch
- * the lock. The writer then waits only for the calls in progress.
+ * the lock. The writer then waits only for the calls in progress. A call that
+ * comes just as a writer announces itself may be waiting for the lock instead:
+ * never join a thread of the module while holding it for writing.
  *
  * Threads that init starts are refused too until init ends. One that calls back
  * into its own module therefore waits for the end of init first, with a

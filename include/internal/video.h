@@ -101,7 +101,7 @@ typedef struct video_info_s {
     video_frame_queue_t frame_queue;
     video_flip_turn_t flip_turn;
     std::atomic<int32_t> fixed_delay;                     ///< ms: latency of the video path
-    int64_t last_system_time GUARDED_BY(internal_mutex);  ///< us: the previous render call
+    int64_t last_system_time GUARDED_BY(internal_mutex);  ///< us: the previous render call but in free run
     int64_t last_frame_pts GUARDED_BY(internal_mutex);    ///< us: the last stamp given
     std::atomic<int32_t> frame_serial;                    ///< serial of the audio clock; written under internal_mutex
     int32_t last_frame_serial GUARDED_BY(internal_mutex); ///< serial seen by the previous render
