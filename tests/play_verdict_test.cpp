@@ -23,6 +23,7 @@ Result good_run()
     run.offset = summarise(run.offsets);
     run.resets = 1;
     run.frames.rendered = run.frames.flipped = 60;
+    run.source_rate = 48000;
     run.samples.out = run.samples.in = 48000;
     run.samples.first_source_sample = 0;
     run.samples.block = 960;
@@ -171,6 +172,7 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const Outcome yes = Outcome::inconclusive;
     const Outcome no = Outcome::fail;
     const auto unread = [](Result* run) { run->overruns = 2; };
+    const auto thrown_away = [](Result* run) { run->audio.late = 2 * 960; };
     struct Case {
         const char* what;
         Outcome outcome;
@@ -189,6 +191,8 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"more pictures than late ticks", no, {pictures_to(300)}},
         {"samples of periods that nobody read", yes, {unread, missing(2 * 960)}},
         {"a block more than that", no, {unread, missing(3 * 960)}},
+        {"what the host threw away as well", yes, {unread, thrown_away, missing(4 * 960)}},
+        {"a block more than it threw away", no, {thrown_away, missing(3 * 960)}},
         {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };
     for (const Case& one : cases) {

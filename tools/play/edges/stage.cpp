@@ -122,7 +122,13 @@ void Stage::disconnect()
     link_->disconnect();
 }
 
-void Stage::wait_until_played() { output_->wait_until_played(); }
+void Stage::wait_until_played()
+{
+    // What the host wrote last reaches the device on a thread of the player's, up to a period later.
+    constexpr useconds_t kHandOverUs = 100'000;
+    usleep(kHandOverUs);
+    output_->wait_until_played();
+}
 
 void Stage::watch_devices()
 {

@@ -65,15 +65,19 @@ int64_t largest_decoded_burst(int sample_rate) { return sample_rate == 44100 ? 3
 
 bool machine_missed_a_period(const Result& result) { return result.punctuality.worst_ms > kOutputPeriodMs; }
 
-/// The edges themselves count sound that nobody took or gave in time: what follows is out of place by that, and no
-/// more.
+constexpr double kOutputRate = 48000;
+
+/// The edges themselves count sound that nobody took or gave in time, and the host what it threw away since it came
+/// late: what follows is out of place by that, and no more.
 bool machine_lost_sound(const Result& result)
 {
-    bool counted = result.overruns > 0 || result.stage.link.breaks > 0 || result.stage.sound.observer_breaks > 0;
+    bool counted = result.overruns > 0 || result.audio.late > 0 || result.stage.link.breaks > 0 ||
+                   result.stage.sound.observer_breaks > 0;
     // Elsewhere nobody knows how much sound an overrun or a lost burst is.
     bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
     auto block = static_cast<double>(result.samples.block);
-    double most = (static_cast<double>(result.overruns) + 0.5) * block;
+    double thrown_away = static_cast<double>(result.audio.late) * kOutputRate / result.source_rate;
+    double most = (static_cast<double>(result.overruns) + 0.5) * block + thrown_away;
     return counted && machine_missed_a_period(result) && (!in_periods || result.samples.missing <= most);
 }
 
