@@ -353,6 +353,9 @@ int Pcm::delay()
     snd_pcm_sframes_t frames = 0;
     const int err = snd_pcm_delay(handle_.get(), &frames);
     touched_ns_ = now_ns();
+    // A sound server goes on stating the delay that it had when the device ran empty.
+    if (err >= 0 && snd_pcm_state(handle_.get()) == SND_PCM_STATE_XRUN)
+        return -EPIPE;
     return err < 0 ? err : std::max(static_cast<int>(frames), 0);
 }
 

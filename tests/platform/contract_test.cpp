@@ -124,8 +124,12 @@ TEST_F(PlatformContract, WritingIsPacedByTheDeviceAndItsDelayRunsOut)
 TEST_F(PlatformContract, WithoutWritesTheDelayFallsAsTimePassesAndStopsAtZero)
 {
     constexpr int kLooks = 20;
+    constexpr int kSecond = 50; // periods
     for (const int rate : {48000, 44100}) {
         ASSERT_NO_FATAL_FAILURE(play_at(rate));
+        // Just after its start a sound server guesses.
+        for (int period = 0; period < kSecond; ++period)
+            ASSERT_GT(write_period(), 0);
         // The line through all looks: the position of some devices moves by periods.
         double n = 0, sum_t = 0, sum_d = 0, sum_tt = 0, sum_td = 0;
         const auto start = Clock::now();
