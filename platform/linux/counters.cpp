@@ -32,6 +32,8 @@ hdmi_linux_device_t device_of(const hdmi_linux::DeviceStats& stats)
     device.period_frames = stats.period_frames;
     device.period_count = stats.period_count;
     copy(stats.pcm, device.pcm);
+    device.matched = stats.matched;
+    device.matching_ppm = stats.matching_ppm;
     return device;
 }
 

@@ -78,7 +78,9 @@ typedef struct hdmi_linux_device {
     int rate;            /**< Hz */
     int period_frames;
     int period_count;
-    char pcm[108]; /**< ALSA's name */
+    char pcm[108];       /**< ALSA's name */
+    bool matched;        /**< playback: what is played is resampled from the capture device's clock */
+    double matching_ppm; /**< by how much that clock is faster, as the ratio has it; 0 while it is not known */
 } hdmi_linux_device_t;
 hdmi_linux_device_t hdmi_linux_playback(void);
 hdmi_linux_device_t hdmi_linux_capture(void);
