@@ -8,6 +8,7 @@
 #include <cmath>
 #include <string>
 
+#include "coded_audio.h"
 #include "config/config_faults.h"
 #include "display/flip_gate.h"
 #include "display/frame_pool.h"
@@ -50,6 +51,25 @@ std::unique_ptr<CodedProgramme> coded_programme(Coding coding, int64_t ns)
     auto coded = CodedProgramme::make(coding, Programme(48000, {60, 1}, ns), ns, CodedProgramme::kBitRate, &error);
     EXPECT_NE(coded, nullptr) << error;
     return coded;
+}
+
+/// The frames in the source's bursts from number @p first on.
+std::vector<coded_audio::Bytes> payloads(const Source& source, int64_t first, int count)
+{
+    constexpr size_t kPreambleWords = 4;
+    const int64_t period = burst_link_frames(source.coding());
+    std::vector<coded_audio::Bytes> frames;
+    std::vector<int16_t> words(static_cast<size_t>(2 * period));
+    for (int64_t burst = first; burst < first + count; burst++) {
+        source.link(burst * period, words.data(), static_cast<int>(period));
+        const auto length = static_cast<uint16_t>(words[kPreambleWords - 1]);
+        coded_audio::Bytes& bytes = frames.emplace_back();
+        for (size_t i = 0; i < (source.coding() == Coding::eac3 ? length : length / 8u); i++) {
+            const auto word = static_cast<uint16_t>(words[kPreambleWords + i / 2]);
+            bytes.push_back(static_cast<uint8_t>(i % 2 == 0 ? word >> 8 : word));
+        }
+    }
+    return frames;
 }
 
 /// A recording of given samples, heard from @p heard_ns on.
@@ -177,6 +197,30 @@ TEST(CodedProgramme, IsHeardWhenItsBurstsPass)
             EXPECT_EQ(static_cast<uint16_t>(words[3]), 0x4E1F);
             EXPECT_EQ(words[4], coding == Coding::eac3 ? 21 : 1);
         }
+    }
+}
+
+TEST(CodedProgramme, GoesOnFromMinuteToMinuteWithoutASeam)
+{
+    constexpr int64_t kBurstsPerMinute = 60 * 48000 / kBurstSamples;
+    constexpr int kBursts = 8;
+    for (Coding coding : {Coding::ac3, Coding::eac3}) {
+        auto coded = coded_programme(coding, 200 * kSecond);
+        coded_audio::Format format;
+        format.codec = coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3;
+        for (int64_t minute : {1, 2, 3}) {
+            const int64_t first = minute * kBurstsPerMinute - kBursts / 2;
+            const std::vector<int16_t> heard = sound_of(*coded, first * kBurstSamples, kBursts * kBurstSamples);
+            std::vector<int16_t> decoded = coded_audio::decode(format, payloads(*coded, first, kBursts), 2);
+            ASSERT_EQ(decoded.size(), heard.size());
+            // The first burst of a decoder has nothing to overlap with.
+            std::copy_n(heard.begin(), 2 * kBurstSamples, decoded.begin());
+            EXPECT_EQ(decoded, heard) << "minute " << minute;
+        }
+        ASSERT_EQ(coded->onsets().size(), 200u);
+        for (size_t second : {119u, 120u, 121u, 200u})
+            EXPECT_NEAR(static_cast<double>(coded->onsets()[second - 1]), static_cast<double>(48000 * second), 16);
+        EXPECT_EQ(sound_of(*coded, coded->coded_end(), 480), std::vector<int16_t>(960)) << "it ends";
     }
 }
 

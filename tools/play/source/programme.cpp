@@ -14,6 +14,8 @@ constexpr int64_t kSecondNs = 1'000'000'000;
 /// A tone's turn, and its fading in and out.
 constexpr double kTurnS = 10;
 constexpr double kFadeS = 0.05;
+static_assert(Programme::kComesRoundS % Programme::kBeepPitches == 0 &&
+              Programme::kComesRoundS % static_cast<int>(2 * kTurnS) == 0);
 /// One decibel below full scale.
 constexpr double kTonePeak = 32767 * 0.891;
 constexpr double kSweepFromHz = 20;

@@ -29,6 +29,8 @@ public:
 
     enum class Tone { steady, sweep, changing };
     static constexpr double kToneHz = 997;
+    /// The pitches of the beeps and the tones have come round by then; only the faint noise has not.
+    static constexpr int kComesRoundS = 60;
 
     Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones = false);
 
