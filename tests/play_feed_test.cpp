@@ -9,11 +9,12 @@
 #include <mutex>
 #include <vector>
 
+#include "common/clock.h"
 #include "edges/alsa_feed.h"
 #include "eventually.h"
-#include "signal/clock.h"
 
 using namespace play;
+using common::now_ns;
 
 namespace
 {

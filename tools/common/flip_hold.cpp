@@ -5,6 +5,8 @@
 
 #include <chrono>
 
+#include "common/clock.h"
+
 namespace common
 {
 namespace
@@ -12,8 +14,6 @@ namespace
 
 /// CLOCK_MONOTONIC is the clock behind it.
 using Clock = std::chrono::steady_clock;
-
-int64_t monotonic_ns() { return std::chrono::nanoseconds(Clock::now().time_since_epoch()).count(); }
 
 Clock::time_point at(int64_t time_ns) { return Clock::time_point(std::chrono::nanoseconds(time_ns)); }
 
@@ -49,7 +49,7 @@ void HeldFlips::run()
             changed_.wait(lock);
             continue;
         }
-        void* buffer = hold_.pop(monotonic_ns());
+        void* buffer = hold_.pop(now_ns());
         if (buffer == nullptr) {
             changed_.wait_until(lock, at(*due_ns));
             continue;

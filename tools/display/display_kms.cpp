@@ -15,7 +15,7 @@
 #include <mutex>
 #include <thread>
 
-#include "display/clock.h"
+#include "common/clock.h"
 #include "display/display.h"
 #include "display/flip_queue.h"
 #include "display/kms_card.h"
@@ -203,7 +203,7 @@ void KmsDisplay::submit()
     if (error == 0) {
         queue_.taken();
         flip_id_++;
-        flipped_ns_ = monotonic_ns();
+        flipped_ns_ = common::now_ns();
     } else if (error != EBUSY) {
         lose(error);
     }
@@ -219,7 +219,7 @@ void KmsDisplay::lose(int error)
         if (buffer != looked_at_)
             release(buffer);
     }
-    stats_.outages.push_back({monotonic_ns(), 0, reason_of(error)});
+    stats_.outages.push_back({common::now_ns(), 0, reason_of(error)});
     wake();
 }
 
@@ -249,7 +249,7 @@ void KmsDisplay::revive()
         return;
     std::unique_lock<std::mutex> lock(mutex_);
     lost_ = false;
-    const int64_t lasted_ns = monotonic_ns() - stats_.outages.back().began_ns;
+    const int64_t lasted_ns = common::now_ns() - stats_.outages.back().began_ns;
     stats_.outages.back().lasted_ns = lasted_ns;
     lock.unlock();
     std::fprintf(stderr, "%s: display back after %.2f s\n", program_invocation_short_name,
@@ -261,7 +261,7 @@ void KmsDisplay::run()
     pthread_setname_np(pthread_self(), "kms_display");
     bool stopped = false;
     while (!stopped) {
-        int64_t now_ns = monotonic_ns();
+        int64_t now_ns = common::now_ns();
         int64_t wait_ns = std::max<int64_t>(next_look_ns() - now_ns, 0);
         timespec wait = {};
         wait.tv_sec = wait_ns / 1'000'000'000;
@@ -277,7 +277,7 @@ void KmsDisplay::run()
             continue;
         if ((ready[1].revents & POLLIN) != 0)
             read_events();
-        now_ns = monotonic_ns();
+        now_ns = common::now_ns();
         if (!lost && (ready[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
             lock.lock();
             if (!lost_)
@@ -298,7 +298,7 @@ int64_t KmsDisplay::next_look_ns()
     if (lost_)
         return stop_ ? 0 : revived_ns_ + kReviveNs;
     if (queue_.next() != nullptr)
-        return monotonic_ns() + kBusyRetryNs;
+        return common::now_ns() + kBusyRetryNs;
     int64_t next_ns = checked_ns_ + kConnectorCheckNs;
     if (queue_.on_its_way() != nullptr)
         next_ns = std::min(next_ns, flipped_ns_ + kFlipLimitNs);
@@ -320,7 +320,7 @@ void KmsDisplay::watch_over(int64_t now_ns)
         if (now_ns < revived_ns_ + kReviveNs)
             return;
         revive();
-        revived_ns_ = monotonic_ns();
+        revived_ns_ = common::now_ns();
         return;
     }
     if (!connected)
@@ -364,7 +364,7 @@ void KmsDisplay::on_flip(const FlipEvent& event)
     if (!monotonic_) {
         timespec wall = {};
         clock_gettime(CLOCK_REALTIME, &wall);
-        vblank_ns += monotonic_ns() - (wall.tv_sec * int64_t{1'000'000'000} + wall.tv_nsec);
+        vblank_ns += common::now_ns() - (wall.tv_sec * int64_t{1'000'000'000} + wall.tv_nsec);
     }
     std::unique_lock<std::mutex> lock(mutex_);
     // The event of a flip that was on its way when the display was lost may still come.
@@ -425,7 +425,7 @@ void KmsDisplay::stop()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
-        stop_ns_ = monotonic_ns();
+        stop_ns_ = common::now_ns();
     }
     wake();
     thread_.join();

@@ -14,7 +14,7 @@
 #include <mutex>
 #include <thread>
 
-#include "display/clock.h"
+#include "common/clock.h"
 #include "display/display.h"
 #include "display/flip_queue.h"
 
@@ -391,7 +391,7 @@ FrameBuffer* WindowDisplay::take_next()
 
 void WindowDisplay::on_shown(const FrameBuffer& buffer)
 {
-    int64_t now_ns = monotonic_ns();
+    int64_t now_ns = common::now_ns();
     std::unique_lock<std::mutex> lock(mutex_);
     FrameBuffer* before = queue_.shown();
     Observer* const observer = observer_;
@@ -446,7 +446,7 @@ void WindowDisplay::clear()
 bool WindowDisplay::finished() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return stop_ && (queue_.next() == nullptr || monotonic_ns() >= stop_ns_ + kFinishLimitNs);
+    return stop_ && (queue_.next() == nullptr || common::now_ns() >= stop_ns_ + kFinishLimitNs);
 }
 
 void WindowDisplay::stop()
@@ -456,7 +456,7 @@ void WindowDisplay::stop()
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
-        stop_ns_ = monotonic_ns();
+        stop_ns_ = common::now_ns();
     }
     changed_.notify_all();
     thread_.join();

@@ -3,7 +3,8 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <time.h>
+
+#include "common/clock.h"
 
 namespace process
 {
@@ -16,13 +17,6 @@ constexpr int64_t kSameSignalNs = 500'000'000;
 // A handler has no arguments of its own.
 std::atomic<int> g_number{0};
 std::atomic<int64_t> g_first_ns{0};
-
-int64_t now_ns()
-{
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
 
 bool is_ignored(int number)
 {
@@ -53,7 +47,7 @@ void set_action(int number, void (*action)(int))
 /// In a handler too: calls nothing that a handler may not call.
 void note(int number)
 {
-    int64_t now = now_ns();
+    int64_t now = common::now_ns();
     if (g_first_ns == 0) {
         g_first_ns = now;
         g_number = number;

@@ -8,12 +8,14 @@
 #include <cerrno>
 #include <cmath>
 
-#include "signal/clock.h"
+#include "common/clock.h"
 
 namespace play
 {
 namespace
 {
+
+using common::now_ns;
 
 /// Queued before the device starts: the thread may be late by that much.
 constexpr int kPeriodsAhead = 8;

@@ -8,14 +8,16 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "common/clock.h"
 #include "hdmi_cec.h"
 #include "hdmi_sim.h"
-#include "signal/clock.h"
 
 namespace play
 {
 namespace
 {
+
+using common::now_ns;
 
 constexpr const char* kLinuxLibrary = "libhdmiplayer_linux.so.1";
 

@@ -6,12 +6,15 @@
 #include <cmath>
 #include <utility>
 
-#include "signal/clock.h"
+#include "common/clock.h"
 
 namespace play
 {
 namespace
 {
+
+using common::now_ns;
+using common::sleep_until_ns;
 
 /// How long a pull of sound waits: long enough not to spin, short enough to notice the end.
 constexpr int32_t kPullTimeoutMs = 100;

@@ -8,12 +8,15 @@
 #include <cmath>
 #include <functional>
 
-#include "signal/clock.h"
+#include "common/clock.h"
 
 namespace play
 {
 namespace
 {
+
+using common::now_ns;
+using common::sleep_until_ns;
 
 /// Shorter than half a vertical blank at 60 Hz: a processor that is away for longer than that is noticed.
 constexpr int64_t kTickNs = 5'000'000;

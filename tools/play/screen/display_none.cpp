@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <mutex>
 
-#include "display/clock.h"
+#include "common/clock.h"
 #include "screen/open_display.h"
 
 namespace play
@@ -29,7 +29,7 @@ public:
     void present(display::FrameBuffer* buffer) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        observer_->shown(*buffer, display::monotonic_ns() + latency_ms_ * int64_t{1'000'000});
+        observer_->shown(*buffer, common::now_ns() + latency_ms_ * int64_t{1'000'000});
         flips_++;
         if (shown_ != nullptr)
             release(shown_);

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "display/clock.h"
+#include "common/clock.h"
 
 namespace view
 {
@@ -104,7 +104,7 @@ ViewBuffer* Feed::take()
     const std::optional<CapturedFrame> frame = device_->take();
     if (!frame)
         return nullptr;
-    account(*frame, display::monotonic_ns());
+    account(*frame, common::now_ns());
     if (frame->damaged) {
         damaged_++;
         device_->queue(frame->index);
@@ -145,7 +145,7 @@ ViewBuffer* Feed::take_direct(const CapturedFrame& frame)
 {
     ViewBuffer* buffer = of_index_[static_cast<size_t>(frame.index)];
     buffer->number = frames_;
-    buffer->arrived_ns = display::monotonic_ns();
+    buffer->arrived_ns = common::now_ns();
     if (black_check_.due(buffer->arrived_ns))
         black_ = is_black(device_->frame(frame.index));
     return buffer;
@@ -162,7 +162,7 @@ ViewBuffer* Feed::take_painted(const CapturedFrame& frame)
         return nullptr;
     }
     buffer->number = frames_;
-    buffer->arrived_ns = display::monotonic_ns();
+    buffer->arrived_ns = common::now_ns();
     buffer->stage = 0;
     buffer->painted_well = true;
     {

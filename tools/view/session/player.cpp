@@ -6,7 +6,7 @@
 #include <cmath>
 #include <limits>
 
-#include "display/clock.h"
+#include "common/clock.h"
 
 namespace view
 {
@@ -126,7 +126,7 @@ void Player::on_drop(hdmi_player_video_frame_t frame)
 
 void Player::show(ViewBuffer* buffer)
 {
-    const int64_t now_ns = display::monotonic_ns();
+    const int64_t now_ns = common::now_ns();
     if (gate_->admit(now_ns)) {
         shown_++;
         held_flips_->flip(buffer, now_ns, gate_->vblank_ns());

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "display/clock.h"
+#include "common/clock.h"
 #include "machine/capture_devices.h"
 
 namespace view
@@ -50,7 +50,7 @@ std::string sound_input()
 } // namespace
 
 Viewer::Viewer(const Options& options, const process::StopSignals& signals)
-    : options_(options), signals_(signals), kind_(choose_display(options.display)), began_ns_(display::monotonic_ns())
+    : options_(options), signals_(signals), kind_(choose_display(options.display)), began_ns_(common::now_ns())
 {
     config_.wish = options.mode;
     config_.output = options.output;
@@ -67,7 +67,7 @@ Viewer::~Viewer()
 
 bool Viewer::ended() const
 {
-    const double seconds = static_cast<double>(display::monotonic_ns() - began_ns_) / 1e9;
+    const double seconds = static_cast<double>(common::now_ns() - began_ns_) / 1e9;
     return quit_ || signals_.number() != 0 || (display_ && display_->closed()) ||
            (options_.seconds > 0 && seconds >= options_.seconds);
 }
@@ -254,7 +254,7 @@ void Viewer::watch()
             tell({Verdict::missing, sound_input(), "no sound: the device cannot be opened, as said above",
                   "hdmi-player-doctor"});
         had_sound_ = sounds;
-        watch_for_black(display::monotonic_ns());
+        watch_for_black(common::now_ns());
         pause(kLookAgainMs);
     }
     if (viewing_->end() == Viewing::End::stalled)

@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "display/clock.h"
+#include "common/clock.h"
 #include "hdmi_linux.h"
 #include "process/realtime.h"
 
@@ -84,18 +84,18 @@ void Viewing::stop()
 void Viewing::run()
 {
     pthread_setname_np(pthread_self(), "view_capture");
-    int64_t came_ns = display::monotonic_ns();
+    int64_t came_ns = common::now_ns();
     while (!stop_ && end_ == End::none) {
         const VideoDevice::News news = device_->wait(kWaitMs);
         if (news.gone)
             end_ = End::gone;
         else if (news.signal)
             end_ = End::signal;
-        else if (display::monotonic_ns() - came_ns > kStallNs)
+        else if (common::now_ns() - came_ns > kStallNs)
             end_ = End::stalled;
         if (!news.frame)
             continue;
-        came_ns = display::monotonic_ns();
+        came_ns = common::now_ns();
         if (ViewBuffer* buffer = feed_.take()) {
             std::lock_guard<std::mutex> lock(mutex_);
             player_.render(buffer);
@@ -127,7 +127,7 @@ bool Viewing::tend_player(const ViewingConfig& config)
     const bool fits = std::abs(later_ms - later_ms_) < kAgeToleranceMs && opened_delay_ms_ == config.sound_delay_ms;
     if (player_.is_open() && fits)
         return true;
-    const int64_t now_ns = display::monotonic_ns();
+    const int64_t now_ns = common::now_ns();
     if (!player_.is_open() && tried_ns_ != 0 && now_ns - tried_ns_ < kTryAgainNs)
         return false;
     tried_ns_ = now_ns;

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// The clock of all measurements: CLOCK_MONOTONIC.
+// The clock of the tools: CLOCK_MONOTONIC, by which the kernel stamps vertical blanks, flips and sound, too.
 #pragma once
 
 #include <time.h>
 
 #include <cstdint>
 
-namespace play
+namespace common
 {
 
 inline int64_t now_ns()
@@ -25,4 +25,4 @@ inline void sleep_until_ns(int64_t deadline_ns)
     }
 }
 
-} // namespace play
+} // namespace common
