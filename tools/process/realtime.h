@@ -6,7 +6,7 @@ namespace process
 
 /**
  * Runs the calling thread with round-robin real-time priority, if the machine
- * permits, and with its old scheduling again when the scope ends.
+ * permits, and with ordinary scheduling when the scope ends.
  *
  * Threads that are started inside inherit it. That matters for the player:
  * threads that it creates without scheduling of their own (those that pace the
