@@ -3,20 +3,13 @@
 //
 // Input: two bytes that set the largest chunk, then the stream.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 
+#include "input.h"
 #include "internal/dolby.h"
 
 namespace
 {
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
 
 // Exactly its size, so that a sanitizer sees every step over its end.
 void feed(dolby_info_t* info, const uint8_t* data, size_t bytes)

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Stands in for the fuzzer's main: runs a target over the corpus, and over copies of it damaged in a fixed way.
+//
+// PROGRAM COPIES FOLDER...
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,11 +12,10 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) __attribute__((weak)); // some targets have one
 
 namespace
 {
-
-constexpr int kDamagedCopies = 100;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -35,15 +37,18 @@ void damage(Bytes* input, std::mt19937* random)
 
 int main(int argc, char** argv)
 {
+    if (LLVMFuzzerInitialize != nullptr)
+        LLVMFuzzerInitialize(&argc, &argv);
     std::mt19937 random(1);
+    const int copies = argc > 1 ? atoi(argv[1]) : 0;
     int inputs = 0;
-    for (int i = 1; i < argc; ++i) {
+    for (int i = 2; i < argc; ++i) {
         for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[i])) {
             if (!entry.is_regular_file())
                 continue;
             const Bytes input = read_file(entry.path());
             LLVMFuzzerTestOneInput(input.data(), input.size());
-            for (int copy = 0; copy < kDamagedCopies; ++copy) {
+            for (int copy = 0; copy < copies; ++copy) {
                 Bytes damaged = input;
                 damage(&damaged, &random);
                 LLVMFuzzerTestOneInput(damaged.data(), damaged.size());
