@@ -42,6 +42,7 @@ struct hdmi_player_resource_t {
     std::atomic<bool> resampled{false};
     hdmi_player_event_cb_t event_cb GUARDED_BY(api_rwlock) = nullptr;
     mutex_t aio_changed_mutex; ///< one run of the change handler at a time; lives while the player is open
+    mutex_t lifecycle_mutex;   ///< one open or close at a time
     rwlock_t api_rwlock;       ///< write: only around changes of `opened` and `event_cb`
 };
 
@@ -360,6 +361,22 @@ audio_input_config_t make_audio_input_config()
     return config;
 }
 
+bool refused_as_opened(const char* function)
+{
+    const bool opened = g_player_res.opened;
+    if (opened)
+        log_as(function, LOG_LEVEL_E, "hdmi_player has been opened\n");
+    return opened;
+}
+
+bool refused_as_closed(const char* function)
+{
+    const bool opened = g_player_res.opened;
+    if (!opened)
+        log_as(function, LOG_LEVEL_E, "hdmi_player is not open\n");
+    return !opened;
+}
+
 void mark_opened(const hdmi_player_config_t& cfg)
 {
     const write_guard api(g_player_res.api_rwlock);
@@ -441,10 +458,12 @@ int32_t hdmi_player_open(hdmi_player_config_t cfg)
 {
     log_i("%s\n", HDMI_PLAYER_VERSION_BANNER);
     const call_trace trace(LOG_LEVEL_D);
-    if (g_player_res.opened) {
-        log_e("hdmi_player has been opened\n");
+    // A second open does not wait for the first: it may come from a callback of it.
+    if (refused_as_opened(__func__))
         return -1;
-    }
+    const mutex_guard one_at_a_time(g_player_res.lifecycle_mutex);
+    if (refused_as_opened(__func__))
+        return -1;
     mark_opened(cfg);
     if (cfg.video_frame_queue_size < kMinVideoFrameQueueSize) {
         log_w("video_frame_queue_size:%d too small!\n", cfg.video_frame_queue_size);
@@ -466,14 +485,15 @@ int32_t hdmi_player_close(void)
 {
     const call_trace trace(LOG_LEVEL_D);
     log_w(">>>\n");
-    if (!g_player_res.opened) {
-        log_e("hdmi_player is not open\n");
+    if (refused_as_closed(__func__))
         return -1;
-    }
     if (player_guard::inside() || video_in_callback()) { // it would wait for itself
         log_e("called inside a callback\n");
         return -1;
     }
+    const mutex_guard one_at_a_time(g_player_res.lifecycle_mutex);
+    if (refused_as_closed(__func__))
+        return -1;
     if (video_deinit() != 0)
         log_e("video_deinit failed\n");
     if (audio_output_deinit() != 0)
