@@ -17,6 +17,104 @@
 namespace
 {
 
+// The controls of a card that the tests make up, in the place of alsa-lib's.
+struct Element {
+    const char* name;
+    snd_ctl_elem_iface_t interface;
+    unsigned device, index;
+    snd_aes_iec958_t value = {};
+    int fails = 0; ///< 1: reads, 2: writes
+};
+struct Card {
+    std::vector<Element> elements;
+    int opened = 0;
+    int list_result = 0;
+} g_card;
+
+Element& element(unsigned at) { return g_card.elements[at]; }
+
+} // namespace
+
+extern "C" {
+#define WRAPPED(result, name, parameters)    \
+    result __wrap_snd_ctl_##name parameters; \
+    result __wrap_snd_ctl_##name parameters
+WRAPPED(int, open, (snd_ctl_t * *ctl, const char* name, int))
+{
+    if (std::string(name) != "hw:5")
+        return -ENODEV;
+    ++g_card.opened;
+    *ctl = reinterpret_cast<snd_ctl_t*>(&g_card);
+    return 0;
+}
+WRAPPED(int, close, (snd_ctl_t*)) { return --g_card.opened; }
+WRAPPED(int, elem_list, (snd_ctl_t*, snd_ctl_elem_list_t*)) { return g_card.list_result; }
+WRAPPED(unsigned, elem_list_get_count, (const snd_ctl_elem_list_t*))
+{
+    return static_cast<unsigned>(g_card.elements.size());
+}
+WRAPPED(unsigned, elem_list_get_used, (const snd_ctl_elem_list_t*))
+{
+    return static_cast<unsigned>(g_card.elements.size());
+}
+WRAPPED(const char*, elem_list_get_name, (const snd_ctl_elem_list_t*, unsigned at)) { return element(at).name; }
+WRAPPED(snd_ctl_elem_iface_t, elem_list_get_interface, (const snd_ctl_elem_list_t*, unsigned at))
+{
+    return element(at).interface;
+}
+WRAPPED(unsigned, elem_list_get_device, (const snd_ctl_elem_list_t*, unsigned at)) { return element(at).device; }
+WRAPPED(unsigned, elem_list_get_index, (const snd_ctl_elem_list_t*, unsigned at)) { return element(at).index; }
+WRAPPED(unsigned, elem_list_get_numid, (const snd_ctl_elem_list_t*, unsigned at)) { return at + 1; }
+WRAPPED(int, elem_read, (snd_ctl_t*, snd_ctl_elem_value_t* value))
+{
+    Element& read = element(snd_ctl_elem_value_get_numid(value) - 1);
+    snd_ctl_elem_value_set_iec958(value, &read.value);
+    return read.fails == 1 ? -EIO : 0;
+}
+WRAPPED(int, elem_write, (snd_ctl_t*, snd_ctl_elem_value_t* value))
+{
+    Element& written = element(snd_ctl_elem_value_get_numid(value) - 1);
+    if (written.fails != 0)
+        return -EIO;
+    snd_ctl_elem_value_get_iec958(value, &written.value);
+    return 1;
+}
+}
+
+namespace
+{
+
+TEST(Iec958, TheStatusControlOfTheDeviceIsFoundAndOnlyItsStatusIsWritten)
+{
+    constexpr char kName[] = "IEC958 Playback Default";
+    const hdmi_linux::ChannelStatus data = hdmi_linux::channel_status(48000, true);
+    const auto written = [&data](unsigned at) {
+        return std::equal(data.begin(), data.end(), element(at).value.status);
+    };
+    g_card = {};
+    g_card.elements = {{"IEC958 Playback Mask", SND_CTL_ELEM_IFACE_PCM, 3, 0},
+                       {kName, SND_CTL_ELEM_IFACE_PCM, 7, 0},
+                       {kName, SND_CTL_ELEM_IFACE_PCM, 3, 1},
+                       {kName, SND_CTL_ELEM_IFACE_MIXER, 0, 1}};
+    element(2).value.subcode[5] = 77;
+    EXPECT_TRUE(hdmi_linux::set_status_control(5, 3, data));
+    EXPECT_TRUE(written(2) && !written(0) && !written(1) && !written(3)) << "by the number of the device";
+    EXPECT_EQ(element(2).value.subcode[5], 77) << "the rest stays";
+    EXPECT_FALSE(hdmi_linux::set_status_control(5, 4, data));
+    g_card.elements.push_back({kName, SND_CTL_ELEM_IFACE_MIXER, 0, 0});
+    EXPECT_TRUE(hdmi_linux::set_status_control(5, 4, data));
+    EXPECT_TRUE(written(4)) << "of an older driver";
+    for (const int step : {1, 2}) {
+        g_card.elements = {{kName, SND_CTL_ELEM_IFACE_PCM, 3, 0, {}, step}};
+        EXPECT_FALSE(hdmi_linux::set_status_control(5, 3, data));
+    }
+    g_card.list_result = -ENOMEM;
+    EXPECT_FALSE(hdmi_linux::set_status_control(5, 3, data));
+    EXPECT_FALSE(hdmi_linux::set_status_control(6, 3, data)) << "no such card";
+    EXPECT_FALSE(hdmi_linux::set_status_control(-1, 3, data));
+    EXPECT_EQ(g_card.opened, 0);
+}
+
 TEST(Iec958, StatusGoesIntoNamesThatTakeIt)
 {
     const hdmi_linux::ChannelStatus data = hdmi_linux::channel_status(32000, true);

@@ -413,6 +413,17 @@ struct adecoder_handle {
         return taken;
     }
 
+    // @return bytes accepted. Where memory is short, all of them: they are lost.
+    size_t feed(const uint8_t* data, size_t bytes, bool* bad)
+    {
+        try {
+            return pipeline.feed(data, bytes, bad);
+        } catch (const std::bad_alloc&) {
+            *bad = true;
+            return bytes;
+        }
+    }
+
     bool has_room() { return pipeline.pcm().room() >= ac3::kFrameSamplesMax; }
 
     // The worker of the asynchronous mode.
@@ -434,7 +445,7 @@ struct adecoder_handle {
                     lock.wait(changed);
                 lock.unlock();
                 bool bad = false;
-                at += pipeline.feed(block.data() + at, block.size() - at, &bad);
+                at += feed(block.data() + at, block.size() - at, &bad);
                 lock.lock();
                 failed = failed || bad;
             }

@@ -10,6 +10,7 @@
 
 #include "alsa_capture.h"
 #include "alsa_output.h"
+#include "contained.h"
 #include "hdmi_linux.h"
 #include "receiver/receiver.h"
 #include "time_line.h"
@@ -20,6 +21,7 @@ namespace
 {
 
 using hdmi_linux::capture;
+using hdmi_linux::contained;
 using hdmi_linux::output;
 using hdmi_linux::receiver;
 
@@ -34,14 +36,11 @@ bool is_playback(const audio_config_t* config)
 
 // Result of a call with a stream type that the function does not serve.
 constexpr int kWrongStream = -EINVAL;
+constexpr int kNoMemory = -ENOMEM;
 
 int frame_bytes(const audio_config_t* config) { return config->channels * hdmi_linux::kBytesPerSample; }
 
-} // namespace
-
-extern "C" {
-
-PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
+int open_device(audio_config_t* config)
 {
     if (is_capture(config)) {
         time_line::begin();
@@ -54,16 +53,7 @@ PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
     return is_playback(config) ? output().open(*config) : kWrongStream;
 }
 
-PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
-{
-    if (is_capture(config)) {
-        time_line::end();
-        return capture().close();
-    }
-    return is_playback(config) ? output().close() : kWrongStream;
-}
-
-PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
+int read_device(audio_config_t* config, uint8_t* data, int size)
 {
     const int result = is_capture(config) ? capture().read(data, size) : kWrongStream;
     if (result > 0) {
@@ -73,9 +63,35 @@ PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int s
     return result;
 }
 
+} // namespace
+
+extern "C" {
+
+PLATFORM_EXPORT int aio_device_open(audio_config_t* config)
+{
+    const int result = contained([=] { return open_device(config); }, kNoMemory);
+    if (result == kNoMemory)
+        aio_device_close(config); // which may have been opened before the memory was short
+    return result;
+}
+
+PLATFORM_EXPORT int aio_device_close(audio_config_t* config)
+{
+    if (is_capture(config)) {
+        time_line::end();
+        return contained([] { return capture().close(); }, kNoMemory);
+    }
+    return is_playback(config) ? contained([] { return output().close(); }, kNoMemory) : kWrongStream;
+}
+
+PLATFORM_EXPORT int aio_device_read(audio_config_t* config, uint8_t* data, int size)
+{
+    return contained([=] { return read_device(config, data, size); }, kNoMemory);
+}
+
 PLATFORM_EXPORT int aio_device_write(audio_config_t* config, const uint8_t* data, int size)
 {
-    return is_playback(config) ? output().write(data, size) : kWrongStream;
+    return is_playback(config) ? contained([=] { return output().write(data, size); }, kNoMemory) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_get_write_bytes(audio_config_t* config, int* out)
@@ -99,22 +115,24 @@ PLATFORM_EXPORT int aio_device_frames_to_bytes(audio_config_t* config, int frame
 
 PLATFORM_EXPORT int aio_device_set_volume(audio_config_t* config, int volume)
 {
-    return is_playback(config) ? output().set_volume(volume) : kWrongStream;
+    return is_playback(config) ? contained([=] { return output().set_volume(volume); }, kNoMemory) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_set_volume_direct(audio_config_t* config, int volume)
 {
-    return is_playback(config) ? output().set_direct_volume(volume) : kWrongStream;
+    return is_playback(config) ? contained([=] { return output().set_direct_volume(volume); }, kNoMemory)
+                               : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_set_mute(audio_config_t* config, bool mute)
 {
-    return is_playback(config) ? output().set_mute(mute) : kWrongStream;
+    return is_playback(config) ? contained([=] { return output().set_mute(mute); }, kNoMemory) : kWrongStream;
 }
 
 PLATFORM_EXPORT int aio_device_reselect(audio_config_t* config, int device_id, int output_fmt)
 {
-    return is_playback(config) ? output().reselect(device_id, output_fmt) : kWrongStream;
+    return is_playback(config) ? contained([=] { return output().reselect(device_id, output_fmt); }, kNoMemory)
+                               : kWrongStream;
 }
 
 } // extern "C"

@@ -7,6 +7,7 @@
 #include "alsa_clock.h"
 #include "alsa_limits.h"
 #include "config.h"
+#include "contained.h"
 #include "iec958.h"
 #include "internal/common.h"
 
@@ -83,8 +84,12 @@ void Bypass::close_output()
 // Other programs that play there later may not set the status back to sound.
 void Bypass::restore_channel_status()
 {
-    if (pcm_.status_set())
-        set_status_control(pcm_.card(), pcm_.device(), channel_status(request_.rate, false));
+    if (!pcm_.status_set())
+        return;
+    const auto restore = [card = pcm_.card(), device = pcm_.device(), rate = request_.rate] {
+        return set_status_control(card, device, channel_status(rate, false));
+    };
+    contained(restore, false); // the rest of a close follows in any case
 }
 
 void Bypass::open_when_due()

@@ -7,14 +7,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <system_error>
-#include <vector>
+#include <exception>
+#include <utility>
 
 #include "alsa_cards.h"
 #include "alsa_clock.h"
 #include "alsa_limits.h"
 #include "alsa_output.h"
 #include "config.h"
+#include "contained.h"
 #include "internal/common.h"
 
 namespace hdmi_linux
@@ -94,7 +95,6 @@ int Capture::open(const audio_config_t& config)
     stats_.opens++;
     forwarding_ = to_raw;
     frame_bytes_ = config.channels * kBytesPerSample;
-    frames_wanted_ = config.period_frames;
     position_ = 0;
     moved_ns_ = now_ns();
     silent_ = 0;
@@ -105,8 +105,7 @@ int Capture::open(const audio_config_t& config)
     guard.unlock();
     if (!to_raw)
         return 0;
-    output_.start_pass_through(config, request.rate);
-    return start_forwarding(opening) ? 0 : -EAGAIN;
+    return start_forwarding(config, request.rate, opening) ? 0 : -EAGAIN;
 }
 
 // Logs each refusal once, because the player tries again every ten milliseconds.
@@ -298,11 +297,13 @@ int Capture::take_forwarded(mutex_guard& guard, uint8_t* data, int frames)
 
 // --- Forwarding -------------------------------------------------------------------
 
-bool Capture::start_forwarding(uint64_t opening)
+bool Capture::start_forwarding(const audio_config_t& config, int rate, uint64_t opening)
 {
     try {
-        forwarder_ = std::thread(&Capture::forward, this, opening);
-    } catch (const std::system_error&) {
+        output_.start_pass_through(config, rate);
+        std::vector<uint8_t> period(static_cast<size_t>(config.period_frames) * config.channels * kBytesPerSample);
+        forwarder_ = std::thread(&Capture::forward, this, opening, std::move(period));
+    } catch (const std::exception&) { // no memory, or no thread
         log_e("no thread to pass coded sound through\n");
         output_.stop_pass_through();
         mutex_guard guard(mutex_);
@@ -328,14 +329,14 @@ void Capture::end_forwarding()
     output_.stop_pass_through();
 }
 
-void Capture::forward(uint64_t opening)
+void Capture::forward(uint64_t opening, std::vector<uint8_t> period)
 {
     set_thread_name("audio_bypass");
     mutex_guard guard(mutex_);
-    const int frames = frames_wanted_;
-    std::vector<uint8_t> period(static_cast<size_t>(frames) * frame_bytes_);
+    const int frames = static_cast<int>(period.size()) / frame_bytes_;
     while (opening_ == opening) {
-        const int result = fetch(guard, period.data(), frames);
+        const int result =
+            contained([&]() NO_THREAD_SAFETY_ANALYSIS { return fetch(guard, period.data(), frames); }, -ENOMEM);
         if (result < 0) {
             pthread_cond_broadcast(&arrived_);
             if (opening_ == opening)
@@ -344,7 +345,7 @@ void Capture::forward(uint64_t opening)
         }
         const CaptureClock clock = clock_;
         guard.unlock();
-        output_.pass_through(period.data(), frames, clock);
+        contained([&] { return output_.pass_through(period.data(), frames, clock), 0; }, 0);
         guard.lock();
         ring_.append(period.data(), frames);
         pthread_cond_broadcast(&arrived_);

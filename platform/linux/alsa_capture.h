@@ -10,6 +10,7 @@
 #pragma once
 
 #include <thread>
+#include <vector>
 
 #include "aio_device.h"
 #include "alsa_matching.h"
@@ -46,8 +47,8 @@ private:
     int64_t silence_due(int64_t now) REQUIRES(mutex_);
     void note_silence(int64_t now) REQUIRES(mutex_);
     int take_forwarded(mutex_guard& guard, uint8_t* data, int frames) REQUIRES(mutex_);
-    void forward(uint64_t opening);
-    bool start_forwarding(uint64_t opening) REQUIRES(control_);
+    void forward(uint64_t opening, std::vector<uint8_t> period);
+    bool start_forwarding(const audio_config_t& config, int rate, uint64_t opening) REQUIRES(control_);
     void end_forwarding() REQUIRES(control_);
 
     void handle_error(StreamError error, int err) REQUIRES(mutex_);
@@ -72,7 +73,6 @@ private:
         opening_ GUARDED_BY(mutex_) = 0; ///< number of the present opening; a call that began in an earlier one ends
     bool forwarding_ GUARDED_BY(mutex_) = false;
     int frame_bytes_ GUARDED_BY(mutex_) = 1;
-    int frames_wanted_ GUARDED_BY(mutex_) = 1; ///< that the forwarder reads at a time
     PcmRequest request_ GUARDED_BY(mutex_);
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);

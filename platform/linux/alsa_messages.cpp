@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "contained.h"
+
 namespace hdmi_linux
 {
 namespace
@@ -26,11 +28,17 @@ void AlsaMessages::take(const char*, int, const char*, int error, const char* fo
         return;
     char text[256];
     vsnprintf(text, sizeof(text), format, args);
-    t_messages->text_ = text;
+    // An exception must not pass through alsa-lib.
+    contained([&] { return t_messages->keep(text, error), 0; }, 0);
+}
+
+void AlsaMessages::keep(const char* text, int error)
+{
+    text_ = text;
     if (error != 0)
-        t_messages->text_ += std::string(": ") + snd_strerror(error);
-    while (!t_messages->text_.empty() && t_messages->text_.back() == '\n')
-        t_messages->text_.pop_back();
+        text_ += std::string(": ") + snd_strerror(error);
+    while (!text_.empty() && text_.back() == '\n')
+        text_.pop_back();
 }
 
 } // namespace hdmi_linux

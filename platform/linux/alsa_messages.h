@@ -31,6 +31,8 @@ public:
 
 private:
     static void take(const char* file, int line, const char* function, int error, const char* format, va_list args);
+    void keep(const char* text, int error);
+
     std::string text_;
     AlsaMessages* outer_;
     snd_local_error_handler_t handler_;

@@ -7,11 +7,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <memory>
-#include <system_error>
 #include <thread>
 
 #include "alsa_clock.h"
+#include "contained.h"
 #include "internal/common.h"
 
 namespace hdmi_linux
@@ -54,10 +55,11 @@ void run_closing(snd_pcm_t* handle, const std::shared_ptr<Closing>& closing)
 // While a sound server does not answer, snd_pcm_close() blocks as long as the server's client library waits.
 void close_within_limit(snd_pcm_t* handle)
 {
-    const auto closing = std::make_shared<Closing>();
+    std::shared_ptr<Closing> closing;
     try {
+        closing = std::make_shared<Closing>();
         std::thread(run_closing, handle, closing).detach();
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) { // no memory, or no thread
         close_handle(handle);
         return;
     }
@@ -180,7 +182,7 @@ void PcmOpener::run(const std::shared_ptr<Opening>& opening)
     set_thread_name("audio_open");
     Pcm pcm;
     std::string why;
-    const int err = pcm.open(opening->request, &why);
+    const int err = contained([&] { return pcm.open(opening->request, &why); }, -ENOMEM);
     mutex_guard guard(opening->mutex);
     opening->done = true;
     opening->err = err;
@@ -191,10 +193,10 @@ void PcmOpener::run(const std::shared_ptr<Opening>& opening)
 int PcmOpener::attempt(const PcmRequest& request, Pcm* pcm)
 {
     if (opening_ == nullptr) {
-        opening_ = std::make_shared<Opening>(request);
         try {
+            opening_ = std::make_shared<Opening>(request);
             std::thread(run, opening_).detach();
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) { // no memory, or no thread
             opening_ = nullptr;
             return -EAGAIN;
         }

@@ -11,6 +11,7 @@
 
 #include "alsa_clock.h"
 #include "config.h"
+#include "contained.h"
 #include "hdmi_cec.h"
 #include "internal/common.h"
 
@@ -179,8 +180,8 @@ void CecLink::loop()
 {
     for (int64_t now = now_ms(); !(close_begun_ && (arc_.closed() || now >= stop_deadline_)); now = now_ms()) {
         await_events(now);
-        service(now_ms());
-        publish();
+        // Without memory a message is lost, as on a bus.
+        contained([this] { return service(now_ms()), publish(), 0; }, 0);
     }
 }
 
@@ -442,6 +443,15 @@ Cec& cec()
     return *instance;
 }
 
+int start_link(const hdmi_cec_config_t* config)
+{
+    const Config settings = current_config();
+    if (settings.cec == "none")
+        return -ENODEV;
+    mutex_guard guard(cec().mutex);
+    return cec().link.start({settings.cec, settings.cec_source, config != nullptr && config->load_edid});
+}
+
 } // namespace
 
 CecStats cec_stats() { return cec().link.stats(); }
@@ -453,12 +463,7 @@ extern "C" {
 
 CEC_EXPORT int vendor_hdmi_cec_init(hdmi_cec_config_t* config)
 {
-    const hdmi_linux::Config settings = hdmi_linux::current_config();
-    if (settings.cec == "none")
-        return -ENODEV;
-    hdmi_linux::Cec& cec = hdmi_linux::cec();
-    mutex_guard guard(cec.mutex);
-    return cec.link.start({settings.cec, settings.cec_source, config != nullptr && config->load_edid});
+    return hdmi_linux::contained([config] { return hdmi_linux::start_link(config); }, -ENOMEM);
 }
 
 CEC_EXPORT int vendor_hdmi_cec_open_arc(void)

@@ -15,6 +15,7 @@
 #include "alsa_clock.h"
 #include "alsa_pcm.h"
 #include "config.h"
+#include "contained.h"
 #include "extcon/extcon.h"
 #include "internal/common.h"
 
@@ -176,15 +177,20 @@ void Receiver::follow()
 {
     set_thread_name("receiver");
     while (following_) {
-        if (!driver_announces_)
-            announce_return();
-        const LinkEvidence found = evidence();
-        const LinkState next = driver_announces_ ? state_of_driver() : derive_state(announced_, found);
-        compare(found);
-        if (next != announced_)
-            announce_state(next);
+        contained([this] { return look(), 0; }, 0); // without memory, what it found is found again
         usleep(kLookAgainUs);
     }
+}
+
+void Receiver::look()
+{
+    if (!driver_announces_)
+        announce_return();
+    const LinkEvidence found = evidence();
+    const LinkState next = driver_announces_ ? state_of_driver() : derive_state(announced_, found);
+    compare(found);
+    if (next != announced_)
+        announce_state(next);
 }
 
 void Receiver::announce_state(const LinkState& state)
@@ -254,7 +260,7 @@ extern "C" {
 __attribute__((visibility("default"))) int hdmi_linux_receiver_start(char* error, size_t size)
 {
     std::string why;
-    const bool started = hdmi_linux::receiver().start(&why);
+    const bool started = hdmi_linux::contained([&why] { return hdmi_linux::receiver().start(&why); }, false);
     if (error != nullptr && size > 0)
         snprintf(error, size, "%s", why.c_str());
     return started ? 0 : -1;

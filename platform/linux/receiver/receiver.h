@@ -45,6 +45,7 @@ private:
     void listen(int rate) REQUIRES(control_);
     void feed(const uint8_t* data, int bytes);
     void follow();
+    void look();
     LinkEvidence evidence() const;
     void announce_state(const LinkState& state);
     void note_state(const LinkState& state);
