@@ -347,7 +347,7 @@ void KmsDisplay::read_events()
         drm_event event;
         std::memcpy(&event, events + at, sizeof event);
         drm_event_vblank flip;
-        if (event.length < sizeof event || at + event.length > bytes)
+        if (event.length < sizeof event || event.length > static_cast<size_t>(bytes - at))
             return;
         if (event.type == DRM_EVENT_FLIP_COMPLETE && event.length >= sizeof flip) {
             std::memcpy(&flip, events + at, sizeof flip);
