@@ -53,6 +53,8 @@ public:
     void leave() { --holders_; }
     int32_t open(const hdmi_player_config_t& config)
     {
+        if (g_accounts.may_be_open())
+            return -1;
         ++openings_;
         while (holders_ > 0) {
             g_accounts.close();

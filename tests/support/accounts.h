@@ -67,6 +67,7 @@ public:
     int64_t handles() const { return static_cast<int64_t>(next_); }
     int64_t returned() const { return returned_; }
     int closes() const { return closes_; }
+    bool may_be_open() const { return opening_ > 0; }
 
 private:
     enum State : uint8_t { kHome, kOut };
