@@ -471,6 +471,17 @@ int convert_sample_rate_to_frames(int rate)
     }
 }
 
+void empty_answers::empty()
+{
+    const uint64_t now_ns = system_time(CLOCK_MONOTONIC);
+    const bool at_once = last_ns_ != 0 && now_ns - last_ns_ < uint64_t{pause_us_} * 1000;
+    const bool pause = at_once && at_once_;
+    if (pause)
+        usleep(pause_us_);
+    at_once_ = at_once;
+    last_ns_ = pause ? system_time(CLOCK_MONOTONIC) : now_ns;
+}
+
 void set_thread_name(const char* name) { prctl(PR_SET_NAME, name); }
 
 void set_exact_timers(void) { prctl(PR_SET_TIMERSLACK, 1UL); } // 1 ns: 0 would mean the default

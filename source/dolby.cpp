@@ -43,36 +43,39 @@ constexpr char kSend[] = "dolby_send_stream";
 bool is_open() { return g_dolby_info.initialized; }
 
 // burst_find_preamble() with the messages of every search.
-burst_preamble find_preamble(byte_span bytes)
+burst_preamble find_preamble(byte_span bytes, const log_gate& gate)
 {
     const burst_preamble found = burst_find_preamble(bytes);
     if (!found.examined)
         return found;
     if (found.synced)
-        log_as(kSearch, LOG_LEVEL_V, "[Pa Pb] found! filter_bytes(%d)\n", found.sync_offset());
-    log_as(kSearch, LOG_LEVEL_V, "Pc(%#x) found!  filter_bytes(%d)\n", found.pc, found.pc_offset);
+        log_through(gate, kSearch, LOG_LEVEL_V, "[Pa Pb] found! filter_bytes(%d)\n", found.sync_offset());
+    log_through(gate, kSearch, LOG_LEVEL_V, "Pc(%#x) found!  filter_bytes(%d)\n", found.pc, found.pc_offset);
     if (found.flagged())
-        log_as(kSearch, LOG_LEVEL_E, "Pc error-flag indicating that the burst-payload may contain errors!\n");
+        log_through(gate, kSearch, LOG_LEVEL_E,
+                    "Pc error-flag indicating that the burst-payload may contain errors!\n");
     else
-        log_as(kSearch, LOG_LEVEL_V, "filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", found.pd_offset(), found.pd,
-               found.format());
+        log_through(gate, kSearch, LOG_LEVEL_V, "filter_bytes(%d) Pd(%d) found! data_typ(%d)\n", found.pd_offset(),
+                    found.pd, found.format());
     return found;
 }
 
-void log_step(const burst_step& step)
+void log_step(const burst_step& step, const log_gate& gate)
 {
     if (step.kind == burst_step::HELD)
         return;
     const burst_preamble& preamble = step.preamble;
     const bool found = preamble.type != nullptr;
     if (!step.completes_held())
-        log_as(kDisassemble, LOG_LEVEL_V, "need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
-               step.need, preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
+        log_through(gate, kDisassemble, LOG_LEVEL_V,
+                    "need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n", step.need,
+                    preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
     else if (found)
-        log_as(kDisassemble, LOG_LEVEL_V,
-               "iec61937_header_size(%d) need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
-               step.held, step.need, preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
-    log_as(kDisassemble, LOG_LEVEL_V, "[Pa Pb Pc Pd] %s\n", found ? "found!" : "not found!");
+        log_through(
+            gate, kDisassemble, LOG_LEVEL_V,
+            "iec61937_header_size(%d) need_process_bytes(%d) filter_bytes(%d) burst_bytes(%d) payload_bytes(%d)\n",
+            step.held, step.need, preamble.end(), preamble.burst_bytes(), preamble.payload_bytes());
+    log_through(gate, kDisassemble, LOG_LEVEL_V, "[Pa Pb Pc Pd] %s\n", found ? "found!" : "not found!");
 }
 
 // 0 where the chunk was burst data so far, -1 where it was not, or the error of the send.
@@ -119,6 +122,16 @@ bool is_dts(dolby_iec61937_format_e format)
 bool is_same_family(dolby_iec61937_format_e a, dolby_iec61937_format_e b)
 {
     return a == b || (is_decodable(a) && is_decodable(b)) || (is_dts(a) && is_dts(b));
+}
+
+const char* dump_path(const dolby_info_t& info, dolby_dump_e type)
+{
+    switch (type) {
+    case DOLBY_DUMP_IEC61937: return info.dump_path_iec61937;
+    case DOLBY_DUMP_RAW: return info.dump_path_raw;
+    case DOLBY_DUMP_PCM: return info.dump_path_pcm;
+    default: return nullptr;
+    }
 }
 
 bool is_silent(const uint8_t* data, uint32_t size)
@@ -277,12 +290,13 @@ int32_t dequeue_timeout(const dolby_info_t* info)
 
 // The next chunk; null when none came. A source that is not started yet answers at once: to ask it without a pause
 // would be a busy loop.
-hdmi_player_audio_frame_t* fetch_chunk(dolby_info_t* info)
+hdmi_player_audio_frame_t* fetch_chunk(dolby_info_t* info, empty_answers& answers)
 {
-    const uint64_t begin_ns = system_time(CLOCK_MONOTONIC);
     hdmi_player_audio_frame_t* chunk = info->input_queue_dequeue_cb(dequeue_timeout(info));
-    if (chunk == nullptr && system_time(CLOCK_MONOTONIC) - begin_ns < uint64_t{kRefusedPauseUs} * 1000)
-        usleep(kRefusedPauseUs);
+    if (chunk != nullptr)
+        answers.filled();
+    else
+        answers.empty();
     return chunk;
 }
 
@@ -291,8 +305,9 @@ void* dolby_demux(void* arg)
     auto* info = static_cast<dolby_info_t*>(arg);
     set_thread_name("dolby_demux");
     log_i("thread_id: %llx\n", llu(pthread_self()));
+    empty_answers answers(kRefusedPauseUs);
     while (!info->abort_request) {
-        hdmi_player_audio_frame_t* chunk = fetch_chunk(info);
+        hdmi_player_audio_frame_t* chunk = fetch_chunk(info, answers);
         if (chunk == nullptr)
             continue;
         if (info->strategy == DOLBY_STRATEGY_DECODE)
@@ -468,7 +483,7 @@ void* dolby_disassemble_burst_preamble(dolby_iec61937_format_e* format, void* bu
     if (buffer == nullptr)
         return nullptr;
     auto* const data = static_cast<uint8_t*>(buffer);
-    const burst_preamble found = find_preamble({data, bytes});
+    const burst_preamble found = find_preamble({data, bytes}, log_gate());
     *filter_bytes = found.end();
     *burst_bytes = found.burst_bytes();
     *payload_bytes = found.payload_bytes();
@@ -482,12 +497,17 @@ int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint3
     bytes = buffer != nullptr ? bytes : 0;
     byte_span chunk = {static_cast<const uint8_t*>(buffer), bytes};
     int32_t ret = 0;
+    log_gate gate;
     for (;;) {
-        log_v("burst_insufficient_bytes(%d) info->iec61937_payload_insufficient_bytes(%d)\n",
-              info->iec61937_burst_insufficient_bytes, info->iec61937_payload_insufficient_bytes);
+        log_through(gate, kDisassemble, LOG_LEVEL_V,
+                    "burst_insufficient_bytes(%d) info->iec61937_payload_insufficient_bytes(%d)\n",
+                    info->iec61937_burst_insufficient_bytes, info->iec61937_payload_insufficient_bytes);
         const bool owing = info->owes();
         const byte_span owed = burst_take_owed(info, &chunk);
-        ret = owed.bytes > 0 ? dolby_send_stream(info, owed.data, owed.bytes, info->format) : 0;
+        if (owed.bytes > 0) {
+            ret = dolby_send_stream(info, owed.data, owed.bytes, info->format);
+            gate.look_again();
+        }
         if (ret != 0) {
             // The rest of this chunk is lost, and with it the place in the burst: search afresh.
             info->iec61937_burst_insufficient_bytes = 0;
@@ -496,13 +516,16 @@ int32_t dolby_disassemble_iec61937(dolby_info_t* info, const void* buffer, uint3
         // A chunk that ends inside a burst, or exactly with it, is burst data.
         if (chunk.bytes == 0 && (bytes > 0 || owing))
             break;
-        const burst_step step = burst_take_next(info, &chunk, find_preamble);
-        log_step(step);
+        const burst_step step =
+            burst_take_next(info, &chunk, [&gate](byte_span span) { return find_preamble(span, gate); });
+        log_step(step, gate);
         ret = send_step(info, step);
+        if (step.payload.data != nullptr)
+            gate.look_again();
         if (ret != 0 || step.kind != burst_step::WHOLE)
             break;
     }
-    log_v("bytes(%d) ret(%d)\n", bytes, ret);
+    log_through(gate, kDisassemble, LOG_LEVEL_V, "bytes(%d) ret(%d)\n", bytes, ret);
     return ret;
 }
 
@@ -600,20 +623,18 @@ void dolby_pack_pcm_frame(dolby_info_t* info, frame_info_t* frame)
 
 void dolby_dump(dolby_info_t* info, dolby_dump_e type, const void* data, uint32_t size)
 {
-    if (data == nullptr || size == 0)
+    const char* const path = dump_path(*info, type);
+    if (path == nullptr || data == nullptr || size == 0)
         return;
     char name[kDumpNameBytes] = {};
     int length = 0;
-    if (type == DOLBY_DUMP_IEC61937 && info->dump_path_iec61937 != nullptr)
-        length = snprintf(name, sizeof(name), "%s/dump_dolby_iec61937.raw", info->dump_path_iec61937);
-    else if (type == DOLBY_DUMP_RAW && info->dump_path_raw != nullptr)
-        length =
-            snprintf(name, sizeof(name), "%s/dump_dolby_decode_in.%s", info->dump_path_raw, format_name(info->format));
-    else if (type == DOLBY_DUMP_PCM && info->dump_path_pcm != nullptr)
-        length = snprintf(name, sizeof(name), "%s/dump_dolby_decode_out_ch%d_rate_%d.pcm", info->dump_path_pcm,
-                          info->output_channels.load(), info->output_sample_rate.load());
+    if (type == DOLBY_DUMP_IEC61937)
+        length = snprintf(name, sizeof(name), "%s/dump_dolby_iec61937.raw", path);
+    else if (type == DOLBY_DUMP_RAW)
+        length = snprintf(name, sizeof(name), "%s/dump_dolby_decode_in.%s", path, format_name(info->format));
     else
-        return;
+        length = snprintf(name, sizeof(name), "%s/dump_dolby_decode_out_ch%d_rate_%d.pcm", path,
+                          info->output_channels.load(), info->output_sample_rate.load());
 
     const bool fits = length > 0 && static_cast<size_t>(length) < sizeof(name);
     FILE* const file = fits ? fopen(name, "a+e") : nullptr;

@@ -25,7 +25,7 @@ namespace
 constexpr int32_t kQueueFrames = 128;
 /// Longest wait for one source frame, and so about the longest that a stop waits for the worker.
 constexpr int32_t kSourceTimeoutMs = 100;
-/// Pause of the worker while the stage is off, and after a source that answered twice at once without a frame.
+/// Pause of the worker while the stage is off, and after a source that answered again and again without a frame.
 constexpr useconds_t kIdleUs = 10000;
 constexpr uint8_t kRandomDelay = 2;
 
@@ -130,7 +130,7 @@ bool follow_rate(resample_context_t& ctx, int rate, bool converts)
 
 /// Runs the converter on the first @p samples of @p src; the bytes it put into @p dst, or negative.
 int32_t run_converter(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, int samples,
-                      const hdmi_player_audio_frame_t& dst, int capacity)
+                      const hdmi_player_audio_frame_t& dst, int capacity, const log_gate& gate)
 {
     const sample_planes in(src.data, src.size / ctx.src_param.frame_size, ctx.src_param);
     sample_planes out(dst.data, capacity, ctx.tgt_param);
@@ -142,7 +142,7 @@ int32_t run_converter(resample_context_t& ctx, const hdmi_player_audio_frame_t& 
         return -1;
     }
     const int32_t size = len * ctx.tgt_param.channels * av_get_bytes_per_sample(ctx.tgt_param.fmt);
-    log_d("audio resample frames:%d len:%d resample_size:%d\n", samples, len, size);
+    log_through(gate, __func__, LOG_LEVEL_D, "audio resample frames:%d len:%d resample_size:%d\n", samples, len, size);
     return size;
 }
 
@@ -154,11 +154,13 @@ bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, cons
         return false;
     const int samples = src.size / ctx.src_param.frame_size;
     const int capacity = dst.buf_size / ctx.tgt_param.frame_size;
-    log_d("src serial:%d pts:%lld samples:%d size:[%d %d], dst samples:%d buf_size:%d\n", src.serial, lli(src.pts),
-          samples, src.size, src.buf_size, capacity, dst.buf_size);
+    const log_gate gate;
+    log_through(gate, __func__, LOG_LEVEL_D,
+                "src serial:%d pts:%lld samples:%d size:[%d %d], dst samples:%d buf_size:%d\n", src.serial,
+                lli(src.pts), samples, src.size, src.buf_size, capacity, dst.buf_size);
     if (plan.converts) {
         // No more than the output was sized for: the converter would pile up the rest without bound.
-        const int32_t size = run_converter(ctx, src, std::min(samples, plan.nb_frames), dst, capacity);
+        const int32_t size = run_converter(ctx, src, std::min(samples, plan.nb_frames), dst, capacity, gate);
         if (size < 0)
             return false;
         dst.size = size;
@@ -166,22 +168,20 @@ bool convert(resample_context_t& ctx, const hdmi_player_audio_frame_t& src, cons
         memcpy(dst.data, src.data, static_cast<size_t>(src.size));
         dst.size = src.size;
     }
-    log_d("audio frame origin samples_size:[%d/%d], resample_size:[%d(%d)/%d]\n", samples, src.size,
-          dst.size / ctx.tgt_param.frame_size, capacity, dst.size);
+    log_through(gate, __func__, LOG_LEVEL_D, "audio frame origin samples_size:[%d/%d], resample_size:[%d(%d)/%d]\n",
+                samples, src.size, dst.size / ctx.tgt_param.frame_size, capacity, dst.size);
     return true;
 }
 
 /// The next source frame; null when none came. A source that is not started yet answers at once, and asking it again
-/// and again without a pause would be a busy loop. One such answer is no reason to pause: it may come from a wake-up,
-/// after which sound comes from another source. @p at_once: whether the call before this one was answered so.
-hdmi_player_audio_frame_t* fetch(resample_context_t& ctx, bool* at_once)
+/// and again without a pause would be a busy loop.
+hdmi_player_audio_frame_t* fetch(resample_context_t& ctx, empty_answers& answers)
 {
-    const uint64_t begin_ns = system_time(CLOCK_MONOTONIC);
     hdmi_player_audio_frame_t* frame = ctx.input_queue_dequeue_cb(kSourceTimeoutMs);
-    const bool again = *at_once;
-    *at_once = frame == nullptr && system_time(CLOCK_MONOTONIC) - begin_ns < uint64_t{kIdleUs} * 1000;
-    if (*at_once && again)
-        usleep(kIdleUs);
+    if (frame != nullptr)
+        answers.filled();
+    else
+        answers.empty();
     return frame;
 }
 
@@ -232,13 +232,13 @@ void* audio_resample(void* arg)
     log_i("thread_id: %llx\n", llu(pthread_self()));
     const int32_t queue = output_queue(ctx);
     int32_t serial = -1;
-    bool at_once = false;
+    empty_answers answers(kIdleUs);
     while (!ctx.abort_request) {
         if (!ctx.enable_resample) {
             usleep(kIdleUs);
             continue;
         }
-        hdmi_player_audio_frame_t* src = fetch(ctx, &at_once);
+        hdmi_player_audio_frame_t* src = fetch(ctx, answers);
         if (src == nullptr) {
             log_d("frame_queue_done_dequeue failed.\n");
             continue;

@@ -182,8 +182,8 @@ inline bool burst_hold_preamble(burst_state* state, byte_span* chunk)
 }
 
 /// Takes the next burst off @p chunk, after burst_take_owed(). @p find: burst_find_preamble() or a wrapper of it.
-inline burst_step burst_take_next(burst_state* state, byte_span* chunk,
-                                  burst_preamble (*find)(byte_span) = burst_find_preamble)
+template <typename Find = burst_preamble (*)(byte_span)>
+burst_step burst_take_next(burst_state* state, byte_span* chunk, Find find = burst_find_preamble)
 {
     burst_step step;
     step.held = state->iec61937_header_size;

@@ -54,14 +54,6 @@ int env_get_value(const char* str, int value);
  */
 char* env_get_string(const char* str);
 
-/// Whether a message of @p level is printed now; reads the environment each time.
-inline bool log_enabled(loglevel_e level)
-{
-    if (g_console_behind.load(std::memory_order_relaxed))
-        console_catch_up();
-    return env_get_value("debug_hdmiplayer_log_level", 2) >= level;
-}
-
 /**
  * Logs with the "[function line] " prefix. The level test comes before the
  * arguments are evaluated: a suppressed message costs one environment look-up.
@@ -69,18 +61,46 @@ inline bool log_enabled(loglevel_e level)
  */
 #define log_at(level, format, ...) log_as(__func__, level, format, ##__VA_ARGS__)
 
-/// As log_at, in the name of @p function: for helpers whose messages belong to the operation they work for.
-#define log_as(function, level, format, ...)                                            \
+/**
+ * One look at the level for several messages: most of what a suppressed message
+ * costs is the search of the environment. For a stretch of code that neither
+ * waits nor calls what is not the library's; behind such a call, look again.
+ */
+class log_gate
+{
+public:
+    log_gate() { look_again(); }
+
+    bool open(loglevel_e level) const { return level_ >= level; }
+    void look_again()
+    {
+        if (g_console_behind.load(std::memory_order_relaxed))
+            console_catch_up();
+        level_ = env_get_value("debug_hdmiplayer_log_level", 2);
+    }
+
+private:
+    int level_;
+};
+
+/// As log_as, for a message that goes through @p gate.
+#define log_through(gate, function, level, format, ...)                                 \
     do {                                                                                \
-        if (log_enabled(level))                                                         \
+        if ((gate).open(level))                                                         \
             console_print(level, "[%s %d] " format, function, __LINE__, ##__VA_ARGS__); \
     } while (0)
+
+/// As log_at, in the name of @p function: for helpers whose messages belong to the operation they work for.
+#define log_as(function, level, format, ...) log_through(log_gate(), function, level, format, ##__VA_ARGS__)
 
 #define log_e(format, ...) log_at(LOG_LEVEL_E, format, ##__VA_ARGS__)
 #define log_w(format, ...) log_at(LOG_LEVEL_W, format, ##__VA_ARGS__)
 #define log_i(format, ...) log_at(LOG_LEVEL_I, format, ##__VA_ARGS__)
 #define log_d(format, ...) log_at(LOG_LEVEL_D, format, ##__VA_ARGS__)
 #define log_v(format, ...) log_at(LOG_LEVEL_V, format, ##__VA_ARGS__)
+
+/// Whether a message of @p level is printed now.
+inline bool log_enabled(loglevel_e level) { return log_gate().open(level); }
 
 /// Traces a call of an operation: ">>>" now, "<<<" when the scope ends, while @p enabled.
 class call_trace
@@ -156,6 +176,23 @@ void dump_pcm_read(uint8_t* data, int32_t size);
 
 /// Audio frames in one device period at @p rate Hz.
 int convert_sample_rate_to_frames(int rate);
+
+/// For a thread that asks a source with a time limit: pauses it when the source answers at once, again and again, that
+/// it has nothing. A single such answer may come from a wake-up, after which there is something elsewhere.
+class empty_answers
+{
+public:
+    /// @p pause_us: of the thread, and what counts as at once.
+    explicit empty_answers(uint32_t pause_us) : pause_us_(pause_us) {}
+
+    void filled() { last_ns_ = 0; }
+    void empty();
+
+private:
+    const uint32_t pause_us_;
+    uint64_t last_ns_ = 0; ///< when the last answer came, if it was empty
+    bool at_once_ = false; ///< as it was
+};
 
 /// Names the calling thread for the kernel (15 characters at most).
 void set_thread_name(const char* name);
