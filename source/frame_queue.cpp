@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <type_traits>
 
 #include "internal/common.h"
@@ -34,32 +33,33 @@ mutex_t g_registry_mutex;
 /// Whether a slot's record may be used: set when init has built it, cleared by
 /// the one deinit that destroys it. The payload does not tell: it is in the
 /// table before it is built, and while deinit waits for the calls in progress.
-std::atomic<bool> g_live[FRAME_QUEUE_MAX];
+std::atomic<bool> g_live[FRAME_QUEUE_MAX + 1]; // and the one that never is
 
 constexpr const char* kNoQueueMessage = "frame_queue_t is null.";
 
 /// The slot with this id; null, with the failure logged, when there is none.
-resource_manager_t* find_slot(int32_t id, const char* function)
+inline resource_manager_t* find_slot(int32_t id, const char* function)
 {
+    if (0 <= id && id < static_cast<int32_t>(FRAME_QUEUE_MAX))
+        return &g_fq_resource_map[id]; // as the registry would find it: slot i has id i
     resource_manager_t* slot = resource_manager_get(g_fq_resource_map, FRAME_QUEUE_MAX, id);
     if (slot == nullptr)
         log_as(function, LOG_LEVEL_E, "resource_manager_get id:%d failed\n", id);
     return slot;
 }
 
+/// Stands for the slot of an id that has none: never live.
+resource_manager_t g_no_slot = {FRAME_QUEUE_MAX, {}, {nullptr}};
+
 /// A queue looked up by id; its slot lock keeps it in existence for a scope.
 /// Empty, with the failure logged in the name of the caller, when there is none.
 class queue_ref
 {
 public:
-    explicit queue_ref(int32_t id, const char* function = __builtin_FUNCTION(), int line = __builtin_LINE())
+    [[gnu::always_inline]] explicit queue_ref(int32_t id, const char* function = __builtin_FUNCTION(),
+                                              int line = __builtin_LINE())
+        : queue_ref(find_slot(id, function), function, line)
     {
-        resource_manager_t* slot = find_slot(id, function);
-        if (slot == nullptr)
-            return;
-        api_.emplace(slot->rwlock, g_live[slot->id], LOG_LEVEL_E, kNoQueueMessage, function, line);
-        if (*api_)
-            queue_ = static_cast<frame_queue_t*>(slot->info.load());
     }
 
     explicit operator bool() const { return queue_ != nullptr; }
@@ -67,7 +67,15 @@ public:
     frame_queue_t* operator->() const { return queue_; }
 
 private:
-    std::optional<entry_guard> api_; ///< empty: no slot has this id
+    [[gnu::always_inline]] queue_ref(resource_manager_t* slot, const char* function, int line)
+        : api_(slot != nullptr ? slot->rwlock : g_no_slot.rwlock, g_live[slot != nullptr ? slot->id : g_no_slot.id],
+               LOG_LEVEL_E, slot != nullptr ? kNoQueueMessage : nullptr, function, line)
+    {
+        if (api_)
+            queue_ = static_cast<frame_queue_t*>(slot->info.load());
+    }
+
+    const entry_guard api_;
     frame_queue_t* queue_ = nullptr;
 };
 
@@ -137,6 +145,7 @@ void make_free(frame_queue_t& q, frame_info_t& record) REQUIRES(q.mutex)
     if (record.state != E_FRAME_NODE_STATE_FREE)
         ++q.free_frames_count;
     record.state = E_FRAME_NODE_STATE_FREE;
+    q.none_free_below = std::min(q.none_free_below, static_cast<int32_t>(&record - q.arry_pool_frames));
     record.frame.size = 0;
     record.frame.sample_rate = 0;
     record.frame.channels = 0;
@@ -147,6 +156,8 @@ frame_info_t* make_acquired(frame_queue_t& q, frame_info_t& record) REQUIRES(q.m
 {
     if (q.free_frames_count > 0)
         --q.free_frames_count;
+    if (&record == &q.arry_pool_frames[q.none_free_below])
+        ++q.none_free_below;
     record.state = E_FRAME_NODE_STATE_ACQUIRED;
     return &record;
 }
@@ -185,7 +196,10 @@ frame_info_t* first_fit(frame_queue_t& q, int32_t size) REQUIRES(q.mutex)
 {
     if (q.free_frames_count <= 0)
         return nullptr;
-    for (int32_t i = 0; i < q.pool_frames_count; ++i) {
+    while (q.none_free_below < q.pool_frames_count &&
+           q.arry_pool_frames[q.none_free_below].state != E_FRAME_NODE_STATE_FREE)
+        ++q.none_free_below;
+    for (int32_t i = q.none_free_below; i < q.pool_frames_count; ++i) {
         frame_info_t& record = q.arry_pool_frames[i];
         if (record.state == E_FRAME_NODE_STATE_FREE && record.frame.data != nullptr && record.frame.buf_size >= size)
             return make_acquired(q, record);
@@ -378,6 +392,7 @@ void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
         free(record.frame.data);
         record = frame_info_t{};
     }
+    q.none_free_below = 0;
     // A producer that waits for a frame to come back can have a new one.
     pthread_cond_broadcast(&q.cond_acquire);
 }

@@ -50,6 +50,7 @@ typedef struct frame_queue_s {
     std::atomic<int32_t> done_frames_count; ///< written under mutex
     int32_t free_frames_count GUARDED_BY(mutex);
     int32_t pool_frames_count GUARDED_BY(mutex); ///< records brought into use
+    int32_t none_free_below GUARDED_BY(mutex);   ///< record from which on there may be free ones
     int32_t pool_frames_max GUARDED_BY(mutex);
     bool abort GUARDED_BY(mutex);
     bool en_api_log;   ///< constant after init

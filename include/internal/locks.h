@@ -67,10 +67,7 @@ struct CAPABILITY("rwlock") rwlock_t {
     {
         while ((state_.fetch_add(1) & kHeld) != 0) {
             leave();
-            pthread_mutex_lock(&mutex_);
-            while ((state_.load() & kHeld) != 0)
-                pthread_cond_wait(&changed_, &mutex_);
-            pthread_mutex_unlock(&mutex_);
+            await_writer();
         }
     }
     void leave()
@@ -103,7 +100,15 @@ struct CAPABILITY("rwlock") rwlock_t {
 private:
     static constexpr int kHeld = 1 << 30;
 
-    void wake()
+    // The rare ways, apart from the usual ones: those are inlined into every entry point.
+    [[gnu::cold, gnu::noinline]] void await_writer()
+    {
+        pthread_mutex_lock(&mutex_);
+        while ((state_.load() & kHeld) != 0)
+            pthread_cond_wait(&changed_, &mutex_);
+        pthread_mutex_unlock(&mutex_);
+    }
+    [[gnu::cold, gnu::noinline]] void wake()
     {
         // Under the mutex: nobody is between a test and the wait that follows it.
         pthread_mutex_lock(&mutex_);
@@ -231,13 +236,13 @@ public:
         lock_native();
     }
     /// As above, for one of several locks of a kind: @p open tells of this one.
-    entry_guard(rwlock_t& lock, const std::atomic<bool>& open, loglevel_e level, const char* message,
-                const char* function, int line) ACQUIRE_SHARED(lock)
+    [[gnu::always_inline]] entry_guard(rwlock_t& lock, const std::atomic<bool>& open, loglevel_e level,
+                                       const char* message, const char* function, int line) ACQUIRE_SHARED(lock)
         : lock_(&lock), open_(&open), level_(level), message_(message), function_(function), line_(line)
     {
         lock_native();
     }
-    ~entry_guard() RELEASE() { unlock_native(); }
+    [[gnu::always_inline]] ~entry_guard() RELEASE() { unlock_native(); }
     entry_guard(const entry_guard&) = delete;
     entry_guard& operator=(const entry_guard&) = delete;
 
@@ -247,7 +252,7 @@ public:
     void lock() ACQUIRE_SHARED() { lock_native(); }
 
 private:
-    void lock_native()
+    [[gnu::always_inline]] void lock_native()
     {
         if (lock_->writers == 0) {
             lock_->enter();
@@ -256,14 +261,20 @@ private:
                 return;
             unlock_native();
         }
-        if (message_ != nullptr && log_enabled(level_))
-            console_print(level_, "[%s %d] %s\n", function_, line_, message_);
+        if (message_ != nullptr)
+            refuse(level_, message_, function_, line_);
     }
     void unlock_native()
     {
         if (held_)
             lock_->leave();
         held_ = false;
+    }
+    [[gnu::cold, gnu::noinline]] static void refuse(loglevel_e level, const char* message, const char* function,
+                                                    int line)
+    {
+        if (log_enabled(level))
+            console_print(level, "[%s %d] %s\n", function, line, message);
     }
 
     rwlock_t* const lock_;
