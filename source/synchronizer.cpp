@@ -30,6 +30,8 @@ using pacing::kUnset;
 using pacing::subtract;
 
 constexpr uint64_t kIdleWaitUs = 10000;
+/// An early frame is looked at again after so long, even if its time has not come and vertical blanks come no more.
+constexpr int64_t kLongestWaitUs = 100000;
 /// Without a frame for so long nobody needs vertical blanks. The next frame begins a new sequence then.
 constexpr uint64_t kNoFrameNs = 1000000000;
 
@@ -255,10 +257,8 @@ bool is_worth_a_step(sync_strategy_info_t& sync) REQUIRES(sync.sync_thread_mutex
 bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.sync_thread_mutex)
 {
     const sync_wait_e wait = sync.sync_thread_wait;
-    if (wait == E_SYNC_WAIT_NONE || what == news::restart)
+    if (wait == E_SYNC_WAIT_NONE || what == news::restart || what == news::setting)
         return true; // for the step under way it comes too late
-    if (what == news::setting)
-        return wait == E_SYNC_WAIT_FRAME; // a frame that waits is looked at soon enough
     if (wait == E_SYNC_WAIT_AUDIO || steps_are_logged(sync))
         return true;
     if (wait == E_SYNC_WAIT_FRAME)
@@ -568,6 +568,16 @@ int64_t target_of(oru_player& player, const synchronizer_frame_info_t& frame, pa
     return target;
 }
 
+// For how long an early frame is left alone at most. News of a vertical blank have it looked at again: a wake-up by
+// time as well, at nearly the same instant, would be one too many for each frame. Without vertical blanks, time does
+// it.
+int64_t longest_wait(const sync_strategy_info_t& sync, const pacing::vsync_grid& grid, int64_t now)
+{
+    const bool vblanks_come =
+        grid.sampled_time != kUnset && within(subtract(now, grid.sampled_time), 0, 2 * grid.duration);
+    return vblanks_come && !steps_are_logged(sync) ? std::max(kLongestWaitUs, grid.duration) : grid.duration;
+}
+
 // Decides about a frame that has a predecessor: true when its time has come,
 // with the delay that the timer advances by; false after a wait.
 bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pacing::vsync_grid& grid, int64_t& delay)
@@ -589,7 +599,7 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pa
     const int64_t target = target_of(player, frame, grid, now, delay);
     const int64_t due = add_saturated(player.frame_timer, delay);
     const bool at_vsync = now < due && frame_render_by_vsync(target, grid.sampled_time, grid.duration);
-    const pacing::decision decision = pacing::decide(now, due, at_vsync, grid.duration);
+    const pacing::decision decision = pacing::decide(now, due, at_vsync, longest_wait(player.base, grid, now));
     if (decision.what == pacing::verdict::flip)
         return true;
     trace_step(player, LOG_LEVEL_I, "wait frame_pts:%llu remaining_time:%lli\n", llu(player.last_frame.pts),

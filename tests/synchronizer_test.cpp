@@ -647,10 +647,16 @@ private:
         sleep(E_SYNC_WAIT_NONE, 0);
         const size_t flips = queue.flips();
         if (step())
-            sleep(E_SYNC_WAIT_TIME, queue.flips() > flips ? 0 : player().waiting_until);
+            sleep(E_SYNC_WAIT_TIME, queue.flips() > flips ? 0 : ticks ? next_tick() : player().waiting_until);
         else
             sleep(E_SYNC_WAIT_FRAME, ticks ? g_frozen_us + 10000 : INT64_MAX);
         return queue.flips() > flips;
+    }
+    /// An early frame was looked at again after each refresh.
+    int64_t next_tick()
+    {
+        const int64_t refresh = pacing::refresh_duration(static_cast<float>(std::get<1>(GetParam())));
+        return std::min(player().waiting_until, g_frozen_us + refresh);
     }
     int64_t until_ = 0; ///< when it looks again by itself
 };
