@@ -21,6 +21,7 @@ bench_packages=(
 )
 test_packages=(
     clang clang-tidy clang-format binutils git
+    valgrind                                                            # counts instructions
     libasound2-plugins pulseaudio                                       # a sound server for the Linux platform
     ffmpeg                                                              # makes the film files that are played
     xvfb                                                                # a desktop for its window
