@@ -22,15 +22,34 @@ OWN_THREADS = {"audio_read", "audio_resample", "audio_write", "aysync_logic", "a
                "format_detect"}
 # (what, the player's arguments, the peer's sound file, ffmpeg's options for it, frames a second)
 WORK = [
-    ("44.1 to 48 kHz, 60 frames/s", "pcm44", "tone44.wav", ["-ar", "44100"], 60),
-    ("AC-3 2.0, 60 frames/s", "ac3", "tone.ac3", ["-ar", "48000", "-b:a", "192k"], 60),
-    ("E-AC-3 2.0, 60 frames/s", "eac3", "tone.eac3", ["-ar", "48000", "-b:a", "192k"], 60),
-    ("48 kHz, sound only", "pcm48", "tone48.wav", ["-ar", "48000"], 0),
+    ("44.1 to 48 kHz, 60 frames/s", ["pcm", "60", "rate=44100"], "tone44.wav", ["-ar", "44100"]),
+    ("AC-3 2.0, 60 frames/s", ["ac3", "60"], "tone.ac3", ["-ar", "48000", "-b:a", "192k"]),
+    ("E-AC-3 2.0, 60 frames/s", ["eac3", "60"], "tone.eac3", ["-ar", "48000", "-b:a", "192k"]),
+    ("48 kHz, sound only", ["pcm", "0"], "tone48.wav", ["-ar", "48000"]),
 ]
-BEGIN, END = "<!-- measured: scripts/bench writes from here -->", "<!-- to here -->"
+# What is varied: (what, values, how a value is asked for: the player's arguments, its environment)
+GROWTH = [
+    ("video queue, frames", [5, 16, 64, 128], lambda n: (["pcm", "60", f"queue={n}"], {})),
+    ("frames/s", [24, 60, 120, 240], lambda n: (["pcm", str(n), "queue=128"], {})),
+    ("display, Hz", [24, 60, 120, 240], lambda n: (["pcm", "24", f"display={n}"], {})),
+    ("sample rate, Hz", [32000, 44100, 48000], lambda n: (["pcm", "60", f"rate={n}"], {})),
+    ("variables in the environment", [1, 10, 100, 1000],
+     lambda n: (["pcm", "60"], {f"VARIABLE_{i}": "of the usual length" for i in range(n)})),
+    ("log level", [0, 2, 3, 4, 5], lambda n: (["pcm", "60"], {"debug_hdmiplayer_log_level": str(n)})),
+]
+# (what, the player's arguments, the floor of its first sound in ms). The first period shows that sound comes; the reset
+# that follows begins with the second one.
+STARTS = [
+    ("PCM, 48 kHz", ["pcm", "60"], "116: two periods, 76 hold"),
+    ("PCM, 44.1 kHz", ["pcm", "60", "rate=44100"], "116: two periods, 76 hold"),
+    ("AC-3 2.0", ["ac3", "60"], "116 to 156: two periods, up to two more for a burst, 76 hold"),
+    ("E-AC-3 2.0", ["eac3", "60"], "106 to 150: as above, of 10 ms at a time"),
+]
+MARKS = "<!-- {}: scripts/bench writes from here -->", "<!-- {}: to here -->"
 
 Counts = collections.namedtuple("Counts", "name cpu_ms switches")
-Run = collections.namedtuple("Run", "threads flips")  # {name: (ms/s, switches/s)}, (p50, p99, max) in us or None
+# {name: (ms/s, switches/s)}, (p50, p99, max) in us or None, most memory in MB
+Run = collections.namedtuple("Run", "threads flips memory")
 
 
 def thread_counts(pid):
@@ -43,9 +62,9 @@ def thread_counts(pid):
     return counts
 
 
-def run_load(command, seconds):
+def run_load(command, seconds, environment=None):
     """Runs a program that prints "running" and ends with its input."""
-    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as process:
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=environment) as process:
         for line in process.stdout:
             if line.rstrip().endswith("running"):
                 break
@@ -55,6 +74,8 @@ def run_load(command, seconds):
         begin, before = time.monotonic(), thread_counts(process.pid)
         time.sleep(seconds)
         after, end = thread_counts(process.pid), time.monotonic()
+        with open(f"/proc/{process.pid}/status") as status:
+            memory = int(re.search(r"VmHWM:\s*(\d+)", status.read()).group(1)) / 1024
         process.stdin.close()
         said = process.stdout.read()
     threads = collections.defaultdict(lambda: (0.0, 0.0))
@@ -63,7 +84,7 @@ def run_load(command, seconds):
         threads[after[tid].name] = (cpu + (after[tid].cpu_ms - before[tid].cpu_ms) / (end - begin),
                                     switches + (after[tid].switches - before[tid].switches) / (end - begin))
     flips = re.search(r"flips \d+ p50 (\d+) p99 (\d+) max (\d+)", said)
-    return Run(dict(threads), tuple(int(n) for n in flips.groups()) if flips else None)
+    return Run(dict(threads), tuple(int(n) for n in flips.groups()) if flips else None, memory)
 
 
 def total(run, names=None):
@@ -147,6 +168,41 @@ def plot(runs, path):
         file.write("\n".join(svg + ["</svg>", ""]))
 
 
+def growth_table(runs):
+    """What each value costs, and the cost of a further unit: where that grows, the growth is worse than linear."""
+    lines = ["| grows | value | its library's threads, ms/s | switches/s | memory, MB | us/s for a further one |", "|---|---|---|---|---|---|"]
+    for what, values, _ in GROWTH:
+        before = None
+        for value in values:
+            chosen = runs[what, value]
+            cpu = statistics.median(total(run, OWN_THREADS)[0] for run in chosen)
+            switches = statistics.median(total(run, OWN_THREADS)[1] for run in chosen)
+            memory = statistics.median(run.memory for run in chosen)
+            counts = before and what != "log level"
+            further = f"{1000 * (cpu - before[1]) / (value - before[0]):.2f}" if counts else ""
+            lines.append(f"| {what if before is None else ''} | {value} | {cpu:.2f} | {switches:.0f} | {memory:.1f} | {further} |")
+            before = (value, cpu)
+    return lines
+
+
+def start_table(runs):
+    lines = ["| source | open, ms | first sound, ms | its floor, ms | first frame in sync, ms | close, ms |", "|---|---|---|---|---|---|"]
+    for what, _, floor in STARTS:
+        columns = [[us / 1000 for us in column] for column in zip(*runs[what])]
+        opened, sound, picture, closed = (spread(column) for column in columns)
+        lines.append(f"| {what} | {opened} | {sound} | {floor} | {picture} | {closed} |")
+    return lines
+
+
+def write_section(page, name, lines):
+    """Replaces what stands between the section's marks."""
+    begin, end = (mark.format(name) for mark in MARKS)
+    with open(page) as file:
+        before, rest = file.read().split(begin)
+    with open(page, "w") as file:
+        file.write(before + "\n".join([begin, "", *lines, "", end]) + rest.split(end)[1])
+
+
 def machine():
     with open("/proc/cpuinfo") as file:
         model = re.search(r"model name\s*: (.*)", file.read())
@@ -155,43 +211,84 @@ def machine():
             f"Linux {platform.release()}, load before the first round {load}")
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", required=True, help="folder of the programs to measure")
-    parser.add_argument("--docs", required=True, help="folder of performance.md; it is written")
-    parser.add_argument("--rounds", type=int, default=5)
-    parser.add_argument("--seconds", type=float, default=10, help="of each run")
-    options = parser.parse_args()
-
+def measure_work(options):
+    """The whole process beside the peer, and the paths of every block beside their floors, in turns."""
     where = machine()
     peer = f"{options.build}/bench/gst_load"
     runs = {(work, who): [] for work, *_ in WORK for who in ("player", "gstreamer")}
     with tempfile.TemporaryDirectory() as folder:
         if os.path.exists(peer):
-            for _, _, file, flags, _ in WORK:
+            for _, _, file, flags in WORK:
                 subprocess.run(["ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i", "sine=f=380:d=600", "-ac", "2", *flags,
                                 f"{folder}/{file}"], check=True)
         for number in range(options.rounds):
-            for work, signal, file, _, fps in WORK:
-                print(f"round {number + 1} of {options.rounds}: {work}", file=sys.stderr)
-                runs[work, "player"].append(
-                    run_load([f"{options.build}/bench/player_load", signal, str(fps)], options.seconds))
+            for work, arguments, file, _ in WORK:
+                say(options, number, work)
+                runs[work, "player"].append(run_load([f"{options.build}/bench/player_load", *arguments], options.seconds))
                 if os.path.exists(peer):
-                    runs[work, "gstreamer"].append(run_load([peer, f"{folder}/{file}", str(fps)], options.seconds))
+                    runs[work, "gstreamer"].append(run_load([peer, f"{folder}/{file}", arguments[1]], options.seconds))
     floors = f"{options.build}/bench/floors"
     paths = subprocess.run([floors], stdout=subprocess.PIPE, text=True, check=True).stdout if os.path.exists(floors) else ""
-
     plot(runs, f"{options.docs}/performance.svg")
-    page = f"{options.docs}/performance.md"
-    with open(page) as file:
-        before, rest = file.read().split(BEGIN)
-    text = "\n".join([
-        BEGIN, "", f"Measured {where}; {options.rounds} rounds of {options.seconds:.0f} s; median and range.", "",
+    write_section(f"{options.docs}/performance.md", "work", [
+        f"Measured {where}; {options.rounds} rounds of {options.seconds:.0f} s; median and range.", "",
         *process_table(runs), "", "The library's threads, CPU in ms/s / switches/s:", "", *thread_table(runs), "",
-        "![Processor time by thread](performance.svg)", "", "What the paths of every block cost:", "", *floor_table(paths),
-        "", END])
-    with open(page, "w") as file:
-        file.write(before + text + rest.split(END)[1])
+        "![Processor time by thread](performance.svg)", "", "What the paths of every block cost:", "", *floor_table(paths)])
+
+
+def measure_growth(options):
+    where = machine()
+    runs = {(what, value): [] for what, values, _ in GROWTH for value in values}
+    for number in range(options.rounds):
+        for what, values, ask in GROWTH:
+            say(options, number, what)
+            for value in values:
+                arguments, environment = ask(value)
+                command = [f"{options.build}/bench/player_load", *arguments]
+                runs[what, value].append(run_load(command, options.seconds, environment))
+    write_section(f"{options.docs}/performance.md", "growth", [
+        f"Measured {where}; {options.rounds} rounds of {options.seconds:.0f} s; medians.", "", *growth_table(runs)])
+
+
+def measure_starts(options):
+    where = machine()
+    runs = {what: [] for what, *_ in STARTS}
+    times = 8
+    for number in range(options.rounds):
+        for what, arguments, _ in STARTS:
+            say(options, number, what)
+            command = [f"{options.build}/bench/player_load", *arguments, f"starts={times}"]
+            said = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
+            runs[what] += [[int(us) for us in line.split()[1:]] for line in said.splitlines() if line.startswith("start ")]
+    write_section(f"{options.docs}/performance.md", "starts", [
+        f"Measured {where}; {options.rounds * times} starts each; median and range.", "", *start_table(runs)])
+
+
+def say(options, number, what):
+    print(f"round {number + 1} of {options.rounds}: {what}", file=sys.stderr)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", required=True, help="folder of the programs to measure")
+    parser.add_argument("--docs", required=True, help="folder of performance.md; it is written")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--seconds", type=float, default=6, help="of each run")
+    parser.add_argument("--growth", action="store_true", help="only how the cost grows")
+    parser.add_argument("--starts", action="store_true", help="only how long a start takes")
+    parser.add_argument("--quick", action="store_true", help="one round of two seconds: whether everything runs")
+    options = parser.parse_args()
+    if options.quick:
+        options.rounds, options.seconds = 1, 2
+    everything = not options.growth and not options.starts
+    if everything:
+        measure_work(options)
+    if everything or options.starts:
+        measure_starts(options)
+    if everything or options.growth:
+        if everything:
+            options.rounds, options.seconds = 1, min(options.seconds, 3)
+        measure_growth(options)
 
 
 if __name__ == "__main__":

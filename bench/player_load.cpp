@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The whole player at work on the simulated devices, with a host that does next to nothing: what another process
 // measures from outside, thread by thread. Prints "running" once the sound plays, ends with its standard input, and
-// then prints the intervals between its flips.
+// then prints the intervals between its flips. With "starts" it only opens and closes the player, and prints how long
+// each time took. What the library prints goes nowhere.
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -24,14 +25,27 @@ namespace
 {
 
 constexpr int64_t kNsPerSecond = 1'000'000'000;
+constexpr int64_t kNsPerUs = 1000;
 constexpr int kOutputRate = 48000;
 constexpr size_t kMostFlips = 1 << 20;
 constexpr int64_t kFlipsBeforeSync = 120; ///< of the start, in which frames come in bursts
 
+struct Options {
+    std::string signal;
+    int fps = 60;
+    int rate = 48000;    ///< of PCM
+    int queue = 16;      ///< frames
+    double display = 60; ///< Hz
+    int starts = 0;      ///< 0: plays
+};
+
+FILE* g_results; ///< the program's own output
 std::atomic<bool> g_running{true};
 std::atomic<int64_t> g_blocks{0};
 std::atomic<int32_t> g_newest_serial{0}, g_last_old_serial{INT32_MAX};
-std::vector<int64_t> g_flips; ///< ns; the sync thread's until the player is closed
+std::atomic<int64_t> g_reset_ns{0};   ///< when the first A/V sync reset began
+std::atomic<int64_t> g_in_sync_ns{0}; ///< the first flip after it
+std::vector<int64_t> g_flips;         ///< ns; the sync thread's until the player is closed
 
 // --- Source -------------------------------------------------------------------
 
@@ -72,18 +86,14 @@ hdmi_sim::Signal coded(AVCodecID codec)
 }
 
 /// What the source sends, and what its driver says of it.
-bool begin_source(const std::string& name)
+bool begin_source(const Options& options)
 {
-    const bool compressed = name == "ac3" || name == "eac3";
-    const int rate = name == "pcm44" ? 44100 : kOutputRate;
+    const bool compressed = options.signal != "pcm";
+    const int rate = compressed ? kOutputRate : options.rate;
     if (!hdmi_sim::write_state_file(hdmi_sim::announce_text(compressed, rate) + "\n"))
         return false;
-    if (name == "ac3")
-        hdmi_sim::receiver_connect(coded(AV_CODEC_ID_AC3));
-    else if (name == "eac3")
-        hdmi_sim::receiver_connect(coded(AV_CODEC_ID_EAC3));
-    else
-        hdmi_sim::receiver_connect(pcm(rate));
+    hdmi_sim::receiver_connect(!compressed ? pcm(rate)
+                                           : coded(options.signal == "ac3" ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3));
     return true;
 }
 
@@ -122,14 +132,20 @@ void render_frames(int fps)
 
 void on_event(hdmi_player_event_e event)
 {
-    if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
-        g_last_old_serial = g_newest_serial.load();
+    if (event != E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
+        return;
+    g_last_old_serial = g_newest_serial.load();
+    int64_t none = 0;
+    g_reset_ns.compare_exchange_strong(none, hdmi_sim::now_ns());
 }
 
 void on_flip(hdmi_player_video_frame_t frame)
 {
+    const int64_t now = hdmi_sim::now_ns();
     if (g_flips.size() < kMostFlips)
-        g_flips.push_back(hdmi_sim::now_ns());
+        g_flips.push_back(now);
+    if (g_in_sync_ns == 0 && g_reset_ns != 0)
+        g_in_sync_ns = now;
     hdmi_sim::display_flip(frame.buf_handle);
 }
 
@@ -140,64 +156,165 @@ void print_flip_errors(int fps)
         errors.push_back(std::abs(g_flips[i] - g_flips[i - 1] - kNsPerSecond / fps) / 1000);
     std::sort(errors.begin(), errors.end());
     if (!errors.empty())
-        printf("flips %zu p50 %lld p99 %lld max %lld\n", errors.size(),
-               static_cast<long long>(errors[errors.size() / 2]),
-               static_cast<long long>(errors[errors.size() * 99 / 100]), static_cast<long long>(errors.back()));
+        fprintf(g_results, "flips %zu p50 %lld p99 %lld max %lld\n", errors.size(),
+                static_cast<long long>(errors[errors.size() / 2]),
+                static_cast<long long>(errors[errors.size() * 99 / 100]), static_cast<long long>(errors.back()));
 }
 
-int play(int fps)
+// --- Playing --------------------------------------------------------------------
+
+/// The player and its host from construction to destruction.
+class Playing
+{
+public:
+    explicit Playing(const Options& options)
+    {
+        const int display = hdmi_sim::display_start({options.display}, nullptr, nullptr);
+        hdmi_player_config_t config = {};
+        config.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
+        config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
+        config.drm_info = {display, static_cast<float>(options.display)};
+        config.video_frame_queue_size = options.queue;
+        config.event_cb = on_event;
+        config.video_frame_flip_cb = on_flip;
+        config.video_frame_drop_cb = [](hdmi_player_video_frame_t) {};
+        g_running = true;
+        g_blocks = g_newest_serial = 0;
+        // Without frames there is no reset that sound would have to wait for.
+        g_last_old_serial = options.fps > 0 ? INT32_MAX : -1;
+        g_reset_ns = g_in_sync_ns = 0;
+        open_ = hdmi_player_open(config) == 0;
+        opened_ns_ = hdmi_sim::now_ns();
+        if (!open_)
+            return;
+        hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
+        sound_ = std::thread(play_sound);
+        if (options.fps > 0)
+            video_ = std::thread(render_frames, options.fps);
+    }
+    ~Playing()
+    {
+        close();
+        hdmi_sim::display_stop();
+    }
+    Playing(const Playing&) = delete;
+    Playing& operator=(const Playing&) = delete;
+
+    bool is_open() const { return open_; }
+    int64_t opened_ns() const { return opened_ns_; }
+    /// Ends the host, then the player. @return ns that the player took.
+    int64_t close()
+    {
+        g_running = false;
+        if (sound_.joinable())
+            sound_.join();
+        if (video_.joinable())
+            video_.join();
+        const int64_t begin = hdmi_sim::now_ns();
+        if (open_)
+            hdmi_player_close();
+        open_ = false;
+        return hdmi_sim::now_ns() - begin;
+    }
+
+private:
+    bool open_ = false;
+    int64_t opened_ns_ = 0;
+    std::thread sound_, video_;
+};
+
+bool play(const Options& options)
 {
     g_flips.reserve(kMostFlips);
-    const int display = hdmi_sim::display_start({}, nullptr, nullptr);
-    hdmi_player_config_t config = {};
-    config.ao_dev = E_HDMI_PLAYER_AO_DEV_SPEAKER;
-    config.ao_sample_rate = E_HDMI_PLAYER_AIO_SAMPLE_RATE_48K;
-    config.drm_info = {display, 60.0F};
-    config.video_frame_queue_size = 16;
-    config.event_cb = on_event;
-    config.video_frame_flip_cb = on_flip;
-    config.video_frame_drop_cb = [](hdmi_player_video_frame_t) {};
-    // Without frames there is no reset that sound would have to wait for.
-    g_last_old_serial = fps > 0 ? INT32_MAX : -1;
-    if (hdmi_player_open(config) != 0)
-        return EXIT_FAILURE;
-    hdmi_player_hotplug_status_changed(E_HDMI_HOTPLUG_STATUS_IN);
-    std::thread sound(play_sound);
-    std::thread video;
-    if (fps > 0)
-        video = std::thread(render_frames, fps);
-    while (g_blocks < 50)
-        usleep(10000);
-    printf("running\n");
-    fflush(stdout);
-    char ignored = 0;
-    while (read(STDIN_FILENO, &ignored, 1) > 0) {
+    {
+        const Playing playing(options);
+        if (!playing.is_open())
+            return false;
+        while (g_blocks < 50)
+            usleep(10000);
+        fprintf(g_results, "running\n");
+        fflush(g_results);
+        char ignored = 0;
+        while (read(STDIN_FILENO, &ignored, 1) > 0) {
+        }
     }
-    g_running = false;
-    sound.join();
-    if (video.joinable())
-        video.join();
-    hdmi_player_close();
-    hdmi_sim::display_stop();
-    if (fps > 0)
-        print_flip_errors(fps);
-    return EXIT_SUCCESS;
+    if (options.fps > 0)
+        print_flip_errors(options.fps);
+    return true;
+}
+
+/// Prints for each start, in us: until open returned, until sound was written, until a frame was flipped in sync (both
+/// from the call of open on), and how long close took.
+bool start_again_and_again(const Options& options)
+{
+    for (int start = 0; start < options.starts; ++start) {
+        hdmi_sim::reset();
+        if (!begin_source(options))
+            return false;
+        // At another phase of periods and bursts each time.
+        usleep(static_cast<useconds_t>(start * 7919 % 32000));
+        const int64_t begin = hdmi_sim::now_ns();
+        int64_t sound = 0, picture = 0;
+        Playing playing(options);
+        if (!playing.is_open())
+            return false;
+        while ((sound = hdmi_sim::playback_stats().first_write_ns) == 0 ||
+               (options.fps > 0 && (picture = g_in_sync_ns) == 0))
+            usleep(1000);
+        const int64_t closed = playing.close();
+        fprintf(g_results, "start %lld %lld %lld %lld\n",
+                static_cast<long long>((playing.opened_ns() - begin) / kNsPerUs),
+                static_cast<long long>((sound - begin) / kNsPerUs),
+                static_cast<long long>(std::max<int64_t>(picture - begin, 0) / kNsPerUs),
+                static_cast<long long>(closed / kNsPerUs));
+        fflush(g_results);
+    }
+    return true;
+}
+
+bool parse(int argc, char** argv, Options* options)
+{
+    if (argc < 3)
+        return false;
+    options->signal = argv[1];
+    options->fps = atoi(argv[2]);
+    for (int i = 3; i < argc; ++i) {
+        const std::string option = argv[i];
+        const size_t sign = option.find('=');
+        const std::string name = option.substr(0, sign);
+        const double value = sign != std::string::npos ? atof(option.c_str() + sign + 1) : 0;
+        if (name == "rate")
+            options->rate = static_cast<int>(value);
+        else if (name == "queue")
+            options->queue = static_cast<int>(value);
+        else if (name == "display")
+            options->display = value;
+        else if (name == "starts")
+            options->starts = static_cast<int>(value);
+        else
+            return false;
+    }
+    return options->signal == "pcm" || options->signal == "ac3" || options->signal == "eac3";
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        fprintf(stderr, "Usage: player_load pcm44|pcm48|ac3|eac3 FRAMES_PER_SECOND\n");
+    Options options;
+    if (!parse(argc, argv, &options)) {
+        fprintf(stderr, "Usage: player_load pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [queue=FRAMES] [display=HZ] "
+                        "[starts=TIMES]\n");
         return 2;
     }
+    g_results = fdopen(dup(STDOUT_FILENO), "w");
+    if (g_results == nullptr || freopen("/dev/null", "w", stdout) == nullptr)
+        return EXIT_FAILURE;
     std::string error;
     if (!hdmi_sim::prepare_announcements(&error)) {
         fprintf(stderr, "%s\n", error.c_str());
         return 77;
     }
-    if (!begin_source(argv[1]))
-        return EXIT_FAILURE;
-    return play(atoi(argv[2]));
+    const bool done = options.starts > 0 ? start_again_and_again(options) : begin_source(options) && play(options);
+    return done ? EXIT_SUCCESS : EXIT_FAILURE;
 }
