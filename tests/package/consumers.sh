@@ -55,7 +55,7 @@ build() {
 #include <hdmi_cec.h>' | gcc -std=c99 "${strict[@]}" -x c -fsyntax-only \
         -I"$(pkg-config --variable=platformdir hdmi_player)" - || echo "FAIL: seams"
     # The tools, and what goes with them.
-    for tool in play doctor run; do
+    for tool in play view doctor run; do
         LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --help >"$folder/help" || echo "FAIL: $tool --help"
         grep -q "^hdmi-player-$tool" "$prefix/share/man/man1/hdmi-player-$tool.1" || echo "FAIL: $tool's page"
         grep -q -- "--help" "$prefix/share/bash-completion/completions/hdmi-player-$tool" || echo "FAIL: completion"
