@@ -39,6 +39,13 @@ passes foreign --seconds 3 "${captured[@]}" "${played[@]}"
 grep -q 'A/V offset' "$folder/foreign.txt" && fail "an offset to a source that is not known"
 grep -q 'Lip sync not measured' "$folder/foreign.txt" || fail "the report does not tell that lip sync was not measured"
 
+# A platform that the program knows by its seams alone.
+library=$(realpath "$(dirname "$program")/../../platform/linux/libhdmiplayer_linux.so")
+HDMIPLAYER_ALSA_SPEAKER=room passes port --seconds 3 --playback "port:$library" --display-rate 50
+refuses 3 --playback port:/no_such_library.so
+refuses 2 "${captured[@]}" --playback "port:$library"
+refuses 2 --playback port:/no_such_library.so --output arc --cec /dev/cec0
+
 # A source that goes on compressed is announced anew.
 if command -v ffmpeg >/dev/null; then
     {
@@ -80,7 +87,7 @@ done
 misses lost 'samples complete and in place' --seconds 4 "${sent[@]}" "${heard[@]}" --withhold-block
 misses late 'A/V offset p95' --seconds 4 "${sent[@]}" "${heard[@]}" --display-latency 160 --no-hold
 
-for option in '--playback alsa:' '--capture alsa:' '--cec /dev/'; do
+for option in '--playback alsa:' '--capture alsa:' '--cec /dev/' "${captured[*]} --video v4l2:/dev/"; do
     refuses 3 ${option}no_such_device
 done
 # Devices that are there, and cannot be used: what opens takes A-law alone.
@@ -98,6 +105,7 @@ plays && [ "$(grep -c 'warning: .*/unused.conf:' "$folder/unused.txt")" -eq 4 ] 
 HDMIPLAYER_LINUX_CONFIG=$folder/unused.conf run used --seconds 2 "${played[@]}" --output headphone
 [ "$status" -eq 2 ] || { cat "$folder/used.txt"; fail "a fault of the device in use: exit status $status"; }
 for arguments in '--playback room' '--feed alsa:cable' '--observe alsa:room_end' "${captured[*]} --receiver-ppm 50" \
+    '--video v4l2:/dev/video0' "${captured[*]} --video /dev/video0" "${captured[*]} --flash-at 50,50" \
     "${captured[*]} --bitstream ac3" "${sent[*]} --bitstream eac3"; do
     refuses 2 $arguments
 done

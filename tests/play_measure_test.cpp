@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <random>
 #include <string>
 
 #include "coded_audio.h"
@@ -17,6 +18,7 @@
 #include "made_up_scenes.h"
 #include "measure/fidelity.h"
 #include "measure/measure.h"
+#include "measure/passage.h"
 #include "measure/punctuality.h"
 #include "measure/raw_check.h"
 #include "screen/screen.h"
@@ -80,7 +82,12 @@ protected:
 
     void record(const std::vector<int16_t>& stereo, int rate, std::vector<HeardBlock> blocks)
     {
+        record(stereo, rate, std::move(blocks), &recording);
+    }
+    void record(const std::vector<int16_t>& stereo, int rate, std::vector<HeardBlock> blocks, Recording* into)
+    {
         path_ = testing::TempDir() + "play_measure_" + std::to_string(getpid()) + ".wav";
+        unlink(path_.c_str());
         SF_INFO info = {};
         info.channels = 2;
         info.samplerate = rate;
@@ -90,13 +97,23 @@ protected:
         sf_writef_short(file, stereo.data(), static_cast<sf_count_t>(stereo.size() / 2));
         sf_close(file);
         std::string error;
-        ASSERT_TRUE(recording.open(path_, std::move(blocks), &error)) << error;
+        ASSERT_TRUE(into->open(path_, std::move(blocks), &error)) << error;
     }
 
     void record(const std::vector<int16_t>& stereo, int rate, int64_t heard_ns)
     {
         record(stereo, rate, {{0, static_cast<int64_t>(stereo.size() / 2), heard_ns, false}});
     }
+    /// @p stereo is captured from 0 on, and heard 110 ms later at half the volume.
+    void pass(std::vector<int16_t> stereo)
+    {
+        const auto frames = static_cast<int64_t>(stereo.size() / 2);
+        record(stereo, 48000, {{0, frames, 0, false}}, &captured);
+        for (int16_t& sample : stereo)
+            sample = static_cast<int16_t>(sample / 2);
+        record(stereo, 48000, 110 * kMs);
+    }
+    Recording captured;
 
     RawCheck bursts_in(const std::vector<int16_t>& words, const Source& source)
     {
@@ -238,6 +255,50 @@ TEST_F(PlayMeasure, DecodedSoundIsComparedFromTheFirstWholeBurstOn)
     out[2 * (kBurstSamples - kFirst + 256)] ^= 1;
     record(out, 48000, kFirst * kSecond / 48000 + 100 * kMs);
     EXPECT_EQ(check_samples(recording, *coded, matches, {end}).mismatches, 1);
+}
+
+TEST_F(PlayMeasure, WhatWasCapturedIsFoundAgainByItsBeepsOrByItsWaveform)
+{
+    Programme programme(48000, {60, 1}, 5 * kSecond + kSecond / 2);
+    const std::vector<Sighting> seen = watch(&programme, 150 * kMs);
+    pass(sound_of(programme, 0, 5 * 48000));
+    const Passages beeps = find_passages(captured, recording);
+    EXPECT_TRUE(beeps.beeps);
+    ASSERT_EQ(beeps.all.size(), 4u);
+    for (const Offset& offset : measure_passages(beeps.all, seen, programme, {})) {
+        EXPECT_NEAR(offset.sound_ms, 110, 0.1);
+        EXPECT_NEAR(offset.picture_ms, 150, 0.1);
+    }
+    // The second flash came in 20 ms before its beep; the third was never seen.
+    std::vector<Sighting> without_180 = seen;
+    without_180.erase(without_180.begin() + 180);
+    const Chain chain =
+        measure_chain(beeps, {{120, 2 * kSecond - 20 * kMs}, {180, 3 * kSecond}}, without_180, SourceClock{});
+    EXPECT_EQ(chain.count, 1);
+    EXPECT_NEAR(chain.captured_ms, -20, 0.1);
+    EXPECT_NEAR(chain.shown_ms, 40, 0.1);
+
+    std::mt19937 random(1);
+    std::vector<int16_t> noise(size_t{2} * 3 * 48000);
+    for (int16_t& sample : noise)
+        sample = static_cast<int16_t>(random() % 20000 - 10000);
+    pass(noise);
+    const Passages seconds = find_passages(captured, recording);
+    EXPECT_FALSE(seconds.beeps);
+    ASSERT_EQ(seconds.all.size(), 2u);
+    EXPECT_EQ(seconds.all[1].heard_ns - seconds.all[1].captured_ns, 110 * kMs);
+    EXPECT_EQ(find_passages(captured, Recording()).all.size(), 0u);
+}
+
+TEST(Brightness, OfAllThePictureOrOfASpot)
+{
+    std::vector<uint32_t> pixels(100 * 50, 0x101010);
+    for (int y = 20; y < 30; y++)
+        std::fill_n(pixels.begin() + y * 100 + 70, 20, 0xFFFFFF);
+    const Canvas canvas = {reinterpret_cast<uint8_t*>(pixels.data()), 100, 50, 400};
+    EXPECT_NEAR(brightness(canvas, {}), 0.063 + 0.04 * 0.937, 0.005);
+    EXPECT_NEAR(brightness(canvas, Spot{0.8, 0.5}), 1, 0.001);
+    EXPECT_NEAR(brightness(canvas, Spot{1, 1}), 0.063, 0.001);
 }
 
 TEST_F(PlayMeasure, BurstsAtAnOutputAreTheSourcesInItsOrder)

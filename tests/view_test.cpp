@@ -14,15 +14,16 @@ extern "C" {
 #include <fstream>
 #include <map>
 
+#include "capture/converter.h"
 #include "capture/pixel_format.h"
 #include "control/commands.h"
 #include "machine/capture_devices.h"
 #include "machine/video_signal.h"
 #include "picture/black.h"
-#include "picture/converter.h"
 #include "picture/least_age.h"
 #include "session/words.h"
 
+using namespace capture;
 using namespace view;
 using machine::CaptureDevice;
 using machine::Finding;
@@ -227,7 +228,7 @@ TEST(VideoSignal, TimingsTellTheRateOfFramesAlsoOfFieldsAndReducedOnes)
     timings.vbackporch = 36;
     timings.pixelclock = 148500000;
     EXPECT_EQ(machine::describe(machine::signal_of(timings)), "1920x1080 at 60 fps");
-    EXPECT_EQ(objection_to(machine::signal_of(timings), "/dev/video0").detail, "");
+    EXPECT_EQ(machine::objection_to(machine::signal_of(timings), "/dev/video0").detail, "");
     timings.flags = V4L2_DV_FL_REDUCED_FPS;
     EXPECT_NEAR(machine::signal_of(timings).fps, 60000 / 1001.0, 1e-6);
     timings.flags = 0;
@@ -239,11 +240,13 @@ TEST(VideoSignal, TimingsTellTheRateOfFramesAlsoOfFieldsAndReducedOnes)
     timings.il_vsync = 5;
     timings.il_vbackporch = 16;
     EXPECT_NEAR(machine::signal_of(timings).fps, 30, 1e-6);
-    EXPECT_EQ(objection_to(machine::signal_of(timings), "/dev/video0").detail.find("1920x1080 interlaced at 30 fps"),
-              0u);
+    EXPECT_EQ(
+        machine::objection_to(machine::signal_of(timings), "/dev/video0").detail.find("1920x1080 interlaced at 30 fps"),
+        0u);
     for (int error : {ENOLINK, ENOLCK, ERANGE})
-        EXPECT_NE(objection_to(machine::signal_of_error(error), "/dev/video0").remedy, "") << error;
-    EXPECT_EQ(objection_to(machine::signal_of_error(ENOTTY), "/dev/video0").detail, "") << "a device without timings";
+        EXPECT_NE(machine::objection_to(machine::signal_of_error(error), "/dev/video0").remedy, "") << error;
+    EXPECT_EQ(machine::objection_to(machine::signal_of_error(ENOTTY), "/dev/video0").detail, "")
+        << "a device without timings";
 }
 
 TEST(CaptureMode, MostPixelsASecondThenWhatIsShownAsItIsThenWhatIsNotCompressed)

@@ -141,7 +141,12 @@ namespace hdmi_linux
 {
 
 DeviceStats playback_stats() { return output().playback_stats(); }
-DeviceStats capture_stats() { return capture().stats(); }
+DeviceStats capture_stats()
+{
+    DeviceStats stats = capture().stats();
+    stats.frames_per_sample = receiver().frames_per_sample();
+    return stats;
+}
 BypassStats bypass_stats() { return output().bypass_stats(); }
 
 } // namespace hdmi_linux

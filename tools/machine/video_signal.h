@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "machine/finding.h"
+
 namespace machine
 {
 
@@ -32,5 +34,7 @@ VideoSignal signal_of_error(int error);
 VideoSignal detect_signal(int fd, v4l2_dv_timings* timings = nullptr);
 /// "1920x1080 at 59.94 fps", or why there is none.
 std::string describe(const VideoSignal& signal);
+/// Why the signal at device @p path cannot be shown; a finding without detail if it can.
+Finding objection_to(const VideoSignal& signal, const std::string& path);
 
 } // namespace machine

@@ -19,6 +19,7 @@
 #include "hdmi_sim.h"
 #include "host/host.h"
 #include "measure/measure.h"
+#include "measure/passage.h"
 #include "measure/punctuality.h"
 #include "process/realtime.h"
 #include "process/stop_signals.h"
@@ -27,6 +28,7 @@
 #include "report/report.h"
 #include "report/verdict.h"
 #include "screen/open_display.h"
+#include "source/captured_pictures.h"
 #include "source/coded_programme.h"
 #include "source/media_file.h"
 #include "source/programme.h"
@@ -73,7 +75,7 @@ public:
     {
         if (directory_.empty())
             return;
-        for (const std::string& sound : {path_, sent_path(path_)}) {
+        for (const std::string& sound : {path_, sent_path(path_), captured_path(path_)}) {
             unlink(sound.c_str());
             unlink((sound + ".blocks.csv").c_str());
         }
@@ -114,6 +116,12 @@ std::unique_ptr<Source> make_source(const Options& options, const std::vector<Lo
 {
     if (!options.file.empty())
         return MediaFile::open(options.file, options.source_rate, options.coding, error);
+    if (options.captured_pictures()) {
+        std::optional<Spot> spot;
+        if (options.flash_at)
+            spot = {options.flash_at->first, options.flash_at->second};
+        return CapturedPictures::open(options.video, spot, static_cast<int64_t>(options.seconds * 1e9), error);
+    }
     Coding coding = options.coding.value_or(Coding::pcm);
     int own_rate = coding == Coding::pcm ? kProgrammeAudioRate : kCodedProgrammeRate;
     int rate = options.source_rate != 0 ? options.source_rate : own_rate;
@@ -130,6 +138,8 @@ std::unique_ptr<Source> make_source(const Options& options, const std::vector<Lo
 
 bool start_source(const Options& options, Source* source, std::string* error)
 {
+    if (auto* pictures = dynamic_cast<CapturedPictures*>(source))
+        return pictures->start(error);
     auto* file = dynamic_cast<MediaFile*>(source);
     if (file == nullptr || file->start(static_cast<int64_t>(options.seconds * 1e9), error))
         return true;
@@ -214,6 +224,7 @@ void watch(const Host& host, const display::Display& display, const process::Sto
 struct Sound {
     Recording heard;
     Recording sent;
+    Recording captured; ///< empty unless the pictures are captured too
 };
 
 /// Sound of the source, found in a recording.
@@ -266,6 +277,42 @@ std::vector<int64_t> resets_of(const Trace& trace, SourceClock clock)
     return resets;
 }
 
+void summarise_offsets(Result* result)
+{
+    result->offset = summarise(result->offsets, result->options.av_offset_ms);
+    std::vector<double> sound_ms;
+    std::vector<double> picture_ms;
+    for (const Offset& offset : result->offsets) {
+        sound_ms.push_back(offset.sound_ms);
+        picture_ms.push_back(offset.picture_ms);
+    }
+    result->sound_latency = summarise_latency(sound_ms);
+    result->picture_latency = summarise_latency(picture_ms);
+}
+
+bool is_compressed(const LinkAccount& link)
+{
+    return std::any_of(link.announced.begin(), link.announced.end(), [](const Announcement& announcement) {
+        return announcement.state.find("COMP") != std::string::npos;
+    });
+}
+
+/// Of sound and pictures that are captured both.
+void evaluate_passage(const CapturedPictures& pictures, SourceClock clock, const Screen& screen, const Sound& sound,
+                      Judged judged, Result* result)
+{
+    result->captured_bursts = is_compressed(result->stage.link);
+    if (result->captured_bursts)
+        return;
+    Passages passages = find_passages(sound.captured, sound.heard);
+    auto outside = [&](const Passage& passage) { return !judged.holds(clock.to_source(passage.captured_ns)); };
+    passages.all.erase(std::remove_if(passages.all.begin(), passages.all.end(), outside), passages.all.end());
+    result->instants = static_cast<int64_t>(passages.all.size());
+    result->offsets = measure_passages(passages.all, screen.sightings(), pictures, clock);
+    result->chain = measure_chain(passages, pictures.flashes(), screen.sightings(), clock);
+    summarise_offsets(result);
+}
+
 void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound,
                     const Trace& trace, Judged judged, Result* result)
 {
@@ -277,19 +324,11 @@ void evaluate_sound(const Source& source, SourceClock clock, const Screen& scree
     if (sound.heard.frames() > 0)
         for (int64_t at_ns : by_marks ? source.marks() : waveform_instants(judged.last_ns))
             result->instants += judged.holds(at_ns) ? 1 : 0;
-    result->offset = summarise(result->offsets, result->options.av_offset_ms);
+    summarise_offsets(result);
     std::vector<LostBursts> lost;
     for (const LossReading& reading : result->losses)
         lost.push_back(reading.lost);
     result->losses = read_losses(lost, result->offsets, resets_of(trace, clock));
-    std::vector<double> sound_ms;
-    std::vector<double> picture_ms;
-    for (const Offset& offset : result->offsets) {
-        sound_ms.push_back(offset.sound_ms);
-        picture_ms.push_back(offset.picture_ms);
-    }
-    result->sound_latency = summarise_latency(sound_ms);
-    result->picture_latency = summarise_latency(picture_ms);
     if (!result->options.observe.empty())
         matches = find_sound(sound.sent, source, clock, judged.last_ns);
     result->samples = check_samples(sound.sent, source, matches, capture_path(*result));
@@ -353,7 +392,8 @@ void evaluate_devices(const Sound& sound, const DeviceDisturbances& disturbances
     // With bursts passed on, the player writes nothing.
     int64_t began_ns = result->options.raw ? result->opened_ns : result->stage.sound.first_write_ns;
     int64_t settled_ns = began_ns + kSecondNs;
-    bool real = !result->options.playback.empty();
+    // A port counts nothing: what its own word of the delay says.
+    bool real = !result->options.playback.empty() && !is_port(result->options.playback);
     result->early_gaps = real ? disturbances.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
     result->gaps = real ? disturbances.playback.count(settled_ns, result->signal_end_ns)
                         : sound.heard.gaps(settled_ns, result->signal_end_ns);
@@ -390,8 +430,11 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     // Until what was sent, not what was seen: a picture that freezes must not end the judgement.
     Judged judged = {clock.to_source(reset_ns + kSettlingNs),
                      host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
-    if (!result->options.foreign_source() && !result->options.raw) {
-        evaluate_sound(source, clock, screen, sound, trace, judged, result);
+    if (result->options.sync_known() && !result->options.raw) {
+        if (const auto* pictures = dynamic_cast<const CapturedPictures*>(&source))
+            evaluate_passage(*pictures, clock, screen, sound, judged, result);
+        else
+            evaluate_sound(source, clock, screen, sound, trace, judged, result);
         evaluate_course(source, clock, sound, trace, judged, result);
     }
     evaluate_pictures(source, host, screen, judged, result);
@@ -489,7 +532,7 @@ ExitStatus run(Source* source, display::Display* display, const process::StopSig
     if (result->stopped_by != 0 && !result->options.raw && host->audio().written == 0)
         return kStopped;
     Sound sound;
-    if (!stage.finish(&sound.heard, &sound.sent, error))
+    if (!stage.finish(&sound.heard, &sound.sent, error) || !stage.finish_captured(&sound.captured, error))
         return kOutside;
     if (result->options.raw)
         result->raw = stage.check_raw(sound.heard);

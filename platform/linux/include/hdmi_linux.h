@@ -149,6 +149,8 @@ struct DeviceStats {
     int64_t frames_lost = 0; ///< frames whose time passed in silence while there was no device
     int64_t reselects = 0;   ///< moves to another device
     int64_t waiting = 0;     ///< frames captured and not read yet when the latest read ended: how old its sound was
+    /// Capture, where the stand-in follows it: link frames for each sample, by the bursts seen last; 4 for E-AC-3.
+    int frames_per_sample = 1;
     bool matched = false;    ///< playback: what is played is resampled from the capture device's clock
     double matching_ppm = 0; ///< by how much that clock is faster, as the ratio has it; 0 while it is not known
     std::string pcm;         ///< ALSA's name

@@ -38,6 +38,8 @@ public:
     void opened();
     void captured(const uint8_t* data, int bytes);
 
+    /// Of the bursts seen last: 4 if they are E-AC-3.
+    int frames_per_sample() const { return watch_.evidence().frames_per_sample; }
     /// Copies the last @p count events at most, oldest first. @return how many are known.
     int events(hdmi_linux_receiver_event_t* events, int count);
 

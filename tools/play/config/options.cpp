@@ -33,10 +33,11 @@ const char* const kFooter =
     "Each of these edges can be a real device instead. With --capture alsa:NAME the player captures from that device;\n"
     "--feed alsa:NAME names the device at its other end (of a loopback, or of a cable), into which the source is "
     "sent.\n"
-    "Without --feed the source is not known, and sound is not measured against picture. With --playback alsa:NAME the\n"
-    "player plays to that device; --observe alsa:NAME names one that hears it. Without --observe, the device's own "
-    "word\n"
-    "of its delay says when sound is heard. Names are ALSA's: hw:1,0,0, pulse, ...\n\n"
+    "Without --feed the source is not known, and sound is not measured against picture, unless --video captures the\n"
+    "pictures too: then flashes and beeps, or any sound, are found as they come in and as they come out, whoever sent\n"
+    "them, such as this machine's own HDMI output by a cable. With --playback alsa:NAME the player plays to that\n"
+    "device; --observe alsa:NAME names one that hears it. Without --observe, the device's own word of its delay says\n"
+    "when sound is heard. Names are ALSA's: hw:1,0,0, pulse, ...\n\n"
     "Compressed sound: a sample was sent when its burst began to pass, plus its place in the burst's sound. The "
     "player\n"
     "must reset once, when the first picture meets captured sound, and twice at most if --chunk-phase makes the "
@@ -82,6 +83,8 @@ struct Texts {
     std::string capture = "sim";
     std::string playback = "sim";
     std::string cec = "sim";
+    std::string video;
+    std::string flash_at;
     std::string feed;
     std::string observe;
     std::string rate_matching = "auto";
@@ -120,9 +123,17 @@ void describe(CLI::App* app, Options* options, Texts* texts)
                     "Display: sim; none (no vertical blanks to pace on); kms or kms:/dev/dri/cardN (DRM/KMS: takes\n"
                     "the whole screen, on a console that no desktop uses); window (of a desktop)")
         ->capture_default_str();
-    app->add_option("--capture", texts->capture, "The player captures from: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--video", texts->video,
+                    "Pictures from v4l2:/dev/videoN, with the sound of --capture: what comes in is played and measured")
+        ->excludes(file);
+    app->add_option("--flash-at", texts->flash_at,
+                    "X,Y in percent: flashes of --video are looked for there, not all over the picture");
+    app->add_option("--capture", texts->capture,
+                    "The player captures from: sim, alsa:NAME, or port:/LIBRARY (of a\nplatform, see docs/porting.md)")
+        ->capture_default_str();
     app->add_option("--feed", texts->feed, "Send the source into alsa:NAME, the other end of --capture");
-    app->add_option("--playback", texts->playback, "The player plays to: sim, or alsa:NAME")->capture_default_str();
+    app->add_option("--playback", texts->playback, "The player plays to: sim, alsa:NAME, or port:/LIBRARY")
+        ->capture_default_str();
     app->add_option("--observe", texts->observe, "Hear the sound at alsa:NAME, the other end of --playback");
     app->add_option("--cec", texts->cec, "CEC adapter: sim, or a device file like /dev/cec0")->capture_default_str();
     app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
@@ -221,7 +232,24 @@ std::string take_coding(const Texts& texts, Options* options)
     return "";
 }
 
-/// "alsa:NAME", or for an edge that can be simulated "sim".
+std::string take_video(const Texts& texts, Options* options)
+{
+    constexpr char kPrefix[] = "v4l2:/";
+    if (!texts.video.empty() && texts.video.rfind(kPrefix, 0) != 0)
+        return "--video: " + texts.video + " is not v4l2:/dev/videoN";
+    options->video = texts.video.empty() ? "" : texts.video.substr(sizeof kPrefix - 2);
+    if (texts.flash_at.empty())
+        return "";
+    double x = 0, y = 0;
+    char comma = 0;
+    std::istringstream in(texts.flash_at);
+    if (!(in >> x >> comma >> y) || comma != ',' || !in.eof() || x < 0 || x > 100 || y < 0 || y > 100)
+        return "--flash-at: " + texts.flash_at + " is not X,Y in percent";
+    options->flash_at = {x / 100, y / 100};
+    return options->video.empty() ? "--flash-at is of --video" : "";
+}
+
+/// "alsa:NAME".
 bool parse_device(const std::string& text, std::string* name)
 {
     constexpr char kPrefix[] = "alsa:";
@@ -230,12 +258,21 @@ bool parse_device(const std::string& text, std::string* name)
     return !name->empty();
 }
 
+/// "alsa:NAME" by its name, "port:/LIBRARY" as it is, "sim" as nothing.
+bool parse_edge(const std::string& text, std::string* name)
+{
+    if (!is_port(text))
+        return text == "sim" || parse_device(text, name);
+    *name = text;
+    return true;
+}
+
 std::string take_devices(const Texts& texts, Options* options)
 {
-    if (texts.capture != "sim" && !parse_device(texts.capture, &options->capture))
-        return "--capture: " + texts.capture + " is neither sim nor alsa:NAME";
-    if (texts.playback != "sim" && !parse_device(texts.playback, &options->playback))
-        return "--playback: " + texts.playback + " is neither sim nor alsa:NAME";
+    if (!parse_edge(texts.capture, &options->capture))
+        return "--capture: " + texts.capture + " is none of sim, alsa:NAME, port:/LIBRARY";
+    if (!parse_edge(texts.playback, &options->playback))
+        return "--playback: " + texts.playback + " is none of sim, alsa:NAME, port:/LIBRARY";
     if (!texts.feed.empty() && !parse_device(texts.feed, &options->feed))
         return "--feed: " + texts.feed + " is not alsa:NAME";
     if (!texts.observe.empty() && !parse_device(texts.observe, &options->observe))
@@ -254,12 +291,19 @@ std::string check_devices(const Options& options)
         return "--feed needs --capture alsa:NAME, the device's other end";
     if (!options.observe.empty() && options.playback.empty())
         return "--observe needs --playback alsa:NAME, the device's other end";
+    if (options.captured_pictures() && (!options.foreign_source() || options.raw || options.tones))
+        return "--video needs --capture alsa:NAME, without --feed, --raw and --tones: both are of the same cable";
     if (options.foreign_source() && (!options.file.empty() || options.coding))
         return "without --feed, what --capture brings is not ours to choose: neither FILE nor --bitstream";
     if (real_capture && (options.receiver_ppm != 0 || options.phase_ms != 0 || options.chunk_phase != kPhaseAnywhere))
         return "--receiver-ppm, --phase and --chunk-phase are of the simulated receiver";
     if (!options.playback.empty() && options.playback_ppm != 0)
         return "--playback-ppm is of the simulated sound device";
+    const bool port = is_port(options.capture) || is_port(options.playback);
+    if (port && real_capture && !options.playback.empty() && options.capture != options.playback)
+        return "--capture and --playback are of one platform: alsa:, or one library of port:";
+    if (port && (options.raw || !options.cec.empty()))
+        return "--raw and --cec: not with a platform of port:";
     if (options.raw && real_capture != !options.playback.empty())
         return "--raw: the device of --capture passes it to that of --playback, both real or both simulated";
     if (options.tones && options.raw)
@@ -352,6 +396,8 @@ ParseResult parse_options(int argc, char** argv, Options* options)
         wrong = take_display(texts, options);
     if (wrong.empty())
         wrong = take_devices(texts, options);
+    if (wrong.empty())
+        wrong = take_video(texts, options);
     if (wrong.empty())
         wrong = take_coding(texts, options);
     if (wrong.empty())

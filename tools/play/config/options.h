@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hdmi_player.h"
@@ -22,6 +23,9 @@ enum class DisplayKind { sim, none, kms, window };
 /// From the vertical blank to light, of the simulated panel: what the player allows for.
 constexpr int kDefaultDisplayLatencyMs = 76;
 
+/// A device of a platform library, "port:/path/to/it", instead of ALSA's.
+inline bool is_port(const std::string& device) { return device.rfind("port:/", 0) == 0; }
+
 /// What the command line asks for.
 struct Options {
     std::string file;    ///< media file; empty: the built-in programme
@@ -35,11 +39,14 @@ struct Options {
     DisplayKind display = DisplayKind::sim;
     std::string display_path; ///< of the DRM card; empty: the first with a display
     bool page_flips = false;  ///< on it, though it may be capable of atomic ones
-    std::string capture;  ///< ALSA's name of the device that the player captures from; empty: the simulated receiver
+    /// ALSA's name of the device that the player captures from, or a port's; empty: the simulated receiver.
+    std::string capture;
     std::string playback; ///< likewise, that it plays to
     std::string cec;      ///< CEC device file; empty: the simulated one
-    std::string feed;     ///< ALSA's name of the device that the source is sent into; empty: none
-    std::string observe;  ///< ALSA's name of the device that hears what is played; empty: none
+    std::string video;    ///< V4L2 node that the pictures come from; empty: the source's own
+    std::optional<std::pair<double, double>> flash_at; ///< where light is looked at, 0 to 1; nothing: all over
+    std::string feed;    ///< ALSA's name of the device that the source is sent into; empty: none
+    std::string observe; ///< ALSA's name of the device that hears what is played; empty: none
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
     int algorithm_delay_ms = 0; ///< what the host's own processing adds
     int video_start_ms = 0;     ///< first frame that long after open
@@ -73,6 +80,9 @@ struct Options {
     double display_hz() const { return display_rate.value_or(Rational{60, 1}).value(); }
     /// The captured sound comes from somewhere else.
     bool foreign_source() const { return !capture.empty() && feed.empty(); }
+    /// Pictures are captured too: what came in when is known, whoever sent it.
+    bool captured_pictures() const { return !video.empty(); }
+    bool sync_known() const { return !foreign_source() || captured_pictures(); }
 };
 
 /// Nothing to do but leave with @p code (help was shown, or the usage was wrong), or go on.

@@ -13,7 +13,7 @@ namespace
 class CapturedLink final : public SourceLink
 {
 public:
-    CapturedLink(const Options& options, const Source* source)
+    CapturedLink(const Options& options, const Source* source) : zero_ns_(source->zero_ns())
     {
         if (!options.feed.empty())
             feed_ = std::make_unique<AlsaFeed>(options.feed, source);
@@ -24,7 +24,7 @@ public:
     {
         if (feed_ && !feed_->start(error))
             return false;
-        start_ns_ = hdmi_sim::now_ns();
+        start_ns_ = zero_ns_.value_or(hdmi_sim::now_ns());
         return start_receiver(error);
     }
 
@@ -54,6 +54,7 @@ public:
 
 private:
     std::unique_ptr<AlsaFeed> feed_; ///< null: the source is not ours
+    const std::optional<int64_t> zero_ns_;
     int64_t start_ns_ = 0;
 };
 

@@ -29,5 +29,7 @@ std::unique_ptr<SoundOutput> make_real_output(const std::string& wav_path);
 std::unique_ptr<SoundOutput> make_observed_output(const Options& options, const std::string& wav_path, int link_rate);
 /// The second recording, of a device with an observer: what the player wrote.
 std::string sent_path(const std::string& wav_path);
+/// The recording of what the player captured.
+std::string captured_path(const std::string& wav_path);
 
 } // namespace play

@@ -107,6 +107,7 @@ struct Router {
     Platform machine;
     Routes routes;
     std::atomic<SeamTap*> playback_tap{nullptr};
+    std::atomic<SeamTap*> capture_tap{nullptr};
     std::atomic<Trace*> trace{nullptr};
     std::atomic<int64_t> blocks{0};
     std::atomic<int64_t> block_to_withhold{-1};
@@ -133,7 +134,10 @@ const Platform& behind(const audio_config_t* config)
 
 const Platform& cec() { return router().routes.real_cec ? router().machine : simulated(); }
 
-SeamTap* tap_of(const audio_config_t* config) { return is_capture(config) ? nullptr : router().playback_tap.load(); }
+SeamTap* tap_of(const audio_config_t* config)
+{
+    return is_capture(config) ? router().capture_tap.load() : router().playback_tap.load();
+}
 
 // The decoder is the simulation's, which knows of its own device only.
 void tell_decoder(const audio_config_t* config, hdmi_sim::CaptureNews news)
@@ -168,14 +172,34 @@ void note_written(audio_config_t* config, const uint8_t* data, int bytes)
             {written_ns, behind(config).bytes_to_frames(config, bytes), delay_frames, mark_of(data, bytes)});
 }
 
+void note_read(const audio_config_t* config, const uint8_t* data, int bytes)
+{
+    tell_decoder(config, hdmi_sim::CaptureNews::delivered);
+    SeamTap* tap = tap_of(config);
+    if (tap != nullptr && is_capture(config))
+        tap->read(data, bytes, now_ns(), real_capture_stats().waiting);
+}
+
 /// @return null with the loader's line in @p error
-void* load_linux_library(std::string* error)
+void* load_library(const std::string& name, std::string* error)
 {
     // Local: its symbols must not replace this program's functions.
-    void* library = dlopen(kLinuxLibrary, RTLD_NOW | RTLD_LOCAL);
+    void* library = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr)
         *error = dlerror();
     return library;
+}
+
+/// A platform that somebody else made has the seams alone.
+bool load_port(const std::string& name, std::string* error)
+{
+    void* library = load_library(name, error);
+    if (library == nullptr)
+        return false;
+    if (look_up_devices(library, &router().machine))
+        return true;
+    *error = dlerror();
+    return false;
 }
 
 } // namespace
@@ -186,7 +210,9 @@ bool set_routes(const Routes& routes, std::string* error)
     r.routes = routes;
     if (!routes.any())
         return true;
-    void* library = load_linux_library(error);
+    if (!routes.port.empty())
+        return load_port(routes.port, error);
+    void* library = load_library(kLinuxLibrary, error);
     if (library == nullptr) {
         *error = "real devices need the Linux platform: " + *error;
         return false;
@@ -201,7 +227,7 @@ bool machine_is_configured(const ConfigUse& use, std::string* error)
 {
     const Router& r = router();
     std::string faults;
-    if (!r.routes.any() || r.machine.check_config(&faults))
+    if (!r.routes.any() || r.machine.check_config == nullptr || r.machine.check_config(&faults))
         return true;
     std::string in_the_way;
     std::istringstream lines(faults);
@@ -218,19 +244,19 @@ bool machine_is_configured(const ConfigUse& use, std::string* error)
 hdmi_linux::DeviceStats real_playback_stats()
 {
     const Router& r = router();
-    return r.routes.real_playback ? r.machine.playback_stats() : hdmi_linux::DeviceStats{};
+    return r.routes.real_playback && r.machine.playback_stats ? r.machine.playback_stats() : hdmi_linux::DeviceStats{};
 }
 
 hdmi_linux::DeviceStats real_capture_stats()
 {
     const Router& r = router();
-    return r.routes.real_capture ? r.machine.capture_stats() : hdmi_linux::DeviceStats{};
+    return r.routes.real_capture && r.machine.capture_stats ? r.machine.capture_stats() : hdmi_linux::DeviceStats{};
 }
 
 hdmi_linux::BypassStats real_bypass_stats()
 {
     const Router& r = router();
-    return r.routes.real_playback ? r.machine.bypass_stats() : hdmi_linux::BypassStats{};
+    return r.routes.real_playback && r.machine.bypass_stats ? r.machine.bypass_stats() : hdmi_linux::BypassStats{};
 }
 
 hdmi_linux::CecStats real_cec_stats()
@@ -243,7 +269,9 @@ bool start_receiver(std::string* error)
 {
     const Router& r = router();
     char why[256] = "no platform for real devices";
-    if (r.routes.real_capture && r.machine.receiver_start(why, sizeof why) == 0)
+    // On a port's board, the receiver's own driver announces.
+    if (r.routes.real_capture &&
+        (r.machine.receiver_start == nullptr || r.machine.receiver_start(why, sizeof why) == 0))
         return true;
     *error = why;
     return false;
@@ -252,14 +280,14 @@ bool start_receiver(std::string* error)
 void stop_receiver()
 {
     const Router& r = router();
-    if (r.routes.real_capture)
+    if (r.routes.real_capture && r.machine.receiver_stop)
         r.machine.receiver_stop();
 }
 
 std::vector<hdmi_linux_receiver_event_t> receiver_events()
 {
     const Router& r = router();
-    if (!r.routes.real_capture)
+    if (!r.routes.real_capture || r.machine.receiver_events == nullptr)
         return {};
     std::vector<hdmi_linux_receiver_event_t> events(static_cast<size_t>(r.machine.receiver_events(nullptr, 0)));
     // It was stopped before, or what came meanwhile is left out.
@@ -268,6 +296,7 @@ std::vector<hdmi_linux_receiver_event_t> receiver_events()
 }
 
 void tap_playback(SeamTap* tap) { router().playback_tap = tap; }
+void tap_capture(SeamTap* tap) { router().capture_tap = tap; }
 
 PlaybackTrace::PlaybackTrace(Trace* trace) { router().trace = trace; }
 PlaybackTrace::~PlaybackTrace() { router().trace = nullptr; }
@@ -304,7 +333,7 @@ SEAM int aio_device_read(audio_config_t* config, uint8_t* data, int size)
 {
     int result = behind(config).read(config, data, size);
     if (result > 0)
-        play::tell_decoder(config, hdmi_sim::CaptureNews::delivered);
+        play::note_read(config, data, result);
     return result;
 }
 

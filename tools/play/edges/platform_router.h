@@ -4,7 +4,7 @@
  * The platform that the player sees. The program itself exports the devices'
  * functions, and passes each call on to the simulated platform or to the
  * machine's own devices (libhdmiplayer_linux.so, loaded only when asked for):
- * one of them for capture, one for playback. A SeamTap sees what is played.
+ * one of them for capture, one for playback. SeamTaps see what passes.
  */
 #pragma once
 
@@ -25,6 +25,7 @@ struct Routes {
     bool real_capture = false;
     bool real_playback = false;
     bool real_cec = false;
+    std::string port; ///< the platform's library; empty: the Linux platform's
     bool any() const { return real_capture || real_playback || real_cec; }
 };
 
@@ -52,7 +53,7 @@ void stop_receiver();
 std::vector<hdmi_linux_receiver_event_t> receiver_events();
 
 /**
- * Sees what passes the playback device, after the platform's function and on the
+ * Sees what passes a sound device, after the platform's function and on the
  * player's thread: must be quick, may not wait for the player.
  */
 class SeamTap
@@ -63,9 +64,13 @@ public:
     virtual void opened(const audio_config_t&) {}
     /// @p bytes were written until @p now_ns; the device then had @p delay_frames to play, negative: it does not know.
     virtual void written(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/, int /*delay_frames*/) {}
+    /// @p bytes were read until @p now_ns; the device then had captured @p waiting_frames more.
+    virtual void read(const uint8_t* /*data*/, int /*bytes*/, int64_t /*now_ns*/, int64_t /*waiting_frames*/) {}
 };
 /// Null: none. The tap must stay as long as the player may call.
 void tap_playback(SeamTap* tap);
+/// Likewise, of a real capture device.
+void tap_capture(SeamTap* tap);
 
 /// Writes to the trace what the playback device takes, and how much it then has to play; null: nothing. One at a time;
 /// it outlives the player.

@@ -130,6 +130,7 @@ private:
 } // namespace
 
 std::string sent_path(const std::string& wav_path) { return wav_path + ".sent.wav"; }
+std::string captured_path(const std::string& wav_path) { return wav_path + ".captured.wav"; }
 
 std::unique_ptr<SoundOutput> make_real_output(const std::string& wav_path)
 {

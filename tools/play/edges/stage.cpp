@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "edges/alsa_pcm.h"
+#include "edges/captured_sound.h"
 #include "edges/make_edges.h"
 #include "edges/platform_router.h"
 #include "hdmi_sim.h"
@@ -34,9 +35,9 @@ const char* key_of(hdmi_player_ao_dev_e output)
 
 void name_devices(const Options& options)
 {
-    if (!options.capture.empty())
+    if (!options.capture.empty() && !is_port(options.capture))
         setenv(variable_of("hdmi_in").c_str(), options.capture.c_str(), 1);
-    if (!options.playback.empty())
+    if (!options.playback.empty() && !is_port(options.playback))
         setenv(variable_of(key_of(options.output)).c_str(), options.playback.c_str(), 1);
     if (!options.cec.empty())
         setenv(variable_of("cec").c_str(), options.cec.c_str(), 1);
@@ -44,14 +45,24 @@ void name_devices(const Options& options)
         setenv(variable_of("rate_matching").c_str(), *options.rate_matching ? "on" : "off", 1);
 }
 
+/// The library of the platform under test, empty for the Linux platform's.
+std::string port_of(const Options& options)
+{
+    constexpr size_t kPrefix = sizeof "port:" - 1;
+    for (const std::string& device : {options.playback, options.capture})
+        if (is_port(device))
+            return device.substr(kPrefix);
+    return "";
+}
+
 bool devices_are_there(const Options& options, std::string* error)
 {
     using Direction = AlsaPcm::Direction;
     for (const std::string& device : {options.capture, options.observe})
-        if (!device.empty() && !alsa_opens(device, Direction::capture, error))
+        if (!device.empty() && !is_port(device) && !alsa_opens(device, Direction::capture, error))
             return false;
     for (const std::string& device : {options.playback, options.feed})
-        if (!device.empty() && !alsa_opens(device, Direction::playback, error))
+        if (!device.empty() && !is_port(device) && !alsa_opens(device, Direction::playback, error))
             return false;
     if (options.cec.empty() || access(options.cec.c_str(), R_OK | W_OK) == 0)
         return true;
@@ -83,7 +94,8 @@ bool Stage::prepare(const Options& options, std::string* error)
     name_devices(options);
     // Checked first: a message of this program's own is clearer than one of the platform's.
     if (!devices_are_there(options, error) ||
-        !set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty()}, error))
+        !set_routes({!options.capture.empty(), !options.playback.empty(), !options.cec.empty(), port_of(options)},
+                    error))
         return false;
     // What a real device receives, its platform announces.
     return !options.capture.empty() || hdmi_sim::prepare_announcements(error);
@@ -98,6 +110,8 @@ Stage::Stage(const Options& options, const Source* source, const std::string& wa
     : options_(options), source_(source), link_(choose_link(options, source)),
       output_(choose_output(options, wav_path, source->link_rate()))
 {
+    if (options.captured_pictures())
+        captured_ = std::make_unique<CapturedSound>(captured_path(wav_path));
 }
 
 Stage::~Stage() { end_watch(); }
@@ -159,6 +173,11 @@ bool Stage::finish(Recording* heard, Recording* sent, std::string* error)
     RecordedSound sent_sound = output_->sent();
     return heard->open(heard_sound.path, std::move(heard_sound.blocks), error) &&
            sent->open(sent_sound.path, std::move(sent_sound.blocks), error);
+}
+
+bool Stage::finish_captured(Recording* captured, std::string* error)
+{
+    return !captured_ || captured_->finish(captured, error);
 }
 
 RawCheck Stage::check_raw(const Recording& heard) const

@@ -24,6 +24,8 @@
 namespace play
 {
 
+class CapturedSound;
+
 /// What happened at the devices.
 struct StageStats {
     LinkAccount link;
@@ -65,6 +67,8 @@ public:
     void wait_until_played();
     /// Completes the recordings: what was heard, and what the player had written. Once, after the player was closed.
     bool finish(Recording* heard, Recording* sent, std::string* error);
+    /// Likewise what the player captured, where the pictures are captured too; else empty.
+    bool finish_captured(Recording* captured, std::string* error);
 
     /// Compares the bursts at the digital output (of a real one, as @p heard there) with those that the source sent.
     /// Empty without an observer, or with a foreign source.
@@ -81,6 +85,7 @@ private:
     const Source* const source_;
     std::unique_ptr<SourceLink> link_;
     std::unique_ptr<SoundOutput> output_;
+    std::unique_ptr<CapturedSound> captured_; ///< null: nobody wants it
     std::atomic<bool> end_watch_{false};
     hdmi_linux::CecStats cec_;
     hdmi_linux::BypassStats bypass_;

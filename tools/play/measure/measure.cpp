@@ -100,15 +100,6 @@ std::vector<Beep> find_beeps(const Recording& recording)
     return beeps;
 }
 
-const Sighting* find_picture(const std::vector<Sighting>& sightings, const Source& source, int64_t source_ns)
-{
-    auto after =
-        std::upper_bound(sightings.begin(), sightings.end(), source_ns, [&source](int64_t t, const Sighting& sighting) {
-            return t < source.frame_ns(sighting.number);
-        });
-    return after == sightings.begin() ? nullptr : &*(after - 1);
-}
-
 const Sighting* find_flash(const std::vector<Sighting>& sightings, const Source& source, int64_t source_ns)
 {
     for (const Sighting& sighting : sightings) {
@@ -120,6 +111,15 @@ const Sighting* find_flash(const std::vector<Sighting>& sightings, const Source&
 }
 
 } // namespace
+
+const Sighting* find_picture(const std::vector<Sighting>& sightings, const Source& source, int64_t source_ns)
+{
+    auto after =
+        std::upper_bound(sightings.begin(), sightings.end(), source_ns, [&source](int64_t t, const Sighting& sighting) {
+            return t < source.frame_ns(sighting.number);
+        });
+    return after == sightings.begin() ? nullptr : &*(after - 1);
+}
 
 // --- Offsets ------------------------------------------------------------------
 
@@ -198,6 +198,15 @@ std::vector<int64_t> waveform_instants(int64_t length_ns)
     return instants;
 }
 
+std::optional<int64_t> find_waveform(const Recording& recording, const std::vector<int16_t>& stereo, int64_t begin)
+{
+    const int64_t frames = recording.sample_rate() * kLongestLatencyNs / kSecondNs;
+    std::vector<int16_t> haystack(static_cast<size_t>(2 * frames) + stereo.size());
+    recording.read(begin, haystack.data(), static_cast<int64_t>(haystack.size() / 2));
+    const std::optional<int64_t> place = find_in(mono(haystack), mono(stereo));
+    return place && recording.heard_ns(begin + *place) >= 0 ? std::optional<int64_t>(begin + *place) : std::nullopt;
+}
+
 std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
                                        int64_t length_ns)
 {
@@ -209,12 +218,9 @@ std::vector<SoundMatch> match_waveform(const Recording& recording, const Source&
             continue;
         int64_t sample = at_ns / kSecondNs * source.audio_rate();
         std::vector<int16_t> sent = source_audio(source, sample, source.audio_rate() * kNeedleMs / 1000);
-        std::vector<int16_t> needle = convert_rate(sent, source.audio_rate(), rate);
-        std::vector<int16_t> haystack(static_cast<size_t>(2 * (rate * kLongestLatencyNs / kSecondNs)) + needle.size());
-        recording.read(begin, haystack.data(), static_cast<int64_t>(haystack.size() / 2));
-        std::optional<int64_t> place = find_in(mono(haystack), mono(needle));
-        if (place && recording.heard_ns(begin + *place) >= 0)
-            matches.push_back({sample, begin + *place});
+        if (std::optional<int64_t> place =
+                find_waveform(recording, convert_rate(sent, source.audio_rate(), rate), begin))
+            matches.push_back({sample, *place});
     }
     return matches;
 }

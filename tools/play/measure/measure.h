@@ -75,6 +75,11 @@ std::vector<int64_t> waveform_instants(int64_t length_ns);
 std::vector<SoundMatch> match_waveform(const Recording& recording, const Source& source, SourceClock clock,
                                        int64_t length_ns);
 
+/// Where @p stereo, at the recording's rate, is heard: at frame @p begin of it, or up to a second later.
+std::optional<int64_t> find_waveform(const Recording& recording, const std::vector<int16_t>& stereo, int64_t begin);
+/// The picture that was shown at @p source_ns or last before, of those that were seen; null: none.
+const Sighting* find_picture(const std::vector<Sighting>& sightings, const Source& source, int64_t source_ns);
+
 /// Offsets of the matches whose picture was seen; with @p flashes, whose flash was seen.
 std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, const Recording& recording,
                                     const std::vector<Sighting>& sightings, const Source& source, SourceClock clock,

@@ -31,8 +31,10 @@ bool has_cec(R r) { return !r.options.cec.empty(); }
 
 std::string instants_unmeasured(R r)
 {
-    if (r.options.foreign_source())
+    if (!r.options.sync_known())
         return "when the captured source sent what is not known";
+    if (r.captured_bursts)
+        return "the captured sound is compressed";
     if (r.audio.written == 0)
         return "no sound was played";
     return r.instants == 0 ? "the run was too short" : "";
@@ -74,6 +76,7 @@ std::string bursts_unmeasured(R r) { return r.raw.compared ? "" : "nobody listen
 std::string ticks_unmeasured(R r) { return r.punctuality.ticks == 0 ? "no timer ran beside the player" : ""; }
 
 bool has_trend(R r) { return plays_sound(r) && r.course.offset.has_value(); }
+bool has_chain(R r) { return r.chain.count > 0; }
 bool has_outlook(R r) { return plays_sound(r) && r.course.outlook.has_value(); }
 bool has_moved(R r) { return plays_sound(r) && r.course.moved.has_value(); }
 bool has_tones(R r) { return r.options.tones; }
@@ -87,6 +90,7 @@ std::string tones_unmeasured(R r)
 constexpr When kAlways = {nullptr, nullptr};
 constexpr When kWithInstants = {plays_sound, instants_unmeasured};
 constexpr When kWithOffsets = {plays_sound, offsets_unmeasured};
+constexpr When kWithChain = {has_chain, nullptr};
 constexpr When kWithTrend = {has_trend, nullptr};
 constexpr When kWithOutlook = {has_outlook, nullptr};
 constexpr When kWithMoved = {has_moved, nullptr};
@@ -161,7 +165,10 @@ constexpr const char* arc_name(hdmi_linux::ArcState state)
 }
 
 /// A sound device, by its option.
-std::string device(const std::string& name, const char* without) { return name.empty() ? without : "alsa:" + name; }
+std::string device(const std::string& name, const char* without)
+{
+    return name.empty() ? without : is_port(name) ? name : "alsa:" + name;
+}
 
 constexpr Format in_words(std::string (*words)(const json& value)) { return {0, "", false, 1, nullptr, words}; }
 
@@ -249,6 +256,17 @@ const std::vector<Line> kLines = {
           {0, " ms", true},
           [](R r) -> json { return r.options.av_offset_ms; },
           Shown::unless_nothing},
+     }},
+    {Section::sync,
+     "chain",
+     kWithChain,
+     {
+         {"/chain/captured_ms", "flash and beep as captured {}", "Flash and beep as captured", kSignedMs1,
+          [](R r) -> json { return r.chain.captured_ms; }},
+         {"/chain/shown_ms", ", as seen and heard {}", "Flash and beep as seen and heard", kSignedMs1,
+          [](R r) -> json { return r.chain.shown_ms; }},
+         {"/chain/count", " (of {}, + = sound early)", "Flashes with a beep", kCount,
+          [](R r) -> json { return r.chain.count; }},
      }},
     {Section::sync,
      "held",
@@ -561,6 +579,12 @@ const std::vector<Line> kLines = {
      kAlways,
      {
          {"/run/capture", "{}", "Captured from", {}, [](R r) -> json { return device(r.options.capture, "sim"); }},
+         {"/run/video",
+          "; pictures from {}",
+          "Pictures from",
+          {},
+          [](R r) -> json { return r.options.video; },
+          Shown::unless_nothing},
      }},
     {Section::devices,
      "CEC",

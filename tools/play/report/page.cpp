@@ -210,7 +210,8 @@ bool raw(const Report& report) { return report.at("/run/raw") == true; }
 /// Nothing is known of what the source sent when.
 bool foreign(const Report& report)
 {
-    return report.has("/run/capture") && report.at("/run/capture") != "sim" && is_nothing(report.at("/run/feed"));
+    return report.has("/run/capture") && report.at("/run/capture") != "sim" && is_nothing(report.at("/run/feed")) &&
+           is_nothing(report.at("/run/video"));
 }
 
 /// What became of a run, or of a limit, in one word.

@@ -164,11 +164,12 @@ void print_link(const Result& result, const json& report)
             "            that a burst must pass before it can be decoded is latency of the player\n");
 }
 
-const char* mark_of(const Verdict& verdict)
+/// @p source: what has the fault of a source
+const char* mark_of(const Verdict& verdict, const char* source)
 {
     if (verdict.passed)
         return "ok  ";
-    return !verdict.source.empty() ? "film" : verdict.machine ? "late" : "FAIL";
+    return !verdict.source.empty() ? source : verdict.machine ? "late" : "FAIL";
 }
 
 const char* outcome_text(Outcome outcome)
@@ -187,7 +188,8 @@ void print_verdict(const Result& result, const std::vector<Verdict>& verdicts)
     std::printf("%s", verdicts.empty() ? "" : "\nLimits\n");
     std::set<std::string> causes;
     for (const Verdict& verdict : verdicts) {
-        std::printf("  %s  %s\n", mark_of(verdict), verdict.limit.c_str());
+        std::printf("  %s  %s\n", mark_of(verdict, result.options.captured_pictures() ? "card" : "film"),
+                    verdict.limit.c_str());
         if (!verdict.source.empty())
             causes.insert(verdict.source);
         else if (verdict.machine)

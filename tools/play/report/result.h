@@ -12,6 +12,7 @@
 #include "measure/course.h"
 #include "measure/fidelity.h"
 #include "measure/measure.h"
+#include "measure/passage.h"
 #include "measure/punctuality.h"
 #include "measure/usage.h"
 #include "report/trace_view.h"
@@ -51,6 +52,8 @@ struct Result {
     OffsetStatistics offset;
     Latency sound_latency;
     Latency picture_latency;
+    Chain chain;                  ///< of captured pictures
+    bool captured_bursts = false; ///< their sound is compressed
     Course course;
     std::vector<LossReading> losses;
     Fidelity fidelity;

@@ -29,14 +29,14 @@ int64_t begun_anew(const Result& result)
 bool measured_enough(const Result& result)
 {
     auto measured = static_cast<int64_t>(result.offsets.size());
-    bool programme = result.options.file.empty();
+    bool programme = result.options.file.empty() && !result.options.captured_pictures();
     return measured > 0 &&
            (programme ? measured + begun_anew(result) >= result.instants : 2 * measured >= result.instants);
 }
 
 bool anything_measured(const Result& result)
 {
-    bool instants = result.options.raw || result.options.foreign_source() || result.instants > 0;
+    bool instants = result.options.raw || !result.options.sync_known() || result.instants > 0;
     return instants && result.cadence.pictures > 0;
 }
 
@@ -200,7 +200,7 @@ void judge_played(const Result& result, std::vector<Verdict>* verdicts)
 {
     // Of a source that is not ours, nobody knows when it sent what.
     bool known = !result.options.foreign_source();
-    if (known) {
+    if (result.options.sync_known()) {
         verdicts->push_back(
             {"A/V offset measured", measured_enough(result), machine_hid_instants(result), Subject::sync});
         verdicts->push_back(
@@ -252,6 +252,9 @@ std::string fault_of_source(const Result& result, Subject subject)
     if (of_sound && !result.options.raw && source.largest_burst > most)
         return "the film has bursts of " + std::to_string(source.largest_burst) +
                " bytes, beyond the player's documented " + std::to_string(most) + " (E-AC-3 of 960 kb/s at 48 kHz)";
+    if (subject == Subject::pictures && source.picture_gaps > 0 && result.options.captured_pictures())
+        return "the capture device lost pictures before the player (times: " + std::to_string(source.picture_gaps) +
+               ")";
     if (subject == Subject::pictures && source.picture_gaps > 0)
         return "the film lacks pictures, or its frame rate varies (gaps: " + std::to_string(source.picture_gaps) + ")";
     return "";

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -107,6 +108,8 @@ public:
     virtual bool next_video(VideoFrame* frame) = 0;
     /// When picture @p number arrives; only for numbers that next_video() has given.
     virtual int64_t frame_ns(int64_t number) const = 0;
+    /// Of a source that is captured: when its clock was zero, CLOCK_MONOTONIC.
+    virtual std::optional<int64_t> zero_ns() const { return std::nullopt; }
 
     /// Source times at which picture and sound change at the same instant; empty if the source has no such marks.
     virtual std::vector<int64_t> marks() const = 0;

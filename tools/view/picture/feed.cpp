@@ -29,9 +29,9 @@ bool Feed::start(int kept, machine::Finding* why)
     counted_ = false;
     stop_ = false;
     if (device_->layout().fourcc == 0)
-        why_painted_ = name_of(device_->format()) + " is compressed";
+        why_painted_ = capture::name_of(device_->format()) + " is compressed";
     else if (!display_->reads(device_->layout().fourcc))
-        why_painted_ = "the display does not read " + name_of(device_->format());
+        why_painted_ = "the display does not read " + capture::name_of(device_->format());
     direct_ = why_painted_.empty() && start_direct(kept);
     if (!direct_ && !start_painted(kept, why))
         return false;
@@ -141,13 +141,29 @@ void Feed::account(const CapturedFrame& frame, int64_t now_ns)
         age_ms_ = ages_.add(static_cast<double>(now_ns - frame.written_ns) / 1e6);
 }
 
+template <typename Pixels> void Feed::look_at(const Pixels& pixels, ViewBuffer* buffer)
+{
+    buffer->flash = false;
+    if (!black_check_.due(buffer->arrived_ns) && !flashes_wanted_)
+        return;
+    const bool black = is_black(pixels);
+    buffer->flash = flashes_wanted_ && black_ && !black;
+    black_ = black;
+}
+
+void Feed::describe(const CapturedFrame& frame, ViewBuffer* buffer) const
+{
+    buffer->number = frames_;
+    buffer->arrived_ns = came_ns_;
+    buffer->written_ns = frame.written_ns;
+    buffer->sequence = frame.sequence;
+}
+
 ViewBuffer* Feed::take_direct(const CapturedFrame& frame)
 {
     ViewBuffer* buffer = of_index_[static_cast<size_t>(frame.index)];
-    buffer->number = frames_;
-    buffer->arrived_ns = common::now_ns();
-    if (black_check_.due(buffer->arrived_ns))
-        black_ = is_black(device_->frame(frame.index));
+    describe(frame, buffer);
+    look_at(device_->frame(frame.index), buffer);
     return buffer;
 }
 
@@ -161,8 +177,7 @@ ViewBuffer* Feed::take_painted(const CapturedFrame& frame)
         device_->queue(frame.index);
         return nullptr;
     }
-    buffer->number = frames_;
-    buffer->arrived_ns = common::now_ns();
+    describe(frame, buffer);
     buffer->stage = 0;
     buffer->painted_well = true;
     {
@@ -227,8 +242,8 @@ void Feed::paint(const Job& job)
     if (wanted) {
         buffer->painted_well = converter_.paint(device_->frame(job.frame.index), job.frame.bytes, canvas);
         (buffer->painted_well ? copied_ : damaged_)++;
-        if (buffer->painted_well && black_check_.due(buffer->arrived_ns))
-            black_ = is_black(canvas);
+        if (buffer->painted_well)
+            look_at(canvas, buffer);
     }
     device_->queue(job.frame.index);
     const int before = buffer->stage.fetch_or(ViewBuffer::kPainted);

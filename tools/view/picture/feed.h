@@ -15,15 +15,19 @@
 #include <string>
 #include <thread>
 
+#include "capture/converter.h"
 #include "capture/video_device.h"
 #include "display/display.h"
 #include "display/frame_pool.h"
 #include "picture/black.h"
-#include "picture/converter.h"
 #include "picture/least_age.h"
 
 namespace view
 {
+
+using capture::CapturedFrame;
+using capture::Converter;
+using capture::VideoDevice;
 
 /// A frame on its way from the device to the display.
 struct ViewBuffer : display::FrameBuffer {
@@ -33,6 +37,9 @@ struct ViewBuffer : display::FrameBuffer {
     int index = 0;      ///< of the device's buffer
     int64_t number = 0; ///< frames that were taken before it
     int64_t arrived_ns = 0;
+    int64_t written_ns = 0;   ///< the device's word; 0: it does not tell
+    uint32_t sequence = 0;    ///< the device's count
+    bool flash = false;       ///< not black, after one that was; see Feed::look_for_flashes()
     bool painted_well = true; ///< the painter's until kPainted is set
 };
 
@@ -58,6 +65,8 @@ public:
     Feed(const Feed&) = delete;
     Feed& operator=(const Feed&) = delete;
 
+    /// Looks at each frame whether it is black. Before start().
+    void look_for_flashes() { flashes_wanted_ = true; }
     /// Makes buffers of which the player and the display may keep @p kept. @return false with what is wrong in @p why
     bool start(int kept, machine::Finding* why);
     /// From now on nothing is painted, and the display gets no frame.
@@ -96,7 +105,9 @@ private:
     void give_back();
     ViewBuffer* take_direct(const CapturedFrame& frame);
     ViewBuffer* take_painted(const CapturedFrame& frame);
+    void describe(const CapturedFrame& frame, ViewBuffer* buffer) const;
     void account(const CapturedFrame& frame, int64_t now_ns);
+    template <typename Pixels> void look_at(const Pixels& pixels, ViewBuffer* buffer);
     void present(ViewBuffer* buffer);
     void run_painter();
     void paint(const Job& job);
@@ -110,6 +121,7 @@ private:
     bool counted_ = false;
     uint32_t sequence_ = 0; ///< of the frame before
 
+    bool flashes_wanted_ = false;
     OnceASecond black_check_; ///< the painter's, or of who takes frames that nobody paints
     Converter converter_;     ///< the painter's
     std::thread painter_;

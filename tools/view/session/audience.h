@@ -7,6 +7,7 @@
 
 #include "display/display.h"
 #include "picture/feed.h"
+#include "session/frame_log.h"
 
 namespace view
 {
@@ -14,9 +15,15 @@ namespace view
 class Audience : public display::Observer
 {
 public:
-    void shown(const display::FrameBuffer& buffer, int64_t) override
+    /// @p log may be null; it outlives the audience.
+    explicit Audience(FrameLog* log) : log_(log) {}
+
+    void shown(const display::FrameBuffer& buffer, int64_t seen_ns) override
     {
-        const int64_t number = static_cast<const ViewBuffer&>(buffer).number;
+        const auto& frame = static_cast<const ViewBuffer&>(buffer);
+        const int64_t number = frame.number;
+        if (log_ != nullptr)
+            log_->seen(frame, seen_ns);
         const int64_t step = number - number_;
         if (step <= 0)
             disordered_++;
@@ -28,13 +35,21 @@ public:
     void stayed(int64_t) override {}
 
     /// Another feed counts anew.
-    void begin() { number_ = 0; }
+    void begin()
+    {
+        number_ = 0;
+        if (log_ != nullptr)
+            log_->begin();
+    }
+
+    FrameLog* log() const { return log_; }
 
     int64_t seen() const { return seen_; }
     int64_t unseen() const { return unseen_; }         ///< between two that were seen
     int64_t disordered() const { return disordered_; } ///< seen again, or after a newer one
 
 private:
+    FrameLog* const log_;
     std::atomic<int64_t> number_{0}; ///< of the frame seen last
     std::atomic<int64_t> seen_{0};
     std::atomic<int64_t> unseen_{0};

@@ -100,6 +100,8 @@ void add_options(CLI::App* app, Texts* texts, Options* options)
                     "Sound that many ms later (negative: earlier) than it would be")
         ->check(CLI::Range(-500, 1000));
     app->add_flag("--fullscreen", options->fullscreen, "The window on the whole screen");
+    app->add_option("--frames", options->frames,
+                    "For measuring: at the end, write there when each frame came and when it was seen, as CSV");
     app->add_option("--seconds", options->seconds, "End after that time")->check(CLI::Range(0.1, 1e7));
 }
 
@@ -113,7 +115,7 @@ std::string take_texts(const Texts& texts, Options* options)
     options->output = kOutputs.at(texts.output);
     if (!texts.size.empty() && !parse_size(texts.size, &options->mode))
         return "--size: " + texts.size + " is no size such as 1920x1080";
-    if (!texts.format.empty() && (options->mode.v4l2 = fourcc_of(texts.format)) == 0)
+    if (!texts.format.empty() && (options->mode.v4l2 = capture::fourcc_of(texts.format)) == 0)
         return "--format: " + texts.format + " is none that can be shown";
     return "";
 }

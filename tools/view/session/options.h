@@ -10,6 +10,8 @@
 namespace view
 {
 
+using capture::ModeWish;
+
 enum class DisplayKind { automatic, kms, window };
 
 /// What the command line asks for.
@@ -25,6 +27,7 @@ struct Options {
     int display_latency_ms = 0;
     int sound_delay_ms = 0;
     bool fullscreen = false;
+    std::string frames; ///< file; empty: none is written
     double seconds = 0; ///< 0: until it is stopped
 };
 

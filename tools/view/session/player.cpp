@@ -20,6 +20,10 @@ constexpr int kBytesPerFrame = 4;
 /// On the screen, two on the way to it, one that was just taken, one to spare.
 constexpr int kBesideQueue = 5;
 constexpr int kBurstsOfHolds = 2;
+/// Sound that was not written for longer has paused.
+constexpr int64_t kPauseNs = 200'000'000;
+/// A pull that takes longer has waited.
+constexpr int64_t kAtOnceNs = 2'000'000;
 
 /// From the arrival of a frame to the sound of its time: a period captured, the longest burst decoded, a period played,
 /// and the time by which the first block of a sequence is held back.
@@ -51,6 +55,8 @@ bool Player::open(const PlayerConfig& config)
     wanted.video_frame_flip_cb = on_flip;
     newest_serial_ = 0;
     held_serial_ = -1;
+    written_ns_ = 0;
+    splice_ = {};
     taken_serial_ = 0;
     last_old_serial_ = std::numeric_limits<int32_t>::max(); // nothing is played before the first reset
     sound_hold_ = std::make_unique<common::SoundHold>(config.holds.sound_ns);
@@ -152,10 +158,12 @@ void Player::sound_thread()
     pthread_setname_np(pthread_self(), "view_sound");
     while (!stop_) {
         hdmi_player_audio_frame_t* block = nullptr;
+        const int64_t asked_ns = common::now_ns();
         if (hdmi_player_get_pcm(&block, kPullTimeoutMs) != 0)
             continue;
+        const int64_t taken_ns = common::now_ns();
         if (may_play(block->serial))
-            play(block);
+            play(block, taken_ns, taken_ns - asked_ns >= kAtOnceNs);
         hdmi_player_put_pcm(block);
     }
 }
@@ -168,13 +176,27 @@ bool Player::may_play(int32_t serial)
     return serial > last_old_serial_;
 }
 
-void Player::play(hdmi_player_audio_frame_t* block)
+/// @param waited the block came while this thread waited for it
+void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waited)
 {
     const int frames = block->size / kBytesPerFrame;
-    if (block->serial != held_serial_)
-        sound_hold_->start(block->sample_rate);
+    auto* const samples = reinterpret_cast<int16_t*>(block->data);
+    if (block->serial != held_serial_) {
+        late_sound_.start();
+        // Sound that goes on through a reset goes on through the hold as well.
+        if (taken_ns - written_ns_ > kPauseNs)
+            sound_hold_->start(block->sample_rate);
+    }
     held_serial_ = block->serial;
-    sound_hold_->pass(reinterpret_cast<int16_t*>(block->data), frames);
+    sound_hold_->pass(samples, frames);
+    const int64_t duration_us = int64_t{frames} * 1'000'000 / block->sample_rate;
+    if (late_sound_.too_late(block->pts, duration_us, taken_ns / 1000, waited)) {
+        splice_.leave_out(samples, frames);
+        late_frames_ += frames;
+        return;
+    }
+    splice_.join(samples, frames);
+    written_ns_ = common::now_ns();
     // Waits while the output's queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(block) == 0)
         sound_frames_ += frames;
@@ -189,6 +211,7 @@ PlayerFigures Player::figures() const
     figures.refused = refused_;
     figures.resets = resets_;
     figures.sound = sound_frames_;
+    figures.late = late_frames_;
     return figures;
 }
 

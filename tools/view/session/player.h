@@ -13,6 +13,7 @@
 
 #include "common/flip_hold.h"
 #include "common/holds.h"
+#include "common/late_sound.h"
 #include "common/sound_hold.h"
 #include "display/flip_gate.h"
 #include "hdmi_player.h"
@@ -35,6 +36,7 @@ struct PlayerFigures {
     int64_t refused = 0; ///< that the player did not take
     int64_t resets = 0;
     int64_t sound = 0; ///< frames of sound written
+    int64_t late = 0;  ///< of sound thrown away, because this program came too late with it
 };
 
 /// Frames that the player's queue needs, and all that may be out of the feed's hands at a time.
@@ -70,7 +72,7 @@ private:
     void show(ViewBuffer* buffer);
     void sound_thread();
     bool may_play(int32_t serial);
-    void play(hdmi_player_audio_frame_t* block);
+    void play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waited);
 
     static Player* player_;
 
@@ -81,9 +83,14 @@ private:
 
     std::thread sound_;
     std::atomic<bool> stop_{false};
-    std::unique_ptr<common::SoundHold> sound_hold_; ///< the sound thread's, as are the next two
+    // The sound thread's own, while it runs.
+    std::unique_ptr<common::SoundHold> sound_hold_;
+    common::LateSound late_sound_;
+    common::Splice splice_;
+    int64_t written_ns_ = 0; ///< when the last block was
     int32_t newest_serial_ = 0;
     int32_t held_serial_ = -1;
+
     std::atomic<int64_t> taken_serial_{0};    ///< newest_serial_, for events
     std::atomic<int64_t> last_old_serial_{0}; ///< blocks up to this one are not played
 
@@ -93,6 +100,7 @@ private:
     std::atomic<int64_t> refused_{0};
     std::atomic<int64_t> resets_{0};
     std::atomic<int64_t> sound_frames_{0};
+    std::atomic<int64_t> late_frames_{0};
 };
 
 } // namespace view

@@ -2,8 +2,10 @@
 #include "session/viewer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "common/clock.h"
@@ -50,7 +52,8 @@ std::string sound_input()
 } // namespace
 
 Viewer::Viewer(const Options& options, const process::StopSignals& signals)
-    : options_(options), signals_(signals), kind_(choose_display(options.display)), began_ns_(common::now_ns())
+    : options_(options), signals_(signals), kind_(choose_display(options.display)), began_ns_(common::now_ns()),
+      log_(options.frames.empty() ? nullptr : std::make_unique<FrameLog>()), audience_(log_.get())
 {
     config_.wish = options.mode;
     config_.output = options.output;
@@ -63,6 +66,8 @@ Viewer::~Viewer()
     end_viewing();
     if (display_)
         display_->stop();
+    if (log_ && !log_->write(options_.frames))
+        tell({Verdict::refused, options_.frames, std::strerror(errno), ""});
 }
 
 bool Viewer::ended() const
@@ -144,7 +149,7 @@ void Viewer::drop_lost_device()
 bool Viewer::wait_for_signal(machine::VideoSignal* signal)
 {
     *signal = device_->detect();
-    const Finding objection = objection_to(*signal, device_->path());
+    const Finding objection = machine::objection_to(*signal, device_->path());
     if (objection.detail.empty())
         return true;
     tell(objection);
@@ -155,11 +160,11 @@ bool Viewer::wait_for_signal(machine::VideoSignal* signal)
 
 // --- Viewing -----------------------------------------------------------------------------
 
-std::optional<CaptureMode> Viewer::choose_capture_mode(const machine::VideoSignal& signal)
+std::optional<capture::CaptureMode> Viewer::choose_capture_mode(const machine::VideoSignal& signal)
 {
-    const std::vector<CaptureMode> modes = device_->modes(signal);
-    const std::optional<CaptureMode> mode =
-        choose_mode(modes, options_.mode, [this](uint32_t drm) { return display_->reads(drm); });
+    const std::vector<capture::CaptureMode> modes = device_->modes(signal);
+    const std::optional<capture::CaptureMode> mode =
+        capture::choose_mode(modes, options_.mode, [this](uint32_t drm) { return display_->reads(drm); });
     if (!mode)
         tell({Verdict::missing, device_->path(),
               modes.empty() ? "sends no pixel format that can be shown" : "has no mode such as was asked for",
@@ -206,7 +211,7 @@ bool Viewer::begin_viewing(const machine::VideoSignal& signal)
 {
     if (!take_display(signal))
         return false;
-    const std::optional<CaptureMode> mode = choose_capture_mode(signal);
+    const std::optional<capture::CaptureMode> mode = choose_capture_mode(signal);
     if (!mode)
         return false;
     Finding why;

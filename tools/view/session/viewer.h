@@ -44,7 +44,7 @@ private:
     bool begin_viewing(const machine::VideoSignal& signal);
     bool take_display(const machine::VideoSignal& signal);
     bool start_display();
-    std::optional<CaptureMode> choose_capture_mode(const machine::VideoSignal& signal);
+    std::optional<capture::CaptureMode> choose_capture_mode(const machine::VideoSignal& signal);
     void watch();
     void watch_for_black(int64_t now_ns);
     void end_viewing();
@@ -69,6 +69,7 @@ private:
     bool display_runs_ = false;
     std::unique_ptr<display::FlipGate> gate_;
     hdmi_player_drm_info_t info_ = {0, 60};
+    const std::unique_ptr<FrameLog> log_; ///< null: nobody wants it
     Audience audience_;
     std::unique_ptr<Viewing> viewing_;
     ViewingConfig config_;

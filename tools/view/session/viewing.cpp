@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "common/clock.h"
+#include "common/wall_clock.h"
 #include "hdmi_linux.h"
 #include "process/realtime.h"
 
@@ -53,6 +54,8 @@ double most_held_ms(double fps, double refresh_hz)
 
 bool Viewing::prepare(machine::Finding* why)
 {
+    if (audience_->log() != nullptr)
+        feed_.look_for_flashes();
     fps_ = device_->fps() > 0 ? device_->fps() : kUnstatedFps;
     display_->expect({device_->layout().width, device_->layout().height});
     most_held_ms_ = most_held_ms(fps_, display_->refresh_hz());
@@ -85,6 +88,8 @@ void Viewing::run()
 {
     pthread_setname_np(pthread_self(), "view_capture");
     int64_t came_ns = common::now_ns();
+    common::WallClockWatch wall_clock;
+    common::FrameBreak frame_break;
     while (!stop_ && end_ == End::none) {
         const VideoDevice::News news = device_->wait(kWaitMs);
         if (news.gone)
@@ -96,10 +101,17 @@ void Viewing::run()
         if (!news.frame)
             continue;
         came_ns = common::now_ns();
-        if (ViewBuffer* buffer = feed_.take()) {
-            std::lock_guard<std::mutex> lock(mutex_);
+        ViewBuffer* buffer = feed_.take();
+        if (buffer == nullptr)
+            continue;
+        if (FrameLog* log = audience_->log())
+            log->came(*buffer);
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool withheld = frame_break.withholds(came_ns, wall_clock.was_set());
+        if (withheld && player_.is_open())
+            feed_.dropped(buffer);
+        else
             player_.render(buffer);
-        }
     }
 }
 
@@ -108,12 +120,14 @@ double Viewing::sound_delay_ms(const ViewingConfig& config) const
 {
     const auto planned_ms = static_cast<double>(common::kPlannedLatencyNs) / 1e6;
     const double least_ms = planned_ms - config.display_latency_ms - most_held_ms_;
-    return std::clamp(later_ms_ + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
+    const double early_ms = early_payloads_ ? static_cast<double>(common::kEarlyPayloadNs) / 1e6 : 0;
+    return std::clamp(later_ms_ + early_ms + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
 }
 
 void Viewing::look_at_sound()
 {
     const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
+    sends_eac3_ = capture.frames_per_sample > 1;
     if (player_.is_open() && capture.open && capture.rate > 0)
         sound_age_ms_ = sound_ages_.add(1e3 * static_cast<double>(capture.waiting) / capture.rate);
 }
@@ -124,7 +138,8 @@ bool Viewing::tend_player(const ViewingConfig& config)
         return true;
     look_at_sound();
     const double later_ms = feed_.age_ms() - sound_age_ms_;
-    const bool fits = std::abs(later_ms - later_ms_) < kAgeToleranceMs && opened_delay_ms_ == config.sound_delay_ms;
+    const bool fits = std::abs(later_ms - later_ms_) < kAgeToleranceMs && early_payloads_ == sends_eac3_ &&
+                      opened_delay_ms_ == config.sound_delay_ms;
     if (player_.is_open() && fits)
         return true;
     const int64_t now_ns = common::now_ns();
@@ -132,6 +147,7 @@ bool Viewing::tend_player(const ViewingConfig& config)
         return false;
     tried_ns_ = now_ns;
     later_ms_ = later_ms;
+    early_payloads_ = sends_eac3_;
     opened_delay_ms_ = config.sound_delay_ms;
     return open_player(config);
 }
@@ -154,7 +170,7 @@ std::string Viewing::description() const
 {
     char text[96];
     std::snprintf(text, sizeof text, "%dx%d %s at %.5g fps, ", device_->layout().width, device_->layout().height,
-                  name_of(device_->format()).c_str(), fps_);
+                  capture::name_of(device_->format()).c_str(), fps_);
     return text + (feed_.direct() ? std::string("not copied") : "copied (" + feed_.why_painted() + ")");
 }
 
@@ -176,8 +192,9 @@ std::string Viewing::figures(const ViewingConfig& config) const
                   "; frames are %.1f ms old when they come, sound %.1f ms; sound %+.0f ms (%+d ms by key)",
                   feed_.age_ms(), sound_age_ms_, sound_delay_ms(config), config.sound_delay_ms);
     char played[96];
-    std::snprintf(played, sizeof played, "; %.1f s of sound, %" PRId64 " resets",
-                  static_cast<double>(player.sound) / kOutputRate, player.resets);
+    std::snprintf(played, sizeof played, "; %.1f s of sound, %.1f s too late, %" PRId64 " resets",
+                  static_cast<double>(player.sound) / kOutputRate, static_cast<double>(player.late) / kOutputRate,
+                  player.resets);
     return description() + frames + sound + played;
 }
 

@@ -20,7 +20,7 @@ namespace view
 {
 
 struct ViewingConfig {
-    ModeWish wish;
+    capture::ModeWish wish;
     bool sound = true;
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
     int display_latency_ms = 0; ///< from the vertical blank to light
@@ -81,7 +81,9 @@ private:
     double most_held_ms_ = 0;
     LeastAge sound_ages_;
     double sound_age_ms_ = 0; ///< of sound that is captured
-    double later_ms_ = 0;     ///< by which frames come later than their sound, as the player allows for
+    bool sends_eac3_ = false;
+    bool early_payloads_ = false; ///< the player allows for that
+    double later_ms_ = 0;         ///< by which frames come later than their sound, as the player allows for
 
     std::mutex mutex_; ///< the player is opened and closed while nobody renders
     Player player_;

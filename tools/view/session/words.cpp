@@ -9,7 +9,6 @@ namespace view
 using machine::CaptureDevice;
 using machine::Finding;
 using machine::Verdict;
-using machine::VideoSignal;
 
 void Teller::tell(const std::string& line)
 {
@@ -22,30 +21,6 @@ void Teller::tell(const std::string& line)
 void Teller::tell(const Finding& finding)
 {
     tell(finding.what + ": " + finding.detail + (finding.remedy.empty() ? "" : ": " + finding.remedy));
-}
-
-Finding objection_to(const VideoSignal& signal, const std::string& path)
-{
-    const std::string control = "v4l2-ctl -d " + path;
-    switch (signal.state) {
-    case VideoSignal::State::none:
-        return {Verdict::missing, path, "no signal (no cable, a source that is off, or an input without an EDID)",
-                control + " --set-edid=type=hdmi"};
-    case VideoSignal::State::unstable:
-        return {Verdict::missing, path,
-                "a signal that cannot be locked to (a bad cable, or a source that insists on HDCP)",
-                control + " --log-status"};
-    case VideoSignal::State::unsupported:
-        return {Verdict::missing, path, "a signal beyond what the device receives: choose a smaller mode at the source",
-                control + " --get-dv-timings-cap"};
-    case VideoSignal::State::untold: return {};
-    case VideoSignal::State::present: break;
-    }
-    if (!signal.interlaced)
-        return {};
-    return {Verdict::missing, path,
-            machine::describe(signal) + " is not shown: choose a progressive mode at the source, such as 1080p",
-            control + " --query-dv-timings"};
 }
 
 Finding black_picture(const std::string& path)

@@ -6,7 +6,6 @@
 
 #include "machine/capture_devices.h"
 #include "machine/finding.h"
-#include "machine/video_signal.h"
 
 namespace view
 {
@@ -25,8 +24,6 @@ private:
     std::string last_;
 };
 
-/// Why a signal cannot be shown; a finding without detail if it can.
-machine::Finding objection_to(const machine::VideoSignal& signal, const std::string& path);
 machine::Finding black_picture(const std::string& path);
 machine::Finding stalled_picture(const std::string& path);
 machine::Finding no_device(const std::vector<machine::CaptureDevice>& devices);

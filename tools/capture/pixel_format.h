@@ -19,7 +19,7 @@ extern "C" {
 
 #include "display/layout.h"
 
-namespace view
+namespace capture
 {
 
 struct PixelFormat {
@@ -75,4 +75,4 @@ struct ModeWish {
 std::optional<CaptureMode> choose_mode(const std::vector<CaptureMode>& modes, const ModeWish& wish,
                                        const std::function<bool(uint32_t drm)>& shown_as_is);
 
-} // namespace view
+} // namespace capture

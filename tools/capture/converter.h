@@ -8,7 +8,7 @@
 #include "display/canvas.h"
 #include "display/layout.h"
 
-namespace view
+namespace capture
 {
 
 /// Converts and scales, and decodes motion JPEG. One thread at a time.
@@ -30,4 +30,4 @@ private:
     const std::unique_ptr<Parts> parts_;
 };
 
-} // namespace view
+} // namespace capture

@@ -17,7 +17,7 @@
 #include "machine/finding.h"
 #include "machine/video_signal.h"
 
-namespace view
+namespace capture
 {
 
 /// A frame that the device has written.
@@ -113,4 +113,4 @@ private:
     std::vector<Buffer> buffers_;
 };
 
-} // namespace view
+} // namespace capture

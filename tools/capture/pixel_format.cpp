@@ -8,7 +8,7 @@
 #include <cmath>
 #include <tuple>
 
-namespace view
+namespace capture
 {
 namespace
 {
@@ -169,4 +169,4 @@ std::optional<CaptureMode> choose_mode(const std::vector<CaptureMode>& modes, co
     return best;
 }
 
-} // namespace view
+} // namespace capture

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "picture/converter.h"
+#include "capture/converter.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -12,7 +12,7 @@ extern "C" {
 
 #include "capture/pixel_format.h"
 
-namespace view
+namespace capture
 {
 namespace
 {
@@ -180,4 +180,4 @@ bool Converter::Parts::scale(const Pixels& from, const display::Canvas& canvas)
     return sws_scale(scaler.get(), from.planes, from.pitches, 0, from.height, to, pitches) == size.height;
 }
 
-} // namespace view
+} // namespace capture

@@ -14,7 +14,7 @@
 
 #include "machine/access.h"
 
-namespace view
+namespace capture
 {
 namespace
 {
@@ -456,4 +456,4 @@ bool VideoDevice::queue(int index)
     return call(fd_, VIDIOC_QBUF, &record.buffer) == 0;
 }
 
-} // namespace view
+} // namespace capture
