@@ -38,9 +38,10 @@ TEST(Pace, TimeOfACountIsTheFirstInstantWithThatCountEvenAfterDays)
     }
 }
 
-sim::LinkSignalPtr link(int rate, int64_t start_ns)
+sim::LinkSignalPtr link(int rate, int64_t start_ns, int periods_at_once = 1)
 {
     auto signal = std::make_shared<sim::LinkSignal>();
+    signal->source.periods_at_once = periods_at_once;
     signal->start_ns = start_ns;
     signal->pace = sim::Pace(rate, 0);
     return signal;
@@ -81,6 +82,22 @@ TEST(CaptureRing, LosesTheOldestPeriodsAndKeepsTheRest)
     EXPECT_EQ(take(ring, 6), (Piece{40, 0, 4}));
     EXPECT_EQ(ring.drop_overrun(91 * kMs), 1);
     EXPECT_EQ(take(ring, 40), (Piece{50, 0, 40}));
+}
+
+TEST(CaptureRing, PeriodsThatAreReadAtOnceAreCollectedUntilTheSignalEnds)
+{
+    sim::CaptureRing ring(10, 4);
+    ring.attach(link(1000, 0, 2), 0);
+    EXPECT_EQ(ring.next_period_ns(5 * kMs), 20 * kMs);
+    EXPECT_LE(ring.ready_bytes(19 * kMs), 0);
+    ASSERT_EQ(ring.ready_bytes(20 * kMs), 80);
+    EXPECT_EQ(take(ring, 40), (Piece{0, 0, 40}));
+    EXPECT_EQ(ring.ready_bytes(39 * kMs), 40);
+    EXPECT_EQ(ring.drop_overrun(89 * kMs), 0) << "it holds four times two";
+    EXPECT_EQ(ring.drop_overrun(110 * kMs), 2);
+    EXPECT_EQ(ring.ready_bytes(119 * kMs), 280);
+    ring.detach(119 * kMs);
+    EXPECT_EQ(ring.ready_bytes(500 * kMs), 320);
 }
 
 TEST(CaptureRing, NextSignalFillsTheRestOfThePeriod)

@@ -33,6 +33,9 @@ const Burst kPause = {3, 32, {0, 0, 0, 0}};
 constexpr uint8_t kDtsSync[] = {0xFE, 0x7F, 0x01, 0x80};
 constexpr size_t kDtsPayloadMin = 96; ///< the smallest frame of DTS
 constexpr int kBitsPerFrame = 32;
+/// A period of 20 ms at 48 kHz lasts 5 ms on an E-AC-3 link. More than two at once would move the sound of a start by
+/// more than a viewer may notice: it begins with the first burst that was read.
+constexpr int kFastLinkPeriods = 2;
 
 // --- From elementary stream to bursts ---------------------------------------------
 
@@ -353,6 +356,7 @@ Signal bitstream_signal(const Bitstream& stream, const BurstOptions& options)
     const auto layout = std::make_shared<const sim::Layout>(stream, options);
     Signal signal;
     signal.rate = link_rate(stream);
+    signal.periods_at_once = stream.coding == Coding::eac3 ? sim::kFastLinkPeriods : 1;
     signal.generate = [layout](int64_t first, int16_t* words, int frames) { layout->generate(first, words, frames); };
     if (options.phase_bytes >= 0)
         signal.open_at = [layout](int64_t frame) { return layout->open_at(frame); };

@@ -69,7 +69,7 @@ public:
     /// Skips the periods that the ring no longer holds. @return how many the reader lost.
     int64_t drop_overrun(int64_t now)
     {
-        const int64_t oldest = captured(now) / period_ - count_;
+        const int64_t oldest = captured(now) / period_ - int64_t{count_} * at_once();
         const int64_t reader = position_bytes_ / kLinkFrameBytes / period_;
         if (oldest <= reader)
             return 0;
@@ -78,19 +78,19 @@ public:
         return oldest - reader;
     }
 
-    /// Bytes of complete periods that were not read yet.
+    /// Bytes of complete periods that can be read and were not read yet. Not above 0: none.
     int64_t ready_bytes(int64_t now) const
     {
-        return captured(now) / period_ * period_ * kLinkFrameBytes - position_bytes_;
+        return captured(now) / step() * step() * kLinkFrameBytes - position_bytes_;
     }
 
-    /// When the period that is being captured is complete; kNever without a signal.
+    /// When the next periods can be read; kNever without a signal.
     int64_t next_period_ns(int64_t now) const
     {
-        if (segments_.empty() || segments_.back().end != kNever)
+        if (!is_live())
             return kNever;
         const Segment& live = segments_.back();
-        const int64_t end = (captured(now) / period_ + 1) * period_;
+        const int64_t end = (captured(now) / step() + 1) * step();
         return live.signal->start_ns + live.signal->pace.time_of(live.link_frame + end - live.first);
     }
 
@@ -144,6 +144,12 @@ private:
         int64_t link_frame; ///< the link's number of that frame
         int64_t end;        ///< position after its last frame; kNever while the signal lasts
     };
+
+    bool is_live() const { return !segments_.empty() && segments_.back().end == kNever; }
+    /// Periods that are given to the reader together: what a signal has left when it ends is not held back.
+    int at_once() const { return is_live() ? std::max(segments_.back().signal->source.periods_at_once, 1) : 1; }
+    /// Frames that are given to the reader together.
+    int64_t step() const { return int64_t{period_} * at_once(); }
 
     void advance(int64_t bytes)
     {

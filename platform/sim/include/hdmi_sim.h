@@ -47,15 +47,19 @@ struct Signal {
     /// passes before it is not captured. Called with the receiver's lock held: pure, quick, no call back into the
     /// simulator. Without it: @p frame itself, the one that passes next.
     std::function<int64_t(int64_t frame)> open_at;
+    /// Periods that the capture device collects before it gives them to its reader: more than one on a fast link, whose
+    /// periods are short, so that the reader wakes less often.
+    int periods_at_once = 1;
 };
 
 /**
  * The capture device gives periods of the configuration's period_frames link
  * frames at the pace of this signal, whatever rate it was opened with (0 opens
  * as 48000). After an open it begins with the link frame that passes next; a
- * period can be read when its last frame has passed. It holds period_count
- * complete periods; when nobody reads, the oldest are lost. Reads of any size
- * work; a brief, odd one (see Fault) gives up the rest of its last frame.
+ * period can be read when its last frame has passed, or that of the last one of
+ * periods_at_once. It holds period_count times as many complete periods; when
+ * nobody reads, the oldest are lost. Reads of any size work; a brief, odd one
+ * (see Fault) gives up the rest of its last frame.
  *
  * A signal that takes the place of another one while the device is open fills
  * the rest of the period that was under way.
@@ -165,8 +169,9 @@ struct BurstOptions {
     uint64_t seed = 1;         ///< of the bit errors: the same seed, the same bits
 };
 /**
- * The source that sends @p stream; its rate is link_rate(). start_ns and
- * clock_error_ppm are the caller's to set. The signal holds a copy, is the same
+ * The source that sends @p stream; its rate is link_rate(), and at the E-AC-3
+ * pace two periods are read at once. start_ns and clock_error_ppm are the
+ * caller's to set. The signal holds a copy, is the same
  * at every call and knows all of its past.
  *
  * Time: burst k begins (its Pa passes) with link frame burst_start(k), which is
