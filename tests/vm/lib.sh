@@ -66,6 +66,19 @@ play() {
     done
 }
 
+# own_limits LOG: what the play program judged itself.
+own_limits() {
+    local mark limit
+    while read -r mark limit; do
+        case $mark in
+        ok) verdict ok "$limit" ;;
+        late) verdict SKIPPED "$limit" "the host is too busy" ;;
+        card) verdict SKIPPED "$limit" "the host is too busy for the device" ;;
+        *) verdict FAILED "$limit" ;;
+        esac
+    done < <(sed -n 's/^  \(ok\|late\|card\|FAIL\)  */\1 /p' "$1")
+}
+
 # card_of DRIVER: the device node of its DRM card.
 card_of() {
     local link

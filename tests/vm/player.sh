@@ -34,14 +34,8 @@ play "$OUT/player.log" --seconds $seconds "${options[@]}"
 kill "$follower"
 [ -e "$OUT/player.json" ] || { tail -n 20 "$OUT/player.log"; verdict FAILED "plays"; exit 0; }
 
-# The program's own limits: offset, samples, resets, underruns, overruns, return channel, frames.
-while read -r mark limit; do
-    case $mark in
-    ok) verdict ok "$limit" ;;
-    late) verdict SKIPPED "$limit" "the host is too busy" ;;
-    *) verdict FAILED "$limit" ;;
-    esac
-done < <(sed -n 's/^  \(ok\|late\|FAIL\)  */\1 /p' "$OUT/player.log")
+# Offset, samples, resets, underruns, overruns, return channel, frames.
+own_limits "$OUT/player.log"
 [ "$played" -ne 4 ] || exit 0
 compare "A/V offset, p95" "$(figure p95_ms)" -le 40 ms
 compare "A/V offset, p95" "$(figure p95_ms)" -ge -60 ms
