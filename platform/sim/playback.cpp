@@ -3,6 +3,7 @@
 #include <memory>
 #include <vector>
 
+#include "output_reserve.h"
 #include "play_queue.h"
 #include "rate_matcher.h"
 #include "recording.h"
@@ -31,6 +32,29 @@ struct Matching {
     std::vector<int16_t> output;
 };
 
+/// Passes what was heard on to the recording and to the program's listener, where there are such.
+struct Hearing final : PlaySink {
+    std::shared_ptr<Recording> recording;
+    std::function<void(const hdmi_sim::HeardFrames&)> listener;
+    int rate = 0;
+    int channels = 0;
+
+    void sound(const int16_t* samples, int64_t frames, int64_t heard_ns, bool begins_block) override
+    {
+        if (recording != nullptr)
+            recording->sound(samples, frames, heard_ns, begins_block);
+        if (listener)
+            listener({samples, frames, heard_ns, rate, channels});
+    }
+    void silence(int64_t frames, int64_t heard_ns) override
+    {
+        if (recording != nullptr)
+            recording->silence(frames, heard_ns);
+        if (listener)
+            listener({nullptr, frames, heard_ns, rate, channels});
+    }
+};
+
 struct Playback {
     mutex_t mutex;
     Condition changed; ///< the opening ended
@@ -39,12 +63,13 @@ struct Playback {
     int channels GUARDED_BY(mutex) = 2;
     int period_frames GUARDED_BY(mutex) = 0;
     PlayQueue queue GUARDED_BY(mutex);
+    clocks::OutputReserve reserve GUARDED_BY(mutex);
     int64_t queued_ever GUARDED_BY(mutex) = 0; ///< frames since the device was opened
     Matching matching GUARDED_BY(mutex);
     bool ran_empty GUARDED_BY(mutex) = false; ///< and nothing was written since
     float gain GUARDED_BY(mutex) = 1.0f;
     hdmi_sim::PlaybackStats stats GUARDED_BY(mutex);
-    std::shared_ptr<Recording> recording GUARDED_BY(mutex);
+    Hearing hearing GUARDED_BY(mutex);
     int files GUARDED_BY(mutex) = 0; ///< number of recordings begun with the present configuration
     Openings openings;
 };
@@ -62,7 +87,7 @@ void settle(Playback& p, int64_t now) REQUIRES(p.mutex)
 {
     if (!p.openings.is_open())
         return;
-    p.queue.drain(now, p.recording.get());
+    p.queue.drain(now, &p.hearing);
     if (p.ran_empty || now <= p.queue.empty_ns())
         return;
     p.ran_empty = true;
@@ -83,22 +108,26 @@ std::string numbered(const std::string& path, int number)
 }
 
 // A WAV file has one rate, so another rate begins another file.
-void prepare_recording(Playback& p, int rate, int channels) REQUIRES(p.mutex)
+void prepare_hearing(Playback& p, int rate, int channels) REQUIRES(p.mutex)
 {
     if (p.new_config) {
-        p.recording = nullptr;
+        p.hearing.recording = nullptr;
+        p.hearing.listener = p.config.on_heard;
         p.files = 0;
         p.new_config = false;
     }
+    p.hearing.rate = rate;
+    p.hearing.channels = channels;
     if (p.config.wav_path.empty())
         return;
-    if (p.recording != nullptr && p.recording->rate() == rate && p.recording->channels() == channels) {
-        p.recording->break_block();
+    std::shared_ptr<Recording>& recording = p.hearing.recording;
+    if (recording != nullptr && recording->rate() == rate && recording->channels() == channels) {
+        recording->break_block();
         return;
     }
-    if (p.recording != nullptr)
-        p.recording->finish(nullptr);
-    p.recording = std::make_shared<Recording>(numbered(p.config.wav_path, ++p.files), rate, channels);
+    if (recording != nullptr)
+        recording->finish(nullptr);
+    recording = std::make_shared<Recording>(numbered(p.config.wav_path, ++p.files), rate, channels);
 }
 
 bool valid_output(int device_id, int output_fmt)
@@ -117,11 +146,24 @@ bool valid(const audio_config_t& config)
 
 void put(Playback& p, int64_t now, const uint8_t* data, int frames) REQUIRES(p.mutex)
 {
-    p.queue.put(now, data, frames, effective_gain(p), p.recording.get());
+    p.reserve.ran_empty(p.queue.put(now, data, frames, effective_gain(p), &p.hearing));
     p.ran_empty = false;
     p.queued_ever += frames;
     if (p.stats.first_write_ns == 0)
         p.stats.first_write_ns = now;
+}
+
+// Does not count as written.
+void put_silence(Playback& p, int64_t now, int frames) REQUIRES(p.mutex)
+{
+    settle(p, now);
+    frames = std::min(frames, p.queue.room(now));
+    if (frames <= 0)
+        return;
+    const std::vector<uint8_t> zeros(static_cast<size_t>(frames * p.channels) * kBytesPerSample);
+    put(p, now, zeros.data(), frames);
+    if (p.matching.at_work)
+        p.matching.made += frames;
 }
 
 // Blocks while the buffer is full. Returns the frames queued: fewer than @p frames when the opening ended.
@@ -204,8 +246,15 @@ int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, c
     const int frame_bytes = p.channels * kBytesPerSample;
     const int accepted = brief_size(verdict, size, frame_bytes);
     const int frames = accepted / frame_bytes;
-    const int done =
-        is_matched(p) ? queue_matched(p, guard, opening, data, frames) : queue_frames(p, guard, opening, data, frames);
+    const int64_t now = hdmi_sim::now_ns();
+    const auto [late, silence] = p.reserve.before_write(now, frames, p.queue.queued(now));
+    data += static_cast<size_t>(late) * static_cast<size_t>(frame_bytes);
+    p.stats.frames_written += late;
+    put_silence(p, now, silence);
+    const int done = late + (is_matched(p) ? queue_matched(p, guard, opening, data, frames - late)
+                                           : queue_frames(p, guard, opening, data, frames - late));
+    const int64_t end = hdmi_sim::now_ns();
+    p.reserve.after_write(end, p.queue.queued(end));
     if (done == frames)
         return verdict.odd ? accepted : frames * frame_bytes;
     return done > 0 ? done * frame_bytes : kClosed;
@@ -224,9 +273,10 @@ int playback_open(const audio_config_t& config)
     mutex_guard guard(p.mutex);
     if (p.openings.is_open())
         return -EBUSY;
-    prepare_recording(p, config.sample_rate, config.channels);
+    prepare_hearing(p, config.sample_rate, config.channels);
     p.queue = PlayQueue(config.sample_rate, p.config.clock_error_ppm, config.channels, config.period_frames,
                         config.period_count);
+    p.reserve.start(config.sample_rate);
     p.openings.begin();
     p.ran_empty = false;
     p.queued_ever = 0;
@@ -348,7 +398,7 @@ void playback_reset()
 {
     Playback& p = playback();
     mutex_guard guard(p.mutex);
-    p.recording = nullptr;
+    p.hearing = {};
     p.config = {};
     p.new_config = false;
     p.files = 0;
@@ -386,7 +436,7 @@ std::vector<PlayedBlock> playback_blocks()
     sim::Playback& p = sim::playback();
     mutex_guard guard(p.mutex);
     sim::settle(p, now_ns());
-    return p.recording != nullptr ? p.recording->blocks() : std::vector<PlayedBlock>();
+    return p.hearing.recording != nullptr ? p.hearing.recording->blocks() : std::vector<PlayedBlock>();
 }
 
 bool playback_finish_recording(std::string* error)
@@ -394,7 +444,7 @@ bool playback_finish_recording(std::string* error)
     sim::Playback& p = sim::playback();
     mutex_guard guard(p.mutex);
     sim::settle(p, now_ns());
-    const std::shared_ptr<sim::Recording> recording = p.recording;
+    const std::shared_ptr<sim::Recording> recording = p.hearing.recording;
     // Without the lock, so that the device plays on meanwhile.
     guard.unlock();
     if (recording != nullptr)

@@ -243,10 +243,22 @@ enum class RateMatching {
     off,
 };
 
+/// A run of frames that were heard, of one period at most; of the silence of an underrun there are no samples.
+struct HeardFrames {
+    const int16_t* samples; ///< interleaved; null: silence
+    int64_t frames;
+    int64_t heard_ns; ///< when the first of them is heard
+    int rate;
+    int channels;
+};
+
 struct PlaybackConfig {
     std::string wav_path;       ///< records everything played, underrun silence included; empty: no recording
     double clock_error_ppm = 0; ///< of the playback device's clock
     RateMatching rate_matching = RateMatching::automatic;
+    /// Told of everything played, in order, some time after it was heard; playback_stats() first tells it of
+    /// what it does not know yet. Called with the device's lock held: quick, no call back into the simulator.
+    std::function<void(const HeardFrames&)> on_heard = nullptr;
 };
 /**
  * Takes effect at the next open of a playback device. Recording goes on across
