@@ -25,20 +25,21 @@ private:
 };
 
 /**
- * Which frames a host withholds once the wall clock was set. The player stamps
- * frames by the wall clock, and resets after a second without one. The first
- * frame behind the step makes it count from the new time; the pause behind that
- * frame is one by any clock. Pure: times are arguments (CLOCK_MONOTONIC).
+ * Which frames a host withholds, so that the player resets: once the wall clock
+ * was set, or the plan was left (PicturePlan). The player stamps frames by the wall
+ * clock, and resets after a second without one. The first frame behind the step
+ * makes it count from the new time; the pause behind that frame is one by any
+ * clock. Pure: times are arguments (CLOCK_MONOTONIC).
  */
 class FrameBreak
 {
 public:
-    /// A frame came at @p now_ns; @p clock_was_set since the one before. @return whether it is withheld
-    bool withholds(int64_t now_ns, bool clock_was_set)
+    /// A frame came at @p now_ns; since the one before there is @p cause. @return whether it is withheld
+    bool withholds(int64_t now_ns, bool cause)
     {
-        if (clock_was_set)
+        if (cause)
             until_ns_ = now_ns + kBreakNs;
-        return !clock_was_set && now_ns < until_ns_;
+        return !cause && now_ns < until_ns_;
     }
 
 private:

@@ -71,8 +71,10 @@ int video_queue_slots(double fps, int audio_rate, Coding coding, int algorithm_d
 
 Host::Host(HostConfig config, Source* source, SourceClock clock)
     : config_(std::move(config)), source_(source), clock_(clock),
-      video_queue_size_(
-          video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(), config_.algorithm_delay_ms)),
+      video_queue_size_(config_.video_queue_slots > 0
+                            ? config_.video_queue_slots
+                            : video_queue_slots(source->fps().value(), source->audio_rate(), source->coding(),
+                                                config_.algorithm_delay_ms)),
       pool_(video_queue_size_ + kBuffersBesideQueue + held_buffers(config_, source->fps().value())),
       line_(config_.algorithm_delay_ms), sound_hold_(config_.holds.sound_ns), wait_for_serial_(config_.sync)
 {
@@ -148,6 +150,8 @@ void Host::video_thread()
 {
     pthread_setname_np(pthread_self(), "host_video");
     common::WallClockWatch wall_clock;
+    const auto clock_was_set =
+        config_.clock_was_set ? config_.clock_was_set : [&wall_clock] { return wall_clock.was_set(); };
     common::FrameBreak frame_break;
     int64_t first_ns = opened_ns_ + config_.video_start_ns;
     VideoFrame frame;
@@ -159,7 +163,9 @@ void Host::video_thread()
         // Painted ahead: the moment of the call is the picture's time.
         PictureBuffer* buffer = fill(frame);
         sleep_until_ns(due_ns);
-        const bool withheld = frame_break.withholds(now_ns(), wall_clock.was_set());
+        take_stall(&video_stall_ns_);
+        const bool set = clock_was_set();
+        const bool withheld = frame_break.withholds(now_ns(), plan_left_.exchange(false) || set);
         if (buffer == nullptr)
             continue;
         if (withheld) {
@@ -170,6 +176,12 @@ void Host::video_thread()
         }
     }
     video_running_ = false;
+}
+
+void Host::take_stall(std::atomic<int64_t>* stall_ns)
+{
+    if (*stall_ns > 0)
+        sleep_until_ns(now_ns() + stall_ns->exchange(0));
 }
 
 PictureBuffer* Host::fill(const VideoFrame& frame)
@@ -189,6 +201,7 @@ PictureBuffer* Host::fill(const VideoFrame& frame)
 void Host::render(PictureBuffer* buffer)
 {
     buffer->turn = rendered_;
+    buffer->rendered_ns = now_ns();
     // Flip or drop may come before the call returns: the buffer must be the player's by then.
     display::pass(buffer, Owner::host, Owner::player);
     int64_t resets_before = resets_;
@@ -214,7 +227,23 @@ PictureBuffer* Host::take_back(void* handle, Owner next)
 }
 
 // The callbacks come from the player's pacing thread and from inside of hdmi_player_video_render,
-// possibly both at once. None takes a lock of this class.
+// possibly both at once. None takes a lock that is held over a call into the player.
+
+/// Sound that was lost at the output leaves frames early for good: see PicturePlan.
+void Host::watch_plan(const PictureBuffer& buffer, int64_t flipped_ns)
+{
+    // Without A/V sync there is no plan.
+    if (!config_.sync || config_.raw)
+        return;
+    const std::lock_guard<std::mutex> lock(plan_mutex_);
+    if (plan_resets_ != resets_) {
+        plan_resets_ = resets_;
+        plan_.start(flipped_ns);
+    }
+    if (plan_resets_ > 0 &&
+        plan_.left(flipped_ns, flipped_ns - buffer.rendered_ns, flipped_ns - written_ns_ < kPauseNs))
+        plan_left_ = true;
+}
 
 void Host::on_flip(hdmi_player_video_frame_t frame)
 {
@@ -223,6 +252,7 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
         return;
     host_->flipped_++;
     int64_t flipped_ns = now_ns();
+    host_->watch_plan(*buffer, flipped_ns);
     bool admitted = host_->config_.gate->admit(flipped_ns);
     if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
@@ -259,7 +289,7 @@ void Host::audio_thread()
 {
     pthread_setname_np(pthread_self(), "host_audio");
     hdmi_player_audio_frame_t last = {};
-    int64_t stall_ns = config_.stall_ns;
+    int64_t planned_stall_ns = config_.stall_ns;
     int64_t first_ns = 0;
     int dry = 0;
     while (!audio_draining_ || (dry < kDryPulls && now_ns() < drained_ns_)) {
@@ -274,8 +304,9 @@ void Host::audio_thread()
         waited_ = taken_ns_ - asked_ns >= kAtOnceNs;
         if (first_ns == 0)
             first_ns = now_ns();
-        if (stall_ns > 0 && now_ns() >= first_ns + kStallAfterNs)
-            sleep_until_ns(now_ns() + std::exchange(stall_ns, 0));
+        if (planned_stall_ns > 0 && now_ns() >= first_ns + kStallAfterNs)
+            stall_ns_ = std::exchange(planned_stall_ns, 0);
+        take_stall(&stall_ns_);
         last = *block;
         play_block(*block);
         hdmi_player_put_pcm(block);

@@ -10,10 +10,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "common/flip_hold.h"
 #include "common/late_sound.h"
+#include "common/picture_plan.h"
 #include "common/sound_hold.h"
 #include "common/wall_clock.h"
 #include "display/flip_gate.h"
@@ -33,6 +35,7 @@ struct HostConfig {
     hdmi_player_ao_dev_e output = E_HDMI_PLAYER_AO_DEV_SPEAKER;
     hdmi_player_drm_info_t display = {0, 60};
     int algorithm_delay_ms = 0;
+    int video_queue_slots = 0;  ///< 0: what the source needs as it is now
     int64_t video_start_ns = 0; ///< first picture that long after open
     common::Holds holds;        ///< what the display needs
     int64_t stall_ns = 0;       ///< the sound's thread stands still once, for that long
@@ -40,6 +43,9 @@ struct HostConfig {
     bool sync = true;           ///< false: the player runs free, and no reset announces a new sequence
 
     int64_t drain_ns = 5'000'000'000; ///< after the signal's end its sound must run dry in that time, or is cut off
+
+    /// Whether the wall clock was set since the last call; on the video thread. None: the machine's clock is watched.
+    std::function<bool()> clock_was_set;
 
     FlipGate* gate = nullptr; ///< of the display; outlives the host
     Trace* trace = nullptr;   ///< written down there; outlives the host
@@ -61,7 +67,7 @@ struct FrameAccount {
     int64_t lost = 0;      ///< of these, passed so long before that they cannot have been in its queue any more
     int64_t foreign = 0;   ///< callbacks with a handle that was not the player's at that moment
     int64_t no_buffer = 0; ///< pictures for which the host had no buffer left
-    int64_t withheld = 0;  ///< not passed to the player, so that it resets: the wall clock was set
+    int64_t withheld = 0;  ///< not passed to the player, so that it resets: the wall clock was set, or the plan left
 
     bool closes() const { return rendered == flipped + dropped + held && foreign == 0 && lost == 0; }
 };
@@ -85,6 +91,10 @@ public:
     bool start();
 
     bool video_running() const { return video_running_; }
+    /// The sound's thread stands still once, for that long, before its next block. From any thread.
+    void stall_sound(int64_t stall_ns) { stall_ns_ = stall_ns; }
+    /// Likewise the video's, before its next picture.
+    void stall_video(int64_t stall_ns) { video_stall_ns_ = stall_ns; }
     /// Ends the video thread at its next picture, or waits for the end of the source.
     void stop_video();
     /// The signal has ended: plays what is still on its way to the output.
@@ -114,6 +124,7 @@ private:
     static void on_drop(hdmi_player_video_frame_t frame);
 
     void video_thread();
+    void take_stall(std::atomic<int64_t>* stall_ns);
     PictureBuffer* fill(const VideoFrame& frame);
     void render(PictureBuffer* buffer);
     void audio_thread();
@@ -123,6 +134,8 @@ private:
     void write(const hdmi_player_audio_frame_t& like, int64_t pts_us);
     bool belongs_to_new_sequence(int32_t serial);
     PictureBuffer* take_back(void* handle, Owner next);
+
+    void watch_plan(const PictureBuffer& buffer, int64_t flipped_ns);
 
     static Host* host_;
 
@@ -134,12 +147,18 @@ private:
     std::unique_ptr<common::HeldFlips> held_flips_; ///< while the player is open
     int64_t opened_ns_ = 0;
 
+    std::mutex plan_mutex_; ///< flips come from two threads
+    common::PicturePlan plan_;
+    int64_t plan_resets_ = 0; ///< those that the plan knows of
+
     std::thread video_;
     std::thread audio_;
     std::atomic<bool> video_stop_{false};
     std::atomic<bool> video_running_{false};
     std::atomic<bool> audio_draining_{false};
     std::atomic<int64_t> drained_ns_{0}; ///< when draining ends at the latest
+    std::atomic<int64_t> stall_ns_{0};
+    std::atomic<int64_t> video_stall_ns_{0};
 
     std::atomic<int64_t> resets_{0};
     std::atomic<int64_t> reset_ns_{0};
@@ -155,6 +174,7 @@ private:
     std::atomic<int64_t> withheld_{0};
     std::atomic<int64_t> held_{0};
     std::atomic<int64_t> lost_{0};
+    std::atomic<bool> plan_left_{false}; ///< found by a flip, for the video thread
     std::atomic<int64_t> last_picture_{-1};
 
     // The audio thread's own, read by others after it was joined.
@@ -163,9 +183,9 @@ private:
     common::LateSound late_sound_;
     common::Splice splice_;
     std::vector<int16_t> processed_;
-    int64_t next_pts_us_ = 0; ///< of the sample after the last one written
-    int64_t written_ns_ = 0;  ///< when the last block was
-    bool waited_ = false;     ///< for the last block, which did not wait for the host then
+    int64_t next_pts_us_ = 0;            ///< of the sample after the last one written
+    std::atomic<int64_t> written_ns_{0}; ///< when the last block was
+    bool waited_ = false;                ///< for the last block, which did not wait for the host then
     AudioAccount audio_account_;
     int64_t resets_seen_ = 0;
     int32_t serial_ = 0;   ///< of the last block; a player's first sequence is number 0

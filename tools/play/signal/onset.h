@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace play
@@ -21,6 +22,8 @@ public:
     void feed(const int16_t* stereo, int frames);
     /// Sample numbers, counted from the first one fed.
     const std::vector<int64_t>& onsets() const { return onsets_; }
+    /// The same, and forgets them: for streams without end.
+    std::vector<int64_t> take() { return std::exchange(onsets_, {}); }
 
 private:
     int loud_;

@@ -9,7 +9,8 @@ namespace play
 {
 
 struct PictureBuffer : display::FrameBuffer {
-    int64_t number = 0; ///< of the picture
+    int64_t number = 0;      ///< of the picture
+    int64_t rendered_ns = 0; ///< when the player was given it
     Picture picture;
 };
 

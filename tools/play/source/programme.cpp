@@ -46,11 +46,26 @@ double sweep_cycles(double since_s)
 } // namespace
 
 Programme::Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones)
-    : audio_rate_(audio_rate), fps_(fps), length_ns_(length_ns), tones_(tones)
+    : Programme(audio_rate, fps, length_ns, tones, Marks{})
 {
-    for (int64_t second = 0; second * kSecondNs <= length_ns; second++)
+}
+
+Programme::Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones, Marks marks)
+    : audio_rate_(audio_rate), fps_(fps), length_ns_(length_ns), tones_(tones), marks_(marks)
+{
+    for (int64_t mark = 0; mark * marks_.period_ns <= length_ns; mark++)
         beeps_.push_back(
-            std::llround(static_cast<double>(Programme::frame_ns(mark_frame(second))) * audio_rate / kSecondNs));
+            std::llround(static_cast<double>(Programme::frame_ns(mark_frame(mark))) * audio_rate / kSecondNs));
+}
+
+/// The first picture at the mark's time or after it.
+int64_t Programme::mark_frame(int64_t mark) const
+{
+    // Seconds apart, as in frame_ns().
+    const int64_t at_ns = mark * marks_.period_ns;
+    const int64_t den_ns = fps_.den * kSecondNs;
+    const int64_t whole = at_ns / den_ns;
+    return whole * fps_.num + (at_ns % den_ns * fps_.num + den_ns - 1) / den_ns;
 }
 
 Programme::Tone Programme::tone_at(double source_s)
@@ -78,17 +93,19 @@ int16_t Programme::sample(int64_t number, int channel) const
         return number >= 0 ? tone_sample(number) : int16_t{0};
     uint32_t hash = mix(static_cast<uint32_t>(number * 2 + channel));
     int value = static_cast<int>(hash % (2 * kNoisePeak + 1)) - kNoisePeak;
-    auto second = static_cast<size_t>(number / audio_rate_);
-    // The mark's frame may come a little after the full second: then this sample may be the beep of the one before.
-    if (second >= beeps_.size() || number < beeps_[second]) {
-        if (second == 0 || second > beeps_.size())
+    const int64_t at_ns = number / audio_rate_ * kSecondNs + number % audio_rate_ * kSecondNs / audio_rate_;
+    auto mark = static_cast<size_t>(at_ns / marks_.period_ns);
+    // The mark's frame may come a little after its time: then this sample may be the beep of the one before.
+    if (mark >= beeps_.size() || number < beeps_[mark]) {
+        if (mark == 0 || mark > beeps_.size())
             return static_cast<int16_t>(value);
-        second--;
+        mark--;
     }
-    int64_t since = number - beeps_[second];
-    // Sound and picture of second 0 come while the player starts.
-    if (second > 0 && since * kSecondNs < kMarkDurationNs * audio_rate_) {
-        double frequency = kLowestBeepHz + kBeepStepHz * static_cast<double>(second % kBeepPitches);
+    int64_t since = number - beeps_[mark];
+    // Sound and picture of mark 0 come while the player starts.
+    if (mark > 0 && since * kSecondNs < kMarkDurationNs * audio_rate_) {
+        double frequency =
+            kLowestBeepHz + kBeepStepHz * static_cast<double>(mark % static_cast<size_t>(marks_.pitches));
         double phase = 2 * M_PI * frequency * static_cast<double>(since) / audio_rate_;
         value += static_cast<int>(std::lrint(kBeepPeak * std::cos(phase)));
     }
@@ -116,9 +133,9 @@ bool Programme::next_video(VideoFrame* frame)
     frame->source_ns = frame_ns(next_frame_);
     if (frame->source_ns >= length_ns_)
         return false;
-    int64_t second = frame->number * fps_.den / fps_.num;
-    int64_t since_mark = frame->source_ns - frame_ns(mark_frame(second));
-    bool flash = second > 0 && since_mark >= 0 && since_mark < kMarkDurationNs;
+    int64_t mark = frame->source_ns / marks_.period_ns;
+    int64_t since_mark = frame->source_ns - frame_ns(mark_frame(mark));
+    bool flash = mark > 0 && since_mark >= 0 && since_mark < kMarkDurationNs;
     write_number(&frame->picture, frame->number);
     fill_field(&frame->picture, flash ? Picture::kWhite : Picture::kBlack);
     next_frame_++;
@@ -128,8 +145,8 @@ bool Programme::next_video(VideoFrame* frame)
 std::vector<int64_t> Programme::marks() const
 {
     std::vector<int64_t> marks;
-    for (size_t second = 1; second < beeps_.size(); second++)
-        marks.push_back(frame_ns(mark_frame(static_cast<int64_t>(second))));
+    for (size_t mark = 1; mark < beeps_.size(); mark++)
+        marks.push_back(frame_ns(mark_frame(static_cast<int64_t>(mark))));
     return marks;
 }
 

@@ -7,9 +7,9 @@ namespace play
 {
 
 /**
- * The built-in programme: flash and beep together at each second. Neighbouring
- * beeps differ in pitch, so that sound which is whole seconds late is not taken
- * for punctual. Under the beeps lies noise that differs at every sample, too
+ * The built-in programme: flash and beep together at each second, or closer to
+ * each other. Neighbouring beeps differ in pitch, so that sound which is whole
+ * seconds late is not taken for punctual. Under the beeps lies noise that differs at every sample, too
  * faint to hear, by which any stretch of sound can be told from any other.
  *
  * With tones the right channel has neither: it changes every ten seconds
@@ -18,7 +18,7 @@ namespace play
 class Programme : public Source
 {
 public:
-    /// Second by second one pitch higher, then from the lowest on again.
+    /// Mark by mark one pitch higher, then from the lowest on again.
     static constexpr int kBeepPitches = 12;
     static constexpr double kLowestBeepHz = 1000;
     static constexpr double kBeepStepHz = 100;
@@ -27,12 +27,19 @@ public:
     static constexpr int16_t kNoisePeak = 16;
     static constexpr int64_t kMarkDurationNs = 50'000'000; ///< length of flash and beep
 
+    /// How close flashes and beeps follow each other; pitch by pitch as many as there are.
+    struct Marks {
+        int64_t period_ns = 1'000'000'000;
+        int pitches = kBeepPitches;
+    };
+
     enum class Tone { steady, sweep, changing };
     static constexpr double kToneHz = 997;
     /// The pitches of the beeps and the tones have come round by then; only the faint noise has not.
     static constexpr int kComesRoundS = 60;
 
     Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones = false);
+    Programme(int audio_rate, Rational fps, int64_t length_ns, bool tones, Marks marks);
 
     /// Which tone there is; changing: it is fading in or out.
     static Tone tone_at(double source_s);
@@ -48,7 +55,7 @@ public:
     std::string description() const override;
 
 private:
-    int64_t mark_frame(int64_t second) const { return (second * fps_.num + fps_.den - 1) / fps_.den; }
+    int64_t mark_frame(int64_t mark) const;
     int16_t sample(int64_t number, int channel) const;
     int16_t tone_sample(int64_t number) const;
 
@@ -56,8 +63,9 @@ private:
     Rational fps_;
     int64_t length_ns_;
     bool tones_;
+    Marks marks_;
     int64_t next_frame_ = 0;
-    std::vector<int64_t> beeps_; ///< sample at which the beep of each second starts
+    std::vector<int64_t> beeps_; ///< sample at which the beep of each mark starts
 };
 
 } // namespace play

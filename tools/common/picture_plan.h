@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace common
+{
+
+/**
+ * Tells a host that frames do not wait in the player as they did before. They
+ * wait for their sound from the reset on. When the output failed for a while, the
+ * player's clock ran ahead, frames were flipped before their time, and the player
+ * does not hold early frames: they stay early. When the capture device did not
+ * open at once, the sound's time began later than the frames', and these wait too
+ * long. A reset puts both right, which a host gets by withholding frames
+ * (FrameBreak). What is the same after that reset is how it has to be. Pure: times
+ * are arguments (CLOCK_MONOTONIC, nanoseconds).
+ */
+class PicturePlan
+{
+public:
+    /// A reset was raised.
+    void start(int64_t now_ns)
+    {
+        settled_ns_ = now_ns + kSettlingNs;
+        fresh_ = true;
+        window_ns_ = kNone;
+    }
+
+    /**
+     * A frame was flipped @p waited_ns after it was rendered, at @p now_ns. @p with_sound: sound is being written.
+     * @return whether frames have left the plan; not again before the pause is over
+     */
+    bool left(int64_t now_ns, int64_t waited_ns, bool with_sound)
+    {
+        if (!with_sound)
+            window_ns_ = kNone;
+        if (!with_sound || now_ns < settled_ns_)
+            return false;
+        if (window_ns_ == kNone) {
+            window_ns_ = now_ns;
+            sum_ns_ = frames_ = 0;
+        }
+        sum_ns_ += waited_ns;
+        frames_++;
+        if (now_ns - window_ns_ < kWindowNs)
+            return false;
+        const int64_t mean_ns = sum_ns_ / frames_;
+        window_ns_ = kNone;
+        if (usual_ns_ == kNone || (fresh_ && is_near(mean_ns, doubted_ns_)))
+            usual_ns_ = mean_ns;
+        if (is_near(mean_ns, usual_ns_)) {
+            // The clocks may drift apart.
+            usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
+            fresh_ = false;
+            doubted_ns_ = kNone;
+            return false;
+        }
+        if (now_ns < again_ns_)
+            return false;
+        again_ns_ = now_ns + kPauseNs;
+        doubted_ns_ = mean_ns;
+        return true;
+    }
+
+private:
+    static constexpr int64_t kNone = -1;
+    static constexpr int64_t kSettlingNs = 500'000'000;
+    static constexpr int64_t kWindowNs = 400'000'000;
+    /// More than vertical blanks and bursts move a frame by, less than what viewers notice together with the spread of
+    /// starts.
+    static constexpr int64_t kFarNs = 50'000'000;
+    static constexpr int64_t kSlowly = 8;
+    static constexpr int64_t kPauseNs = 3'000'000'000;
+
+    int64_t settled_ns_ = 0;
+    bool is_near(int64_t a_ns, int64_t b_ns) const { return b_ns != kNone && std::abs(a_ns - b_ns) <= kFarNs; }
+
+    int64_t usual_ns_ = kNone;   ///< for which frames wait
+    int64_t doubted_ns_ = kNone; ///< for which they waited when the plan was left
+    bool fresh_ = true;          ///< since the reset they were not where they are wanted
+    int64_t window_ns_ = kNone;
+    int64_t sum_ns_ = 0;
+    int64_t frames_ = 0;
+    int64_t again_ns_ = 0;
+};
+
+} // namespace common
