@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+#include "process_account.h"
+
+#include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace soak
+{
+namespace
+{
+
+/// But "." and "..".
+int entries(const char* path)
+{
+    int count = 0;
+    if (DIR* folder = opendir(path)) {
+        while (const dirent* entry = readdir(folder))
+            count += entry->d_name[0] != '.' ? 1 : 0;
+        closedir(folder);
+    }
+    return count;
+}
+
+} // namespace
+
+ProcessAccount process_account()
+{
+    ProcessAccount account;
+    int64_t total = 0;
+    int64_t resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    account.resident_kb = resident * sysconf(_SC_PAGESIZE) / 1024;
+    // Without the one by which they are counted.
+    account.descriptors = entries("/proc/self/fd") - 1;
+    account.threads = entries("/proc/self/task");
+    rusage used = {};
+    getrusage(RUSAGE_SELF, &used);
+    account.cpu_s = static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
+                    static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
+    return account;
+}
+
+void limit_memory(int more_mb)
+{
+    std::FILE* status = std::fopen("/proc/self/status", "re");
+    long data_kb = 0;
+    for (char line[128]; status != nullptr && std::fgets(line, sizeof line, status) != nullptr;)
+        if (std::sscanf(line, "VmData: %ld", &data_kb) == 1)
+            break;
+    if (status != nullptr)
+        std::fclose(status);
+    const auto bytes = static_cast<rlim_t>(data_kb) * 1024 + (static_cast<rlim_t>(more_mb) << 20);
+    const rlimit limit = {bytes, bytes};
+    setrlimit(RLIMIT_DATA, &limit);
+}
+
+} // namespace soak

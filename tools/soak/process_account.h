@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+
+namespace soak
+{
+
+/// What the process has of the machine now.
+struct ProcessAccount {
+    int64_t resident_kb = 0;
+    int descriptors = 0;
+    int threads = 0;
+    double cpu_s = 0; ///< used so far
+};
+ProcessAccount process_account();
+
+/// No more memory than now, and so much: what asks for more is refused. Stacks of threads count as well.
+void limit_memory(int more_mb);
+
+} // namespace soak
