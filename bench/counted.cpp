@@ -145,7 +145,7 @@ hdmi_player_audio_frame_t block_of(Bytes& bytes, int rate)
 
 void count_foundation()
 {
-    count("message that is not printed", kTurns, [] { log_d("pts:%d\n", 1); });
+    count("message that is not printed", kTurns, [] { log_as("count_foundation", LOG_LEVEL_D, "pts:%d\n", 1); });
     const int32_t id = frame_queue_init(FRAME_QUEUE_POOL_MAX, "counted");
     count("queue, 4 calls", kTurns, [id] {
         frame_queue_done_enqueue(id, frame_queue_pool_acquire(id, kChunkBytes));

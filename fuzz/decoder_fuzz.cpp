@@ -11,7 +11,7 @@ namespace
 {
 
 constexpr int kOperationsMax = 4000;
-int64_t g_now_us;
+std::atomic<int64_t> g_now_us; ///< read by an asynchronous decoder's thread
 
 void write(adecoder_handle_t* decoder, Input& input, bool async)
 {
@@ -41,7 +41,7 @@ void pass_time(uint8_t what)
     case 0: return time_line::begin();
     case 1: return time_line::end();
     case 2: return time_line::delivered();
-    default: g_now_us += what * 1000;
+    default: g_now_us += int64_t{what} * 1000;
     }
 }
 
@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     Input input(data, size);
     const uint8_t kind = input.byte();
     g_now_us = 0;
-    decoder_avcodec::set_clock([] { return g_now_us; });
+    decoder_avcodec::set_clock([] { return g_now_us.load(); });
     // Outside of what there is, too.
     const auto format = static_cast<adecoder_format_t>(kind % 4);
     const auto channels = static_cast<adecoder_channel_t>(kind / 4 % 16);

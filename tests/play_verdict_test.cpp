@@ -173,6 +173,8 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const Outcome no = Outcome::fail;
     const auto unread = [](Result* run) { run->overruns = 2; };
     const auto thrown_away = [](Result* run) { run->audio.late = 2 * 960; };
+    const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
+    const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
     struct Case {
         const char* what;
         Outcome outcome;
@@ -193,6 +195,8 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"a block more than that", no, {unread, missing(3 * 960)}},
         {"what the host threw away as well", yes, {unread, thrown_away, missing(4 * 960)}},
         {"a block more than it threw away", no, {thrown_away, missing(3 * 960)}},
+        {"what the device left out", yes, {unread, left_out, missing(4 * 960)}},
+        {"a block lost behind the silence that it put in", no, {unread, refilled, missing(2 * 960)}},
         {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };
     for (const Case& one : cases) {

@@ -162,6 +162,7 @@ void put_silence(Playback& p, int64_t now, int frames) REQUIRES(p.mutex)
         return;
     const std::vector<uint8_t> zeros(static_cast<size_t>(frames * p.channels) * kBytesPerSample);
     put(p, now, zeros.data(), frames);
+    p.stats.refilled += frames;
     if (p.matching.at_work)
         p.matching.made += frames;
 }
@@ -250,6 +251,7 @@ int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, c
     const auto [late, silence] = p.reserve.before_write(now, frames, p.queue.queued(now));
     data += static_cast<size_t>(late) * static_cast<size_t>(frame_bytes);
     p.stats.frames_written += late;
+    p.stats.left_out += late;
     put_silence(p, now, silence);
     const int done = late + (is_matched(p) ? queue_matched(p, guard, opening, data, frames - late)
                                            : queue_frames(p, guard, opening, data, frames - late));

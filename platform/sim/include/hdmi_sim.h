@@ -288,6 +288,8 @@ struct PlaybackStats {
     bool rate_matching = false; ///< they are resampled
     double matching_ppm = 0;    ///< by which they are used up faster than they would be otherwise
     int64_t underruns = 0;
+    int64_t left_out = 0; ///< frames of the written ones that came too late after an underrun, and were not played
+    int64_t refilled = 0; ///< frames of silence that were queued beside the written ones after an underrun
     int64_t first_write_ns = 0;   ///< 0: none yet
     int64_t last_underrun_ns = 0; ///< 0: none
     int sample_rate = 0;

@@ -61,6 +61,8 @@ public:
     {
         hdmi_sim::PlaybackStats playback = hdmi_sim::playback_stats();
         SoundAccount account = {playback.first_write_ns, playback.frames_written, clock_error_ppm_};
+        account.left_out = playback.left_out;
+        account.refilled = playback.refilled;
         account.matched = playback.rate_matching;
         account.matching_ppm = playback.matching_ppm;
         return account;

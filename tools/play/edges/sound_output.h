@@ -19,6 +19,8 @@ struct SoundAccount {
     int64_t first_write_ns = 0;  ///< 0: nothing was written
     int64_t frames = 0;          ///< written by the player
     double drift_ppm = 0;        ///< of a real device against CLOCK_MONOTONIC
+    int64_t left_out = 0;        ///< frames that the simulated device did not play, since they came too late
+    int64_t refilled = 0;        ///< frames of silence that it played beside them
     int64_t observer_breaks = 0; ///< times that the device that listens lost sound or went away
     bool matched = false;        ///< resampled from the source's clock to the device's
     double matching_ppm = 0;     ///< in the end, positive for a source that is the faster one

@@ -67,8 +67,8 @@ bool machine_missed_a_period(const Result& result) { return result.punctuality.w
 
 constexpr double kOutputRate = 48000;
 
-/// The edges themselves count sound that nobody took or gave in time, and the host what it threw away since it came
-/// late: what follows is out of place by that, and no more.
+/// The edges themselves count sound that nobody took or gave in time, host and simulated device what they threw away
+/// since it came late: what follows is out of place by that, and no more.
 bool machine_lost_sound(const Result& result)
 {
     bool counted = result.overruns > 0 || result.audio.late > 0 || result.stage.link.breaks > 0 ||
@@ -77,8 +77,11 @@ bool machine_lost_sound(const Result& result)
     bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
     auto block = static_cast<double>(result.samples.block);
     double thrown_away = static_cast<double>(result.audio.late) * kOutputRate / result.source_rate;
-    double most = (static_cast<double>(result.overruns) + 0.5) * block + thrown_away;
-    return counted && machine_missed_a_period(result) && (!in_periods || result.samples.missing <= most);
+    const SoundAccount& output = result.stage.sound;
+    double most =
+        (static_cast<double>(result.overruns) + 0.5) * block + thrown_away + static_cast<double>(output.left_out);
+    double missing = result.samples.missing + static_cast<double>(output.refilled);
+    return counted && machine_missed_a_period(result) && (!in_periods || missing <= most);
 }
 
 /// Each late tick can cost two vertical blanks, each of them a picture that is not seen and one that is held for it.
