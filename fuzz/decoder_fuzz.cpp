@@ -2,6 +2,8 @@
 // The decoder as the player uses it: an elementary stream in parts of any size, reads of any size, time that passes.
 //
 // Input: format, channels and mode, then operations, each with its length and what it writes.
+#include <atomic>
+
 #include "adecoder.h"
 #include "decoder_avcodec.h"
 #include "input.h"

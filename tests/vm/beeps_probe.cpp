@@ -3,6 +3,7 @@
 // too, while something else plays from one to the other, and prints for each beep how long it took, in ms.
 #include <unistd.h>
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 
@@ -34,7 +35,7 @@ int report(const play::AlsaFeed& feed, const play::AlsaObserver& ear, const play
         const int64_t sent_ns = clock.to_monotonic(beep.source_sample * 1'000'000'000 / kRate);
         std::printf("beep %.3f\n", static_cast<double>(heard.heard_ns(beep.position) - sent_ns) / 1e6);
     }
-    std::printf("breaks %lld\n", static_cast<long long>(feed.breaks() + ear.breaks()));
+    std::printf("breaks %" PRId64 "\n", feed.breaks() + ear.breaks());
     return 0;
 }
 
