@@ -9,6 +9,7 @@
 #include "common/flip_hold.h"
 #include "common/holds.h"
 #include "common/late_sound.h"
+#include "common/picture_plan.h"
 #include "common/sound_hold.h"
 #include "common/wall_clock.h"
 
@@ -191,6 +192,33 @@ TEST(Splice, FadesFromTheFirstBlockLeftOut)
     EXPECT_EQ(played[2 * 240], -10000);
     splice.join(next.data(), 960);
     EXPECT_EQ(next[0], -10000);
+}
+
+/// Frames 20 ms apart that wait for @p waited_ms each. @return how often they left the plan
+int leaves(PicturePlan* plan, int64_t* now_ns, int64_t for_ms, int64_t waited_ms, bool with_sound = true)
+{
+    int times = 0;
+    for (int64_t end = *now_ns + for_ms * kMs; *now_ns < end; *now_ns += 20 * kMs)
+        times += plan->left(*now_ns, waited_ms * kMs, with_sound) ? 1 : 0;
+    return times;
+}
+
+TEST(PicturePlan, IsLeftByFramesThatWaitForAnotherTimeUntilAResetShowsThatTheyMust)
+{
+    PicturePlan plan;
+    int64_t now_ns = 0;
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 400, 300), 0) << "not settled";
+    EXPECT_EQ(leaves(&plan, &now_ns, 2000, 80), 0);
+    EXPECT_EQ(leaves(&plan, &now_ns, 2000, 125), 0) << "near enough";
+    EXPECT_EQ(leaves(&plan, &now_ns, 5000, 20, false), 0) << "no sound";
+    EXPECT_EQ(leaves(&plan, &now_ns, 2500, 20), 1);
+    EXPECT_EQ(leaves(&plan, &now_ns, 3000, 20), 1) << "no reset came";
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 10000, 20), 0) << "how it has to be";
+    EXPECT_EQ(leaves(&plan, &now_ns, 1500, 100), 1);
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 10000, 20), 0) << "back in the plan";
 }
 
 TEST(FrameBreak, LetsOneFrameThroughAndThenNoneForMoreThanASecond)

@@ -2,12 +2,14 @@
 // The simulated platform's clocks and decisions, as pure arithmetic.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <numeric>
 #include <string>
 
 #include "capture_ring.h"
 #include "latch.h"
+#include "output_reserve.h"
 #include "pacing.h"
 #include "play_queue.h"
 #include "support/ramp.h"
@@ -239,6 +241,57 @@ TEST(VblankAccount, CountsWhatLiesBetweenTwoWaitsInARow)
     account.returned(kThread + 1, kFd + 1, 1, 2);
     EXPECT_EQ(account.waits().missed, 1) << "another thread, another display, a failure, numbers that begin anew";
     EXPECT_EQ(account.waits().waits, 8);
+}
+
+/// An output that usually holds three periods behind a write, and what its reserve does to it.
+struct ReservedOutput {
+    static constexpr int kPeriod = 960;
+
+    clocks::OutputReserve reserve;
+    int64_t now_ns = 0;
+    int queued = 2 * kPeriod;
+    int left_out = 0;
+    int silence = 0;
+
+    ReservedOutput()
+    {
+        reserve.start(48000);
+        for (int i = 0; i < 100; ++i)
+            write(20);
+    }
+    /// A period, so many milliseconds after the one before.
+    void write(int after_ms)
+    {
+        now_ns += after_ms * kMs;
+        const int played = after_ms * 48;
+        const auto advice = reserve.before_write(now_ns, kPeriod, std::max(queued - played, 0));
+        reserve.ran_empty(std::max(played - queued, 0));
+        queued = std::max(queued - played, 0) + kPeriod - advice.leave_out + advice.silence;
+        left_out += advice.leave_out;
+        silence += advice.silence;
+        reserve.after_write(now_ns, queued);
+    }
+};
+
+TEST(OutputReserve, HoldsAsMuchAsBeforeAfterAnUnderrun)
+{
+    ReservedOutput late;
+    const int usual = late.queued;
+    EXPECT_TRUE(late.left_out == 0 && late.silence == 0);
+    late.write(260); // what is late follows at once
+    for (int i = 0; i < 12; ++i)
+        late.write(0);
+    for (int i = 0; i < 20; ++i)
+        late.write(20);
+    EXPECT_NEAR(late.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_TRUE(late.left_out > 0 && late.silence == 0) << late.left_out << " " << late.silence;
+
+    ReservedOutput lost;
+    lost.write(260); // it was lost
+    for (int i = 0; i < 20; ++i)
+        lost.write(20);
+    EXPECT_NEAR(lost.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_TRUE(lost.left_out == 0 && lost.silence > 0) << lost.left_out << " " << lost.silence;
 }
 
 } // namespace

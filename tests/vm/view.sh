@@ -182,14 +182,17 @@ shows() {
 sends 640x480p60
 control -c test_pattern=7
 # Without OpenGL: what Mesa compiles at run time does not survive the emulated processor.
-DISPLAY=:7 SDL_VIDEODRIVER=x11 SDL_RENDER_DRIVER=software SDL_FRAMEBUFFER_ACCELERATION=0 "$program" --display window --video "v4l2:$input" \
-    --capture none --seconds 90 >"$OUT/view-window.log" 2>&1 </dev/null &
+DISPLAY=:7 SDL_VIDEODRIVER=x11 SDL_RENDER_DRIVER=software SDL_FRAMEBUFFER_ACCELERATION=0 \
+    "$program" --display window --video "v4l2:$input" --capture none --seconds 90 >"$OUT/view-window.log" 2>&1 </dev/null &
 viewer=$!
 check "a window shows the input's red" wait_for 60 shows 255 0 0 || cat "$OUT/view-window.log"
 control -c test_pattern=9
 check "and its blue" wait_for 30 shows 0 0 255 || cat "$OUT/view-window.log"
-kill -INT "$viewer"
+# bash starts what runs beside it with SIGINT ignored.
+kill -TERM "$viewer"
+told=$SECONDS
 check "the window ends at a signal" wait "$viewer"
+compare "after" $((SECONDS - told)) -le 20 s
 check "its frames are not copied before they are uploaded" says window 'not copied'
 kill "$desktop"
 control -c test_pattern=0 -c dv_timings_signal_mode=0
