@@ -51,9 +51,8 @@ public:
 
     /**
      * Queues @p frames frames, at most room(), after a drain() at @p now. After
-     * an underrun, silence up to @p now precedes them.
+     * an underrun, silence up to @p now precedes them. @return its frames
      */
-    /// @return the frames of that silence
     int64_t put(int64_t now, const uint8_t* data, int frames, float gain, PlaySink* sink)
     {
         if (!started_) {
