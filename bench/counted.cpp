@@ -20,6 +20,7 @@
 #include "internal/synchronizer.h"
 #include "internal/video.h"
 #include "platform_hooks.h"
+#include "stereo.h"
 
 namespace
 {
@@ -187,15 +188,6 @@ hdmi_player_audio_frame_t g_block;
 
 hdmi_player_audio_frame_t* give_block(int32_t) { return g_source->next() ? &g_block : nullptr; }
 int32_t take_block_back(hdmi_player_audio_frame_t*) { return 0; }
-
-audio_param_t stereo(int rate)
-{
-    audio_param_t param = {};
-    param.fmt = AV_SAMPLE_FMT_S16;
-    param.sample_rate = rate;
-    param.channels = 2;
-    return param;
-}
 
 void count_resampler(const char* path, int rate)
 {

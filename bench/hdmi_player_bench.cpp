@@ -11,6 +11,7 @@
 #include "internal/resample.h"
 #include "internal/synchronizer.h"
 #include "platform_hooks.h"
+#include "stereo.h"
 
 namespace
 {
@@ -41,15 +42,6 @@ BENCHMARK(queue_hand_over);
 hdmi_player_audio_frame_t g_block;
 hdmi_player_audio_frame_t* give_block(int32_t) { return &g_block; }
 int32_t take_block_back(hdmi_player_audio_frame_t*) { return 0; }
-
-audio_param_t stereo(int rate)
-{
-    audio_param_t param = {};
-    param.fmt = AV_SAMPLE_FMT_S16;
-    param.sample_rate = rate;
-    param.channels = 2;
-    return param;
-}
 
 // One period of 44.1 kHz or 48 kHz stereo to 48 kHz through the stage, its thread and its queue.
 void resample_period(benchmark::State& state)

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "../stereo.h"
 #include "coded_audio.h"
 #include "internal/common.h"
 #include "internal/dolby.h"
@@ -172,15 +173,6 @@ hdmi_player_audio_frame_t* give_block(int32_t)
         g_source.spent_ns = cpu_ns(CLOCK_THREAD_CPUTIME_ID) - g_source.begin_ns;
     g_source.begin_ns = 0;
     return nullptr;
-}
-
-audio_param_t stereo(int rate)
-{
-    audio_param_t param = {};
-    param.fmt = AV_SAMPLE_FMT_S16;
-    param.sample_rate = rate;
-    param.channels = 2;
-    return param;
 }
 
 /// For each 960 frames of output.
