@@ -71,6 +71,8 @@ bool device_open() { return g_ao_info.init_state == 0; }
 template <typename Call> int32_t on_open_device(Call call)
 {
     mutex_guard lock(g_ao_info.mutex); // a device that is being reopened takes the call when it is open again
+    if (!device_open())
+        return 0;
     if (!await_write_end(lock, kDevicePatienceUs))
         return -ETIMEDOUT;
     return device_open() ? call(&g_ao_info.audio_cfg) : 0;

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <stdio_ext.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -223,17 +222,17 @@ size_t console_output::write_first(size_t bytes, int terminal)
 // Prints the first @p bytes of the backlog as far as the output takes them. @return how many it took.
 size_t console_output::print_first(size_t bytes)
 {
-    const terminal_output terminal;
     // Asked first: a host that is blocked in a print of its own holds the stream's lock.
-    if ((terminal.fd() < 0 && !output_takes_more(0)) || !lock_stream())
+    if (!output_takes_more(0) || !lock_stream())
         return 0;
-    size_t done = 0;
-    // What the host has begun to print there comes first, by the stream.
-    if (terminal.fd() >= 0 && __fpending(stdout) == 0) {
-        done = write_first(bytes, terminal.fd());
+    const terminal_output terminal;
+    if (terminal.fd() >= 0) {
+        // A line that the host has begun and the stream still holds comes behind it: to flush that could wait.
+        const size_t done = write_first(bytes, terminal.fd());
         funlockfile(stdout);
         return done;
     }
+    size_t done = 0;
     while (done < bytes && output_takes_more(0)) {
         uint32_t length = 0;
         memcpy(&length, backlog_ + done, kLengthBytes);

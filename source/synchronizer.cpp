@@ -160,12 +160,11 @@ bool due_at_vsync(int64_t target, const vsync_grid& grid)
            within(target, subtract(grid.sampled_time, half), add_saturated(grid.sampled_time, half));
 }
 
-// An early frame waits for one refresh at most, so that the decision is taken anew for each.
-decision decide(int64_t now, int64_t due, bool at_vsync, int64_t refresh)
+decision decide(int64_t now, int64_t due, bool at_vsync, int64_t longest_wait)
 {
     if (now >= due || at_vsync)
         return {verdict::flip, 0};
-    return {verdict::wait, std::min(subtract(due, now), refresh)};
+    return {verdict::wait, std::min(subtract(due, now), longest_wait)};
 }
 
 // After a jump back of the stream, a negative delay, the timer may lag.
@@ -215,6 +214,7 @@ constexpr uint64_t kNoLimit = UINT64_MAX; ///< for a sleep that only news ends
 
 enum class news {
     frame,   ///< one was queued
+    taken,   ///< frames that waited are gone
     setting, ///< mode or state
     clock,   ///< the audio clock has a new anchor
     vblank,  ///< the display has reached one
@@ -263,6 +263,8 @@ bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.s
         return true;
     if (wait == E_SYNC_WAIT_FRAME)
         return what == news::frame;
+    if (what == news::taken)
+        return true;                                     // perhaps the one whose time it waits for
     return what != news::frame && is_worth_a_step(sync); // one that was queued is behind the oldest
 }
 
@@ -481,9 +483,9 @@ void flip(oru_player& player, synchronizer_frame_info_t& frame)
 bool show_unpaced(oru_player& player, synchronizer_frame_info_t& frame, loglevel_e level)
 {
     const int64_t now = system_time_us();
-    player.frame_timer = now;
     if (!take(player, frame, now))
         return false;
+    player.frame_timer = now;
     flip(player, frame);
     trace_step(player, level, "flip_frame frame_pts:%llu system_time:%lli fd:%d\n", llu(frame.pts), lli(now), frame.fd);
     return true;
@@ -783,6 +785,14 @@ bool synchronizer_notify_frame_done(void* handle)
     if (missing(handle, "handle is null"))
         return false;
     wake_sync_thread(base_of(handle), news::frame);
+    return true;
+}
+
+bool synchronizer_notify_frames_taken(void* handle)
+{
+    if (missing(handle, "handle is null"))
+        return false;
+    wake_sync_thread(base_of(handle), news::taken);
     return true;
 }
 

@@ -247,6 +247,7 @@ public:
     ~turn_guard()
     {
         end_turn(video_.flip_turn);
+        synchronizer_notify_frames_taken(video_.synchronizer_handle);
         // Meanwhile the pacing found no frames.
         if (video_.frame_queue.frames_count > 0)
             synchronizer_notify_frame_done(video_.synchronizer_handle);

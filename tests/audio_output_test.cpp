@@ -45,7 +45,7 @@ struct Device {
     audio_config_t opened_with = {};
     bool open = false;
     bool init_done = false; // the close of a failed init comes unconditionally
-    bool in_write = false, block_writes = false;
+    bool in_write = false, block_writes = false, outlive_close = false;
     int other_calls = 0;                // in progress
     std::map<std::string, int> results; // of the calls by their first word, where not 0
     int short_by = 0, queued = 0, queued_result = 0;
@@ -78,7 +78,7 @@ struct Device {
             violations.push_back(open ? "write during another call" : "write to a closed device");
         in_write = true;
         changed.notify_all();
-        changed.wait(lock, [&] { return !block_writes || !open; });
+        changed.wait(lock, [&] { return !block_writes || (!open && !outlive_close); });
         in_write = false;
         if (!open)
             return -1;
@@ -562,8 +562,11 @@ TEST_F(AudioOutput, CallsOnADeviceThatTakesNothingGiveUpButForOneThatClosesIt)
     EXPECT_EQ(occurrences(captured(), "E aio_device_set_volume failed. err:-110\n"), 1);
 
     get_stuck_in_a_write();
+    device.set([&] { device.outlive_close = true; });
     g_on_changed = close_after_change;
     EXPECT_EQ(audio_output_select_format(E_HDMI_PLAYER_AO_FORMAT_RAW), 0) << "a close ends the write";
+    EXPECT_EQ(audio_output_set_volume(3), 0) << "without effect on a closed device, though its write is under way";
+    device.set([&] { device.outlive_close = false; });
     EXPECT_TRUE(queue_drained());
     EXPECT_EQ(audio_output_deinit(), 0);
     EXPECT_EQ(device.count("close"), 1);

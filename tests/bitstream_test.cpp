@@ -17,6 +17,7 @@
 #include "locked.h"
 #include "packed_audio.h"
 #include "player_host.h"
+#include "processor_waits.h"
 #include "wav_file.h"
 
 using namespace std::chrono_literals;
@@ -513,7 +514,7 @@ LossyStream make_lossy(const coded_audio::Format& format, const std::vector<Loss
 // What the sound device played.
 struct Recording {
     int resets = 0;           ///< after the start
-    bool stood_still = false; ///< the machine did, for longer than chunks and sound wait
+    bool stood_still = false; ///< the machine did, for longer than the sound in hand lasts
     std::vector<int16_t> pcm;
     std::vector<hdmi_sim::PlayedBlock> blocks;
 
@@ -528,18 +529,8 @@ struct Recording {
     }
 };
 
-// Waits in small steps; true if the machine held one of them up.
-bool wait_until(int64_t end_ns)
-{
-    constexpr int64_t kHeldUpNs = 45'000'000;
-    int64_t longest_ns = 0;
-    for (int64_t now = hdmi_sim::now_ns(); now < end_ns;) {
-        std::this_thread::sleep_for(5ms);
-        longest_ns = std::max(longest_ns, hdmi_sim::now_ns() - now);
-        now = hdmi_sim::now_ns();
-    }
-    return longest_ns > kHeldUpNs;
-}
+// A decoder that reads so much late does not fill in silence in time, and the output runs dry.
+constexpr auto kHeldUp = 12ms;
 
 // Plays the stream to its end, with a picture.
 Recording play(const LossyStream& lossy)
@@ -551,15 +542,19 @@ Recording play(const LossyStream& lossy)
     send(signal);
     const auto wait_for = [&](size_t burst) {
         const int64_t frame = hdmi_sim::burst_start(lossy.stream, lossy.options, static_cast<int64_t>(burst));
-        return wait_until(signal.start_ns + frame * kSecond / signal.rate);
+        const int64_t left_ns = signal.start_ns + frame * kSecond / signal.rate - hdmi_sim::now_ns();
+        std::this_thread::sleep_for(std::chrono::nanoseconds(left_ns));
     };
     Recording recording;
     {
         Host host(true);
         wait_for(lossy.at[0] - 10);
         const int at_start = g_resets;
-        const bool held_up = wait_for(lossy.after.back() + 15);
-        recording.stood_still = held_up || hdmi_sim::receiver_stats().overruns > 0;
+        const ProcessorWaits waits;
+        wait_for(lossy.after.back() + 15);
+        recording.stood_still = waits.longest() > kHeldUp;
+        if (recording.stood_still)
+            printf("the machine let a thread wait for %.0f ms\n", static_cast<double>(waits.longest().count()) / 1e6);
         recording.resets = g_resets - at_start;
         hdmi_sim::playback_finish_recording();
     }

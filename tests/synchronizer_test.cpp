@@ -777,6 +777,24 @@ TEST_F(Synchronizer, WaitingFrameIsLookedAtAgainOnNewsAndEachRefresh)
     }
 }
 
+TEST_F(Synchronizer, AFrameThatOthersTookIsNotWaitedFor)
+{
+    synchronizer_set_drm_info(handle, {7, 0.101F}); // it is looked at again after 10 s
+    run({0, 3600000000});
+    const auto waits = [this](sync_wait_e what) {
+        return eventually(
+            [this, what] {
+                mutex_guard guard(sync().sync_thread_mutex);
+                return sync().sync_thread_wait == what;
+            },
+            5s);
+    };
+    EXPECT_TRUE(waits(E_SYNC_WAIT_TIME));
+    queue.locked([this] { queue.waiting.clear(); });
+    synchronizer_notify_frames_taken(handle);
+    EXPECT_TRUE(waits(E_SYNC_WAIT_FRAME));
+}
+
 TEST_F(Synchronizer, StopEndsEveryWaitAtOnce)
 {
     // The free-run sleep.

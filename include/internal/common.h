@@ -32,7 +32,8 @@ enum loglevel_e {
  * 64 KiB of it, and printed as soon as something is logged, be it suppressed, or
  * at the end of the process; records beyond that are counted and reported in
  * their place. A terminal is the exception, if this user may not open it: one
- * that stops in the middle of a record holds up whoever prints that.
+ * that stops in the middle of a record holds up whoever prints that. On any
+ * other, a line that the host has begun to print comes behind the records.
  */
 void console_print(loglevel_e level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
@@ -63,8 +64,8 @@ char* env_get_string(const char* str);
 
 /**
  * One look at the level for several messages: most of what a suppressed message
- * costs is the search of the environment. For a stretch of code that neither
- * waits nor calls what is not the library's; behind such a call, look again.
+ * costs is the search of the environment. For a stretch of code that does not
+ * wait; behind a wait, or a call of a platform or of the host, look again.
  */
 class log_gate
 {

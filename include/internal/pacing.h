@@ -82,7 +82,8 @@ int64_t flip_target(int64_t release_time, const vsync_grid& grid);
 bool due_at_vsync(int64_t target, const vsync_grid& grid);
 
 /// Whether the oldest frame's time has come: the frame timer has reached @p due, or it goes out at this vertical blank.
-decision decide(int64_t now, int64_t due, bool at_vsync, int64_t refresh);
+/// An early frame waits until it is due, for @p longest_wait at most: then the decision is taken anew.
+decision decide(int64_t now, int64_t due, bool at_vsync, int64_t longest_wait);
 
 /// The frame timer after a frame was taken at @p now; it lags by a limited time only.
 int64_t advance(int64_t frame_timer, int64_t delay, int64_t now);

@@ -143,6 +143,10 @@ bool synchronizer_stop(void* handle);
 /// while stopped.
 bool synchronizer_notify_frame_done(void* handle);
 
+/// Frames were taken that the sync thread may wait with: it looks at the queue again. Does not block; harmless while
+/// stopped.
+bool synchronizer_notify_frames_taken(void* handle);
+
 /// The display reached a vertical blank at @p time: wakes a sync thread whose frame goes out now.
 bool synchronizer_notify_vblank(void* handle, int64_t time);
 
