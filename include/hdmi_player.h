@@ -270,6 +270,13 @@
  *   A flip counts for the refresh in which it was made, so the even way is to
  *   hold it for whole refreshes, up to the next above 61 - L, and to hold the
  *   sound for the excess.
+ *   The player leaves early frames where they are, up to 40 ms: within an hour, a
+ *   frame's way from hdmi_player_video_render() to its flip may become a refresh
+ *   or two shorter. A host that knows when each frame was rendered evens this
+ *   out, whatever L is: it notes how long frames took to their vertical blank
+ *   half a second after a reset, and from then on holds each flip for the
+ *   vertical blank that is nearest to so long after its render. Of two flips for
+ *   one vertical blank it shows the later one.
  * - L above 61: the host holds the sound for L - 61 ms, between
  *   hdmi_player_get_pcm() and hdmi_player_write_pcm(). It begins with as much
  *   silence, and moves behind it, while the stamps of the blocks stay as they

@@ -19,24 +19,33 @@ Clock::time_point at(int64_t time_ns) { return Clock::time_point(std::chrono::na
 
 } // namespace
 
-HeldFlips::HeldFlips(const Holds& holds, double refresh_hz, Show show)
-    : show_(std::move(show)), hold_(holds, refresh_hz)
+HeldFlips::HeldFlips(const Holds& holds, double refresh_hz, Pass show, Pass leave_out)
+    : show_(std::move(show)), leave_out_(std::move(leave_out)), hold_(holds, refresh_hz)
 {
     if (holds.holds_flips())
         thread_ = std::thread(&HeldFlips::run, this);
 }
 
-void HeldFlips::flip(void* buffer, int64_t now_ns, int64_t vblank_ns)
+void HeldFlips::flip(void* buffer, const FlipTimes& times)
 {
     if (!thread_.joinable()) {
         show_(buffer);
         return;
     }
+    void* unseen = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        hold_.push(buffer, now_ns, vblank_ns);
+        unseen = hold_.push(buffer, times);
     }
     changed_.notify_one();
+    if (unseen != nullptr)
+        leave_out_(unseen);
+}
+
+void HeldFlips::start(int64_t now_ns)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    hold_.start(now_ns);
 }
 
 void HeldFlips::run()
@@ -49,14 +58,14 @@ void HeldFlips::run()
             changed_.wait(lock);
             continue;
         }
-        void* buffer = hold_.pop(now_ns());
-        if (buffer == nullptr) {
+        const FlipHold::Due due = hold_.pop(now_ns());
+        if (due.buffer == nullptr) {
             changed_.wait_until(lock, at(*due_ns));
             continue;
         }
         // Without the lock: a display may take its own.
         lock.unlock();
-        show_(buffer);
+        (due.unseen ? leave_out_ : show_)(due.buffer);
         lock.lock();
     }
 }

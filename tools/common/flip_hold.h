@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -11,26 +13,55 @@
 #include <thread>
 
 #include "common/holds.h"
+#include "common/light_plan.h"
 
 namespace common
 {
 
+/// A frame's times: when the host gave it to the player, when the player flipped it, and a recent vertical blank.
+struct FlipTimes {
+    int64_t arrived_ns;
+    int64_t flipped_ns;
+    int64_t vblank_ns; ///< 0: none is known
+};
+
 /**
- * The flips that are held, first in, first out. Pure: times are arguments
- * (CLOCK_MONOTONIC), nothing blocks.
+ * The flips that are held, first in, first out. At first, each is held for as
+ * long as the plan of the panel says. When the player has placed the frames, each
+ * is held so that it takes as long from its arrival to its vertical blank as those
+ * did (LightPlan), if that is wanted. Pure: times are arguments (CLOCK_MONOTONIC),
+ * nothing blocks.
  */
 class FlipHold
 {
 public:
-    FlipHold(const Holds& holds, double refresh_hz) : holds_(holds), refresh_ns_(1e9 / refresh_hz) {}
-
-    /// The player flips @p buffer at @p now_ns. @p vblank_ns: a recent vertical blank; 0: none is known
-    void push(void* buffer, int64_t now_ns, int64_t vblank_ns)
+    FlipHold(const Holds& holds, double refresh_hz) : holds_(holds), refresh_ns_(1e9 / refresh_hz), plan_(refresh_ns_)
     {
-        int64_t due_ns = due_of(now_ns, vblank_ns);
-        if (!held_.empty() && due_ns < held_.back().due_ns)
-            due_ns = held_.back().due_ns;
-        held_.push_back({buffer, due_ns});
+    }
+
+    /// The player places frames anew: see LightPlan.
+    void start(int64_t now_ns)
+    {
+        if (holds_.even)
+            plan_.start(now_ns);
+    }
+
+    /// The player flips @p buffer. @return a buffer that will not be shown, this one or one that is held: both are for
+    /// the same vertical blank; null: none
+    void* push(void* buffer, const FlipTimes& times)
+    {
+        Held held = {buffer, times.flipped_ns + holds_.flip_ns, kNone};
+        void* unseen = nullptr;
+        if (times.vblank_ns != 0 && (holds_.refreshes > 0 || plan_.started())) {
+            place(times, &held);
+            unseen = make_room_for(held);
+        }
+        if (unseen == buffer)
+            return unseen;
+        if (!held_.empty())
+            held.due_ns = std::max(held.due_ns, held_.back().due_ns);
+        held_.push_back(held);
+        return unseen;
     }
 
     /// When the oldest one is to be given to the display; nothing: none is held.
@@ -39,35 +70,98 @@ public:
         return held_.empty() ? std::nullopt : std::optional<int64_t>(held_.front().due_ns);
     }
 
-    /// Takes the oldest one out if its time has come. @return null if not
-    void* pop(int64_t now_ns)
+    struct Due {
+        void* buffer = nullptr; ///< null: none is due
+        bool unseen = false;    ///< too late for its vertical blank, and another one has the next: not to be shown
+    };
+    /// Takes the oldest one out if its time has come.
+    Due pop(int64_t now_ns)
     {
         if (held_.empty() || now_ns < held_.front().due_ns)
-            return nullptr;
-        void* buffer = held_.front().buffer;
+            return {};
+        const Held held = held_.front();
         held_.pop_front();
-        return buffer;
+        if (held.light_ns == kNone)
+            return {held.buffer, false};
+        // With two flips for one vertical blank, a display would be late by one for good.
+        const double late = std::max(std::ceil(static_cast<double>(now_ns - held.light_ns) / refresh_ns_), 0.0);
+        const int64_t light_ns = held.light_ns + std::llround(late * refresh_ns_);
+        if (same_vblank(light_ns, given_ns_))
+            return {held.buffer, true};
+        given_ns_ = light_ns;
+        return {held.buffer, false};
     }
 
 private:
+    static constexpr int64_t kNone = -1;
+    /// Each hold ends early in a refresh, far from both vertical blanks: that a thread runs late, or flips come near a
+    /// vertical blank, then does not matter.
+    static constexpr double kIntoRefresh = 0.2;
+    /// For less, a vertical blank is too near to be met.
+    static constexpr int64_t kLeadNs = 500'000;
+    /// Of a display whose vertical blanks begin elsewhere, nothing that was before counts.
+    static constexpr double kMostQueued = 8;
+
     struct Held {
         void* buffer;
         int64_t due_ns;
+        int64_t light_ns; ///< the vertical blank that it is for; none: whichever comes
     };
 
-    /// A flip decides for the refresh in which it lies, wherever in it. Its hold ends early in a later refresh, far
-    /// from both vertical blanks: that a thread runs late, or flips come near a vertical blank, then does not matter.
-    int64_t due_of(int64_t now_ns, int64_t vblank_ns) const
+    bool same_vblank(int64_t a_ns, int64_t b_ns) const
     {
-        constexpr double kIntoRefresh = 0.2;
-        if (holds_.refreshes == 0 || vblank_ns == 0)
-            return now_ns + holds_.flip_ns;
-        const double refresh = std::floor(static_cast<double>(now_ns - vblank_ns) / refresh_ns_);
-        return vblank_ns + std::llround((refresh + holds_.refreshes + kIntoRefresh) * refresh_ns_);
+        return static_cast<double>(std::abs(a_ns - b_ns)) < refresh_ns_ / 2;
+    }
+
+    void place(const FlipTimes& times, Held* held)
+    {
+        const auto time_of = [&](double refresh) { return times.vblank_ns + std::llround(refresh * refresh_ns_); };
+        const auto refresh_at = [&](int64_t at_ns) {
+            return std::floor(static_cast<double>(at_ns - times.vblank_ns) / refresh_ns_);
+        };
+        if (!plan_.known()) {
+            // A flip decides for the refresh in which it lies, wherever in it.
+            const double refresh = refresh_at(times.flipped_ns) + holds_.refreshes;
+            if (holds_.refreshes > 0)
+                held->due_ns = time_of(refresh + kIntoRefresh);
+            if (plan_.started())
+                held->light_ns = time_of(refresh + 1);
+            plan_.learn(times.arrived_ns, times.flipped_ns, time_of(refresh + 1));
+            return;
+        }
+        const double wanted = plan_.refresh_for(times.arrived_ns, times.vblank_ns);
+        const double soonest = refresh_at(times.flipped_ns + kLeadNs) + 1;
+        held->light_ns = time_of(std::max(wanted, soonest));
+        // First in, first out.
+        if (static_cast<double>(newest_ns_ - held->light_ns) < kMostQueued * refresh_ns_)
+            held->light_ns = std::max(held->light_ns, newest_ns_);
+        const int64_t lead_ns = std::llround((1 - kIntoRefresh) * refresh_ns_);
+        held->due_ns = std::max(times.flipped_ns, held->light_ns - lead_ns);
+        if (plan_.outlived(times.flipped_ns, wanted < soonest))
+            plan_.start(times.flipped_ns);
+    }
+
+    /// @return what is not shown since @p held is for the same vertical blank, or @p held itself; null: nothing
+    void* make_room_for(const Held& held)
+    {
+        const bool collides = held.light_ns != kNone && same_vblank(held.light_ns, newest_ns_);
+        newest_ns_ = held.light_ns;
+        if (!collides)
+            return nullptr;
+        // The display has the one before already.
+        if (held_.empty() || !same_vblank(held_.back().light_ns, held.light_ns))
+            return held.buffer;
+        // The newer one is shown: if a scene begins with it, the scene is not seen later than planned.
+        void* unseen = held_.back().buffer;
+        held_.pop_back();
+        return unseen;
     }
 
     const Holds holds_;
     const double refresh_ns_;
+    LightPlan plan_;
+    int64_t newest_ns_ = kNone; ///< vertical blank of the latest flip
+    int64_t given_ns_ = kNone;  ///< likewise of the latest that was given to the display
     std::deque<Held> held_;
 };
 
@@ -76,15 +170,20 @@ private:
 class HeldFlips
 {
 public:
-    using Show = std::function<void(void* buffer)>;
+    using Pass = std::function<void(void* buffer)>;
 
-    HeldFlips(const Holds& holds, double refresh_hz, Show show);
+    /// @p show gives a buffer to the display; @p leave_out takes one back that will not be shown. Both come from the
+    /// thread that flips, or from one of its own.
+    HeldFlips(const Holds& holds, double refresh_hz, Pass show, Pass leave_out);
     ~HeldFlips() { finish(); }
     HeldFlips(const HeldFlips&) = delete;
     HeldFlips& operator=(const HeldFlips&) = delete;
 
     /// From any thread; as FlipHold::push().
-    void flip(void* buffer, int64_t now_ns, int64_t vblank_ns);
+    void flip(void* buffer, const FlipTimes& times);
+
+    /// Likewise; as FlipHold::start().
+    void start(int64_t now_ns);
 
     /// No flip comes any more: returns when the last one was given to the display.
     void finish();
@@ -92,7 +191,8 @@ public:
 private:
     void run();
 
-    const Show show_;
+    const Pass show_;
+    const Pass leave_out_;
     std::mutex mutex_; ///< what follows
     std::condition_variable changed_;
     FlipHold hold_;

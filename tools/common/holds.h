@@ -25,8 +25,9 @@ struct Holds {
     int refreshes = 0;    ///< for which flips wait; 0: see flip_ns
     int64_t flip_ns = 0;  ///< for which flips wait, as time
     int64_t sound_ns = 0; ///< for which the sound waits
+    bool even = false;    ///< flips wait until all take equally long from arrival to light: see FlipHold
 
-    bool holds_flips() const { return flip_ns > 0; }
+    bool holds_flips() const { return flip_ns > 0 || even; }
 };
 
 /**

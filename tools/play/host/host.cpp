@@ -100,10 +100,10 @@ bool Host::start()
     config.video_frame_flip_cb = on_flip;
 
     host_ = this;
-    held_flips_ =
-        std::make_unique<common::HeldFlips>(config_.holds, config_.display.panel_refresh_rate, [this](void* buffer) {
-            config_.present(static_cast<PictureBuffer*>(buffer));
-        });
+    held_flips_ = std::make_unique<common::HeldFlips>(
+        config_.holds, config_.display.panel_refresh_rate,
+        [this](void* buffer) { config_.present(static_cast<PictureBuffer*>(buffer)); },
+        [this](void* buffer) { leave_out(static_cast<PictureBuffer*>(buffer)); });
     if (hdmi_player_open(config) != 0) {
         host_ = nullptr;
         return false;
@@ -256,11 +256,15 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     bool admitted = host_->config_.gate->admit(flipped_ns);
     if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
-    if (admitted) {
-        host_->held_flips_->flip(buffer, flipped_ns, host_->config_.gate->vblank_ns());
-        return;
-    }
-    host_->skipped_++;
+    if (admitted)
+        host_->held_flips_->flip(buffer, {buffer->rendered_ns, flipped_ns, host_->config_.gate->vblank_ns()});
+    else
+        host_->leave_out(buffer);
+}
+
+void Host::leave_out(PictureBuffer* buffer)
+{
+    skipped_++;
     display::pass(buffer, Owner::display, Owner::free);
 }
 
@@ -274,6 +278,7 @@ void Host::on_event(hdmi_player_event_e event)
 {
     if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
         host_->reset_ns_ = now_ns();
+        host_->held_flips_->start(host_->reset_ns_);
         if (host_->resets_++ == 0)
             host_->first_reset_ns_ = host_->reset_ns_.load();
         if (Trace* trace = host_->config_.trace)

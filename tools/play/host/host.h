@@ -60,7 +60,7 @@ struct HostConfig {
 struct FrameAccount {
     int64_t rendered = 0; ///< passed to the player
     int64_t flipped = 0;
-    int64_t skipped = 0; ///< of these, not shown: coalesced with the previous flip
+    int64_t skipped = 0; ///< of these, not shown: coalesced with another flip
     int64_t dropped = 0;
     int64_t refused = 0;   ///< kept by the host: the player did not take them
     int64_t held = 0;      ///< still the player's when it was closed
@@ -136,6 +136,7 @@ private:
     PictureBuffer* take_back(void* handle, Owner next);
 
     void watch_plan(const PictureBuffer& buffer, int64_t flipped_ns);
+    void leave_out(PictureBuffer* buffer);
 
     static Host* host_;
 

@@ -20,7 +20,7 @@ using display::EventLog;
 struct FlipEvent {
     int64_t at_ns = 0;
     int64_t number = 0;
-    bool shown = false; ///< given to the display; otherwise coalesced with the previous flip
+    bool shown = false; ///< given to the display; otherwise coalesced with another flip
 };
 
 /// The host gave the player a block to play.

@@ -108,7 +108,7 @@ void Rows::flips()
         std::string picture = "picture " + std::to_string(flip.number);
         tick(flip.at_s, flip.shown ? "flip" : "skipped",
              "flip of " + picture + " at " + at(flip.at_s) +
-                 (flip.shown ? "" : ", not shown: coalesced with the previous flip"));
+                 (flip.shown ? "" : ", not shown: coalesced with another flip"));
         if (!flip.shown)
             svg_ += "<use href=\"#cross\" x=\"" + across(flip.at_s) + "\" y=\"" + plain((top_ + bottom_) / 2.0) +
                     "\" class=\"skipped\"/>";

@@ -60,9 +60,10 @@ bool Player::open(const PlayerConfig& config)
     taken_serial_ = 0;
     last_old_serial_ = std::numeric_limits<int32_t>::max(); // nothing is played before the first reset
     sound_hold_ = std::make_unique<common::SoundHold>(config.holds.sound_ns);
-    held_flips_ =
-        std::make_unique<common::HeldFlips>(config.holds, static_cast<double>(config.display.panel_refresh_rate),
-                                            [this](void* buffer) { feed_->flipped(static_cast<ViewBuffer*>(buffer)); });
+    held_flips_ = std::make_unique<common::HeldFlips>(
+        config.holds, static_cast<double>(config.display.panel_refresh_rate),
+        [this](void* buffer) { feed_->flipped(static_cast<ViewBuffer*>(buffer)); },
+        [this](void* buffer) { leave_out(static_cast<ViewBuffer*>(buffer)); });
     player_ = this;
     if (hdmi_player_open(wanted) != 0) {
         held_flips_.reset();
@@ -133,11 +134,16 @@ void Player::on_drop(hdmi_player_video_frame_t frame)
 void Player::show(ViewBuffer* buffer)
 {
     const int64_t now_ns = common::now_ns();
-    if (gate_->admit(now_ns)) {
-        shown_++;
-        held_flips_->flip(buffer, now_ns, gate_->vblank_ns());
-        return;
-    }
+    shown_++;
+    if (gate_->admit(now_ns))
+        held_flips_->flip(buffer, {buffer->arrived_ns, now_ns, gate_->vblank_ns()});
+    else
+        leave_out(buffer);
+}
+
+void Player::leave_out(ViewBuffer* buffer)
+{
+    shown_--;
     skipped_++;
     pass(buffer, Owner::display, Owner::host);
     feed_->dropped(buffer);
@@ -149,6 +155,7 @@ void Player::on_event(hdmi_player_event_e event)
         return;
     player_->last_old_serial_ = player_->taken_serial_.load();
     player_->resets_++;
+    player_->held_flips_->start(common::now_ns());
 }
 
 // --- Sound -------------------------------------------------------------------------------

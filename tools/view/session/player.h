@@ -31,7 +31,7 @@ struct PlayerConfig {
 
 struct PlayerFigures {
     int64_t shown = 0;   ///< given to the display
-    int64_t skipped = 0; ///< coalesced with the flip before
+    int64_t skipped = 0; ///< coalesced with another flip
     int64_t dropped = 0; ///< late against the sound
     int64_t refused = 0; ///< that the player did not take
     int64_t resets = 0;
@@ -70,6 +70,7 @@ private:
     static void on_drop(hdmi_player_video_frame_t frame);
 
     void show(ViewBuffer* buffer);
+    void leave_out(ViewBuffer* buffer);
     void sound_thread();
     bool may_play(int32_t serial);
     void play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waited);

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <optional>
+
+namespace common
+{
+
+/**
+ * How long frames shall take from their arrival to the vertical blank at which
+ * they are seen. The player flips early frames at any time within 40 ms of their
+ * sound, and its clock for them runs with the sound's; so a frame's way wanders
+ * by a refresh or two within the hour. The plan is what the way was at first. On a
+ * display that has a clock of its own, frames then are half a refresh beside it at
+ * the most: they can only be seen at vertical blanks. Pure: times are arguments
+ * (CLOCK_MONOTONIC, nanoseconds).
+ */
+class LightPlan
+{
+public:
+    explicit LightPlan(double refresh_ns) : refresh_ns_(refresh_ns) {}
+
+    /// The player places frames anew; the plan is taken when they have settled.
+    void start(int64_t now_ns)
+    {
+        settled_ns_ = now_ns + kSettlingNs;
+        plan_ns_ = late_since_ns_ = window_ns_ = kNone;
+        sum_ns_ = frames_ = longest_ns_ = 0;
+        followed_ = false;
+    }
+
+    bool known() const { return plan_ns_ != kNone; }
+    bool started() const { return settled_ns_ != kNone; }
+
+    /// Until there is a plan. A frame that arrived at @p arrived_ns was flipped at @p flipped_ns, and is seen at
+    /// @p light_ns.
+    void learn(int64_t arrived_ns, int64_t flipped_ns, int64_t light_ns)
+    {
+        if (!started() || known() || flipped_ns < settled_ns_)
+            return;
+        if (window_ns_ == kNone)
+            window_ns_ = flipped_ns;
+        sum_ns_ += light_ns - arrived_ns;
+        longest_ns_ = std::max(longest_ns_, flipped_ns - arrived_ns);
+        frames_++;
+        if (flipped_ns - window_ns_ < kWindowNs)
+            return;
+        // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
+        const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kLeadNs;
+        const int64_t mean_ns = sum_ns_ / frames_;
+        plan_ns_ = std::clamp(longest_ns_ + spread_ns, mean_ns, mean_ns + spread_ns);
+    }
+
+    /**
+     * With a plan: the vertical blank at which a frame is to be seen, in refreshes after @p vblank_ns. Where frames and
+     * refreshes go on in step, a frame goes on with the one before while both are a little nearer to another one:
+     * otherwise frames that arrive to and fro around the middle between two of them would be shown twice or not at all.
+     */
+    double refresh_for(int64_t arrived_ns, int64_t vblank_ns)
+    {
+        const int64_t wanted_ns = arrived_ns + plan_ns_;
+        const double place = static_cast<double>(wanted_ns - vblank_ns) / refresh_ns_;
+        double refresh = std::round(place);
+        if (followed_) {
+            const double step = static_cast<double>(wanted_ns - wanted_ns_) / refresh_ns_;
+            const double error = error_ + std::round(step) - step;
+            if (std::abs(step - std::round(step)) < kSticky && std::abs(error) <= 0.5 + kSticky)
+                refresh = std::round(place + error);
+        }
+        followed_ = true;
+        wanted_ns_ = wanted_ns;
+        error_ = refresh - place;
+        return refresh;
+    }
+
+    /// Whether frame after frame comes too late for the plan (@p late: this one), so that another one is needed.
+    bool outlived(int64_t now_ns, bool late)
+    {
+        if (!late)
+            late_since_ns_ = kNone;
+        else if (late_since_ns_ == kNone)
+            late_since_ns_ = now_ns;
+        return late && now_ns - late_since_ns_ > kPatienceNs;
+    }
+
+private:
+    static constexpr int64_t kNone = -1;
+    /// By then the sound's clock has placed the frames.
+    static constexpr int64_t kSettlingNs = 350'000'000;
+    static constexpr int64_t kWindowNs = 300'000'000;
+    static constexpr int64_t kPatienceNs = 1'000'000'000;
+    /// To reach the display before the vertical blank.
+    static constexpr int64_t kLeadNs = 1'000'000;
+    /// Of a refresh: more than frames arrive to and fro.
+    static constexpr double kSticky = 0.1;
+
+    const double refresh_ns_;
+    int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
+    int64_t plan_ns_ = kNone;
+    int64_t window_ns_ = kNone;
+    int64_t sum_ns_ = 0;
+    int64_t longest_ns_ = 0;
+    int64_t frames_ = 0;
+    int64_t late_since_ns_ = kNone;
+    bool followed_ = false; ///< what follows is the last frame's
+    int64_t wanted_ns_ = 0;
+    double error_ = 0; ///< refreshes by which it is seen later
+};
+
+} // namespace common
