@@ -20,6 +20,8 @@ constexpr int kWindowsPerS = 10;
 /// The fit looks at every fourth frame: noise and tones have enough of them.
 constexpr int kFitStep = 4;
 constexpr int kFitRounds = 3;
+/// A round that moves a window by less, in frames, is the last: its error is of the order of this times itself.
+constexpr double kFitEnough = 0.005;
 /// And a search at fewer, since it tries many places.
 constexpr int kSearchStep = 16;
 /// Where a window may be sought, in frames beside the place that the one before told.
@@ -121,7 +123,8 @@ private:
     const Comparison& comparison_;
     const int length_; ///< frames in a window
     std::vector<int16_t> heard_;
-    std::vector<double> left_; ///< of the right channel, by the latest rest_of()
+    std::vector<std::array<float, 2>> sent_; ///< the source's frames, by the latest rest_of()
+    std::vector<double> left_;               ///< of the right channel, likewise
     std::optional<Reference> reference_;
     Fidelity result_;
     Place place_{};
@@ -142,12 +145,11 @@ Rest SoundComparison::rest_of(Place place, int step)
     Levels products{};
     Levels squares{};
     Levels own{};
-    std::vector<std::array<float, 2>> sent;
-    sent.reserve(static_cast<size_t>(length_ / step) + 1);
+    sent_.clear();
     for (int i = 0; i < length_; i += step) {
-        sent.push_back(reference_->at(place.middle + (i - length_ / 2.0) * place.speed));
+        sent_.push_back(reference_->at(place.middle + (i - length_ / 2.0) * place.speed));
         for (size_t c = 0; c < 2; c++) {
-            double x = sent.back()[c];
+            double x = sent_.back()[c];
             double y = heard_[2 * static_cast<size_t>(i) + c];
             products[c] += x * y;
             squares[c] += x * x;
@@ -155,14 +157,14 @@ Rest SoundComparison::rest_of(Place place, int step)
         }
     }
     Rest rest;
-    auto count = static_cast<double>(sent.size());
+    auto count = static_cast<double>(sent_.size());
     for (size_t c = 0; c < 2; c++) {
         rest.gain[c] = squares[c] > 0 ? products[c] / squares[c] : 1;
         rest.sent[c] = squares[c] / count;
         double left = 0;
         left_.clear();
-        for (size_t n = 0; n < sent.size(); n++) {
-            double r = heard_[2 * n * static_cast<size_t>(step) + c] - rest.gain[c] * sent[n][c];
+        for (size_t n = 0; n < sent_.size(); n++) {
+            double r = heard_[2 * n * static_cast<size_t>(step) + c] - rest.gain[c] * sent_[n][c];
             left_.push_back(r);
             left += r * r;
             rest.peak[c] = std::max(rest.peak[c], std::abs(r));
@@ -186,9 +188,8 @@ std::optional<Place> SoundComparison::fit(Place place, int rounds)
         double rs = 0;
         for (int i = 0; i < length_; i += kFitStep) {
             double from_middle = i - length_ / 2.0;
-            double at = place.middle + from_middle * place.speed;
-            std::array<float, 2> sent = reference_->at(at);
-            std::array<float, 2> slope = reference_->slope_at(at);
+            const std::array<float, 2>& sent = sent_[static_cast<size_t>(i / kFitStep)];
+            std::array<float, 2> slope = reference_->slope_at(place.middle + from_middle * place.speed);
             for (size_t c = 0; c < 2; c++) {
                 double r = heard_[2 * static_cast<size_t>(i) + c] - rest.gain[c] * sent[c];
                 double d = rest.gain[c] * slope[c];
@@ -203,19 +204,25 @@ std::optional<Place> SoundComparison::fit(Place place, int rounds)
         double determinant = dd * ss - ds * ds;
         if (!(determinant > 0))
             return {};
-        place.middle += std::clamp((rd * ss - rs * ds) / determinant, -1.0, 1.0);
-        place.speed += std::clamp((rs * dd - rd * ds) / determinant / length_, -1e-3, 1e-3);
+        const double moved = std::clamp((rd * ss - rs * ds) / determinant, -1.0, 1.0);
+        const double faster = std::clamp((rs * dd - rd * ds) / determinant / length_, -1e-3, 1e-3);
+        place.middle += moved;
+        place.speed += faster;
+        if (std::abs(moved) < kFitEnough && std::abs(faster) * length_ < kFitEnough)
+            break;
     }
     return place;
 }
 
-/// From the whole frame at which least is left of the left channel, whose noise is nowhere like itself.
+/// From the whole frame at which least is left of the left channel, whose noise is nowhere like itself. At the speed of
+/// the clocks: a window that did not fit tells nothing of it. Not where a beep is, which is like itself each half
+/// period.
 std::optional<Place> SoundComparison::fit_near(Place place, int range)
 {
     double best = -1;
     Place from = place;
     for (int shift = -range; shift <= range; shift++) {
-        Place tried = {place.middle + shift, place.speed};
+        Place tried = {place.middle + shift, 1 / comparison_.clocks};
         if (!reference_->reach(tried.middle - length_, tried.middle + length_))
             return {};
         Rest rest = rest_of(tried, kSearchStep);
@@ -320,7 +327,7 @@ bool SoundComparison::judge(int64_t first, Place predicted)
     bool beep = has_beep(*found);
     Rest rest = rest_of(*found, 1);
     bool good = fits(rest, beep);
-    if (!good && far_searches_++ < kMostFarSearches) {
+    if (!good && !beep && far_searches_++ < kMostFarSearches) {
         if (std::optional<Place> elsewhere = fit_near(predicted, kFar)) {
             found = elsewhere;
             rest = rest_of(*found, 1);
@@ -355,6 +362,11 @@ Fidelity SoundComparison::run(const std::vector<SoundMatch>& matches)
     reference_.emplace(source_, begin->source_sample - rate, recording_.sample_rate());
     int64_t first = begin->position;
     Place predicted = {reference_->place_of(begin->source_sample) + length_ / 2.0, 1 / comparison_.clocks};
+    // Behind the beep: see fit_near().
+    for (int window = 0; window < kWindowsPerS && has_beep(predicted); window++) {
+        first += length_;
+        predicted.middle += length_ * predicted.speed;
+    }
     if (!read(first))
         return result_;
     std::optional<Place> found = fit_near(predicted, kNear);
