@@ -106,6 +106,47 @@ TEST(Course, HasTheLastMinuteByTheSecondOneAndTheWorstOfAHundred)
     EXPECT_TRUE(course.p99_inside());
 }
 
+TEST(Course, TellsPicturesThatMoveFromTheSawtoothOfTheDisplay)
+{
+    struct Case {
+        const char* what;
+        double hz;
+        double ppm; // of the source's clock
+        int seconds;
+        double per_hour;  // of the pictures' latency
+        double refreshes; // by which the last third is later
+        bool whole_minutes, inside;
+        std::optional<bool> still;
+    };
+    for (const Case& c : {Case{"as clocks let it", 50, 100, 3600, 0, 0, false, true, true},
+                          Case{"the same, creeping", 50, 100, 3600, -5, 0, false, true, false},
+                          Case{"the same, by little", 50, 100, 3600, 2.5, 0, false, true, false},
+                          Case{"late by a refresh in the end", 50, 100, 3600, 0, 1, false, false, false},
+                          Case{"a beat in 17 s", 59.94, 0, 3600, 0, 0, true, true, true},
+                          Case{"late by half a refresh in the end", 59.94, 0, 3600, 0, 0.5, true, false, false},
+                          Case{"no beat", 50, 0, 3600, 0, 0, true, true, true},
+                          Case{"too short for two beats", 50, 25, 600, 0, 0, false, true, {}},
+                          Case{"the same, late by a refresh in the end", 50, 25, 600, 0, 1.2, false, false, {}}}) {
+        std::vector<Offset> offsets;
+        for (int s = 0; s < c.seconds; s++) {
+            const double blanks = (s * (1 - c.ppm * 1e-6)) * c.hz;
+            const double refresh_ms = 1e3 / c.hz;
+            const double late = 3 * s > 2 * c.seconds ? c.refreshes : 0;
+            offsets.push_back({s * 1'000'000'000LL, 100,
+                               110 + c.per_hour * s / kHourS + refresh_ms * (late + std::ceil(blanks) - blanks)});
+        }
+        const Course course = measure_course(offsets, {}, {60, c.hz, 0, 1 - c.ppm * 1e-6});
+        ASSERT_TRUE(course.light) << c.what;
+        EXPECT_EQ(course.light->whole_minutes, c.whole_minutes) << c.what;
+        EXPECT_EQ(course.light->within_ms <= course.light->allowed_ms, c.inside)
+            << c.what << ": " << course.light->within_ms;
+        std::optional<bool> still;
+        if (course.light->moved_ms)
+            still = std::abs(*course.light->moved_ms) <= kMostMovedMs;
+        EXPECT_EQ(still, c.still) << c.what << ": " << course.light->moved_ms.value_or(0);
+    }
+}
+
 TEST(BurstLosses, EndHalfASecondBeforeTheSoundIsLookedAt)
 {
     std::vector<BurstLoss> losses;

@@ -79,6 +79,19 @@ Change missing(double samples)
     return [=](Result* run) { run->samples.missing = samples; };
 }
 
+/// Of a run on a display with a long beat.
+Change light(void (*change)(Moved* moved, LightPath* light))
+{
+    return [change](Result* run) {
+        run->options.strict = true;
+        run->course.moved = Moved{9, 0};
+        run->course.light = LightPath{200, 10, 10.3, 0, false};
+        change(&*run->course.moved, &*run->course.light);
+        if (run->course.light->whole_minutes)
+            run->course.moved->offset_ms = 0;
+    };
+}
+
 /// A run with tones, of which that was found.
 Change tones(void (*change)(Fidelity* found))
 {
@@ -153,6 +166,17 @@ TEST(Verdict, EachLimitIsMissedByItsOwnFaultAlone)
              run->options.strict = true;
              run->course.moved = Moved{0, -2.1};
          }},
+        {"sound of the last minute within 2 ms of the second one", light([](Moved* moved, LightPath*) {
+             *moved = {9, 2.1};
+         })},
+        {"pictures of the last whole beats within 2 ms of the first ones",
+         light([](Moved*, LightPath* light) { light->moved_ms = -2.1; })},
+        {"pictures of the last minute within 2 ms of the second one", light([](Moved*, LightPath* light) {
+             light->whole_minutes = true;
+             light->moved_ms = 2.1;
+         })},
+        {"99 % of the pictures within half a refresh and 2 ms of one time",
+         light([](Moved*, LightPath* light) { light->within_ms = 10.4; }), Outcome::inconclusive},
         {"sound back in its place half a second after each loss",
          [](Result* run) { run->losses = read_losses({LostBursts{}}, run->offsets, {}); }},
         {"no click, no sample lost or doubled", tones([](Fidelity* found) { found->disturbed = 1; }),

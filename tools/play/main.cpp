@@ -314,10 +314,9 @@ void evaluate_passage(const CapturedPictures& pictures, SourceClock clock, const
 }
 
 void evaluate_sound(const Source& source, SourceClock clock, const Screen& screen, const Sound& sound,
-                    const Trace& trace, Judged judged, Result* result)
+                    std::vector<SoundMatch> matches, const Trace& trace, Judged judged, Result* result)
 {
     bool by_marks = !source.marks().empty();
-    std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
     for (const Offset& offset : measure_offsets(matches, sound.heard, screen.sightings(), source, clock, by_marks))
         if (judged.holds(offset.source_ns))
             result->offsets.push_back(offset);
@@ -335,8 +334,8 @@ void evaluate_sound(const Source& source, SourceClock clock, const Screen& scree
 }
 
 /// How the sound went on its way, and what was added to it.
-void evaluate_course(const Source& source, SourceClock clock, const Sound& sound, const Trace& trace, Judged judged,
-                     Result* result)
+void evaluate_course(const Source& source, SourceClock clock, const Sound& sound,
+                     const std::vector<SoundMatch>& matches, const Trace& trace, Judged judged, Result* result)
 {
     constexpr double kFidelityFromS = 20;
     int rate = sound.heard.sample_rate();
@@ -346,9 +345,10 @@ void evaluate_course(const Source& source, SourceClock clock, const Sound& sound
         if (block.delay_frames >= 0 && judged.holds(at_ns) && rate > 0)
             fills.push_back({static_cast<double>(at_ns) / 1e9, 1e3 * block.delay_frames / rate});
     }
-    double source_fps = result->fps * (1 + result->stage.link.drift_ppm * 1e-6);
-    result->course = measure_course(result->offsets, std::move(fills),
-                                    {source_fps, result->display_hz, result->options.av_offset_ms});
+    double source_rate = 1 + result->stage.link.drift_ppm * 1e-6;
+    result->course = measure_course(
+        result->offsets, std::move(fills),
+        {result->fps * source_rate, result->display_hz, result->options.av_offset_ms, 1 / source_rate, result->paced});
     if (!result->options.tones)
         return;
     Comparison comparison;
@@ -356,7 +356,6 @@ void evaluate_course(const Source& source, SourceClock clock, const Sound& sound
     comparison.from_s = std::max(kFidelityFromS, static_cast<double>(judged.from_ns) / 1e9);
     comparison.until_s = static_cast<double>(judged.last_ns - kEndingNs) / 1e9;
     comparison.tones = true;
-    std::vector<SoundMatch> matches = find_sound(sound.heard, source, clock, judged.last_ns);
     result->fidelity = compare_sound(sound.heard, source, matches, comparison);
 }
 
@@ -431,11 +430,14 @@ void evaluate(const Source& source, SourceClock clock, const Host& host, const S
     Judged judged = {clock.to_source(reset_ns + kSettlingNs),
                      host.last_picture() >= 0 ? source.frame_ns(host.last_picture()) : 0};
     if (result->options.sync_known() && !result->options.raw) {
-        if (const auto* pictures = dynamic_cast<const CapturedPictures*>(&source))
+        std::vector<SoundMatch> matches;
+        if (const auto* pictures = dynamic_cast<const CapturedPictures*>(&source)) {
             evaluate_passage(*pictures, clock, screen, sound, judged, result);
-        else
-            evaluate_sound(source, clock, screen, sound, trace, judged, result);
-        evaluate_course(source, clock, sound, trace, judged, result);
+        } else {
+            matches = find_sound(sound.heard, source, clock, judged.last_ns);
+            evaluate_sound(source, clock, screen, sound, matches, trace, judged, result);
+        }
+        evaluate_course(source, clock, sound, matches, trace, judged, result);
     }
     evaluate_pictures(source, host, screen, judged, result);
     evaluate_devices(sound, disturbances, result);

@@ -181,11 +181,12 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->needs(html);
     app->add_option("--wav", options->wav_path, "Keep the recording of the sound there");
     app->add_flag("--strict", options->strict,
-                  "Also demand 99 % of the offsets within ATSC IS-191 (+15/-45 ms), and of three minutes and more the\n"
-                  "last one within 2 ms of the second one");
+                  "Also demand 99 % of the offsets within ATSC IS-191 (+15/-45 ms), and of three minutes and more\n"
+                  "that neither sound nor pictures move by 2 ms from the second minute to the last one: docs/sync.md");
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--no-hold", options->no_hold,
-                  "Control: hold neither flips nor sound; must fail unless the display's latency is near 76");
+                  "Control: hold neither flips nor sound; must fail unless the display's latency is near 76, and then\n"
+                  "with --strict where clocks run apart");
     app->add_option("--stall-host", options->stall_host_ms,
                     "The host's sound stands still once, for that many ms: it must be in sync again afterwards")
         ->check(CLI::Range(0, 5000))

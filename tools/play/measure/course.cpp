@@ -25,30 +25,77 @@ double p99_of(std::vector<Reading> offsets)
     return rank > 0 ? offsets[rank - 1].value : 0;
 }
 
-/// Mean of what was measured in that minute from @p from_s on.
-double minute_mean(const std::vector<Offset>& offsets, double from_s, double (*value)(const Offset&))
+/// Mean of what was measured in that time.
+double mean_between(const std::vector<Offset>& offsets, double from_s, double until_s, double (*value)(const Offset&))
 {
     double sum = 0;
     int count = 0;
     for (const Offset& offset : offsets)
-        if (at_s(offset) >= from_s && at_s(offset) < from_s + kMinuteS) {
+        if (at_s(offset) >= from_s && at_s(offset) < until_s) {
             sum += value(offset);
             count++;
         }
     return count > 0 ? sum / count : 0;
 }
 
+/// Mean of the last @p window_s less that of as many from the second minute on.
+double difference_of(const std::vector<Offset>& offsets, double window_s, double (*value)(const Offset&))
+{
+    // The last instant is within its window.
+    const double end_s = std::nextafter(at_s(offsets.back()), 1e9);
+    return mean_between(offsets, end_s - window_s, end_s, value) -
+           mean_between(offsets, kMinuteS, kMinuteS + window_s, value);
+}
+
+bool has_minutes(const std::vector<Offset>& offsets)
+{
+    return !offsets.empty() && at_s(offsets.back()) >= kMovedFromMinutes * kMinuteS;
+}
+
 std::optional<Moved> moved_of(const std::vector<Offset>& offsets)
 {
-    if (offsets.empty() || at_s(offsets.back()) < kMovedFromMinutes * kMinuteS)
+    if (!has_minutes(offsets))
         return {};
-    // The last instant is within its minute.
-    double last_s = std::nextafter(at_s(offsets.back()) - kMinuteS, 1e9);
-    auto difference = [&](double (*value)(const Offset&)) {
-        return minute_mean(offsets, last_s, value) - minute_mean(offsets, kMinuteS, value);
-    };
-    return Moved{difference([](const Offset& offset) { return offset.ms(); }),
-                 difference([](const Offset& offset) { return offset.sound_ms; })};
+    return Moved{difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.ms(); }),
+                 difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.sound_ms; })};
+}
+
+double picture_ms(const Offset& offset) { return offset.picture_ms; }
+
+/// Half of the least width in which 99 % of the pictures are, from the second minute on.
+double nearest_99(const std::vector<Offset>& offsets)
+{
+    std::vector<double> values;
+    for (const Offset& offset : offsets)
+        if (at_s(offset) >= kMinuteS)
+            values.push_back(offset.picture_ms);
+    std::sort(values.begin(), values.end());
+    const auto count = static_cast<size_t>(std::ceil(0.99 * static_cast<double>(values.size())));
+    double width = values.back() - values.front();
+    for (size_t first = 0; first + count <= values.size(); first++)
+        width = std::min(width, values[first + count - 1] - values[first]);
+    return width / 2;
+}
+
+std::optional<LightPath> light_of(const std::vector<Offset>& offsets, const Terms& terms)
+{
+    if (!terms.vblanks || !has_minutes(offsets))
+        return {};
+    const double refresh_ms = 1e3 / terms.refresh_hz;
+    const double lasted_s = at_s(offsets.back()) - kMinuteS;
+    // There is an instant in each second: by so many refreshes its phase moves on.
+    const double refreshes = terms.refresh_hz * terms.second_s;
+    const double moves = std::abs(refreshes - std::round(refreshes));
+    constexpr double kStillMs = 0.5;
+    LightPath light;
+    light.beat_s = moves * lasted_s * refresh_ms < kStillMs ? 0 : 1 / moves;
+    light.whole_minutes = light.beat_s <= kShortBeatS;
+    light.within_ms = nearest_99(offsets);
+    light.allowed_ms = refresh_ms / 2 + kMostBesideMs;
+    const double window_s = light.whole_minutes ? kMinuteS : std::ceil(kMinuteS / light.beat_s) * light.beat_s;
+    if (light.whole_minutes || 2 * window_s <= lasted_s)
+        light.moved_ms = difference_of(offsets, window_s, picture_ms);
+    return light;
 }
 
 } // namespace
@@ -87,6 +134,7 @@ Course measure_course(const std::vector<Offset>& offsets, std::vector<Reading> f
     course.flight = fit_trend(std::move(flight));
     course.fill = fit_trend(std::move(fills));
     course.moved = moved_of(offsets);
+    course.light = light_of(offsets, terms);
     if (!course.offset)
         return course;
     course.phase_slope = phase_slope(terms.fps, terms.refresh_hz, course.offset->lasted_s);

@@ -25,11 +25,28 @@ constexpr double kTrendFromS = 300;
 constexpr double kTrendHours = 24;
 /// The last minute by the second one.
 constexpr double kMostMovedMs = 2;
+/// A picture is seen at a vertical blank, up to half a refresh beside its time; and by so much more.
+constexpr double kMostBesideMs = 2;
+/// Where the pictures' phase comes round sooner, a minute has all of it.
+constexpr double kShortBeatS = 20;
 
 /// Means of the last minute less means of the second one.
 struct Moved {
     double offset_ms;
     double sound_ms;
+};
+
+/**
+ * The pictures' way to the light. They come by the source's clock and are seen at vertical blanks; so their latency is
+ * a sawtooth as high as a refresh, and the mean of a part of it is no measure.
+ */
+struct LightPath {
+    double beat_s = 0;              ///< in which the sawtooth comes round; 0: it stands still
+    double within_ms = 0;           ///< 99 % are that near to one time, from the second minute on
+    double allowed_ms = 0;          ///< half a refresh and kMostBesideMs
+    std::optional<double> moved_ms; ///< mean of the last whole beats less that of the first ones, from the second
+                                    ///< minute on, a minute or more each; nothing: the run has no two of them
+    bool whole_minutes = true;      ///< a minute has all phases: then the offset's minutes can be compared as well
 };
 
 /// One loss of bursts: an instant before it, and the first one half a second behind it.
@@ -54,6 +71,7 @@ struct Course {
     std::optional<Outlook> outlook; ///< of the offset, within EBU R37; nothing: the run is too short
     double p99_ms = 0;              ///< 99 % do not exceed it, ordered by their share of the IS-191 limit on their side
     std::optional<Moved> moved;     ///< of a run of three minutes and more
+    std::optional<LightPath> light; ///< likewise, on a display with vertical blanks
 
     bool p99_inside() const { return p99_ms <= kIs191EarlyMs && p99_ms >= kIs191LateMs; }
 };
@@ -63,6 +81,8 @@ struct Terms {
     double fps; ///< pictures per second, by the display's clock
     double refresh_hz;
     int sound_later_ms = 0; ///< on purpose: it does not count
+    double second_s = 1;    ///< of the source, by the display's clock
+    bool vblanks = true;
 };
 /// @p fills by the source's clock.
 Course measure_course(const std::vector<Offset>& offsets, std::vector<Reading> fills, const Terms& terms);

@@ -42,11 +42,13 @@ std::vector<int> own_processors()
 
 TickRecord::TickRecord() : steps_(kSteps) {}
 
-void TickRecord::add(int64_t late_ns)
+void TickRecord::add(int64_t late_ns, int64_t at_ns)
 {
     late_ns = std::max<int64_t>(late_ns, 0);
     steps_[std::min(static_cast<size_t>(late_ns / kStepNs), kSteps - 1)]++;
     ticks_++;
+    if (late_ns > worst_ns_)
+        worst_at_ns_ = at_ns;
     worst_ns_ = std::max(worst_ns_, late_ns);
 }
 
@@ -54,6 +56,8 @@ void TickRecord::add(const TickRecord& other)
 {
     std::transform(steps_.begin(), steps_.end(), other.steps_.begin(), steps_.begin(), std::plus<>());
     ticks_ += other.ticks_;
+    if (other.worst_ns_ > worst_ns_)
+        worst_at_ns_ = other.worst_at_ns_;
     worst_ns_ = std::max(worst_ns_, other.worst_ns_);
 }
 
@@ -64,6 +68,7 @@ Punctuality TickRecord::figures(double late_limit_ms) const
     figures.ticks = ticks_;
     figures.late_limit_ms = late_limit_ms;
     figures.worst_ms = static_cast<double>(worst_ns_) / 1e6;
+    figures.worst_at_ns = worst_at_ns_;
     figures.p99_ms = figures.worst_ms;
     int64_t from_here = 0; // ticks of this step or a later one
     for (size_t step = kSteps; step-- > 0;) {
@@ -96,7 +101,8 @@ void TickingTimers::tick(int processor, const std::atomic<bool>* stop, TickRecor
     (void)sched_setaffinity(0, sizeof here, &here);
     for (int64_t deadline_ns = now_ns() + kTickNs; !*stop; deadline_ns += kTickNs) {
         sleep_until_ns(deadline_ns);
-        record->add(now_ns() - deadline_ns);
+        const int64_t came_ns = now_ns();
+        record->add(came_ns - deadline_ns, came_ns);
     }
 }
 

@@ -21,6 +21,7 @@ struct Punctuality {
     double late_limit_ms = 0;
     double p99_ms = 0;
     double worst_ms = 0;
+    int64_t worst_at_ns = 0; ///< CLOCK_MONOTONIC
 };
 
 /// What a timer writes down. Allocates at its construction only.
@@ -28,7 +29,8 @@ class TickRecord
 {
 public:
     TickRecord();
-    void add(int64_t late_ns);
+    /// @p at_ns: when the tick came
+    void add(int64_t late_ns, int64_t at_ns = 0);
     void add(const TickRecord& other);
     /// Exact but for p99_ms and late, which are rounded to a step of 0.1 ms.
     Punctuality figures(double late_limit_ms) const;
@@ -37,6 +39,7 @@ private:
     std::vector<int64_t> steps_; ///< ticks by lateness; the last: all that came later
     int64_t ticks_ = 0;
     int64_t worst_ns_ = 0;
+    int64_t worst_at_ns_ = 0;
 };
 
 /**

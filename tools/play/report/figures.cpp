@@ -79,6 +79,7 @@ bool has_trend(R r) { return plays_sound(r) && r.course.offset.has_value(); }
 bool has_chain(R r) { return r.chain.count > 0; }
 bool has_outlook(R r) { return plays_sound(r) && r.course.outlook.has_value(); }
 bool has_moved(R r) { return plays_sound(r) && r.course.moved.has_value(); }
+bool has_light(R r) { return plays_sound(r) && r.course.light.has_value(); }
 bool has_tones(R r) { return r.options.tones; }
 
 std::string tones_unmeasured(R r)
@@ -94,6 +95,7 @@ constexpr When kWithChain = {has_chain, nullptr};
 constexpr When kWithTrend = {has_trend, nullptr};
 constexpr When kWithOutlook = {has_outlook, nullptr};
 constexpr When kWithMoved = {has_moved, nullptr};
+constexpr When kWithLight = {has_light, nullptr};
 constexpr When kWithTones = {has_tones, tones_unmeasured};
 constexpr When kWithVblanks = {has_vblanks, nullptr};
 constexpr When kWithSightings = {nullptr, cadence_unmeasured};
@@ -182,6 +184,7 @@ constexpr Format kDb = {2, " dB", true};
 constexpr Format kWholeMs = {0, " ms"};
 constexpr Format kShareOfOffsets = {0, " %", false, 1, "/offset/count"};
 constexpr Format kPercent2 = {2, " %", false, 100};
+constexpr Format kSeconds1 = {1, " s"};
 constexpr Format kPpm = {1, " ppm", true};
 constexpr Format kCpu = {3, " s per second"};
 
@@ -312,6 +315,19 @@ const std::vector<Line> kLines = {
           [](R r) -> json { return r.course.moved->sound_ms; }},
      }},
     {Section::sync,
+     "to light",
+     kWithLight,
+     {
+         {"/light/within_ms", "99 % of the pictures within {} of one time", "Pictures beside one time, 99 %", kMs1,
+          [](R r) -> json { return r.course.light->within_ms; }},
+         {"/light/allowed_ms", " (allowed: {})", "Half a refresh and 2 ms", kMs1,
+          [](R r) -> json { return r.course.light->allowed_ms; }},
+         {"/light/beat_s", "; phase comes round in {}", "Their phase comes round in", kSeconds1,
+          [](R r) -> json { return r.course.light->beat_s; }, Shown::unless_nothing},
+         {"/light/moved_ms", "; last by first: {}", "Last beats, or minute, by the first ones", kSignedMs3,
+          [](R r) -> json { return r.course.light->moved_ms ? json(*r.course.light->moved_ms) : json(); }},
+     }},
+    {Section::sync,
      "BT.1359",
      kWithOffsets,
      {
@@ -365,7 +381,7 @@ const std::vector<Line> kLines = {
      "flips",
      kAlways,
      {
-         {"/pictures/skipped", "coalesced with the previous flip {}", "Coalesced with the previous flip", kCount,
+         {"/pictures/skipped", "coalesced with another flip {}", "Coalesced with another flip", kCount,
           [](R r) -> json { return r.frames.skipped; }},
          {"/pictures/superseded", ", superseded before they were seen {}", "Superseded before they were seen", kCount,
           [](R r) -> json { return r.display_stats.superseded; }},
@@ -676,6 +692,8 @@ const std::vector<Line> kLines = {
          {"/timers/p99_ms", "beside the player, late by p99 {}", "Timers beside the player, late by p99", kMs1,
           [](R r) -> json { return r.punctuality.p99_ms; }},
          {"/timers/worst_ms", ", worst {}", "Worst", kMs1, [](R r) -> json { return r.punctuality.worst_ms; }},
+         {"/timers/worst_at_s", " after {}", "After the opening", kSeconds1,
+          [](R r) -> json { return static_cast<double>(r.punctuality.worst_at_ns - r.opened_ns) / 1e9; }},
          {"/timers/late_limit_ms", "; by more than {}", "Late for a picture is more than", kMs1,
           [](R r) -> json { return r.punctuality.late_limit_ms; }},
          {"/timers/late", " at {}", "Ticks that late", kCount, [](R r) -> json { return r.punctuality.late; }},

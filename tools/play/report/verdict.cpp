@@ -167,6 +167,34 @@ void judge_losses(const Result& result, std::vector<Verdict>* verdicts)
                          [&result](const LossReading& reading) { return back_in_place(result, reading); })});
 }
 
+/// The lateness of the machine explains what the pictures are beside their time.
+bool machine_moved_pictures(const Result& result)
+{
+    const LightPath& light = *result.course.light;
+    return light.within_ms - light.allowed_ms <= result.punctuality.worst_ms;
+}
+
+/// Sound and pictures each by themselves, since the mean of a minute says nothing of pictures whose phase against the
+/// display takes longer to come round. Where it does not, the offset as well.
+void judge_moved(const Result& result, std::vector<Verdict>* verdicts)
+{
+    const Moved& moved = *result.course.moved;
+    const std::optional<LightPath>& light = result.course.light;
+    const bool offset_too = !light || light->whole_minutes;
+    verdicts->push_back(
+        {offset_too ? "last minute within 2 ms of the second one"
+                    : "sound of the last minute within 2 ms of the second one",
+         std::abs(moved.sound_ms) <= kMostMovedMs && (!offset_too || std::abs(moved.offset_ms) <= kMostMovedMs)});
+    if (!light)
+        return;
+    if (light->moved_ms)
+        verdicts->push_back({light->whole_minutes ? "pictures of the last minute within 2 ms of the second one"
+                                                  : "pictures of the last whole beats within 2 ms of the first ones",
+                             std::abs(*light->moved_ms) <= kMostMovedMs});
+    verdicts->push_back({"99 % of the pictures within half a refresh and 2 ms of one time",
+                         light->within_ms <= light->allowed_ms, machine_moved_pictures(result), Subject::pictures});
+}
+
 /// What a system that plays for days needs beside the rest.
 void judge_course(const Result& result, std::vector<Verdict>* verdicts)
 {
@@ -178,9 +206,7 @@ void judge_course(const Result& result, std::vector<Verdict>* verdicts)
     verdicts->push_back({"A/V offset p99 inside ATSC IS-191 (+15/-45 ms)",
                          !result.offsets.empty() && course.p99_inside(), machine_moved_some(result), Subject::sync});
     if (course.moved)
-        verdicts->push_back(
-            {"last minute within 2 ms of the second one",
-             std::max(std::abs(course.moved->offset_ms), std::abs(course.moved->sound_ms)) <= kMostMovedMs});
+        judge_moved(result, verdicts);
 }
 
 void judge_tones(const Result& result, std::vector<Verdict>* verdicts)
