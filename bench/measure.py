@@ -7,6 +7,7 @@ before and after. The rows take turns, round after round, so that what disturbs 
 """
 import argparse
 import collections
+import contextlib
 import datetime
 import os
 import platform
@@ -27,6 +28,8 @@ WORK = [
     ("E-AC-3 2.0, 60 frames/s", ["eac3", "60"], "tone.eac3", ["-ar", "48000", "-b:a", "192k"]),
     ("48 kHz, sound only", ["pcm", "0"], "tone48.wav", ["-ar", "48000"]),
 ]
+# The first row of WORK with every processor busy: (who, what its command begins with).
+BUSY = [("at normal priority", []), ("with real-time permission", ["chrt", "-f", "5"])]
 # What is varied: (what, values, how a value is asked for: the player's arguments, its environment)
 GROWTH = [
     ("video queue, frames", [5, 16, 64, 128], lambda n: (["pcm", "60", f"queue={n}"], {})),
@@ -87,6 +90,18 @@ def run_load(command, seconds, environment=None):
     return Run(dict(threads), tuple(int(n) for n in flips.groups()) if flips else None, memory)
 
 
+@contextlib.contextmanager
+def busy_processors():
+    """Something computes on each of them, at normal priority."""
+    others = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(os.cpu_count())]
+    try:
+        yield
+    finally:
+        for process in others:
+            process.kill()
+            process.wait()
+
+
 def total(run, names=None):
     chosen = [rate for name, rate in run.threads.items() if names is None or name in names]
     return sum(cpu for cpu, _ in chosen), sum(switches for _, switches in chosen)
@@ -110,13 +125,26 @@ def process_table(runs):
     for work, *_ in WORK:
         row(work, "player, whole process", runs[work, "player"])
         row("", "its library's threads", runs[work, "player"], OWN_THREADS)
+        row("", "its wake-ups alone", runs[work, "wakeups"])
         if runs[work, "gstreamer"]:
             row("", "GStreamer", runs[work, "gstreamer"])
     return lines
 
 
+def busy_table(runs):
+    lines = ["| every processor busy | player: p50, p99, max | GStreamer: p50, p99, max |", "|---|---|---|"]
+    for how, _ in BUSY:
+        cells = []
+        for who in ("player", "gstreamer"):
+            flips = [run.flips for run in runs[how, who]]
+            cells.append(", ".join(f"{statistics.median(column):.0f}" for column in zip(*flips)))
+        lines.append(f"| {how} | " + " | ".join(cells) + " |")
+    return lines
+
+
 def thread_table(runs):
-    names = sorted({name for run in sum(runs.values(), []) for name in run.threads if name in OWN_THREADS})
+    players = sum((runs[work, "player"] for work, *_ in WORK), [])
+    names = sorted({name for run in players for name in run.threads if name in OWN_THREADS})
     lines = ["| thread | " + " | ".join(work for work, *_ in WORK) + " |", "|---" * (len(WORK) + 1) + "|"]
     for name in names:
         cells = []
@@ -215,7 +243,9 @@ def measure_work(options):
     """The whole process beside the peer, and the paths of every block beside their floors, in turns."""
     where = machine()
     peer = f"{options.build}/bench/gst_load"
-    runs = {(work, who): [] for work, *_ in WORK for who in ("player", "gstreamer")}
+    player, wakeups = f"{options.build}/bench/player_load", f"{options.build}/bench/bare_wakeups"
+    busy = {(how, who): [] for how, _ in BUSY for who in ("player", "gstreamer")}
+    runs = {(work, who): [] for work, *_ in WORK for who in ("player", "wakeups", "gstreamer")}
     with tempfile.TemporaryDirectory() as folder:
         if os.path.exists(peer):
             for _, _, file, flags in WORK:
@@ -224,15 +254,26 @@ def measure_work(options):
         for number in range(options.rounds):
             for work, arguments, file, _ in WORK:
                 say(options, number, work)
-                runs[work, "player"].append(run_load([f"{options.build}/bench/player_load", *arguments], options.seconds))
+                runs[work, "player"].append(run_load([player, *arguments], options.seconds))
+                runs[work, "wakeups"].append(run_load([wakeups, *arguments], options.seconds))
                 if os.path.exists(peer):
                     runs[work, "gstreamer"].append(run_load([peer, f"{folder}/{file}", arguments[1]], options.seconds))
+            _, arguments, file, _ = WORK[0]
+            for how, prefix in BUSY:
+                say(options, number, f"every processor busy, {how}")
+                with busy_processors():
+                    busy[how, "player"].append(run_load([*prefix, player, *arguments], options.seconds))
+                    if os.path.exists(peer):
+                        peer_command = [*prefix, peer, f"{folder}/{file}", arguments[1]]
+                        busy[how, "gstreamer"].append(run_load(peer_command, options.seconds))
     floors = f"{options.build}/bench/floors"
     paths = subprocess.run([floors], stdout=subprocess.PIPE, text=True, check=True).stdout if os.path.exists(floors) else ""
     plot(runs, f"{options.docs}/performance.svg")
     write_section(f"{options.docs}/performance.md", "work", [
         f"Measured {where}; {options.rounds} rounds of {options.seconds:.0f} s; median and range.", "",
-        *process_table(runs), "", "The library's threads, CPU in ms/s / switches/s:", "", *thread_table(runs), "",
+        *process_table(runs), "",
+        "Flips and hand-offs of the first row, us off, while something else computes on every processor:", "",
+        *busy_table(busy), "", "The library's threads, CPU in ms/s / switches/s:", "", *thread_table(runs), "",
         "![Processor time by thread](performance.svg)", "", "What the paths of every block cost:", "", *floor_table(paths)])
 
 
