@@ -77,7 +77,9 @@ struct Station {
                 continue;
             if (flips != nullptr)
                 flips->push_back(Clock::now());
-            for (credit += share; credit >= 1; --credit) {
+            credit += share;
+            while (credit >= 1) {
+                credit -= 1;
                 for (Station* station : next)
                     station->wake();
             }
