@@ -11,6 +11,7 @@
 #include "alsa_volume.h"
 #include "burst_follower.h"
 #include "config.h"
+#include "hdmi_linux.h"
 #include "iec958.h"
 #include "support/blocked_call.h"
 
@@ -206,6 +207,19 @@ TEST(LinuxConfig, ALineAtFaultIsNamedAndCountsAsMissing)
     EXPECT_FALSE(config.audio[E_AUDIO_IO_DEV_HEADPHONE].resample);
     EXPECT_EQ(config.audio[E_AUDIO_IO_DEV_I2S_TXA].periods, 16);
     EXPECT_EQ(config.start_periods, 2);
+}
+
+TEST(LinuxConfig, WhatTheHostNamesGoesBeforeTheEnvironment)
+{
+    const auto pcm = [](int device) { return hdmi_linux::current_config().audio[device].pcm; };
+    setenv("HDMIPLAYER_ALSA_SPEAKER", "hw:1", 1);
+    EXPECT_EQ(hdmi_linux_set_device("speaker", "hw:2"), 0);
+    EXPECT_EQ(pcm(E_AUDIO_IO_DEV_AUTO), "hw:2");
+    EXPECT_EQ(hdmi_linux_set_device("speaker", nullptr), 0);
+    EXPECT_EQ(pcm(E_AUDIO_IO_DEV_SPEAKER), "hw:1");
+    EXPECT_EQ(hdmi_linux_set_device("speaker.mixer", "Digital"), -1);
+    EXPECT_EQ(hdmi_linux_set_device(nullptr, "hw:2"), -1);
+    unsetenv("HDMIPLAYER_ALSA_SPEAKER");
 }
 
 TEST(AlsaVolume, AChangePassesEveryLevelBetween)

@@ -53,6 +53,18 @@ const DeviceName* find_device(std::string_view key)
     return found != std::end(kDeviceNames) ? found : nullptr;
 }
 
+/// What the host has named; empty: nothing.
+struct Overrides {
+    mutex_t mutex;
+    std::array<std::string, E_AUDIO_IO_DEV_MAX> pcm GUARDED_BY(mutex);
+};
+
+Overrides& overrides()
+{
+    static auto* instance = new Overrides;
+    return *instance;
+}
+
 std::string_view trimmed(std::string_view text)
 {
     constexpr char kBlanks[] = " \t\r";
@@ -207,6 +219,19 @@ void apply_environment(Config* config, std::vector<std::string>* errors)
     config->cec_source = kCecVariable;
 }
 
+void apply_overrides(Config* config)
+{
+    Overrides& all = overrides();
+    const mutex_guard guard(all.mutex);
+    for (const DeviceName& name : kDeviceNames) {
+        const std::string& pcm = all.pcm[name.device];
+        if (pcm.empty())
+            continue;
+        config->audio[name.device].pcm = pcm;
+        config->audio[name.device].pcm_source = std::string("this program's ") + name.key;
+    }
+}
+
 } // namespace
 
 Config::Config()
@@ -258,11 +283,23 @@ void parse_config(std::string_view text, const std::string& path, Config* config
     }
 }
 
+bool override_device(std::string_view key, const std::string& pcm)
+{
+    const DeviceName* name = find_device(key);
+    if (name == nullptr)
+        return false;
+    Overrides& all = overrides();
+    const mutex_guard guard(all.mutex);
+    all.pcm[name->device] = pcm;
+    return true;
+}
+
 Config load_config(std::vector<std::string>* errors)
 {
     Config config;
     apply_file(&config, errors);
     apply_environment(&config, errors);
+    apply_overrides(&config);
     // AUTO is the speaker.
     config.audio[E_AUDIO_IO_DEV_AUTO] = config.audio[E_AUDIO_IO_DEV_SPEAKER];
     return config;

@@ -54,7 +54,11 @@ const char* device_key(int device);
 /// Applies @p text to @p config. Skips each faulty line and adds "path:line: key: ..." to @p errors.
 void parse_config(std::string_view text, const std::string& path, Config* config, std::vector<std::string>* errors);
 
-/// The configuration: the environment overrides the file, the file overrides the defaults. Faults go to @p errors.
+/// Names the PCM of a device, "hdmi_in" for example; empty: no longer. @return false for an unknown @p key
+bool override_device(std::string_view key, const std::string& pcm);
+
+/// The configuration: override_device() goes before the environment, this before the file, the file before the
+/// defaults. Faults go to @p errors.
 Config load_config(std::vector<std::string>* errors);
 
 /// As load_config(), but logs the faults, and only when they differ from the last call's.

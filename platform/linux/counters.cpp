@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * The configuration's check and the counters, for hosts in C.
+ * The configuration and the counters, for hosts in C.
  */
 #include <cstdio>
 #include <string>
 
+#include "config.h"
+#include "contained.h"
 #include "hdmi_linux.h"
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
@@ -40,6 +42,13 @@ hdmi_linux_device_t device_of(const hdmi_linux::DeviceStats& stats)
 } // namespace
 
 extern "C" {
+
+PLATFORM_EXPORT int hdmi_linux_set_device(const char* key, const char* pcm)
+{
+    const bool named = hdmi_linux::contained(
+        [=] { return key != nullptr && hdmi_linux::override_device(key, pcm != nullptr ? pcm : ""); }, false);
+    return named ? 0 : -1;
+}
 
 PLATFORM_EXPORT bool hdmi_linux_check_config(char* error, size_t size)
 {

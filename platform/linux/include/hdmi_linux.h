@@ -5,8 +5,8 @@
  * configuration before the player is opened, and counters to read while it runs.
  *
  * The configuration is the file /etc/hdmiplayer/linux.conf, or the one that
- * HDMIPLAYER_LINUX_CONFIG names. Environment variables override it; docs/linux.md
- * lists the keys. It is read again whenever a device is opened. All functions
+ * HDMIPLAYER_LINUX_CONFIG names. Environment variables override it, and so does
+ * hdmi_linux_set_device(); docs/linux.md lists the keys. It is read again whenever a device is opened. All functions
  * may be called from any thread.
  */
 #ifndef HDMI_LINUX_H
@@ -57,6 +57,15 @@ int hdmi_linux_receiver_events(hdmi_linux_receiver_event_t* events, int count);
 
 /* --- Configuration and counters, as hosts in C read them -------------------------- */
 
+/**
+ * Names the PCM of a device, before what the environment and the file name: for
+ * a host that finds its devices itself, or lets its user choose. It counts from
+ * the next opening or selection of the device on.
+ * @param key as in the file: "speaker", "hdmi_in", ...
+ * @param pcm ALSA's name; null or empty: the environment and the file count again
+ * @return 0; -1 for an unknown key
+ */
+int hdmi_linux_set_device(const char* key, const char* pcm);
 /**
  * Whether the configuration can be used as it is; see hdmi_linux::check_config().
  * @param error receives one line for each fault, as far as @p size goes; may be null
