@@ -21,7 +21,8 @@ extern "C" {
 #include "machine/video_signal.h"
 #include "picture/black.h"
 #include "picture/least_age.h"
-#include "session/words.h"
+#include "session/messages.h"
+#include "session/sound_delay.h"
 
 using namespace capture;
 using namespace view;
@@ -340,6 +341,19 @@ TEST(LeastAge, FollowsTheDeviceAndNotSingleFramesThatComeLate)
     for (int i = 0; i < 300; i++)
         ages.add(10);
     EXPECT_EQ(ages.add(10), 10);
+}
+
+TEST(SoundDelay, EvensOutWhatComesLaterAndIsKeptForSmallChanges)
+{
+    constexpr double kMostHeldMs = 100;
+    const SoundDelay delay({30, true, -10});
+    EXPECT_EQ(delay.ms(20, kMostHeldMs), 30 + 15 - 10);
+    EXPECT_TRUE(delay.suits({16, true, -10}));
+    EXPECT_FALSE(delay.suits({14, true, -10}));
+    EXPECT_FALSE(delay.suits({30, false, -10}));
+    EXPECT_FALSE(delay.suits({30, true, -20}));
+    EXPECT_EQ(SoundDelay({-400, false, 0}).ms(20, kMostHeldMs), 76 - 20 - 100) << "no longer than buffers last";
+    EXPECT_EQ(SoundDelay({400, false, 1000}).ms(20, kMostHeldMs), 1000);
 }
 
 TEST(Commands, KeysOfWindowAndTerminal)

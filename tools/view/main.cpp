@@ -6,26 +6,20 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "hdmi_linux.h"
 #include "machine/capture_devices.h"
 #include "process/stop_signals.h"
+#include "session/messages.h"
 #include "session/options.h"
 #include "session/viewer.h"
-#include "session/words.h"
 
 namespace
 {
 
-/// Before the first thread: the environment that the player and its platform read.
-void set_environment(const view::Options& options)
+void name_outputs(const std::string& playback)
 {
-    setenv("debug_hdmiplayer_log_level", "1", 0);
-    // A capture card has no driver that announces formats.
-    setenv("HDMIPLAYER_LINUX_RECEIVER", "1", 0);
-    if (!options.playback.empty())
-        for (const char* output : {"SPEAKER", "HEADPHONE", "SPDIF", "HDMI_ARC", "I2S_TXA"})
-            setenv((std::string("HDMIPLAYER_ALSA_") + output).c_str(), options.playback.c_str(), 1);
-    if (!options.capture.empty() && options.capture != "none")
-        setenv("HDMIPLAYER_ALSA_HDMI_IN", options.capture.c_str(), 1);
+    for (const char* output : {"speaker", "headphone", "spdif", "hdmi_arc", "i2s_txa"})
+        hdmi_linux_set_device(output, playback.c_str());
 }
 
 } // namespace
@@ -41,7 +35,8 @@ int main(int argc, char** argv)
         return 0;
     }
     process::StopSignals signals;
-    set_environment(options);
+    setenv("debug_hdmiplayer_log_level", "1", 0); // before the first thread
+    name_outputs(options.playback);
     signals.start_thread();
     return view::Viewer(options, signals).run();
 }

@@ -16,7 +16,7 @@ namespace view
 class FrameLog
 {
 public:
-    /// Another feed counts anew.
+    /// The next frames come from another feed, which numbers them anew.
     void begin() { run_++; }
     void came(const ViewBuffer& frame);
     void seen(const ViewBuffer& frame, int64_t seen_ns);

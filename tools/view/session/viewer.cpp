@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/clock.h"
+#include "hdmi_linux.h"
 #include "machine/capture_devices.h"
 
 namespace view
@@ -28,7 +29,6 @@ constexpr int kVolumeStep = 2;
 constexpr int kDelayStepMs = 10;
 constexpr int kLeastDelayMs = -500;
 constexpr int kNoDisplay = 3;
-constexpr char kCaptureVariable[] = "HDMIPLAYER_ALSA_HDMI_IN";
 constexpr char kTitle[] = "hdmi-player-view";
 
 const char* name_of_output(hdmi_player_ao_dev_e output)
@@ -42,18 +42,11 @@ const char* name_of_output(hdmi_player_ao_dev_e output)
     }
 }
 
-/// What was set from outside counts unless an option says otherwise.
-std::string sound_input()
-{
-    const char* named = std::getenv(kCaptureVariable);
-    return named != nullptr ? named : "";
-}
-
 } // namespace
 
 Viewer::Viewer(const Options& options, const process::StopSignals& signals)
     : options_(options), signals_(signals), kind_(choose_display(options.display)), began_ns_(common::now_ns()),
-      log_(options.frames.empty() ? nullptr : std::make_unique<FrameLog>()), audience_(log_.get())
+      log_(options.frames.empty() ? nullptr : std::make_unique<FrameLog>()), shown_frames_(log_.get())
 {
     config_.wish = options.mode;
     config_.output = options.output;
@@ -64,10 +57,11 @@ Viewer::Viewer(const Options& options, const process::StopSignals& signals)
 Viewer::~Viewer()
 {
     end_viewing();
+    hdmi_linux_receiver_stop();
     if (display_)
         display_->stop();
     if (log_ && !log_->write(options_.frames))
-        tell({Verdict::refused, options_.frames, std::strerror(errno), ""});
+        report({Verdict::refused, options_.frames, std::strerror(errno), ""});
 }
 
 bool Viewer::ended() const
@@ -103,7 +97,7 @@ bool Viewer::open_device()
         const std::vector<machine::CaptureDevice> devices = machine::find_capture_devices("", machine::ask_video);
         const machine::CaptureDevice* chosen = machine::choose_device(devices);
         if (path.empty() && chosen == nullptr) {
-            tell(no_device(devices));
+            report(no_device(devices));
             pause(kTryAgainMs);
             return false;
         }
@@ -115,26 +109,39 @@ bool Viewer::open_device()
     Finding why;
     device_ = VideoDevice::open(path, &why);
     if (!device_) {
-        tell(why);
+        report(why);
         pause(kTryAgainMs);
         return false;
     }
-    config_.sound = name_sound(sound);
+    config_.sound = choose_sound(sound) && start_receiver();
     return true;
 }
 
-/// Where the platform is to capture. @return false for no sound
-bool Viewer::name_sound(const std::string& of_device)
+/// Tells the platform where to capture: what the command line names, else the device's own sound, else what the
+/// environment names. @return false for no sound
+bool Viewer::choose_sound(const std::string& of_device)
 {
     if (options_.capture == "none")
         return false;
-    const std::string wanted = options_.capture.empty() ? of_device : options_.capture;
-    if (!wanted.empty() && sound_input() != wanted)
-        setenv(kCaptureVariable, wanted.c_str(), 1);
-    if (!wanted.empty() || !sound_input().empty())
+    sound_input_ = options_.capture.empty() ? of_device : options_.capture;
+    hdmi_linux_set_device("hdmi_in", sound_input_.c_str());
+    const char* const named = std::getenv("HDMIPLAYER_ALSA_HDMI_IN");
+    if (sound_input_.empty() && named != nullptr)
+        sound_input_ = named;
+    if (!sound_input_.empty())
         return true;
-    tell({Verdict::missing, device_->path(), "no sound comes in by the same device; the picture is shown without",
-          "arecord -L   # lists names for --capture alsa:NAME"});
+    report({Verdict::missing, device_->path(), "no sound comes in by the same device; the picture is shown without",
+            "arecord -L   # lists names for --capture alsa:NAME"});
+    return false;
+}
+
+/// A capture card has no driver that announces formats: what the card captures tells them.
+bool Viewer::start_receiver()
+{
+    char error[128];
+    if (hdmi_linux_receiver_start(error, sizeof error) == 0)
+        return true;
+    report({Verdict::missing, sound_input_, std::string("no sound: ") + error, "hdmi-player-doctor"});
     return false;
 }
 
@@ -142,7 +149,8 @@ void Viewer::drop_lost_device()
 {
     if (!device_ || !device_->gone())
         return;
-    tell({Verdict::missing, device_->path(), "was unplugged; waiting for it", "lsusb"});
+    hdmi_linux_receiver_stop(); // the next device may have another sound
+    report({Verdict::missing, device_->path(), "was unplugged; waiting for it", "lsusb"});
     device_.reset();
 }
 
@@ -152,7 +160,7 @@ bool Viewer::wait_for_signal(machine::VideoSignal* signal)
     const Finding objection = machine::objection_to(*signal, device_->path());
     if (objection.detail.empty())
         return true;
-    tell(objection);
+    report(objection);
     pause(kLookAgainMs);
     device_->wait(kTryAgainMs - kLookAgainMs);
     return false;
@@ -166,9 +174,9 @@ std::optional<capture::CaptureMode> Viewer::choose_capture_mode(const machine::V
     const std::optional<capture::CaptureMode> mode =
         capture::choose_mode(modes, options_.mode, [this](uint32_t drm) { return display_->reads(drm); });
     if (!mode)
-        tell({Verdict::missing, device_->path(),
-              modes.empty() ? "sends no pixel format that can be shown" : "has no mode such as was asked for",
-              "v4l2-ctl -d " + device_->path() + " --list-formats-ext"});
+        report({Verdict::missing, device_->path(),
+                modes.empty() ? "sends no pixel format that can be shown" : "has no mode such as was asked for",
+                "v4l2-ctl -d " + device_->path() + " --list-formats-ext"});
     return mode;
 }
 
@@ -197,10 +205,10 @@ bool Viewer::take_display(const machine::VideoSignal& signal)
         gate_ = std::make_unique<display::FlipGate>(display_->refresh_hz());
         return true;
     }
-    tell({Verdict::missing, "display", error,
-          "hdmi-player-doctor   # or --display window, --display kms:/dev/dri/cardN"});
+    report({Verdict::missing, "display", error,
+            "hdmi-player-doctor   # or --display window, --display kms:/dev/dri/cardN"});
     // Where there was a display before, it may come back.
-    if (audience_.seen() == 0) {
+    if (shown_frames_.seen() == 0) {
         status_ = kNoDisplay;
         quit_ = true;
     }
@@ -216,12 +224,12 @@ bool Viewer::begin_viewing(const machine::VideoSignal& signal)
         return false;
     Finding why;
     if (!device_->set_mode(*mode, &why)) {
-        tell(why);
+        report(why);
         return false;
     }
-    viewing_ = std::make_unique<Viewing>(device_.get(), display_.get(), gate_.get(), &audience_);
+    viewing_ = std::make_unique<Viewing>(device_.get(), display_.get(), gate_.get(), &shown_frames_);
     if (!viewing_->prepare(&why)) {
-        tell(why);
+        report(why);
         return false;
     }
     if (!start_display())
@@ -231,7 +239,7 @@ bool Viewer::begin_viewing(const machine::VideoSignal& signal)
     black_since_ns_ = 0;
     const std::string line =
         device_->path() + " (" + device_->card() + "): " + viewing_->description() + " on " + display_->description();
-    teller_.tell(line);
+    messages_.print(line);
     display_->set_title(device_->card());
     return true;
 }
@@ -241,9 +249,9 @@ bool Viewer::start_display()
     if (display_runs_)
         return true;
     std::string error;
-    const std::optional<hdmi_player_drm_info_t> info = display_->start(&audience_, gate_.get(), &error);
+    const std::optional<hdmi_player_drm_info_t> info = display_->start(&shown_frames_, gate_.get(), &error);
     if (!info) {
-        tell({Verdict::missing, "display", error, "hdmi-player-doctor"});
+        report({Verdict::missing, "display", error, "hdmi-player-doctor"});
         return false;
     }
     info_ = *info;
@@ -254,16 +262,16 @@ bool Viewer::start_display()
 void Viewer::watch()
 {
     while (!ended() && viewing_->end() == Viewing::End::none) {
-        const bool sounds = viewing_->tend_player(config_);
+        const bool sounds = viewing_->update_player(config_);
         if (!sounds && had_sound_)
-            tell({Verdict::missing, sound_input(), "no sound: the device cannot be opened, as said above",
-                  "hdmi-player-doctor"});
+            report({Verdict::missing, sound_input_, "no sound: the device cannot be opened, as said above",
+                    "hdmi-player-doctor"});
         had_sound_ = sounds;
         watch_for_black(common::now_ns());
         pause(kLookAgainMs);
     }
     if (viewing_->end() == Viewing::End::stalled)
-        tell(stalled_picture(device_->path()));
+        report(stalled_picture(device_->path()));
 }
 
 void Viewer::watch_for_black(int64_t now_ns)
@@ -275,7 +283,7 @@ void Viewer::watch_for_black(int64_t now_ns)
     if (black_since_ns_ == 0)
         black_since_ns_ = now_ns;
     if (now_ns - black_since_ns_ > kBlackNs)
-        tell(black_picture(device_->path()));
+        report(black_picture(device_->path()));
 }
 
 void Viewer::end_viewing()
@@ -296,23 +304,19 @@ void Viewer::end_viewing()
 void Viewer::pause(int milliseconds)
 {
     for (const std::string& key : terminal_.keys(milliseconds))
-        obey(key);
+        handle_key(key);
     std::unique_lock<std::mutex> lock(keys_mutex_);
     const std::deque<std::string> keys = std::exchange(keys_, {});
     lock.unlock();
     for (const std::string& key : keys)
-        obey(key);
+        handle_key(key);
 }
 
-void Viewer::obey(const std::string& key)
+void Viewer::handle_key(const std::string& key)
 {
     switch (command_of(key)) {
     case Command::quit: quit_ = true; break;
-    case Command::mute:
-        if (hdmi_player_set_mute(!muted_) == 0)
-            muted_ = !muted_;
-        teller_.tell(muted_ ? "muted" : "not muted");
-        break;
+    case Command::mute: toggle_mute(); break;
     case Command::softer: change_volume(-kVolumeStep); break;
     case Command::louder: change_volume(kVolumeStep); break;
     case Command::fullscreen:
@@ -323,19 +327,30 @@ void Viewer::obey(const std::string& key)
     case Command::sound_later: delay_sound(kDelayStepMs); break;
     case Command::sound_earlier: delay_sound(-kDelayStepMs); break;
     case Command::figures:
-        teller_.forget();
-        teller_.tell(viewing_ ? viewing_->figures(config_) : "no picture yet");
+        messages_.allow_repetition();
+        messages_.print(viewing_ ? viewing_->figures(config_) : "no picture yet");
         break;
     case Command::none: break;
     }
 }
 
+void Viewer::toggle_mute()
+{
+    if (hdmi_player_set_mute(!muted_) == 0)
+        muted_ = !muted_;
+    if (!muted_ && std::exchange(volume_waits_, false))
+        hdmi_player_set_volume(volume_);
+    messages_.print(muted_ ? "muted" : "not muted");
+}
+
+/// The player only remembers a volume that it is given while it is muted.
 void Viewer::change_volume(int step)
 {
     const int wanted = std::clamp(volume_ + step, 0, 100);
-    if (hdmi_player_set_volume(wanted) == 0)
+    if (hdmi_player_set_volume(wanted) == 0 || muted_)
         volume_ = wanted;
-    teller_.tell("volume " + std::to_string(volume_) + " %");
+    volume_waits_ = muted_;
+    messages_.print("volume " + std::to_string(volume_) + " %");
 }
 
 void Viewer::take_next_output()
@@ -346,26 +361,27 @@ void Viewer::take_next_output()
     const auto* at = std::find(std::begin(kOutputs), std::end(kOutputs), config_.output);
     for (size_t tried = 1; tried < std::size(kOutputs); tried++) {
         at = at + 1 >= std::end(kOutputs) ? std::begin(kOutputs) : at + 1;
-        if (hdmi_player_select_audio_output_device(*at) != 0)
+        // What is chosen while nothing plays is opened when something does.
+        if (viewing_ && viewing_->plays_sound() && hdmi_player_select_audio_output_device(*at) != 0)
             continue;
         config_.output = *at;
-        teller_.tell(std::string("sound to ") + name_of_output(*at));
+        messages_.print(std::string("sound to ") + name_of_output(*at));
         return;
     }
-    teller_.tell("no other sound output can be opened");
+    messages_.print("no other sound output can be opened");
 }
 
 void Viewer::delay_sound(int step_ms)
 {
     config_.sound_delay_ms =
         std::clamp(config_.sound_delay_ms + step_ms, kLeastDelayMs, static_cast<int>(kMostSoundDelayMs));
-    teller_.tell("sound " + std::to_string(config_.sound_delay_ms) + " ms later");
+    messages_.print("sound " + std::to_string(config_.sound_delay_ms) + " ms later");
 }
 
-/// Where there is a window, its title says it too.
-void Viewer::tell(const Finding& finding)
+/// A window says it in its title too.
+void Viewer::report(const Finding& finding)
 {
-    teller_.tell(finding);
+    messages_.print(finding);
     if (display_)
         display_->set_title(std::string(kTitle) + ": " + finding.detail);
 }

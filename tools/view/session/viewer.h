@@ -17,9 +17,9 @@
 #include "control/commands.h"
 #include "control/terminal.h"
 #include "process/stop_signals.h"
+#include "session/messages.h"
 #include "session/options.h"
 #include "session/viewing.h"
-#include "session/words.h"
 
 namespace view
 {
@@ -39,7 +39,8 @@ private:
     bool ended() const;
     bool open_device();
     void drop_lost_device();
-    bool name_sound(const std::string& of_device);
+    bool choose_sound(const std::string& of_device);
+    bool start_receiver();
     bool wait_for_signal(machine::VideoSignal* signal);
     bool begin_viewing(const machine::VideoSignal& signal);
     bool take_display(const machine::VideoSignal& signal);
@@ -49,18 +50,19 @@ private:
     void watch_for_black(int64_t now_ns);
     void end_viewing();
     void pause(int milliseconds);
-    void obey(const std::string& key);
+    void handle_key(const std::string& key);
+    void toggle_mute();
     void change_volume(int step);
     void take_next_output();
     void delay_sound(int step_ms);
-    void tell(const machine::Finding& finding);
+    void report(const machine::Finding& finding);
 
     const Options options_;
     const process::StopSignals& signals_;
     const DisplayKind kind_;
     const int64_t began_ns_;
     Terminal terminal_;
-    Teller teller_;
+    Messages messages_;
     bool quit_ = false;
     int status_ = 0;
 
@@ -70,14 +72,16 @@ private:
     std::unique_ptr<display::FlipGate> gate_;
     hdmi_player_drm_info_t info_ = {0, 60};
     const std::unique_ptr<FrameLog> log_; ///< null: nobody wants it
-    Audience audience_;
+    ShownFrames shown_frames_;
     std::unique_ptr<Viewing> viewing_;
     ViewingConfig config_;
+    std::string sound_input_; ///< ALSA's name; empty: none
     bool had_sound_ = true;
     int64_t black_since_ns_ = 0;
 
     int volume_ = 100;
     bool muted_ = false;
+    bool volume_waits_ = false; ///< it was changed while muted
 
     std::mutex keys_mutex_;
     std::deque<std::string> keys_; ///< from the window's thread

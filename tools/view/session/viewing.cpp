@@ -24,8 +24,6 @@ constexpr int kWaitMs = 50;
 constexpr int64_t kStallNs = 2000 * kMs;
 /// So many frames tell how old frames are when they come.
 constexpr int64_t kFramesToKnow = 12;
-/// A difference that is worth an interruption.
-constexpr double kAgeToleranceMs = 15;
 constexpr int64_t kTryAgainNs = 5000 * kMs;
 constexpr int kRealtimePriority = 20;
 constexpr double kUnstatedFps = 60;
@@ -54,21 +52,21 @@ double most_held_ms(double fps, double refresh_hz)
 
 bool Viewing::prepare(machine::Finding* why)
 {
-    if (audience_->log() != nullptr)
+    if (shown_frames_->log() != nullptr)
         feed_.look_for_flashes();
     fps_ = device_->fps() > 0 ? device_->fps() : kUnstatedFps;
     display_->expect({device_->layout().width, device_->layout().height});
     most_held_ms_ = most_held_ms(fps_, display_->refresh_hz());
     common::Holds most;
     most.flip_ns = static_cast<int64_t>(most_held_ms_ * 1e6);
-    audience_->begin();
+    shown_frames_->begin();
     return feed_.start(frames_kept(fps_, display_->refresh_hz(), most), why);
 }
 
 void Viewing::start(const ViewingConfig& config, hdmi_player_drm_info_t info)
 {
     info_ = info;
-    opened_delay_ms_ = config.sound_delay_ms;
+    sound_delay_ = SoundDelay({0, false, config.sound_delay_ms});
     process::RealtimeScope realtime(kRealtimePriority);
     thread_ = std::thread(&Viewing::run, this);
 }
@@ -104,7 +102,7 @@ void Viewing::run()
         ViewBuffer* buffer = feed_.take();
         if (buffer == nullptr)
             continue;
-        if (FrameLog* log = audience_->log())
+        if (FrameLog* log = shown_frames_->log())
             log->came(*buffer);
         std::lock_guard<std::mutex> lock(mutex_);
         const bool withheld = frame_break.withholds(came_ns, wall_clock.was_set());
@@ -115,41 +113,32 @@ void Viewing::run()
     }
 }
 
-/// What the viewer wants, and what the devices do: frames that are older than the sound that comes with them.
-double Viewing::sound_delay_ms(const ViewingConfig& config) const
-{
-    const auto planned_ms = static_cast<double>(common::kPlannedLatencyNs) / 1e6;
-    const double least_ms = planned_ms - config.display_latency_ms - most_held_ms_;
-    const double early_ms = early_payloads_ ? static_cast<double>(common::kEarlyPayloadNs) / 1e6 : 0;
-    return std::clamp(later_ms_ + early_ms + config.sound_delay_ms, least_ms, kMostSoundDelayMs);
-}
-
-void Viewing::look_at_sound()
+Lateness Viewing::measure_lateness(const ViewingConfig& config)
 {
     const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
-    sends_eac3_ = capture.frames_per_sample > 1;
     if (player_.is_open() && capture.open && capture.rate > 0)
         sound_age_ms_ = sound_ages_.add(1e3 * static_cast<double>(capture.waiting) / capture.rate);
+    return {feed_.age_ms() - sound_age_ms_, capture.frames_per_sample > 1, config.sound_delay_ms};
 }
 
-bool Viewing::tend_player(const ViewingConfig& config)
+bool Viewing::update_player(const ViewingConfig& config)
 {
     if (!config.sound || feed_.figures().frames < kFramesToKnow)
         return true;
-    look_at_sound();
-    const double later_ms = feed_.age_ms() - sound_age_ms_;
-    const bool fits = std::abs(later_ms - later_ms_) < kAgeToleranceMs && early_payloads_ == sends_eac3_ &&
-                      opened_delay_ms_ == config.sound_delay_ms;
-    if (player_.is_open() && fits)
+    const Lateness lateness = measure_lateness(config);
+    if (player_.is_open() && sound_delay_.suits(lateness))
         return true;
     const int64_t now_ns = common::now_ns();
     if (!player_.is_open() && tried_ns_ != 0 && now_ns - tried_ns_ < kTryAgainNs)
         return false;
     tried_ns_ = now_ns;
-    later_ms_ = later_ms;
-    early_payloads_ = sends_eac3_;
-    opened_delay_ms_ = config.sound_delay_ms;
+    sound_delay_ = SoundDelay(lateness);
     return open_player(config);
+}
+
+double Viewing::sound_delay_ms(const ViewingConfig& config) const
+{
+    return sound_delay_.ms(config.display_latency_ms, most_held_ms_);
 }
 
 bool Viewing::open_player(const ViewingConfig& config)
@@ -185,8 +174,8 @@ std::string Viewing::figures(const ViewingConfig& config) const
                   " without a buffer, %" PRId64 " copied, %" PRId64 " in bursts, %" PRId64 " dropped, %" PRId64
                   " skipped, %" PRId64 " superseded, %" PRId64 " seen, %" PRId64 " unseen, %" PRId64 " out of order",
                   feed.frames, feed.missing, feed.damaged, feed.no_buffer, feed.copied, feed.crowded, player.dropped,
-                  player.skipped, display_->stats().superseded, audience_->seen(), audience_->unseen(),
-                  audience_->disordered());
+                  player.skipped, display_->stats().superseded, shown_frames_->seen(), shown_frames_->unseen(),
+                  shown_frames_->disordered());
     char sound[160];
     std::snprintf(sound, sizeof sound,
                   "; frames are %.1f ms old when they come, sound %.1f ms; sound %+.0f ms (%+d ms by key)",

@@ -13,8 +13,9 @@
 
 #include "capture/video_device.h"
 #include "display/display.h"
-#include "session/audience.h"
 #include "session/player.h"
+#include "session/shown_frames.h"
+#include "session/sound_delay.h"
 
 namespace view
 {
@@ -26,8 +27,6 @@ struct ViewingConfig {
     int display_latency_ms = 0; ///< from the vertical blank to light
     int sound_delay_ms = 0;     ///< by which the viewer wants the sound later
 };
-
-constexpr double kMostSoundDelayMs = 1000;
 
 /// start() and what follows are for one thread.
 class Viewing
@@ -41,8 +40,8 @@ public:
     };
 
     /// All outlive it.
-    Viewing(VideoDevice* device, display::Display* display, display::FlipGate* gate, Audience* audience)
-        : device_(device), display_(display), audience_(audience), feed_(device, display), player_(&feed_, gate)
+    Viewing(VideoDevice* device, display::Display* display, display::FlipGate* gate, ShownFrames* shown_frames)
+        : device_(device), display_(display), shown_frames_(shown_frames), feed_(device, display), player_(&feed_, gate)
     {
     }
     ~Viewing() { stop(); }
@@ -55,40 +54,38 @@ public:
     void stop();
 
     End end() const { return end_; }
-    /// Opens the player once the age of frames is known, and again when that of frames or sound has changed or @p
-    /// config has. To be called now and then. @return false if there should be sound, and it does not open
-    bool tend_player(const ViewingConfig& config);
+    /// Opens the player once the age of frames is known, and again when the sound needs another delay. To be called
+    /// several times a second. @return false if there should be sound, and the player does not open
+    bool update_player(const ViewingConfig& config);
     bool started() const { return thread_.joinable(); }
+    bool plays_sound() const { return player_.is_open(); }
 
     bool black() const { return feed_.black(); }
-    /// "1920x1080 NV12 at 60 fps, shown where it lies"
+    /// "1920x1080 NV12 at 60 fps, not copied"
     std::string description() const;
     /// One line for the viewer.
     std::string figures(const ViewingConfig& config) const;
 
 private:
     void run();
-    double sound_delay_ms(const ViewingConfig& config) const;
-    void look_at_sound();
+    Lateness measure_lateness(const ViewingConfig& config);
     bool open_player(const ViewingConfig& config);
+    double sound_delay_ms(const ViewingConfig& config) const;
 
     VideoDevice* const device_;
     display::Display* const display_;
-    Audience* const audience_;
+    ShownFrames* const shown_frames_;
     Feed feed_;
     hdmi_player_drm_info_t info_ = {0, 60};
     double fps_ = 60;
     double most_held_ms_ = 0;
     LeastAge sound_ages_;
     double sound_age_ms_ = 0; ///< of sound that is captured
-    bool sends_eac3_ = false;
-    bool early_payloads_ = false; ///< the player allows for that
-    double later_ms_ = 0;         ///< by which frames come later than their sound, as the player allows for
+    SoundDelay sound_delay_;  ///< that the player was opened with
 
     std::mutex mutex_; ///< the player is opened and closed while nobody renders
     Player player_;
-    int opened_delay_ms_ = 0;
-    int64_t tried_ns_ = 0;
+    int64_t tried_ns_ = 0; ///< when it was opened last
 
     std::thread thread_;
     std::atomic<bool> stop_{false};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the viewer is told: one line for each cause, with the command that mends it.
+// Messages on the terminal: one line for each cause, with the command that mends it.
 #pragma once
 
 #include <string>
@@ -10,15 +10,14 @@
 namespace view
 {
 
-/// Prints a line, on the standard error; the same one only once until another came.
-class Teller
+/// Prints lines on the standard error. A line that repeats the one before it is left out.
+class Messages
 {
 public:
-    void tell(const std::string& line);
-    void tell(const machine::Finding& finding);
-    /// The next line is printed, whatever came before.
-    void forget() { last_.clear(); }
-    const std::string& last() const { return last_; }
+    void print(const std::string& line);
+    void print(const machine::Finding& finding);
+    /// The next line is printed, also if it is the same.
+    void allow_repetition() { last_.clear(); }
 
 private:
     std::string last_;

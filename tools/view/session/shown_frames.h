@@ -12,11 +12,11 @@
 namespace view
 {
 
-class Audience : public display::Observer
+class ShownFrames : public display::Observer
 {
 public:
-    /// @p log may be null; it outlives the audience.
-    explicit Audience(FrameLog* log) : log_(log) {}
+    /// @p log may be null; it outlives this.
+    explicit ShownFrames(FrameLog* log) : log_(log) {}
 
     void shown(const display::FrameBuffer& buffer, int64_t seen_ns) override
     {
@@ -34,7 +34,7 @@ public:
     }
     void stayed(int64_t) override {}
 
-    /// Another feed counts anew.
+    /// The next frames come from another feed, which numbers them anew.
     void begin()
     {
         number_ = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "session/words.h"
+#include "session/messages.h"
 
 #include <cstdio>
 
@@ -10,7 +10,7 @@ using machine::CaptureDevice;
 using machine::Finding;
 using machine::Verdict;
 
-void Teller::tell(const std::string& line)
+void Messages::print(const std::string& line)
 {
     if (line == last_)
         return;
@@ -18,9 +18,9 @@ void Teller::tell(const std::string& line)
     std::fprintf(stderr, "hdmi-player-view: %s\n", line.c_str());
 }
 
-void Teller::tell(const Finding& finding)
+void Messages::print(const Finding& finding)
 {
-    tell(finding.what + ": " + finding.detail + (finding.remedy.empty() ? "" : ": " + finding.remedy));
+    print(finding.what + ": " + finding.detail + (finding.remedy.empty() ? "" : ": " + finding.remedy));
 }
 
 Finding black_picture(const std::string& path)
