@@ -99,6 +99,9 @@ std::string key_name(const SDL_Keysym& key)
     return ((key.mod & KMOD_CTRL) != 0 ? "Ctrl+" : "") + name;
 }
 
+/// Whether a key that is held counts again and again: one that steps, not a letter, which switches.
+bool may_repeat(const SDL_Keysym& key) { return key.sym < SDLK_a || key.sym > SDLK_z; }
+
 /// The window itself. Everything of it happens on one thread, as SDL demands.
 class Window
 {
@@ -122,8 +125,9 @@ public:
         if (!has_desktop())
             return std::string("no desktop here, only ") + SDL_GetCurrentVideoDriver();
         constexpr int kAnywhere = SDL_WINDOWPOS_CENTERED;
-        window_.reset(SDL_CreateWindow(title.c_str(), kAnywhere, kAnywhere, kCanvasSize.width, kCanvasSize.height,
-                                       SDL_WINDOW_RESIZABLE));
+        const Size size = fitting_size();
+        window_.reset(
+            SDL_CreateWindow(title.c_str(), kAnywhere, kAnywhere, size.width, size.height, SDL_WINDOW_RESIZABLE));
         if (!window_)
             return SDL_GetError();
         renderer_.reset(SDL_CreateRenderer(window_.get(), -1, SDL_RENDERER_PRESENTVSYNC));
@@ -184,7 +188,7 @@ public:
         while (SDL_PollEvent(&event) != 0) {
             bool leave =
                 event.type == SDL_KEYDOWN && (event.key.keysym.sym == SDLK_ESCAPE || event.key.keysym.sym == SDLK_q);
-            if (event.type == SDL_KEYDOWN && on_key)
+            if (event.type == SDL_KEYDOWN && on_key && (event.key.repeat == 0 || may_repeat(event.key.keysym)))
                 on_key(key_name(event.key.keysym));
             news.closed |= event.type == SDL_QUIT || (leave && !on_key);
             news.exposed |= event.type == SDL_WINDOWEVENT && (event.window.event == SDL_WINDOWEVENT_EXPOSED ||
@@ -194,6 +198,14 @@ public:
     }
 
 private:
+    /// No larger than the desktop.
+    static Size fitting_size()
+    {
+        SDL_Rect room = {0, 0, kCanvasSize.width, kCanvasSize.height};
+        SDL_GetDisplayUsableBounds(0, &room);
+        return {std::min(kCanvasSize.width, room.w), std::min(kCanvasSize.height, room.h)};
+    }
+
     /// A texture of that layout, the one of before where it has the same.
     bool take_texture(const PixelLayout& layout)
     {
@@ -425,8 +437,10 @@ void WindowDisplay::obey(Window* window)
 
 std::shared_ptr<Surface> WindowDisplay::adopt(const ForeignFrame& frame, std::string* why)
 {
+    // SDL has no conversion from full-range BT.709; RGB needs none.
+    const bool converted = SDL_ISPIXELFORMAT_FOURCC(sdl_format(frame.layout.fourcc));
     if (frame.memory != nullptr && reads(frame.layout.fourcc) &&
-        !(frame.layout.full_range && frame.layout.bt709 && frame.layout.planes > 1))
+        !(converted && frame.layout.full_range && frame.layout.bt709))
         return std::make_shared<WindowSurface>(frame);
     *why = "a window has no texture of that format";
     return nullptr;

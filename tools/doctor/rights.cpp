@@ -22,8 +22,8 @@ using namespace machine;
 
 constexpr int kPlayerPriority = 99;
 
-// Runs @p attempt in a process of its own, which it may change as it likes; its word on failure, empty on success.
-std::string attempt_aside(const std::function<std::string()>& attempt)
+// Runs @p attempt in a process of its own, which it may change as it likes. @return why it failed, empty on success
+std::string attempt_in_child(const std::function<std::string()>& attempt)
 {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -56,7 +56,7 @@ std::string try_priority()
 Findings examine_priority()
 {
     const std::string what = "real-time priority " + std::to_string(kPlayerPriority);
-    const std::string fault = attempt_aside(try_priority);
+    const std::string fault = attempt_in_child(try_priority);
     if (fault.empty())
         return {{Verdict::ok, what, "what the player asks for its capture thread", ""}};
     rlimit limit = {};
@@ -68,7 +68,7 @@ Findings examine_priority()
 
 Finding examine_namespaces()
 {
-    const std::string fault = attempt_aside([] {
+    const std::string fault = attempt_in_child([] {
         std::string error;
         return hdmi_sim::enter_private_namespaces(&error) ? "" : error.substr(0, error.find(';'));
     });
