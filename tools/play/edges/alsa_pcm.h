@@ -52,7 +52,7 @@ private:
     {
     }
 
-    snd_pcm_t* pcm_;
+    [[maybe_unused]] snd_pcm_t* pcm_; // not where alsa-lib is missing
     int period_frames_;
     int buffer_frames_;
 };
