@@ -43,7 +43,7 @@ constexpr int kFramesPerSecond = 60;
 constexpr int kPlayerFrames = 16;
 constexpr int kBuffers = kPlayerFrames + 4;
 
-volatile std::sig_atomic_t g_stop = 0;
+std::atomic<bool> g_stop{false}; // without a lock, as a signal handler needs it
 
 // --- The display --------------------------------------------------------------------
 
@@ -230,7 +230,7 @@ private:
     Buffer* next_ = nullptr; ///< its flip is under way
 };
 
-Screen* g_screen = nullptr;
+std::unique_ptr<Screen> g_screen; ///< the callbacks carry no context
 std::atomic<int64_t> g_shown{0};
 std::atomic<int64_t> g_dropped{0};
 
@@ -261,8 +261,9 @@ public:
         const int count = block->size / static_cast<int>(sizeof(int16_t));
         for (int i = 0; i < count; i++) {
             float& low = low_[static_cast<size_t>(i % block->channels) % low_.size()];
-            low += share * (samples[i] - low);
-            samples[i] = static_cast<int16_t>(std::lrint(std::clamp(samples[i] + low, -32768.0F, 32767.0F)));
+            const auto sample = static_cast<float>(samples[i]);
+            low += share * (sample - low);
+            samples[i] = static_cast<int16_t>(std::lrint(std::clamp(sample + low, -32768.0F, 32767.0F)));
         }
     }
 
@@ -285,7 +286,7 @@ void on_event(hdmi_player_event_e event)
 void play_sound()
 {
     Bass bass;
-    while (g_stop == 0) {
+    while (!g_stop) {
         hdmi_player_audio_frame_t* block = nullptr;
         if (hdmi_player_get_pcm(&block, 100) != 0)
             continue;
@@ -303,7 +304,7 @@ void play_sound()
 void render_frames(Screen& screen)
 {
     auto next = Clock::now();
-    for (int64_t number = 0; g_stop == 0; number++) {
+    for (int64_t number = 0; !g_stop; number++) {
         std::this_thread::sleep_until(next += std::chrono::nanoseconds(1'000'000'000 / kFramesPerSecond));
         screen.handle_events();
         Buffer* buffer = screen.take();
@@ -348,16 +349,15 @@ int main(int argc, char** argv)
         return 2;
     }
     for (const int number : {SIGINT, SIGTERM, SIGALRM})
-        signal(number, [](int) { g_stop = 1; });
-    Screen screen(argv[1]);
-    g_screen = &screen;
-    if (!screen.start()) {
+        signal(number, [](int) { g_stop = true; });
+    g_screen = std::make_unique<Screen>(argv[1]);
+    if (!g_screen->start()) {
         perror(argv[1]);
         return 3;
     }
     if (argc > 2)
         alarm(static_cast<unsigned>(atoi(argv[2])));
-    if (!play(screen))
+    if (!play(*g_screen))
         return 1;
     printf("%lld frames shown, %lld not shown\n", static_cast<long long>(g_shown), static_cast<long long>(g_dropped));
     return 0;
