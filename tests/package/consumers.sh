@@ -11,13 +11,13 @@ export LD_LIBRARY_PATH=$prefix/lib PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 cp "$here/consumer.c" "$folder/consumer.cpp"
 strict=(-Wall -Wextra -Wpedantic -Werror -O1)
 
-# by_pkg_config NAME COMPILER... SOURCE: as a makefile would.
+# by_pkg_config MODULE NAME COMPILER... SOURCE: as a makefile would.
 by_pkg_config() {
-    local name=$1
-    shift
+    local module=$1 name=$2
+    shift 2
     # shellcheck disable=SC2046
     "${@:1:$#-1}" "${strict[@]}" "${!#}" -o "$folder/$name" -Wl,--as-needed \
-        $(pkg-config --cflags --libs hdmi_player_sim) || echo "FAIL: $name"
+        $(pkg-config --cflags --libs "$module") || echo "FAIL: $name"
 }
 # as_archives NAME COMPILER: nothing of the package is left to load.
 as_archives() {
@@ -35,9 +35,9 @@ by_cmake() {
 
 build() {
     local compiler=$1 cpp=$2 standard
-    by_pkg_config "pc_${compiler}_c" "$compiler" -std=c99 "$here/consumer.c"
+    by_pkg_config hdmi_player_sim "pc_${compiler}_c" "$compiler" -std=c99 "$here/consumer.c"
     for standard in c++17 c++20; do
-        by_pkg_config "pc_${compiler}_$standard" "$cpp" -std=$standard "$folder/consumer.cpp"
+        by_pkg_config hdmi_player_sim "pc_${compiler}_$standard" "$cpp" -std=$standard "$folder/consumer.cpp"
     done
     as_archives "archives_$compiler" "$compiler"
     by_cmake "$compiler" "$cpp"
@@ -46,6 +46,14 @@ build() {
 {
     build gcc g++
     ! command -v clang++ >/dev/null || build clang clang++
+    # On this machine's platform, as far as that goes without a device.
+    echo '#include <hdmi_linux.h>
+#include <hdmi_player.h>
+int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi_in", "null") | hdmi_linux_capture().open; }' \
+        >"$folder/linux.c"
+    for module in hdmi_player_linux hdmi_player_linux_static; do
+        by_pkg_config $module pc_$module gcc -std=c99 "$folder/linux.c"
+    done
     for program in "$folder"/pc_* "$folder"/archives_* "$folder"/cmake_*/{c,cpp17,cpp20,static}; do
         "$program" >"$folder/said" 2>&1 || { cat "$folder/said"; echo "FAIL: ${program#"$folder"/}"; }
     done
