@@ -161,6 +161,8 @@ sleep 2
 watches busy 4 --capture none
 kill "$stream"
 check "another program has it: one line" says busy 'another program captures from it: sudo fuser'
+watches mode 4 --capture none --size 111x111
+check "a mode that it does not have: one line" says mode 'has no mode such as was asked for: v4l2-ctl -d /dev/video0'
 
 # --- A window ---------------------------------------------------------------------------
 
