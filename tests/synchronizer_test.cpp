@@ -779,20 +779,19 @@ TEST_F(Synchronizer, WaitingFrameIsLookedAtAgainOnNewsAndEachRefresh)
 
 TEST_F(Synchronizer, AFrameThatOthersTookIsNotWaitedFor)
 {
-    synchronizer_set_drm_info(handle, {7, 0.101F}); // it is looked at again after 10 s
-    run({0, 3600000000});
-    const auto waits = [this](sync_wait_e what) {
-        return eventually(
-            [this, what] {
-                mutex_guard guard(sync().sync_thread_mutex);
-                return sync().sync_thread_wait == what;
-            },
-            5s);
+    // As if the sync thread waited for a frame's time, or for a frame.
+    const auto wakes = [this](sync_wait_e wait, bool (*notify)(void*)) {
+        mutex_guard guard(sync().sync_thread_mutex);
+        sync().sync_thread_wait = wait;
+        sync().sync_thread_wake = false;
+        guard.unlock();
+        return notify(handle) && sync().sync_thread_wake;
     };
-    EXPECT_TRUE(waits(E_SYNC_WAIT_TIME));
-    queue.locked([this] { queue.waiting.clear(); });
-    synchronizer_notify_frames_taken(handle);
-    EXPECT_TRUE(waits(E_SYNC_WAIT_FRAME));
+    show_first(1000000, {2000000});
+    EXPECT_FALSE(wakes(E_SYNC_WAIT_TIME, synchronizer_notify_frame_done)) << "it is behind the one that is waited for";
+    EXPECT_TRUE(wakes(E_SYNC_WAIT_TIME, synchronizer_notify_frames_taken));
+    EXPECT_FALSE(wakes(E_SYNC_WAIT_FRAME, synchronizer_notify_frames_taken));
+    sync().sync_thread_wait = E_SYNC_WAIT_NONE;
 }
 
 TEST_F(Synchronizer, StopEndsEveryWaitAtOnce)
