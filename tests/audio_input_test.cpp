@@ -254,6 +254,8 @@ TEST_F(AudioInput, OpensTheReceiverAtTheRateOfTheStateFile)
 
 TEST_F(AudioInput, TheStateFileIsReadAsFarAsItSaysAnything)
 {
+    if (!g_namespace_error.empty())
+        GTEST_SKIP() << g_namespace_error; // there is no file
     const std::string key = "HEADDONE_PCM_32=1";
     using Case = std::tuple<std::optional<std::string>, int32_t, audio_input_format_e, int>;
     const Case cases[] = {
@@ -287,6 +289,8 @@ TEST_F(AudioInput, TheStateFileIsReadAsFarAsItSaysAnything)
 
 TEST_F(AudioInput, WhatIsNoFileInTheStateFilesPlaceSaysNothingAndNeverBlocks)
 {
+    if (!g_namespace_error.empty())
+        GTEST_SKIP() << g_namespace_error; // there is no file
     const std::function<int()> others[] = {[] { return mkfifo(kStateFile, 0600); },
                                            [] { return symlink("/dev/zero", kStateFile); },
                                            [] { return mkdir(kStateFile, 0700); }};
@@ -302,6 +306,8 @@ TEST_F(AudioInput, WhatIsNoFileInTheStateFilesPlaceSaysNothingAndNeverBlocks)
 
 TEST_F(AudioInput, AFailedInitUndoesWhatItBuiltAndCanBeRepeated)
 {
+    if (!g_namespace_error.empty())
+        GTEST_SKIP() << g_namespace_error; // there is no file, and descriptors of what stands in for it
     unlink(kStateFile);
     const auto before = open_descriptors();
     capture.open_results = {-5};
