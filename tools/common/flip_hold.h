@@ -119,14 +119,14 @@ private:
         const auto refresh_at = [&](int64_t at_ns) {
             return std::floor(static_cast<double>(at_ns - times.vblank_ns) / refresh_ns_);
         };
+        // A flip decides for the refresh in which it lies, wherever in it.
+        const double refresh = refresh_at(times.flipped_ns) + holds_.refreshes;
+        plan_.learn(times.arrived_ns, times.flipped_ns, time_of(refresh + 1));
         if (!plan_.known()) {
-            // A flip decides for the refresh in which it lies, wherever in it.
-            const double refresh = refresh_at(times.flipped_ns) + holds_.refreshes;
             if (holds_.refreshes > 0)
                 held->due_ns = time_of(refresh + kIntoRefresh);
             if (plan_.started())
                 held->light_ns = time_of(refresh + 1);
-            plan_.learn(times.arrived_ns, times.flipped_ns, time_of(refresh + 1));
             return;
         }
         const double wanted = plan_.refresh_for(times.arrived_ns, times.vblank_ns);

@@ -13,7 +13,9 @@ namespace common
  * How long frames shall take from their arrival to the vertical blank at which
  * they are seen. The player flips early frames at any time within 40 ms of their
  * sound, and its clock for them runs with the sound's; so a frame's way wanders
- * by a refresh or two within the hour. The plan is what the way was at first. On a
+ * by a refresh or two within the hour. The plan is what the way was at first. When
+ * it becomes shorter at once, frames had not settled by then, and the plan follows.
+ * On a
  * display that has a clock of its own, frames then are half a refresh beside it at
  * the most: they can only be seen at vertical blanks. Pure: times are arguments
  * (CLOCK_MONOTONIC, nanoseconds).
@@ -28,30 +30,39 @@ public:
     {
         settled_ns_ = now_ns + kSettlingNs;
         plan_ns_ = late_since_ns_ = window_ns_ = kNone;
-        sum_ns_ = frames_ = longest_ns_ = 0;
         followed_ = false;
     }
 
     bool known() const { return plan_ns_ != kNone; }
     bool started() const { return settled_ns_ != kNone; }
 
-    /// Until there is a plan. A frame that arrived at @p arrived_ns was flipped at @p flipped_ns, and is seen at
-    /// @p light_ns.
+    /// A frame that arrived at @p arrived_ns was flipped at @p flipped_ns: without a plan it would be seen at @p
+    /// light_ns.
     void learn(int64_t arrived_ns, int64_t flipped_ns, int64_t light_ns)
     {
-        if (!started() || known() || flipped_ns < settled_ns_)
+        if (!started() || flipped_ns < settled_ns_)
             return;
-        if (window_ns_ == kNone)
+        if (window_ns_ == kNone) {
             window_ns_ = flipped_ns;
+            sum_ns_ = longest_ns_ = frames_ = 0;
+        }
         sum_ns_ += light_ns - arrived_ns;
         longest_ns_ = std::max(longest_ns_, flipped_ns - arrived_ns);
         frames_++;
         if (flipped_ns - window_ns_ < kWindowNs)
             return;
+        window_ns_ = kNone;
+        const int64_t mean_ns = sum_ns_ / frames_;
+        if (known() && static_cast<double>(usual_ns_ - mean_ns) < kStep * refresh_ns_) {
+            if (flipped_ns - settled_ns_ > kFreshNs)
+                usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
+            return;
+        }
+        usual_ns_ = mean_ns;
         // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
         const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kLeadNs;
-        const int64_t mean_ns = sum_ns_ / frames_;
         plan_ns_ = std::clamp(longest_ns_ + spread_ns, mean_ns, mean_ns + spread_ns);
+        followed_ = false;
     }
 
     /**
@@ -91,6 +102,11 @@ private:
     /// By then the sound's clock has placed the frames.
     static constexpr int64_t kSettlingNs = 350'000'000;
     static constexpr int64_t kWindowNs = 300'000'000;
+    /// Of a refresh: shorter by more at once is none of what clocks do. For some seconds from the start: not at once
+    /// either.
+    static constexpr double kStep = 1.5;
+    static constexpr int64_t kFreshNs = 5'000'000'000;
+    static constexpr int64_t kSlowly = 8;
     static constexpr int64_t kPatienceNs = 1'000'000'000;
     /// To reach the display before the vertical blank.
     static constexpr int64_t kLeadNs = 1'000'000;
@@ -100,6 +116,7 @@ private:
     const double refresh_ns_;
     int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
     int64_t plan_ns_ = kNone;
+    int64_t usual_ns_ = 0; ///< the way without a plan, which may change slowly
     int64_t window_ns_ = kNone;
     int64_t sum_ns_ = 0;
     int64_t longest_ns_ = 0;
