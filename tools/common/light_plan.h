@@ -44,6 +44,7 @@ public:
             return;
         if (window_ns_ == kNone) {
             window_ns_ = flipped_ns;
+            first_arrived_ns_ = arrived_ns;
             sum_ns_ = longest_ns_ = frames_ = 0;
         }
         sum_ns_ += light_ns - arrived_ns;
@@ -62,6 +63,8 @@ public:
         // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
         const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kLeadNs;
         plan_ns_ = std::clamp(longest_ns_ + spread_ns, mean_ns, mean_ns + spread_ns);
+        if (frames_ > 1)
+            period_ns_ = static_cast<double>(arrived_ns - first_arrived_ns_) / static_cast<double>(frames_ - 1);
         followed_ = false;
     }
 
@@ -72,17 +75,17 @@ public:
      */
     double refresh_for(int64_t arrived_ns, int64_t vblank_ns)
     {
-        const int64_t wanted_ns = arrived_ns + plan_ns_;
-        const double place = static_cast<double>(wanted_ns - vblank_ns) / refresh_ns_;
+        const double before_ns = wanted_ns_;
+        follow(static_cast<double>(arrived_ns + plan_ns_));
+        const double place = (wanted_ns_ - static_cast<double>(vblank_ns)) / refresh_ns_;
         double refresh = std::round(place);
         if (followed_) {
-            const double step = static_cast<double>(wanted_ns - wanted_ns_) / refresh_ns_;
+            const double step = (wanted_ns_ - before_ns) / refresh_ns_;
             const double error = error_ + std::round(step) - step;
             if (std::abs(step - std::round(step)) < kSticky && std::abs(error) <= 0.5 + kSticky)
                 refresh = std::round(place + error);
         }
         followed_ = true;
-        wanted_ns_ = wanted_ns;
         error_ = refresh - place;
         return refresh;
     }
@@ -98,6 +101,24 @@ public:
     }
 
 private:
+    /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. One that comes early
+    /// shows that those before it were late.
+    void follow(double wanted_ns)
+    {
+        constexpr double kPart = 1.0 / 8;
+        constexpr double kPartOfPeriod = 1.0 / 128;
+        if (!followed_ || !(period_ns_ > 0)) {
+            wanted_ns_ = wanted_ns;
+            return;
+        }
+        const double frames = std::max(std::round((wanted_ns - wanted_ns_) / period_ns_), 1.0);
+        const double error_ns = wanted_ns - (wanted_ns_ + frames * period_ns_);
+        const bool early = error_ns < -kSticky * refresh_ns_;
+        wanted_ns_ = early ? wanted_ns : wanted_ns - (1 - kPart) * error_ns;
+        if (!early)
+            period_ns_ += kPartOfPeriod * error_ns / frames;
+    }
+
     static constexpr int64_t kNone = -1;
     /// By then the sound's clock has placed the frames.
     static constexpr int64_t kSettlingNs = 350'000'000;
@@ -118,13 +139,15 @@ private:
     int64_t plan_ns_ = kNone;
     int64_t usual_ns_ = 0; ///< the way without a plan, which may change slowly
     int64_t window_ns_ = kNone;
+    int64_t first_arrived_ns_ = 0;
     int64_t sum_ns_ = 0;
     int64_t longest_ns_ = 0;
     int64_t frames_ = 0;
     int64_t late_since_ns_ = kNone;
     bool followed_ = false; ///< what follows is the last frame's
-    int64_t wanted_ns_ = 0;
-    double error_ = 0; ///< refreshes by which it is seen later
+    double wanted_ns_ = 0;
+    double error_ = 0;     ///< refreshes by which it is seen later
+    double period_ns_ = 0; ///< from frame to frame
 };
 
 } // namespace common
