@@ -137,7 +137,7 @@ private:
             held->light_ns = std::max(held->light_ns, newest_ns_);
         const int64_t lead_ns = std::llround((1 - kIntoRefresh) * refresh_ns_);
         held->due_ns = std::max(times.flipped_ns, held->light_ns - lead_ns);
-        if (plan_.outlived(times.flipped_ns, wanted < soonest))
+        if (plan_.outlived(times.flipped_ns, soonest))
             plan_.start(times.flipped_ns);
     }
 

@@ -29,7 +29,8 @@ public:
     void start(int64_t now_ns)
     {
         settled_ns_ = now_ns + kSettlingNs;
-        plan_ns_ = late_since_ns_ = window_ns_ = kNone;
+        plan_ns_ = late_since_ns_ = window_ns_ = stays_until_ns_ = kNone;
+        lateness_ = 0;
         followed_ = false;
     }
 
@@ -77,27 +78,42 @@ public:
     {
         const double before_ns = wanted_ns_;
         follow(static_cast<double>(arrived_ns + plan_ns_));
-        const double place = (wanted_ns_ - static_cast<double>(vblank_ns)) / refresh_ns_;
-        double refresh = std::round(place);
+        place_ = (wanted_ns_ - static_cast<double>(vblank_ns)) / refresh_ns_;
+        double refresh = std::round(place_);
         if (followed_) {
             const double step = (wanted_ns_ - before_ns) / refresh_ns_;
             const double error = error_ + std::round(step) - step;
-            if (std::abs(step - std::round(step)) < kSticky && std::abs(error) <= 0.5 + kSticky)
-                refresh = std::round(place + error);
+            const double most = arrived_ns < stays_until_ns_ ? 1 : 0.5;
+            if (std::abs(step - std::round(step)) < kSticky && error >= -0.5 - kSticky && error <= most + kSticky)
+                refresh = std::round(place_ + error);
         }
         followed_ = true;
-        error_ = refresh - place;
+        error_ = refresh - place_;
         return refresh;
     }
 
-    /// Whether frame after frame comes too late for the plan (@p late: this one), so that another one is needed.
-    bool outlived(int64_t now_ns, bool late)
+    /**
+     * The frame of the latest refresh_for() can be seen at @p refresh at the soonest. Where several come so late within
+     * a short time, those between them are seen later as well, until none was late for a second: without a hold, the
+     * player's own choice between two vertical blanks goes to and fro for a while when the phase comes round.
+     * @return whether frame after frame was too late, so that another plan is needed
+     */
+    bool outlived(int64_t now_ns, double soonest)
     {
-        if (!late)
+        const bool late = soonest > place_ + error_ + 0.5;
+        lateness_ = std::max(late ? lateness_ + 1 : lateness_ - kForgiven, 0.0);
+        if (!late) {
             late_since_ns_ = kNone;
-        else if (late_since_ns_ == kNone)
+            return false;
+        }
+        if (lateness_ > kMostLate) {
+            lateness_ = kMostLate;
+            stays_until_ns_ = now_ns + kStaysNs;
+            error_ = soonest - place_;
+        }
+        if (late_since_ns_ == kNone)
             late_since_ns_ = now_ns;
-        return late && now_ns - late_since_ns_ > kPatienceNs;
+        return now_ns - late_since_ns_ > kPatienceNs;
     }
 
 private:
@@ -128,6 +144,10 @@ private:
     static constexpr double kStep = 1.5;
     static constexpr int64_t kFreshNs = 5'000'000'000;
     static constexpr int64_t kSlowly = 8;
+    /// So many frames in a row, or more with some between them.
+    static constexpr double kMostLate = 4;
+    static constexpr double kForgiven = 0.25;
+    static constexpr int64_t kStaysNs = 1'000'000'000;
     static constexpr int64_t kPatienceNs = 1'000'000'000;
     /// To reach the display before the vertical blank.
     static constexpr int64_t kLeadNs = 1'000'000;
@@ -144,8 +164,11 @@ private:
     int64_t longest_ns_ = 0;
     int64_t frames_ = 0;
     int64_t late_since_ns_ = kNone;
+    double lateness_ = 0; ///< of the latest frames
+    int64_t stays_until_ns_ = kNone;
     bool followed_ = false; ///< what follows is the last frame's
     double wanted_ns_ = 0;
+    double place_ = 0;     ///< in refreshes, as refresh_for()
     double error_ = 0;     ///< refreshes by which it is seen later
     double period_ns_ = 0; ///< from frame to frame
 };
