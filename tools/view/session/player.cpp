@@ -155,7 +155,6 @@ void Player::on_event(hdmi_player_event_e event)
         return;
     player_->last_old_serial_ = player_->taken_serial_.load();
     player_->resets_++;
-    player_->held_flips_->start(common::now_ns());
 }
 
 // --- Sound -------------------------------------------------------------------------------

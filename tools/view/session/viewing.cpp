@@ -149,6 +149,8 @@ bool Viewing::open_player(const ViewingConfig& config)
     wanted.fps = fps_;
     wanted.holds = common::plan_holds(config.display_latency_ms * kMs, std::llround(sound_delay_ms(config) * 1e6),
                                       static_cast<double>(info_.panel_refresh_rate), info_.fd > 0);
+    // Frames of a capture device come too unevenly for a plan of a third of a second (LightPlan).
+    wanted.holds.even = false;
     process::RealtimeScope realtime(kRealtimePriority);
     std::lock_guard<std::mutex> lock(mutex_);
     player_.close();
