@@ -175,7 +175,11 @@ common::Holds holds_for(const Options& options, Coding coding, const display::Di
     if (options.raw || options.no_hold)
         return {};
     const int64_t offset_ns = options.av_offset_ms * kMs + (coding == Coding::eac3 ? common::kEarlyPayloadNs : 0);
-    return common::plan_holds(options.display_latency_ms() * kMs, offset_ns, display.refresh_hz(), display.paced());
+    common::Holds holds =
+        common::plan_holds(options.display_latency_ms() * kMs, offset_ns, display.refresh_hz(), display.paced());
+    // Frames of a capture device come too unevenly for a plan of a third of a second (LightPlan).
+    holds.even = holds.even && !options.captured_pictures();
+    return holds;
 }
 
 HostConfig host_config(const Options& options, Coding coding, hdmi_player_drm_info_t drm_info,
