@@ -243,33 +243,36 @@ TEST(VblankAccount, CountsWhatLiesBetweenTwoWaitsInARow)
     EXPECT_EQ(account.waits().waits, 8);
 }
 
-/// An output that usually holds three periods behind a write, and what its reserve does to it.
+/// An output that usually holds two periods when a block comes, and what its reserve does to it.
 struct ReservedOutput {
     static constexpr int kPeriod = 960;
 
     clocks::OutputReserve reserve;
     int64_t now_ns = 0;
-    int queued = 2 * kPeriod;
+    int queued = 3 * kPeriod;
     int left_out = 0;
     int silence = 0;
 
     ReservedOutput()
     {
         reserve.start(48000);
-        for (int i = 0; i < 100; ++i)
-            write(20);
+        play(100);
     }
     /// A period, so many milliseconds after the one before.
-    void write(int after_ms)
+    void write(double after_ms)
     {
-        now_ns += after_ms * kMs;
-        const int played = after_ms * 48;
-        const auto advice = reserve.before_write(now_ns, kPeriod, std::max(queued - played, 0));
-        reserve.ran_empty(std::max(played - queued, 0));
-        queued = std::max(queued - played, 0) + kPeriod - advice.leave_out + advice.silence;
+        now_ns += static_cast<int64_t>(after_ms * 1e6);
+        queued = std::max(queued - static_cast<int>(after_ms * 48), 0);
+        const auto advice = reserve.before_write(now_ns, kPeriod, queued);
+        queued += kPeriod - advice.leave_out + advice.silence;
         left_out += advice.leave_out;
         silence += advice.silence;
-        reserve.after_write(now_ns, queued);
+        reserve.after_write(now_ns);
+    }
+    void play(int periods)
+    {
+        for (int i = 0; i < periods; ++i)
+            write(20);
     }
 };
 
@@ -281,17 +284,33 @@ TEST(OutputReserve, HoldsAsMuchAsBeforeAfterAnUnderrun)
     late.write(260); // what is late follows at once
     for (int i = 0; i < 12; ++i)
         late.write(0);
-    for (int i = 0; i < 20; ++i)
-        late.write(20);
+    late.play(20);
     EXPECT_NEAR(late.queued, usual, ReservedOutput::kPeriod / 2);
     EXPECT_TRUE(late.left_out > 0 && late.silence == 0) << late.left_out << " " << late.silence;
 
     ReservedOutput lost;
     lost.write(260); // it was lost
-    for (int i = 0; i < 20; ++i)
-        lost.write(20);
+    lost.play(20);
     EXPECT_NEAR(lost.queued, usual, ReservedOutput::kPeriod / 2);
     EXPECT_TRUE(lost.left_out == 0 && lost.silence > 0) << lost.left_out << " " << lost.silence;
+}
+
+TEST(OutputReserve, KeepsItsPlanThroughASlowSourceAndOneThatComesInBursts)
+{
+    ReservedOutput output;
+    const int usual = output.queued;
+    for (int i = 0; i < 150; ++i)
+        output.write(21); // 5 %: it runs empty, over and over
+    output.write(260);
+    output.play(20);
+    EXPECT_NEAR(output.queued, usual, ReservedOutput::kPeriod / 2);
+
+    ReservedOutput bursts;
+    for (int i = 0; i < 30; ++i)
+        for (const double after_ms : {100, 0, 0, 0, 0})
+            bursts.write(after_ms);
+    bursts.play(120);
+    EXPECT_NEAR(bursts.queued, usual, ReservedOutput::kPeriod / 2);
 }
 
 } // namespace

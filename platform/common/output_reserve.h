@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <utility>
 
 namespace clocks
 {
@@ -14,9 +13,16 @@ namespace clocks
  *
  * When the thread that writes stood still, the frames of that time follow at
  * once. If all were played, the sound would stay behind the picture for good: what
- * goes beyond the reserve is left out. When sound was lost before it came here, or
+ * goes beyond the plan is left out. When sound was lost before it came here, or
  * could not be written, frames come as time goes by. Played as they come, they
- * would be early, with nothing in reserve: silence is put before them.
+ * would be early, with nothing in reserve: silence is put before them. Sound is left
+ * out not more often than once in two seconds: a source that comes in bursts longer
+ * than the reserve lasts would be cut to pieces.
+ *
+ * The plan is what the device still holds when a block comes, the most of a second
+ * of blocks: one that comes later than others finds less, and says nothing about
+ * how late the sound is. It follows the clocks as they drift apart, not a source
+ * that is slow for a while.
  *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
@@ -35,73 +41,91 @@ public:
         rate_ = rate;
     }
 
-    /// Before what is written now, the device played so many frames of silence. 0: it did not run empty.
-    void ran_empty(int64_t frames)
-    {
-        if (frames <= 0 || mean_ == 0)
-            return;
-        if (!refilling_) {
-            refilling_ = first_ = true;
-            waited_ = 0;
-            owed_ = 0;
-        }
-        owed_ += frames;
-    }
-
-    /// @p frames are to be written at @p now_ns, to a device that holds @p queued.
+    /// @p frames are to be written at @p now_ns, to a device that holds @p queued; 0: it ran empty.
     Advice before_write(int64_t now_ns, int frames, int queued)
     {
-        if (!refilling_)
-            return {};
-        if (first_) {
-            first_ = false;
-            return {};
+        if (queued <= 0 && !refilling_) {
+            refilling_ = plan_ != kUnknown;
+            excess_ = 0;
+            begin_window();
         }
-        if (now_ns - returned_ns_ < frames * kNsPerSecond / rate_ / 2) {
-            waited_ = 0;
-            const auto excess = std::clamp<int64_t>(queued + frames - mean_, 0, std::min<int64_t>(frames, owed_));
-            owed_ -= excess;
-            return {static_cast<int>(excess), 0};
+        if (excess_ > 0)
+            return leave_out(std::min(frames, excess_));
+        const bool at_once = now_ns - returned_ns_ < frames * kNsPerSecond / rate_ / 2;
+        if (refilling_ && at_once && queued > plan_ + tolerance() && may_leave_out(now_ns)) {
+            begin_window();
+            return {std::min(frames, queued - plan_), 0};
         }
-        // It was waited for. Twice, and nothing is late any more: once, the thread that writes may just be slow.
-        if (++waited_ < 2)
-            return {};
-        refilling_ = false;
-        const auto late = std::min<int64_t>(frames, std::exchange(owed_, 0));
-        const int missing = mean_ - (queued + frames);
-        if (missing < 0)
-            return {static_cast<int>(std::min<int64_t>(late, -missing)), 0};
-        return {0, missing > frames / 2 ? missing : 0};
+        most_ = std::max(most_, queued);
+        ++writes_;
+        if (refilling_ && writes_ >= kSettlingWrites)
+            return settle(now_ns, frames);
+        if (!refilling_ && writes_ >= kPlanWrites)
+            follow();
+        return {};
     }
 
-    /// The write returned; the device holds @p queued.
-    void after_write(int64_t now_ns, int queued)
-    {
-        returned_ns_ = now_ns;
-        if (refilling_)
-            return;
-        sum_ += queued;
-        if (++writes_ < kWrites)
-            return;
-        mean_ = static_cast<int>(sum_ / writes_);
-        sum_ = 0;
-        writes_ = 0;
-    }
+    void after_write(int64_t now_ns) { returned_ns_ = now_ns; }
 
 private:
     static constexpr int64_t kNsPerSecond = 1'000'000'000;
-    /// By which it is known what the device usually holds behind a write: about a second of them.
-    static constexpr int kWrites = 50;
+    static constexpr int kUnknown = -1;
+    static constexpr int64_t kPauseNs = 2 * kNsPerSecond;
+    /// What is left out in that time counts as once.
+    static constexpr int64_t kEpisodeNs = kNsPerSecond / 2;
+    /// About a second.
+    static constexpr int kPlanWrites = 50;
+    /// After as many it is seen what the device holds again.
+    static constexpr int kSettlingWrites = 10;
 
-    int64_t rate_ = 48000;
-    bool refilling_ = false;
-    bool first_ = false; ///< the device ran empty, and nothing was written yet
-    int waited_ = 0;     ///< writes in a row
-    int64_t owed_ = 0;   ///< frames of silence that were played in the place of what is late
-    int64_t returned_ns_ = 0;
-    int64_t sum_ = 0; ///< of the present writes
+    /// What blocks differ by in length and time.
+    int tolerance() const { return rate_ / 100; }
+
+    void begin_window() { most_ = writes_ = 0; }
+
+    void follow()
+    {
+        const int drift = rate_ / 2000; // 500 ppm
+        plan_ = plan_ == kUnknown ? most_ : std::clamp(most_, plan_ - drift, plan_ + drift);
+        begin_window();
+    }
+
+    bool may_leave_out(int64_t now_ns)
+    {
+        const bool pause_over = now_ns - began_ns_ >= kPauseNs;
+        const bool may = pause_over || now_ns - began_ns_ < kEpisodeNs;
+        began_ns_ = pause_over ? now_ns : began_ns_;
+        return may;
+    }
+
+    Advice settle(int64_t now_ns, int frames)
+    {
+        const int excess = most_ - plan_;
+        begin_window();
+        if (excess > tolerance() && !may_leave_out(now_ns))
+            return {};
+        refilling_ = false;
+        if (excess < -tolerance())
+            return {0, -excess};
+        excess_ = excess > tolerance() ? excess : 0;
+        return leave_out(std::min(frames, excess_));
+    }
+
+    Advice leave_out(int frames)
+    {
+        excess_ -= frames;
+        begin_window();
+        return {frames, 0};
+    }
+
+    int rate_ = 48000;
+    int plan_ = kUnknown;    ///< frames
+    bool refilling_ = false; ///< the device ran empty, and is not known to hold the plan again
+    int excess_ = 0;         ///< frames that are still to be left out
+    int most_ = 0;           ///< that the device held before one of the present writes
     int writes_ = 0;
-    int mean_ = 0; ///< of the last ones; 0: not known yet
+    int64_t returned_ns_ = 0;      ///< when the last write did
+    int64_t began_ns_ = -kPauseNs; ///< when something was left out last, the first of it
 };
 
 } // namespace clocks

@@ -51,15 +51,16 @@ public:
 
     /**
      * Queues @p frames frames, at most room(), after a drain() at @p now. After
-     * an underrun, silence up to @p now precedes them. @return its frames
+     * an underrun, silence up to @p now precedes them.
      */
-    int64_t put(int64_t now, const uint8_t* data, int frames, float gain, PlaySink* sink)
+    void put(int64_t now, const uint8_t* data, int frames, float gain, PlaySink* sink)
     {
         if (!started_) {
             started_ = true;
             start_ns_ = now;
         }
-        const int64_t silence = now > heard_ns(end_) ? fill_gap(now, sink) : 0;
+        if (now > heard_ns(end_))
+            fill_gap(now, sink);
         for (int done = 0; done < frames;) {
             const auto at = static_cast<int>((end_ + done) % capacity_);
             const int run = std::min(frames - done, capacity_ - at);
@@ -67,7 +68,6 @@ public:
             done += run;
         }
         end_ += frames;
-        return silence;
     }
 
     /// Passes what was heard by @p now to @p sink (null: drops it), in pieces that end with the device's periods.
@@ -89,7 +89,7 @@ private:
     int64_t clock(int64_t now) const { return started_ ? pace_.count_at(now - start_ns_) : 0; }
     int64_t heard_ns(int64_t position) const { return start_ns_ + pace_.time_of(position); }
 
-    int64_t fill_gap(int64_t now, PlaySink* sink)
+    void fill_gap(int64_t now, PlaySink* sink)
     {
         // The present frame has begun as silence.
         int64_t next = clock(now);
@@ -97,9 +97,7 @@ private:
             next++;
         if (sink != nullptr)
             sink->silence(next - end_, heard_ns(end_));
-        const int64_t silence = next - end_;
         first_ = end_ = next;
-        return silence;
     }
 
     // The caller's bytes need not be aligned.

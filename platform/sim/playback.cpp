@@ -146,7 +146,7 @@ bool valid(const audio_config_t& config)
 
 void put(Playback& p, int64_t now, const uint8_t* data, int frames) REQUIRES(p.mutex)
 {
-    p.reserve.ran_empty(p.queue.put(now, data, frames, effective_gain(p), &p.hearing));
+    p.queue.put(now, data, frames, effective_gain(p), &p.hearing);
     p.ran_empty = false;
     p.queued_ever += frames;
     if (p.stats.first_write_ns == 0)
@@ -255,8 +255,7 @@ int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, c
     put_silence(p, now, silence);
     const int done = late + (is_matched(p) ? queue_matched(p, guard, opening, data, frames - late)
                                            : queue_frames(p, guard, opening, data, frames - late));
-    const int64_t end = hdmi_sim::now_ns();
-    p.reserve.after_write(end, p.queue.queued(end));
+    p.reserve.after_write(hdmi_sim::now_ns());
     if (done == frames)
         return verdict.odd ? accepted : frames * frame_bytes;
     return done > 0 ? done * frame_bytes : kClosed;
