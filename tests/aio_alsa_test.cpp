@@ -243,6 +243,26 @@ TEST_F(AioAlsaTest, ADeviceThatRanEmptyStartsAgainWithNoMoreThanAtFirst)
     }
 }
 
+TEST_F(AioAlsaTest, WhatComesTooLateAfterAnUnderrunIsLeftOutAndThePlanIsKept)
+{
+    constexpr int kReserve = 3 * kPeriod;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    const auto keep_reserve = [this](int blocks) {
+        for (; blocks > 0; --blocks) {
+            eventually([this] { return delay() <= kReserve; });
+            ASSERT_EQ(write_numbered(), kBlockBytes);
+        }
+    };
+    // On a machine that was busy for longer than the reserve lasts, the device learns it anew.
+    EXPECT_TRUE(eventually([&] {
+        keep_reserve(60);
+        const bool ran_empty = eventually([&] { return delay() == 0 && g_state == SND_PCM_STATE_XRUN; });
+        write_numbered(15);
+        return ran_empty && playback_stats().left_out > 0;
+    }));
+    EXPECT_LE(delay(), kReserve + 2 * kPeriod) << "the device takes eight periods";
+}
+
 TEST_F(AioAlsaTest, SoundFromAnotherClockIsMatchedUnlessTheConfigurationSaysThatItIsTheSame)
 {
     for (const bool matched : {true, false}) {

@@ -59,6 +59,7 @@ void Playback::begin(const audio_config_t& config)
     ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate * kRingSeconds), frame_bytes);
     scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
     matching_.open(config.sample_rate, config.channels, config.period_frames);
+    reserve_.start(config.sample_rate);
 }
 
 int Playback::open(const audio_config_t& config)
@@ -201,6 +202,22 @@ int Playback::accept(const uint8_t* data, int frames, int64_t now)
     return count;
 }
 
+// Where the device ran empty, brings what is not heard yet back to what it was. @return how many of @p frames came too
+// late and are left out
+int Playback::keep_reserve(int frames, int64_t now)
+{
+    const auto [late, silence] = reserve_.before_write(now, frames, static_cast<int>(ring_.end() - heard(now)));
+    for (int left = silence; left > 0; left -= config_.period_frames) {
+        const int run = std::min(left, config_.period_frames);
+        std::fill_n(scaled_.get(), run * config_.channels, int16_t{0});
+        ring_.append(reinterpret_cast<const uint8_t*>(scaled_.get()), run);
+    }
+    stats_.frames += late;
+    stats_.left_out += late;
+    stats_.refilled += silence;
+    return late;
+}
+
 // Whether a device would have taken all that was written.
 bool Playback::taken() const { return state_ != State::working || sent_ == ring_.end(); }
 
@@ -267,8 +284,8 @@ int Playback::write(const uint8_t* data, int size)
         return kClosed;
     const int frame_bytes = config_.channels * kBytesPerSample;
     const int frames = size / frame_bytes;
-    int done = 0;
     progress_ns_ = std::max(progress_ns_, now_ns());
+    int done = keep_reserve(frames, now_ns());
     while (opening_ == opening) {
         recover(now_ns());
         const int64_t now = now_ns();
@@ -277,8 +294,10 @@ int Playback::write(const uint8_t* data, int size)
         done += count;
         stats_.frames += count;
         pump(now);
-        if (done == frames && taken())
+        if (done == frames && taken()) {
+            reserve_.after_write(now_ns());
             return frames * frame_bytes;
+        }
         if (count == 0 || done == frames)
             wait(guard, now);
     }
@@ -322,8 +341,8 @@ void Playback::handle_error(StreamError error, int err, int64_t now)
     }
 }
 
-// The device starts again with as many periods queued as at first. The frames that came too late are among them and
-// become its reserve. A longer queue would keep the sound behind the picture.
+// The device starts again with as many periods queued as at first. What follows is brought to the reserve that it had,
+// see keep_reserve().
 void Playback::recover_xrun(int64_t now)
 {
     heard_ = sent_;

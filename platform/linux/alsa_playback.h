@@ -22,6 +22,7 @@
 #include "config.h"
 #include "hdmi_linux.h"
 #include "internal/locks.h"
+#include "output_reserve.h"
 #include "sound_ring.h"
 
 namespace hdmi_linux
@@ -74,6 +75,7 @@ private:
     void freeze_heard(int64_t now) REQUIRES(mutex_);
     int room(int64_t now) const REQUIRES(mutex_);
     bool taken() const REQUIRES(mutex_);
+    int keep_reserve(int frames, int64_t now) REQUIRES(mutex_);
     int accept(const uint8_t* data, int frames, int64_t now) REQUIRES(mutex_);
     void pump(int64_t now) REQUIRES(mutex_);
     int send(SoundRing::Piece piece, int64_t now) REQUIRES(mutex_);
@@ -101,6 +103,7 @@ private:
     Pcm pcm_ GUARDED_BY(mutex_);
     PcmOpener opener_ GUARDED_BY(mutex_);
     Matching matching_ GUARDED_BY(mutex_); ///< but for captured()
+    clocks::OutputReserve reserve_ GUARDED_BY(mutex_);
     Volume volume_ GUARDED_BY(mutex_);
     GainRamp gain_ GUARDED_BY(mutex_);
     std::unique_ptr<int16_t[]> scaled_ GUARDED_BY(mutex_); ///< one period, scaled for the device

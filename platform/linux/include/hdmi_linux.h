@@ -156,6 +156,8 @@ struct DeviceStats {
     int64_t recoveries = 0;  ///< times that it came back after a suspend or loss
     int64_t recovery_us = 0; ///< how long the last recovery took, from the failure to the device at work again
     int64_t frames_lost = 0; ///< frames whose time passed in silence while there was no device
+    int64_t left_out = 0;    ///< written frames that were not played: they came too late after an underrun
+    int64_t refilled = 0;    ///< frames of silence that were played beside the written ones after an underrun
     int64_t reselects = 0;   ///< moves to another device
     int64_t waiting = 0;     ///< frames captured and not read yet when the latest read ended: how old its sound was
     /// Capture, where the stand-in follows it: link frames for each sample, by the bursts seen last; 4 for E-AC-3.
