@@ -11,6 +11,7 @@
 #include "common/late_sound.h"
 #include "common/picture_plan.h"
 #include "common/sound_hold.h"
+#include "common/sound_plan.h"
 #include "common/wall_clock.h"
 
 namespace common
@@ -313,7 +314,7 @@ int leaves(PicturePlan* plan, int64_t* now_ns, int64_t for_ms, int64_t waited_ms
     return times;
 }
 
-TEST(PicturePlan, IsLeftByFramesThatWaitForAnotherTimeUntilAResetShowsThatTheyMust)
+TEST(PicturePlan, IsLeftByFramesThatWaitForAnotherTimeUntilTwoResetsShowThatTheyMust)
 {
     PicturePlan plan;
     int64_t now_ns = 0;
@@ -322,13 +323,61 @@ TEST(PicturePlan, IsLeftByFramesThatWaitForAnotherTimeUntilAResetShowsThatTheyMu
     EXPECT_EQ(leaves(&plan, &now_ns, 2000, 80), 0);
     EXPECT_EQ(leaves(&plan, &now_ns, 2000, 125), 0) << "near enough";
     EXPECT_EQ(leaves(&plan, &now_ns, 5000, 20, false), 0) << "no sound";
-    EXPECT_EQ(leaves(&plan, &now_ns, 2500, 20), 1);
-    EXPECT_EQ(leaves(&plan, &now_ns, 3000, 20), 1) << "no reset came";
+    EXPECT_EQ(leaves(&plan, &now_ns, 1500, 20), 1);
+    EXPECT_EQ(leaves(&plan, &now_ns, 1500, 20), 1) << "no reset came";
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 2500, 20), 1) << "this one may have come too soon";
     plan.start(now_ns);
     EXPECT_EQ(leaves(&plan, &now_ns, 10000, 20), 0) << "how it has to be";
     EXPECT_EQ(leaves(&plan, &now_ns, 1500, 100), 1);
     plan.start(now_ns);
     EXPECT_EQ(leaves(&plan, &now_ns, 10000, 20), 0) << "back in the plan";
+}
+
+/// Blocks of 20 ms on the time line of one reset after the other.
+struct Sequences {
+    SoundPlan plan;
+    int64_t reset_us = 0;
+    int64_t pts_us = 0;
+
+    void reset()
+    {
+        reset_us += pts_us + 1'000'000;
+        pts_us = 0;
+        plan.start(reset_us);
+    }
+    /// Blocks lag by @p lag_ms; two in three come late. @return how often they left the plan
+    int play(int64_t for_ms, int64_t lag_ms)
+    {
+        int times = 0;
+        for (const int64_t end_us = pts_us + for_ms * 1000; pts_us < end_us; pts_us += 20'000) {
+            const int64_t late_us = pts_us % 60'000 == 0 ? 0 : 50'000;
+            times += plan.left(pts_us, reset_us + pts_us + lag_ms * 1000 + late_us) ? 1 : 0;
+        }
+        return times;
+    }
+};
+
+TEST(SoundPlan, IsLeftWhereSoundIsLostOldOrComesLate)
+{
+    Sequences s;
+    s.reset();
+    EXPECT_EQ(s.play(5000, 30), 0);
+    EXPECT_EQ(s.play(1500, 70), 1) << "sound was lost";
+    EXPECT_EQ(s.play(5000, 70), 0) << "not once more";
+    s.reset();
+    int times = 0;
+    for (int lag_ms = -20; lag_ms < 80; lag_ms++)
+        times += s.play(1000, lag_ms);
+    EXPECT_EQ(times, 0) << "1000 ppm";
+    for (const int64_t lag_ms : {-40, 700}) {
+        s.reset();
+        EXPECT_EQ(s.play(3000, lag_ms), 1) << lag_ms;
+        s.reset();
+        EXPECT_EQ(s.play(3000, lag_ms), 0) << "how it has to be: " << lag_ms;
+        s.reset();
+        EXPECT_EQ(s.play(3000, 30), 0);
+    }
 }
 
 TEST(FrameBreak, LetsOneFrameThroughAndThenNoneForMoreThanASecond)

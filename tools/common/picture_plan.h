@@ -14,8 +14,9 @@ namespace common
  * does not hold early frames: they stay early. When the capture device did not
  * open at once, the sound's time began later than the frames', and these wait too
  * long. A reset puts both right, which a host gets by withholding frames
- * (FrameBreak). What is the same after that reset is how it has to be. Pure: times
- * are arguments (CLOCK_MONOTONIC, nanoseconds).
+ * (FrameBreak). What is the same after two such resets is how it has to be: the
+ * first one may have come while the output still failed. Pure: times are arguments
+ * (CLOCK_MONOTONIC, nanoseconds).
  */
 class PicturePlan
 {
@@ -48,17 +49,22 @@ public:
             return false;
         const int64_t mean_ns = sum_ns_ / frames_;
         window_ns_ = kNone;
-        if (usual_ns_ == kNone || (fresh_ && is_near(mean_ns, doubted_ns_)))
+        if (fresh_ && is_near(mean_ns, doubted_ns_))
+            confirmed_++;
+        fresh_ = false;
+        if (usual_ns_ == kNone || confirmed_ == kResetsThatConfirm)
             usual_ns_ = mean_ns;
         if (is_near(mean_ns, usual_ns_)) {
             // The clocks may drift apart.
             usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
-            fresh_ = false;
             doubted_ns_ = kNone;
+            confirmed_ = 0;
             return false;
         }
         if (now_ns < again_ns_)
             return false;
+        if (!is_near(mean_ns, doubted_ns_))
+            confirmed_ = 0;
         again_ns_ = now_ns + kPauseNs;
         doubted_ns_ = mean_ns;
         return true;
@@ -72,14 +78,17 @@ private:
     /// starts.
     static constexpr int64_t kFarNs = 50'000'000;
     static constexpr int64_t kSlowly = 8;
-    static constexpr int64_t kPauseNs = 3'000'000'000;
+    /// A reset takes a second and a half to come and to settle.
+    static constexpr int64_t kPauseNs = 1'900'000'000;
+    static constexpr int kResetsThatConfirm = 2;
 
     int64_t settled_ns_ = 0;
     bool is_near(int64_t a_ns, int64_t b_ns) const { return b_ns != kNone && std::abs(a_ns - b_ns) <= kFarNs; }
 
     int64_t usual_ns_ = kNone;   ///< for which frames wait
     int64_t doubted_ns_ = kNone; ///< for which they waited when the plan was left
-    bool fresh_ = true;          ///< since the reset they were not where they are wanted
+    int confirmed_ = 0;          ///< resets that did not change that
+    bool fresh_ = true;          ///< nothing was judged since the reset
     int64_t window_ns_ = kNone;
     int64_t sum_ns_ = 0;
     int64_t frames_ = 0;

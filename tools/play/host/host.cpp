@@ -165,7 +165,7 @@ void Host::video_thread()
         sleep_until_ns(due_ns);
         take_stall(&video_stall_ns_);
         const bool set = clock_was_set();
-        const bool withheld = frame_break.withholds(now_ns(), plan_left_.exchange(false) || set);
+        const bool withheld = frame_break.withholds(now_ns(), plan_.left() || set);
         if (buffer == nullptr)
             continue;
         if (withheld) {
@@ -229,22 +229,6 @@ PictureBuffer* Host::take_back(void* handle, Owner next)
 // The callbacks come from the player's pacing thread and from inside of hdmi_player_video_render,
 // possibly both at once. None takes a lock that is held over a call into the player.
 
-/// Sound that was lost at the output leaves frames early for good: see PicturePlan.
-void Host::watch_plan(const PictureBuffer& buffer, int64_t flipped_ns)
-{
-    // Without A/V sync there is no plan.
-    if (!config_.sync || config_.raw)
-        return;
-    const std::lock_guard<std::mutex> lock(plan_mutex_);
-    if (plan_resets_ != resets_) {
-        plan_resets_ = resets_;
-        plan_.start(flipped_ns);
-    }
-    if (plan_resets_ > 0 &&
-        plan_.left(flipped_ns, flipped_ns - buffer.rendered_ns, flipped_ns - written_ns_ < kPauseNs))
-        plan_left_ = true;
-}
-
 void Host::on_flip(hdmi_player_video_frame_t frame)
 {
     PictureBuffer* buffer = host_->take_back(frame.buf_handle, Owner::display);
@@ -252,7 +236,8 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
         return;
     host_->flipped_++;
     int64_t flipped_ns = now_ns();
-    host_->watch_plan(*buffer, flipped_ns);
+    if (host_->has_plan())
+        host_->plan_.flip(flipped_ns, flipped_ns - buffer->rendered_ns);
     bool admitted = host_->config_.gate->admit(flipped_ns);
     if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
@@ -279,6 +264,7 @@ void Host::on_event(hdmi_player_event_e event)
     if (event == E_HDMI_PLAYER_EVENT_AVSYNC_RESET) {
         host_->reset_ns_ = now_ns();
         host_->held_flips_->start(host_->reset_ns_);
+        host_->plan_.reset(host_->reset_ns_);
         if (host_->resets_++ == 0)
             host_->first_reset_ns_ = host_->reset_ns_.load();
         if (Trace* trace = host_->config_.trace)
@@ -354,6 +340,8 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
         audio_account_.discarded += frames;
         return;
     }
+    if (has_plan())
+        plan_.block(block.pts, taken_ns_, first || block.serial != serial_before);
     if (first || block.serial != serial_before) {
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
         late_sound_.start();
@@ -402,6 +390,7 @@ void Host::write(const hdmi_player_audio_frame_t& like, int64_t pts_us)
     out.pts = pts_us;
     int64_t handed_ns = now_ns();
     written_ns_ = handed_ns;
+    plan_.wrote(handed_ns);
     // Waits while the player's output queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(&out) != 0) {
         audio_account_.failed_writes++;

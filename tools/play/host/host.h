@@ -10,12 +10,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "common/flip_hold.h"
 #include "common/late_sound.h"
-#include "common/picture_plan.h"
+#include "common/plan_watch.h"
 #include "common/sound_hold.h"
 #include "common/wall_clock.h"
 #include "display/flip_gate.h"
@@ -135,8 +134,8 @@ private:
     bool belongs_to_new_sequence(int32_t serial);
     PictureBuffer* take_back(void* handle, Owner next);
 
-    void watch_plan(const PictureBuffer& buffer, int64_t flipped_ns);
     void leave_out(PictureBuffer* buffer);
+    bool has_plan() const { return config_.sync && !config_.raw; }
 
     static Host* host_;
 
@@ -148,9 +147,7 @@ private:
     std::unique_ptr<common::HeldFlips> held_flips_; ///< while the player is open
     int64_t opened_ns_ = 0;
 
-    std::mutex plan_mutex_; ///< flips come from two threads
-    common::PicturePlan plan_;
-    int64_t plan_resets_ = 0; ///< those that the plan knows of
+    common::PlanWatch plan_;
 
     std::thread video_;
     std::thread audio_;
@@ -175,7 +172,6 @@ private:
     std::atomic<int64_t> withheld_{0};
     std::atomic<int64_t> held_{0};
     std::atomic<int64_t> lost_{0};
-    std::atomic<bool> plan_left_{false}; ///< found by a flip, for the video thread
     std::atomic<int64_t> last_picture_{-1};
 
     // The audio thread's own, read by others after it was joined.

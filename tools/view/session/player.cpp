@@ -57,6 +57,7 @@ bool Player::open(const PlayerConfig& config)
     held_serial_ = -1;
     written_ns_ = 0;
     splice_ = {};
+    plan_.emplace();
     taken_serial_ = 0;
     last_old_serial_ = std::numeric_limits<int32_t>::max(); // nothing is played before the first reset
     sound_hold_ = std::make_unique<common::SoundHold>(config.holds.sound_ns);
@@ -134,6 +135,7 @@ void Player::on_drop(hdmi_player_video_frame_t frame)
 void Player::show(ViewBuffer* buffer)
 {
     const int64_t now_ns = common::now_ns();
+    plan_->flip(now_ns, now_ns - buffer->arrived_ns);
     shown_++;
     if (gate_->admit(now_ns))
         held_flips_->flip(buffer, {buffer->arrived_ns, now_ns, gate_->vblank_ns()});
@@ -153,6 +155,7 @@ void Player::on_event(hdmi_player_event_e event)
 {
     if (event != E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
         return;
+    player_->plan_->reset(common::now_ns());
     player_->last_old_serial_ = player_->taken_serial_.load();
     player_->resets_++;
 }
@@ -187,6 +190,7 @@ void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waite
 {
     const int frames = block->size / kBytesPerFrame;
     auto* const samples = reinterpret_cast<int16_t*>(block->data);
+    plan_->block(block->pts, taken_ns, block->serial != held_serial_);
     if (block->serial != held_serial_) {
         late_sound_.start();
         // Sound that goes on through a reset goes on through the hold as well.
@@ -203,6 +207,7 @@ void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waite
     }
     splice_.join(samples, frames);
     written_ns_ = common::now_ns();
+    plan_->wrote(written_ns_);
     // Waits while the output's queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(block) == 0)
         sound_frames_ += frames;

@@ -9,11 +9,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "common/flip_hold.h"
 #include "common/holds.h"
 #include "common/late_sound.h"
+#include "common/plan_watch.h"
 #include "common/sound_hold.h"
 #include "display/flip_gate.h"
 #include "hdmi_player.h"
@@ -62,6 +64,9 @@ public:
     /// Gives a frame of the host's away. While it is not open, the frame is shown at once.
     void render(ViewBuffer* buffer);
 
+    /// Whether sound and frames have left the plan since the last call: a reason to withhold frames, with FrameBreak.
+    bool left_plan() { return plan_ && plan_->left(); }
+
     PlayerFigures figures() const;
 
 private:
@@ -81,6 +86,7 @@ private:
     display::FlipGate* const gate_;
     bool open_ = false;
     std::unique_ptr<common::HeldFlips> held_flips_;
+    std::optional<common::PlanWatch> plan_; ///< of this opening
 
     std::thread sound_;
     std::atomic<bool> stop_{false};

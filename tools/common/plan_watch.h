@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "common/picture_plan.h"
+#include "common/sound_plan.h"
+
+namespace common
+{
+
+/// Watches whether frames and sound keep to the plan, from the threads of a host. Times are CLOCK_MONOTONIC, in
+/// nanoseconds. Its lock is held over no call.
+class PlanWatch
+{
+public:
+    /// The player raised a reset.
+    void reset(int64_t now_ns)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        pictures_.start(now_ns);
+        reset_ns_ = now_ns;
+        sound_known_ = left_ = false;
+    }
+
+    /// A block that may be played was taken, of a sequence that was @p begun by it.
+    void block(int64_t pts_us, int64_t now_ns, bool begun)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (reset_ns_ == 0)
+            return;
+        if (begun)
+            sound_.start(reset_ns_ / 1000);
+        sound_known_ = sound_known_ || begun;
+        if (sound_known_ && sound_.left(pts_us, now_ns / 1000))
+            left_ = true;
+    }
+
+    /// A block was written.
+    void wrote(int64_t now_ns) { written_ns_ = now_ns; }
+
+    /// A frame was flipped @p waited_ns after it was rendered.
+    void flip(int64_t now_ns, int64_t waited_ns)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (reset_ns_ != 0 && pictures_.left(now_ns, waited_ns, now_ns - written_ns_ < kPauseNs))
+            left_ = true;
+    }
+
+    /// Whether the plan was left since the last call: a reason for FrameBreak.
+    bool left() { return left_.exchange(false); }
+
+private:
+    /// Sound that was not written for longer has paused.
+    static constexpr int64_t kPauseNs = 200'000'000;
+
+    std::atomic<bool> left_{false};
+    std::atomic<int64_t> written_ns_{0};
+    std::mutex mutex_;
+    PicturePlan pictures_;
+    SoundPlan sound_;
+    int64_t reset_ns_ = 0;     ///< 0: there was none
+    bool sound_known_ = false; ///< a sequence began behind it
+};
+
+} // namespace common
