@@ -53,6 +53,7 @@
  *         int64_t least_age_us; // of its blocks: now less pts
  *         int64_t began_us;     // when sound was thrown away last
  *     } late;
+ *     static atomic_bool sound_was_lost; // on its way here: only a reset brings frames and sound together again
  *
  *     static int64_t now_us(void)
  *     {
@@ -68,6 +69,7 @@
  *         const int64_t now = now_us(), age = now - block->pts;
  *         const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
  *         if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
+ *             sound_was_lost = block->serial == late.serial;
  *             late.serial = block->serial;
  *             late.least_age_us = age;
  *         }
@@ -178,6 +180,8 @@
  * the host throws such blocks away, not more often than once in ten seconds,
  * since that is heard. is_late() above does this; a block that is this late and
  * yet came while the host waited for it is not, because sound was lost before it.
+ * The player counts sound, and does not notice the loss: its frames stay late
+ * against the sound until it resets, which sound_was_lost asks for, see below.
  * Where the processing delays the sound, this is decided behind it. A product also
  * fades from the first block that is thrown away into the one that is played.
  *
@@ -185,7 +189,8 @@
  * breaks the sync for good, unless the player resets. So the host notices it (a
  * timerfd with TFD_TIMER_CANCEL_ON_SET), renders one more frame, with which the
  * player counts from the new time, and then withholds frames for 1.1 seconds,
- * which makes the player reset. In examples/minimal/main.c, receive_frame() does.
+ * which makes the player reset. In examples/minimal/main.c, receive_frame() does,
+ * and does the same when sound was lost.
  *
  * ## Stopping
  *

@@ -56,18 +56,21 @@ static bool clock_was_set(void)
     return !first;
 }
 
-/* Waits for the input's next frame. When the wall clock was set: one more, and then none for 1.1 s. */
+static atomic_bool sound_was_lost; /* the host tells, below */
+
+/* Waits for the input's next frame. When the wall clock was set, or sound was lost: one more, and then none for 1.1 s.
+ */
 static hdmi_player_video_frame_t receive_frame(void)
 {
     enum { BREAK_NS = 1100000000 };
     static struct timespec next;
-    static bool set;
+    static bool broken;
     if (received == 0)
         clock_gettime(CLOCK_MONOTONIC, &next);
-    next.tv_nsec += NS_PER_S / FPS + (set ? BREAK_NS : 0);
+    next.tv_nsec += NS_PER_S / FPS + (broken ? BREAK_NS : 0);
     next.tv_sec += next.tv_nsec / NS_PER_S;
     next.tv_nsec %= NS_PER_S;
-    set = clock_was_set();
+    broken = clock_was_set() | atomic_exchange(&sound_was_lost, false);
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, NULL);
     received++;
     return (hdmi_player_video_frame_t){&received, 0}; /* any handle of the host's */
@@ -190,6 +193,7 @@ static struct {
     int64_t least_age_us; // of its blocks: now less pts
     int64_t began_us;     // when sound was thrown away last
 } late;
+static atomic_bool sound_was_lost; // on its way here: only a reset brings frames and sound together again
 
 static int64_t now_us(void)
 {
@@ -205,6 +209,7 @@ static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
     const int64_t now = now_us(), age = now - block->pts;
     const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
     if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
+        sound_was_lost = block->serial == late.serial;
         late.serial = block->serial;
         late.least_age_us = age;
     }
