@@ -26,6 +26,7 @@ struct EnduranceConfig {
     int more_memory_mb = 0;         ///< once it plays, no more than that is given; 0: as much as there is
     double slew_ppm = 0;            ///< of the wall clock
     double recovery_s = 3;          ///< in which sound and picture must be in sync again
+    bool hurry = false;             ///< hardly a pause between troubles: only what is lost or left behind is judged
 };
 
 /// @return the exit status: 0 nothing to complain of, 1 something, 3 the machine does not permit it

@@ -125,6 +125,8 @@ int main(int argc, char** argv)
     run->add_option("--only", arguments.only, "Kinds of trouble")->delimiter(',');
     run->add_option("--without", arguments.without, "Kinds of trouble that are left out")->delimiter(',');
     run->add_option("--recovery", arguments.run.recovery_s, "Seconds")->capture_default_str();
+    run->add_flag("--hurry", arguments.run.hurry,
+                  "Pauses of 0.3 s, a line every ten seconds; only what is lost or left behind is judged");
     run->add_option("--slew", arguments.run.slew_ppm, "The wall clock runs faster by that many ppm");
     run->add_option("--memory", arguments.run.more_memory_mb,
                     "Once it plays, refuse more memory than that many MB beyond what it has");

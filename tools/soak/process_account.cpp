@@ -2,6 +2,7 @@
 #include "process_account.h"
 
 #include <dirent.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -34,6 +35,10 @@ ProcessAccount process_account()
     int64_t resident = 0;
     std::ifstream("/proc/self/statm") >> total >> resident;
     account.resident_kb = resident * sysconf(_SC_PAGESIZE) / 1024;
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 33)
+    const struct mallinfo2 heap = mallinfo2();
+    account.heap_kb = static_cast<int64_t>((heap.uordblks + heap.hblkhd) / 1024);
+#endif
     // Without the one by which they are counted.
     account.descriptors = entries("/proc/self/fd") - 1;
     account.threads = entries("/proc/self/task");

@@ -9,6 +9,7 @@ namespace soak
 /// What the process has of the machine now.
 struct ProcessAccount {
     int64_t resident_kb = 0;
+    int64_t heap_kb = 0; ///< allocated and not freed; 0: the C library does not tell
     int descriptors = 0;
     int threads = 0;
     double cpu_s = 0; ///< used so far

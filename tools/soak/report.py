@@ -114,8 +114,8 @@ def kinds_table(runs):
 
 def runs_table(runs):
     lines = ["| run | length | troubles | longest recovery | offset without trouble | outside of EBU R37 | breaks "
-             "| memory, first and last minute | descriptors | threads | resets | verdict |",
-             "|---|---|---|---|---|---|---|---|---|---|---|---|"]
+             "| memory, first and last minute | allocated, first and last | descriptors | threads | resets | verdict |",
+             "|---|---|---|---|---|---|---|---|---|---|---|---|---|"]
     for run in runs:
         first, last = run.minutes[0], run.minutes[-1]
         marked = [row for row in run.minutes if int(row["marks"]) > 0]
@@ -126,6 +126,7 @@ def runs_table(runs):
         lines.append(f'| {run.name} | {run.seconds / 60:.0f} min | {total["troubles"]} | {worst:.2f} s '
                      f'| {least:+.1f} to {most:+.1f} ms | {total["astray"]} of {total["marks"]} | {total["breaks"]} '
                      f'| {int(first["resident_kb"]) / 1024:.1f} to {int(last["resident_kb"]) / 1024:.1f} MB '
+                     f'| {int(first["heap_kb"]) / 1024:.1f} to {int(last["heap_kb"]) / 1024:.1f} MB '
                      f'| {first["descriptors"]} to {last["descriptors"]} | {first["threads"]} to {last["threads"]} '
                      f'| {last["resets"]} | {run.verdict[0]} |')
     return lines
