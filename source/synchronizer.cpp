@@ -4,6 +4,7 @@
 #include <xf86drm.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cfloat>
 #include <cmath>
 #include <cstdint>
@@ -19,6 +20,9 @@ static_assert(FLT_EVAL_METHOD == 0, "float must be evaluated as float");
 #ifdef __FAST_MATH__
 #error "the media clock needs strict floating point"
 #endif
+
+// Threads of different priority share the times of frames, flips and vertical blanks: no lock may be hidden in them.
+static_assert(std::atomic<int64_t>::is_always_lock_free, "64-bit times are read whole, without a lock");
 
 static_assert(std::is_standard_layout<sync_strategy_info_Oru_player_t>::value,
               "a pointer to the strategy's record must be one to its base");
