@@ -255,7 +255,7 @@ TEST_F(AioAlsaTest, WhatComesTooLateAfterAnUnderrunIsLeftOutAndThePlanIsKept)
     };
     // On a machine that was busy for longer than the reserve lasts, the device learns it anew.
     EXPECT_TRUE(eventually([&] {
-        keep_reserve(60);
+        keep_reserve(100);
         const bool ran_empty = eventually([&] { return delay() == 0 && g_state == SND_PCM_STATE_XRUN; });
         write_numbered(15);
         return ran_empty && playback_stats().left_out > 0;

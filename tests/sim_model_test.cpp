@@ -256,7 +256,7 @@ struct ReservedOutput {
     ReservedOutput()
     {
         reserve.start(48000);
-        play(100);
+        play(200);
     }
     /// A period, so many milliseconds after the one before.
     void write(double after_ms)
@@ -304,6 +304,16 @@ TEST(OutputReserve, KeepsItsPlanThroughASlowSourceAndOneThatComesInBursts)
     output.write(260);
     output.play(20);
     EXPECT_NEAR(output.queued, usual, ReservedOutput::kPeriod / 2);
+
+    ReservedOutput begun_anew; // a few blocks each time, the last time with all that was held back before them
+    for (int i = 0; i < 9; ++i)
+        begun_anew.write(100);
+    begun_anew.write(100);
+    begun_anew.write(0);
+    begun_anew.write(0);
+    begun_anew.play(20);
+    EXPECT_NEAR(begun_anew.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_EQ(begun_anew.silence, 0);
 
     ReservedOutput bursts;
     for (int i = 0; i < 30; ++i)

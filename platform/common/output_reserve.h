@@ -2,6 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace clocks
@@ -19,10 +21,11 @@ namespace clocks
  * out not more often than once in two seconds: a source that comes in bursts longer
  * than the reserve lasts would be cut to pieces.
  *
- * The plan is what the device still holds when a block comes, the most of a second
- * of blocks: one that comes later than others finds less, and says nothing about
- * how late the sound is. It follows the clocks as they drift apart, not a source
- * that is slow for a while.
+ * The plan is what the device still holds when a block comes, the most of half a
+ * second of blocks: one that comes later than others finds less, and says nothing
+ * about how late the sound is. Of the last seconds in which the device did not run
+ * empty, the median counts: neither a bad start nor a source that is slow for a while
+ * makes it forget what it had.
  *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
@@ -44,15 +47,20 @@ public:
     /// @p frames are to be written at @p now_ns, to a device that holds @p queued; 0: it ran empty.
     Advice before_write(int64_t now_ns, int frames, int queued)
     {
-        if (queued <= 0 && !refilling_) {
+        const int64_t half_ns = frames * kNsPerSecond / rate_ / 2;
+        const int64_t paused_ns = now_ns - returned_ns_;
+        // After a pause, what has gathered meanwhile is still to follow.
+        if (queued <= 0 && (!refilling_ || paused_ns > 3 * half_ns)) {
             refilling_ = plan_ != kUnknown;
-            excess_ = 0;
+            excess_ = since_empty_ = 0;
             begin_window();
         }
         if (excess_ > 0)
             return leave_out(std::min(frames, excess_));
-        const bool at_once = now_ns - returned_ns_ < frames * kNsPerSecond / rate_ / 2;
-        if (refilling_ && at_once && queued > plan_ + tolerance() && may_leave_out(now_ns)) {
+        const bool at_once = paused_ns < half_ns;
+        // What is written in one or two blocks was not late: a host lets out what it held.
+        const bool late = ++since_empty_ > 2 && at_once;
+        if (refilling_ && late && queued > plan_ + tolerance() && may_leave_out(now_ns)) {
             begin_window();
             return {std::min(frames, queued - plan_), 0};
         }
@@ -61,7 +69,7 @@ public:
         if (refilling_ && writes_ >= kSettlingWrites)
             return settle(now_ns, frames);
         if (!refilling_ && writes_ >= kPlanWrites)
-            follow();
+            learn();
         return {};
     }
 
@@ -73,8 +81,10 @@ private:
     static constexpr int64_t kPauseNs = 2 * kNsPerSecond;
     /// What is left out in that time counts as once.
     static constexpr int64_t kEpisodeNs = kNsPerSecond / 2;
-    /// About a second.
-    static constexpr int kPlanWrites = 50;
+    /// About half a second.
+    static constexpr int kPlanWrites = 25;
+    static constexpr size_t kWindows = 15;
+    static constexpr size_t kWindowsToKnow = 3;
     /// After as many it is seen what the device holds again.
     static constexpr int kSettlingWrites = 10;
 
@@ -83,11 +93,16 @@ private:
 
     void begin_window() { most_ = writes_ = 0; }
 
-    void follow()
+    void learn()
     {
-        const int drift = rate_ / 2000; // 500 ppm
-        plan_ = plan_ == kUnknown ? most_ : std::clamp(most_, plan_ - drift, plan_ + drift);
+        windows_[known_++ % kWindows] = most_;
         begin_window();
+        const size_t count = std::min(known_, kWindows);
+        if (count < kWindowsToKnow)
+            return;
+        std::array<int, kWindows> sorted = windows_;
+        std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count));
+        plan_ = sorted[count / 2];
     }
 
     bool may_leave_out(int64_t now_ns)
@@ -119,8 +134,11 @@ private:
     }
 
     int rate_ = 48000;
-    int plan_ = kUnknown;    ///< frames
+    int plan_ = kUnknown; ///< frames
+    std::array<int, kWindows> windows_ = {};
+    size_t known_ = 0;       ///< windows so far
     bool refilling_ = false; ///< the device ran empty, and is not known to hold the plan again
+    int since_empty_ = 0;    ///< writes
     int excess_ = 0;         ///< frames that are still to be left out
     int most_ = 0;           ///< that the device held before one of the present writes
     int writes_ = 0;
