@@ -363,13 +363,16 @@ TEST(SoundPlan, IsLeftWhereSoundIsLostOldOrComesLate)
     Sequences s;
     s.reset();
     EXPECT_EQ(s.play(5000, 30), 0);
-    EXPECT_EQ(s.play(1500, 70), 1) << "sound was lost";
+    EXPECT_EQ(s.play(2500, 70), 1) << "sound was lost";
     EXPECT_EQ(s.play(5000, 70), 0) << "not once more";
     s.reset();
     int times = 0;
     for (int lag_ms = -20; lag_ms < 80; lag_ms++)
         times += s.play(1000, lag_ms);
     EXPECT_EQ(times, 0) << "1000 ppm";
+    for (int lag_ms = 80; lag_ms < 1000; lag_ms++)
+        times += s.play(20, lag_ms);
+    EXPECT_EQ(times, 0) << "a source that goes on losing sound";
     for (const int64_t lag_ms : {-40, 700}) {
         s.reset();
         EXPECT_EQ(s.play(3000, lag_ms), 1) << lag_ms;

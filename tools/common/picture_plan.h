@@ -74,9 +74,9 @@ private:
     static constexpr int64_t kNone = -1;
     static constexpr int64_t kSettlingNs = 500'000'000;
     static constexpr int64_t kWindowNs = 400'000'000;
-    /// More than vertical blanks and bursts move a frame by, less than what viewers notice together with the spread of
-    /// starts.
-    static constexpr int64_t kFarNs = 50'000'000;
+    /// More than starts differ by, with 25 frames a second as well; less than the 76 ms by which an output that lost
+    /// all that it held makes frames early.
+    static constexpr int64_t kFarNs = 65'000'000;
     static constexpr int64_t kSlowly = 8;
     /// A reset takes a second and a half to come and to settle.
     static constexpr int64_t kPauseNs = 1'900'000'000;

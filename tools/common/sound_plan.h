@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
+#include <utility>
 
 namespace common
 {
@@ -27,6 +29,7 @@ public:
     {
         reset_us_ = reset_us;
         usual_us_ = window_us_ = kNone;
+        before_us_ = 0;
     }
 
     /// A block was taken at @p now_us. @return whether sound and frames have just left the plan
@@ -41,12 +44,18 @@ public:
         if (now_us - window_us_ < (first ? kFirstWindowUs : kWindowUs))
             return false;
         window_us_ = kNone;
-        const bool left = first ? least_us_ < -kOldUs || least_us_ > kLateUs : least_us_ > usual_us_ + kLostUs;
+        const int64_t before_us = std::exchange(before_us_, least_us_);
+        // While sound goes on being lost, a reset would not help.
+        const bool steady = std::abs(least_us_ - before_us) < kSteadyUs;
+        const bool left =
+            first ? least_us_ < -kOldUs || least_us_ > kLateUs : steady && least_us_ > usual_us_ + kLostUs;
         // What is so again behind the reset is how it has to be.
         const bool again = first && left && begun_badly_;
         begun_badly_ = first ? left : begun_badly_;
-        // The clocks may drift apart.
-        usual_us_ = first || left ? least_us_ : usual_us_ + (least_us_ - usual_us_) / kSlowly;
+        if (first || left)
+            usual_us_ = least_us_;
+        else if (std::abs(least_us_ - usual_us_) < kSteadyUs)
+            usual_us_ += (least_us_ - usual_us_) / kSlowly; // the clocks may drift apart
         return left && !again;
     }
 
@@ -58,6 +67,8 @@ private:
     static constexpr int64_t kLostUs = 35'000;
     static constexpr int64_t kOldUs = 30'000;
     static constexpr int64_t kLateUs = 200'000;
+    /// From one window to the next.
+    static constexpr int64_t kSteadyUs = 10'000;
     static constexpr int64_t kSlowly = 8;
 
     int64_t reset_us_ = 0;
@@ -65,6 +76,7 @@ private:
     bool begun_badly_ = false; ///< by the sequence before, while the present one begins
     int64_t window_us_ = kNone;
     int64_t least_us_ = kNone;
+    int64_t before_us_ = 0; ///< least lag of the window before
 };
 
 } // namespace common
