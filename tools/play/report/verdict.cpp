@@ -65,6 +65,12 @@ int64_t largest_decoded_burst(int sample_rate) { return sample_rate == 44100 ? 3
 
 bool machine_missed_a_period(const Result& result) { return result.punctuality.worst_ms > kOutputPeriodMs; }
 
+/// Sound was lost because nobody took it, and the host made the player reset.
+bool machine_had_frames_withheld(const Result& result)
+{
+    return result.frames.withheld > 0 && result.overruns > 0 && machine_missed_a_period(result);
+}
+
 constexpr double kOutputRate = 48000;
 
 /// The edges themselves count sound that nobody took or gave in time, host and simulated device what they threw away
@@ -307,7 +313,7 @@ std::vector<Verdict> judge(const Result& result)
     if (result.paced)
         verdicts.push_back({"at most 2 % of frames unseen or held beyond the rates",
                             result.cadence.excess() <= kExcessLimit && result.unreadable == 0,
-                            machine_missed_vblanks(result), Subject::pictures});
+                            machine_missed_vblanks(result) || machine_had_frames_withheld(result), Subject::pictures});
     for (Verdict& verdict : verdicts) {
         verdict.machine = verdict.machine && !verdict.passed;
         verdict.source = verdict.passed ? "" : fault_of_source(result, verdict.subject);
