@@ -70,7 +70,8 @@ static hdmi_player_video_frame_t receive_frame(void)
     next.tv_nsec += NS_PER_S / FPS + (broken ? BREAK_NS : 0);
     next.tv_sec += next.tv_nsec / NS_PER_S;
     next.tv_nsec %= NS_PER_S;
-    broken = clock_was_set() | atomic_exchange(&sound_was_lost, false);
+    const bool lost = atomic_exchange(&sound_was_lost, false);
+    broken = clock_was_set() || lost;
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, NULL);
     received++;
     return (hdmi_player_video_frame_t){&received, 0}; /* any handle of the host's */
