@@ -14,7 +14,7 @@
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 #include "support/callers.h"
-#include "support/failing_threads.h"
+#include "support/failing/failing_threads.h"
 #include "support/gate.h"
 #include "support/log_capture.h"
 

@@ -19,7 +19,7 @@
 #include "platform_hooks.h"
 #include "support/blocked_call.h"
 #include "support/callers.h"
-#include "support/failing_threads.h"
+#include "support/failing/failing_threads.h"
 #include "support/locked.h"
 #include "support/log_capture.h"
 #include "support/source_queue.h"

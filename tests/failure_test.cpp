@@ -18,7 +18,7 @@
 #include "platform/stage.h"
 #include "support/accounts.h"
 #include "support/eventually.h"
-#include "support/failing_calls.h"
+#include "support/failing/failing_calls.h"
 
 using namespace std::chrono_literals;
 using failing_calls::under_test;

@@ -23,7 +23,7 @@
 #include "platform_hooks.h"
 #include "support/callers.h"
 #include "support/eventually.h"
-#include "support/failing_threads.h"
+#include "support/failing/failing_threads.h"
 #include "support/locked.h"
 #include "support/log_capture.h"
 

@@ -15,10 +15,10 @@ namespace common
  * sound, and its clock for them runs with the sound's; so a frame's way wanders
  * by a refresh or two within the hour. The plan is what the way was at first. When
  * it becomes shorter at once, frames had not settled by then, and the plan follows.
- * On a
- * display that has a clock of its own, frames then are half a refresh beside it at
- * the most: they can only be seen at vertical blanks. Pure: times are arguments
- * (CLOCK_MONOTONIC, nanoseconds).
+ *
+ * On a display that has a clock of its own, frames then are half a refresh beside
+ * it at the most: they can only be seen at vertical blanks. Pure: times are
+ * arguments (CLOCK_MONOTONIC, nanoseconds).
  */
 class LightPlan
 {
