@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
 # How the scripts install packages: on a made-up dpkg database, with an apt-get and a sudo that only note what they are
-# asked for. 77 without dpkg.
+# asked for; and what scripts do without a build. 77 without dpkg.
 set -euo pipefail
 command -v dpkg-query >/dev/null || { echo "No dpkg here."; exit 77; }
 
@@ -63,6 +63,16 @@ INSTALL_STATUS=100 asks 100 'apt-get .*install .* libnone-dev' libnone-dev
 # An ordinary account's PATH has no folder of the system's tools.
 PATH=/usr/bin:/bin bash -c 'source "$0/../scripts/common.sh"; command -v chroot' "$here" >/dev/null ||
     fail "chroot is not found, which is in /usr/sbin"
+
+# Before the first build, `play` knows its version; the report of no run is an error, and begins none.
+mkdir -p "$folder/tree/include"
+cp -r "$here/../scripts" "$folder/tree/"
+cp "$here/../include/hdmi_player.h" "$folder/tree/include/"
+said=$("$folder/tree/scripts/play" --version)
+[[ $said =~ ^"hdmi-player-play "[0-9]+\.[0-9]+\.[0-9]+, ]] || fail "--version says '$said'"
+status=0
+timeout 20 "$here/../scripts/soak" --report "$folder/none" >"$folder/said" 2>&1 || status=$?
+[ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "soak --report: status $status, $(cat "$folder/said")"
 
 [ "$failures" -eq 0 ] || exit 1
 echo "All as expected."
