@@ -50,7 +50,7 @@ install(FILES ${PROJECT_BINARY_DIR}/package/hdmi_playerConfig.cmake
 # For who writes a port. Not beside the public header: a host has no use for them.
 install(DIRECTORY platform/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hdmi_player_platform
         FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES README.md NEWS.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp"
         PATTERN "CMakeLists.txt")

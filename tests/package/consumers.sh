@@ -68,6 +68,9 @@ int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi
         grep -q "^hdmi-player-$tool" "$prefix/share/man/man1/hdmi-player-$tool.1" || echo "FAIL: $tool's page"
         grep -q -- "--help" "$prefix/share/bash-completion/completions/hdmi-player-$tool" || echo "FAIL: completion"
     done
+    # The documents lead to each other as in the source tree.
+    (cd "$prefix/share/doc/hdmiplayer" && grep -oh '](docs/[^)#]*' README.md | cut -c 3- | xargs ls >/dev/null) ||
+        echo "FAIL: links of README.md"
     # The examples; one of them, linked with one platform, on another.
     for example in minimal screen; do
         cmake -S "$prefix/share/doc/hdmiplayer/examples/$example" -B "$folder/$example" -G Ninja \
