@@ -346,6 +346,12 @@ void print_record(const char* prefix, const char* format, va_list args)
     console_output::instance().print(record, static_cast<size_t>(end - record));
 }
 
+// A message leaves errno as it was: the caller may still have to tell it.
+struct errno_keeper {
+    const int error = errno;
+    ~errno_keeper() { errno = error; }
+};
+
 // Opens and closes the file for every block, so that a dump can be removed or truncated while the player runs.
 void append_dump(const char* function, const char* enable_switch, const char* file, const uint8_t* data, int32_t size)
 {
@@ -366,10 +372,15 @@ void append_dump(const char* function, const char* enable_switch, const char* fi
 
 std::atomic<bool> g_console_behind{false};
 
-void console_catch_up() { console_output::instance().catch_up(); }
+void console_catch_up()
+{
+    const errno_keeper kept;
+    console_output::instance().catch_up();
+}
 
 void console_print(loglevel_e level, const char* format, ...)
 {
+    const errno_keeper kept;
     const level_style style = style_of(level);
     const struct timespec now = read_clock(CLOCK_REALTIME);
     struct tm local = {};
