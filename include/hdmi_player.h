@@ -175,15 +175,16 @@
  * ## Late sound, and a clock that is set
  *
  * Sound that is late at the output stays late: the player does not catch up. If
- * the host's sound thread stands still for longer than the 76 ms that the output
- * has in hand, the output runs dry, and what comes then is late by the rest. So
- * the host throws such blocks away, not more often than once in ten seconds,
- * since that is heard. is_late() above does this; a block that is this late and
- * yet came while the host waited for it is not, because sound was lost before it.
- * The player counts sound, and does not notice the loss: its frames stay late
- * against the sound until it resets, which sound_was_lost asks for, see below.
- * Where the processing delays the sound, this is decided behind it. A product also
- * fades from the first block that is thrown away into the one that is played.
+ * the host's sound thread stands still for longer than the 76 ms that the
+ * output has in hand, the output runs dry, and what comes then is late by the
+ * rest. So the host throws such blocks away, not more often than once in ten
+ * seconds, since that is heard. is_late() above does this. A block that is as
+ * late but came while the host waited for it is played: it is new, and sound
+ * before it was lost. The player counts sound, and does not notice the loss:
+ * its frames stay late against the sound until it resets, which sound_was_lost
+ * asks for, see below. Where the processing delays the sound, this is decided
+ * behind it. A product also fades from the first block that is thrown away into
+ * the one that is played.
  *
  * Frames are stamped by the wall clock. Setting it while frames are in the queue
  * breaks the sync for good, unless the player resets. So the host notices it (a
@@ -292,8 +293,9 @@
  * means, with L + X in the place of L. In examples/minimal/main.c, on_flip() with
  * show_flips() and hold_sound() do this.
  *
- * The payloads of E-AC-3 have passed so soon that its sound is ready before the
- * frame is: a host that knows that its input is E-AC-3 holds as if for 46 ms.
+ * Bursts of E-AC-3 are short: their sound is decoded before the frame of the same
+ * moment arrives. A host that knows that its input is E-AC-3 plans for 46 ms
+ * instead of 61.
  *
  * - Reset, change of format or rate: sound that goes on, goes on through the hold
  *   as well. After a pause it begins with silence again, and what was held is
@@ -320,9 +322,11 @@
  *
  * ## Threads, locks, callbacks
  *
- * hdmi_player_open() and hdmi_player_close() must not run at the same time as
- * each other; inside a callback both return -1 and change nothing. Every other
- * function may be called from any thread at any time, from inside callbacks too.
+ * One hdmi_player_open() or hdmi_player_close() runs at a time. An open returns
+ * -1 while the player is open, or is being opened or closed; a close waits for an
+ * open or a close in progress. Inside a callback both return -1 and change
+ * nothing. Every other function may be called from any thread at any time, from
+ * inside callbacks too.
  *
  * Flip and drop callbacks come from the synchronizer's thread and from inside
  * hdmi_player_video_render(), a drop perhaps while another thread is inside a
@@ -352,7 +356,8 @@
  * wait for who reads them: what a pipe or a terminal does not take at once is
  * printed later, and what is more than 64 KiB is counted and left out. This needs
  * a stream with a buffer of at most 4096 bytes, as the C library gives it to a
- * pipe.
+ * pipe. On a terminal, text of the host that the stream still holds comes behind
+ * the player's messages: a host ends its line, or flushes, before a call.
  *
  * The capture thread asks for round-robin scheduling at priority 99
  * (CAP_SYS_NICE or RLIMIT_RTPRIO permits it). Without the permission the player

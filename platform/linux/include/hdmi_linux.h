@@ -6,8 +6,8 @@
  *
  * The configuration is the file /etc/hdmiplayer/linux.conf, or the one that
  * HDMIPLAYER_LINUX_CONFIG names. Environment variables override it, and so does
- * hdmi_linux_set_device(); docs/linux.md lists the keys. It is read again whenever a device is opened. All functions
- * may be called from any thread.
+ * hdmi_linux_set_device(); docs/linux.md lists the keys. It is read again whenever
+ * a device is opened or selected. All functions may be called from any thread.
  */
 #ifndef HDMI_LINUX_H
 #define HDMI_LINUX_H
