@@ -230,6 +230,7 @@ TEST_F(AioAlsaTest, ADeviceThatRanEmptyStartsAgainWithNoMoreThanAtFirst)
     for (int64_t start = 0; start < 5; ++start) {
         ASSERT_EQ(write_numbered(), kBlockBytes);
         EXPECT_EQ(delay(), kPeriod) << "waits, whatever was queued before";
+        EXPECT_EQ(playback_stats().queued, kPeriod);
         const auto begin = Clock::now();
         ASSERT_EQ(write_numbered(), kBlockBytes);
         const int left = delay();

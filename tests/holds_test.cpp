@@ -80,6 +80,24 @@ TEST(FlipHold, IsFirstInFirstOut)
     EXPECT_EQ(hold.pop(2000 * kMs).buffer, nullptr);
 }
 
+TEST(FlipHold, IsMovedByRefreshesOrTheirTime)
+{
+    int buffer = 0;
+    const auto due_after = [&](FlipHold& hold, int refreshes, int64_t flipped_ns) {
+        hold.shift(refreshes);
+        hold.push(&buffer, {0, flipped_ns, flipped_ns - kMs});
+        const int64_t due_ns = hold.due_ns().value_or(0);
+        hold.pop(due_ns);
+        return due_ns;
+    };
+    FlipHold hold({2, 20 * kMs, 0}, 100);
+    EXPECT_EQ(due_after(hold, 1, 1001 * kMs), 1032 * kMs);
+    EXPECT_EQ(due_after(hold, -2, 1031 * kMs), 1042 * kMs);
+    EXPECT_EQ(due_after(hold, -9, 1041 * kMs), 1052 * kMs) << "less than nothing";
+    FlipHold window({0, 20 * kMs, 0}, 100);
+    EXPECT_EQ(due_after(window, 1, 1101 * kMs), 1131 * kMs) << "a display without vertical blanks";
+}
+
 /// A minute of frames that the player flips later after their arrival at first than in the end, as its clocks run
 /// apart.
 struct Minute {

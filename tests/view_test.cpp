@@ -23,6 +23,7 @@ extern "C" {
 #include "picture/least_age.h"
 #include "session/messages.h"
 #include "session/sound_delay.h"
+#include "session/transit.h"
 
 using namespace capture;
 using namespace view;
@@ -354,6 +355,54 @@ TEST(SoundDelay, EvensOutWhatComesLaterAndIsKeptForSmallChanges)
     EXPECT_FALSE(delay.suits({30, true, -20}));
     EXPECT_EQ(SoundDelay({-400, false, 0}).ms(20, kMostHeldMs), 76 - 20 - 100) << "no longer than buffers last";
     EXPECT_EQ(SoundDelay({400, false, 1000}).ms(20, kMostHeldMs), 1000);
+}
+
+TEST(Transit, IsTheMeanOfTheLatestHalfSecondThatIsOver)
+{
+    constexpr int64_t kMs = 1'000'000;
+    Transit transit;
+    transit.start(500 * kMs);
+    transit.frames.add(999 * kMs, 1000); // not settled
+    for (int64_t ms = 1000; ms < 1500; ms += 20)
+        transit.frames.add(ms * kMs, ms % 40 == 0 ? 90 : 110);
+    EXPECT_EQ(transit.frames.value(), std::nullopt);
+    transit.frames.add(1500 * kMs, 110);
+    EXPECT_EQ(transit.frames.value(), 100);
+    transit.frames.add(1900 * kMs, 0);
+    EXPECT_EQ(transit.frames.value(), 100);
+    transit.start(1900 * kMs);
+    EXPECT_EQ(transit.frames.value(), std::nullopt);
+}
+
+TEST(OutputBacklog, IsWhatThePlayerHasQueuedAndTheDeviceHas)
+{
+    hdmi_linux::DeviceStats device;
+    device.period_frames = 100;
+    device.period_count = 4;
+    device.frames = 5000; // of earlier openings
+    OutputBacklog backlog;
+    const auto before_write = [&](int64_t taken, int64_t queued, bool paused = false) {
+        device.frames = 5000 + taken;
+        device.queued = queued;
+        const int64_t frames = backlog.before_write(device, paused);
+        backlog.wrote(100);
+        return frames;
+    };
+    EXPECT_EQ(before_write(0, 400, true), 400);
+    EXPECT_EQ(before_write(0, 400), 500);
+    EXPECT_EQ(before_write(100, 400), 500);
+    EXPECT_EQ(before_write(200, 350), 450) << "one is on its way to the device";
+    EXPECT_EQ(before_write(200, 200), 200) << "the player threw its queue away";
+    EXPECT_EQ(before_write(200, 400), 500);
+}
+
+TEST(RefreshesToHold, BringThePictureNearest)
+{
+    EXPECT_EQ(refreshes_to_hold(52, 15, 16.7, -3, 5), 2);
+    EXPECT_EQ(refreshes_to_hold(17, 15, 16.7, -3, 5), 0);
+    EXPECT_EQ(refreshes_to_hold(-9, 15, 16.7, -3, 5), -1);
+    EXPECT_EQ(refreshes_to_hold(200, 15, 16.7, -3, 5), 5);
+    EXPECT_EQ(refreshes_to_hold(-200, 15, 16.7, -3, 5), -3);
 }
 
 TEST(Commands, KeysOfWindowAndTerminal)

@@ -304,6 +304,19 @@ int Playback::write(const uint8_t* data, int size)
     return done > 0 && done < frames ? done * frame_bytes : kClosed;
 }
 
+/// Of the player's frames, those that are not heard yet.
+int Playback::queued(int64_t now)
+{
+    const int delay = state_ == State::working ? device_delay(now) : kNoDelay;
+    int64_t played = sent_;
+    if (delay >= 0)
+        played = sent_ - delay;
+    else if (delay != -EPIPE) // a device that is gone or suspended, whether a write has noticed it yet or not
+        played = heard(now);
+    // With -EPIPE, an underrun, the device has played everything.
+    return matching_.delay(static_cast<int>(ring_.end() - played));
+}
+
 int Playback::delay(int* frames)
 {
     mutex_guard guard(mutex_);
@@ -311,15 +324,7 @@ int Playback::delay(int* frames)
         return kClosed;
     if (frames == nullptr)
         return -EINVAL;
-    const int64_t now = now_ns();
-    const int queued = state_ == State::working ? device_delay(now) : kNoDelay;
-    int64_t played = sent_;
-    if (queued >= 0)
-        played = sent_ - queued;
-    else if (queued != -EPIPE) // a device that is gone or suspended, whether a write has noticed it yet or not
-        played = heard(now);
-    // With -EPIPE, an underrun, the device has played everything.
-    *frames = matching_.delay(static_cast<int>(ring_.end() - played));
+    *frames = queued(now_ns());
     return 0;
 }
 
@@ -566,6 +571,7 @@ DeviceStats Playback::stats()
     DeviceStats stats = stats_;
     stats.open = state_ != State::closed;
     stats.lost = stats.open && state_ != State::working;
+    stats.queued = stats.open ? queued(now_ns()) : 0;
     stats.matched = matching_.at_work();
     stats.matching_ppm = matching_.ppm();
     return stats;

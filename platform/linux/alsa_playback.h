@@ -70,6 +70,7 @@ private:
     // heard() of those played.
     int64_t heard(int64_t now) const REQUIRES(mutex_);
     int device_delay(int64_t now) REQUIRES(mutex_);
+    int queued(int64_t now) REQUIRES(mutex_);
     void note_heard(int64_t now) REQUIRES(mutex_);
     void note_clock(int64_t now) REQUIRES(mutex_);
     void freeze_heard(int64_t now) REQUIRES(mutex_);

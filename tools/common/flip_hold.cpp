@@ -48,6 +48,12 @@ void HeldFlips::start(int64_t now_ns)
     hold_.start(now_ns);
 }
 
+void HeldFlips::shift(int refreshes)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    hold_.shift(refreshes);
+}
+
 void HeldFlips::run()
 {
     pthread_setname_np(pthread_self(), "held_flips");

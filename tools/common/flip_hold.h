@@ -46,6 +46,17 @@ public:
             plan_.start(now_ns);
     }
 
+    /// From now on flips are held for @p refreshes more; fewer if negative, but not for less than nothing.
+    void shift(int refreshes)
+    {
+        const int64_t flip_ns = holds_.flip_ns + std::llround(refreshes * refresh_ns_);
+        if (flip_ns < 0)
+            return;
+        holds_.flip_ns = flip_ns;
+        if (holds_.refreshes > 0)
+            holds_.refreshes = std::max(holds_.refreshes + refreshes, 1);
+    }
+
     /// The player flips @p buffer. @return a buffer that will not be shown, this one or one that is held: both are for
     /// the same vertical blank; null: none
     void* push(void* buffer, const FlipTimes& times)
@@ -157,7 +168,7 @@ private:
         return unseen;
     }
 
-    const Holds holds_;
+    Holds holds_;
     const double refresh_ns_;
     LightPlan plan_;
     int64_t newest_ns_ = kNone; ///< vertical blank of the latest flip
@@ -184,6 +195,9 @@ public:
 
     /// Likewise; as FlipHold::start().
     void start(int64_t now_ns);
+
+    /// Likewise; as FlipHold::shift(). Without effect where nothing is held.
+    void shift(int refreshes);
 
     /// No flip comes any more: returns when the last one was given to the display.
     void finish();

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "common/clock.h"
+#include "hdmi_linux.h"
 
 namespace view
 {
@@ -57,6 +58,8 @@ bool Player::open(const PlayerConfig& config)
     held_serial_ = -1;
     written_ns_ = 0;
     splice_ = {};
+    backlog_ = {};
+    held_sound_ms_ = static_cast<double>(config.holds.sound_ns) / 1e6;
     plan_.emplace();
     taken_serial_ = 0;
     last_old_serial_ = std::numeric_limits<int32_t>::max(); // nothing is played before the first reset
@@ -156,6 +159,7 @@ void Player::on_event(hdmi_player_event_e event)
     if (event != E_HDMI_PLAYER_EVENT_AVSYNC_RESET)
         return;
     player_->plan_->reset(common::now_ns());
+    player_->transit_->start(common::now_ns());
     player_->last_old_serial_ = player_->taken_serial_.load();
     player_->resets_++;
 }
@@ -190,11 +194,12 @@ void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waite
 {
     const int frames = block->size / kBytesPerFrame;
     auto* const samples = reinterpret_cast<int16_t*>(block->data);
+    const bool paused = taken_ns - written_ns_ > kPauseNs;
     plan_->block(block->pts, taken_ns, block->serial != held_serial_);
     if (block->serial != held_serial_) {
         late_sound_.start();
         // Sound that goes on through a reset goes on through the hold as well.
-        if (taken_ns - written_ns_ > kPauseNs)
+        if (paused)
             sound_hold_->start(block->sample_rate);
     }
     held_serial_ = block->serial;
@@ -206,8 +211,23 @@ void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waite
         return;
     }
     splice_.join(samples, frames);
+    write(block, waited, paused);
+}
+
+void Player::write(hdmi_player_audio_frame_t* block, bool waited, bool paused)
+{
+    const int frames = block->size / kBytesPerFrame;
+    const int64_t ahead = backlog_.before_write(hdmi_linux::playback_stats(), paused);
     written_ns_ = common::now_ns();
     plan_->wrote(written_ns_);
+    const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
+    // A block that was waited for has just been captured to its end.
+    if (waited && capture.rate > 0) {
+        const double captured_ms = 1e3 * static_cast<double>(capture.waiting) / capture.rate + held_sound_ms_;
+        const double queued_ms = 1e3 * static_cast<double>(frames + ahead) / block->sample_rate;
+        transit_->sound.add(written_ns_, captured_ms + queued_ms);
+    }
+    backlog_.wrote(frames);
     // Waits while the output's queue is full: the sound device sets the pace.
     if (hdmi_player_write_pcm(block) == 0)
         sound_frames_ += frames;

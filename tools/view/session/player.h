@@ -20,6 +20,7 @@
 #include "display/flip_gate.h"
 #include "hdmi_player.h"
 #include "picture/feed.h"
+#include "session/transit.h"
 
 namespace view
 {
@@ -49,8 +50,8 @@ int frames_kept(double fps, double refresh_hz, const common::Holds& holds);
 class Player
 {
 public:
-    /// Both outlive it.
-    Player(Feed* feed, display::FlipGate* gate) : feed_(feed), gate_(gate) {}
+    /// All outlive it.
+    Player(Feed* feed, display::FlipGate* gate, Transit* transit) : feed_(feed), gate_(gate), transit_(transit) {}
     ~Player() { close(); }
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
@@ -67,6 +68,9 @@ public:
     /// Whether sound and frames have left the plan since the last call: a reason to withhold frames, with FrameBreak.
     bool left_plan() { return plan_ && plan_->left(); }
 
+    /// While it is open: from now on flips are held for @p refreshes more, or fewer.
+    void shift_flips(int refreshes) { held_flips_->shift(refreshes); }
+
     PlayerFigures figures() const;
 
 private:
@@ -79,11 +83,13 @@ private:
     void sound_thread();
     bool may_play(int32_t serial);
     void play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waited);
+    void write(hdmi_player_audio_frame_t* block, bool waited, bool paused);
 
     static Player* player_;
 
     Feed* const feed_;
     display::FlipGate* const gate_;
+    Transit* const transit_;
     bool open_ = false;
     std::unique_ptr<common::HeldFlips> held_flips_;
     std::optional<common::PlanWatch> plan_; ///< of this opening
@@ -94,6 +100,8 @@ private:
     std::unique_ptr<common::SoundHold> sound_hold_;
     common::LateSound late_sound_;
     common::Splice splice_;
+    OutputBacklog backlog_;
+    double held_sound_ms_ = 0;
     int64_t written_ns_ = 0; ///< when the last block was
     int32_t newest_serial_ = 0;
     int32_t held_serial_ = -1;

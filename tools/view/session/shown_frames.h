@@ -8,6 +8,7 @@
 #include "display/display.h"
 #include "picture/feed.h"
 #include "session/frame_log.h"
+#include "session/transit.h"
 
 namespace view
 {
@@ -24,6 +25,7 @@ public:
         const int64_t number = frame.number;
         if (log_ != nullptr)
             log_->seen(frame, seen_ns);
+        transit_.frames.add(seen_ns, static_cast<double>(seen_ns - frame.arrived_ns) / 1e6);
         const int64_t step = number - number_;
         if (step <= 0)
             disordered_++;
@@ -43,6 +45,7 @@ public:
     }
 
     FrameLog* log() const { return log_; }
+    Transit& transit() { return transit_; }
 
     int64_t seen() const { return seen_; }
     int64_t unseen() const { return unseen_; }         ///< between two that were seen
@@ -50,6 +53,7 @@ public:
 
 private:
     FrameLog* const log_;
+    Transit transit_;
     std::atomic<int64_t> number_{0}; ///< of the frame seen last
     std::atomic<int64_t> seen_{0};
     std::atomic<int64_t> unseen_{0};

@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 #include "common/clock.h"
 #include "common/wall_clock.h"
@@ -31,6 +32,8 @@ constexpr double kUnstatedFps = 60;
 /// Buffers that a device gives at most, less those that it needs itself.
 constexpr int kMostKept = 29;
 constexpr double kMostHeldMs = 160;
+/// Flips that are held for whole refreshes stay so for one at least.
+constexpr double kLeastHeldMs = 1;
 constexpr double kHeldStepMs = 4;
 
 /// For how long flips can be held before buffers run short.
@@ -46,6 +49,25 @@ double most_held_ms(double fps, double refresh_hz)
     while (held_ms > kPlannedMs && kept() > kMostKept)
         held_ms -= kHeldStepMs;
     return held_ms;
+}
+
+/// Whether what the receiver announced last is compressed.
+bool sound_is_compressed()
+{
+    constexpr int kMostEvents = 16;
+    hdmi_linux_receiver_event_t events[kMostEvents];
+    for (int i = std::min(hdmi_linux_receiver_events(events, kMostEvents), kMostEvents) - 1; i >= 0; i--)
+        if (events[i].announced)
+            return std::strstr(events[i].text, "COMP") != nullptr;
+    return false;
+}
+
+/// What is known of it, for the line of figures.
+std::string way_of(const char* format, std::optional<double> ms)
+{
+    char text[96];
+    std::snprintf(text, sizeof text, format, ms.value_or(0));
+    return ms ? text : "";
 }
 
 } // namespace
@@ -126,14 +148,46 @@ bool Viewing::update_player(const ViewingConfig& config)
     if (!config.sound || feed_.figures().frames < kFramesToKnow)
         return true;
     const Lateness lateness = measure_lateness(config);
-    if (player_.is_open() && sound_delay_.suits(lateness))
+    if (player_.is_open() && sound_delay_.suits(lateness)) {
+        aim(config);
         return true;
+    }
     const int64_t now_ns = common::now_ns();
     if (!player_.is_open() && tried_ns_ != 0 && now_ns - tried_ns_ < kTryAgainNs)
         return false;
     tried_ns_ = now_ns;
     sound_delay_ = SoundDelay(lateness);
     return open_player(config);
+}
+
+/// By calculation; nothing: not known yet.
+std::optional<double> Viewing::sound_later_ms() const
+{
+    const std::optional<double> sound_ms = shown_frames_->transit().sound.value();
+    const std::optional<double> frames_ms = shown_frames_->transit().frames.value();
+    if (!sound_ms || !frames_ms)
+        return std::nullopt;
+    return *sound_ms - *frames_ms - feed_.age_ms();
+}
+
+/// The player places frames when it begins, before it knows the sound's way, and leaves those that are early where they
+/// are. So once after each of its resets they are brought to the refresh that is nearest to where they should be. Of
+/// compressed sound the way is not known so well.
+void Viewing::aim(const ViewingConfig& config)
+{
+    const int64_t resets = player_.figures().resets;
+    const std::optional<double> later_ms = sound_later_ms();
+    if (!later_ms || resets == aimed_ || !holds_.holds_flips() || sound_is_compressed())
+        return;
+    aimed_ = resets;
+    const double refresh_ms = 1e3 / static_cast<double>(info_.panel_refresh_rate);
+    const double held_ms = static_cast<double>(holds_.flip_ns) / kMs;
+    const double wanted_ms = static_cast<double>(common::kAimNs) / kMs + config.sound_delay_ms;
+    const int refreshes =
+        refreshes_to_hold(*later_ms, wanted_ms, refresh_ms, -static_cast<int>((held_ms - kLeastHeldMs) / refresh_ms),
+                          static_cast<int>((most_held_ms_ - held_ms) / refresh_ms));
+    holds_.flip_ns += std::llround(refreshes * refresh_ms * kMs);
+    player_.shift_flips(refreshes);
 }
 
 double Viewing::sound_delay_ms(const ViewingConfig& config) const
@@ -151,6 +205,7 @@ bool Viewing::open_player(const ViewingConfig& config)
                                       static_cast<double>(info_.panel_refresh_rate), info_.fd > 0);
     // Frames of a capture device come too unevenly for a plan of a third of a second (LightPlan).
     wanted.holds.even = false;
+    holds_ = wanted.holds;
     process::RealtimeScope realtime(kRealtimePriority);
     std::lock_guard<std::mutex> lock(mutex_);
     player_.close();
@@ -186,7 +241,14 @@ std::string Viewing::figures(const ViewingConfig& config) const
     std::snprintf(played, sizeof played, "; %.1f s of sound, %.1f s too late, %" PRId64 " resets",
                   static_cast<double>(player.sound) / kOutputRate, static_cast<double>(player.late) / kOutputRate,
                   player.resets);
-    return description() + frames + sound + played;
+    const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
+    const std::string format =
+        !capture.open ? ""
+                      : (sound_is_compressed() ? "; compressed, " : "; PCM, ") + std::to_string(capture.rate) + " Hz";
+    const Transit& transit = shown_frames_->transit();
+    return description() + frames + sound + played + format + way_of("; sound takes %.0f ms", transit.sound.value()) +
+           way_of("; frames take %.0f ms", transit.frames.value()) +
+           way_of("; by calculation sound %+.0f ms after its picture", sound_later_ms());
 }
 
 } // namespace view

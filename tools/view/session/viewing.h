@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -41,7 +42,8 @@ public:
 
     /// All outlive it.
     Viewing(VideoDevice* device, display::Display* display, display::FlipGate* gate, ShownFrames* shown_frames)
-        : device_(device), display_(display), shown_frames_(shown_frames), feed_(device, display), player_(&feed_, gate)
+        : device_(device), display_(display), shown_frames_(shown_frames), feed_(device, display),
+          player_(&feed_, gate, &shown_frames->transit())
     {
     }
     ~Viewing() { stop(); }
@@ -69,6 +71,8 @@ public:
 private:
     void run();
     Lateness measure_lateness(const ViewingConfig& config);
+    std::optional<double> sound_later_ms() const;
+    void aim(const ViewingConfig& config);
     bool open_player(const ViewingConfig& config);
     double sound_delay_ms(const ViewingConfig& config) const;
 
@@ -86,6 +90,8 @@ private:
     std::mutex mutex_; ///< the player is opened and closed while nobody renders
     Player player_;
     int64_t tried_ns_ = 0; ///< when it was opened last
+    common::Holds holds_;  ///< that the player has
+    int64_t aimed_ = 0;    ///< resets until then
 
     std::thread thread_;
     std::atomic<bool> stop_{false};
