@@ -164,6 +164,17 @@ TEST(Viewing, EndsWhenTheDeviceIsUnplugged)
     EXPECT_TRUE(session.device->gone());
 }
 
+TEST(Viewing, EndsWhenFramesStayAway)
+{
+    Session session;
+    ASSERT_TRUE(session.prepare()) << session.why.detail;
+    session.start();
+    ASSERT_TRUE(session.kernel.deliver(PlainDisplay::kStep));
+    EXPECT_TRUE(eventually([&] { return session.viewing->end() != Viewing::End::none; }));
+    EXPECT_EQ(session.viewing->end(), Viewing::End::stalled);
+    EXPECT_FALSE(session.device->gone());
+}
+
 TEST(VideoDevice, SaysWhatIsWrongWithACommandThatMendsIt)
 {
     const struct {
