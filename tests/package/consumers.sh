@@ -62,6 +62,12 @@ int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi
 #include <aio_device.h>
 #include <hdmi_cec.h>' | gcc -std=c99 "${strict[@]}" -x c -fsyntax-only \
         -I"$(pkg-config --variable=platformdir hdmi_player)" - || echo "FAIL: seams"
+    for library in hdmiplayer hdmiplayer_linux hdmiplayer_sim; do
+        readelf -d "$prefix/lib/lib$library.so" | grep -q "SONAME.*\[lib$library\.so\.1\]" || echo "FAIL: $library has no version"
+    done
+    for document in README.md first-steps.md porting.md sync.md; do
+        [ -s "$prefix/share/doc/hdmiplayer/$document" ] || echo "FAIL: $document"
+    done
     # The tools, and what goes with them.
     for tool in play view doctor run; do
         LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --help >"$folder/help" || echo "FAIL: $tool --help"
