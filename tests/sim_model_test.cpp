@@ -43,6 +43,7 @@ TEST(Pace, TimeOfACountIsTheFirstInstantWithThatCountEvenAfterDays)
 sim::LinkSignalPtr link(int rate, int64_t start_ns, int periods_at_once = 1)
 {
     auto signal = std::make_shared<sim::LinkSignal>();
+    signal->source.rate = rate;
     signal->source.periods_at_once = periods_at_once;
     signal->start_ns = start_ns;
     signal->pace = sim::Pace(rate, 0);
@@ -59,7 +60,7 @@ using Piece = std::array<int64_t, 3>;
 
 TEST(CaptureRing, PeriodIsReadableWhenItsLastFramePassedAndReadInAnySizes)
 {
-    sim::CaptureRing ring(1000, 4);
+    sim::CaptureRing ring(1000, 4, 1000);
     // One and a half frames have passed at the open: capture begins with frame 1.
     const int64_t open_ns = kSecond + 1'500'000, ready_ns = kSecond + 1001 * kMs;
     ring.attach(link(1000, kSecond), open_ns);
@@ -74,7 +75,7 @@ TEST(CaptureRing, PeriodIsReadableWhenItsLastFramePassedAndReadInAnySizes)
 
 TEST(CaptureRing, LosesTheOldestPeriodsAndKeepsTheRest)
 {
-    sim::CaptureRing ring(10, 4);
+    sim::CaptureRing ring(10, 4, 1000);
     ring.attach(link(1000, 0), 0);
     EXPECT_EQ(ring.drop_overrun(49 * kMs), 0);
     EXPECT_EQ(ring.drop_overrun(75 * kMs), 3);
@@ -84,11 +85,19 @@ TEST(CaptureRing, LosesTheOldestPeriodsAndKeepsTheRest)
     EXPECT_EQ(take(ring, 6), (Piece{40, 0, 4}));
     EXPECT_EQ(ring.drop_overrun(91 * kMs), 1);
     EXPECT_EQ(take(ring, 40), (Piece{50, 0, 40}));
+
+    // A link of four times the rate: as much time, in four times as many periods.
+    sim::CaptureRing fast(10, 4, 1000);
+    fast.attach(link(4000, 0, 2), 0);
+    EXPECT_EQ(fast.drop_overrun(42 * kMs), 0);
+    EXPECT_EQ(fast.drop_overrun(45 * kMs), 2);
+    fast.detach(45 * kMs);
+    EXPECT_EQ(fast.drop_overrun(45 * kMs), 0);
 }
 
 TEST(CaptureRing, PeriodsThatAreReadAtOnceAreCollectedUntilTheSignalEnds)
 {
-    sim::CaptureRing ring(10, 4);
+    sim::CaptureRing ring(10, 4, 1000);
     ring.attach(link(1000, 0, 2), 0);
     EXPECT_EQ(ring.next_period_ns(5 * kMs), 20 * kMs);
     EXPECT_LE(ring.ready_bytes(19 * kMs), 0);
@@ -104,7 +113,7 @@ TEST(CaptureRing, PeriodsThatAreReadAtOnceAreCollectedUntilTheSignalEnds)
 
 TEST(CaptureRing, NextSignalFillsTheRestOfThePeriod)
 {
-    sim::CaptureRing ring(10, 4);
+    sim::CaptureRing ring(10, 4, 1000);
     ring.attach(link(1000, 0), 0);
     ring.detach(7 * kMs);
     EXPECT_EQ(ring.next_period_ns(500 * kMs), sim::kNever);

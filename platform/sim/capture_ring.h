@@ -37,7 +37,11 @@ class CaptureRing
 {
 public:
     CaptureRing() = default;
-    CaptureRing(int period_frames, int period_count) : period_(period_frames), count_(period_count) {}
+    /// @p rate: that of the device's opening. A faster link fills shorter periods, and more of them are held.
+    CaptureRing(int period_frames, int period_count, int rate)
+        : period_(period_frames), count_(period_count), rate_(rate)
+    {
+    }
 
     /// The device was opened on a link that carries @p signal. The signal's open_at() chooses the first frame.
     void open(LinkSignalPtr signal, int64_t now)
@@ -69,7 +73,7 @@ public:
     /// Skips the periods that the ring no longer holds. @return how many the reader lost.
     int64_t drop_overrun(int64_t now)
     {
-        const int64_t oldest = captured(now) / period_ - int64_t{count_} * at_once();
+        const int64_t oldest = captured(now) / period_ - held();
         const int64_t reader = position_bytes_ / kLinkFrameBytes / period_;
         if (oldest <= reader)
             return 0;
@@ -148,6 +152,12 @@ private:
     bool is_live() const { return !segments_.empty() && segments_.back().end == kNever; }
     /// Periods that are given to the reader together: what a signal has left when it ends is not held back.
     int at_once() const { return is_live() ? std::max(segments_.back().signal->source.periods_at_once, 1) : 1; }
+    /// Periods for which there is room: the same time for each link, and the same number of reads.
+    int64_t held() const
+    {
+        const int64_t in_time = segments_.empty() ? 0 : int64_t{count_} * segments_.back().signal->source.rate / rate_;
+        return std::max(in_time, int64_t{count_} * at_once());
+    }
     /// Frames that are given to the reader together.
     int64_t step() const { return int64_t{period_} * at_once(); }
 
@@ -166,6 +176,7 @@ private:
 
     int period_ = 1;
     int count_ = 1;
+    int rate_ = 1;
     int64_t position_bytes_ = 0; ///< of the reader
     std::deque<Segment> segments_;
 };

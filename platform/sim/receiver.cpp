@@ -128,7 +128,8 @@ int capture_open(const audio_config_t& config)
     if (r.openings.is_open())
         return -EBUSY;
     r.openings.begin();
-    r.ring = CaptureRing(config.period_frames, config.period_count);
+    const int rate = config.sample_rate != 0 ? config.sample_rate : kUnknownInputRate;
+    r.ring = CaptureRing(config.period_frames, config.period_count, rate);
     const int64_t now = hdmi_sim::now_ns();
     if (r.signal != nullptr) {
         r.ring.open(r.signal, now);
@@ -138,7 +139,7 @@ int capture_open(const audio_config_t& config)
     r.stats.opens++;
     r.stats.first_read_frame = -1;
     r.stats.bypass_mode = config.in_bypass_mode;
-    r.stats.sample_rate = config.sample_rate != 0 ? config.sample_rate : kUnknownInputRate;
+    r.stats.sample_rate = rate;
     return 0;
 }
 

@@ -57,9 +57,11 @@ struct Signal {
  * frames at the pace of this signal, whatever rate it was opened with (0 opens
  * as 48000). After an open it begins with the link frame that passes next; a
  * period can be read when its last frame has passed, or that of the last one of
- * periods_at_once. It holds period_count times as many complete periods; when
- * nobody reads, the oldest are lost. Reads of any size work; a brief, odd one
- * (see Fault) gives up the rest of its last frame.
+ * periods_at_once. It holds complete periods for as long as period_count of
+ * them last at the rate it was opened with, and period_count times
+ * periods_at_once of them at least; when nobody reads, the oldest are lost.
+ * Reads of any size work; a brief, odd one (see Fault) gives up the rest of its
+ * last frame.
  *
  * A signal that takes the place of another one while the device is open fills
  * the rest of the period that was under way.
