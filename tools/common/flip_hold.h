@@ -65,7 +65,7 @@ public:
         void* unseen = nullptr;
         if (times.vblank_ns != 0 && (holds_.refreshes > 0 || plan_.started())) {
             place(times, &held);
-            unseen = make_room_for(held);
+            unseen = make_room_for(times, &held);
         }
         if (unseen == buffer)
             return unseen;
@@ -108,8 +108,6 @@ private:
     /// Each hold ends early in a refresh, far from both vertical blanks: that a thread runs late, or flips come near a
     /// vertical blank, then does not matter.
     static constexpr double kIntoRefresh = 0.2;
-    /// For less, a vertical blank is too near to be met.
-    static constexpr int64_t kLeadNs = 500'000;
     /// Of a display whose vertical blanks begin elsewhere, nothing that was before counts.
     static constexpr double kMostQueued = 8;
 
@@ -133,35 +131,48 @@ private:
         // A flip decides for the refresh in which it lies, wherever in it.
         const double refresh = refresh_at(times.flipped_ns) + holds_.refreshes;
         plan_.learn(times.arrived_ns, times.flipped_ns, time_of(refresh + 1));
-        if (!plan_.known()) {
-            if (holds_.refreshes > 0)
-                held->due_ns = time_of(refresh + kIntoRefresh);
-            if (plan_.started())
-                held->light_ns = time_of(refresh + 1);
+        if (plan_.known()) {
+            const double wanted = plan_.refresh_for(times.arrived_ns, times.vblank_ns);
+            const double soonest = refresh_at(times.flipped_ns + kFlipLeadNs) + 1;
+            aim(times, time_of(std::max(wanted, soonest)), held);
+            plan_.seen_from(times.flipped_ns, soonest);
             return;
         }
-        const double wanted = plan_.refresh_for(times.arrived_ns, times.vblank_ns);
-        const double soonest = refresh_at(times.flipped_ns + kLeadNs) + 1;
-        held->light_ns = time_of(std::max(wanted, soonest));
-        // First in, first out.
-        if (static_cast<double>(newest_ns_ - held->light_ns) < kMostQueued * refresh_ns_)
-            held->light_ns = std::max(held->light_ns, newest_ns_);
-        const int64_t lead_ns = std::llround((1 - kIntoRefresh) * refresh_ns_);
-        held->due_ns = std::max(times.flipped_ns, held->light_ns - lead_ns);
-        if (plan_.outlived(times.flipped_ns, soonest))
-            plan_.start(times.flipped_ns);
+        aim(times, time_of(refresh + 1), held);
+        if (!plan_.started())
+            held->light_ns = kNone;
     }
 
-    /// @return what is not shown since @p held is for the same vertical blank, or @p held itself; null: nothing
-    void* make_room_for(const Held& held)
+    void aim(const FlipTimes& times, int64_t light_ns, Held* held) const
     {
-        const bool collides = held.light_ns != kNone && same_vblank(held.light_ns, newest_ns_);
-        newest_ns_ = held.light_ns;
-        if (!collides)
+        held->light_ns = light_ns;
+        const int64_t lead_ns = std::llround((1 - kIntoRefresh) * refresh_ns_);
+        held->due_ns = std::max(times.flipped_ns, light_ns - lead_ns);
+    }
+
+    /// One frame for each vertical blank, first in, first out. @return what is not shown since @p held is for the same
+    /// vertical blank, or @p held itself; null: nothing
+    void* make_room_for(const FlipTimes& times, Held* held)
+    {
+        const int64_t own_ns = held->light_ns;
+        const double ahead_ns = static_cast<double>(newest_ns_ - own_ns);
+        const bool taken = own_ns != kNone && newest_ns_ != kNone && ahead_ns > -refresh_ns_ / 2 &&
+                           ahead_ns < kMostQueued * refresh_ns_;
+        if (!taken) {
+            newest_ns_ = own_ns;
             return nullptr;
+        }
+        // The next one, as in a display's own queue: frames have their own again behind the first vertical blank that
+        // none is for.
+        if (same_vblank(newest_ns_, own_ns) && plan_.has_room()) {
+            newest_ns_ += std::llround(refresh_ns_);
+            aim(times, newest_ns_, held);
+            return nullptr;
+        }
+        aim(times, newest_ns_, held);
         // The display has the one before already.
-        if (held_.empty() || !same_vblank(held_.back().light_ns, held.light_ns))
-            return held.buffer;
+        if (held_.empty() || !same_vblank(held_.back().light_ns, newest_ns_))
+            return held->buffer;
         // The newer one is shown: if a scene begins with it, the scene is not seen later than planned.
         void* unseen = held_.back().buffer;
         held_.pop_back();

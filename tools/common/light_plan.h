@@ -2,19 +2,33 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <cstdlib>
+#include <utility>
 
 namespace common
 {
+
+/// A flip reaches the display before a vertical blank if it comes so long before it.
+constexpr int64_t kFlipLeadNs = 1'000'000;
 
 /**
  * How long frames shall take from their arrival to the vertical blank at which
  * they are seen. The player flips early frames at any time within 40 ms of their
  * sound, and its clock for them runs with the sound's; so a frame's way wanders
- * by a refresh or two within the hour. The plan is what the way was at first. When
- * it becomes shorter at once, frames had not settled by then, and the plan follows.
+ * by a refresh or two within the hour. The plan is what the way was when the
+ * player had settled: when two windows of frames in a row had the same way.
+ *
+ * A busy machine may take seconds to settle, and may seem to have settled before.
+ * So for five seconds the plan follows ways that become shorter. From then on it is
+ * never shorter than it was by then: what shortens the way later is a player's
+ * clock that ran ahead while the output was empty, or drifted, and the sound did
+ * not move with it. Frames that come too late for the plan make it longer; it
+ * becomes as short as before when they come in time again. It moves not more
+ * often than once in a second.
  *
  * On a display that has a clock of its own, frames then are half a refresh beside
  * it at the most: they can only be seen at vertical blanks. Pure: times are
@@ -28,10 +42,8 @@ public:
     /// The player places frames anew; the plan is taken when they have settled.
     void start(int64_t now_ns)
     {
-        settled_ns_ = now_ns + kSettlingNs;
-        plan_ns_ = late_since_ns_ = window_ns_ = stays_until_ns_ = kNone;
-        lateness_ = 0;
-        followed_ = false;
+        shortest_ns_ = follows_until_ns_ = kNone;
+        learn_anew(now_ns);
     }
 
     bool known() const { return plan_ns_ != kNone; }
@@ -43,30 +55,22 @@ public:
     {
         if (!started() || flipped_ns < settled_ns_)
             return;
-        if (window_ns_ == kNone) {
+        if (frames_ == 0) {
             window_ns_ = flipped_ns;
             first_arrived_ns_ = arrived_ns;
-            sum_ns_ = longest_ns_ = frames_ = 0;
+            longest_ns_ = 0;
         }
-        sum_ns_ += light_ns - arrived_ns;
+        ways_[frames_++ % ways_.size()] = light_ns - arrived_ns;
         longest_ns_ = std::max(longest_ns_, flipped_ns - arrived_ns);
-        frames_++;
         if (flipped_ns - window_ns_ < kWindowNs)
             return;
-        window_ns_ = kNone;
-        const int64_t mean_ns = sum_ns_ / frames_;
-        if (known() && static_cast<double>(usual_ns_ - mean_ns) < kStep * refresh_ns_) {
-            if (flipped_ns - settled_ns_ > kFreshNs)
-                usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
+        const size_t frames = std::exchange(frames_, 0);
+        const int64_t way_ns = median(std::min(frames, ways_.size()));
+        const int64_t before_ns = std::exchange(before_ns_, way_ns);
+        if (before_ns == kNone || static_cast<double>(std::abs(way_ns - before_ns)) > kSettled * refresh_ns_)
             return;
-        }
-        usual_ns_ = mean_ns;
-        // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
-        const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kLeadNs;
-        plan_ns_ = std::clamp(longest_ns_ + spread_ns, mean_ns, mean_ns + spread_ns);
-        if (frames_ > 1)
-            period_ns_ = static_cast<double>(arrived_ns - first_arrived_ns_) / static_cast<double>(frames_ - 1);
-        followed_ = false;
+        const double period_ns = static_cast<double>(arrived_ns - first_arrived_ns_) / static_cast<double>(frames - 1);
+        adopt(flipped_ns, way_ns, period_ns);
     }
 
     /**
@@ -95,16 +99,16 @@ public:
     /**
      * The frame of the latest refresh_for() can be seen at @p refresh at the soonest. Where several come so late within
      * a short time, those between them are seen later as well, until none was late for a second: without a hold, the
-     * player's own choice between two vertical blanks goes to and fro for a while when the phase comes round.
-     * @return whether frame after frame was too late, so that another plan is needed
+     * player's own choice between two vertical blanks goes to and fro for a while when the phase comes round. Where all
+     * come too late for a second, another plan is needed.
      */
-    bool outlived(int64_t now_ns, double soonest)
+    void seen_from(int64_t now_ns, double soonest)
     {
         const bool late = soonest > place_ + error_ + 0.5;
         lateness_ = std::max(late ? lateness_ + 1 : lateness_ - kForgiven, 0.0);
         if (!late) {
             late_since_ns_ = kNone;
-            return false;
+            return;
         }
         if (lateness_ > kMostLate) {
             lateness_ = kMostLate;
@@ -113,10 +117,55 @@ public:
         }
         if (late_since_ns_ == kNone)
             late_since_ns_ = now_ns;
-        return now_ns - late_since_ns_ > kPatienceNs;
+        if (now_ns - late_since_ns_ > kPatienceNs)
+            learn_anew(now_ns);
     }
 
+    /// Whether a frame may be seen one vertical blank later than it should. Not with about as many frames as vertical
+    /// blanks: all behind it would be late as well.
+    bool has_room() const { return !known() || period_ns_ > kRoomy * refresh_ns_; }
+
 private:
+    void learn_anew(int64_t now_ns)
+    {
+        settled_ns_ = now_ns + kSettlingNs;
+        plan_ns_ = before_ns_ = late_since_ns_ = stays_until_ns_ = kNone;
+        frames_ = 0;
+        lateness_ = 0;
+        followed_ = false;
+    }
+
+    int64_t median(size_t count)
+    {
+        const auto middle = ways_.begin() + static_cast<std::ptrdiff_t>(count / 2);
+        std::nth_element(ways_.begin(), middle, ways_.begin() + static_cast<std::ptrdiff_t>(count));
+        return *middle;
+    }
+
+    /// Frames have settled on @p way_ns: a plan, if there is none, or a shorter one.
+    void adopt(int64_t now_ns, int64_t way_ns, double period_ns)
+    {
+        const bool shorter = static_cast<double>(way_ns_ - way_ns) >= kStep * refresh_ns_;
+        if (known() && (!shorter || now_ns < again_ns_))
+            return;
+        if (follows_until_ns_ == kNone)
+            follows_until_ns_ = now_ns + kFollowsNs;
+        // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
+        const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kFlipLeadNs;
+        int64_t plan_ns = std::clamp(longest_ns_ + spread_ns, way_ns, way_ns + spread_ns);
+        if (now_ns >= follows_until_ns_)
+            plan_ns = std::max(plan_ns, shortest_ns_);
+        else if (shortest_ns_ == kNone || plan_ns < shortest_ns_)
+            shortest_ns_ = plan_ns;
+        way_ns_ = way_ns;
+        if (plan_ns == plan_ns_)
+            return;
+        plan_ns_ = plan_ns;
+        period_ns_ = period_ns;
+        again_ns_ = now_ns + kAgainNs;
+        followed_ = false;
+    }
+
     /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. One that comes early
     /// shows that those before it were late.
     void follow(double wanted_ns)
@@ -136,33 +185,44 @@ private:
     }
 
     static constexpr int64_t kNone = -1;
-    /// By then the sound's clock has placed the frames.
+    /// By then the sound's clock has placed the frames, as a rule.
     static constexpr int64_t kSettlingNs = 350'000'000;
     static constexpr int64_t kWindowNs = 300'000'000;
-    /// Of a refresh: shorter by more at once is none of what clocks do. For some seconds from the start: not at once
-    /// either.
+    /// Enough for a window on any display; of more, the latest count.
+    static constexpr size_t kMostFrames = 128;
+    /// Of a refresh: by which windows differ when frames have settled. On one side of a vertical blank or the other is
+    /// a whole one.
+    static constexpr double kSettled = 1.25;
+    /// Of a refresh: shorter by more is none of what the phase does.
     static constexpr double kStep = 1.5;
-    static constexpr int64_t kFreshNs = 5'000'000'000;
-    static constexpr int64_t kSlowly = 8;
+    /// From the first plan on. Clocks that run apart by 2000 ppm make the way shorter by 10 ms meanwhile.
+    static constexpr int64_t kFollowsNs = 5'000'000'000;
+    static constexpr int64_t kAgainNs = 1'000'000'000;
     /// So many frames in a row, or more with some between them.
     static constexpr double kMostLate = 4;
     static constexpr double kForgiven = 0.25;
     static constexpr int64_t kStaysNs = 1'000'000'000;
     static constexpr int64_t kPatienceNs = 1'000'000'000;
-    /// To reach the display before the vertical blank.
-    static constexpr int64_t kLeadNs = 1'000'000;
     /// Of a refresh: more than frames arrive to and fro.
     static constexpr double kSticky = 0.1;
+    /// Of a refresh, from frame to frame.
+    static constexpr double kRoomy = 1.1;
 
     const double refresh_ns_;
     int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
     int64_t plan_ns_ = kNone;
-    int64_t usual_ns_ = 0; ///< the way without a plan, which may change slowly
-    int64_t window_ns_ = kNone;
+    int64_t way_ns_ = 0;          ///< without a plan, when the plan was taken
+    int64_t shortest_ns_ = kNone; ///< plan, of those taken while it followed
+    int64_t follows_until_ns_ = kNone;
+    int64_t again_ns_ = 0; ///< no other plan before
+    // The window.
+    std::array<int64_t, kMostFrames> ways_ = {};
+    size_t frames_ = 0;
+    int64_t window_ns_ = 0; ///< begin
     int64_t first_arrived_ns_ = 0;
-    int64_t sum_ns_ = 0;
-    int64_t longest_ns_ = 0;
-    int64_t frames_ = 0;
+    int64_t longest_ns_ = 0;    ///< from arrival to flip
+    int64_t before_ns_ = kNone; ///< way in the window before
+
     int64_t late_since_ns_ = kNone;
     double lateness_ = 0; ///< of the latest frames
     int64_t stays_until_ns_ = kNone;

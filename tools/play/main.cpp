@@ -177,7 +177,7 @@ common::Holds holds_for(const Options& options, Coding coding, const display::Di
     const int64_t offset_ns = options.av_offset_ms * kMs + (coding == Coding::eac3 ? common::kEarlyPayloadNs : 0);
     common::Holds holds =
         common::plan_holds(options.display_latency_ms() * kMs, offset_ns, display.refresh_hz(), display.paced());
-    // Frames of a capture device come too unevenly for a plan of a third of a second (LightPlan).
+    // Frames of a capture device come too unevenly for a plan (LightPlan).
     holds.even = holds.even && !options.captured_pictures();
     return holds;
 }

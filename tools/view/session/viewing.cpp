@@ -127,7 +127,7 @@ void Viewing::run()
         if (FrameLog* log = shown_frames_->log())
             log->came(*buffer);
         std::lock_guard<std::mutex> lock(mutex_);
-        const bool withheld = frame_break.withholds(came_ns, player_.left_plan() || wall_clock.was_set());
+        const bool withheld = frame_break.withholds(came_ns, player_.left_plan(came_ns) || wall_clock.was_set());
         if (withheld && player_.is_open())
             feed_.dropped(buffer);
         else
@@ -203,7 +203,7 @@ bool Viewing::open_player(const ViewingConfig& config)
     wanted.fps = fps_;
     wanted.holds = common::plan_holds(config.display_latency_ms * kMs, std::llround(sound_delay_ms(config) * 1e6),
                                       static_cast<double>(info_.panel_refresh_rate), info_.fd > 0);
-    // Frames of a capture device come too unevenly for a plan of a third of a second (LightPlan).
+    // Frames of a capture device come too unevenly for a plan (LightPlan).
     wanted.holds.even = false;
     holds_ = wanted.holds;
     process::RealtimeScope realtime(kRealtimePriority);
