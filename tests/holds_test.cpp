@@ -9,7 +9,9 @@
 #include "common/flip_hold.h"
 #include "common/holds.h"
 #include "common/late_sound.h"
+#include "common/light_plan.h"
 #include "common/picture_plan.h"
+#include "common/plan_watch.h"
 #include "common/sound_hold.h"
 #include "common/sound_plan.h"
 #include "common/wall_clock.h"
@@ -189,6 +191,53 @@ TEST(FlipHold, TakesAnotherPlanWhenFramesKeepComingTooLateForIt)
     EXPECT_GT(seen.frames, 57 * 60 * 0.95);
 }
 
+/// Frames and refreshes of 10 ms, 2 ms beside each other.
+struct Frames {
+    LightPlan plan{10.0 * kMs};
+    int64_t now_ns = 1000 * kMs;
+    double seen_ms = 0; ///< from the last frame's arrival to its light
+
+    Frames() { plan.start(now_ns); }
+    /// The player flips them so long after their arrival, at first and in the end.
+    void go(int64_t for_ms, double way_ms, double last_way_ms)
+    {
+        for (int64_t at_ms = 0; at_ms < for_ms; at_ms += 10, now_ns += 10 * kMs) {
+            const double part = static_cast<double>(at_ms) / static_cast<double>(for_ms);
+            const int64_t flipped_ns = now_ns + std::llround((way_ms + part * (last_way_ms - way_ms)) * kMs);
+            const int64_t vblank_ns = now_ns - 2 * kMs;
+            const double soonest = std::floor(static_cast<double>(flipped_ns - vblank_ns) / (10 * kMs)) + 1;
+            plan.learn(now_ns, flipped_ns, vblank_ns + std::llround(soonest * 10 * kMs));
+            seen_ms = soonest * 10 - 2;
+            if (!plan.known())
+                continue;
+            seen_ms = std::max(plan.refresh_for(now_ns, vblank_ns), soonest) * 10 - 2;
+            plan.seen_from(flipped_ns, soonest);
+        }
+    }
+    void go(int64_t for_ms, double way_ms) { go(for_ms, way_ms, way_ms); }
+};
+
+TEST(LightPlan, IsTakenWhenFramesHaveSettledAndIsNeverLateForGood)
+{
+    Frames frames;
+    frames.go(2000, 300, 50);
+    EXPECT_FALSE(frames.plan.known()) << "they still move";
+    frames.go(1500, 150);
+    EXPECT_NEAR(frames.seen_ms, 158, 10) << "they seem to have settled";
+    frames.go(2000, 51);
+    EXPECT_NEAR(frames.seen_ms, 58, 10);
+    frames.go(6000, 51);
+    frames.go(5000, 1);
+    EXPECT_NEAR(frames.seen_ms, 58, 10) << "the player's clock ran ahead of the sound";
+    frames.go(5000, 101);
+    EXPECT_NEAR(frames.seen_ms, 108, 10) << "a busy machine";
+    frames.go(2000, 51);
+    EXPECT_NEAR(frames.seen_ms, 58, 10) << "and one that is no more";
+    frames.plan.start(frames.now_ns);
+    frames.go(2000, 11);
+    EXPECT_NEAR(frames.seen_ms, 18, 10) << "a reset";
+}
+
 TEST(FlipHold, LeavesOutWhatComesTooLateForItsVerticalBlankRatherThanBeLateForGood)
 {
     FlipHold hold({2, 20 * kMs, 0, true}, 100);
@@ -233,6 +282,7 @@ TEST(SoundHold, DelaysInPlaceBehindSilence)
             std::iota(sound.begin(), sound.end(), static_cast<int16_t>(1));
             hold.start(48000);
             ASSERT_EQ(hold.frames(), kHeld);
+            ASSERT_TRUE(hold.suits(48000) && !hold.suits(44100));
             for (int at = 0; at < 2000; at += block)
                 hold.pass(sound.data() + 2 * at, std::min(block, 2000 - at));
             const std::vector<int16_t> rest = hold.rest();
@@ -399,6 +449,22 @@ TEST(SoundPlan, IsLeftWhereSoundIsLostOldOrComesLate)
         s.reset();
         EXPECT_EQ(s.play(3000, 30), 0);
     }
+}
+
+TEST(PlanWatch, AsksForFewResetsWhereTheyDoNotHelp)
+{
+    PlanWatch watch;
+    int times = 0;
+    for (int64_t now_ns = 1000 * kMs; now_ns < 101'000 * kMs; now_ns += 500 * kMs) {
+        watch.reset(now_ns);
+        // Every other sequence begins with old sound.
+        const int64_t old_us = now_ns / (500 * kMs) % 2 == 0 ? 100'000 : 0;
+        for (int64_t pts_us = 0; pts_us < 200'000; pts_us += 20'000)
+            watch.block(pts_us, now_ns + (pts_us - old_us) * 1000, pts_us == 0);
+        times += watch.left(now_ns + 400 * kMs) ? 1 : 0;
+    }
+    EXPECT_GE(times, 4);
+    EXPECT_LE(times, 4 + 10);
 }
 
 TEST(FrameBreak, LetsOneFrameThroughAndThenNoneForMoreThanASecond)

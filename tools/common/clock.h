@@ -4,6 +4,7 @@
 
 #include <time.h>
 
+#include <cerrno>
 #include <cstdint>
 
 namespace common
@@ -21,7 +22,7 @@ inline void sleep_until_ns(int64_t deadline_ns)
     timespec deadline = {};
     deadline.tv_sec = deadline_ns / 1'000'000'000;
     deadline.tv_nsec = deadline_ns % 1'000'000'000;
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) != 0) {
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <utility>
 
 namespace common
 {
@@ -26,7 +27,7 @@ public:
     {
         settled_ns_ = now_ns + kSettlingNs;
         fresh_ = true;
-        window_ns_ = kNone;
+        window_ns_ = before_ns_ = kNone;
     }
 
     /**
@@ -49,11 +50,14 @@ public:
             return false;
         const int64_t mean_ns = sum_ns_ / frames_;
         window_ns_ = kNone;
+        const bool settled = is_near(mean_ns, std::exchange(before_ns_, mean_ns));
         if (fresh_ && is_near(mean_ns, doubted_ns_))
             confirmed_++;
         fresh_ = false;
-        if (usual_ns_ == kNone || confirmed_ == kResetsThatConfirm)
+        if ((usual_ns_ == kNone && settled) || confirmed_ == kResetsThatConfirm)
             usual_ns_ = mean_ns;
+        if (usual_ns_ == kNone)
+            return false;
         if (is_near(mean_ns, usual_ns_)) {
             // The clocks may drift apart.
             usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
@@ -89,6 +93,7 @@ private:
     int64_t doubted_ns_ = kNone; ///< for which they waited when the plan was left
     int confirmed_ = 0;          ///< resets that did not change that
     bool fresh_ = true;          ///< nothing was judged since the reset
+    int64_t before_ns_ = kNone;  ///< for which they waited in the window before
     int64_t window_ns_ = kNone;
     int64_t sum_ns_ = 0;
     int64_t frames_ = 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -49,13 +50,24 @@ public:
             left_ = true;
     }
 
-    /// Whether the plan was left since the last call: a reason for FrameBreak.
-    bool left() { return left_.exchange(false); }
+    /// Whether the plan was left, and a reset is to put it right: a reason for FrameBreak. From one thread. Each costs
+    /// a second of frames: where resets do not help, there is one in ten seconds.
+    bool left(int64_t now_ns)
+    {
+        if (!left_ || now_ns < paid_ns_ - kAtOnce * kEachNs)
+            return false;
+        paid_ns_ = std::max(paid_ns_, now_ns) + kEachNs;
+        return left_.exchange(false);
+    }
 
 private:
     /// Sound that was not written for longer has paused.
     static constexpr int64_t kPauseNs = 200'000'000;
+    /// There is one in that time, and so many more at once.
+    static constexpr int64_t kEachNs = 10'000'000'000;
+    static constexpr int64_t kAtOnce = 3;
 
+    int64_t paid_ns_ = 0; ///< when their time is over
     std::atomic<bool> left_{false};
     std::atomic<int64_t> written_ns_{0};
     std::mutex mutex_;

@@ -27,6 +27,9 @@ public:
         next_ = 0;
     }
 
+    /// Whether what is held is as long as it should be at that rate. If not, it has to start again.
+    bool suits(int sample_rate) const { return ring_.size() == samples_at(sample_rate); }
+
     /// Takes a block, and puts what has been held long enough in its place.
     void pass(int16_t* stereo, int frames)
     {

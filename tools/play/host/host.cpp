@@ -165,7 +165,8 @@ void Host::video_thread()
         sleep_until_ns(due_ns);
         take_stall(&video_stall_ns_);
         const bool set = clock_was_set();
-        const bool withheld = frame_break.withholds(now_ns(), plan_.left() || set);
+        const int64_t came_ns = now_ns();
+        const bool withheld = frame_break.withholds(came_ns, plan_.left(came_ns) || set);
         if (buffer == nullptr)
             continue;
         if (withheld) {
@@ -346,7 +347,7 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
         late_sound_.start();
         // Sound that goes on through a reset goes on through the hold as well.
-        if (first || now_ns() - written_ns_ > kPauseNs)
+        if (first || now_ns() - written_ns_ > kPauseNs || !sound_hold_.suits(block.sample_rate))
             sound_hold_.start(block.sample_rate);
     }
     line_.push(reinterpret_cast<const int16_t*>(block.data), frames);

@@ -199,7 +199,7 @@ void Player::play(hdmi_player_audio_frame_t* block, int64_t taken_ns, bool waite
     if (block->serial != held_serial_) {
         late_sound_.start();
         // Sound that goes on through a reset goes on through the hold as well.
-        if (paused)
+        if (paused || !sound_hold_->suits(block->sample_rate))
             sound_hold_->start(block->sample_rate);
     }
     held_serial_ = block->serial;

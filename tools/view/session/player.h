@@ -65,8 +65,8 @@ public:
     /// Gives a frame of the host's away. While it is not open, the frame is shown at once.
     void render(ViewBuffer* buffer);
 
-    /// Whether sound and frames have left the plan since the last call: a reason to withhold frames, with FrameBreak.
-    bool left_plan() { return plan_ && plan_->left(); }
+    /// Whether sound and frames have left the plan: a reason to withhold frames, with FrameBreak.
+    bool left_plan(int64_t now_ns) { return plan_ && plan_->left(now_ns); }
 
     /// While it is open: from now on flips are held for @p refreshes more, or fewer.
     void shift_flips(int refreshes) { held_flips_->shift(refreshes); }
