@@ -196,6 +196,7 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const Outcome yes = Outcome::inconclusive;
     const Outcome no = Outcome::fail;
     const auto unread = [](Result* run) { run->overruns = 2; };
+    const auto withheld = [](Result* run) { run->frames.withheld = 30; };
     const auto thrown_away = [](Result* run) { run->audio.late = 2 * 960; };
     const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
     const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
@@ -215,6 +216,9 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
          no,
          {[](Result* run) { run->punctuality.late = 0; }, pictures_to(2)}},
         {"more pictures than late ticks", no, {pictures_to(300)}},
+        {"some of them withheld since sound was lost", yes, {unread, withheld, pictures_to(300)}},
+        {"some of them withheld, and no sound was lost", no, {withheld, pictures_to(300)}},
+        {"more than were withheld", no, {unread, withheld, pictures_to(400)}},
         {"samples of periods that nobody read", yes, {unread, missing(2 * 960)}},
         {"a block more than that", no, {unread, missing(3 * 960)}},
         {"what the host threw away as well", yes, {unread, thrown_away, missing(4 * 960)}},
