@@ -285,7 +285,7 @@ void demux_chunk(dolby_info_t* info, hdmi_player_audio_frame_t* chunk)
 // With the log of the queue on, its time-outs go on showing.
 int32_t dequeue_timeout(const dolby_info_t* info)
 {
-    return info->strategy == DOLBY_STRATEGY_PCM && !log_enabled(LOG_LEVEL_D) ? kNoTimeout : kDequeueTimeoutMs;
+    return info->strategy == DOLBY_STRATEGY_PCM && log_level() < LOG_LEVEL_D ? kNoTimeout : kDequeueTimeoutMs;
 }
 
 // The next chunk; null when none came. A source that is not started yet answers at once: to ask it without a pause

@@ -226,7 +226,7 @@ enum class news {
 };
 
 // Whether every step shows in the log, so that none may be left out.
-bool steps_are_logged(const sync_strategy_info_t& sync) { return sync.enable_log || log_enabled(LOG_LEVEL_D); }
+bool steps_are_logged(const sync_strategy_info_t& sync) { return sync.enable_log || log_level() >= LOG_LEVEL_D; }
 
 // The vertical blanks as far as they are known.
 pacing::vsync_grid grid_of(sync_strategy_info_t& sync)
@@ -257,13 +257,13 @@ bool is_worth_a_step(sync_strategy_info_t& sync) REQUIRES(sync.sync_thread_mutex
            pacing::due_at_vsync(pacing::flip_target(release_time, grid), grid);
 }
 
-// Whether @p what can change anything for the sync thread, or @p every_step is to be seen.
-bool concerns_sync_thread(sync_strategy_info_t& sync, news what, bool every_step) REQUIRES(sync.sync_thread_mutex)
+// Whether @p what can change anything for the sync thread.
+bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.sync_thread_mutex)
 {
     const sync_wait_e wait = sync.sync_thread_wait;
     if (wait == E_SYNC_WAIT_NONE || what == news::restart || what == news::setting)
         return true; // for the step under way it comes too late
-    if (wait == E_SYNC_WAIT_AUDIO || every_step)
+    if (wait == E_SYNC_WAIT_AUDIO || steps_are_logged(sync))
         return true;
     if (wait == E_SYNC_WAIT_FRAME)
         return what == news::frame;
@@ -284,9 +284,8 @@ void end_vsync_idleness(sync_strategy_info_t& sync)
 // Has the sync thread look again, now or, while it is busy, at its next wait, if the news concern it.
 void wake_sync_thread(sync_strategy_info_t& sync, news what)
 {
-    const bool every_step = steps_are_logged(sync); // it may print, which the sync thread must not wait for
     mutex_guard guard(sync.sync_thread_mutex);
-    if (!concerns_sync_thread(sync, what, every_step))
+    if (!concerns_sync_thread(sync, what))
         return;
     sync.sync_thread_wake = true;
     const bool asleep = sync.sync_thread_wait != E_SYNC_WAIT_NONE;

@@ -55,6 +55,9 @@ int env_get_value(const char* str, int value);
  */
 char* env_get_string(const char* str);
 
+/// The level now. Prints nothing: for who holds a mutex and has nothing to say.
+inline int log_level() { return env_get_value("debug_hdmiplayer_log_level", 2); }
+
 /**
  * Logs with the "[function line] " prefix. The level test comes before the
  * arguments are evaluated: a suppressed message costs one environment look-up.
@@ -77,7 +80,7 @@ public:
     {
         if (g_console_behind.load(std::memory_order_relaxed))
             console_catch_up();
-        level_ = env_get_value("debug_hdmiplayer_log_level", 2);
+        level_ = log_level();
     }
 
 private:
