@@ -172,11 +172,21 @@ private:
     {
         constexpr double kPart = 1.0 / 8;
         constexpr double kPartOfPeriod = 1.0 / 128;
+        const double came_ns = std::exchange(came_ns_, wanted_ns);
         if (!followed_ || !(period_ns_ > 0)) {
             wanted_ns_ = wanted_ns;
+            doubted_ = false;
             return;
         }
         const double frames = std::max(std::round((wanted_ns - wanted_ns_) / period_ns_), 1.0);
+        // Much later than the one before: it is late itself, or a frame before it never came. The next one tells.
+        const bool much_later = frames > 1 && frames < kMissing;
+        const bool at_its_pace = wanted_ns - came_ns > kPace * period_ns_;
+        if (much_later && !(std::exchange(doubted_, true) && at_its_pace)) {
+            wanted_ns_ += period_ns_;
+            return;
+        }
+        doubted_ = false;
         const double error_ns = wanted_ns - (wanted_ns_ + frames * period_ns_);
         const bool early = error_ns < -kSticky * refresh_ns_;
         wanted_ns_ = early ? wanted_ns : wanted_ns - (1 - kPart) * error_ns;
@@ -207,6 +217,9 @@ private:
     static constexpr double kSticky = 0.1;
     /// Of a refresh, from frame to frame.
     static constexpr double kRoomy = 1.1;
+    /// Periods from frame to frame: by more, frames are missing; by less, a late one is made up for.
+    static constexpr double kMissing = 4;
+    static constexpr double kPace = 0.75;
 
     const double refresh_ns_;
     int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
@@ -231,6 +244,8 @@ private:
     double place_ = 0;     ///< in refreshes, as refresh_for()
     double error_ = 0;     ///< refreshes by which it is seen later
     double period_ns_ = 0; ///< from frame to frame
+    double came_ns_ = 0;   ///< when it would have been wanted by its own arrival
+    bool doubted_ = false; ///< it came much later than the one before
 };
 
 } // namespace common
