@@ -762,6 +762,40 @@ TEST(FlipGate, HoldsBackBurstsButNotPairsAtTheEdgeOfAVerticalBlank)
     EXPECT_TRUE(gate.admit(kSecond + 41 * kMs));
 }
 
+TEST_F(PlayMeasure, ComparisonFindsItsPlaceAgainBehindAnUnderrun)
+{
+    constexpr int kRate = 48000;
+    constexpr int kSourceRate = 44100;
+    constexpr int kBeginS = 6;
+    Programme programme(kSourceRate, {60, 1}, 24 * kSecond, true);
+    Reference reference(programme, (kBeginS - 1) * kSourceRate, kRate);
+    std::vector<int16_t> whole;
+    for (int i = 0; i < 9 * kRate; i++) {
+        ASSERT_TRUE(reference.reach(kRate + i, kRate + i + 1));
+        for (float value : reference.at(kRate + i))
+            whole.push_back(static_cast<int16_t>(std::lrint(value)));
+    }
+    constexpr std::ptrdiff_t kAt = 2 * 35 * kRate / 10;
+    for (int lost_ms : {-120, 120, 700}) {
+        std::vector<int16_t> sound = whole;
+        const int lost = lost_ms * kRate / 1000;
+        if (lost < 0)
+            sound.insert(sound.begin() + kAt, static_cast<size_t>(-2 * lost), 0);
+        else
+            sound.erase(sound.begin() + kAt, sound.begin() + kAt + 2 * std::ptrdiff_t{lost});
+        record(sound, kRate, kSecond);
+        std::vector<SoundMatch> matches;
+        for (int second = 1; second < 8; second++)
+            if (second < 4 || second * 1000 > 3500 + lost_ms)
+                matches.push_back({(kBeginS + second) * kSourceRate, second * kRate - (second < 4 ? 0 : lost) + 3});
+        Fidelity found = compare_sound(recording, programme, matches, {1, kBeginS + 1, kBeginS + 7.5, true});
+        EXPECT_GE(found.windows, 50) << lost_ms;
+        EXPECT_GE(found.disturbed, 1) << lost_ms;
+        EXPECT_LE(found.disturbed, 4) << lost_ms << " at " << found.first_disturbed_s;
+        EXPECT_NEAR(found.worst_jump, std::abs(lost), 1) << lost_ms;
+    }
+}
+
 TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
 {
     constexpr double kClocks = 1.0002;

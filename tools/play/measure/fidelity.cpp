@@ -27,6 +27,9 @@ constexpr int kSearchStep = 16;
 /// Where a window may be sought, in frames beside the place that the one before told.
 constexpr int kNear = 16;
 constexpr int kFar = 1600;
+/// How far from a beep its place is asked for, and by how much it may differ from that of the window before.
+constexpr double kBeepReachS = 1.5;
+constexpr double kFarthestS = 5;
 /// Far searches take half a second.
 constexpr int kMostFarSearches = 30;
 /// What may be left of the faint noise, whose highest part no resampler passes on.
@@ -96,13 +99,14 @@ double beside_tone(const std::vector<double>& left, int rate)
 class SoundComparison
 {
 public:
-    SoundComparison(const Recording& recording, const Source& source, const Comparison& comparison)
-        : recording_(recording), source_(source), comparison_(comparison),
+    SoundComparison(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
+                    const Comparison& comparison)
+        : recording_(recording), source_(source), matches_(matches), comparison_(comparison),
           length_(recording.sample_rate() / kWindowsPerS), heard_(static_cast<size_t>(2 * length_))
     {
     }
 
-    Fidelity run(const std::vector<SoundMatch>& matches);
+    Fidelity run();
 
 private:
     bool judge(int64_t first, Place predicted);
@@ -110,6 +114,8 @@ private:
     double source_s(double place) const { return reference_->source_s(place); }
     std::optional<Place> fit(Place place, int rounds);
     std::optional<Place> fit_near(Place place, int range);
+    std::optional<Place> fit_by_beeps(int64_t first, Place predicted);
+    std::optional<Place> find_again(int64_t first, Place predicted, bool beep);
     Rest rest_of(Place place, int step);
     bool has_beep(Place place) const;
     bool fits(const Rest& rest, bool beep) const;
@@ -120,6 +126,7 @@ private:
 
     const Recording& recording_;
     const Source& source_;
+    const std::vector<SoundMatch>& matches_;
     const Comparison& comparison_;
     const int length_; ///< frames in a window
     std::vector<int16_t> heard_;
@@ -202,8 +209,9 @@ std::optional<Place> SoundComparison::fit(Place place, int rounds)
             }
         }
         double determinant = dd * ss - ds * ds;
+        // Silence fits everywhere.
         if (!(determinant > 0))
-            return {};
+            break;
         const double moved = std::clamp((rd * ss - rs * ds) / determinant, -1.0, 1.0);
         const double faster = std::clamp((rs * dd - rd * ds) / determinant / length_, -1e-3, 1e-3);
         place.middle += moved;
@@ -232,6 +240,39 @@ std::optional<Place> SoundComparison::fit_near(Place place, int range)
         }
     }
     return fit(from, 2 * kFitRounds);
+}
+
+/// From the beeps before and behind the window at @p first, which are in place whatever was lost or added beyond them.
+/// @return nothing where it does not fit either
+std::optional<Place> SoundComparison::fit_by_beeps(int64_t first, Place predicted)
+{
+    const int rate = recording_.sample_rate();
+    const double speed = 1 / comparison_.clocks;
+    const auto behind =
+        std::find_if(matches_.begin(), matches_.end(), [=](const SoundMatch& match) { return match.position > first; });
+    for (auto match = behind != matches_.begin() ? behind - 1 : behind; match != matches_.end(); ++match) {
+        const double from_beep = static_cast<double>(first - match->position) + length_ / 2.0;
+        const Place place = {reference_->place_of(match->source_sample) + from_beep * speed, speed};
+        const bool near =
+            std::abs(from_beep) < kBeepReachS * rate && std::abs(place.middle - predicted.middle) < kFarthestS * rate;
+        if (near && !has_beep(place)) {
+            std::optional<Place> found = fit_near(place, kNear);
+            if (found && fits(rest_of(*found, 1), false))
+                return found;
+        }
+        if (match == behind)
+            break;
+    }
+    return {};
+}
+
+/// A window did not fit at @p predicted.
+std::optional<Place> SoundComparison::find_again(int64_t first, Place predicted, bool beep)
+{
+    std::optional<Place> found = fit_by_beeps(first, predicted);
+    if (!found && !beep && far_searches_++ < kMostFarSearches)
+        found = fit_near(predicted, kFar);
+    return found;
 }
 
 /// The beginning and the end of a beep are steep: of them, too, no resampler passes everything on.
@@ -327,9 +368,10 @@ bool SoundComparison::judge(int64_t first, Place predicted)
     bool beep = has_beep(*found);
     Rest rest = rest_of(*found, 1);
     bool good = fits(rest, beep);
-    if (!good && !beep && far_searches_++ < kMostFarSearches) {
-        if (std::optional<Place> elsewhere = fit_near(predicted, kFar)) {
+    if (!good) {
+        if (std::optional<Place> elsewhere = find_again(first, predicted, beep)) {
             found = elsewhere;
+            beep = has_beep(*found);
             rest = rest_of(*found, 1);
             good = fits(rest, beep);
         }
@@ -351,13 +393,13 @@ bool SoundComparison::judge(int64_t first, Place predicted)
     return true;
 }
 
-Fidelity SoundComparison::run(const std::vector<SoundMatch>& matches)
+Fidelity SoundComparison::run()
 {
     int rate = source_.audio_rate();
-    auto begin = std::find_if(matches.begin(), matches.end(), [&](const SoundMatch& match) {
+    auto begin = std::find_if(matches_.begin(), matches_.end(), [&](const SoundMatch& match) {
         return static_cast<double>(match.source_sample) >= comparison_.from_s * rate;
     });
-    if (begin == matches.end())
+    if (begin == matches_.end())
         return result_;
     reference_.emplace(source_, begin->source_sample - rate, recording_.sample_rate());
     int64_t first = begin->position;
@@ -384,7 +426,7 @@ Fidelity SoundComparison::run(const std::vector<SoundMatch>& matches)
 Fidelity compare_sound(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                        const Comparison& comparison)
 {
-    return SoundComparison(recording, source, comparison).run(matches);
+    return SoundComparison(recording, source, matches, comparison).run();
 }
 
 } // namespace play

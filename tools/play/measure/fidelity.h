@@ -37,7 +37,7 @@ struct Comparison {
     bool tones = false; ///< the source's right channel has tone and sweep
 };
 
-/// @p matches give the place to begin at. windows is 0 without any.
+/// @p matches give the place to begin at, and to go on from where sound was lost or added. windows is 0 without any.
 Fidelity compare_sound(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                        const Comparison& comparison);
 
