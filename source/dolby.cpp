@@ -156,11 +156,8 @@ bool is_stuffing(dolby_info_t* info, uint32_t size)
     return fits;
 }
 
-adecoder_handle_t* current_decoder(dolby_info_t* info)
-{
-    mutex_guard lock(info->decoder_mutex);
-    return info->adecoder_handle;
-}
+// For the demux thread, which needs no lock to read what it alone writes.
+adecoder_handle_t* current_decoder(const dolby_info_t* info) NO_THREAD_SAFETY_ANALYSIS { return info->adecoder_handle; }
 
 int32_t current_sample_rate(dolby_info_t* info)
 {
