@@ -90,10 +90,11 @@ audio_param_t derived(audio_param_t param)
 
 /// The block's samples as the converter takes them: one pointer, or one per channel of a planar format.
 struct sample_planes {
-    uint8_t* data[RESAMPLE_MAX_CHANNELS] = {};
+    uint8_t* data[RESAMPLE_MAX_CHANNELS]; ///< set: one for each channel
 
     sample_planes(uint8_t* block, int samples, const audio_param_t& param)
     {
+        std::fill_n(data, param.channels, nullptr);
         data[0] = block;
         if (samples > 0 && av_sample_fmt_is_planar(param.fmt) != 0)
             av_samples_fill_arrays(data, nullptr, block, param.channels, samples, param.fmt, 1);
