@@ -7,83 +7,56 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <new>
+#include <memory>
 #include <type_traits>
 
 #include "internal/common.h"
 
 resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX] = {
-    {0, {}, {nullptr}},  {1, {}, {nullptr}},  {2, {}, {nullptr}},  {3, {}, {nullptr}},
-    {4, {}, {nullptr}},  {5, {}, {nullptr}},  {6, {}, {nullptr}},  {7, {}, {nullptr}},
-    {8, {}, {nullptr}},  {9, {}, {nullptr}},  {10, {}, {nullptr}}, {11, {}, {nullptr}},
-    {12, {}, {nullptr}}, {13, {}, {nullptr}}, {14, {}, {nullptr}}, {15, {}, {nullptr}},
+    {0, {nullptr}},  {1, {nullptr}},  {2, {nullptr}},  {3, {nullptr}},  {4, {nullptr}},  {5, {nullptr}},
+    {6, {nullptr}},  {7, {nullptr}},  {8, {nullptr}},  {9, {nullptr}},  {10, {nullptr}}, {11, {nullptr}},
+    {12, {nullptr}}, {13, {nullptr}}, {14, {nullptr}}, {15, {nullptr}},
 };
 
 namespace
 {
 
-static_assert(std::is_trivially_destructible_v<frame_queue_t>, "the registry frees the record without a destructor");
-
 /// Pause between two attempts to allocate a buffer while memory is short.
 constexpr uint64_t kAllocRetryUs = 10000;
 
-/// Serialises the registry, whose functions take no lock. May be taken while a slot lock is held.
+/// Serialises the registry, whose functions take no lock. May be taken while a queue's mutex is held.
 mutex_t g_registry_mutex;
 
-/// Whether a slot's record may be used: set when init has built it, cleared by
-/// the one deinit that destroys it. The payload does not tell: it is in the
-/// table before it is built, and while deinit waits for the calls in progress.
-std::atomic<bool> g_live[FRAME_QUEUE_MAX + 1]; // and the one that never is
+// Never destroyed: calls with the id of a queue that is gone find it closed.
+static_assert(std::is_trivially_destructible_v<frame_queue_t>, "a call may come at any time");
+frame_queue_t g_queues[FRAME_QUEUE_MAX];
+frame_queue_t g_no_queue; ///< for ids without a slot; never open
 
-constexpr const char* kNoQueueMessage = "frame_queue_t is null.";
-
-/// The slot with this id; null, with the failure logged, when there is none.
-inline resource_manager_t* find_slot(int32_t id, const char* function)
+/// The queue of the slot with this id. Without such a slot, g_no_queue, with the failure logged.
+inline frame_queue_t& queue_of(int32_t id, const char* function = __builtin_FUNCTION())
 {
     if (0 <= id && id < static_cast<int32_t>(FRAME_QUEUE_MAX))
-        return &g_fq_resource_map[id]; // as the registry would find it: slot i has id i
-    resource_manager_t* slot = resource_manager_get(g_fq_resource_map, FRAME_QUEUE_MAX, id);
-    if (slot == nullptr)
-        log_as(function, LOG_LEVEL_E, "resource_manager_get id:%d failed\n", id);
-    return slot;
+        return g_queues[id]; // as the registry would find it: slot i has id i
+    resource_manager_get(g_fq_resource_map, FRAME_QUEUE_MAX, id);
+    log_as(function, LOG_LEVEL_E, "resource_manager_get id:%d failed\n", id);
+    return g_no_queue;
 }
 
-/// Stands for the slot of an id that has none: never live.
-resource_manager_t g_no_slot = {FRAME_QUEUE_MAX, {}, {nullptr}};
-
-/// A queue looked up by id; its slot lock keeps it in existence for a scope.
-/// Empty, with the failure logged in the name of the caller, when there is none.
-class queue_ref
+/// Whether calls may use @p q. Otherwise the failure was logged in the name of the caller.
+inline bool is_open(const frame_queue_t& q, const char* function = __builtin_FUNCTION())
 {
-public:
-    [[gnu::always_inline]] explicit queue_ref(int32_t id, const char* function = __builtin_FUNCTION(),
-                                              int line = __builtin_LINE())
-        : queue_ref(find_slot(id, function), function, line)
-    {
-    }
+    if (q.open)
+        return true;
+    if (&q != &g_no_queue)
+        log_as(function, LOG_LEVEL_E, "frame_queue_t is null.\n");
+    return false;
+}
 
-    explicit operator bool() const { return queue_ != nullptr; }
-    frame_queue_t& operator*() const { return *queue_; }
-    frame_queue_t* operator->() const { return queue_; }
-
-private:
-    [[gnu::always_inline]] queue_ref(resource_manager_t* slot, const char* function, int line)
-        : api_(slot != nullptr ? slot->rwlock : g_no_slot.rwlock, g_live[slot != nullptr ? slot->id : g_no_slot.id],
-               LOG_LEVEL_E, slot != nullptr ? kNoQueueMessage : nullptr, function, line)
-    {
-        if (api_)
-            queue_ = static_cast<frame_queue_t*>(slot->info.load());
-    }
-
-    const entry_guard api_;
-    frame_queue_t* queue_ = nullptr;
-};
-
-/// Traces a call at its begin and end. Keeps copies, because it outlives the record in deinit.
+/// Traces a call at its begin and end. Keeps copies, because the end may come with the mutex released.
 class api_trace
 {
 public:
-    explicit api_trace(const frame_queue_t& q, const char* function = __builtin_FUNCTION())
+    explicit api_trace(const frame_queue_t& q, const char* function = __builtin_FUNCTION()) REQUIRES(q.mutex)
         : enabled_(q.en_api_log), name_(q.name), function_(function)
     {
         print();
@@ -184,6 +157,18 @@ void unlock_and_signal_pool(frame_queue_t& q, mutex_guard& lock) NO_THREAD_SAFET
         pthread_cond_signal(&q.cond_acquire);
 }
 
+/// Waits on @p cond, counted among @p waiters, until @p deadline if there is one. As mutex_guard::wait_until().
+int await(frame_queue_t& q, mutex_guard& lock, pthread_cond_t& cond, int32_t& waiters,
+          const struct timespec* deadline = nullptr) REQUIRES(q.mutex)
+{
+    ++waiters;
+    const int err = deadline != nullptr ? lock.wait_until(cond, *deadline) : lock.wait(cond);
+    --waiters;
+    if (!q.open)
+        pthread_cond_signal(&q.cond_left);
+    return err;
+}
+
 uint8_t* allocate(int32_t size)
 {
     // malloc(0) may be null, which reads as a failure.
@@ -269,9 +254,7 @@ frame_info_t* acquire(frame_queue_t& q, mutex_guard& lock, int32_t size, const c
         if (q.pool_frames_count < q.pool_frames_max) {
             record = grow(q, size, function);
         } else if (q.free_frames_count <= 0 && !q.pool_wakeup) {
-            ++q.pool_waiters;
-            lock.wait(q.cond_acquire);
-            --q.pool_waiters;
+            await(q, lock, q.cond_acquire, q.pool_waiters);
             if (acquire_ended(q, function))
                 return nullptr;
             continue;
@@ -288,7 +271,8 @@ frame_info_t* acquire(frame_queue_t& q, mutex_guard& lock, int32_t size, const c
             return record;
         // Memory is short: try again until an abort. A pause on cond_acquire would take the signals of those who
         // wait for a frame.
-        lock.wait_until(q.cond_memory, get_monotonic_timeout_us(kAllocRetryUs));
+        const struct timespec retry = get_monotonic_timeout_us(kAllocRetryUs);
+        await(q, lock, q.cond_memory, q.memory_waiters, &retry);
     }
     return nullptr;
 }
@@ -303,9 +287,8 @@ bool wait_done(frame_queue_t& q, mutex_guard& lock, int32_t timeout_ms, const ch
             log_as(function, LOG_LEVEL_D, "[%s] done_frames_count:%d\n", q.name, q.done_frames_count.load());
             return true;
         }
-        ++q.done_waiters;
-        const int err = lock.wait_until(q.cond, get_monotonic_timeout_us(uint64_t{wait_ms} * 1000));
-        --q.done_waiters;
+        const struct timespec deadline = get_monotonic_timeout_us(uint64_t{wait_ms} * 1000);
+        const int err = await(q, lock, q.cond, q.done_waiters, &deadline);
         if (err == ETIMEDOUT)
             log_as(function, LOG_LEVEL_D, "[%s] wait timeout, err(%d): %s\n", q.name, err, strerror(err));
         else if (err != 0)
@@ -351,10 +334,9 @@ frame_info_t* find_record(frame_queue_t& q, const void* address, size_t member_o
     return &q.arry_pool_frames[index];
 }
 
-void abort_queue(frame_queue_t& q) EXCLUDES(q.mutex)
+void abort_queue(frame_queue_t& q) REQUIRES(q.mutex)
 {
     const api_trace trace(q, "frame_queue_abort");
-    mutex_guard lock(q.mutex);
     q.abort = true;
     pthread_cond_broadcast(&q.cond);
     pthread_cond_broadcast(&q.cond_acquire);
@@ -375,11 +357,10 @@ int32_t release_done(frame_queue_t& q) REQUIRES(q.mutex)
     return q.list_done_frames.prev == &q.list_done_frames ? 0 : -1;
 }
 
-void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
+void release_pool(frame_queue_t& q) REQUIRES(q.mutex)
 {
     const char* function = "frame_queue_pool_release";
     const api_trace trace(q, function);
-    mutex_guard lock(q.mutex);
     release_done(q);
     for (int32_t i = 0; i < q.pool_frames_max; ++i) {
         frame_info_t& record = q.arry_pool_frames[i];
@@ -397,28 +378,25 @@ void release_pool(frame_queue_t& q) EXCLUDES(q.mutex)
     pthread_cond_broadcast(&q.cond_acquire);
 }
 
-/// Builds a queue in the zeroed storage that the registry gave.
-frame_queue_t* build(void* storage, int32_t max_frames, const char* name) NO_THREAD_SAFETY_ANALYSIS
+/// Opens a closed queue on the records of @p pool.
+void set_up(frame_queue_t& q, frame_info_t* pool, int32_t max_frames, const char* name) REQUIRES(q.mutex)
 {
-    frame_queue_t* q = new (storage) frame_queue_t{};
-    q->en_api_log = env_get_value("debug_hdmiplayer_log_fq_api", 0) != 0;
-    q->en_state_log = env_get_value("debug_hdmiplayer_log_fq_state", 0) != 0;
-    q->name = name;
-    q->pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
-    q->mutex.init();
-    // A consumer may wait on another stage's queue. Its own stop does not wake it there: only the time limit
-    // ends that wait, so the limit must not depend on the wall clock.
-    cond_init_monotonic(q->cond);
-    cond_init_monotonic(q->cond_acquire);
-    cond_init_monotonic(q->cond_memory);
-    list_init(&q->list_done_frames);
-    return q;
+    q.en_api_log = env_get_value("debug_hdmiplayer_log_fq_api", 0) != 0;
+    q.en_state_log = env_get_value("debug_hdmiplayer_log_fq_state", 0) != 0;
+    q.name = name;
+    q.arry_pool_frames = pool;
+    q.pool_frames_max = std::min(max_frames, FRAME_QUEUE_POOL_MAX);
+    q.pool_frames_count = q.free_frames_count = q.done_frames_count = q.none_free_below = 0;
+    q.abort = q.done_wakeup = q.pool_wakeup = false;
+    list_init(&q.list_done_frames);
+    q.open = true;
 }
 
 int32_t create_slot(const char* name)
 {
     mutex_guard lock(g_registry_mutex);
-    return resource_manager_create(name, g_fq_resource_map, FRAME_QUEUE_MAX, sizeof(frame_queue_t));
+    return resource_manager_create(name, g_fq_resource_map, FRAME_QUEUE_MAX,
+                                   FRAME_QUEUE_POOL_MAX * sizeof(frame_info_t));
 }
 
 void destroy_slot(const char* name, int32_t id)
@@ -441,186 +419,181 @@ int32_t frame_queue_init(int32_t max_frames, const char* name)
         log_e("[%s] resource_manager_get id:%d failed\n", name, id);
         return -1;
     }
-    write_guard lock(slot->rwlock);
-    void* storage = slot->info.load();
-    if (storage == nullptr) {
+    auto* const pool = static_cast<frame_info_t*>(slot->info.load());
+    if (pool == nullptr) {
         log_e("[%s] frame_queue_t malloc failed.\n", name);
         return -1;
     }
-    const api_trace trace(*build(storage, max_frames, name));
-    g_live[id].store(true);
+    std::uninitialized_value_construct_n(pool, FRAME_QUEUE_POOL_MAX);
+    frame_queue_t& q = g_queues[id];
+    mutex_guard lock(q.mutex);
+    set_up(q, pool, max_frames, name);
+    const api_trace trace(q);
     return id;
 }
 
 int32_t frame_queue_deinit(int32_t id)
 {
-    resource_manager_t* slot = find_slot(id, __func__);
-    if (slot == nullptr)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    // Only the call that clears the flag frees the record. So it may use the record without the slot lock.
-    if (!g_live[id].exchange(false)) {
-        log_e("%s\n", kNoQueueMessage);
-        return -1;
-    }
-    frame_queue_t* q = static_cast<frame_queue_t*>(slot->info.load());
-    const api_trace trace(*q);
-    // Calls in progress hold the slot lock, and may wait for a frame for ever: the abort ends them.
-    abort_queue(*q);
-    write_guard lock(slot->rwlock);
-    release_pool(*q);
-    q->mutex.destroy();
-    pthread_cond_destroy(&q->cond);
-    pthread_cond_destroy(&q->cond_acquire);
-    pthread_cond_destroy(&q->cond_memory);
-    destroy_slot(q->name, id);
+    q.open = false; // calls are refused from now on, another deinit too
+    const api_trace trace(q);
+    // Calls in progress wait, for ever perhaps: the abort ends them.
+    abort_queue(q);
+    while (q.done_waiters + q.pool_waiters + q.memory_waiters > 0)
+        lock.wait(q.cond_left);
+    release_pool(q);
+    q.arry_pool_frames = nullptr;
+    destroy_slot(q.name, id);
     return 0;
 }
 
 frame_info_t* frame_queue_pool_acquire(int32_t id, int32_t frame_size)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return nullptr;
-    const api_trace trace(*q);
-    mutex_guard lock(q->mutex);
-    frame_info_t* record = acquire(*q, lock, std::max(frame_size, 0), __func__);
-    q->pool_wakeup = false;
+    const api_trace trace(q);
+    frame_info_t* record = acquire(q, lock, std::max(frame_size, 0), __func__);
+    q.pool_wakeup = false;
     return record;
 }
 
 int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    const api_trace trace(*q);
+    const api_trace trace(q);
     if (frame == nullptr) {
         log_e("frame:%p is null.\n", static_cast<void*>(frame));
         return -1;
     }
-    mutex_guard lock(q->mutex);
     // A pointer to anything but a record of this queue is not looked into.
-    const bool known = find_record(*q, frame, 0) != nullptr;
+    const bool known = find_record(q, frame, 0) != nullptr;
     const frame_node_state_e state = known ? frame->state : E_FRAME_NODE_STATE_MAX;
     if (state != E_FRAME_NODE_STATE_ACQUIRED) {
-        log_e("[%s] frame state %d err.\n", q->name, state);
+        log_e("[%s] frame state %d err.\n", q.name, state);
         return -1;
     }
-    list_add_tail(&frame->node, &q->list_done_frames);
+    list_add_tail(&frame->node, &q.list_done_frames);
     frame->state = E_FRAME_NODE_STATE_QUEUED;
-    add_done(*q, 1);
-    log_state(*q, *frame, __func__);
-    unlock_and_signal_done(*q, lock);
+    add_done(q, 1);
+    log_state(q, *frame, __func__);
+    unlock_and_signal_done(q, lock);
     return 0;
 }
 
 frame_info_t* frame_queue_done_dequeue(int32_t id, int32_t timeout_ms)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return nullptr;
-    const api_trace trace(*q);
-    mutex_guard lock(q->mutex);
-    if (q->abort) {
-        log_w("[%s] frame_queue abort\n", q->name);
+    const api_trace trace(q);
+    if (q.abort) {
+        log_w("[%s] frame_queue abort\n", q.name);
         return nullptr;
     }
-    if (!wait_done(*q, lock, timeout_ms, __func__))
+    if (!wait_done(q, lock, timeout_ms, __func__))
         return nullptr;
-    q->done_wakeup = false;
-    return take_oldest(*q, __func__);
+    q.done_wakeup = false;
+    return take_oldest(q, __func__);
 }
 
 int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    const api_trace trace(*q);
-    mutex_guard lock(q->mutex);
-    frame_info_t* record = find_record(*q, frame, offsetof(frame_info_t, frame));
+    const api_trace trace(q);
+    frame_info_t* record = find_record(q, frame, offsetof(frame_info_t, frame));
     if (record == nullptr)
         return -1;
     if (record->state == E_FRAME_NODE_STATE_QUEUED) {
-        log_state_error(*q, *record, __func__);
+        log_state_error(q, *record, __func__);
         // Still linked, it would be handed to a producer and to the consumer at once.
-        unlink_done(*q, *record);
+        unlink_done(q, *record);
     }
-    make_free(*q, *record);
-    log_state(*q, *record, __func__);
-    unlock_and_signal_pool(*q, lock);
+    make_free(q, *record);
+    log_state(q, *record, __func__);
+    unlock_and_signal_pool(q, lock);
     return 0;
 }
 
 void frame_queue_abort(int32_t id)
 {
-    const queue_ref q(id);
-    if (q)
-        abort_queue(*q);
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (is_open(q))
+        abort_queue(q);
 }
 
 int32_t frame_queue_done_release(int32_t id)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    mutex_guard lock(q->mutex);
-    return release_done(*q);
+    return release_done(q);
 }
 
 int32_t frame_queue_pool_release(int32_t id)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    release_pool(*q);
+    release_pool(q);
     return 0;
 }
 
 int32_t frame_queue_wait_done_frame(int32_t id, int32_t count)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return -1;
-    mutex_guard lock(q->mutex);
-    ++q->count_waiters;
-    while (q->done_frames_count < count) {
-        if (!q->abort) {
-            ++q->done_waiters;
-            lock.wait(q->cond);
-            --q->done_waiters;
-        }
-        if (q->abort) {
-            log_w("[%s] frame_queue abort\n", q->name);
+    ++q.count_waiters;
+    while (q.done_frames_count < count) {
+        if (!q.abort)
+            await(q, lock, q.cond, q.done_waiters);
+        if (q.abort) {
+            log_w("[%s] frame_queue abort\n", q.name);
             break;
         }
     }
-    --q->count_waiters;
+    --q.count_waiters;
     return 0;
 }
 
 int32_t frame_queue_get_done_counts(int32_t id)
 {
-    const queue_ref q(id);
-    return q ? q->done_frames_count.load() : -1;
+    const frame_queue_t& q = queue_of(id);
+    return is_open(q) ? q.done_frames_count.load() : -1;
 }
 
 void frame_queue_done_wakeup(int32_t id)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return;
-    mutex_guard lock(q->mutex);
-    q->done_wakeup = true;
-    unlock_and_signal_done(*q, lock);
+    q.done_wakeup = true;
+    unlock_and_signal_done(q, lock);
 }
 
 void frame_queue_pool_wakeup(int32_t id)
 {
-    const queue_ref q(id);
-    if (!q)
+    frame_queue_t& q = queue_of(id);
+    mutex_guard lock(q.mutex);
+    if (!is_open(q))
         return;
-    mutex_guard lock(q->mutex);
-    q->pool_wakeup = true;
-    unlock_and_signal_pool(*q, lock);
+    q.pool_wakeup = true;
+    unlock_and_signal_pool(q, lock);
 }

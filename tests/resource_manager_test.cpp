@@ -29,7 +29,7 @@ protected:
             free(slot.info.load());
     }
 
-    resource_manager_t map_[kSlots] = {{0, {}, {nullptr}}, {1, {}, {nullptr}}, {2, {}, {nullptr}}};
+    resource_manager_t map_[kSlots] = {{0, {nullptr}}, {1, {nullptr}}, {2, {nullptr}}};
 };
 
 } // namespace

@@ -44,27 +44,43 @@ typedef struct frame_info_s {
     hdmi_player_audio_frame_t frame; ///< `data` and `buf_size` are the queue's
 } frame_info_t;
 
+/// The queue of a slot. Its lock and what is waited on live as long as the process, so that a call needs no second lock
+/// to keep the queue in existence. What init and deinit build and free is the pool, the slot's payload.
 typedef struct frame_queue_s {
-    list_head_t list_done_frames GUARDED_BY(mutex); ///< oldest first
-    frame_info_t arry_pool_frames[FRAME_QUEUE_POOL_MAX] GUARDED_BY(mutex);
-    std::atomic<int32_t> done_frames_count; ///< written under mutex
-    int32_t free_frames_count GUARDED_BY(mutex);
-    int32_t pool_frames_count GUARDED_BY(mutex); ///< records brought into use
-    int32_t none_free_below GUARDED_BY(mutex);   ///< record from which on there may be free ones
-    int32_t pool_frames_max GUARDED_BY(mutex);
-    bool abort GUARDED_BY(mutex);
-    bool en_api_log;   ///< constant after init
-    bool en_state_log; ///< constant after init
-    const char* name;  ///< the caller's string; outlives the queue
+    frame_queue_s()
+    {
+        // A consumer may wait on another stage's queue. Its own stop does not wake it there: only the time limit ends
+        // that wait, so the limit must not depend on the wall clock.
+        cond_init_monotonic(cond);
+        cond_init_monotonic(cond_acquire);
+        cond_init_monotonic(cond_memory);
+        cond_init_monotonic(cond_left);
+    }
+
     mutex_t mutex;
+    std::atomic<bool> open{false};                       ///< between init and deinit; written under mutex
+    std::atomic<int32_t> done_frames_count{0};           ///< written under mutex
+    list_head_t list_done_frames GUARDED_BY(mutex) = {}; ///< oldest first
+    /// FRAME_QUEUE_POOL_MAX of them.
+    frame_info_t* arry_pool_frames GUARDED_BY(mutex) PT_GUARDED_BY(mutex) = nullptr;
+    int32_t free_frames_count GUARDED_BY(mutex) = 0;
+    int32_t pool_frames_count GUARDED_BY(mutex) = 0; ///< records brought into use
+    int32_t none_free_below GUARDED_BY(mutex) = 0;   ///< record from which on there may be free ones
+    int32_t pool_frames_max GUARDED_BY(mutex) = 0;
+    int32_t count_waiters GUARDED_BY(mutex) = 0;  ///< calls in frame_queue_wait_done_frame()
+    int32_t done_waiters GUARDED_BY(mutex) = 0;   ///< calls that wait on cond, those of count_waiters included
+    int32_t pool_waiters GUARDED_BY(mutex) = 0;   ///< calls that wait on cond_acquire
+    int32_t memory_waiters GUARDED_BY(mutex) = 0; ///< calls that wait on cond_memory
+    bool done_wakeup GUARDED_BY(mutex) = false;   ///< one-shot: stop waiting for a done frame
+    bool pool_wakeup GUARDED_BY(mutex) = false;   ///< one-shot: stop waiting for a pool frame
+    bool abort GUARDED_BY(mutex) = false;
+    bool en_api_log GUARDED_BY(mutex) = false;
+    bool en_state_log GUARDED_BY(mutex) = false;
+    const char* name GUARDED_BY(mutex) = ""; ///< the caller's string; outlives the queue
     pthread_cond_t cond;                     ///< the done list gained a frame
     pthread_cond_t cond_acquire;             ///< the pool gained a free frame
     pthread_cond_t cond_memory;              ///< paused on between attempts to allocate; signalled by abort only
-    bool done_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a done frame
-    bool pool_wakeup GUARDED_BY(mutex);      ///< one-shot: stop waiting for a pool frame
-    int32_t count_waiters GUARDED_BY(mutex); ///< calls in frame_queue_wait_done_frame()
-    int32_t done_waiters GUARDED_BY(mutex);  ///< calls that wait on cond, those of count_waiters included
-    int32_t pool_waiters GUARDED_BY(mutex);  ///< calls that wait on cond_acquire
+    pthread_cond_t cond_left;                ///< a call that waited while deinit began has ended
 } frame_queue_t;
 
 extern resource_manager_t g_fq_resource_map[FRAME_QUEUE_MAX];

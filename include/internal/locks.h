@@ -22,6 +22,7 @@
 #define CAPABILITY(x) THREAD_ANNOTATION(capability(x))
 #define SCOPED_CAPABILITY THREAD_ANNOTATION(scoped_lockable)
 #define GUARDED_BY(x) THREAD_ANNOTATION(guarded_by(x))
+#define PT_GUARDED_BY(x) THREAD_ANNOTATION(pt_guarded_by(x))
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define REQUIRES_SHARED(...) THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 #define ACQUIRE(...) THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
@@ -234,14 +235,7 @@ public:
     {
         lock_native();
     }
-    /// As above, for one of several locks of a kind: @p open tells of this one.
-    [[gnu::always_inline]] entry_guard(rwlock_t& lock, const std::atomic<bool>& open, loglevel_e level,
-                                       const char* message, const char* function, int line) ACQUIRE_SHARED(lock)
-        : lock_(&lock), open_(&open), level_(level), message_(message), function_(function), line_(line)
-    {
-        lock_native();
-    }
-    [[gnu::always_inline]] ~entry_guard() RELEASE() { unlock_native(); }
+    ~entry_guard() RELEASE() { unlock_native(); }
     entry_guard(const entry_guard&) = delete;
     entry_guard& operator=(const entry_guard&) = delete;
 
@@ -251,12 +245,12 @@ public:
     void lock() ACQUIRE_SHARED() { lock_native(); }
 
 private:
-    [[gnu::always_inline]] void lock_native()
+    void lock_native()
     {
         if (lock_->writers == 0) {
             lock_->enter();
             held_ = true;
-            if (open_ != nullptr ? open_->load() : is_open_())
+            if (is_open_())
                 return;
             unlock_native();
         }
@@ -277,8 +271,7 @@ private:
     }
 
     rwlock_t* const lock_;
-    bool (*const is_open_)() = nullptr;
-    const std::atomic<bool>* const open_ = nullptr;
+    bool (*const is_open_)();
     const loglevel_e level_;
     const char* const message_;
     const char* const function_;

@@ -5,18 +5,15 @@
  * id instead of a pointer and checks every id that comes back.
  *
  * The functions take no lock: creation and destruction belong to one thread at
- * a time. A slot's rwlock is its owner's, who re-checks `info` under it.
+ * a time. What `info` points to is guarded by the slot's owner.
  */
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-#include "internal/locks.h"
-
 typedef struct resource_manager_e {
     int32_t id;              ///< fixed when the table is defined: slot i has id i
-    rwlock_t rwlock;         ///< the owner's: guards what `info` points to
     std::atomic<void*> info; ///< the slot's payload, null while free; read by the registry without the lock
 } resource_manager_t;
 
