@@ -126,6 +126,8 @@ def process_table(runs):
         row(work, "player, whole process", runs[work, "player"])
         row("", "its library's threads", runs[work, "player"], OWN_THREADS)
         row("", "its wake-ups alone", runs[work, "wakeups"])
+        row("", "its wake-ups and sound alone", runs[work, "sound"])
+        row("", "of that its library's threads", runs[work, "sound"], OWN_THREADS)
         if runs[work, "gstreamer"]:
             row("", "GStreamer", runs[work, "gstreamer"])
     return lines
@@ -245,7 +247,7 @@ def measure_work(options):
     peer = f"{options.build}/bench/gst_load"
     player, wakeups = f"{options.build}/bench/player_load", f"{options.build}/bench/bare_wakeups"
     busy = {(how, who): [] for how, _ in BUSY for who in ("player", "gstreamer")}
-    runs = {(work, who): [] for work, *_ in WORK for who in ("player", "wakeups", "gstreamer")}
+    runs = {(work, who): [] for work, *_ in WORK for who in ("player", "wakeups", "sound", "gstreamer")}
     with tempfile.TemporaryDirectory() as folder:
         if os.path.exists(peer):
             for _, _, file, flags in WORK:
@@ -256,6 +258,7 @@ def measure_work(options):
                 say(options, number, work)
                 runs[work, "player"].append(run_load([player, *arguments], options.seconds))
                 runs[work, "wakeups"].append(run_load([wakeups, *arguments], options.seconds))
+                runs[work, "sound"].append(run_load([wakeups, *arguments, "sound"], options.seconds))
                 if os.path.exists(peer):
                     runs[work, "gstreamer"].append(run_load([peer, f"{folder}/{file}", arguments[1]], options.seconds))
             _, arguments, file, _ = WORK[0]

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The player's wake-ups and nothing else: as many threads as the player, its host and the simulated devices have wake
 // each other as often and in the same order, with a mutex, a condition variable and the time-outs of the queues between
-// them. What this costs, no player of these threads goes below. Takes the arguments of player_load, prints "running",
-// ends with its standard input, and then prints the intervals between the flips that it stands for.
+// them. What this costs, no player of these threads goes below. With "sound", they also do what has to be done to it: a
+// copy from thread to thread, a conversion, a decoder. Takes the arguments of player_load, prints "running", ends with
+// its standard input, and then prints the intervals between the flips that it stands for.
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -15,10 +16,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "coded_audio.h"
+
+extern "C" {
+#include <libswresample/swresample.h>
+}
 
 namespace
 {
@@ -29,6 +38,13 @@ using std::chrono::nanoseconds;
 constexpr nanoseconds kQueueTimeout = std::chrono::milliseconds(100);
 constexpr nanoseconds kSecond = std::chrono::seconds(1);
 constexpr size_t kFlipsBeforeSync = 120; // as player_load leaves out
+
+constexpr int kOutputRate = 48000;
+constexpr size_t kFrameBytes = 4;
+
+using Block = std::vector<uint8_t>;
+/// What a thread does with the block that it was handed, to hand on another.
+using Work = std::function<void(const Block& from, Block& to)>;
 
 std::atomic<bool> g_running{true};
 
@@ -41,17 +57,32 @@ struct Station {
     std::vector<Station*> next;                      ///< whom it wakes
     std::vector<Clock::time_point>* flips = nullptr; ///< when it was woken
 
+    Work work; ///< none: it only wakes
+
     std::mutex mutex;
     std::condition_variable woken;
     int news = 0;
+    Block block;     ///< handed over with the news
+    Block in_device; ///< of the last station
 
-    void wake()
+    void wake(const Block& from, const Work& how)
     {
         {
             const std::lock_guard<std::mutex> lock(mutex);
+            if (how)
+                how(from, block);
             ++news;
         }
         woken.notify_one();
+    }
+
+    void pass_on()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (Station* station : next)
+            station->wake(block, work);
+        if (next.empty() && work)
+            work(block, in_device);
     }
 
     /// @return whether somebody woke it.
@@ -80,8 +111,7 @@ struct Station {
             credit += share;
             while (credit >= 1) {
                 credit -= 1;
-                for (Station* station : next)
-                    station->wake();
+                pass_on();
             }
         }
     }
@@ -91,11 +121,12 @@ struct Station {
 class Stations
 {
 public:
-    Station& add(const char* name, Station* before, nanoseconds period = nanoseconds(0))
+    Station& add(const char* name, Station* before, Work work, nanoseconds period = nanoseconds(0))
     {
         Station& station = all_.emplace_back();
         station.name = name;
         station.period = period;
+        station.work = std::move(work);
         station.is_source = before == nullptr;
         if (before != nullptr)
             before->next.push_back(&station);
@@ -117,29 +148,111 @@ private:
     std::vector<std::thread> threads_;
 };
 
+// --- Sound --------------------------------------------------------------------
+
+void copy(const Block& from, Block& to) { to = from; }
+
+/// Periods of @p bytes: of a second of sound, so that each comes from memory that was not looked at for so long.
+Work source(size_t bytes)
+{
+    return [second = Block(bytes * 50, 1), bytes, at = size_t{0}](const Block&, Block& to) mutable {
+        const auto first = second.begin() + static_cast<ptrdiff_t>(at);
+        to.assign(first, first + static_cast<ptrdiff_t>(bytes));
+        at = (at + bytes) % second.size();
+    };
+}
+
+/// Lives as long as the process, as the decoder does.
+SwrContext* make_converter(AVSampleFormat format, int rate)
+{
+    AVChannelLayout layout = {};
+    av_channel_layout_default(&layout, 2);
+    SwrContext* converter = nullptr;
+    swr_alloc_set_opts2(&converter, &layout, AV_SAMPLE_FMT_S16, kOutputRate, &layout, format, rate, 0, nullptr);
+    swr_init(converter);
+    return converter;
+}
+
+void convert(SwrContext* converter, const uint8_t** from, int frames, int most, Block& to)
+{
+    to.resize(static_cast<size_t>(most) * kFrameBytes);
+    uint8_t* out = to.data();
+    const int made = swr_convert(converter, &out, most, from, frames);
+    to.resize(static_cast<size_t>(std::max(made, 0)) * kFrameBytes);
+}
+
+Work resampler(int rate)
+{
+    return [converter = make_converter(AV_SAMPLE_FMT_S16, rate), rate](const Block& from, Block& to) {
+        const uint8_t* in = from.data();
+        const int frames = static_cast<int>(from.size() / kFrameBytes);
+        convert(converter, &in, frames, frames * kOutputRate / rate + 64, to);
+    };
+}
+
+Work decoder(AVCodecID codec)
+{
+    coded_audio::Format format;
+    format.codec = codec;
+    std::vector<coded_audio::Bytes> packets = coded_audio::encode(format, 60);
+    AVCodecContext* const context = avcodec_alloc_context3(avcodec_find_decoder(codec));
+    context->thread_count = 1;
+    avcodec_open2(context, nullptr, nullptr);
+    return [=, packet = av_packet_alloc(), frame = av_frame_alloc(), at = size_t{0},
+            converter = make_converter(AV_SAMPLE_FMT_FLTP, kOutputRate)](const Block&, Block& to) mutable {
+        const coded_audio::Bytes& coded = packets[at++ % packets.size()];
+        av_new_packet(packet, static_cast<int>(coded.size()));
+        std::copy(coded.begin(), coded.end(), packet->data);
+        avcodec_send_packet(context, packet);
+        av_packet_unref(packet);
+        if (avcodec_receive_frame(context, frame) == 0)
+            convert(converter, const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples, frame->nb_samples,
+                    to);
+    };
+}
+
+/// Of the threads that sound passes.
+struct Works {
+    Work read, demux, resample, hand_on;
+};
+
+Works make_works(const std::string& signal, int rate)
+{
+    const bool eac3 = signal == "eac3";
+    Works works;
+    works.read = source(kFrameBytes * static_cast<size_t>(eac3 ? 4 * rate / 100 : rate / 50));
+    if (signal != "pcm")
+        works.demux = decoder(eac3 ? AV_CODEC_ID_EAC3 : AV_CODEC_ID_AC3);
+    works.resample = rate == kOutputRate ? Work(copy) : resampler(rate);
+    works.hand_on = copy;
+    return works;
+}
+
 // A period of the capture device, through the library and the host to the output.
-void add_sound(Stations& stations, const char* signal)
+void add_sound(Stations& stations, const char* signal, const Works& works)
 {
     const bool eac3 = strcmp(signal, "eac3") == 0;
-    Station* last = &stations.add("audio_read", nullptr, std::chrono::milliseconds(eac3 ? 10 : 20));
+    Station* last = &stations.add("audio_read", nullptr, works.read, std::chrono::milliseconds(eac3 ? 10 : 20));
     if (eac3 || strcmp(signal, "ac3") == 0) {
-        last = &stations.add("dolby_demux", last);
+        last = &stations.add("dolby_demux", last, works.demux);
         // A burst is 32 ms of sound. The decoder is asked every 10 ms, whatever has come.
         last->share = eac3 ? 10. / 32 : 20. / 32;
-        last = &stations.add("dolby_decode", last, std::chrono::milliseconds(10));
+        last = &stations.add("dolby_decode", last, works.hand_on, std::chrono::milliseconds(10));
     }
-    last = &stations.add("audio_resample", last);
-    last = &stations.add("host_sound", last);
-    stations.add("audio_write", last);
+    last = &stations.add("audio_resample", last, works.resample);
+    last = &stations.add("host_sound", last, works.hand_on);
+    stations.add("audio_write", last, works.hand_on);
 }
+
+// --- Pictures -----------------------------------------------------------------
 
 // The host's frames, which wake the pacing, and the vertical blanks at which it flips them.
 void add_pictures(Stations& stations, int fps, std::vector<Clock::time_point>* flips)
 {
-    Station& host = stations.add("host_video", nullptr, kSecond / fps);
+    Station& host = stations.add("host_video", nullptr, {}, kSecond / fps);
     host.share = 0; // a frame waits already
-    Station& display = stations.add("av_sync", nullptr, kSecond / fps);
-    stations.add("aysync_logic", &display).flips = flips;
+    Station& display = stations.add("av_sync", nullptr, {}, kSecond / fps);
+    stations.add("aysync_logic", &display, {}).flips = flips;
 }
 
 void print_flip_errors(const std::vector<Clock::time_point>& flips, int fps)
@@ -159,14 +272,21 @@ void print_flip_errors(const std::vector<Clock::time_point>& flips, int fps)
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND\n");
+        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [sound]\n");
         return 2;
     }
     const int fps = atoi(argv[2]);
+    int rate = kOutputRate;
+    bool sound = false;
+    for (const std::string& option : std::vector<std::string>(argv + 3, argv + argc)) {
+        sound = sound || option == "sound";
+        if (option.rfind("rate=", 0) == 0)
+            rate = atoi(option.c_str() + 5);
+    }
     std::vector<Clock::time_point> flips;
     flips.reserve(1 << 20);
     Stations stations;
-    add_sound(stations, argv[1]);
+    add_sound(stations, argv[1], sound ? make_works(argv[1], rate) : Works());
     if (fps > 0)
         add_pictures(stations, fps, &flips);
     stations.start();
