@@ -259,6 +259,26 @@ TEST(FlipHold, LeavesOutWhatComesTooLateForItsVerticalBlankRatherThanBeLateForGo
     EXPECT_EQ(unseen, 5);
 }
 
+TEST(FlipHold, ShowsFramesThatComeToAndFroAroundAVerticalBlank)
+{
+    for (int refreshes : {0, 3}) {
+        FlipHold hold({refreshes, refreshes * 10 * kMs, 0, true}, 100);
+        hold.start(1000 * kMs);
+        int buffers[60];
+        int shown = 0;
+        for (int i = 0; i < 60; i++) {
+            const int64_t flipped_ns = (1010 + 10 * i) * kMs + (i % 2 == 0 ? -kMs / 2 : kMs / 2);
+            while (hold.due_ns() && *hold.due_ns() <= flipped_ns)
+                shown += hold.pop(*hold.due_ns()).unseen ? 0 : 1;
+            EXPECT_EQ(hold.push(&buffers[i], {flipped_ns - 5 * kMs, flipped_ns, flipped_ns / (10 * kMs) * 10 * kMs}),
+                      nullptr);
+        }
+        while (hold.due_ns())
+            shown += hold.pop(*hold.due_ns()).unseen ? 0 : 1;
+        EXPECT_EQ(shown, 60) << refreshes;
+    }
+}
+
 TEST(HeldFlips, ShowsEachInOrderAndTheLastBeforeItEnds)
 {
     for (const Holds& holds : {Holds{0, 0, 0}, Holds{0, 30 * kMs, 0}, Holds{3, 30 * kMs, 0}}) {
