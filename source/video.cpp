@@ -107,6 +107,14 @@ int32_t read_oldest(video_frame_queue_t* q, hdmi_player_video_frame_t* frame, bo
     return 0;
 }
 
+/// @return null without memory, and for more frames than fit into the address space: new throws then, even this one.
+video_frame_info_t* allocate_pool(int32_t size)
+{
+    const auto count = static_cast<size_t>(std::max(size, 0));
+    const bool fits = count > 0 && count <= PTRDIFF_MAX / sizeof(video_frame_info_t);
+    return fits ? new (std::nothrow) video_frame_info_t[count]() : nullptr;
+}
+
 } // namespace
 
 int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size)
@@ -114,7 +122,7 @@ int32_t video_frame_queue_init(video_frame_queue_t* q, int32_t size)
     if (missing(q, "video_frame_queue is null."))
         return -1;
     const mutex_guard guard(q->mutex);
-    q->arry_pool_frames = size > 0 ? new (std::nothrow) video_frame_info_t[static_cast<size_t>(size)]() : nullptr;
+    q->arry_pool_frames = allocate_pool(size);
     if (q->arry_pool_frames == nullptr) {
         log_e("no pool of %d frames\n", size);
         return -1;
