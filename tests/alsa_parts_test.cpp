@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "alsa_pcm.h"
+#include "alsa_time.h"
 #include "alsa_volume.h"
 #include "burst_follower.h"
 #include "config.h"
@@ -142,6 +143,18 @@ TEST(Iec958, OnlyWhatFollowsAPayloadIsStuffing)
         EXPECT_EQ(follower.find_stuffing(words.data() + 2 * 10, 11, 5), -1) << "too short";
         EXPECT_EQ(follower.find_stuffing(words.data() + 2 * 21, 19, 5), 0);
     }
+}
+
+TEST(AlsaTime, IsReadAsAlsaLibWroteItWithSecondsOfEitherSize)
+{
+    hdmi_linux::AlsaTime whole, half;
+    *whole.to_fill() = {3000, 999999999};
+    EXPECT_EQ(whole.ns(), 3000999999999);
+    if (sizeof(time_t) < sizeof(int64_t))
+        GTEST_SKIP() << "seconds have 32 bits here";
+    const int32_t written[] = {3000, 999999999};
+    memcpy(half.to_fill(), written, sizeof(written));
+    EXPECT_EQ(half.ns(), 3000999999999);
 }
 
 TEST(PollGate, WhoPollsAgainAtOnceDoesNotKeepOutWhoClosesTheDevice)

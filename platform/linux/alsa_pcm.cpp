@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "alsa_clock.h"
+#include "alsa_time.h"
 #include "contained.h"
 #include "internal/common.h"
 
@@ -371,15 +372,14 @@ std::optional<PcmStamp> Pcm::stamp()
         return frames >= 0 ? std::optional<PcmStamp>({now_ns(), frames}) : std::nullopt;
     }
     snd_pcm_uframes_t avail = 0;
-    snd_htimestamp_t at = {};
+    AlsaTime at;
     // The first call is for PCMs that keep a copy of a shared card's count.
-    if (snd_pcm_avail_update(handle_.get()) < 0 || snd_pcm_htimestamp(handle_.get(), &avail, &at) < 0)
+    if (snd_pcm_avail_update(handle_.get()) < 0 || snd_pcm_htimestamp(handle_.get(), &avail, at.to_fill()) < 0)
         return {};
-    const int64_t at_ns = at.tv_sec * kNsPerSecond + at.tv_nsec;
-    if (at_ns <= touched_ns_)
+    if (at.ns() <= touched_ns_)
         return {};
     const auto ready = static_cast<int>(avail);
-    return PcmStamp{at_ns, capture_ ? ready : buffer_frames_ - ready};
+    return PcmStamp{at.ns(), capture_ ? ready : buffer_frames_ - ready};
 }
 
 bool Pcm::running() const { return snd_pcm_state(handle_.get()) == SND_PCM_STATE_RUNNING; }

@@ -105,7 +105,8 @@ void read_clocks()
     void* const clock = synchronizer_init(E_SYNCHRONIZER_PLAYER_ORUPLAYER);
     const float rates[] = {1, 1.5F, 0.999F, -1, 1e-6F};
     for (int i = 0; i < kClockReadings; ++i) {
-        g_now_us = 1700000000000000 + static_cast<int64_t>(times.raw() % 1000000);
+        // In 2023 and in 2039, when the seconds need more than 31 bits.
+        g_now_us = (i % 2 == 0 ? 1700000000000000 : 2200000000000000) + static_cast<int64_t>(times.raw() % 1000000);
         synchronizer_set_playback_rate(clock, rates[times.raw() % std::size(rates)]);
         const int64_t media = times.near(5000000, 400000);
         synchronizer_set_base_media_time(clock, media, add_saturated(media, times.near(20000, 20000)));

@@ -2,11 +2,13 @@
 #include "edges/alsa_pcm.h"
 
 #include <alsa/asoundlib.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <mutex>
+
+#include "alsa_time.h"
+#include "common/clock.h"
 
 namespace play
 {
@@ -137,13 +139,11 @@ bool AlsaPcm::ask_position(Position* position)
     snd_pcm_status_alloca(&status);
     if (snd_pcm_status(pcm_, status) < 0 || snd_pcm_status_get_state(status) != SND_PCM_STATE_RUNNING)
         return false;
-    snd_htimestamp_t at = {};
-    snd_pcm_status_get_htstamp(status, &at);
-    // A device in software may have no stamps: then it is the time at which it was asked.
-    if (at.tv_sec == 0 && at.tv_nsec == 0)
-        clock_gettime(CLOCK_MONOTONIC, &at);
+    hdmi_linux::AlsaTime at;
+    snd_pcm_status_get_htstamp(status, at.to_fill());
     position->frames = snd_pcm_status_get_delay(status);
-    position->at_ns = at.tv_sec * int64_t{1'000'000'000} + at.tv_nsec;
+    // A device in software may have no stamps: then it is the time at which it was asked.
+    position->at_ns = at.ns() != 0 ? at.ns() : common::now_ns();
     return true;
 }
 
