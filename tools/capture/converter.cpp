@@ -97,6 +97,14 @@ Pixels pixels_of(const display::ForeignFrame& frame)
     return pixels;
 }
 
+/// ARM's vector instructions, with which swscale writes, fault at other addresses than multiples of this.
+constexpr uintptr_t kVectorBytes = 16;
+
+bool is_aligned(const uint8_t* rows, int pitch)
+{
+    return reinterpret_cast<uintptr_t>(rows) % kVectorBytes == 0 && static_cast<uintptr_t>(pitch) % kVectorBytes == 0;
+}
+
 /// What lies beside the picture stays black.
 void blacken_borders(const display::Canvas& canvas, int left, int top, display::Size size)
 {
@@ -120,11 +128,13 @@ struct Converter::Parts {
     std::unique_ptr<AVFrame, Releaser> decoded{av_frame_alloc()};
     std::unique_ptr<AVPacket, Releaser> packet{av_packet_alloc()};
     std::unique_ptr<SwsContext, Releaser> scaler;
+    std::unique_ptr<AVFrame, Releaser> aligned; ///< the picture, where the canvas has no place for vectors
     Pixels scaled_from;
     display::Size scaled_to = {0, 0};
 
     bool decode(const display::ForeignFrame& frame, uint32_t bytes);
     bool prepare(const Pixels& from, display::Size to);
+    bool prepare_aligned(display::Size size);
     bool scale(const Pixels& from, const display::Canvas& canvas);
 };
 
@@ -165,6 +175,22 @@ bool Converter::Parts::prepare(const Pixels& from, display::Size to)
     return true;
 }
 
+bool Converter::Parts::prepare_aligned(display::Size size)
+{
+    if (aligned && aligned->width == size.width && aligned->height == size.height)
+        return true;
+    aligned.reset(av_frame_alloc());
+    if (!aligned)
+        return false;
+    aligned->format = AV_PIX_FMT_BGR0;
+    aligned->width = size.width;
+    aligned->height = size.height;
+    if (av_frame_get_buffer(aligned.get(), 0) == 0)
+        return true;
+    aligned.reset();
+    return false;
+}
+
 bool Converter::Parts::scale(const Pixels& from, const display::Canvas& canvas)
 {
     if (from.format == AV_PIX_FMT_NONE || canvas.memory == nullptr)
@@ -175,9 +201,20 @@ bool Converter::Parts::scale(const Pixels& from, const display::Canvas& canvas)
     const int left = (canvas.width - size.width) / 2;
     const int top = (canvas.height - size.height) / 2;
     blacken_borders(canvas, left, top, size);
-    uint8_t* const to[4] = {reinterpret_cast<uint8_t*>(canvas.row(top) + left)};
-    const int pitches[4] = {static_cast<int>(canvas.pitch)};
-    return sws_scale(scaler.get(), from.planes, from.pitches, 0, from.height, to, pitches) == size.height;
+    auto* const place = reinterpret_cast<uint8_t*>(canvas.row(top) + left);
+    const int pitch = static_cast<int>(canvas.pitch);
+    const bool direct = is_aligned(place, pitch);
+    if (!direct && !prepare_aligned(size))
+        return false;
+    uint8_t* const to[4] = {direct ? place : aligned->data[0]};
+    const int pitches[4] = {direct ? pitch : aligned->linesize[0]};
+    // The number of rows is not told by all of its conversions: those for ARM's vector unit return 0.
+    if (sws_scale(scaler.get(), from.planes, from.pitches, 0, from.height, to, pitches) < 0)
+        return false;
+    if (!direct)
+        av_image_copy_plane(place, pitch, to[0], pitches[0], size.width * static_cast<int>(sizeof(uint32_t)),
+                            size.height);
+    return true;
 }
 
 } // namespace capture
