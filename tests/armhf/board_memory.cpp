@@ -52,7 +52,8 @@ struct Thread {
     char name[16] = "";
 };
 std::mutex g_mutex;
-std::vector<Thread*> g_threads; ///< those that have ended
+// Those that have ended. Never destroyed: they are printed after all static objects are gone.
+std::vector<Thread*>& g_threads = *new std::vector<Thread*>;
 
 void* run_and_note(void* thread)
 {
