@@ -616,6 +616,13 @@ TEST_F(AioAlsaTest, ConfigurationIsCheckedAgainstTheMachine)
     EXPECT_EQ(error, path +
                          ":1: i2s_txa: 'nowhere' cannot be opened: No such file or directory (Unknown PCM nowhere)\n" +
                          path + ":3: cec: '/dev/nothing' is not there: No such file or directory\n");
+    char start[32];
+    EXPECT_FALSE(hdmi_linux_check_config(start, sizeof start)) << "the same for hosts in C";
+    EXPECT_EQ(start, error.substr(0, sizeof start - 1));
+    setenv("HDMIPLAYER_RATE_MATCHING", "perhaps", 1);
+    EXPECT_FALSE(hdmi_linux::check_config(&error));
+    EXPECT_NE(error.find("HDMIPLAYER_RATE_MATCHING: 'perhaps'"), std::string::npos) << error;
+    setenv("HDMIPLAYER_RATE_MATCHING", "off", 1);
     std::ofstream(path) << "i2s_txa = other\nspeaker = nowhere\n";
     EXPECT_TRUE(hdmi_linux::check_config(&error)) << "the environment names another speaker: " << error;
     std::ofstream(path) << "headphone = other\nheadphone.mixer = Master\n"

@@ -127,6 +127,10 @@ TEST(Iec958, StatusGoesIntoNamesThatTakeIt)
     EXPECT_EQ(with_channel_status("spdif:{CARD 1}", data), "spdif:{CARD 1 AES0 0x06 AES1 0x82 AES2 0x00 AES3 0x03 }");
     for (const char* other : {"hw:1,3", "iec958:AES0=0x02", "iec958_out"})
         EXPECT_EQ(with_channel_status(other, data), other);
+    const std::pair<int, int> rates[] = {{22050, 4},  {24000, 6},   {32000, 3},   {44100, 0},  {48000, 2}, {88200, 8},
+                                         {96000, 10}, {176400, 12}, {192000, 14}, {768000, 9}, {8000, 1}};
+    for (const auto& [rate, code] : rates)
+        EXPECT_EQ(hdmi_linux::channel_status(rate, false)[3], code) << rate;
 }
 
 TEST(Iec958, OnlyWhatFollowsAPayloadIsStuffing)

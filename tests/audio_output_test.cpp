@@ -268,10 +268,11 @@ TEST_F(AudioOutput, OpensTheDeviceThenMutesThenPreparesTheReturnChannelAndCloses
     // A block of the player's, which is freed by the close that ended this module: it is not looked at.
     EXPECT_EQ(audio_output_write_pcm_frame(reinterpret_cast<hdmi_player_audio_frame_t*>(alignof(max_align_t))), -1);
     EXPECT_EQ(audio_output_get_sample_rate(), 48000);
+    EXPECT_EQ(audio_output_get_channels(), 2);
     EXPECT_EQ(device.calls, (Calls{"cec_deinit", "close"}));
     const std::string log = captured();
     EXPECT_EQ(occurrences(log, "W mute state:1\nW module has been initialized\n"), 1);
-    EXPECT_EQ(occurrences(log, "W module not initialized\n"), 5);
+    EXPECT_EQ(occurrences(log, "W module not initialized\n"), 6);
     config.hw_volume = -1;
     for (const auto& [setting, rate, buffer] : {std::tuple(E_HDMI_PLAYER_AIO_SAMPLE_RATE_16K, 16000, 7680),
                                                 std::tuple(E_HDMI_PLAYER_AIO_SAMPLE_RATE_44K, 44100, 7168),
@@ -280,7 +281,9 @@ TEST_F(AudioOutput, OpensTheDeviceThenMutesThenPreparesTheReturnChannelAndCloses
         device.calls.clear();
         ASSERT_EQ(audio_output_init(config), 0);
         EXPECT_EQ(device.calls[1], "volume 30");
-        EXPECT_TRUE(audio_output_get_sample_rate() == rate && audio_output_get_alsa_buffer_size() == buffer) << rate;
+        EXPECT_TRUE(audio_output_get_sample_rate() == rate && audio_output_get_alsa_buffer_size() == buffer &&
+                    audio_output_get_channels() == 2)
+            << rate;
         EXPECT_EQ(audio_output_deinit(), 0);
     }
 }

@@ -249,6 +249,52 @@ TEST_F(Synchronizer, RefusesWhatItCannotDo)
     EXPECT_TRUE(synchronizer_stop(idle) && synchronizer_deinit(idle));
 }
 
+TEST_F(Synchronizer, RefusesEachCallThatLacksSomethingAndTellsWhatWasSet)
+{
+    synchronizer_mode_e mode = E_SYNC_MODE_MAX;
+    synchronizer_state_e state = E_SYNC_STATE_STOP;
+    float rate = 0;
+    int64_t time = 0;
+    synchronizer_callback_t callback = {};
+    const std::function<bool()> calls[] = {
+        [&] { return synchronizer_set_callback(nullptr, this, &callback); },
+        [&] { return synchronizer_set_callback(handle, nullptr, &callback); },
+        [&] { return synchronizer_set_callback(handle, this, nullptr); },
+        [&] { return synchronizer_start(nullptr); },
+        [&] { return synchronizer_notify_frame_done(nullptr); },
+        [&] { return synchronizer_notify_frames_taken(nullptr); },
+        [&] { return synchronizer_notify_vblank(nullptr, 1); },
+        [&] { return synchronizer_resync(nullptr); },
+        [&] { return synchronizer_set_sync_mode(nullptr, E_SYNC_MODE_FREERUN); },
+        [&] { return synchronizer_get_sync_mode(nullptr, &mode); },
+        [&] { return synchronizer_get_sync_mode(handle, nullptr); },
+        [&] { return synchronizer_set_sync_state(nullptr, E_SYNC_STATE_RESUME); },
+        [&] { return synchronizer_get_sync_state(nullptr, &state); },
+        [&] { return synchronizer_get_sync_state(handle, nullptr); },
+        [&] {
+            return synchronizer_set_drm_info(nullptr, {0, 60});
+        },
+        [&] { return synchronizer_enable_low_latency_mode(nullptr, true); },
+        [&] { return synchronizer_set_playback_rate(nullptr, 1); },
+        [&] { return synchronizer_get_playback_rate(nullptr, &rate); },
+        [&] { return synchronizer_set_base_media_time(nullptr, 1, 1); },
+        [&] { return synchronizer_get_current_media_time(nullptr, &time); },
+        [&] { return synchronizer_get_current_media_time(handle, nullptr); },
+        [&] { return synchronizer_get_release_time(nullptr, 1, &time); },
+        [&] { return synchronizer_get_release_time(handle, 1, nullptr); },
+        [&] { return on_Oru_sync_logic(nullptr); },
+    };
+    for (const std::function<bool()>& call : calls)
+        EXPECT_NE(records("1", [&] { EXPECT_FALSE(call()); }).find(" is null\n"), std::string::npos)
+            << &call - std::begin(calls);
+    EXPECT_TRUE(synchronizer_set_sync_mode(handle, E_SYNC_MODE_VIDEO_MASTER) &&
+                synchronizer_get_sync_mode(handle, &mode) && mode == E_SYNC_MODE_VIDEO_MASTER);
+    EXPECT_TRUE(synchronizer_set_sync_state(handle, E_SYNC_STATE_RESUME) &&
+                synchronizer_get_sync_state(handle, &state) && state == E_SYNC_STATE_RESUME);
+    EXPECT_TRUE(synchronizer_set_playback_rate(handle, 2) && synchronizer_get_playback_rate(handle, &rate));
+    EXPECT_EQ(rate, 2);
+}
+
 TEST_F(Synchronizer, ThreadCreationThatFailsLeavesItStopped)
 {
     for (const auto& [threads, name] : {std::pair<int, std::string>{0, "sync"}, {1, "vsync"}}) {

@@ -269,6 +269,26 @@ TEST_F(VideoFrameQueueTest, HoldsItsPoolAndGivesFramesBackInOrder)
     EXPECT_EQ(q_->arry_pool_frames[0].frame.buf_handle, nullptr); // nothing of the host's is kept
 }
 
+TEST_F(VideoFrameQueueTest, RefusesEachCallThatLacksSomething)
+{
+    hdmi_player_video_frame_t frame = {};
+    int32_t count = 0;
+    EXPECT_EQ(video_frame_queue_init(nullptr, 1) + video_frame_queue_deinit(nullptr) +
+                  video_frame_queue_push_frame(nullptr) + video_frame_queue_get_frame(nullptr, &frame) +
+                  video_frame_queue_peek_frame(q_, nullptr),
+              -5);
+    EXPECT_FALSE(sync_get_frame_count_cb(nullptr, &count) || sync_get_frame_count_cb(&g_video_info, nullptr) ||
+                 sync_peek_frame_cb(nullptr, &info_) || sync_peek_frame_cb(&g_video_info, nullptr) ||
+                 sync_get_frame_cb(nullptr, &info_) || sync_get_frame_cb(&g_video_info, nullptr) ||
+                 sync_drop_frame_cb(nullptr, &info_) || sync_drop_frame_cb(&g_video_info, nullptr) ||
+                 sync_flip_frame_cb(nullptr, &info_) || sync_flip_frame_cb(&g_video_info, nullptr));
+    // A queue without frames keeps no turn.
+    for (int i = 0; i < 2; ++i)
+        EXPECT_FALSE(sync_get_frame_cb(&g_video_info, &info_) || sync_peek_frame_cb(&g_video_info, &info_));
+    push(1);
+    EXPECT_TRUE(sync_get_frame_cb(&g_video_info, &info_) && sync_drop_frame_cb(&g_video_info, &info_));
+}
+
 TEST_F(VideoFrameQueueTest, TracesWhatItsSwitchesAdmit)
 {
     EXPECT_FALSE(has(log_of([this] { push(1), get(); }), ">>>"));
