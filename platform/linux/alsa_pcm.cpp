@@ -25,6 +25,10 @@ namespace
 constexpr uint32_t kCloseLimitUs = 500000;
 /// Pause while a device's descriptor reports an error that its transfers do not report.
 constexpr int kErrorPauseMs = 10;
+/// Likewise while a device is ready and transfers nothing, time and again.
+constexpr int kInVainPauseMs = 1;
+/// A wait that ends sooner has not waited.
+constexpr int64_t kAtOnceNs = 100'000;
 
 /// A close on a thread of its own. Its caller may have stopped waiting for it.
 struct Closing {
@@ -417,13 +421,21 @@ void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
     const int count = pcm != nullptr && pcm->is_open() ? pcm->descriptors(&fds[1]) : 0;
     ++polling_;
     guard.unlock();
+    const int64_t asked_ns = now_ns();
     const int result = poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
     const bool broken = std::any_of(fds.begin() + 1, fds.begin() + 1 + count, [](const struct pollfd& fd) {
         return (fd.revents & (POLLERR | POLLNVAL | POLLHUP)) != 0;
     });
-    // The next transfer normally reports the error. Where it does not, this pause keeps the caller from spinning.
-    if (result > 0 && broken)
-        poll(fds.data(), 1, kErrorPauseMs);
+    // A caller waits when a transfer had nothing to do. A device that is ready at once all the same, time and again, is
+    // not: a sound server's client, for one, while its own thread does not come to run.
+    const bool at_once = result > 0 && now_ns() - asked_ns < kAtOnceNs;
+    const bool in_vain = at_once && ready_at_once_.exchange(true);
+    if (!at_once)
+        ready_at_once_ = false;
+    // The next transfer normally reports an error. Where it does not, this pause keeps the caller from spinning, which
+    // at real-time priority would stop the whole machine.
+    if (result > 0 && (broken || in_vain))
+        poll(fds.data(), 1, broken ? kErrorPauseMs : kInVainPauseMs);
     guard.lock();
     if (count > 0)
         pcm->ready(&fds[1], count);

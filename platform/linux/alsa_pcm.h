@@ -11,6 +11,7 @@
 #include <poll.h>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -168,6 +169,7 @@ private:
     int wake_fd_;
     int polling_ = 0;
     int evicting_ = 0;
+    std::atomic<bool> ready_at_once_{false};         ///< the latest wait did not wait
     pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; ///< polling_ is 0
     pthread_cond_t free_ = PTHREAD_COND_INITIALIZER; ///< evicting_ is 0
 };
