@@ -50,6 +50,8 @@ double seconds_since(Clock::time_point start) { return std::chrono::duration<dou
 std::atomic<int> g_asleep{0};
 // Every transfer fails with an xrun.
 std::atomic<bool> g_broken{false};
+// Likewise to an output.
+std::atomic<bool> g_output_broken{false};
 
 // @return the error of a transfer; 0: the device does it.
 int transfer_error()
@@ -100,7 +102,7 @@ protected:
 
 snd_pcm_sframes_t __wrap_snd_pcm_writei(snd_pcm_t* pcm, const void* data, snd_pcm_uframes_t frames)
 {
-    const int err = transfer_error();
+    const int err = g_output_broken ? -EPIPE : transfer_error();
     if (err != 0)
         return err;
     const snd_pcm_sframes_t given = __real_snd_pcm_writei(pcm, data, frames);
@@ -526,6 +528,42 @@ TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)
     EXPECT_FALSE(playback_stats().lost);
     const int64_t dropped = hdmi_linux::bypass_stats().dropped;
     EXPECT_TRUE(eventually([&] { return hdmi_linux::bypass_stats().dropped > dropped; }));
+}
+
+TEST_F(AioAlsaTest, PassThroughGoesOnAfterASleepAndAfterAnOutputThatFailsOverAndOver)
+{
+    playback_.device_id = E_AUDIO_IO_DEV_HDMI_ARC;
+    ASSERT_EQ(aio_device_open(&playback_), 0);
+    aio_device_close(&playback_);
+    const Feeder link("link");
+    take_link();
+    const auto in_time = [](const auto& condition) { return eventually(condition, std::chrono::seconds(30)); };
+    const auto passes = [&] {
+        const int64_t frames = hdmi_linux::bypass_stats().frames;
+        return in_time([&] { return hdmi_linux::bypass_stats().frames > frames + kRate / 10; });
+    };
+    ASSERT_TRUE(passes());
+    g_asleep = 4;
+    EXPECT_TRUE(in_time([] { return g_asleep <= 0; }));
+    g_asleep = 0;
+    ASSERT_TRUE(passes());
+    const hdmi_linux::BypassStats before = hdmi_linux::bypass_stats();
+    g_output_broken = true;
+    EXPECT_TRUE(in_time([] { return hdmi_linux::bypass_stats().lost; }));
+    EXPECT_TRUE(in_time([&] { return hdmi_linux_bypass().dropped > before.dropped + kRate / 10; }));
+    g_output_broken = false;
+    EXPECT_TRUE(in_time([&] { return hdmi_linux::bypass_stats().recoveries > before.recoveries; }));
+    ASSERT_TRUE(passes());
+    // What hosts in C read is the same.
+    const hdmi_linux_bypass_t bypass = hdmi_linux_bypass();
+    EXPECT_TRUE(bypass.active && !bypass.lost && bypass.rate == kRate);
+    EXPECT_GT(bypass.xruns, before.xruns);
+    EXPECT_STREQ(bypass.pcm, before.pcm.c_str());
+    const hdmi_linux_device_t capture = hdmi_linux_capture();
+    EXPECT_TRUE(capture.open && capture.rate == kRate);
+    EXPECT_STREQ(capture.pcm, capture_stats().pcm.c_str());
+    EXPECT_TRUE(!hdmi_linux_playback().open && !hdmi_linux_arc().active);
+    aio_device_close(&capture_);
 }
 
 TEST_F(AioAlsaTest, ADeviceThatIsClosedWhilePassThroughTakesItStaysClosed)
