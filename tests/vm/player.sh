@@ -5,7 +5,7 @@
 # Limit: 300 s
 source "$PROJECT/tests/vm/lib.sh"
 
-seconds=60
+seconds=45
 receiver=/sys/class/extcon/hdmirx_aud/state
 
 start_audio_system() {

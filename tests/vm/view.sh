@@ -105,7 +105,7 @@ compare_in_time sound "sound beside it" "$(sed -n 's/.*; \([0-9]*\)\.[0-9]* s of
 compare_in_time sound "resets" "$(figure sound resets)" -le 3
 for rate in 25 30 50; do
     sends 1280x720p$rate
-    watches $rate 12 "${sound[@]}"
+    watches $rate 8 "${sound[@]}"
     every_frame "720p$rate" $rate
 done
 # A flash a second beside the beeps: what the player adds to each, from the devices to the screen and to the cable.
@@ -121,9 +121,9 @@ sends 640x480p59
 control -c osd_text_mode=2
 flashes &
 flashing=$!
-"$BUILD/tests/beeps_probe" 45 "$OUT/view-beeps.wav" >"$OUT/view-beeps.log" 2>&1 &
+"$BUILD/tests/beeps_probe" 30 "$OUT/view-beeps.wav" >"$OUT/view-beeps.log" 2>&1 &
 beeping=$!
-watches sync 40 "${sound[@]}"
+watches sync 25 "${sound[@]}"
 wait "$beeping"
 kill "$flashing"
 control -c test_pattern=0
