@@ -198,6 +198,7 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const auto unread = [](Result* run) { run->overruns = 2; };
     const auto withheld = [](Result* run) { run->frames.withheld = 30; };
     const auto thrown_away = [](Result* run) { run->audio.late = 2 * 960; };
+    const auto cut_off = [](Result* run) { run->audio.cut_off = 2 * 960; };
     const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
     const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
     struct Case {
@@ -222,6 +223,7 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"samples of periods that nobody read", yes, {unread, missing(2 * 960)}},
         {"a block more than that", no, {unread, missing(3 * 960)}},
         {"what the host threw away as well", yes, {unread, thrown_away, missing(4 * 960)}},
+        {"what was cut off by the reset that followed", yes, {unread, cut_off, missing(4 * 960)}},
         {"a block more than it threw away", no, {thrown_away, missing(3 * 960)}},
         {"what the device left out", yes, {unread, left_out, missing(4 * 960)}},
         {"a block lost behind the silence that it put in", no, {unread, refilled, missing(2 * 960)}},

@@ -339,6 +339,7 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
     audio_account_.pulled += frames;
     if (!belongs_to_new_sequence(block.serial)) {
         audio_account_.discarded += frames;
+        audio_account_.cut_off += audio_account_.written > 0 ? frames : 0;
         return;
     }
     if (has_plan())

@@ -74,6 +74,7 @@ struct FrameAccount {
 struct AudioAccount {
     int64_t pulled = 0;    ///< frames of hdmi_player_get_pcm
     int64_t discarded = 0; ///< of these, given back unwritten
+    int64_t cut_off = 0;   ///< of these, at a reset in the middle of the sound
     int64_t late = 0;      ///< frames thrown away, because the host came too late with them
     int64_t written = 0;   ///< frames accepted by hdmi_player_write_pcm
     int64_t failed_writes = 0;

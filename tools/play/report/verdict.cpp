@@ -68,7 +68,7 @@ bool machine_missed_a_period(const Result& result) { return result.punctuality.w
 constexpr double kOutputRate = 48000;
 
 /// The edges themselves count sound that nobody took or gave in time, host and simulated device what they threw away
-/// since it came late: what follows is out of place by that, and no more.
+/// since it came late, or at the reset that followed: what comes behind is out of place by that, and no more.
 bool machine_lost_sound(const Result& result)
 {
     bool counted = result.overruns > 0 || result.audio.late > 0 || result.stage.link.breaks > 0 ||
@@ -76,7 +76,8 @@ bool machine_lost_sound(const Result& result)
     // Elsewhere nobody knows how much sound an overrun or a lost burst is.
     bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
     auto block = static_cast<double>(result.samples.block);
-    double thrown_away = static_cast<double>(result.audio.late) * kOutputRate / result.source_rate;
+    const auto not_written = static_cast<double>(result.audio.late + result.audio.cut_off);
+    double thrown_away = not_written * kOutputRate / result.source_rate;
     const SoundAccount& output = result.stage.sound;
     double most =
         (static_cast<double>(result.overruns) + 0.5) * block + thrown_away + static_cast<double>(output.left_out);
