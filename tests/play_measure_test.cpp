@@ -779,10 +779,11 @@ TEST_F(PlayMeasure, ComparisonFindsItsPlaceAgainBehindAnUnderrun)
     for (int lost_ms : {-120, 120, 700}) {
         std::vector<int16_t> sound = whole;
         const int lost = lost_ms * kRate / 1000;
+        const std::ptrdiff_t values = 2 * std::ptrdiff_t{lost};
         if (lost < 0)
-            sound.insert(sound.begin() + kAt, static_cast<size_t>(-2 * lost), 0);
+            sound.insert(sound.begin() + kAt, static_cast<size_t>(-values), 0);
         else
-            sound.erase(sound.begin() + kAt, sound.begin() + kAt + 2 * std::ptrdiff_t{lost});
+            sound.erase(sound.begin() + kAt, sound.begin() + kAt + values);
         record(sound, kRate, kSecond);
         std::vector<SoundMatch> matches;
         for (int second = 1; second < 8; second++)
