@@ -30,17 +30,7 @@ mutex_t g_registry_mutex;
 // Never destroyed: calls with the id of a queue that is gone find it closed.
 static_assert(std::is_trivially_destructible_v<frame_queue_t>, "a call may come at any time");
 frame_queue_t g_queues[FRAME_QUEUE_MAX];
-frame_queue_t g_no_queue; ///< for ids without a slot; never open
-
-/// The queue of the slot with this id. Without such a slot, g_no_queue, with the failure logged.
-inline frame_queue_t& queue_of(int32_t id, const char* function = __builtin_FUNCTION())
-{
-    if (0 <= id && id < static_cast<int32_t>(FRAME_QUEUE_MAX))
-        return g_queues[id]; // as the registry would find it: slot i has id i
-    resource_manager_get(g_fq_resource_map, FRAME_QUEUE_MAX, id);
-    log_as(function, LOG_LEVEL_E, "resource_manager_get id:%d failed\n", id);
-    return g_no_queue;
-}
+frame_queue_t g_no_queue; ///< for ids without a queue that is open; never open itself
 
 /// Whether calls may use @p q. Otherwise the failure was logged in the name of the caller.
 inline bool is_open(const frame_queue_t& q, const char* function = __builtin_FUNCTION())
@@ -50,6 +40,17 @@ inline bool is_open(const frame_queue_t& q, const char* function = __builtin_FUN
     if (&q != &g_no_queue)
         log_as(function, LOG_LEVEL_E, "frame_queue_t is null.\n");
     return false;
+}
+
+/// The queue with this id. Without one, or if it is closed, g_no_queue, with the failure logged: calls that are refused
+/// do not touch the mutex of a queue whose deinit waits for it.
+inline frame_queue_t& queue_of(int32_t id, const char* function = __builtin_FUNCTION())
+{
+    if (0 <= id && id < static_cast<int32_t>(FRAME_QUEUE_MAX)) // as the registry would find it: slot i has id i
+        return is_open(g_queues[id], function) ? g_queues[id] : g_no_queue;
+    resource_manager_get(g_fq_resource_map, FRAME_QUEUE_MAX, id);
+    log_as(function, LOG_LEVEL_E, "resource_manager_get id:%d failed\n", id);
+    return g_no_queue;
 }
 
 /// Traces a call at its begin and end. Keeps copies, because the end may come with the mutex released.
