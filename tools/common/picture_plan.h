@@ -75,6 +75,8 @@ public:
     }
 
 private:
+    bool is_near(int64_t a_ns, int64_t b_ns) const { return b_ns != kNone && std::abs(a_ns - b_ns) <= kFarNs; }
+
     static constexpr int64_t kNone = -1;
     static constexpr int64_t kSettlingNs = 500'000'000;
     static constexpr int64_t kWindowNs = 400'000'000;
@@ -87,8 +89,6 @@ private:
     static constexpr int kResetsThatConfirm = 2;
 
     int64_t settled_ns_ = 0;
-    bool is_near(int64_t a_ns, int64_t b_ns) const { return b_ns != kNone && std::abs(a_ns - b_ns) <= kFarNs; }
-
     int64_t usual_ns_ = kNone;   ///< for which frames wait
     int64_t doubted_ns_ = kNone; ///< for which they waited when the plan was left
     int confirmed_ = 0;          ///< resets that did not change that
