@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <numeric>
+#include <random>
 #include <vector>
 
 #include "common/flip_hold.h"
@@ -184,6 +185,34 @@ TEST(FlipHold, ByPlanFramesAreSeenEquallyLongAfterTheirArrivalHoweverSoonTheyAre
             const Minute::Seen unplanned = c.show(false);
             EXPECT_GT(unplanned.most_ms - unplanned.least_ms, seen.most_ms - seen.least_ms + 5) << "the control";
         }
+    }
+}
+
+TEST(FlipHold, LosesHardlyAFrameOfABusyMachine)
+{
+    constexpr double kRefreshNs = 1e9 / 59.94;
+    int buffers[600];
+    for (int phase = 0; phase < 20; phase++) {
+        FlipHold hold({4, std::llround(4 * kRefreshNs), 0, true}, 59.94);
+        hold.start(0);
+        std::mt19937 random(static_cast<unsigned>(phase));
+        std::uniform_real_distribution<double> part(0, 1);
+        const double begin_ns = 1e9 + phase / 20.0 * kRefreshNs;
+        int64_t arrived_ns = 0;
+        int unseen = 0;
+        for (int i = 0; i < 600; i++) {
+            // Three of ten come 2 to 6 ms late.
+            const double late_ms = part(random) < 0.3 ? 2 + 4 * part(random) : part(random) / 2;
+            arrived_ns = std::max<int64_t>(arrived_ns, std::llround(begin_ns + i / 60.0 * 1e9 + late_ms * kMs));
+            const int64_t flipped_ns = arrived_ns + 30 * kMs;
+            while (hold.due_ns() && *hold.due_ns() <= flipped_ns)
+                unseen += hold.pop(*hold.due_ns()).unseen ? 1 : 0;
+            const double vblank = std::floor(static_cast<double>(flipped_ns) / kRefreshNs);
+            const bool lost =
+                hold.push(&buffers[i], {arrived_ns, flipped_ns, std::llround(vblank * kRefreshNs)}) != nullptr;
+            unseen += lost && i > 120 ? 1 : 0;
+        }
+        EXPECT_LE(unseen, 2) << "phase " << phase;
     }
 }
 

@@ -12,6 +12,35 @@
 namespace common
 {
 
+/// The time from frame to frame, by least squares: a few that come late hardly change it. Pure.
+class FramePeriod
+{
+public:
+    void add(int64_t arrived_ns)
+    {
+        if (frames_ == 0)
+            first_ns_ = arrived_ns;
+        const auto at_ns = static_cast<double>(arrived_ns - first_ns_);
+        times_ += at_ns;
+        weighted_ += frames_ * at_ns;
+        frames_++;
+    }
+
+    /// In nanoseconds; 0: not known.
+    double value() const
+    {
+        const double mean = (frames_ - 1) / 2;
+        const double squares = frames_ * (frames_ * frames_ - 1) / 12;
+        return squares > 0 ? (weighted_ - mean * times_) / squares : 0;
+    }
+
+private:
+    double frames_ = 0;
+    int64_t first_ns_ = 0;
+    double times_ = 0;    ///< sum of times since the first frame
+    double weighted_ = 0; ///< the same, each times the frames before it
+};
+
 /// A flip reaches the display before a vertical blank if it comes so long before it.
 constexpr int64_t kFlipLeadNs = 1'000'000;
 
@@ -57,9 +86,10 @@ public:
             return;
         if (frames_ == 0) {
             window_ns_ = flipped_ns;
-            first_arrived_ns_ = arrived_ns;
             longest_ns_ = 0;
         }
+        if (!known())
+            period_.add(arrived_ns);
         ways_[frames_++ % ways_.size()] = light_ns - arrived_ns;
         longest_ns_ = std::max(longest_ns_, flipped_ns - arrived_ns);
         if (flipped_ns - window_ns_ < kWindowNs)
@@ -69,8 +99,7 @@ public:
         const int64_t before_ns = std::exchange(before_ns_, way_ns);
         if (before_ns == kNone || static_cast<double>(std::abs(way_ns - before_ns)) > kSettled * refresh_ns_)
             return;
-        const double period_ns = static_cast<double>(arrived_ns - first_arrived_ns_) / static_cast<double>(frames - 1);
-        adopt(flipped_ns, way_ns, period_ns);
+        adopt(flipped_ns, way_ns);
     }
 
     /**
@@ -131,7 +160,9 @@ private:
         settled_ns_ = now_ns + kSettlingNs;
         plan_ns_ = before_ns_ = late_since_ns_ = stays_until_ns_ = kNone;
         frames_ = 0;
+        period_ = FramePeriod();
         lateness_ = 0;
+        steady_ = 0;
         followed_ = false;
     }
 
@@ -143,7 +174,7 @@ private:
     }
 
     /// Frames have settled on @p way_ns: a plan, if there is none, or a shorter one.
-    void adopt(int64_t now_ns, int64_t way_ns, double period_ns)
+    void adopt(int64_t now_ns, int64_t way_ns)
     {
         const bool shorter = static_cast<double>(way_ns_ - way_ns) >= kStep * refresh_ns_;
         if (known() && (!shorter || now_ns < again_ns_))
@@ -160,14 +191,16 @@ private:
         way_ns_ = way_ns;
         if (plan_ns == plan_ns_)
             return;
+        if (!known())
+            period_ns_ = period_.value();
         plan_ns_ = plan_ns;
-        period_ns_ = period_ns;
         again_ns_ = now_ns + kAgainNs;
         followed_ = false;
     }
 
-    /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. One that comes early
-    /// shows that those before it were late.
+    /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. Once it has locked
+    /// in, no frame moves it by much, even if a third of them come late. One that is a whole period beside
+    /// it shows that the loop has slipped: it locks in anew.
     void follow(double wanted_ns)
     {
         constexpr double kPart = 1.0 / 8;
@@ -175,23 +208,24 @@ private:
         const double came_ns = std::exchange(came_ns_, wanted_ns);
         if (!followed_ || !(period_ns_ > 0)) {
             wanted_ns_ = wanted_ns;
-            doubted_ = false;
+            doubts_ = 0;
             return;
         }
-        const double frames = std::max(std::round((wanted_ns - wanted_ns_) / period_ns_), 1.0);
-        // Much later than the one before: it is late itself, or a frame before it never came. The next one tells.
+        const double frames = std::round((wanted_ns - wanted_ns_) / period_ns_);
+        // Much later than the one before: it is late itself, or a frame before it never came. The next ones tell.
         const bool much_later = frames > 1 && frames < kMissing;
         const bool at_its_pace = wanted_ns - came_ns > kPace * period_ns_;
-        if (much_later && !(std::exchange(doubted_, true) && at_its_pace)) {
+        doubts_ = !much_later ? 0 : at_its_pace ? doubts_ + 1 : 1;
+        if (much_later && doubts_ <= kMostDoubts) {
             wanted_ns_ += period_ns_;
             return;
         }
-        doubted_ = false;
-        const double error_ns = wanted_ns - (wanted_ns_ + frames * period_ns_);
-        const bool early = error_ns < -kSticky * refresh_ns_;
-        wanted_ns_ = early ? wanted_ns : wanted_ns - (1 - kPart) * error_ns;
-        if (!early)
-            period_ns_ += kPartOfPeriod * error_ns / frames;
+        doubts_ = 0;
+        steady_ = frames == 1 ? steady_ + 1 : 0;
+        const double most_ns = steady_ > kLockedIn ? kSticky * refresh_ns_ : period_ns_;
+        const double error_ns = std::clamp(wanted_ns - (wanted_ns_ + frames * period_ns_), -most_ns, most_ns);
+        wanted_ns_ += frames * period_ns_ + kPart * error_ns;
+        period_ns_ += kPartOfPeriod * error_ns / std::max(frames, 1.0);
     }
 
     static constexpr int64_t kNone = -1;
@@ -220,6 +254,10 @@ private:
     /// Periods from frame to frame: by more, frames are missing; by less, a late one is made up for.
     static constexpr double kMissing = 4;
     static constexpr double kPace = 0.75;
+    /// Frames in a row that may each be late by more than half a period.
+    static constexpr int kMostDoubts = 4;
+    /// Frames that the loop needs for its period.
+    static constexpr int kLockedIn = 64;
 
     const double refresh_ns_;
     int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
@@ -228,24 +266,25 @@ private:
     int64_t shortest_ns_ = kNone; ///< plan, of those taken while it followed
     int64_t follows_until_ns_ = kNone;
     int64_t again_ns_ = 0; ///< no other plan before
+    FramePeriod period_;   ///< of the frames from which the plan is learnt
     // The window.
     std::array<int64_t, kMostFrames> ways_ = {};
     size_t frames_ = 0;
-    int64_t window_ns_ = 0; ///< begin
-    int64_t first_arrived_ns_ = 0;
+    int64_t window_ns_ = 0;     ///< begin
     int64_t longest_ns_ = 0;    ///< from arrival to flip
     int64_t before_ns_ = kNone; ///< way in the window before
 
     int64_t late_since_ns_ = kNone;
     double lateness_ = 0; ///< of the latest frames
     int64_t stays_until_ns_ = kNone;
+    int steady_ = 0;        ///< frames since the loop began, or slipped by one
     bool followed_ = false; ///< what follows is the last frame's
     double wanted_ns_ = 0;
     double place_ = 0;     ///< in refreshes, as refresh_for()
     double error_ = 0;     ///< refreshes by which it is seen later
     double period_ns_ = 0; ///< from frame to frame
     double came_ns_ = 0;   ///< when it would have been wanted by its own arrival
-    bool doubted_ = false; ///< it came much later than the one before
+    int doubts_ = 0;       ///< frames in a row that came much later than the one before
 };
 
 } // namespace common
