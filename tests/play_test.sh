@@ -152,8 +152,8 @@ if [ "${2:-}" != quick ]; then
     wait
 
     # A machine that stands still for a moment is no fault of the player's; it hides none either.
-    stands_still 4 stalled --seconds 4 --rate 48000 &
-    stands_still 1 stalled_lost --seconds 4 --rate 48000 --withhold-block &
+    stands_still 4 stalled --seconds 6 --rate 48000 &
+    stands_still 1 stalled_lost --seconds 6 --rate 48000 --withhold-block &
     wait
     grep -q '"outcome": "inconclusive"' "$folder/stalled.json" || fail "the report does not tell of the machine"
     grep -q 'FAIL  output bit for bit the input' "$folder/stalled_lost.txt" || fail "a lost block is put down to the machine"

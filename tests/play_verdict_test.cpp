@@ -201,6 +201,9 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const auto cut_off = [](Result* run) { run->audio.cut_off = 2 * 960; };
     const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
     const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
+    const auto reset_again = [](Result* run) { run->resets = 2; };
+    const auto none_due = [](Result* run) { run->cadence = measure_cadence({}, {100, -1}, 1); };
+    const auto none_seen = [](Result* run) { run->cadence = measure_cadence({}, {0, 1}, 1); };
     struct Case {
         const char* what;
         Outcome outcome;
@@ -220,10 +223,14 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"some of them withheld since sound was lost", yes, {unread, withheld, pictures_to(300)}},
         {"some of them withheld, and no sound was lost", no, {withheld, pictures_to(300)}},
         {"more than were withheld", no, {unread, withheld, pictures_to(400)}},
+        {"no picture left behind a second reset", yes, {reset_again, none_due}},
+        {"no picture left, and no second reset", no, {[](Result* run) { run->reset_s = 3; }, none_due}},
+        {"no picture seen behind a second reset", no, {reset_again, none_seen}},
         {"samples of periods that nobody read", yes, {unread, missing(2 * 960)}},
         {"a block more than that", no, {unread, missing(3 * 960)}},
         {"what the host threw away as well", yes, {unread, thrown_away, missing(4 * 960)}},
         {"what was cut off by the reset that followed", yes, {unread, cut_off, missing(4 * 960)}},
+        {"a reset in the middle of the sound", yes, {cut_off, missing(2 * 960)}},
         {"a block more than it threw away", no, {thrown_away, missing(3 * 960)}},
         {"what the device left out", yes, {unread, left_out, missing(4 * 960)}},
         {"a block lost behind the silence that it put in", no, {unread, refilled, missing(2 * 960)}},

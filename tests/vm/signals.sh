@@ -9,14 +9,15 @@ seconds=10
 receiver=/sys/class/extcon/hdmirx_aud/state
 
 options=(--seconds $seconds --feed alsa:hw:Cable,0 --capture alsa:hw:Cable,1 --playback alsa:hw:Speaker,0
-    --observe alsa:hw:Speaker,1 --report "$OUT/signals.json")
+    --observe alsa:hw:Speaker,1)
 
 # plays WHAT STATE LIMIT OPTION...: within its limits, LIMIT among them.
 plays() {
-    local what=$1 state=$2 limit=$3
+    local what=$1 state=$2 limit=$3 report
     shift 3
+    report=$OUT/signals-$(tr ' ' - <<<"$what").json
     echo "$state" >$receiver
-    play "$OUT/signals.log" "${options[@]}" "$@"
+    play "$OUT/signals.log" "${options[@]}" --report "$report" "$@"
     if [ "$played" -eq 4 ]; then
         verdict SKIPPED "$what" "the host is too busy"
     else

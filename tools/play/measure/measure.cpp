@@ -259,6 +259,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
 Cadence measure_cadence(const std::vector<Sighting>& sightings, PictureRange due, double vblanks_per_picture)
 {
     Cadence cadence;
+    cadence.due = std::max<int64_t>(0, due.last - due.first + 1);
     if (sightings.empty())
         return cadence;
     auto longest = static_cast<int64_t>(std::ceil(vblanks_per_picture - 1e-6));

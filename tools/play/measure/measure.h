@@ -87,6 +87,7 @@ std::vector<Offset> measure_offsets(const std::vector<SoundMatch>& matches, cons
 
 /// How evenly the pictures were shown.
 struct Cadence {
+    int64_t due = 0;      ///< pictures that should have been seen; 0: nothing remained to be judged
     int64_t pictures = 0; ///< sent by the source, first to last that was due or seen
     int64_t vblanks = 0;
     int64_t unseen = 0;  ///< dropped, or superseded before a vertical blank

@@ -71,8 +71,8 @@ constexpr double kOutputRate = 48000;
 /// since it came late, or at the reset that followed: what comes behind is out of place by that, and no more.
 bool machine_lost_sound(const Result& result)
 {
-    bool counted = result.overruns > 0 || result.audio.late > 0 || result.stage.link.breaks > 0 ||
-                   result.stage.sound.observer_breaks > 0;
+    bool counted = result.overruns > 0 || result.audio.late > 0 || result.audio.cut_off > 0 ||
+                   result.stage.link.breaks > 0 || result.stage.sound.observer_breaks > 0;
     // Elsewhere nobody knows how much sound an overrun or a lost burst is.
     bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
     auto block = static_cast<double>(result.samples.block);
@@ -97,38 +97,48 @@ double withheld_by_machine(const Result& result)
                     static_cast<double>(result.overruns) * kWithheldS * result.fps);
 }
 
+/// Such a capture may see the zeros at that burst's end first; the player takes them for silence, and the first burst
+/// after a silence resets it once more.
+bool begins_inside_of_burst(const Result& result)
+{
+    return result.coding != Coding::pcm && (!result.options.capture.empty() || result.stage.link.chunk_phase > 0);
+}
+
+int64_t most_resets(const Result& result) { return 1 + (begins_inside_of_burst(result) ? 1 : 0) + begun_anew(result); }
+
+/// The machine was as late as the last reset is, or made the player reset once more.
+bool machine_reset_late(const Result& result)
+{
+    return result.resets > 0 && machine_missed_a_period(result) &&
+           (result.resets > most_resets(result) ||
+            (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
+}
+
 /// Each late tick can cost two vertical blanks, each of them a picture that is not seen and one that is held for it; so
-/// does each picture withheld, and half as much until the pictures behind the reset are shown.
+/// does each picture withheld, and half as much until the pictures behind the reset are shown. A late reset may leave
+/// none to be judged.
 bool machine_missed_vblanks(const Result& result)
 {
     constexpr double kPicturesPerTick = 4;
     constexpr double kPicturesPerWithheld = 3;
     const Cadence& cadence = result.cadence;
+    if (cadence.pictures == 0)
+        return cadence.due == 0 && machine_reset_late(result);
     double beyond = (cadence.excess() - kExcessLimit) * static_cast<double>(cadence.pictures);
     return cadence.vblanks > 0 && result.unreadable == 0 &&
            beyond <= kPicturesPerTick * static_cast<double>(result.punctuality.late) +
                          kPicturesPerWithheld * withheld_by_machine(result);
 }
 
-/**
- * The player resets when the first picture meets captured sound. A capture that begins inside of a burst may see the
- * zeros at that burst's end first; the player takes them for silence, and the first burst after a silence resets it
- * once more.
- */
+/// The player resets when the first picture meets captured sound.
 Verdict judge_resets(const Result& result)
 {
-    bool anywhere = !result.options.capture.empty();
-    bool inside_of_burst = result.coding != Coding::pcm && (anywhere || result.stage.link.chunk_phase > 0);
-    int64_t at_losses = begun_anew(result);
-    bool few = result.resets >= 1 && result.resets <= 1 + (inside_of_burst ? 1 : 0) + at_losses;
+    bool few = result.resets >= 1 && result.resets <= most_resets(result);
     bool at_start = result.reset_s < kLatestResetS;
-    bool late_by_machine = result.resets > 0 && machine_missed_a_period(result) &&
-                           (!few || (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
-    if (at_losses > 0)
-        return {"one reset at start, and one at a loss that leaves silence", few && at_start, late_by_machine,
-                Subject::sound};
-    return {inside_of_burst ? "one reset or two, at start" : "one reset, at start", few && at_start, late_by_machine,
-            Subject::sound};
+    const char* text = begins_inside_of_burst(result) ? "one reset or two, at start" : "one reset, at start";
+    if (begun_anew(result) > 0)
+        text = "one reset at start, and one at a loss that leaves silence";
+    return {text, few && at_start, machine_reset_late(result), Subject::sound};
 }
 
 /// What was passed on, where nothing else tells how long that went on: all of the run but its beginning and end.
