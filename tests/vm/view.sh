@@ -31,16 +31,18 @@ median() { sort -g | awk '{ all[NR] = $1 } END { if (NR > 0) print all[int((NR +
 # account LOG: of the frames that were to be seen, how many there are, and how many of them were not seen once and in
 # order. Of frames that come less than a refresh apart, one may take the other's place; the rest are to be seen. Where a
 # frame comes at another time than the driver stamped it, or the driver's count leaves some out, the emulated machine
-# stood still: what was in the player's hands then is not judged, nor are the first two seconds, in which it begins.
+# stood still: what was in the player's hands then is not judged, nor are the first two seconds, in which it begins, nor
+# what it held when it moved the flips to the sound.
 account() {
     local log=$OUT/view-$1.csv usual
     usual=$(awk -F, 'NR > 1 { print ($5 - $4) / 1e6 }' "$log" | median)
     awk -F, -v usual="$usual" -v refresh=16.7 -v queue=150 '
         NR == 1 { next }
-        { n++; run[n] = $1; came[n] = $5 / 1e6; seen[n] = $7 / 1e6; times[n] = $7 == "" ? 0 : NF - 6
+        { n++; run[n] = $1; came[n] = $5 / 1e6; seen[n] = $8 / 1e6; times[n] = $8 == "" ? 0 : NF - 7
           late = ($5 - $4) / 1e6 - usual
-          still[n] = late > 8 || late < -8 || ($1 == run[n - 1] && $3 != sequence + 1)
+          still[n] = late > 8 || late < -8 || ($1 == run[n - 1] && ($3 != sequence + 1 || $6 != moves))
           sequence = $3
+          moves = $6
           if ($1 != run[n - 1]) began[$1] = came[n]
           ended[$1] = came[n] }
         END {
@@ -128,7 +130,7 @@ wait "$beeping"
 kill "$flashing"
 control -c test_pattern=0
 sound_ms=$(awk '$1 == "beep" { print $2 }' "$OUT/view-beeps.log" | median)
-picture_ms=$(awk -F, '$6 == 1 && $7 != "" { print ($7 - $5) / 1e6 }' "$OUT/view-sync.csv" | median)
+picture_ms=$(awk -F, '$7 == 1 && $8 != "" { print ($8 - $5) / 1e6 }' "$OUT/view-sync.csv" | median)
 echo "-- sound takes $sound_ms ms, pictures $picture_ms ms (medians)"
 sed -n 's/.*; \(sound takes .*\)/-- by its own calculation: \1/p' "$OUT/view-sync.log" | tail -n 1
 compare "sound before its picture" "$(awk "BEGIN { print $picture_ms - $sound_ms }")" -le 40 ms

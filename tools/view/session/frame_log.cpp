@@ -12,7 +12,7 @@ namespace view
 
 void FrameLog::came(const ViewBuffer& frame)
 {
-    arrivals_.add({run_, frame.number, frame.sequence, frame.written_ns, frame.arrived_ns});
+    arrivals_.add({run_, frame.number, frame.sequence, frame.written_ns, frame.arrived_ns, moves_});
 }
 
 void FrameLog::seen(const ViewBuffer& frame, int64_t seen_ns)
@@ -28,11 +28,11 @@ bool FrameLog::write(const std::string& path) const
     FILE* file = std::fopen(path.c_str(), "we");
     if (file == nullptr)
         return false;
-    std::fputs("run,number,sequence,written_ns,arrived_ns,flash,seen_ns...\n", file);
+    std::fputs("run,number,sequence,written_ns,arrived_ns,moves,flash,seen_ns...\n", file);
     for (const Arrival& frame : arrivals_.events()) {
         const std::vector<Sighting>& sightings = seen[{frame.run, frame.number}];
-        std::fprintf(file, "%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%d", frame.run, frame.number,
-                     frame.sequence, frame.written_ns, frame.arrived_ns,
+        std::fprintf(file, "%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%d", frame.run,
+                     frame.number, frame.sequence, frame.written_ns, frame.arrived_ns, frame.moves,
                      !sightings.empty() && sightings.front().flash ? 1 : 0);
         for (const Sighting& sighting : sightings)
             std::fprintf(file, ",%" PRId64, sighting.seen_ns);

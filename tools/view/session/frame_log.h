@@ -18,6 +18,8 @@ class FrameLog
 public:
     /// The next frames come from another feed, which numbers them anew.
     void begin() { run_++; }
+    /// From now on flips are held by some refreshes more or less: one frame stays for it, or is not seen.
+    void moved() { moves_++; }
     void came(const ViewBuffer& frame);
     void seen(const ViewBuffer& frame, int64_t seen_ns);
 
@@ -32,6 +34,7 @@ private:
         int64_t sequence = 0;
         int64_t written_ns = 0;
         int64_t arrived_ns = 0;
+        int64_t moves = 0; ///< until then
     };
     struct Sighting {
         int64_t run = 0;
@@ -43,6 +46,7 @@ private:
     static constexpr size_t kMostFrames = 3600 * 60;
 
     std::atomic<int64_t> run_{0};
+    std::atomic<int64_t> moves_{0};
     display::EventLog<Arrival> arrivals_{kMostFrames};
     display::EventLog<Sighting> sightings_{kMostFrames};
 };

@@ -187,6 +187,10 @@ void Viewing::aim(const ViewingConfig& config)
         refreshes_to_hold(*later_ms, wanted_ms, refresh_ms, -static_cast<int>((held_ms - kLeastHeldMs) / refresh_ms),
                           static_cast<int>((most_held_ms_ - held_ms) / refresh_ms));
     holds_.flip_ns += std::llround(refreshes * refresh_ms * kMs);
+    if (refreshes == 0)
+        return;
+    if (FrameLog* log = shown_frames_->log())
+        log->moved();
     player_.shift_flips(refreshes);
 }
 
