@@ -199,6 +199,7 @@ int Capture::fetch(mutex_guard& guard, uint8_t* data, int frames)
         note_clock();
         const int result = pcm_.read(rest, frames - done);
         if (result > 0) {
+            gate_.moved();
             done += result;
             taken_ += result;
             recoveries = 0;

@@ -27,8 +27,9 @@ constexpr uint32_t kCloseLimitUs = 500000;
 constexpr int kErrorPauseMs = 10;
 /// Likewise while a device is ready and transfers nothing, time and again.
 constexpr int kInVainPauseMs = 1;
-/// A wait that ends sooner has not waited.
-constexpr int64_t kAtOnceNs = 100'000;
+/// So many waits may find the device ready between two transfers: a sound server's client also wakes its caller for
+/// other news.
+constexpr int kReadyInVain = 4;
 
 /// A close on a thread of its own. Its caller may have stopped waiting for it.
 struct Closing {
@@ -419,24 +420,23 @@ void PollGate::wait(mutex_guard& guard, Pcm* pcm, int timeout_ms)
     std::array<struct pollfd, Pcm::kMaxDescriptors + 1> fds = {};
     fds[0] = {wake_fd_, POLLIN, 0};
     const int count = pcm != nullptr && pcm->is_open() ? pcm->descriptors(&fds[1]) : 0;
+    // Callers wait because a transfer moved nothing. A device that is ready all the same, time and again, is not: a
+    // sound server's client, for example, while its own thread does not come to run.
+    const bool in_vain = ready_waits_ >= kReadyInVain;
     ++polling_;
     guard.unlock();
-    const int64_t asked_ns = now_ns();
-    const int result = poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
-    const bool broken = std::any_of(fds.begin() + 1, fds.begin() + 1 + count, [](const struct pollfd& fd) {
-        return (fd.revents & (POLLERR | POLLNVAL | POLLHUP)) != 0;
-    });
-    // A caller waits when a transfer had nothing to do. A device that is ready at once all the same, time and again, is
-    // not: a sound server's client, for one, while its own thread does not come to run.
-    const bool at_once = result > 0 && now_ns() - asked_ns < kAtOnceNs;
-    const bool in_vain = at_once && ready_at_once_.exchange(true);
-    if (!at_once)
-        ready_at_once_ = false;
+    poll(fds.data(), static_cast<nfds_t>(count) + 1, timeout_ms);
+    short events = 0;
+    for (int i = 1; i <= count; ++i)
+        events = static_cast<short>(events | fds[static_cast<size_t>(i)].revents);
+    const bool broken = (events & (POLLERR | POLLNVAL | POLLHUP)) != 0;
     // The next transfer normally reports an error. Where it does not, this pause keeps the caller from spinning, which
     // at real-time priority would stop the whole machine.
-    if (result > 0 && (broken || in_vain))
+    if (broken || (events != 0 && in_vain))
         poll(fds.data(), 1, broken ? kErrorPauseMs : kInVainPauseMs);
     guard.lock();
+    if (events != 0 && !in_vain)
+        ++ready_waits_;
     if (count > 0)
         pcm->ready(&fds[1], count);
     if (--polling_ == 0)

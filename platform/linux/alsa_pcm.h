@@ -11,7 +11,6 @@
 #include <poll.h>
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -162,6 +161,8 @@ public:
 
     /// Waits until @p pcm is ready (null: no Pcm), evict() is called or @p timeout_ms have passed.
     void wait(mutex_guard& guard, Pcm* pcm, int timeout_ms) NO_THREAD_SAFETY_ANALYSIS;
+    /// A transfer moved frames: the waits before it were not in vain. With the mutex held.
+    void moved() { ready_waits_ = 0; }
     /// Ends all waits. Returns when no thread polls, with the mutex held, so that none can begin.
     void evict(mutex_guard& guard) NO_THREAD_SAFETY_ANALYSIS;
 
@@ -169,7 +170,7 @@ private:
     int wake_fd_;
     int polling_ = 0;
     int evicting_ = 0;
-    std::atomic<bool> ready_at_once_{false};         ///< the latest wait did not wait
+    int ready_waits_ = 0;                            ///< that found the Pcm ready, since frames were moved
     pthread_cond_t idle_ = PTHREAD_COND_INITIALIZER; ///< polling_ is 0
     pthread_cond_t free_ = PTHREAD_COND_INITIALIZER; ///< evicting_ is 0
 };

@@ -242,6 +242,7 @@ void Playback::pump(int64_t now)
     for (int recoveries = 0; state_ == State::working && sent_ < ring_.end();) {
         const int result = send(ring_.piece(sent_, config_.period_frames), now);
         if (result > 0) {
+            gate_.moved();
             sent_ += result;
             progress_ns_ = now;
             continue;
