@@ -572,7 +572,8 @@ DeviceStats Playback::stats()
     DeviceStats stats = stats_;
     stats.open = state_ != State::closed;
     stats.lost = stats.open && state_ != State::working;
-    stats.queued = stats.open ? queued(now_ns()) : 0;
+    // Not by the device's own delay: asking for it would replace the stamp by which note_clock() follows its clock.
+    stats.queued = stats.open ? matching_.delay(static_cast<int>(ring_.end() - heard(now_ns()))) : 0;
     stats.matched = matching_.at_work();
     stats.matching_ppm = matching_.ppm();
     return stats;

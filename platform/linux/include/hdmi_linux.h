@@ -159,7 +159,7 @@ struct DeviceStats {
     int64_t left_out = 0;    ///< written frames that were not played: they came too late after an underrun
     int64_t refilled = 0;    ///< frames of silence that were played beside the written ones after an underrun
     int64_t reselects = 0;   ///< moves to another device
-    int64_t queued = 0;      ///< frames written by the player and not heard yet
+    int64_t queued = 0;      ///< frames written by the player and not heard yet, by the latest write and the time since
     int64_t waiting = 0;     ///< frames captured and not read yet when the latest read ended: how old its sound was
     /// Capture, where the stand-in follows it: link frames for each sample, by the bursts seen last; 4 for E-AC-3.
     int frames_per_sample = 1;
