@@ -53,7 +53,8 @@ inline frame_queue_t& queue_of(int32_t id, const char* function = __builtin_FUNC
     return g_no_queue;
 }
 
-/// Traces a call at its begin and end. Keeps copies, because the end may come with the mutex released.
+/// Traces a call at its begin and end, both with the mutex held: the name is the caller's, who may free it once the
+/// queue is gone.
 class api_trace
 {
 public:
@@ -469,22 +470,24 @@ int32_t frame_queue_done_enqueue(int32_t id, frame_info_t* frame)
     mutex_guard lock(q.mutex);
     if (!is_open(q))
         return -1;
-    const api_trace trace(q);
-    if (frame == nullptr) {
-        log_e("frame:%p is null.\n", static_cast<void*>(frame));
-        return -1;
+    {
+        const api_trace trace(q);
+        if (frame == nullptr) {
+            log_e("frame:%p is null.\n", static_cast<void*>(frame));
+            return -1;
+        }
+        // A pointer to anything but a record of this queue is not looked into.
+        const bool known = find_record(q, frame, 0) != nullptr;
+        const frame_node_state_e state = known ? frame->state : E_FRAME_NODE_STATE_MAX;
+        if (state != E_FRAME_NODE_STATE_ACQUIRED) {
+            log_e("[%s] frame state %d err.\n", q.name, state);
+            return -1;
+        }
+        list_add_tail(&frame->node, &q.list_done_frames);
+        frame->state = E_FRAME_NODE_STATE_QUEUED;
+        add_done(q, 1);
+        log_state(q, *frame, __func__);
     }
-    // A pointer to anything but a record of this queue is not looked into.
-    const bool known = find_record(q, frame, 0) != nullptr;
-    const frame_node_state_e state = known ? frame->state : E_FRAME_NODE_STATE_MAX;
-    if (state != E_FRAME_NODE_STATE_ACQUIRED) {
-        log_e("[%s] frame state %d err.\n", q.name, state);
-        return -1;
-    }
-    list_add_tail(&frame->node, &q.list_done_frames);
-    frame->state = E_FRAME_NODE_STATE_QUEUED;
-    add_done(q, 1);
-    log_state(q, *frame, __func__);
     unlock_and_signal_done(q, lock);
     return 0;
 }
@@ -512,17 +515,19 @@ int32_t frame_queue_put(int32_t id, hdmi_player_audio_frame_t* frame)
     mutex_guard lock(q.mutex);
     if (!is_open(q))
         return -1;
-    const api_trace trace(q);
-    frame_info_t* record = find_record(q, frame, offsetof(frame_info_t, frame));
-    if (record == nullptr)
-        return -1;
-    if (record->state == E_FRAME_NODE_STATE_QUEUED) {
-        log_state_error(q, *record, __func__);
-        // Still linked, it would be handed to a producer and to the consumer at once.
-        unlink_done(q, *record);
+    {
+        const api_trace trace(q);
+        frame_info_t* record = find_record(q, frame, offsetof(frame_info_t, frame));
+        if (record == nullptr)
+            return -1;
+        if (record->state == E_FRAME_NODE_STATE_QUEUED) {
+            log_state_error(q, *record, __func__);
+            // Still linked, it would be handed to a producer and to the consumer at once.
+            unlink_done(q, *record);
+        }
+        make_free(q, *record);
+        log_state(q, *record, __func__);
     }
-    make_free(q, *record);
-    log_state(q, *record, __func__);
     unlock_and_signal_pool(q, lock);
     return 0;
 }
