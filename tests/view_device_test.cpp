@@ -7,7 +7,9 @@
 #include <memory>
 #include <vector>
 
+#include "common/clock.h"
 #include "fakes/v4l2_device.h"
+#include "hdmi_linux.h"
 #include "session/viewing.h"
 #include "support/eventually.h"
 
@@ -173,6 +175,26 @@ TEST(Viewing, EndsWhenFramesStayAway)
     EXPECT_TRUE(eventually([&] { return session.viewing->end() != Viewing::End::none; }));
     EXPECT_EQ(session.viewing->end(), Viewing::End::stalled);
     EXPECT_FALSE(session.device->gone());
+}
+
+TEST(Viewing, ForgetsHowLongSoundTookWhenItOpensThePlayer)
+{
+    // Whether there is a device for sound makes no difference; here there is none.
+    hdmi_linux_set_device("speaker", "none_such");
+    Session session;
+    ASSERT_TRUE(session.prepare()) << session.why.detail;
+    session.start();
+    const ViewingConfig with_sound;
+    WindowMean& sound = session.shown.transit().sound;
+    sound.add(common::now_ns(), 40);
+    EXPECT_TRUE(session.viewing->update_player(with_sound)) << "it waits until it knows how old frames are";
+    EXPECT_TRUE(sound.value());
+    for (uint32_t i = 1; i <= 12; i++)
+        ASSERT_TRUE(session.kernel.deliver(i * PlainDisplay::kStep));
+    ASSERT_TRUE(eventually([&] { return session.shown.seen() == 12; }));
+    EXPECT_FALSE(session.viewing->update_player(with_sound));
+    EXPECT_FALSE(sound.value());
+    hdmi_linux_set_device("speaker", nullptr);
 }
 
 TEST(VideoDevice, SaysWhatIsWrongWithACommandThatMendsIt)

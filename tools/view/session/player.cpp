@@ -68,6 +68,7 @@ bool Player::open(const PlayerConfig& config)
         config.holds, static_cast<double>(config.display.panel_refresh_rate),
         [this](void* buffer) { feed_->flipped(static_cast<ViewBuffer*>(buffer)); },
         [this](void* buffer) { leave_out(static_cast<ViewBuffer*>(buffer)); });
+    transit_->start(common::now_ns());
     player_ = this;
     if (hdmi_player_open(wanted) != 0) {
         held_flips_.reset();
