@@ -332,6 +332,25 @@ TEST(Converter, DecodesMotionJpegAndRefusesWhatIsDamaged)
     EXPECT_FALSE(converter.paint(frame, static_cast<uint32_t>(jpeg.size()), painted.canvas));
 }
 
+TEST(BlackSpell, IsSaidOnceWhenItLastsAndOnceWhenItIsOver)
+{
+    using News = BlackSpell::News;
+    constexpr int64_t kSecond = 1'000'000'000;
+    BlackSpell spell;
+    for (int64_t round = 0; round < 2; round++) {
+        const int64_t begin = round * 60 * kSecond;
+        EXPECT_EQ(spell.look(true, begin), News::none);
+        EXPECT_EQ(spell.look(true, begin + 4 * kSecond), News::none);
+        EXPECT_EQ(spell.look(false, begin + 5 * kSecond), News::none) << "a dark scene";
+        EXPECT_EQ(spell.look(true, begin + 6 * kSecond), News::none);
+        EXPECT_EQ(spell.look(true, begin + 11 * kSecond), News::none);
+        EXPECT_EQ(spell.look(true, begin + 12 * kSecond), News::lasts);
+        EXPECT_EQ(spell.look(true, begin + 13 * kSecond), News::none);
+        EXPECT_EQ(spell.look(false, begin + 14 * kSecond), News::over);
+        EXPECT_EQ(spell.look(false, begin + 15 * kSecond), News::none);
+    }
+}
+
 TEST(LeastAge, FollowsTheDeviceAndNotSingleFramesThatComeLate)
 {
     LeastAge ages;

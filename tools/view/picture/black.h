@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <utility>
 
 #include "display/canvas.h"
 #include "display/layout.h"
@@ -28,6 +30,35 @@ public:
 
 private:
     int64_t last_ns_ = 0;
+};
+
+/// When to say that the picture is black: scenes are, for a moment.
+class BlackSpell
+{
+public:
+    enum class News {
+        none,
+        lasts, ///< once in each spell
+        over,  ///< after that
+    };
+    News look(bool black, int64_t now_ns)
+    {
+        constexpr int64_t kSceneNs = 5'000'000'000;
+        if (!black) {
+            began_ns_.reset();
+            return std::exchange(told_, false) ? News::over : News::none;
+        }
+        if (!began_ns_)
+            began_ns_ = now_ns;
+        if (told_ || now_ns - *began_ns_ <= kSceneNs)
+            return News::none;
+        told_ = true;
+        return News::lasts;
+    }
+
+private:
+    std::optional<int64_t> began_ns_;
+    bool told_ = false;
 };
 
 } // namespace view

@@ -20,11 +20,9 @@ namespace
 using machine::Finding;
 using machine::Verdict;
 
-constexpr int64_t kMs = 1'000'000;
 constexpr int kLookAgainMs = 50;
 /// For a device or a signal that is not there.
 constexpr int kTryAgainMs = 500;
-constexpr int64_t kBlackNs = 5000 * kMs;
 constexpr int kVolumeStep = 2;
 constexpr int kDelayStepMs = 10;
 constexpr int kLeastDelayMs = -500;
@@ -236,10 +234,9 @@ bool Viewer::begin_viewing(const machine::VideoSignal& signal)
         return false;
     viewing_->start(config_, info_);
     had_sound_ = true;
-    black_since_ns_ = 0;
-    const std::string line =
-        device_->path() + " (" + device_->card() + "): " + viewing_->description() + " on " + display_->description();
-    messages_.print(line);
+    black_spell_ = {};
+    messages_.print(device_->path() + " (" + device_->card() + "): " + viewing_->description() + " on " +
+                    display_->description());
     display_->set_title(device_->card());
     return true;
 }
@@ -262,28 +259,35 @@ bool Viewer::start_display()
 void Viewer::watch()
 {
     while (!ended() && viewing_->end() == Viewing::End::none) {
-        const bool sounds = viewing_->update_player(config_);
-        if (!sounds && had_sound_)
-            report({Verdict::missing, sound_input_, "no sound: the device cannot be opened, as said above",
-                    "hdmi-player-doctor"});
-        had_sound_ = sounds;
-        watch_for_black(common::now_ns());
+        watch_sound();
+        watch_for_black();
         pause(kLookAgainMs);
     }
     if (viewing_->end() == Viewing::End::stalled)
         report(stalled_picture(device_->path()));
 }
 
-void Viewer::watch_for_black(int64_t now_ns)
+void Viewer::watch_sound()
 {
-    if (!viewing_->black()) {
-        black_since_ns_ = 0;
-        return;
-    }
-    if (black_since_ns_ == 0)
-        black_since_ns_ = now_ns;
-    if (now_ns - black_since_ns_ > kBlackNs)
+    const bool sounds = viewing_->update_player(config_);
+    if (had_sound_ && !sounds)
+        report({Verdict::missing, sound_input_, "no sound: the device cannot be opened, as said above",
+                "hdmi-player-doctor"});
+    else if (!had_sound_ && sounds)
+        display_->set_title(device_->card());
+    had_sound_ = sounds;
+}
+
+void Viewer::watch_for_black()
+{
+    switch (black_spell_.look(viewing_->black(), common::now_ns())) {
+    case BlackSpell::News::none: break;
+    case BlackSpell::News::lasts:
+        messages_.allow_repetition();
         report(black_picture(device_->path()));
+        break;
+    case BlackSpell::News::over: display_->set_title(device_->card()); break;
+    }
 }
 
 void Viewer::end_viewing()

@@ -16,6 +16,7 @@
 
 #include "control/commands.h"
 #include "control/terminal.h"
+#include "picture/black.h"
 #include "process/stop_signals.h"
 #include "session/messages.h"
 #include "session/options.h"
@@ -47,7 +48,8 @@ private:
     bool start_display();
     std::optional<capture::CaptureMode> choose_capture_mode(const machine::VideoSignal& signal);
     void watch();
-    void watch_for_black(int64_t now_ns);
+    void watch_sound();
+    void watch_for_black();
     void end_viewing();
     void pause(int milliseconds);
     void handle_key(const std::string& key);
@@ -77,7 +79,7 @@ private:
     ViewingConfig config_;
     std::string sound_input_; ///< ALSA's name; empty: none
     bool had_sound_ = true;
-    int64_t black_since_ns_ = 0;
+    BlackSpell black_spell_;
 
     int volume_ = 100;
     bool muted_ = false;
