@@ -11,15 +11,17 @@
 #include "process/stop_signals.h"
 #include "session/messages.h"
 #include "session/options.h"
+#include "session/outputs.h"
 #include "session/viewer.h"
 
 namespace
 {
 
-void name_outputs(const std::string& playback)
+/// Sends all outputs to one ALSA device. Empty: each to that of the platform's configuration.
+void send_outputs_to(const std::string& playback)
 {
-    for (const char* output : {"speaker", "headphone", "spdif", "hdmi_arc", "i2s_txa"})
-        hdmi_linux_set_device(output, playback.c_str());
+    for (const view::Output& output : view::kOutputs)
+        hdmi_linux_set_device(output.key, playback.c_str());
 }
 
 } // namespace
@@ -36,7 +38,7 @@ int main(int argc, char** argv)
     }
     process::StopSignals signals;
     setenv("debug_hdmiplayer_log_level", "1", 0); // before the first thread
-    name_outputs(options.playback);
+    send_outputs_to(options.playback);
     signals.start_thread();
     return view::Viewer(options, signals).run();
 }

@@ -2,6 +2,7 @@
 #include "control/commands.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace view
 {

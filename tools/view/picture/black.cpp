@@ -15,7 +15,7 @@ constexpr int kPointsAcross = 16;
 constexpr int kNoise = 6;
 constexpr int kLimitedBlack = 16;
 
-/// Whether @p value is black at each of the points of a grid, by (column, row).
+/// Whether @p value, by column and row, is at most @p limit at each point of a grid.
 template <typename Value> bool all_black(int width, int height, int limit, Value value)
 {
     for (int y = 0; y < kPointsAcross; y++)
@@ -25,15 +25,14 @@ template <typename Value> bool all_black(int width, int height, int limit, Value
     return width > 0 && height > 0;
 }
 
-/// Bytes from a pixel to the next in the first plane, and of these the one that carries the luma; of RGB the first of
-/// three that are looked at.
-struct Step {
-    int bytes;
+/// A pixel in the first plane, and those of its bytes that tell how bright it is: the luma, or red, green and blue.
+struct PixelBytes {
+    int size;
     int first;
-    int components;
+    int count;
 };
 
-Step step_of(uint32_t fourcc)
+PixelBytes pixel_bytes(uint32_t fourcc)
 {
     switch (fourcc) {
     case DRM_FORMAT_YUYV: return {2, 0, 1};
@@ -52,15 +51,12 @@ Step step_of(uint32_t fourcc)
 bool is_black(const display::ForeignFrame& frame)
 {
     const display::PixelLayout& layout = frame.layout;
-    const Step step = step_of(layout.fourcc);
+    const PixelBytes pixel = pixel_bytes(layout.fourcc);
     const int limit = kNoise + (layout.full_range ? 0 : kLimitedBlack);
     return all_black(layout.width, layout.height, limit, [&](int x, int y) {
-        const uint8_t* at = frame.memory + layout.offsets[0] + static_cast<size_t>(y) * layout.pitches[0] +
-                            static_cast<size_t>(x) * static_cast<size_t>(step.bytes);
-        int brightest = 0;
-        for (int i = step.first; i < step.first + step.components; i++)
-            brightest = at[i] > brightest ? at[i] : brightest;
-        return brightest;
+        const uint8_t* bytes = frame.memory + layout.offsets[0] + static_cast<size_t>(y) * layout.pitches[0] +
+                               static_cast<size_t>(x) * static_cast<size_t>(pixel.size) + pixel.first;
+        return int{*std::max_element(bytes, bytes + pixel.count)};
     });
 }
 

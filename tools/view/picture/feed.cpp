@@ -18,7 +18,8 @@ constexpr int kDeviceBuffers = 3;
 constexpr int kPaintedBuffers = 6;
 /// Frames on their way to the painter and from it.
 constexpr int kPainting = 2;
-constexpr double kHalfASecondNs = 0.5e9;
+/// Frames that come closer together, in refreshes of the display, are counted as a burst.
+constexpr double kBurstRefreshes = 0.5;
 
 } // namespace
 
@@ -104,7 +105,7 @@ ViewBuffer* Feed::take()
     const std::optional<CapturedFrame> frame = device_->take();
     if (!frame)
         return nullptr;
-    account(*frame, common::now_ns());
+    count(*frame, common::now_ns());
     if (frame->damaged) {
         damaged_++;
         device_->queue(frame->index);
@@ -128,10 +129,11 @@ void Feed::give_back()
     }
 }
 
-void Feed::account(const CapturedFrame& frame, int64_t now_ns)
+void Feed::count(const CapturedFrame& frame, int64_t now_ns)
 {
     frames_++;
-    crowded_ += static_cast<double>(now_ns - came_ns_) * display_->refresh_hz() < kHalfASecondNs ? 1 : 0;
+    const double refreshes = static_cast<double>(now_ns - came_ns_) * display_->refresh_hz() / 1e9;
+    crowded_ += refreshes < kBurstRefreshes ? 1 : 0;
     came_ns_ = now_ns;
     if (counted_)
         missing_ += std::max(static_cast<int32_t>(frame.sequence - sequence_) - 1, 0);

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "capture/converter.h"
 #include "capture/video_device.h"
@@ -106,7 +107,7 @@ private:
     ViewBuffer* take_direct(const CapturedFrame& frame);
     ViewBuffer* take_painted(const CapturedFrame& frame);
     void describe(const CapturedFrame& frame, ViewBuffer* buffer) const;
-    void account(const CapturedFrame& frame, int64_t now_ns);
+    void count(const CapturedFrame& frame, int64_t now_ns);
     template <typename Pixels> void look_at(const Pixels& pixels, ViewBuffer* buffer);
     void present(ViewBuffer* buffer);
     void run_painter();

@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: MIT
+// How old frames or sound are when they come, by what the device says.
 #pragma once
 
 #include <algorithm>
+#include <optional>
 
 namespace view
 {
 
 /**
- * How old frames or sound are when they come, by what the device says. A machine
- * that is late now and then makes single ones older: the least age counts, of the
- * latest two windows. Stamps from the future are as good as none.
+ * The least age in the latest two windows: a machine that is late now and then
+ * makes single frames older than the device does. Stamps from the future count
+ * as an age of 0.
  */
 class LeastAge
 {
@@ -17,22 +19,20 @@ public:
     /// @return the age in ms
     double add(double age_ms)
     {
-        least_ms_ = frames_ == 0 ? age_ms : std::min(least_ms_, age_ms);
-        if (++frames_ == kWindow) {
+        least_ms_ = count_ == 0 ? age_ms : std::min(least_ms_, age_ms);
+        const double least_ms = before_ms_ ? std::min(least_ms_, *before_ms_) : least_ms_;
+        if (++count_ == kWindow) {
             before_ms_ = least_ms_;
-            frames_ = 0;
-            known_ = true;
+            count_ = 0;
         }
-        const double least_ms = !known_ ? least_ms_ : frames_ == 0 ? before_ms_ : std::min(least_ms_, before_ms_);
         return std::max(least_ms, 0.0);
     }
 
 private:
     static constexpr int kWindow = 120;
-    int frames_ = 0; ///< of the window
-    bool known_ = false;
+    int count_ = 0; ///< in this window
     double least_ms_ = 0;
-    double before_ms_ = 0; ///< of the window before
+    std::optional<double> before_ms_; ///< the least of the window before
 };
 
 } // namespace view

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "machine/capture_devices.h"
 #include "machine/finding.h"

@@ -2,8 +2,12 @@
 #include "session/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
-#include <map>
+#include <vector>
+
+#include "session/outputs.h"
+#include "session/sound_delay.h"
 
 namespace view
 {
@@ -59,11 +63,21 @@ bool parse_size(const std::string& text, ModeWish* mode)
            mode->height > 0;
 }
 
-const std::map<std::string, hdmi_player_ao_dev_e> kOutputs = {
-    {"speaker", E_HDMI_PLAYER_AO_DEV_SPEAKER}, {"headphone", E_HDMI_PLAYER_AO_DEV_HEADPHONE},
-    {"spdif", E_HDMI_PLAYER_AO_DEV_SPDIF},     {"arc", E_HDMI_PLAYER_AO_DEV_HDMI_ARC},
-    {"i2s", E_HDMI_PLAYER_AO_DEV_I2S_TXA},
-};
+std::vector<std::string> output_options()
+{
+    std::vector<std::string> options;
+    for (const Output& output : kOutputs)
+        options.emplace_back(output.option);
+    return options;
+}
+
+hdmi_player_ao_dev_e output_of(const std::string& option)
+{
+    for (const Output& output : kOutputs)
+        if (output.option == option)
+            return output.device;
+    return E_HDMI_PLAYER_AO_DEV_SPEAKER;
+}
 
 /// What CLI11 reads as text.
 struct Texts {
@@ -89,7 +103,9 @@ void add_options(CLI::App* app, Texts* texts, Options* options)
                     "screen, on a console that no desktop uses)")
         ->check(check_display)
         ->capture_default_str();
-    app->add_option("--output", texts->output, "Output device")->check(CLI::IsMember(kOutputs))->capture_default_str();
+    app->add_option("--output", texts->output, "Output device")
+        ->check(CLI::IsMember(output_options()))
+        ->capture_default_str();
     app->add_option("--size", texts->size, "Size that the device is to send, such as 1920x1080, where it has a choice");
     app->add_option("--fps", options->mode.fps, "Frames per second, likewise")->check(CLI::Range(1.0, 1000.0));
     app->add_option("--format", texts->format, "Pixel format, likewise: NV12, YUYV, MJPG, ...");
@@ -98,7 +114,7 @@ void add_options(CLI::App* app, Texts* texts, Options* options)
         ->check(CLI::Range(0, 500));
     app->add_option("--av-offset", options->sound_delay_ms,
                     "Sound that many ms later (negative: earlier) than it would be")
-        ->check(CLI::Range(-500, 1000));
+        ->check(CLI::Range(kLeastWantedDelayMs, kMostSoundDelayMs));
     app->add_flag("--fullscreen", options->fullscreen, "The window on the whole screen");
     app->add_option("--frames", options->frames,
                     "For measuring: at the end, write there when each frame came and when it was seen, as CSV");
@@ -112,7 +128,7 @@ std::string take_texts(const Texts& texts, Options* options)
     options->playback = behind_colon(texts.playback);
     options->display = kind_of(texts.display);
     options->display_path = behind_colon(texts.display);
-    options->output = kOutputs.at(texts.output);
+    options->output = output_of(texts.output);
     if (!texts.size.empty() && !parse_size(texts.size, &options->mode))
         return "--size: " + texts.size + " is no size such as 1920x1080";
     if (!texts.format.empty() && (options->mode.v4l2 = capture::fourcc_of(texts.format)) == 0)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
+// What the command line asks for, and the parser of it.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "capture/pixel_format.h"
@@ -14,7 +14,6 @@ using capture::ModeWish;
 
 enum class DisplayKind { automatic, kms, window };
 
-/// What the command line asks for.
 struct Options {
     bool list = false;
     std::string video;    ///< of the V4L2 node; empty: found

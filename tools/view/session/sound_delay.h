@@ -10,7 +10,9 @@
 namespace view
 {
 
-constexpr double kMostSoundDelayMs = 1000;
+constexpr int kMostSoundDelayMs = 1000;
+/// By the viewer. Earlier than that, flips would have to wait for longer than there are buffers.
+constexpr int kLeastWantedDelayMs = -500;
 
 /// Why the sound has to wait.
 struct Lateness {
@@ -40,7 +42,8 @@ public:
     {
         const double least_ms = in_ms(common::kPlannedLatencyNs) - display_latency_ms - most_held_ms;
         const double early_ms = lateness_.eac3 ? in_ms(common::kEarlyPayloadNs) : 0;
-        return std::clamp(lateness_.frames_later_ms + early_ms + lateness_.wanted_ms, least_ms, kMostSoundDelayMs);
+        return std::clamp<double>(lateness_.frames_later_ms + early_ms + lateness_.wanted_ms, least_ms,
+                                  kMostSoundDelayMs);
     }
 
 private:

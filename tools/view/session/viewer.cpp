@@ -11,6 +11,7 @@
 #include "common/clock.h"
 #include "hdmi_linux.h"
 #include "machine/capture_devices.h"
+#include "session/outputs.h"
 
 namespace view
 {
@@ -25,20 +26,8 @@ constexpr int kLookAgainMs = 50;
 constexpr int kTryAgainMs = 500;
 constexpr int kVolumeStep = 2;
 constexpr int kDelayStepMs = 10;
-constexpr int kLeastDelayMs = -500;
 constexpr int kNoDisplay = 3;
 constexpr char kTitle[] = "hdmi-player-view";
-
-const char* name_of_output(hdmi_player_ao_dev_e output)
-{
-    switch (output) {
-    case E_HDMI_PLAYER_AO_DEV_HEADPHONE: return "headphone";
-    case E_HDMI_PLAYER_AO_DEV_SPDIF: return "S/PDIF";
-    case E_HDMI_PLAYER_AO_DEV_HDMI_ARC: return "HDMI ARC";
-    case E_HDMI_PLAYER_AO_DEV_I2S_TXA: return "I2S";
-    default: return "speaker";
-    }
-}
 
 } // namespace
 
@@ -359,17 +348,13 @@ void Viewer::change_volume(int step)
 
 void Viewer::take_next_output()
 {
-    constexpr hdmi_player_ao_dev_e kOutputs[] = {E_HDMI_PLAYER_AO_DEV_SPEAKER, E_HDMI_PLAYER_AO_DEV_HEADPHONE,
-                                                 E_HDMI_PLAYER_AO_DEV_SPDIF, E_HDMI_PLAYER_AO_DEV_HDMI_ARC,
-                                                 E_HDMI_PLAYER_AO_DEV_I2S_TXA};
-    const auto* at = std::find(std::begin(kOutputs), std::end(kOutputs), config_.output);
-    for (size_t tried = 1; tried < std::size(kOutputs); tried++) {
-        at = at + 1 >= std::end(kOutputs) ? std::begin(kOutputs) : at + 1;
+    for (size_t steps = 1; steps < std::size(kOutputs); steps++) {
+        const Output& output = output_after(config_.output, steps);
         // What is chosen while nothing plays is opened when something does.
-        if (viewing_ && viewing_->plays_sound() && hdmi_player_select_audio_output_device(*at) != 0)
+        if (viewing_ && viewing_->plays_sound() && hdmi_player_select_audio_output_device(output.device) != 0)
             continue;
-        config_.output = *at;
-        messages_.print(std::string("sound to ") + name_of_output(*at));
+        config_.output = output.device;
+        messages_.print(std::string("sound to ") + output.name);
         return;
     }
     messages_.print("no other sound output can be opened");
@@ -377,8 +362,7 @@ void Viewer::take_next_output()
 
 void Viewer::delay_sound(int step_ms)
 {
-    config_.sound_delay_ms =
-        std::clamp(config_.sound_delay_ms + step_ms, kLeastDelayMs, static_cast<int>(kMostSoundDelayMs));
+    config_.sound_delay_ms = std::clamp(config_.sound_delay_ms + step_ms, kLeastWantedDelayMs, kMostSoundDelayMs);
     messages_.print("sound " + std::to_string(config_.sound_delay_ms) + " ms later");
 }
 

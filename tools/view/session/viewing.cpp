@@ -62,8 +62,8 @@ bool sound_is_compressed()
     return false;
 }
 
-/// What is known of it, for the line of figures.
-std::string way_of(const char* format, std::optional<double> ms)
+/// @p format with the figure; empty while it is not known.
+std::string if_known(const char* format, std::optional<double> ms)
 {
     char text[96];
     std::snprintf(text, sizeof text, format, ms.value_or(0));
@@ -250,9 +250,9 @@ std::string Viewing::figures(const ViewingConfig& config) const
         !capture.open ? ""
                       : (sound_is_compressed() ? "; compressed, " : "; PCM, ") + std::to_string(capture.rate) + " Hz";
     const Transit& transit = shown_frames_->transit();
-    return description() + frames + sound + played + format + way_of("; sound takes %.0f ms", transit.sound.value()) +
-           way_of("; frames take %.0f ms", transit.frames.value()) +
-           way_of("; by calculation sound %+.0f ms after its picture", sound_later_ms());
+    return description() + frames + sound + played + format + if_known("; sound takes %.0f ms", transit.sound.value()) +
+           if_known("; frames take %.0f ms", transit.frames.value()) +
+           if_known("; by calculation sound %+.0f ms after its picture", sound_later_ms());
 }
 
 } // namespace view
