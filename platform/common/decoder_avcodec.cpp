@@ -10,7 +10,7 @@
  * decoder's "cons_noisegen"): equal input gives equal output.
  *
  * Memory: at most the framer's 40 kB of input, in the asynchronous mode two
- * blocks of 64 kB more, and 16 frames of PCM. While the PCM is full, a write
+ * blocks of 64 kB more, and 17 frames of PCM. While the PCM is full, a write
  * accepts nothing.
  */
 #include "decoder_avcodec.h"
@@ -18,6 +18,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -144,6 +145,10 @@ MixLevels mix_levels(const AVFrame& frame)
     return {info->center_mix_level, info->surround_mix_level, info->lfe_mix_level};
 }
 
+/// libswresample's vector code needs this alignment on ARM. It rounds differently from the code for other addresses, so
+/// that equal input gives equal output only at aligned ones; malloc() aligns to 8 there.
+constexpr size_t kVectorBytes = 16;
+
 /// Converts the codec's samples to interleaved 16-bit samples in the requested layout.
 class Converter
 {
@@ -162,13 +167,11 @@ public:
     {
         if (!follow(frame))
             return false;
-        const auto channels = static_cast<size_t>(target_.nb_channels);
-        const size_t start = pcm->size();
-        pcm->resize(start + static_cast<size_t>(frame.nb_samples) * channels);
-        auto* to = reinterpret_cast<uint8_t*>(pcm->data() + start);
-        const int frames = swr_convert(swr_.get(), &to, frame.nb_samples,
+        auto* to = reinterpret_cast<uint8_t*>(samples_.data());
+        const int frames = swr_convert(swr_.get(), &to, static_cast<int>(ac3::kFrameSamplesMax),
                                        const_cast<const uint8_t**>(frame.extended_data), frame.nb_samples);
-        pcm->resize(start + static_cast<size_t>(std::max(frames, 0)) * channels);
+        const auto samples = static_cast<size_t>(std::max(frames, 0)) * static_cast<size_t>(target_.nb_channels);
+        pcm->insert(pcm->end(), samples_.data(), samples_.data() + samples);
         return frames >= 0;
     }
 
@@ -198,6 +201,7 @@ private:
         return true;
     }
 
+    alignas(kVectorBytes) std::array<int16_t, ac3::kFrameSamplesMax * ADECODER_CHANNEL_MAX> samples_;
     AVChannelLayout target_ = {};
     AVChannelLayout source_ = {};
     AvPtr<SwrContext> swr_;

@@ -130,6 +130,9 @@ std::vector<Bytes> encode(const Format& format, int count)
     return packets;
 }
 
+/// Of a frame with eight channels.
+constexpr int kBlockSamples = 8 * 1536;
+
 std::vector<int16_t> decode(const Format& format, const std::vector<Bytes>& packets, int channels)
 {
     const AVCodec* codec = avcodec_find_decoder(format.codec);
@@ -149,11 +152,13 @@ std::vector<int16_t> decode(const Format& format, const std::vector<Bytes>& pack
         while (avcodec_receive_frame(decoder, frame) == 0) {
             if (swr == nullptr)
                 swr = make_converter(frame, channels);
-            std::vector<int16_t> block(static_cast<size_t>(frame->nb_samples * channels));
-            auto* to = reinterpret_cast<uint8_t*>(block.data());
+            // On ARM, libswresample rounds differently at addresses that are not aligned.
+            alignas(16) int16_t block[kBlockSamples];
+            check(frame->nb_samples * channels <= kBlockSamples, "frame");
+            auto* to = reinterpret_cast<uint8_t*>(block);
             swr_convert(swr, &to, frame->nb_samples, const_cast<const uint8_t**>(frame->extended_data),
                         frame->nb_samples);
-            pcm.insert(pcm.end(), block.begin(), block.end());
+            pcm.insert(pcm.end(), block, block + frame->nb_samples * channels);
             av_frame_unref(frame);
         }
     }
