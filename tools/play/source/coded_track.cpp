@@ -2,6 +2,7 @@
 #include "source/coded_track.h"
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 #include "signal/rate_conversion.h"
@@ -65,7 +66,8 @@ struct CodedTrack::Codecs {
     AvOwned<AVCodecContext> decoder;
     AvOwned<AVFrame> frame{av_frame_alloc()};
     std::vector<uint8_t> muxed; ///< bytes of a burst that is not complete yet
-    std::vector<int16_t> stereo;
+    /// Aligned: elsewhere libswresample rounds differently on ARM, and the sound would not be what the player decodes.
+    alignas(16) std::array<int16_t, 2 * kBurstSamples> stereo;
 
     bool open(AVCodecID codec)
     {
@@ -160,12 +162,12 @@ bool CodedTrack::store_decoded(AVPacket* packet)
         damaged = damaged || is_damaged(*frame);
         // Made anew each time: layout and levels may change with any frame.
         AvOwned<SwrContext> converter(make_downmixer(frame));
-        codecs.stereo.assign(2 * static_cast<size_t>(frame->nb_samples), 0);
+        const int samples = std::min(frame->nb_samples, static_cast<int>(kBurstSamples));
+        codecs.stereo.fill(0);
         auto* bytes = reinterpret_cast<uint8_t*>(codecs.stereo.data());
         if (converter)
-            swr_convert(converter.get(), &bytes, frame->nb_samples, const_cast<const uint8_t**>(frame->extended_data),
-                        frame->nb_samples);
-        if (!sound_.append(codecs.stereo.data(), frame->nb_samples))
+            swr_convert(converter.get(), &bytes, samples, const_cast<const uint8_t**>(frame->extended_data), samples);
+        if (!sound_.append(codecs.stereo.data(), samples))
             return false;
     }
     bool silent = sound_.frames() == before;
