@@ -39,6 +39,3 @@ foreach(file include/aio_device.h include/adecoder.h include/hdmi_cec.h lib)
     message(FATAL_ERROR "HDMIPLAYER_PLATFORM_ROOT: there is no ${HDMIPLAYER_PLATFORM_ROOT}/${file}.")
   endif()
 endforeach()
-
-message(STATUS "Simulated platform ${HDMIPLAYER_SIM}, Linux platform ${HDMIPLAYER_LINUX}, "
-               "tools ${HDMIPLAYER_TOOLS}, tests ${HDMIPLAYER_TESTS}, warnings are errors ${HDMIPLAYER_WERROR}")

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# play_window_test.sh PROGRAM: a film in a window of a desktop that nobody sees: what it shows is the film, in its
-# colours and in its order, with every picture told from the others, and its sound comes out of an ALSA device (where
-# there is a sound server to offer one). 77 without Xvfb or ffmpeg, and if the program
-# was built without windows or is not permitted to run.
+# play_window_test.sh PROGRAM [silent]: a film in a window of a desktop that nobody sees: what it shows is the film, in
+# its colours and in its order, with every picture told from the others, and its sound comes out of an ALSA device (where
+# there is a sound server to offer one; silent: of a program that was built without alsa-lib). 77 without Xvfb or ffmpeg,
+# and if the program was built without windows or is not permitted to run.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/support/sound_server.sh"
 
@@ -59,7 +59,9 @@ ffmpeg -v error -f lavfi -i "color=0xD02010:size=320x180:rate=25:duration=4" \
     -filter_complex '[0][1]concat' -c:v libx264 -pix_fmt yuv420p -c:a aac "$folder/film.mp4" </dev/null
 
 sound=()
-if command -v pulseaudio >/dev/null; then
+if [ "${2:-}" = silent ]; then
+    echo "Built without alsa-lib: sound is left out."
+elif command -v pulseaudio >/dev/null; then
     serve_sound "$folder" room
     sound=(--playback alsa:room --observe alsa:room_end)
 else
