@@ -135,6 +135,20 @@ TEST(FrameClock, ALateChunkIsNoLoss)
     }
 }
 
+TEST(FrameClock, WhatSilenceStoodForIsLeftOutAlsoWhereTheReaderStoodStillMeanwhile)
+{
+    for (const int64_t stood_ms : {80, 150, 300}) {
+        Stream stream;
+        stream.send_seconds(2);
+        stream.held_until_us = stream.arrival_us(stream.sent) + 400 * kMs;
+        stream.poll_until(stream.held_until_us - stood_ms * kMs);
+        ASSERT_LT(stream.behind(), 0) << "silence was queued";
+        stream.polled_us = stream.held_until_us;
+        stream.send_seconds(1.1);
+        EXPECT_EQ(0, stream.behind()) << stood_ms << " ms";
+    }
+}
+
 TEST(FrameClock, WhatIsLostInAStallIsToldFromWhatIsLate)
 {
     Stream stream;

@@ -351,9 +351,10 @@ private:
     void follow_time_line() REQUIRES(mutex_)
     {
         const uint32_t present = time_line::present();
-        if (present != time_line_ || time_line::is_quiet(time_line::kNoSignal))
+        if (std::exchange(time_line_, present) != present)
             frame_clock_.restart();
-        time_line_ = present;
+        else if (time_line::is_quiet(time_line::kNoSignal))
+            frame_clock_.paused();
     }
 
     const size_t channels_;

@@ -166,11 +166,17 @@ Correction FrameClock::frame_came(int64_t now_us, const ComingFrame& frame, int6
     return correction;
 }
 
+void FrameClock::paused()
+{
+    if (made_up_ == 0 && skip_ == 0)
+        restart();
+}
+
 int64_t FrameClock::starving(int64_t now_us, int64_t room)
 {
     const int64_t pause_us = now_us - asked_us_;
     if (asked_us_ != 0 && pause_us > kReaderDryUs)
-        restart();
+        paused();
     if (pause_us > kReaderLateUs)
         asked_since_us_ = now_us;
     asked_us_ = now_us;

@@ -59,6 +59,10 @@ public:
     /// Forgets the past: a new time line begins.
     void restart() { *this = {}; }
 
+    /// What was lost meanwhile is not missed: likewise, unless silence was queued in place of frames. These may still
+    /// come, and if their time were forgotten, the sound would be as much late for good.
+    void paused();
+
 private:
     /// Frames whose delay is kept: two seconds of AC-3.
     static constexpr size_t kHistory = 64;
