@@ -452,6 +452,13 @@ TEST(PicturePlan, IsLeftByFramesThatWaitForAnotherTimeUntilTwoResetsShowThatThey
     EXPECT_EQ(leaves(&plan, &now_ns, 1500, 100), 1);
     plan.start(now_ns);
     EXPECT_EQ(leaves(&plan, &now_ns, 10000, 20), 0) << "back in the plan";
+    EXPECT_EQ(leaves(&plan, &now_ns, 60'000, 20), 1) << "tried again after a minute";
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 100'000, 20), 0) << "in vain: not so soon again";
+    EXPECT_EQ(leaves(&plan, &now_ns, 40'000, 20), 1);
+    plan.start(now_ns);
+    EXPECT_EQ(leaves(&plan, &now_ns, 300'000, 90), 0) << "the machine had been busy: as before all that";
+    EXPECT_EQ(leaves(&plan, &now_ns, 1500, 0), 1);
 }
 
 /// Blocks of 20 ms on the time line of one reset after the other.
@@ -498,9 +505,29 @@ TEST(SoundPlan, IsLeftWhereSoundIsLostOldOrComesLate)
         EXPECT_EQ(s.play(3000, lag_ms), 1) << lag_ms;
         s.reset();
         EXPECT_EQ(s.play(3000, lag_ms), 0) << "how it has to be: " << lag_ms;
+        EXPECT_EQ(s.play(60'000, lag_ms), 1) << "tried again after a minute";
+        s.reset();
+        EXPECT_EQ(s.play(70'000, lag_ms), 0) << "in vain: not so soon again";
         s.reset();
         EXPECT_EQ(s.play(3000, 30), 0);
     }
+}
+
+TEST(SoundPlan, IsLeftWhereABusyMachineMadeOneOfIt)
+{
+    Sequences s;
+    for (const int64_t lag_ms : {600, 273}) {
+        s.reset();
+        EXPECT_EQ(s.play(3000, lag_ms), 1) << "no two sequences begin so late the same way: " << lag_ms;
+    }
+    s.reset();
+    EXPECT_EQ(s.play(1000, 190), 0);
+    EXPECT_EQ(s.play(3000, 30), 0) << "threads were late at first";
+    EXPECT_EQ(s.play(2500, 100), 1) << "less than they were late by";
+    s.reset();
+    EXPECT_EQ(s.play(5000, 30), 0);
+    EXPECT_EQ(s.play(2500, -243), 1) << "silence for sound that came after all";
+    EXPECT_EQ(s.play(5000, -243), 0) << "not once more";
 }
 
 TEST(PlanWatch, AsksForFewResetsWhereTheyDoNotHelp)

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "common/retry.h"
+
 namespace common
 {
 
@@ -16,8 +18,9 @@ namespace common
  * open at once, the sound's time began later than the frames', and these wait too
  * long. A reset puts both right, which a host gets by withholding frames
  * (FrameBreak). What is the same after two such resets is how it has to be: the
- * first one may have come while the output still failed. Pure: times are arguments
- * (CLOCK_MONOTONIC, nanoseconds).
+ * first one may have come while the output still failed. A machine that was busy for
+ * minutes may have made it so, too: whether frames wait as before is tried again
+ * (Retry). Pure: times are arguments (CLOCK_MONOTONIC, nanoseconds).
  */
 class PicturePlan
 {
@@ -51,20 +54,51 @@ public:
         const int64_t mean_ns = sum_ns_ / frames_;
         window_ns_ = kNone;
         const bool settled = is_near(mean_ns, std::exchange(before_ns_, mean_ns));
-        if (fresh_ && is_near(mean_ns, doubted_ns_))
+        const bool fresh = std::exchange(fresh_, false);
+        if (fresh && is_near(mean_ns, doubted_ns_))
             confirmed_++;
-        fresh_ = false;
-        if ((usual_ns_ == kNone && settled) || confirmed_ == kResetsThatConfirm)
+        if (usual_ns_ == kNone && settled)
             usual_ns_ = mean_ns;
         if (usual_ns_ == kNone)
             return false;
-        if (is_near(mean_ns, usual_ns_)) {
-            // The clocks may drift apart.
-            usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
-            doubted_ns_ = kNone;
-            confirmed_ = 0;
-            return false;
-        }
+        if (confirmed_ == kResetsThatConfirm)
+            give_up(now_ns, mean_ns);
+        else if (fresh && is_near(mean_ns, wanted_ns_))
+            take_up();
+        const bool tries = retry_.is_due(now_ns);
+        return is_near(mean_ns, usual_ns_) ? keeps(now_ns, mean_ns, tries) : leaves(now_ns, mean_ns);
+    }
+
+private:
+    /// It has to be so, as it seems.
+    void give_up(int64_t now_ns, int64_t mean_ns)
+    {
+        if (wanted_ns_ == kNone)
+            wanted_ns_ = usual_ns_;
+        usual_ns_ = mean_ns;
+        retry_.gave_up(now_ns);
+    }
+
+    /// Behind a reset, frames wait again as they did before the plan was given up.
+    void take_up()
+    {
+        usual_ns_ = std::exchange(wanted_ns_, kNone);
+        retry_.kept();
+    }
+
+    bool keeps(int64_t now_ns, int64_t mean_ns, bool tries)
+    {
+        // The clocks may drift apart.
+        usual_ns_ += (mean_ns - usual_ns_) / kSlowly;
+        doubted_ns_ = kNone;
+        confirmed_ = 0;
+        if (tries)
+            retry_.gave_up(now_ns); // unless it helps
+        return tries;
+    }
+
+    bool leaves(int64_t now_ns, int64_t mean_ns)
+    {
         if (now_ns < again_ns_)
             return false;
         if (!is_near(mean_ns, doubted_ns_))
@@ -74,7 +108,6 @@ public:
         return true;
     }
 
-private:
     bool is_near(int64_t a_ns, int64_t b_ns) const { return b_ns != kNone && std::abs(a_ns - b_ns) <= kFarNs; }
 
     static constexpr int64_t kNone = -1;
@@ -90,6 +123,7 @@ private:
 
     int64_t settled_ns_ = 0;
     int64_t usual_ns_ = kNone;   ///< for which frames wait
+    int64_t wanted_ns_ = kNone;  ///< likewise, before the plan was given up
     int64_t doubted_ns_ = kNone; ///< for which they waited when the plan was left
     int confirmed_ = 0;          ///< resets that did not change that
     bool fresh_ = true;          ///< nothing was judged since the reset
@@ -98,6 +132,7 @@ private:
     int64_t sum_ns_ = 0;
     int64_t frames_ = 0;
     int64_t again_ns_ = 0;
+    Retry retry_{1'000'000'000};
 };
 
 } // namespace common
