@@ -52,6 +52,8 @@
  *         int32_t serial;       // of the sequence
  *         int64_t least_age_us; // of its blocks: now less pts
  *         int64_t began_us;     // when sound was thrown away last
+ *         bool lost;            // sound before one of them was, and sound_was_lost does not say so yet
+ *         int64_t told_us;      // when it said so last
  *     } late;
  *     static atomic_bool sound_was_lost; // on its way here: only a reset brings frames and sound together again
  *
@@ -69,9 +71,14 @@
  *         const int64_t now = now_us(), age = now - block->pts;
  *         const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
  *         if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
- *             sound_was_lost = block->serial == late.serial;
+ *             late.lost = block->serial == late.serial;
  *             late.serial = block->serial;
  *             late.least_age_us = age;
+ *         }
+ *         if (late.lost && now - late.told_us > PAUSE_US) { // the reset costs a second of frames
+ *             sound_was_lost = true;
+ *             late.lost = false;
+ *             late.told_us = now;
  *         }
  *         const bool pause_over = now - late.began_us > PAUSE_US;
  *         if (age > late.least_age_us + IN_HAND_US && (pause_over || now - late.began_us < EPISODE_US)) {
@@ -182,9 +189,10 @@
  * late but came while the host waited for it is played: it is new, and sound
  * before it was lost. The player counts sound, and does not notice the loss:
  * its frames stay late against the sound until it resets, which sound_was_lost
- * asks for, see below. Where the processing delays the sound, this is decided
- * behind it. A product also fades from the first block that is thrown away into
- * the one that is played.
+ * asks for, see below; not more often than once in ten seconds, because each
+ * reset costs a second of frames, and a source may go on losing sound. Where the
+ * processing delays the sound, this is decided behind it. A product also fades
+ * from the first block that is thrown away into the one that is played.
  *
  * Frames are stamped by the wall clock. Setting it while frames are in the queue
  * breaks the sync for good, unless the player resets. So the host notices it (a

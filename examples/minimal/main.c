@@ -193,6 +193,8 @@ static struct {
     int32_t serial;       // of the sequence
     int64_t least_age_us; // of its blocks: now less pts
     int64_t began_us;     // when sound was thrown away last
+    bool lost;            // sound before one of them was, and sound_was_lost does not say so yet
+    int64_t told_us;      // when it said so last
 } late;
 static atomic_bool sound_was_lost; // on its way here: only a reset brings frames and sound together again
 
@@ -210,9 +212,14 @@ static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
     const int64_t now = now_us(), age = now - block->pts;
     const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
     if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
-        sound_was_lost = block->serial == late.serial;
+        late.lost = block->serial == late.serial;
         late.serial = block->serial;
         late.least_age_us = age;
+    }
+    if (late.lost && now - late.told_us > PAUSE_US) { // the reset costs a second of frames
+        sound_was_lost = true;
+        late.lost = false;
+        late.told_us = now;
     }
     const bool pause_over = now - late.began_us > PAUSE_US;
     if (age > late.least_age_us + IN_HAND_US && (pause_over || now - late.began_us < EPISODE_US)) {
