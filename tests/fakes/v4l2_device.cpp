@@ -161,9 +161,12 @@ int V4l2Device::answer(unsigned long request, void* argument)
     case VIDIOC_DQEVENT:
         as<v4l2_event>(argument).type = V4L2_EVENT_SOURCE_CHANGE;
         return std::exchange(event_, false) ? 0 : ENOENT;
+    case VIDIOC_S_DV_TIMINGS:
+        // New ones are a change of the source, as with drivers that change the colours along with the size.
+        event_ |= !std::exchange(timings_set_, true);
+        return 0;
     case VIDIOC_G_INPUT:
     case VIDIOC_G_FMT:
-    case VIDIOC_S_DV_TIMINGS:
     case VIDIOC_SUBSCRIBE_EVENT: return 0;
     default: return ENOTTY;
     }

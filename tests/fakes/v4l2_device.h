@@ -61,5 +61,6 @@ private:
     std::deque<v4l2_buffer> full_;
     uint32_t sequence_ = 0;
     bool event_ = false;
+    bool timings_set_ = false;
     bool gone_ = false;
 };

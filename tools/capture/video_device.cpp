@@ -23,6 +23,8 @@ using machine::Finding;
 using machine::Verdict;
 
 constexpr uint32_t kMostEntries = 256; ///< of a list, should a driver never end it
+/// Attempts to set the timings of a source that changes meanwhile.
+constexpr int kMostSettings = 3;
 
 /// Until the device has a buffer again.
 constexpr useconds_t kErrorPauseUs = 1000;
@@ -209,12 +211,22 @@ machine::VideoSignal VideoDevice::detect()
     signal_fps_ = 0;
     if (!digital_)
         return {};
-    v4l2_dv_timings timings = {};
-    machine::VideoSignal signal = machine::detect_signal(fd_, &timings);
-    if (signal.state == machine::VideoSignal::State::present) {
+    machine::VideoSignal signal;
+    for (int attempt = 0; attempt < kMostSettings; attempt++) {
+        v4l2_dv_timings timings = {};
+        signal = machine::detect_signal(fd_, &timings);
+        if (signal.state != machine::VideoSignal::State::present)
+            return signal;
         call(fd_, VIDIOC_S_DV_TIMINGS, &timings);
-        signal_fps_ = signal.fps;
+        // The setting itself may count as a change of the source, of its colours for example: asked again, it tells.
+        News news;
+        read_events(&news);
+        if (!news.signal) {
+            signal_fps_ = signal.fps;
+            return signal;
+        }
     }
+    signal.state = machine::VideoSignal::State::unstable;
     return signal;
 }
 
