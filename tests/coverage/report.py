@@ -2,7 +2,7 @@
 """report.py ROOT BUILD: what the tests reached of ROOT's product code, as gcov knows it from BUILD.
 
 Lines that no test reaches have their reason in tests/coverage/unreached: "FILES: TEXT: REASON", where FILES is a pattern
-and TEXT a part of the line. They count as not reached, and are left out of the list.
+and TEXT a part of the line; braces are the whole line. They count as not reached, and are left out of the list.
 """
 import collections
 import concurrent.futures
@@ -48,6 +48,11 @@ def share(counts):
     return 100 * sum(1 for count in counts if count > 0) / max(1, len(counts))
 
 
+def names(text, line):
+    """Whether a reason's TEXT names the line."""
+    return text == line.strip() if text and not text.strip("{};") else text in line
+
+
 def main(root, build):
     lines, branches = read_gcov(build)
     reasons = [entry.split(": ", 2) for entry in (root / "tests/coverage/unreached").read_text().splitlines()
@@ -66,7 +71,7 @@ def main(root, build):
             text = path.read_text().splitlines()
             for number in sorted(number for number, count in counts.items() if count == 0):
                 named = [tuple(entry) for entry in reasons
-                         if fnmatch.fnmatch(name, entry[0]) and entry[1] in text[number - 1]]
+                         if fnmatch.fnmatch(name, entry[0]) and names(entry[1], text[number - 1])]
                 used.update(named)
                 if not named:
                     missed += 1
