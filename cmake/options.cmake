@@ -16,6 +16,7 @@ option(HDMIPLAYER_TESTS "Build the tests (need the simulated platform; with a ve
        ${HDMIPLAYER_SIM})
 option(HDMIPLAYER_BENCH "Build the benchmarks (need the tests)" OFF)
 option(HDMIPLAYER_FUZZ "Build the fuzz targets for libFuzzer (need clang and the tests)" OFF)
+option(HDMIPLAYER_HARDENING "Stack protector, read-only relocations and the like, where the compiler has them" ON)
 option(HDMIPLAYER_WERROR "Warnings are errors" ${HDMIPLAYER_TESTS})
 set(HDMIPLAYER_SANITIZE "" CACHE STRING "Sanitizers for everything built here: address,undefined or thread")
 

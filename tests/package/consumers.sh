@@ -65,6 +65,7 @@ int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi
     for library in hdmiplayer hdmiplayer_linux hdmiplayer_sim; do
         readelf -d "$prefix/lib/lib$library.so" | grep -q "SONAME.*\[lib$library\.so\.1\]" || echo "FAIL: $library has no version"
     done
+    ! readelf -d "$prefix"/lib/lib*.so | grep -E '\((RUN|R)PATH\)' || echo "FAIL: a library names folders to look in"
     for document in README.md docs/first-steps.md docs/porting.md docs/sync.md; do
         [ -s "$prefix/share/doc/hdmiplayer/$document" ] || echo "FAIL: $document"
     done

@@ -177,6 +177,15 @@ FAILING_CALL(int, timerfd_create, (int clock, int flags), (clock, flags), -1, EM
 FAILING_CALL(int, poll, (pollfd * ready, nfds_t count, int limit_ms), (ready, count, limit_ms), -1, EINTR)
 FAILING_CALL(ssize_t, recv, (int fd, void* buffer, size_t bytes, int flags), (fd, buffer, bytes, flags), -1, EIO)
 FAILING_CALL(ssize_t, read, (int fd, void* buffer, size_t bytes), (fd, buffer, bytes), -1, EINTR)
+#ifdef __GLIBC__
+// The same where the compiler knows of the memory behind them (_FORTIFY_SOURCE).
+FAILING_CALL(int, __poll_chk, (pollfd * ready, nfds_t count, int limit_ms, size_t room), (ready, count, limit_ms, room),
+             -1, EINTR)
+FAILING_CALL(ssize_t, __recv_chk, (int fd, void* buffer, size_t bytes, size_t room, int flags),
+             (fd, buffer, bytes, room, flags), -1, EIO)
+FAILING_CALL(ssize_t, __read_chk, (int fd, void* buffer, size_t bytes, size_t room), (fd, buffer, bytes, room), -1,
+             EINTR)
+#endif
 FAILING_CALL(void*, fopen, (const char* path, const char* mode), (path, mode), nullptr, EMFILE)
 
 struct SwrContext;
