@@ -10,6 +10,7 @@ extern "C" {
 
 #include <cstring>
 
+#include "capture/aligned_image.h"
 #include "capture/pixel_format.h"
 
 namespace capture
@@ -128,13 +129,12 @@ struct Converter::Parts {
     std::unique_ptr<AVFrame, Releaser> decoded{av_frame_alloc()};
     std::unique_ptr<AVPacket, Releaser> packet{av_packet_alloc()};
     std::unique_ptr<SwsContext, Releaser> scaler;
-    std::unique_ptr<AVFrame, Releaser> aligned; ///< the picture, where the canvas has no place for vectors
+    AlignedImage aligned; ///< the picture, where the canvas has no place for vectors
     Pixels scaled_from;
     display::Size scaled_to = {0, 0};
 
     bool decode(const display::ForeignFrame& frame, uint32_t bytes);
     bool prepare(const Pixels& from, display::Size to);
-    bool prepare_aligned(display::Size size);
     bool scale(const Pixels& from, const display::Canvas& canvas);
 };
 
@@ -175,22 +175,6 @@ bool Converter::Parts::prepare(const Pixels& from, display::Size to)
     return true;
 }
 
-bool Converter::Parts::prepare_aligned(display::Size size)
-{
-    if (aligned && aligned->width == size.width && aligned->height == size.height)
-        return true;
-    aligned.reset(av_frame_alloc());
-    if (!aligned)
-        return false;
-    aligned->format = AV_PIX_FMT_BGR0;
-    aligned->width = size.width;
-    aligned->height = size.height;
-    if (av_frame_get_buffer(aligned.get(), 0) == 0)
-        return true;
-    aligned.reset();
-    return false;
-}
-
 bool Converter::Parts::scale(const Pixels& from, const display::Canvas& canvas)
 {
     if (from.format == AV_PIX_FMT_NONE || canvas.memory == nullptr)
@@ -204,10 +188,10 @@ bool Converter::Parts::scale(const Pixels& from, const display::Canvas& canvas)
     auto* const place = reinterpret_cast<uint8_t*>(canvas.row(top) + left);
     const int pitch = static_cast<int>(canvas.pitch);
     const bool direct = is_aligned(place, pitch);
-    if (!direct && !prepare_aligned(size))
+    if (!direct && !aligned.resize(size, AV_PIX_FMT_BGR0))
         return false;
-    uint8_t* const to[4] = {direct ? place : aligned->data[0]};
-    const int pitches[4] = {direct ? pitch : aligned->linesize[0]};
+    uint8_t* const to[4] = {direct ? place : aligned.pixels()};
+    const int pitches[4] = {direct ? pitch : aligned.pitch()};
     // The number of rows is not told by all of its conversions: those for ARM's vector unit return 0.
     if (sws_scale(scaler.get(), from.planes, from.pitches, 0, from.height, to, pitches) < 0)
         return false;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "capture/aligned_image.h"
 #include "signal/rate_conversion.h"
 #include "source/av_owned.h"
 
@@ -59,8 +60,7 @@ struct MediaDecoders {
     AvOwned<AVCodecContext> audio;
     AvOwned<SwsContext> scaler;
     AvOwned<SwsContext> image_scaler;
-    /// Where the scaler writes images: on ARM, its vector code faults at rows that are not aligned.
-    AvOwned<AVFrame> image;
+    capture::AlignedImage image;
     AvOwned<SwrContext> converter;
     AvOwned<AVFrame> frame{av_frame_alloc()};
     AvOwned<AVPacket> packet{av_packet_alloc()};
@@ -69,22 +69,6 @@ struct MediaDecoders {
     int64_t start_ns = 0;      ///< the file's time at our zero
     int64_t next_video_ns = 0; ///< for pictures without a time stamp
     std::vector<int16_t> converted;
-
-    bool prepare_image(Size size)
-    {
-        if (image && image->width == size.width && image->height == size.height)
-            return true;
-        image.reset(av_frame_alloc());
-        if (!image)
-            return false;
-        image->format = AV_PIX_FMT_0RGB32;
-        image->width = size.width;
-        image->height = size.height;
-        if (av_frame_get_buffer(image.get(), 0) == 0)
-            return true;
-        image.reset();
-        return false;
-    }
 
     std::string open_stream(AVMediaType type, int* index, AvOwned<AVCodecContext>* codec)
     {
@@ -408,7 +392,7 @@ std::shared_ptr<const Image> MediaFile::make_image()
     scaler.reset(sws_getCachedContext(scaler.release(), frame.width, frame.height,
                                       static_cast<AVPixelFormat>(frame.format), size.width, size.height,
                                       AV_PIX_FMT_0RGB32, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr));
-    if (!scaler || !decoders_->prepare_image(size))
+    if (!scaler || !decoders_->image.resize(size, AV_PIX_FMT_0RGB32))
         return nullptr;
     if (scaler.get() != before) {
         // Unless a large picture names its colours, they are those of HDTV.
@@ -424,11 +408,12 @@ std::shared_ptr<const Image> MediaFile::make_image()
     image->width = size.width;
     image->height = size.height;
     image->pixels.resize(static_cast<size_t>(size.width) * static_cast<size_t>(size.height));
-    const AVFrame& scaled = *decoders_->image;
-    sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, scaled.data, scaled.linesize);
+    uint8_t* const rows[4] = {decoders_->image.pixels()};
+    const int pitches[4] = {decoders_->image.pitch()};
+    sws_scale(scaler.get(), frame.data, frame.linesize, 0, frame.height, rows, pitches);
     const int row_bytes = size.width * static_cast<int>(sizeof(uint32_t));
-    av_image_copy_plane(reinterpret_cast<uint8_t*>(image->pixels.data()), row_bytes, scaled.data[0], scaled.linesize[0],
-                        row_bytes, size.height);
+    av_image_copy_plane(reinterpret_cast<uint8_t*>(image->pixels.data()), row_bytes, rows[0], pitches[0], row_bytes,
+                        size.height);
     return image;
 }
 
