@@ -264,16 +264,16 @@ struct ReservedOutput {
 
     ReservedOutput()
     {
-        reserve.start(48000, now_ns);
+        reserve.start(48000);
         play(200);
     }
-    /// Frames, so many milliseconds after those before.
-    void write(double after_ms, int frames = kPeriod)
+    /// A period, so many milliseconds after the one before.
+    void write(double after_ms)
     {
         now_ns += static_cast<int64_t>(after_ms * 1e6);
         queued = std::max(queued - static_cast<int>(after_ms * 48), 0);
-        const auto advice = reserve.before_write(now_ns, frames, queued);
-        queued += frames - advice.leave_out + advice.silence;
+        const auto advice = reserve.before_write(now_ns, kPeriod, queued);
+        queued += kPeriod - advice.leave_out + advice.silence;
         left_out += advice.leave_out;
         silence += advice.silence;
         reserve.after_write(now_ns);
@@ -302,54 +302,6 @@ TEST(OutputReserve, HoldsAsMuchAsBeforeAfterAnUnderrun)
     lost.play(20);
     EXPECT_NEAR(lost.queued, usual, ReservedOutput::kPeriod / 2);
     EXPECT_TRUE(lost.left_out == 0 && lost.silence > 0) << lost.left_out << " " << lost.silence;
-}
-
-TEST(OutputReserve, LeavesOutWhatGatheredBeforeTheOutput)
-{
-    const auto gathers = [](ReservedOutput* output, double pause_ms, int frames) {
-        output->write(pause_ms, frames);
-        for (int left = 30 * ReservedOutput::kPeriod; left > 0; left -= frames)
-            output->write(0, frames);
-    };
-    ReservedOutput small_blocks; // a decoder's silence, 10 ms at a time
-    const int usual = small_blocks.queued;
-    gathers(&small_blocks, 260, ReservedOutput::kPeriod / 2);
-    small_blocks.play(30);
-    EXPECT_NEAR(small_blocks.queued, usual, ReservedOutput::kPeriod / 2);
-
-    ReservedOutput never_empty;
-    gathers(&never_empty, 20, ReservedOutput::kPeriod);
-    never_empty.play(120);
-    EXPECT_NEAR(never_empty.queued, usual, ReservedOutput::kPeriod / 2);
-
-    ReservedOutput reopened;
-    reopened.reserve.start(48000, reopened.now_ns);
-    gathers(&reopened, 1000, ReservedOutput::kPeriod);
-    reopened.play(120);
-    EXPECT_NEAR(reopened.queued, usual, ReservedOutput::kPeriod / 2);
-
-    // The device is full, and each block waits for its room.
-    const auto keeps_full = [](ReservedOutput* output) {
-        for (int i = 0; i < 120; ++i) {
-            output->now_ns += 20'000'000;
-            output->queued = std::max(output->queued - ReservedOutput::kPeriod, 0);
-            output->reserve.after_write(output->now_ns);
-            output->write(0);
-        }
-    };
-    ReservedOutput bad_start; // it ran empty before there was a plan
-    bad_start.reserve = {};
-    bad_start.write(20);
-    gathers(&bad_start, 260, ReservedOutput::kPeriod);
-    keeps_full(&bad_start);
-    EXPECT_NEAR(bad_start.queued, usual, 3 * ReservedOutput::kPeriod);
-
-    ReservedOutput ahead; // who always writes ahead
-    ahead.reserve = {};
-    gathers(&ahead, 20, ReservedOutput::kPeriod);
-    ahead.left_out = 0;
-    keeps_full(&ahead);
-    EXPECT_EQ(ahead.left_out, 0);
 }
 
 TEST(OutputReserve, KeepsItsPlanThroughASlowSourceAndOneThatComesInBursts)

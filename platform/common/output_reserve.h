@@ -27,13 +27,6 @@ namespace clocks
  * empty, the median counts: neither a bad start nor a source that is slow for a while
  * makes it forget what it had.
  *
- * A device that holds much more than that for a second, without having run empty,
- * says that sound gathered in front of it: more came than time went by, or a
- * sequence began behind sound that was still to be played. The sound would be late
- * for good; so what goes beyond the plan is left out there too. It never becomes the
- * plan. A device that is reopened at once goes on with the plan it had: sound begins
- * anew, and the machine that made it so may still be busy.
- *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
 class OutputReserve
@@ -44,16 +37,11 @@ public:
         int silence = 0;   ///< frames, before what is to be written
     };
 
-    /// The device was opened at @p now_ns.
-    void start(int rate, int64_t now_ns)
+    /// The device was opened.
+    void start(int rate)
     {
-        if (rate != rate_ || now_ns - returned_ns_ > kReopenedNs)
-            *this = {};
+        *this = {};
         rate_ = rate;
-        refilling_ = written_ = false;
-        begins_ = true;
-        excess_ = high_ = 0;
-        begin_window();
     }
 
     /// @p frames are to be written at @p now_ns, to a device that holds @p queued; 0: it ran empty.
@@ -61,10 +49,9 @@ public:
     {
         const int64_t half_ns = frames * kNsPerSecond / rate_ / 2;
         const int64_t paused_ns = now_ns - returned_ns_;
-        ran_empty_ = ran_empty_ || (queued <= 0 && written_);
         // After a pause, what has gathered meanwhile is still to follow.
         if (queued <= 0 && (!refilling_ || paused_ns > 3 * half_ns)) {
-            refilling_ = plan_ != kUnknown && !begins_;
+            refilling_ = plan_ != kUnknown;
             excess_ = since_empty_ = 0;
             begin_window();
         }
@@ -78,9 +65,7 @@ public:
             return {std::min(frames, queued - plan_), 0};
         }
         most_ = std::max(most_, queued);
-        // What was late, and is still to follow, does not tell what is held then.
-        writes_ += refilling_ && at_once ? 0 : 1;
-        waited_ += at_once ? 0 : 1;
+        ++writes_;
         if (refilling_ && writes_ >= kSettlingWrites)
             return settle(now_ns, frames);
         if (!refilling_ && writes_ >= kPlanWrites)
@@ -88,11 +73,7 @@ public:
         return {};
     }
 
-    void after_write(int64_t now_ns)
-    {
-        returned_ns_ = now_ns;
-        written_ = true;
-    }
+    void after_write(int64_t now_ns) { returned_ns_ = now_ns; }
 
 private:
     static constexpr int64_t kNsPerSecond = 1'000'000'000;
@@ -103,46 +84,25 @@ private:
     /// About half a second.
     static constexpr int kPlanWrites = 25;
     static constexpr size_t kWindows = 15;
+    static constexpr size_t kWindowsToKnow = 3;
     /// After as many it is seen what the device holds again.
     static constexpr int kSettlingWrites = 10;
-    /// More than sequences differ by, and less than what a reset can leave in front of one.
-    static constexpr int kHighMs = 40;
-    /// For which the player holds the first block of a sequence back, and what blocks differ by.
-    static constexpr int kUsualMs = 76 + 10;
-    /// With a block of AC-3 and what captures differ by; more was there because the sound began late.
-    static constexpr int kMostMs = 120;
-    static constexpr int64_t kReopenedNs = 2 * kNsPerSecond;
 
     /// What blocks differ by in length and time.
     int tolerance() const { return rate_ / 100; }
 
-    void begin_window() { most_ = writes_ = waited_ = 0; }
+    void begin_window() { most_ = writes_ = 0; }
 
     void learn()
     {
-        // Who always writes ahead has no plan; who ran empty has gathered sound that was late.
-        const int plan = plan_ == kUnknown && ran_empty_ ? rate_ * kUsualMs / 1000 : plan_;
-        // A device for which most blocks have to wait is full.
-        const bool gathered = 2 * waited_ < writes_;
-        high_ = plan != kUnknown && (gathered || most_ > plan + rate_ * kHighMs / 1000) ? high_ + 1 : 0;
-        // Two in a row: the first one may have begun with a block that the player held back.
-        refilling_ = high_ > 1;
-        if (refilling_)
-            plan_ = plan;
-        if (high_ == 0 && !gathered)
-            note_window();
-        since_empty_ = 0;
-        begins_ = false;
-        begin_window();
-    }
-
-    void note_window()
-    {
         windows_[known_++ % kWindows] = most_;
+        begin_window();
         const size_t count = std::min(known_, kWindows);
+        if (count < kWindowsToKnow)
+            return;
         std::array<int, kWindows> sorted = windows_;
         std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count));
-        plan_ = std::min(sorted[count / 2], rate_ * kMostMs / 1000);
+        plan_ = sorted[count / 2];
     }
 
     bool may_leave_out(int64_t now_ns)
@@ -177,16 +137,11 @@ private:
     int plan_ = kUnknown; ///< frames
     std::array<int, kWindows> windows_ = {};
     size_t known_ = 0;       ///< windows so far
-    bool refilling_ = false; ///< the device ran empty or holds too much, and is not known to hold the plan again
-    bool begins_ = true;     ///< since the opening there was no window yet: what it holds is no less and no more
-    int high_ = 0;           ///< windows in a row in which it held too much
+    bool refilling_ = false; ///< the device ran empty, and is not known to hold the plan again
     int since_empty_ = 0;    ///< writes
     int excess_ = 0;         ///< frames that are still to be left out
     int most_ = 0;           ///< that the device held before one of the present writes
     int writes_ = 0;
-    int waited_ = 0;               ///< of these, for which the device waited
-    bool written_ = false;         ///< since the opening
-    bool ran_empty_ = false;       ///< ever, after that
     int64_t returned_ns_ = 0;      ///< when the last write did
     int64_t began_ns_ = -kPauseNs; ///< when something was left out last, the first of it
 };

@@ -59,7 +59,7 @@ void Playback::begin(const audio_config_t& config)
     ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate * kRingSeconds), frame_bytes);
     scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
     matching_.open(config.sample_rate, config.channels, config.period_frames);
-    reserve_.start(config.sample_rate, now_ns());
+    reserve_.start(config.sample_rate);
 }
 
 int Playback::open(const audio_config_t& config)

@@ -277,7 +277,7 @@ int playback_open(const audio_config_t& config)
     prepare_hearing(p, config.sample_rate, config.channels);
     p.queue = PlayQueue(config.sample_rate, p.config.clock_error_ppm, config.channels, config.period_frames,
                         config.period_count);
-    p.reserve.start(config.sample_rate, hdmi_sim::now_ns());
+    p.reserve.start(config.sample_rate);
     p.openings.begin();
     p.ran_empty = false;
     p.queued_ever = 0;
@@ -405,7 +405,6 @@ void playback_reset()
     p.files = 0;
     p.gain = 1.0f;
     p.stats = {};
-    p.reserve = {};
 }
 
 } // namespace sim
