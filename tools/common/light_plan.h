@@ -199,8 +199,8 @@ private:
     }
 
     /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. Once it has locked
-    /// in, no frame moves it by much, even if a third of them come late. One that is a whole period beside
-    /// it shows that the loop has slipped: it locks in anew.
+    /// in, no frame moves it by much, even if a third of them come late. A frame that is a whole period beside it shows
+    /// that it has slipped: it locks in anew.
     void follow(double wanted_ns)
     {
         constexpr double kPart = 1.0 / 8;
