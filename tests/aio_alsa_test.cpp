@@ -499,6 +499,29 @@ TEST_F(AioAlsaTest, ADeviceThatFailsOverAndOverIsGivenUpAndTriedOnceASecond)
     EXPECT_TRUE(eventually([&] { return captures() && !capture_stats().lost; }));
 }
 
+TEST_F(AioAlsaTest, SilenceStandsForTheLossAloneAndForASecondAtMost)
+{
+    ASSERT_EQ(aio_device_open(&capture_), 0);
+    ASSERT_TRUE(captures());
+    const auto read_for = [this](int blocks) {
+        const auto start = Clock::now();
+        while (blocks-- > 0)
+            EXPECT_TRUE(captures());
+        return seconds_since(start);
+    };
+    constexpr double kBlock = static_cast<double>(kPeriod) / kRate;
+    const int64_t recoveries = capture_stats().recoveries;
+    // Nobody reads, for longer than the device collects: that time is no loss.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    g_asleep = 100'000;
+    EXPECT_GT(read_for(static_cast<int>(0.3 / kBlock)), 0.25);
+    // Nobody reads during the loss.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_GT(read_for(static_cast<int>(1.25 / kBlock)), 0.2);
+    g_asleep = 1;
+    EXPECT_TRUE(eventually([&] { return captures() && capture_stats().recoveries > recoveries; }));
+}
+
 // --- Raw pass-through ------------------------------------------------------------------
 
 TEST_F(AioAlsaTest, PassesTheLinkOnUnalteredWhetherThePlayerReadsOrNot)

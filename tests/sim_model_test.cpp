@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <numeric>
 #include <string>
+#include <tuple>
 
 #include "capture_ring.h"
 #include "latch.h"
@@ -252,84 +254,210 @@ TEST(VblankAccount, CountsWhatLiesBetweenTwoWaitsInARow)
     EXPECT_EQ(account.waits().waits, 8);
 }
 
-/// An output that usually holds two periods when a block comes, and what its reserve does to it.
+/// Blocks of a source that are 20 ms each, an output of eight of them, and what its reserve does.
 struct ReservedOutput {
     static constexpr int kPeriod = 960;
+    static constexpr int kCapacity = 8 * kPeriod;
+    static constexpr double kHeldBackMs = 96; ///< with the time that the block itself lasts
 
     clocks::OutputReserve reserve;
-    int64_t now_ns = 0;
-    int queued = 3 * kPeriod;
+    double now_ms = 0;
+    double due_ms = 0; ///< when the source's next block begins
+    int queued = 0;
     int left_out = 0;
     int silence = 0;
 
-    ReservedOutput()
+    explicit ReservedOutput(double late_ms = 0)
     {
-        reserve.start(48000);
+        open(late_ms);
         play(200);
     }
-    /// A period, so many milliseconds after the one before.
-    void write(double after_ms)
+    /// A sequence begins, whose first block comes so much late.
+    void open(double late_ms = 0)
     {
-        now_ns += static_cast<int64_t>(after_ms * 1e6);
-        queued = std::max(queued - static_cast<int>(after_ms * 48), 0);
-        const auto advice = reserve.before_write(now_ns, kPeriod, queued);
-        queued += kPeriod - advice.leave_out + advice.silence;
+        reserve.closed(ns());
+        reserve.start(48000, ns());
+        queued = 0;
+        due_ms = now_ms;
+        pass(kHeldBackMs + late_ms);
+    }
+    int64_t ns() const { return static_cast<int64_t>(now_ms * 1e6); }
+    /// The writer stands still, or waits.
+    void pass(double ms)
+    {
+        now_ms += ms;
+        queued = std::max(queued - static_cast<int>(std::lround(ms * 48)), 0);
+    }
+    /// What the source sends is lost.
+    void lose(double ms) { due_ms += ms; }
+    void write(int frames = kPeriod, double lasts_ms = 20)
+    {
+        due_ms += lasts_ms;
+        pass(std::max(due_ms - now_ms, 0.0));
+        const auto advice = reserve.before_write(ns(), frames, queued);
+        queued += frames - advice.leave_out + advice.silence;
         left_out += advice.leave_out;
         silence += advice.silence;
-        reserve.after_write(now_ns);
+        pass(std::max(queued - kCapacity, 0) / 48.0);
+        reserve.after_write(ns());
     }
     void play(int periods)
     {
         for (int i = 0; i < periods; ++i)
-            write(20);
+            write();
     }
+    /// The decoder gives silence for what is lost, 50 ms late, and the rest of it when it knows how much that was.
+    void lose_filled(double ms)
+    {
+        constexpr double kLateMs = 50;
+        lose(kLateMs);
+        for (; ms > 0; ms -= 10)
+            write(kPeriod / 2, 10);
+        play(11);
+        lose(-kLateMs);
+        write(kPeriod * 5 / 2, kLateMs);
+    }
+    /// From the source to the end of what is queued.
+    double latency_ms() const { return now_ms - due_ms + queued / 48.0; }
 };
 
-TEST(OutputReserve, HoldsAsMuchAsBeforeAfterAnUnderrun)
-{
-    ReservedOutput late;
-    const int usual = late.queued;
-    EXPECT_TRUE(late.left_out == 0 && late.silence == 0);
-    late.write(260); // what is late follows at once
-    for (int i = 0; i < 12; ++i)
-        late.write(0);
-    late.play(20);
-    EXPECT_NEAR(late.queued, usual, ReservedOutput::kPeriod / 2);
-    EXPECT_TRUE(late.left_out > 0 && late.silence == 0) << late.left_out << " " << late.silence;
+constexpr int kOneSecond = 50; ///< of periods
+constexpr int kThreeSeconds = 3 * kOneSecond;
+constexpr double kInPlaceMs = 10;
 
-    ReservedOutput lost;
-    lost.write(260); // it was lost
-    lost.play(20);
-    EXPECT_NEAR(lost.queued, usual, ReservedOutput::kPeriod / 2);
-    EXPECT_TRUE(lost.left_out == 0 && lost.silence > 0) << lost.left_out << " " << lost.silence;
+TEST(OutputReserve, BringsTheSoundBackToItsPlaceWithinThreeSeconds)
+{
+    const double usual = ReservedOutput().latency_ms();
+    EXPECT_NEAR(usual, ReservedOutput::kHeldBackMs, 1);
+    const std::tuple<const char*, int, void (*)(ReservedOutput*)> late[] = {
+        {"writer stood still", kOneSecond, [](ReservedOutput* o) { o->pass(260); }},
+        {"for a second", kOneSecond, [](ReservedOutput* o) { o->pass(1000); }},
+        {"silence of a decoder follows at once", kOneSecond,
+         [](ReservedOutput* o) {
+             o->pass(300);
+             for (int i = 0; i < 30; ++i)
+                 o->write(ReservedOutput::kPeriod / 2, 10);
+         }},
+        {"suspended, and resumed with all that it held", kThreeSeconds, [](ReservedOutput* o) { o->now_ms += 1000; }},
+        {"more came than time went by", kThreeSeconds, [](ReservedOutput* o) { o->lose(-300); }},
+        {"a little more", kThreeSeconds, [](ReservedOutput* o) { o->lose(-50); }},
+        {"opened, first block late", kThreeSeconds, [](ReservedOutput* o) { o->open(300); }},
+        {"opened, late again", kThreeSeconds,
+         [](ReservedOutput* o) {
+             o->open(500);
+             o->play(5);
+             o->open(700);
+         }},
+        {"opened, and empty at once", kThreeSeconds,
+         [](ReservedOutput* o) {
+             o->open();
+             o->play(5);
+             o->pass(700);
+         }},
+    };
+    for (const auto& [name, within, happens] : late) {
+        SCOPED_TRACE(name);
+        ReservedOutput output;
+        happens(&output);
+        output.play(within);
+        EXPECT_NEAR(output.latency_ms(), usual, kInPlaceMs);
+        EXPECT_TRUE(output.left_out > 0 && output.silence == 0) << output.left_out << " " << output.silence;
+        const int left_out = output.left_out;
+        output.play(10 * kThreeSeconds);
+        EXPECT_EQ(output.left_out, left_out) << "once";
+    }
+    ReservedOutput nearly_full(60); // has always been
+    nearly_full.lose(-300);
+    nearly_full.play(kThreeSeconds);
+    EXPECT_NEAR(nearly_full.latency_ms(), usual + 60, kInPlaceMs);
+
+    ReservedOutput soon_reopened; // before anything was known
+    soon_reopened.reserve = {};
+    soon_reopened.open();
+    soon_reopened.play(55);
+    soon_reopened.open();
+    soon_reopened.play(30);
+    soon_reopened.pass(700);
+    soon_reopened.play(kThreeSeconds);
+    EXPECT_NEAR(soon_reopened.latency_ms(), usual, kInPlaceMs);
+
+    ReservedOutput began_full(300); // until the host threw away what was too much
+    began_full.lose(300);
+    began_full.play(kThreeSeconds);
+    began_full.lose(-300);
+    began_full.play(kThreeSeconds);
+    EXPECT_NEAR(began_full.latency_ms(), usual, kInPlaceMs);
+
+    for (const double ms : {100, 500, 2000}) {
+        SCOPED_TRACE(ms);
+        ReservedOutput lost;
+        lost.lose(ms);
+        lost.play(kThreeSeconds);
+        EXPECT_NEAR(lost.latency_ms(), usual, kInPlaceMs);
+        EXPECT_TRUE(lost.left_out == 0 && lost.silence > 0) << lost.left_out << " " << lost.silence;
+    }
+}
+
+TEST(OutputReserve, LeavesAloneWhatADecoderFillsInAndWhatBegins)
+{
+    for (const double ms : {100, 500, 2000, 20000}) {
+        SCOPED_TRACE(ms);
+        ReservedOutput output;
+        for (int i = 0; i < 3; ++i) {
+            output.lose_filled(ms);
+            output.play(kThreeSeconds);
+        }
+        output.open(15); // another phase
+        output.play(kThreeSeconds);
+        EXPECT_TRUE(output.left_out == 0 && output.silence == 0) << output.left_out << " " << output.silence;
+    }
+    ReservedOutput early_for_a_moment;
+    for (int i = 0; i < 25; ++i) {
+        early_for_a_moment.lose(-60);
+        early_for_a_moment.play(12);
+        early_for_a_moment.lose(60);
+        early_for_a_moment.play(kThreeSeconds + 1);
+    }
+    EXPECT_EQ(early_for_a_moment.left_out, 0);
+
+    ReservedOutput ahead; // each block waits for room, from the first one on
+    ahead.reserve = {};
+    ahead.open();
+    ahead.due_ms = -1e9;
+    ahead.play(10 * kThreeSeconds);
+    EXPECT_EQ(ahead.left_out, 0);
 }
 
 TEST(OutputReserve, KeepsItsPlanThroughASlowSourceAndOneThatComesInBursts)
 {
     ReservedOutput output;
-    const int usual = output.queued;
-    for (int i = 0; i < 150; ++i)
-        output.write(21); // 5 %: it runs empty, over and over
-    output.write(260);
+    const double usual = output.latency_ms();
+    for (int i = 0; i < 150; ++i) {
+        output.lose(1); // 5 %: it runs empty, over and over
+        output.write();
+    }
+    output.pass(240);
     output.play(20);
-    EXPECT_NEAR(output.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_NEAR(output.latency_ms(), usual, kInPlaceMs);
 
     ReservedOutput begun_anew; // a few blocks each time, the last time with all that was held back before them
-    for (int i = 0; i < 9; ++i)
-        begun_anew.write(100);
-    begun_anew.write(100);
-    begun_anew.write(0);
-    begun_anew.write(0);
+    for (int i = 0; i < 9; ++i) {
+        begun_anew.lose(160);
+        begun_anew.write();
+    }
+    begun_anew.lose(80);
+    begun_anew.pass(80 + ReservedOutput::kHeldBackMs);
     begun_anew.play(20);
-    EXPECT_NEAR(begun_anew.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_NEAR(begun_anew.latency_ms(), usual, kInPlaceMs);
     EXPECT_EQ(begun_anew.silence, 0);
 
     ReservedOutput bursts;
-    for (int i = 0; i < 30; ++i)
-        for (const double after_ms : {100, 0, 0, 0, 0})
-            bursts.write(after_ms);
+    for (int i = 0; i < 30; ++i) {
+        bursts.pass(bursts.due_ms + 100 - bursts.now_ms);
+        bursts.play(5);
+    }
     bursts.play(120);
-    EXPECT_NEAR(bursts.queued, usual, ReservedOutput::kPeriod / 2);
+    EXPECT_NEAR(bursts.latency_ms(), usual, kInPlaceMs);
 }
 
 } // namespace

@@ -27,6 +27,17 @@ namespace clocks
  * empty, the median counts: neither a bad start nor a source that is slow for a while
  * makes it forget what it had.
  *
+ * A device that is full for a second, or holds 40 ms more than it usually does, says
+ * that late sound stands in front of it, although it did not run empty: a sequence
+ * began late, or more came than time went by. That never becomes the plan; it is left
+ * out too. What is usual follows no more than slowly. While sound is lost, the decoder
+ * gives silence in its place, 50 ms late; the device then holds less for as long as
+ * that lasts, which may become the plan, and what comes back behind it is no excess.
+ *
+ * A device that is opened again at once goes on with what was usual, until its own plan
+ * is known. Its first blocks do not count as late or lost, since each sequence begins with
+ * another phase.
+ *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
 class OutputReserve
@@ -37,21 +48,30 @@ public:
         int silence = 0;   ///< frames, before what is to be written
     };
 
-    /// The device was opened.
-    void start(int rate)
+    /// The device was opened at @p now_ns.
+    void start(int rate, int64_t now_ns)
     {
-        *this = {};
+        if (rate != rate_ || now_ns - closed_ns_ > kReopenedNs)
+            *this = {};
         rate_ = rate;
+        plan_ = usual_;
+        known_ = usual_ == kUnknown ? known_ : 0;
+        refilling_ = written_ = false;
+        excess_ = high_ = 0;
+        begin_window();
     }
+
+    void closed(int64_t now_ns) { closed_ns_ = now_ns; }
 
     /// @p frames are to be written at @p now_ns, to a device that holds @p queued; 0: it ran empty.
     Advice before_write(int64_t now_ns, int frames, int queued)
     {
         const int64_t half_ns = frames * kNsPerSecond / rate_ / 2;
         const int64_t paused_ns = now_ns - returned_ns_;
+        waits_from_ns_ = now_ns + half_ns;
         // After a pause, what has gathered meanwhile is still to follow.
         if (queued <= 0 && (!refilling_ || paused_ns > 3 * half_ns)) {
-            refilling_ = plan_ != kUnknown;
+            refilling_ = plan_ != kUnknown && written_;
             excess_ = since_empty_ = 0;
             begin_window();
         }
@@ -65,7 +85,8 @@ public:
             return {std::min(frames, queued - plan_), 0};
         }
         most_ = std::max(most_, queued);
-        ++writes_;
+        // What is late, and still to follow, does not tell what is held then.
+        writes_ += refilling_ && at_once ? 0 : 1;
         if (refilling_ && writes_ >= kSettlingWrites)
             return settle(now_ns, frames);
         if (!refilling_ && writes_ >= kPlanWrites)
@@ -73,7 +94,12 @@ public:
         return {};
     }
 
-    void after_write(int64_t now_ns) { returned_ns_ = now_ns; }
+    void after_write(int64_t now_ns)
+    {
+        returned_ns_ = now_ns;
+        written_ = true;
+        waited_ += now_ns > waits_from_ns_ ? 1 : 0;
+    }
 
 private:
     static constexpr int64_t kNsPerSecond = 1'000'000'000;
@@ -87,22 +113,51 @@ private:
     static constexpr size_t kWindowsToKnow = 3;
     /// After as many it is seen what the device holds again.
     static constexpr int kSettlingWrites = 10;
+    /// More than sequences differ by.
+    static constexpr int kHighMs = 40;
+    /// What clocks that are not matched drift apart by in one window.
+    static constexpr int kRisePerRate = 1000;
+    /// Much slower, because sound may go on being lost for a minute.
+    static constexpr int kFallPerRate = 10000;
+    /// The player opens the device again at once; one that was closed for longer may have another host.
+    static constexpr int64_t kReopenedNs = kNsPerSecond / 200;
 
     /// What blocks differ by in length and time.
     int tolerance() const { return rate_ / 100; }
 
-    void begin_window() { most_ = writes_ = 0; }
+    void begin_window() { most_ = writes_ = waited_ = 0; }
 
+    // A window ends. The first one that is too high may have begun with a block that the player held back.
     void learn()
     {
-        windows_[known_++ % kWindows] = most_;
+        // For most of the blocks there was no room.
+        const bool full = 2 * waited_ >= writes_;
+        const int limit = full ? tolerance() : rate_ * kHighMs / 1000;
+        const bool high = usual_ != kUnknown && most_ > usual_ + limit;
+        high_ = high ? high_ + 1 : 0;
+        refilling_ = high_ > 1;
+        plan_ = refilling_ ? usual_ : plan_;
+        if (!high)
+            note_window(full);
         begin_window();
+    }
+
+    // What a full device holds is the plan of who always writes ahead, until there is a better one.
+    void note_window(bool full)
+    {
+        known_ = full == full_ ? known_ : 0;
+        full_ = full;
+        windows_[known_++ % kWindows] = most_;
         const size_t count = std::min(known_, kWindows);
         if (count < kWindowsToKnow)
             return;
         std::array<int, kWindows> sorted = windows_;
         std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count));
         plan_ = sorted[count / 2];
+        if (!full)
+            usual_ = usual_ == kUnknown
+                         ? plan_
+                         : std::clamp(plan_, usual_ - rate_ / kFallPerRate, usual_ + rate_ / kRisePerRate);
     }
 
     bool may_leave_out(int64_t now_ns)
@@ -134,14 +189,21 @@ private:
     }
 
     int rate_ = 48000;
-    int plan_ = kUnknown; ///< frames
+    int plan_ = kUnknown;  ///< frames
+    int usual_ = kUnknown; ///< frames, of all openings
     std::array<int, kWindows> windows_ = {};
     size_t known_ = 0;       ///< windows so far
-    bool refilling_ = false; ///< the device ran empty, and is not known to hold the plan again
+    bool full_ = false;      ///< the device was, in these
+    bool refilling_ = false; ///< the device ran empty or holds too much, and is not known to hold the plan again
+    int high_ = 0;           ///< windows in a row in which it held too much
     int since_empty_ = 0;    ///< writes
     int excess_ = 0;         ///< frames that are still to be left out
     int most_ = 0;           ///< that the device held before one of the present writes
     int writes_ = 0;
+    int waited_ = 0;               ///< of these, for which there was no room
+    bool written_ = false;         ///< since the opening
+    int64_t waits_from_ns_ = 0;    ///< a write that returns later had to wait for room
+    int64_t closed_ns_ = 0;        ///< when the device was
     int64_t returned_ns_ = 0;      ///< when the last write did
     int64_t began_ns_ = -kPauseNs; ///< when something was left out last, the first of it
 };

@@ -59,7 +59,7 @@ void Playback::begin(const audio_config_t& config)
     ring_ = SoundRing(std::max(buffer * kRingBuffers, config.sample_rate * kRingSeconds), frame_bytes);
     scaled_ = std::make_unique<int16_t[]>(static_cast<size_t>(config.period_frames) * config.channels);
     matching_.open(config.sample_rate, config.channels, config.period_frames);
-    reserve_.start(config.sample_rate);
+    reserve_.start(config.sample_rate, now_ns());
 }
 
 int Playback::open(const audio_config_t& config)
@@ -121,6 +121,7 @@ int Playback::close()
     if (opening_ == closing) {
         pcm_.close();
         volume_.detach();
+        reserve_.closed(now_ns());
     }
     return 0;
 }
@@ -215,6 +216,8 @@ int Playback::keep_reserve(int frames, int64_t now)
     stats_.frames += late;
     stats_.left_out += late;
     stats_.refilled += silence;
+    if (late > 0 || silence > 0)
+        matching_.disturbed();
     return late;
 }
 

@@ -253,6 +253,8 @@ int write_frames(Playback& p, uint64_t opening, const uint8_t* data, int size, c
     p.stats.frames_written += late;
     p.stats.left_out += late;
     put_silence(p, now, silence);
+    if (p.matching.at_work && (late > 0 || silence > 0))
+        rate_matcher().disturbed();
     const int done = late + (is_matched(p) ? queue_matched(p, guard, opening, data, frames - late)
                                            : queue_frames(p, guard, opening, data, frames - late));
     p.reserve.after_write(hdmi_sim::now_ns());
@@ -277,7 +279,7 @@ int playback_open(const audio_config_t& config)
     prepare_hearing(p, config.sample_rate, config.channels);
     p.queue = PlayQueue(config.sample_rate, p.config.clock_error_ppm, config.channels, config.period_frames,
                         config.period_count);
-    p.reserve.start(config.sample_rate);
+    p.reserve.start(config.sample_rate, hdmi_sim::now_ns());
     p.openings.begin();
     p.ran_empty = false;
     p.queued_ever = 0;
@@ -303,8 +305,10 @@ int playback_close()
     mutex_guard guard(p.mutex);
     if (!p.openings.is_open())
         return 0;
-    settle(p, hdmi_sim::now_ns());
+    const int64_t now = hdmi_sim::now_ns();
+    settle(p, now);
     p.openings.end();
+    p.reserve.closed(now);
     p.changed.notify_all();
     guard.unlock();
     faults_wake();
@@ -405,6 +409,7 @@ void playback_reset()
     p.files = 0;
     p.gain = 1.0f;
     p.stats = {};
+    p.reserve = {};
 }
 
 } // namespace sim
