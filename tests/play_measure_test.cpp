@@ -592,6 +592,16 @@ TEST_F(PlayMeasure, EqualSamplesPassAndOneDifferentOneDoesNot)
     EXPECT_TRUE(check_samples(recording, programme, matches, {end, false}).passed());
     matches.push_back({48000 + 24000, 48000 - 1234 + 24000 - 960});
     EXPECT_FALSE(check_samples(recording, programme, matches, {-1, false}).passed());
+
+    // What a reset at the start cut off is not judged, what comes behind is.
+    const std::vector<int16_t> cut_off(out.begin(), out.begin() + 2 * 1536);
+    out.insert(out.begin(), cut_off.begin(), cut_off.end());
+    record(out, 48000, 0);
+    const std::vector<SoundMatch> later = {{48000, 48000 - 1234 + 1536}};
+    CapturePath path = {end};
+    EXPECT_GT(check_samples(recording, programme, later, path).mismatches, 1000);
+    path.cut_off = 1536;
+    EXPECT_EQ(check_samples(recording, programme, later, path).mismatches, 2);
 }
 
 TEST_F(PlayMeasure, BeepsAreFoundAfterResamplingAndALostBlockIsNoticed)
@@ -824,6 +834,12 @@ TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
             (*sound)[2 * i + 1] =
                 static_cast<int16_t>((*sound)[2 * i + 1] + std::lrint(3 * std::sin(0.9 * static_cast<double>(i))));
     };
+    // As converters leave it of a source at 44.1 kHz; beside the tone, until the sweep begins.
+    auto leave_image = [](std::vector<int16_t>* sound) {
+        for (size_t i = 0; i < 3 * kRate; i++)
+            (*sound)[2 * i + 1] = static_cast<int16_t>(
+                (*sound)[2 * i + 1] + std::lrint(600 * std::sin(2 * M_PI * 23900 / kRate * static_cast<double>(i))));
+    };
     auto quieten = [](std::vector<int16_t>* sound) {
         for (size_t i = sound->size() * 3 / 4; i < sound->size(); i++)
             (*sound)[i] = static_cast<int16_t>((*sound)[i] * 98 / 100);
@@ -838,6 +854,7 @@ TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
          {Case{"whole", [](auto*) {}, false, 0, -97.2, 0}, Case{"one sample twice", repeat, true, 1, -97.2, 0},
           Case{"one sample lost", lose, true, 1, -97.2, 0}, Case{"a click", click, true, 0, -97.2, 0},
           Case{"distorted by 3 of 29196", distort, false, 0, -79.5, 0},
+          Case{"an image above 20 kHz", leave_image, false, 0, -94.6, 0},
           Case{"quieter towards the end", quieten, true, 0, -97.2, -0.175}}) {
         std::vector<int16_t> sound = whole;
         c.edit(&sound);

@@ -29,7 +29,7 @@ HeldFlips::HeldFlips(const Holds& holds, double refresh_hz, Pass show, Pass leav
 void HeldFlips::flip(void* buffer, const FlipTimes& times)
 {
     if (!thread_.joinable()) {
-        show_(buffer);
+        (times.coalesced ? leave_out_ : show_)(buffer);
         return;
     }
     void* unseen = nullptr;

@@ -23,6 +23,8 @@ struct FlipTimes {
     int64_t arrived_ns;
     int64_t flipped_ns;
     int64_t vblank_ns; ///< 0: none is known
+    /// For the same vertical blank as the flip before, as it seems without a plan for frames (FlipGate).
+    bool coalesced = false;
 };
 
 /**
@@ -58,15 +60,17 @@ public:
     }
 
     /// The player flips @p buffer. @return a buffer that will not be shown, this one or one that is held: both are for
-    /// the same vertical blank; null: none
+    /// the same vertical blank; null: none. A plan knows better than the flip when a frame is to be seen: a player that
+    /// flips some frames as they come and others at the vertical blank behind flips two in one refresh by turns.
     void* push(void* buffer, const FlipTimes& times)
     {
         Held held = {buffer, times.flipped_ns + holds_.flip_ns, kNone};
-        void* unseen = nullptr;
-        if (times.vblank_ns != 0 && (holds_.refreshes > 0 || plan_.started())) {
+        const bool placed = times.vblank_ns != 0 && (holds_.refreshes > 0 || plan_.started());
+        if (placed)
             place(times, &held);
-            unseen = make_room_for(times, &held);
-        }
+        if (times.coalesced && !plan_.known())
+            return buffer;
+        void* unseen = placed ? make_room_for(times, &held) : nullptr;
         if (unseen == buffer)
             return unseen;
         if (!held_.empty())

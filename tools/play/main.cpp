@@ -259,6 +259,7 @@ CapturePath capture_path(const Result& result)
     bool known_samples = options.losses.empty();
     bool transparent = options.capture.empty() || (is_hardware(options.capture) && is_hardware(options.feed));
     CapturePath path = {result.stage.link.captured_end, transparent && known_samples, {}, result.held_sound};
+    path.cut_off = result.audio.cut_off_at_start;
     // What a real device is given is recorded as the player wrote it.
     if (result.stage.sound.matched && options.playback.empty())
         path.matched = (1 + options.playback_ppm / 1e6) / (1 + options.receiver_ppm / 1e6);

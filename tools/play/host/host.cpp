@@ -26,6 +26,8 @@ constexpr int64_t kAtOnceNs = 2'000'000;
 constexpr int64_t kStallAfterNs = 3'000'000'000;
 /// Empty pulls in a row after which the pipeline counts as run dry.
 constexpr int kDryPulls = 3;
+/// From the first reset on: by then the player has found the format, and what was cut off is no loss.
+constexpr int64_t kStartNs = 1'000'000'000;
 /// What the player holds the first block of a sequence back by, to match the picture's way to the light.
 constexpr double kFixedDelayS = 0.076;
 /// Buffers beyond the player's queue: one on screen, two waiting for it, one being filled, and one spare.
@@ -166,7 +168,7 @@ void Host::video_thread()
         take_stall(&video_stall_ns_);
         const bool set = clock_was_set();
         const int64_t came_ns = now_ns();
-        const bool withheld = frame_break.withholds(came_ns, plan_.left(came_ns) || set);
+        const bool withheld = frame_break.withholds(came_ns, plan_.left(came_ns) || set, resets_);
         if (buffer == nullptr)
             continue;
         if (withheld) {
@@ -242,10 +244,7 @@ void Host::on_flip(hdmi_player_video_frame_t frame)
     bool admitted = host_->config_.gate->admit(flipped_ns);
     if (Trace* trace = host_->config_.trace)
         trace->flips.add({flipped_ns, buffer->number, admitted});
-    if (admitted)
-        host_->held_flips_->flip(buffer, {buffer->rendered_ns, flipped_ns, host_->config_.gate->vblank_ns()});
-    else
-        host_->leave_out(buffer);
+    host_->held_flips_->flip(buffer, {buffer->rendered_ns, flipped_ns, host_->config_.gate->vblank_ns(), !admitted});
 }
 
 void Host::leave_out(PictureBuffer* buffer)
@@ -345,6 +344,8 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
     if (has_plan())
         plan_.block(block.pts, taken_ns_, first || block.serial != serial_before);
     if (first || block.serial != serial_before) {
+        if (now_ns() - first_reset_ns_ < kStartNs)
+            audio_account_.cut_off_at_start = audio_account_.written;
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);
         late_sound_.start();
         // Sound that goes on through a reset goes on through the hold as well.

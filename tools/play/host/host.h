@@ -72,11 +72,12 @@ struct FrameAccount {
 };
 
 struct AudioAccount {
-    int64_t pulled = 0;    ///< frames of hdmi_player_get_pcm
-    int64_t discarded = 0; ///< of these, given back unwritten
-    int64_t cut_off = 0;   ///< of these, at a reset in the middle of the sound
-    int64_t late = 0;      ///< frames thrown away, because the host came too late with them
-    int64_t written = 0;   ///< frames accepted by hdmi_player_write_pcm
+    int64_t pulled = 0;           ///< frames of hdmi_player_get_pcm
+    int64_t discarded = 0;        ///< of these, given back unwritten
+    int64_t cut_off = 0;          ///< of these, at a reset in the middle of the sound
+    int64_t late = 0;             ///< frames thrown away, because the host came too late with them
+    int64_t written = 0;          ///< frames accepted by hdmi_player_write_pcm
+    int64_t cut_off_at_start = 0; ///< of these, in sequences that a reset in the first second ended
     int64_t failed_writes = 0;
 };
 
@@ -136,7 +137,13 @@ private:
     PictureBuffer* take_back(void* handle, Owner next);
 
     void leave_out(PictureBuffer* buffer);
-    bool has_plan() const { return config_.sync && !config_.raw; }
+    /// Bursts that are passed on pass the host by; what the other outputs are given is sound all the same.
+    bool has_plan() const
+    {
+        const bool digital =
+            config_.output == E_HDMI_PLAYER_AO_DEV_SPDIF || config_.output == E_HDMI_PLAYER_AO_DEV_HDMI_ARC;
+        return config_.sync && !(config_.raw && digital);
+    }
 
     static Host* host_;
 

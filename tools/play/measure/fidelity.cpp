@@ -5,9 +5,11 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <numeric>
 #include <optional>
 #include <utility>
 
+#include "signal/windowed_sinc.h"
 #include "source/programme.h"
 #include "source/reference.h"
 
@@ -37,6 +39,10 @@ constexpr double kNoiseLeft = 0.6;
 /// What may be left of tone and sweep, and beside that of their rounding.
 constexpr double kToneLeft = 0.01;
 constexpr double kRoundingLeft = 4;
+/// What is left is judged up to 20 kHz, as instruments do (AES17). Above lie the images of a source of 44.1 kHz, which
+/// each converter on the way passes on in its own measure.
+constexpr double kHearingHz = 20000;
+constexpr double kBeyondHearingHz = 22500;
 /// A click stands out of what else is left.
 constexpr double kClickFactor = 8;
 constexpr double kFaintestClick = 16;
@@ -96,13 +102,37 @@ double beside_tone(const std::vector<double>& left, int rate)
     return sum / static_cast<double>(left.size() - skipped);
 }
 
+/// @p out becomes as long as @p in without the margins of @p taps.
+void filter(const std::vector<float>& taps, const std::vector<float>& in, std::vector<double>& out)
+{
+    // So many sums that the compiler can keep them side by side.
+    constexpr size_t kLanes = 8;
+    out.clear();
+    const size_t count = in.size() - taps.size() + 1;
+    for (size_t i = 0; i < count; i += kLanes) {
+        const size_t lanes = std::min(kLanes, count - i);
+        float sums[kLanes] = {};
+        if (lanes == kLanes)
+            for (size_t tap = 0; tap < taps.size(); tap++)
+                for (size_t lane = 0; lane < kLanes; lane++)
+                    sums[lane] += taps[tap] * in[i + tap + lane];
+        else
+            for (size_t lane = 0; lane < lanes; lane++)
+                sums[lane] = std::inner_product(taps.begin(), taps.end(),
+                                                in.begin() + static_cast<std::ptrdiff_t>(i + lane), 0.0F);
+        out.insert(out.end(), sums, sums + lanes);
+    }
+}
+
 class SoundComparison
 {
 public:
     SoundComparison(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                     const Comparison& comparison)
         : recording_(recording), source_(source), matches_(matches), comparison_(comparison),
-          length_(recording.sample_rate() / kWindowsPerS), heard_(static_cast<size_t>(2 * length_))
+          length_(recording.sample_rate() / kWindowsPerS),
+          audible_(low_pass_taps(kHearingHz / recording.sample_rate(), kBeyondHearingHz / recording.sample_rate())),
+          margin_(static_cast<int>(audible_.size() / 2)), heard_(2 * static_cast<size_t>(length_ + 2 * margin_))
     {
     }
 
@@ -116,7 +146,9 @@ private:
     std::optional<Place> fit_near(Place place, int range);
     std::optional<Place> fit_by_beeps(int64_t first, Place predicted);
     std::optional<Place> find_again(int64_t first, Place predicted, bool beep);
+    const int16_t* heard(int frame) const { return &heard_[2 * static_cast<size_t>(frame + margin_)]; }
     Rest rest_of(Place place, int step);
+    Rest audible_rest_of(Place place);
     bool has_beep(Place place) const;
     bool fits(const Rest& rest, bool beep) const;
     bool clicks(const Rest& rest, bool beep) const;
@@ -128,10 +160,13 @@ private:
     const Source& source_;
     const std::vector<SoundMatch>& matches_;
     const Comparison& comparison_;
-    const int length_; ///< frames in a window
-    std::vector<int16_t> heard_;
+    const int length_;                       ///< frames in a window
+    const std::vector<float> audible_;       ///< taps that pass on what can be heard
+    const int margin_;                       ///< frames that they need before and behind a window
+    std::vector<int16_t> heard_;             ///< a window and its margins
     std::vector<std::array<float, 2>> sent_; ///< the source's frames, by the latest rest_of()
-    std::vector<double> left_;               ///< of the right channel, likewise
+    std::vector<float> full_;                ///< what is left of a channel, of every frequency, with the margins
+    std::vector<double> left_;               ///< of the right channel, what can be heard
     std::optional<Reference> reference_;
     Fidelity result_;
     Place place_{};
@@ -144,7 +179,11 @@ private:
     bool any_tone_ = false;
 };
 
-bool SoundComparison::read(int64_t first) { return recording_.read(first, heard_.data(), length_) == length_; }
+bool SoundComparison::read(int64_t first)
+{
+    const int frames = length_ + 2 * margin_;
+    return recording_.read(first - margin_, heard_.data(), frames) == frames;
+}
 
 /// Gains and what they leave, over every @p step frames.
 Rest SoundComparison::rest_of(Place place, int step)
@@ -157,7 +196,7 @@ Rest SoundComparison::rest_of(Place place, int step)
         sent_.push_back(reference_->at(place.middle + (i - length_ / 2.0) * place.speed));
         for (size_t c = 0; c < 2; c++) {
             double x = sent_.back()[c];
-            double y = heard_[2 * static_cast<size_t>(i) + c];
+            double y = heard(i)[c];
             products[c] += x * y;
             squares[c] += x * x;
             own[c] += y * y;
@@ -168,15 +207,30 @@ Rest SoundComparison::rest_of(Place place, int step)
     for (size_t c = 0; c < 2; c++) {
         rest.gain[c] = squares[c] > 0 ? products[c] / squares[c] : 1;
         rest.sent[c] = squares[c] / count;
+        rest.left[c] = std::max(own[c] - rest.gain[c] * products[c], 0.0) / count;
+    }
+    return rest;
+}
+
+/// The same over every frame, of which only what can be heard is left.
+Rest SoundComparison::audible_rest_of(Place place)
+{
+    Rest rest = rest_of(place, 1);
+    for (size_t c = 0; c < 2; c++) {
+        full_.clear();
+        for (int i = -margin_; i < length_ + margin_; i++) {
+            bool inside = i >= 0 && i < length_;
+            double sent = inside ? sent_[static_cast<size_t>(i)][c]
+                                 : reference_->at(place.middle + (i - length_ / 2.0) * place.speed)[c];
+            full_.push_back(static_cast<float>(heard(i)[c] - rest.gain[c] * sent));
+        }
+        filter(audible_, full_, left_);
         double left = 0;
-        left_.clear();
-        for (size_t n = 0; n < sent_.size(); n++) {
-            double r = heard_[2 * n * static_cast<size_t>(step) + c] - rest.gain[c] * sent_[n][c];
-            left_.push_back(r);
+        for (double r : left_) {
             left += r * r;
             rest.peak[c] = std::max(rest.peak[c], std::abs(r));
         }
-        rest.left[c] = left / count;
+        rest.left[c] = left / length_;
     }
     return rest;
 }
@@ -198,7 +252,7 @@ std::optional<Place> SoundComparison::fit(Place place, int rounds)
             const std::array<float, 2>& sent = sent_[static_cast<size_t>(i / kFitStep)];
             std::array<float, 2> slope = reference_->slope_at(place.middle + from_middle * place.speed);
             for (size_t c = 0; c < 2; c++) {
-                double r = heard_[2 * static_cast<size_t>(i) + c] - rest.gain[c] * sent[c];
+                double r = heard(i)[c] - rest.gain[c] * sent[c];
                 double d = rest.gain[c] * slope[c];
                 double s = d * from_middle / length_;
                 dd += d * d;
@@ -257,7 +311,7 @@ std::optional<Place> SoundComparison::fit_by_beeps(int64_t first, Place predicte
             std::abs(from_beep) < kBeepReachS * rate && std::abs(place.middle - predicted.middle) < kFarthestS * rate;
         if (near && !has_beep(place)) {
             std::optional<Place> found = fit_near(place, kNear);
-            if (found && fits(rest_of(*found, 1), false))
+            if (found && fits(audible_rest_of(*found), false))
                 return found;
         }
         if (match == behind)
@@ -366,13 +420,13 @@ bool SoundComparison::judge(int64_t first, Place predicted)
     if (!found)
         return false;
     bool beep = has_beep(*found);
-    Rest rest = rest_of(*found, 1);
+    Rest rest = audible_rest_of(*found);
     bool good = fits(rest, beep);
     if (!good) {
         if (std::optional<Place> elsewhere = find_again(first, predicted, beep)) {
             found = elsewhere;
             beep = has_beep(*found);
-            rest = rest_of(*found, 1);
+            rest = audible_rest_of(*found);
             good = fits(rest, beep);
         }
     }

@@ -355,7 +355,7 @@ SampleCheck check_samples(const Recording& recording, const Source& source, cons
     check.exact = check.same_rate && path.transparent && !path.matched;
     check.place_tolerance = path.transparent && !path.matched ? kPlaceTolerance : kConvertedTolerance;
     const int64_t reopened_at = recording.written_before(recording.last_opening());
-    check.earlier = reopened_at + path.silence;
+    check.earlier = std::max(reopened_at, path.cut_off) + path.silence;
     check.out = recording.written() - check.earlier;
     check.block = recording.sample_rate() / 50;
     if (matches.empty())

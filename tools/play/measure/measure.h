@@ -121,7 +121,8 @@ GridError measure_grid(const std::vector<Sighting>& sightings, double refresh_hz
 /// Whether the samples that came out are those that went in.
 struct SampleCheck {
     bool same_rate = false;
-    int64_t earlier = 0;             ///< frames played before the last opening, and the silence after it: not judged
+    int64_t earlier = 0; ///< frames played before the last opening or the start's last reset, and the silence after it:
+                         ///< not judged
     double first_source_sample = -1; ///< the first one that is judged
     int64_t in = 0;                  ///< source samples from there to the last one captured
     int64_t out = 0;                 ///< frames played from there, without the silence behind the source's end
@@ -143,6 +144,7 @@ struct CapturePath {
     /// The output's clock by the source's, if the sound is resampled from one to the other.
     std::optional<double> matched = {};
     int64_t silence = 0; ///< frames that the host played before the first of the source
+    int64_t cut_off = 0; ///< frames that it wrote before: a reset at the start ended their sequence
 };
 SampleCheck check_samples(const Recording& recording, const Source& source, const std::vector<SoundMatch>& matches,
                           const CapturePath& path);

@@ -22,7 +22,7 @@ struct Picture {
     static constexpr uint8_t kBlack = 16;
     static constexpr uint8_t kWhite = 235;
 
-    std::array<uint8_t, kWidth * kHeight> luma;
+    alignas(16) std::array<uint8_t, kWidth * kHeight> luma; ///< aligned for libswscale, which writes to it
 
     uint8_t* field() { return luma.data() + kCodeHeight * kWidth; }
     const uint8_t* field() const { return luma.data() + kCodeHeight * kWidth; }

@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "signal/rate_conversion.h"
+#include "signal/windowed_sinc.h"
 
 namespace play
 {
@@ -19,26 +20,8 @@ constexpr double kBeta = 11;
 constexpr int kChunkFrames = 4096;
 constexpr int64_t kKeptS = 10;
 
-double bessel_i0(double x)
-{
-    double sum = 1;
-    double term = 1;
-    for (int k = 1; k < 60; k++) {
-        term *= x / (2 * k) * x / (2 * k);
-        sum += term;
-    }
-    return sum;
-}
-
 /// The impulse response, @p x samples beside its middle.
-double response(double x)
-{
-    double edge = 2 * x / kTaps;
-    if (std::abs(edge) >= 1)
-        return 0;
-    double sinc = x == 0 ? 1 : std::sin(M_PI * x) / (M_PI * x);
-    return sinc * bessel_i0(kBeta * std::sqrt(1 - edge * edge)) / bessel_i0(kBeta);
-}
+double response(double x) { return windowed_sinc(x, kTaps / 2.0, kBeta); }
 
 /// For each phase and one beyond, the weights of the frames from kTaps / 2 - 1 before to kTaps / 2 after.
 template <typename Weight> std::vector<float> make_taps(Weight weight)

@@ -141,10 +141,8 @@ void Player::show(ViewBuffer* buffer)
     const int64_t now_ns = common::now_ns();
     plan_->flip(now_ns, now_ns - buffer->arrived_ns);
     shown_++;
-    if (gate_->admit(now_ns))
-        held_flips_->flip(buffer, {buffer->arrived_ns, now_ns, gate_->vblank_ns()});
-    else
-        leave_out(buffer);
+    const bool coalesced = !gate_->admit(now_ns);
+    held_flips_->flip(buffer, {buffer->arrived_ns, now_ns, gate_->vblank_ns(), coalesced});
 }
 
 void Player::leave_out(ViewBuffer* buffer)

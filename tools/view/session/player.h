@@ -67,6 +67,7 @@ public:
 
     /// Whether sound and frames have left the plan: a reason to withhold frames, with FrameBreak.
     bool left_plan(int64_t now_ns) { return plan_ && plan_->left(now_ns); }
+    int64_t resets() const { return resets_; }
 
     /// While it is open: from now on flips are held for @p refreshes more, or fewer.
     void shift_flips(int refreshes) { held_flips_->shift(refreshes); }

@@ -127,7 +127,8 @@ void Viewing::run()
         if (FrameLog* log = shown_frames_->log())
             log->came(*buffer);
         std::lock_guard<std::mutex> lock(mutex_);
-        const bool withheld = frame_break.withholds(came_ns, player_.left_plan(came_ns) || wall_clock.was_set());
+        const bool withheld =
+            frame_break.withholds(came_ns, player_.left_plan(came_ns) || wall_clock.was_set(), player_.resets());
         if (withheld && player_.is_open())
             feed_.dropped(buffer);
         else
