@@ -86,7 +86,7 @@
  *                 late.began_us = now;
  *             return true;
  *         }
- *         late.least_age_us += 10; // the clocks differ by up to 500 ppm
+ *         late.least_age_us += 40; // the clocks differ by up to 2000 ppm
  *         if (age < late.least_age_us)
  *             late.least_age_us = age;
  *         return false;

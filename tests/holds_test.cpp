@@ -245,6 +245,36 @@ TEST(FlipHold, ByPlanShowsEachFrameOfAPlayerThatFlipsTwoInOneRefresh)
     EXPECT_GT(coalesced, 50) << "the control";
 }
 
+TEST(FlipHold, ByPlanFramesInStepStayOnTheirVerticalBlanksWhateverTheirPhase)
+{
+    constexpr double kRefreshMs = 10;
+    for (int phase = 0; phase < 20; phase++) {
+        SCOPED_TRACE(phase);
+        FlipHold hold({0, 0, 0, true}, 1000 / kRefreshMs);
+        hold.start(0);
+        int buffers[1000];
+        double last_blank = -1;
+        int moved = 0;
+        for (int i = 0; i < 1000; i++) {
+            // They come a sixth of a refresh earlier and as much later again.
+            const double wander_ms = i < 200 ? 0 : kRefreshMs / 6 * std::sin((i - 200) * M_PI / 400);
+            const double arrived_ms = (i + phase / 20.0) * kRefreshMs - std::abs(wander_ms);
+            const auto flipped_ns = static_cast<int64_t>((arrived_ms + 25) * kMs);
+            while (hold.due_ns() && *hold.due_ns() <= flipped_ns) {
+                const int64_t due_ns = *hold.due_ns();
+                if (hold.pop(due_ns).unseen)
+                    continue;
+                const double blank = std::floor(static_cast<double>(due_ns) / (kRefreshMs * kMs));
+                moved += i > 200 && blank != last_blank + 1 ? 1 : 0;
+                last_blank = blank;
+            }
+            const auto vblank_ns = static_cast<int64_t>(std::floor((arrived_ms + 25) / kRefreshMs) * kRefreshMs * kMs);
+            moved += hold.push(&buffers[i], {static_cast<int64_t>(arrived_ms * kMs), flipped_ns, vblank_ns}) != nullptr;
+        }
+        EXPECT_EQ(moved, 0);
+    }
+}
+
 TEST(FlipHold, TakesAnotherPlanWhenFramesKeepComingTooLateForIt)
 {
     const Minute::Seen seen = Minute{60, 60.01, 0, 20, 90}.show(true);

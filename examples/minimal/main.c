@@ -227,7 +227,7 @@ static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
             late.began_us = now;
         return true;
     }
-    late.least_age_us += 10; // the clocks differ by up to 500 ppm
+    late.least_age_us += 40; // the clocks differ by up to 2000 ppm
     if (age < late.least_age_us)
         late.least_age_us = age;
     return false;

@@ -58,8 +58,8 @@ private:
     /// What the output plays before it is dry; a block may be late by its own length as well.
     static constexpr int64_t kInHandUs = 76'000;
     static constexpr int64_t kBlockUs = 20'000;
-    /// Per block: by 500 ppm the capture's clock may be slower than the host's.
-    static constexpr int64_t kDriftUs = 10;
+    /// Per block: by 2000 ppm the capture's clock may be slower than the host's.
+    static constexpr int64_t kDriftUs = 40;
     static constexpr int64_t kPauseUs = 10'000'000;
     /// Blocks that are thrown away follow each other at once.
     static constexpr int64_t kEpisodeUs = 500'000;

@@ -189,6 +189,7 @@ private:
         else if (shortest_ns_ == kNone || plan_ns < shortest_ns_)
             shortest_ns_ = plan_ns;
         way_ns_ = way_ns;
+        plan_ns = beside_middle(plan_ns, way_ns);
         if (plan_ns == plan_ns_)
             return;
         if (!known())
@@ -196,6 +197,18 @@ private:
         plan_ns_ = plan_ns;
         again_ns_ = now_ns + kAgainNs;
         followed_ = false;
+    }
+
+    /// Where frames and refreshes go on in step, a frame that is due right between two vertical blanks stays so for good,
+    /// and a little more or less moves the pictures by a refresh. The plan is moved to the side on which it is: the
+    /// vertical blank is the same. @p way_ns ends at a vertical blank.
+    int64_t beside_middle(int64_t plan_ns, int64_t way_ns) const
+    {
+        const double refreshes = static_cast<double>(plan_ns - way_ns) / refresh_ns_;
+        const double beside = refreshes - std::floor(refreshes) - 0.5;
+        if (std::abs(beside) >= kBeside)
+            return plan_ns;
+        return plan_ns + std::llround((std::copysign(kBeside, beside) - beside) * refresh_ns_);
     }
 
     /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. Once it has locked
@@ -249,6 +262,8 @@ private:
     static constexpr int64_t kPatienceNs = 1'000'000'000;
     /// Of a refresh: more than frames arrive to and fro.
     static constexpr double kSticky = 0.1;
+    /// Of a refresh: so far from the middle between two vertical blanks.
+    static constexpr double kBeside = 0.2;
     /// Of a refresh, from frame to frame.
     static constexpr double kRoomy = 1.1;
     /// Periods from frame to frame: by more, frames are missing; by less, a late one is made up for.

@@ -368,7 +368,7 @@ void SoundComparison::note_pitch(Place place)
         return;
     double passed = place.middle - middles_[middles_.size() - 1 - kWindowsPerS];
     double ppm = (passed / (kWindowsPerS * length_) * comparison_.clocks - 1) * 1e6;
-    if (source_s(place.middle) - 1 >= kPitchFromS && std::abs(ppm) > std::abs(result_.pitch_ppm))
+    if (source_s(place.middle) - 1 >= kPitchFromS && std::abs(ppm) >= std::abs(result_.pitch_ppm.value_or(0)))
         result_.pitch_ppm = ppm;
 }
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "measure/measure.h"
@@ -19,13 +20,13 @@ struct Fidelity {
     int64_t windows = 0; ///< compared, a tenth of a second each
     /// Of these: with a click, or not the source's sound. Samples that are lost or doubled make a window so.
     int64_t disturbed = 0;
-    double first_disturbed_s = -1; ///< of the source
-    double worst_jump = 0;         ///< frames by which one is not where the one before said
-    double pitch_ppm = 0;          ///< worst deviation of a second's speed from the clocks'
-    int64_t tone_windows = 0;      ///< with the tone of 997 Hz
-    double noise_db = 0;           ///< of the tone's worst second: what was added, against the tone
-    int64_t sweep_windows = 0;     ///< with the sweep
-    double least_db = 0;           ///< level of the sweep against the source's
+    double first_disturbed_s = -1;   ///< of the source
+    double worst_jump = 0;           ///< frames by which one is not where the one before said
+    std::optional<double> pitch_ppm; ///< worst deviation of a second's speed from the clocks', after a minute
+    int64_t tone_windows = 0;        ///< with the tone of 997 Hz
+    double noise_db = 0;             ///< of the tone's worst second: what was added, against the tone
+    int64_t sweep_windows = 0;       ///< with the sweep
+    double least_db = 0;             ///< level of the sweep against the source's
     double most_db = 0;
 };
 

@@ -471,7 +471,7 @@ const std::vector<Line> kLines = {
           {3, " dB", true},
           [](R r) -> json { return r.fidelity.most_db; }},
          {"/tones/pitch_ppm", "; pitch off by {}", "Pitch off by, after a minute", kPpm,
-          [](R r) -> json { return r.fidelity.pitch_ppm; }},
+          [](R r) -> json { return r.fidelity.pitch_ppm ? json(*r.fidelity.pitch_ppm) : json(); }},
          {"/tones/disturbed", "; disturbed {}", "Tenths of a second with a click, or samples lost or doubled", kCount,
           [](R r) -> json { return r.fidelity.disturbed; }},
          {"/tones/windows", " of {} tenths of a second", "Tenths of a second compared", kCount,

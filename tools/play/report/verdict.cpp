@@ -245,7 +245,8 @@ void judge_tones(const Result& result, std::vector<Verdict>* verdicts)
     // Of a source at another rate, this is the noise of the library's own conversion.
     if (fidelity.tone_windows > 0 && result.samples.same_rate)
         verdicts->push_back({"997 Hz: noise and distortion at most -90 dB", fidelity.noise_db <= kMostNoiseDb});
-    verdicts->push_back({"pitch within 10 ppm after a minute", std::abs(fidelity.pitch_ppm) <= kMostPitchPpm});
+    if (fidelity.pitch_ppm)
+        verdicts->push_back({"pitch within 10 ppm after a minute", std::abs(*fidelity.pitch_ppm) <= kMostPitchPpm});
     if (fidelity.sweep_windows > 0)
         verdicts->push_back({"20 Hz to 20 kHz within 0.1 dB",
                              std::max(std::abs(fidelity.least_db), std::abs(fidelity.most_db)) <= kMostRippleDb});
