@@ -272,9 +272,11 @@ TEST(PlatformCec, OpensWithoutWaitingForTheBusAndClosesInTime)
 // --- Decoder ----------------------------------------------------------------------------
 
 // As the link carries it: the bytes of each word swapped.
-std::vector<uint8_t> ac3_payload()
+std::vector<uint8_t> payload_of(adecoder_format_t format)
 {
-    std::vector<uint8_t> payload(std::begin(kAc3Frame), std::end(kAc3Frame));
+    const bool ac3 = format == ADECODER_FORMAT_AC3;
+    std::vector<uint8_t> payload(ac3 ? std::begin(kAc3Frame) : std::begin(kEac3Frame),
+                                 ac3 ? std::end(kAc3Frame) : std::end(kEac3Frame));
     for (size_t at = 0; at + 1 < payload.size(); at += 2)
         std::swap(payload[at], payload[at + 1]);
     return payload;
@@ -288,7 +290,7 @@ TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
     ASSERT_NE(nullptr, decoder);
     std::vector<uint8_t> pcm(16384);
     EXPECT_LE(adecoder_read(decoder, 0, 0, pcm.data(), static_cast<int32_t>(pcm.size()), 0), 0);
-    const std::vector<uint8_t> payload = ac3_payload();
+    const std::vector<uint8_t> payload = payload_of(ADECODER_FORMAT_AC3);
     const auto size = static_cast<int32_t>(payload.size());
     bool audible = false;
     for (int frame = 0; frame < 4; ++frame) {
@@ -312,7 +314,7 @@ TEST(PlatformDecoder, AFrameIsDecodedAsSoonAsItIsComplete)
 class PacedDecoder
 {
 public:
-    PacedDecoder()
+    explicit PacedDecoder(adecoder_format_t format) : format_(format), decoder_(open()), payload_(payload_of(format))
     {
         // The first frame of a process takes long, as code and tables are loaded, under an emulator most of all.
         write();
@@ -346,16 +348,21 @@ public:
         read();
     }
     void lose(int frames) { sent_ += frames; }
+    /// The source sends nothing for so long. @return frames of PCM that were read until then
+    int64_t pause(std::chrono::milliseconds time)
+    {
+        const int64_t before = count();
+        wait_until(start_ + std::chrono::milliseconds(32 * sent_) + time);
+        start_ += time;
+        return count() - before;
+    }
     /// The frames to come wait, and then come at once.
     void hold(std::chrono::milliseconds time) { wait_until(Clock::now() + time); }
 
 private:
     static constexpr double kHeldUpSeconds = 0.02;
 
-    static adecoder_handle_t* open()
-    {
-        return adecoder_init(ADECODER_FORMAT_AC3, 1, 0, ADECODER_CHANNEL_STEREO, 0, false);
-    }
+    adecoder_handle_t* open() const { return adecoder_init(format_, 1, 0, ADECODER_CHANNEL_STEREO, 0, false); }
     void write()
     {
         int32_t status = 0;
@@ -380,8 +387,9 @@ private:
             adecoder_get_output_sample_rate(decoder_);
     }
 
-    adecoder_handle_t* decoder_ = open();
-    const std::vector<uint8_t> payload_ = ac3_payload();
+    const adecoder_format_t format_;
+    adecoder_handle_t* decoder_;
+    const std::vector<uint8_t> payload_;
     Clock::time_point start_;
     int sent_ = 0;
     int64_t bytes_ = 0;
@@ -390,31 +398,39 @@ private:
 
 TEST_F(PlatformContract, TheDecoderKeepsTheCountWhereFramesAreLost)
 {
-    PacedDecoder decoder;
-    if (!decoder.usable() && platform_stage::may_lack_decoder())
-        GTEST_SKIP() << "no decoder, so none was checked";
-    ASSERT_TRUE(decoder.usable());
-    int frames = 0;
-    const auto send = [&](int count, int lost) {
-        decoder.lose(lost);
-        decoder.send(count);
-        frames += count;
-    };
-    send(12, 0);
-    send(16, 3);
-    frames += 3;
-    const int64_t lost = decoder.count() - int64_t{frames} * kAc3Samples;
-    decoder.hold(std::chrono::milliseconds(45));
-    send(16, 0);
-    const int64_t late = decoder.count() - int64_t{frames} * kAc3Samples;
-    ASSERT_EQ(0, aio_device_open(&capture_));
-    send(16, 3);
-    const int64_t reopened = decoder.count() - int64_t{frames} * kAc3Samples;
-    if (decoder.held_up())
-        GTEST_SKIP() << "the machine was busy meanwhile";
-    EXPECT_EQ(0, lost) << "sound behind a loss must not move ahead: adecoder.h";
-    EXPECT_EQ(0, late) << "frames that came late are not lost";
-    EXPECT_EQ(0, reopened) << "the player begins anew with each opening of the capture device";
+    constexpr int kMs = kRate / 1000;
+    constexpr int kPauseMs = 500;
+    for (const adecoder_format_t format : {ADECODER_FORMAT_AC3, ADECODER_FORMAT_EAC3}) {
+        SCOPED_TRACE(format == ADECODER_FORMAT_AC3 ? "AC-3" : "E-AC-3");
+        PacedDecoder decoder(format);
+        if (!decoder.usable() && platform_stage::may_lack_decoder())
+            GTEST_SKIP() << "no decoder, so none was checked";
+        ASSERT_TRUE(decoder.usable());
+        int64_t due = 0;
+        const auto send = [&](int count, int lost) {
+            decoder.lose(lost);
+            decoder.send(count);
+            due += int64_t{count + lost} * kAc3Samples;
+            return decoder.count() - due;
+        };
+        send(12, 0);
+        const int64_t lost = send(16, 3);
+        decoder.hold(std::chrono::milliseconds(45));
+        const int64_t late = send(16, 0);
+        const int64_t in_pause = decoder.pause(std::chrono::milliseconds(kPauseMs));
+        due += kPauseMs * kMs;
+        const int64_t paused = send(16, 0);
+        ASSERT_EQ(0, aio_device_open(&capture_));
+        const int64_t reopened = send(16, 3) + 3 * kAc3Samples;
+        EXPECT_EQ(0, aio_device_close(&capture_));
+        if (decoder.held_up())
+            GTEST_SKIP() << "the machine was busy meanwhile";
+        EXPECT_EQ(0, lost) << "sound behind a loss must not move ahead: adecoder.h";
+        EXPECT_EQ(0, late) << "frames that came late are not lost";
+        EXPECT_GT(in_pause, (kPauseMs - 100) * kMs) << "the player has 76 ms of sound in hand, then it runs dry";
+        EXPECT_NEAR(static_cast<double>(paused), 0, 5 * kMs) << "behind a pause as well";
+        EXPECT_EQ(paused, reopened) << "what is lost when the capture device is opened is forgotten";
+    }
 }
 
 } // namespace

@@ -5,19 +5,26 @@
 set -euo pipefail
 program=$1
 
-# judge STATUS WRONG: how the contract program ends on that port.
+devices='*DelayFalls*:*RateThatWasAskedFor*:*WithoutAKnownRate*'
+decoder='*TheDecoderKeepsTheCount*'
+
+# judge STATUS CHECKS WRONG: how the contract program ends on that port.
 judge() {
     local said status=0
-    said=$(WRONG=$2 "$program" --gtest_filter='*DelayFalls*:*RateThatWasAskedFor*:*WithoutAKnownRate*' 2>&1) || status=$?
-    [ "$status" -eq "$1" ] || { echo "$said"; echo "WRONG='$2': status $status, not $1"; return 1; }
+    said=$(WRONG=$3 "$program" --gtest_filter="$2" 2>&1) || status=$?
+    [ "$status" -eq "$1" ] || { echo "$said"; echo "WRONG='$3': status $status, not $1"; return 1; }
 }
 
 # At once: they wait for their devices most of the time.
 judges=()
-judge 0 '' &
+judge 0 "$devices:$decoder" '' &
 judges+=($!)
 for wrong in delay_in_bytes delay_halved delay_negative rate_0_refused rate_ignored old_sound; do
-    judge 1 $wrong &
+    judge 1 "$devices" $wrong &
+    judges+=($!)
+done
+for wrong in losses_not_filled pauses_not_filled eac3_not_known; do
+    judge 1 "$decoder" $wrong &
     judges+=($!)
 done
 failures=0
