@@ -111,7 +111,7 @@ public:
         in_flight.captured(ns(now + jitter_ * noise_.next()), std::llround(capture.frames));
         in_flight.played(ns(now + jitter_ * noise_.next()), std::llround(played()));
         // What was captured is converted at once: the rest of its way takes a constant time.
-        const double in = capture.frames - flow.in_end;
+        const double in = capture.frames - discarded_ - flow.in_end;
         flow.in_end += in;
         flow.out_end += in / controller.step();
         flow.step = controller.step();
@@ -138,7 +138,10 @@ public:
         in_flight.disturbed();
     }
 
-    /// Output frames that were heard; 100 ms are always queued.
+    /// The host throws away captured sound, as it does at a new serial: so much less waits in the output.
+    void discard(double seconds) { discarded_ += seconds * kRate; }
+
+    /// Output frames that were heard; 100 ms are queued at first.
     double played() const { return playback.frames - silence_ - 0.1 * kRate; }
     double true_in_flight() const
     {
@@ -161,6 +164,7 @@ public:
 private:
     double jitter_;
     double silence_ = 0;
+    double discarded_ = 0;
     Noise noise_;
 };
 
@@ -230,6 +234,17 @@ TEST(RateController, AnUnderrunAndANewSignalTakeANewSetPointAndKeepThePitch)
         }
         ASSERT_TRUE(machine.excess);
         EXPECT_NEAR(machine.true_in_flight(), before + late, 0.0003);
+    }
+    // A new serial within a running device: the time in flight is as it was, and no frame is made up for.
+    for (const double seconds : {0.02, 0.07}) {
+        const double before = machine.true_in_flight();
+        machine.discard(seconds);
+        for (const double end = machine.now + 120; machine.now < end;) {
+            machine.step();
+            ASSERT_TRUE(machine.excess);
+            ASSERT_LT(std::fabs(machine.ratio_error()), 10 * kPpm) << seconds << " s, at " << machine.now;
+        }
+        EXPECT_NEAR(machine.true_in_flight(), before, 0.0003);
     }
     // The capture device goes, and comes back with another crystal.
     machine.in_flight.capture_ended();
