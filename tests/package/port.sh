@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: MIT
-# port.sh PREFIX: docs/porting.md walked through on this machine: "Building", and steps 1 and 3 of "Trying a port". The
-# ports are an empty library, examples/port, and the simulated platform of the package in PREFIX.
+# port.sh PREFIX: docs/porting.md walked through on this machine: "Building", steps 1 and 3 of "Trying a port", and the
+# lines of "Two clocks". The ports are an empty library, examples/port, and the simulated platform of the package in
+# PREFIX.
 set -euo pipefail
 prefix=$1
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -71,3 +72,20 @@ plays() {
 }
 plays with "$folder/installed" ""
 plays beside "$prefix" "$port/lib/libhdmiplayer_sim.so"
+
+# The lines by which a port matches two clocks, in a program of their own: compiled, linked, and run.
+{
+    echo '#include "rate_matcher.h"'
+    echo 'int main() {'
+    echo 'const int64_t now_ns = 0, stamp_ns = 0, frames_captured = 0, frames_given_to_device = 0, device_delay = 0;'
+    echo 'const int link_rate = 48000, sample_rate = 48000, channels = 2, frames = 960, made_and_not_heard = 0;'
+    echo 'static int16_t data[2 * frames], out[4 * frames];'
+    echo 'int result, *write_bytes_result = &result;'
+    sed -n '/^```cpp/,/^```/{/^```/!p}' "$root/docs/porting.md"
+    echo 'return made <= clocks::RatioResampler::room(frames) && result >= 0 ? 0 : 1; }'
+} >"$folder/matching.cpp"
+grep -q 'matcher.convert' "$folder/matching.cpp" || fail "docs/porting.md has no lines that match two clocks"
+matching=("$root"/platform/common/{clock_estimator,rate_controller,ratio_resampler,rate_matcher}.cpp)
+quietly g++ -std=c++17 -Wall -Wextra -Werror -I"$root/include" -I"$root/platform/common" "$folder/matching.cpp" \
+    "${matching[@]}" $(pkg-config --cflags --libs libswresample libavutil) -pthread -o "$folder/matching"
+quietly "$folder/matching"
