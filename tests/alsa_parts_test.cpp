@@ -6,8 +6,11 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <thread>
+#include <vector>
 
+#include "alsa_matching.h"
 #include "alsa_pcm.h"
 #include "alsa_time.h"
 #include "alsa_volume.h"
@@ -309,6 +312,42 @@ TEST(AlsaVolume, PercentIsEvenToTheEar)
     for (const long min : {-9000L, -2400L, static_cast<long>(SND_CTL_TLV_DB_GAIN_MUTE)}) {
         EXPECT_EQ(volume_decibels(0, min, 600), min);
         EXPECT_EQ(volume_decibels(100, min, 600), 600);
+    }
+}
+
+// --- Rate matching ------------------------------------------------------------------
+
+TEST(AlsaMatching, PassesSoundBitForBitWhereBothDevicesAreOneCard)
+{
+    using hdmi_linux::RateMatching;
+    constexpr int kRate = 48000;
+    constexpr int kPeriod = 960;
+    constexpr int kPeriods = 100;
+    struct Case {
+        RateMatching policy;
+        int capture_card, playback_card; ///< -1: no card
+        bool bit_for_bit;
+    };
+    for (const Case& c : {Case{RateMatching::automatic, 3, 3, true}, Case{RateMatching::automatic, 3, 4, false},
+                          Case{RateMatching::automatic, -1, -1, false}, Case{RateMatching::off, 3, 4, true},
+                          Case{RateMatching::on, 3, 3, false}}) {
+        SCOPED_TRACE(testing::Message() << "cards " << c.capture_card << " and " << c.playback_card);
+        hdmi_linux::Matching matching;
+        hdmi_linux::SoundRing ring(kRate * 4, 4);
+        std::vector<uint8_t> written;
+        matching.open(kRate, 2, kPeriod);
+        matching.attach(c.policy, c.playback_card);
+        for (int period = 0; period < kPeriods; ++period) {
+            const int64_t now = (period + 1) * INT64_C(20'000'000);
+            matching.captured({1, 0, c.capture_card, kRate, now, int64_t{period + 1} * kPeriod});
+            for (int i = 0; i < 4 * kPeriod; ++i)
+                written.push_back(static_cast<uint8_t>((i + period) * 7919 >> 3));
+            matching.append(written.data() + period * 4 * kPeriod, kPeriod, now, &ring);
+            EXPECT_EQ(matching.at_work(), !c.bit_for_bit);
+        }
+        const auto heard = ring.piece(0, kPeriods * kPeriod);
+        EXPECT_EQ(heard.frames == kPeriods * kPeriod && memcmp(heard.data, written.data(), written.size()) == 0,
+                  c.bit_for_bit);
     }
 }
 

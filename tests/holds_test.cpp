@@ -301,7 +301,7 @@ struct Frames {
             seen_ms = soonest * 10 - 2;
             if (!plan.known())
                 continue;
-            seen_ms = std::max(plan.refresh_for(now_ns, vblank_ns), soonest) * 10 - 2;
+            seen_ms = std::max(plan.place_frame(now_ns, vblank_ns), soonest) * 10 - 2;
             plan.seen_from(flipped_ns, soonest);
         }
     }

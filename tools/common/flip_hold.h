@@ -136,7 +136,7 @@ private:
         const double refresh = refresh_at(times.flipped_ns) + holds_.refreshes;
         plan_.learn(times.arrived_ns, times.flipped_ns, time_of(refresh + 1));
         if (plan_.known()) {
-            const double wanted = plan_.refresh_for(times.arrived_ns, times.vblank_ns);
+            const double wanted = plan_.place_frame(times.arrived_ns, times.vblank_ns);
             const double soonest = refresh_at(times.flipped_ns + kFlipLeadNs) + 1;
             aim(times, time_of(std::max(wanted, soonest)), held);
             plan_.seen_from(times.flipped_ns, soonest);

@@ -107,7 +107,7 @@ public:
      * refreshes go on in step, a frame goes on with the one before while both are a little nearer to another one:
      * otherwise frames that arrive to and fro around the middle between two of them would be shown twice or not at all.
      */
-    double refresh_for(int64_t arrived_ns, int64_t vblank_ns)
+    double place_frame(int64_t arrived_ns, int64_t vblank_ns)
     {
         const double before_ns = wanted_ns_;
         follow(static_cast<double>(arrived_ns + plan_ns_));
@@ -126,7 +126,7 @@ public:
     }
 
     /**
-     * The frame of the latest refresh_for() can be seen at @p refresh at the soonest. Where several come so late within
+     * The frame of the latest place_frame() can be seen at @p refresh at the soonest. Where several come so late within
      * a short time, those between them are seen later as well, until none was late for a second: without a hold, the
      * player's own choice between two vertical blanks goes to and fro for a while when the phase comes round. Where all
      * come too late for a second, another plan is needed.
@@ -295,7 +295,7 @@ private:
     int steady_ = 0;        ///< frames since the loop began, or slipped by one
     bool followed_ = false; ///< what follows is the last frame's
     double wanted_ns_ = 0;
-    double place_ = 0;     ///< in refreshes, as refresh_for()
+    double place_ = 0;     ///< in refreshes, as place_frame()
     double error_ = 0;     ///< refreshes by which it is seen later
     double period_ns_ = 0; ///< from frame to frame
     double came_ns_ = 0;   ///< when it would have been wanted by its own arrival
