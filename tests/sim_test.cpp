@@ -19,6 +19,7 @@
 #include "aio_device.h"
 #include "hdmi_cec.h"
 #include "hdmi_sim.h"
+#include "hdmi_sim_control.h"
 #include "support/audio_devices.h"
 #include "support/blocked_call.h"
 #include "support/locked.h"
@@ -507,6 +508,26 @@ private:
     int fd_;
     bool bound_ = false;
 };
+
+TEST_F(Sim, ASourceByNameThatIsNoneIsRefusedWithTheReasonAndChangesNothing)
+{
+    const std::pair<const char*, const char*> refused[] = {
+        {"", "no such file"},
+        {"nothing", "nothing: no such file, nor programme, tone or silence"},
+        {"tone,ppm=fast", "tone,ppm=fast: no such file"},
+        {"/nowhere.ac3", "/nowhere.ac3: no such file"},
+        {"/dev/null", "/dev/null: "},
+        {"tone,rate=96000", "tone: 96000 Hz is not one of 32000, 44100, 48000"},
+        {"tone,ppm=20000", "tone: no clock is so wrong as"},
+    };
+    for (const auto& [signal, reason] : refused) {
+        char error[256] = "";
+        EXPECT_EQ(hdmi_sim_connect(signal, error, sizeof(error)), -1) << signal;
+        EXPECT_NE(std::string(error).find(reason), std::string::npos) << error;
+        EXPECT_EQ(std::string(error).find('\n'), std::string::npos);
+    }
+    EXPECT_EQ(hdmi_sim_connect("nothing", nullptr, 0), -1);
+}
 
 TEST(Announcements, ReachAListenerOnceAndTheStateFile)
 {

@@ -7,9 +7,11 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <system_error>
 #include <vector>
 
 #include "extcon/extcon.h"
@@ -164,6 +166,11 @@ bool find_signal(const std::string& text, NamedSignal* found, std::string* error
     }
     if (rate != 0 && is_made(source))
         found->sample_rate = static_cast<int>(rate);
+    std::error_code failed;
+    if (!is_made(source) && !std::filesystem::exists(source, failed)) {
+        *error = source + ": no such file, nor programme, tone or silence; ,rate=HZ and ,ppm=NUMBER may follow";
+        return false;
+    }
     if (!make_source(source, found, error))
         return false;
     if (rate != 0 && rate != found->sample_rate)
