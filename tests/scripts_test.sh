@@ -74,5 +74,30 @@ status=0
 timeout 20 "$here/../scripts/soak" --report "$folder/none" >"$folder/said" 2>&1 || status=$?
 [ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "soak --report: status $status, $(cat "$folder/said")"
 
+# Counts of code that has changed since the tests ran are neither shown nor a traceback.
+# counts STATUS TEXT: coverage quick ends so, and says that.
+counts() {
+    local status=0
+    "$folder/tree/scripts/coverage" quick >"$folder/said" 2>&1 || status=$?
+    { [ "$status" -eq "$1" ] && grep -qF "$2" "$folder/said" && ! grep -q Traceback "$folder/said"; } ||
+        fail "coverage quick, expected '$2': status $status, $(cat "$folder/said")"
+}
+if command -v g++ gcov >/dev/null; then
+    mkdir -p "$folder/tree/source" "$folder/tree/tests/coverage" "$folder/tree/build-coverage/source"
+    cp "$here/coverage/"* "$folder/tree/tests/coverage/"
+    echo 'int main() { return 0; }' >"$folder/tree/source/one.cpp"
+    built=$folder/tree/build-coverage/source/one
+    counts 1 'nothing is built here'
+    g++ --coverage -o "$built.o" -c "$folder/tree/source/one.cpp"
+    g++ --coverage -o "$built" "$built.o" && "$built"
+    counts 1 'source/one.cpp: lines 100.0 %'
+    g++ --coverage -O1 -DANOTHER -o "$built.o" -c "$folder/tree/source/one.cpp"
+    counts 1 'Changed since the tests ran'
+    g++ --coverage -o "$built" "$built.o" && rm "$built.gcda" && "$built"
+    counts 1 'source/one.cpp: lines 100.0 %'
+    touch -d '1 minute' "$folder/tree/source/one.cpp"
+    counts 1 'Changed since the tests ran'
+fi
+
 [ "$failures" -eq 0 ] || exit 1
 echo "All as expected."

@@ -20,21 +20,35 @@ GOALS = {"source": (97, 85), "include/internal": (97, 0), "platform/linux": (93,
 BUILT = ("source", "platform")
 
 
-def read_notes(note):
-    """What gcov says of one object file, whether it ran or not."""
+def is_newer(path, note):
+    return path.exists() and path.stat().st_mtime > note.stat().st_mtime
+
+
+def read_notes(note, root):
+    """What gcov says of one object file, whether it ran or not; None: file or object have changed since it ran."""
     with tempfile.TemporaryDirectory() as work:
-        subprocess.run(["gcov", "--json-format", "--branch-probabilities", str(note)], cwd=work, check=True,
-                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        return [file for result in pathlib.Path(work).glob("*.gz") for file in json.load(gzip.open(result))["files"]]
+        # gcov refuses counts of an object that was compiled again, and counts that were not written to the end.
+        gcov = subprocess.run(["gcov", "--json-format", "--branch-probabilities", str(note)], cwd=work, check=False,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        files = [file for result in pathlib.Path(work).glob("*.gz") for file in json.load(gzip.open(result))["files"]]
+    own = (pathlib.Path(file["file"]) for file in files if file["file"].startswith(f"{root}/"))
+    return None if gcov.returncode != 0 or any(is_newer(path, note) for path in own) else files
 
 
-def read_gcov(build):
+def read_gcov(root, build):
     """The counts of every source file: {path: {line: count}}, {path: {(line, branch): count}}."""
     lines = collections.defaultdict(collections.Counter)
     branches = collections.defaultdict(collections.Counter)
     notes = [note for folder in BUILT for note in (build / folder).rglob("*.gcno")]
     with concurrent.futures.ThreadPoolExecutor() as pool:
-        for file in (file for files in pool.map(read_notes, notes) for file in files):
+        read = list(pool.map(lambda note: read_notes(note, root), notes))
+    stale = [str(note.relative_to(build)) for note, files in zip(notes, read) if files is None]
+    if not notes:
+        sys.exit(f"{build}: nothing is built here")
+    if stale:
+        sys.exit("Changed since the tests ran, so run scripts/coverage without quick: " + ", ".join(sorted(stale)))
+    for files in read:
+        for file in files:
             for line in file["lines"]:
                 number = line["line_number"]
                 lines[file["file"]][number] += line["count"]
@@ -54,7 +68,7 @@ def names(text, line):
 
 
 def main(root, build):
-    lines, branches = read_gcov(build)
+    lines, branches = read_gcov(root, build)
     reasons = [entry.split(": ", 2) for entry in (root / "tests/coverage/unreached").read_text().splitlines()
                if not entry.startswith("#")]
     used = set()
