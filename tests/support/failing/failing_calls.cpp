@@ -20,12 +20,14 @@ namespace failing_calls
 namespace
 {
 
-constexpr int kFrames = 12;
+constexpr int kFrames = 48;
 constexpr int kOwnFrames = 2; ///< fails() and the function that asks it
+constexpr int kCallers = 6;   ///< that tell sites apart
 
 thread_local bool t_tests = false;
 thread_local bool t_under_test = false;
 thread_local bool t_noting = false; ///< what is called meanwhile does not count
+thread_local int t_test_frames = 0; ///< from main() to under_test(): the same site, whoever of the test calls
 
 struct State {
     std::mutex mutex;
@@ -47,9 +49,9 @@ State& state()
 Site here()
 {
     void* frames[kFrames];
-    const int count = backtrace(frames, kFrames);
+    const int count = backtrace(frames, kFrames) - t_test_frames;
     Site hash = 0xcbf29ce484222325;
-    for (int at = kOwnFrames; at < count && at < kOwnFrames + 6; ++at)
+    for (int at = kOwnFrames; at < count && at < kOwnFrames + kCallers; ++at)
         hash = (hash ^ reinterpret_cast<uintptr_t>(frames[at])) * 0x100000001b3;
     return hash;
 }
@@ -92,7 +94,12 @@ std::vector<Site> sites()
 }
 
 void this_thread_is_the_tests() { t_tests = true; }
-void set_under_test(bool on) { t_under_test = on; }
+void set_under_test(bool on)
+{
+    void* frames[kFrames];
+    t_test_frames = on ? backtrace(frames, kFrames) - 1 : 0;
+    t_under_test = on;
+}
 
 /// Whether this call is the one that fails.
 __attribute__((noinline)) bool fails()
