@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 /**
  * @file
- * A film's images. On ARM libswscale's vector code faults at rows that are not
- * aligned: what it writes to is looked at here on every machine.
+ * A film's images and sound. On ARM libswscale's vector code faults at rows that
+ * are not aligned, and libswresample rounds differently there: what they write to
+ * is looked at here on every machine.
  */
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -10,6 +11,10 @@
 
 #include <atomic>
 #include <cstring>
+
+extern "C" {
+#include <libavutil/cpu.h>
+}
 
 #include "source/av_owned.h"
 #include "source/media_file.h"
@@ -20,6 +25,10 @@ namespace
 constexpr uintptr_t kVectorBytes = 16;
 std::atomic<int> g_scaled{0};
 std::atomic<int> g_unaligned{0};
+std::atomic<int> g_converted{0};
+std::atomic<int> g_unaligned_sound{0};
+
+bool is_aligned(const uint8_t* place, size_t bytes) { return reinterpret_cast<uintptr_t>(place) % bytes == 0; }
 
 } // namespace
 
@@ -29,10 +38,19 @@ extern "C" int sws_scale(SwsContext* context, const uint8_t* const from[], const
 {
     static const auto real = reinterpret_cast<decltype(&sws_scale)>(dlsym(RTLD_NEXT, "sws_scale"));
     ++g_scaled;
-    if (reinterpret_cast<uintptr_t>(to[0]) % kVectorBytes != 0 ||
-        static_cast<uintptr_t>(pitches[0]) % kVectorBytes != 0)
+    if (!is_aligned(to[0], kVectorBytes) || static_cast<uintptr_t>(pitches[0]) % kVectorBytes != 0)
         ++g_unaligned;
     return real(context, from, from_pitches, y, height, to, pitches);
+}
+
+/// Likewise before libswresample's.
+extern "C" int swr_convert(SwrContext* context, uint8_t** to, int room, const uint8_t** from, int count)
+{
+    static const auto real = reinterpret_cast<decltype(&swr_convert)>(dlsym(RTLD_NEXT, "swr_convert"));
+    ++g_converted;
+    if (!is_aligned(to[0], av_cpu_max_align())) // malloc()'s alignment is enough on few machines
+        ++g_unaligned_sound;
+    return real(context, to, room, from, count);
 }
 
 namespace
@@ -125,7 +143,7 @@ int grey_images(const std::string& path, Size box)
     return grey;
 }
 
-TEST(PlayFilm, ImagesAreScaledToAlignedRowsWhateverTheirSize)
+TEST(PlayFilm, ImagesAndSoundAreConvertedToAlignedPlaces)
 {
     const GreyFilm film;
     ASSERT_TRUE(film.written());
@@ -133,6 +151,8 @@ TEST(PlayFilm, ImagesAreScaledToAlignedRowsWhateverTheirSize)
         EXPECT_EQ(grey_images(film.path, box), kFrames) << box.width;
     EXPECT_EQ(g_scaled, 3 * 2 * kFrames); // image and field of each frame
     EXPECT_EQ(g_unaligned, 0);
+    EXPECT_GE(g_converted, 3 * kFrames);
+    EXPECT_EQ(g_unaligned_sound, 0);
 }
 
 } // namespace

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <algorithm>
 #include <memory>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/mem.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
 }
@@ -33,5 +35,27 @@ struct AvFreed {
     }
 };
 template <typename T> using AvOwned = std::unique_ptr<T, AvFreed>;
+
+/// Memory that is aligned for FFmpeg's vector code. Elsewhere libswresample rounds differently on ARM, where malloc()
+/// aligns to 8.
+class AvBuffer
+{
+public:
+    AvBuffer() = default;
+    AvBuffer(const AvBuffer&) = delete;
+    AvBuffer& operator=(const AvBuffer&) = delete;
+    ~AvBuffer() { av_free(memory_); }
+
+    /// What was in it is lost. @return null: there is no memory for it
+    template <typename T> T* room_for(size_t count)
+    {
+        av_fast_malloc(&memory_, &bytes_, std::max<size_t>(count * sizeof(T), 1));
+        return static_cast<T*>(memory_);
+    }
+
+private:
+    void* memory_ = nullptr;
+    unsigned bytes_ = 0;
+};
 
 } // namespace play

@@ -68,7 +68,7 @@ struct MediaDecoders {
     int audio_index = -1;
     int64_t start_ns = 0;      ///< the file's time at our zero
     int64_t next_video_ns = 0; ///< for pictures without a time stamp
-    std::vector<int16_t> converted;
+    AvBuffer converted;
 
     std::string open_stream(AVMediaType type, int* index, AvOwned<AVCodecContext>* codec)
     {
@@ -440,12 +440,14 @@ void MediaFile::take_audio()
                 skip = -gap;
         }
         int capacity = swr_get_out_samples(decoders.converter.get(), frame->nb_samples);
-        decoders.converted.resize(2 * static_cast<size_t>(std::max(capacity, 0)));
-        auto* bytes = reinterpret_cast<uint8_t*>(decoders.converted.data());
+        auto* samples = decoders.converted.room_for<int16_t>(2 * static_cast<size_t>(std::max(capacity, 0)));
+        if (samples == nullptr)
+            continue;
+        auto* bytes = reinterpret_cast<uint8_t*>(samples);
         int frames = swr_convert(decoders.converter.get(), &bytes, capacity,
                                  const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
         if (frames > skip)
-            sound_.append(decoders.converted.data() + 2 * skip, frames - skip);
+            sound_.append(samples + 2 * skip, frames - skip);
         std::lock_guard<std::mutex> lock(mutex_);
         changed_.notify_all();
     }
