@@ -5,6 +5,7 @@
 
 #include <set>
 
+#include "heap_trend.h"
 #include "observers.h"
 #include "recovery.h"
 #include "sender.h"
@@ -43,6 +44,41 @@ TEST(Recovery, begins_anew_behind_a_gap)
     for (int i = 0; i < 5; i++)
         recovery.met(meeting_at((1'500 + 200 * i) * kMs, 0));
     EXPECT_DOUBLE_EQ(recovery.seconds().value_or(0), 1.5);
+}
+
+/// A sample every ten seconds: the decoder every third minute and in the end, blocks that come and go, and a leak.
+HeapTrend an_hour(int64_t leak_kb)
+{
+    HeapTrend trend;
+    for (int at_s = 0; at_s < 3600; at_s += 10) {
+        const bool decodes = at_s / 60 % 3 == 2 || at_s > 3300;
+        const int64_t blocks_kb = at_s * 7 % 450;
+        trend.note(at_s, decodes ? "eac3" : "pcm48", 18'000 + (decodes ? 530 : 0) + blocks_kb + leak_kb * at_s / 3600);
+    }
+    return trend;
+}
+
+TEST(HeapTrend, tells_a_leak_from_another_format)
+{
+    const auto none = an_hour(0).worst();
+    ASSERT_TRUE(none);
+    EXPECT_LE(none->kb(), 50) << none->state;
+    const auto leak = an_hour(1200).worst();
+    ASSERT_TRUE(leak);
+    EXPECT_GE(leak->kb(), 550) << leak->state;
+    EXPECT_GE(leak->from_kb, 18'300);
+}
+
+TEST(HeapTrend, says_nothing_of_states_that_do_not_come_twice)
+{
+    HeapTrend trend;
+    EXPECT_FALSE(trend.worst());
+    trend.note(300, "pcm48", 18'000);
+    trend.note(900, "eac3", 18'500);
+    trend.note(1000, "pcm32", 18'100);
+    EXPECT_FALSE(trend.worst());
+    trend.note(1000, "pcm48", 18'001);
+    EXPECT_EQ(trend.worst()->kb(), 1);
 }
 
 TEST(WayThrough, takes_each_step_once_and_hangs_together)

@@ -111,6 +111,8 @@ void Session::close_player()
 void Session::reopen()
 {
     close_player();
+    if (on_closed_)
+        on_closed_();
     std::string error;
     const process::RealtimeScope realtime(config_.realtime ? kRealtimePriority : 0);
     if (const auto drm_info = display_->start(&eyes_, gate_.get(), &error))

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,6 +58,8 @@ public:
 
     /// Closes the player and opens it again, until that succeeds.
     void reopen();
+    /// Called by reopen() between the two.
+    void on_closed(std::function<void()> action) { on_closed_ = std::move(action); }
     void plug(bool in);
 
     /// Looks at what came since the last call; to be called some times a second.
@@ -87,6 +90,7 @@ private:
     std::unique_ptr<Meetings> pairs_;
     std::unique_ptr<play::Host> host_;
     bool realtime_ = false;
+    std::function<void()> on_closed_;
     SessionAccount closed_; ///< of the openings before
     std::vector<Meeting> meetings_;
     std::vector<Sight> sights_;
