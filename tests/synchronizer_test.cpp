@@ -430,6 +430,9 @@ TEST(Pacing, TimerLagsAtMost100MsAndAFrameIsLateOnlyWhenItsSuccessorIsOverdue)
 {
     EXPECT_TRUE(pacing::advance(0, 40000, 140000) == 40000 && pacing::advance(0, 40000, 140001) == 140001);
     EXPECT_TRUE(pacing::advance(0, 0, 140001) == 0 && pacing::advance(0, -40000, 140001) == -40000);
+    EXPECT_TRUE(pacing::advance(0, 1, 100001) == 1 && pacing::advance(0, 1, 100002) == 100002);
+    EXPECT_TRUE(pacing::subtract(0, INT64_MIN) == INT64_MAX && pacing::subtract(-1, INT64_MIN) == INT64_MAX);
+    EXPECT_EQ(pacing::subtract(-2, INT64_MAX), INT64_MIN);
     EXPECT_EQ(pacing::decide_taken(80000, 40000, 40000), pacing::verdict::flip);
     EXPECT_EQ(pacing::decide_taken(80001, 40000, 40000), pacing::verdict::drop);
     EXPECT_TRUE(pacing::free_run_wait(30000, 10000, 33333) == 13333 && pacing::free_run_wait(43334, 10000, 33333) == 0);
@@ -929,6 +932,7 @@ TEST_F(Synchronizer, FailingVerticalBlankFallsBackToTheNominalRate)
     for (float unknown : {0.0F, -1.0F, 1e9F, INFINITY, NAN, 1e-40F, 0.0001F})
         EXPECT_EQ(pacing::refresh_duration(unknown), 16666) << unknown;
     EXPECT_EQ(pacing::refresh_duration(59.94F), 16683);
+    EXPECT_TRUE(pacing::refresh_duration(10000.0F) == 100 && pacing::refresh_duration(0.1F) == 10000000);
 }
 
 TEST_F(Synchronizer, WithoutADisplayFramesFollowTheTimerAlone)
