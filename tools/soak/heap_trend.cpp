@@ -21,16 +21,16 @@ std::optional<int64_t> HeapTrend::least(const Samples& samples, double from_s, d
     return least;
 }
 
-std::optional<HeapTrend::Growth> HeapTrend::worst() const
+std::vector<HeapTrend::Growth> HeapTrend::growths() const
 {
-    std::optional<Growth> worst;
+    std::vector<Growth> growths;
     for (const auto& [state, samples] : samples_) {
         const std::optional<int64_t> before = least(samples, end_s_ / 4, end_s_ / 2);
         const std::optional<int64_t> after = least(samples, end_s_ * 3 / 4, end_s_);
-        if (before && after && (!worst || *after - *before > worst->kb()))
-            worst = Growth{state, *before, *after};
+        if (before && after)
+            growths.push_back({state, *before, *after});
     }
-    return worst;
+    return growths;
 }
 
 } // namespace soak

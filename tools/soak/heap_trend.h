@@ -27,12 +27,9 @@ public:
         int64_t to_kb;
         int64_t kb() const { return to_kb - from_kb; }
     };
-    /**
-     * The state that grew the most, from the run's second quarter to its last. Of each the least counts: blocks that
-     * are on their way come and go, what is lost does not.
-     * @return nothing: no state was there in both
-     */
-    std::optional<Growth> worst() const;
+    /// Of each state that was there in the run's second quarter and in its last: the least of each. Blocks that are on
+    /// their way come and go, what is lost does not.
+    std::vector<Growth> growths() const;
 
 private:
     struct Sample {

@@ -25,6 +25,8 @@ constexpr int64_t kPitchFrames = kRate * 40 / 1000;
 constexpr int64_t kMostSilentFrames = kRate / 5;
 /// How far back samples may be asked for.
 constexpr int64_t kRecentFrames = kRate;
+/// Values for which there is room. A machine that stands still needs more for once; it would look like a leak.
+constexpr size_t kRecentRoom = 2 * 3 * static_cast<size_t>(kRecentFrames);
 /// Marks that did not meet for so long will not any more: sound and picture are at most half of the loop apart.
 constexpr int64_t kForgottenMarks = 2 * kPitches;
 
@@ -44,6 +46,7 @@ Ears::Ears() : onsets_(kRate, play::Programme::kBeepPeak)
 {
     for (int pitch = 0; pitch < kPitches; pitch++)
         pitches_hz_.push_back(play::Programme::kLowestBeepHz + play::Programme::kBeepStepHz * pitch);
+    recent_.reserve(kRecentRoom);
 }
 
 void Ears::hear(const hdmi_sim::HeardFrames& frames)
@@ -119,6 +122,10 @@ void Ears::forget()
         return;
     recent_.erase(recent_.begin(), recent_.begin() + 2 * (keep - recent_first_));
     recent_first_ = keep;
+    if (recent_.capacity() > kRecentRoom) {
+        recent_.shrink_to_fit();
+        recent_.reserve(kRecentRoom);
+    }
     while (places_.size() > 1 && places_[1].first <= keep)
         places_.pop_front();
 }

@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@ namespace soak
 {
 namespace
 {
+
+constexpr size_t kSmallStackBytes = 512 * 1024;
 
 /// But "." and "..".
 int entries(const char* path)
@@ -47,6 +50,15 @@ ProcessAccount process_account()
     account.cpu_s = static_cast<double>(used.ru_utime.tv_sec + used.ru_stime.tv_sec) +
                     static_cast<double>(used.ru_utime.tv_usec + used.ru_stime.tv_usec) / 1e6;
     return account;
+}
+
+void use_small_stacks()
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kSmallStackBytes);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
 }
 
 void limit_memory(int more_mb)

@@ -16,6 +16,9 @@ struct ProcessAccount {
 };
 ProcessAccount process_account();
 
+/// Threads from now on have stacks as where memory is short: a whole stack counts as memory, and the player's threads
+/// touch 17 KB at most.
+void use_small_stacks();
 /// No more memory than now, and so much: what asks for more is refused. Stacks of threads count as well.
 void limit_memory(int more_mb);
 
