@@ -160,14 +160,16 @@ TEST(BurstSpans, EndWithWhatTheChunkAndTheBurstHold)
         {{burst(0, kChunk)}, {kPayload}, 0, 6144 - kChunk, 0},
         {{join({kBurst, kBurst, burst(0, 5)})}, {kPayload, kPayload}, 0, 0, 5},
         {{burst(0, 2), burst(2, 5), burst(5, 6144)}, {kPayload}, 0, 0, 0},
+        {{join({Bytes(20), kBurst})}, {kPayload}, 0, 0, 0},
         {{burst(0, 8)}, {}, 1536, 4600, 0},
         // A length beyond the burst, one beyond the chunk as well, none, a flagged burst.
         {{too_long}, {make_payload(6136)}, 8191 - 6136, 0, 0},
         {{join({too_long, {0xAA}})}, {join({make_payload(6136), {0xAA}})}, 0, 0, 1},
         {{make_burst(21, 0, {}, 24576), kBurst}, {kPayload}, 0, 0, 0},
         {{make_burst(0x81, 800, make_payload(100), 6144)}, {}, 0, 0, 0},
-        // False Pc and Pd in a held preamble.
+        // False Pc and Pd in a held preamble, and in a chunk that is just as long as one.
         {{{0, 1, 0, 0xFF, 0xFF}, {9, 9, 9, 7, 7}}, {{7, 7}}, 8191 - 5, 0, 0},
+        {{{0, 1, 0, 0xFF, 0xFF, 5, 6, 7}}, {{5, 6, 7}}, 8191 - 3, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
@@ -180,6 +182,22 @@ TEST(BurstSpans, EndWithWhatTheChunkAndTheBurstHold)
         EXPECT_EQ(c.spans, spans);
         EXPECT_TRUE(c.owed_payload == state.iec61937_payload_insufficient_bytes &&
                     c.owed_stuffing == state.iec61937_burst_insufficient_bytes && c.held == state.iec61937_header_size);
+    }
+}
+
+TEST(BurstSpans, OfAPreambleThereIsNothingToSend)
+{
+    const struct {
+        size_t bytes;
+        burst_step::kind_e kind;
+    } cases[] = {{5, burst_step::HELD}, {8, burst_step::STARTED}};
+    for (const auto& c : cases) {
+        const Bytes begin = part_of(kBurst, 0, c.bytes);
+        byte_span chunk = {begin.data(), static_cast<uint32_t>(begin.size())};
+        burst_state state;
+        const burst_step step = burst_take_next(&state, &chunk);
+        EXPECT_EQ(c.kind, step.kind) << c.bytes;
+        EXPECT_EQ(nullptr, step.payload.data) << c.bytes;
     }
 }
 
