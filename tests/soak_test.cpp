@@ -141,15 +141,19 @@ protected:
 
 TEST_F(Observers, tell_offsets_of_seconds_from_those_of_none)
 {
-    for (const int64_t late_ms : {100, 1100, 4900}) {
+    struct Late {
+        int64_t sound_ms;
+        int64_t picture_ms;
+    };
+    for (const Late late : {Late{100, 90}, Late{1100, 90}, Late{4900, 90}, Late{9500, 90}, Late{100, 9500}}) {
         pairs_ = std::make_unique<Meetings>(sender_.get(), sender_->clock());
-        hear(2000 * kMs, late_ms * kMs);
-        see(2000 * kMs, 90 * kMs);
+        hear(2000 * kMs, late.sound_ms * kMs);
+        see(2000 * kMs, late.picture_ms * kMs);
         const std::vector<Meeting> met = pairs_->take();
-        EXPECT_GE(met.size(), 4U) << late_ms;
+        EXPECT_GE(met.size(), 4U) << late.sound_ms;
         for (const Meeting& meeting : met) {
-            EXPECT_NEAR(meeting.offset_ms(), 90.0 - static_cast<double>(late_ms), 0.1);
-            EXPECT_EQ(meeting.in_sync(), late_ms == 100);
+            EXPECT_NEAR(meeting.offset_ms(), static_cast<double>(late.picture_ms - late.sound_ms), 0.1);
+            EXPECT_EQ(meeting.in_sync(), late.sound_ms + late.picture_ms == 190);
         }
     }
 }
