@@ -43,10 +43,12 @@ extern "C" int sws_scale(SwsContext* context, const uint8_t* const from[], const
     return real(context, from, from_pitches, y, height, to, pitches);
 }
 
-/// Likewise before libswresample's.
-extern "C" int swr_convert(SwrContext* context, uint8_t** to, int room, const uint8_t** from, int count)
+/// Likewise before libswresample's, whose declaration differs between its versions.
+extern "C" int watched_convert(SwrContext* context, uint8_t** to, int room, const uint8_t** from,
+                               int count) __asm__("swr_convert");
+int watched_convert(SwrContext* context, uint8_t** to, int room, const uint8_t** from, int count)
 {
-    static const auto real = reinterpret_cast<decltype(&swr_convert)>(dlsym(RTLD_NEXT, "swr_convert"));
+    static const auto real = reinterpret_cast<decltype(&watched_convert)>(dlsym(RTLD_NEXT, "swr_convert"));
     ++g_converted;
     if (!is_aligned(to[0], av_cpu_max_align())) // malloc()'s alignment is enough on few machines
         ++g_unaligned_sound;
