@@ -99,6 +99,12 @@ TEST(Course, HasTheLastMinuteByTheSecondOneAndTheWorstOfAHundred)
     EXPECT_NEAR(course.moved->offset_ms, -2, 0.02);
     EXPECT_DOUBLE_EQ(course.moved->sound_ms, 0);
     EXPECT_FALSE(measure_course(offsets_of(readings(170, 0, [](int) { return 0.0; })), {}, {60, 60}).moved);
+    // A reset in the third minute: the second one is of another sequence, and was not measured.
+    std::vector<Reading> behind_reset = readings(400, 0, [](int) { return 5.0; });
+    behind_reset.erase(behind_reset.begin(), behind_reset.begin() + 150);
+    course = measure_course(offsets_of(behind_reset), {}, {60, 60});
+    EXPECT_FALSE(course.moved || course.light->moved_ms);
+    EXPECT_LT(course.light->within_ms, 1);
     // One in a hundred may be anywhere; +14 is nearer to its limit than -40.
     auto some = [](int s) { return s % 100 == 7 ? 900.0 : s % 50 == 11 ? 9.0 : s % 50 == 12 ? -45.0 : 0.0; };
     course = measure_course(offsets_of(readings(200, 0, some)), {}, {60, 60});

@@ -25,8 +25,9 @@ double p99_of(std::vector<Reading> offsets)
     return rank > 0 ? offsets[rank - 1].value : 0;
 }
 
-/// Mean of what was measured in that time.
-double mean_between(const std::vector<Offset>& offsets, double from_s, double until_s, double (*value)(const Offset&))
+/// Mean of what was measured in that time, if anything was.
+std::optional<double> mean_between(const std::vector<Offset>& offsets, double from_s, double until_s,
+                                   double (*value)(const Offset&))
 {
     double sum = 0;
     int count = 0;
@@ -35,16 +36,17 @@ double mean_between(const std::vector<Offset>& offsets, double from_s, double un
             sum += value(offset);
             count++;
         }
-    return count > 0 ? sum / count : 0;
+    return count > 0 ? std::optional<double>(sum / count) : std::nullopt;
 }
 
-/// Mean of the last @p window_s less that of as many from the second minute on.
-double difference_of(const std::vector<Offset>& offsets, double window_s, double (*value)(const Offset&))
+/// Mean of the last @p window_s less that of as many from the second minute on, if both are known.
+std::optional<double> difference_of(const std::vector<Offset>& offsets, double window_s, double (*value)(const Offset&))
 {
     // The last instant is within its window.
     const double end_s = std::nextafter(at_s(offsets.back()), 1e9);
-    return mean_between(offsets, end_s - window_s, end_s, value) -
-           mean_between(offsets, kMinuteS, kMinuteS + window_s, value);
+    const std::optional<double> last = mean_between(offsets, end_s - window_s, end_s, value);
+    const std::optional<double> first = mean_between(offsets, kMinuteS, kMinuteS + window_s, value);
+    return last && first ? std::optional<double>(*last - *first) : std::nullopt;
 }
 
 bool has_minutes(const std::vector<Offset>& offsets)
@@ -56,8 +58,11 @@ std::optional<Moved> moved_of(const std::vector<Offset>& offsets)
 {
     if (!has_minutes(offsets))
         return {};
-    return Moved{difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.ms(); }),
-                 difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.sound_ms; })};
+    const auto offset_ms = difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.ms(); });
+    const auto sound_ms = difference_of(offsets, kMinuteS, [](const Offset& offset) { return offset.sound_ms; });
+    if (!offset_ms || !sound_ms)
+        return {};
+    return Moved{*offset_ms, *sound_ms};
 }
 
 double picture_ms(const Offset& offset) { return offset.picture_ms; }
