@@ -112,7 +112,8 @@ private:
     /// Each hold ends early in a refresh, far from both vertical blanks: that a thread runs late, or flips come near a
     /// vertical blank, then does not matter.
     static constexpr double kIntoRefresh = 0.2;
-    /// Of a display whose vertical blanks begin elsewhere, nothing that was before counts.
+    /// Refreshes by which the latest flip may be ahead. More than so many flips do not wait: the display's vertical
+    /// blanks began elsewhere, and nothing that was before counts.
     static constexpr double kMostQueued = 8;
 
     struct Held {

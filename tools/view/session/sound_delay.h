@@ -37,7 +37,7 @@ public:
     }
 
     /// Negative: the flips wait instead, for @p most_held_ms at most. @p display_latency_ms: from the vertical blank to
-    /// light
+    /// light. The aim (common::kAimNs) is in it, as it is in what is wanted.
     double ms(int display_latency_ms, double most_held_ms) const
     {
         const double least_ms = in_ms(common::kPlannedLatencyNs) - display_latency_ms - most_held_ms;
