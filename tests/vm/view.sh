@@ -177,6 +177,7 @@ colour() {
     ffmpeg -v error -f x11grab -video_size 640x480 -i :7 -frames:v 1 -vf crop=200:100:220:300,scale=1:1:flags=area \
         -f rawvideo -pix_fmt rgb24 - </dev/null | od -An -tu1
 }
+has_desktop() { [ -n "$(colour)" ]; }
 # shows RED GREEN BLUE: the desktop is about that colour.
 shows() {
     local red green blue
@@ -186,6 +187,8 @@ shows() {
 }
 sends 640x480p60
 control -c test_pattern=7
+# A program that comes before the desktop ends at once.
+wait_for 60 has_desktop || echo "-- no desktop after a minute"
 # Without OpenGL: what Mesa compiles at run time does not survive the emulated processor.
 DISPLAY=:7 SDL_VIDEODRIVER=x11 SDL_RENDER_DRIVER=software SDL_FRAMEBUFFER_ACCELERATION=0 \
     "$program" --display window --video "v4l2:$input" --capture none --seconds 90 >"$OUT/view-window.log" 2>&1 </dev/null &
