@@ -199,9 +199,9 @@ private:
         followed_ = false;
     }
 
-    /// Where frames and refreshes go on in step, a frame that is due right between two vertical blanks stays so for good,
-    /// and a little more or less moves the pictures by a refresh. The plan is moved to the side on which it is: the
-    /// vertical blank is the same. @p way_ns ends at a vertical blank.
+    /// Where frames and refreshes go on in step, a frame that is due right between two vertical blanks stays so for
+    /// good, and a little more or less moves the pictures by a refresh. The plan is moved to the side on which it is:
+    /// the vertical blank is the same. @p way_ns ends at a vertical blank.
     int64_t beside_middle(int64_t plan_ns, int64_t way_ns) const
     {
         const double refreshes = static_cast<double>(plan_ns - way_ns) / refresh_ns_;
