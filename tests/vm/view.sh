@@ -41,6 +41,8 @@ account() {
         { n++; run[n] = $1; came[n] = $5 / 1e6; seen[n] = $8 / 1e6; times[n] = $8 == "" ? 0 : NF - 7
           late = ($5 - $4) / 1e6 - usual
           still[n] = late > 8 || late < -8 || ($1 == run[n - 1] && ($3 != sequence + 1 || $6 != moves))
+          # Left out on purpose, so that the player resets: what it held until then is gone.
+          if ($1 == run[n - 1] && $3 != sequence + 1) still[n - 1] = 1
           sequence = $3
           moves = $6
           if ($1 != run[n - 1]) began[$1] = came[n]

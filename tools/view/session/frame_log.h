@@ -20,6 +20,7 @@ public:
     void begin() { run_++; }
     /// From now on flips are held by some refreshes more or less: one frame stays for it, or is not seen.
     void moved() { moves_++; }
+    /// One that is withheld, so that the player resets, is not told of: its number is left out.
     void came(const ViewBuffer& frame);
     void seen(const ViewBuffer& frame, int64_t seen_ns);
 

@@ -124,15 +124,16 @@ void Viewing::run()
         ViewBuffer* buffer = feed_.take();
         if (buffer == nullptr)
             continue;
-        if (FrameLog* log = shown_frames_->log())
-            log->came(*buffer);
         std::lock_guard<std::mutex> lock(mutex_);
         const bool withheld =
             frame_break.withholds(came_ns, player_.left_plan(came_ns) || wall_clock.was_set(), player_.resets());
-        if (withheld && player_.is_open())
+        if (withheld && player_.is_open()) {
             feed_.dropped(buffer);
-        else
-            player_.render(buffer);
+            continue;
+        }
+        if (FrameLog* log = shown_frames_->log())
+            log->came(*buffer);
+        player_.render(buffer);
     }
 }
 
