@@ -89,6 +89,13 @@ compare_in_time() {
         compare "$@"
     fi
 }
+# pauses LOG: how often the machine stood still for three refreshes: no frame came, and none was withheld.
+pauses() {
+    awk -F, '
+        NR > 1 && $1 == run && $2 == number + 1 && $5 - came > 50e6 { n++ }
+        { run = $1; number = $2; came = $5 }
+        END { print n + 0 }' "$OUT/view-$1.csv"
+}
 says() { grep -q -- "$2" "$OUT/view-$1.log" || { cat "$OUT/view-$1.log"; return 1; }; }
 
 # Silence would do; a tone shows that something is played.
@@ -106,7 +113,8 @@ watches sound 60 "${sound[@]}"
 every_frame "480p with sound, 60 s" sound
 compare_in_time sound "frames captured" "$(figure sound captured)" -ge 2500
 compare_in_time sound "sound beside it" "$(sed -n 's/.*; \([0-9]*\)\.[0-9]* s of sound.*/\1/p' "$OUT/view-sound.log" | tail -n 1)" -ge 45 s
-compare_in_time sound "resets" "$(figure sound resets)" -le 3
+# A pause may make sound late for good, which the player mends by a reset.
+compare_in_time sound "resets" "$(figure sound resets)" -le $((3 + $(pauses sound)))
 for rate in 25 30 50; do
     sends 1280x720p$rate
     watches $rate 8 "${sound[@]}"
