@@ -201,6 +201,7 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const auto cut_off = [](Result* run) { run->audio.cut_off = 2 * 960; };
     const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
     const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
+    const auto from_a_card = [](Result* run) { run->options.capture = "alsa:hw:0"; };
     const auto reset_again = [](Result* run) { run->resets = 2; };
     const auto none_due = [](Result* run) { run->cadence = measure_cadence({}, {100, -1}, 1); };
     const auto none_seen = [](Result* run) { run->cadence = measure_cadence({}, {0, 1}, 1); };
@@ -233,6 +234,8 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"a reset in the middle of the sound", yes, {cut_off, missing(2 * 960)}},
         {"a block more than it threw away", no, {thrown_away, missing(3 * 960)}},
         {"what the device left out", yes, {unread, left_out, missing(4 * 960)}},
+        {"what a card left out that ran empty", yes, {one_gap, from_a_card, missing(4 * 960)}},
+        {"a simulated output that ran empty, and left out nothing", no, {one_gap, missing(4 * 960)}},
         {"a block lost behind the silence that it put in", no, {unread, refilled, missing(2 * 960)}},
         {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };

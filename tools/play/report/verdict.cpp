@@ -71,9 +71,9 @@ constexpr double kOutputRate = 48000;
 /// since it came late, or at the reset that followed: what comes behind is out of place by that, and no more.
 bool machine_lost_sound(const Result& result)
 {
-    bool counted = result.overruns > 0 || result.audio.late > 0 || result.audio.cut_off > 0 ||
+    bool counted = result.overruns > 0 || result.gaps > 0 || result.audio.late > 0 || result.audio.cut_off > 0 ||
                    result.stage.link.breaks > 0 || result.stage.sound.observer_breaks > 0;
-    // Elsewhere nobody knows how much sound an overrun or a lost burst is.
+    // Elsewhere nobody knows how much sound an overrun or a lost burst is, nor what an output left out that ran empty.
     bool in_periods = result.options.capture.empty() && result.coding == Coding::pcm;
     auto block = static_cast<double>(result.samples.block);
     const auto not_written = static_cast<double>(result.audio.late + result.audio.cut_off);
