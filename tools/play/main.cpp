@@ -500,6 +500,7 @@ ExitStatus run(Source* source, display::Display* display, const process::StopSig
     std::unique_ptr<TickingTimers> ordinary_timers;
     if (needs_ordinary_threads(result->options))
         ordinary_timers = std::make_unique<TickingTimers>();
+    process::keep_in_memory();
     Usage before = usage_now();
     {
         process::RealtimeScope realtime(kRealtimePriority);

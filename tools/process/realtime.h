@@ -28,4 +28,11 @@ private:
     bool active_ = false;
 };
 
+/**
+ * Keeps what the program uses of its memory, now or later, in the machine's: where the kernel takes back pages of code
+ * or files that were not used for a while, a thread of real-time priority would wait for the disk. For an account that
+ * may lock any amount of memory. @return false if this one may not: then nothing is changed
+ */
+bool keep_in_memory();
+
 } // namespace process

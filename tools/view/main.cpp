@@ -8,6 +8,7 @@
 
 #include "hdmi_linux.h"
 #include "machine/capture_devices.h"
+#include "process/realtime.h"
 #include "process/stop_signals.h"
 #include "session/messages.h"
 #include "session/options.h"
@@ -40,5 +41,6 @@ int main(int argc, char** argv)
     setenv("debug_hdmiplayer_log_level", "1", 0); // before the first thread
     send_outputs_to(options.playback);
     signals.start_thread();
+    process::keep_in_memory();
     return view::Viewer(options, signals).run();
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "signal/sample_store.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,15 +17,22 @@ namespace
 
 constexpr int64_t kBytesPerFrame = 4;
 
-} // namespace
-
-SampleStore::SampleStore()
+// A temporary file without a name.
+int open_unnamed()
 {
     const char* directory = getenv("TMPDIR");
     std::string path = std::string(directory != nullptr ? directory : "/tmp") + "/hdmi-player-play-XXXXXX";
-    fd_ = mkstemp(path.data());
-    if (fd_ >= 0)
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd >= 0)
         unlink(path.c_str());
+    return fd;
+}
+
+} // namespace
+
+SampleStore::SampleStore(Storage storage)
+    : fd_(storage == Storage::memory ? memfd_create("samples", MFD_CLOEXEC) : open_unnamed())
+{
 }
 
 SampleStore::~SampleStore()

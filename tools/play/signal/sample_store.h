@@ -7,21 +7,23 @@
 namespace play
 {
 
+/// The kernel may take back what is on the disk, and a reader in real time then waits until it is there again.
+enum class Storage { disk, memory };
+
 /**
- * Decoded sound of any length, in an unlinked temporary file rather than in
- * memory: it is needed twice, when it is sent and when the recording is compared with it.
- * One thread appends, any thread reads.
+ * Decoded sound, needed twice: when it is sent, and when the recording is compared with it. Of any length in an
+ * unlinked temporary file; in memory what is short, or comes again and again. One thread appends, any thread reads.
  */
 class SampleStore
 {
 public:
-    SampleStore();
+    explicit SampleStore(Storage storage = Storage::disk);
     ~SampleStore();
     SampleStore(const SampleStore&) = delete;
     SampleStore& operator=(const SampleStore&) = delete;
 
     bool usable() const { return fd_ >= 0; }
-    /// @return false if the disk is full
+    /// @return false if the disk or the memory is full
     bool append(const int16_t* stereo, int64_t frames);
     bool append_silence(int64_t frames);
     int64_t frames() const { return frames_; }

@@ -85,10 +85,10 @@ AvOwned<AVFrame> make_frame(const AVCodecContext& encoder, const Programme& prog
 std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, const Programme& programme, int64_t length_ns,
                                                      int64_t bit_rate, std::string* error)
 {
-    std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, programme));
     // The link goes on until the host has stopped sending pictures.
-    int64_t samples = (length_ns + kSecondNs) * programme.audio_rate() / kSecondNs;
-    made->end_ = (samples + kBurstSamples - 1) / kBurstSamples * kBurstSamples;
+    const int64_t samples = (length_ns + kSecondNs) * programme.audio_rate() / kSecondNs;
+    const int64_t end = (samples + kBurstSamples - 1) / kBurstSamples * kBurstSamples;
+    std::unique_ptr<CodedProgramme> made(new CodedProgramme(coding, programme, end));
     if (!made->track_.usable() || !made->encode(bit_rate) || !made->find_onsets()) {
         *error = std::string("the programme's sound could not be encoded as ") + coding_name(coding);
         return nullptr;
@@ -104,6 +104,13 @@ Loop CodedProgramme::programme_loop() const
     const bool comes_round = round % kBurstSamples == 0 && fps().den == 1;
     // In the first round there is no beep at its beginning.
     return comes_round && end_ > kRoundsWorthIt * round ? Loop{round, 2 * round} : Loop{};
+}
+
+Storage CodedProgramme::storage() const
+{
+    constexpr int64_t kMostRounds = 3;
+    const int64_t stored = std::min(end_, programme_loop().end);
+    return stored <= kMostRounds * Programme::kComesRoundS * audio_rate() ? Storage::memory : Storage::disk;
 }
 
 bool CodedProgramme::encode(int64_t bit_rate)

@@ -53,19 +53,21 @@ public:
     std::string description() const override;
 
 private:
-    CodedProgramme(Coding coding, const Programme& programme)
-        : programme_(programme), track_(coding, programme.audio_rate())
+    CodedProgramme(Coding coding, const Programme& programme, int64_t end)
+        : programme_(programme), end_(end), track_(coding, programme.audio_rate(), storage())
     {
     }
+    /// In memory up to three minutes, which are 140 MB of an E-AC-3 link.
+    Storage storage() const;
     bool encode(int64_t bit_rate);
     bool find_onsets();
     /// The minute of the programme's sound that comes again and again, if there is one.
     Loop programme_loop() const;
 
     Programme programme_;
+    int64_t end_; ///< whole bursts
     CodedTrack track_;
-    int64_t end_ = 0; ///< whole bursts
-    Loop loop_;       ///< of the track
+    Loop loop_; ///< of the track
     std::vector<int64_t> onsets_;
 };
 

@@ -94,7 +94,8 @@ struct CodedTrack::Codecs {
     }
 };
 
-CodedTrack::CodedTrack(Coding coding, int sample_rate) : coding_(coding), sample_rate_(sample_rate)
+CodedTrack::CodedTrack(Coding coding, int sample_rate, Storage storage)
+    : coding_(coding), sample_rate_(sample_rate), link_(storage), sound_(storage)
 {
     auto codecs = std::make_unique<Codecs>();
     if (link_.usable() && sound_.usable() && codecs->open(coding == Coding::ac3 ? AV_CODEC_ID_AC3 : AV_CODEC_ID_EAC3))

@@ -26,7 +26,7 @@ bool is_damaged(const AVFrame& frame);
 class CodedTrack
 {
 public:
-    CodedTrack(Coding coding, int sample_rate);
+    CodedTrack(Coding coding, int sample_rate, Storage storage = Storage::disk);
     ~CodedTrack();
     CodedTrack(const CodedTrack&) = delete;
     CodedTrack& operator=(const CodedTrack&) = delete;
