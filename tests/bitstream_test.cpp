@@ -550,10 +550,11 @@ Recording play(const LossyStream& lossy)
     };
     Recording recording;
     {
+        // What begins late stays late until the next beginning.
+        const ProcessorWaits waits;
         Host host(true);
         wait_for(lossy.at[0] - 10);
         const int at_start = g_resets;
-        const ProcessorWaits waits;
         wait_for(lossy.after.back() + 15);
         recording.stood_still = waits.longest() > kHeldUp;
         if (recording.stood_still)

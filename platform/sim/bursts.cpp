@@ -33,9 +33,8 @@ const Burst kPause = {3, 32, {0, 0, 0, 0}};
 constexpr uint8_t kDtsSync[] = {0xFE, 0x7F, 0x01, 0x80};
 constexpr size_t kDtsPayloadMin = 96; ///< the smallest frame of DTS
 constexpr int kBitsPerFrame = 32;
-/// A period of 20 ms at 48 kHz lasts 5 ms on an E-AC-3 link. More than two at once would move the sound of a start by
-/// more than a viewer may notice: it begins with the first burst that was read.
-constexpr int kFastLinkPeriods = 2;
+/// A period of 20 ms at 48 kHz lasts 5 ms on an E-AC-3 link: as many at once are read as seldom as on another link.
+constexpr int kFastLinkPeriods = 4;
 
 // --- From elementary stream to bursts ---------------------------------------------
 

@@ -172,7 +172,7 @@ struct BurstOptions {
 };
 /**
  * The source that sends @p stream; its rate is link_rate(), and at the E-AC-3
- * pace two periods are read at once. start_ns and clock_error_ppm are the
+ * pace four periods are read at once. start_ns and clock_error_ppm are the
  * caller's to set. The signal holds a copy, is the same
  * at every call and knows all of its past.
  *
