@@ -2,12 +2,15 @@
 // The player's lifecycle, routing and control API: the real modules on the simulated platform.
 #include "hdmi_player.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -197,6 +200,28 @@ TEST_F(PlayerTest, OpensOnceClosesOnceAndAgain)
         EXPECT_EQ(occurrences(log, "too small"), size < 0);
         hdmi_player_close();
     }
+}
+
+TEST_F(PlayerTest, NoProgramThatTheHostStartsGetsADescriptorOfThePlayer)
+{
+    constexpr int kMost = 1024;
+    std::set<int> before;
+    for (int descriptor = 0; descriptor < kMost; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) >= 0)
+            before.insert(descriptor);
+    }
+    open();
+    plug_in();
+    ASSERT_TRUE(sound_arrives());
+    int of_the_player = 0;
+    for (int descriptor = 0; descriptor < kMost; ++descriptor) {
+        const int flags = fcntl(descriptor, F_GETFD);
+        if (before.count(descriptor) > 0 || flags < 0)
+            continue;
+        of_the_player++;
+        EXPECT_TRUE(flags & FD_CLOEXEC) << std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor));
+    }
+    EXPECT_GE(of_the_player, 2); // for announcements, and to stop waiting for them
 }
 
 TEST_F(PlayerTest, AFailedOpenLeavesNothingBehind)
