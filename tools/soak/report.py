@@ -139,7 +139,12 @@ def main():
     if not runs:
         sys.exit(f"{folder}: no run has come to its end")
     plot(runs, os.path.join(folder, "soak.svg"))
-    text = "\n".join(runs_table(runs) + [""] + kinds_table(runs)) + "\n"
+    lines = runs_table(runs) + [""] + kinds_table(runs)
+    storm = os.path.join(folder, "storm.txt")
+    if os.path.exists(storm):
+        with open(storm, encoding="utf-8") as file:
+            lines += ["", "Every function from ten threads: " + file.read().splitlines()[-1]]
+    text = "\n".join(lines) + "\n"
     with open(os.path.join(folder, "report.md"), "w", encoding="utf-8") as file:
         file.write(text)
     print(text, end="")
