@@ -69,7 +69,11 @@ mkdir -p "$folder/tree/include"
 cp -r "$here/../scripts" "$folder/tree/"
 cp "$here/../include/hdmi_player.h" "$folder/tree/include/"
 said=$("$folder/tree/scripts/play" --version)
-[[ $said =~ ^"hdmi-player-play "[0-9]+\.[0-9]+\.[0-9]+, ]] || fail "--version says '$said'"
+[[ $said =~ ^"hdmi-player-play "([0-9]+\.[0-9]+\.[0-9]+), ]] || fail "--version says '$said'"
+# A release, or a candidate for one, is tagged with the version that the header says.
+for tag in $(git -C "$here/.." tag --points-at HEAD 'v[0-9]*' 2>/dev/null); do
+    [ "${tag%-rc*}" = "v${BASH_REMATCH[1]}" ] || fail "the tag $tag is at version ${BASH_REMATCH[1]}"
+done
 status=0
 timeout 20 "$here/../scripts/soak" --report "$folder/none" >"$folder/said" 2>&1 || status=$?
 [ "$status" -ne 0 ] && [ "$status" -ne 124 ] || fail "soak --report: status $status, $(cat "$folder/said")"
