@@ -324,6 +324,12 @@ TEST(LightPlan, IsTakenWhenFramesHaveSettledAndIsNeverLateForGood)
     EXPECT_NEAR(frames.seen_ms, 108, 10) << "a busy machine";
     frames.go(2000, 51);
     EXPECT_NEAR(frames.seen_ms, 58, 10) << "and one that is no more";
+    frames.go(5000, 101);
+    frames.go(3000, 57.5);
+    EXPECT_NEAR(frames.seen_ms, 58, 1) << "the vertical blank that it was before";
+    frames.go(5000, 101);
+    frames.go(3000, 57.5);
+    EXPECT_NEAR(frames.seen_ms, 68, 1) << "which may have been too soon";
     frames.plan.start(frames.now_ns);
     frames.go(2000, 11);
     EXPECT_NEAR(frames.seen_ms, 18, 10) << "a reset";

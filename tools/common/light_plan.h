@@ -185,7 +185,7 @@ private:
         const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kFlipLeadNs;
         int64_t plan_ns = std::clamp(longest_ns_ + spread_ns, way_ns, way_ns + spread_ns);
         if (now_ns >= follows_until_ns_)
-            plan_ns = std::max(plan_ns, shortest_ns_);
+            plan_ns = recall(now_ns, std::max(plan_ns, shortest_ns_));
         else if (shortest_ns_ == kNone || plan_ns < shortest_ns_)
             shortest_ns_ = plan_ns;
         way_ns_ = way_ns;
@@ -197,6 +197,18 @@ private:
         plan_ns_ = plan_ns;
         again_ns_ = now_ns + kAgainNs;
         followed_ = false;
+    }
+
+    /// A machine that stood still for a while makes the player give up a plan that can be kept again: what is longer by
+    /// less than a refresh becomes what it was, so that the pictures are where they were. Once in a while, since it may
+    /// be too short now.
+    int64_t recall(int64_t now_ns, int64_t plan_ns)
+    {
+        const int64_t longer_ns = plan_ns - shortest_ns_;
+        if (longer_ns == 0 || static_cast<double>(longer_ns) >= refresh_ns_ || now_ns < no_recall_until_ns_)
+            return plan_ns;
+        no_recall_until_ns_ = now_ns + kNoRecallNs;
+        return shortest_ns_;
     }
 
     /// Where frames and refreshes go on in step, a frame that is due right between two vertical blanks stays so for
@@ -255,6 +267,8 @@ private:
     /// From the first plan on. Clocks that run apart by 2000 ppm make the way shorter by 10 ms meanwhile.
     static constexpr int64_t kFollowsNs = 5'000'000'000;
     static constexpr int64_t kAgainNs = 1'000'000'000;
+    /// As long as the phase of frames and refreshes takes to come round, as a rule.
+    static constexpr int64_t kNoRecallNs = 20'000'000'000;
     /// So many frames in a row, or more with some between them.
     static constexpr double kMostLate = 4;
     static constexpr double kForgiven = 0.25;
@@ -280,8 +294,9 @@ private:
     int64_t way_ns_ = 0;          ///< without a plan, when the plan was taken
     int64_t shortest_ns_ = kNone; ///< plan, of those taken while it followed
     int64_t follows_until_ns_ = kNone;
-    int64_t again_ns_ = 0; ///< no other plan before
-    FramePeriod period_;   ///< of the frames from which the plan is learnt
+    int64_t again_ns_ = 0;           ///< no other plan before
+    int64_t no_recall_until_ns_ = 0; ///< the shortest one is not tried again before
+    FramePeriod period_;             ///< of the frames from which the plan is learnt
     // The window.
     std::array<int64_t, kMostFrames> ways_ = {};
     size_t frames_ = 0;
