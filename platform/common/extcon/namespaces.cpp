@@ -142,7 +142,7 @@ bool make_extensible(const std::string& path, Failure& failure)
     const Descriptor original(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (original.get() < 0)
         return failed(failure, "open of " + path);
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(dup(original.get())), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(fcntl(original.get(), F_DUPFD_CLOEXEC, 0)), closedir);
     if (entries == nullptr)
         return failed(failure, "read of " + path);
     if (!mount_tmpfs(path, failure))

@@ -117,9 +117,10 @@ int socket_for_player(int domain, int type, int protocol)
         return socket(domain, type, protocol);
     int ends[2];
     const int flags = type & (SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | flags, 0, ends) != 0)
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0, ends) != 0)
         return -1;
-    fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+    if ((flags & SOCK_CLOEXEC) == 0)
+        fcntl(ends[0], F_SETFD, 0); // as socket() gives it
     Exchange& e = exchange();
     mutex_guard guard(e.mutex);
     forget_listeners(e, has_hung_up);

@@ -99,9 +99,9 @@ std::unique_ptr<CodedProgramme> CodedProgramme::make(Coding coding, const Progra
 Loop CodedProgramme::programme_loop() const
 {
     constexpr int64_t kRoundsWorthIt = 3;
-    const int64_t round = int64_t{Programme::kComesRoundS} * audio_rate();
+    const int64_t round = int64_t{Programme::kComesRoundS} * programme_.audio_rate();
     // With other frame rates a second's first picture comes at another time each minute, and its beep with it.
-    const bool comes_round = round % kBurstSamples == 0 && fps().den == 1;
+    const bool comes_round = round % kBurstSamples == 0 && programme_.fps().den == 1;
     // In the first round there is no beep at its beginning.
     return comes_round && end_ > kRoundsWorthIt * round ? Loop{round, 2 * round} : Loop{};
 }
@@ -110,7 +110,7 @@ Storage CodedProgramme::storage() const
 {
     constexpr int64_t kMostRounds = 3;
     const int64_t stored = std::min(end_, programme_loop().end);
-    return stored <= kMostRounds * Programme::kComesRoundS * audio_rate() ? Storage::memory : Storage::disk;
+    return stored <= kMostRounds * Programme::kComesRoundS * programme_.audio_rate() ? Storage::memory : Storage::disk;
 }
 
 bool CodedProgramme::encode(int64_t bit_rate)
