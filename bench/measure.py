@@ -46,7 +46,7 @@ STARTS = [
     ("PCM, 48 kHz", ["pcm", "60"], "116: two periods, 76 hold"),
     ("PCM, 44.1 kHz", ["pcm", "60", "rate=44100"], "116: two periods, 76 hold"),
     ("AC-3 2.0", ["ac3", "60"], "116 to 156: two periods, up to two more for a burst, 76 hold"),
-    ("E-AC-3 2.0", ["eac3", "60"], "106 to 150: as above, of 10 ms at a time"),
+    ("E-AC-3 2.0", ["eac3", "60"], "116 to 156: as above"),
 ]
 MARKS = "<!-- {}: scripts/bench writes from here -->", "<!-- {}: to here -->"
 

@@ -220,7 +220,7 @@ Works make_works(const std::string& signal, int rate)
 {
     const bool eac3 = signal == "eac3";
     Works works;
-    works.read = source(kFrameBytes * static_cast<size_t>(eac3 ? 4 * rate / 100 : rate / 50));
+    works.read = source(kFrameBytes * static_cast<size_t>((eac3 ? 4 : 1) * rate / 50));
     if (signal != "pcm")
         works.demux = decoder(eac3 ? AV_CODEC_ID_EAC3 : AV_CODEC_ID_AC3);
     works.resample = rate == kOutputRate ? Work(copy) : resampler(rate);
@@ -231,12 +231,11 @@ Works make_works(const std::string& signal, int rate)
 // A period of the capture device, through the library and the host to the output.
 void add_sound(Stations& stations, const char* signal, const Works& works)
 {
-    const bool eac3 = strcmp(signal, "eac3") == 0;
-    Station* last = &stations.add("audio_read", nullptr, works.read, std::chrono::milliseconds(eac3 ? 10 : 20));
-    if (eac3 || strcmp(signal, "ac3") == 0) {
+    Station* last = &stations.add("audio_read", nullptr, works.read, std::chrono::milliseconds(20));
+    if (strcmp(signal, "pcm") != 0) {
         last = &stations.add("dolby_demux", last, works.demux);
         // A burst is 32 ms of sound. The decoder is asked every 10 ms, whatever has come.
-        last->share = eac3 ? 10. / 32 : 20. / 32;
+        last->share = 20. / 32;
         last = &stations.add("dolby_decode", last, works.hand_on, std::chrono::milliseconds(10));
     }
     last = &stations.add("audio_resample", last, works.resample);
