@@ -61,16 +61,18 @@ LD_PRELOAD=$folder/build/app/libhdmiplayer.so.1 HDMIPLAYER_SIM_SIGNAL=programme 
 
 # The player on it: linked with the player, and beside one that was built without any port.
 quietly cmake --install "$folder/build"
-# plays NAME PREFIX LIBRARY: the minimal host, with that package and that library.
+link_option=$(grep -o -- '-DCMAKE_EXE_LINKER_FLAGS=[^`]*' "$root/docs/porting.md") ||
+    fail "the document has no option for the link"
+# plays NAME PREFIX LIBRARY [OPTION]: the minimal host, with that package and that library.
 plays() {
     quietly cmake -S "$root/examples/minimal" -B "$folder/$1" -G Ninja -DCMAKE_PREFIX_PATH="$2" \
-        -DHDMIPLAYER_PLATFORM_LIBRARY="$3" -DCMAKE_EXE_LINKER_FLAGS="-Wl,-rpath-link,$port/lib"
+        -DHDMIPLAYER_PLATFORM_LIBRARY="$3" "${@:4}"
     quietly cmake --build "$folder/$1"
     LD_LIBRARY_PATH=$2/lib:$port/lib HDMIPLAYER_SIM_SIGNAL=programme quietly "$folder/$1/minimal" 2
     grep -qE '[1-9][0-9]* frames shown, .* [1-9]\.[0-9] s of sound heard' "$folder/said" ||
         { cat "$folder/said"; fail "the minimal host heard nothing"; }
 }
-plays with "$folder/installed" ""
+plays with "$folder/installed" "" "${link_option/\/path\/to\/port/$port}"
 plays beside "$prefix" "$port/lib/libhdmiplayer_sim.so"
 
 # The lines by which a port matches two clocks, in a program of their own: compiled, linked, and run.
