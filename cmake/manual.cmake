@@ -6,7 +6,9 @@ if(failed)
   message(FATAL_ERROR "${PROGRAM} --help: ${failed}")
 endif()
 
-string(REGEX MATCHALL "--[a-z][a-z-]*" options "${help}")
+# An option begins its line; in the text behind it others are spoken of, a host's own among them.
+string(REGEX MATCHALL "\n  (-[a-z],)?--[a-z][a-z-]*" options "${help}")
+list(TRANSFORM options REPLACE "^.*--" "--")
 list(REMOVE_DUPLICATES options)
 list(SORT options)
 string(REPLACE ";" " " options "${options}")

@@ -72,9 +72,13 @@ int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi
     # The tools, and what goes with them.
     for tool in play view doctor run; do
         LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --help >"$folder/help" || echo "FAIL: $tool --help"
-        grep -q "^hdmi-player-$tool" "$prefix/share/man/man1/hdmi-player-$tool.1" || echo "FAIL: $tool's page"
+        page=$prefix/share/man/man1/hdmi-player-$tool.1
+        grep -q "^hdmi-player-$tool" "$page" && grep -qF "Usage: hdmi\\-player\\-$tool " "$page" ||
+            echo "FAIL: $tool's page"
         grep -q -- "--help" "$prefix/share/bash-completion/completions/hdmi-player-$tool" || echo "FAIL: completion"
     done
+    ! grep -e --fullscreen "$prefix/share/bash-completion/completions/hdmi-player-run" ||
+        echo "FAIL: the completion has an option of the host"
     # The documents lead to each other as in the source tree.
     (cd "$prefix/share/doc/hdmiplayer" && grep -oh '](docs/[^)#]*' README.md | cut -c 3- | xargs ls >/dev/null) ||
         echo "FAIL: links of README.md"

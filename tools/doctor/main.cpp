@@ -87,7 +87,7 @@ bool check_configuration()
 
 int main(int argc, char** argv)
 {
-    CLI::App app(kDescription);
+    CLI::App app(kDescription, "hdmi-player-doctor");
     app.footer(kFooter);
     app.set_help_flag("-h,--help", "this text");
     try {

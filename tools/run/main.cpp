@@ -92,7 +92,7 @@ int run(const Options& options)
 int main(int argc, char** argv)
 {
     Options options;
-    CLI::App app(kDescription);
+    CLI::App app(kDescription, "hdmi-player-run");
     app.footer(kFooter);
     app.set_help_flag("-h,--help", "this text");
     auto* capture = app.add_option("--capture", options.capture, "ALSA's name of the capture device");
