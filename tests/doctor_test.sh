@@ -38,22 +38,28 @@ export HDMIPLAYER_LINUX_CONFIG=/dev/linux.conf HOME=/dev
 
 run 0 "$doctor"
 says 'missing +capture +no device' 'missing +playback +no device' 'sudo modprobe snd-aloop .*' \
-    'missing +/sys/class/extcon/hdmirx_aud/state .*' 'missing +/dev/dri/card\* .*' 'missing +/dev/cec\* .*' \
+    'missing +/sys/class/extcon/hdmirx_aud/state .*' 'missing +/dev/video\* +no video capture device' \
+    'sudo modprobe vivid   # a virtual one, to try with' 'missing +/dev/dri/card\* .*' 'missing +/dev/cec\* .*' \
     'ok +private namespaces .*' 'ok +/dev/linux.conf' 'Simulated play is possible\.'
 
 # Devices that are there and are none; that are others' or nobody's, for a user without rights.
 mkdir /dev/dri
+mkdir -p /sys/class/video4linux/video{2,3}
+: >/dev/video2
+: >/dev/video3
+chmod 000 /dev/video3
 : >/dev/cec11
 : >/dev/cec0
 : >/dev/dri/card3
 chmod 000 /dev/cec0
 chmod 060 /dev/dri/card3
 run 0 "$doctor"
-says 'missing +/dev/cec11 +is no CEC adapter'
+says 'missing +/dev/cec11 +is no CEC adapter' 'missing +/dev/video2 +is no V4L2 device' 'ls -l /dev/video2'
 nobody=(setpriv --reuid 65534 --regid 65534 --clear-groups)
 if chgrp video /dev/dri/card3 2>/dev/null && "${nobody[@]}" test -x "$doctor"; then
     run 0 "${nobody[@]}" "$doctor"
     says 'refused +/dev/cec0 +Permission denied, it is root:root 0000' 'sudo setfacl -m u:[a-z]+:rw /dev/cec0' \
+        'refused +/dev/video3 +Permission denied, it is root:root 0000' 'sudo setfacl -m u:[a-z]+:rw /dev/video3' \
         'refused +/dev/dri/card3 +Permission denied, it is root:video 0060' 'sudo usermod -aG video [a-z]+ .*' \
         'refused +real-time priority 99 .*' "echo '[a-z]+ - rtprio 99' .*"
 else
