@@ -80,11 +80,12 @@ public:
     }
     std::string said() const { return said_.text(); }
     bool fullscreen() const { return fullscreen_; }
-    static void press(SDL_Keycode key)
+    static void press(SDL_Keycode key, int modifiers = KMOD_NONE)
     {
         SDL_Event event = {};
         event.type = SDL_KEYDOWN;
         event.key.keysym.sym = key;
+        event.key.keysym.mod = static_cast<Uint16>(modifiers);
         SDL_PushEvent(&event);
     }
 
@@ -118,6 +119,36 @@ TEST(Viewer, KeyFTakesTheWholeScreenAndGivesItBack)
         WholeViewer::press(SDLK_f);
         EXPECT_TRUE(eventually([&] { return viewer.fullscreen() == whole; }, kPatience)) << viewer.said();
     }
+    WholeViewer::press(SDLK_q);
+}
+
+TEST(Viewer, KeysOfTheWindowSayWhatTheyDid)
+{
+    constexpr uint32_t kGrey = 0x808080;
+    WholeViewer viewer;
+    EXPECT_TRUE(viewer.says("64x32 XR24 at 60 fps, not copied on window", kGrey)) << viewer.said();
+    const struct {
+        SDL_Keycode key;
+        int modifiers;
+        const char* said;
+    } keys[] = {
+        {SDLK_9, KMOD_NONE, "volume 98 %"},
+        {SDLK_0, KMOD_NONE, "volume 100 %"},
+        {SDLK_m, KMOD_NONE, ": muted"},
+        {SDLK_o, KMOD_NONE, "sound to headphone"},
+        {SDLK_EQUALS, KMOD_LCTRL | KMOD_LSHIFT, "sound 10 ms later"}, // where + is on the same key
+        {SDLK_PLUS, KMOD_LCTRL, "sound 20 ms later"},
+        {SDLK_KP_MINUS, KMOD_LCTRL, "sound 10 ms later"},
+        {SDLK_MINUS, KMOD_RCTRL, "sound 0 ms later"},
+    };
+    for (const auto& [key, modifiers, said] : keys) {
+        WholeViewer::press(key, modifiers);
+        EXPECT_TRUE(viewer.says(said, kGrey)) << said << " in\n" << viewer.said();
+    }
+    WholeViewer::press(SDLK_i);
+    EXPECT_TRUE(viewer.says("64x32 XR24 at 60 fps, not copied; frames: ", kGrey)) << viewer.said();
+    for (const char* figure : {" captured, ", " dropped, ", " seen, ", "ms old when they come, sound ", " resets"})
+        EXPECT_NE(viewer.said().find(figure), std::string::npos) << figure << " in\n" << viewer.said();
     WholeViewer::press(SDLK_q);
 }
 
