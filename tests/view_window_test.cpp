@@ -147,7 +147,8 @@ TEST(Viewer, KeysOfTheWindowSayWhatTheyDid)
     }
     WholeViewer::press(SDLK_i);
     EXPECT_TRUE(viewer.says("64x32 XR24 at 60 fps, not copied; frames: ", kGrey)) << viewer.said();
-    for (const char* figure : {" captured, ", " dropped, ", " seen, ", "ms old when they come, sound ", " resets"})
+    for (const char* figure :
+         {" captured, ", " dropped, ", " seen, ", " on a display of ", "ms old when they come, sound ", " resets"})
         EXPECT_NE(viewer.said().find(figure), std::string::npos) << figure << " in\n" << viewer.said();
     WholeViewer::press(SDLK_q);
 }

@@ -72,6 +72,8 @@ int main(void) { return hdmi_player_set_mute(true) | hdmi_linux_set_device("hdmi
     # The tools, and what goes with them.
     for tool in play view doctor run; do
         LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --help >"$folder/help" || echo "FAIL: $tool --help"
+        LD_LIBRARY_PATH= "$prefix/bin/hdmi-player-$tool" --version | grep -q "^hdmi-player-$tool [0-9]" ||
+            echo "FAIL: $tool --version"
         page=$prefix/share/man/man1/hdmi-player-$tool.1
         grep -q "^hdmi-player-$tool" "$page" && grep -qF "Usage: hdmi\\-player\\-$tool " "$page" ||
             echo "FAIL: $tool's page"

@@ -301,8 +301,9 @@ bool VideoDevice::set_mode(const CaptureMode& mode, Finding* why)
         return false;
     }
     if (!is_progressive(field_of(format))) {
+        const std::string asked = digital_ ? " --query-dv-timings" : " --list-formats-ext";
         *why = {Verdict::missing, path_, "sends fields: an interlaced signal is not shown",
-                "v4l2-ctl -d " + path_ + " --query-dv-timings   # set the source to a progressive mode, such as 1080p"};
+                "v4l2-ctl -d " + path_ + asked + "   # set the source to a progressive mode, such as 1080p"};
         return false;
     }
     layout_ = layout_of(geometry);

@@ -90,6 +90,7 @@ int main(int argc, char** argv)
     CLI::App app(kDescription, "hdmi-player-doctor");
     app.footer(kFooter);
     app.set_help_flag("-h,--help", "this text");
+    app.set_version_flag("--version", DOCTOR_VERSION);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -38,7 +38,7 @@ Finding examine_pcm(const std::string& folder, const std::string& card_id, bool 
     if (const auto refusal = device.refusal())
         return {refusal->verdict, what, refusal->what + ": " + refusal->detail, refusal->remedy};
     return {Verdict::ok, what, value_of(info, "name") + (device.in_use() ? ", in use" : "") + "; " + device.owner(),
-            ""};
+            device.in_use() ? "sudo fuser -v " + node + "   # who has it" : ""};
 }
 
 void quiet(const char*, int, const char*, int, const char*, ...) {}

@@ -95,6 +95,7 @@ int main(int argc, char** argv)
     CLI::App app(kDescription, "hdmi-player-run");
     app.footer(kFooter);
     app.set_help_flag("-h,--help", "this text");
+    app.set_version_flag("--version", RUN_VERSION);
     auto* capture = app.add_option("--capture", options.capture, "ALSA's name of the capture device");
     auto* playback = app.add_option("--playback", options.playback, "ALSA's name of the device for every output");
     app.add_option("--signal", options.signal,

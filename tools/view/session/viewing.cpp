@@ -13,6 +13,7 @@
 #include "common/wall_clock.h"
 #include "hdmi_linux.h"
 #include "process/realtime.h"
+#include "session/outputs.h"
 
 namespace view
 {
@@ -60,6 +61,17 @@ bool sound_is_compressed()
         if (events[i].announced)
             return std::strstr(events[i].text, "COMP") != nullptr;
     return false;
+}
+
+// From the input to the output.
+std::string way_of_sound(hdmi_player_ao_dev_e device)
+{
+    const hdmi_linux::DeviceStats input = hdmi_linux::capture_stats();
+    const hdmi_linux::DeviceStats output = hdmi_linux::playback_stats();
+    if (!input.open || !output.open)
+        return "";
+    return (sound_is_compressed() ? "; compressed, " : "; PCM, ") + std::to_string(input.rate) + " Hz, to the " +
+           output_after(device, 0).name + " at " + std::to_string(output.rate) + " Hz";
 }
 
 /// @p format with the figure; empty while it is not known.
@@ -231,14 +243,15 @@ std::string Viewing::figures(const ViewingConfig& config) const
     constexpr double kOutputRate = 48000;
     const FeedFigures feed = feed_.figures();
     const PlayerFigures player = player_.figures();
-    char frames[320];
+    char frames[352];
     std::snprintf(frames, sizeof frames,
                   "; frames: %" PRId64 " captured, %" PRId64 " lost before, %" PRId64 " damaged, %" PRId64
                   " without a buffer, %" PRId64 " copied, %" PRId64 " in bursts, %" PRId64 " dropped, %" PRId64
-                  " skipped, %" PRId64 " superseded, %" PRId64 " seen, %" PRId64 " unseen, %" PRId64 " out of order",
+                  " skipped, %" PRId64 " superseded, %" PRId64 " seen, %" PRId64 " unseen, %" PRId64
+                  " out of order on a display of %.5g Hz",
                   feed.frames, feed.missing, feed.damaged, feed.no_buffer, feed.copied, feed.crowded, player.dropped,
                   player.skipped, display_->stats().superseded, shown_frames_->seen(), shown_frames_->unseen(),
-                  shown_frames_->disordered());
+                  shown_frames_->disordered(), display_->refresh_hz());
     char sound[160];
     std::snprintf(sound, sizeof sound,
                   "; frames are %.1f ms old when they come, sound %.1f ms; sound %+.0f ms (%+d ms by key)",
@@ -247,12 +260,9 @@ std::string Viewing::figures(const ViewingConfig& config) const
     std::snprintf(played, sizeof played, "; %.1f s of sound, %.1f s too late, %" PRId64 " resets",
                   static_cast<double>(player.sound) / kOutputRate, static_cast<double>(player.late) / kOutputRate,
                   player.resets);
-    const hdmi_linux::DeviceStats capture = hdmi_linux::capture_stats();
-    const std::string format =
-        !capture.open ? ""
-                      : (sound_is_compressed() ? "; compressed, " : "; PCM, ") + std::to_string(capture.rate) + " Hz";
     const Transit& transit = shown_frames_->transit();
-    return description() + frames + sound + played + format + if_known("; sound takes %.0f ms", transit.sound.value()) +
+    return description() + frames + sound + played + way_of_sound(config.output) +
+           if_known("; sound takes %.0f ms", transit.sound.value()) +
            if_known("; frames take %.0f ms", transit.frames.value()) +
            if_known("; by calculation sound %+.0f ms after its picture", sound_later_ms());
 }
