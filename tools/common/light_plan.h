@@ -9,37 +9,10 @@
 #include <cstdlib>
 #include <utility>
 
+#include "common/frame_loop.h"
+
 namespace common
 {
-
-/// The time from frame to frame, by least squares: a few that come late hardly change it. Pure.
-class FramePeriod
-{
-public:
-    void add(int64_t arrived_ns)
-    {
-        if (frames_ == 0)
-            first_ns_ = arrived_ns;
-        const auto at_ns = static_cast<double>(arrived_ns - first_ns_);
-        times_ += at_ns;
-        weighted_ += frames_ * at_ns;
-        frames_++;
-    }
-
-    /// In nanoseconds; 0: not known.
-    double value() const
-    {
-        const double mean = (frames_ - 1) / 2;
-        const double squares = frames_ * (frames_ * frames_ - 1) / 12;
-        return squares > 0 ? (weighted_ - mean * times_) / squares : 0;
-    }
-
-private:
-    double frames_ = 0;
-    int64_t first_ns_ = 0;
-    double times_ = 0;    ///< sum of times since the first frame
-    double weighted_ = 0; ///< the same, each times the frames before it
-};
 
 /// A flip reaches the display before a vertical blank if it comes so long before it.
 constexpr int64_t kFlipLeadNs = 1'000'000;
@@ -66,7 +39,7 @@ constexpr int64_t kFlipLeadNs = 1'000'000;
 class LightPlan
 {
 public:
-    explicit LightPlan(double refresh_ns) : refresh_ns_(refresh_ns) {}
+    explicit LightPlan(double refresh_ns) : refresh_ns_(refresh_ns), loop_(kSticky * refresh_ns) {}
 
     /// The player places frames anew; the plan is taken when they have settled.
     void start(int64_t now_ns)
@@ -109,18 +82,18 @@ public:
      */
     double place_frame(int64_t arrived_ns, int64_t vblank_ns)
     {
-        const double before_ns = wanted_ns_;
-        follow(static_cast<double>(arrived_ns + plan_ns_));
-        place_ = (wanted_ns_ - static_cast<double>(vblank_ns)) / refresh_ns_;
+        const bool goes_on = loop_.runs();
+        const double before_ns = loop_.due_ns();
+        loop_.follow(static_cast<double>(arrived_ns + plan_ns_));
+        place_ = (loop_.due_ns() - static_cast<double>(vblank_ns)) / refresh_ns_;
         double refresh = std::round(place_);
-        if (followed_) {
-            const double step = (wanted_ns_ - before_ns) / refresh_ns_;
+        if (goes_on) {
+            const double step = (loop_.due_ns() - before_ns) / refresh_ns_;
             const double error = error_ + std::round(step) - step;
             const double most = arrived_ns < stays_until_ns_ ? 1 : 0.5;
             if (std::abs(step - std::round(step)) < kSticky && error >= -0.5 - kSticky && error <= most + kSticky)
                 refresh = std::round(place_ + error);
         }
-        followed_ = true;
         error_ = refresh - place_;
         return refresh;
     }
@@ -152,7 +125,7 @@ public:
 
     /// Whether a frame may be seen one vertical blank later than it should. Not with about as many frames as vertical
     /// blanks: all behind it would be late as well.
-    bool has_room() const { return !known() || period_ns_ > kRoomy * refresh_ns_; }
+    bool has_room() const { return !known() || loop_.period_ns() > kRoomy * refresh_ns_; }
 
 private:
     void learn_anew(int64_t now_ns)
@@ -162,8 +135,7 @@ private:
         frames_ = 0;
         period_ = FramePeriod();
         lateness_ = 0;
-        steady_ = 0;
-        followed_ = false;
+        loop_.lock_in_anew();
     }
 
     int64_t median(size_t count)
@@ -192,11 +164,9 @@ private:
         plan_ns = beside_middle(plan_ns, way_ns);
         if (plan_ns == plan_ns_)
             return;
-        if (!known())
-            period_ns_ = period_.value();
+        loop_.restart(known() ? loop_.period_ns() : period_.value());
         plan_ns_ = plan_ns;
         again_ns_ = now_ns + kAgainNs;
-        followed_ = false;
     }
 
     /// A machine that stood still for a while makes the player give up a plan that can be kept again: what is longer by
@@ -221,36 +191,6 @@ private:
         if (std::abs(beside) >= kBeside)
             return plan_ns;
         return plan_ns + std::llround((std::copysign(kBeside, beside) - beside) * refresh_ns_);
-    }
-
-    /// A delay-locked loop: a thread that comes late with a frame does not move the frame's light. Once it has locked
-    /// in, no frame moves it by much, even if a third of them come late. A frame that is a whole period beside it shows
-    /// that it has slipped: it locks in anew.
-    void follow(double wanted_ns)
-    {
-        constexpr double kPart = 1.0 / 8;
-        constexpr double kPartOfPeriod = 1.0 / 128;
-        const double came_ns = std::exchange(came_ns_, wanted_ns);
-        if (!followed_ || !(period_ns_ > 0)) {
-            wanted_ns_ = wanted_ns;
-            doubts_ = 0;
-            return;
-        }
-        const double frames = std::round((wanted_ns - wanted_ns_) / period_ns_);
-        // Much later than the one before: it is late itself, or a frame before it never came. The next ones tell.
-        const bool much_later = frames > 1 && frames < kMissing;
-        const bool at_its_pace = wanted_ns - came_ns > kPace * period_ns_;
-        doubts_ = !much_later ? 0 : at_its_pace ? doubts_ + 1 : 1;
-        if (much_later && doubts_ <= kMostDoubts) {
-            wanted_ns_ += period_ns_;
-            return;
-        }
-        doubts_ = 0;
-        steady_ = frames == 1 ? steady_ + 1 : 0;
-        const double most_ns = steady_ > kLockedIn ? kSticky * refresh_ns_ : period_ns_;
-        const double error_ns = std::clamp(wanted_ns - (wanted_ns_ + frames * period_ns_), -most_ns, most_ns);
-        wanted_ns_ += frames * period_ns_ + kPart * error_ns;
-        period_ns_ += kPartOfPeriod * error_ns / std::max(frames, 1.0);
     }
 
     static constexpr int64_t kNone = -1;
@@ -280,13 +220,6 @@ private:
     static constexpr double kBeside = 0.2;
     /// Of a refresh, from frame to frame.
     static constexpr double kRoomy = 1.1;
-    /// Periods from frame to frame: by more, frames are missing; by less, a late one is made up for.
-    static constexpr double kMissing = 4;
-    static constexpr double kPace = 0.75;
-    /// Frames in a row that may each be late by more than half a period.
-    static constexpr int kMostDoubts = 4;
-    /// Frames that the loop needs for its period.
-    static constexpr int kLockedIn = 64;
 
     const double refresh_ns_;
     int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
@@ -307,14 +240,9 @@ private:
     int64_t late_since_ns_ = kNone;
     double lateness_ = 0; ///< of the latest frames
     int64_t stays_until_ns_ = kNone;
-    int steady_ = 0;        ///< frames since the loop began, or slipped by one
-    bool followed_ = false; ///< what follows is the last frame's
-    double wanted_ns_ = 0;
-    double place_ = 0;     ///< in refreshes, as place_frame()
-    double error_ = 0;     ///< refreshes by which it is seen later
-    double period_ns_ = 0; ///< from frame to frame
-    double came_ns_ = 0;   ///< when it would have been wanted by its own arrival
-    int doubts_ = 0;       ///< frames in a row that came much later than the one before
+    FrameLoop loop_;
+    double place_ = 0; ///< in refreshes, as place_frame()
+    double error_ = 0; ///< refreshes by which it is seen later
 };
 
 } // namespace common
