@@ -10,33 +10,24 @@ namespace clocks
 {
 
 /**
- * What an output that ran empty does so that it soon holds as much sound again as
- * before, neither more nor less.
+ * Keeps as much sound in an output as it held before it ran empty, neither more nor less.
  *
- * When the thread that writes stood still, the frames of that time follow at
- * once. If all were played, the sound would stay behind the picture for good: what
- * goes beyond the plan is left out. When sound was lost before it came here, or
- * could not be written, frames come as time goes by. Played as they come, they
- * would be early, with nothing in reserve: silence is put before them. Sound is left
- * out not more often than once in two seconds: a source that comes in bursts longer
- * than the reserve lasts would be cut to pieces.
+ * Late sound: the writing thread stood still, and the frames of that time follow at once. Played, they would keep the
+ * sound behind the picture for good: what goes beyond the plan is left out. Lost sound: frames come as time goes by.
+ * Played as they come, they would be early, with nothing in reserve: silence is put before them. Sound is left out once
+ * in two seconds at most, or a source in bursts longer than the reserve would be cut to pieces.
  *
- * The plan is what the device still holds when a block comes, the most of half a
- * second of blocks: one that comes later than others finds less, and says nothing
- * about how late the sound is. Of the last seconds in which the device did not run
- * empty, the median counts: neither a bad start nor a source that is slow for a while
- * makes it forget what it had.
+ * The plan is what the device holds when a block comes: of each half a second the most, since a late block finds less,
+ * and of the last seconds in which it did not run empty the median, so that neither a bad start nor a slow source
+ * changes it.
  *
- * A device that is full for a second, or holds 40 ms more than it usually does, says
- * that late sound stands in front of it, although it did not run empty: a sequence
- * began late, or more came than time went by. That never becomes the plan; it is left
- * out too. What is usual follows no more than slowly. While sound is lost, the decoder
- * gives silence in its place, 50 ms late; the device then holds less for as long as
- * that lasts, which may become the plan, and what comes back behind it is no excess.
+ * A device that is full for a second, or holds 40 ms more than is usual, has late sound in it although it did not run
+ * empty: a sequence began late, or more came than time went by. That is left out too, and never becomes the plan. What
+ * is usual follows the plan slowly: while sound is lost, the decoder gives silence 50 ms late, the device holds that
+ * much less, and what comes back behind it is no excess.
  *
- * A device that is opened again at once goes on with what was usual, until its own plan
- * is known. Its first blocks do not count as late or lost, since each sequence begins with
- * another phase.
+ * A device that is opened again at once keeps what was usual until its own plan is known. Its first blocks count
+ * neither as late nor as lost, since each sequence begins with another phase.
  *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
