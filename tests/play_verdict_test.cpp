@@ -202,6 +202,13 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
     const auto left_out = [](Result* run) { run->stage.sound.left_out = 2 * 960; };
     const auto refilled = [](Result* run) { run->stage.sound.refilled = 960; };
     const auto from_a_card = [](Result* run) { run->options.capture = "alsa:hw:0"; };
+    const auto moved = [](double sound_ms, double pictures_ms) {
+        return [=](Result* run) {
+            run->options.strict = true;
+            run->course.moved = Moved{0, sound_ms};
+            run->course.light = LightPath{200, 10, 10.3, pictures_ms, false};
+        };
+    };
     const auto reset_again = [](Result* run) { run->resets = 2; };
     const auto none_due = [](Result* run) { run->cadence = measure_cadence({}, {100, -1}, 1); };
     const auto none_seen = [](Result* run) { run->cadence = measure_cadence({}, {0, 1}, 1); };
@@ -237,6 +244,11 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"what a card left out that ran empty", yes, {one_gap, from_a_card, missing(4 * 960)}},
         {"a simulated output that ran empty, and left out nothing", no, {one_gap, missing(4 * 960)}},
         {"a block lost behind the silence that it put in", no, {unread, refilled, missing(2 * 960)}},
+        {"sound and pictures moved when the output ran empty", yes, {one_gap, moved(5, 3.4)}},
+        {"the sound by more than the output may hold then", no, {one_gap, moved(11, 0)}},
+        {"the pictures by more", no, {one_gap, moved(5, 11)}},
+        {"sound moved, and the output did not run empty", no, {moved(5, 0)}},
+        {"pictures moved, and it did not", no, {moved(0, 5)}},
         {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };
     for (const Case& one : cases) {
