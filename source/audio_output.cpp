@@ -303,9 +303,10 @@ bool write_block(const hdmi_player_audio_frame_t& frame, writer_state* state, cl
         audio_output_device_operation(AUDIO_OUTPUT_DEV_OP_REOPEN);
     if (!device_open())
         return false;
-    if (g_ao_info.interval_log)
-        log_as(function, LOG_LEVEL_I, "write interval:%lld us size:%d\n", lli(write_interval_us(&state->start_time)),
-               frame.size);
+    if (g_ao_info.interval_log) {
+        const int64_t interval = write_interval_us(&state->start_time);
+        log_as(function, LOG_LEVEL_I, "write interval:%lld us size:%d\n", lli(interval), frame.size);
+    }
     if (new_serial) {
         log_as(function, LOG_LEVEL_I, "frame_serial:%d -> %d\n", state->frame_serial, frame.serial);
         state->frame_serial = frame.serial;

@@ -68,6 +68,28 @@ constexpr size_t kLengthBytes = sizeof(uint32_t);
 constexpr char kReset[] = "\033[0m";
 /// A record up to this size is put together without memory from the heap.
 constexpr size_t kShortRecord = 1024;
+/// Where a record has its time, until it is known.
+constexpr char kStamp[] = "00:00:00.000";
+constexpr size_t kStampBytes = sizeof(kStamp) - 1;
+
+/// A message as it is printed.
+struct record_t {
+    char* text;
+    size_t bytes;
+    char* stamp; ///< in the text: kStampBytes
+};
+
+// The local time of day.
+void write_stamp(char* stamp)
+{
+    const struct timespec now = read_clock(CLOCK_REALTIME);
+    struct tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    char text[64];
+    snprintf(text, sizeof(text), "%02d:%02d:%02d.%03ld", local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<long>(now.tv_nsec / 1000000));
+    std::copy_n(text, kStampBytes, stamp);
+}
 
 /**
  * Standard output, if it is a terminal, opened once more for writes that do not
@@ -127,12 +149,13 @@ public:
         return console;
     }
 
-    void print(const char* record, size_t bytes);
+    void print(const record_t& record);
     void catch_up();
 
 private:
     bool append(const char* record, size_t bytes) REQUIRES(mutex_);
     bool append_losses() REQUIRES(mutex_);
+    bool append_message(const record_t& record) REQUIRES(mutex_);
     size_t print_first(size_t bytes);
     size_t write_first(size_t bytes, int terminal);
     bool take_turn(mutex_guard& lock) NO_THREAD_SAFETY_ANALYSIS;
@@ -196,6 +219,15 @@ bool console_output::append_losses()
         return false;
     lost_ = 0;
     return true;
+}
+
+// Its time is that of the moment, so that no record has an earlier one than the record before it.
+bool console_output::append_message(const record_t& record)
+{
+    if (!append_losses())
+        return false;
+    write_stamp(record.stamp);
+    return append(record.text, record.bytes);
 }
 
 // Writes the first @p bytes of the backlog to the terminal. Of a record that it takes in part, the rest becomes the
@@ -267,13 +299,13 @@ bool console_output::take_turn(mutex_guard& lock)
     return all;
 }
 
-void console_output::print(const char* record, size_t bytes)
+void console_output::print(const record_t& record)
 {
     mutex_guard lock(mutex_);
-    bool appended = append_losses() && append(record, bytes);
+    bool appended = append_message(record);
     if (!appended && !printing_) {
         take_turn(lock);
-        appended = append_losses() && append(record, bytes);
+        appended = append_message(record);
     }
     if (!appended) {
         ++lost_;
@@ -326,8 +358,8 @@ void console_output::print_rest()
     }
 }
 
-// A message for which there is no memory is cut.
-void print_record(const char* prefix, const char* format, va_list args)
+// A message for which there is no memory is cut. @p stamp: where the prefix has it.
+void print_record(const char* prefix, size_t stamp, const char* format, va_list args)
 {
     va_list again;
     va_copy(again, args);
@@ -343,7 +375,7 @@ void print_record(const char* prefix, const char* format, va_list args)
     const auto room = static_cast<size_t>(record + size - end) - (sizeof(kReset) - 1); // with the text's NUL
     vsnprintf(end, room, format, args);
     end = std::copy_n(kReset, sizeof(kReset) - 1, end + room - 1);
-    console_output::instance().print(record, static_cast<size_t>(end - record));
+    console_output::instance().print({record, static_cast<size_t>(end - record), record + stamp});
 }
 
 // A message leaves errno as it was: the caller may still have to tell it.
@@ -382,16 +414,12 @@ void console_print(loglevel_e level, const char* format, ...)
 {
     const errno_keeper kept;
     const level_style style = style_of(level);
-    const struct timespec now = read_clock(CLOCK_REALTIME);
-    struct tm local = {};
-    localtime_r(&now.tv_sec, &local);
     char prefix[64];
-    snprintf(prefix, sizeof(prefix), "%s[%02d:%02d:%02d.%03ld] %ld %s ", style.colour, local.tm_hour, local.tm_min,
-             local.tm_sec, static_cast<long>(now.tv_nsec / 1000000), static_cast<long>(syscall(SYS_gettid)),
+    snprintf(prefix, sizeof(prefix), "%s[%s] %ld %s ", style.colour, kStamp, static_cast<long>(syscall(SYS_gettid)),
              style.title);
     va_list args;
     va_start(args, format);
-    print_record(prefix, format, args);
+    print_record(prefix, strlen(style.colour) + strlen("["), format, args);
     va_end(args);
 }
 
