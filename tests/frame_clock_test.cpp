@@ -222,6 +222,21 @@ TEST(FrameClock, SlowFeedingAndAReaderThatStoodStillAreNotFilledUp)
     EXPECT_LE(-ended.behind(), ac3::FrameClock::kMostSilenceUs / 1000 * 48 + 16 * kUnit);
 }
 
+TEST(FrameClock, AReaderThatWasSoonBackStillHasWhatWasLostReplaced)
+{
+    for (const auto& [pause_ms, left] : {std::pair(90, int64_t{0}), std::pair(160, kUnit)}) {
+        SCOPED_TRACE(pause_ms);
+        Stream stream;
+        stream.send_seconds(2);
+        stream.poll_until(stream.arrival_us(stream.sent));
+        stream.held_until_us = stream.polled_us + pause_ms * kMs;
+        stream.reader_held = true;
+        stream.lose(kUnit);
+        stream.send_seconds(1);
+        EXPECT_EQ(left, stream.behind());
+    }
+}
+
 TEST(FrameClock, WhatTheBytesSayIsMissingIsBelievedAsFarAsTimeConfirmsIt)
 {
     Stream stream;

@@ -829,6 +829,13 @@ TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
     };
     auto lose = [](std::vector<int16_t>* sound) { sound->erase(sound->begin() + kAt, sound->begin() + kAt + 2); };
     auto click = [](std::vector<int16_t>* sound) { (*sound)[kAt + 1] ^= 0x200; };
+    // In the tone; what follows is too faint for a click.
+    auto break_up = [](std::vector<int16_t>* sound) {
+        constexpr size_t kTone = 2 * size_t{243} * kRate / 100 + 1;
+        (*sound)[kTone] ^= 0x200;
+        for (size_t i = 0; i < 40; i++)
+            (*sound)[kTone + kRate / 5 + 2 * i] += i % 2 == 0 ? 20 : -20;
+    };
     auto distort = [](std::vector<int16_t>* sound) {
         for (size_t i = 0; i < sound->size() / 2; i++)
             (*sound)[2 * i + 1] =
@@ -853,6 +860,7 @@ TEST_F(PlayMeasure, WhatWasAddedToTonesIsFound)
     for (const Case& c :
          {Case{"whole", [](auto*) {}, false, 0, -97.2, 0}, Case{"one sample twice", repeat, true, 1, -97.2, 0},
           Case{"one sample lost", lose, true, 1, -97.2, 0}, Case{"a click", click, true, 0, -97.2, 0},
+          Case{"a click, and a rest of it", break_up, true, 0, -97.2, 0},
           Case{"distorted by 3 of 29196", distort, false, 0, -79.5, 0},
           Case{"an image above 20 kHz", leave_image, false, 0, -94.6, 0},
           Case{"quieter towards the end", quieten, true, 0, -97.2, -0.175}}) {

@@ -26,8 +26,9 @@ constexpr int64_t kWholeUs = 3'000;
 /// The player starts with 76 ms of sound in hand. The rest is for the way from here to the output.
 constexpr int64_t kStarvingUs = 50'000;
 constexpr int64_t kLeastSilenceUs = 5'000;
-/// After such a pause of the reader the output has run dry: what was lost meanwhile has had its silence.
-constexpr int64_t kReaderDryUs = 76'000;
+/// After such a pause of the reader the output has run dry: what was lost meanwhile has had its silence. It holds the
+/// player's 76 ms, up to a block of 20 ms, and what a host holds back.
+constexpr int64_t kReaderDryUs = 110'000;
 /// A reader that was held up tells of a busy machine: a writer may be on its way until the reader is back so long.
 constexpr int64_t kReaderLateUs = 25'000;
 constexpr int64_t kReaderBackUs = 20'000;

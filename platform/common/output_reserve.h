@@ -21,6 +21,9 @@ namespace clocks
  * and of the last seconds in which it did not run empty the median, so that neither a bad start nor a slow source
  * changes it.
  *
+ * The sound comes back to within what the device's windows differed by, 2 to 10 ms. What is left of it then is no part
+ * of the next plan, so that it does not add up.
+ *
  * A device that is full for a second, or holds 40 ms more than is usual, has late sound in it although it did not run
  * empty: a sequence began late, or more came than time went by. That is left out too, and never becomes the plan. What
  * is usual follows the plan slowly: while sound is lost, the decoder gives silence 50 ms late, the device holds that
@@ -46,7 +49,8 @@ public:
             *this = {};
         rate_ = rate;
         plan_ = usual_;
-        known_ = usual_ == kUnknown ? known_ : 0;
+        if (usual_ != kUnknown)
+            forget_level();
         refilling_ = written_ = false;
         excess_ = high_ = 0;
         begin_window();
@@ -68,6 +72,8 @@ public:
         }
         if (excess_ > 0)
             return leave_out(std::min(frames, excess_));
+        even_ = even_ && (!refilling_ || frames == block_);
+        block_ = refilling_ ? block_ : frames;
         const bool at_once = paused_ns < half_ns;
         // What is written in one or two blocks was not late: a host lets out what it held.
         const bool late = ++since_empty_ > 2 && at_once;
@@ -116,7 +122,23 @@ private:
     /// What blocks differ by in length and time.
     int tolerance() const { return rate_ / 100; }
 
-    void begin_window() { most_ = writes_ = waited_ = 0; }
+    /// The same, as far as the latest windows tell it: with a steady source much less.
+    int spread() const
+    {
+        const size_t count = std::min(known_, kWindows);
+        if (count < kWindowsToKnow)
+            return tolerance();
+        const auto [least, most] = std::minmax_element(windows_.begin(), windows_.begin() + ptrdiff(count));
+        return std::clamp(*most - *least + rate_ / 1000, rate_ / 500, tolerance());
+    }
+
+    static constexpr std::ptrdiff_t ptrdiff(size_t count) { return static_cast<std::ptrdiff_t>(count); }
+
+    void begin_window()
+    {
+        most_ = writes_ = waited_ = 0;
+        even_ = true;
+    }
 
     // A window ends. The first one that is too high may have begun with a block that the player held back.
     void learn()
@@ -136,19 +158,31 @@ private:
     // What a full device holds is the plan of who always writes ahead, until there is a better one.
     void note_window(bool full)
     {
-        known_ = full == full_ ? known_ : 0;
+        if (full != full_)
+            forget_level();
         full_ = full;
         windows_[known_++ % kWindows] = most_;
         const size_t count = std::min(known_, kWindows);
         if (count < kWindowsToKnow)
             return;
         std::array<int, kWindows> sorted = windows_;
-        std::sort(sorted.begin(), sorted.begin() + static_cast<std::ptrdiff_t>(count));
-        plan_ = sorted[count / 2];
+        std::sort(sorted.begin(), sorted.begin() + ptrdiff(count));
+        const int level = sorted[count / 2];
+        if (!put_back_)
+            plan_ = level_ == kUnknown ? level : plan_ + level - level_;
+        put_back_ = false;
+        level_ = level;
         if (!full)
             usual_ = usual_ == kUnknown
                          ? plan_
                          : std::clamp(plan_, usual_ - rate_ / kFallPerRate, usual_ + rate_ / kRisePerRate);
+    }
+
+    void forget_level()
+    {
+        known_ = 0;
+        level_ = kUnknown;
+        put_back_ = false;
     }
 
     bool may_leave_out(int64_t now_ns)
@@ -162,13 +196,20 @@ private:
     Advice settle(int64_t now_ns, int frames)
     {
         const int excess = most_ - plan_;
+        int limit = even_ ? spread() : tolerance();
         begin_window();
-        if (excess > tolerance() && !may_leave_out(now_ns))
-            return {};
+        if (excess > limit && !may_leave_out(now_ns)) {
+            if (excess > tolerance())
+                return {};
+            limit = tolerance();
+        }
         refilling_ = false;
-        if (excess < -tolerance())
+        // By what it is beside the plan now, the plan does not move.
+        forget_level();
+        put_back_ = true;
+        if (excess < -limit)
             return {0, -excess};
-        excess_ = excess > tolerance() ? excess : 0;
+        excess_ = excess > limit ? excess : 0;
         return leave_out(std::min(frames, excess_));
     }
 
@@ -184,6 +225,8 @@ private:
     int usual_ = kUnknown; ///< frames, of all openings
     std::array<int, kWindows> windows_ = {};
     size_t known_ = 0;       ///< windows so far
+    int level_ = kUnknown;   ///< frames: their median, with which the plan moves
+    bool put_back_ = false;  ///< there was a plan, and the first level belongs to it
     bool full_ = false;      ///< the device was, in these
     bool refilling_ = false; ///< the device ran empty or holds too much, and is not known to hold the plan again
     int high_ = 0;           ///< windows in a row in which it held too much
@@ -191,6 +234,8 @@ private:
     int excess_ = 0;         ///< frames that are still to be left out
     int most_ = 0;           ///< that the device held before one of the present writes
     int writes_ = 0;
+    int block_ = 0;                ///< frames of the last one before it ran empty
+    bool even_ = true;             ///< all of the present ones are as long
     int waited_ = 0;               ///< of these, for which there was no room
     bool written_ = false;         ///< since the opening
     int64_t waits_from_ns_ = 0;    ///< a write that returns later had to wait for room

@@ -173,6 +173,7 @@ private:
     int far_searches_ = 0;
     std::vector<double> middles_; ///< of the latest windows that fitted, without a gap
     int64_t second_ = -1;         ///< of the source, whose tone is being added up
+    double disturbed_s_ = -1;     ///< of the source: the latest window that was disturbed
     int tone_windows_ = 0;
     double tone_ = 0;
     double noise_ = 0;
@@ -372,9 +373,13 @@ void SoundComparison::note_pitch(Place place)
         result_.pitch_ppm = ppm;
 }
 
+/// A second that is disturbed, or next to it, has been judged as that: a little of it may be left in other windows.
 void SoundComparison::end_second()
 {
-    if (tone_windows_ == kWindowsPerS - 1 || tone_windows_ == kWindowsPerS) {
+    constexpr double kMarginS = 0.2;
+    const auto second = static_cast<double>(second_);
+    const bool disturbed = disturbed_s_ > second - kMarginS && disturbed_s_ < second + 1 + kMarginS;
+    if (!disturbed && (tone_windows_ == kWindowsPerS - 1 || tone_windows_ == kWindowsPerS)) {
         double db = ratio_db(noise_, tone_);
         result_.noise_db = any_tone_ ? std::max(result_.noise_db, db) : db;
         any_tone_ = true;
@@ -436,8 +441,9 @@ bool SoundComparison::judge(int64_t first, Place predicted)
     result_.worst_jump = std::max(result_.worst_jump, jump);
     if (!whole) {
         result_.disturbed++;
+        disturbed_s_ = source_s(predicted.middle);
         if (result_.disturbed == 1)
-            result_.first_disturbed_s = source_s(predicted.middle);
+            result_.first_disturbed_s = disturbed_s_;
         middles_.clear();
     } else
         note_pitch(*found);
