@@ -242,7 +242,7 @@ def machine():
 
 
 def measure_work(options):
-    """The whole process beside the peer, and the paths of every block beside their floors, in turns."""
+    """The whole process beside the peer and the bare threads, in turns."""
     where = machine()
     peer = f"{options.build}/bench/gst_load"
     player, wakeups = f"{options.build}/bench/player_load", f"{options.build}/bench/bare_wakeups"
@@ -269,15 +269,24 @@ def measure_work(options):
                     if os.path.exists(peer):
                         peer_command = [*prefix, peer, f"{folder}/{file}", arguments[1]]
                         busy[how, "gstreamer"].append(run_load(peer_command, options.seconds))
-    floors = f"{options.build}/bench/floors"
-    paths = subprocess.run([floors], stdout=subprocess.PIPE, text=True, check=True).stdout if os.path.exists(floors) else ""
     plot(runs, f"{options.docs}/performance.svg")
     write_section(f"{options.docs}/performance.md", "work", [
         f"Measured {where}; {options.rounds} rounds of {options.seconds:.0f} s; median and range.", "",
         *process_table(runs), "",
         "Flips and hand-offs of the first row, us off, while something else computes on every processor:", "",
         *busy_table(busy), "", "The library's threads, CPU in ms/s / switches/s:", "", *thread_table(runs), "",
-        "![Processor time by thread](performance.svg)", "", "What the paths of every block cost:", "", *floor_table(paths)])
+        "![Processor time by thread](performance.svg)"])
+
+
+def measure_paths(options):
+    """The paths of every block beside their floors; the program takes its own rounds."""
+    floors = f"{options.build}/bench/floors"
+    if not os.path.exists(floors):
+        return
+    where = machine()
+    print("the paths of every block", file=sys.stderr)
+    said = subprocess.run([floors], stdout=subprocess.PIPE, text=True, check=True).stdout
+    write_section(f"{options.docs}/performance.md", "paths", [f"Measured {where}; median and range.", "", *floor_table(said)])
 
 
 def measure_growth(options):
@@ -319,14 +328,17 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=float, default=6, help="of each run")
     parser.add_argument("--growth", action="store_true", help="only how the cost grows")
+    parser.add_argument("--paths", action="store_true", help="only what the paths of every block cost")
     parser.add_argument("--starts", action="store_true", help="only how long a start takes")
     parser.add_argument("--quick", action="store_true", help="one round of two seconds: whether everything runs")
     options = parser.parse_args()
     if options.quick:
         options.rounds, options.seconds = 1, 2
-    everything = not options.growth and not options.starts
+    everything = not options.growth and not options.starts and not options.paths
     if everything:
         measure_work(options)
+    if everything or options.paths:
+        measure_paths(options)
     if everything or options.starts:
         measure_starts(options)
     if everything or options.growth:
