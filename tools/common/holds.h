@@ -2,7 +2,7 @@
 /**
  * @file
  * What a host holds back so that light and sound leave together on its panel:
- * see "Any panel" in hdmi_player.h.
+ * see "The panel's latency" in hdmi_player.h.
  */
 #pragma once
 

@@ -51,7 +51,7 @@ constexpr int64_t kTailNs = 700 * kMs;
 constexpr int64_t kEndingNs = 550 * kMs;
 /// What is on its way from a real capture device to the output.
 constexpr int64_t kRealDrainNs = 300 * kMs;
-/// Above ordinary threads, below the player's own capture and output.
+/// Above ordinary threads, below the player's capture thread. Its other threads inherit this one.
 constexpr int kRealtimePriority = 20;
 /// Of a longer run, charts show the beginning.
 constexpr double kLongestTraceS = 4 * 3600;
