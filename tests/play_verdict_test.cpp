@@ -210,6 +210,9 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         };
     };
     const auto reset_again = [](Result* run) { run->resets = 2; };
+    const auto late_by_less = [](Result* run) { run->punctuality.worst_ms = 19; };
+    const auto none_late = [](Result* run) { run->punctuality.late = 0; };
+    const auto overran = [](Result* run) { run->early_overruns = 1; };
     const auto none_due = [](Result* run) { run->cadence = measure_cadence({}, {100, -1}, 1); };
     const auto none_seen = [](Result* run) { run->cadence = measure_cadence({}, {0, 1}, 1); };
     struct Case {
@@ -222,11 +225,13 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"350 ms outside", no, {offset_of(390)}},
         {"a reset 290 ms late", yes, {[](Result* run) { run->reset_s = 1.29; }}},
         {"a reset 310 ms late", no, {[](Result* run) { run->reset_s = 1.31; }}},
+        {"an overrun of a card at the start, a reset behind it", yes, {late_by_less, overran, reset_again}},
+        {"two resets behind one overrun", no, {late_by_less, overran, [](Result* run) { run->resets = 3; }}},
+        {"and no tick was late", no, {late_by_less, overran, reset_again, none_late}},
+        {"a second reset without an overrun", no, {late_by_less, reset_again}},
         {"more instants than late ticks", no, {[](Result* run) { run->instants = 60; }}},
-        {"a tick late by less than a period", no, {[](Result* run) { run->punctuality.worst_ms = 19; }, one_gap}},
-        {"ticks late by less than half a vertical blank",
-         no,
-         {[](Result* run) { run->punctuality.late = 0; }, pictures_to(2)}},
+        {"a tick late by less than a period", no, {late_by_less, one_gap}},
+        {"ticks late by less than half a vertical blank", no, {none_late, pictures_to(2)}},
         {"more pictures than late ticks", no, {pictures_to(300)}},
         {"some of them withheld since sound was lost", yes, {unread, withheld, pictures_to(300)}},
         {"some of them withheld, and no sound was lost", no, {withheld, pictures_to(300)}},

@@ -66,9 +66,10 @@ play() {
     done
 }
 
-# own_limits LOG: what the play program judged itself.
+# own_limits LOG: what the play program judged itself. Where a limit is missed, all that it reports is shown.
 own_limits() {
     local mark limit
+    grep -q '^  FAIL ' "$1" && sed 's/^/    /' "$1"
     while read -r mark limit; do
         case $mark in
         ok) verdict ok "$limit" ;;

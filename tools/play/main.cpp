@@ -401,6 +401,7 @@ void evaluate_devices(const Sound& sound, const DeviceDisturbances& disturbances
     result->early_gaps = real ? disturbances.playback.count(0, settled_ns) : sound.heard.gaps(0, settled_ns);
     result->gaps = real ? disturbances.playback.count(settled_ns, result->signal_end_ns)
                         : sound.heard.gaps(settled_ns, result->signal_end_ns);
+    result->early_overruns = disturbances.capture.count(0, settled_ns);
     result->overruns = result->options.capture.empty() ? result->stage.link.overruns
                                                        : disturbances.capture.count(settled_ns, result->signal_end_ns);
     add_recoveries("capture", disturbances.capture, sound.heard, result);

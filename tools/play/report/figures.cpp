@@ -529,6 +529,8 @@ const std::vector<Line> kLines = {
          {"/resets", "resets {}", "Resets", kCount, [](R r) -> json { return r.resets; }},
          {"/sound/overruns", ", overruns of the capture {}", "Overruns of the capture", kCount,
           [](R r) -> json { return r.overruns; }},
+         {"/sound/overruns_first_second", " (and {} in the first second)", "Overruns in the first second", kCount,
+          [](R r) -> json { return r.early_overruns; }, Shown::unless_nothing},
          {"/reset_s",
           "",
           "Last reset after the first picture",

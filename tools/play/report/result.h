@@ -66,8 +66,9 @@ struct Result {
 
     AudioAccount audio;
     SampleCheck samples;
-    int64_t gaps = 0;       ///< underruns after the first second
-    int64_t early_gaps = 0; ///< underruns in the first second
+    int64_t gaps = 0;           ///< underruns after the first second
+    int64_t early_gaps = 0;     ///< underruns in the first second
+    int64_t early_overruns = 0; ///< of a capture card, in the first second
     int64_t overruns = 0;
     std::vector<Recovery> recoveries; ///< of real devices
     int64_t resets = 0;

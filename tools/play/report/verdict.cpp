@@ -106,12 +106,21 @@ bool begins_inside_of_burst(const Result& result)
 
 int64_t most_resets(const Result& result) { return 1 + (begins_inside_of_burst(result) ? 1 : 0) + begun_anew(result); }
 
+/// A machine that is late while it starts lets the capture card overrun; the player resets once more behind each.
+bool machine_overran_at_start(const Result& result)
+{
+    return result.punctuality.late > 0 && result.early_overruns > 0 && result.resets > most_resets(result) &&
+           result.resets <= most_resets(result) + result.early_overruns;
+}
+
 /// The machine was as late as the last reset is, or made the player reset once more.
 bool machine_reset_late(const Result& result)
 {
-    return result.resets > 0 && machine_missed_a_period(result) &&
-           (result.resets > most_resets(result) ||
-            (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms);
+    if (result.resets == 0)
+        return false;
+    bool late = (result.reset_s - kLatestResetS) * 1e3 <= result.punctuality.worst_ms;
+    return machine_overran_at_start(result) ||
+           (machine_missed_a_period(result) && (result.resets > most_resets(result) || late));
 }
 
 /// Each late tick can cost two vertical blanks, each of them a picture that is not seen and one that is held for it; so
