@@ -338,12 +338,21 @@ void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::at
 
 // --- Threads --------------------------------------------------------------------
 
-// Without a frame a step does nothing; one that finds no strategy for the mode reports that, again and again.
+// Frames waiting; 0 also when the queue does not say.
+int32_t waiting_frames(const sync_strategy_info_t& sync)
+{
+    int32_t count = 0;
+    sync.callback->get_frame_count(sync.callback_handle, &count);
+    return count;
+}
+
+// Without a frame a step does nothing. A frame that could not be read is tried again; a step that finds no strategy for
+// the mode reports that, again and again.
 uint64_t idle_wait_us(const sync_strategy_info_t& sync)
 {
     const bool frames_are_shown =
         sync.state != E_SYNC_STATE_START || sync.mode == E_SYNC_MODE_FREERUN || sync.mode == E_SYNC_MODE_AUDIO_MASTER;
-    return frames_are_shown && !steps_are_logged(sync) ? kNoLimit : kIdleWaitUs;
+    return frames_are_shown && !steps_are_logged(sync) && waiting_frames(sync) == 0 ? kNoLimit : kIdleWaitUs;
 }
 
 void* handle_sync_logic(void* arg)
@@ -453,14 +462,6 @@ void forget_history(oru_player& player)
     player.base.last_flip_system_time = kUnset;
 }
 
-// Frames waiting; 0 also when the queue does not say.
-int32_t waiting_frames(oru_player& player)
-{
-    int32_t count = 0;
-    player.base.callback->get_frame_count(player.base.callback_handle, &count);
-    return count;
-}
-
 bool peek(oru_player& player, synchronizer_frame_info_t& frame)
 {
     return player.base.callback->peek_frame(player.base.callback_handle, &frame);
@@ -524,7 +525,7 @@ bool wait_distance(oru_player& player, const synchronizer_frame_info_t& frame)
 
 bool free_run_step(oru_player& player)
 {
-    if (waiting_frames(player) == 0)
+    if (waiting_frames(player.base) == 0)
         return false;
     synchronizer_frame_info_t frame = {};
     if (!peek(player, frame))
@@ -619,7 +620,7 @@ bool frame_is_due(oru_player& player, const synchronizer_frame_info_t& frame, pa
 // Drops the taken frame when its successor is already due; @p next is then the successor.
 bool dropped_late(oru_player& player, synchronizer_frame_info_t& frame, synchronizer_frame_info_t& next, int64_t now)
 {
-    if (waiting_frames(player) < 1 || !peek(player, next))
+    if (waiting_frames(player.base) < 1 || !peek(player, next))
         return false;
     const int64_t cur_frame_duration = subtract(signed_pts(next), signed_pts(frame));
     trace_step(player, LOG_LEVEL_I, "cur_frame_duration:%lli next_frame_pts:%llu cur_frame_pts:%llu\n",
@@ -668,7 +669,7 @@ void pace(oru_player& player, synchronizer_frame_info_t frame)
 
 bool audio_master_step(oru_player& player)
 {
-    const int32_t frame_count = waiting_frames(player);
+    const int32_t frame_count = waiting_frames(player.base);
     if (frame_count == 0) {
         log_as(kStep, LOG_LEVEL_V, "%s:%d", kStep, __LINE__);
         return false;

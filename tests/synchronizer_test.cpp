@@ -73,7 +73,7 @@ struct FrameQueue : Locked {
     List waiting;
     List flipped;
     List dropped;
-    bool peek_fails = false;
+    std::atomic<bool> peek_fails{false};
     std::function<void()> after_peek = [] {}; ///< on the sync thread, unlocked
     std::function<void()> after_drop = [] {}; ///< the same
 
@@ -785,6 +785,21 @@ TEST_F(Synchronizer, ThreadWithoutAFrameSleepsUntilThereIsOne)
         set_mode(E_SYNC_MODE_AUDIO_MASTER);
         synchronizer_stop(handle);
     }
+}
+
+TEST_F(Synchronizer, AFrameThatCouldNotBeReadIsTriedAgain)
+{
+    std::atomic<int> peeks{0};
+    queue.after_peek = [&peeks] { ++peeks; };
+    run({1000000});
+    const int before = peeks;
+    queue.peek_fails = true;
+    queue.push(1033333);
+    synchronizer_notify_frame_done(handle);
+    EXPECT_TRUE(eventually([&] { return peeks >= before + 2; }));
+    queue.peek_fails = false;
+    EXPECT_TRUE(shown(2));
+    synchronizer_stop(handle);
 }
 
 TEST_F(Synchronizer, ResyncForgetsTheHistoryButTheTimer)
