@@ -49,11 +49,11 @@
  *     }
  *
  *     static struct {
- *         int32_t serial;       // of the sequence
- *         int64_t least_age_us; // of its blocks: now less pts
- *         int64_t began_us;     // when sound was thrown away last
- *         bool lost;            // sound before one of them was, and sound_was_lost does not say so yet
- *         int64_t told_us;      // when it said so last
+ *         int32_t serial;         // of the sequence
+ *         int64_t least_age_us;   // of its blocks: now less pts
+ *         int64_t thrown_away_us; // when late blocks were thrown away last, the first of them
+ *         bool lost;              // sound is missing before a block, and sound_was_lost is still to be set
+ *         int64_t reported_us;    // when it was set last
  *     } late;
  *     static atomic_bool sound_was_lost; // on its way here: only a reset brings frames and sound together again
  *
@@ -64,28 +64,39 @@
  *         return now.tv_sec * INT64_C(1000000) + now.tv_nsec / 1000;
  *     }
  *
+ *     enum { IN_HAND_US = 76000 + 20000, AT_ONCE_US = 2000, EPISODE_US = 500000, INTERVAL_US = 10000000 };
+ *
+ *     // Not more often than once in ten seconds: the reset costs a second of frames.
+ *     static void report_loss(int64_t now)
+ *     {
+ *         if (!late.lost || now - late.reported_us <= INTERVAL_US)
+ *             return;
+ *         sound_was_lost = true;
+ *         late.lost = false;
+ *         late.reported_us = now;
+ *     }
+ *
+ *     // Not more often than once in ten seconds, since it is heard; then the blocks of half a second.
+ *     static bool may_throw_away(int64_t now)
+ *     {
+ *         if (now - late.thrown_away_us > INTERVAL_US)
+ *             late.thrown_away_us = now;
+ *         return now - late.thrown_away_us < EPISODE_US;
+ *     }
+ *
  *     // Whether this thread stood still for so long that the output ran dry before this block came.
  *     static bool is_late(const hdmi_player_audio_frame_t* block, int64_t asked_us)
  *     {
- *         enum { IN_HAND_US = 76000 + 20000, AT_ONCE_US = 2000, EPISODE_US = 500000, PAUSE_US = 10000000 };
  *         const int64_t now = now_us(), age = now - block->pts;
- *         const bool waited = now - asked_us > AT_ONCE_US; // then it is new, whatever its stamp says
+ *         const bool waited = now - asked_us > AT_ONCE_US; // then the block is new, whatever its stamp says
  *         if (block->serial != late.serial || (waited && age > late.least_age_us + IN_HAND_US)) {
  *             late.lost = block->serial == late.serial;
  *             late.serial = block->serial;
  *             late.least_age_us = age;
  *         }
- *         if (late.lost && now - late.told_us > PAUSE_US) { // the reset costs a second of frames
- *             sound_was_lost = true;
- *             late.lost = false;
- *             late.told_us = now;
- *         }
- *         const bool pause_over = now - late.began_us > PAUSE_US;
- *         if (age > late.least_age_us + IN_HAND_US && (pause_over || now - late.began_us < EPISODE_US)) {
- *             if (pause_over)
- *                 late.began_us = now;
+ *         report_loss(now);
+ *         if (age > late.least_age_us + IN_HAND_US && may_throw_away(now))
  *             return true;
- *         }
  *         late.least_age_us += 40; // the clocks differ by up to 2000 ppm
  *         if (age < late.least_age_us)
  *             late.least_age_us = age;

@@ -35,14 +35,14 @@ public:
     bool too_late(int64_t pts_us, int64_t duration_us, int64_t now_us, bool waited)
     {
         const int64_t age_us = now_us - pts_us;
-        const bool dropping = began_us_ != kNone && now_us - began_us_ < kEpisodeUs;
-        const bool may_drop = dropping || began_us_ == kNone || now_us - began_us_ >= kPauseUs;
+        const bool dropping = thrown_away_us_ != kNone && now_us - thrown_away_us_ < kEpisodeUs;
+        const bool may_drop = dropping || thrown_away_us_ == kNone || now_us - thrown_away_us_ >= kIntervalUs;
         const int64_t limit_us = kInHandUs + (dropping ? 0 : kBlockUs);
         const int64_t excess_us = least_us_ == kNone ? 0 : age_us - least_us_ - limit_us;
         const bool late = excess_us > 0 && !waited;
         if (may_drop && (late || owed_us_ > 0)) {
             if (!dropping)
-                began_us_ = now_us;
+                thrown_away_us_ = now_us;
             owed_us_ = std::max<int64_t>(late ? 0 : owed_us_ - duration_us, 0);
             return true;
         }
@@ -60,13 +60,13 @@ private:
     static constexpr int64_t kBlockUs = 20'000;
     /// Per block: by 2000 ppm the capture's clock may be slower than the host's.
     static constexpr int64_t kDriftUs = 40;
-    static constexpr int64_t kPauseUs = 10'000'000;
+    static constexpr int64_t kIntervalUs = 10'000'000;
     /// Blocks that are thrown away follow each other at once.
     static constexpr int64_t kEpisodeUs = 500'000;
 
-    int64_t least_us_ = kNone; ///< age
-    int64_t owed_us_ = 0;      ///< sound that was late when nothing might be thrown away
-    int64_t began_us_ = kNone; ///< when blocks were thrown away last, the first of them
+    int64_t least_us_ = kNone;       ///< age
+    int64_t owed_us_ = 0;            ///< sound that was late when nothing might be thrown away
+    int64_t thrown_away_us_ = kNone; ///< when blocks were thrown away last, the first of them
 };
 
 /// Joins sound across blocks that were thrown away: fades from the first of them, which would have continued what was
