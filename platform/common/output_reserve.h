@@ -13,24 +13,24 @@ namespace clocks
  * Keeps as much sound in an output as it held before it ran empty, neither more nor less.
  *
  * Late sound: the writing thread stood still, and the frames of that time follow at once. Played, they would keep the
- * sound behind the picture for good: what goes beyond the plan is left out. Lost sound: frames come as time goes by.
+ * sound behind the picture for good: what goes beyond the target is left out. Lost sound: frames come as time goes by.
  * Played as they come, they would be early, with nothing in reserve: silence is put before them. Sound is left out once
  * in two seconds at most, or a source in bursts longer than the reserve would be cut to pieces.
  *
- * The plan is what the device holds when a block comes: of each half a second the most, since a late block finds less,
- * and of the last seconds in which it did not run empty the median, so that neither a bad start nor a slow source
- * changes it.
+ * The target is what the device holds when a block comes. Of each window of half a second the highest value counts,
+ * since a late block finds less. The target is the median of the last windows in which the device did not run empty, so
+ * that neither a bad start nor a slow source changes it.
  *
  * The sound comes back to within what the device's windows differed by, 2 to 10 ms. What is left of it then is no part
- * of the next plan, so that it does not add up.
+ * of the next target, so that it does not add up.
  *
- * A device that is full for a second, or holds 40 ms more than is usual, has late sound in it although it did not run
- * empty: a sequence began late, or more came than time went by. That is left out too, and never becomes the plan. What
- * is usual follows the plan slowly: while sound is lost, the decoder gives silence 50 ms late, the device holds that
- * much less, and what comes back behind it is no excess.
+ * A device that is full for a second, or holds 40 ms more than the usual target, has late sound in it although it did
+ * not run empty: a sequence began late, or more came than time went by. That is left out too, and never becomes the
+ * target. The usual target follows the target slowly: while sound is lost, the decoder gives silence 50 ms late, the
+ * device holds that much less, and what comes back behind it is no excess.
  *
- * A device that is opened again at once keeps what was usual until its own plan is known. Its first blocks count
- * neither as late nor as lost, since each sequence begins with another phase.
+ * A device that is opened again at once keeps its usual target until it has its own. Its first blocks count neither as
+ * late nor as lost, since each sequence begins with another phase.
  *
  * Pure: times are arguments, in nanoseconds, of any steady clock.
  */
@@ -48,11 +48,11 @@ public:
         if (rate != rate_ || now_ns - closed_ns_ > kReopenedNs)
             *this = {};
         rate_ = rate;
-        plan_ = usual_;
-        if (usual_ != kUnknown)
-            forget_level();
+        target_ = usual_target_;
+        if (usual_target_ != kUnknown)
+            forget_median();
         refilling_ = written_ = false;
-        excess_ = high_ = 0;
+        to_leave_out_ = windows_too_high_ = 0;
         begin_window();
     }
 
@@ -62,60 +62,60 @@ public:
     Advice before_write(int64_t now_ns, int frames, int queued)
     {
         const int64_t half_ns = frames * kNsPerSecond / rate_ / 2;
-        const int64_t paused_ns = now_ns - returned_ns_;
-        waits_from_ns_ = now_ns + half_ns;
+        const int64_t paused_ns = now_ns - write_returned_ns_;
+        has_room_until_ns_ = now_ns + half_ns;
         // After a pause, what has gathered meanwhile is still to follow.
         if (queued <= 0 && (!refilling_ || paused_ns > 3 * half_ns)) {
-            refilling_ = plan_ != kUnknown && written_;
-            excess_ = since_empty_ = 0;
+            refilling_ = target_ != kUnknown && written_;
+            to_leave_out_ = writes_since_empty_ = 0;
             begin_window();
         }
-        if (excess_ > 0)
-            return leave_out(std::min(frames, excess_));
-        even_ = even_ && (!refilling_ || frames == block_);
-        block_ = refilling_ ? block_ : frames;
+        if (to_leave_out_ > 0)
+            return leave_out(std::min(frames, to_leave_out_));
+        blocks_equal_ = blocks_equal_ && (!refilling_ || frames == block_frames_);
+        block_frames_ = refilling_ ? block_frames_ : frames;
         const bool at_once = paused_ns < half_ns;
         // What is written in one or two blocks was not late: a host lets out what it held.
-        const bool late = ++since_empty_ > 2 && at_once;
-        if (refilling_ && late && queued > plan_ + tolerance() && may_leave_out(now_ns)) {
+        const bool late = ++writes_since_empty_ > 2 && at_once;
+        if (refilling_ && late && queued > target_ + tolerance() && may_leave_out(now_ns)) {
             begin_window();
-            return {std::min(frames, queued - plan_), 0};
+            return {std::min(frames, queued - target_), 0};
         }
-        most_ = std::max(most_, queued);
+        highest_ = std::max(highest_, queued);
         // What is late, and still to follow, does not tell what is held then.
         writes_ += refilling_ && at_once ? 0 : 1;
         if (refilling_ && writes_ >= kSettlingWrites)
             return settle(now_ns, frames);
-        if (!refilling_ && writes_ >= kPlanWrites)
-            learn();
+        if (!refilling_ && writes_ >= kWindowWrites)
+            end_window();
         return {};
     }
 
     void after_write(int64_t now_ns)
     {
-        returned_ns_ = now_ns;
+        write_returned_ns_ = now_ns;
         written_ = true;
-        waited_ += now_ns > waits_from_ns_ ? 1 : 0;
+        full_writes_ += now_ns > has_room_until_ns_ ? 1 : 0;
     }
 
 private:
     static constexpr int64_t kNsPerSecond = 1'000'000'000;
     static constexpr int kUnknown = -1;
-    static constexpr int64_t kPauseNs = 2 * kNsPerSecond;
+    static constexpr int64_t kLeaveOutIntervalNs = 2 * kNsPerSecond;
     /// What is left out in that time counts as once.
     static constexpr int64_t kEpisodeNs = kNsPerSecond / 2;
     /// About half a second.
-    static constexpr int kPlanWrites = 25;
+    static constexpr int kWindowWrites = 25;
     static constexpr size_t kWindows = 15;
     static constexpr size_t kWindowsToKnow = 3;
     /// After as many it is seen what the device holds again.
     static constexpr int kSettlingWrites = 10;
     /// More than sequences differ by.
-    static constexpr int kHighMs = 40;
+    static constexpr int kTooHighMs = 40;
     /// What clocks that are not matched drift apart by in one window.
-    static constexpr int kRisePerRate = 1000;
+    static constexpr int kUsualRisePerRate = 1000;
     /// Much slower, because sound may go on being lost for a minute.
-    static constexpr int kFallPerRate = 10000;
+    static constexpr int kUsualFallPerRate = 10000;
     /// The player opens the device again at once; one that was closed for longer may have another host.
     static constexpr int64_t kReopenedNs = kNsPerSecond / 200;
 
@@ -136,67 +136,66 @@ private:
 
     void begin_window()
     {
-        most_ = writes_ = waited_ = 0;
-        even_ = true;
+        highest_ = writes_ = full_writes_ = 0;
+        blocks_equal_ = true;
     }
 
-    // A window ends. The first one that is too high may have begun with a block that the player held back.
-    void learn()
+    // The first window that is too high may have begun with a block that the player held back.
+    void end_window()
     {
-        // For most of the blocks there was no room.
-        const bool full = 2 * waited_ >= writes_;
-        const int limit = full ? tolerance() : rate_ * kHighMs / 1000;
-        const bool high = usual_ != kUnknown && most_ > usual_ + limit;
-        high_ = high ? high_ + 1 : 0;
-        refilling_ = high_ > 1;
-        plan_ = refilling_ ? usual_ : plan_;
-        if (!high)
+        const bool full = 2 * full_writes_ >= writes_;
+        const int limit = full ? tolerance() : rate_ * kTooHighMs / 1000;
+        const bool too_high = usual_target_ != kUnknown && highest_ > usual_target_ + limit;
+        windows_too_high_ = too_high ? windows_too_high_ + 1 : 0;
+        refilling_ = windows_too_high_ > 1;
+        target_ = refilling_ ? usual_target_ : target_;
+        if (!too_high)
             note_window(full);
         begin_window();
     }
 
-    // What a full device holds is the plan of who always writes ahead, until there is a better one.
+    // A host that always writes ahead keeps the device full: that is its target, until there is a better one.
     void note_window(bool full)
     {
-        if (full != full_)
-            forget_level();
-        full_ = full;
-        windows_[known_++ % kWindows] = most_;
+        if (full != was_full_)
+            forget_median();
+        was_full_ = full;
+        windows_[known_++ % kWindows] = highest_;
         const size_t count = std::min(known_, kWindows);
         if (count < kWindowsToKnow)
             return;
         std::array<int, kWindows> sorted = windows_;
         std::sort(sorted.begin(), sorted.begin() + ptrdiff(count));
-        const int level = sorted[count / 2];
-        if (!put_back_)
-            plan_ = level_ == kUnknown ? level : plan_ + level - level_;
-        put_back_ = false;
-        level_ = level;
+        const int median = sorted[count / 2];
+        if (!target_kept_)
+            target_ = median_ == kUnknown ? median : target_ + median - median_;
+        target_kept_ = false;
+        median_ = median;
         if (!full)
-            usual_ = usual_ == kUnknown
-                         ? plan_
-                         : std::clamp(plan_, usual_ - rate_ / kFallPerRate, usual_ + rate_ / kRisePerRate);
+            usual_target_ = usual_target_ == kUnknown ? target_
+                                                      : std::clamp(target_, usual_target_ - rate_ / kUsualFallPerRate,
+                                                                   usual_target_ + rate_ / kUsualRisePerRate);
     }
 
-    void forget_level()
+    void forget_median()
     {
         known_ = 0;
-        level_ = kUnknown;
-        put_back_ = false;
+        median_ = kUnknown;
+        target_kept_ = false;
     }
 
     bool may_leave_out(int64_t now_ns)
     {
-        const bool pause_over = now_ns - began_ns_ >= kPauseNs;
-        const bool may = pause_over || now_ns - began_ns_ < kEpisodeNs;
-        began_ns_ = pause_over ? now_ns : began_ns_;
+        const bool pause_over = now_ns - left_out_ns_ >= kLeaveOutIntervalNs;
+        const bool may = pause_over || now_ns - left_out_ns_ < kEpisodeNs;
+        left_out_ns_ = pause_over ? now_ns : left_out_ns_;
         return may;
     }
 
     Advice settle(int64_t now_ns, int frames)
     {
-        const int excess = most_ - plan_;
-        int limit = even_ ? spread() : tolerance();
+        const int excess = highest_ - target_;
+        int limit = blocks_equal_ ? spread() : tolerance();
         begin_window();
         if (excess > limit && !may_leave_out(now_ns)) {
             if (excess > tolerance())
@@ -204,44 +203,44 @@ private:
             limit = tolerance();
         }
         refilling_ = false;
-        // By what it is beside the plan now, the plan does not move.
-        forget_level();
-        put_back_ = true;
+        // What remains between the device and the target does not move the target.
+        forget_median();
+        target_kept_ = true;
         if (excess < -limit)
             return {0, -excess};
-        excess_ = excess > limit ? excess : 0;
-        return leave_out(std::min(frames, excess_));
+        to_leave_out_ = excess > limit ? excess : 0;
+        return leave_out(std::min(frames, to_leave_out_));
     }
 
     Advice leave_out(int frames)
     {
-        excess_ -= frames;
+        to_leave_out_ -= frames;
         begin_window();
         return {frames, 0};
     }
 
     int rate_ = 48000;
-    int plan_ = kUnknown;  ///< frames
-    int usual_ = kUnknown; ///< frames, of all openings
+    int target_ = kUnknown;       ///< frames
+    int usual_target_ = kUnknown; ///< frames, kept over openings
     std::array<int, kWindows> windows_ = {};
-    size_t known_ = 0;       ///< windows so far
-    int level_ = kUnknown;   ///< frames: their median, with which the plan moves
-    bool put_back_ = false;  ///< there was a plan, and the first level belongs to it
-    bool full_ = false;      ///< the device was, in these
-    bool refilling_ = false; ///< the device ran empty or holds too much, and is not known to hold the plan again
-    int high_ = 0;           ///< windows in a row in which it held too much
-    int since_empty_ = 0;    ///< writes
-    int excess_ = 0;         ///< frames that are still to be left out
-    int most_ = 0;           ///< that the device held before one of the present writes
-    int writes_ = 0;
-    int block_ = 0;                ///< frames of the last one before it ran empty
-    bool even_ = true;             ///< all of the present ones are as long
-    int waited_ = 0;               ///< of these, for which there was no room
-    bool written_ = false;         ///< since the opening
-    int64_t waits_from_ns_ = 0;    ///< a write that returns later had to wait for room
-    int64_t closed_ns_ = 0;        ///< when the device was
-    int64_t returned_ns_ = 0;      ///< when the last write did
-    int64_t began_ns_ = -kPauseNs; ///< when something was left out last, the first of it
+    size_t known_ = 0;         ///< windows so far
+    int median_ = kUnknown;    ///< frames: of the windows; the target moves with it
+    bool target_kept_ = false; ///< the next median belongs to the target that there is
+    bool was_full_ = false;    ///< the device, in these windows
+    bool refilling_ = false;   ///< the device ran empty or holds too much, and is not known to hold its target again
+    int windows_too_high_ = 0; ///< in a row
+    int writes_since_empty_ = 0;
+    int to_leave_out_ = 0;                       ///< frames that are still to be left out
+    int highest_ = 0;                            ///< frames that the device held before a write of this window
+    int writes_ = 0;                             ///< of this window
+    int block_frames_ = 0;                       ///< frames of the last block before it ran empty
+    bool blocks_equal_ = true;                   ///< all blocks of this window are as long
+    int full_writes_ = 0;                        ///< of this window, those for which there was no room
+    bool written_ = false;                       ///< since the opening
+    int64_t has_room_until_ns_ = 0;              ///< a write that returns later had to wait for room
+    int64_t closed_ns_ = 0;                      ///< when the device was
+    int64_t write_returned_ns_ = 0;              ///< when the last write did
+    int64_t left_out_ns_ = -kLeaveOutIntervalNs; ///< when something was left out last, the first of it
 };
 
 } // namespace clocks

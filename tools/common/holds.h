@@ -13,10 +13,11 @@ namespace common
 
 /// What the player plans for, from a flip's vertical blank to light.
 constexpr int64_t kPlannedLatencyNs = 76'000'000;
-/// How much later than that plan the sound is wanted. Starts differ by the phases of captures, bursts and vertical
-/// blanks; sound is by about 25 ms early or late then. Viewers tolerate 15 ms early and 45 ms late (ATSC IS-191).
+/// By so much the sound is wanted later than that plan. From start to start it is up to 25 ms early or late, with the
+/// phases of capture, bursts and vertical blanks; viewers tolerate 15 ms early, but 45 ms late (ATSC IS-191).
 constexpr int64_t kAimNs = 15'000'000;
-/// To be added to the wanted offset for E-AC-3: its payloads have passed so soon that the sound is early by as much.
+/// To be added to the wanted offset for E-AC-3: a payload of it takes less time on the link, and its sound is early by
+/// as much.
 constexpr int64_t kEarlyPayloadNs = 15'000'000;
 
 /// How long flips and sound wait. Of a display whose vertical blanks are known, flips wait for whole refreshes: then

@@ -18,28 +18,24 @@ namespace common
 constexpr int64_t kFlipLeadNs = 1'000'000;
 
 /**
- * How long frames shall take from their arrival to the vertical blank at which
- * they are seen. The player flips early frames at any time within 40 ms of their
- * sound, and its clock for them runs with the sound's; so a frame's way wanders
- * by a refresh or two within the hour. The plan is what the way was when the
- * player had settled: when two windows of frames in a row had the same way.
+ * How long frames shall take from their arrival to the vertical blank at which they are seen. The player flips early
+ * frames at any time within 40 ms of their sound, and its clock for them runs with the sound's; so a frame's latency
+ * wanders by a refresh or two within the hour. The plan is what the latency was when the player had settled: when two
+ * windows of frames in a row had the same one.
  *
- * A busy machine may take seconds to settle, and may seem to have settled before.
- * So for five seconds the plan follows ways that become shorter. From then on it is
- * never shorter than it was by then: what shortens the way later is a player's
- * clock that ran ahead while the output was empty, or drifted, and the sound did
- * not move with it. Frames that come too late for the plan make it longer; it
- * becomes as short as before when they come in time again. It moves not more
- * often than once in a second.
+ * A busy machine may take seconds to settle, and may seem to have settled before. So for five seconds the plan follows
+ * latencies that become shorter. From then on it is never shorter than it was by then: what shortens the latency later
+ * is a player's clock that ran ahead while the output was empty, or drifted, and the sound did not move with it. Frames
+ * that come too late for the plan make it longer; it becomes as short as before when they come in time again. It moves
+ * not more often than once in a second.
  *
- * On a display that has a clock of its own, frames then are half a refresh beside
- * it at the most: they can only be seen at vertical blanks. Pure: times are
- * arguments (CLOCK_MONOTONIC, nanoseconds).
+ * On a display that has a clock of its own, frames then are half a refresh beside it at the most: they can only be seen
+ * at vertical blanks. Pure: times are arguments (CLOCK_MONOTONIC, nanoseconds).
  */
 class LightPlan
 {
 public:
-    explicit LightPlan(double refresh_ns) : refresh_ns_(refresh_ns), loop_(kSticky * refresh_ns) {}
+    explicit LightPlan(double refresh_ns) : refresh_ns_(refresh_ns), loop_(kHysteresis * refresh_ns) {}
 
     /// The player places frames anew; the plan is taken when they have settled.
     void start(int64_t now_ns)
@@ -49,30 +45,30 @@ public:
     }
 
     bool known() const { return plan_ns_ != kNone; }
-    bool started() const { return settled_ns_ != kNone; }
+    bool started() const { return learns_from_ns_ != kNone; }
 
     /// A frame that arrived at @p arrived_ns was flipped at @p flipped_ns: without a plan it would be seen at @p
     /// light_ns.
     void learn(int64_t arrived_ns, int64_t flipped_ns, int64_t light_ns)
     {
-        if (!started() || flipped_ns < settled_ns_)
+        if (!started() || flipped_ns < learns_from_ns_)
             return;
         if (frames_ == 0) {
             window_ns_ = flipped_ns;
-            longest_ns_ = 0;
+            longest_to_flip_ns_ = 0;
         }
         if (!known())
             period_.add(arrived_ns);
-        ways_[frames_++ % ways_.size()] = light_ns - arrived_ns;
-        longest_ns_ = std::max(longest_ns_, flipped_ns - arrived_ns);
+        latencies_[frames_++ % latencies_.size()] = light_ns - arrived_ns;
+        longest_to_flip_ns_ = std::max(longest_to_flip_ns_, flipped_ns - arrived_ns);
         if (flipped_ns - window_ns_ < kWindowNs)
             return;
         const size_t frames = std::exchange(frames_, 0);
-        const int64_t way_ns = median(std::min(frames, ways_.size()));
-        const int64_t before_ns = std::exchange(before_ns_, way_ns);
-        if (before_ns == kNone || static_cast<double>(std::abs(way_ns - before_ns)) > kSettled * refresh_ns_)
+        const int64_t latency_ns = median(std::min(frames, latencies_.size()));
+        const int64_t before_ns = std::exchange(previous_latency_ns_, latency_ns);
+        if (before_ns == kNone || static_cast<double>(std::abs(latency_ns - before_ns)) > kSameLatency * refresh_ns_)
             return;
-        adopt(flipped_ns, way_ns);
+        adopt(flipped_ns, latency_ns);
     }
 
     /**
@@ -85,16 +81,17 @@ public:
         const bool goes_on = loop_.runs();
         const double before_ns = loop_.due_ns();
         loop_.follow(static_cast<double>(arrived_ns + plan_ns_));
-        place_ = (loop_.due_ns() - static_cast<double>(vblank_ns)) / refresh_ns_;
-        double refresh = std::round(place_);
+        due_refresh_ = (loop_.due_ns() - static_cast<double>(vblank_ns)) / refresh_ns_;
+        double refresh = std::round(due_refresh_);
         if (goes_on) {
             const double step = (loop_.due_ns() - before_ns) / refresh_ns_;
-            const double error = error_ + std::round(step) - step;
-            const double most = arrived_ns < stays_until_ns_ ? 1 : 0.5;
-            if (std::abs(step - std::round(step)) < kSticky && error >= -0.5 - kSticky && error <= most + kSticky)
-                refresh = std::round(place_ + error);
+            const double shift = shift_ + std::round(step) - step;
+            const double most = arrived_ns < stays_late_until_ns_ ? 1 : 0.5;
+            if (std::abs(step - std::round(step)) < kHysteresis && shift >= -0.5 - kHysteresis &&
+                shift <= most + kHysteresis)
+                refresh = std::round(due_refresh_ + shift);
         }
-        error_ = refresh - place_;
+        shift_ = refresh - due_refresh_;
         return refresh;
     }
 
@@ -106,7 +103,7 @@ public:
      */
     void seen_from(int64_t now_ns, double soonest)
     {
-        const bool late = soonest > place_ + error_ + 0.5;
+        const bool late = soonest > due_refresh_ + shift_ + 0.5;
         lateness_ = std::max(late ? lateness_ + 1 : lateness_ - kForgiven, 0.0);
         if (!late) {
             late_since_ns_ = kNone;
@@ -114,8 +111,8 @@ public:
         }
         if (lateness_ > kMostLate) {
             lateness_ = kMostLate;
-            stays_until_ns_ = now_ns + kStaysNs;
-            error_ = soonest - place_;
+            stays_late_until_ns_ = now_ns + kStaysLateNs;
+            shift_ = soonest - due_refresh_;
         }
         if (late_since_ns_ == kNone)
             late_since_ns_ = now_ns;
@@ -125,13 +122,13 @@ public:
 
     /// Whether a frame may be seen one vertical blank later than it should. Not with about as many frames as vertical
     /// blanks: all behind it would be late as well.
-    bool has_room() const { return !known() || loop_.period_ns() > kRoomy * refresh_ns_; }
+    bool has_room() const { return !known() || loop_.period_ns() > kSparse * refresh_ns_; }
 
 private:
     void learn_anew(int64_t now_ns)
     {
-        settled_ns_ = now_ns + kSettlingNs;
-        plan_ns_ = before_ns_ = late_since_ns_ = stays_until_ns_ = kNone;
+        learns_from_ns_ = now_ns + kSettlingNs;
+        plan_ns_ = previous_latency_ns_ = late_since_ns_ = stays_late_until_ns_ = kNone;
         frames_ = 0;
         period_ = FramePeriod();
         lateness_ = 0;
@@ -140,33 +137,33 @@ private:
 
     int64_t median(size_t count)
     {
-        const auto middle = ways_.begin() + static_cast<std::ptrdiff_t>(count / 2);
-        std::nth_element(ways_.begin(), middle, ways_.begin() + static_cast<std::ptrdiff_t>(count));
+        const auto middle = latencies_.begin() + static_cast<std::ptrdiff_t>(count / 2);
+        std::nth_element(latencies_.begin(), middle, latencies_.begin() + static_cast<std::ptrdiff_t>(count));
         return *middle;
     }
 
-    /// Frames have settled on @p way_ns: a plan, if there is none, or a shorter one.
-    void adopt(int64_t now_ns, int64_t way_ns)
+    /// Frames have settled on @p latency_ns: it becomes the plan, if there is none or a longer one.
+    void adopt(int64_t now_ns, int64_t latency_ns)
     {
-        const bool shorter = static_cast<double>(way_ns_ - way_ns) >= kStep * refresh_ns_;
-        if (known() && (!shorter || now_ns < again_ns_))
+        const bool shorter = static_cast<double>(latency_ns_ - latency_ns) >= kShorter * refresh_ns_;
+        if (known() && (!shorter || now_ns < next_change_ns_))
             return;
         if (follows_until_ns_ == kNone)
             follows_until_ns_ = now_ns + kFollowsNs;
         // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
-        const int64_t spread_ns = std::llround((0.5 + kSticky) * refresh_ns_) + kFlipLeadNs;
-        int64_t plan_ns = std::clamp(longest_ns_ + spread_ns, way_ns, way_ns + spread_ns);
+        const int64_t spread_ns = std::llround((0.5 + kHysteresis) * refresh_ns_) + kFlipLeadNs;
+        int64_t plan_ns = std::clamp(longest_to_flip_ns_ + spread_ns, latency_ns, latency_ns + spread_ns);
         if (now_ns >= follows_until_ns_)
             plan_ns = recall(now_ns, std::max(plan_ns, shortest_ns_));
         else if (shortest_ns_ == kNone || plan_ns < shortest_ns_)
             shortest_ns_ = plan_ns;
-        way_ns_ = way_ns;
-        plan_ns = beside_middle(plan_ns, way_ns);
+        latency_ns_ = latency_ns;
+        plan_ns = beside_middle(plan_ns, latency_ns);
         if (plan_ns == plan_ns_)
             return;
         loop_.restart(known() ? loop_.period_ns() : period_.value());
         plan_ns_ = plan_ns;
-        again_ns_ = now_ns + kAgainNs;
+        next_change_ns_ = now_ns + kChangeIntervalNs;
     }
 
     /// A machine that stood still for a while makes the player give up a plan that can be kept again: what is longer by
@@ -183,14 +180,14 @@ private:
 
     /// Where frames and refreshes go on in step, a frame that is due right between two vertical blanks stays so for
     /// good, and a little more or less moves the pictures by a refresh. The plan is moved to the side on which it is:
-    /// the vertical blank is the same. @p way_ns ends at a vertical blank.
-    int64_t beside_middle(int64_t plan_ns, int64_t way_ns) const
+    /// the vertical blank is the same. @p latency_ns ends at a vertical blank.
+    int64_t beside_middle(int64_t plan_ns, int64_t latency_ns) const
     {
-        const double refreshes = static_cast<double>(plan_ns - way_ns) / refresh_ns_;
+        const double refreshes = static_cast<double>(plan_ns - latency_ns) / refresh_ns_;
         const double beside = refreshes - std::floor(refreshes) - 0.5;
-        if (std::abs(beside) >= kBeside)
+        if (std::abs(beside) >= kBesideMiddle)
             return plan_ns;
-        return plan_ns + std::llround((std::copysign(kBeside, beside) - beside) * refresh_ns_);
+        return plan_ns + std::llround((std::copysign(kBesideMiddle, beside) - beside) * refresh_ns_);
     }
 
     static constexpr int64_t kNone = -1;
@@ -201,48 +198,48 @@ private:
     static constexpr size_t kMostFrames = 128;
     /// Of a refresh: by which windows differ when frames have settled. On one side of a vertical blank or the other is
     /// a whole one.
-    static constexpr double kSettled = 1.25;
-    /// Of a refresh: shorter by more is none of what the phase does.
-    static constexpr double kStep = 1.5;
-    /// From the first plan on. Clocks that run apart by 2000 ppm make the way shorter by 10 ms meanwhile.
+    static constexpr double kSameLatency = 1.25;
+    /// Of a refresh: the phase does not shorten the latency by as much.
+    static constexpr double kShorter = 1.5;
+    /// From the first plan on. Clocks that run apart by 2000 ppm make the latency shorter by 10 ms meanwhile.
     static constexpr int64_t kFollowsNs = 5'000'000'000;
-    static constexpr int64_t kAgainNs = 1'000'000'000;
+    static constexpr int64_t kChangeIntervalNs = 1'000'000'000;
     /// As long as the phase of frames and refreshes takes to come round, as a rule.
     static constexpr int64_t kNoRecallNs = 20'000'000'000;
     /// So many frames in a row, or more with some between them.
     static constexpr double kMostLate = 4;
     static constexpr double kForgiven = 0.25;
-    static constexpr int64_t kStaysNs = 1'000'000'000;
+    static constexpr int64_t kStaysLateNs = 1'000'000'000;
     static constexpr int64_t kPatienceNs = 1'000'000'000;
-    /// Of a refresh: more than frames arrive to and fro.
-    static constexpr double kSticky = 0.1;
+    /// Of a refresh: more than arrivals jitter by.
+    static constexpr double kHysteresis = 0.1;
     /// Of a refresh: so far from the middle between two vertical blanks.
-    static constexpr double kBeside = 0.2;
-    /// Of a refresh, from frame to frame.
-    static constexpr double kRoomy = 1.1;
+    static constexpr double kBesideMiddle = 0.2;
+    /// Refreshes from frame to frame: with more there are vertical blanks without a frame.
+    static constexpr double kSparse = 1.1;
 
     const double refresh_ns_;
-    int64_t settled_ns_ = kNone; ///< none: the player has placed no frames
+    int64_t learns_from_ns_ = kNone; ///< none: the player has placed no frames
     int64_t plan_ns_ = kNone;
-    int64_t way_ns_ = 0;          ///< without a plan, when the plan was taken
+    int64_t latency_ns_ = 0;      ///< without a hold, when the plan was taken
     int64_t shortest_ns_ = kNone; ///< plan, of those taken while it followed
     int64_t follows_until_ns_ = kNone;
-    int64_t again_ns_ = 0;           ///< no other plan before
+    int64_t next_change_ns_ = 0;     ///< no other plan before
     int64_t no_recall_until_ns_ = 0; ///< the shortest one is not tried again before
     FramePeriod period_;             ///< of the frames from which the plan is learnt
     // The window.
-    std::array<int64_t, kMostFrames> ways_ = {};
+    std::array<int64_t, kMostFrames> latencies_ = {};
     size_t frames_ = 0;
-    int64_t window_ns_ = 0;     ///< begin
-    int64_t longest_ns_ = 0;    ///< from arrival to flip
-    int64_t before_ns_ = kNone; ///< way in the window before
+    int64_t window_ns_ = 0;               ///< begin
+    int64_t longest_to_flip_ns_ = 0;      ///< from arrival to flip
+    int64_t previous_latency_ns_ = kNone; ///< of the window before
 
     int64_t late_since_ns_ = kNone;
     double lateness_ = 0; ///< of the latest frames
-    int64_t stays_until_ns_ = kNone;
+    int64_t stays_late_until_ns_ = kNone;
     FrameLoop loop_;
-    double place_ = 0; ///< in refreshes, as place_frame()
-    double error_ = 0; ///< refreshes by which it is seen later
+    double due_refresh_ = 0; ///< of the latest frame, as place_frame() returns it, but not rounded
+    double shift_ = 0;       ///< refreshes by which that frame is seen later
 };
 
 } // namespace common
