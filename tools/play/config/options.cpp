@@ -90,7 +90,7 @@ struct Texts {
     std::string rate_matching = "auto";
 };
 
-void describe(CLI::App* app, Options* options, Texts* texts)
+void describe_signal(CLI::App* app, Options* options, Texts* texts)
 {
     auto* file = app->add_option("FILE", options->file, "Media file: its first video and audio stream")
                      ->check([](const std::string& name) { return std::string(name.empty() ? "no name" : ""); });
@@ -116,6 +116,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
            "--tones", options->tones,
            "The programme's right channel has 997 Hz and a sweep by turns: what the player adds to them is judged")
         ->excludes(file);
+}
+
+void describe_devices(CLI::App* app, Texts* texts)
+{
     app->add_option("--display-rate", texts->display_rate,
                     "Vertical blanks per second: default 60; for kms that of the display's preferred mode,\n"
                     "for window the desktop's");
@@ -125,7 +129,7 @@ void describe(CLI::App* app, Options* options, Texts* texts)
         ->capture_default_str();
     app->add_option("--video", texts->video,
                     "Pictures from v4l2:/dev/videoN, with the sound of --capture: what comes in is played and measured")
-        ->excludes(file);
+        ->excludes("FILE");
     app->add_option("--flash-at", texts->flash_at,
                     "X,Y in percent: flashes of --video are looked for there, not all over the picture");
     app->add_option("--capture", texts->capture,
@@ -139,6 +143,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_option("--output", texts->output, "Output device: speaker, headphone, spdif, arc, i2s")
         ->check(CLI::IsMember({"speaker", "headphone", "spdif", "arc", "i2s"}))
         ->capture_default_str();
+}
+
+void describe_delays_and_clocks(CLI::App* app, Options* options, Texts* texts)
+{
     app->add_option("--algorithm-delay", options->algorithm_delay_ms, "Delay of the host's audio processing in ms")
         ->check(CLI::Range(0, 1000))
         ->capture_default_str();
@@ -174,6 +182,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
            "Sound that many ms later than its picture; negative: earlier. What is measured must be that offset")
         ->check(CLI::Range(-200, 200))
         ->capture_default_str();
+}
+
+void describe_report(CLI::App* app, Options* options)
+{
     app->add_option("--report", options->report_path, "Also write the report there, as JSON");
     auto* html = app->add_option("--html", options->html_path, "Also write the report there as a page to look at");
     app->add_option("--html-at", options->html_at, "Second of the source at which the page's timeline begins")
@@ -183,6 +195,10 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_flag("--strict", options->strict,
                   "Also demand 99 % of the offsets within ATSC IS-191 (+15/-45 ms), and of three minutes and more\n"
                   "that neither sound nor pictures move by 2 ms from the second minute to the last one: docs/sync.md");
+}
+
+void describe_controls(CLI::App* app, Options* options)
+{
     app->add_flag("--no-sync", options->no_sync, "Control: play without A/V sync; must fail");
     app->add_flag("--no-hold", options->no_hold,
                   "Control: hold neither flips nor sound; must fail unless the display's latency is near 76, and then\n"
@@ -194,6 +210,16 @@ void describe(CLI::App* app, Options* options, Texts* texts)
     app->add_flag("--no-loss-filling", options->no_loss_filling,
                   "Control: decoded frames are counted only, whatever is lost; must fail with --lose-bursts");
     app->add_flag("--withhold-block", options->withhold_block, "Control: lose one block of sound; must fail");
+}
+
+/// In the order of the help text.
+void describe(CLI::App* app, Options* options, Texts* texts)
+{
+    describe_signal(app, options, texts);
+    describe_devices(app, texts);
+    describe_delays_and_clocks(app, options, texts);
+    describe_report(app, options);
+    describe_controls(app, options);
     app->footer(kFooter);
 }
 
