@@ -282,30 +282,35 @@ TEST(FlipHold, TakesAnotherPlanWhenFramesKeepComingTooLateForIt)
     EXPECT_GT(seen.frames, 57 * 60 * 0.95);
 }
 
-/// Frames and refreshes of 10 ms, 2 ms beside each other.
+/// Frames, the first of them 2 ms beside a refresh of 10 ms.
 struct Frames {
+    int64_t period_ns = 10 * kMs;
     LightPlan plan{10.0 * kMs};
     int64_t now_ns = 1000 * kMs;
     double seen_ms = 0; ///< from the last frame's arrival to its light
+    double mean_ms = 0; ///< of the frames of the latest go()
 
-    Frames() { plan.start(now_ns); }
+    explicit Frames(double period_ms = 10) : period_ns(std::llround(period_ms * kMs)) { plan.start(now_ns); }
     /// The player flips them so long after their arrival, at first and in the end.
-    void go(int64_t for_ms, double way_ms, double last_way_ms)
+    void go(int64_t for_ms, double flip_ms, double last_flip_ms)
     {
-        for (int64_t at_ms = 0; at_ms < for_ms; at_ms += 10, now_ns += 10 * kMs) {
-            const double part = static_cast<double>(at_ms) / static_cast<double>(for_ms);
-            const int64_t flipped_ns = now_ns + std::llround((way_ms + part * (last_way_ms - way_ms)) * kMs);
-            const int64_t vblank_ns = now_ns - 2 * kMs;
+        double sum_ms = 0;
+        int64_t count = 0;
+        for (int64_t at_ns = 0; at_ns < for_ms * kMs; at_ns += period_ns, now_ns += period_ns, count++) {
+            const double part = static_cast<double>(at_ns) / static_cast<double>(for_ms * kMs);
+            const int64_t flipped_ns = now_ns + std::llround((flip_ms + part * (last_flip_ms - flip_ms)) * kMs);
+            const int64_t vblank_ns = (now_ns + 2 * kMs) / (10 * kMs) * 10 * kMs - 2 * kMs;
             const double soonest = std::floor(static_cast<double>(flipped_ns - vblank_ns) / (10 * kMs)) + 1;
             plan.learn(now_ns, flipped_ns, vblank_ns + std::llround(soonest * 10 * kMs));
-            seen_ms = soonest * 10 - 2;
-            if (!plan.known())
-                continue;
-            seen_ms = std::max(plan.place_frame(now_ns, vblank_ns), soonest) * 10 - 2;
-            plan.seen_from(flipped_ns, soonest);
+            const double seen = plan.known() ? std::max(plan.place_frame(now_ns, vblank_ns), soonest) : soonest;
+            if (plan.known())
+                plan.seen_from(flipped_ns, soonest);
+            seen_ms = seen * 10 - static_cast<double>(now_ns - vblank_ns) / kMs;
+            sum_ms += seen_ms;
         }
+        mean_ms = sum_ms / static_cast<double>(count);
     }
-    void go(int64_t for_ms, double way_ms) { go(for_ms, way_ms, way_ms); }
+    void go(int64_t for_ms, double flip_ms) { go(for_ms, flip_ms, flip_ms); }
 };
 
 TEST(LightPlan, IsTakenWhenFramesHaveSettledAndIsNeverLateForGood)
@@ -333,6 +338,20 @@ TEST(LightPlan, IsTakenWhenFramesHaveSettledAndIsNeverLateForGood)
     frames.plan.start(frames.now_ns);
     frames.go(2000, 11);
     EXPECT_NEAR(frames.seen_ms, 18, 10) << "a reset";
+}
+
+TEST(LightPlan, IsWhatItWasBeforeAPauseWhateverThePhaseThen)
+{
+    for (int64_t pause_ms = 3000; pause_ms < 4000; pause_ms += 100) {
+        Frames frames(10.1); // the phase comes round in a second
+        frames.go(8000, 51);
+        frames.go(1010, 51);
+        const double before_ms = frames.mean_ms;
+        frames.go(pause_ms, 101);
+        frames.go(3000, 51);
+        frames.go(1010, 51);
+        EXPECT_NEAR(frames.mean_ms, before_ms, 0.3) << pause_ms;
+    }
 }
 
 TEST(FlipHold, LeavesOutWhatComesTooLateForItsVerticalBlankRatherThanBeLateForGood)

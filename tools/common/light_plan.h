@@ -152,13 +152,13 @@ private:
             follows_until_ns_ = now_ns + kFollowsNs;
         // Without a hold, a plan that is shorter cannot be kept when frames come late in a refresh.
         const int64_t spread_ns = std::llround((0.5 + kHysteresis) * refresh_ns_) + kFlipLeadNs;
-        int64_t plan_ns = std::clamp(longest_to_flip_ns_ + spread_ns, latency_ns, latency_ns + spread_ns);
+        const int64_t needed_ns = std::clamp(longest_to_flip_ns_ + spread_ns, latency_ns, latency_ns + spread_ns);
+        int64_t plan_ns = beside_middle(needed_ns, latency_ns);
         if (now_ns >= follows_until_ns_)
             plan_ns = recall(now_ns, std::max(plan_ns, shortest_ns_));
         else if (shortest_ns_ == kNone || plan_ns < shortest_ns_)
             shortest_ns_ = plan_ns;
         latency_ns_ = latency_ns;
-        plan_ns = beside_middle(plan_ns, latency_ns);
         if (plan_ns == plan_ns_)
             return;
         loop_.restart(known() ? loop_.period_ns() : period_.value());
