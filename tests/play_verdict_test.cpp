@@ -209,6 +209,12 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
             run->course.light = LightPath{200, 10, 10.3, pictures_ms, false};
         };
     };
+    const auto bent = [](double per_hour) {
+        return [=](Result* run) {
+            run->course.outlook = Outlook::leaves;
+            run->course.offset = Trend{3600, 1800, -20, per_hour, 4};
+        };
+    };
     const auto reset_again = [](Result* run) { run->resets = 2; };
     const auto late_by_less = [](Result* run) { run->punctuality.worst_ms = 19; };
     const auto none_late = [](Result* run) { run->punctuality.late = 0; };
@@ -253,6 +259,9 @@ TEST(Verdict, MachineExplainsNoMoreThanItsOwnLatenessCanDo)
         {"the sound by more than the output may hold then", no, {one_gap, moved(11, 0)}},
         {"the pictures by more", no, {one_gap, moved(5, 11)}},
         {"sound moved, and the output did not run empty", no, {moved(5, 0)}},
+        {"a trend by 15 ms in its half hour when the output ran empty", yes, {one_gap, bent(-30)}},
+        {"a steeper one", no, {one_gap, bent(-31)}},
+        {"a trend, and the output did not run empty", no, {bent(-9)}},
         {"pictures moved, and it did not", no, {moved(0, 5)}},
         {"one limit explained, the other not", no, {[](Result* run) { run->frames.foreign = 1; }, one_gap}},
     };

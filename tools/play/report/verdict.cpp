@@ -209,11 +209,12 @@ bool machine_moved_pictures(const Result& result)
     return light.within_ms - light.allowed_ms <= result.punctuality.worst_ms;
 }
 
+constexpr double kReserveMs = 10;
+
 /// The machine let the output run empty. What that holds afterwards is as much as before only to 10 ms, and the
 /// pictures follow the sound.
 bool machine_moved(const Result& result, double moved_ms)
 {
-    constexpr double kReserveMs = 10;
     return result.gaps > 0 && machine_missed_a_period(result) && std::abs(moved_ms) <= kReserveMs;
 }
 
@@ -241,12 +242,20 @@ void judge_moved(const Result& result, std::vector<Verdict>* verdicts)
                          light->within_ms <= light->allowed_ms, machine_moved_pictures(result), Subject::pictures});
 }
 
+/// A line through a step rises over its length by one and a half times the step, if that is in the middle.
+bool machine_bent_trend(const Result& result)
+{
+    const std::optional<Trend>& trend = result.course.offset;
+    return trend && machine_moved(result, trend->per_hour * trend->lasted_s / 3600 / 1.5);
+}
+
 /// What a system that plays for days needs beside the rest.
 void judge_course(const Result& result, std::vector<Verdict>* verdicts)
 {
     const Course& course = result.course;
     if (course.outlook)
-        verdicts->push_back({"trend inside EBU R37 for 24 h", *course.outlook != Outlook::leaves});
+        verdicts->push_back({"trend inside EBU R37 for 24 h", *course.outlook != Outlook::leaves,
+                             machine_bent_trend(result), Subject::sync});
     if (!result.options.strict)
         return;
     verdicts->push_back({"A/V offset p99 inside ATSC IS-191 (+15/-45 ms)",
