@@ -8,11 +8,21 @@ program=$1
 devices='*DelayFalls*:*RateThatWasAskedFor*:*WithoutAKnownRate*'
 decoder='*TheDecoderKeepsTheCount*'
 
-# judge STATUS CHECKS WRONG: how the contract program ends on that port.
+# judge STATUS CHECKS WRONG: how the contract program ends on that port. Where it says itself that the machine was too busy
+# to tell, it is asked again. 77 if it says so each time.
 judge() {
-    local said status=0
-    said=$(WRONG=$3 "$program" --gtest_filter="$2" 2>&1) || status=$?
-    [ "$status" -eq "$1" ] || { echo "$said"; echo "WRONG='$3': status $status, not $1"; return 1; }
+    local said status
+    for _ in 1 2 3; do
+        status=0
+        said=$(WRONG=$3 "$program" --gtest_filter="$2" 2>&1) || status=$?
+        grep -q 'the machine was busy' <<<"$said" && [ "$status" -eq 0 ] && continue
+        [ "$status" -eq "$1" ] && return
+        echo "$said"
+        echo "WRONG='$3': status $status, not $1"
+        return 1
+    done
+    echo "SKIPPED: WRONG='$3': the machine was busy each time"
+    return 77
 }
 
 # At once: they wait for their devices most of the time.
@@ -27,8 +37,16 @@ for wrong in losses_not_filled pauses_not_filled eac3_not_known; do
     judge 1 "$decoder" $wrong &
     judges+=($!)
 done
-failures=0
+failed=0
+skipped=0
 for judge in "${judges[@]}"; do
-    wait "$judge" || failures=$((failures + 1))
+    status=0
+    wait "$judge" || status=$?
+    case $status in
+    0) ;;
+    77) skipped=77 ;;
+    *) failed=1 ;;
+    esac
 done
-[ "$failures" -eq 0 ]
+[ "$failed" -eq 0 ] && exit "$skipped"
+exit 1
