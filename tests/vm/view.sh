@@ -31,12 +31,14 @@ median() { sort -g | awk '{ all[NR] = $1 } END { if (NR > 0) print all[int((NR +
 # account LOG: of the frames that were to be seen, how many there are, and how many of them were not seen once and in
 # order. Of frames that come less than a refresh apart, one may take the other's place; the rest are to be seen. Where a
 # frame comes at another time than the driver stamped it, or the driver's count leaves some out, the emulated machine
-# stood still: what was in the player's hands then is not judged, nor are the first two seconds, in which it begins, nor
-# what it held when it moved the flips to the sound.
+# stood still: what the player held then, and two refreshes beside it, is not judged, nor are the first two seconds, in
+# which it begins, nor what it held when it moved the flips to the sound.
 account() {
-    local log=$OUT/view-$1.csv usual
+    local log=$OUT/view-$1.csv usual latency
     usual=$(awk -F, 'NR > 1 { print ($5 - $4) / 1e6 }' "$log" | median)
-    awk -F, -v usual="$usual" -v refresh=16.7 -v queue=150 '
+    latency=$(awk -F, 'NR > 1 && $8 != "" { print ($8 - $5) / 1e6 }' "$log" | median)
+    awk -F, -v usual="$usual" -v refresh=16.7 -v latency="$latency" '
+        BEGIN { queue = latency + 2 * refresh }
         NR == 1 { next }
         { n++; run[n] = $1; came[n] = $5 / 1e6; seen[n] = $8 / 1e6; times[n] = $8 == "" ? 0 : NF - 7
           late = ($5 - $4) / 1e6 - usual
