@@ -32,7 +32,7 @@ median() { sort -g | awk '{ all[NR] = $1 } END { if (NR > 0) print all[int((NR +
 # order. Of frames that come less than a refresh apart, one may take the other's place; the rest are to be seen. Where a
 # frame comes at another time than the driver stamped it, or the driver's count leaves some out, the emulated machine
 # stood still: what the player held then, and two refreshes beside it, is not judged, nor are the first two seconds, in
-# which it begins, nor what it held when it moved the flips to the sound.
+# which it begins, or begins anew behind frames that were withheld, nor what it held when it moved the flips to the sound.
 account() {
     local log=$OUT/view-$1.csv usual latency
     usual=$(awk -F, 'NR > 1 { print ($5 - $4) / 1e6 }' "$log" | median)
@@ -47,7 +47,9 @@ account() {
           if ($1 == run[n - 1] && $3 != sequence + 1) still[n - 1] = 1
           sequence = $3
           moves = $6
-          if ($1 != run[n - 1]) began[$1] = came[n]
+          if ($1 != run[n - 1] || $2 != number + 1) begin = came[n]
+          number = $2
+          began[n] = begin
           ended[$1] = came[n] }
         END {
             for (i = n; i > 0; i--) {
@@ -56,7 +58,7 @@ account() {
             }
             for (i = 2; i < n; i++) {
                 if (still[i]) before = came[i]
-                if (!calm[i] || came[i] - before < queue || came[i] - began[run[i]] < 2000 || ended[run[i]] - came[i] < 400)
+                if (!calm[i] || came[i] - before < queue || came[i] - began[i] < 2000 || ended[run[i]] - came[i] < 400)
                     continue
                 if (times[i] > 1 || (times[i] > 0 && seen[i] <= last)) wrong++
                 if (times[i] > 0) last = seen[i]
