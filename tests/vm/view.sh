@@ -29,10 +29,11 @@ watches() {
 # median: of the numbers on the standard input.
 median() { sort -g | awk '{ all[NR] = $1 } END { if (NR > 0) print all[int((NR + 1) / 2)] }'; }
 # account LOG: of the frames that were to be seen, how many there are, and how many of them were not seen once and in
-# order. Of frames that come less than a refresh apart, one may take the other's place; the rest are to be seen. Where a
-# frame comes at another time than the driver stamped it, or the driver's count leaves some out, the emulated machine
-# stood still: what the player held then, and two refreshes beside it, is not judged, nor are the first two seconds, in
-# which it begins, or begins anew behind frames that were withheld, nor what it held when it moved the flips to the sound.
+# order. Of frames that come less than a refresh apart, one may take the other's place, or both that of the frame behind
+# them; the rest are to be seen. Where a frame comes at another time than the driver stamped it, or the driver's count
+# leaves some out, the emulated machine stood still: what the player held then, and two refreshes beside it, is not
+# judged, nor are the first two seconds, in which it begins, or begins anew behind frames that were withheld, nor what it
+# held when it moved the flips to the sound.
 account() {
     local log=$OUT/view-$1.csv usual latency
     usual=$(awk -F, 'NR > 1 { print ($5 - $4) / 1e6 }' "$log" | median)
@@ -63,6 +64,7 @@ account() {
                 if (times[i] > 1 || (times[i] > 0 && seen[i] <= last)) wrong++
                 if (times[i] > 0) last = seen[i]
                 if (came[i] - came[i - 1] < refresh || came[i + 1] - came[i] < refresh) continue
+                if (came[i - 1] - came[i - 2] < refresh) continue
                 judged++
                 if (times[i] == 0) wrong++
             }
