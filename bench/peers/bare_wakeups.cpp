@@ -5,6 +5,7 @@
 // copy from thread to thread, a conversion, a decoder. Takes the arguments of player_load, prints "running", ends with
 // its standard input, and then prints the intervals between the flips that it stands for.
 #include <pthread.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -53,6 +54,7 @@ struct Station {
     const char* name = "";
     nanoseconds period{0};                           ///< wakes up by itself so often; 0: only when it is woken
     bool is_source = false;                          ///< by nothing else
+    bool is_real_time = false;                       ///< where that is permitted
     double share = 1;                                ///< of its own wake-ups, how many wake the next
     std::vector<Station*> next;                      ///< whom it wakes
     std::vector<Clock::time_point>* flips = nullptr; ///< when it was woken
@@ -102,6 +104,9 @@ struct Station {
     {
         prctl(PR_SET_NAME, name);
         prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+        const sched_param highest = {sched_get_priority_max(SCHED_RR)};
+        if (is_real_time)
+            pthread_setschedparam(pthread_self(), SCHED_RR, &highest);
         double credit = 0;
         for (auto due = Clock::now(); g_running; due += period) {
             if (!sleep(due))
@@ -232,6 +237,7 @@ Works make_works(const std::string& signal, int rate)
 void add_sound(Stations& stations, const char* signal, const Works& works)
 {
     Station* last = &stations.add("audio_read", nullptr, works.read, std::chrono::milliseconds(20));
+    last->is_real_time = true;
     if (strcmp(signal, "pcm") != 0) {
         last = &stations.add("dolby_demux", last, works.demux);
         // A burst is 32 ms of sound. The decoder is asked every 10 ms, whatever has come.
