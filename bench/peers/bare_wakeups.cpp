@@ -54,25 +54,29 @@ struct Station {
     const char* name = "";
     nanoseconds period{0};                           ///< wakes up by itself so often; 0: only when it is woken
     bool is_source = false;                          ///< by nothing else
+    nanoseconds phase{0};                            ///< a source's first wake-up
     bool is_real_time = false;                       ///< where that is permitted
     double share = 1;                                ///< of its own wake-ups, how many wake the next
     std::vector<Station*> next;                      ///< whom it wakes
-    std::vector<Clock::time_point>* flips = nullptr; ///< when it was woken
+    bool is_display = false;                         ///< what it wakes flips a frame
+    std::vector<Clock::time_point>* flips = nullptr; ///< when it did
 
     Work work; ///< none: it only wakes
 
     std::mutex mutex;
     std::condition_variable woken;
     int news = 0;
-    Block block;     ///< handed over with the news
-    Block in_device; ///< of the last station
+    bool flip_due = false; ///< with the news
+    Block block;           ///< handed over with the news
+    Block in_device;       ///< of the last station
 
-    void wake(const Block& from, const Work& how)
+    void wake(const Station& waker)
     {
         {
             const std::lock_guard<std::mutex> lock(mutex);
-            if (how)
-                how(from, block);
+            if (waker.work)
+                waker.work(waker.block, block);
+            flip_due = flip_due || waker.is_display;
             ++news;
         }
         woken.notify_one();
@@ -82,9 +86,15 @@ struct Station {
     {
         const std::lock_guard<std::mutex> lock(mutex);
         for (Station* station : next)
-            station->wake(block, work);
+            station->wake(*this);
         if (next.empty() && work)
             work(block, in_device);
+    }
+
+    bool takes_flip()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return std::exchange(flip_due, false);
     }
 
     /// @return whether somebody woke it.
@@ -108,10 +118,10 @@ struct Station {
         if (is_real_time)
             pthread_setschedparam(pthread_self(), SCHED_RR, &highest);
         double credit = 0;
-        for (auto due = Clock::now(); g_running; due += period) {
+        for (auto due = Clock::now() + phase; g_running; due += period) {
             if (!sleep(due))
                 continue;
-            if (flips != nullptr)
+            if (flips != nullptr && takes_flip())
                 flips->push_back(Clock::now());
             credit += share;
             while (credit >= 1) {
@@ -251,13 +261,18 @@ void add_sound(Stations& stations, const char* signal, const Works& works)
 
 // --- Pictures -----------------------------------------------------------------
 
-// The host's frames, which wake the pacing, and the vertical blanks at which it flips them.
-void add_pictures(Stations& stations, int fps, std::vector<Clock::time_point>* flips)
+// The host's frames, and the vertical blanks of a display as fast, which have them flipped. A frame wakes the pacing
+// when it comes, or the pacing expects it.
+void add_pictures(Stations& stations, int fps, bool expected, std::vector<Clock::time_point>* flips)
 {
     Station& host = stations.add("host_video", nullptr, {}, kSecond / fps);
-    host.share = 0; // a frame waits already
     Station& display = stations.add("av_sync", nullptr, {}, kSecond / fps);
-    stations.add("aysync_logic", &display, {}).flips = flips;
+    display.phase = kSecond / fps / 2;
+    display.is_display = true;
+    Station& pacing = stations.add("aysync_logic", &display, {});
+    pacing.flips = flips;
+    if (!expected)
+        host.next.push_back(&pacing);
 }
 
 void print_flip_errors(const std::vector<Clock::time_point>& flips, int fps)
@@ -277,14 +292,16 @@ void print_flip_errors(const std::vector<Clock::time_point>& flips, int fps)
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [sound]\n");
+        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [sound] [expected]\n");
         return 2;
     }
     const int fps = atoi(argv[2]);
     int rate = kOutputRate;
     bool sound = false;
+    bool expected = false;
     for (const std::string& option : std::vector<std::string>(argv + 3, argv + argc)) {
         sound = sound || option == "sound";
+        expected = expected || option == "expected";
         if (option.rfind("rate=", 0) == 0)
             rate = atoi(option.c_str() + 5);
     }
@@ -293,7 +310,7 @@ int main(int argc, char** argv)
     Stations stations;
     add_sound(stations, argv[1], sound ? make_works(argv[1], rate) : Works());
     if (fps > 0)
-        add_pictures(stations, fps, &flips);
+        add_pictures(stations, fps, expected, &flips);
     stations.start();
     printf("running\n");
     fflush(stdout);
