@@ -92,8 +92,9 @@ def run_load(command, seconds, environment=None):
 
 @contextlib.contextmanager
 def busy_processors():
-    """Something computes on each of them, at normal priority."""
-    others = [subprocess.Popen(["sh", "-c", "while :; do :; done"]) for _ in range(os.cpu_count())]
+    """Something computes on each of them, at normal priority; not longer than this program lives."""
+    compute = ["setpriv", "--pdeathsig", "KILL", "sh", "-c", "while :; do :; done"]
+    others = [subprocess.Popen(compute) for _ in range(os.cpu_count())]
     try:
         yield
     finally:
@@ -160,13 +161,13 @@ def thread_table(runs):
 def floor_table(output):
     rows = collections.OrderedDict()
     for line in output.splitlines():
-        name, who, median, low, high = line.split(";")
-        rows.setdefault(name, []).append((who, float(median), low, high))
-    lines = ["| path | player, ns | beside it, ns | ratio |", "|---|---|---|---|"]
+        name, who, median, low, high, ratio = line.split(";")
+        rows.setdefault(name, []).append((who, median, low, high, ratio))
+    lines = ["| path | player, ns | beside it, ns | ratio, round by round |", "|---|---|---|---|"]
     for name, (own, *others) in rows.items():
-        beside = ", ".join(f"{who} {median:.0f} ({low} to {high})" for who, median, low, high in others)
-        ratios = ", ".join(f"{own[1] / median:.2f}" for _, median, *_ in others if median)
-        lines.append(f"| {name} | {own[1]:.0f} ({own[2]} to {own[3]}) | {beside} | {ratios} |")
+        beside = ", ".join(f"{who} {median} ({low} to {high})" for who, median, low, high, _ in others)
+        ratios = ", ".join(ratio for *_, ratio in others)
+        lines.append(f"| {name} | {own[1]} ({own[2]} to {own[3]}) | {beside} | {ratios} |")
     return lines
 
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // What the paths of every block cost beside what they cannot go below, and beside what a user would take instead. The
-// rows take turns, so that what disturbs the machine disturbs all. Prints a line "row,who,median,lowest,highest" each,
-// in nanoseconds of processor time.
+// rows take turns, so that what disturbs the machine disturbs all. Prints a line "row;who;median;lowest;highest;ratio"
+// each, in nanoseconds of processor time. The ratio is the player's time by this one, the median of those of the
+// rounds: it is steadier than the times.
 #include <glib.h>
 #include <pthread.h>
 
@@ -380,6 +381,21 @@ struct Row {
     std::vector<double> ns = {};
 };
 
+double median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+/// The median of @p player's times by @p other's of the same rounds.
+double median_ratio(const Row& player, const Row& other)
+{
+    std::vector<double> ratios;
+    for (size_t round = 0; round < other.ns.size(); ++round)
+        ratios.push_back(player.ns[round] / other.ns[round]);
+    return median(ratios);
+}
+
 } // namespace
 
 int main()
@@ -413,10 +429,12 @@ int main()
     for (int round = 0; round < kRounds; ++round)
         for (Row& row : rows)
             row.ns.push_back(row.run());
-    for (Row& row : rows) {
-        std::sort(row.ns.begin(), row.ns.end());
-        printf("%s;%s;%.0f;%.0f;%.0f\n", row.name.c_str(), row.who.c_str(), row.ns[kRounds / 2], row.ns.front(),
-               row.ns.back());
+    const Row* player = nullptr; // the first row of each name
+    for (const Row& row : rows) {
+        player = player != nullptr && player->name == row.name ? player : &row;
+        const auto [lowest, highest] = std::minmax_element(row.ns.begin(), row.ns.end());
+        printf("%s;%s;%.0f;%.0f;%.0f;%.2f\n", row.name.c_str(), row.who.c_str(), median(row.ns), *lowest, *highest,
+               median_ratio(*player, row));
     }
     return 0;
 }
