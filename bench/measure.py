@@ -242,9 +242,10 @@ def machine():
             f"Linux {platform.release()}, load before the first round {load}")
 
 
-def frames_expected(run, fps):
-    """Whether frames wake the player's pacing when they come is drawn at each start: the bare threads do as it did."""
-    return ["expected"] if run.threads["aysync_logic"][1] < 1.5 * fps else []
+def frames_queued(run, fps):
+    """Whether frames come while others wait is drawn at each start. Only the others wake the pacing when they come: the bare
+    threads do as the player did."""
+    return ["queued"] if run.threads["aysync_logic"][1] < 1.5 * fps else []
 
 
 def measure_work(options):
@@ -264,7 +265,7 @@ def measure_work(options):
                 say(options, number, work)
                 run = run_load([player, *arguments], options.seconds)
                 runs[work, "player"].append(run)
-                bare = [wakeups, *arguments, *frames_expected(run, int(arguments[1]))]
+                bare = [wakeups, *arguments, *frames_queued(run, int(arguments[1]))]
                 runs[work, "wakeups"].append(run_load(bare, options.seconds))
                 runs[work, "sound"].append(run_load([*bare, "sound"], options.seconds))
                 if os.path.exists(peer):

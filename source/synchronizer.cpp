@@ -36,8 +36,6 @@ using pacing::subtract;
 constexpr uint64_t kIdleWaitUs = 10000;
 /// An early frame is looked at again after so long, even if its time has not come and vertical blanks come no more.
 constexpr int64_t kLongestWaitUs = 100000;
-/// A frame that is expected is looked for so much before its time: time stamps are uneven.
-constexpr int64_t kExpectedEarlierUs = 1000;
 /// Without a frame for so long nobody needs vertical blanks. The next frame begins a new sequence then.
 constexpr uint64_t kNoFrameNs = 1000000000;
 
@@ -259,26 +257,6 @@ bool is_worth_a_step(sync_strategy_info_t& sync) REQUIRES(sync.sync_thread_mutex
            pacing::due_at_vsync(pacing::flip_target(release_time, grid), grid);
 }
 
-// Frames waiting; 0 also when the queue does not say.
-int32_t waiting_frames(const sync_strategy_info_t& sync)
-{
-    int32_t count = 0;
-    sync.callback->get_frame_count(sync.callback_handle, &count);
-    return count;
-}
-
-// Now that there is the frame to whose time the sync thread sleeps: it waits for that frame from now on. Whether it can
-// sleep on.
-bool comes_as_expected(sync_strategy_info_t& sync) REQUIRES(sync.sync_thread_mutex)
-{
-    synchronizer_frame_info_t oldest = {};
-    if (waiting_frames(sync) < 1 || !sync.callback->peek_frame(sync.callback_handle, &oldest))
-        return false;
-    reinterpret_cast<oru_player&>(sync).waiting_pts = signed_pts(oldest);
-    sync.sync_thread_wait = E_SYNC_WAIT_TIME;
-    return !is_worth_a_step(sync);
-}
-
 // Whether @p what can change anything for the sync thread.
 bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.sync_thread_mutex)
 {
@@ -289,8 +267,6 @@ bool concerns_sync_thread(sync_strategy_info_t& sync, news what) REQUIRES(sync.s
         return true;
     if (wait == E_SYNC_WAIT_FRAME)
         return what == news::frame;
-    if (wait == E_SYNC_WAIT_EXPECTED)
-        return what == news::frame && !comes_as_expected(sync);
     if (what == news::taken)
         return true;                                     // perhaps the one whose time it waits for
     return what != news::frame && is_worth_a_step(sync); // one that was queued is behind the oldest
@@ -362,26 +338,21 @@ void end_thread(pthread_t& thread, mutex_t& mutex, pthread_cond_t& cond, std::at
 
 // --- Threads --------------------------------------------------------------------
 
-bool is_paced(const sync_strategy_info_t& sync)
+// Frames waiting; 0 also when the queue does not say.
+int32_t waiting_frames(const sync_strategy_info_t& sync)
 {
-    return sync.state == E_SYNC_STATE_START && sync.mode == E_SYNC_MODE_AUDIO_MASTER;
+    int32_t count = 0;
+    sync.callback->get_frame_count(sync.callback_handle, &count);
+    return count;
 }
 
 // Without a frame a step does nothing. A frame that could not be read is tried again; a step that finds no strategy for
 // the mode reports that, again and again.
-void sleep_without_frame(sync_strategy_info_t& sync)
+uint64_t idle_wait_us(const sync_strategy_info_t& sync)
 {
     const bool frames_are_shown =
-        sync.state != E_SYNC_STATE_START || sync.mode == E_SYNC_MODE_FREERUN || is_paced(sync);
-    if (!frames_are_shown || steps_are_logged(sync) || waiting_frames(sync) > 0) {
-        wait_for_news(sync, E_SYNC_WAIT_FRAME, kIdleWaitUs);
-        return;
-    }
-    const int64_t to_next = subtract(reinterpret_cast<const oru_player&>(sync).waiting_until, system_time_us());
-    if (is_paced(sync) && within(to_next, 1, kLongestWaitUs))
-        wait_for_news(sync, E_SYNC_WAIT_EXPECTED, static_cast<uint64_t>(to_next));
-    else
-        wait_for_news(sync, E_SYNC_WAIT_FRAME, kNoLimit);
+        sync.state != E_SYNC_STATE_START || sync.mode == E_SYNC_MODE_FREERUN || sync.mode == E_SYNC_MODE_AUDIO_MASTER;
+    return frames_are_shown && !steps_are_logged(sync) && waiting_frames(sync) == 0 ? kNoLimit : kIdleWaitUs;
 }
 
 void* handle_sync_logic(void* arg)
@@ -399,7 +370,7 @@ void* handle_sync_logic(void* arg)
     }
     while (!sync.sync_thread_exit) {
         if (!sync.on_sync_logic(arg))
-            sleep_without_frame(sync);
+            wait_for_news(sync, E_SYNC_WAIT_FRAME, idle_wait_us(sync));
     }
     log_i("handle_sync_logic thread exit\n");
     return nullptr;
@@ -487,7 +458,6 @@ void forget_history(oru_player& player)
 {
     player.last_frame.fd = 0;
     player.last_frame.pts = static_cast<uint64_t>(kUnset);
-    player.waiting_until = kUnset;
     player.base.last_vsync_system_time = kUnset;
     player.base.last_flip_system_time = kUnset;
 }
@@ -673,15 +643,6 @@ void flip_paced(oru_player& player, synchronizer_frame_info_t& frame)
                llu(frame.pts), frame.fd, lli(subtract(flip_time, last_flip_time)), lli(flip_time));
 }
 
-// Where a frame waited, and a vertical blank had it shown before its time came, the next one will be shown so as well
-// if it is as long. A little before its time the sync thread looks in any case.
-void expect_next(oru_player& player, int64_t now, int64_t delay)
-{
-    const bool was_early =
-        player.waiting_pts == signed_pts(player.last_frame) && subtract(player.frame_timer, now) > kExpectedEarlierUs;
-    player.waiting_until = was_early ? subtract(add_saturated(player.frame_timer, delay), kExpectedEarlierUs) : kUnset;
-}
-
 // Shows the frame, or the first of its successors that is not late as well. A
 // host that queues a frame for each that is dropped could be late for ever:
 // a stop ends that too.
@@ -700,7 +661,6 @@ void pace(oru_player& player, synchronizer_frame_info_t frame)
         synchronizer_frame_info_t next = {};
         if (!dropped_late(player, frame, next, now)) {
             flip_paced(player, frame);
-            expect_next(player, now, delay);
             return;
         }
         frame = next;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -38,7 +39,9 @@ namespace
 
 std::atomic<int64_t> g_allocations{0};
 std::atomic<int64_t> g_long_holds{0};
-thread_local bool t_host = false; ///< a thread of the test's own
+std::atomic<int64_t> g_long_samples{0}; ///< the same of the sample's thread
+thread_local bool t_host = false;       ///< a thread of the test's own
+thread_local bool t_sample = false;
 
 // The library is part of this program; what the platform's and FFmpeg's libraries do is not counted.
 bool is_ours(const void* caller) { return caller >= &__executable_start && caller < &etext; }
@@ -94,7 +97,7 @@ void end_hold(const pthread_mutex_t* mutex)
         const bool waited = waits_of_this_thread() != hold.waits;
         if (clock_ns(CLOCK_THREAD_CPUTIME_ID) - hold.cpu_ns > kLongestHoldNs ||
             (waited && clock_ns(CLOCK_MONOTONIC) - hold.ns > kLongestHoldNs))
-            ++g_long_holds;
+            ++(t_sample ? g_long_samples : g_long_holds);
         return;
     }
 }
@@ -231,6 +234,54 @@ int64_t page_faults()
     return sum;
 }
 
+/// A thread that holds a mutex for a third of the limit, 200 times a second. Where that is long, the machine takes its
+/// processors away from those that compute: the player may hold its mutexes for long as often.
+class Sample
+{
+public:
+    Sample() : thread_([this] { run(); }) {}
+    ~Sample()
+    {
+        running_ = false;
+        thread_.join();
+    }
+    Sample(const Sample&) = delete;
+    Sample& operator=(const Sample&) = delete;
+
+private:
+    static void compute(int64_t rounds)
+    {
+        for (volatile int64_t i = 0; i < rounds;)
+            i = i + 1;
+    }
+    static int64_t rounds_of(int64_t ns)
+    {
+        constexpr int64_t kRounds = 100'000;
+        int64_t shortest_ns = INT64_MAX;
+        for (int i = 0; i < 10; ++i) {
+            const int64_t begin_ns = clock_ns(CLOCK_THREAD_CPUTIME_ID);
+            compute(kRounds);
+            shortest_ns = std::min(shortest_ns, clock_ns(CLOCK_THREAD_CPUTIME_ID) - begin_ns);
+        }
+        return kRounds * ns / shortest_ns;
+    }
+    void run()
+    {
+        t_host = t_sample = true;
+        const int64_t rounds = rounds_of(kLongestHoldNs / 3);
+        while (running_) {
+            pthread_mutex_lock(&mutex_);
+            compute(rounds);
+            pthread_mutex_unlock(&mutex_);
+            std::this_thread::sleep_for(5ms);
+        }
+    }
+
+    std::atomic<bool> running_{true};
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    std::thread thread_;
+};
+
 class Steady : public testing::TestWithParam<Work>
 {
 };
@@ -273,18 +324,23 @@ TEST_P(Steady, AllocatesNothingTouchesNoNewPageAndHoldsNoMutexForLong)
     });
     // A machine that is busy makes a queue grow late. A player that does such a thing for each block has no such
     // second.
-    EXPECT_TRUE(eventually(
-        [&] {
-            const int64_t allocations = g_allocations;
-            const int64_t faults = page_faults();
-            const int64_t holds = g_long_holds;
-            const int before = blocks, flipped = g_flipped;
-            std::this_thread::sleep_for(1s);
-            return g_allocations == allocations && page_faults() == faults && g_long_holds == holds &&
-                   g_flipped > flipped + 10 && (work.raw || blocks > before + 10);
-        },
-        60s))
-        << g_allocations << " allocations, " << page_faults() << " page faults, " << g_long_holds << " long holds";
+    {
+        const Sample sample;
+        EXPECT_TRUE(eventually(
+            [&] {
+                const int64_t allocations = g_allocations;
+                const int64_t faults = page_faults();
+                const int64_t holds = g_long_holds, samples = g_long_samples;
+                const int before = blocks, flipped = g_flipped;
+                std::this_thread::sleep_for(1s);
+                return g_allocations == allocations && page_faults() == faults &&
+                       g_long_holds - holds <= g_long_samples - samples && g_flipped > flipped + 10 &&
+                       (work.raw || blocks > before + 10);
+            },
+            60s))
+            << g_allocations << " allocations, " << page_faults() << " page faults, " << g_long_holds
+            << " long holds; of the sample " << g_long_samples;
+    }
     running = false;
     sound.join();
     video.join();

@@ -263,7 +263,7 @@ void add_sound(Stations& stations, const char* signal, const Works& works)
 
 // The host's frames, and the vertical blanks of a display as fast, which have them flipped. A frame wakes the pacing
 // when it comes, or the pacing expects it.
-void add_pictures(Stations& stations, int fps, bool expected, std::vector<Clock::time_point>* flips)
+void add_pictures(Stations& stations, int fps, bool queued, std::vector<Clock::time_point>* flips)
 {
     Station& host = stations.add("host_video", nullptr, {}, kSecond / fps);
     Station& display = stations.add("av_sync", nullptr, {}, kSecond / fps);
@@ -271,7 +271,7 @@ void add_pictures(Stations& stations, int fps, bool expected, std::vector<Clock:
     display.is_display = true;
     Station& pacing = stations.add("aysync_logic", &display, {});
     pacing.flips = flips;
-    if (!expected)
+    if (!queued)
         host.next.push_back(&pacing);
 }
 
@@ -292,16 +292,16 @@ void print_flip_errors(const std::vector<Clock::time_point>& flips, int fps)
 int main(int argc, char** argv)
 {
     if (argc < 3) {
-        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [sound] [expected]\n");
+        fprintf(stderr, "Usage: bare_wakeups pcm|ac3|eac3 FRAMES_PER_SECOND [rate=HZ] [sound] [queued]\n");
         return 2;
     }
     const int fps = atoi(argv[2]);
     int rate = kOutputRate;
     bool sound = false;
-    bool expected = false;
+    bool queued = false;
     for (const std::string& option : std::vector<std::string>(argv + 3, argv + argc)) {
         sound = sound || option == "sound";
-        expected = expected || option == "expected";
+        queued = queued || option == "queued";
         if (option.rfind("rate=", 0) == 0)
             rate = atoi(option.c_str() + 5);
     }
@@ -310,7 +310,7 @@ int main(int argc, char** argv)
     Stations stations;
     add_sound(stations, argv[1], sound ? make_works(argv[1], rate) : Works());
     if (fps > 0)
-        add_pictures(stations, fps, expected, &flips);
+        add_pictures(stations, fps, queued, &flips);
     stations.start();
     printf("running\n");
     fflush(stdout);

@@ -52,11 +52,7 @@ typedef struct synchronizer_drm_info_s {
     float vrefresh; ///< Hz; not above 0: unknown
 } synchronizer_drm_info_t;
 
-/**
- * The caller's frame queue; true on success. Called from the sync thread with no lock held. Who notifies of a frame may
- * have the frames counted and the oldest peeked at, under `sync_thread_mutex`: these two must not call the
- * synchronizer.
- */
+/// The caller's frame queue. Called from the sync thread with no lock held; true on success.
 typedef struct synchronizer_callback_s {
     bool (*get_frame_count)(void* handle, int32_t* count);
     bool (*peek_frame)(void* handle, synchronizer_frame_info_t* frame); ///< the oldest frame, left in place
@@ -69,7 +65,6 @@ typedef struct synchronizer_callback_s {
 typedef enum {
     E_SYNC_WAIT_NONE = 0, ///< it does not sleep
     E_SYNC_WAIT_FRAME,    ///< a frame: there is none
-    E_SYNC_WAIT_EXPECTED, ///< the same, to the time of the next one if frames go on as evenly as before
     E_SYNC_WAIT_TIME,     ///< the time of the oldest frame
     E_SYNC_WAIT_AUDIO,    ///< an audio clock that is far behind
 } sync_wait_e;
@@ -118,8 +113,7 @@ typedef struct sync_strategy_info_s {
 /**
  * The handle of the one strategy; a pointer to it is also one to its base. The
  * pacing history belongs to the sync thread while there is one; while that
- * sleeps for a frame's time, others read it under `sync_thread_mutex`, and put
- * in the frame that came when it was expected.
+ * sleeps for a frame's time, others read it under `sync_thread_mutex`.
  */
 typedef struct sync_strategy_info_Oru_player_s {
     sync_strategy_info_t base;
@@ -127,7 +121,7 @@ typedef struct sync_strategy_info_Oru_player_s {
     int64_t last_frame_system_time = -1;                             ///< when it was taken; -1: never
     int64_t frame_timer = -1;                                        ///< its nominal display time; -1: unset
     int64_t waiting_pts = 0;   ///< of the frame whose time the sync thread sleeps for
-    int64_t waiting_until = 0; ///< system time at which it looks again by itself; -1: no frame is expected
+    int64_t waiting_until = 0; ///< system time at which it looks again by itself
 } sync_strategy_info_Oru_player_t;
 
 /// A new synchronizer, or null for a player without strategy or without memory.

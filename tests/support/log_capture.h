@@ -10,6 +10,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "eventually.h"
+#include "internal/common.h"
+
 /// Sets the highest level that is printed for a scope. The environment changes: no other thread may log meanwhile.
 class LogLevel
 {
@@ -34,6 +37,12 @@ private:
 /// The console output of @p action.
 template <typename Action> std::string printed(Action action)
 {
+    // What the library could not print, since nobody read the output, belongs to what was before.
+    EXPECT_TRUE(eventually([] {
+        if (g_console_behind)
+            console_catch_up();
+        return !g_console_behind;
+    }));
     testing::internal::CaptureStdout();
     action();
     return testing::internal::GetCapturedStdout();
