@@ -58,8 +58,8 @@ struct Station {
     bool is_real_time = false;                       ///< where that is permitted
     double share = 1;                                ///< of its own wake-ups, how many wake the next
     std::vector<Station*> next;                      ///< whom it wakes
-    bool is_display = false;                         ///< what it wakes flips a frame
-    std::vector<Clock::time_point>* flips = nullptr; ///< when it did
+    bool is_display = false;                         ///< its wake-ups are those that flip
+    std::vector<Clock::time_point>* flips = nullptr; ///< when a display woke it
 
     Work work; ///< none: it only wakes
 
@@ -262,7 +262,7 @@ void add_sound(Stations& stations, const char* signal, const Works& works)
 // --- Pictures -----------------------------------------------------------------
 
 // The host's frames, and the vertical blanks of a display as fast, which have them flipped. A frame wakes the pacing
-// when it comes, or the pacing expects it.
+// when it comes, unless another one waits already.
 void add_pictures(Stations& stations, int fps, bool queued, std::vector<Clock::time_point>* flips)
 {
     Station& host = stations.add("host_video", nullptr, {}, kSecond / fps);
