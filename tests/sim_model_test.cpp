@@ -10,6 +10,7 @@
 #include <random>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "capture_ring.h"
 #include "latch.h"
@@ -268,6 +269,7 @@ struct ReservedOutput {
     int queued = 0;
     int left_out = 0;
     int silence = 0;
+    double stall_in_write_ms = 0;                       ///< the next one
     std::function<double()> late_ms = [] { return 0; }; ///< by which a block comes late
 
     explicit ReservedOutput(double late_ms = 0)
@@ -302,6 +304,7 @@ struct ReservedOutput {
         left_out += advice.leave_out;
         silence += advice.silence;
         pass(std::max(queued - kCapacity, 0) / 48.0);
+        pass(std::exchange(stall_in_write_ms, 0));
         reserve.after_write(ns());
     }
     void play(int periods)
@@ -391,6 +394,33 @@ TEST(OutputReserve, BringsTheSoundBackToItsPlaceWithinThreeSeconds)
     began_full.lose(-300);
     began_full.play(kThreeSeconds);
     EXPECT_NEAR(began_full.latency_ms(), usual, kInPlaceMs);
+
+    ReservedOutput always_full; // until its host pauses, so that the device plays all that it holds
+    always_full.reserve = {};
+    always_full.open();
+    always_full.lose(-300);
+    always_full.play(2 * kThreeSeconds);
+    always_full.pass(1200 + ReservedOutput::kHeldBackMs);
+    always_full.due_ms = always_full.now_ms - ReservedOutput::kHeldBackMs;
+    always_full.play(kThreeSeconds);
+    EXPECT_NEAR(always_full.latency_ms(), usual, kInPlaceMs);
+    EXPECT_EQ(always_full.silence, 0);
+
+    for (const double ms : {150, 300, 700}) {
+        for (const bool in_write : {false, true}) {
+            SCOPED_TRACE(std::to_string(ms) + (in_write ? " in the first write" : " behind the first writes"));
+            ReservedOutput stalled; // before anything was known
+            stalled.reserve = {};
+            stalled.open();
+            stalled.stall_in_write_ms = in_write ? ms : 0;
+            stalled.play(3);
+            stalled.pass(in_write ? 0 : ms);
+            stalled.play(kThreeSeconds);
+            EXPECT_NEAR(stalled.latency_ms(), usual, 3 * kInPlaceMs);
+            EXPECT_TRUE(stalled.silence == 0 && stalled.left_out <= ms * 48)
+                << stalled.silence << " " << stalled.left_out;
+        }
+    }
 
     for (const double ms : {100, 500, 2000}) {
         SCOPED_TRACE(ms);

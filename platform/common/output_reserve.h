@@ -29,6 +29,14 @@ namespace clocks
  * target. The usual target follows the target slowly: while sound is lost, the decoder gives silence 50 ms late, the
  * device holds that much less, and what comes back behind it is no excess.
  *
+ * A device that was full from the start on either belongs to a host that writes ahead, or to one that was late at
+ * first. Nothing tells them apart, and nothing is left out. When it runs empty, no silence fills it: the former fills
+ * it by itself, and the latter is in its place again.
+ *
+ * Where the writing thread stands still before anything is known, as when a codec powers up in the first writes, what
+ * follows is late by no more than that time. Of it is left out what goes beyond the 76 ms for which the player holds
+ * back a sequence, and which the device holds in its place.
+ *
  * A device that is opened again at once keeps its usual target until it has its own. Its first blocks count neither as
  * late nor as lost, since each sequence begins with another phase.
  *
@@ -52,7 +60,7 @@ public:
         if (usual_target_ != kUnknown)
             forget_median();
         refilling_ = written_ = false;
-        to_leave_out_ = windows_too_high_ = 0;
+        to_leave_out_ = late_at_start_ = windows_too_high_ = 0;
         begin_window();
     }
 
@@ -64,14 +72,22 @@ public:
         const int64_t half_ns = frames * kNsPerSecond / rate_ / 2;
         const int64_t paused_ns = now_ns - write_returned_ns_;
         has_room_until_ns_ = now_ns + half_ns;
+        note_stall(now_ns, 2 * half_ns, queued);
         // After a pause, what has gathered meanwhile is still to follow.
         if (queued <= 0 && (!refilling_ || paused_ns > 3 * half_ns)) {
+            forget_full();
             refilling_ = target_ != kUnknown && written_;
             to_leave_out_ = writes_since_empty_ = 0;
             begin_window();
         }
         if (to_leave_out_ > 0)
             return leave_out(std::min(frames, to_leave_out_));
+        if (late_at_start_ > 0 && now_ns < stall_noted_until_ns_ && queued > held_back() + frames + tolerance()) {
+            const int late = std::min({frames, queued - held_back(), late_at_start_});
+            late_at_start_ -= late;
+            begin_window();
+            return {late, 0};
+        }
         blocks_equal_ = blocks_equal_ && (!refilling_ || frames == block_frames_);
         block_frames_ = refilling_ ? block_frames_ : frames;
         const bool at_once = paused_ns < half_ns;
@@ -110,6 +126,10 @@ private:
     static constexpr size_t kWindowsToKnow = 3;
     /// After as many it is seen what the device holds again.
     static constexpr int kSettlingWrites = 10;
+    /// The player, each sequence.
+    static constexpr int kHeldBackMs = 76;
+    /// More than the player holds back the next sequence by.
+    static constexpr int64_t kStallNs = kNsPerSecond / 10;
     /// More than sequences differ by.
     static constexpr int kTooHighMs = 40;
     /// What clocks that are not matched drift apart by in one window.
@@ -121,6 +141,8 @@ private:
 
     /// What blocks differ by in length and time.
     int tolerance() const { return rate_ / 100; }
+
+    int held_back() const { return rate_ * kHeldBackMs / 1000; }
 
     /// The same, as far as the latest windows tell it: with a steady source much less.
     int spread() const
@@ -175,6 +197,30 @@ private:
             usual_target_ = usual_target_ == kUnknown ? target_
                                                       : std::clamp(target_, usual_target_ - rate_ / kUsualFallPerRate,
                                                                    usual_target_ + rate_ / kUsualRisePerRate);
+    }
+
+    // A write that found the device empty, and the one after it, tell how long the writer stood still in or behind it.
+    void note_stall(int64_t now_ns, int64_t block_ns, int queued)
+    {
+        const int64_t stood_ns = now_ns - asked_ns_;
+        const bool empty = queued <= 0 || was_empty_;
+        asked_ns_ = now_ns;
+        was_empty_ = queued <= 0;
+        const bool writes_ahead = was_full_ || full_writes_ > 1;
+        if (target_ != kUnknown || writes_ahead || !written_ || !empty || stood_ns < kStallNs + block_ns)
+            return;
+        late_at_start_ = static_cast<int>(std::min(stood_ns, kNsPerSecond) * rate_ / kNsPerSecond);
+        stall_noted_until_ns_ = now_ns + kEpisodeNs;
+    }
+
+    // Who writes ahead fills the device again. Where others did not, silence would only make late what follows.
+    void forget_full()
+    {
+        if (!was_full_)
+            return;
+        target_ = usual_target_;
+        was_full_ = false;
+        forget_median();
     }
 
     void forget_median()
@@ -237,6 +283,10 @@ private:
     bool blocks_equal_ = true;                   ///< all blocks of this window are as long
     int full_writes_ = 0;                        ///< of this window, those for which there was no room
     bool written_ = false;                       ///< since the opening
+    int64_t asked_ns_ = 0;                       ///< when the last write began
+    bool was_empty_ = false;                     ///< the device, then
+    int late_at_start_ = 0;                      ///< frames that may be late, while no target is known
+    int64_t stall_noted_until_ns_ = 0;           ///< and for how long that holds
     int64_t has_room_until_ns_ = 0;              ///< a write that returns later had to wait for room
     int64_t closed_ns_ = 0;                      ///< when the device was
     int64_t write_returned_ns_ = 0;              ///< when the last write did
