@@ -205,6 +205,12 @@
  * processing delays the sound, this is decided behind it. A product also fades
  * from the first block that is thrown away into the one that is played.
  *
+ * A reset does not empty the playback device. Where it holds more than 76 ms, as
+ * when blocks of a machine that was busy all came at once, the new sequence is
+ * late by the rest. So where a reset that the host asked for did not help, it asks
+ * for another one, and gives blocks back unwritten until that has come: the
+ * device has played by then what it held.
+ *
  * Frames are stamped by the wall clock. Setting it while frames are in the queue
  * breaks the sync for good, unless the player resets. So the host notices it (a
  * timerfd with TFD_TIMER_CANCEL_ON_SET), renders one more frame, with which the

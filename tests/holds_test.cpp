@@ -630,6 +630,26 @@ TEST(PlanWatch, AsksForFewResetsWhereTheyDoNotHelp)
     EXPECT_LE(times, 4 + 10);
 }
 
+TEST(PlanWatch, LetsTheOutputPlayWhatItHoldsBeforeTheNextResetWhereOneDidNotHelp)
+{
+    PlanWatch watch;
+    const auto begins_with_old_sound = [&](int64_t now_ns, int64_t old_us) {
+        watch.reset(now_ns);
+        for (int64_t pts_us = 0; pts_us < 200'000; pts_us += 20'000)
+            watch.block(pts_us, now_ns + (pts_us - old_us) * 1000, pts_us == 0);
+        return watch.left(now_ns + 400 * kMs);
+    };
+    ASSERT_TRUE(begins_with_old_sound(1000 * kMs, 100'000));
+    EXPECT_FALSE(watch.silences(1500 * kMs));
+    ASSERT_TRUE(begins_with_old_sound(3000 * kMs, 200'000));
+    EXPECT_TRUE(watch.silences(3500 * kMs));
+    EXPECT_FALSE(watch.silences(6000 * kMs)) << "no reset came";
+    watch.reset(4500 * kMs);
+    EXPECT_FALSE(watch.silences(4501 * kMs));
+    ASSERT_TRUE(begins_with_old_sound(60'000 * kMs, 100'000)) << "long ago";
+    EXPECT_FALSE(watch.silences(60'500 * kMs));
+}
+
 TEST(FrameBreak, LetsOneFrameThroughAndThenNoneForMoreThanASecondOrUntilAReset)
 {
     for (const int64_t reset_ns : {INT64_MAX, 1020 * kMs}) {

@@ -24,6 +24,7 @@ public:
         pictures_.start(now_ns);
         reset_ns_ = now_ns;
         sound_known_ = left_ = false;
+        silent_until_ns_ = 0;
     }
 
     /// A block that may be played was taken, of a sequence that was @p begun by it.
@@ -56,9 +57,16 @@ public:
     {
         if (!left_ || now_ns < paid_ns_ - kAtOnce * kEachNs)
             return false;
+        if (now_ns < paid_ns_)
+            silent_until_ns_ = now_ns + kSilenceNs;
         paid_ns_ = std::max(paid_ns_, now_ns) + kEachNs;
         return left_.exchange(false);
     }
+
+    /// Whether blocks are to be thrown away: a reset did not help a few seconds ago, and there will be another one.
+    /// Sound that waits in the output lies ahead of each new sequence, and delays it by what goes beyond the 76 ms for
+    /// which the player holds its first block. Without new sound it has been played by then.
+    bool silences(int64_t now_ns) const { return now_ns < silent_until_ns_; }
 
 private:
     /// Sound that was not written for longer has paused.
@@ -66,8 +74,11 @@ private:
     /// There is one in that time, and so many more at once.
     static constexpr int64_t kEachNs = 10'000'000'000;
     static constexpr int64_t kAtOnce = 3;
+    /// In that time a reset comes that is asked for.
+    static constexpr int64_t kSilenceNs = 1'500'000'000;
 
     int64_t paid_ns_ = 0; ///< when their time is over
+    std::atomic<int64_t> silent_until_ns_{0};
     std::atomic<bool> left_{false};
     std::atomic<int64_t> written_ns_{0};
     std::mutex mutex_;

@@ -336,14 +336,17 @@ void Host::play_block(const hdmi_player_audio_frame_t& block)
     int32_t serial_before = serial_;
     bool first = audio_account_.written == 0 && line_.empty();
     audio_account_.pulled += frames;
-    if (!belongs_to_new_sequence(block.serial)) {
+    const bool silenced = plan_.silences(taken_ns_);
+    if (!belongs_to_new_sequence(block.serial) || silenced) {
+        silenced_ = silenced_ || silenced;
         audio_account_.discarded += frames;
         audio_account_.cut_off += audio_account_.written > 0 ? frames : 0;
         return;
     }
+    const bool begins = std::exchange(silenced_, false) || first || block.serial != serial_before;
     if (has_plan())
-        plan_.block(block.pts, taken_ns_, first || block.serial != serial_before);
-    if (first || block.serial != serial_before) {
+        plan_.block(block.pts, taken_ns_, begins);
+    if (begins) {
         if (now_ns() - first_reset_ns_ < kStartNs)
             audio_account_.cut_off_at_start = audio_account_.written;
         line_.start(block.pts + decoder_start_us(*source_), block.sample_rate);

@@ -193,9 +193,10 @@ private:
     bool waited_ = false;                ///< for the last block, which did not wait for the host then
     AudioAccount audio_account_;
     int64_t resets_seen_ = 0;
-    int32_t serial_ = 0;   ///< of the last block; a player's first sequence is number 0
-    bool wait_for_serial_; ///< blocks of serial_ are stale
-    int64_t taken_ns_ = 0; ///< when the last block was taken
+    int32_t serial_ = 0;    ///< of the last block; a player's first sequence is number 0
+    bool wait_for_serial_;  ///< blocks of serial_ are stale
+    bool silenced_ = false; ///< blocks were thrown away for PlanWatch::silences()
+    int64_t taken_ns_ = 0;  ///< when the last block was taken
 };
 
 /// Slots that the player's video queue needs, see hdmi_player_config_t::video_frame_queue_size.

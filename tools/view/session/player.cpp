@@ -174,7 +174,7 @@ void Player::sound_thread()
         if (hdmi_player_get_pcm(&block, kPullTimeoutMs) != 0)
             continue;
         const int64_t taken_ns = common::now_ns();
-        if (may_play(block->serial))
+        if (may_play(block->serial) && !plan_->silences(taken_ns))
             play(block, taken_ns, taken_ns - asked_ns >= kAtOnceNs);
         hdmi_player_put_pcm(block);
     }
